@@ -1,0 +1,105 @@
+// The host system below the library: time, waits, threads, messages. Every sleep, tick and timed wait of the library
+// goes through here, so that a test can run the clock faster.
+#pragma once
+#include <atomic>
+#include <cstdint>
+#include <memory>
+
+namespace platform {
+
+// Results of a wait, with the numbers that the driver interface uses.
+constexpr uint32_t WAIT_SIGNALLED = 0;
+constexpr uint32_t WAIT_TIMED_OUT = 258;
+constexpr uint32_t WAIT_FOREVER = 0xFFFFFFFFu;
+
+// --- time (any thread) ---------------------------------------------------------------------------------------------
+
+uint32_t Ticks();            // milliseconds since some start; wraps as an unsigned 32-bit number
+void SleepMs(uint32_t ms);   // blocks the calling thread
+
+struct LocalTime { int iYear, iMonth, iDay, iHour, iMinute, iSecond, iMillisecond; };
+LocalTime LocalNow();        // the host's wall clock; not changed by SetClockRate
+
+// Tests only: lets Ticks, SleepMs and all timed waits run `rate` times as fast. 1.0 is real time.
+void SetClockRate(double rate);
+double ClockRate();
+
+// --- auto-reset events and the semaphore of the frame exchange ------------------------------------------------------
+
+using EventHandle = void*;   // on Windows a kernel handle
+EventHandle MakeEvent();     // auto reset, not signalled
+void FreeEvent(EventHandle);
+void SignalEvent(EventHandle);
+uint32_t WaitEvent(EventHandle, uint32_t ms);  // WAIT_SIGNALLED (and reset) or WAIT_TIMED_OUT
+
+// Count 0 at start, maximum 1.
+class Semaphore {
+public:
+    Semaphore();
+    ~Semaphore();
+    Semaphore(const Semaphore&) = delete;
+    Semaphore& operator=(const Semaphore&) = delete;
+    bool Release();              // false when it stands at its maximum
+    uint32_t Wait(uint32_t ms);  // takes one; WAIT_SIGNALLED or WAIT_TIMED_OUT
+private:
+    struct Impl;
+    std::unique_ptr<Impl> m_p;
+};
+
+// --- the lock around one control transfer ---------------------------------------------------------------------------
+
+#if defined(__clang__)
+#  define KOV_TSA(x) __attribute__((x))
+#else
+#  define KOV_TSA(x)
+#endif
+
+// A leaf lock: no other lock may be taken while it is held.
+class KOV_TSA(capability("mutex")) CriticalSection {
+public:
+    CriticalSection();
+    ~CriticalSection();
+    CriticalSection(const CriticalSection&) = delete;
+    CriticalSection& operator=(const CriticalSection&) = delete;
+    void Enter() KOV_TSA(acquire_capability());
+    void Leave() KOV_TSA(release_capability());
+private:
+    struct Impl;
+    std::unique_ptr<Impl> m_p;
+};
+
+class KOV_TSA(scoped_lockable) Lock {
+public:
+    explicit Lock(CriticalSection& cs) KOV_TSA(acquire_capability(cs)) : m_cs(cs) { m_cs.Enter(); }
+    ~Lock() KOV_TSA(release_capability()) { m_cs.Leave(); }
+    Lock(const Lock&) = delete;
+    Lock& operator=(const Lock&) = delete;
+private:
+    CriticalSection& m_cs;
+};
+
+// --- threads --------------------------------------------------------------------------------------------------------
+
+// One thread at a time. Wait may be called any number of times, also after the thread has ended. The destructor waits
+// until the thread has ended: whoever owns a Thread has to see to it that its function returns.
+class Thread {
+public:
+    Thread();
+    ~Thread();
+    Thread(const Thread&) = delete;
+    Thread& operator=(const Thread&) = delete;
+    // False when the system has no thread to give. Waits first for an earlier thread of this object.
+    bool Start(void (*fn)(void*), void* arg);
+    bool Started() const;            // a thread has been started, running or ended
+    uint32_t Wait(uint32_t ms);      // WAIT_SIGNALLED once it has ended (or none was started), or WAIT_TIMED_OUT
+private:
+    struct Impl;
+    std::unique_ptr<Impl> m_p;
+};
+
+// --- messages -------------------------------------------------------------------------------------------------------
+
+// A message box without owner window where the platform has one, a line on standard error elsewhere.
+void ShowMessage(const char* szText, const char* szTitle);
+
+}  // namespace platform

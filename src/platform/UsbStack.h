@@ -1,0 +1,94 @@
+// The lower USB seam: what the library needs of a USB stack. Two stacks exist, libusb and the virtual bus. This header
+// stands alone: it is all that the virtual cameras know of the library.
+#pragma once
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace usbstack {
+
+enum class Status {
+    Ok,
+    Cancelled,   // ended by Abort or by closing the handle
+    Stall,       // endpoint halted, or the device refused the control request
+    TimedOut,
+    Gone,        // device has vanished; every later call on the handle gives this too
+    Busy,        // claimed by another process
+    Access,      // no permission for the device node
+    NoMemory,
+    Failed       // anything else
+};
+
+enum class Speed { Unknown, Full, High, Super };
+
+// A present device. Order of a list: bus number, then port path; it is the same for the same plugs.
+struct DeviceInfo {
+    uint16_t wVendorId = 0, wProductId = 0;
+    uint8_t bBus = 0;
+    uint8_t bAddress = 0;
+    std::string sPortPath;   // "1.4.2"; with the bus it names the socket, not the device
+    std::string sPath;       // opaque name for Open; changes with every plug
+    Speed speed = Speed::Unknown;
+};
+
+// One outstanding bulk request. Owned by the caller, who keeps it and the buffer alive until OnComplete was called.
+struct BulkRequest {
+    uint8_t bEndpoint = 0;
+    uint8_t* pData = nullptr;   // data land here directly
+    uint32_t dwLength = 0;
+    // Called exactly once for every request that SubmitBulk accepted, on the stack's event thread (or inside Abort or
+    // the handle's destructor), with the bytes moved. It must not call into the handle and must not block.
+    void (*OnComplete)(BulkRequest* request, Status status, uint32_t dwBytes) = nullptr;
+    void* pContext = nullptr;   // the caller's own
+    void* pStack = nullptr;     // the stack's own
+};
+
+// An open device. Calls may come from several threads; control requests are already serialised by the caller.
+// Destroying the handle aborts all requests, waits for their completions and releases the device.
+class IDevice {
+public:
+    virtual ~IDevice() = default;
+
+    // Synchronous control transfer, standard and vendor. dwTimeoutMs 0 waits without limit. Moves at most wLength bytes
+    // from or to pData, by bit 7 of bRequestType; *pdwMoved takes the count, also on failure. Blocks.
+    virtual Status Control(uint8_t bRequestType, uint8_t bRequest, uint16_t wValue, uint16_t wIndex, uint8_t* pData,
+                           uint16_t wLength, uint32_t dwTimeoutMs, uint32_t* pdwMoved) = 0;
+
+    // Queues a read behind those already queued on this endpoint; they complete in order. Never blocks. On anything but
+    // Ok nothing is queued and OnComplete is not called. A stack with a memory limit keeps what exceeds it in order and
+    // sends it later: the limit is never an error.
+    virtual Status SubmitBulk(BulkRequest* request) = 0;
+
+    // Returns when every outstanding request of the endpoint has completed: afterwards nothing writes into a buffer.
+    virtual void Abort(uint8_t bEndpoint) = 0;
+
+    // Clears a halt. Requests still outstanding are cancelled first.
+    virtual Status ResetPipe(uint8_t bEndpoint) = 0;
+
+    virtual void SetTransferSize(uint8_t bEndpoint, uint32_t dwSize) = 0;  // hint of the largest single request
+    virtual Status ResetPort() = 0;   // resets the device in place; outstanding requests are cancelled
+    virtual Status CyclePort() = 0;   // the device re-enumerates; the handle is stale afterwards
+    virtual Speed GetSpeed() = 0;
+    virtual uint8_t GetAddress() = 0;
+    virtual int GetAltSetting() = 0;  // of interface 0; -1 when unknown
+};
+
+class IStack {
+public:
+    virtual ~IStack() = default;
+    virtual std::vector<DeviceInfo> Enumerate() = 0;                      // all present devices of the vendor 0x0E5A
+    // The caller owns the result. nullptr: *pStatus tells why. Several handles on one device may be refused with Busy
+    // to other processes; within a process they share the device.
+    virtual IDevice* Open(const std::string& sPath, Status* pStatus) = 0;
+};
+
+// A stack that a preloaded library brings along. The library looks for the symbol KOVUsbStackPlugin (C linkage) in the
+// process at its first use of USB; a non-null result takes the place of libusb for the whole process.
+struct Plugin {
+    uint32_t dwVersion;   // 1
+    IStack* pStack;       // lives to the end of the process
+    double dClockRate;    // how many times faster than real time the library's clock is to run
+};
+using PluginEntry = const Plugin* (*)();
+
+}  // namespace usbstack

@@ -1,0 +1,34 @@
+// Adds the cooler to CCameraBase: power to DA code, a regulator, and the thread that reads the temperature and runs it.
+#pragma once
+#include "core/CCameraBase.h"
+#include "platform/Platform.h"
+
+class KOV_CLASS CCameraCool : public CCameraBase {
+public:
+    CCameraCool(int width, int height);
+    ~CCameraCool() override;  // stops the thread
+
+    struct PID {
+        Shared<float> fErr, fLastErr, fKp, fKi, fKd, fOut, fIntegral, fIntegralMax, fIntegralMin;
+    };
+
+    void SetDA(int code);
+    int CalculDA(float current);
+    int CalculIPerc(int code);
+    void SetPowerPerc(float percent);
+    int GetPowerPerc() const { return static_cast<int>(m_fCoolPowerPerc.Get()); }
+    void PID_init(float kp, float ki, float kd);
+    void AutoTemp(float temperature);  // one regulator step
+    void SetAutoTemp(bool on, float target);
+    void GetAutoTemp(bool* on, float* target) const;
+    bool IsAutoTempWorking() const { return m_bTempThrRun; }
+    void StartAutoTempThr(void* self);
+    void StopAutoTempThr();
+
+    float m_fDAMin = 0, m_fDAMax = 0, m_fCurrentMax = 0, m_fCurrentMin = 0;
+    Shared<int32_t> m_iCurDA;
+    Shared<uint32_t> m_dwLastTempTick;
+    Shared<float> m_fLastTemp;
+    PID m_PID;
+    platform::Thread m_TempThread;
+};

@@ -1,0 +1,110 @@
+// One USB endpoint each, driven through the kernel driver's requests.
+#pragma once
+#include <cstdint>
+#include <memory>
+
+#include "core/Export.h"
+#include "platform/UsbDriver.h"
+
+// The header that precedes every transfer exchanged with the driver; little-endian, packed: part of the wire format.
+#pragma pack(push, 1)
+struct SetupPacket {
+    uint8_t bmRequestType;
+    uint8_t bRequest;
+    uint16_t wValue;
+    uint16_t wIndex;
+    uint16_t wLength;
+    uint32_t dwTimeout;  // seconds
+};
+struct XferRecord {
+    SetupPacket setup;           // control only
+    uint8_t bReserved;
+    uint8_t bEndpointAddress;    // 0 for control
+    uint32_t dwNtStatus;         // filled by the driver
+    uint32_t dwUsbdStatus;       // filled by the driver
+    uint32_t dwIsoPacketOffset;
+    uint32_t dwIsoPacketLength;  // bytes, 8 a packet
+    uint32_t dwBufferOffset;     // 38 when data follow, 0 for direct transfers
+    uint32_t dwBufferLength;
+};
+struct EndPointDescriptor {
+    uint8_t bLength, bDescriptorType, bEndpointAddress, bmAttributes;
+    uint16_t wMaxPacketSize;
+    uint8_t bInterval;
+};
+struct CompanionDescriptor {
+    uint8_t bLength, bDescriptorType, bMaxBurst, bmAttributes;
+    uint16_t wBytesPerInterval;
+};
+struct IsoPacketInfo { uint32_t dwLength, dwStatus; };
+#pragma pack(pop)
+static_assert(sizeof(SetupPacket) == 12 && sizeof(XferRecord) == 38 && sizeof(EndPointDescriptor) == 7);
+
+// Common part. Threads: one endpoint object serves one thread at a time, except that Abort and Reset may come from any.
+class KOV_CLASS CCyUSBEndPoint {
+public:
+    CCyUSBEndPoint(platform::DeviceHandle hDevice, const EndPointDescriptor* pDesc, const CompanionDescriptor* pComp);
+    virtual ~CCyUSBEndPoint() = default;
+    CCyUSBEndPoint(const CCyUSBEndPoint&) = delete;
+    CCyUSBEndPoint& operator=(const CCyUSBEndPoint&) = delete;
+
+    // Start a transfer and return its context, or nullptr when the handle is invalid. Never wait. The buffer must live
+    // until FinishDataXfer; the context is freed there. An event must stand in pOverlapped->hEvent.
+    virtual uint8_t* BeginDirectXfer(uint8_t* pBuf, int32_t iLength, platform::Overlapped* pOverlapped);
+    virtual uint8_t* BeginBufXfer(uint8_t* pBuf, int32_t iLength, platform::Overlapped* pOverlapped);
+    virtual uint8_t* BeginDataXfer(uint8_t* pBuf, int32_t iLength, platform::Overlapped* pOverlapped) = 0;
+    // Fetches the result without waiting and frees the context. *piLength takes the bytes moved.
+    virtual bool FinishDataXfer(uint8_t* pBuf, int32_t* piLength, platform::Overlapped* pOverlapped, uint8_t* pContext,
+                                IsoPacketInfo* pInfos = nullptr);
+
+    bool WaitForXfer(platform::Overlapped* pOverlapped, uint32_t dwTimeoutMs);
+    bool WaitOrAbortXfer(platform::Overlapped* pOverlapped);
+    bool XferData(uint8_t* pBuf, int32_t* piLength, IsoPacketInfo* pInfos = nullptr);  // the synchronous whole
+    bool Abort();  // true always; returns when no request of this endpoint is outstanding
+    bool Reset();
+    void SetXferSize(uint32_t dwSize);
+
+    platform::DeviceHandle m_hDevice;
+    uint8_t m_bLength = 0, m_bDescriptorType = 0, m_bEndpointAddress = 0, m_bmAttributes = 0;
+    uint16_t m_iMaxPktSize = 0;
+    uint16_t m_iMult = 0;
+    uint8_t m_bInterval = 0;
+    uint8_t m_bCompLength = 0, m_bCompDescriptorType = 0, m_bMaxBurst = 0, m_bCompAttributes = 0;
+    uint16_t m_wBytesPerInterval = 0;
+    uint32_t m_iTimeOut = 10000;  // ms
+    uint32_t m_uUsbdStatus = 0, m_uNtStatus = 0, m_uBytesXferred = 0, m_uLastError = 0;
+    bool m_bIn = false;
+    int32_t m_bDirect = 1;
+};
+
+class KOV_CLASS CCyControlEndPoint : public CCyUSBEndPoint {
+public:
+    CCyControlEndPoint(platform::DeviceHandle hDevice, const EndPointDescriptor* pDesc);
+    uint8_t* BeginDataXfer(uint8_t* pBuf, int32_t iLength, platform::Overlapped* pOverlapped) override;
+
+    uint32_t m_iTarget = 0;     // recipient
+    uint32_t m_iReqType = 2;    // vendor
+    uint32_t m_iDirection = 0;  // 0 out, 1 in
+    uint8_t m_iReqCode = 0;
+    uint16_t m_iValue = 0, m_iIndex = 0;
+};
+
+class KOV_CLASS CCyBulkEndPoint : public CCyUSBEndPoint {
+public:
+    using CCyUSBEndPoint::CCyUSBEndPoint;
+    uint8_t* BeginDataXfer(uint8_t* pBuf, int32_t iLength, platform::Overlapped* pOverlapped) override;
+};
+
+class KOV_CLASS CCyInterruptEndPoint : public CCyUSBEndPoint {
+public:
+    using CCyUSBEndPoint::CCyUSBEndPoint;
+    uint8_t* BeginDataXfer(uint8_t* pBuf, int32_t iLength, platform::Overlapped* pOverlapped) override;
+};
+
+class KOV_CLASS CCyIsocEndPoint : public CCyUSBEndPoint {
+public:
+    using CCyUSBEndPoint::CCyUSBEndPoint;
+    uint8_t* BeginDirectXfer(uint8_t* pBuf, int32_t iLength, platform::Overlapped* pOverlapped) override;
+    uint8_t* BeginBufXfer(uint8_t* pBuf, int32_t iLength, platform::Overlapped* pOverlapped) override;
+    uint8_t* BeginDataXfer(uint8_t* pBuf, int32_t iLength, platform::Overlapped* pOverlapped) override;
+};

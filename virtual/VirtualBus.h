@@ -1,0 +1,121 @@
+// The virtual bus: virtual cameras behind the USB-stack seam. In-process use:
+//
+//   kovsim::VirtualBus bus;
+//   kovsim::CameraSettings s;  s.wProductId = 0xC11A;
+//   kovsim::VirtualCamera& cam = bus.Plug(s);
+//   platform::SetUsbStack(&bus);
+//
+// All operations may be called from any thread.
+#pragma once
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "platform/UsbStack.h"
+#include "virtual/Profile.h"
+#include "virtual/Scene.h"
+
+namespace kovsim {
+
+struct CameraSettings {
+    uint16_t wProductId = 0xC11A;
+    int iFirmware = -1;           // -1: the model's default
+    bool bUSB3Host = true;
+    std::string sSerial;          // empty: derived from the seed
+    uint64_t uSeed = 1;           // noise and hot pixels
+    std::shared_ptr<const Scene> scene;  // null: the sky
+    double dAmbient = 20;         // degrees Celsius
+    double dNoise = 1;            // 0 switches all noise off, hot pixels stay
+    int iHotPixels = -1;          // -1: one in 20,000; at known places, see HotPixels()
+    double dLinkMBs = 0;          // limit of the link; 0: none
+    std::string sFlashFile;       // keeps the flash over a power cycle of the process; empty: memory only
+};
+
+// One vendor request as the device saw it.
+struct Request {
+    bool bIn = false;
+    uint8_t bRequest = 0;
+    uint16_t wValue = 0, wIndex = 0, wLength = 0;
+    std::vector<uint8_t> data;    // sent or answered
+    uint64_t uTimeUs = 0;         // device time
+};
+
+enum class FaultKind : uint8_t {
+    ShortFrame,        // arg: bytes left out
+    NoFrame,           // nothing is sent for this frame
+    BadHead, BadTail, BadTag,
+    StallBulk,         // the endpoint halts until reset
+    SlowControl,       // arg: ms that the next control request takes
+    FailControl,       // the next control request stalls; arg: request code, or 0 for any
+    FailRegister,      // writes to register arg are stalled
+    Vanish,            // arg: ms until the camera returns, 0: it stays gone; it returns with another address
+    FlashEraseFails, FlashWriteFails,
+};
+
+struct Fault {
+    FaultKind kind;
+    uint32_t uArg = 0;
+    uint32_t uAfterFrames = 0;    // good frames to be sent first
+    uint32_t uTimes = 1;          // in a row
+};
+
+struct FrameCounters {
+    uint64_t uStarted = 0, uGood = 0, uSpoiled = 0, uAborted = 0;  // aborted: cut off by the host's reset or stop
+};
+
+struct HotPixel { int x, y; double dElectronsPerSecond; };  // at 20 degrees
+
+class VirtualCamera {
+public:
+    virtual ~VirtualCamera() = default;
+    virtual const ModelFacts& Facts() const = 0;
+    virtual const CameraSettings& Settings() const = 0;
+
+    // What the host sent since the last ClearRequests.
+    virtual std::vector<Request> Requests() const = 0;
+    virtual void ClearRequests() = 0;
+    virtual uint16_t SensorReg(uint16_t reg) const = 0;
+    virtual uint8_t FpgaReg(uint16_t reg) const = 0;
+    virtual Readout CurrentReadout() const = 0;
+
+    virtual void Inject(const Fault& fault) = 0;
+    virtual void ClearFaults() = 0;
+    virtual FrameCounters Counters() const = 0;
+    virtual void Unplug() = 0;
+    virtual void Replug() = 0;                   // a new address; registers as after power on, flash kept
+    virtual void PowerCycle() = 0;               // Unplug and Replug
+
+    virtual void SetScene(std::shared_ptr<const Scene> scene) = 0;
+    virtual std::vector<HotPixel> HotPixels() const = 0;
+    virtual double Temperature() const = 0;      // sensor, degrees Celsius
+    virtual double CoolerPower() const = 0;      // 0 to 1
+    virtual uint8_t CoolerDA() const = 0;
+    virtual bool GuidePin(int direction) const = 0;
+    virtual double GuideX() const = 0;           // how far the guided scene has moved, arc seconds
+    virtual double GuideY() const = 0;
+    virtual std::vector<uint8_t> Flash(uint32_t address, uint32_t length) const = 0;
+    virtual void SetFlash(uint32_t address, const std::vector<uint8_t>& bytes) = 0;
+    virtual std::vector<uint8_t> Eeprom() const = 0;
+    virtual uint8_t Firmware() const = 0;
+};
+
+class VirtualBus final : public usbstack::IStack {
+public:
+    explicit VirtualBus(double dClockRate = 1.0);  // device time runs that many times as fast as real time
+    ~VirtualBus() override;
+    VirtualCamera& Plug(const CameraSettings& settings);   // lives as long as the bus
+    // A device that is no camera: for enumeration tests.
+    void PlugForeign(uint16_t wVendorId, uint16_t wProductId);
+    std::vector<VirtualCamera*> Cameras();
+
+    std::vector<usbstack::DeviceInfo> Enumerate() override;
+    usbstack::IDevice* Open(const std::string& sPath, usbstack::Status* pStatus) override;
+
+private:
+    struct Impl;
+    std::unique_ptr<Impl> m_p;
+};
+
+}  // namespace kovsim
