@@ -275,6 +275,7 @@ public:
     int8_t* m_pTable80 = nullptr;      // BinPhaseTable: 5 rows of 8 pairs (x, y); 127 is no entry
     CAlgorithm m_Algorithm;
     int32_t m_iLUTMax = 0, m_iLUTMin = 0;
+    bool m_bOwnedByFrame = false;      // destroyed by the C interface: the destructor neither saves nor closes
 
 private:
     struct Buffers;

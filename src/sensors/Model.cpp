@@ -1,0 +1,269 @@
+#include "sensors/Model.h"
+
+#include <algorithm>
+
+#include "platform/InterfaceGuids.h"
+
+namespace model {
+
+void ApplyTraits(CCameraBase& cam, const ModelTraits& t, void* handle)
+{
+    cam.ReplaceLink(new CUsbLink(handle, platform::g_InterfaceGuids[t.iGuidSlot - 1], true));
+
+    cam.m_iFPSMin = cam.m_iBandwidthMin = t.iBandwidthMin;
+    cam.m_iFPSMax = cam.m_iBandwidthMax = t.iBandwidthMax;
+    cam.m_iMaxExposure = t.iMaxExposure;
+    cam.m_bBandwidthAuto = t.wCaps & CAP_BANDWIDTH_AUTO;
+    cam.m_bIsColor = t.bColor;
+    cam.m_dPixelSize = t.dPixelSize;
+    cam.m_ColorBayer = t.bayer;
+    cam.m_pszName = t.szName;
+    cam.m_bUSB3Camera = t.bUSB3;
+    cam.m_fElecPerADU = t.fElecPerADU;
+    cam.m_iPropA = t.iPropA;
+    cam.m_iPropB = t.iPropB;
+    cam.m_iPropC = t.iPropC;
+    cam.m_iPropD = t.iPropD;
+    cam.m_bDDR = t.bDDR;
+    std::copy(std::begin(t.aBins), std::end(t.aBins), cam.m_szBins);
+
+    cam.m_bHasGain = cam.m_bHasExposure = cam.m_bHasGamma = true;
+    cam.m_bHasBrightness = t.wCaps & CAP_BRIGHTNESS;
+    cam.m_bHasBandwidth = t.wCaps & CAP_BANDWIDTH;
+    cam.m_bHasWB_R = t.wCaps & CAP_WB_R;
+    cam.m_bHasWB_B = t.wCaps & CAP_WB_B;
+    cam.m_bHasOverCLK = t.wCaps & CAP_OVERCLK;
+    cam.m_bHasTemperature = t.wCaps & CAP_TEMPERATURE;
+    cam.m_bHasFlip = t.wCaps & CAP_FLIP;
+    cam.m_bHasAuto = t.wCaps & CAP_AUTO;
+    cam.m_bImgRAW8 = t.bTypes & TYPE_RAW8;
+    cam.m_bImgRGB24 = t.bTypes & TYPE_RGB24;
+    cam.m_bImgY8 = t.bTypes & TYPE_Y8;
+    cam.m_bImgRAW16 = t.bTypes & TYPE_RAW16;
+
+    cam.m_iGainMin = t.gain.iMin;
+    cam.m_iGainMax = t.gain.iMax;
+    cam.m_iGain = cam.m_iGainDef = t.gain.iDef;
+    cam.m_iExpMin = t.exposure.iMin;
+    cam.m_iExpMax = t.exposure.iMax;
+    cam.m_iExpDef = t.exposure.iDef;
+    cam.m_lExposure = static_cast<uint64_t>(t.exposure.iDef);
+    cam.m_iGammaMin = 1;
+    cam.m_iGammaMax = 100;
+    cam.m_iGamma = cam.m_iGammaDef = 50;
+    cam.m_iWB_R = cam.m_iWB_RDef = t.iWB_R;
+    cam.m_iWB_B = cam.m_iWB_BDef = t.iWB_B;
+    cam.m_iWBMin = t.iWBMin;
+    cam.m_iWBMax = t.iWBMax;
+    cam.m_iBrightMin = t.brightness.iMin;
+    cam.m_iBrightMax = t.brightness.iMax;
+    cam.m_iBrightness = cam.m_iBrightDef = t.brightness.iDef;
+    cam.m_iFPSPerc = t.iFPSPerc;
+    cam.m_iFPSPercUSB3 = t.iFPSPercUSB3;
+    cam.m_iCMOSClk = t.iClk;
+    cam.m_iHMAX = t.iHMAX;
+    if (t.iAutoGainMax != 0)
+        cam.m_iAutoGainMax = t.iAutoGainMax;
+    if (t.iAutoExpMaxCap >= 0)
+        cam.m_iAutoExpMax = std::min<int32_t>(cam.m_iAutoExpMax, t.iAutoExpMaxCap);
+    cam.m_bHardwareBin = (t.bStart & START_HARDWARE_BIN) != 0;
+    cam.m_bHighSpeed = (t.bStart & START_HIGH_SPEED) != 0;
+    cam.m_bAutoFPS = (t.bStart & START_AUTO_FPS) != 0;
+    cam.m_bOpen = false;
+    cam.m_iDroppedFrames = 0;
+}
+
+void FinishConstruction(CCameraBase& cam, const ModelTraits& t)
+{
+    cam.LoadSetting(t.szKey);
+    cam.SetRGBBalance(cam.m_iWB_R, cam.m_iWB_B, cam.m_bAutoWB);
+
+    cam.m_iNumOfControls = 0;
+    for (const int8_t control : t.aControls) {
+        if (control < 0)
+            break;
+        cam.m_ControlList[cam.m_iNumOfControls++] = control;
+    }
+    cam.m_bIsCooler = t.bCooler;
+    for (const PhaseRow& row : t.aPhase) {
+        if (row.bin == 0)
+            break;
+        int8_t* p = cam.m_pTable80 + 16 * row.bin;
+        p[0] = row.x1;
+        p[1] = row.y1;
+        p[2] = row.x2;
+        p[3] = row.y2;
+    }
+}
+
+// The families that keep their index for ReConnectCamera.
+static bool KeepsIndex(Family f)
+{
+    switch (f) {
+    case Family::Beryl: case Family::Ebony: case Family::Flint: case Family::Halite: case Family::Kyanite:
+    case Family::Lapis: case Family::Marble: case Family::Nephrite: case Family::Onyx: case Family::Pyrite:
+    case Family::Quartz:
+        return true;
+    default:
+        return false;
+    }
+}
+
+bool OpenCamera(CCameraBase& cam, IModel& m, int deviceIndex)
+{
+    if (cam.m_bOpen)
+        return true;
+    const ModelTraits& t = m.Traits();
+    if (KeepsIndex(t.family))
+        cam.m_iDevIndex = deviceIndex;
+    CUsbLink* pLink = cam.m_pUsbLink;
+    if (pLink == nullptr)
+        return false;
+
+    const int n = pLink->DeviceCount();
+    int iMatches = 0;
+    const ProductName* pFound = nullptr;
+    for (int i = 0; i < n && pFound == nullptr; ++i) {
+        if (!pLink->Open(static_cast<uint8_t>(i)) || pLink->m_wVendorId != platform::CAMERA_VENDOR_ID)
+            continue;
+        for (const ProductName& p : t.aProducts) {
+            if (p.wProductId == 0)
+                break;
+            if (p.wProductId == pLink->m_wProductId && ++iMatches == deviceIndex)
+                pFound = &p;
+        }
+    }
+    if (pFound == nullptr) {
+        cam.m_bOpen = false;
+        return false;
+    }
+    if (pFound->szName != nullptr)
+        cam.m_pszName = pFound->szName;
+    cam.m_bOpen = true;
+    return m.FirmwareStep();
+}
+
+bool CloseCamera(CCameraBase& cam, CCameraCool* pCool, const ModelTraits& t, CaptureSession& s)
+{
+    if (cam.m_pUsbLink == nullptr)
+        return false;
+    if (cam.m_bSnapMode)
+        cam.SaveSetting(t.szKey);
+    cam.StopCapture();
+    if (pCool != nullptr && pCool->m_bTempThrRun)
+        pCool->StopAutoTempThr();
+    // A thread past StopCapture's time limit, or a snap's in its end sequence, still uses the link.
+    cam.m_bCapturing = false;
+    s.Wait(platform::WAIT_FOREVER);
+
+    if ((t.bClose & CLOSE_LINK) && cam.m_bOpen)
+        cam.m_pUsbLink->Close();
+    cam.m_bOpen = false;
+    // QUIRK: the classes that keep the pointer can be closed twice with success. Where only the pointer is given up,
+    // the device is let go all the same: nothing could ever close it later.
+    if (t.bClose & CLOSE_CLEARS_POINTER)
+        cam.ReplaceLink(nullptr);
+    return true;
+}
+
+bool StartCapture(CCameraBase& cam, CaptureSession& s, bool snap)
+{
+    if (!cam.m_bOpen)
+        return false;
+    if (cam.m_bCapturing)
+        return true;
+    cam.m_bSnapMode = snap;
+    cam.m_ExpStatus = EXP_WORKING;
+    cam.m_bCapturing = true;
+    if (!s.Start())
+        cam.m_bCapturing = false;
+    return true;
+}
+
+bool StopCapture(CCameraBase& cam, const ModelTraits& t, CaptureSession& s)
+{
+    if (!cam.m_bCapturing)
+        return true;
+    if (!cam.m_bOpen)
+        return false;
+    cam.m_bStopping = true;
+    if (!cam.m_bSnapMode)
+        cam.SaveSetting(t.szKey);
+    cam.m_bCapturing = false;
+    s.Wait(5000);
+    cam.m_bStopping = false;
+    return true;
+}
+
+void StartCooler(CCameraCool& cam)
+{
+    if (!cam.m_bTempThrRun)
+        cam.StartAutoTempThr(&cam);
+    cam.SetPowerPerc(0.0f);
+    cam.SetAutoTemp(false, static_cast<float>(cam.m_iTargetTemp.Get()));
+}
+
+void InitLink(CCameraBase& cam)
+{
+    cam.m_bUSB3Host = cam.IsUSB3Host();
+    if (cam.m_bUSB3Host)
+        cam.m_iFPSPerc = cam.m_iFPSPercUSB3;
+    cam.SetHPCStates(true);
+}
+
+bool UpdateFirmware(CCameraBase& cam, const ModelTraits& t, const uint8_t* pImage, int32_t iSize, uint8_t needed)
+{
+    uint8_t ver = 0;
+    cam.GetFirmwareVer(&ver);
+    cam.m_FirmwareVer = ver;
+    if (ver >= needed || pImage == nullptr)
+        return true;
+
+    cam.UpdateFW(pImage, iSize);
+    cam.m_pUsbLink->CyclePort();
+    cam.ReplaceLink(nullptr);
+    // QUIRK: the first device of the interface is opened again, whichever it was before: with two cameras of one model
+    // the object may land on the other one.
+    for (int iTry = 0; iTry < 2; ++iTry) {
+        platform::SleepMs(1000);
+        auto pLink = std::make_unique<CUsbLink>(nullptr, platform::g_InterfaceGuids[t.iGuidSlot - 1], true);
+        if (pLink->Open(0)) {
+            cam.ReplaceLink(pLink.release());
+            ver = 0;
+            cam.GetFirmwareVer(&ver);
+            cam.m_FirmwareVer = ver;
+            return true;
+        }
+    }
+    cam.m_bOpen = false;
+    return false;
+}
+
+template <class Write>
+static void RunTable(std::span<const RegEntry> table, Write write)
+{
+    for (const RegEntry& e : table) {
+        if (e.wAddress == REG_DELAY)
+            platform::SleepMs(e.wValue);
+        else
+            write(e.wAddress, e.wValue);
+    }
+}
+
+void RunTable8(CCameraBase& cam, std::span<const RegEntry> table)
+{
+    RunTable(table, [&](uint16_t a, uint16_t v) { cam.WriteCameraRegisterByte(a, static_cast<uint8_t>(v)); });
+}
+
+void RunTable16(CCameraBase& cam, std::span<const RegEntry> table)
+{
+    RunTable(table, [&](uint16_t a, uint16_t v) { cam.WriteCameraRegister(a, v); });
+}
+
+bool RegionFits(const CCameraBase& cam, int width, int height, int bin, int type)
+{
+    return width > 0 && height > 0 && bin > 0 && type >= IMAGE_8BIT && type <= IMAGE_16BIT &&
+           int64_t{ width } * bin <= cam.m_iMaxWidth && int64_t{ height } * bin <= cam.m_iMaxHeight;
+}
+
+}  // namespace model
