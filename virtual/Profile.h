@@ -51,6 +51,9 @@ struct Readout {
     int iOutW = 0, iOutH = 0;   // samples sent; a window that asks for less or more than iW / iBin is cut or padded with black
     Samples samples = Samples::Bits8;
     double dExposureUs = 0;     // of a frame that is not held
+    // What integrates on after the release of a held frame: a sensor whose clock was stopped goes on counting its
+    // shutter's lines from where it stood. 0 where the release itself ends the exposure.
+    double dAfterHoldUs = 0;
     double dFrameUs = 0;        // period: line length * frame length / clock
     double dGain = 1;           // linear, analog and digital
     double dGainR = 1, dGainB = 1;  // channel gains over green

@@ -6,8 +6,19 @@
 
 namespace kovsim {
 
-// Light on one sensor pixel, electrons a second in red, green and blue light.
-struct Light { float r, g, b; };
+// Light on one sensor pixel, electrons a second in red, green and blue light. A pixel without a colour filter sees the
+// mean of the three.
+struct Light {
+    float r, g, b;
+};
+
+// The sensor that a scene falls on.
+struct ScreenGeometry {
+    int iWidth = 0, iHeight = 0;  // full sensor, pixels
+    double dPixelUm = 0;          // pixel pitch
+    double dShiftX = 0;           // how far guiding has moved the scene, arc seconds: right
+    double dShiftY = 0;           // and down
+};
 
 struct SkyView {
     double dRa = 56.75, dDec = 24.12;   // degrees; the Pleiades
@@ -16,16 +27,24 @@ struct SkyView {
     double dSeeing = 4;                 // arc seconds, full width at half maximum
     double dApertureMm = 50;
     double dSkyMag = 20.5;              // magnitudes a square arc second
+    double dBlurUm = 5;                 // spot of the lens, full width at half maximum; adds to the seeing in square
 };
 
 class Scene {
 public:
     virtual ~Scene() = default;
-    // Light over the full sensor, row after row, width * height entries; the pixel pitch in micrometres. shiftX and
-    // shiftY are how far guiding has moved the scene, in arc seconds. Called once a shift, then kept by the camera.
-    virtual void Render(int width, int height, double pixelUm, double shiftX, double shiftY, Light* out) const = 0;
-    virtual bool Moves() const { return false; }  // whether the shift matters
+    // Light on rows firstRow to firstRow + rows - 1 of the sensor, row after row, rows * width entries. Called for all
+    // rows once a shift; the camera keeps the result. Any thread, several at a time.
+    virtual void Render(const ScreenGeometry& geometry, int firstRow, int rows, Light* out) const = 0;
+    virtual bool Moves() const { return false; }        // whether the shift matters
+    virtual bool InFullWells() const { return false; }  // light in full wells a second instead of electrons
+    // Arc seconds that one pixel covers; 0 where that has no meaning. The camera ignores shifts far below it.
+    virtual double PixelScale(double /*pixelUm*/) const { return 0; }
 
+    // Sensor up is at the position angle dRotation, east lies 90 degrees left of it. At rotation 0 a star at the
+    // standard coordinates (xi east, eta north) falls on column (W - 1) / 2 - xi * f / pitch and row
+    // (H - 1) / 2 - eta * f / pitch, pixel centres at whole numbers. Green light of magnitude 0 is 5e9 electrons a
+    // second and square metre; the other colours follow a black body of the star's B-V.
     static std::shared_ptr<const Scene> Sky(const SkyView& view = {});
     static std::shared_ptr<const Scene> Flat(float electronsPerSecond);                   // grey
     static std::shared_ptr<const Scene> Colour(float r, float g, float b);                // electrons a second
@@ -36,7 +55,7 @@ public:
     // PNG, 8 or 16 bits, grey or RGB; stretched over the sensor; white gives that many electrons a second. Null and
     // *error when it cannot be read.
     static std::shared_ptr<const Scene> Picture(const std::string& path, float white, std::string* error);
-    // "sky[:ra,dec,focal]", "flat:N", "dark", "pattern", a path of a PNG. Null and *error when it cannot be read.
+    // "sky[:ra,dec,focal]", "flat:N", "colour:R,G,B", "dark", "pattern", a path of a PNG. Null and *error when it cannot be read.
     static std::shared_ptr<const Scene> Parse(const std::string& text, std::string* error);
 };
 

@@ -19,6 +19,8 @@
 
 namespace kovsim {
 
+using ProfileFactory = std::function<std::unique_ptr<Profile>(uint8_t firmware, bool usb3Host)>;
+
 struct CameraSettings {
     uint16_t wProductId = 0xC11A;
     int iFirmware = -1;           // -1: the model's default
@@ -27,10 +29,12 @@ struct CameraSettings {
     uint64_t uSeed = 1;           // noise and hot pixels
     std::shared_ptr<const Scene> scene;  // null: the sky
     double dAmbient = 20;         // degrees Celsius
-    double dNoise = 1;            // 0 switches all noise off, hot pixels stay
+    double dNoise = 1;            // 0 switches shot, read and dark-current noise off, hot pixels stay; see Imager.h
     int iHotPixels = -1;          // -1: one in 20,000; at known places, see HotPixels()
     double dLinkMBs = 0;          // limit of the link; 0: none
     std::string sFlashFile;       // keeps the flash over a power cycle of the process; empty: memory only
+    bool bBootLoader = false;     // USB 3 models: no firmware, the bridge's boot loader waits for an image (request 160)
+    ProfileFactory profile;       // sensor side; null: MakeProfile of the product ID
 };
 
 // One vendor request as the device saw it.
@@ -51,18 +55,23 @@ enum class FaultKind : uint8_t {
     FailControl,       // the next control request stalls; arg: request code, or 0 for any
     FailRegister,      // writes to register arg are stalled
     Vanish,            // arg: ms until the camera returns, 0: it stays gone; it returns with another address
-    FlashEraseFails, FlashWriteFails,
+    FlashEraseFails,   // the erase request stalls
+    FlashWriteFails,   // the write request succeeds and changes nothing
 };
 
 struct Fault {
     FaultKind kind;
     uint32_t uArg = 0;
-    uint32_t uAfterFrames = 0;    // good frames to be sent first
+    uint32_t uAfterFrames = 0;    // good frames to be sent first, counted from the injection
     uint32_t uTimes = 1;          // in a row
 };
 
+// Started: read out of the sensor. Each of them ends as exactly one of the others.
 struct FrameCounters {
-    uint64_t uStarted = 0, uGood = 0, uSpoiled = 0, uAborted = 0;  // aborted: cut off by the host's reset or stop
+    uint64_t uStarted = 0;
+    uint64_t uGood = 0;           // handed to the host whole and right
+    uint64_t uSpoiled = 0;        // by a fault, by a wrong transfer count, or because the host left it in the FIFO
+    uint64_t uAborted = 0;        // cut off by the host's reset or stop, or by the unplugging
 };
 
 struct HotPixel { int x, y; double dElectronsPerSecond; };  // at 20 degrees
@@ -83,21 +92,24 @@ public:
     virtual void Inject(const Fault& fault) = 0;
     virtual void ClearFaults() = 0;
     virtual FrameCounters Counters() const = 0;
+    // What Open answers from now on: Busy for a camera that another program holds, Access for missing rights.
+    virtual void SetOpenStatus(usbstack::Status status) = 0;
     virtual void Unplug() = 0;
     virtual void Replug() = 0;                   // a new address; registers as after power on, flash kept
     virtual void PowerCycle() = 0;               // Unplug and Replug
 
     virtual void SetScene(std::shared_ptr<const Scene> scene) = 0;
     virtual std::vector<HotPixel> HotPixels() const = 0;
-    virtual double Temperature() const = 0;      // sensor, degrees Celsius
+    virtual double Temperature() const = 0;      // sensor, degrees Celsius; see Thermal.h
     virtual double CoolerPower() const = 0;      // 0 to 1
     virtual uint8_t CoolerDA() const = 0;
+    // Pins 0 and 1 move the scene up and down, 2 and 3 right and left, 7.5 arc seconds a second of device time.
     virtual bool GuidePin(int direction) const = 0;
-    virtual double GuideX() const = 0;           // how far the guided scene has moved, arc seconds
-    virtual double GuideY() const = 0;
+    virtual double GuideX() const = 0;           // how far the guided scene has moved, arc seconds: right
+    virtual double GuideY() const = 0;           // and down
     virtual std::vector<uint8_t> Flash(uint32_t address, uint32_t length) const = 0;
     virtual void SetFlash(uint32_t address, const std::vector<uint8_t>& bytes) = 0;
-    virtual std::vector<uint8_t> Eeprom() const = 0;
+    virtual std::vector<uint8_t> Eeprom() const = 0;  // 64 KiB
     virtual uint8_t Firmware() const = 0;
 };
 
