@@ -1,0 +1,24 @@
+#include "sensors/SonyExposure.h"
+
+#include <algorithm>
+
+#include "sensors/FpgaModel.h"
+
+ExposureRegs CalcExposure(const ExposureLaw& law, uint64_t lExp, float lineTime, int iSensorH)
+{
+    ExposureRegs r;
+    r.iFrameTime = TruncToInt(float(iSensorH + law.iFrameLines) * lineTime);
+    const float lines = float(lExp) / lineTime;
+    if (lExp <= uint64_t(std::max(r.iFrameTime, 0))) {
+        const int vmax = iSensorH + law.iMinVMAX;
+        const int shs = std::clamp(vmax - TruncToInt(lines) - law.iShsBias, law.iShsMin, iSensorH + law.iShsMaxLines);
+        r.lVMAX = uint32_t(vmax);
+        r.lSHS = uint32_t(shs);
+    } else {
+        r.lVMAX = uint32_t(TruncToInt(std::min(lines, 2e9f)) + law.iLongBias);
+        r.lSHS = 0;
+    }
+    r.lVMAX = std::min(r.lVMAX, law.lVMAXCap);
+    r.iExpLines = int32_t(r.lVMAX - r.lSHS) - law.iExpLinesBias;
+    return r;
+}

@@ -1,0 +1,25 @@
+// Exposure of the rolling-shutter families whose FPGA owns the frame length and whose sensor holds the shutter line.
+#pragma once
+#include <cstdint>
+
+// How a family counts lines. Quartz: { 17, 18, 1, 2, 16, 1, 0xFFFFFF, 2 }.
+struct ExposureLaw {
+    int iFrameLines;     // lines beyond the picture in the frame time
+    int iMinVMAX;        // lines beyond the picture in the shortest frame
+    int iShsBias;        // SHS = VMAX - n - iShsBias in a frame that is not stretched
+    int iShsMin;         // lowest SHS there
+    int iShsMaxLines;    // highest SHS there, lines beyond the picture
+    int iLongBias;       // VMAX = n + iLongBias in a stretched frame
+    uint32_t lVMAXCap;
+    int iExpLinesBias;   // m_iExpLines = VMAX - SHS - iExpLinesBias
+};
+
+struct ExposureRegs {
+    uint32_t lVMAX;      // frame length, lines
+    uint32_t lSHS;       // line at which integration starts
+    int32_t iFrameTime;  // us, shortest frame
+    int32_t iExpLines;
+};
+
+// lExp in us, lineTime in us, iSensorH lines that leave the sensor. Every step is single precision.
+ExposureRegs CalcExposure(const ExposureLaw& law, uint64_t lExp, float lineTime, int iSensorH);
