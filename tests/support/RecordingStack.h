@@ -1,5 +1,6 @@
 // A USB stack with fake devices for unit tests: it records every vendor request in order, answers reads from a handler
-// and hands out bulk data from a callback. No threads: bulk requests complete inside SubmitBulk, Pump or Abort.
+// and hands out bulk data from a callback. No threads of its own: bulk requests complete inside SubmitBulk, Pump,
+// Complete, Abort or Vanish; any thread may call these.
 //
 //   RecordingStack stack;
 //   FakeUsbDevice& dev = stack.Add(0xC11A);               // SuperSpeed; Add(id, usbstack::Speed::High) for USB 2
@@ -9,8 +10,9 @@
 //   platform::SetUsbStack(&stack);  ...  EXPECT_EQ(dev.Log(), "...");
 //   platform::SetUsbStack(nullptr);                         // after every device is closed
 //
-// Requests() copies what was recorded; Take() also clears it; Text() is one line a request:
+// Requests() copies what was recorded; Take() also clears it; Log() is one line a request:
 //   "out 182 3003 0001" (request decimal; value, index hexadecimal), then ": data" when there are any.
+// Standard requests (descriptors) are answered but not recorded. Events() tells of aborts, resets and the like.
 #pragma once
 #include <cstdio>
 #include <cstring>
@@ -120,6 +122,7 @@ public:
     // Completes waiting bulk requests, oldest first, as long as OnBulk has data. Returns how many.
     int Pump()
     {
+        const std::lock_guard bulk(m_bulkMutex);
         int n = 0;
         for (;; ++n) {
             usbstack::BulkRequest* p = nullptr;
@@ -138,6 +141,7 @@ public:
     // Completes the oldest waiting bulk request as told. False when there is none.
     bool Complete(usbstack::Status status, uint32_t dwBytes)
     {
+        const std::lock_guard bulk(m_bulkMutex);
         usbstack::BulkRequest* p = nullptr;
         {
             const std::lock_guard l(m_mutex);
@@ -223,6 +227,7 @@ private:
         return bFail ? failStatus : usbstack::Status::Ok;
     }
 
+    std::recursive_mutex m_bulkMutex;  // outer: an aborted request's buffer is not written any more
     mutable std::mutex m_mutex;
     std::vector<Request> m_requests;
     std::vector<std::string> m_events;  // "abort 82", "reset 82", "size 82 100000", "resetport", "cycleport"
@@ -231,7 +236,7 @@ private:
     int m_iGeneration = 0, m_iOpen = 0;
 };
 
-class FakeUsbDevice::Handle : public usbstack::IDevice {
+class FakeUsbDevice::Handle final : public usbstack::IDevice {
 public:
     explicit Handle(FakeUsbDevice& dev) : m_dev(dev)
     {
