@@ -38,12 +38,16 @@
 #  define KOV_API __attribute__((visibility("default")))
 #endif
 
+/* Enums are 32-bit signed integers; a value outside the list is allowed to be passed and is answered with an error. */
 #ifdef __cplusplus
+#  define KOV_INT32 : int32_t
 extern "C" {
+#else
+#  define KOV_INT32
 #endif
 
 /* Result of a call. */
-typedef enum KOV_ERROR_CODE {
+typedef enum KOV_ERROR_CODE KOV_INT32 {
     KOV_SUCCESS = 0,
     KOV_ERROR_BAD_INDEX = 1,       /* index out of range in KOVGetCameraProperty */
     KOV_ERROR_BAD_ID = 2,          /* camera ID out of range */
@@ -63,10 +67,10 @@ typedef enum KOV_ERROR_CODE {
     KOV_ERROR_GENERAL = 16         /* a control operation failed, or the camera has no cooler, or the ID flash failed */
 } KOV_ERROR_CODE;
 
-typedef enum KOV_BOOL { KOV_FALSE = 0, KOV_TRUE = 1 } KOV_BOOL;
+typedef enum KOV_BOOL KOV_INT32 { KOV_FALSE = 0, KOV_TRUE = 1 } KOV_BOOL;
 
 /* Image format as delivered. IMG_END ends a list of types. */
-typedef enum IMG_TYPE {
+typedef enum IMG_TYPE KOV_INT32 {
     IMG_RAW8 = 0,  /* 1 byte a pixel, as the sensor's mosaic */
     IMG_RGB24 = 1, /* 3 bytes a pixel: blue, green, red */
     IMG_RAW16 = 2, /* 2 bytes a pixel, little-endian, sample in the upper bits */
@@ -75,7 +79,7 @@ typedef enum IMG_TYPE {
 } IMG_TYPE;
 
 /* Outcome of a single exposure. */
-typedef enum KOV_EXPOSURE_STATUS {
+typedef enum KOV_EXPOSURE_STATUS KOV_INT32 {
     EXP_IDLE = 0,    /* nothing taken, or stopped */
     EXP_WORKING = 1, /* exposure runs */
     EXP_SUCCESS = 2, /* a frame waits for KOVGetDataAfterExp */
@@ -83,7 +87,7 @@ typedef enum KOV_EXPOSURE_STATUS {
 } KOV_EXPOSURE_STATUS;
 
 /* A pin of the guide port. The number goes to the camera unchanged. */
-typedef enum KOV_GUIDE_DIRECTION {
+typedef enum KOV_GUIDE_DIRECTION KOV_INT32 {
     KOV_GUIDE_0 = 0,
     KOV_GUIDE_1 = 1,
     KOV_GUIDE_2 = 2,
@@ -91,7 +95,7 @@ typedef enum KOV_GUIDE_DIRECTION {
 } KOV_GUIDE_DIRECTION;
 
 /* The first row of the sensor's colour cell. */
-typedef enum BayerPattern { BAYER_RG = 0, BAYER_BG = 1, BAYER_GR = 2, BAYER_GB = 3 } BayerPattern;
+typedef enum BayerPattern KOV_INT32 { BAYER_RG = 0, BAYER_BG = 1, BAYER_GR = 2, BAYER_GB = 3 } BayerPattern;
 
 /* Eight bytes that a host may store in the camera's own flash. */
 typedef struct KOV_ID { uint8_t id[8]; } KOV_ID;
@@ -116,7 +120,7 @@ typedef struct KOV_CAMERA_INFO {
     int32_t SensorParamB;       /* per-model constant, or 0 */
 } KOV_CAMERA_INFO;
 
-typedef enum KOV_CONTROL_TYPE {
+typedef enum KOV_CONTROL_TYPE KOV_INT32 {
     CTRL_GAIN = 0,
     CTRL_EXPOSURE = 1,               /* microseconds */
     CTRL_GAMMA = 2,                  /* 1 to 100, 50 is neutral */
