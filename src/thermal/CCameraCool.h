@@ -1,12 +1,15 @@
 // Adds the cooler to CCameraBase: power to DA code, a regulator, and the thread that reads the temperature and runs it.
 #pragma once
+#include "core/Arithmetic.h"
 #include "core/CCameraBase.h"
 #include "platform/Platform.h"
 
 class KOV_CLASS CCameraCool : public CCameraBase {
 public:
     CCameraCool(int width, int height);
-    ~CCameraCool() override;  // stops the thread
+    // Waits for the thread. A class that overrides GetSensorTemp has to stop it in its own destructor (StopAutoTempThr
+    // may give up waiting; m_TempThread.Wait does not): the thread calls that operation.
+    ~CCameraCool() override;
 
     struct PID {
         Shared<float> fErr, fLastErr, fKp, fKi, fKd, fOut, fIntegral, fIntegralMax, fIntegralMin;
@@ -16,7 +19,7 @@ public:
     int CalculDA(float current);
     int CalculIPerc(int code);
     void SetPowerPerc(float percent);
-    int GetPowerPerc() const { return static_cast<int>(m_fCoolPowerPerc.Get()); }
+    int GetPowerPerc() const { return TruncToInt32(m_fCoolPowerPerc); }
     void PID_init(float kp, float ki, float kd);
     void AutoTemp(float temperature);  // one regulator step
     void SetAutoTemp(bool on, float target);

@@ -9,7 +9,7 @@ namespace {
 
 constexpr int FIRST_DEGREE = -20;
 
-// kOhm from -20 to 113 degrees Celsius; the thermistor's datasheet curve.
+// kOhm from -20 to 113 degrees Celsius. Which thermistor it is, is not known.
 constexpr double g_aKOhm[] = {
     97.6037, 92.0947, 86.9305, 82.0877, 77.5442, 73.2798, 69.2759, 65.5149, 61.9809, 58.6587,  // -20
     55.5345, 52.5954, 49.8294, 47.2253, 44.7727, 42.462, 40.2841, 38.2307, 36.294, 34.4668,    // -10
