@@ -1,0 +1,62 @@
+#include "imaging/Gamma.h"
+
+#include <algorithm>
+#include <cmath>
+
+#include "core/CCameraBase.h"
+#include "imaging/Kernels.h"
+
+namespace {
+
+// Entry i is cut(min((i / last) ^ e * last, last)), each step in single precision.
+template <class T>
+void FillGamma(std::atomic<T>* table, int last, float exponent)
+{
+    const float top = static_cast<float>(last);
+    for (int i = 0; i <= last; ++i) {
+        const float v = std::pow(static_cast<float>(i) / top, exponent) * top;
+        table[i].store(static_cast<T>(std::min(v, top)), std::memory_order_relaxed);
+    }
+}
+
+}  // namespace
+
+namespace imaging {
+
+void ApplyGamma8(const CCameraBase& camera, uint8_t* buf, int n)
+{
+    ByteTable lut;
+    for (size_t i = 0; i < 256; ++i)
+        lut[i] = camera.m_Gamma8[i].load(std::memory_order_relaxed);
+    MapBytes(buf, static_cast<size_t>(std::max(n, 0)), lut.data());
+}
+
+// No copy of the table: it is half the size of an inner cache and would be read once.
+void ApplyGamma16(const CCameraBase& camera, uint16_t* buf, int n)
+{
+    const std::atomic<uint16_t>* lut = camera.m_pGamma16;
+    for (int i = 0; i < n; ++i)
+        buf[i] = lut[buf[i]].load(std::memory_order_relaxed);
+}
+
+}  // namespace imaging
+
+bool CCameraBase::SetGamma(int value)
+{
+    if (m_iGamma < 1)
+        m_iGamma = 1;
+    // QUIRK: the upper limit is tested on the stored value. A value above 100 is kept once, and the next call, whatever
+    // it asks for, makes it 100.
+    const int gamma = m_iGamma > 100 ? 100 : value;
+    m_iGamma = gamma;
+    const int hundredths = gamma <= 50 ? static_cast<int>(200u - 2u * static_cast<unsigned>(gamma)) : 150 - gamma;
+    const float exponent = static_cast<float>(hundredths) / 100.0f;
+    FillGamma(m_pGamma16, 65535, exponent);
+    FillGamma(m_Gamma8, 255, exponent);
+    return true;
+}
+
+int CCameraBase::GetGamma()
+{
+    return m_iGamma;
+}

@@ -1,0 +1,573 @@
+#include "imaging/Kernels.h"
+
+#include <algorithm>
+#include <utility>
+
+#undef HWY_TARGET_INCLUDE
+#define HWY_TARGET_INCLUDE "imaging/Kernels.cpp"
+#include <hwy/foreach_target.h>
+#include <hwy/highway.h>
+
+HWY_BEFORE_NAMESPACE();
+namespace imaging {
+namespace HWY_NAMESPACE {
+namespace hn = hwy::HWY_NAMESPACE;
+
+#if HWY_TARGET == HWY_SCALAR  // a machine without any of the vector sets
+
+void MapBytes(uint8_t* buf, size_t n, const uint8_t* lut) { reference::Gamma8(buf, n, lut); }
+void Luminance(const uint8_t* rgb, uint8_t* dst, size_t n)
+{
+    for (size_t i = 0; i < n; ++i)
+        dst[i] = reference::Luminance(rgb[3 * i], rgb[3 * i + 1], rgb[3 * i + 2]);
+}
+void FirstBytes(const uint8_t* rgb, uint8_t* dst, size_t n)
+{
+    for (size_t i = 0; i < n; ++i)
+        dst[i] = rgb[3 * i];
+}
+void Demosaic(const BayerFrame& f, uint8_t* dst) { reference::Demosaic(f, dst); }
+void DemosaicY8(const BayerFrame& f, uint8_t* dst) { reference::DemosaicY8(f, dst); }
+void MonoBin8By2(uint8_t* buf, int w, int h) { reference::MonoBin8(buf, w, h, 2); }
+void ColorBin8By2(uint8_t* buf, int w, int h) { reference::ColorBin8(buf, w, h, 2); }
+void MonoBin16By2(uint16_t* buf, int w, int h) { reference::MonoBin16(buf, w, h, 2); }
+void ColorBin16By2(uint16_t* buf, int w, int h) { reference::ColorBin16(buf, w, h, 2); }
+void Flip8(uint8_t* buf, int w, int h, bool rows, bool mirror) { reference::Flip(buf, w, h, rows, mirror); }
+void Flip16(uint16_t* buf, int w, int h, bool rows, bool mirror) { reference::Flip(buf, w, h, rows, mirror); }
+void SubtractDark(uint8_t* buf, size_t n, uint32_t offset, const uint16_t* dark)
+{
+    reference::SubtractDark(buf, n, offset, dark);
+}
+
+#else
+
+// Row tails are finished with short vectors before the scalar loop takes over.
+template <class T>
+using Full = hn::ScalableTag<T>;
+template <class T>
+using Short = hn::CappedTag<T, 16 / sizeof(T)>;
+
+// --- bytes through a table ------------------------------------------------------------------------------------------
+
+#if HWY_TARGET == HWY_AVX3_DL
+#define KOV_SHUFFLED_TABLE 1
+// 128 entries a shuffle: two shuffles and a blend serve 64 bytes.
+class Table {
+public:
+    explicit Table(const uint8_t* lut)
+    {
+        for (size_t k = 0; k < 4; ++k)
+            m_part[k] = _mm512_loadu_si512(lut + 64 * k);
+    }
+    template <class V>
+    V Map(V v) const
+    {
+        const __m512i low = _mm512_permutex2var_epi8(m_part[0], v.raw, m_part[1]);
+        const __m512i high = _mm512_permutex2var_epi8(m_part[2], v.raw, m_part[3]);
+        return V{ _mm512_mask_blend_epi8(_mm512_movepi8_mask(v.raw), low, high) };
+    }
+
+private:
+    __m512i m_part[4];
+};
+#elif HWY_TARGET == HWY_AVX2 || HWY_TARGET == HWY_AVX3
+#define KOV_SHUFFLED_TABLE 1
+// 16 entries a shuffle. The addition leaves bit 7 clear only for indices of this part, and the shuffle makes all others 0.
+class Table {
+public:
+    explicit Table(const uint8_t* lut)
+    {
+        for (size_t k = 0; k < 16; ++k)
+            m_part[k] = hn::LoadDup128(m_d, lut + 16 * k);
+    }
+    template <class V>
+    V Map(V v) const
+    {
+        V sum = hn::Zero(m_d);
+        for (size_t k = 0; k < 16; ++k) {
+            const V own = hn::SaturatedAdd(hn::Xor(v, hn::Set(m_d, static_cast<uint8_t>(16 * k))), hn::Set(m_d, 0x70));
+            sum = hn::Or(sum, hn::TableLookupBytesOr0(m_part[k], own));
+        }
+        return sum;
+    }
+
+private:
+    Full<uint8_t> m_d;
+    hn::Vec<Full<uint8_t>> m_part[16];
+};
+#else
+#define KOV_SHUFFLED_TABLE 0
+class Table {
+public:
+    explicit Table(const uint8_t* lut) : m_lut(lut) {}
+    template <class V>
+    V Map(V v) const
+    {
+        const Full<uint8_t> d;
+        HWY_ALIGN uint8_t lanes[HWY_MAX_BYTES];
+        hn::Store(v, d, lanes);
+        for (size_t i = 0; i < hn::Lanes(d); ++i)
+            lanes[i] = m_lut[lanes[i]];
+        return hn::Load(d, lanes);
+    }
+
+private:
+    const uint8_t* m_lut;
+};
+#endif
+
+void MapBytes(uint8_t* buf, size_t n, const uint8_t* lut)
+{
+    size_t i = 0;
+#if KOV_SHUFFLED_TABLE
+    const Full<uint8_t> d;
+    const Table table(lut);
+    for (; i + hn::Lanes(d) <= n; i += hn::Lanes(d))
+        hn::StoreU(table.Map(hn::LoadU(d, buf + i)), d, buf + i);
+#endif
+    for (; i + 8 <= n; i += 8) {
+        uint8_t* p = buf + i;
+        const uint8_t a = lut[p[0]], b = lut[p[1]], c = lut[p[2]], e = lut[p[3]];
+        const uint8_t f = lut[p[4]], g = lut[p[5]], h = lut[p[6]], j = lut[p[7]];
+        p[0] = a, p[1] = b, p[2] = c, p[3] = e, p[4] = f, p[5] = g, p[6] = h, p[7] = j;
+    }
+    for (; i < n; ++i)
+        buf[i] = lut[buf[i]];
+}
+
+// --- luminance ------------------------------------------------------------------------------------------------------
+
+// The sum of the three table entries in 16 bits. An entry is i * w + cut(i * r) with w the whole and r the fractional
+// part of the weight. w is split into bytes; neither the sum of the upper nor that of the lower parts passes 65535:
+//   upper: 255 * (65 + 129 + 25) = 55845,   lower: 255 * (202 + 6 + 22) + cuts (at most 191 + 36 + 134) = 59011.
+// The cut is an upper half of a product with r rounded up to 16 bits; exact for all 256 indices.
+template <class D16, class V16>
+HWY_INLINE V16 LuminanceOf(D16 d, V16 b0, V16 b1, V16 b2)
+{
+    const auto mul = [&](V16 v, int k) HWY_ATTR { return hn::Mul(v, hn::Set(d, static_cast<uint16_t>(k))); };
+    const auto cut = [&](V16 v, int k) HWY_ATTR { return hn::MulHigh(v, hn::Set(d, static_cast<uint16_t>(k))); };
+    const V16 cuts = hn::Add(hn::Add(cut(b0, 49284), cut(b1, 9438)), cut(b2, 34604));
+    const V16 lower = hn::Add(hn::Add(mul(b0, 202), mul(b1, 6)), hn::Add(mul(b2, 22), cuts));
+    const V16 upper = hn::Add(hn::Add(mul(b0, 65), mul(b1, 129)), mul(b2, 25));
+    return hn::ShiftRight<8>(hn::Add(upper, hn::ShiftRight<8>(lower)));
+}
+
+template <class V8>
+HWY_INLINE V8 LuminanceOfBytes(V8 b0, V8 b1, V8 b2)
+{
+    const hn::DFromV<V8> d8;
+    const hn::RepartitionToWide<decltype(d8)> d16;
+    const auto low = hn::Set(d16, 0x00FF);
+    const auto w0 = hn::BitCast(d16, b0), w1 = hn::BitCast(d16, b1), w2 = hn::BitCast(d16, b2);
+    const auto even = LuminanceOf(d16, hn::And(w0, low), hn::And(w1, low), hn::And(w2, low));
+    const auto odd = LuminanceOf(d16, hn::ShiftRight<8>(w0), hn::ShiftRight<8>(w1), hn::ShiftRight<8>(w2));
+    return hn::BitCast(d8, hn::Or(even, hn::ShiftLeft<8>(odd)));
+}
+
+void Luminance(const uint8_t* rgb, uint8_t* dst, size_t n)
+{
+    const Full<uint8_t> d;
+    size_t i = 0;
+    for (; i + hn::Lanes(d) <= n; i += hn::Lanes(d)) {
+        hn::Vec<decltype(d)> b0, b1, b2;
+        hn::LoadInterleaved3(d, rgb + 3 * i, b0, b1, b2);
+        hn::StoreU(LuminanceOfBytes(b0, b1, b2), d, dst + i);
+    }
+    for (; i < n; ++i)
+        dst[i] = reference::Luminance(rgb[3 * i], rgb[3 * i + 1], rgb[3 * i + 2]);
+}
+
+void FirstBytes(const uint8_t* rgb, uint8_t* dst, size_t n)
+{
+    const Full<uint8_t> d;
+    size_t i = 0;
+    for (; i + hn::Lanes(d) <= n; i += hn::Lanes(d)) {
+        hn::Vec<decltype(d)> b0, b1, b2;
+        hn::LoadInterleaved3(d, rgb + 3 * i, b0, b1, b2);
+        hn::StoreU(b0, d, dst + i);
+    }
+    for (; i < n; ++i)
+        dst[i] = rgb[3 * i];
+}
+
+// --- demosaic -------------------------------------------------------------------------------------------------------
+
+#if HWY_TARGET == HWY_AVX3_DL
+struct Interleave {
+    uint8_t first[3][64];  // of blue (0 to 63) and green (64 to 127)
+    uint8_t red[3][64];
+    uint64_t isRed[3];
+};
+constexpr Interleave MakeInterleave()
+{
+    Interleave t{};
+    for (unsigned j = 0; j < 192; ++j) {
+        const unsigned pixel = j / 3, channel = j % 3;
+        t.first[j / 64][j % 64] = static_cast<uint8_t>(channel == 1 ? 64 + pixel : pixel);
+        t.red[j / 64][j % 64] = static_cast<uint8_t>(pixel);
+        t.isRed[j / 64] |= uint64_t{ channel == 2 } << (j % 64);
+    }
+    return t;
+}
+alignas(64) constexpr Interleave g_Interleave = MakeInterleave();
+
+template <class V8>
+HWY_INLINE void StorePixels(V8 blue, V8 green, V8 red, uint8_t* dst)
+{
+    for (size_t k = 0; k < 3; ++k) {
+        const __m512i first = _mm512_permutex2var_epi8(blue.raw, _mm512_load_si512(g_Interleave.first[k]), green.raw);
+        _mm512_storeu_si512(dst + 64 * k, _mm512_mask_permutexvar_epi8(first, g_Interleave.isRed[k],
+                                                                       _mm512_load_si512(g_Interleave.red[k]), red.raw));
+    }
+}
+#else
+template <class V8>
+HWY_INLINE void StorePixels(V8 blue, V8 green, V8 red, uint8_t* dst)
+{
+    hn::StoreInterleaved3(blue, green, red, hn::DFromV<V8>(), dst);
+}
+#endif
+
+// Two pixels a lane: a word holds the even column below, the odd column above. `kColourOdd` tells which of them is the
+// colour site of the row; `own` is the colour of the row's sites, `other` that of the rows above and below.
+template <bool kColourOdd, class D8>
+HWY_INLINE void Interpolate(D8 d8, const uint8_t* p, ptrdiff_t pitch, hn::Vec<D8>& own, hn::Vec<D8>& green,
+                            hn::Vec<D8>& other)
+{
+    const hn::RepartitionToWide<D8> d16;
+    const auto load = [&](const uint8_t* q) HWY_ATTR { return hn::BitCast(d16, hn::LoadU(d8, q)); };
+    const auto low = [&](auto v) HWY_ATTR { return hn::And(v, hn::Set(d16, 0x00FF)); };
+    const auto high = [&](auto v) HWY_ATTR { return hn::ShiftRight<8>(v); };
+    const auto join = [&](auto even, auto odd) HWY_ATTR { return hn::BitCast(d8, hn::Or(even, hn::ShiftLeft<8>(odd))); };
+
+    const auto here = load(p), left = load(p - 1), right = load(p + 1);
+    const auto north = load(p - pitch), south = load(p + pitch);
+    const auto even = low(here), odd = high(here);
+    const auto columnEven = hn::Add(low(north), low(south)), columnOdd = hn::Add(high(north), high(south));
+    if constexpr (kColourOdd) {
+        const auto nextColumn = hn::Add(high(load(p - pitch + 1)), high(load(p + pitch + 1)));
+        const auto cross = hn::ShiftRight<2>(hn::Add(columnOdd, hn::Add(even, high(right))));
+        const auto diagonal = hn::ShiftRight<2>(hn::Add(columnEven, nextColumn));
+        own = join(hn::ShiftRight<1>(hn::Add(low(left), odd)), odd);
+        green = join(even, cross);
+        other = join(hn::ShiftRight<1>(columnEven), diagonal);
+    } else {
+        const auto previousColumn = hn::Add(low(load(p - pitch - 1)), low(load(p + pitch - 1)));
+        const auto cross = hn::ShiftRight<2>(hn::Add(columnEven, hn::Add(low(left), odd)));
+        const auto diagonal = hn::ShiftRight<2>(hn::Add(previousColumn, columnOdd));
+        own = join(even, hn::ShiftRight<1>(hn::Add(even, high(right))));
+        green = join(cross, odd);
+        other = join(diagonal, hn::ShiftRight<1>(columnOdd));
+    }
+}
+
+// Columns 2 to `end` of an inner row, in vectors. The last vector is laid over the one before it. False if the row is
+// shorter than a vector.
+template <bool kY8, bool kGains, bool kColourOdd, class D8>
+HWY_INLINE bool InnerRow(D8 d8, const BayerFrame& f, ptrdiff_t y, ptrdiff_t end, const Table& blueTable,
+                         const Table& redTable, uint8_t* dst)
+{
+    const ptrdiff_t step = static_cast<ptrdiff_t>(hn::Lanes(d8)), width = f.width;
+    if (end - 2 < step)
+        return false;
+    const bool blueRow = (y & 1) == f.phase.blueY;
+    const uint8_t* row = f.src + y * width;
+    uint8_t* out = dst + y * width * (kY8 ? 1 : 3);
+    for (ptrdiff_t x = 2; x < end; x += step) {
+        x = std::min(x, end - step);
+        hn::Vec<D8> own, green, other;
+        Interpolate<kColourOdd>(d8, row + x, width, own, green, other);
+        auto blue = blueRow ? own : other, red = blueRow ? other : own;
+        if constexpr (kGains) {
+            blue = blueTable.Map(blue);
+            red = redTable.Map(red);
+        }
+        if constexpr (kY8)
+            hn::StoreU(LuminanceOfBytes(blue, green, red), d8, out + x);
+        else
+            StorePixels(blue, green, red, out + 3 * x);
+    }
+    return true;
+}
+
+template <bool kY8, bool kGains>
+HWY_INLINE void DemosaicFrame(const BayerFrame& f, uint8_t* dst)
+{
+    const ptrdiff_t width = f.width, height = f.height;
+    // First column and row behind the inner cells.
+    const ptrdiff_t endX = (width - 1) & ~ptrdiff_t{ 1 }, endY = (height - 1) & ~ptrdiff_t{ 1 };
+    const Table blueTable(f.gains->blue.data()), redTable(f.gains->red.data());
+
+    const auto cells = [&](ptrdiff_t y, ptrdiff_t fromX, ptrdiff_t toX) {
+        CellPixels px;
+        for (ptrdiff_t x = fromX; x < toX; x += 2) {
+            const int cx = static_cast<int>(x), cy = static_cast<int>(y);
+            if (reference::IsBorderCell(f, cx, cy))
+                reference::CopyCell(f, cx, cy, px);
+            else
+                reference::BilinearCell(f, cx, cy, px);
+            for (ptrdiff_t j = 0; j < 2 && y + j < height; ++j) {
+                for (ptrdiff_t i = 0; i < 2 && x + i < width; ++i) {
+                    const uint8_t* p = px[j][i];
+                    const ptrdiff_t at = (y + j) * width + x + i;
+                    if constexpr (kY8)
+                        dst[at] = reference::Luminance(p[0], p[1], p[2]);
+                    else
+                        std::copy_n(p, 3, dst + 3 * at);
+                }
+            }
+        }
+    };
+    for (ptrdiff_t y = 0; y < height; y += 2) {
+        bool inner = y >= 2 && y < endY;
+        for (ptrdiff_t r = y; inner && r < y + 2; ++r) {
+            const bool colourOdd = ((r & 1) == f.phase.blueY) == (f.phase.blueX == 1);
+            inner = colourOdd ? InnerRow<kY8, kGains, true>(Full<uint8_t>(), f, r, endX, blueTable, redTable, dst)
+                              : InnerRow<kY8, kGains, false>(Full<uint8_t>(), f, r, endX, blueTable, redTable, dst);
+        }
+        if (inner) {
+            cells(y, 0, 2);
+            cells(y, endX, width);
+        } else {
+            cells(y, 0, width);
+        }
+    }
+}
+
+void Demosaic(const BayerFrame& f, uint8_t* dst)
+{
+    f.gains->identity ? DemosaicFrame<false, false>(f, dst) : DemosaicFrame<false, true>(f, dst);
+}
+
+void DemosaicY8(const BayerFrame& f, uint8_t* dst)
+{
+    f.gains->identity ? DemosaicFrame<true, false>(f, dst) : DemosaicFrame<true, true>(f, dst);
+}
+
+// --- binning by 2 ---------------------------------------------------------------------------------------------------
+
+// Output row y is made of input row `from` and the one `rows` below. All reads of a vector come before its write, and the
+// output never overtakes the input, so the frame may be binned in place.
+struct RowPair {
+    size_t first, second, out;
+};
+HWY_INLINE RowPair RowsOf(size_t y, size_t outWidth, bool colour)
+{
+    const size_t from = colour ? y / 2 * 4 + (y & 1) : y * 2;
+    return { from * 2 * outWidth, (from + (colour ? 2 : 1)) * 2 * outWidth, y * outWidth };
+}
+
+// A unit is what stays together: one sample of a mono frame, a pair of neighbours of a colour frame.
+template <class Unit, class D8>
+HWY_INLINE size_t Bin8Loop(D8 d8, const uint8_t* a, const uint8_t* b, uint8_t* out, size_t x, size_t n)
+{
+    const hn::Repartition<Unit, D8> du;
+    const size_t lanes = hn::Lanes(d8);
+    for (; x + lanes <= n; x += lanes) {
+        const auto s0 = hn::BitCast(du, hn::SaturatedAdd(hn::LoadU(d8, a + 2 * x), hn::LoadU(d8, b + 2 * x)));
+        const auto s1 =
+            hn::BitCast(du, hn::SaturatedAdd(hn::LoadU(d8, a + 2 * x + lanes), hn::LoadU(d8, b + 2 * x + lanes)));
+        hn::StoreU(hn::SaturatedAdd(hn::BitCast(d8, hn::ConcatEven(du, s1, s0)), hn::BitCast(d8, hn::ConcatOdd(du, s1, s0))),
+                   d8, out + x);
+    }
+    return x;
+}
+
+template <class Unit>
+HWY_INLINE void Bin8(uint8_t* buf, size_t outWidth, size_t outHeight)
+{
+    constexpr bool kColour = sizeof(Unit) == 2;
+    for (size_t y = 0; y < outHeight; ++y) {
+        const RowPair r = RowsOf(y, outWidth, kColour);
+        const uint8_t *a = buf + r.first, *b = buf + r.second;
+        uint8_t* out = buf + r.out;
+        size_t x = Bin8Loop<Unit>(Full<uint8_t>(), a, b, out, 0, outWidth);
+        x = Bin8Loop<Unit>(Short<uint8_t>(), a, b, out, x, outWidth);
+        for (; x < outWidth; ++x) {
+            const size_t i = kColour ? x / 2 * 4 + (x & 1) : 2 * x, j = i + sizeof(Unit);
+            out[x] = static_cast<uint8_t>(std::min(a[i] + a[j] + b[i] + b[j], 255));
+        }
+    }
+}
+
+template <bool kColour, class D16>
+HWY_INLINE size_t Bin16Loop(D16 d, const uint16_t* a, const uint16_t* b, uint16_t* out, size_t x, size_t n)
+{
+    const hn::RepartitionToWide<D16> d32;
+    const size_t lanes = hn::Lanes(d);
+    const auto rows = [&](size_t i) HWY_ATTR {
+        const auto v = hn::LoadU(d, a + i), w = hn::LoadU(d, b + i);
+        if constexpr (kColour) {
+            return hn::BitCast(d32, hn::Add(hn::ShiftRight<2>(v), hn::ShiftRight<2>(w)));
+        } else {
+            const auto v32 = hn::BitCast(d32, v), w32 = hn::BitCast(d32, w), low = hn::Set(d32, 0xFFFFu);
+            const auto even = hn::Add(hn::And(v32, low), hn::And(w32, low));
+            const auto odd = hn::Add(hn::ShiftRight<16>(v32), hn::ShiftRight<16>(w32));
+            return hn::ShiftRight<2>(hn::Add(even, odd));
+        }
+    };
+    for (; x + lanes <= n; x += lanes) {
+        const auto s0 = rows(2 * x), s1 = rows(2 * x + lanes);
+        if constexpr (kColour)
+            hn::StoreU(hn::Add(hn::BitCast(d, hn::ConcatEven(d32, s1, s0)), hn::BitCast(d, hn::ConcatOdd(d32, s1, s0))), d,
+                       out + x);
+        else
+            hn::StoreU(hn::ConcatEven(d, hn::BitCast(d, s1), hn::BitCast(d, s0)), d, out + x);
+    }
+    return x;
+}
+
+template <bool kColour>
+HWY_INLINE void Bin16(uint16_t* buf, size_t outWidth, size_t outHeight)
+{
+    for (size_t y = 0; y < outHeight; ++y) {
+        const RowPair r = RowsOf(y, outWidth, kColour);
+        const uint16_t *a = buf + r.first, *b = buf + r.second;
+        uint16_t* out = buf + r.out;
+        size_t x = Bin16Loop<kColour>(Full<uint16_t>(), a, b, out, 0, outWidth);
+        x = Bin16Loop<kColour>(Short<uint16_t>(), a, b, out, x, outWidth);
+        for (; x < outWidth; ++x) {
+            if constexpr (kColour) {
+                const size_t i = x / 2 * 4 + (x & 1), j = i + 2;
+                out[x] = static_cast<uint16_t>((a[i] >> 2) + (a[j] >> 2) + (b[i] >> 2) + (b[j] >> 2));
+            } else {
+                out[x] = static_cast<uint16_t>((a[2 * x] + a[2 * x + 1] + b[2 * x] + b[2 * x + 1]) >> 2);
+            }
+        }
+    }
+}
+
+// A size below 1 is no size.
+HWY_INLINE size_t Size(int n) { return static_cast<size_t>(std::max(n, 0)); }
+
+void MonoBin8By2(uint8_t* buf, int w, int h) { Bin8<uint8_t>(buf, Size(w), Size(h)); }
+void ColorBin8By2(uint8_t* buf, int w, int h) { Bin8<uint16_t>(buf, Size(w), Size(h)); }
+void MonoBin16By2(uint16_t* buf, int w, int h) { Bin16<false>(buf, Size(w), Size(h)); }
+void ColorBin16By2(uint16_t* buf, int w, int h) { Bin16<true>(buf, Size(w), Size(h)); }
+
+// --- flips ----------------------------------------------------------------------------------------------------------
+
+template <class D>
+HWY_INLINE hn::Vec<D> Reversed(D d, hn::Vec<D> v)
+{
+    if constexpr (sizeof(hn::TFromD<D>) == 1) {
+        const hn::RepartitionToWide<D> wide;
+        const auto pairs = hn::Reverse(wide, hn::BitCast(wide, v));
+        return hn::BitCast(d, hn::Or(hn::ShiftLeft<8>(pairs), hn::ShiftRight<8>(pairs)));
+    } else {
+        return hn::Reverse(d, v);
+    }
+}
+
+template <class D>
+HWY_INLINE size_t SwapReversedLoop(D d, hn::TFromD<D>* a, hn::TFromD<D>* bEnd, size_t i, size_t n)
+{
+    const size_t lanes = hn::Lanes(d);
+    for (; i + lanes <= n; i += lanes) {
+        hn::TFromD<D>* b = bEnd - i - lanes;
+        const auto va = hn::LoadU(d, a + i), vb = hn::LoadU(d, b);
+        hn::StoreU(Reversed(d, vb), d, a + i);
+        hn::StoreU(Reversed(d, va), d, b);
+    }
+    return i;
+}
+
+// Trades the n elements from `a` on for the n before `bEnd`, in reverse. The two do not overlap.
+template <class T>
+HWY_INLINE void SwapReversed(T* a, T* bEnd, size_t n)
+{
+    size_t i = SwapReversedLoop(Full<T>(), a, bEnd, 0, n);
+    i = SwapReversedLoop(Short<T>(), a, bEnd, i, n);
+    for (; i < n; ++i)
+        std::swap(a[i], *(bEnd - 1 - i));
+}
+
+template <class T>
+HWY_INLINE void SwapRows(T* a, T* b, size_t n)
+{
+    const Full<T> d;
+    size_t i = 0;
+    for (; i + hn::Lanes(d) <= n; i += hn::Lanes(d)) {
+        const auto va = hn::LoadU(d, a + i), vb = hn::LoadU(d, b + i);
+        hn::StoreU(vb, d, a + i);
+        hn::StoreU(va, d, b + i);
+    }
+    std::swap_ranges(a + i, a + n, b + i);
+}
+
+template <class T>
+HWY_INLINE void Flip(T* buf, size_t w, size_t h, bool reverseRows, bool mirrorRows)
+{
+    if (mirrorRows && reverseRows && w % 2 == 0) {
+        SwapReversed(buf, buf + w * h, w * h / 2);  // the rotation turns the whole buffer round
+    } else if (mirrorRows) {
+        for (size_t r = 0; r < h; ++r)
+            SwapReversed(buf + r * w, buf + (reverseRows ? h - r : r + 1) * w, w / 2);
+    } else if (reverseRows) {
+        for (size_t r = 0; r < h / 2; ++r)
+            SwapRows(buf + r * w, buf + (h - 1 - r) * w, w);
+    }
+}
+
+void Flip8(uint8_t* buf, int w, int h, bool rows, bool mirror) { Flip(buf, Size(w), Size(h), rows, mirror); }
+void Flip16(uint16_t* buf, int w, int h, bool rows, bool mirror) { Flip(buf, Size(w), Size(h), rows, mirror); }
+
+// --- dark frame -----------------------------------------------------------------------------------------------------
+
+// A dark value of 255 or more leaves nothing of any pixel, so eight bits of it are enough.
+void SubtractDark(uint8_t* buf, size_t n, uint32_t offset, const uint16_t* dark)
+{
+    const Full<uint8_t> d8;
+    const hn::RepartitionToWide<decltype(d8)> d16;
+    const size_t lanes = hn::Lanes(d8);
+    const auto full = hn::Set(d16, 255);
+    const auto add = hn::Set(d8, static_cast<uint8_t>(std::min(offset, 255u)));
+    size_t i = 0;
+    for (; i + lanes <= n; i += lanes) {
+        const auto low = hn::Min(hn::LoadU(d16, dark + i), full), high = hn::Min(hn::LoadU(d16, dark + i + lanes / 2), full);
+        const auto d = hn::ConcatEven(d8, hn::BitCast(d8, high), hn::BitCast(d8, low));
+        hn::StoreU(hn::SaturatedAdd(hn::SaturatedSub(hn::LoadU(d8, buf + i), d), add), d8, buf + i);
+    }
+    reference::SubtractDark(buf + i, n - i, offset, dark + i);
+}
+
+#endif  // HWY_SCALAR
+
+}  // namespace HWY_NAMESPACE
+}  // namespace imaging
+HWY_AFTER_NAMESPACE();
+
+#if HWY_ONCE
+namespace imaging {
+
+HWY_EXPORT(MapBytes);
+HWY_EXPORT(Luminance);
+HWY_EXPORT(FirstBytes);
+HWY_EXPORT(Demosaic);
+HWY_EXPORT(DemosaicY8);
+HWY_EXPORT(MonoBin8By2);
+HWY_EXPORT(MonoBin16By2);
+HWY_EXPORT(ColorBin8By2);
+HWY_EXPORT(ColorBin16By2);
+HWY_EXPORT(Flip8);
+HWY_EXPORT(Flip16);
+HWY_EXPORT(SubtractDark);
+
+void MapBytes(uint8_t* buf, size_t n, const uint8_t* lut) { HWY_DYNAMIC_DISPATCH(MapBytes)(buf, n, lut); }
+void Luminance(const uint8_t* rgb, uint8_t* dst, size_t n) { HWY_DYNAMIC_DISPATCH(Luminance)(rgb, dst, n); }
+void FirstBytes(const uint8_t* rgb, uint8_t* dst, size_t n) { HWY_DYNAMIC_DISPATCH(FirstBytes)(rgb, dst, n); }
+void Demosaic(const BayerFrame& f, uint8_t* dst) { HWY_DYNAMIC_DISPATCH(Demosaic)(f, dst); }
+void DemosaicY8(const BayerFrame& f, uint8_t* dst) { HWY_DYNAMIC_DISPATCH(DemosaicY8)(f, dst); }
+void MonoBin8By2(uint8_t* buf, int w, int h) { HWY_DYNAMIC_DISPATCH(MonoBin8By2)(buf, w, h); }
+void MonoBin16By2(uint16_t* buf, int w, int h) { HWY_DYNAMIC_DISPATCH(MonoBin16By2)(buf, w, h); }
+void ColorBin8By2(uint8_t* buf, int w, int h) { HWY_DYNAMIC_DISPATCH(ColorBin8By2)(buf, w, h); }
+void ColorBin16By2(uint16_t* buf, int w, int h) { HWY_DYNAMIC_DISPATCH(ColorBin16By2)(buf, w, h); }
+void Flip8(uint8_t* buf, int w, int h, bool rows, bool mirror) { HWY_DYNAMIC_DISPATCH(Flip8)(buf, w, h, rows, mirror); }
+void Flip16(uint16_t* buf, int w, int h, bool rows, bool mirror) { HWY_DYNAMIC_DISPATCH(Flip16)(buf, w, h, rows, mirror); }
+void SubtractDark(uint8_t* buf, size_t n, uint32_t offset, const uint16_t* dark)
+{
+    HWY_DYNAMIC_DISPATCH(SubtractDark)(buf, n, offset, dark);
+}
+
+}  // namespace imaging
+#endif

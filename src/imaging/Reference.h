@@ -1,0 +1,58 @@
+// Every pixel operation in its plain scalar form. This is the meaning of the operations: the vector forms have to agree
+// with it byte for byte. Sizes below 1 do nothing.
+//
+// Cameras only make even sizes. At odd sizes a cell that is cut by the edge is completed with the nearest samples of the
+// same phase inside the frame, and nothing outside the frame is read or written.
+#pragma once
+#include <cstddef>
+#include <cstdint>
+
+#include "imaging/Tables.h"
+
+namespace imaging {
+
+// Where the 2 by 2 cell holds its blue sample; red lies diagonally opposite.
+struct BayerPhase {
+    int blueX, blueY;
+};
+inline constexpr BayerPhase PHASE_RG = { 1, 1 }, PHASE_BG = { 0, 0 }, PHASE_GR = { 0, 1 }, PHASE_GB = { 1, 0 };
+
+struct BayerFrame {
+    const uint8_t* src;
+    int width, height;
+    BayerPhase phase;
+    const Gains* gains;
+};
+
+using CellPixels = uint8_t[2][2][3];  // row, column, (blue, green, red)
+
+namespace reference {
+
+// The 2 by 2 cell at (x, y), both even. CopyCell looks at nothing outside the cell; BilinearCell needs one sample more
+// on each side.
+void CopyCell(const BayerFrame& f, int x, int y, CellPixels out);
+void BilinearCell(const BayerFrame& f, int x, int y, CellPixels out);
+// Cells of the outermost ring are copied, all others interpolated.
+bool IsBorderCell(const BayerFrame& f, int x, int y);
+
+void Demosaic(const BayerFrame& f, uint8_t* dst);
+void DemosaicY8(const BayerFrame& f, uint8_t* dst);
+
+uint8_t Luminance(uint8_t b0, uint8_t b1, uint8_t b2);
+void RGB2Y8(const uint8_t* src, uint8_t* dst, int width, int height);
+void RGB2R8(const uint8_t* src, uint8_t* dst, int width, int height);
+void RGB2YUV2(const uint8_t* src, uint8_t* dst, int width, int height, bool bottomUp);
+
+void MonoBin8(uint8_t* buf, int outWidth, int outHeight, int bin);
+void MonoBin16(uint16_t* buf, int outWidth, int outHeight, int bin);
+void ColorBin8(uint8_t* buf, int outWidth, int outHeight, int bin);
+void ColorBin16(uint16_t* buf, int outWidth, int outHeight, int bin);
+
+template <class T>
+void Flip(T* buf, int width, int height, bool reverseRows, bool mirrorRows);
+
+void Gamma8(uint8_t* buf, size_t n, const uint8_t* lut);
+void SubtractDark(uint8_t* buf, size_t n, uint32_t offset, const uint16_t* dark);
+
+}  // namespace reference
+}  // namespace imaging
