@@ -96,6 +96,49 @@ protected:
     bool Fpga(uint16_t reg, uint32_t value) { return this->WriteFPGAREG(reg, static_cast<uint16_t>(value)); }
     void UnityGains() { for (uint16_t r = FPGA_GAIN_A; r <= FPGA_GAIN_D; ++r) Fpga(r, 128); }
     void WriteSensorSizeToFpga() { WriteFpga(FPGA_WIDTH, uint32_t(SensorW()), 2); WriteFpga(FPGA_HEIGHT, uint32_t(SensorH()), 2); }
+    // Last part of most bring-ups: FPGA idle, 8-bit format, unity gains.
+    void FinishFpgaInit()
+    {
+        Fpga(FPGA_RUN, RUN_IDLE);
+        Fpga(FPGA_FORMAT, 1);
+        Fpga(FPGA_HOLD, 1);
+        UnityGains();
+        Fpga(FPGA_HOLD, 0);
+    }
+    // Enters or leaves the long-exposure mode by m_lExposure.
+    // QUIRK: the mode goes to sensor byte 0 here, to FPGA register 0 when streaming starts.
+    void SwitchLongExp(uint64_t lFrom, uint8_t longMode)
+    {
+        if (this->m_lExposure >= lFrom) {
+            if (!this->m_bLongExp) {
+                Write8(0, longMode);
+                this->m_bLongExp = true;
+            }
+        } else if (this->m_bLongExp) {
+            Write8(0, RUN_GO);
+            LeaveLongExp();
+            this->m_bLongExp = false;
+        }
+    }
+    virtual void LeaveLongExp() { this->SetCMOSClk(); }
+    bool WriteVMAX(uint32_t vmax)
+    {
+        Fpga(FPGA_HOLD, 1);
+        WriteFpga(FPGA_VMAX, vmax, 3);
+        return Fpga(FPGA_HOLD, 0);
+    }
+    // SetBrightness where the black level is a pair of bytes: the high one goes first.
+    bool WriteBlack(uint16_t regLow, int value)
+    {
+        this->m_iBrightness = value;
+        Write8(static_cast<uint16_t>(regLow + 1), uint32_t(value) >> 8);
+        return Write8(regLow, uint32_t(value));
+    }
+    // Frames a second from clock and line length.
+    float FPSFromLine(int lines) const
+    {
+        return float(this->m_iCMOSClk) * 1000.0f / float(this->m_iHMAX * (lines + m_Fpga.iVBlank));
+    }
     // Line time in us, rounded to single precision at every step.
     float LineTime() const { return float(this->m_iHMAX) * 1000.0f / float(this->m_iCMOSClk); }
 

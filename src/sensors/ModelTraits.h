@@ -63,3 +63,21 @@ struct ModelTraits {
     PhaseRow aPhase[4];          // hot-pixel shifts of hardware binning
     bool bDDR;                   // hardware binning sums
 };
+
+// The cooled form of a model: on CCameraCool, with the three cooler controls behind the others.
+constexpr ModelTraits Cooled(ModelTraits t, const char* szClass, const char* szName, const wchar_t* szKey,
+                             uint16_t wProductId)
+{
+    t.szClass = szClass;
+    t.szName = szName;
+    t.szKey = szKey;
+    t.aProducts[0] = { wProductId, nullptr };
+    t.bCooler = true;
+    int n = 0;
+    while (t.aControls[n] >= 0)
+        ++n;
+    for (const auto control : { CTRL_COOL_POWER_PERC, CTRL_TARGET_TEMP, CTRL_COOLER_ON })
+        t.aControls[n++] = static_cast<int8_t>(control);
+    t.aControls[n] = -1;
+    return t;
+}

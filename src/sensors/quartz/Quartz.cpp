@@ -3,38 +3,83 @@
 #include <algorithm>
 
 #include "RegisterTables.h"
-#include "sensors/SonyExposure.h"
 
 namespace {
 
 enum Reg : uint16_t {
-    REG_STANDBY = 0x3000,   // 1 sleeps
-    REG_HOLD = 0x3001,      // 1 keeps sensor writes back until 0
+    REG_STANDBY = 0x3000,      // 1 sleeps
+    REG_HOLD = 0x3001,         // 1 keeps sensor writes back until 0
     REG_MASTER_STOP = 0x3002,
-    REG_ADC_BITS = 0x3005,  // 0 10-bit, 1 12-bit
-    REG_READ_MODE = 0x3006, // 0x22 bins 2 x 2
+    REG_ADC_BITS = 0x3005,     // 0 10-bit, 1 12-bit
+    REG_READ_MODE = 0x3006,    // 0x22 bins 2 x 2
     REG_WINDOW_MODE = 0x3007,
-    REG_CLOCK = 0x3009,     // bits 1..0 divider, bit 4 high conversion gain
-    REG_BLACK = 0x300A,     // 2 bytes
-    REG_GAIN = 0x3014,      // 0.3 dB a step
-    REG_SHS = 0x3020,       // 3 bytes
-    REG_WINDOW_TOP = 0x303C, REG_WINDOW_HEIGHT = 0x303E, REG_WINDOW_LEFT = 0x3040, REG_WINDOW_WIDTH = 0x3042,
-    REG_OUTPUT = 0x3046,    // 0xF0 fast 8-bit path, 0xF1 normal
+    REG_CLOCK = 0x3009,        // bits 1..0 divider, bit 4 high conversion gain
+    REG_BLACK = 0x300A,        // 2 bytes
+    REG_GAIN = 0x3014,
+    REG_SHS = 0x3020,          // 3 bytes
     // Not in any document at hand; the values belong to the ADC width.
     REG_UNK_3129 = 0x3129, REG_UNK_317C = 0x317C, REG_UNK_31EC = 0x31EC,
 };
 
 constexpr uint64_t EXP_MIN = 32, EXP_MAX = 1'000'000'000, EXP_LONG = 1'000'000;  // us
-constexpr int GAIN_MAX = 600, GAIN_HIGH_ABOVE = 60;                              // 0.1 dB
-constexpr int32_t CLK_BIN = 9281, CLK_NORMAL = 18562, CLK_FAST = 37124;          // kHz
-constexpr int32_t HMAX_BIN = 145, HMAX_FAST = 196, HMAX_NORMAL = 203;            // clocks
 
-constexpr ExposureLaw g_Law = { 17, 18, 1, 2, 16, 1, 0xFFFFFF, 2 };
-constexpr FpgaTraits g_Fpga = { 18, 43272, 360715, CLK_BIN, 100, 100000, false };
+constexpr RegEntry g_QuartzAfter[] = {
+    { 0x305C, 0x20 }, { 0x305D, 0x00 }, { 0x305E, 0x20 }, { 0x305F, 0x00 }, { 0x3046, 0xF1 }, { REG_ADC_BITS, 1 },
+    { 0x303A, 8 }, { REG_WINDOW_MODE, 0x40 },
+};
+constexpr RegEntry g_OnyxAfter[] = { { 0x3044, 0xE1 }, { REG_ADC_BITS, 1 }, { 0x3036, 8 }, { REG_WINDOW_MODE, 0x40 } };
+constexpr RegEntry g_NephriteAfter[] = {
+    { 0x305E, 0x20 }, { 0x3063, 0x74 }, { 0x3044, 0xE1 }, { REG_ADC_BITS, 1 }, { 0x3036, 12 }, { REG_WINDOW_MODE, 0x40 },
+};
+
+// --- one row a family ---
+
+constexpr QuartzTraits g_Quartz = {
+    .fpga = { 18, 43272, 360715, 9281, 100, 100000, false },
+    .law = { 17, 18, 1, 2, 16, 1, 0xFFFFFF, 2 },
+    .initTable = g_QuartzInit, .initAfter = g_QuartzAfter, .wRegTail = 0x304B,
+    .wRegOutput = 0x3046, .bOutputFast = 0xF0, .bOutputNormal = 0xF1, .bReadoutTrim = true,
+    .iClkBin = 9281, .iClkNormal = 18562, .iClkFast = 37124, .iMinBin = 145, .iMinNormal = 203, .iMinFast = 196,
+    .bClockKeepsGain = true,
+    .wRegLeft = 0x3040, .wRegTop = 0x303C, .wRegWidth = 0x3042, .wRegHeight = 0x303E,
+    .bFpgaXBin = 0, .bFpgaYBin = 9, .bFpgaX = 0, .bFpgaY = 9,
+    .iGainMax = 600, .iHighGainAbove = 60, .iGainStep = 3, .iGainBytes = 1, .bGainHeld = true, .bFPSFromLine = false,
+};
+constexpr QuartzTraits g_Onyx = {
+    .fpga = { 18, 43272, 190906, 9281, 100, 100000, false },
+    .law = { 17, 18, 1, 2, 16, 1, 0xFFFFFF, 2 },
+    .initTable = g_OnyxInit, .initAfter = g_OnyxAfter, .wRegTail = 0x3049,
+    .wRegOutput = 0x3044, .bOutputFast = 0xE0, .bOutputNormal = 0xE1, .bReadoutTrim = false,
+    .iClkBin = 9281, .iClkNormal = 18562, .iClkFast = 37124, .iMinBin = 145, .iMinNormal = 292, .iMinFast = 249,
+    .bClockKeepsGain = true,
+    .wRegLeft = 0x303C, .wRegTop = 0x3038, .wRegWidth = 0x303E, .wRegHeight = 0x303A,
+    .bFpgaXBin = 2, .bFpgaYBin = 5, .bFpgaX = 4, .bFpgaY = 9,
+    .iGainMax = 600, .iHighGainAbove = 60, .iGainStep = 1, .iGainBytes = 2, .bGainHeld = true, .bFPSFromLine = false,
+};
+// QUIRK: SetGain leaves the high-gain bit alone on Pyrite, but a clock change sets it above gain 60.
+constexpr QuartzTraits g_Pyrite = [] {
+    QuartzTraits q = g_Onyx;
+    q.iHighGainAbove = 0;
+    q.bFPSFromLine = true;
+    return q;
+}();
+constexpr QuartzTraits g_Nephrite = {
+    .fpga = { 21, 42830, 256981, 4640, 80, 500000, false },
+    .law = { 20, 21, 1, 0, 19, 1, 0xFFFFFF, 2 },
+    .initTable = g_NephriteInit, .initAfter = g_NephriteAfter, .wRegTail = 0x3049,
+    .wRegOutput = 0x3044, .bOutputFast = 0x60, .bOutputNormal = 0x61, .bReadoutTrim = false,
+    .iClkBin = 4640, .iClkNormal = 9280, .iClkFast = 18560, .iMinBin = 69, .iMinNormal = 138, .iMinFast = 138,
+    .bClockKeepsGain = false,
+    .wRegLeft = 0x303C, .wRegTop = 0x3038, .wRegWidth = 0x303E, .wRegHeight = 0x303A,
+    .bFpgaXBin = 2, .bFpgaYBin = 5, .bFpgaX = 4, .bFpgaY = 9,
+    .iGainMax = 480, .iHighGainAbove = 0, .iGainStep = 3, .iGainBytes = 1, .bGainHeld = false, .bFPSFromLine = false,
+};
+
+// --- one row a model ---
 
 constexpr uint16_t CAPS = CAP_BRIGHTNESS | CAP_BANDWIDTH | CAP_BANDWIDTH_AUTO | CAP_TEMPERATURE | CAP_AUTO;
 
-constexpr ModelTraits g_Col = {
+constexpr ModelTraits g_QuartzCol = {
     .family = Family::Quartz, .szClass = "CCameraSQuartzCol", .szName = "VYR KOVQuartzCol",
     .szKey = L"SOFTWARE\\KOVQuartzCol", .iGuidSlot = 10, .aProducts = { { 0xC11A, nullptr } },
     .iWidth = 1936, .iHeight = 1096, .dPixelSize = 3.75, .bayer = BAYER_RG, .bColor = true, .bUSB3 = true, .bCooler = false,
@@ -48,8 +93,8 @@ constexpr ModelTraits g_Col = {
 };
 
 // QUIRK: the monochrome model lists CTRL_WB_B but not CTRL_WB_R.
-constexpr ModelTraits MonoOf(ModelTraits t)
-{
+constexpr ModelTraits g_QuartzMono = [] {
+    ModelTraits t = g_QuartzCol;
     t.szClass = "CCameraSQuartzMono";
     t.szName = "VYR KOVQuartzMono";
     t.szKey = L"SOFTWARE\\KOVQuartzMono";
@@ -60,176 +105,226 @@ constexpr ModelTraits MonoOf(ModelTraits t)
     constexpr int8_t controls[] = { 0, 1, 2, 4, 5, 6, 8, 9, 10, 11, 12, 14, -1 };
     std::copy(std::begin(controls), std::end(controls), t.aControls);
     return t;
-}
-constexpr ModelTraits g_Mono = MonoOf(g_Col);
+}();
 
-ClassVars g_ColVars{ { g_Fpga.iUnitUSB3 }, { HMAX_NORMAL } };
-ClassVars g_MonoVars{ { g_Fpga.iUnitUSB3 }, { HMAX_NORMAL } };
+constexpr ModelTraits g_OnyxCol = {
+    .family = Family::Onyx, .szClass = "CCameraSOnyxCol", .szName = "VYR KOVOnyxCol",
+    .szKey = L"SOFTWARE\\KOVOnyxCol", .iGuidSlot = 10, .aProducts = { { 0xC0FA, nullptr } },
+    .iWidth = 1304, .iHeight = 976, .dPixelSize = 3.75, .bayer = BAYER_RG, .bColor = true, .bUSB3 = true, .bCooler = false,
+    .fElecPerADU = 4.688f, .iPropA = 10, .iPropB = 20, .iPropC = 350, .iPropD = 140,
+    .gain = { 0, 600, 200 }, .exposure = { 32, 1000000000, 10000 }, .iWB_R = 52, .iWB_B = 95, .iWBMin = 1, .iWBMax = 99,
+    .brightness = { 0, 240, 1 }, .iBandwidthMin = 40, .iBandwidthMax = 100, .iFPSPerc = 80, .iFPSPercUSB3 = 100,
+    .iClk = 9281, .iHMAX = 292, .iMaxExposure = 1000000000, .iAutoGainMax = 300, .iAutoExpMaxCap = 1000,
+    .wCaps = CAPS | CAP_WB_R | CAP_WB_B | CAP_FLIP, .bTypes = TYPE_RAW8 | TYPE_RGB24 | TYPE_Y8 | TYPE_RAW16,
+    .bStart = START_AUTO_FPS | START_HARDWARE_BIN, .bClose = CLOSE_LINK | CLOSE_CLEARS_POINTER,
+    .aBins = { 1, 2, 3 }, .aControls = { 0, 1, 2, 3, 4, 5, 6, 8, 9, 10, 11, 12, 13, 14, -1 }, .aPhase = {}, .bDDR = false,
+};
+constexpr ModelTraits g_OnyxCol_C = Cooled(g_OnyxCol, "CCameraSOnyxCol_C", "VYR KOVOnyxCol-Cool",
+                                           L"SOFTWARE\\KOVOnyxCol-C", 0xC0FB);
+constexpr ModelTraits g_PyriteCol = [] {
+    ModelTraits t = g_OnyxCol;
+    t.family = Family::Pyrite;
+    t.szClass = "CCameraSPyriteCol";
+    t.szName = "VYR KOVPyriteCol";
+    t.szKey = L"SOFTWARE\\KOVPyriteCol";
+    t.aProducts[0] = { 0xC10A, nullptr };
+    t.fElecPerADU = 0;
+    t.iPropA = t.iPropB = 0;
+    t.iPropC = t.iPropD = -1;
+    t.bClose = CLOSE_CLEARS_POINTER;
+    t.aBins[2] = 0;
+    return t;
+}();
+
+constexpr ModelTraits g_NephriteCol = {
+    .family = Family::Nephrite, .szClass = "CCameraSNephriteCol", .szName = "VYR KOVNephriteCol",
+    .szKey = L"SOFTWARE\\KOVNephriteCol", .iGuidSlot = 10, .aProducts = { { 0xC0EA, nullptr } },
+    .iWidth = 1944, .iHeight = 1224, .dPixelSize = 3.75, .bayer = BAYER_RG, .bColor = true, .bUSB3 = true, .bCooler = false,
+    .fElecPerADU = 5.584f, .iPropA = 10, .iPropB = 26, .iPropC = 250, .iPropD = 75,
+    .gain = { 0, 480, 200 }, .exposure = { 32, 1000000000, 10000 }, .iWB_R = 50, .iWB_B = 90, .iWBMin = 1, .iWBMax = 99,
+    .brightness = { 0, 500, 1 }, .iBandwidthMin = 40, .iBandwidthMax = 100, .iFPSPerc = 80, .iFPSPercUSB3 = 80,
+    .iClk = 4640, .iHMAX = 138, .iMaxExposure = 1000000000, .iAutoGainMax = 240, .iAutoExpMaxCap = 1000,
+    .wCaps = CAPS | CAP_WB_R | CAP_WB_B | CAP_FLIP, .bTypes = TYPE_RAW8 | TYPE_RGB24 | TYPE_Y8 | TYPE_RAW16,
+    .bStart = START_AUTO_FPS | START_HARDWARE_BIN, .bClose = CLOSE_LINK | CLOSE_CLEARS_POINTER,
+    .aBins = { 1, 2 }, .aControls = { 0, 1, 2, 3, 4, 5, 6, 8, 9, 10, 11, 12, 13, 14, -1 },
+    .aPhase = { { 2, -4, 0, -4, 0 } }, .bDDR = false,
+};
+constexpr ModelTraits g_NephriteCol_C = Cooled(g_NephriteCol, "CCameraSNephriteCol_C", "VYR KOVNephriteCol-Cool",
+                                               L"SOFTWARE\\KOVNephriteCol-C", 0xC0EB);
+
+// One pair a class.
+template <const ModelTraits& t, const QuartzTraits& q>
+ClassVars g_Vars{ { q.fpga.iUnitUSB3 }, { q.iMinNormal } };
 
 }  // namespace
 
-CQuartz::CQuartz(const ModelTraits& t, ClassVars& v, void* handle) : CFpgaModel(t, g_Fpga, v, handle) {}
+#define KOV_QUARTZ_CTOR(name, traits, family)                                        \
+    name::name(void* handle) : CQuartz(traits, family, g_Vars<traits, family>, handle) \
+    {                                                                                \
+        this->FinishConstruction();                                                  \
+    }
+KOV_QUARTZ_CTOR(CCameraSQuartzCol, g_QuartzCol, g_Quartz)
+KOV_QUARTZ_CTOR(CCameraSQuartzMono, g_QuartzMono, g_Quartz)
+KOV_QUARTZ_CTOR(CCameraSOnyxCol, g_OnyxCol, g_Onyx)
+KOV_QUARTZ_CTOR(CCameraSOnyxCol_C, g_OnyxCol_C, g_Onyx)
+KOV_QUARTZ_CTOR(CCameraSPyriteCol, g_PyriteCol, g_Pyrite)
+KOV_QUARTZ_CTOR(CCameraSNephriteCol, g_NephriteCol, g_Nephrite)
+KOV_QUARTZ_CTOR(CCameraSNephriteCol_C, g_NephriteCol_C, g_Nephrite)
 
-CCameraSQuartzCol::CCameraSQuartzCol(void* handle) : CQuartz(g_Col, g_ColVars, handle)
+template <class Base>
+CQuartz<Base>::CQuartz(const ModelTraits& t, const QuartzTraits& q, ClassVars& v, void* handle)
+    : CFpgaModel<Base>(t, q.fpga, v, handle), m_Q(q)
 {
-    FinishConstruction();
 }
 
-CCameraSQuartzMono::CCameraSQuartzMono(void* handle) : CQuartz(g_Mono, g_MonoVars, handle)
+template <class Base>
+void CQuartz<Base>::InitSensor()
 {
-    FinishConstruction();
-}
-
-void CQuartz::InitSensor()
-{
-    model::RunTable8(*this, g_QuartzInit);
-    static constexpr RegEntry after[] = {
-        { 0x305C, 0x20 }, { 0x305D, 0x00 }, { 0x305E, 0x20 }, { 0x305F, 0x00 }, { REG_OUTPUT, 0xF1 }, { REG_ADC_BITS, 1 },
-        { 0x303A, 8 }, { REG_WINDOW_MODE, 0x40 },
-    };
-    model::RunTable8(*this, after);
-    Fpga(FPGA_RUN, RUN_RESET);
+    model::RunTable8(*this, m_Q.initTable);
+    model::RunTable8(*this, m_Q.initAfter);
+    this->Fpga(FPGA_RUN, RUN_RESET);
     platform::SleepMs(20);
-    SendCMD(REQ_START_SENSOR_CLOCK);
-    Write8(REG_MASTER_STOP, 1);
-    Write8(0x304B, 0);
-    Fpga(FPGA_RUN, RUN_IDLE);
-    Fpga(FPGA_FORMAT, 1);
-    Fpga(FPGA_HOLD, 1);
-    UnityGains();
-    Fpga(FPGA_HOLD, 0);
+    this->SendCMD(REQ_START_SENSOR_CLOCK);
+    this->Write8(REG_MASTER_STOP, 1);
+    this->Write8(m_Q.wRegTail, 0);
+    this->FinishFpgaInit();
 }
 
-bool CQuartz::SetOutput16Bits(bool on)
+template <class Base>
+bool CQuartz<Base>::SetOutput16Bits(bool on)
 {
-    m_bOutput16Bits = on;
-    SelectBandwidthUnit();
-    if (m_bHighSpeed && !on && !InHardBin2()) {
-        Write8(REG_OUTPUT, 0xF0);
-        Write8(REG_ADC_BITS, 0);
-        Fpga(FPGA_FORMAT, 0);
-        Write8(REG_UNK_3129, 0x1D);
-        Write8(REG_UNK_317C, 0x12);
-        return Write8(REG_UNK_31EC, 0x37);
+    this->m_bOutput16Bits = on;
+    this->SelectBandwidthUnit();
+    const bool bFast = this->m_bHighSpeed && !on && !this->InHardBin2();
+    this->Write8(m_Q.wRegOutput, bFast ? m_Q.bOutputFast : m_Q.bOutputNormal);
+    this->Write8(REG_ADC_BITS, bFast || this->InHardBin2() ? 0 : 1);
+    bool ok = this->Fpga(FPGA_FORMAT, bFast ? 0 : on ? 17 : 1);
+    if (m_Q.bReadoutTrim) {
+        this->Write8(REG_UNK_3129, bFast ? 0x1D : 0);
+        this->Write8(REG_UNK_317C, bFast ? 0x12 : 0);
+        ok = this->Write8(REG_UNK_31EC, bFast ? 0x37 : 0x0E);
     }
-    Write8(REG_OUTPUT, 0xF1);
-    Write8(REG_ADC_BITS, InHardBin2() ? 0 : 1);
-    Fpga(FPGA_FORMAT, on ? 17 : 1);
-    Write8(REG_UNK_3129, 0);
-    Write8(REG_UNK_317C, 0);
-    return Write8(REG_UNK_31EC, 0x0E);
+    return ok;
 }
 
-bool CQuartz::SetCMOSClk()
+template <class Base>
+bool CQuartz<Base>::SetCMOSClk()
 {
-    const uint8_t g = m_iGain > GAIN_HIGH_ABOVE ? 0x10 : 0;  // the divider shares its register with the high-gain bit
-    if (InHardBin2()) {
-        m_iCMOSClk = CLK_BIN;
-        m_Vars.iMinHMAX = HMAX_BIN;
-        return Write8(REG_CLOCK, g);
+    if (this->InHardBin2()) {
+        this->m_iCMOSClk = m_Q.iClkBin;
+        this->m_Vars.iMinHMAX = m_Q.iMinBin;
+        return this->Write8(REG_CLOCK, HighGainBit());
     }
-    if (m_bHighSpeed && !m_bOutput16Bits) {
-        m_iCMOSClk = CLK_FAST;
-        m_Vars.iMinHMAX = HMAX_FAST;
-        return Write8(REG_CLOCK, g);
+    if (this->m_bHighSpeed && !this->m_bOutput16Bits) {
+        this->m_iCMOSClk = m_Q.iClkFast;
+        this->m_Vars.iMinHMAX = m_Q.iMinFast;
+        return this->Write8(REG_CLOCK, HighGainBit());
     }
-    m_iCMOSClk = CLK_NORMAL;
-    m_Vars.iMinHMAX = HMAX_NORMAL;
-    return Write8(REG_CLOCK, g | 1u);
+    this->m_iCMOSClk = m_Q.iClkNormal;
+    this->m_Vars.iMinHMAX = m_Q.iMinNormal;
+    return this->Write8(REG_CLOCK, HighGainBit() | 1);
 }
 
-bool CQuartz::SetCMOSClk(int clock)
+template <class Base>
+bool CQuartz<Base>::SetCMOSClk(int clock)
 {
-    const uint8_t g = m_iGain > GAIN_HIGH_ABOVE ? 0x10 : 0;
-    m_iCMOSClk = clock;
-    if (clock == CLK_BIN && InHardBin2()) {
-        m_Vars.iMinHMAX = HMAX_BIN;
-        return Write8(REG_CLOCK, g);
+    this->m_iCMOSClk = clock;
+    if (clock == m_Q.iClkBin && this->InHardBin2()) {
+        this->m_Vars.iMinHMAX = m_Q.iMinBin;
+        return this->Write8(REG_CLOCK, HighGainBit());
     }
-    if (clock == CLK_NORMAL)
-        return Write8(REG_CLOCK, g + 1u);
-    if (clock == CLK_FAST)
-        return Write8(REG_CLOCK, g);
-    m_Vars.iMinHMAX = HMAX_NORMAL;
-    return Write8(REG_CLOCK, g + 2u);
+    const bool bKnown = clock == m_Q.iClkNormal || clock == m_Q.iClkFast;
+    if (!bKnown || this->m_Traits.family == Family::Nephrite)
+        this->m_Vars.iMinHMAX = m_Q.iMinNormal;
+    return this->Write8(REG_CLOCK, HighGainBit() + (clock == m_Q.iClkFast ? 0 : clock == m_Q.iClkNormal ? 1 : 2));
 }
 
-bool CQuartz::SetExp(uint64_t microseconds, bool autoMode)
+template <class Base>
+bool CQuartz<Base>::SetExp(uint64_t microseconds, bool autoMode)
 {
-    m_bAutoExp = autoMode;
-    m_lExposure = std::clamp(microseconds, EXP_MIN, EXP_MAX);
-    // QUIRK: the mode goes to sensor byte 0 here, to FPGA register 0 when streaming starts.
-    if (m_lExposure >= EXP_LONG) {
-        if (!m_bLongExp) {
-            Write8(0, RUN_GO_LONG);
-            m_bLongExp = true;
-        }
-    } else if (m_bLongExp) {
-        Write8(0, RUN_GO);
-        SetCMOSClk();
-        m_bLongExp = false;
+    this->m_bAutoExp = autoMode;
+    this->m_lExposure = std::clamp(microseconds, EXP_MIN, EXP_MAX);
+    this->SwitchLongExp(EXP_LONG, RUN_GO_LONG);
+
+    const ExposureRegs r = CalcExposure(m_Q.law, this->m_lExposure, this->LineTime(), this->SensorH());
+    this->m_iFrameTime = r.iFrameTime;
+    this->m_iExpLines = r.iExpLines;
+    this->Write8(REG_HOLD, 1);
+    this->WriteVMAX(r.lVMAX);
+    this->WriteBytes(REG_SHS, r.lSHS, 3);
+    return this->Write8(REG_HOLD, 0);
+}
+
+template <class Base>
+bool CQuartz<Base>::SetGain(int gain, bool autoMode)
+{
+    this->m_bAutoGain = autoMode;
+    const int g = std::clamp(gain, 0, m_Q.iGainMax);
+    this->m_iGain = g;
+    const bool bHigh = m_Q.iHighGainAbove != 0 && g > m_Q.iHighGainAbove;
+    if (m_Q.bGainHeld)
+        this->Write8(REG_HOLD, 1);
+    if (m_Q.iHighGainAbove != 0) {
+        uint8_t clk = 0;
+        this->ReadSONYREG(REG_CLOCK, &clk);
+        this->Write8(REG_CLOCK, bHigh ? clk | 0x10u : clk & 0x0Fu);
     }
-
-    const ExposureRegs r = CalcExposure(g_Law, m_lExposure, LineTime(), SensorH());
-    m_iFrameTime = r.iFrameTime;
-    m_iExpLines = r.iExpLines;
-    Write8(REG_HOLD, 1);
-    Fpga(FPGA_HOLD, 1);
-    WriteFpga(FPGA_VMAX, r.lVMAX, 3);
-    Fpga(FPGA_HOLD, 0);
-    WriteBytes(REG_SHS, r.lSHS, 3);
-    return Write8(REG_HOLD, 0);
+    const int code = (g - (bHigh ? m_Q.iHighGainAbove : 0)) / m_Q.iGainStep;
+    bool ok = this->WriteBytes(REG_GAIN, uint32_t(code), m_Q.iGainBytes);
+    if (m_Q.bGainHeld)
+        ok = this->Write8(REG_HOLD, 0);
+    return ok;
 }
 
-bool CQuartz::SetGain(int gain, bool autoMode)
+template <class Base>
+bool CQuartz<Base>::SetBrightness(int value)
 {
-    m_bAutoGain = autoMode;
-    m_iGain = std::clamp(gain, 0, GAIN_MAX);
-    const bool bHigh = m_iGain > GAIN_HIGH_ABOVE;
-    Write8(REG_HOLD, 1);
-    uint8_t clk = 0;
-    ReadSONYREG(REG_CLOCK, &clk);
-    Write8(REG_CLOCK, bHigh ? clk | 0x10u : clk & 0x0Fu);
-    Write8(REG_GAIN, uint32_t((m_iGain - (bHigh ? GAIN_HIGH_ABOVE : 0)) / 3));
-    return Write8(REG_HOLD, 0);
+    return this->WriteBlack(REG_BLACK, value);
 }
 
-bool CQuartz::SetBrightness(int value)
+template <class Base>
+bool CQuartz<Base>::WriteStart(int x, int y)
 {
-    m_iBrightness = value;
-    Write8(REG_BLACK + 1, uint32_t(value) >> 8);
-    return Write8(REG_BLACK, uint32_t(value));
+    this->Write8(REG_HOLD, 1);
+    this->WriteBytes(m_Q.wRegLeft, uint32_t(x), 2);
+    this->WriteBytes(m_Q.wRegTop, uint32_t(y), 2);
+    return this->Write8(REG_HOLD, 0);
 }
 
-bool CQuartz::WriteStart(int x, int y)
+template <class Base>
+bool CQuartz<Base>::Cam_SetResolution()
 {
-    Write8(REG_HOLD, 1);
-    WriteBytes(REG_WINDOW_LEFT, uint32_t(x), 2);
-    WriteBytes(REG_WINDOW_TOP, uint32_t(y), 2);
-    return Write8(REG_HOLD, 0);
+    const bool bBin = this->InHardBin2();
+    this->Fpga(FPGA_HOLD, 1);
+    this->Write8(REG_READ_MODE, bBin ? 0x22 : 0);
+    this->WriteFpga(FPGA_START_X, bBin ? m_Q.bFpgaXBin : m_Q.bFpgaX, 2);
+    this->WriteFpga(FPGA_START_Y, bBin ? m_Q.bFpgaYBin : m_Q.bFpgaY, 2);
+    this->WriteBytes(m_Q.wRegWidth, uint32_t(this->m_iWidth * this->m_iBin), 2);
+    this->WriteBytes(m_Q.wRegHeight, uint32_t(this->m_iHeight * this->m_iBin), 2);
+    this->WriteSensorSizeToFpga();
+    return this->Fpga(FPGA_HOLD, 0);
 }
 
-bool CQuartz::Cam_SetResolution()
+template <class Base>
+bool CQuartz<Base>::StartSensorStreaming()
 {
-    Fpga(FPGA_HOLD, 1);
-    Write8(REG_READ_MODE, InHardBin2() ? 0x22 : 0);
-    WriteFpga(FPGA_START_X, 0, 2);
-    WriteFpga(FPGA_START_Y, 9, 2);
-    WriteBytes(REG_WINDOW_WIDTH, uint32_t(m_iWidth * m_iBin), 2);
-    WriteBytes(REG_WINDOW_HEIGHT, uint32_t(m_iHeight * m_iBin), 2);
-    WriteSensorSizeToFpga();
-    return Fpga(FPGA_HOLD, 0);
-}
-
-bool CQuartz::StartSensorStreaming()
-{
-    Write8(REG_STANDBY, 0);
+    this->Write8(REG_STANDBY, 0);
     platform::SleepMs(20);
-    return Fpga(FPGA_RUN, m_bLongExp ? RUN_GO_LONG : RUN_GO);
+    return this->Fpga(FPGA_RUN, this->m_bLongExp ? RUN_GO_LONG : RUN_GO);
 }
 
-bool CQuartz::StopSensorStreaming()
+template <class Base>
+bool CQuartz<Base>::StopSensorStreaming()
 {
-    Fpga(FPGA_RUN, m_bLongExp ? RUN_STOP_LONG : RUN_STOP);
-    return Write8(REG_STANDBY, 1);
+    this->Fpga(FPGA_RUN, this->m_bLongExp ? RUN_STOP_LONG : RUN_STOP);
+    return this->Write8(REG_STANDBY, 1);
 }
+
+template <class Base>
+float CQuartz<Base>::MaxFPSNow()
+{
+    return m_Q.bFPSFromLine ? this->FPSFromLine(this->SensorH()) : CFpgaModel<Base>::MaxFPSNow();
+}
+
+template class CQuartz<CCameraBase>;
+template class CQuartz<CCameraCool>;

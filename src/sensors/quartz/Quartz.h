@@ -1,10 +1,32 @@
-// Quartz: 1936 x 1096 rolling shutter, FPGA owns the frame length.
+// Quartz, Onyx, Pyrite and Nephrite: rolling shutter sensors of one kind behind an FPGA that owns the frame length.
 #pragma once
 #include "sensors/FpgaModel.h"
+#include "sensors/SonyExposure.h"
 
-class CQuartz : public CFpgaModel<CCameraBase> {
+// In what the families differ; the rows stand in Quartz.cpp.
+struct QuartzTraits {
+    FpgaTraits fpga;
+    ExposureLaw law;
+    std::span<const RegEntry> initTable, initAfter;  // register table, and the bytes after it
+    uint16_t wRegTail;                               // byte cleared after the clock has started
+    uint16_t wRegOutput;
+    uint8_t bOutputFast, bOutputNormal;              // 8-bit high speed, and all else
+    bool bReadoutTrim;                               // three more bytes follow the output mode
+    int32_t iClkBin, iClkNormal, iClkFast;           // kHz
+    int32_t iMinBin, iMinNormal, iMinFast;           // shortest line, clocks
+    bool bClockKeepsGain;                            // the clock register carries the high-gain bit
+    uint16_t wRegLeft, wRegTop, wRegWidth, wRegHeight;
+    uint8_t bFpgaXBin, bFpgaYBin, bFpgaX, bFpgaY;    // FPGA 2 and 6 in hardware bin 2, and otherwise
+    int iGainMax, iHighGainAbove;                    // 0.1 dB; 0: no second amplifier range
+    int iGainStep, iGainBytes;                       // 0.1 dB a step of the gain register, and its width
+    bool bGainHeld;
+    bool bFPSFromLine;                               // CalcMaxFPS counts lines instead of the frame time
+};
+
+template <class Base>
+class CQuartz : public CFpgaModel<Base> {
 public:
-    CQuartz(const ModelTraits& t, ClassVars& v, void* handle);
+    CQuartz(const ModelTraits& t, const QuartzTraits& q, ClassVars& v, void* handle);
     bool SetGain(int gain, bool autoMode) override;
     bool SetExp(uint64_t microseconds, bool autoMode) override;
     bool SetBrightness(int value) override;
@@ -18,16 +40,24 @@ public:
 protected:
     void InitSensor() override;
     bool WriteStart(int x, int y) override;
+    float MaxFPSNow() override;
+
+private:
+    uint32_t HighGainBit() const { return m_Q.bClockKeepsGain && this->m_iGain > 60 ? 0x10 : 0; }
+    const QuartzTraits& m_Q;
 };
 
-class KOV_CLASS CCameraSQuartzCol final : public CQuartz {
-public:
-    explicit CCameraSQuartzCol(void* handle = nullptr);
-    ~CCameraSQuartzCol() override { Shutdown(); }
-};
-
-class KOV_CLASS CCameraSQuartzMono final : public CQuartz {
-public:
-    explicit CCameraSQuartzMono(void* handle = nullptr);
-    ~CCameraSQuartzMono() override { Shutdown(); }
-};
+#define KOV_QUARTZ_CLASS(name, base)                  \
+    class KOV_CLASS name final : public CQuartz<base> { \
+    public:                                           \
+        explicit name(void* handle = nullptr);        \
+        ~name() override { this->Shutdown(); }        \
+    };
+KOV_QUARTZ_CLASS(CCameraSQuartzCol, CCameraBase)
+KOV_QUARTZ_CLASS(CCameraSQuartzMono, CCameraBase)
+KOV_QUARTZ_CLASS(CCameraSOnyxCol, CCameraBase)
+KOV_QUARTZ_CLASS(CCameraSOnyxCol_C, CCameraCool)
+KOV_QUARTZ_CLASS(CCameraSPyriteCol, CCameraBase)
+KOV_QUARTZ_CLASS(CCameraSNephriteCol, CCameraBase)
+KOV_QUARTZ_CLASS(CCameraSNephriteCol_C, CCameraCool)
+#undef KOV_QUARTZ_CLASS

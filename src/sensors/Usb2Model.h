@@ -1,0 +1,47 @@
+// What the families without an FPGA do alike: the test of a region, its start, the transfer mode of the bridge. A family
+// derives from CUsb2Model and adds its registers. All of them have 16-bit sensor registers.
+#pragma once
+#include "sensors/Model.h"
+
+class KOV_CLASS CUsb2Model : public CModel<CCameraBase> {
+public:
+    using CModel::CModel;
+
+    bool SetStartPos(int x, int y) override;
+    int32_t GetRealImageSize() override;
+
+    // Empty operations of these classes that direct callers may know.
+    bool ResetFrame() { return true; }
+    bool GetBLOffset(bool*, char*, char*, char*, char*) { return true; }
+
+protected:
+    virtual bool MovesAtFullSize() const { return false; }  // SetStartPos works although there is no room to move
+    virtual void WriteStart() = 0;                          // m_iStartX, m_iStartY to the sensor
+
+    // Tests a region against the sensor and against `unit` (the area on the sensor is a multiple of it), stores it and
+    // centres it. False: nothing is stored.
+    bool TakeRegion(int width, int height, int bin, IMAGE_TYPE type, int unit);
+    void FitTables();  // dark frame, and on a USB 3 bridge the hot-pixel table, to the region
+    bool SendTransferMode(bool on) { return SendCMD(on ? REQ_MODE_16BIT : REQ_MODE_8BIT); }
+    // The same with a running capture stopped around it. QUIRK: what runs again afterwards is video, also after a snap.
+    bool SendTransferModeStopped(bool on);
+    // m_iFPSPerc and m_bAutoFPS from a request. QUIRK: on the switch to auto the argument is ignored; while auto is on, it
+    // is taken.
+    void TakePercentage(int percent, bool autoMode, int minPercent, int autoPercent);
+    void ReadFirmwareVer();
+    bool UpdateTo(uint8_t needed);  // body of FirmwareStep
+
+    // Sends the low 16 bits.
+    bool Write(uint16_t reg, int64_t value) { return WriteCameraRegister(reg, static_cast<uint16_t>(value)); }
+    int SensorW() const { return m_iWidth * m_iBin; }  // the region on the sensor, pixels
+    int SensorH() const { return m_iHeight * m_iBin; }
+    int BytesPerPixel() const { return m_bOutput16Bits ? 2 : 1; }
+    bool IsFullSize() const { return SensorW() == m_iMaxWidth && SensorH() == m_iMaxHeight; }
+
+    static bool IsType16(IMAGE_TYPE type) { return type == IMAGE_16BIT_ALT || type == IMAGE_16BIT; }
+    // Truncates; what lies outside (or is no number) gives the nearer end, the lower one for no number.
+    static int32_t TruncClamp(double v, int32_t lo, int32_t hi)
+    {
+        return v > lo ? static_cast<int32_t>(v < hi ? v : hi) : lo;
+    }
+};

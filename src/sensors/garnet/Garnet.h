@@ -1,0 +1,73 @@
+// Garnet: 1280 x 960 sensor with 16-bit registers, exposure counted in lines. Two bridges: USB 2, and USB 3 in the _S
+// models, which time the link differently.
+#pragma once
+#include <atomic>
+
+#include "sensors/Usb2Model.h"
+
+// Shared by all cameras of one class.
+struct GarnetVars {
+    std::atomic<uint16_t> wAt70{ 0 }, wAt55{ 0 };  // thermometer words of 70 and 55 degrees, 0 until read
+    std::atomic<float> fLastTemp{ 0 };             // degrees Celsius
+    std::atomic<int32_t> iBandwidthDivisor{ 91 };  // _S: megabytes per second of the full frame rate
+};
+struct GarnetForm;  // what the bridge makes different
+
+class KOV_CLASS CGarnet : public CUsb2Model {
+public:
+    CGarnet(const ModelTraits& t, const GarnetForm& f, GarnetVars& v, void* handle);
+
+    bool InitCamera() override;
+    bool SetResolution(int width, int height, int bin, IMAGE_TYPE type) override;
+    bool SetGain(int gain, bool autoMode) override;
+    bool SetBrightness(int value) override;
+    bool SetHighSpeedMode(bool on) override;
+    bool SetFPSPerc(int percent, bool autoMode) override;
+    bool GetFPSPerc(int* percent, bool* autoMode) override;
+    bool SetOverCLKPerc(int percent) override;
+    void SetRGBBalance(int red, int blue, bool autoMode) override;
+    bool SetExp(uint64_t microseconds, bool autoMode) override;
+    float GetSensorTemp() override;
+
+    bool StartSensorStreaming() override;
+    bool StopSensorStreaming() override;
+    bool SetOutput16Bits(bool on) override;
+    bool Cam_SetResolution() override;
+    bool SetCMOSClk() override;
+    bool SetCMOSClk(int rate) override;  // MHz; 24 is the clock of exposures from 0.1 s on
+    void CalcMaxFPS() override;
+    bool FirmwareStep() override;
+
+protected:
+    bool MovesAtFullSize() const override { return true; }
+    void WriteStart() override;
+
+private:
+    int64_t ShutterLines(int clock) const;  // m_lExposure at a clock in MHz; not limited
+    void WritePll(int rate);
+    bool WriteBalance();  // red and blue, from m_iGain and the white balance
+
+    const GarnetForm& m_Form;
+    GarnetVars& m_Vars;
+};
+
+class KOV_CLASS CCameraSGarnetMono final : public CGarnet {
+public:
+    explicit CCameraSGarnetMono(void* handle = nullptr);
+    ~CCameraSGarnetMono() override { Shutdown(); }
+};
+class KOV_CLASS CCameraSGarnetCol final : public CGarnet {
+public:
+    explicit CCameraSGarnetCol(void* handle = nullptr);
+    ~CCameraSGarnetCol() override { Shutdown(); }
+};
+class KOV_CLASS CCameraSGarnetMono_S final : public CGarnet {
+public:
+    explicit CCameraSGarnetMono_S(void* handle = nullptr);
+    ~CCameraSGarnetMono_S() override { Shutdown(); }
+};
+class KOV_CLASS CCameraSGarnetCol_S final : public CGarnet {
+public:
+    explicit CCameraSGarnetCol_S(void* handle = nullptr);
+    ~CCameraSGarnetCol_S() override { Shutdown(); }
+};
