@@ -1,0 +1,410 @@
+// Hot pixels and dark frames: how dark frame and hot-pixel table follow the geometry, the repair of a frame, and the
+// search for a table. Collecting itself stands in the image delivery.
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+#include <vector>
+
+#include "automation/HotPixels.h"
+#include "automation/MemoryFrame.h"
+#include "core/CCameraBase.h"
+#include "core/SparseClear.h"
+#include "platform/Platform.h"
+
+namespace {
+
+constexpr int PAIRS = 8, ROWS = 5;     // BinPhaseTable
+constexpr int8_t NO_ENTRY = 127;
+
+constexpr uint32_t HOT_8BIT = 30, HOT_16BIT = 7680;  // a hot pixel exceeds its neighbours by more
+
+constexpr uint32_t POLL_SNAP_MS = 1, POLL_DARK_MS = 2;
+constexpr int32_t STEP_FIRST = 10000, STEP_MAX = 300000;  // us
+
+// What a geometry makes of the full sensor: which window is read, and where its pixels land.
+struct Mapping {
+    int iRows, iColumns;      // window in sensor pixels
+    int iRowOffset, iColumnOffset;
+    int iDivisor;             // of hardware binning; the host bins the rest of a 4
+    bool bHardBin;
+    int iPitch, iHeight;      // of the target
+    size_t nElements;         // of the target
+
+    explicit Mapping(CCameraBase& cam)
+        : iRows(cam.m_iBin * cam.m_iHeight),
+          iColumns(cam.m_iBin * cam.m_iWidth),
+          iRowOffset(cam.m_bBottomUp ? cam.m_iMaxHeight - cam.m_iStartY - iRows : cam.m_iStartY.Get()),
+          iColumnOffset(cam.m_iStartX),
+          iDivisor(IsHalfHardBin(cam) ? 2 : cam.m_iBin.Get()),
+          bHardBin(cam.IsHardBinRun()),
+          iPitch(bHardBin ? cam.m_iWidth * (cam.m_iBin == 4 ? 2 : 1) : iColumns),
+          iHeight(bHardBin ? cam.m_iHeight * (cam.m_iBin == 4 ? 2 : 1) : iRows),
+          // Never more than the sensor has, whatever the fields say.
+          nElements(std::min(static_cast<size_t>(iPitch) * static_cast<size_t>(iHeight), SensorPixels(cam)))
+    {
+    }
+    // Index in the full sensor of a place in the window.
+    int64_t Source(const CCameraBase& cam, int i) const
+    {
+        return int64_t{cam.m_iMaxWidth} * (i + iRowOffset) + iColumnOffset;
+    }
+    // Binned place of a row or column, with the colour phase of the sensor pixel kept.
+    int Target(int i, int iShift) const { return (i + iShift) / (2 * iDivisor) * 2 + (i & 1); }
+    bool Inside(int ti, int tj) const
+    {
+        return ti >= 0 && ti < iHeight && tj >= 0 && tj < iPitch && Place(ti, tj) < nElements;
+    }
+    size_t Place(int i, int j) const { return static_cast<size_t>(i) * static_cast<size_t>(iPitch) + static_cast<size_t>(j); }
+};
+
+// Pair k of a BinPhaseTable row: byte 0 shifts columns, byte 1 rows.
+int8_t Phase(const CCameraBase& cam, int iRow, int k, int iByte)
+{
+    return iRow >= 0 && iRow < ROWS ? cam.m_pTable80[iRow * 2 * PAIRS + 2 * k + iByte] : NO_ENTRY;
+}
+int ShiftOf(int8_t c) { return c == NO_ENTRY ? 0 : c; }
+
+// All targets of one row (iByte 1) or column (iByte 0): pairs of its parity up to the first empty one. An empty first
+// pair means no shift.
+int TargetsOf(const CCameraBase& cam, const Mapping& m, int i, int iRow, int iByte, int aTarget[PAIRS / 2])
+{
+    int n = 0;
+    for (int k = i & 1; k < PAIRS; k += 2) {
+        const int8_t c = Phase(cam, iRow, k, iByte);
+        if (c == NO_ENTRY && n != 0)
+            break;
+        aTarget[n++] = m.Target(i, ShiftOf(c));
+        if (c == NO_ENTRY)
+            break;
+    }
+    return n;
+}
+
+// The frame in m_pImgBuf as elements of T, with its bounds.
+template <class T>
+struct Frame {
+    T* p;
+    size_t n;    // elements of the buffer
+    int W, H, s; // s: distance of the neighbours of one colour
+
+    Frame(CCameraBase& cam, int w, int h)
+        : p(reinterpret_cast<T*>(cam.m_pImgBuf)), n(FrameBufferBytes(cam) / sizeof(T)), W(w), H(h), s(cam.m_bIsColor + 1)
+    {
+    }
+    // Runs `inner` on entries with neighbours on both sides; the others take one neighbour as it is. QUIRK: the first
+    // rows take the right one also in the last column, which is the first pixel of the next row.
+    template <class Inner>
+    void Repair(const int32_t* pEntries, int32_t iCount, Inner inner) const
+    {
+        for (int32_t k = 0; k < iCount; ++k) {
+            const auto e = static_cast<uint32_t>(pEntries[k]);
+            const int y = static_cast<int>(e / static_cast<uint32_t>(W)), x = static_cast<int>(e % static_cast<uint32_t>(W));
+            const bool bFirst = x < s || y < s;
+            if (!bFirst && x < W - s && y < H - s) {
+                inner(e, x, y);
+                continue;
+            }
+            const size_t from = bFirst ? size_t{e} + static_cast<size_t>(s) : size_t{e} - static_cast<size_t>(s);
+            if (e < n && from < n)
+                p[e] = p[from];
+        }
+    }
+};
+
+template <class T>
+bool DeNoise(CCameraBase& cam, const Frame<T>& f, int x, int y)
+{
+    constexpr uint32_t LIMIT = sizeof(T) == 1 ? HOT_8BIT : HOT_16BIT;
+    const size_t nFlags = SensorPixels(cam);
+    const auto place = [&](int px, int py) { return static_cast<size_t>(int64_t{py} * f.W + px); };
+    const size_t centre = place(x, y);
+    if (centre >= f.n)
+        return false;
+    const uint32_t c = f.p[centre];
+    uint32_t dwSum = 0, dwCount = 0;
+    const int aNeighbours[4][2] = { { x, y - f.s }, { x - f.s, y }, { x + f.s, y }, { x, y + f.s } };
+    for (const auto& [nx, ny] : aNeighbours) {
+        if (nx < 0 || ny < 0 || nx >= f.W || ny >= f.H)
+            continue;
+        const size_t at = place(nx, ny);
+        if (at >= f.n || (at < nFlags && cam.m_pHPCBuf2[at] != 0))
+            continue;
+        const uint32_t v = f.p[at];
+        // One neighbour that comes close clears the pixel of suspicion.
+        if (c <= v || c - v <= LIMIT || v > c * 7 / 10)
+            return false;
+        dwSum += v;
+        ++dwCount;
+    }
+    // QUIRK: a pixel whose neighbours are all in the table becomes black.
+    f.p[centre] = static_cast<T>(dwCount != 0 ? dwSum / dwCount : 0);
+    return true;
+}
+
+template <class T>
+void Handle(CCameraBase& cam)
+{
+    const auto [W, H] = MemoryFrameOf(cam);
+    const Frame<T> f(cam, W, H);
+    const bool b14Bit = std::any_of(std::begin(NAMES_14BIT), std::end(NAMES_14BIT),
+                                    [&](const char* sz) { return std::strstr(cam.m_pszName, sz) != nullptr; });
+    if (cam.m_bHPCEnable)
+        f.Repair(cam.m_pHotPixels, cam.m_iHPCNum, [&](uint32_t e, int x, int y) {
+            // The repaired value is to look like an ADC code again.
+            if (DeNoise(cam, f, x, y) && sizeof(T) == 2)
+                f.p[e] = static_cast<T>(f.p[e] & (b14Bit ? 0xFFFC : 0xFFF0));
+        });
+    if (cam.m_bUsingDark)
+        f.Repair(cam.m_pDarkPixels, cam.m_lDeadPixelNum, [&](uint32_t e, int, int) {
+            const size_t left = size_t{e} - static_cast<size_t>(f.s), right = size_t{e} + static_cast<size_t>(f.s);
+            if (right < f.n)
+                f.p[e] = static_cast<T>((f.p[left] + f.p[right]) >> 1);
+        });
+}
+
+// Takes snaps until a dark frame has been collected. A failed snap is just repeated. False when that has become hopeless:
+// capture does not start, or no frame comes and the search is to stop.
+bool CollectBySnaps(CCameraBase& cam, uint8_t* pBuf, int iLength)
+{
+    while (cam.m_bGettingDark) {
+        cam.m_ExpStatus = EXP_WORKING;  // before the start: a quick snap has its outcome when StartCapture returns
+        if (!cam.StartCapture(true))
+            return false;
+        while (cam.m_ExpStatus == EXP_WORKING) {
+            if (!cam.m_bHPCRun && !cam.m_bCapturing)
+                return false;
+            platform::SleepMs(POLL_SNAP_MS);
+        }
+        if (cam.m_ExpStatus == EXP_SUCCESS) {
+            cam.GetImage(pBuf, iLength, platform::WAIT_FOREVER);
+            platform::SleepMs(POLL_DARK_MS);
+        } else if (!cam.m_bHPCRun) {
+            return false;
+        }
+    }
+    return true;
+}
+
+// Half a secant step towards the middle of the wanted range, from the last two (exposure, count) points.
+int32_t ExposureStep(int iMiddle, int N, int iPrevN, uint64_t lExp, uint64_t lPrevExp)
+{
+    if (iPrevN == 0 || N < 100 || N == iPrevN)
+        return STEP_FIRST;
+    const double dExp = std::fabs(static_cast<double>(static_cast<int64_t>(lExp - lPrevExp)));
+    const double d = std::fabs(static_cast<double>(iMiddle - N)) * (dExp * 0.5) / std::fabs(static_cast<double>(N - iPrevN));
+    return static_cast<int32_t>(std::min(d, static_cast<double>(STEP_MAX)));
+}
+
+}  // namespace
+
+int CCameraBase::GettingDark(bool on, uint64_t /*ignored*/)
+{
+    const uint64_t ms = m_lExposure / 1000;
+    m_iDarkNum = ms <= 100 ? 5 : ms <= 325 ? 4 : ms <= 550 ? 3 : ms <= 775 ? 2 : 1;
+    m_bGettingDark = on;  // last: the thread in GetImage acts on it
+    return m_iDarkNum;
+}
+
+void CCameraBase::AdjustDarkBuff(uint16_t* src, uint16_t* dst)
+{
+    const Mapping m(*this);
+    const auto nSensor = static_cast<int64_t>(SensorPixels(*this));
+    std::vector<int> aColumn;  // target of each column
+    if (m.bHardBin) {
+        SparseClear(dst, 2 * m.nElements);
+        for (int j = 0; j < m.iColumns; ++j)
+            aColumn.push_back(m.Target(j, ShiftOf(Phase(*this, m.iDivisor, j & 1, 0))));
+    }
+    for (int i = 0; i < m.iRows; ++i) {
+        const int64_t lRow = m.Source(*this, i);
+        const int ti = m.bHardBin ? m.Target(i, ShiftOf(Phase(*this, m.iDivisor, i & 1, 1))) : i;
+        for (int j = 0; j < m.iColumns; ++j) {
+            const int64_t index = lRow + j;
+            const int tj = m.bHardBin ? aColumn[static_cast<size_t>(j)] : j;
+            if (index < 0 || index >= nSensor || !m.Inside(ti, tj))
+                continue;
+            uint16_t& w = dst[m.Place(ti, tj)];
+            w = static_cast<uint16_t>(m.bHardBin ? w + src[index] : src[index]);
+        }
+    }
+
+    // QUIRK: from here on it is m_pDarkSum that is worked on, whatever dst was.
+    uint32_t dwSum = 0;  // wraps on very bright dark frames of large sensors
+    for (size_t k = 0; k < m.nElements; ++k) {
+        if (m.bHardBin && !m_bDDR)
+            m_pDarkSum[k] = static_cast<uint16_t>(m_pDarkSum[k] / m.iDivisor / m.iDivisor);
+        dwSum += m_pDarkSum[k];
+    }
+    const uint32_t dwAve = m.nElements != 0 ? dwSum / static_cast<uint32_t>(m.nElements) : 0;
+    m_iDarkAve = dwAve;
+
+    m_lDeadPixelNum = 0;
+    SparseClear(m_pDarkPixels, 4 * SensorPixels(*this));
+    SparseClear(m_pDarkTmp, 4 * SensorPixels(*this));
+    int32_t iFound = 0;
+    for (size_t k = 0; k < m.nElements; ++k)
+        if (StandsOut(m_pDarkSum[k], dwAve)) {
+            m_pDarkPixels[iFound++] = static_cast<int32_t>(k);
+            m_pDarkTmp[k] = 1;
+        }
+    m_lDeadPixelNum = iFound;
+}
+
+void CCameraBase::AdjustHPCTable(int32_t* src, int32_t* dst)
+{
+    const Mapping m(*this);
+    const auto nSensor = static_cast<int64_t>(SensorPixels(*this));
+    const auto flag = [&](int64_t index) { return index >= 0 && index < nSensor ? src[index] : 0; };
+    if (m.bHardBin) {
+        // QUIRK: a count of flags is taken for one of bytes, so only the first quarter is cleared: old flags behind it
+        // stay, and their pixels go on being repaired.
+        SparseClear(dst, m.nElements);
+        for (int i = 0; i < m.iRows; ++i) {
+            const int64_t lRow = m.Source(*this, i);
+            int aRow[PAIRS / 2], aColumn[PAIRS / 2];
+            const int nRow = TargetsOf(*this, m, i, m_iBin, 1, aRow);
+            for (int j = 0; j < m.iColumns; ++j) {
+                const int32_t iFlag = flag(lRow + j);
+                if (iFlag == 0)
+                    continue;
+                const int nColumn = TargetsOf(*this, m, j, m_iBin, 0, aColumn);
+                for (int k = 0; k < nColumn; ++k)
+                    for (int l = 0; l < nRow; ++l)
+                        if (m.Inside(aRow[l], aColumn[k]))
+                            dst[m.Place(aRow[l], aColumn[k])] = iFlag;
+            }
+        }
+    } else {
+        for (int i = 0; i < m.iRows; ++i) {
+            const int64_t lRow = m.Source(*this, i);
+            for (int j = 0; j < m.iColumns; ++j)
+                if (m.Inside(i, j))
+                    StoreIfDifferent(dst[m.Place(i, j)], flag(lRow + j));
+        }
+    }
+
+    m_iHPCNum = 0;
+    SparseClear(m_pHotPixels, 4 * SensorPixels(*this));
+    int32_t iFound = 0;
+    for (size_t k = 0; k < m.nElements; ++k)
+        if (m_pHPCBuf2[k] != 0)
+            m_pHotPixels[iFound++] = static_cast<int32_t>(k);
+    m_iHPCNum = iFound;
+}
+
+void CCameraBase::HandleHotPixels()
+{
+    if (m_bOutput16Bits)
+        Handle<uint16_t>(*this);
+    else
+        Handle<uint8_t>(*this);
+}
+
+bool CCameraBase::DeNoiseHPC(int x, int y, int W, int H)
+{
+    return m_bOutput16Bits ? DeNoise(*this, Frame<uint16_t>(*this, W, H), x, y)
+                           : DeNoise(*this, Frame<uint8_t>(*this, W, H), x, y);
+}
+
+bool CCameraBase::ManualHPC(bool save, int* count)
+{
+    if (save)
+        return SaveHPCTable();
+    m_bHPCRun = true;
+    GettingDark(true, m_lExposure);
+    while (m_bGettingDark && m_bHPCRun)
+        platform::SleepMs(POLL_DARK_MS);
+    if (!m_bHPCRun)
+        TraceLine("get hpc num exit\n");
+    *count = m_lDeadPixelNum;
+    return true;
+}
+
+bool CCameraBase::AutoGetHPC(int* found, int minNum, int maxNum, unsigned long* running, uint8_t* buf, int bufLen)
+{
+    TraceLine("start\n");
+    if (minNum >= maxNum || m_bCapturing)
+        return false;
+    m_bUsingDark = false;
+    SetHPCStates(false);
+    uint64_t lExp = m_lExposure, lPrevExp = 0;
+    int iPrevN = 0;
+    m_lDeadPixelNum = 0;
+    m_bHPCRun = true;
+
+    TraceLine("GettingDark-->\n");
+    GettingDark(true, lExp);
+    bool bUsable = CollectBySnaps(*this, buf, bufLen);
+    TraceLine("m_bGettingDark: %d \n", static_cast<int>(m_bGettingDark));
+    TraceLine("GettingDark <--\n");
+
+    // No limit on the number of rounds: ChangeHPCStatus(HPC_STOP) ends it, after the round that runs.
+    while (bUsable && m_bHPCRun) {
+        const int N = m_lDeadPixelNum;
+        TraceLine("iOldDeadpixNum :%d m_lDeadPixelNum:%d oldexp: %d exposure:%d\n", iPrevN, N, static_cast<int>(lPrevExp),
+                  static_cast<int>(m_lExposure));
+        *running = static_cast<unsigned long>(N);
+        if (minNum <= N && N <= maxNum)
+            break;
+        const int32_t iStep = ExposureStep(static_cast<int>((int64_t{minNum} + maxNum) / 2), N, iPrevN, m_lExposure, lPrevExp);
+        TraceLine("iDeltaExp %d\n", iStep);
+        lPrevExp = m_lExposure;
+        if (N < minNum)
+            lExp += static_cast<uint64_t>(iStep);
+        else
+            lExp -= static_cast<uint64_t>(iStep);  // may wrap; the model clamps
+        SetExp(lExp, false);
+        iPrevN = N;
+        TraceLine("2 GettingDark-->\n");
+        GettingDark(true, m_lExposure);
+        bUsable = CollectBySnaps(*this, buf, bufLen);
+        TraceLine("2 GettingDark <--\n");
+    }
+    if (!bUsable || !m_bHPCRun) {
+        // A collection that could not end must not begin again by itself with the next capture.
+        m_bGettingDark = false;
+        TraceLine("Auto get HPC exit\n");
+        return false;
+    }
+    *found = m_lDeadPixelNum;
+    return SaveHPCTable();
+}
+
+bool CCameraBase::SetHPCStates(bool on)
+{
+    if (on)
+        return ChangeHPCStatus(HPC_LOAD, nullptr);
+    m_bHPCEnable = false;
+    const size_t nBytes = 4 * SensorPixels(*this);
+    SparseClear(m_pHPCBuf1, nBytes);
+    SparseClear(m_pHPCBuf2, nBytes);
+    SparseClear(m_pHotPixels, nBytes);
+    m_iHPCNum = 0;
+    return false;  // QUIRK: a host is told of a failure
+}
+
+bool CCameraBase::ChangeHPCStatus(HPCStatus status, unsigned long* count)
+{
+    switch (status) {
+    case HPC_STOP:
+        m_bHPCRun = false;
+        return false;
+    case HPC_LOAD:
+        m_bHPCEnable = true;
+        if (!LoadHPCTable()) {
+            TraceLine("Load HPC table error\n");
+            m_bHPCEnable = false;
+            return false;
+        }
+        TraceLine("Load HPC table success\n");
+        if (count)
+            *count = static_cast<unsigned long>(m_iHPCNum.Get());
+        return true;
+    case HPC_OFF: return SetHPCStates(false);
+    case HPC_QUERY:
+        if (m_bHPCEnable)
+            *count = static_cast<unsigned long>(m_iHPCNum.Get());
+        return m_bHPCEnable;
+    }
+    return false;
+}
