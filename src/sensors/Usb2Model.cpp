@@ -2,8 +2,6 @@
 
 #include <algorithm>
 
-#include "usb/FirmwareImages.h"
-
 bool CUsb2Model::SetStartPos(int x, int y)
 {
     if (!MovesAtFullSize() && IsFullSize())
@@ -67,4 +65,10 @@ void CUsb2Model::ReadFirmwareVer()
     uint8_t ver = 0;
     GetFirmwareVer(&ver);
     m_FirmwareVer = ver;
+}
+
+bool CUsb2Model::UpdateTo(uint8_t needed, FirmwareId id)
+{
+    const FirmwareImage image = FindFirmware(id);
+    return model::UpdateFirmware(*this, m_Traits, image.pData, image.iSize, needed);
 }

@@ -2,6 +2,7 @@
 // derives from CUsb2Model and adds its registers. All of them have 16-bit sensor registers.
 #pragma once
 #include "sensors/Model.h"
+#include "usb/FirmwareImages.h"
 
 class KOV_CLASS CUsb2Model : public CModel<CCameraBase> {
 public:
@@ -29,7 +30,7 @@ protected:
     // is taken.
     void TakePercentage(int percent, bool autoMode, int minPercent, int autoPercent);
     void ReadFirmwareVer();
-    bool UpdateTo(uint8_t needed);  // body of FirmwareStep
+    bool UpdateTo(uint8_t needed, FirmwareId id);  // body of FirmwareStep
 
     // Sends the low 16 bits.
     bool Write(uint16_t reg, int64_t value) { return WriteCameraRegister(reg, static_cast<uint16_t>(value)); }

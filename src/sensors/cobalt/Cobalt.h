@@ -24,7 +24,7 @@ public:
     bool SetCMOSClk(int clock) override;  // MHz, 24 or 48; others are only stored
     bool ApplyExp() override;
     bool ApplyGain() override;
-    bool FirmwareStep() override { return UpdateTo(1); }
+    bool FirmwareStep() override { return UpdateTo(1, FirmwareId::CobaltCol); }
 
     // --- the controller's mailbox; InitCamera only ---
     int WriteVar16(uint16_t driver, uint16_t offset, uint16_t value);  // 1 always

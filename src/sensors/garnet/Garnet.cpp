@@ -125,7 +125,8 @@ CCameraSGarnetCol_S::CCameraSGarnetCol_S(void* handle) : CGarnet(g_ColS, g_S, g_
 
 bool CGarnet::FirmwareStep()
 {
-    return m_Form.bFirmware == 0 || UpdateTo(m_Form.bFirmware);
+    return m_Form.bFirmware == 0 ||
+           UpdateTo(m_Form.bFirmware, m_bIsColor ? FirmwareId::GarnetCol : FirmwareId::GarnetMono);
 }
 
 bool CGarnet::InitCamera()
