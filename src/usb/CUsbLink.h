@@ -12,6 +12,7 @@ class KOV_CLASS CUsbLink {
 public:
     // bOpen: opens the first device at once (device number 0); a failure shows in IsOpen().
     CUsbLink(void* hWnd, const platform::Guid& guid, bool bOpen);
+    // Closes. Unlike Close it lets no exception out: a failure stays unreported.
     ~CUsbLink();
     CUsbLink(const CUsbLink&) = delete;
     CUsbLink& operator=(const CUsbLink&) = delete;
@@ -38,7 +39,10 @@ public:
     uint8_t EndPointCount() const;
     bool ResetParentPort();
     bool CyclePort();
-    bool Open(uint8_t dev);  // closes first when open
+    // Closes first when open. False also when the descriptors name no interface; the file is open then.
+    bool Open(uint8_t dev);
+    // When the driver refuses to close the file or the notice, the error stands in m_uLastError and a const char* is
+    // thrown, from Open too when it closes first; the object keeps its handle and descriptors then.
     void Close();
     bool RegisterForDeviceEvents(void* hWnd);
     bool IsOpen() const { return platform::IsDeviceOpen(m_hDevice); }
@@ -74,4 +78,9 @@ public:
     platform::Guid m_guid;
     uint8_t m_bDeviceCount = 0, m_bIntfCount = 0, m_bAltIntfCount = 0, m_bConfigCount = 0;
     uint8_t m_bDeviceNumber = 0, m_bConfigIndex = 0, m_bIntfNumber = 0, m_bIntfIndex = 0;
+
+private:
+    InterfaceObject* CurrentInterface() const;  // nullptr when there is none
+    void CopyInterfaceClass();
+    void FreeDescriptors();  // everything that Open built but the handle; never throws
 };

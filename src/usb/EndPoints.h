@@ -107,4 +107,7 @@ public:
     uint8_t* BeginDirectXfer(uint8_t* pBuf, int32_t iLength, platform::Overlapped* pOverlapped) override;
     uint8_t* BeginBufXfer(uint8_t* pBuf, int32_t iLength, platform::Overlapped* pOverlapped) override;
     uint8_t* BeginDataXfer(uint8_t* pBuf, int32_t iLength, platform::Overlapped* pOverlapped) override;
+
+private:
+    uint8_t* BeginIsoc(uint8_t* pBuf, int32_t iLength, platform::Overlapped* pOverlapped, bool bBuffered);
 };
