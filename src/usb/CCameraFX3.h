@@ -87,7 +87,9 @@ public:
     bool ResetDevice();
 
     // Firmware and flash loaders; called while no capture runs.
+    // UpdateFW and EraseFlash send nothing and return false when the EEPROM loader was not built in.
     bool UpdateFW(const uint8_t* pImage, int32_t iLength);
+    // The records tell their end; iLength, where positive, only keeps the walk from leaving a damaged image.
     bool UpdateFW2RAM(const uint8_t* pImage, int32_t iLength);
     bool EraseFlash();
     bool DownloadBufferToDevice(uint32_t address, uint16_t length, uint8_t* pData, uint8_t request);
@@ -110,11 +112,18 @@ public:
     platform::Guid m_guid;       // interface GUID of the model
     CUsbLink* m_pUsbLink = nullptr;  // owned
     platform::CriticalSection m_csUsb;  // leaf lock, held across one control transfer and never across two
-    uint8_t m_iFWVer = 0;
-    uint8_t m_iFPGAVer = 0;
-    uint32_t m_uFPGAVerVal = 0;
+    // As last read by GetFirmwareVer and GetFPGAVer.
+    Shared<uint8_t> m_iFWVer;
+    Shared<uint8_t> m_iFPGAVer;
+    Shared<uint32_t> m_uFPGAVerVal;  // the four parts, the first in the high byte
 
 private:
     // One control transfer under m_csUsb. The caller has tested m_bOpen. *piLength is updated to the bytes moved.
+    // False also when no link is there. pData holds *piLength readable bytes, for IN too.
     bool Transfer(bool bIn, uint8_t request, uint16_t wValue, uint16_t wIndex, uint8_t* pData, int32_t* piLength);
+    // The same for a fixed length, with the test of m_bOpen; true when the transfer succeeded, whatever it moved.
+    bool Command(bool bIn, uint8_t request, uint16_t wValue, uint16_t wIndex, void* pData = nullptr,
+                 int32_t iLength = 0);
+    bool StartEepromLoader();
+    bool HaltProcessor(bool bHalt);
 };
