@@ -1,0 +1,307 @@
+// Loaders of CCameraFX3: the EEPROM of the USB 2 bridges, RAM and EEPROM of the USB 3 ones, and the SPI flash.
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <vector>
+
+#include "usb/CCameraFX3.h"
+#include "usb/CUsbLink.h"
+#include "usb/FirmwareImages.h"
+
+namespace {
+
+constexpr uint16_t CPU_CONTROL = 0xE600;      // of the FX2; 1 holds the processor
+constexpr uint16_t LOADER_PART2_AT = 0x0800;
+constexpr uint8_t REQ_EEPROM = REQ_START_STREAM;  // with the loader running, the same number reaches the EEPROM
+constexpr int32_t EEPROM_BLOCK = 4096;
+constexpr int32_t EEPROM_SIZE = 65536;
+constexpr int ATTEMPTS = 3;
+
+constexpr int32_t C2_HEAD = 8, C2_RECORD_HEAD = 4;
+constexpr uint8_t C2_END[4] = { 0x80, 0x01, 0xE6, 0x00 };
+
+constexpr uint32_t PAGE = 2048;               // of all the USB 3 loaders
+constexpr uint32_t FLASH_GRAIN = 256;         // flash addresses go out in units of this
+constexpr uint32_t I2C_GRAIN = 64;
+constexpr uint32_t ERASE_LIMIT_MS = 60'000;
+
+uint32_t U32(const uint8_t* p) { return p[0] | uint32_t(p[1]) << 8 | uint32_t(p[2]) << 16 | uint32_t(p[3]) << 24; }
+
+// A copy of n bytes from dwAt on; zeros stand for what the image does not have.
+void CopyWithin(uint8_t* pOut, const uint8_t* pImage, uint32_t dwLength, uint32_t dwAt, uint32_t n)
+{
+    const uint32_t dwHave = dwAt < dwLength ? std::min(n, dwLength - dwAt) : 0;
+    if (dwHave != 0)
+        std::memcpy(pOut, pImage + dwAt, dwHave);
+    std::memset(pOut + dwHave, 0, n - dwHave);
+}
+
+struct FreeDeleter { void operator()(uint8_t* p) const { std::free(p); } };
+struct FileCloser { void operator()(std::FILE* f) const { std::fclose(f); } };
+
+}  // namespace
+
+// --- FX2: RAM and I2C EEPROM ----------------------------------------------------------------------------------------
+
+bool CCameraFX3::HaltProcessor(bool bHalt)
+{
+    uint8_t b = bHalt ? 1 : 0;
+    return Command(false, REQ_FX2_RAM, CPU_CONTROL, 0, &b, 1);
+}
+
+// Puts the EEPROM loader into RAM and runs it. False, with nothing sent, when the loader was not built in.
+bool CCameraFX3::StartEepromLoader()
+{
+    const FirmwareImage part1 = FindFirmware(FirmwareId::LoaderPart1), part2 = FindFirmware(FirmwareId::LoaderPart2);
+    if (!part1 || !part2)
+        return false;
+    // Copies: a transfer takes a writable buffer, for both directions alike.
+    std::vector<uint8_t> a(part1.pData, part1.pData + part1.iSize), b(part2.pData, part2.pData + part2.iSize);
+    HaltProcessor(true);
+    Command(false, REQ_FX2_RAM, 0, 0, a.data(), part1.iSize);
+    Command(false, REQ_FX2_RAM, LOADER_PART2_AT, 0, b.data(), part2.iSize);
+    HaltProcessor(false);
+    return true;
+}
+
+bool CCameraFX3::UpdateFW(const uint8_t* pImage, int32_t iLength)
+{
+    if (!m_bOpen || !pImage || iLength < 0 || !StartEepromLoader())
+        return false;
+    const int32_t iBlocks = int32_t((int64_t{ iLength } + EEPROM_BLOCK - 1) / EEPROM_BLOCK);
+    std::vector<uint8_t> image(pImage, pImage + iLength);
+    std::vector<uint8_t> back(size_t(std::max(EEPROM_SIZE, iBlocks * EEPROM_BLOCK)));
+
+    // QUIRK: the last of several blocks takes the remainder, so an image of a whole number of blocks sends a last block
+    // of no bytes and never compares equal.
+    const auto Blocks = [&](bool bIn, uint8_t* p) {
+        for (int32_t b = 0; b < iBlocks; ++b) {
+            const int32_t iSize = iBlocks == 1 ? iLength : b == iBlocks - 1 ? iLength % EEPROM_BLOCK : EEPROM_BLOCK;
+            Command(bIn, REQ_EEPROM, uint16_t(b << 12), 0, p + ptrdiff_t{ b } * EEPROM_BLOCK, iSize);
+        }
+    };
+    int iAttempt = 1;
+    for (;; ++iAttempt) {
+        Blocks(false, image.data());
+        std::fill(back.begin(), back.end(), uint8_t{ 0 });
+        Blocks(true, back.data());
+        if (std::equal(image.begin(), image.end(), back.begin()) || iAttempt == ATTEMPTS)
+            break;
+    }
+    UpdateFW2RAM(pImage, iLength);
+    // QUIRK: the third attempt counts as a failure even when it compared equal.
+    return iAttempt < ATTEMPTS;
+}
+
+bool CCameraFX3::UpdateFW2RAM(const uint8_t* pImage, int32_t iLength)
+{
+    if (!m_bOpen || !pImage)
+        return false;
+    const auto Fits = [&](int64_t llEnd) { return iLength <= 0 || llEnd <= iLength; };
+    HaltProcessor(true);
+    std::vector<uint8_t> data;
+    for (int64_t at = C2_HEAD; Fits(at + C2_RECORD_HEAD); ) {
+        const uint8_t* const r = pImage + at;
+        if (std::equal(C2_END, C2_END + sizeof C2_END, r))
+            break;
+        const int32_t iSize = r[0] << 8 | r[1];
+        at += C2_RECORD_HEAD + iSize;
+        if (!Fits(at))
+            break;
+        data.assign(r + C2_RECORD_HEAD, r + C2_RECORD_HEAD + iSize);
+        Command(false, REQ_FX2_RAM, uint16_t(r[2] << 8 | r[3]), 0, data.data(), iSize);
+    }
+    HaltProcessor(false);
+    return true;  // QUIRK: whatever became of the transfers
+}
+
+bool CCameraFX3::EraseFlash()
+{
+    if (!m_bOpen || !StartEepromLoader())
+        return false;
+    std::vector<uint8_t> block(EEPROM_BLOCK), back(EEPROM_BLOCK);
+    block[0] = 0xC2;
+    int iAttempt = 1;
+    for (;; ++iAttempt) {
+        Command(false, REQ_EEPROM, 0, 0, block.data(), EEPROM_BLOCK);
+        std::fill(back.begin(), back.end(), uint8_t{ 0 });
+        Command(true, REQ_EEPROM, 0, 0, back.data(), EEPROM_BLOCK);
+        if (block == back || iAttempt == ATTEMPTS)
+            break;
+    }
+    return iAttempt < ATTEMPTS;  // QUIRK: as in UpdateFW
+}
+
+// --- FX3 RAM --------------------------------------------------------------------------------------------------------
+
+bool CCameraFX3::DownloadBufferToDevice(uint32_t address, uint16_t length, uint8_t* pData, uint8_t request)
+{
+    return Command(false, request, uint16_t(address), uint16_t(address >> 16), pData, length);
+}
+
+bool CCameraFX3::UploadBufferFromDevice(uint32_t address, uint16_t length, uint8_t* pData, uint8_t request)
+{
+    return Command(true, request, uint16_t(address), uint16_t(address >> 16), pData, length);
+}
+
+// QUIRK: halves the other way round than in DownloadBufferToDevice.
+bool CCameraFX3::SetProgramEntry(uint8_t request, uint32_t address)
+{
+    return Command(false, request, uint16_t(address >> 16), uint16_t(address));
+}
+
+bool CCameraFX3::IsBootLoaderRunning()
+{
+    uint8_t b = 0;
+    return Command(true, REQ_FX2_RAM, 0, 0, &b, 1);
+}
+
+FX3_FWDWNLOAD_ERROR_CODE CCameraFX3::DownloadFwToRam(uint8_t* pData, uint32_t length, uint8_t request)
+{
+    if (length < 2 || pData[0] != 'C' || pData[1] != 'Y')
+        return FX3_FW_BAD_SIGNATURE;
+    uint8_t block[PAGE], back[PAGE];
+    for (uint32_t dwAt = 4;;) {
+        if (dwAt > length || length - dwAt < 8)
+            return FX3_FW_SECTION_TOO_LONG;
+        uint32_t dwLeft = U32(pData + dwAt) * 4;  // the product wraps
+        const bool bEnd = U32(pData + dwAt) == 0;
+        uint32_t dwAddress = U32(pData + dwAt + 4);
+        dwAt += 8;
+        if (bEnd) {
+            DownloadBufferToDevice(dwAddress, 0, nullptr, request);
+            return FX3_FW_SUCCESS;
+        }
+        while (dwLeft > 0) {
+            const uint16_t n = uint16_t(std::min(dwLeft, PAGE));
+            if (n > length)
+                return FX3_FW_BLOCK_TOO_LONG;
+            CopyWithin(block, pData, length, dwAt, n);
+            // QUIRK: all three tries are made, a good block is written three times; only the last one counts.
+            bool bGood = false;
+            for (int i = 0; i < ATTEMPTS; ++i) {
+                std::memset(back, 0, n);
+                bGood = DownloadBufferToDevice(dwAddress, n, block, request) &&
+                        UploadBufferFromDevice(dwAddress, n, back, request) && std::memcmp(block, back, n) == 0;
+            }
+            if (!bGood)
+                return FX3_FW_FAILED;
+            dwAddress += n;
+            dwLeft -= n;
+            dwAt += n;
+            if (dwAt > length)
+                return FX3_FW_SECTION_TOO_LONG;
+        }
+    }
+}
+
+// --- SPI flash ------------------------------------------------------------------------------------------------------
+
+FX3_FWDWNLOAD_ERROR_CODE CCameraFX3::EraseSectorOfSPIFlash(uint32_t sector, uint8_t request)
+{
+    const uint16_t wSector = uint16_t(sector);
+    if (!Command(false, request, 1, wSector))
+        return FX3_FW_FAILED;
+    // Polled without a pause. An erase takes seconds at most; a camera that stays busy for ever must not hold a host.
+    const uint32_t dwStart = platform::Ticks();
+    uint8_t bBusy = 1;
+    do {
+        if (!Command(true, request, 0, wSector, &bBusy, 1) || platform::Ticks() - dwStart > ERASE_LIMIT_MS)
+            return FX3_FW_FAILED;
+    } while (bBusy != 0);
+    return FX3_FW_SUCCESS;
+}
+
+bool CCameraFX3::WriteToSPIFlash(uint8_t* pData, uint32_t length, uint32_t address, uint8_t request)
+{
+    return Command(false, request, 0, uint16_t(address >> 8), pData, int32_t(length));
+}
+
+bool CCameraFX3::ReadFromSPIFlash(uint8_t* pData, uint32_t length, uint32_t address, uint8_t request)
+{
+    return Command(true, request, 0, uint16_t(address >> 8), pData, int32_t(length));
+}
+
+FX3_FWDWNLOAD_ERROR_CODE CCameraFX3::DownloadBuftoSPIFLASH(uint8_t* pData, uint32_t length, uint8_t request)
+{
+    const uint32_t dwSectors = (length >> 16) + ((length & 0xFFFF) != 0 ? 1 : 0);
+    for (uint32_t s = 0; s < dwSectors; ++s)
+        if (EraseSectorOfSPIFlash(s, request) != FX3_FW_SUCCESS)
+            return FX3_FW_ERASE_FAILED;
+
+    const uint64_t qwTotal = (uint64_t{ length } + FLASH_GRAIN - 1) / FLASH_GRAIN * FLASH_GRAIN;
+    uint8_t staging[PAGE] = {};
+    for (uint64_t qwAt = 0; qwAt < qwTotal; qwAt += PAGE) {
+        const uint32_t n = uint32_t(std::min<uint64_t>(qwTotal - qwAt, PAGE));
+        // QUIRK: past the image the flash takes what the page before left in the buffer.
+        const uint32_t dwHave = qwAt < length ? std::min(n, uint32_t(length - qwAt)) : 0;
+        std::memcpy(staging, pData + qwAt, dwHave);
+        // QUIRK: always request 194, whatever `request` is; that one only erases.
+        if (!WriteToSPIFlash(staging, n, uint32_t(qwAt), REQ_FLASH_WRITE))
+            return FX3_FW_FAILED;
+    }
+    return FX3_FW_SUCCESS;
+}
+
+// --- I2C EEPROM of the FX3 ------------------------------------------------------------------------------------------
+
+FX3_FWDWNLOAD_ERROR_CODE CCameraFX3::DownloadBuftoI2CE2PROM(uint8_t* pData, int32_t length, uint8_t request)
+{
+    static constexpr uint32_t s_aSize[8] = { 0, 0, 4096, 8192, 16384, 32768, 65536, 65536 };
+    const unsigned code = length > 2 ? (pData[2] >> 1) & 7u : 0u;
+    const uint32_t dwDeviceSize = s_aSize[code];
+    if (dwDeviceSize == 0)
+        return FX3_FW_BAD_I2C_SIZE;
+    const bool bLarge = code == 7;
+
+    uint8_t staging[PAGE];
+    uint16_t wDevice = 0, wAddress = 0;
+    uint32_t dwDone = 0;
+    for (; uint32_t(length) - dwDone >= PAGE; ) {
+        std::memcpy(staging, pData + dwDone, PAGE);
+        if (!Command(false, request, wDevice, wAddress, staging, PAGE))
+            return FX3_FW_FAILED;
+        dwDone += PAGE;
+        wAddress = uint16_t(wAddress + PAGE);
+        if (dwDone % dwDeviceSize != 0)
+            continue;
+        wAddress = 0;
+        if (!bLarge)
+            wDevice = uint16_t((wDevice + 1) & 7);
+        else if (dwDone < 0x20000)
+            wDevice = 4;
+        else
+            wDevice = wDevice == 4 ? 1 : 5;
+    }
+    const uint32_t dwRest = uint32_t(length) - dwDone;
+    if (dwRest == 0)
+        return FX3_FW_SUCCESS;
+    const uint32_t n = (dwRest + I2C_GRAIN - 1) / I2C_GRAIN * I2C_GRAIN;
+    CopyWithin(staging, pData, uint32_t(length), dwDone, n);
+    // QUIRK: read back, but not compared.
+    if (!Command(false, request, wDevice, wAddress, staging, int32_t(n)) ||
+        !Command(true, REQ_I2C_READ, wDevice, wAddress, staging, int32_t(n)))
+        return FX3_FW_FAILED;
+    return FX3_FW_SUCCESS;
+}
+
+FX3_FWDWNLOAD_ERROR_CODE CCameraFX3::DownloadFw(const char* szPath, FX3_FWDWNLOAD_MEDIA_TYPE media)
+{
+    const std::unique_ptr<std::FILE, FileCloser> file(std::fopen(szPath, "rb"));
+    if (!file || std::fseek(file.get(), 0, SEEK_END) != 0)
+        return FX3_FW_NO_FILE;
+    const long lSize = std::ftell(file.get());
+    if (lSize <= 0 || lSize > INT32_MAX || std::fseek(file.get(), 0, SEEK_SET) != 0)
+        return FX3_FW_NO_FILE;
+    const std::unique_ptr<uint8_t, FreeDeleter> p(static_cast<uint8_t*>(std::calloc(size_t(lSize), 1)));
+    if (!p || std::fread(p.get(), 1, size_t(lSize), file.get()) != size_t(lSize))
+        return FX3_FW_NO_FILE;
+    switch (media) {
+    case FX3_MEDIA_RAM: return DownloadFwToRam(p.get(), uint32_t(lSize), REQ_FX2_RAM);
+    case FX3_MEDIA_I2C: return DownloadBuftoI2CE2PROM(p.get(), int32_t(lSize), REQ_I2C_WRITE);
+    case FX3_MEDIA_SPI: return DownloadBuftoSPIFLASH(p.get(), uint32_t(lSize), REQ_FLASH_ERASE);
+    }
+    return FX3_FW_BAD_MEDIA_TYPE;
+}
