@@ -86,7 +86,9 @@ public:
     // record's event is signalled later; pIn, pOut and the record must live until then.
     virtual bool IoControl(DeviceHandle, uint32_t dwCode, void* pIn, uint32_t dwIn, void* pOut, uint32_t dwOut,
                            uint32_t* pdwBytes, Overlapped* pOverlapped) = 0;
-    // ERROR_INCOMPLETE while the request is out (bWait false). A record that was never begun gives ERROR_BAD_PARAMETER.
+    // ERROR_INCOMPLETE while the request is out (bWait false): the caller gives it up with that and may free pIn, record
+    // and event; a buffer of IO_DIRECT is still written to until the pipe is aborted or the device closed. A record that
+    // was never begun gives ERROR_BAD_PARAMETER.
     virtual bool GetResult(DeviceHandle, Overlapped*, uint32_t* pdwBytes, bool bWait) = 0;
 
     // Arrival and removal notices, for a window handle or for an open device. nullptr on failure.

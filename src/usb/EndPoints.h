@@ -5,28 +5,9 @@
 
 #include "core/Export.h"
 #include "platform/UsbDriver.h"
+#include "platform/XferRecord.h"
 
-// The header that precedes every transfer exchanged with the driver; little-endian, packed: part of the wire format.
 #pragma pack(push, 1)
-struct SetupPacket {
-    uint8_t bmRequestType;
-    uint8_t bRequest;
-    uint16_t wValue;
-    uint16_t wIndex;
-    uint16_t wLength;
-    uint32_t dwTimeout;  // seconds
-};
-struct XferRecord {
-    SetupPacket setup;           // control only
-    uint8_t bReserved;
-    uint8_t bEndpointAddress;    // 0 for control
-    uint32_t dwNtStatus;         // filled by the driver
-    uint32_t dwUsbdStatus;       // filled by the driver
-    uint32_t dwIsoPacketOffset;
-    uint32_t dwIsoPacketLength;  // bytes, 8 a packet
-    uint32_t dwBufferOffset;     // 38 when data follow, 0 for direct transfers
-    uint32_t dwBufferLength;
-};
 struct EndPointDescriptor {
     uint8_t bLength, bDescriptorType, bEndpointAddress, bmAttributes;
     uint16_t wMaxPacketSize;
@@ -38,7 +19,7 @@ struct CompanionDescriptor {
 };
 struct IsoPacketInfo { uint32_t dwLength, dwStatus; };
 #pragma pack(pop)
-static_assert(sizeof(SetupPacket) == 12 && sizeof(XferRecord) == 38 && sizeof(EndPointDescriptor) == 7);
+static_assert(sizeof(EndPointDescriptor) == 7);
 
 // Common part. Threads: one endpoint object serves one thread at a time, except that Abort and Reset may come from any.
 class KOV_CLASS CCyUSBEndPoint {
@@ -48,12 +29,14 @@ public:
     CCyUSBEndPoint(const CCyUSBEndPoint&) = delete;
     CCyUSBEndPoint& operator=(const CCyUSBEndPoint&) = delete;
 
-    // Start a transfer and return its context, or nullptr when the handle is invalid. Never wait. The buffer must live
-    // until FinishDataXfer; the context is freed there. An event must stand in pOverlapped->hEvent.
+    // Start a transfer and return its context, or nullptr when the handle is invalid. Never wait. The context is freed
+    // by FinishDataXfer. The buffer must live until then; when FinishDataXfer finds the request still out, until the
+    // next Abort or the closing of the device. An event must stand in pOverlapped->hEvent.
     virtual uint8_t* BeginDirectXfer(uint8_t* pBuf, int32_t iLength, platform::Overlapped* pOverlapped);
     virtual uint8_t* BeginBufXfer(uint8_t* pBuf, int32_t iLength, platform::Overlapped* pOverlapped);
     virtual uint8_t* BeginDataXfer(uint8_t* pBuf, int32_t iLength, platform::Overlapped* pOverlapped) = 0;
-    // Fetches the result without waiting and frees the context. *piLength takes the bytes moved.
+    // Fetches the result without waiting and frees the context. *piLength takes the bytes moved. False also when the
+    // request is still out: it is given up, its event is not signalled any more.
     virtual bool FinishDataXfer(uint8_t* pBuf, int32_t* piLength, platform::Overlapped* pOverlapped, uint8_t* pContext,
                                 IsoPacketInfo* pInfos = nullptr);
 

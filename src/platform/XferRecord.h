@@ -1,0 +1,26 @@
+// The header that precedes every transfer exchanged with the driver; little-endian, packed: part of the wire format.
+#pragma once
+#include <cstdint>
+
+#pragma pack(push, 1)
+struct SetupPacket {
+    uint8_t bmRequestType;
+    uint8_t bRequest;
+    uint16_t wValue;
+    uint16_t wIndex;
+    uint16_t wLength;
+    uint32_t dwTimeout;  // seconds
+};
+struct XferRecord {
+    SetupPacket setup;           // control only
+    uint8_t bReserved;
+    uint8_t bEndpointAddress;    // 0 for control
+    uint32_t dwNtStatus;         // filled by the driver
+    uint32_t dwUsbdStatus;       // filled by the driver
+    uint32_t dwIsoPacketOffset;
+    uint32_t dwIsoPacketLength;  // bytes, 8 a packet
+    uint32_t dwBufferOffset;     // 38 when data follow, 0 for direct transfers
+    uint32_t dwBufferLength;
+};
+#pragma pack(pop)
+static_assert(sizeof(SetupPacket) == 12 && sizeof(XferRecord) == 38);

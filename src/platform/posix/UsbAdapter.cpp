@@ -1,0 +1,631 @@
+#include "platform/posix/UsbAdapter.h"
+
+#include <dlfcn.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstring>
+#include <deque>
+#include <memory>
+#include <mutex>
+#include <shared_mutex>
+#include <system_error>
+#include <thread>
+#include <unordered_map>
+#include <unordered_set>
+
+#include "platform/InterfaceGuids.h"
+#include "platform/Platform.h"
+#include "platform/UsbDriver.h"
+#include "platform/XferRecord.h"
+#include "platform/posix/LibusbStack.h"
+
+using usbstack::Status;
+
+namespace platform {
+namespace {
+
+constexpr uint32_t RECORD_SIZE = sizeof(XferRecord);
+constexpr uint32_t DRIVER_VERSION = 0x01000000, STACK_VERSION = 0x00000300;
+constexpr uint32_t PROP_LOCATION_INFO = 13, PROP_LOCATION_PATHS = 35;
+
+// A control transfer cannot be called back from the stack. One that asks for no time limit gets this one, or closing
+// the device could wait for ever.
+constexpr uint32_t CONTROL_LIMIT_MS = 10'000;
+
+// With the clock running fast the 500 ms of a control request shrink to less than a busy machine needs to switch
+// threads. Then a request gets this much real time before it counts as outstanding.
+constexpr auto FAST_CLOCK_GRACE = std::chrono::milliseconds(100);
+
+// What a stack's result looks like to the callers of a Windows driver.
+struct ErrorRow { Status status; uint32_t dwError, dwNtStatus, dwUsbdStatus; };
+constexpr ErrorRow g_Errors[] = {
+    { Status::Ok,        ERROR_NONE,            0,          0 },
+    { Status::Cancelled, ERROR_CANCELLED_IO,    0xC0000120, 0xC0010000 },
+    { Status::Stall,     ERROR_GENERAL_FAILURE, 0xC0000001, 0xC0000004 },
+    { Status::TimedOut,  ERROR_TIMED_OUT,       0xC00000B5, 0xC0006000 },
+    { Status::Gone,      ERROR_GONE,            0xC000009D, 0xC0007000 },
+    { Status::Busy,      ERROR_SHARED,          0xC0000043, 0xC0000500 },
+    { Status::Access,    ERROR_NO_ACCESS,       0xC0000022, 0xC0000500 },
+    { Status::NoMemory,  8,                     0xC000009A, 0x80000100 },
+    { Status::Failed,    ERROR_GENERAL_FAILURE, 0xC0000001, 0xC0000500 },
+};
+
+const ErrorRow& ErrorOf(Status status)
+{
+    for (const ErrorRow& r : g_Errors)
+        if (r.status == status)
+            return r;
+    return g_Errors[std::size(g_Errors) - 1];
+}
+
+bool Fail(uint32_t dwError)
+{
+    SetLastError(dwError);
+    return false;
+}
+
+class CDevice;
+
+// One outstanding request. It belongs to the adapter, never to the caller: the caller may free record and slot while the
+// request is out. The record is touched only inside the caller's own calls, when the caller vouches for it; a completion
+// touches nothing of the caller's but the data buffer of a direct transfer and the event.
+struct Request {
+    usbstack::BulkRequest bulk;
+    CDevice* pDevice = nullptr;
+    std::shared_ptr<Request> self;  // keeps it alive while the stack has it
+    EventHandle hEvent = nullptr;
+    XferRecord* pRecord = nullptr;
+    SetupPacket setup{};            // control only
+    std::vector<uint8_t> data;      // control and buffered; a direct transfer lands in the caller's buffer
+    uint32_t dwHead = 0;            // bytes of the result that precede the data
+    bool bControl = false;
+    // Under the device's mutex:
+    bool bDone = false;
+    bool bDetached = false;         // its slot is given up or serves a newer request: no event any more
+    Status status = Status::Ok;
+    uint32_t dwMoved = 0;
+};
+
+// An open device. Two locks: m_mutex over the requests, never held while the stack is called; m_useMutex held shared
+// while the stack is called and alone while the stack's device is destroyed.
+class CDevice {
+public:
+    CDevice(usbstack::IDevice* pStack, std::string sName) : m_pStack(pStack), m_sName(std::move(sName)) {}
+    ~CDevice() { Shutdown(); }
+    CDevice(const CDevice&) = delete;
+    CDevice& operator=(const CDevice&) = delete;
+
+    // Afterwards no request is out and nothing writes into a caller's memory. Any number of times.
+    void Shutdown()
+    {
+        m_bClosed = true;
+        AbortControl();
+        std::unordered_set<uint8_t> endpoints;
+        {
+            const std::lock_guard l(m_mutex);
+            endpoints = m_endpoints;
+        }
+        {
+            const std::shared_lock use(m_useMutex);
+            for (const uint8_t ep : endpoints)
+                if (m_pStack)
+                    m_pStack->Abort(ep);
+        }
+        std::thread control;
+        {
+            const std::lock_guard l(m_mutex);
+            m_bStopControl = true;
+            control.swap(m_control);
+        }
+        m_controlWake.notify_all();
+        if (control.joinable())
+            control.join();
+        const std::unique_lock use(m_useMutex);
+        m_pStack.reset();
+    }
+
+    bool IoControl(uint32_t dwCode, void* pIn, uint32_t dwIn, void* pOut, uint32_t dwOut, uint32_t* pdwBytes,
+                   Overlapped* pOverlapped);
+    bool GetResult(Overlapped* pOverlapped, uint32_t* pdwBytes, bool bWait);
+
+private:
+    bool Begin(uint32_t dwCode, void* pIn, uint32_t dwIn, void* pOut, uint32_t dwOut, uint32_t* pdwBytes,
+               Overlapped* pOverlapped);
+    bool Simple(uint32_t dwCode, const uint8_t* pIn, uint32_t dwIn, uint8_t* pOut, uint32_t dwOut, uint32_t* pdwBytes);
+
+    bool StartControl(const std::shared_ptr<Request>& r);
+    void ControlLoop();
+    Status RunControl(Request& r, uint32_t* pdwMoved);
+    void AbortControl();
+    void Abort(uint8_t bEndpoint);
+
+    static void OnBulk(usbstack::BulkRequest* p, Status status, uint32_t dwBytes)
+    {
+        Request* const r = static_cast<Request*>(p->pContext);
+        const std::shared_ptr<Request> keep = std::move(r->self);
+        r->pDevice->Complete(*r, status, dwBytes);
+    }
+    void Complete(Request& r, Status status, uint32_t dwMoved)
+    {
+        const std::lock_guard l(m_mutex);
+        CompleteLocked(r, status, dwMoved);
+    }
+    void CompleteLocked(Request& r, Status status, uint32_t dwMoved)
+    {
+        if (r.bDone)
+            return;
+        r.bDone = true;
+        r.status = status;
+        r.dwMoved = dwMoved;
+        // Signalled under the lock: a slot that gives the request up (and may free its event) does so under it too.
+        if (!r.bDetached && r.hEvent)
+            SignalEvent(r.hEvent);
+        m_done.notify_all();
+    }
+    // Statuses and data into the caller's record; returns the byte count of the result.
+    static uint32_t FillRecord(Request& r)
+    {
+        const ErrorRow& e = ErrorOf(r.status);
+        r.pRecord->dwNtStatus = e.dwNtStatus;
+        r.pRecord->dwUsbdStatus = e.dwUsbdStatus;
+        const uint32_t n = std::min(r.dwMoved, uint32_t(r.data.size()));
+        const bool bIn = !r.bControl || (r.setup.bmRequestType & 0x80) != 0;
+        if (n != 0 && bIn)
+            std::memcpy(reinterpret_cast<uint8_t*>(r.pRecord) + r.dwHead, r.data.data(), n);
+        return r.status == Status::Ok || r.dwMoved != 0 ? r.dwHead + r.dwMoved : 0;
+    }
+
+    std::shared_mutex m_useMutex;
+    std::unique_ptr<usbstack::IDevice> m_pStack;
+    const std::string m_sName;
+    std::atomic<bool> m_bClosed = false;
+
+    std::mutex m_mutex;
+    std::condition_variable m_done;
+    std::unordered_map<Overlapped*, std::shared_ptr<Request>> m_slots;  // the newest request of each slot
+    std::unordered_set<uint8_t> m_endpoints;                            // that ever had a bulk request
+
+    // Control requests are run one after another by a thread of the device, so that the caller can give up on one that
+    // the camera does not answer. Started by the first.
+    std::mutex m_controlMutex;  // around the stack's control transfer
+    std::thread m_control;
+    std::condition_variable m_controlWake;
+    std::deque<std::shared_ptr<Request>> m_controlQueue;
+    std::shared_ptr<Request> m_controlRunning;
+    bool m_bStopControl = false;
+};
+
+bool CDevice::IoControl(uint32_t dwCode, void* pIn, uint32_t dwIn, void* pOut, uint32_t dwOut, uint32_t* pdwBytes,
+                        Overlapped* pOverlapped)
+{
+    const std::shared_lock use(m_useMutex);
+    *pdwBytes = 0;
+    if (m_bClosed)
+        return Fail(ERROR_BAD_HANDLE);
+    switch (dwCode) {
+    case IO_CONTROL:
+    case IO_BUFFERED:
+    case IO_DIRECT:
+        return Begin(dwCode, pIn, dwIn, pOut, dwOut, pdwBytes, pOverlapped);
+    default:
+        break;
+    }
+    // These are done at once, whether overlapped or not.
+    const bool bOk = Simple(dwCode, static_cast<uint8_t*>(pIn), dwIn, static_cast<uint8_t*>(pOut), dwOut, pdwBytes);
+    if (bOk)
+        SetLastError(ERROR_NONE);
+    if (pOverlapped && pOverlapped->hEvent)
+        SignalEvent(pOverlapped->hEvent);
+    return bOk;
+}
+
+bool CDevice::Simple(uint32_t dwCode, const uint8_t* pIn, uint32_t dwIn, uint8_t* pOut, uint32_t dwOut,
+                     uint32_t* pdwBytes)
+{
+    const auto Out = [&](const void* p, uint32_t n) {
+        if (dwOut < n)
+            return Fail(ERROR_BAD_PARAMETER);
+        std::memcpy(pOut, p, n);
+        *pdwBytes = n;
+        return true;
+    };
+    const auto Text = [&](const char* sz) {
+        char ab[256] = {};
+        std::strncpy(ab, sz, sizeof ab - 1);
+        return Out(ab, sizeof ab);
+    };
+    const auto Result = [](Status s) { return s == Status::Ok || Fail(ErrorOf(s).dwError); };
+
+    switch (dwCode) {
+    case IO_DRIVER_VERSION: return Out(&DRIVER_VERSION, 4);
+    case IO_STACK_VERSION: return Out(&STACK_VERSION, 4);
+    case IO_DRIVER_NAME: return Text("KOVCamera2 USB adapter");
+    case IO_FRIENDLY_NAME: return Text(m_sName.c_str());
+    case IO_ALT_SETTING: {
+        const int iAlt = m_pStack->GetAltSetting();
+        const uint8_t bAlt = uint8_t(iAlt);
+        return iAlt >= 0 ? Out(&bAlt, 1) : Fail(ERROR_GENERAL_FAILURE);
+    }
+    case IO_USB_ADDRESS: {
+        const uint8_t bAddress = m_pStack->GetAddress();
+        return Out(&bAddress, 1);
+    }
+    case IO_DEVICE_SPEED: {
+        const usbstack::Speed speed = m_pStack->GetSpeed();
+        const uint32_t dwSpeed = speed == usbstack::Speed::Super ? 4u
+                                 : speed == usbstack::Speed::High ? 2u
+                                 : speed == usbstack::Speed::Full ? 1u
+                                                                  : 0u;
+        return Out(&dwSpeed, 4);
+    }
+    case IO_CYCLE_PORT: return Result(m_pStack->CyclePort());
+    case IO_RESET_PARENT_PORT: return Result(m_pStack->ResetPort());
+    case IO_RESET_PIPE:
+        if (dwIn < 1)
+            return Fail(ERROR_BAD_PARAMETER);
+        return (pIn[0] & 0x7F) == 0 || Result(m_pStack->ResetPipe(pIn[0]));
+    case IO_ABORT_PIPE:
+        if (dwIn < 1)
+            return Fail(ERROR_BAD_PARAMETER);
+        Abort(pIn[0]);
+        return true;
+    case IO_SET_TRANSFER_SIZE: {
+        if (dwIn < 5)
+            return Fail(ERROR_BAD_PARAMETER);
+        uint32_t dwSize;
+        std::memcpy(&dwSize, pIn + 1, 4);
+        m_pStack->SetTransferSize(pIn[0], dwSize);
+        *pdwBytes = 5;
+        return true;
+    }
+    default:
+        return Fail(ERROR_BAD_PARAMETER);
+    }
+}
+
+bool CDevice::Begin(uint32_t dwCode, void* pIn, uint32_t dwIn, void* pOut, uint32_t dwOut, uint32_t* pdwBytes,
+                    Overlapped* pOverlapped)
+{
+    if (pOverlapped) {
+        // Whatever this slot was used for before is over for the caller, also when the new request fails. An older one
+        // that is still out goes on in the stack and ends unheard.
+        const std::lock_guard l(m_mutex);
+        const auto it = m_slots.find(pOverlapped);
+        if (it != m_slots.end()) {
+            it->second->bDetached = true;
+            m_slots.erase(it);
+        }
+    }
+    if (dwIn < RECORD_SIZE || !pIn)
+        return Fail(ERROR_BAD_PARAMETER);
+    XferRecord* const pRecord = static_cast<XferRecord*>(pIn);
+    auto r = std::make_shared<Request>();
+    r->pDevice = this;
+    r->hEvent = pOverlapped ? pOverlapped->hEvent : nullptr;
+    r->pRecord = pRecord;
+    r->bControl = dwCode == IO_CONTROL;
+    if (dwCode == IO_DIRECT) {
+        // Of an isochronous transfer, which no stack offers, too: the data are one read.
+        r->bulk.pData = static_cast<uint8_t*>(pOut);
+        r->bulk.dwLength = dwOut;
+    } else {
+        const uint32_t dwAt = pRecord->dwBufferOffset;
+        const uint32_t dwLength = pRecord->dwBufferLength;
+        const uint32_t dwRoom = std::min(dwIn, dwOut);
+        if (pOut != pIn || dwAt < RECORD_SIZE || dwAt > dwRoom || dwLength > dwRoom - dwAt)
+            return Fail(ERROR_BAD_PARAMETER);
+        const uint8_t* const pData = static_cast<uint8_t*>(pIn) + dwAt;
+        r->data.assign(pData, pData + dwLength);
+        r->dwHead = dwAt;
+        r->bulk.pData = r->data.data();
+        r->bulk.dwLength = dwLength;
+    }
+    if (r->bControl) {
+        r->setup = pRecord->setup;
+        if (r->setup.wLength > r->data.size())
+            return Fail(ERROR_BAD_PARAMETER);
+    } else if ((pRecord->bEndpointAddress & 0x80) == 0) {
+        return Fail(ERROR_BAD_PARAMETER);  // the cameras have no endpoint to write to, and the stacks offer none
+    }
+
+    if (!pOverlapped && r->bControl) {
+        r->status = RunControl(*r, &r->dwMoved);
+        *pdwBytes = FillRecord(*r);
+        SetLastError(ErrorOf(r->status).dwError);
+        return r->status == Status::Ok;
+    }
+    if (!pOverlapped)
+        return Fail(ERROR_BAD_PARAMETER);  // bulk requests are always overlapped
+
+    {
+        const std::lock_guard l(m_mutex);
+        m_slots[pOverlapped] = r;
+        if (!r->bControl)
+            m_endpoints.insert(pRecord->bEndpointAddress);
+    }
+    if (r->bControl) {
+        if (!StartControl(r))
+            return Fail(ERROR_PENDING);
+        *pdwBytes = FillRecord(*r);
+        SetLastError(ErrorOf(r->status).dwError);
+        return r->status == Status::Ok;
+    }
+    r->bulk.bEndpoint = pRecord->bEndpointAddress;
+    r->bulk.OnComplete = &CDevice::OnBulk;
+    r->bulk.pContext = r.get();
+    r->self = r;
+    const Status status = m_pStack->SubmitBulk(&r->bulk);
+    if (status != Status::Ok) {
+        r->self.reset();
+        const ErrorRow& e = ErrorOf(status);
+        pRecord->dwNtStatus = e.dwNtStatus;
+        pRecord->dwUsbdStatus = e.dwUsbdStatus;
+        const std::lock_guard l(m_mutex);
+        m_slots.erase(pOverlapped);
+        return Fail(e.dwError);
+    }
+    return Fail(ERROR_PENDING);
+}
+
+// True when the request is done already.
+bool CDevice::StartControl(const std::shared_ptr<Request>& r)
+{
+    std::unique_lock l(m_mutex);
+    if (!m_bStopControl && !m_control.joinable()) {
+        try {
+            m_control = std::thread(&CDevice::ControlLoop, this);
+        } catch (const std::system_error&) {
+            // No thread to be had: the caller waits here instead.
+        }
+    }
+    if (!m_control.joinable()) {
+        l.unlock();
+        uint32_t dwMoved = 0;
+        const Status status = RunControl(*r, &dwMoved);
+        Complete(*r, status, dwMoved);
+        return true;
+    }
+    m_controlQueue.push_back(r);
+    m_controlWake.notify_one();
+    if (ClockRate() <= 1.0)
+        return false;
+    return m_done.wait_until(l, std::chrono::system_clock::now() + FAST_CLOCK_GRACE, [&] { return r->bDone; });
+}
+
+void CDevice::ControlLoop()
+{
+    std::unique_lock l(m_mutex);
+    for (;;) {
+        m_controlWake.wait(l, [&] { return m_bStopControl || !m_controlQueue.empty(); });
+        if (m_controlQueue.empty())
+            return;
+        const std::shared_ptr<Request> r = std::move(m_controlQueue.front());
+        m_controlQueue.pop_front();
+        if (m_bStopControl)
+            CompleteLocked(*r, Status::Cancelled, 0);
+        if (r->bDone)
+            continue;  // given up before it began
+        m_controlRunning = r;
+        l.unlock();
+        uint32_t dwMoved = 0;
+        const Status status = RunControl(*r, &dwMoved);
+        l.lock();
+        m_controlRunning.reset();
+        CompleteLocked(*r, status, dwMoved);
+    }
+}
+
+// Called with the stack's device held: by the caller's shared lock, or because Shutdown joins the thread first.
+Status CDevice::RunControl(Request& r, uint32_t* pdwMoved)
+{
+    const SetupPacket& s = r.setup;
+    const uint32_t dwTimeout = s.dwTimeout == 0 ? CONTROL_LIMIT_MS : std::min(s.dwTimeout, 3600u) * 1000;
+    const std::lock_guard l(m_controlMutex);
+    return m_pStack->Control(s.bmRequestType, s.bRequest, s.wValue, s.wIndex, r.data.data(), s.wLength, dwTimeout,
+                             pdwMoved);
+}
+
+// The stack's transfer goes on, into the request's own memory; its end is not heard any more. Later control requests
+// queue behind it, for as long as the time limit in its record.
+void CDevice::AbortControl()
+{
+    const std::lock_guard l(m_mutex);
+    for (const auto& r : m_controlQueue)
+        CompleteLocked(*r, Status::Cancelled, 0);
+    if (m_controlRunning)
+        CompleteLocked(*m_controlRunning, Status::Cancelled, 0);
+}
+
+void CDevice::Abort(uint8_t bEndpoint)
+{
+    if ((bEndpoint & 0x7F) == 0)
+        AbortControl();
+    else
+        m_pStack->Abort(bEndpoint);
+}
+
+bool CDevice::GetResult(Overlapped* pOverlapped, uint32_t* pdwBytes, bool bWait)
+{
+    *pdwBytes = 0;
+    std::unique_lock l(m_mutex);
+    const auto it = m_slots.find(pOverlapped);
+    if (it == m_slots.end())
+        return Fail(ERROR_BAD_PARAMETER);
+    const std::shared_ptr<Request> r = it->second;
+    if (!r->bDone && bWait) {
+        m_done.wait(l, [&] { return r->bDone || r->bDetached; });
+        if (r->bDetached)
+            return Fail(ERROR_BAD_PARAMETER);
+    }
+    // Fetched or given up: either way the slot is free, and record and event are the caller's again.
+    r->bDetached = true;
+    m_slots.erase(pOverlapped);
+    if (!r->bDone)
+        return Fail(ERROR_INCOMPLETE);
+    *pdwBytes = FillRecord(*r);
+    SetLastError(ErrorOf(r->status).dwError);
+    return r->status == Status::Ok;
+}
+
+// --- the driver -----------------------------------------------------------------------------------------------------
+
+class CAdapter final : public IUsbDriver {
+public:
+    DevInfo GetClassDevs(const Guid& guid) override
+    {
+        int iSlot = 0;
+        for (int i = 0; i < GUID_COUNT; ++i)
+            if (std::memcmp(&g_InterfaceGuids[i], &guid, sizeof guid) == 0)
+                iSlot = i + 1;
+        auto p = std::make_unique<List>();
+        for (usbstack::DeviceInfo& d : UsbStack().Enumerate())
+            if (InterfaceSlotOf(d.wProductId) == iSlot)
+                p->push_back(std::move(d));
+        SetLastError(ERROR_NONE);
+        return p.release();
+    }
+    bool EnumInterface(DevInfo h, uint32_t dwIndex) override { return At(h, dwIndex) != nullptr; }
+    bool EnumInfo(DevInfo h, uint32_t dwIndex) override { return At(h, dwIndex) != nullptr; }
+    bool GetProperty(DevInfo h, uint32_t dwIndex, uint32_t dwProperty, char* pOut, uint32_t dwSize) override
+    {
+        const usbstack::DeviceInfo* const d = At(h, dwIndex);
+        if (!d)
+            return false;
+        std::string s = "USB bus " + std::to_string(d->bBus) + ", port " + d->sPortPath;
+        if (dwProperty == PROP_LOCATION_PATHS)
+            s = "USBROOT(" + std::to_string(d->bBus) + ")#USB(" + d->sPortPath + ")";
+        else if (dwProperty != PROP_LOCATION_INFO)
+            return Fail(ERROR_BAD_PARAMETER);
+        if (s.size() + 1 > dwSize)
+            return Fail(122);  // the buffer is too small
+        std::memcpy(pOut, s.c_str(), s.size() + 1);
+        return true;
+    }
+    bool GetInterfacePath(DevInfo h, uint32_t dwIndex, std::string* psPath) override
+    {
+        const usbstack::DeviceInfo* const d = At(h, dwIndex);
+        if (d)
+            *psPath = d->sPath;
+        return d != nullptr;
+    }
+    void DestroyList(DevInfo h) override { delete static_cast<List*>(h); }
+
+    DeviceHandle Open(const char* szPath) override
+    {
+        Status status = Status::Failed;
+        std::unique_ptr<usbstack::IDevice> pStack(UsbStack().Open(szPath, &status));
+        if (!pStack) {
+            SetLastError(status == Status::Gone ? ERROR_FILE_NOT_THERE : ErrorOf(status).dwError);
+            return INVALID_DEVICE;
+        }
+        auto p = std::make_shared<CDevice>(pStack.release(), "KOVCamera2 camera");
+        const std::lock_guard l(m_mutex);
+        const DeviceHandle h = m_hNext++;  // never used again: an old handle finds nothing
+        m_devices.emplace(h, std::move(p));
+        SetLastError(ERROR_NONE);
+        return h;
+    }
+    bool Close(DeviceHandle h) override
+    {
+        std::shared_ptr<CDevice> p;
+        {
+            const std::lock_guard l(m_mutex);
+            const auto it = m_devices.find(h);
+            if (it == m_devices.end())
+                return Fail(ERROR_BAD_HANDLE);
+            p = std::move(it->second);
+            m_devices.erase(it);
+        }
+        p->Shutdown();
+        SetLastError(ERROR_NONE);
+        return true;
+    }
+    bool IoControl(DeviceHandle h, uint32_t dwCode, void* pIn, uint32_t dwIn, void* pOut, uint32_t dwOut,
+                   uint32_t* pdwBytes, Overlapped* pOverlapped) override
+    {
+        const std::shared_ptr<CDevice> p = Find(h);
+        return p ? p->IoControl(dwCode, pIn, dwIn, pOut, dwOut, pdwBytes, pOverlapped) : Fail(ERROR_BAD_HANDLE);
+    }
+    bool GetResult(DeviceHandle h, Overlapped* pOverlapped, uint32_t* pdwBytes, bool bWait) override
+    {
+        const std::shared_ptr<CDevice> p = Find(h);
+        return p ? p->GetResult(pOverlapped, pdwBytes, bWait) : Fail(ERROR_BAD_HANDLE);
+    }
+
+    // There are no windows to notify.
+    void* RegisterInterfaceNotice(void*, const void*) override { return Fail(ERROR_NOT_READY), nullptr; }
+    void* RegisterHandleNotice(void*, const void*) override { return Fail(ERROR_NOT_READY), nullptr; }
+    bool UnregisterNotice(void*) override { return Fail(ERROR_BAD_HANDLE); }
+
+private:
+    using List = std::vector<usbstack::DeviceInfo>;
+
+    static const usbstack::DeviceInfo* At(DevInfo h, uint32_t dwIndex)
+    {
+        const List& list = *static_cast<const List*>(h);
+        if (dwIndex < list.size())
+            return &list[dwIndex];
+        SetLastError(ERROR_NO_MORE);
+        return nullptr;
+    }
+    std::shared_ptr<CDevice> Find(DeviceHandle h)
+    {
+        const std::lock_guard l(m_mutex);
+        const auto it = m_devices.find(h);
+        return it == m_devices.end() ? nullptr : it->second;
+    }
+
+    std::mutex m_mutex;
+    std::unordered_map<DeviceHandle, std::shared_ptr<CDevice>> m_devices;
+    DeviceHandle m_hNext = 0x100;
+};
+
+thread_local uint32_t t_dwLastError = ERROR_NONE;
+std::atomic<usbstack::IStack*> g_pStack = nullptr;
+std::atomic<IUsbDriver*> g_pDriver = nullptr;
+
+// Chosen at the first use, for the life of the process.
+usbstack::IStack& DefaultStack()
+{
+    static usbstack::IStack& s_stack = []() -> usbstack::IStack& {
+        if (void* const pSymbol = dlsym(RTLD_DEFAULT, "KOVUsbStackPlugin")) {
+            const usbstack::Plugin* const p = reinterpret_cast<usbstack::PluginEntry>(pSymbol)();
+            if (p && p->dwVersion == 1 && p->pStack) {
+                if (p->dClockRate > 0)
+                    SetClockRate(p->dClockRate);
+                return *p->pStack;
+            }
+        }
+        return usbstack::LibusbStack();
+    }();
+    return s_stack;
+}
+
+}  // namespace
+
+usbstack::IStack& UsbStack()
+{
+    usbstack::IStack* const p = g_pStack.load(std::memory_order_acquire);
+    return p ? *p : DefaultStack();
+}
+
+void SetUsbStack(usbstack::IStack* pStack) { g_pStack.store(pStack, std::memory_order_release); }
+
+uint32_t LastError() { return t_dwLastError; }
+void SetLastError(uint32_t dwError) { t_dwLastError = dwError; }
+
+IUsbDriver& UsbDriver()
+{
+    if (IUsbDriver* const p = g_pDriver.load(std::memory_order_acquire))
+        return *p;
+    // Never destroyed: a camera that a program leaves open is closed after static objects may be gone.
+    static CAdapter& s_adapter = *new CAdapter;
+    return s_adapter;
+}
+
+void SetUsbDriver(IUsbDriver* p) { g_pDriver.store(p, std::memory_order_release); }
+
+}  // namespace platform
