@@ -83,8 +83,7 @@ bool CFpgaModel<Base>::SetFPSPerc(int percent, bool autoMode)
     const float fps =
         float(iBudget) * 10.0f / float(this->m_bOutput16Bits + 1) / float(SensorH()) / float(SensorW());
     const float lineTime = 1e6f / fps / float(SensorLines() + m_Fpga.iVBlank);
-    const float value = lineTime * float(this->m_iCMOSClk) / 1000.0f;
-    this->m_iHMAX = std::min(std::max(value < 65536.0f ? TruncToInt(value) : 65535, m_Vars.iMinHMAX.load()), 65535);
+    this->m_iHMAX = std::min(std::max(LineFromTime(lineTime), m_Vars.iMinHMAX.load()), 65535);
     WriteHMAX();
     AfterSetFPS();
     this->CalcMaxFPS();
@@ -97,6 +96,13 @@ bool CFpgaModel<Base>::GetFPSPerc(int* percent, bool* autoMode)
     *percent = this->m_iFPSPerc;
     *autoMode = this->m_bAutoFPS;
     return true;
+}
+
+template <class Base>
+int32_t CFpgaModel<Base>::LineFromTime(float lineTime) const
+{
+    const float value = lineTime * float(this->m_iCMOSClk) / 1000.0f;
+    return value < 65536.0f ? TruncToInt(value) : 65535;
 }
 
 template <class Base>

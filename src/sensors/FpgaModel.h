@@ -70,6 +70,7 @@ protected:
     virtual void InitDone() {}                            // last step of InitCamera
     virtual bool WriteStart(int x, int y) = 0;            // sensor pixels, rounded and in range
     virtual bool WriteHMAX();                             // m_iHMAX to its register
+    virtual int32_t LineFromTime(float lineTime) const;   // us to the unit of m_iHMAX, before the limits
     virtual bool AcceptsSize(int width, int height) const { return height % 2 == 0 && width % 4 == 0; }
     virtual int RoundX(int x) const { return x & ~3; }    // x >= 0
     virtual bool BinMatters() const { return this->m_iBin != 1; }  // hardware binning plays a part at this bin

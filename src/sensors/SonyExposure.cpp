@@ -4,11 +4,11 @@
 
 #include "sensors/FpgaModel.h"
 
-ExposureRegs CalcExposure(const ExposureLaw& law, uint64_t lExp, float lineTime, int iSensorH)
+ExposureRegs CalcExposure(const ExposureLaw& law, uint64_t lExp, float lineTime, int iSensorH, float t0)
 {
     ExposureRegs r;
-    r.iFrameTime = TruncToInt(float(iSensorH + law.iFrameLines) * lineTime);
-    const float lines = float(lExp) / lineTime;
+    r.iFrameTime = TruncToInt(float(iSensorH + law.iFrameLines) * lineTime + t0);
+    const float lines = (float(lExp) - t0) / lineTime;
     if (lExp <= uint64_t(std::max(r.iFrameTime, 0))) {
         const int vmax = iSensorH + law.iMinVMAX;
         const int shs = std::clamp(vmax - TruncToInt(lines) - law.iShsBias, law.iShsMin, iSensorH + law.iShsMaxLines);
@@ -16,7 +16,7 @@ ExposureRegs CalcExposure(const ExposureLaw& law, uint64_t lExp, float lineTime,
         r.lSHS = uint32_t(shs);
     } else {
         r.lVMAX = uint32_t(TruncToInt(std::min(lines, 2e9f)) + law.iLongBias);
-        r.lSHS = 0;
+        r.lSHS = uint32_t(law.iLongShs);
     }
     r.lVMAX = std::min(r.lVMAX, law.lVMAXCap);
     r.iExpLines = int32_t(r.lVMAX - r.lSHS) - law.iExpLinesBias;

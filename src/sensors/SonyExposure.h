@@ -2,7 +2,7 @@
 #pragma once
 #include <cstdint>
 
-// How a family counts lines. Quartz: { 17, 18, 1, 2, 16, 1, 0xFFFFFF, 2 }.
+// How a family counts lines. n is the exposure in whole lines.
 struct ExposureLaw {
     int iFrameLines;     // lines beyond the picture in the frame time
     int iMinVMAX;        // lines beyond the picture in the shortest frame
@@ -12,6 +12,7 @@ struct ExposureLaw {
     int iLongBias;       // VMAX = n + iLongBias in a stretched frame
     uint32_t lVMAXCap;
     int iExpLinesBias;   // m_iExpLines = VMAX - SHS - iExpLinesBias
+    int iLongShs = 0;    // SHS in a stretched frame
 };
 
 struct ExposureRegs {
@@ -21,5 +22,6 @@ struct ExposureRegs {
     int32_t iExpLines;
 };
 
-// lExp in us, lineTime in us, iSensorH lines that leave the sensor. Every step is single precision.
-ExposureRegs CalcExposure(const ExposureLaw& law, uint64_t lExp, float lineTime, int iSensorH);
+// lExp in us, lineTime in us, iSensorH lines that leave the sensor. t0: part of the exposure, in us, that the shutter line
+// does not count. Every step is single precision.
+ExposureRegs CalcExposure(const ExposureLaw& law, uint64_t lExp, float lineTime, int iSensorH, float t0 = 0.0f);

@@ -1,0 +1,145 @@
+#include "sensors/beryl/Beryl.h"
+
+#include <algorithm>
+
+#include "RegisterTables.h"
+
+namespace {
+
+enum Reg : uint16_t {
+    REG_BLACK = 0x0080,
+    REG_EXPOSURE = 0x00C9,      // in 1/72 ms
+    REG_ANALOG_GAIN = 0x00CC, REG_DIGITAL_GAIN = 0x00CD,
+    REG_COLUMNS = 0x0100, REG_FIRST_ROW = 0x0101, REG_LAST_ROW = 0x0102,
+};
+
+constexpr FpgaTraits g_Fpga = { 18, 43272, 190906, 72, 100, 100000, false };
+constexpr int32_t HMAX_MIN = 1100;
+
+constexpr BerylLimits g_ColLimits = { 1'000'000'000, 600, true };
+constexpr BerylLimits g_MonoLimits = { 500'000, 100, false };
+
+constexpr ModelTraits g_Col = {
+    .family = Family::Beryl, .szClass = "CCameraSBerylCol", .szName = "VYR KOVBerylCol",
+    .szKey = L"SOFTWARE\\KOVBerylCol", .iGuidSlot = 10, .aProducts = { { 0xC02A, nullptr } },
+    .iWidth = 640, .iHeight = 480, .dPixelSize = 3.75, .bayer = BAYER_RG, .bColor = true, .bUSB3 = true, .bCooler = false,
+    .fElecPerADU = 0, .iPropA = 0, .iPropB = 0, .iPropC = -1, .iPropD = -1,
+    .gain = { 0, 600, 200 }, .exposure = { 32, 1000000000, 10000 }, .iWB_R = 52, .iWB_B = 95, .iWBMin = 1, .iWBMax = 99,
+    .brightness = { 0, 240, 1 }, .iBandwidthMin = 40, .iBandwidthMax = 100, .iFPSPerc = 80, .iFPSPercUSB3 = 100,
+    .iClk = 72, .iHMAX = 4500, .iMaxExposure = 1000000000, .iAutoGainMax = 300, .iAutoExpMaxCap = 1000,
+    .wCaps = CAP_BRIGHTNESS | CAP_BANDWIDTH | CAP_BANDWIDTH_AUTO | CAP_TEMPERATURE | CAP_AUTO | CAP_FLIP | CAP_WB_R | CAP_WB_B,
+    .bTypes = TYPE_RAW8 | TYPE_RGB24 | TYPE_Y8 | TYPE_RAW16, .bStart = START_AUTO_FPS | START_HARDWARE_BIN,
+    .bClose = CLOSE_LINK | CLOSE_CLEARS_POINTER,
+    .aBins = { 1, 2 }, .aControls = { 0, 1, 2, 3, 4, 5, 6, 8, 9, 10, 11, 12, 13, 14, -1 }, .aPhase = {}, .bDDR = false,
+};
+
+// QUIRK: the monochrome model offers the colour formats and both white balances, which do nothing, and starts with
+// CTRL_AUTOEXP_MAX_EXP at 0.
+constexpr ModelTraits g_Mono = [] {
+    ModelTraits t = g_Col;
+    t.szClass = "CCameraSBerylMono";
+    t.szName = "VYR KOVBerylMono";
+    t.szKey = L"SOFTWARE\\KOVBerylMono";
+    t.aProducts[0] = { 0xC02B, nullptr };
+    t.dPixelSize = 4.80;
+    t.bColor = false;
+    t.gain = { 0, 100, 50 };
+    t.exposure = { 32, 500000, 10000 };
+    t.iMaxExposure = 500000;
+    t.iAutoGainMax = 50;
+    t.iAutoExpMaxCap = 0;
+    return t;
+}();
+
+ClassVars g_ColVars{ { g_Fpga.iUnitUSB3 }, { HMAX_MIN } };
+ClassVars g_MonoVars{ { g_Fpga.iUnitUSB3 }, { HMAX_MIN } };
+
+}  // namespace
+
+CBeryl::CBeryl(const ModelTraits& t, const BerylLimits& l, ClassVars& v, void* handle)
+    : CFpgaModel(t, g_Fpga, v, handle), m_Limits(l)
+{
+}
+
+CCameraSBerylCol::CCameraSBerylCol(void* handle) : CBeryl(g_Col, g_ColLimits, g_ColVars, handle) { FinishConstruction(); }
+CCameraSBerylMono::CCameraSBerylMono(void* handle) : CBeryl(g_Mono, g_MonoLimits, g_MonoVars, handle)
+{
+    FinishConstruction();
+}
+
+void CBeryl::InitSensor()
+{
+    model::RunTable16(*this, g_BerylInit);
+    Fpga(FPGA_RUN, RUN_RESET);
+    platform::SleepMs(20);
+    Fpga(FPGA_RUN, 0x10);
+    Fpga(FPGA_FORMAT, 1);
+    Fpga(FPGA_HOLD, 1);
+    UnityGains();
+    Fpga(FPGA_HOLD, 0);
+}
+
+bool CBeryl::SetOutput16Bits(bool on)
+{
+    m_bOutput16Bits = on;
+    SelectBandwidthUnit();
+    return Fpga(FPGA_FORMAT, on ? 17 : m_bHighSpeed && !InHardBin2() ? 0 : 1);
+}
+
+bool CBeryl::SetExp(uint64_t microseconds, bool autoMode)
+{
+    m_bAutoExp = autoMode;
+    m_lExposure = std::clamp<uint64_t>(microseconds, 32, m_Limits.lExpMax);
+    m_bLongExp = m_lExposure >= 2'000'000;
+    // QUIRK: the register takes the request before the limits, so an oversize one overflows it while CTRL_EXPOSURE reads
+    // the limit.
+    return WriteCameraRegister(REG_EXPOSURE, static_cast<uint16_t>(microseconds * 72 / 1000));
+}
+
+bool CBeryl::SetGain(int gain, bool autoMode)
+{
+    m_bAutoGain = autoMode;
+    const int g = std::clamp(gain, 0, m_Limits.iGainMax);
+    m_iGain = g;
+    // QUIRK: the colour model's range goes to 600, but above 100 nothing reaches the sensor.
+    if (m_Limits.bGainStopsAt100 && g > 100)
+        return true;
+    struct Step { int iBelow, iStage, iOffset; };
+    static constexpr Step steps[] = { { 16, 483, 8 }, { 32, 35, -8 }, { 48, 33, -24 }, { 64, 65, -40 }, { 101, 65, -56 } };
+    const Step& s = *std::find_if(std::begin(steps), std::end(steps), [=](const Step& x) { return g < x.iBelow; });
+    WriteCameraRegister(REG_ANALOG_GAIN, static_cast<uint16_t>(s.iStage));
+    return WriteCameraRegister(REG_DIGITAL_GAIN, static_cast<uint16_t>((g + s.iOffset) * 16));
+}
+
+bool CBeryl::SetBrightness(int value)
+{
+    m_iBrightness = value;
+    return WriteCameraRegister(REG_BLACK, static_cast<uint16_t>(value));
+}
+
+uint16_t CBeryl::ColumnWord() const
+{
+    const uint32_t x = uint32_t(m_iStartX), last = uint32_t(m_iBin * m_iWidth) + x + 16;
+    return static_cast<uint16_t>((last << 8 | x) / 8);
+}
+
+bool CBeryl::WriteStart(int, int y)
+{
+    WriteCameraRegister(REG_COLUMNS, ColumnWord());
+    WriteCameraRegister(REG_FIRST_ROW, static_cast<uint16_t>(y));
+    return WriteCameraRegister(REG_LAST_ROW, static_cast<uint16_t>(y + m_iHeight * m_iBin));
+}
+
+bool CBeryl::Cam_SetResolution()
+{
+    const bool bBin = InHardBin2();
+    const int last = m_iStartY + m_iHeight * m_iBin;
+    Fpga(FPGA_HOLD, 1);
+    WriteFpga(FPGA_START_X, bBin ? 2 : 0, 2);
+    WriteFpga(FPGA_START_Y, bBin ? 5 : 0, 2);
+    WriteCameraRegister(REG_LAST_ROW, static_cast<uint16_t>(bBin ? last << 8 : last));
+    WriteCameraRegister(REG_COLUMNS, ColumnWord());
+    WriteCameraRegister(REG_FIRST_ROW, static_cast<uint16_t>(m_iStartY));
+    WriteSensorSizeToFpga();
+    return Fpga(FPGA_HOLD, 0);
+}

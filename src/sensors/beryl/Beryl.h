@@ -1,0 +1,40 @@
+// Beryl: 640 x 480 global shutter with a PYTHON sensor behind an FPGA.
+#pragma once
+#include "sensors/FpgaModel.h"
+
+// In what the two classes differ.
+struct BerylLimits { uint64_t lExpMax; int iGainMax; bool bGainStopsAt100; };
+
+class CBeryl : public CFpgaModel<CCameraPython> {
+public:
+    CBeryl(const ModelTraits& t, const BerylLimits& l, ClassVars& v, void* handle);
+    bool SetGain(int gain, bool autoMode) override;
+    bool SetExp(uint64_t microseconds, bool autoMode) override;
+    bool SetBrightness(int value) override;
+    bool SetOutput16Bits(bool on) override;
+    bool Cam_SetResolution() override;
+    bool StartSensorStreaming() override { return Fpga(FPGA_RUN, 0x01); }
+    bool StopSensorStreaming() override { return Fpga(FPGA_RUN, 0x11); }
+
+protected:
+    void InitSensor() override;
+    void InitClock() override {}
+    bool WriteStart(int x, int y) override;
+    bool WriteHMAX() override { return true; }  // the value is kept and nothing written
+    int RoundX(int x) const override { return x & ~7; }
+
+private:
+    uint16_t ColumnWord() const;  // first and last column, in units of eight
+    const BerylLimits& m_Limits;
+};
+
+class KOV_CLASS CCameraSBerylCol final : public CBeryl {
+public:
+    explicit CCameraSBerylCol(void* handle = nullptr);
+    ~CCameraSBerylCol() override { Shutdown(); }
+};
+class KOV_CLASS CCameraSBerylMono final : public CBeryl {
+public:
+    explicit CCameraSBerylMono(void* handle = nullptr);
+    ~CCameraSBerylMono() override { Shutdown(); }
+};

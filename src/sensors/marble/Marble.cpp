@@ -1,0 +1,230 @@
+#include "sensors/marble/Marble.h"
+
+#include <algorithm>
+
+#include "RegisterTables.h"
+#include "sensors/SonyExposure.h"
+
+namespace {
+
+enum Reg : uint16_t {
+    REG_STANDBY = 0x3000, REG_HOLD = 0x3007, REG_MASTER_STOP = 0x3008,
+    REG_OUTPUT_BITS = 0x300D,   // 0 fast 8-bit path, 2 normal, 9 binned
+    REG_READ_MODE = 0x300E,     // 0x23 bins 2 x 2, with 0x3010 = 1
+    REG_READ_MODE2 = 0x3010,
+    REG_BLACK = 0x3015,         // 2 bytes
+    REG_HIGH_GAIN = 0x301B,     // 30 above gain 30
+    REG_GAIN = 0x301F,          // 2 bytes, 0.1 dB
+    REG_SHS = 0x3034,           // 3 bytes
+    REG_UNK_3041 = 0x3041, REG_UNK_3042 = 0x3042,
+    REG_OUTPUT_PATH = 0x3059,   // 0 fast, 2 normal
+    REG_CLOCK = 0x3101,         // 0x30 27 MHz, 0x32 a quarter
+    REG_WINDOW_LEFT = 0x319C, REG_WINDOW_WIDTH = 0x319E, REG_WINDOW_TOP = 0x31A0, REG_WINDOW_HEIGHT = 0x31A2,
+};
+
+constexpr uint64_t EXP_MIN = 32, EXP_MAX = 1'024'000'000, EXP_LONG = 1'000'000;  // us
+constexpr int GAIN_MAX = 510, GAIN_HIGH_ABOVE = 30;                              // 0.1 dB
+constexpr int32_t CLK_BIN = 6750, CLK_NORMAL = 27000;                            // kHz
+constexpr int32_t HMAX_BIN = 73, HMAX_FAST = 210, HMAX_NORMAL = 419;             // clocks
+
+constexpr FpgaTraits g_Fpga = { 29, 43000, 385000, CLK_BIN, 60, 600000, true };
+constexpr ExposureLaw g_Law = { 28, 29, 0, 0, 28, 1, 0xFFFFF, 1 };
+
+constexpr uint16_t CAPS = CAP_BRIGHTNESS | CAP_BANDWIDTH | CAP_BANDWIDTH_AUTO | CAP_TEMPERATURE | CAP_AUTO | CAP_FLIP;
+
+constexpr ModelTraits g_Col = {
+    .family = Family::Marble, .szClass = "CCameraSMarbleCol", .szName = "VYR KOVMarbleCol",
+    .szKey = L"SOFTWARE\\KOVMarbleCol", .iGuidSlot = 10, .aProducts = { { 0xC0DA, nullptr } },
+    .iWidth = 3096, .iHeight = 2080, .dPixelSize = 2.40, .bayer = BAYER_RG, .bColor = true, .bUSB3 = true, .bCooler = false,
+    .fElecPerADU = 0.916f, .iPropA = 25, .iPropB = 25, .iPropC = 300, .iPropD = 340,
+    .gain = { 0, 510, 210 }, .exposure = { 32, 1024000000, 10000 }, .iWB_R = 70, .iWB_B = 90, .iWBMin = 1, .iWBMax = 99,
+    .brightness = { 0, 600, 10 }, .iBandwidthMin = 40, .iBandwidthMax = 100, .iFPSPerc = 80, .iFPSPercUSB3 = 60,
+    .iClk = 6750, .iHMAX = 420, .iMaxExposure = 1024000000, .iAutoGainMax = 255, .iAutoExpMaxCap = 1024,
+    .wCaps = CAPS | CAP_WB_R | CAP_WB_B, .bTypes = TYPE_RAW8 | TYPE_RGB24 | TYPE_Y8 | TYPE_RAW16,
+    .bStart = START_AUTO_FPS | START_HARDWARE_BIN, .bClose = CLOSE_LINK | CLOSE_CLEARS_POINTER,
+    .aBins = { 1, 2, 3, 4 }, .aControls = { 0, 1, 2, 3, 4, 5, 6, 8, 9, 10, 11, 12, 13, 14, -1 }, .aPhase = {}, .bDDR = false,
+};
+constexpr ModelTraits g_Mono = [] {
+    ModelTraits t = g_Col;
+    t.szClass = "CCameraSMarbleMono";
+    t.szName = "VYR KOVMarbleMono";
+    t.szKey = L"SOFTWARE\\KOVMarbleMono";
+    t.aProducts[0] = { 0xC0DC, nullptr };
+    t.bColor = false;
+    t.wCaps = CAPS;
+    t.bTypes = TYPE_RAW8 | TYPE_RAW16;
+    constexpr int8_t controls[] = { 0, 1, 2, 5, 6, 8, 9, 10, 11, 12, 13, 14, -1 };
+    std::copy(std::begin(controls), std::end(controls), t.aControls);
+    return t;
+}();
+constexpr ModelTraits g_Col_C = Cooled(g_Col, "CCameraSMarbleCol_C", "VYR KOVMarbleCol-Cool",
+                                       L"SOFTWARE\\KOVMarbleCol-C", 0xC0DB);
+constexpr ModelTraits g_Mono_C = Cooled(g_Mono, "CCameraSMarbleMono_C", "VYR KOVMarbleMono-Cool",
+                                        L"SOFTWARE\\KOVMarbleMono-C", 0xC0DD);
+
+template <const ModelTraits& t>
+ClassVars g_Vars{ { g_Fpga.iUnitUSB3 }, { HMAX_NORMAL } };
+
+}  // namespace
+
+CCameraSMarbleCol::CCameraSMarbleCol(void* handle) : CMarble(g_Col, g_Vars<g_Col>, handle) { FinishConstruction(); }
+CCameraSMarbleMono::CCameraSMarbleMono(void* handle) : CMarble(g_Mono, g_Vars<g_Mono>, handle) { FinishConstruction(); }
+CCameraSMarbleCol_C::CCameraSMarbleCol_C(void* handle) : CMarble(g_Col_C, g_Vars<g_Col_C>, handle)
+{
+    FinishConstruction();
+}
+CCameraSMarbleMono_C::CCameraSMarbleMono_C(void* handle) : CMarble(g_Mono_C, g_Vars<g_Mono_C>, handle)
+{
+    FinishConstruction();
+}
+
+template <class Base>
+CMarble<Base>::CMarble(const ModelTraits& t, ClassVars& v, void* handle) : CFpgaModel<Base>(t, g_Fpga, v, handle)
+{
+}
+
+template <class Base>
+void CMarble<Base>::InitSensor()
+{
+    model::RunTable8(*this, g_MarbleInit);
+    static constexpr RegEntry after[] = {
+        { REG_OUTPUT_PATH, 0 }, { REG_OUTPUT_BITS, 0 }, { 0x3004, 0 }, { 0x31A4, 1 }, { 0x31A5, 1 },
+    };
+    model::RunTable8(*this, after);
+    this->Fpga(FPGA_RUN, RUN_RESET);
+    platform::SleepMs(20);
+    this->SendCMD(REQ_START_SENSOR_CLOCK);
+    this->Write8(REG_MASTER_STOP, 1);
+    this->Write8(0x305E, 0);
+    this->FinishFpgaInit();
+}
+
+template <class Base>
+bool CMarble<Base>::SetOutput16Bits(bool on)
+{
+    this->m_bOutput16Bits = on;
+    this->SelectBandwidthUnit();
+    if (this->m_bHighSpeed && !on && !InHardBin()) {
+        this->m_Vars.iMinHMAX = HMAX_FAST;
+        this->Write8(REG_OUTPUT_BITS, 0);
+        this->Fpga(FPGA_FORMAT, 0);
+        return this->Write8(REG_OUTPUT_PATH, 0);
+    }
+    this->m_Vars.iMinHMAX = InHardBin() ? HMAX_BIN : HMAX_NORMAL;
+    this->Write8(REG_OUTPUT_BITS, InHardBin() ? 9 : 2);
+    this->Write8(REG_OUTPUT_PATH, 2);
+    return this->Fpga(FPGA_FORMAT, on ? 17 : 1);
+}
+
+template <class Base>
+bool CMarble<Base>::SetHighSpeedMode(bool on)
+{
+    this->m_bHighSpeed = on;
+    if (InHardBin() || this->m_bOutput16Bits)
+        return true;
+    SetOutput16Bits(false);
+    SetCMOSClk();
+    this->SetFPSPerc(this->m_iFPSPerc, this->m_bAutoFPS);
+    SetExp(this->m_lExposure, this->m_bAutoExp);
+    SetBrightness(this->m_iBrightness);
+    return true;
+}
+
+template <class Base>
+bool CMarble<Base>::SetCMOSClk()
+{
+    return SetCMOSClk(InHardBin() ? CLK_BIN : CLK_NORMAL);
+}
+
+template <class Base>
+bool CMarble<Base>::SetCMOSClk(int clock)
+{
+    this->m_iCMOSClk = clock;
+    if (clock != CLK_BIN && clock != CLK_NORMAL)
+        return true;
+    return this->Write8(REG_CLOCK, clock == CLK_BIN ? 0x32 : 0x30);
+}
+
+template <class Base>
+bool CMarble<Base>::SetExp(uint64_t microseconds, bool autoMode)
+{
+    this->m_bAutoExp = autoMode;
+    this->m_lExposure = std::clamp(microseconds, EXP_MIN, EXP_MAX);
+    this->SwitchLongExp(EXP_LONG, RUN_GO_LONG);
+
+    // The wish for hardware binning costs 16 lines at every bin.
+    const int lines = this->m_iHeight * this->m_iBin + (this->m_bHardwareBin ? 16 : 0);
+    const float t0 = this->m_bOutput16Bits ? 0.28f : 0.36f;  // us
+    const ExposureRegs r = CalcExposure(g_Law, this->m_lExposure, this->LineTime(), lines, t0);
+    this->m_iFrameTime = r.iFrameTime;
+    this->m_iExpLines = r.iExpLines;
+    this->Write8(REG_HOLD, 1);
+    this->WriteVMAX(r.lVMAX);
+    this->WriteBytes(REG_SHS, r.lSHS, 3);
+    this->Write8(REG_UNK_3041, 0);
+    this->Write8(REG_UNK_3042, 0);
+    return this->Write8(REG_HOLD, 0);
+}
+
+template <class Base>
+bool CMarble<Base>::SetGain(int gain, bool autoMode)
+{
+    this->m_bAutoGain = autoMode;
+    const int g = std::clamp(gain, 0, GAIN_MAX);
+    this->m_iGain = g;
+    const bool bHigh = g > GAIN_HIGH_ABOVE;
+    this->Write8(REG_HOLD, 1);
+    this->Write8(REG_HIGH_GAIN, bHigh ? GAIN_HIGH_ABOVE : 0);
+    this->WriteBytes(REG_GAIN, uint32_t(bHigh ? g - GAIN_HIGH_ABOVE : g), 2);
+    return this->Write8(REG_HOLD, 0);
+}
+
+template <class Base>
+bool CMarble<Base>::SetBrightness(int value)
+{
+    return this->WriteBlack(REG_BLACK, value);
+}
+
+template <class Base>
+bool CMarble<Base>::WriteStart(int x, int y)
+{
+    this->Write8(REG_HOLD, 1);
+    this->WriteBytes(REG_WINDOW_LEFT, uint32_t(x), 2);
+    this->WriteBytes(REG_WINDOW_TOP, uint32_t(y), 2);
+    return this->Write8(REG_HOLD, 0);
+}
+
+template <class Base>
+bool CMarble<Base>::Cam_SetResolution()
+{
+    const bool bBin = InHardBin();
+    this->Fpga(FPGA_HOLD, 1);
+    this->Write8(REG_READ_MODE, bBin ? 0x23 : 0);
+    this->Write8(REG_READ_MODE2, bBin ? 1 : 0);
+    this->WriteFpga(FPGA_START_X, 0, 2);
+    this->WriteFpga(FPGA_START_Y, bBin ? 11 : 15, 2);
+    this->WriteBytes(REG_WINDOW_HEIGHT, uint32_t(this->m_iHeight * this->m_iBin), 2);
+    this->WriteBytes(REG_WINDOW_WIDTH, uint32_t(this->m_iWidth * this->m_iBin), 2);
+    this->WriteSensorSizeToFpga();
+    return this->Fpga(FPGA_HOLD, 0);
+}
+
+template <class Base>
+bool CMarble<Base>::StartSensorStreaming()
+{
+    this->Write8(REG_STANDBY, 6);
+    platform::SleepMs(2);
+    this->Write8(REG_STANDBY, 0);
+    platform::SleepMs(10);
+    return this->Fpga(FPGA_RUN, this->m_bLongExp ? RUN_GO_LONG : RUN_GO);
+}
+
+template <class Base>
+bool CMarble<Base>::StopSensorStreaming()
+{
+    this->Fpga(FPGA_RUN, this->m_bLongExp ? RUN_STOP_LONG : RUN_STOP);
+    return this->Write8(REG_STANDBY, 1);
+}
+
+template class CMarble<CCameraBase>;
+template class CMarble<CCameraCool>;

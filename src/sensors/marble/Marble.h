@@ -1,0 +1,51 @@
+// Marble: 3096 x 2080; the sensor bins by two itself, a bin of four is finished on the host.
+#pragma once
+#include "sensors/FpgaModel.h"
+
+template <class Base>
+class CMarble : public CFpgaModel<Base> {
+public:
+    CMarble(const ModelTraits& t, ClassVars& v, void* handle);
+    bool SetGain(int gain, bool autoMode) override;
+    bool SetExp(uint64_t microseconds, bool autoMode) override;
+    bool SetBrightness(int value) override;
+    bool SetHighSpeedMode(bool on) override;
+    bool SetOutput16Bits(bool on) override;
+    bool IsHardBinRun() override { return InHardBin(); }
+    bool Cam_SetResolution() override;
+    bool SetCMOSClk() override;
+    bool SetCMOSClk(int clock) override;
+    bool StartSensorStreaming() override;
+    bool StopSensorStreaming() override;
+
+protected:
+    void InitSensor() override;
+    bool WriteStart(int x, int y) override;
+    bool BinMatters() const override { return this->m_iBin == 2 || this->m_iBin == 4; }
+    bool IsHardSize() const override { return InHardBin(); }
+    int HardSizeFactor() const override { return this->m_iBin == 4 ? 2 : 1; }
+
+private:
+    bool InHardBin() const { return this->m_bHardwareBin && (this->m_iBin == 2 || this->m_iBin == 4); }
+};
+
+class KOV_CLASS CCameraSMarbleCol final : public CMarble<CCameraBase> {
+public:
+    explicit CCameraSMarbleCol(void* handle = nullptr);
+    ~CCameraSMarbleCol() override { this->Shutdown(); }
+};
+class KOV_CLASS CCameraSMarbleMono final : public CMarble<CCameraBase> {
+public:
+    explicit CCameraSMarbleMono(void* handle = nullptr);
+    ~CCameraSMarbleMono() override { this->Shutdown(); }
+};
+class KOV_CLASS CCameraSMarbleCol_C final : public CMarble<CCameraCool> {
+public:
+    explicit CCameraSMarbleCol_C(void* handle = nullptr);
+    ~CCameraSMarbleCol_C() override { this->Shutdown(); }
+};
+class KOV_CLASS CCameraSMarbleMono_C final : public CMarble<CCameraCool> {
+public:
+    explicit CCameraSMarbleMono_C(void* handle = nullptr);
+    ~CCameraSMarbleMono_C() override { this->Shutdown(); }
+};
