@@ -51,14 +51,15 @@ enum class FaultKind : uint8_t {
     NoFrame,           // nothing is sent for this frame
     BadHead, BadTail, BadTag,
     StallBulk,         // the endpoint halts until reset
-    SlowControl,       // arg: ms that the next control request takes
-    FailControl,       // the next control request stalls; arg: request code, or 0 for any
-    FailRegister,      // writes to register arg are stalled
-    Vanish,            // arg: ms until the camera returns, 0: it stays gone; it returns with another address
+    SlowControl,       // arg: ms of device time that the next vendor request takes; it is carried out all the same
+    FailControl,       // the next vendor request stalls; arg: request code, or 0 for any
+    FailRegister,      // writes to sensor register arg are stalled; arg 0x10000 + n: to register n of the FPGA
+    Vanish,            // arg: ms of device time until the camera returns, 0: it stays gone; it returns with another address
     FlashEraseFails,   // the erase request stalls
     FlashWriteFails,   // the write request succeeds and changes nothing
 };
 
+// Faults of frames begin with the frame after the last good one, the others once the good ones have reached the host.
 struct Fault {
     FaultKind kind;
     uint32_t uArg = 0;

@@ -1,0 +1,211 @@
+// A sensor with plain registers, and a host that drives it over the USB-stack seam.
+#pragma once
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstring>
+#include <deque>
+#include <memory>
+#include <mutex>
+#include <stdexcept>
+#include <thread>
+#include <vector>
+
+#include "virtual/VirtualBus.h"
+
+namespace fake {
+
+enum Reg : uint16_t {
+    STREAM, HELD, X, Y, W, H, BIN, SUMS, SAMPLES, EXPOSURE_100US, FRAME_100US, GAIN_PERCENT, BLACK, AFTER_HOLD_MS,
+    GAIN_R_PERCENT, SHIFT_X0, SHIFT_X1, VALID, COUNT, TEMP_READ = 100
+};
+
+class Sensor final : public kovsim::Profile {
+public:
+    explicit Sensor(const kovsim::ModelFacts& facts) { m_Facts = facts; }
+    void PowerOn() override
+    {
+        std::memset(m_Reg, 0, sizeof m_Reg);
+        m_Reg[W] = uint16_t(m_Facts.iWidth);
+        m_Reg[H] = uint16_t(m_Facts.iHeight);
+        m_Reg[BIN] = m_Reg[VALID] = 1;
+        m_Reg[EXPOSURE_100US] = m_Reg[FRAME_100US] = 100;
+        m_Reg[GAIN_PERCENT] = m_Reg[GAIN_R_PERCENT] = 100;
+        m_bUsb = false;
+    }
+    bool WriteReg16(uint16_t reg, uint16_t v) override { return reg < COUNT && (m_Reg[reg] = v, true); }
+    bool WriteReg8(uint16_t reg, uint8_t v) override { return WriteReg16(reg, v); }
+    uint16_t ReadReg16(uint16_t reg) override
+    {
+        return reg == TEMP_READ ? uint16_t(m_dCelsius * 10) : reg < COUNT ? m_Reg[reg] : uint16_t(0);
+    }
+    uint8_t ReadReg8(uint16_t reg) override { return uint8_t(ReadReg16(reg)); }
+    void WriteFpga(uint16_t reg, uint16_t v) override { m_Fpga[reg & 31] = uint8_t(v); }
+    uint8_t ReadFpga(uint16_t reg) override { return m_Fpga[reg & 31]; }
+    void Command(uint8_t request) override
+    {
+        if (request == 169) m_bUsb = true;
+        if (request == 170) m_bUsb = false;
+    }
+    void SetTransferCount(uint32_t) override {}
+    void SetTemperature(double celsius) override { m_dCelsius = celsius; }
+    kovsim::Readout Current() const override
+    {
+        kovsim::Readout r;
+        r.bStreaming = m_bUsb && m_Reg[STREAM];
+        r.bHeld = m_Reg[HELD];
+        r.iX = m_Reg[X];
+        r.iY = m_Reg[Y];
+        r.iW = m_Reg[W];
+        r.iH = m_Reg[H];
+        r.iBin = m_Reg[BIN];
+        r.bBinSums = m_Reg[SUMS];
+        r.iShiftX[0] = int16_t(m_Reg[SHIFT_X0]);
+        r.iShiftX[1] = int16_t(m_Reg[SHIFT_X1]);
+        r.iOutW = r.iW / r.iBin;
+        r.iOutH = r.iH / r.iBin;
+        r.samples = kovsim::Samples(m_Reg[SAMPLES]);
+        r.dExposureUs = m_Reg[EXPOSURE_100US] * 100.0;
+        r.dFrameUs = m_Reg[FRAME_100US] * 100.0;
+        r.dGain = m_Reg[GAIN_PERCENT] / 100.0;
+        r.dGainR = m_Reg[GAIN_R_PERCENT] / 100.0;
+        r.dBlack = m_Reg[BLACK];
+        r.dAfterHoldUs = m_Reg[AFTER_HOLD_MS] * 1000.0;
+        r.bValid = m_Reg[VALID];
+        return r;
+    }
+
+private:
+    uint16_t m_Reg[COUNT] = {};
+    uint8_t m_Fpga[32] = {};
+    bool m_bUsb = false;
+    double m_dCelsius = 0;
+};
+
+inline kovsim::ModelFacts Facts(int w = 64, int h = 48)
+{
+    kovsim::ModelFacts f;
+    f.wProductId = 0xC1FE;
+    f.sToken = "Fake";
+    f.iWidth = w;
+    f.iHeight = h;
+    f.dPixelUm = 2.9;
+    f.temp = kovsim::ModelFacts::Temp::Digital;
+    return f;
+}
+
+// No noise, no hot pixels and the pattern, unless the test wants otherwise.
+inline kovsim::CameraSettings Settings(const kovsim::ModelFacts& facts)
+{
+    kovsim::CameraSettings s;
+    s.wProductId = facts.wProductId;
+    s.dNoise = 0;
+    s.iHotPixels = 0;
+    s.scene = kovsim::Scene::Pattern();
+    s.profile = [facts](uint8_t, bool) { return std::make_unique<Sensor>(facts); };
+    return s;
+}
+
+// One bulk read and its outcome.
+class Read {
+public:
+    explicit Read(uint32_t length) : data(length, 0xEE)
+    {
+        m_Request.bEndpoint = 0x82;
+        m_Request.pData = data.data();
+        m_Request.dwLength = length;
+        m_Request.pContext = this;
+        m_Request.OnComplete = [](usbstack::BulkRequest* r, usbstack::Status status, uint32_t n) {
+            auto* self = static_cast<Read*>(r->pContext);
+            std::lock_guard lock(self->m_Mutex);
+            self->status = status;
+            self->moved = n;
+            self->order = ++s_Order;
+            ++self->calls;
+            self->m_Done.notify_all();
+        };
+    }
+    usbstack::BulkRequest* Request() { return &m_Request; }
+    bool Wait(int ms = 10000)
+    {
+        std::unique_lock lock(m_Mutex);
+        return m_Done.wait_for(lock, std::chrono::milliseconds(ms), [this] { return calls > 0; });
+    }
+    bool Done()
+    {
+        std::lock_guard lock(m_Mutex);
+        return calls > 0;
+    }
+
+    std::vector<uint8_t> data;
+    usbstack::Status status = usbstack::Status::Failed;
+    uint32_t moved = 0;
+    int order = 0, calls = 0;
+
+private:
+    usbstack::BulkRequest m_Request;
+    std::mutex m_Mutex;
+    std::condition_variable m_Done;
+    inline static std::atomic<int> s_Order{ 0 };
+};
+
+// A bus with one camera, opened.
+class Host {
+public:
+    explicit Host(const kovsim::CameraSettings& settings, double rate = 1) : bus(rate), camera(bus.Plug(settings))
+    {
+        device = Open();
+    }
+    std::unique_ptr<usbstack::IDevice> Open()
+    {
+        const auto list = bus.Enumerate();
+        usbstack::Status status = usbstack::Status::Failed;
+        if (list.empty()) throw std::runtime_error("no camera");
+        auto* p = bus.Open(list.at(0).sPath, &status);
+        if (!p) throw std::runtime_error("not opened");
+        return std::unique_ptr<usbstack::IDevice>(p);
+    }
+    usbstack::Status Out(uint8_t request, uint16_t value = 0, uint16_t index = 0, std::vector<uint8_t> data = {})
+    {
+        uint32_t moved;
+        return device->Control(0x40, request, value, index, data.data(), uint16_t(data.size()), 1000, &moved);
+    }
+    // Empty: not Ok.
+    std::vector<uint8_t> In(uint8_t request, uint16_t value, uint16_t index, uint16_t length, uint8_t type = 0xC0)
+    {
+        std::vector<uint8_t> data(length, 0);
+        uint32_t moved = 0;
+        const auto status = device->Control(type, request, value, index, data.data(), length, 1000, &moved);
+        data.resize(status == usbstack::Status::Ok ? moved : 0);
+        return data;
+    }
+    void Set(Reg reg, uint16_t value)
+    {
+        if (Out(166, reg, value) != usbstack::Status::Ok) throw std::runtime_error("register");
+    }
+    void Start()
+    {
+        Out(169);
+        Set(STREAM, 1);
+    }
+    void Stop()
+    {
+        Set(STREAM, 0);
+        Out(170);
+        device->ResetPipe(0x82);
+    }
+    // A frame in one read, with room to see too much.
+    std::unique_ptr<Read> Frame(uint32_t size)
+    {
+        auto r = std::make_unique<Read>(size + 1024);
+        if (device->SubmitBulk(r->Request()) != usbstack::Status::Ok || !r->Wait())
+            throw std::runtime_error("no frame");
+        return r;
+    }
+
+    kovsim::VirtualBus bus;
+    kovsim::VirtualCamera& camera;
+    std::unique_ptr<usbstack::IDevice> device;
+};
+
+}  // namespace fake

@@ -1,0 +1,213 @@
+// A virtual camera: bridge, sensor and their threads. Internal to the virtual bus.
+#pragma once
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <deque>
+#include <mutex>
+#include <thread>
+
+#include "virtual/Descriptors.h"
+#include "virtual/Imager.h"
+#include "virtual/Memory.h"
+#include "virtual/Thermal.h"
+#include "virtual/VirtualBus.h"
+
+namespace kovsim {
+
+// Device time, microseconds since the bus was made.
+class Clock {
+public:
+    explicit Clock(double rate) : m_dRate(rate), m_Start(std::chrono::steady_clock::now()) {}
+    double Now() const
+    {
+        return std::chrono::duration<double, std::micro>(std::chrono::steady_clock::now() - m_Start).count() * m_dRate;
+    }
+    std::chrono::steady_clock::time_point RealTime(double us) const
+    {
+        return m_Start + std::chrono::duration_cast<std::chrono::steady_clock::duration>(
+                             std::chrono::duration<double, std::micro>(us / m_dRate));
+    }
+
+private:
+    double m_dRate;
+    std::chrono::steady_clock::time_point m_Start;
+};
+
+// What a camera needs of its bus.
+class BusHooks {
+public:
+    virtual ~BusHooks() = default;
+    virtual void Pump() = 0;             // have the event thread look at the cameras' requests
+    virtual uint8_t NextAddress() = 0;   // of a device that enumerates now
+};
+
+// A frame on its way to the host.
+struct FrameInFlight {
+    std::shared_ptr<const std::vector<uint8_t>> pixels;
+    uint8_t head[4], tail[4];
+    uint32_t uHead = 0, uTail = 0;  // bytes of marks
+    uint32_t uFull = 0;             // where the tail belongs
+    uint32_t uSize = 0;             // what is sent
+    uint32_t uSent = 0;
+    bool bGood = true;
+    bool bStall = false;            // no frame: the endpoint halts here
+    // Bytes from uSent on, marks included.
+    void Copy(uint8_t* to, uint32_t from, uint32_t length) const;
+};
+
+// Frame memory that comes back for reuse, so that no frame touches fresh pages. Outlives the camera while frames do.
+class FramePool : public std::enable_shared_from_this<FramePool> {
+public:
+    std::shared_ptr<std::vector<uint8_t>> Take();
+
+private:
+    std::mutex m_Mutex;
+    std::vector<std::unique_ptr<std::vector<uint8_t>>> m_Free;
+};
+
+class Camera final : public VirtualCamera {
+public:
+    // What the bridge holds back while the host has no request out.
+    static constexpr uint32_t FIFO_BYTES = 4u << 20;
+
+    Camera(const CameraSettings& settings, uint16_t wVendorId, const Clock& clock, BusHooks& bus, uint8_t bBus,
+           std::string sPort);
+    ~Camera() override;
+
+    // VirtualCamera
+    const ModelFacts& Facts() const override { return m_Facts; }
+    const CameraSettings& Settings() const override { return m_Settings; }
+    std::vector<Request> Requests() const override;
+    void ClearRequests() override;
+    uint16_t SensorReg(uint16_t reg) const override;
+    uint8_t FpgaReg(uint16_t reg) const override;
+    Readout CurrentReadout() const override;
+    void Inject(const Fault& fault) override;
+    void ClearFaults() override;
+    FrameCounters Counters() const override;
+    void SetOpenStatus(usbstack::Status status) override;
+    void Unplug() override;
+    void Replug() override;
+    void PowerCycle() override;
+    void SetScene(std::shared_ptr<const Scene> scene) override;
+    std::vector<HotPixel> HotPixels() const override { return m_Imager.HotPixels(); }
+    double Temperature() const override;
+    double CoolerPower() const override;
+    uint8_t CoolerDA() const override;
+    bool GuidePin(int direction) const override;
+    double GuideX() const override;
+    double GuideY() const override;
+    std::vector<uint8_t> Flash(uint32_t address, uint32_t length) const override;
+    void SetFlash(uint32_t address, const std::vector<uint8_t>& bytes) override;
+    std::vector<uint8_t> Eeprom() const override;
+    uint8_t Firmware() const override;
+
+    // For the bus and its handles. uPlug is the plug that a handle was opened on: a later one makes it stale.
+    bool Info(usbstack::DeviceInfo* pInfo, uint64_t* puPlug, usbstack::Status* pOpen) const;
+    usbstack::Status Control(uint64_t uPlug, uint8_t bRequestType, uint8_t bRequest, uint16_t wValue, uint16_t wIndex,
+                             uint8_t* pData, uint16_t wLength, uint32_t dwTimeoutMs, uint32_t* pdwMoved);
+    usbstack::Status Submit(uint64_t uPlug, const void* pOwner, usbstack::BulkRequest* request);
+    // Completes an owner's requests (nullptr: everybody's) as cancelled.
+    void Cancel(const void* pOwner);
+    usbstack::Status ResetPipe(uint64_t uPlug, const void* pOwner);
+    usbstack::Status ResetPort(uint64_t uPlug);
+    usbstack::Status CyclePort(uint64_t uPlug);
+    bool IsCurrent(uint64_t uPlug) const;
+    usbstack::Speed GetSpeed() const;
+    uint8_t GetAddress() const;
+    int GetAltSetting(uint64_t uPlug) const;
+    // Completes what can be completed. On the event thread, one camera at a time.
+    void Complete();
+
+private:
+    struct Setup {
+        bool bIn;
+        uint8_t bRequest;
+        uint16_t wValue, wIndex, wLength;
+    };
+    struct Pending {
+        usbstack::BulkRequest* request;
+        const void* pOwner;
+        uint64_t uPlug;
+    };
+    using Lock = std::unique_lock<std::mutex>;
+
+    // All of these under m_Mutex.
+    bool Vendor(const Setup& s, std::vector<uint8_t>& data);
+    bool VendorLoad(const Setup& s, std::vector<uint8_t>& data);
+    bool VendorEeprom(std::vector<uint8_t>& memory, uint32_t address, const Setup& s, std::vector<uint8_t>& data);
+    bool VendorFlash(const Setup& s, std::vector<uint8_t>& data);
+    bool Standard(uint8_t bRequestType, const Setup& s, std::vector<uint8_t>& data);
+    void Boot();
+    void PlugIn();
+    void Drop(double returnAt);
+    void CheckVanish();
+    void Changed();
+    bool TakeFault(FaultKind kind, const std::function<bool(uint32_t)>& fits, uint32_t* puArg = nullptr);
+    void Flush();
+    void Log(const Setup& s, const std::vector<uint8_t>& data);
+    void MoveGuide();
+    double Celsius() const;
+    void EndFrame(const FrameInFlight& frame);
+    std::unique_ptr<Profile> NewProfile(uint8_t bFirmware) const;
+    DescriptorFacts Descriptors() const;
+    bool Running() const { return m_bPresent && m_Memory.State() == Cpu::Firmware; }
+    double PeriodUs(const Readout& r) const;
+
+    // The sensor's thread.
+    void SensorThread();
+    std::shared_ptr<const std::vector<uint8_t>> Develop(Lock& lock, const Readout& r, double exposureUs);
+    void Emit(std::shared_ptr<const std::vector<uint8_t>> pixels);
+
+    const CameraSettings m_Settings;
+    const uint16_t m_wVendorId;
+    const Clock& m_Clock;
+    BusHooks& m_Bus;
+    const uint8_t m_bBus;
+    const std::string m_sPort;
+    ModelFacts m_Facts;  // constant after construction
+    Imager m_Imager;     // sensor thread; its hot pixels are constant
+
+    // Held over every completion, so that whoever has it knows that no buffer is being written. Taken before m_Mutex.
+    std::mutex m_Completing;
+
+    mutable std::mutex m_Mutex;  // guards all below
+    std::condition_variable m_Wake;
+    std::unique_ptr<Profile> m_Profile;
+    std::shared_ptr<const Scene> m_Scene;
+    bool m_bQuit = false, m_bPresent = false, m_bHalted = false;
+    bool m_bLoaded = false;            // the boot loader was given a firmware
+    double m_dReturnAt = -1;           // device time at which a vanished camera comes back; -1: never
+    uint64_t m_uPlug = 0;
+    uint8_t m_bAddress = 0, m_bConfiguration = 1;
+    uint8_t m_bFirmware = 0;
+    usbstack::Status m_OpenStatus = usbstack::Status::Ok;
+    std::deque<Request> m_Requests;
+    std::vector<Fault> m_Faults;
+    FrameCounters m_Counters;
+
+    Readout m_Now;                     // the profile's, after the last change
+    double m_dHeldAt = 0, m_dReleasedAt = 0;
+    uint64_t m_uStops = 0;             // how often streaming ended
+    double m_dReplyUs = 0;             // how long the answer of the request in work takes
+    uint32_t m_uTransferCount = 0;
+    std::deque<FrameInFlight> m_Frames;
+    std::deque<Pending> m_Pending;
+    uint64_t m_uFrame = 0;
+    uint16_t m_wTag = 0;
+    std::shared_ptr<FramePool> m_Pool = std::make_shared<FramePool>();
+
+    mutable Thermal m_Thermal;
+    bool m_Pins[4] = {};
+    double m_dGuideX = 0, m_dGuideY = 0, m_dGuideAt = 0;
+    SpiFlash m_Flash;
+    std::vector<uint8_t> m_Eeprom;     // of the USB 2 bridge
+    bool m_bEepromWritten = false;
+    std::map<uint32_t, uint8_t> m_I2c; // of the USB 3 bridge: device << 16 | address
+    BridgeMemory m_Memory;
+
+    std::thread m_Thread;
+};
+
+}  // namespace kovsim

@@ -1,0 +1,279 @@
+// What the firmware of a virtual camera answers: standard and vendor control requests.
+#include <algorithm>
+#include <cstring>
+
+#include "virtual/Camera.h"
+
+namespace kovsim {
+
+using usbstack::Status;
+
+namespace {
+
+enum VendorRequest : uint8_t {
+    RAM = 160,
+    CLOCK_24 = 163,
+    CLOCK_48 = 164,
+    WRITE_REG16 = 166,
+    READ_REG16 = 167,
+    START_USB = 169,  // with data: the EEPROM loader's
+    STOP_USB = 170,
+    BITS_8 = 171,
+    BITS_16 = 172,
+    VERSION = 173,
+    STOP_CLOCK = 174,
+    START_CLOCK = 175,
+    GUIDE_ON = 176,
+    GUIDE_OFF = 177,
+    COOLER_DA = 178,
+    DIGITAL_TEMP = 179,
+    HOST_IS_USB3 = 180,
+    TRANSFER_COUNT = 181,
+    WRITE_REG8 = 182,
+    READ_REG8 = 183,
+    I2C_WRITE = 186,
+    I2C_READ = 187,
+    READ_FPGA = 188,
+    WRITE_FPGA = 189,
+    GPIF_32DQ = 190,
+    FLASH_WRITE = 194,
+    FLASH_READ = 195,
+    FLASH_ERASE = 196,
+    THERMISTOR = 199,
+};
+
+constexpr double POLL_US = 1000;               // the firmware asks the flash before it answers
+constexpr uint32_t FPGA_REGISTER = 0x10000;    // in the argument of FailRegister
+
+}  // namespace
+
+Status Camera::Control(uint64_t uPlug, uint8_t bRequestType, uint8_t bRequest, uint16_t wValue, uint16_t wIndex,
+                       uint8_t* pData, uint16_t wLength, uint32_t dwTimeoutMs, uint32_t* pdwMoved)
+{
+    if (pdwMoved) *pdwMoved = 0;
+    const Setup s{ (bRequestType & 0x80) != 0, bRequest, wValue, wIndex, wLength };
+    const bool vendor = (bRequestType & 0x60) == 0x40;
+    std::vector<uint8_t> data;
+    if (!s.bIn && wLength) data.assign(pData, pData + wLength);
+    bool ok;
+    double delay;
+    {
+        Lock lock(m_Mutex);
+        if (!m_bPresent || uPlug != m_uPlug) return Status::Gone;
+        m_dReplyUs = 0;
+        if (vendor) {
+            uint32_t ms = 0;
+            if (TakeFault(FaultKind::SlowControl, nullptr, &ms)) m_dReplyUs = ms * 1000.0;
+            ok = !TakeFault(FaultKind::FailControl, [&](uint32_t a) { return a == 0 || a == bRequest; }) &&
+                 Vendor(s, data);
+            if (!ok && s.bIn) data.clear();
+            if (s.bIn && data.size() > wLength) data.resize(wLength);
+            Log(s, data);
+        } else {
+            ok = Standard(bRequestType, s, data);
+        }
+        delay = m_dReplyUs;
+    }
+    const double limit = dwTimeoutMs * 1000.0;
+    if (delay > 0)
+        std::this_thread::sleep_until(m_Clock.RealTime(m_Clock.Now() + (limit > 0 ? std::min(delay, limit) : delay)));
+    if (limit > 0 && delay > limit) return Status::TimedOut;
+    if (!ok) return Status::Stall;
+    const uint32_t moved = s.bIn ? uint32_t(std::min<size_t>(data.size(), wLength)) : wLength;
+    if (s.bIn && moved) std::memcpy(pData, data.data(), moved);
+    if (pdwMoved) *pdwMoved = moved;
+    return Status::Ok;
+}
+
+bool Camera::Standard(uint8_t bRequestType, const Setup& s, std::vector<uint8_t>& data)
+{
+    enum { GET_STATUS = 0, CLEAR_FEATURE = 1, SET_FEATURE = 3, GET_DESCRIPTOR = 6, GET_CONFIGURATION = 8,
+           SET_CONFIGURATION = 9, GET_INTERFACE = 10, SET_INTERFACE = 11 };
+    const int recipient = bRequestType & 0x1F;  // 0 device, 1 interface, 2 endpoint
+    switch (s.bRequest) {
+    case GET_STATUS:
+        data = { uint8_t(recipient == 2 && uint8_t(s.wIndex) == BULK_IN && m_bHalted), 0 };
+        return s.bIn;
+    case CLEAR_FEATURE:
+    case SET_FEATURE:
+        if (s.bIn || recipient != 2 || s.wIndex != BULK_IN || s.wValue != 0) return false;
+        m_bHalted = s.bRequest == SET_FEATURE;
+        Flush();
+        if (m_bHalted) m_Bus.Pump();
+        return true;
+    case GET_DESCRIPTOR:
+        data = Descriptor(Descriptors(), uint8_t(s.wValue >> 8), uint8_t(s.wValue));
+        return s.bIn && !data.empty();
+    case GET_CONFIGURATION:
+        data = { m_bConfiguration };
+        return s.bIn;
+    case SET_CONFIGURATION:
+        if (s.bIn || s.wValue > 1) return false;
+        m_bConfiguration = uint8_t(s.wValue);
+        return true;
+    case GET_INTERFACE:
+        data = { 0 };
+        return s.bIn && s.wIndex == 0;
+    case SET_INTERFACE: return !s.bIn && s.wIndex == 0 && s.wValue == 0;
+    default: return false;
+    }
+}
+
+bool Camera::Vendor(const Setup& s, std::vector<uint8_t>& data)
+{
+    if (s.bRequest == RAM) return VendorLoad(s, data);
+    if (m_Memory.State() == Cpu::Loader && s.bRequest == START_USB) {
+        if (uint32_t(s.wValue) + s.wLength > m_Eeprom.size() || s.wLength > 4096) return false;
+        if (s.bIn) {
+            data.assign(m_Eeprom.begin() + s.wValue, m_Eeprom.begin() + s.wValue + s.wLength);
+        } else {
+            std::copy(data.begin(), data.end(), m_Eeprom.begin() + s.wValue);
+            m_bEepromWritten = true;
+        }
+        return true;
+    }
+    if (m_Memory.State() != Cpu::Firmware) return false;
+
+    // Requests that answer something, and all others: none does both.
+    const bool asks = s.bRequest == READ_REG16 || s.bRequest == VERSION || s.bRequest == DIGITAL_TEMP ||
+                      s.bRequest == HOST_IS_USB3 || s.bRequest == READ_REG8 || s.bRequest == I2C_READ ||
+                      s.bRequest == READ_FPGA || s.bRequest == FLASH_READ || s.bRequest == THERMISTOR;
+    if (asks != s.bIn && s.bRequest != FLASH_ERASE) return false;
+    const auto broken = [&](uint32_t reg) {
+        return TakeFault(FaultKind::FailRegister, [reg](uint32_t a) { return a == reg; });
+    };
+
+    switch (s.bRequest) {
+    case START_USB:
+        if (s.wLength) return false;  // no loader runs
+        [[fallthrough]];
+    case CLOCK_24:
+    case CLOCK_48:
+    case BITS_8:
+    case BITS_16:
+    case STOP_CLOCK:
+    case START_CLOCK:
+        m_Profile->Command(s.bRequest);
+        Changed();
+        return true;
+    case STOP_USB:
+        m_Profile->Command(s.bRequest);
+        Flush();
+        Changed();
+        return true;
+    case WRITE_REG16:
+    case WRITE_REG8: {
+        if (broken(s.wValue)) return false;
+        const bool ok = s.bRequest == WRITE_REG16 ? m_Profile->WriteReg16(s.wValue, s.wIndex)
+                                                  : m_Profile->WriteReg8(s.wValue, uint8_t(s.wIndex));
+        Changed();
+        return ok;
+    }
+    case READ_REG16: {
+        m_Profile->SetTemperature(Celsius());
+        const uint16_t v = m_Profile->ReadReg16(s.wValue);
+        data = { uint8_t(v >> 8), uint8_t(v) };
+        return true;
+    }
+    case READ_REG8: data = { m_Profile->ReadReg8(s.wValue) }; return true;
+    case WRITE_FPGA:
+        if (broken(FPGA_REGISTER | s.wValue)) return false;
+        m_Profile->WriteFpga(s.wValue, s.wIndex);
+        Changed();
+        return true;
+    case READ_FPGA: data = { m_Profile->ReadFpga(s.wValue) }; return true;
+    case VERSION: data = { 'V', m_bFirmware }; return true;
+    case GUIDE_ON:
+    case GUIDE_OFF:
+        if (s.wValue > 3) return false;
+        MoveGuide();
+        m_Pins[s.wValue] = s.bRequest == GUIDE_ON;
+        return true;
+    case COOLER_DA: m_Thermal.SetDA(uint8_t(s.wValue), m_Clock.Now() / 1e6); return true;
+    case DIGITAL_TEMP: {
+        if (m_Facts.temp != ModelFacts::Temp::Digital) return false;
+        const uint16_t raw = DigitalReading(Celsius());
+        data = { uint8_t((raw & 0xF) << 4), uint8_t(raw >> 4) };
+        return true;
+    }
+    case THERMISTOR: {
+        if (m_Facts.temp != ModelFacts::Temp::Thermistor) return false;
+        const uint8_t ad = ThermistorReading(Celsius());
+        data = { uint8_t((ad & 0xF) << 4), uint8_t(ad >> 4) };
+        return true;
+    }
+    case HOST_IS_USB3: data = { uint8_t(m_Facts.bUSB3 && m_Settings.bUSB3Host) }; return true;
+    case TRANSFER_COUNT:
+        m_uTransferCount = uint32_t(s.wValue) << 16 | s.wIndex;
+        m_Profile->SetTransferCount(m_uTransferCount);
+        Changed();
+        return true;
+    case I2C_WRITE:
+    case I2C_READ: {
+        const uint32_t base = uint32_t(s.wValue) << 16 | s.wIndex;
+        if (!m_Facts.bUSB3 || s.wValue > 7 || uint32_t(s.wIndex) + s.wLength > 0x10000) return false;
+        if (!s.bIn) {
+            for (size_t i = 0; i < data.size(); ++i) m_I2c[base + uint32_t(i)] = data[i];
+            return true;
+        }
+        data.assign(s.wLength, 0xFF);
+        for (auto it = m_I2c.lower_bound(base); it != m_I2c.end() && it->first - base < s.wLength; ++it)
+            data[it->first - base] = it->second;
+        return true;
+    }
+    case GPIF_32DQ: return s.wValue <= 1;
+    case FLASH_WRITE:
+    case FLASH_READ:
+    case FLASH_ERASE: return VendorFlash(s, data);
+    default: return false;
+    }
+}
+
+// Request 160, memory of the bridge's processor. USB 2 bridges serve it in hardware, whatever their processor does;
+// USB 3 bridges only while their boot loader runs.
+bool Camera::VendorLoad(const Setup& s, std::vector<uint8_t>& data)
+{
+    if (!m_Facts.bUSB3) {
+        if (s.bIn) {
+            data = m_Memory.Read(s.wValue, s.wLength);
+            return true;
+        }
+        std::optional<uint8_t> version;
+        if (m_Memory.LoadFx2(s.wValue, data, &version)) m_bFirmware = version.value_or(m_Facts.bFirmware);
+        Changed();
+        return true;
+    }
+    if (m_Memory.State() != Cpu::BootLoader) return false;
+    const uint32_t address = uint32_t(s.wIndex) << 16 | s.wValue;
+    if (s.bIn) {
+        data = m_Memory.Read(address, s.wLength);
+        return true;
+    }
+    if (s.wLength) {
+        m_Memory.LoadFx3(address, data);
+        return true;
+    }
+    // Without data: the program's entry. The new firmware enumerates anew.
+    m_bLoaded = true;
+    Drop(m_Clock.Now() + 300000);
+    return true;
+}
+
+bool Camera::VendorFlash(const Setup& s, std::vector<uint8_t>& data)
+{
+    const double now = m_Clock.Now();
+    const uint32_t address = uint32_t(s.wIndex) << 8;
+    if (s.bRequest == FLASH_READ) return m_Flash.Read(address, s.wLength, now, &data);
+    if (s.bRequest == FLASH_WRITE)
+        return TakeFault(FaultKind::FlashWriteFails, nullptr) || m_Flash.Write(address, data, now);
+    if (s.bIn) {
+        const bool busy = m_Flash.Busy(now);
+        if (busy) m_dReplyUs += POLL_US;
+        data = { uint8_t(busy) };
+        return s.wValue == 0;
+    }
+    if (s.wValue != 1 || TakeFault(FaultKind::FlashEraseFails, nullptr)) return false;
+    return m_Flash.Erase(s.wIndex, now);
+}
+
+}  // namespace kovsim

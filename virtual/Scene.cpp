@@ -1,0 +1,127 @@
+// The simple scenes and the text form of all.
+#include "virtual/Scene.h"
+
+#include <png.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <vector>
+
+namespace kovsim {
+namespace {
+
+class EvenScene final : public Scene {
+public:
+    explicit EvenScene(Light light) : m_Light(light) {}
+    void Render(const ScreenGeometry& g, int, int rows, Light* out) const override
+    {
+        std::fill_n(out, size_t(rows) * size_t(g.iWidth), m_Light);
+    }
+
+private:
+    Light m_Light;
+};
+
+class PatternScene final : public Scene {
+public:
+    bool InFullWells() const override { return true; }
+    void Render(const ScreenGeometry& g, int firstRow, int rows, Light* out) const override
+    {
+        for (int y = firstRow; y < firstRow + rows; ++y)
+            for (int x = 0; x < g.iWidth; ++x) {
+                // Half a step up, so that rounding of the product falls on neither side.
+                const float f = (float((x * 7 + y * 13) % 251) + 0.5f) / 256.0f / 0.01f;
+                *out++ = { f, f, f };
+            }
+    }
+};
+
+class PictureScene final : public Scene {
+public:
+    PictureScene(int w, int h, std::vector<Light> pixels) : m_iW(w), m_iH(h), m_Pixels(std::move(pixels)) {}
+    void Render(const ScreenGeometry& g, int firstRow, int rows, Light* out) const override
+    {
+        for (int y = firstRow; y < firstRow + rows; ++y) {
+            const Light* row = &m_Pixels[size_t(int64_t(y) * m_iH / g.iHeight) * size_t(m_iW)];
+            for (int x = 0; x < g.iWidth; ++x) *out++ = row[int64_t(x) * m_iW / g.iWidth];
+        }
+    }
+
+private:
+    int m_iW, m_iH;
+    std::vector<Light> m_Pixels;
+};
+
+}  // namespace
+
+std::shared_ptr<const Scene> Scene::Colour(float r, float g, float b)
+{
+    return std::make_shared<EvenScene>(Light{ r, g, b });
+}
+std::shared_ptr<const Scene> Scene::Flat(float e) { return Colour(e, e, e); }
+std::shared_ptr<const Scene> Scene::Dark() { return Flat(0); }
+std::shared_ptr<const Scene> Scene::Pattern() { return std::make_shared<PatternScene>(); }
+
+std::shared_ptr<const Scene> Scene::Picture(const std::string& path, float white, std::string* error)
+{
+    png_image image{};
+    image.version = PNG_IMAGE_VERSION;
+    if (!png_image_begin_read_from_file(&image, path.c_str())) {
+        if (error) *error = path + ": " + image.message;
+        return nullptr;
+    }
+    // The linear 16-bit form: a picture's gamma is undone, so that its numbers are light.
+    image.format = PNG_FORMAT_LINEAR_RGB;
+    std::vector<uint16_t> samples(PNG_IMAGE_SIZE(image) / 2);
+    if (!png_image_finish_read(&image, nullptr, samples.data(), 0, nullptr)) {
+        if (error) *error = path + ": " + image.message;
+        png_image_free(&image);
+        return nullptr;
+    }
+    std::vector<Light> pixels(size_t(image.width) * image.height);
+    for (size_t i = 0; i < pixels.size(); ++i)
+        pixels[i] = { white * float(samples[3 * i]) / 65535, white * float(samples[3 * i + 1]) / 65535,
+                      white * float(samples[3 * i + 2]) / 65535 };
+    return std::make_shared<PictureScene>(int(image.width), int(image.height), std::move(pixels));
+}
+
+std::shared_ptr<const Scene> Scene::Parse(const std::string& text, std::string* error)
+{
+    const size_t colon = text.find(':');
+    const std::string kind = text.substr(0, colon);
+    const std::string args = colon == std::string::npos ? "" : text.substr(colon + 1);
+    char tail;
+    const auto fail = [&](const char* form) {
+        if (error) *error = "scene \"" + text + "\": expected " + form;
+        return nullptr;
+    };
+    if (kind == "dark") return args.empty() ? Dark() : fail("dark");
+    if (kind == "pattern") return args.empty() ? Pattern() : fail("pattern");
+    if (kind == "flat") {
+        float e;
+        if (std::sscanf(args.c_str(), "%f%c", &e, &tail) != 1 || !(e >= 0))
+            return fail("flat:N, N electrons a second on each pixel");
+        return Flat(e);
+    }
+    if (kind == "colour" || kind == "color") {
+        float r, g, b;
+        if (std::sscanf(args.c_str(), "%f,%f,%f%c", &r, &g, &b, &tail) != 3 || !(r >= 0 && g >= 0 && b >= 0))
+            return fail("colour:R,G,B, electrons a second");
+        return Colour(r, g, b);
+    }
+    if (kind == "sky") {
+        SkyView v;
+        if (!args.empty()) {
+            const int n = std::sscanf(args.c_str(), "%lf,%lf,%lf%c", &v.dRa, &v.dDec, &v.dFocalMm, &tail);
+            if ((n != 2 && n != 3) || !(v.dDec >= -90 && v.dDec <= 90) || !(v.dFocalMm > 0))
+                return fail("sky or sky:RA,DEC or sky:RA,DEC,FOCAL in degrees and millimetres");
+        }
+        return Sky(v);
+    }
+    // A flux that fills most sensors' wells in about 50 ms.
+    if (text.size() > 4 && text.compare(text.size() - 4, 4, ".png") == 0) return Picture(text, 200000, error);
+    return fail("sky[:RA,DEC[,FOCAL]], flat:N, colour:R,G,B, dark, pattern or the path of a .png file");
+}
+
+}  // namespace kovsim

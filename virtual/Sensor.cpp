@@ -1,0 +1,222 @@
+// The sensor's side of a virtual camera: when frames are exposed and read out, and how they enter the bridge's FIFO.
+#include <algorithm>
+#include <cstring>
+
+#include "virtual/Camera.h"
+
+namespace kovsim {
+namespace {
+
+constexpr double MIN_PERIOD_US = 200;      // registers that ask for less contradict themselves
+constexpr uint32_t TRANSFER_UNIT = 49152;  // of request 181
+
+void Put16(uint8_t* p, unsigned v)
+{
+    p[0] = uint8_t(v);
+    p[1] = uint8_t(v >> 8);
+}
+
+void Put32(uint8_t* p, uint32_t v)
+{
+    Put16(p, v & 0xFFFF);
+    Put16(p + 2, v >> 16);
+}
+
+}  // namespace
+
+double Camera::PeriodUs(const Readout& r) const
+{
+    double us = std::max({ r.dFrameUs, r.dExposureUs, MIN_PERIOD_US });
+    if (m_Settings.dLinkMBs > 0) us = std::max(us, FrameBytes(r) / m_Settings.dLinkMBs);
+    return us;
+}
+
+// The thread of the sensor. A frame takes its registers when its exposure begins (a held one when it is released), is
+// computed while it is being exposed, and enters the FIFO when its read-out is over. A machine that computes too slowly
+// makes the camera slower; it loses no frame for that.
+void Camera::SensorThread()
+{
+    enum class Phase { Idle, Expose, Held, ReadOut } phase = Phase::Idle;
+    Lock lock(m_Mutex);
+    Readout r;
+    std::shared_ptr<const std::vector<uint8_t>> pixels;
+    double start = 0, end = 0;    // of the exposure in work
+    double counted = 0;           // of it before the clock stopped
+    uint64_t plug = 0, stops = 0;
+
+    const auto sleepUntil = [&](double us) { m_Wake.wait_until(lock, m_Clock.RealTime(us)); };
+    const auto begin = [&](double at) {
+        phase = Phase::Expose;
+        r = m_Now;
+        plug = m_uPlug;
+        stops = m_uStops;
+        start = at;
+        end = start + PeriodUs(r);
+        pixels = Develop(lock, r, r.dExposureUs);
+    };
+
+    while (!m_bQuit) {
+        if (!m_bPresent) {
+            phase = Phase::Idle;
+            if (m_dReturnAt < 0) {
+                m_Wake.wait(lock);
+            } else if (m_Clock.Now() < m_dReturnAt) {
+                sleepUntil(m_dReturnAt);
+            } else {
+                Boot();
+                PlugIn();
+            }
+            continue;
+        }
+        const bool on = m_Now.bStreaming, held = m_Now.bHeld;
+        // Streaming ended, if only for a moment: the exposure in work is lost. A hold survives it, since some
+        // cameras put the sensor's output to sleep meanwhile.
+        if (plug != m_uPlug || (phase != Phase::Held && stops != m_uStops)) phase = Phase::Idle;
+        switch (phase) {
+        case Phase::Idle:
+            plug = m_uPlug;
+            stops = m_uStops;
+            counted = 0;
+            if (held)
+                phase = Phase::Held;
+            else if (on)
+                begin(m_Clock.Now());
+            else
+                m_Wake.wait(lock);
+            break;
+        case Phase::Expose:
+            if (held) {
+                counted = std::max(0.0, m_dHeldAt - start);
+                phase = Phase::Held;
+            } else if (m_Clock.Now() < end) {
+                sleepUntil(end);
+            } else {
+                Emit(std::move(pixels));
+                // What came late is made up for, as long as it is less than a frame.
+                const double now = m_Clock.Now();
+                begin(now - end < PeriodUs(r) ? end : now);
+            }
+            break;
+        case Phase::Held:
+            if (held) {
+                m_Wake.wait(lock);
+            } else if (!on) {
+                phase = Phase::Idle;
+            } else {
+                r = m_Now;
+                stops = m_uStops;
+                const double whole = std::max(0.0, m_dReleasedAt - m_dHeldAt) + r.dAfterHoldUs;
+                // Where the release ends the exposure a whole frame is read out; where a clock was stopped the rest of
+                // the frame follows.
+                end = m_dReleasedAt + (r.dAfterHoldUs > 0 ? std::max(0.0, r.dAfterHoldUs - counted) +
+                                                                std::max(0.0, r.dFrameUs - r.dExposureUs)
+                                                          : r.dFrameUs);
+                phase = Phase::ReadOut;
+                pixels = Develop(lock, r, whole);
+            }
+            break;
+        case Phase::ReadOut:
+            if (m_Clock.Now() < end) {
+                sleepUntil(end);
+            } else {
+                Emit(std::move(pixels));
+                phase = Phase::Idle;
+            }
+            break;
+        }
+    }
+}
+
+std::shared_ptr<const std::vector<uint8_t>> Camera::Develop(Lock& lock, const Readout& r, double exposureUs)
+{
+    MoveGuide();
+    const Imager::Shot shot{ exposureUs, Celsius(), m_dGuideX, m_dGuideY, m_uFrame++ };
+    const auto scene = m_Scene;
+    lock.unlock();
+    auto pixels = m_Pool->Take();
+    m_Imager.Expose(r, shot, scene, *pixels);
+    lock.lock();
+    return pixels;
+}
+
+void Camera::Emit(std::shared_ptr<const std::vector<uint8_t>> pixels)
+{
+    // What the host has not fetched of the older frames by now must fit into the FIFO; what does not is gone, newest first.
+    uint64_t waiting = 0;
+    for (const FrameInFlight& f : m_Frames) waiting += f.uSize - f.uSent;
+    while (waiting > FIFO_BYTES && !m_Frames.empty()) {
+        FrameInFlight& f = m_Frames.back();
+        const uint32_t cut = uint32_t(std::min<uint64_t>(waiting - FIFO_BYTES, f.uSize - f.uSent));
+        f.uSize -= cut;
+        waiting -= cut;
+        if (f.bGood) ++m_Counters.uSpoiled;
+        f.bGood = false;
+        if (f.uSize == f.uSent) m_Frames.pop_back();
+    }
+
+    FrameInFlight f;
+    f.uFull = f.uSize = uint32_t(pixels->size());
+    f.pixels = std::move(pixels);
+    if (f.uFull < 16) return;  // nothing that the marks would fit on
+    ++m_Counters.uStarted;
+
+    // Frame faults first: their count runs by frames.
+    const auto fault = [this](FaultKind kind, uint32_t* puArg = nullptr) { return TakeFault(kind, nullptr, puArg); };
+    if (fault(FaultKind::StallBulk)) {
+        FrameInFlight stall;
+        stall.bStall = true;
+        m_Frames.push_back(stall);
+        ++m_Counters.uSpoiled;
+        m_Bus.Pump();
+        return;
+    }
+    bool send = true;
+    uint32_t missing = 0;
+    if (fault(FaultKind::NoFrame)) send = false;
+    if (fault(FaultKind::ShortFrame, &missing)) {
+        f.uSize -= std::min(missing, f.uSize);
+        f.bGood = false;
+    }
+    const bool badHead = fault(FaultKind::BadHead), badTail = fault(FaultKind::BadTail), badTag = fault(FaultKind::BadTag);
+    f.bGood = f.bGood && !badHead && !badTail && !badTag;
+
+    const uint16_t tag = ++m_wTag;
+    switch (m_Facts.marks) {
+    case Marks::A:
+        Put16(f.head, badHead ? 0x7E5A : 0x5A7E);
+        Put16(f.head + 2, tag);
+        Put16(f.tail, badTag ? tag ^ 0x5555u : tag);
+        Put16(f.tail + 2, badTail ? 0xF03C : 0x3CF0);
+        f.uHead = f.uTail = 4;
+        break;
+    case Marks::BTail:
+        Put32(f.tail, badTail ? 0xBB00AA11 : 0x11AA00BB);
+        f.uTail = 4;
+        [[fallthrough]];
+    case Marks::B:
+        Put32(f.head, badHead ? 0x11AA00BB : 0xBB00AA11);
+        f.uHead = 4;
+        break;
+    }
+
+    // These bridges end a frame after the count of units that the host has told; a wrong count cuts it at a unit.
+    const uint32_t units = (f.uFull + TRANSFER_UNIT - 1) / TRANSFER_UNIT;
+    if (m_Facts.marks == Marks::BTail && m_uTransferCount != units) {
+        f.uSize = std::min(f.uSize, std::min(m_uTransferCount, f.uFull / TRANSFER_UNIT) * TRANSFER_UNIT);
+        f.bGood = false;
+    }
+    if (!send || f.uSize == 0) {
+        ++m_Counters.uSpoiled;
+        return;
+    }
+    if (f.bGood) {
+        for (Fault& x : m_Faults)
+            if (x.kind < FaultKind::SlowControl && x.uAfterFrames) --x.uAfterFrames;
+    } else {
+        ++m_Counters.uSpoiled;
+    }
+    m_Frames.push_back(std::move(f));
+    m_Bus.Pump();
+}
+
+}  // namespace kovsim

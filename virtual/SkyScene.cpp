@@ -1,0 +1,154 @@
+// The sky: real stars through a lens of given focal length, on a background of even brightness.
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <numbers>
+#include <set>
+
+#include "virtual/Scene.h"
+#include "virtual/Stars.h"
+
+namespace kovsim {
+
+std::vector<Star> ParseStars(const char* pText)
+{
+    std::vector<Star> stars;
+    while (*pText) {
+        const char* pEnd = pText;
+        while (*pEnd && *pEnd != '\n') ++pEnd;
+        const std::string sLine(pText, pEnd);
+        Star s{ 0, 0, 0, 0, 0.6 };  // an unknown colour is taken as the sun's
+        if (std::sscanf(sLine.c_str(), "%d,%lf,%lf,%lf,%lf", &s.iHip, &s.dRa, &s.dDec, &s.dMag, &s.dBV) >= 4)
+            stars.push_back(s);
+        pText = *pEnd ? pEnd + 1 : pEnd;
+    }
+    return stars;
+}
+
+const std::vector<Star>& Stars()
+{
+    static const std::vector<Star> s_Stars = [] {
+        std::vector<Star> all;
+        std::set<int> seen;
+        for (const char* const* pp = g_StarFiles; *pp; ++pp)
+            for (const Star& s : ParseStars(*pp))
+                if (seen.insert(s.iHip).second) all.push_back(s);
+        return all;
+    }();
+    return s_Stars;
+}
+
+namespace {
+
+constexpr double RAD = std::numbers::pi / 180;
+constexpr double ARCSEC = RAD / 3600;
+constexpr double SIGMA_OF_FWHM = 0.42466;        // 1 / (2 sqrt(2 ln 2))
+constexpr double ELECTRONS_OF_MAG0 = 5e9;        // a second and square metre, in green light
+constexpr double R_NM = 620, G_NM = 530, B_NM = 460;
+
+// Photons of a black body, any scale.
+double Planck(double nm, double kelvin)
+{
+    return 1 / (std::pow(nm, 4) * std::expm1(1.43878e7 / (nm * kelvin)));
+}
+
+// Red and blue over green for a colour index; a star of 6000 K is white.
+void ColourOf(double bv, double* pRed, double* pBlue)
+{
+    const double b = std::clamp(bv, -0.4, 2.5);
+    const double t = 4600 * (1 / (0.92 * b + 1.7) + 1 / (0.92 * b + 0.62));  // Ballesteros 2012
+    const double white = 6000;
+    *pRed = Planck(R_NM, t) / Planck(G_NM, t) / (Planck(R_NM, white) / Planck(G_NM, white));
+    *pBlue = Planck(B_NM, t) / Planck(G_NM, t) / (Planck(B_NM, white) / Planck(G_NM, white));
+}
+
+class SkyScene final : public Scene {
+public:
+    explicit SkyScene(const SkyView& v) : m_View(v)
+    {
+        const double ra0 = v.dRa * RAD, dec0 = v.dDec * RAD;
+        const double area = std::numbers::pi / 4 * v.dApertureMm * v.dApertureMm * 1e-6;
+        m_dZero = ELECTRONS_OF_MAG0 * area;
+        const double sinRot = std::sin(v.dRotation * RAD), cosRot = std::cos(v.dRotation * RAD);
+        for (const Star& s : Stars()) {
+            const double ra = s.dRa * RAD, dec = s.dDec * RAD;
+            const double cosC = std::sin(dec0) * std::sin(dec) + std::cos(dec0) * std::cos(dec) * std::cos(ra - ra0);
+            if (cosC < 0.2) continue;  // nothing images 78 degrees off its axis
+            const double xi = std::cos(dec) * std::sin(ra - ra0) / cosC;
+            const double eta =
+                (std::cos(dec0) * std::sin(dec) - std::sin(dec0) * std::cos(dec) * std::cos(ra - ra0)) / cosC;
+            Spot p;
+            p.dRight = -(xi * cosRot - eta * sinRot);
+            p.dDown = -(xi * sinRot + eta * cosRot);
+            double red, blue;
+            ColourOf(s.dBV, &red, &blue);
+            const double flux = m_dZero * std::pow(10, -0.4 * s.dMag);
+            p.light = { float(flux * red), float(flux), float(flux * blue) };
+            m_Spots.push_back(p);
+        }
+    }
+
+    bool Moves() const override { return true; }
+    double PixelScale(double pixelUm) const override { return pixelUm / 1000 / m_View.dFocalMm / ARCSEC; }
+
+    void Render(const ScreenGeometry& g, int firstRow, int rows, Light* out) const override
+    {
+        const double scale = PixelScale(g.dPixelUm);                       // arc seconds a pixel
+        const double pxPerRad = m_View.dFocalMm * 1000 / g.dPixelUm;
+        const float sky = float(m_dZero * std::pow(10, -0.4 * m_View.dSkyMag) * scale * scale);
+        std::fill_n(out, size_t(rows) * size_t(g.iWidth), Light{ sky, sky, sky * 1.1f });  // a moonless sky is bluish
+
+        const double fwhm = std::hypot(m_View.dSeeing / scale, m_View.dBlurUm / g.dPixelUm);
+        const double sigma = std::max(fwhm * SIGMA_OF_FWHM, 0.05);
+        const int reach = int(std::ceil(6 * sigma)) + 1;
+        std::vector<float> wx(size_t(2 * reach + 1)), wy(wx.size());
+        for (const Spot& s : m_Spots) {
+            const double x = (g.iWidth - 1) / 2.0 + s.dRight * pxPerRad + g.dShiftX / scale;
+            const double y = (g.iHeight - 1) / 2.0 + s.dDown * pxPerRad + g.dShiftY / scale;
+            if (x < -reach || x > g.iWidth + reach || y < firstRow - reach || y > firstRow + rows + reach) continue;
+            const int cx = int(std::lround(x)), cy = int(std::lround(y));
+            Weights(x, cx, sigma, reach, wx);
+            Weights(y, cy, sigma, reach, wy);
+            const int x0 = std::max(0, cx - reach), x1 = std::min(g.iWidth - 1, cx + reach);
+            const int y0 = std::max(firstRow, cy - reach), y1 = std::min(firstRow + rows - 1, cy + reach);
+            for (int py = y0; py <= y1; ++py) {
+                Light* row = out + size_t(py - firstRow) * size_t(g.iWidth);
+                for (int px = x0; px <= x1; ++px) {
+                    const float w = wx[size_t(px - cx + reach)] * wy[size_t(py - cy + reach)];
+                    row[px].r += s.light.r * w;
+                    row[px].g += s.light.g * w;
+                    row[px].b += s.light.b * w;
+                }
+            }
+        }
+    }
+
+private:
+    struct Spot {
+        double dRight, dDown;  // tangents from the centre
+        Light light;           // of the whole star
+    };
+
+    // Share of a Gaussian around pos that falls on each of the pixels centre - reach to centre + reach.
+    static void Weights(double pos, int centre, double sigma, int reach, std::vector<float>& w)
+    {
+        const double k = 1 / (sigma * std::numbers::sqrt2);
+        double before = std::erf((centre - reach - 0.5 - pos) * k);
+        for (int i = -reach; i <= reach; ++i) {
+            const double after = std::erf((centre + i + 0.5 - pos) * k);
+            w[size_t(i + reach)] = float((after - before) / 2);
+            before = after;
+        }
+    }
+
+    SkyView m_View;
+    double m_dZero;  // electrons a second of magnitude 0
+    std::vector<Spot> m_Spots;
+};
+
+}  // namespace
+
+std::shared_ptr<const Scene> Scene::Sky(const SkyView& view) { return std::make_shared<SkyScene>(view); }
+
+}  // namespace kovsim
