@@ -41,7 +41,9 @@ public:
     // Starts the thread; an earlier one that is still in its end sequence is waited for by the new thread, not by the
     // caller. False when the system has no thread.
     bool Start();
-    uint32_t Wait(uint32_t dwMs);         // platform::WAIT_SIGNALLED once the thread has ended
+    // platform::WAIT_SIGNALLED once the thread has ended. WAIT_FOREVER ends it: sleeps and waits are cut short, and the
+    // automation thread is waited for too; for closing the camera.
+    uint32_t Wait(uint32_t dwMs);
 
 private:
     struct Impl;

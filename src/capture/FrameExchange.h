@@ -10,18 +10,34 @@
 class KOV_CLASS FrameExchange {
 public:
     explicit FrameExchange(uint32_t dwSlotBytes);
-    ~FrameExchange();
+    ~FrameExchange();  // frees a consumer that still waits, and waits until it has left
     FrameExchange(const FrameExchange&) = delete;
     FrameExchange& operator=(const FrameExchange&) = delete;
 
-    void Reset();  // empties the ring; a signal that stands in the semaphore stays
-    // Producer. False when pData is null or the ring is full: the newest frame is what is lost.
+    void Reset();  // producer; empties the ring; a signal that stands in the semaphore stays
+    // Producer. False when pData is null or the ring is full: the newest frame is what is lost. What exceeds a slot is
+    // left out.
     bool Insert(const uint8_t* pData, int32_t iSize);
-    // Consumer. Waits at most twice dwTimeoutMs.
+    // Consumer. Waits at most twice dwTimeoutMs. What exceeds a slot is left untouched in pDest.
     bool Read(uint8_t* pDest, int32_t iSize, uint32_t dwTimeoutMs);
     // Consumer. Whether the first word of the oldest frame is `expected`; the frame stays.
     bool PeekHead(uint32_t dwExpected, uint32_t dwTimeoutMs);
     int32_t Count() const;
+
+    // Consumer's turn: whoever reads and then works on the camera's buffers holds it meanwhile, one thread at a time.
+    // False when another thread kept it for dwTimeoutMs.
+    class Turn {
+    public:
+        Turn(FrameExchange& fx, uint32_t dwTimeoutMs);
+        ~Turn();
+        Turn(const Turn&) = delete;
+        Turn& operator=(const Turn&) = delete;
+        explicit operator bool() const { return m_bHeld; }
+
+    private:
+        FrameExchange& m_fx;
+        bool m_bHeld;
+    };
 
 private:
     struct Impl;

@@ -1,6 +1,7 @@
 // One row a model: everything in which the constructors of the model classes differ.
 #pragma once
 #include <cstdint>
+#include <initializer_list>
 
 #include "KOVCamera2.h"
 

@@ -1,0 +1,68 @@
+#include "capture/Capture.h"
+
+#include <mutex>
+
+#include "capture/CaptureLoop.h"
+
+namespace {
+
+struct Session {
+    CaptureRun run;
+    std::shared_ptr<Session> pOlder;  // still ending
+    Session(CCameraBase& cam, IModel& model, bool snap, bool capturing) : run(cam, model, snap, capturing) {}
+};
+
+void WorkingThread(void* p)
+{
+    Session& s = *static_cast<Session*>(p);
+    // Two threads on one endpoint would take each other's chunks. A predecessor that is in its end sequence goes first.
+    if (s.pOlder) {
+        s.pOlder->run.main.Wait(platform::WAIT_FOREVER);
+        s.pOlder->run.aux.Wait(platform::WAIT_FOREVER);
+        s.pOlder.reset();
+    }
+    MakeCaptureLoop(s.run)->Run();
+}
+
+}  // namespace
+
+struct CaptureSession::Impl {
+    CCameraBase& cam;
+    IModel& model;
+    std::mutex m;
+    std::shared_ptr<Session> pNow;
+};
+
+CaptureSession::CaptureSession(CCameraBase& cam, IModel& model) : m_p(new Impl{ cam, model, {}, {} }) {}
+
+CaptureSession::~CaptureSession() { Wait(platform::WAIT_FOREVER); }
+
+bool CaptureSession::Start()
+{
+    const std::lock_guard l(m_p->m);
+    auto pNew = std::make_shared<Session>(m_p->cam, m_p->model, m_p->cam.m_bSnapMode, m_p->cam.m_bCapturing);
+    pNew->pOlder = m_p->pNow;
+    // m_bCapturing is set again: only this tells the older thread that its time is over.
+    if (m_p->pNow)
+        m_p->pNow->run.control.Abandon();
+    if (!pNew->run.main.Start(&WorkingThread, pNew.get()))
+        return false;
+    m_p->pNow = std::move(pNew);
+    return true;
+}
+
+uint32_t CaptureSession::Wait(uint32_t dwMs)
+{
+    std::shared_ptr<Session> pNow;
+    {
+        const std::lock_guard l(m_p->m);
+        pNow = m_p->pNow;
+    }
+    if (!pNow)
+        return platform::WAIT_SIGNALLED;
+    if (dwMs != platform::WAIT_FOREVER)
+        return pNow->run.main.Wait(dwMs);
+    pNow->run.control.Abandon();
+    pNow->run.main.Wait(platform::WAIT_FOREVER);
+    return pNow->run.aux.Wait(platform::WAIT_FOREVER);
+}

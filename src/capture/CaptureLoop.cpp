@@ -1,0 +1,539 @@
+#include "capture/CaptureLoop.h"
+
+#include <cstring>
+#include <map>
+#include <mutex>
+#include <string>
+
+namespace {
+
+constexpr uint16_t HEAD_A = 0x5A7E, TAIL_A = 0x3CF0;
+constexpr uint32_t HEAD_B = 0xBB00AA11, TAIL_B = 0x11AA00BB;
+constexpr uint8_t IMAGE_ENDPOINT = 0x82;
+constexpr uint16_t GARNET_LINE_LENGTH = 0x300C, IOLITE_MODE = 30, DUNITE_RESTART = 12;
+
+template <class T>
+T Get(const uint8_t* p, int64_t at)
+{
+    T v;
+    std::memcpy(&v, p + at, sizeof v);
+    return v;
+}
+
+// What outlives a capture: hosts meet it as one state for all cameras of a model class.
+struct ClassState {
+    std::atomic<bool> bLastAuto{ false };
+    std::atomic<uint32_t> nPasses{ 0 };  // Agate, Dunite: frames since the last automation step
+};
+
+ClassState& StateOf(const CCameraBase& cam, const ModelTraits& t)
+{
+    static std::mutex s_mutex;
+    static auto* const s_pStates = new std::map<std::string, ClassState>;  // threads may outlive static destruction
+    const std::lock_guard l(s_mutex);
+    const auto [it, bNew] = s_pStates->try_emplace(t.szClass);
+    if (bNew)
+        it->second.bLastAuto = cam.m_bAutoFPS.Get();
+    return it->second;
+}
+
+}  // namespace
+
+CaptureRun::CaptureRun(CCameraBase& c, IModel& m, bool snap, bool capturing)
+    : cam(c), model(m), form(FormOf(m.Traits().family)), bSnap(snap), bCapturing(capturing), control(c)
+{
+}
+
+int64_t FrameTime(const CCameraBase& cam, const CaptureForm& form)
+{
+    const int64_t h = int64_t{ cam.m_iHeight } * cam.m_iBin, w = int64_t{ cam.m_iWidth } * cam.m_iBin;
+    switch (form.family) {
+    case Family::Garnet:
+    case Family::GarnetS:
+    case Family::Cobalt:
+        return Per((h + 26) * cam.m_iHMAX - 358, cam.m_iCMOSClk);
+    case Family::Iolite:
+        return Per(h * (w + 244), cam.m_iCMOSClk);
+    case Family::Agate:
+        return Per(h * (w + std::max<int64_t>(660 - w, 94)), cam.m_iCMOSClk);
+    case Family::Dunite:
+        return Per(h * (w + std::max<int64_t>(660 - w, 61)), cam.m_iCMOSClk);
+    default:
+        return cam.m_iFrameTime;
+    }
+}
+
+int64_t ExposureLines(const CCameraBase& cam, Family family, int64_t lClock)
+{
+    const int64_t lExp = int64_t(cam.m_lExposure.Get()), w = int64_t{ cam.m_iWidth } * cam.m_iBin;
+    switch (family) {
+    case Family::Cobalt:
+        return std::max<int64_t>(Per(lClock * lExp - 29, cam.m_iHMAX), 1);
+    case Family::Iolite:
+        return std::max<int64_t>(Per(lClock * lExp + 180, w + 244), 1);
+    case Family::Agate:
+        return std::max<int64_t>(Per(lClock * lExp - 4, w + std::max<int64_t>(660 - w, 94)), 1);
+    case Family::Dunite:
+        return std::max<int64_t>(Per(lClock * lExp - 4, w + std::max<int64_t>(660 - w, 61)), 1);
+    default:
+        return Per(lExp * lClock - 26, cam.m_iHMAX);
+    }
+}
+
+// --- what both loops share ------------------------------------------------------------------------------------------
+
+CaptureLoop::CaptureLoop(CaptureRun& run)
+    : m_run(run), m_cam(run.cam), m_model(run.model), m_form(run.form), m_queue(run.cam, run.control),
+      m_dwAutoStart(platform::Ticks()), m_dwLastReduction(m_dwAutoStart),
+      m_bLastAuto(StateOf(run.cam, run.model.Traits()).bLastAuto)
+{
+}
+
+void CaptureLoop::Run()
+{
+    Start();
+    for (;;) {
+        if (m_run.bSnap && m_cam.m_lExposure * m_nBad > SNAP_LIMIT) {
+            OnSnapFailed();
+            if (!m_run.control.IsAbandoned()) {
+                m_cam.m_bCapturing = false;
+                m_cam.m_ExpStatus = EXP_FAILED;
+            }
+            break;
+        }
+        if (!m_run.control.IsRunning())
+            break;
+        BeginPass();
+        m_lFrameTime = FrameTime(m_cam, m_form);
+        m_bSwap = !m_bSwap;
+        m_result = m_cam.m_bLongExp ? LongFrame() : m_queue.ReadFrame(FrameWaits());
+        if (!m_cam.m_bAutoFPS)
+            m_bLastAuto = false;
+        const Verdict v = Check();
+        const Next next = v == Verdict::Good ? OnGood() : v == Verdict::Short ? OnShort() : OnBadMarks(v);
+        if (next == Next::Leave)
+            break;
+        if (next == Next::BadFrame)
+            OnBadFrame();
+    }
+    if (!m_bLost)
+        End();
+}
+
+void CaptureLoop::PrepareFrame()
+{
+    // Fixed for the whole capture; what the buffers hold is the full sensor with two bytes a pixel.
+    const int64_t lRoom = 2 * int64_t{ m_cam.m_iMaxWidth } * m_cam.m_iMaxHeight;
+    m_iFrameBytes = int32_t(std::clamp<int64_t>(m_model.GetRealImageSize(), 0, lRoom));
+    m_cam.m_iDroppedFrames = 0;
+    m_cam.m_pFrameExchange->Reset();
+}
+
+void CaptureLoop::StartAutomation()
+{
+    if (!m_run.bSnap && m_form.automation != Automation::OneShot)
+        m_run.aux.Start([](void* p) { RunAutomation(*static_cast<CaptureRun*>(p)); }, &m_run);
+}
+
+void CaptureLoop::Finish()
+{
+    if (!m_run.bSnap)
+        m_cam.m_pFrameExchange->Reset();
+    m_queue.Close();
+    if (!m_run.bSnap)
+        m_run.aux.Wait(500);
+}
+
+CaptureLoop::Verdict CaptureLoop::Check() const
+{
+    if (!m_result.bFinished || m_result.dwReceived != uint32_t(m_iFrameBytes) || m_iFrameBytes < 8)
+        return Verdict::Short;
+    const uint8_t* const p = m_queue.Frame();
+    const int64_t S = m_iFrameBytes;
+    if (m_form.marks == Marks::A) {
+        if (Get<uint16_t>(p, 0) != HEAD_A)
+            return Verdict::BadHead;
+        return Get<uint16_t>(p, S - 2) == TAIL_A && Get<uint16_t>(p, S - 4) == Get<uint16_t>(p, 2) ? Verdict::Good
+                                                                                                    : Verdict::BadTail;
+    }
+    if (Get<uint32_t>(p, 0) != HEAD_B)
+        return Verdict::BadHead;
+    return m_form.marks == Marks::BAndTail && Get<uint32_t>(p, S - 4) != TAIL_B ? Verdict::BadTail : Verdict::Good;
+}
+
+// The frame is in the exchange. Capturing ends before the status says so: a host that sees the success may start the
+// next exposure at once.
+void CaptureLoop::SnapSucceeded()
+{
+    if (m_run.control.IsAbandoned())
+        return;
+    m_cam.m_bCapturing = false;
+    m_cam.m_ExpStatus = EXP_SUCCESS;
+}
+
+void CaptureLoop::Automate(bool bExpGain)
+{
+    if (bExpGain && (m_cam.m_bAutoExp || m_cam.m_bAutoGain))
+        m_cam.AutoExpGain(m_queue.Frame());
+    if (m_cam.m_bAutoWB && m_cam.m_bIsColor && !m_cam.m_bOutput16Bits)
+        m_cam.AutoWB_RAW(m_queue.Frame());
+}
+
+bool CaptureLoop::ReduceBandwidth(bool bRisingClearsCount, bool bMayReduce)
+{
+    const bool bAuto = m_cam.m_bAutoFPS;
+    if (bAuto && !m_bLastAuto) {
+        m_dwAutoStart = platform::Ticks();
+        if (bRisingClearsCount)
+            m_nBad = 0;
+    }
+    m_bLastAuto = bAuto;
+    const uint32_t dwNow = platform::Ticks();
+    if (dwNow - m_dwAutoStart >= 20000 || !bAuto || m_nBad < 3 || !bMayReduce)
+        return false;
+    m_nBad = 0;
+    const uint32_t dwSince = dwNow - m_dwLastReduction;
+    m_dwLastReduction = dwNow;
+    if (dwSince >= 5000)
+        return false;
+    m_cam.SetFPSPerc(m_cam.m_iFPSPerc - 4, m_cam.m_bAutoFPS);
+    TraceLine("time from start:%d   time_delta:%d pkg:%x\n", int(dwNow - m_dwAutoStart), int(dwSince),
+              unsigned(m_cam.m_iHMAX));
+    return true;
+}
+
+// --- USB 3 families and the Garnet _S pair --------------------------------------------------------------------------
+
+namespace {
+
+class ModernLoop final : public CaptureLoop {
+public:
+    using CaptureLoop::CaptureLoop;
+
+private:
+    void Start() override
+    {
+        m_cam.SendCMD(REQ_STOP_STREAM);
+        m_model.StopSensorStreaming();
+        PrepareFrame();
+        StartAutomation();
+        m_cam.SendCMD(REQ_START_STREAM);
+        m_model.StartSensorStreaming();
+        m_cam.ResetEndPoint(IMAGE_ENDPOINT);
+        OpenQueue();
+        m_cam.m_ExpStatus = EXP_WORKING;
+    }
+
+    void End() override
+    {
+        m_cam.m_iDroppedFrames = 0;
+        m_model.StopSensorStreaming();
+        m_cam.SendCMD(REQ_STOP_STREAM);
+        m_cam.ResetEndPoint(IMAGE_ENDPOINT);
+        Finish();
+    }
+
+    ChunkQueue::Waits FrameWaits() const override
+    {
+        const int64_t lExp = int64_t(m_cam.m_lExposure.Get());
+        const int64_t first = lExp >= m_lFrameTime ? lExp / 1000 + (lExp < 1000000 ? 1000 : 2000)
+                                                   : m_lFrameTime * 2 / 1000 + 50;
+        const int64_t share = Per(m_lFrameTime / 1000, m_queue.Count()) + 100;
+        return { uint32_t(first), m_form.bCapChunkWait ? 100u : uint32_t(share), m_form.bCapChunkWait, 0, 0 };
+    }
+
+    Next OnGood() override
+    {
+        m_nEmpty = 0;
+        if (m_form.marks == Marks::A) {
+            std::memset(m_queue.Frame(), 0, 4);
+            std::memset(m_queue.Frame() + m_iFrameBytes - 4, 0, 4);
+        }
+        const bool bTaken = Deliver();
+        if (m_run.bSnap) {
+            SnapSucceeded();
+            return Next::Leave;
+        }
+        if (!bTaken)
+            ++m_cam.m_iDroppedFrames;
+        if (m_bSwap && !IsShort())
+            Automate(true);
+        return Next::Pass;
+    }
+
+    Next OnShort() override
+    {
+        ++m_nBad;
+        if (m_result.dwReceived != 0)
+            return Next::BadFrame;
+        if (m_form.longWay == LongWay::Lapis && m_cam.m_bLongExp && !AnswersVersion())
+            return Reconnect() ? Next::Pass : Next::Leave;
+        if (++m_nEmpty != 4)
+            return Next::Pass;
+        m_cam.ResetDevice();
+        Sleep(100);
+        RestartStream();
+        m_nEmpty = m_nBad = 0;
+        return Next::Pass;
+    }
+
+    Next OnBadMarks(Verdict) override
+    {
+        ++m_nBad;
+        return Next::BadFrame;
+    }
+
+    void OnBadFrame() override
+    {
+        ++m_cam.m_iDroppedFrames;
+        m_nEmpty = 0;
+        ReduceBandwidth(false, true);
+        if (m_form.family == Family::GarnetS && m_nBad == 5)
+            m_cam.WriteCameraRegister(GARNET_LINE_LENGTH, uint16_t(m_cam.m_iHMAX + 100));
+        m_queue.Resync();
+    }
+
+    void RestartStream()
+    {
+        m_model.StopSensorStreaming();
+        m_cam.SendCMD(REQ_STOP_STREAM);
+        Sleep(10);
+        m_cam.SendCMD(REQ_START_STREAM);
+        m_model.StartSensorStreaming();
+    }
+
+    bool AnswersVersion()
+    {
+        uint8_t ver = 0;
+        return m_cam.GetFirmwareVer(&ver);
+    }
+
+    // The device fell out during a long exposure. QUIRK: when it does not come back, the thread ends where it stands and
+    // m_bCapturing stays set, with the camera no longer open.
+    bool Reconnect()
+    {
+        m_queue.Close();
+        if (!m_cam.ReConnectCamera()) {
+            m_bLost = true;
+            return false;
+        }
+        m_cam.ResetDevice();
+        Sleep(100);
+        RestartStream();
+        m_queue.Reopen();
+        return true;
+    }
+
+    uint32_t m_nEmpty = 0;  // frames in a row without any data
+};
+
+// --- USB 2 families -------------------------------------------------------------------------------------------------
+
+class SmallChunkLoop final : public CaptureLoop {
+public:
+    explicit SmallChunkLoop(CaptureRun& run)
+        : CaptureLoop(run), m_Passes(StateOf(run.cam, run.model.Traits()).nPasses)
+    {
+    }
+
+private:
+    bool Is(Family f) const { return m_form.family == f; }
+    bool IsOneShot() const { return m_form.automation == Automation::OneShot; }
+    uint16_t IoliteMode() const { return m_cam.m_bLongExp ? 33024 : 0x8000; }
+
+    void Start() override
+    {
+        TraceLine("working thread begin!\n");
+        m_cam.StopUSBStreaming();
+        if (m_form.bThreadSetsCapturing)
+            m_cam.SendCMD(REQ_START_SENSOR_CLOCK);
+        else
+            m_model.StopSensorStreaming();
+        PrepareFrame();
+        if (m_form.bThreadSetsCapturing) {
+            m_cam.ResetEndPoint(IMAGE_ENDPOINT);
+            OpenQueue();
+            // QUIRK: a stop that comes before this finds nothing to stop, and the capture runs on.
+            if (!m_run.bCapturing && !m_run.control.IsAbandoned())
+                m_cam.m_bCapturing = true;
+            StartAutomation();
+            m_cam.SendCMD(REQ_START_STREAM);
+            if (Is(Family::Cobalt))
+                Sleep(100);
+        } else {
+            StartAutomation();
+            m_cam.StartSensorCLK();
+            if (Is(Family::Iolite))
+                m_cam.WriteCameraRegister(IOLITE_MODE, IoliteMode());
+            m_cam.StartUSBStreaming();
+            if (m_cam.m_bOutput16Bits)
+                m_model.SetOutput16Bits(true);
+            m_model.StartSensorStreaming();
+            m_cam.ResetEndPoint(IMAGE_ENDPOINT);
+            OpenQueue();
+        }
+        m_cam.m_ExpStatus = EXP_WORKING;
+        m_dwPassStart = platform::Ticks();
+    }
+
+    void End() override
+    {
+        m_cam.m_iDroppedFrames = 0;
+        m_model.StopSensorStreaming();
+        m_cam.StopUSBStreaming();
+        m_cam.ResetEndPoint(IMAGE_ENDPOINT);
+        Finish();
+        TraceLine("working thread exit!\n");
+    }
+
+    // Iolite: the sensor calibrates its black level after a gain change. Once it has had its time, the result is read
+    // back and fixed; automatic stays the declared state.
+    void BeginPass() override
+    {
+        const uint32_t dwNow = platform::Ticks(), dwPass = dwNow - m_dwPassStart;
+        m_dwPassStart = dwNow;
+        if (!Is(Family::Iolite) || !m_cam.m_bAutoBLBusy)
+            return;
+        m_cam.m_iAutoBLCount += int32_t(dwPass);
+        if (m_cam.m_iAutoBLCount <= 800)
+            return;
+        signed char a[4];
+        constexpr uint16_t aRegs[4] = { 96, 97, 99, 100 };
+        for (int i = 0; i < 4; ++i) {
+            uint16_t w = 0;
+            m_cam.ReadCameraRegister(aRegs[i], &w);
+            a[i] = static_cast<signed char>(w & 0xFF);
+        }
+        const char p = static_cast<char>(std::max(a[0], a[1])), q = static_cast<char>(std::max(a[2], a[3]));
+        m_model.SetBLOffset(false, p, p, q, q);
+        m_cam.m_bAutoBL = true;
+    }
+
+    ChunkQueue::Waits FrameWaits() const override
+    {
+        const int64_t lExp = int64_t(m_cam.m_lExposure.Get());
+        int64_t first;
+        if (IsOneShot())
+            first = std::max(lExp / 1000, m_lFrameTime / 1000);
+        else if (lExp >= m_lFrameTime)
+            first = lExp / 1000 + (lExp < 1000000 ? 1000 : 2000);
+        else
+            first = m_lFrameTime / 1000 + (m_queue.Count() == 1 ? 2 : 10);
+        m_dwFirstWait = uint32_t(std::max<int64_t>(first, 0));
+        return { m_dwFirstWait, 200, true, 0, IsOneShot() ? 20u : 0u };
+    }
+
+    void OnSnapFailed() override { TraceLine("snap Exp: EXP_FAILED:%d\n", int(m_nBad)); }
+
+    Next OnShort() override
+    {
+        if (m_nBad++ > 50) {
+            TraceLine("DropCount more than 50, reset!\n");
+            m_cam.ResetDevice();
+            m_cam.SendCMD(REQ_START_SENSOR_CLOCK);
+            m_cam.SendCMD(REQ_START_STREAM);
+            Sleep(200);
+            m_nBad = 0;
+        }
+        if (m_nBad == 4 && HasLineLength()) {
+            TraceLine("try lowing pkg!!\n");
+            m_cam.WriteCameraRegister(GARNET_LINE_LENGTH, uint16_t(m_cam.m_iHMAX + 30));
+            m_cam.ResetEndPoint(IMAGE_ENDPOINT);
+        }
+        if (m_result.dwReceived == 0)
+            return Next::Pass;
+        TraceLine("get len:0x%x drop:%d reset! frametime:%d waittime:%d\n", m_result.dwReceived, int(m_nBad),
+                  int(m_lFrameTime), int(m_result.dwWait));
+        ++m_cam.m_iDroppedFrames;
+        return Next::BadFrame;
+    }
+
+    Next OnBadMarks(Verdict) override
+    {
+        uint32_t dwHead;
+        std::memcpy(&dwHead, m_queue.Frame(), sizeof dwHead);
+        TraceLine("bad frame head:0x%x\n", dwHead);
+        // QUIRK: at short exposures the frame goes to the reader all the same, who looks at its head, and counts as
+        // dropped as well.
+        if (m_cam.m_lExposure < uint64_t(SHORT_EXPOSURE) && !m_run.bSnap)
+            Deliver();
+        ++m_cam.m_iDroppedFrames;
+        ++m_nBad;
+        return Next::BadFrame;
+    }
+
+    Next OnGood() override
+    {
+        if (m_run.bSnap) {
+            Deliver();
+            TraceLine("snap: EXP_SUCCESS\n");
+            SnapSucceeded();
+            return Next::Leave;
+        }
+        m_cam.m_ExpStatus = EXP_SUCCESS;
+        // QUIRK: the first good frame of a video is never delivered.
+        if (m_nGood++ == 0)
+            m_cam.ResetEndPoint(IMAGE_ENDPOINT);
+        else if (!Deliver())
+            ++m_cam.m_iDroppedFrames;
+        m_nBad = 0;
+        if (IsOneShot())
+            AutomateOneShot();
+        else if (!IsShort())
+            Automate(!m_cam.m_bIsColor);
+        return Next::Pass;
+    }
+
+    void AutomateOneShot()
+    {
+        if (m_cam.m_lExposure > 500000) {
+            if (m_cam.m_bAutoExp || m_cam.m_bAutoGain)
+                m_cam.AutoExpGain(m_queue.Frame());
+            if (m_cam.m_bAutoWB && m_cam.m_bIsColor && !m_cam.m_bOutput16Bits)
+                m_model.ModelWhiteBalance(m_queue.Frame());
+        } else if (uint64_t{ ++m_Passes } * m_dwFirstWait > 200) {
+            m_Passes = 0;
+            StartAutomationStep(m_run);
+        }
+    }
+
+    void OnBadFrame() override
+    {
+        TraceLine("drop frames:%d\n", int(m_cam.m_iDroppedFrames));
+        if (HasLineLength() && ReduceBandwidth(true, m_result.dwWait < 500))
+            m_lFrameTime = FrameTime(m_cam, m_form);
+        m_queue.Resync();
+        if (m_nBad <= (Is(Family::Iolite) ? 30u : 20u))
+            return;
+        TraceLine("bad frame than 20, reset!\n");
+        if (Is(Family::Iolite)) {
+            m_cam.SendCMD(REQ_START_SENSOR_CLOCK);
+            m_cam.WriteCameraRegister(IOLITE_MODE, IoliteMode());
+        } else {
+            if (HasLineLength())
+                m_cam.WriteCameraRegister(GARNET_LINE_LENGTH, uint16_t(m_cam.m_iHMAX + 30));
+            else
+                m_cam.WriteCameraRegister(DUNITE_RESTART, 1);
+            m_cam.ResetDevice();
+            m_cam.SendCMD(REQ_START_STREAM);
+        }
+        m_nBad = 0;
+    }
+
+    // Sensors whose line length can be stretched to relieve the link.
+    bool HasLineLength() const { return Is(Family::Garnet) || Is(Family::Cobalt); }
+
+    std::atomic<uint32_t>& m_Passes;
+    mutable uint32_t m_dwFirstWait = 0;  // ms
+    uint32_t m_nGood = 0;
+    uint32_t m_dwPassStart = 0;
+};
+
+}  // namespace
+
+std::unique_ptr<CaptureLoop> MakeCaptureLoop(CaptureRun& run)
+{
+    if (run.form.bSmallChunk)
+        return std::make_unique<SmallChunkLoop>(run);
+    return std::make_unique<ModernLoop>(run);
+}

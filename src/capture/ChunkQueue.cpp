@@ -1,0 +1,210 @@
+#include "capture/ChunkQueue.h"
+
+#include <cstring>
+
+#include "usb/CUsbLink.h"
+
+ChunkQueue::ChunkQueue(CCameraBase& cam, const RunControl& run)
+    : m_cam(cam), m_run(run), m_pFill(cam.m_pAuxBuf1), m_pNext(cam.m_pAuxBuf2), m_pFrame(cam.m_pAuxBuf1)
+{
+}
+
+ChunkQueue::~ChunkQueue() { Close(); }
+
+// Asked for afresh each time: the link can be missing after a failed reconnection. Nobody replaces it behind this
+// thread's back, since closing a camera waits for the thread first.
+CCyUSBEndPoint* ChunkQueue::EndPoint() const
+{
+    return m_cam.m_pUsbLink ? m_cam.m_pUsbLink->m_pBulkIn : nullptr;
+}
+
+int32_t ChunkQueue::Size(size_t n) const
+{
+    return int32_t(std::min(m_dwChunk, m_dwFrameBytes - Offset(n)));
+}
+
+uint8_t* ChunkQueue::Other() const
+{
+    if (!m_bTwoBuffers)
+        return m_pFill;
+    return m_pFill == m_cam.m_pAuxBuf1 ? m_cam.m_pAuxBuf2 : m_cam.m_pAuxBuf1;
+}
+
+// What WaitForXfer does, by the slot's own begin: the endpoint remembers only its latest, which may be another slot's.
+bool ChunkQueue::Wait(Slot& s, uint32_t ms)
+{
+    if (s.dwError == platform::ERROR_NONE)
+        return true;
+    if (!IsOut(s))
+        return false;
+    if (!m_run.WaitEvent(s.ov.hEvent, ms))
+        return false;
+    s.dwError = platform::ERROR_NONE;
+    return true;
+}
+
+bool ChunkQueue::Finish(size_t n, int32_t* piBytes)
+{
+    Slot& s = m_slots[n];
+    *piBytes = Size(n);
+    bool bOk = false;
+    if (CCyUSBEndPoint* const pEp = EndPoint()) {
+        bOk = pEp->FinishDataXfer(m_pFill + Offset(n), piBytes, &s.ov, s.pContext);
+    } else {
+        delete[] s.pContext;  // the link has gone and has completed the request
+        *piBytes = 0;
+    }
+    *piBytes = std::clamp(*piBytes, 0, Size(n));
+    s.pContext = nullptr;
+    s.dwError = platform::ERROR_BAD_PARAMETER;
+    return bOk;
+}
+
+void ChunkQueue::Begin(size_t n, uint8_t* pBuf)
+{
+    Slot& s = m_slots[n];
+    s.dwError = platform::ERROR_BAD_PARAMETER;
+    CCyUSBEndPoint* const pEp = EndPoint();
+    if (!pEp)
+        return;
+    platform::WaitEvent(s.ov.hEvent, 0);  // a signal of an earlier request must not end the wait for this one
+    s.pContext = pEp->BeginDataXfer(pBuf + Offset(n), Size(n), &s.ov);
+    if (s.pContext)
+        s.dwError = pEp->m_uLastError;
+}
+
+void ChunkQueue::OpenSlots()
+{
+    m_slots.resize((size_t(m_dwFrameBytes) + m_dwChunk - 1) / m_dwChunk);
+    if (CCyUSBEndPoint* const pEp = EndPoint())
+        pEp->SetXferSize(m_dwChunk);
+    for (size_t n = 0; n < m_slots.size(); ++n) {
+        m_slots[n].ov.hEvent = platform::MakeEvent();
+        Begin(n, m_pFill);
+    }
+}
+
+void ChunkQueue::Open(uint32_t dwChunk, int32_t iFrameBytes, bool bTwoBuffers)
+{
+    Close();
+    m_dwChunk = dwChunk;
+    m_dwFrameBytes = uint32_t(std::max(iFrameBytes, 0));
+    m_bTwoBuffers = bTwoBuffers;
+    m_pFill = m_cam.m_pAuxBuf1;
+    m_pFrame = bTwoBuffers ? m_cam.m_pAuxBuf1 : m_cam.m_pAuxBuf2;
+    m_pNext = Other();
+    OpenSlots();
+}
+
+void ChunkQueue::Reopen()
+{
+    CloseSlots(1);
+    m_pFill = Other();
+    OpenSlots();
+}
+
+// A chunk whose request is still out keeps it: queueing a second one on the slot would leave two requests for one chunk,
+// and the frame that comes late would land in the wrong places. So exactly one request a chunk is out at any time.
+ChunkQueue::Result ChunkQueue::ReadFrame(const Waits& w)
+{
+    Result r{ 0, false, w.dwFirst };
+    uint8_t* const pData = m_pFill;
+    uint8_t* const pNext = Other();
+    size_t nKept = 0;
+    for (size_t n = 0; n < m_slots.size(); ++n) {
+        Slot& s = m_slots[n];
+        const bool bCame = Wait(s, r.dwWait) || (w.dwGrace != 0 && IsOut(s) && Wait(s, w.dwGrace));
+        if (!bCame)
+            TraceLine("wait for xfer error:%d %d\n", int(n), int(r.dwWait));
+        r.dwWait = !bCame ? w.dwFailed : w.bCap ? std::min(r.dwWait, w.dwNext) : w.dwNext;
+        if (IsOut(s)) {
+            ++nKept;
+            r.bFinished = false;
+            continue;
+        }
+        int32_t iBytes = 0;
+        r.bFinished = Finish(n, &iBytes) && bCame;
+        if (!bCame)
+            iBytes = 0;  // it never began; the record may still hold an earlier result
+        if (!r.bFinished)
+            TraceLine("FINISH xfer error:%d\n", int(n));
+        r.dwReceived += uint32_t(iBytes);
+        if (!m_bTwoBuffers)
+            std::memcpy(m_cam.m_pAuxBuf2 + Offset(n), pData + Offset(n), size_t(iBytes));
+        Begin(n, pNext);
+    }
+    m_pFrame = m_bTwoBuffers ? pData : m_cam.m_pAuxBuf2;
+    m_pNext = pNext;
+    if (nKept == 0) {
+        m_pFill = pNext;
+    } else if (nKept < m_slots.size() && r.dwReceived == 0) {
+        // Some ended empty and were queued behind later chunks: back into order.
+        if (CCyUSBEndPoint* const pEp = EndPoint())
+            pEp->Abort();
+        RequeueAll(2, pNext);
+    }
+    return r;
+}
+
+// All chunks again, in order. The caller has aborted: what is out ends at once.
+void ChunkQueue::RequeueAll(uint32_t ms, uint8_t* pNext)
+{
+    for (size_t n = 0; n < m_slots.size(); ++n) {
+        Wait(m_slots[n], ms);
+        if (IsOut(m_slots[n]))
+            continue;
+        int32_t iBytes = 0;
+        Finish(n, &iBytes);
+        Begin(n, pNext);
+    }
+    m_pFill = pNext;
+}
+
+void ChunkQueue::Resync()
+{
+    m_cam.ResetEndPoint(0x82);
+    RequeueAll(2, m_pNext);
+}
+
+void ChunkQueue::KeepAlive()
+{
+    m_cam.ResetEndPoint(0x82);
+    RequeueAll(1, Other());
+}
+
+void ChunkQueue::Flush()
+{
+    for (size_t n = 0; n < m_slots.size(); ++n) {
+        if (!Wait(m_slots[n], 2) && IsOut(m_slots[n]))
+            continue;
+        int32_t iBytes = 0;
+        Finish(n, &iBytes);
+        Begin(n, m_pFill);
+    }
+}
+
+void ChunkQueue::CloseSlots(uint32_t ms)
+{
+    for (size_t n = 0; n < m_slots.size(); ++n) {
+        Slot& s = m_slots[n];
+        if (!Wait(s, ms) && IsOut(s)) {
+            if (CCyUSBEndPoint* const pEp = EndPoint())
+                pEp->Abort();
+            Wait(s, ms);
+        }
+        int32_t iBytes = 0;
+        if (s.pContext)
+            Finish(n, &iBytes);
+        platform::FreeEvent(s.ov.hEvent);
+    }
+    m_slots.clear();
+}
+
+void ChunkQueue::Close()
+{
+    if (m_slots.empty())
+        return;
+    if (CCyUSBEndPoint* const pEp = EndPoint())
+        pEp->Abort();
+    CloseSlots(1);
+}

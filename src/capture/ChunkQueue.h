@@ -1,0 +1,77 @@
+// The bulk requests of one frame, always one per chunk, and the buffers that they fill.
+#pragma once
+#include <memory>
+#include <vector>
+
+#include "capture/RunControl.h"
+#include "core/CCameraBase.h"
+#include "usb/EndPoints.h"
+
+class ChunkQueue {
+public:
+    ChunkQueue(CCameraBase& cam, const RunControl& run);
+    ~ChunkQueue();  // Close
+    ChunkQueue(const ChunkQueue&) = delete;
+    ChunkQueue& operator=(const ChunkQueue&) = delete;
+
+    // Sets the transfer size and queues all chunks of a frame. bTwoBuffers: frames land in m_pAuxBuf1 and m_pAuxBuf2 in
+    // turn. Otherwise all land in m_pAuxBuf1, and each chunk is copied to m_pAuxBuf2 before its request goes out again,
+    // so that the frame at hand stands still.
+    void Open(uint32_t dwChunk, int32_t iFrameBytes, bool bTwoBuffers);
+    // After a reconnection: new events and requests, into the next buffer.
+    void Reopen();
+
+    struct Waits {
+        uint32_t dwFirst;  // ms, first chunk
+        uint32_t dwNext;   // ms, after a chunk that came
+        bool bCap;         // dwNext is only an upper limit of the current wait
+        uint32_t dwFailed; // ms, after one that did not come
+        uint32_t dwGrace;  // ms that a chunk still on its way gets on top
+    };
+    struct Result {
+        uint32_t dwReceived;  // bytes
+        bool bFinished;       // the last chunk's request ended well
+        uint32_t dwWait;      // ms, the wait as it stands after the last chunk
+    };
+    // Takes one frame and queues the requests of the next.
+    Result ReadFrame(const Waits& w);
+    // Frame of the last ReadFrame; stands still until the next.
+    uint8_t* Frame() const { return m_pFrame; }
+
+    void Resync();        // abort and reset of the endpoint, then all chunks into the next buffer
+    void Flush();         // takes what lies there (2 ms a chunk) and queues again
+    void KeepAlive();     // as Resync with 1 ms a chunk
+    void Close();         // ends all requests; nothing writes into the buffers afterwards
+
+    uint32_t Count() const { return uint32_t(m_slots.size()); }
+
+private:
+    struct Slot {
+        platform::Overlapped ov{};
+        uint8_t* pContext = nullptr;
+        uint32_t dwError = platform::ERROR_BAD_PARAMETER;  // of its begin
+    };
+
+    CCyUSBEndPoint* EndPoint() const;
+    uint32_t Offset(size_t n) const { return uint32_t(n) * m_dwChunk; }
+    int32_t Size(size_t n) const;
+    bool Wait(Slot& s, uint32_t ms);
+    // The request is with the driver and its end has not been seen.
+    static bool IsOut(const Slot& s) { return s.dwError == platform::ERROR_PENDING; }
+    bool Finish(size_t n, int32_t* piBytes);
+    void Begin(size_t n, uint8_t* pBuf);
+    void RequeueAll(uint32_t ms, uint8_t* pNext);
+    uint8_t* Other() const;
+    void OpenSlots();
+    void CloseSlots(uint32_t ms);
+
+    CCameraBase& m_cam;
+    const RunControl& m_run;
+    std::vector<Slot> m_slots;
+    uint32_t m_dwChunk = 0;
+    uint32_t m_dwFrameBytes = 0;
+    bool m_bTwoBuffers = true;
+    uint8_t* m_pFill = nullptr;   // where the queued requests write
+    uint8_t* m_pNext = nullptr;   // where a resync queues
+    uint8_t* m_pFrame = nullptr;
+};

@@ -1,0 +1,150 @@
+#include "capture/FrameExchange.h"
+
+#include <algorithm>
+#include <atomic>
+#include <cstdlib>
+#include <cstring>
+#include <mutex>
+#include <new>
+
+namespace {
+
+struct Free {
+    void operator()(uint8_t* p) const { std::free(p); }
+};
+
+// Counts a thread inside for its life.
+class Inside {
+public:
+    explicit Inside(std::atomic<int32_t>& n) : m_n(n) { m_n.fetch_add(1, std::memory_order_acq_rel); }
+    ~Inside() { m_n.fetch_sub(1, std::memory_order_acq_rel); }
+    Inside(const Inside&) = delete;
+    Inside& operator=(const Inside&) = delete;
+
+private:
+    std::atomic<int32_t>& m_n;
+};
+
+}  // namespace
+
+struct FrameExchange::Impl {
+    explicit Impl(uint32_t dwSlotBytes) : dwCapacity(dwSlotBytes)
+    {
+        // Fresh pages cost nothing until a frame lands in them, and hold no foreign bytes.
+        for (auto& p : apSlots) {
+            p.reset(static_cast<uint8_t*>(std::calloc(std::max<size_t>(dwSlotBytes, 4), 1)));
+            if (!p)
+                throw std::bad_alloc();
+        }
+        turn.Release();
+    }
+
+    size_t Fit(int32_t iSize) const { return iSize > 0 ? std::min<size_t>(size_t(iSize), dwCapacity) : 0; }
+    int32_t Held() const { return iCount.load(std::memory_order_acquire); }
+
+    const uint32_t dwCapacity;
+    std::unique_ptr<uint8_t, Free> apSlots[2];
+    std::atomic<uint32_t> aHead[2] = {};  // first word of each slot, readable while the slot is being filled
+    int32_t iWrite = 0;                   // producer's own
+    std::atomic<int32_t> iRead{ 0 };
+    std::atomic<int32_t> iCount{ 0 };     // a frame is published by the step up and given back by the step down
+    // Held by Read for the span of its copy and by Reset, so that after a Reset no slot is being read any more. Insert
+    // needs no lock: it never writes the slot that is being read.
+    std::mutex copying;
+    platform::Semaphore signal;           // given on the step from 0 to 1 only
+    platform::Semaphore turn;
+    std::atomic<bool> bClosing{ false };
+    std::atomic<int32_t> iInside{ 0 };    // consumers between their first and last touch of this object
+};
+
+FrameExchange::FrameExchange(uint32_t dwSlotBytes) : m_p(std::make_unique<Impl>(dwSlotBytes)) {}
+
+FrameExchange::~FrameExchange()
+{
+    m_p->bClosing = true;
+    do {
+        m_p->signal.Release();
+        m_p->turn.Release();
+        if (m_p->iInside.load(std::memory_order_acquire) == 0)
+            break;
+        platform::SleepMs(1);
+    } while (true);
+}
+
+void FrameExchange::Reset()
+{
+    const std::lock_guard l(m_p->copying);
+    m_p->iWrite = 0;
+    m_p->iRead.store(0, std::memory_order_relaxed);
+    m_p->iCount.store(0, std::memory_order_release);
+}
+
+bool FrameExchange::Insert(const uint8_t* pData, int32_t iSize)
+{
+    Impl& m = *m_p;
+    if (!pData || m.Held() >= 2)
+        return false;
+    const size_t n = m.Fit(iSize);
+    uint8_t* const pSlot = m.apSlots[m.iWrite].get();
+    std::memcpy(pSlot, pData, n);
+    uint32_t dwHead = 0;
+    std::memcpy(&dwHead, pSlot, sizeof dwHead);
+    m.aHead[m.iWrite].store(dwHead, std::memory_order_relaxed);
+    m.iWrite ^= 1;
+    if (m.iCount.fetch_add(1, std::memory_order_acq_rel) + 1 == 1)
+        m.signal.Release();
+    return true;
+}
+
+bool FrameExchange::Read(uint8_t* pDest, int32_t iSize, uint32_t dwTimeoutMs)
+{
+    Impl& m = *m_p;
+    const Inside inside(m.iInside);
+    if (m.Held() == 0) {
+        if (dwTimeoutMs == 0 || m.signal.Wait(dwTimeoutMs) == platform::WAIT_TIMED_OUT)
+            return false;
+        // A reader that found a frame without waiting left its signal behind; such a stale one wakes the next reader
+        // early, hence the second wait.
+        if (m.Held() == 0 && !m.bClosing)
+            m.signal.Wait(dwTimeoutMs);
+    }
+    const std::lock_guard l(m.copying);
+    if (m.Held() == 0 || m.bClosing)
+        return false;
+    const int32_t iSlot = m.iRead.load(std::memory_order_relaxed);
+    std::memcpy(pDest, m.apSlots[iSlot].get(), m.Fit(iSize));
+    m.iRead.store(iSlot ^ 1, std::memory_order_relaxed);
+    m.iCount.fetch_sub(1, std::memory_order_acq_rel);  // only Reset could have taken it to 0, and that waits
+    return true;
+}
+
+bool FrameExchange::PeekHead(uint32_t dwExpected, uint32_t dwTimeoutMs)
+{
+    Impl& m = *m_p;
+    const Inside inside(m.iInside);
+    if (m.Held() == 0 && m.signal.Wait(dwTimeoutMs) == platform::WAIT_TIMED_OUT)
+        return false;
+    // QUIRK: woken by a stale signal it answers for the frame that lay in the slot before.
+    return m.aHead[m.iRead.load(std::memory_order_relaxed)].load(std::memory_order_relaxed) == dwExpected;
+}
+
+int32_t FrameExchange::Count() const { return m_p->Held(); }
+
+FrameExchange::Turn::Turn(FrameExchange& fx, uint32_t dwTimeoutMs) : m_fx(fx)
+{
+    Impl& m = *fx.m_p;
+    m.iInside.fetch_add(1, std::memory_order_acq_rel);
+    m_bHeld = m.turn.Wait(dwTimeoutMs) == platform::WAIT_SIGNALLED;
+    if (m_bHeld && m.bClosing) {
+        m.turn.Release();
+        m_bHeld = false;
+    }
+}
+
+FrameExchange::Turn::~Turn()
+{
+    Impl& m = *m_fx.m_p;
+    if (m_bHeld)
+        m.turn.Release();
+    m.iInside.fetch_sub(1, std::memory_order_acq_rel);
+}
