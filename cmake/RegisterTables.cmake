@@ -6,18 +6,18 @@
 #   entries 46                rows, delays included
 #   0x3003 0x01               address and value
 #   delay 20                  milliseconds
-#   0x3010 0x21 unknown       a row whose true value is not known; it repeats a row already written above
+#   0x3010 0x21 unknown       a row whose true value is not known; it repeats a row that has been written already
 function(kov_register_tables out_header)
     file(GLOB files CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/data/registers/*.txt)
     set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${files})
     set(text "// Made from data/registers by cmake/RegisterTables.cmake. Do not edit.\n#pragma once\n#include \"sensors/RegisterTable.h\"\n\n")
+    set(seen "")  # over all tables: a mode table may repeat a row of its family's first table
     foreach(file IN LISTS files)
         file(STRINGS ${file} lines)
         set(name "")
         set(count -1)
         set(rows "")
         set(n 0)
-        set(seen "")
         foreach(line IN LISTS lines)
             string(REGEX REPLACE "#.*$" "" line "${line}")
             string(STRIP "${line}" line)

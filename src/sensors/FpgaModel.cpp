@@ -70,7 +70,7 @@ bool CFpgaModel<Base>::SetStartPos(int x, int y)
 template <class Base>
 bool CFpgaModel<Base>::SetFPSPerc(int percent, bool autoMode)
 {
-    if (this->m_iCMOSClk < m_Fpga.iClockFloor)
+    if (this->m_iCMOSClk < ClockFloor())
         return false;
     // QUIRK: on the switch to auto the argument is ignored; while auto is on, it is taken.
     if (!autoMode || this->m_bAutoFPS)

@@ -79,6 +79,7 @@ protected:
     virtual int HardSizeFactor() const { return 1; }      // the sensor sends that many times m_iWidth then
     virtual int SensorLines() const { return SensorH(); } // lines in the frame-length sum
     virtual float MaxFPSNow();                            // frames a second for CalcMaxFPS
+    virtual int32_t ClockFloor() const { return m_Fpga.iClockFloor; }
     virtual FpgaReg RedGain() const { return FPGA_GAIN_A; }
     virtual FpgaReg BlueGain() const { return FPGA_GAIN_D; }
     virtual bool BalanceHolds() const { return true; }    // white balance is written inside an FPGA hold

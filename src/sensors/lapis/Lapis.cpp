@@ -1,0 +1,351 @@
+#include "sensors/lapis/Lapis.h"
+
+#include <algorithm>
+
+#include "RegisterTables.h"
+
+namespace {
+
+enum Reg : uint16_t {
+    REG_STANDBY = 0x0200, REG_HOLD = 0x020C, REG_MASTER_STOP = 0x0212,
+    REG_ADC = 0x0214, REG_VMAX = 0x0217, REG_HMAX = 0x021A, REG_OUTPUT = 0x021C, REG_CLOCK = 0x0221,
+    REG_PULSE = 0x022A,         // 1: the sensor's own shutter pulse generator
+    REG_SYNC = 0x022E,
+    REG_PULSE_UP1 = 0x0244, REG_PULSE_DOWN1 = 0x0247, REG_PULSE_UP2 = 0x024A, REG_PULSE_DOWN2 = 0x024D,  // 3 bytes each
+    REG_PULSE_MASK = 0x025C,
+    REG_CLOCK_A = 0x0292, REG_CLOCK_B = 0x0294,
+    REG_SVR = 0x029A,           // 2 bytes, shutter line
+    REG_WINDOW_LEFT = 0x0301, REG_WINDOW_TOP = 0x0303, REG_WINDOW_WIDTH = 0x0305, REG_WINDOW_HEIGHT = 0x0307,
+    REG_GAIN = 0x0404,          // 2 bytes, 0.1 dB
+    REG_BLACK = 0x0458,         // 2 bytes
+};
+
+constexpr uint64_t EXP_MIN = 32;
+constexpr float T0 = 13.73f;  // us, part of the exposure outside the counted lines
+constexpr int32_t CLK_LONG = 13920;
+
+constexpr FpgaTraits g_Fpga = { 38, 43272, 390000, 37125, 80, 0, true };
+
+// The two output modes: 10-bit fast and 12-bit normal. Addresses without a name are in no document at hand.
+struct ModeRow { uint16_t wReg; uint8_t bFast, bNormal; };
+constexpr ModeRow g_Modes[] = {
+    { REG_OUTPUT, 0x10, 0x11 }, { REG_ADC, 0, 1 }, { 0x02BC, 0x30, 0x10 }, { 0x02BF, 0x40, 0x20 }, { 0x02C0, 1, 2 },
+    { 0x02C6, 1, 3 }, { 0x02D2, 5, 0x0F }, { 0x0412, 0x40, 0x20 }, { 0x0413, 0x40, 0x20 }, { 0x041A, 0x0F, 8 },
+    { 0x0568, 0x22, 0x11 }, { 0x0575, 0x0B, 0x0F },
+};
+
+constexpr uint16_t CAPS = CAP_BRIGHTNESS | CAP_BANDWIDTH | CAP_BANDWIDTH_AUTO | CAP_TEMPERATURE | CAP_AUTO;
+
+// QUIRK: all four classes accept the product IDs of the two LapisMono variants and take their names.
+constexpr ModelTraits g_Col = {
+    .family = Family::Lapis, .szClass = "CCameraSLapisCol", .szName = "VYR KOVLapisCol",
+    .szKey = L"SOFTWARE\\KOVLapisCol", .iGuidSlot = 10,
+    .aProducts = { { 0xC0CA, nullptr }, { 0xC0CE, "VYR KOVLapisMono-A" }, { 0xC0CF, "VYR KOVLapisMono-B" } },
+    .iWidth = 1936, .iHeight = 1216, .dPixelSize = 5.86, .bayer = BAYER_RG, .bColor = true, .bUSB3 = true, .bCooler = false,
+    .fElecPerADU = 7.920f, .iPropA = 10, .iPropB = 27, .iPropC = 300, .iPropD = 90,
+    .gain = { 0, 400, 200 }, .exposure = { 32, 300000000, 10000 }, .iWB_R = 60, .iWB_B = 99, .iWBMin = 1, .iWBMax = 99,
+    .brightness = { 0, 240, 1 }, .iBandwidthMin = 40, .iBandwidthMax = 100, .iFPSPerc = 80, .iFPSPercUSB3 = 80,
+    .iClk = 74250, .iHMAX = 1440, .iMaxExposure = 300000000, .iAutoGainMax = 200, .iAutoExpMaxCap = -1,
+    .wCaps = CAPS | CAP_WB_R | CAP_WB_B, .bTypes = TYPE_RAW8 | TYPE_RGB24 | TYPE_Y8 | TYPE_RAW16,
+    .bStart = START_AUTO_FPS, .bClose = CLOSE_CLEARS_POINTER,
+    .aBins = { 1, 2 }, .aControls = { 0, 1, 2, 3, 4, 5, 6, 8, 9, 10, 11, 12, 14, -1 }, .aPhase = {}, .bDDR = false,
+};
+constexpr ModelTraits g_Mono = [] {
+    ModelTraits t = g_Col;
+    t.szClass = "CCameraSLapisMono";
+    t.szName = "VYR KOVLapisMono";
+    t.szKey = L"SOFTWARE\\KOVLapisMono";
+    t.aProducts[0] = { 0xC0CB, nullptr };
+    t.bayer = BAYER_GR;
+    t.bColor = false;
+    t.iWB_R = 52;
+    t.iWB_B = 95;
+    t.wCaps = CAPS;
+    t.bTypes = TYPE_RAW8 | TYPE_RAW16;
+    constexpr int8_t controls[] = { 0, 1, 2, 5, 6, 8, 9, 10, 11, 12, 14, -1 };
+    std::copy(std::begin(controls), std::end(controls), t.aControls);
+    return t;
+}();
+constexpr ModelTraits CooledLapis(const ModelTraits& base, const char* szClass, const char* szName, const wchar_t* szKey,
+                                  uint16_t wProductId)
+{
+    ModelTraits t = Cooled(base, szClass, szName, szKey, wProductId);
+    t.exposure.iMax = t.iMaxExposure = 1000000000;
+    return t;
+}
+constexpr ModelTraits g_Col_C = CooledLapis(g_Col, "CCameraSLapisCol_C", "VYR KOVLapisCol-Cool",
+                                            L"SOFTWARE\\KOVLapisCol-C", 0xC0CC);
+constexpr ModelTraits g_Mono_C = CooledLapis(g_Mono, "CCameraSLapisMono_C", "VYR KOVLapisMono-Cool",
+                                             L"SOFTWARE\\KOVLapisMono-C", 0xC0CD);
+
+template <const ModelTraits& t>
+ClassVars g_Vars{ { g_Fpga.iUnitUSB2 }, { 462 } };
+
+}  // namespace
+
+CCameraSLapisCol::CCameraSLapisCol(void* handle) : CLapis(g_Col, 300'000'000, g_Vars<g_Col>, handle)
+{
+    FinishConstruction();
+}
+CCameraSLapisMono::CCameraSLapisMono(void* handle) : CLapis(g_Mono, 300'000'000, g_Vars<g_Mono>, handle)
+{
+    FinishConstruction();
+}
+CCameraSLapisCol_C::CCameraSLapisCol_C(void* handle) : CLapis(g_Col_C, 1'000'000'000, g_Vars<g_Col_C>, handle)
+{
+    FinishConstruction();
+}
+CCameraSLapisMono_C::CCameraSLapisMono_C(void* handle) : CLapis(g_Mono_C, 1'000'000'000, g_Vars<g_Mono_C>, handle)
+{
+    FinishConstruction();
+}
+
+template <class Base>
+CLapis<Base>::CLapis(const ModelTraits& t, uint64_t lExpMax, ClassVars& v, void* handle)
+    : CFpgaModel<Base>(t, g_Fpga, v, handle), m_lExpMax(lExpMax)
+{
+    // The firmware is not known yet: the old one's clock until InitCamera has read it.
+    this->m_iCMOSClk = NormalClock();
+}
+
+template <class Base>
+void CLapis<Base>::InitSensor()
+{
+    model::RunTable8(*this, g_LapisInit);
+    static constexpr RegEntry after[] = { { REG_OUTPUT, 0 }, { REG_ADC, 0 }, { 0x0300, 3 }, { 0x0213, 0 } };
+    model::RunTable8(*this, after);
+    this->Fpga(FPGA_RUN, RUN_RESET);
+    platform::SleepMs(20);
+    if (IsOld()) {
+        this->Fpga(FPGA_HOLD, 1);  // not a hold here: the output format, and it stays
+        this->Fpga(FPGA_FORMAT, 1);
+        this->UnityGains();
+    } else {
+        this->Write8(REG_MASTER_STOP, 1);
+        this->Write8(REG_SYNC, 0);
+        this->Fpga(FPGA_HOLD, 1);
+        this->Fpga(FPGA_RUN, RUN_IDLE);
+        this->Fpga(FPGA_FORMAT, 1);
+        this->UnityGains();
+        this->Fpga(FPGA_HOLD, 0);
+    }
+    this->SendCMD(REQ_STOP_SENSOR_CLOCK);
+}
+
+template <class Base>
+void CLapis<Base>::InitClock()
+{
+    SetCMOSClk();
+    this->SetFPSPerc(this->m_iFPSPerc, this->m_bAutoFPS);
+}
+
+template <class Base>
+bool CLapis<Base>::SetOutput16Bits(bool on)
+{
+    this->m_bOutput16Bits = on;
+    this->SelectBandwidthUnit();
+    const bool bFast = this->m_bHighSpeed && !on;
+    this->m_Vars.iMinHMAX = bFast ? (IsOld() ? 360 : 181) : (IsOld() ? 462 : 230);
+    for (const ModeRow& r : g_Modes)
+        this->Write8(r.wReg, bFast ? r.bFast : r.bNormal);
+    const uint32_t format = bFast ? 0 : on ? 17 : 1;
+    if (!IsOld())
+        return this->Fpga(FPGA_FORMAT, format);
+    this->Fpga(FPGA_HOLD, format);
+    return this->Fpga(FPGA_FORMAT, on ? 1 : 0);
+}
+
+template <class Base>
+bool CLapis<Base>::SetHighSpeedMode(bool on)
+{
+    this->m_bHighSpeed = on;
+    SetOutput16Bits(this->m_bOutput16Bits);
+    SetCMOSClk();
+    this->SetFPSPerc(this->m_iFPSPerc, this->m_bAutoFPS);
+    SetExp(this->m_lExposure, this->m_bAutoExp);
+    SetBrightness(this->m_iBrightness);
+    return true;
+}
+
+template <class Base>
+bool CLapis<Base>::SetCMOSClk()
+{
+    return SetCMOSClk(NormalClock());
+}
+
+template <class Base>
+bool CLapis<Base>::SetCMOSClk(int clock)
+{
+    bool ok = true;
+    if (clock == CLK_LONG) {
+        this->Write8(REG_CLOCK_A, 5);
+        ok = this->Write8(REG_CLOCK_B, 5);
+    } else if (clock == 37125 || clock == 74250) {
+        this->Write8(REG_CLOCK, 0);
+        this->Write8(REG_CLOCK_A, 0x20);
+        ok = this->Write8(REG_CLOCK_B, 0x20);
+    }
+    this->m_iCMOSClk = clock;
+    return ok;
+}
+
+template <class Base>
+bool CLapis<Base>::WriteHMAX()
+{
+    if (!IsOld())
+        return CFpgaModel<Base>::WriteHMAX();
+    this->Write8(REG_HOLD, 1);
+    this->WriteBytes(REG_HMAX, uint32_t(this->m_iHMAX), 2);
+    return this->Write8(REG_HOLD, 0);
+}
+
+// Enters, follows or leaves the long-exposure mode by m_lExposure. In the mode the line grows with the exposure.
+template <class Base>
+void CLapis<Base>::SwitchLong()
+{
+    const uint64_t us = this->m_lExposure;
+    if (us < (IsOld() ? 400'000u : 4'000'000u)) {
+        if (!this->m_bLongExp)
+            return;
+        this->m_iHMAX = this->m_Vars.iSavedHMAX;
+        this->m_bLongExp = false;
+        WriteHMAX();
+        if (IsOld())
+            SetCMOSClk(74250);
+        else
+            this->Write8(0, RUN_GO);
+        return;
+    }
+    if (!this->m_bLongExp) {
+        this->m_Vars.iSavedHMAX = this->m_iHMAX;
+        this->m_bLongExp = true;
+        if (IsOld()) {
+            this->Write8(REG_CLOCK_A, 5);
+            this->Write8(REG_CLOCK_B, 5);
+            this->m_iCMOSClk = CLK_LONG;
+        } else {
+            this->Write8(0, RUN_GO_LONG);
+        }
+    }
+    if (IsOld()) {
+        struct Step { uint64_t lBelow; int32_t iHMAX; };
+        static constexpr Step steps[] = {
+            { 9'000'000, 2048 }, { 18'000'000, 4096 }, { 36'000'000, 8192 }, { 72'000'000, 16384 }, { 144'000'000, 32768 },
+            { UINT64_MAX, 65535 },
+        };
+        this->m_iHMAX = std::find_if(std::begin(steps), std::end(steps), [=](const Step& s) { return us < s.lBelow; })->iHMAX;
+    } else {
+        this->m_iHMAX = us < 100'000'000 ? 5376 : 36864;
+    }
+    WriteHMAX();
+}
+
+template <class Base>
+bool CLapis<Base>::SetExp(uint64_t microseconds, bool autoMode)
+{
+    this->m_bAutoExp = autoMode;
+    this->m_lExposure = std::clamp(microseconds, EXP_MIN, m_lExpMax);
+    SwitchLong();
+
+    const int sensorH = this->SensorH();
+    const float lineTime = this->LineTime();
+    uint32_t lines = uint32_t(sensorH + 38), svr = 10;
+    this->m_iFrameTime = TruncToInt(float(lines) * lineTime + T0);
+    this->CalcMaxFPS();
+    const int64_t us = int64_t(this->m_lExposure.Get());
+    const int32_t n = TruncToInt(std::min((float(us) - T0) / lineTime, 2e9f));
+    if (us <= this->m_iFrameTime)
+        svr = n == 0 ? uint32_t(sensorH + 37) : lines - uint32_t(n);
+    else
+        lines = uint32_t(n + 10);
+    svr = std::max(svr, 10u);
+    lines = std::min(lines, IsOld() ? 65535u : 0xFFFFFFu);
+    this->m_iExpLines = int32_t(lines - svr);
+
+    this->Write8(REG_HOLD, 1);
+    if (IsOld())
+        this->WriteBytes(REG_VMAX, lines, 2);
+    else
+        this->WriteVMAX(lines);
+    if (us - this->m_iFrameTime > 100'000) {
+        const uint32_t a = uint32_t(this->m_iBin * this->m_iHeight + 38), b = std::min(lines - 18, 0xFFFFFu);
+        this->WriteBytes(REG_PULSE_UP1, a, 3);
+        this->WriteBytes(REG_PULSE_DOWN1, b, 3);
+        this->WriteBytes(REG_PULSE_UP2, a, 3);
+        this->WriteBytes(REG_PULSE_DOWN2, b, 3);
+        this->Write8(REG_PULSE_MASK, 0xFF);
+        this->Write8(REG_PULSE, 1);
+    } else {
+        this->Write8(REG_PULSE, 0);
+    }
+    this->WriteBytes(REG_SVR, svr, 2);
+    return this->Write8(REG_HOLD, 0);
+}
+
+template <class Base>
+bool CLapis<Base>::SetGain(int gain, bool autoMode)
+{
+    this->m_bAutoGain = autoMode;
+    this->m_iGain = std::clamp(gain, 0, 400);
+    this->Write8(REG_HOLD, 1);
+    this->WriteBytes(REG_GAIN, uint32_t(this->m_iGain), 2);
+    return this->Write8(REG_HOLD, 0);
+}
+
+template <class Base>
+bool CLapis<Base>::SetBrightness(int value)
+{
+    return this->WriteBlack(REG_BLACK, value);
+}
+
+template <class Base>
+bool CLapis<Base>::WriteStart(int x, int y)
+{
+    this->Write8(REG_HOLD, 1);
+    this->WriteBytes(REG_WINDOW_LEFT, uint32_t(x), 2);
+    this->WriteBytes(REG_WINDOW_TOP, uint32_t(y), 2);
+    return this->Write8(REG_HOLD, 0);
+}
+
+template <class Base>
+bool CLapis<Base>::Cam_SetResolution()
+{
+    const uint32_t w = uint32_t(this->m_iWidth * this->m_iBin), h = uint32_t(this->m_iHeight * this->m_iBin);
+    this->WriteBytes(REG_VMAX, h + 38, 2);
+    this->WriteBytes(REG_WINDOW_HEIGHT, h, 2);
+    this->WriteBytes(REG_WINDOW_WIDTH, w, 2);
+    if (!IsOld())
+        this->Fpga(FPGA_HOLD, 1);
+    this->WriteFpga(FPGA_START_X, 0, 2);
+    this->WriteFpga(FPGA_START_Y, 11, 2);
+    this->WriteFpga(FPGA_WIDTH, w, 2);  // this FPGA is told the size before binning
+    bool ok = this->WriteFpga(FPGA_HEIGHT, h, 2);
+    if (!IsOld())
+        ok = this->Fpga(FPGA_HOLD, 0);
+    return ok;
+}
+
+template <class Base>
+bool CLapis<Base>::StartSensorStreaming()
+{
+    this->Write8(REG_STANDBY, 0);
+    platform::SleepMs(10);
+    if (!IsOld())
+        return this->Fpga(FPGA_RUN, this->m_bLongExp ? RUN_GO_LONG : RUN_GO);
+    this->Write8(REG_MASTER_STOP, 0);
+    platform::SleepMs(50);
+    return this->Write8(REG_SYNC, 10);
+}
+
+template <class Base>
+bool CLapis<Base>::StopSensorStreaming()
+{
+    if (IsOld())
+        this->Write8(REG_MASTER_STOP, 1);
+    else
+        this->Fpga(FPGA_RUN, this->m_bLongExp ? RUN_STOP_LONG : RUN_STOP);
+    return this->Write8(REG_STANDBY, 1);
+}
+
+template class CLapis<CCameraBase>;
+template class CLapis<CCameraCool>;

@@ -1,0 +1,57 @@
+// Lapis: global shutter, 1936 x 1216. From firmware 18 on the FPGA owns the frame; before, the sensor does.
+#pragma once
+#include "sensors/FpgaModel.h"
+
+template <class Base>
+class CLapis : public CFpgaModel<Base> {
+public:
+    CLapis(const ModelTraits& t, uint64_t lExpMax, ClassVars& v, void* handle);
+    bool SetGain(int gain, bool autoMode) override;
+    bool SetExp(uint64_t microseconds, bool autoMode) override;
+    bool SetBrightness(int value) override;
+    bool SetHighSpeedMode(bool on) override;
+    bool SetHardwareBin(bool) override { return false; }  // nothing is stored
+    bool SetOutput16Bits(bool on) override;
+    bool Cam_SetResolution() override;
+    bool SetCMOSClk() override;
+    bool SetCMOSClk(int clock) override;
+    bool StartSensorStreaming() override;
+    bool StopSensorStreaming() override;
+
+protected:
+    void InitSensor() override;
+    void InitControls() override { SetOutput16Bits(this->m_bOutput16Bits); }
+    void InitClock() override;
+    void ResolutionClock() override {}
+    bool WriteStart(int x, int y) override;
+    bool WriteHMAX() override;
+    int32_t ClockFloor() const override { return NormalClock(); }
+    bool BalanceHolds() const override { return !IsOld(); }
+
+private:
+    bool IsOld() const { return this->m_FirmwareVer < 18; }
+    int32_t NormalClock() const { return IsOld() ? 74250 : 37125; }  // kHz
+    void SwitchLong();
+    const uint64_t m_lExpMax;  // us
+};
+
+class KOV_CLASS CCameraSLapisCol final : public CLapis<CCameraBase> {
+public:
+    explicit CCameraSLapisCol(void* handle = nullptr);
+    ~CCameraSLapisCol() override { this->Shutdown(); }
+};
+class KOV_CLASS CCameraSLapisMono final : public CLapis<CCameraBase> {
+public:
+    explicit CCameraSLapisMono(void* handle = nullptr);
+    ~CCameraSLapisMono() override { this->Shutdown(); }
+};
+class KOV_CLASS CCameraSLapisCol_C final : public CLapis<CCameraCool> {
+public:
+    explicit CCameraSLapisCol_C(void* handle = nullptr);
+    ~CCameraSLapisCol_C() override { this->Shutdown(); }
+};
+class KOV_CLASS CCameraSLapisMono_C final : public CLapis<CCameraCool> {
+public:
+    explicit CCameraSLapisMono_C(void* handle = nullptr);
+    ~CCameraSLapisMono_C() override { this->Shutdown(); }
+};
