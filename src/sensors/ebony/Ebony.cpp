@@ -1,0 +1,275 @@
+#include "sensors/ebony/Ebony.h"
+
+#include <algorithm>
+#include <cmath>
+
+#include "RegisterTables.h"
+
+namespace {
+
+enum Reg : uint16_t {
+    REG_STANDBY = 0x0200,       // 1 sleeps; else the read-out mode
+    REG_SHS = 0x0206,           // 2 bytes
+    REG_TOP = 0x0208,           // 2 bytes
+    REG_LINES = 0x020A,         // 2 bytes
+};
+
+constexpr uint64_t EXP_MIN = 32, EXP_MAX = 1'000'000'000, EXP_LONG = 2'000'000;  // us
+constexpr int GAIN_MAX = 600, GAIN_LIMIT = 240;                                  // 0.1 dB; beyond the limit: digital
+constexpr int32_t CLK = 20250;                                                   // kHz
+
+// { frame time, shortest frame, bias, lowest SHS, highest SHS, stretched VMAX, cap, m_iExpLines, SHS when stretched }
+constexpr ExposureLaw Law(int lines)
+{
+    return { lines, lines + 1, 0, 0, lines, 0, 0xFFFFFF, 0, 1 };
+}
+
+constexpr EbonyTraits g_Ebony = {
+    .fpga = { 18, 43272, 325643, CLK, 80, 100000, true }, .law = Law(17),
+    .initTable = g_EbonyInit, .modeFull = g_EbonyModeFull, .modeBin3 = g_EbonyModeBin3, .bFormatFollowsBin = false,
+    .iMinFull = 585, .iMinBin3 = 310, .bFpgaYFull = 1, .bFpgaYBin3 = 1, .iLineMargin = 4,
+    .iColumnOffset = 8, .iTopFull = 58, .iTopBin3 = 52, .iRoundBin3 = 6, .bModeBin3 = 116, .iGainLimitBin3 = 180,
+    .wRegBlack = 0x021F, .aRegBlue = 0x0230, .aRegRed = 0x022C, .aRegGreen1 = 0x0232, .aRegGreen2 = 0x022E, .iRedShift = 4,
+    .iExpLinesBin3 = 3, .iFPSLinesBin3 = 1,
+};
+constexpr EbonyTraits g_Flint = {
+    .fpga = { 14, 43272, 333333, CLK, 80, 100000, true }, .law = Law(13),
+    .initTable = g_FlintInit, .modeFull = g_FlintModeFull, .modeBin3 = g_FlintModeBin3, .bFormatFollowsBin = true,
+    .iMinFull = 858, .iMinBin3 = 240, .bFpgaYFull = 3, .bFpgaYBin3 = 0, .iLineMargin = 2,
+    .iColumnOffset = 4, .iTopFull = 24, .iTopBin3 = 24, .iRoundBin3 = 0, .bModeBin3 = 84, .iGainLimitBin3 = 180,
+    .wRegBlack = 0x0216, .aRegBlue = 0x0226, .aRegRed = 0x0222, .aRegGreen1 = 0x0228, .aRegGreen2 = 0x0224, .iRedShift = 0,
+    .iExpLinesBin3 = 2, .iFPSLinesBin3 = 2,
+};
+constexpr EbonyTraits g_Halite = {
+    .fpga = { 24, 43272, 333333, CLK, 80, 100000, true }, .law = Law(23),
+    .initTable = g_HaliteInit, .modeFull = g_HaliteModeFull, .modeBin3 = g_HaliteModeBin3, .bFormatFollowsBin = true,
+    .iMinFull = 706, .iMinBin3 = 368, .bFpgaYFull = 4, .bFpgaYBin3 = 0, .iLineMargin = 4,
+    .iColumnOffset = 4, .iTopFull = 24, .iTopBin3 = 26, .iRoundBin3 = 0, .bModeBin3 = 36, .iGainLimitBin3 = 240,
+    .wRegBlack = 0x0216, .aRegBlue = 0x0226, .aRegRed = 0x0222, .aRegGreen1 = 0x0228, .aRegGreen2 = 0x0224, .iRedShift = 0,
+    .iExpLinesBin3 = 1, .iFPSLinesBin3 = 1,
+};
+
+constexpr ModelTraits g_EbonyCol = {
+    .family = Family::Ebony, .szClass = "CCameraSEbonyCol", .szName = "VYR KOVEbonyCol-Cool",
+    .szKey = L"SOFTWARE\\KOVEbonyCol", .iGuidSlot = 10, .aProducts = { { 0xC05A, nullptr } },
+    .iWidth = 4944, .iHeight = 3284, .dPixelSize = 4.86, .bayer = BAYER_RG, .bColor = true, .bUSB3 = true, .bCooler = true,
+    .fElecPerADU = 0, .iPropA = 0, .iPropB = 0, .iPropC = -1, .iPropD = -1,
+    .gain = { 0, 600, 200 }, .exposure = { 32, 1000000000, 10000 }, .iWB_R = 60, .iWB_B = 99, .iWBMin = 1, .iWBMax = 99,
+    .brightness = { 0, 1024, 0 }, .iBandwidthMin = 40, .iBandwidthMax = 100, .iFPSPerc = 80, .iFPSPercUSB3 = 80,
+    .iClk = CLK, .iHMAX = 585, .iMaxExposure = 1000000000, .iAutoGainMax = 300, .iAutoExpMaxCap = 1000,
+    .wCaps = CAP_BRIGHTNESS | CAP_BANDWIDTH | CAP_BANDWIDTH_AUTO | CAP_TEMPERATURE | CAP_FLIP | CAP_WB_R | CAP_WB_B,
+    .bTypes = TYPE_RAW8 | TYPE_RGB24 | TYPE_Y8 | TYPE_RAW16, .bStart = START_AUTO_FPS | START_HARDWARE_BIN, .bClose = 0,
+    .aBins = { 1, 2, 3 }, .aControls = { 0, 1, 2, 3, 4, 5, 6, 8, 9, 10, 11, 12, 13, 15, 16, 17, -1 },
+    .aPhase = { { 3, -2, 0, -4, -2 } }, .bDDR = false,
+};
+constexpr ModelTraits g_FlintCol = [] {
+    ModelTraits t = g_EbonyCol;
+    t.family = Family::Flint;
+    t.szClass = "CCameraSFlintCol";
+    t.szName = "VYR KOVFlintCol-Cool";
+    t.szKey = L"SOFTWARE\\KOVFlintCol";
+    t.aProducts[0] = { 0xC06A, nullptr };
+    t.iWidth = 7380;
+    t.iHeight = 4928;
+    t.dPixelSize = 5.97;
+    t.iHMAX = 858;
+    t.iAutoExpMaxCap = -1;
+    t.aPhase[0] = { 3, -4, 0, -4, 0 };
+    return t;
+}();
+constexpr ModelTraits g_HaliteCol = [] {
+    ModelTraits t = g_FlintCol;
+    t.family = Family::Halite;
+    t.szClass = "CCameraSHaliteCol";
+    t.szName = "VYR KOVHaliteCol-Cool";
+    t.szKey = L"SOFTWARE\\KOVHaliteCol";
+    t.aProducts[0] = { 0xC08A, nullptr };
+    t.iWidth = 6036;
+    t.iHeight = 4032;
+    t.iHMAX = 706;
+    t.aPhase[0] = {};
+    return t;
+}();
+
+template <const EbonyTraits& e>
+ClassVars g_Vars{ { e.fpga.iUnitUSB2 }, { e.iMinFull } };
+
+// White balance as an offset of the analog gain, dB.
+double BalanceDb(int x)
+{
+    return 20 * std::log10(x < 51 ? x / 100.0 + 0.5 : x / 50.0);
+}
+
+// Analog gain word for tenths of dB.
+uint32_t GainWord(double tenths)
+{
+    return static_cast<uint32_t>(std::max(0, static_cast<int>(4095 - 4095 * std::pow(10.0, -tenths / 10 / 20))));
+}
+
+}  // namespace
+
+CEbony::CEbony(const ModelTraits& t, const EbonyTraits& e, ClassVars& v, void* handle)
+    : CFpgaModel(t, e.fpga, v, handle), m_E(e)
+{
+}
+
+CCameraSEbonyCol::CCameraSEbonyCol(void* handle) : CEbony(g_EbonyCol, g_Ebony, g_Vars<g_Ebony>, handle)
+{
+    FinishConstruction();
+}
+CCameraSFlintCol::CCameraSFlintCol(void* handle) : CEbony(g_FlintCol, g_Flint, g_Vars<g_Flint>, handle)
+{
+    FinishConstruction();
+}
+CCameraSHaliteCol::CCameraSHaliteCol(void* handle) : CEbony(g_HaliteCol, g_Halite, g_Vars<g_Halite>, handle)
+{
+    FinishConstruction();
+}
+
+void CEbony::InitSensor()
+{
+    model::RunTable8(*this, m_E.initTable);
+    Fpga(FPGA_RUN, RUN_RESET);
+    platform::SleepMs(20);
+    Fpga(FPGA_RUN, RUN_STOP);
+    Fpga(FPGA_FORMAT, 1);
+}
+
+bool CEbony::SetResolution(int width, int height, int bin, IMAGE_TYPE type)
+{
+    if (!CFpgaModel::SetResolution(width, height, bin, type))
+        return false;
+    SetGain(m_iGain, m_bAutoGain);  // hardware bin 3 has another limit
+    return true;
+}
+
+bool CEbony::SetOutput16Bits(bool on)
+{
+    m_bOutput16Bits = on;
+    SelectBandwidthUnit();
+    if (m_E.bFormatFollowsBin && InHardBin3())
+        return Fpga(FPGA_FORMAT, on ? 16 : 0);
+    return Fpga(FPGA_FORMAT, on ? 17 : 1);
+}
+
+bool CEbony::SetHighSpeedMode(bool on)
+{
+    m_bHighSpeed = on;
+    return true;
+}
+
+bool CEbony::SetCMOSClk()
+{
+    return SetCMOSClk(CLK);
+}
+
+bool CEbony::SetCMOSClk(int clock)
+{
+    if (m_bOpen)
+        m_iCMOSClk = clock;
+    return true;
+}
+
+unsigned long CEbony::GetFrameTime() const
+{
+    return static_cast<unsigned long>(TruncToInt(float(Lines(m_E.iExpLinesBin3) + m_E.law.iFrameLines) * LineTime()));
+}
+
+bool CEbony::SetExp(uint64_t microseconds, bool autoMode)
+{
+    m_bAutoExp = autoMode;
+    m_lExposure = std::clamp(microseconds, EXP_MIN, EXP_MAX);
+    SwitchLongExp(EXP_LONG, 0xA1);
+    // m_iFrameTime stays unset on this family: the capture loop's waits follow the exposure alone.
+    const ExposureRegs r = CalcExposure(m_E.law, m_lExposure, LineTime(), Lines(m_E.iExpLinesBin3));
+    m_iExpLines = r.iExpLines;
+    WriteVMAX(r.lVMAX);
+    return WriteBytes(REG_SHS, r.lSHS, 2);
+}
+
+bool CEbony::SetGain(int gain, bool autoMode)
+{
+    m_bAutoGain = autoMode;
+    const int g = std::clamp(gain, 0, GAIN_MAX);
+    m_iGain = g;
+    const int limit = InHardBin3() ? m_E.iGainLimitBin3 : GAIN_LIMIT;
+    const int a = std::min(g, limit);
+    const uint32_t green = GainWord(a);
+    const uint32_t red = GainWord(BalanceDb(m_iWB_R) * 10 + a);
+    const uint32_t blue = GainWord(BalanceDb(m_iWB_B) * 10 + a);
+    const int digital = g <= limit ? 4 : std::min(static_cast<int>(4 * std::pow(10.0, (g - limit) / 10.0 / 20)), 255);
+    Fpga(FPGA_GAIN_A, uint32_t(digital));
+    WriteBytes(m_E.aRegBlue, blue, 2);
+    WriteBytes(m_E.aRegRed, red << m_E.iRedShift, 2);
+    WriteBytes(m_E.aRegGreen1, green, 2);
+    return WriteBytes(m_E.aRegGreen2, green, 2);
+}
+
+void CEbony::SetRGBBalance(int red, int blue, bool autoMode)
+{
+    m_iWB_R = std::clamp(red, 1, 99);
+    m_iWB_B = std::clamp(blue, 1, 99);
+    m_bAutoWB = autoMode;
+    SetGain(m_iGain, m_bAutoGain);
+}
+
+bool CEbony::SetBrightness(int value)
+{
+    return WriteBlack(m_E.wRegBlack, value);
+}
+
+float CEbony::GetSensorTemp()
+{
+    m_fSensorTemp = GetADTemp();
+    return m_fSensorTemp;
+}
+
+int CEbony::RoundX(int x) const
+{
+    return m_E.iRoundBin3 != 0 && m_iBin == 3 ? x / m_E.iRoundBin3 * m_E.iRoundBin3 : x & ~3;
+}
+
+bool CEbony::WriteStart(int x, int y)
+{
+    const bool b3 = InHardBin3();
+    Fpga(FPGA_HOLD, 1);
+    WriteFpga(FPGA_START_X, uint32_t(b3 ? x / 3 + m_E.iColumnOffset / 2 : x + m_E.iColumnOffset), 2);
+    Fpga(FPGA_HOLD, 0);
+    const bool bCapturing = m_bCapturing;
+    if (bCapturing)
+        Fpga(FPGA_RUN, RUN_STOP);
+    bool ok = WriteBytes(REG_TOP, uint32_t(y + (b3 ? m_E.iTopBin3 : m_E.iTopFull)), 2);
+    if (bCapturing)
+        ok = Fpga(FPGA_RUN, RunValue());
+    return ok;
+}
+
+bool CEbony::Cam_SetResolution()
+{
+    const bool b3 = InHardBin3();
+    m_Vars.iMinHMAX = b3 ? m_E.iMinBin3 : m_E.iMinFull;
+    Fpga(FPGA_HOLD, 1);
+    WriteFpga(FPGA_START_Y, b3 ? m_E.bFpgaYBin3 : m_E.bFpgaYFull, 2);
+    model::RunTable8(*this, b3 ? m_E.modeBin3 : m_E.modeFull);
+    WriteBytes(REG_LINES, uint32_t(SensorH() + m_E.iLineMargin), 2);
+    WriteSensorSizeToFpga();
+    return Fpga(FPGA_HOLD, 0);
+}
+
+bool CEbony::StartSensorStreaming()
+{
+    Write8(REG_STANDBY, InHardBin3() ? m_E.bModeBin3 : 4);
+    platform::SleepMs(10);
+    return Fpga(FPGA_RUN, RunValue());
+}
+
+bool CEbony::StopSensorStreaming()
+{
+    Fpga(FPGA_RUN, RUN_STOP);
+    return Write8(REG_STANDBY, 1);
+}
+
+float CEbony::MaxFPSNow()
+{
+    return FPSFromLine(Lines(m_E.iExpLinesBin3));
+}
