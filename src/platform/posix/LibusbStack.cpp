@@ -1,0 +1,895 @@
+// One object, CHost, holds what a process shares: the libusb context, the event thread, the open devices with their
+// queues. Two locks: m_csOpen around opening, closing and listing (it may be held for long); m_cs around the queues
+// (held for moments; taken inside m_csOpen, never the other way round). No callback of a caller runs under either.
+#include "platform/posix/LibusbStack.h"
+
+#include <libusb.h>
+#include <pthread.h>
+#include <signal.h>
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstdio>
+#include <cstring>
+#include <deque>
+#include <list>
+#include <memory>
+#include <mutex>
+#include <system_error>
+#include <thread>
+#include <tuple>
+
+namespace usbstack {
+namespace {
+
+using UniqueLock = std::unique_lock<std::mutex>;
+
+constexpr uint16_t VENDOR_ID = 0x0E5A;
+constexpr int INTERFACE = 0;
+constexpr unsigned MAX_CONTROL = 4096;          // bytes, limit of Linux and of libusb
+constexpr unsigned PIPES = 32;                  // 16 endpoint numbers, two directions
+constexpr std::chrono::milliseconds RETRY{ 5 };  // for memory that another process holds
+
+// What usbfs books beyond the data: hosts without scatter-gather are served in pieces of 16 KiB, each with a record of
+// less than 512 bytes.
+constexpr uint64_t PIECE = 16384, PIECE_COST = 512;
+
+Status FromError(int r)
+{
+    switch (r) {
+    case LIBUSB_SUCCESS: return Status::Ok;
+    case LIBUSB_ERROR_NO_DEVICE: return Status::Gone;
+    case LIBUSB_ERROR_BUSY: return Status::Busy;
+    case LIBUSB_ERROR_ACCESS: return Status::Access;
+    case LIBUSB_ERROR_NO_MEM: return Status::NoMemory;
+    case LIBUSB_ERROR_PIPE: return Status::Stall;
+    case LIBUSB_ERROR_TIMEOUT: return Status::TimedOut;
+    default: return Status::Failed;
+    }
+}
+
+Status FromTransfer(libusb_transfer_status s)
+{
+    switch (s) {
+    case LIBUSB_TRANSFER_COMPLETED: return Status::Ok;
+    case LIBUSB_TRANSFER_CANCELLED: return Status::Cancelled;
+    case LIBUSB_TRANSFER_STALL: return Status::Stall;
+    case LIBUSB_TRANSFER_TIMED_OUT: return Status::TimedOut;
+    case LIBUSB_TRANSFER_NO_DEVICE: return Status::Gone;
+    default: return Status::Failed;
+    }
+}
+
+Speed FromSpeed(int iSpeed)
+{
+    switch (iSpeed) {
+    case LIBUSB_SPEED_LOW:
+    case LIBUSB_SPEED_FULL: return Speed::Full;
+    case LIBUSB_SPEED_HIGH: return Speed::High;
+    default: return iSpeed >= LIBUSB_SPEED_SUPER ? Speed::Super : Speed::Unknown;
+    }
+}
+
+struct SharedDevice;
+
+struct Xfer {
+    enum class State { Parked, Flying, Ended };  // waiting for memory or for a hold; with the kernel; to be delivered
+    State state = State::Parked;
+    SharedDevice* pDevice = nullptr;
+    const IDevice* pOwner = nullptr;
+    BulkRequest* pRequest = nullptr;
+    libusb_transfer* pTransfer = nullptr;
+    uint64_t lSequence = 0;
+    Status status = Status::Ok;
+    uint32_t dwBytes = 0;
+
+    ~Xfer() { libusb_free_transfer(pTransfer); }
+    uint64_t Cost() const { return pRequest->dwLength + PIECE_COST * (1 + pRequest->dwLength / PIECE); }
+};
+
+// Requests of one endpoint, oldest first. They start in this order, and those of one handle are delivered in it, in
+// whatever order cancelled ones come back.
+struct Pipe {
+    std::deque<std::unique_ptr<Xfer>> queue;
+    uint64_t lFlying = 0;  // cost of those with the kernel
+    int iHold = 0;         // > 0: new requests wait, somebody resets the pipe
+
+    Xfer* FirstParked() const
+    {
+        for (const auto& p : queue)
+            if (p->state == Xfer::State::Parked)
+                return p.get();
+        return nullptr;
+    }
+    // A handle that closes must not wait for the requests of another one.
+    Xfer* FirstDeliverable() const
+    {
+        for (auto it = queue.begin(); it != queue.end(); ++it)
+            if ((*it)->state == Xfer::State::Ended &&
+                std::none_of(queue.begin(), it, [&](const auto& p) { return p->pOwner == (*it)->pOwner; }))
+                return it->get();
+        return nullptr;
+    }
+    std::unique_ptr<Xfer> Take(const Xfer* pXfer)
+    {
+        const auto it = std::find_if(queue.begin(), queue.end(), [&](const auto& p) { return p.get() == pXfer; });
+        std::unique_ptr<Xfer> p = std::move(*it);
+        queue.erase(it);
+        return p;
+    }
+};
+
+// One open device of the process, shared by its handles.
+struct SharedDevice {
+    libusb_device* pDevice = nullptr;  // with a reference
+    libusb_device_handle* pHandle = nullptr;
+    int iHandles = 0;                  // guarded by m_csOpen
+    std::atomic<bool> bGone = false;
+    std::atomic<int> iResetting = 0;   // "no such device" is no news then
+    std::atomic<int> iAltSetting = 0;
+    std::array<Pipe, PIPES> pipes;     // from here on guarded by m_cs
+    int iCancelling = 0;
+    std::vector<std::unique_ptr<Xfer>> graveyard;  // delivered, but a canceller may still name them
+
+    Pipe& At(uint8_t bEndpoint) { return pipes[(bEndpoint & 15u) | (bEndpoint & 0x80u) >> 3]; }
+};
+
+class CHost {
+public:
+    static CHost* Current();
+
+    std::vector<DeviceInfo> Enumerate();
+    SharedDevice* Open(const std::string& sPath, Status* pStatus);
+    void Close(SharedDevice* pDevice, const IDevice* pOwner);
+    Status Control(SharedDevice& d, const uint8_t* pSetup, uint8_t* pData, uint16_t wLength, uint32_t dwTimeoutMs,
+                   uint32_t* pdwMoved);
+    Status Submit(SharedDevice& d, const IDevice* pOwner, BulkRequest* pRequest);
+    void Abort(SharedDevice& d, uint8_t bEndpoint);
+    // Runs `work` on the device while the pipes (all with bEndpoint 0) are empty and new requests wait.
+    template <class Work>
+    int Quietly(SharedDevice& d, uint8_t bEndpoint, Work work);
+    Status Restart(SharedDevice& d, bool bStale);
+    Status Note(SharedDevice& d, Status status);
+
+private:
+    struct ControlWait {
+        CHost* pHost;
+        bool bDone;
+    };
+
+    bool AcquireContext();
+    void ReleaseContext();
+    bool StartThread();
+    void StopThread();
+    void Run();
+    void Pump();
+    Status Start(Xfer& x);
+    void End(Xfer& x, Status status);
+    void Deliver(UniqueLock& lock);
+    void Cancel(UniqueLock& lock, SharedDevice& d, const Pipe* pPipe, const IDevice* pOwner);
+    void MarkGone(SharedDevice& d);
+    void Wake() { libusb_interrupt_event_handler(m_pContext); }
+    static void LIBUSB_CALL OnBulk(libusb_transfer* pTransfer);
+    static void LIBUSB_CALL OnControl(libusb_transfer* pTransfer);
+
+    std::mutex m_csOpen;
+    libusb_context* m_pContext = nullptr;
+    int m_iContextUsers = 0;
+    std::thread m_thread;
+
+    std::mutex m_cs;
+    std::condition_variable m_cvDone;   // a request was delivered, a control request ended, or stop
+    std::list<SharedDevice*> m_devices;  // changed under both locks
+    bool m_bStop = false;
+    uint64_t m_lSequence = 0;
+    uint64_t m_lFlying = 0;             // cost of all bulk requests with the kernel
+    uint64_t m_lLimit = 0;              // 0: none known
+    int m_iParked = 0, m_iEnded = 0;
+};
+
+std::atomic<CHost*> g_pHost = nullptr;
+
+// Never destroyed: an event thread may outlive the destruction of static objects. After a fork the parent's thread is
+// missing and its locks may be held, so the child takes a new one.
+CHost* CHost::Current()
+{
+    static const bool bMade = [] {
+        g_pHost = new CHost;
+        pthread_atfork(nullptr, nullptr, [] { g_pHost = new CHost; });
+        return true;
+    }();
+    (void)bMade;
+    return g_pHost;
+}
+
+// --- listing, opening, closing --------------------------------------------------------------------------------------
+
+bool CHost::AcquireContext()
+{
+    if (m_iContextUsers == 0 && libusb_init(&m_pContext) != LIBUSB_SUCCESS)
+        return false;
+    ++m_iContextUsers;
+    return true;
+}
+
+void CHost::ReleaseContext()
+{
+    if (--m_iContextUsers == 0) {
+        libusb_exit(m_pContext);
+        m_pContext = nullptr;
+    }
+}
+
+struct Found {
+    libusb_device* pDevice;
+    std::vector<uint8_t> ports;
+    DeviceInfo info;
+};
+
+// The devices of the vendor, in order. The references belong to `list`, which the caller frees.
+std::vector<Found> List(libusb_context* pContext, libusb_device*** plist)
+{
+    std::vector<Found> found;
+    const ssize_t n = libusb_get_device_list(pContext, plist);
+    for (ssize_t i = 0; i < n; ++i) {
+        libusb_device* p = (*plist)[i];
+        libusb_device_descriptor d;
+        if (libusb_get_device_descriptor(p, &d) != LIBUSB_SUCCESS || d.idVendor != VENDOR_ID)
+            continue;
+        Found f;
+        f.pDevice = p;
+        f.ports.resize(8);
+        f.ports.resize(size_t(std::max(0, libusb_get_port_numbers(p, f.ports.data(), int(f.ports.size())))));
+        for (const uint8_t bPort : f.ports)
+            f.info.sPortPath += (f.info.sPortPath.empty() ? "" : ".") + std::to_string(bPort);
+        f.info.wVendorId = d.idVendor;
+        f.info.wProductId = d.idProduct;
+        f.info.bBus = libusb_get_bus_number(p);
+        f.info.bAddress = libusb_get_device_address(p);
+        f.info.sPath = std::to_string(f.info.bBus) + "-" + f.info.sPortPath + "@" + std::to_string(f.info.bAddress);
+        f.info.speed = FromSpeed(libusb_get_device_speed(p));
+        found.push_back(std::move(f));
+    }
+    // Compared as numbers: socket 10 comes after socket 9. The address only decides where a host tells no ports.
+    std::sort(found.begin(), found.end(), [](const Found& a, const Found& b) {
+        return std::tie(a.info.bBus, a.ports, a.info.bAddress) < std::tie(b.info.bBus, b.ports, b.info.bAddress);
+    });
+    return found;
+}
+
+void FreeList(libusb_device** list)
+{
+    if (list)
+        libusb_free_device_list(list, 1);
+}
+
+std::vector<DeviceInfo> CHost::Enumerate()
+{
+    const std::lock_guard lock(m_csOpen);
+    std::vector<DeviceInfo> v;
+    if (!AcquireContext())
+        return v;
+    libusb_device** list = nullptr;
+    for (Found& f : List(m_pContext, &list))
+        v.push_back(std::move(f.info));
+    FreeList(list);
+    ReleaseContext();
+    return v;
+}
+
+SharedDevice* CHost::Open(const std::string& sPath, Status* pStatus)
+{
+    const std::lock_guard lock(m_csOpen);
+    *pStatus = Status::Failed;
+    if (!AcquireContext())
+        return nullptr;
+    libusb_device** list = nullptr;
+    libusb_device* pFound = nullptr;
+    for (const Found& f : List(m_pContext, &list))
+        if (f.info.sPath == sPath)
+            pFound = libusb_ref_device(f.pDevice);
+    FreeList(list);
+
+    SharedDevice* pResult = nullptr;
+    if (!pFound)
+        *pStatus = Status::Gone;
+    for (SharedDevice* p : m_devices)
+        if (pFound && p->pDevice == pFound && !p->bGone)
+            pResult = p;
+    if (pResult) {
+        libusb_unref_device(pFound);
+        ReleaseContext();
+        ++pResult->iHandles;
+        *pStatus = Status::Ok;
+        return pResult;
+    }
+
+    libusb_device_handle* pHandle = nullptr;
+    int r = pFound ? libusb_open(pFound, &pHandle) : LIBUSB_ERROR_NO_DEVICE;
+    if (r == LIBUSB_SUCCESS) {
+        libusb_set_auto_detach_kernel_driver(pHandle, 1);  // not every system has such a thing
+        r = libusb_claim_interface(pHandle, INTERFACE);
+        if (r == LIBUSB_SUCCESS && m_devices.empty() && !StartThread())
+            r = LIBUSB_ERROR_OTHER;
+    }
+    if (r == LIBUSB_SUCCESS) {
+        pResult = new SharedDevice;
+        pResult->pDevice = pFound;
+        pResult->pHandle = pHandle;
+        pResult->iHandles = 1;
+        const std::lock_guard lockQueues(m_cs);
+        m_devices.push_back(pResult);
+    } else {
+        if (pHandle)
+            libusb_close(pHandle);
+        if (pFound)
+            libusb_unref_device(pFound);
+        ReleaseContext();
+    }
+    *pStatus = FromError(r);
+    return pResult;
+}
+
+void CHost::Close(SharedDevice* p, const IDevice* pOwner)
+{
+    {
+        UniqueLock lock(m_cs);
+        Cancel(lock, *p, nullptr, pOwner);
+    }
+    const std::lock_guard lock(m_csOpen);
+    if (--p->iHandles != 0)
+        return;
+    {
+        const std::lock_guard lockQueues(m_cs);
+        m_devices.remove(p);
+    }
+    libusb_release_interface(p->pHandle, INTERFACE);
+    libusb_close(p->pHandle);
+    libusb_unref_device(p->pDevice);
+    delete p;
+    if (m_devices.empty())
+        StopThread();
+    ReleaseContext();
+}
+
+// --- the event thread -----------------------------------------------------------------------------------------------
+
+// A host without scatter-gather gets a request in pieces, and a lack of memory in their midst costs the whole request.
+// Keeping below the system's limit avoids that as far as this process alone can.
+uint64_t MemoryLimit()
+{
+    unsigned long lMiB = 0;
+#ifdef __linux__
+    if (FILE* f = std::fopen("/sys/module/usbcore/parameters/usbfs_memory_mb", "re")) {
+        if (std::fscanf(f, "%lu", &lMiB) != 1)
+            lMiB = 0;
+        std::fclose(f);
+    }
+#endif
+    return uint64_t{ lMiB } << 20;
+}
+
+bool CHost::StartThread()
+{
+    m_bStop = false;
+    m_lLimit = MemoryLimit();
+    // Signals of the host are the business of the host's threads.
+    sigset_t all, old;
+    sigfillset(&all);
+    pthread_sigmask(SIG_SETMASK, &all, &old);
+    bool bStarted = true;
+    try {
+        m_thread = std::thread([this] { Run(); });
+    } catch (const std::system_error&) {
+        bStarted = false;
+    }
+    pthread_sigmask(SIG_SETMASK, &old, nullptr);
+    return bStarted;
+}
+
+void CHost::StopThread()
+{
+    {
+        const std::lock_guard lock(m_cs);
+        m_bStop = true;
+        m_cvDone.notify_all();
+    }
+    Wake();
+    m_thread.join();
+}
+
+// The only place that handles events: libusb's synchronous transfers, which would do it too, are not used, so that
+// completions come from this thread alone.
+void CHost::Run()
+{
+    UniqueLock lock(m_cs);
+    while (!m_bStop) {
+        timeval tv{};
+        if (m_iParked != 0)
+            tv.tv_usec = std::chrono::microseconds(RETRY).count();
+        else
+            tv.tv_sec = 60;
+        lock.unlock();
+        const int r = libusb_handle_events_timeout_completed(m_pContext, &tv, nullptr);
+        lock.lock();
+        Pump();
+        Deliver(lock);
+        if (r != LIBUSB_SUCCESS && r != LIBUSB_ERROR_INTERRUPTED && !m_bStop)
+            m_cvDone.wait_for(lock, RETRY);  // do not spin on an error that stays
+    }
+}
+
+// --- bulk requests (m_cs held) --------------------------------------------------------------------------------------
+
+Status CHost::Start(Xfer& x)
+{
+    if (x.pDevice->bGone)
+        return Status::Gone;
+    const uint64_t lCost = x.Cost();
+    if (m_lLimit != 0 && m_lFlying != 0 && m_lFlying + lCost > m_lLimit)
+        return Status::NoMemory;
+    const Status status = FromError(libusb_submit_transfer(x.pTransfer));
+    if (status == Status::Ok) {
+        x.state = Xfer::State::Flying;
+        x.pDevice->At(x.pRequest->bEndpoint).lFlying += lCost;
+        m_lFlying += lCost;
+    } else if (status == Status::Gone) {
+        x.pDevice->bGone = true;
+    }
+    return status;
+}
+
+// Ends a parked request; the event thread delivers it.
+void CHost::End(Xfer& x, Status status)
+{
+    x.state = Xfer::State::Ended;
+    x.status = status;
+    --m_iParked;
+    if (m_iEnded++ == 0)
+        Wake();
+}
+
+// Starts parked requests. The pipe with the least in flight comes first, and the others wait for it: a camera with
+// large requests would starve beside one with small ones.
+void CHost::Pump()
+{
+    std::vector<const Pipe*> full;
+    while (m_iParked != 0) {
+        Pipe* pNext = nullptr;
+        for (SharedDevice* d : m_devices)
+            for (Pipe& p : d->pipes)
+                if (p.iHold == 0 && p.FirstParked() && std::find(full.begin(), full.end(), &p) == full.end() &&
+                    (!pNext || p.lFlying < pNext->lFlying))
+                    pNext = &p;
+        if (!pNext)
+            return;
+        Xfer& x = *pNext->FirstParked();
+        const Status status = Start(x);
+        if (status == Status::Ok) {
+            --m_iParked;
+        } else if (status != Status::NoMemory) {
+            End(x, status);
+        } else {
+            if (m_lFlying != 0)
+                return;  // the next completion comes here again
+            full.push_back(pNext);
+        }
+    }
+}
+
+void CHost::Deliver(UniqueLock& lock)
+{
+    if (m_iEnded == 0)
+        return;
+    // A device cannot leave the list while a request of it is queued, so the walk survives the unlocking.
+    for (SharedDevice* d : m_devices) {
+        for (Pipe& p : d->pipes) {
+            bool bAny = false;
+            while (Xfer* x = p.FirstDeliverable()) {
+                lock.unlock();
+                x->pRequest->OnComplete(x->pRequest, x->status, x->dwBytes);
+                lock.lock();
+                --m_iEnded;
+                std::unique_ptr<Xfer> done = p.Take(x);
+                if (d->iCancelling != 0)
+                    d->graveyard.push_back(std::move(done));
+                bAny = true;
+            }
+            if (bAny)
+                m_cvDone.notify_all();
+        }
+    }
+}
+
+void LIBUSB_CALL CHost::OnBulk(libusb_transfer* pTransfer)
+{
+    CHost& host = *Current();
+    UniqueLock lock(host.m_cs);
+    Xfer& x = *static_cast<Xfer*>(pTransfer->user_data);
+    SharedDevice& d = *x.pDevice;
+    const uint64_t lCost = x.Cost();
+    d.At(x.pRequest->bEndpoint).lFlying -= lCost;
+    host.m_lFlying -= lCost;
+    x.state = Xfer::State::Ended;
+    x.status = FromTransfer(pTransfer->status);
+    x.dwBytes = uint32_t(pTransfer->actual_length);
+    ++host.m_iEnded;
+    if (x.status == Status::Gone && d.iResetting == 0)
+        host.MarkGone(d);
+    host.Pump();  // before the delivery: keep the device busy
+    host.Deliver(lock);
+}
+
+void CHost::MarkGone(SharedDevice& d)
+{
+    d.bGone = true;
+    for (Pipe& p : d.pipes)
+        for (const auto& x : p.queue)
+            if (x->state == Xfer::State::Parked)
+                End(*x, Status::Gone);
+}
+
+// Ends the requests queued so far on a pipe (null: on all) and of one owner (null: of all). Returns when each has been
+// delivered.
+void CHost::Cancel(UniqueLock& lock, SharedDevice& d, const Pipe* pPipe, const IDevice* pOwner)
+{
+    const uint64_t lEnd = m_lSequence;
+    const auto chosen = [&](const Xfer& x) { return x.lSequence < lEnd && (!pOwner || x.pOwner == pOwner); };
+    // The last first: data that still come in then fill the oldest requests, in order. The lock is let go, since every
+    // cancellation may wait for the host controller, and other cameras need the event thread.
+    std::vector<libusb_transfer*> flying;
+    for (Pipe& p : d.pipes) {
+        if (pPipe && pPipe != &p)
+            continue;
+        for (auto it = p.queue.rbegin(); it != p.queue.rend(); ++it) {
+            Xfer& x = **it;
+            if (!chosen(x))
+                continue;
+            if (x.state == Xfer::State::Flying)
+                flying.push_back(x.pTransfer);
+            else if (x.state == Xfer::State::Parked)
+                End(x, Status::Cancelled);
+        }
+    }
+    ++d.iCancelling;
+    lock.unlock();
+    for (libusb_transfer* p : flying)
+        libusb_cancel_transfer(p);
+    lock.lock();
+    m_cvDone.wait(lock, [&] {
+        for (const Pipe& p : d.pipes)
+            if ((!pPipe || pPipe == &p) &&
+                std::any_of(p.queue.begin(), p.queue.end(), [&](const auto& x) { return chosen(*x); }))
+                return false;
+        return true;
+    });
+    if (--d.iCancelling == 0)
+        d.graveyard.clear();
+}
+
+Status CHost::Submit(SharedDevice& d, const IDevice* pOwner, BulkRequest* pRequest)
+{
+    if (d.bGone)
+        return Status::Gone;
+    if (pRequest->dwLength > uint32_t{ INT32_MAX })
+        return Status::Failed;
+    auto x = std::make_unique<Xfer>();
+    x->pDevice = &d;
+    x->pOwner = pOwner;
+    x->pRequest = pRequest;
+    x->pTransfer = libusb_alloc_transfer(0);
+    if (!x->pTransfer)
+        return Status::NoMemory;
+    libusb_fill_bulk_transfer(x->pTransfer, d.pHandle, pRequest->bEndpoint, pRequest->pData, int(pRequest->dwLength),
+                              OnBulk, x.get(), 0);
+
+    const std::lock_guard lock(m_cs);
+    Pipe& p = d.At(pRequest->bEndpoint);
+    pRequest->pStack = x.get();
+    x->lSequence = m_lSequence++;
+    bool bPark = p.iHold != 0 || m_iParked != 0;
+    if (!bPark) {
+        const Status status = Start(*x);
+        if (status != Status::Ok && status != Status::NoMemory)
+            return status;
+        bPark = status == Status::NoMemory;
+    }
+    p.queue.push_back(std::move(x));
+    if (bPark) {
+        if (m_iParked++ == 0)
+            Wake();  // from here on the thread tries again by itself, too
+        Pump();
+    }
+    return Status::Ok;
+}
+
+void CHost::Abort(SharedDevice& d, uint8_t bEndpoint)
+{
+    UniqueLock lock(m_cs);
+    Cancel(lock, d, &d.At(bEndpoint), nullptr);
+}
+
+// --- the rest of a device -------------------------------------------------------------------------------------------
+
+Status CHost::Note(SharedDevice& d, Status status)
+{
+    if (status == Status::Gone && d.iResetting == 0) {
+        const std::lock_guard lock(m_cs);
+        MarkGone(d);
+    }
+    return status;
+}
+
+template <class Work>
+int CHost::Quietly(SharedDevice& d, uint8_t bEndpoint, Work work)
+{
+    Pipe* const pPipe = bEndpoint != 0 ? &d.At(bEndpoint) : nullptr;
+    const auto hold = [&](int iStep) {
+        for (Pipe& p : d.pipes)
+            if (!pPipe || pPipe == &p)
+                p.iHold += iStep;
+    };
+    UniqueLock lock(m_cs);
+    hold(1);
+    Cancel(lock, d, pPipe, nullptr);
+    lock.unlock();
+    const int r = work();
+    lock.lock();
+    hold(-1);
+    Pump();
+    return r;
+}
+
+Status CHost::Restart(SharedDevice& d, bool bStale)
+{
+    ++d.iResetting;
+    int r = Quietly(d, 0, [&] { return libusb_reset_device(d.pHandle); });
+    --d.iResetting;
+    const bool bChanged = r == LIBUSB_ERROR_NOT_FOUND;  // came back, but as another device
+    if (bStale && (bChanged || r == LIBUSB_SUCCESS)) {
+        // The next Open takes a fresh handle; it must find the interface free.
+        libusb_release_interface(d.pHandle, INTERFACE);
+        Note(d, Status::Gone);
+        return Status::Ok;
+    }
+    return Note(d, bChanged ? Status::Gone : FromError(r));
+}
+
+void LIBUSB_CALL CHost::OnControl(libusb_transfer* pTransfer)
+{
+    ControlWait& w = *static_cast<ControlWait*>(pTransfer->user_data);
+    CHost& host = *w.pHost;
+    const std::lock_guard lock(host.m_cs);
+    w.bDone = true;
+    host.m_cvDone.notify_all();
+}
+
+Status CHost::Control(SharedDevice& d, const uint8_t* pSetup, uint8_t* pData, uint16_t wLength, uint32_t dwTimeoutMs,
+                      uint32_t* pdwMoved)
+{
+    if (d.bGone)
+        return Status::Gone;
+    if (wLength > MAX_CONTROL)
+        return Status::Failed;
+    const bool bIn = (pSetup[0] & LIBUSB_ENDPOINT_IN) != 0;
+    std::array<uint8_t, LIBUSB_CONTROL_SETUP_SIZE + MAX_CONTROL> buffer;
+    std::memcpy(buffer.data(), pSetup, LIBUSB_CONTROL_SETUP_SIZE);
+    if (!bIn && wLength != 0)
+        std::memcpy(buffer.data() + LIBUSB_CONTROL_SETUP_SIZE, pData, wLength);
+
+    const std::unique_ptr<libusb_transfer, decltype(&libusb_free_transfer)> pTransfer(libusb_alloc_transfer(0),
+                                                                                       libusb_free_transfer);
+    if (!pTransfer)
+        return Status::NoMemory;
+    ControlWait w{ this, false };
+    libusb_fill_control_transfer(pTransfer.get(), d.pHandle, buffer.data(), OnControl, &w, dwTimeoutMs);
+
+    // Bulk requests can leave no memory for a control request either. Real time: this is the driver's own limit.
+    const auto start = std::chrono::steady_clock::now();
+    UniqueLock lock(m_cs);
+    for (;;) {
+        lock.unlock();
+        const Status status = FromError(libusb_submit_transfer(pTransfer.get()));
+        if (status != Status::Ok && status != Status::NoMemory)
+            return Note(d, status);
+        lock.lock();
+        if (status == Status::Ok)
+            break;
+        if (dwTimeoutMs != 0 && std::chrono::steady_clock::now() - start >= std::chrono::milliseconds(dwTimeoutMs))
+            return Status::TimedOut;
+        m_cvDone.wait_for(lock, RETRY);
+    }
+    m_cvDone.wait(lock, [&] { return w.bDone; });
+    lock.unlock();
+
+    *pdwMoved = uint32_t(pTransfer->actual_length);
+    if (bIn && *pdwMoved != 0)
+        std::memcpy(pData, buffer.data() + LIBUSB_CONTROL_SETUP_SIZE, *pdwMoved);
+    return Note(d, FromTransfer(pTransfer->status));
+}
+
+// --- descriptors without the wire -----------------------------------------------------------------------------------
+
+void Put16(std::vector<uint8_t>& v, uint16_t w)
+{
+    v.push_back(uint8_t(w & 0xFF));
+    v.push_back(uint8_t(w >> 8));
+}
+
+void PutExtra(std::vector<uint8_t>& v, const unsigned char* p, int iLength)
+{
+    if (p)
+        v.insert(v.end(), p, p + iLength);
+}
+
+std::vector<uint8_t> DeviceDescriptor(libusb_device* p)
+{
+    libusb_device_descriptor d;
+    std::vector<uint8_t> v;
+    if (libusb_get_device_descriptor(p, &d) != LIBUSB_SUCCESS)
+        return v;
+    v = { LIBUSB_DT_DEVICE_SIZE, LIBUSB_DT_DEVICE };
+    Put16(v, d.bcdUSB);
+    v.insert(v.end(), { d.bDeviceClass, d.bDeviceSubClass, d.bDeviceProtocol, d.bMaxPacketSize0 });
+    Put16(v, d.idVendor);
+    Put16(v, d.idProduct);
+    Put16(v, d.bcdDevice);
+    v.insert(v.end(), { d.iManufacturer, d.iProduct, d.iSerialNumber, d.bNumConfigurations });
+    return v;
+}
+
+std::vector<uint8_t> ConfigDescriptor(libusb_device* p, uint8_t bIndex)
+{
+    libusb_config_descriptor* c = nullptr;
+    std::vector<uint8_t> v;
+    if (libusb_get_config_descriptor(p, bIndex, &c) != LIBUSB_SUCCESS)
+        return v;
+    v = { LIBUSB_DT_CONFIG_SIZE, LIBUSB_DT_CONFIG, 0, 0, c->bNumInterfaces, c->bConfigurationValue, c->iConfiguration,
+          c->bmAttributes, c->MaxPower };
+    PutExtra(v, c->extra, c->extra_length);
+    for (unsigned i = 0; i < c->bNumInterfaces; ++i) {
+        for (int a = 0; a < c->interface[i].num_altsetting; ++a) {
+            const libusb_interface_descriptor& f = c->interface[i].altsetting[a];
+            v.insert(v.end(), { LIBUSB_DT_INTERFACE_SIZE, LIBUSB_DT_INTERFACE, f.bInterfaceNumber, f.bAlternateSetting,
+                                f.bNumEndpoints, f.bInterfaceClass, f.bInterfaceSubClass, f.bInterfaceProtocol,
+                                f.iInterface });
+            PutExtra(v, f.extra, f.extra_length);
+            for (unsigned e = 0; e < f.bNumEndpoints; ++e) {
+                const libusb_endpoint_descriptor& ep = f.endpoint[e];
+                const bool bAudio = ep.bLength == LIBUSB_DT_ENDPOINT_AUDIO_SIZE;
+                v.insert(v.end(), { uint8_t(bAudio ? LIBUSB_DT_ENDPOINT_AUDIO_SIZE : LIBUSB_DT_ENDPOINT_SIZE),
+                                    LIBUSB_DT_ENDPOINT, ep.bEndpointAddress, ep.bmAttributes });
+                Put16(v, ep.wMaxPacketSize);
+                v.push_back(ep.bInterval);
+                if (bAudio)
+                    v.insert(v.end(), { ep.bRefresh, ep.bSynchAddress });
+                PutExtra(v, ep.extra, ep.extra_length);
+            }
+        }
+    }
+    libusb_free_config_descriptor(c);
+    v[2] = uint8_t(v.size() & 0xFF);
+    v[3] = uint8_t(v.size() >> 8);
+    return v;
+}
+
+// --- the contract's objects -----------------------------------------------------------------------------------------
+
+class CDevice : public IDevice {
+public:
+    CDevice(CHost* pHost, SharedDevice* pDevice) : m_pHost(pHost), m_p(pDevice) {}
+    CDevice(const CDevice&) = delete;
+    CDevice& operator=(const CDevice&) = delete;
+
+    // In a forked child nothing is released: the device belongs to the parent, and closing would take it away.
+    ~CDevice() override
+    {
+        if (!Foreign())
+            m_pHost->Close(m_p, this);
+    }
+
+    Status Control(uint8_t bRequestType, uint8_t bRequest, uint16_t wValue, uint16_t wIndex, uint8_t* pData,
+                   uint16_t wLength, uint32_t dwTimeoutMs, uint32_t* pdwMoved) override
+    {
+        *pdwMoved = 0;
+        if (Foreign() || m_p->bGone)
+            return Status::Gone;
+        const auto answer = [&](const std::vector<uint8_t>& v) {
+            *pdwMoved = uint32_t(std::min<size_t>(v.size(), wLength));
+            if (*pdwMoved != 0)
+                std::memcpy(pData, v.data(), *pdwMoved);
+            return Status::Ok;
+        };
+        const auto is = [&](uint8_t bType, uint8_t bStandard) {
+            return bRequestType == bType && bRequest == bStandard;
+        };
+        const bool bDescriptor = is(LIBUSB_ENDPOINT_IN, LIBUSB_REQUEST_GET_DESCRIPTOR);
+        if (bDescriptor && wValue >> 8 == LIBUSB_DT_DEVICE) {
+            const std::vector<uint8_t> v = DeviceDescriptor(m_p->pDevice);
+            if (!v.empty())
+                return answer(v);
+        }
+        // What changes the state of pipes has to pass through the system, or it would not know.
+        if (is(LIBUSB_RECIPIENT_INTERFACE, LIBUSB_REQUEST_SET_INTERFACE)) {
+            const int r = m_pHost->Quietly(
+                *m_p, 0, [&] { return libusb_set_interface_alt_setting(m_p->pHandle, wIndex, wValue); });
+            if (r == LIBUSB_SUCCESS && wIndex == INTERFACE)
+                m_p->iAltSetting = wValue;
+            return m_pHost->Note(*m_p, r == LIBUSB_ERROR_NOT_FOUND ? Status::Stall : FromError(r));
+        }
+        if (is(LIBUSB_RECIPIENT_ENDPOINT, LIBUSB_REQUEST_CLEAR_FEATURE) && wValue == 0 && (wIndex & 15) != 0)
+            return ResetPipe(uint8_t(wIndex));
+
+        uint8_t setup[LIBUSB_CONTROL_SETUP_SIZE] = { bRequestType, bRequest };
+        for (unsigned i = 0; i < 3; ++i) {
+            const uint16_t w = i == 0 ? wValue : i == 1 ? wIndex : wLength;
+            setup[2 + 2 * i] = uint8_t(w & 0xFF);
+            setup[3 + 2 * i] = uint8_t(w >> 8);
+        }
+        const Status status = m_pHost->Control(*m_p, setup, pData, wLength, dwTimeoutMs, pdwMoved);
+        if (bDescriptor && wValue >> 8 == LIBUSB_DT_CONFIG && status != Status::Ok && status != Status::Gone) {
+            const std::vector<uint8_t> v = ConfigDescriptor(m_p->pDevice, uint8_t(wValue & 0xFF));
+            if (!v.empty())
+                return answer(v);
+        }
+        return status;
+    }
+
+    Status SubmitBulk(BulkRequest* pRequest) override
+    {
+        return Foreign() ? Status::Gone : m_pHost->Submit(*m_p, this, pRequest);
+    }
+    void Abort(uint8_t bEndpoint) override
+    {
+        if (!Foreign())
+            m_pHost->Abort(*m_p, bEndpoint);
+    }
+    Status ResetPipe(uint8_t bEndpoint) override
+    {
+        if (Foreign() || m_p->bGone)
+            return Status::Gone;
+        const int r = m_pHost->Quietly(*m_p, bEndpoint, [&] { return libusb_clear_halt(m_p->pHandle, bEndpoint); });
+        return m_pHost->Note(*m_p, FromError(r));
+    }
+    void SetTransferSize(uint8_t, uint32_t) override {}  // libusb needs no hint
+    Status ResetPort() override { return Restart(false); }
+    Status CyclePort() override { return Restart(true); }
+    Speed GetSpeed() override { return FromSpeed(libusb_get_device_speed(m_p->pDevice)); }
+    uint8_t GetAddress() override { return libusb_get_device_address(m_p->pDevice); }
+    // A claimed interface starts at 0, and only this process can change it.
+    int GetAltSetting() override { return m_p->iAltSetting; }
+
+private:
+    bool Foreign() const { return m_pHost != CHost::Current(); }
+    Status Restart(bool bStale)
+    {
+        return Foreign() || m_p->bGone ? Status::Gone : m_pHost->Restart(*m_p, bStale);
+    }
+
+    CHost* const m_pHost;
+    SharedDevice* const m_p;
+};
+
+class CLibusbStack : public IStack {
+public:
+    std::vector<DeviceInfo> Enumerate() override { return CHost::Current()->Enumerate(); }
+    IDevice* Open(const std::string& sPath, Status* pStatus) override
+    {
+        CHost* const pHost = CHost::Current();
+        SharedDevice* const p = pHost->Open(sPath, pStatus);
+        return p ? new CDevice(pHost, p) : nullptr;
+    }
+};
+
+}  // namespace
+
+IStack& LibusbStack()
+{
+    static CLibusbStack& stack = *new CLibusbStack;  // never destroyed: see CHost::Current
+    return stack;
+}
+
+}  // namespace usbstack
