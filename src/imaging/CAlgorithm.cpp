@@ -94,19 +94,20 @@ void CAlgorithm::RGB2R8(uint8_t* src, uint8_t* dst, int width, int height)
 
 void CAlgorithm::MonoBin(uint8_t* buf8, uint16_t* buf16, int outWidth, int outHeight, int bin, bool is16)
 {
+    const bool fast = bin >= 2 && bin <= 4;
     if (is16)
-        (bin == 2) ? MonoBin16By2(buf16, outWidth, outHeight) : reference::MonoBin16(buf16, outWidth, outHeight, bin);
+        (fast ? imaging::MonoBin16 : reference::MonoBin16)(buf16, outWidth, outHeight, bin);
     else
-        (bin == 2) ? MonoBin8By2(buf8, outWidth, outHeight) : reference::MonoBin8(buf8, outWidth, outHeight, bin);
+        (fast ? imaging::MonoBin8 : reference::MonoBin8)(buf8, outWidth, outHeight, bin);
 }
 
 void CAlgorithm::ColorRAWBin(uint8_t* buf8, uint16_t* buf16, int outWidth, int outHeight, int bin, bool is16)
 {
-    const bool by2 = bin == 2 && outWidth % 2 == 0 && outHeight % 2 == 0;
+    const bool fast = bin >= 2 && bin <= 4 && outWidth % 2 == 0 && outHeight % 2 == 0;
     if (is16)
-        by2 ? ColorBin16By2(buf16, outWidth, outHeight) : reference::ColorBin16(buf16, outWidth, outHeight, bin);
+        (fast ? imaging::ColorBin16 : reference::ColorBin16)(buf16, outWidth, outHeight, bin);
     else
-        by2 ? ColorBin8By2(buf8, outWidth, outHeight) : reference::ColorBin8(buf8, outWidth, outHeight, bin);
+        (fast ? imaging::ColorBin8 : reference::ColorBin8)(buf8, outWidth, outHeight, bin);
 }
 
 void CAlgorithm::SoftMisc(uint8_t* buf, int width, int height, int bin, bool is16, bool reverseRows, bool mirrorRows)

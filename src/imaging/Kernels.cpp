@@ -1,11 +1,13 @@
 #include "imaging/Kernels.h"
 
 #include <algorithm>
+#include <type_traits>
 #include <utility>
 
 #undef HWY_TARGET_INCLUDE
 #define HWY_TARGET_INCLUDE "imaging/Kernels.cpp"
 #include <hwy/foreach_target.h>
+#include <hwy/cache_control.h>
 #include <hwy/highway.h>
 
 HWY_BEFORE_NAMESPACE();
@@ -28,10 +30,10 @@ void FirstBytes(const uint8_t* rgb, uint8_t* dst, size_t n)
 }
 void Demosaic(const BayerFrame& f, uint8_t* dst) { reference::Demosaic(f, dst); }
 void DemosaicY8(const BayerFrame& f, uint8_t* dst) { reference::DemosaicY8(f, dst); }
-void MonoBin8By2(uint8_t* buf, int w, int h) { reference::MonoBin8(buf, w, h, 2); }
-void ColorBin8By2(uint8_t* buf, int w, int h) { reference::ColorBin8(buf, w, h, 2); }
-void MonoBin16By2(uint16_t* buf, int w, int h) { reference::MonoBin16(buf, w, h, 2); }
-void ColorBin16By2(uint16_t* buf, int w, int h) { reference::ColorBin16(buf, w, h, 2); }
+void MonoBin8(uint8_t* buf, int w, int h, int bin) { reference::MonoBin8(buf, w, h, bin); }
+void ColorBin8(uint8_t* buf, int w, int h, int bin) { reference::ColorBin8(buf, w, h, bin); }
+void MonoBin16(uint16_t* buf, int w, int h, int bin) { reference::MonoBin16(buf, w, h, bin); }
+void ColorBin16(uint16_t* buf, int w, int h, int bin) { reference::ColorBin16(buf, w, h, bin); }
 void Flip8(uint8_t* buf, int w, int h, bool rows, bool mirror) { reference::Flip(buf, w, h, rows, mirror); }
 void Flip16(uint16_t* buf, int w, int h, bool rows, bool mirror) { reference::Flip(buf, w, h, rows, mirror); }
 void SubtractDark(uint8_t* buf, size_t n, uint32_t offset, const uint16_t* dark)
@@ -211,20 +213,34 @@ constexpr Interleave MakeInterleave()
 }
 alignas(64) constexpr Interleave g_Interleave = MakeInterleave();
 
-template <class V8>
+// `kStream`: past the caches, to an address aligned for a vector.
+template <bool kStream, class V8>
 HWY_INLINE void StorePixels(V8 blue, V8 green, V8 red, uint8_t* dst)
 {
     for (size_t k = 0; k < 3; ++k) {
         const __m512i first = _mm512_permutex2var_epi8(blue.raw, _mm512_load_si512(g_Interleave.first[k]), green.raw);
-        _mm512_storeu_si512(dst + 64 * k, _mm512_mask_permutexvar_epi8(first, g_Interleave.isRed[k],
-                                                                       _mm512_load_si512(g_Interleave.red[k]), red.raw));
+        const __m512i all = _mm512_mask_permutexvar_epi8(first, g_Interleave.isRed[k],
+                                                         _mm512_load_si512(g_Interleave.red[k]), red.raw);
+        if constexpr (kStream)
+            _mm512_stream_si512(reinterpret_cast<__m512i*>(dst + 64 * k), all);
+        else
+            _mm512_storeu_si512(dst + 64 * k, all);
     }
 }
 #else
-template <class V8>
+template <bool kStream, class V8>
 HWY_INLINE void StorePixels(V8 blue, V8 green, V8 red, uint8_t* dst)
 {
-    hn::StoreInterleaved3(blue, green, red, hn::DFromV<V8>(), dst);
+    const hn::DFromV<V8> d;
+    if constexpr (kStream) {
+        const size_t lanes = hn::Lanes(d);
+        HWY_ALIGN uint8_t pixels[3 * HWY_MAX_BYTES];
+        hn::StoreInterleaved3(blue, green, red, d, pixels);
+        for (size_t k = 0; k < 3; ++k)
+            hn::Stream(hn::Load(d, pixels + k * lanes), d, dst + k * lanes);
+    } else {
+        hn::StoreInterleaved3(blue, green, red, d, dst);
+    }
 }
 #endif
 
@@ -261,10 +277,13 @@ HWY_INLINE void Interpolate(D8 d8, const uint8_t* p, ptrdiff_t pitch, hn::Vec<D8
     }
 }
 
-// Columns 2 to `end` of an inner row, in vectors. The last vector is laid over the one before it. False if the row is
-// shorter than a vector.
+// Frames too large to be found in a cache afterwards are written past it, which saves reading what is overwritten.
+constexpr size_t STREAM_FROM = size_t{ 16 } << 20;  // bytes of output
+
+// Columns 2 to `end` of an inner row, in vectors. The first and the last vector may be overlaid by their neighbours, which
+// hold the same there. False if the row is shorter than a vector.
 template <bool kY8, bool kGains, bool kColourOdd, class D8>
-HWY_INLINE bool InnerRow(D8 d8, const BayerFrame& f, ptrdiff_t y, ptrdiff_t end, const Table& blueTable,
+HWY_INLINE bool InnerRow(D8 d8, const BayerFrame& f, ptrdiff_t y, ptrdiff_t end, bool stream, const Table& blueTable,
                          const Table& redTable, uint8_t* dst)
 {
     const ptrdiff_t step = static_cast<ptrdiff_t>(hn::Lanes(d8)), width = f.width;
@@ -273,8 +292,7 @@ HWY_INLINE bool InnerRow(D8 d8, const BayerFrame& f, ptrdiff_t y, ptrdiff_t end,
     const bool blueRow = (y & 1) == f.phase.blueY;
     const uint8_t* row = f.src + y * width;
     uint8_t* out = dst + y * width * (kY8 ? 1 : 3);
-    for (ptrdiff_t x = 2; x < end; x += step) {
-        x = std::min(x, end - step);
+    const auto pixels = [&](ptrdiff_t x, auto streamed) HWY_ATTR {
         hn::Vec<D8> own, green, other;
         Interpolate<kColourOdd>(d8, row + x, width, own, green, other);
         auto blue = blueRow ? own : other, red = blueRow ? other : own;
@@ -285,8 +303,23 @@ HWY_INLINE bool InnerRow(D8 d8, const BayerFrame& f, ptrdiff_t y, ptrdiff_t end,
         if constexpr (kY8)
             hn::StoreU(LuminanceOfBytes(blue, green, red), d8, out + x);
         else
-            StorePixels(blue, green, red, out + 3 * x);
+            StorePixels<decltype(streamed)::value>(blue, green, red, out + 3 * x);
+    };
+    pixels(2, std::false_type());
+    ptrdiff_t x = 2 + step;
+    if (!kY8 && stream) {
+        // Three bytes a pixel reach every even alignment within one vector's length.
+        x = 2;
+        while (reinterpret_cast<uintptr_t>(out + 3 * x) % static_cast<uintptr_t>(step) != 0)
+            x += 2;
+        for (; x + step <= end; x += step)
+            pixels(x, std::true_type());
+    } else {
+        for (; x + step <= end; x += step)
+            pixels(x, std::false_type());
     }
+    if (x < end)
+        pixels(end - step, std::false_type());
     return true;
 }
 
@@ -297,6 +330,8 @@ HWY_INLINE void DemosaicFrame(const BayerFrame& f, uint8_t* dst)
     // First column and row behind the inner cells.
     const ptrdiff_t endX = (width - 1) & ~ptrdiff_t{ 1 }, endY = (height - 1) & ~ptrdiff_t{ 1 };
     const Table blueTable(f.gains->blue.data()), redTable(f.gains->red.data());
+    const bool stream = !kY8 && width % 2 == 0 && reinterpret_cast<uintptr_t>(dst) % 2 == 0 && width > 0 && height > 0 &&
+                        3 * static_cast<size_t>(width) * static_cast<size_t>(height) >= STREAM_FROM;
 
     const auto cells = [&](ptrdiff_t y, ptrdiff_t fromX, ptrdiff_t toX) {
         CellPixels px;
@@ -322,8 +357,8 @@ HWY_INLINE void DemosaicFrame(const BayerFrame& f, uint8_t* dst)
         bool inner = y >= 2 && y < endY;
         for (ptrdiff_t r = y; inner && r < y + 2; ++r) {
             const bool colourOdd = ((r & 1) == f.phase.blueY) == (f.phase.blueX == 1);
-            inner = colourOdd ? InnerRow<kY8, kGains, true>(Full<uint8_t>(), f, r, endX, blueTable, redTable, dst)
-                              : InnerRow<kY8, kGains, false>(Full<uint8_t>(), f, r, endX, blueTable, redTable, dst);
+            inner = colourOdd ? InnerRow<kY8, kGains, true>(Full<uint8_t>(), f, r, endX, stream, blueTable, redTable, dst)
+                              : InnerRow<kY8, kGains, false>(Full<uint8_t>(), f, r, endX, stream, blueTable, redTable, dst);
         }
         if (inner) {
             cells(y, 0, 2);
@@ -332,6 +367,8 @@ HWY_INLINE void DemosaicFrame(const BayerFrame& f, uint8_t* dst)
             cells(y, 0, width);
         }
     }
+    if (stream)
+        hwy::FlushStream();
 }
 
 void Demosaic(const BayerFrame& f, uint8_t* dst)
@@ -437,13 +474,62 @@ HWY_INLINE void Bin16(uint16_t* buf, size_t outWidth, size_t outHeight)
     }
 }
 
+// Larger bins: the rows of a block are added up first, which the compiler turns into vectors, then the columns.
+template <int kBin, bool kColour, class T>
+HWY_INLINE void BinRows(T* buf, size_t outWidth, size_t outHeight)
+{
+    constexpr size_t CHUNK = 256;  // output pixels; even
+    using Sum = std::conditional_t<sizeof(T) == 1, uint16_t, uint32_t>;
+    constexpr uint32_t kArea = kBin * kBin;
+    Sum column[CHUNK * kBin];
+    for (size_t y = 0; y < outHeight; ++y) {
+        const size_t from = kColour ? y / 2 * 2 * kBin + (y & 1) : y * kBin;
+        for (size_t x0 = 0; x0 < outWidth; x0 += CHUNK) {
+            const size_t n = std::min(CHUNK, outWidth - x0), in = n * kBin;
+            std::fill_n(column, in, Sum{ 0 });
+            for (size_t j = 0; j < kBin; ++j) {
+                const T* row = buf + (from + j * (kColour ? 2 : 1)) * outWidth * kBin + x0 * kBin;
+                for (size_t i = 0; i < in; ++i)
+                    column[i] = static_cast<Sum>(column[i] + (kColour && sizeof(T) == 2 ? row[i] / kArea : row[i]));
+            }
+            T* out = buf + y * outWidth + x0;
+            for (size_t x = 0; x < n; ++x) {
+                const Sum* c = column + (kColour ? x / 2 * 2 * kBin + (x & 1) : x * kBin);
+                uint32_t sum = 0;
+                for (size_t i = 0; i < kBin; ++i)
+                    sum += c[i * (kColour ? 2 : 1)];
+                if constexpr (sizeof(T) == 1)
+                    out[x] = static_cast<T>(std::min(sum, 255u));
+                else
+                    out[x] = static_cast<T>(kColour ? std::min(sum, 65535u) : sum / kArea);
+            }
+        }
+    }
+}
+
 // A size below 1 is no size.
 HWY_INLINE size_t Size(int n) { return static_cast<size_t>(std::max(n, 0)); }
 
-void MonoBin8By2(uint8_t* buf, int w, int h) { Bin8<uint8_t>(buf, Size(w), Size(h)); }
-void ColorBin8By2(uint8_t* buf, int w, int h) { Bin8<uint16_t>(buf, Size(w), Size(h)); }
-void MonoBin16By2(uint16_t* buf, int w, int h) { Bin16<false>(buf, Size(w), Size(h)); }
-void ColorBin16By2(uint16_t* buf, int w, int h) { Bin16<true>(buf, Size(w), Size(h)); }
+void MonoBin8(uint8_t* buf, int w, int h, int bin)
+{
+    bin == 2 ? Bin8<uint8_t>(buf, Size(w), Size(h)) : bin == 3 ? BinRows<3, false>(buf, Size(w), Size(h))
+                                                              : BinRows<4, false>(buf, Size(w), Size(h));
+}
+void ColorBin8(uint8_t* buf, int w, int h, int bin)
+{
+    bin == 2 ? Bin8<uint16_t>(buf, Size(w), Size(h)) : bin == 3 ? BinRows<3, true>(buf, Size(w), Size(h))
+                                                               : BinRows<4, true>(buf, Size(w), Size(h));
+}
+void MonoBin16(uint16_t* buf, int w, int h, int bin)
+{
+    bin == 2 ? Bin16<false>(buf, Size(w), Size(h)) : bin == 3 ? BinRows<3, false>(buf, Size(w), Size(h))
+                                                             : BinRows<4, false>(buf, Size(w), Size(h));
+}
+void ColorBin16(uint16_t* buf, int w, int h, int bin)
+{
+    bin == 2 ? Bin16<true>(buf, Size(w), Size(h)) : bin == 3 ? BinRows<3, true>(buf, Size(w), Size(h))
+                                                            : BinRows<4, true>(buf, Size(w), Size(h));
+}
 
 // --- flips ----------------------------------------------------------------------------------------------------------
 
@@ -545,10 +631,10 @@ HWY_EXPORT(Luminance);
 HWY_EXPORT(FirstBytes);
 HWY_EXPORT(Demosaic);
 HWY_EXPORT(DemosaicY8);
-HWY_EXPORT(MonoBin8By2);
-HWY_EXPORT(MonoBin16By2);
-HWY_EXPORT(ColorBin8By2);
-HWY_EXPORT(ColorBin16By2);
+HWY_EXPORT(MonoBin8);
+HWY_EXPORT(MonoBin16);
+HWY_EXPORT(ColorBin8);
+HWY_EXPORT(ColorBin16);
 HWY_EXPORT(Flip8);
 HWY_EXPORT(Flip16);
 HWY_EXPORT(SubtractDark);
@@ -558,10 +644,10 @@ void Luminance(const uint8_t* rgb, uint8_t* dst, size_t n) { HWY_DYNAMIC_DISPATC
 void FirstBytes(const uint8_t* rgb, uint8_t* dst, size_t n) { HWY_DYNAMIC_DISPATCH(FirstBytes)(rgb, dst, n); }
 void Demosaic(const BayerFrame& f, uint8_t* dst) { HWY_DYNAMIC_DISPATCH(Demosaic)(f, dst); }
 void DemosaicY8(const BayerFrame& f, uint8_t* dst) { HWY_DYNAMIC_DISPATCH(DemosaicY8)(f, dst); }
-void MonoBin8By2(uint8_t* buf, int w, int h) { HWY_DYNAMIC_DISPATCH(MonoBin8By2)(buf, w, h); }
-void MonoBin16By2(uint16_t* buf, int w, int h) { HWY_DYNAMIC_DISPATCH(MonoBin16By2)(buf, w, h); }
-void ColorBin8By2(uint8_t* buf, int w, int h) { HWY_DYNAMIC_DISPATCH(ColorBin8By2)(buf, w, h); }
-void ColorBin16By2(uint16_t* buf, int w, int h) { HWY_DYNAMIC_DISPATCH(ColorBin16By2)(buf, w, h); }
+void MonoBin8(uint8_t* buf, int w, int h, int bin) { HWY_DYNAMIC_DISPATCH(MonoBin8)(buf, w, h, bin); }
+void MonoBin16(uint16_t* buf, int w, int h, int bin) { HWY_DYNAMIC_DISPATCH(MonoBin16)(buf, w, h, bin); }
+void ColorBin8(uint8_t* buf, int w, int h, int bin) { HWY_DYNAMIC_DISPATCH(ColorBin8)(buf, w, h, bin); }
+void ColorBin16(uint16_t* buf, int w, int h, int bin) { HWY_DYNAMIC_DISPATCH(ColorBin16)(buf, w, h, bin); }
 void Flip8(uint8_t* buf, int w, int h, bool rows, bool mirror) { HWY_DYNAMIC_DISPATCH(Flip8)(buf, w, h, rows, mirror); }
 void Flip16(uint16_t* buf, int w, int h, bool rows, bool mirror) { HWY_DYNAMIC_DISPATCH(Flip16)(buf, w, h, rows, mirror); }
 void SubtractDark(uint8_t* buf, size_t n, uint32_t offset, const uint16_t* dark)

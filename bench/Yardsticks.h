@@ -1,0 +1,31 @@
+// Names of the benchmarks, and which yardstick belongs to which operation.
+//
+// A benchmark is called "operation/by/WIDTHxHEIGHT", where `by` is "kov" for the library and otherwise names a yardstick.
+// After the run every "kov" line is set against all yardsticks of the same operation and size.
+#pragma once
+#include <benchmark/benchmark.h>
+
+#include <functional>
+#include <string>
+
+namespace bench {
+
+struct Size { int w, h; };
+inline constexpr Size g_Sizes[] = { { 1936, 1096 }, { 4656, 3520 } };
+
+// Times `body` once per iteration; `bytes` counts what one iteration reads and writes, if the rate is of interest.
+inline void Register(const std::string& operation, const std::string& by, Size s, std::function<void()> body)
+{
+    const std::string name = operation + "/" + by + "/" + std::to_string(s.w) + "x" + std::to_string(s.h);
+    benchmark::RegisterBenchmark(name.c_str(), [body = std::move(body), s](benchmark::State& state) {
+        for (auto _ : state) {
+            body();
+            benchmark::ClobberMemory();
+        }
+        state.SetItemsProcessed(state.iterations() * s.w * s.h);
+    })->Unit(benchmark::kMillisecond);
+}
+
+void RegisterPixelBenchmarks();
+
+}  // namespace bench

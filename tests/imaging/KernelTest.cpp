@@ -1,0 +1,250 @@
+// The vector forms against the scalar reference, on every instruction set that this machine has.
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "imaging/CAlgorithm.h"
+#include "imaging/Kernels.h"
+
+#include <hwy/highway.h>
+
+namespace {
+
+using namespace imaging;
+
+// A heap block of exactly n elements, so that an address sanitizer sees one too many; without one, the last element
+// before the end of a guard pattern is checked by Guarded().
+template <class T>
+class Block {
+public:
+    explicit Block(size_t n) : m_n(n), m_v(n + 2 * GUARD, GUARD_VALUE) {}
+    T* data() { return m_v.data() + GUARD; }
+    size_t size() const { return m_n; }
+    std::vector<T> Content() const { return { m_v.begin() + GUARD, m_v.end() - GUARD }; }
+    bool Guarded() const
+    {
+        for (size_t i = 0; i < GUARD; ++i)
+            if (m_v[i] != GUARD_VALUE || m_v[m_v.size() - 1 - i] != GUARD_VALUE)
+                return false;
+        return true;
+    }
+
+private:
+    static constexpr size_t GUARD = 200;
+    static constexpr T GUARD_VALUE = 0x5A;
+    size_t m_n;
+    std::vector<T> m_v;
+};
+
+enum Fill { RANDOM, EXTREME, FILLS };
+
+template <class T>
+std::vector<T> Data(size_t n, int fill, unsigned seed)
+{
+    std::mt19937 random(seed);
+    std::vector<T> v(n);
+    for (T& x : v)
+        x = static_cast<T>(fill == RANDOM ? random() : (random() & 1) * 0xFFFFu);
+    return v;
+}
+
+Gains GainsOf(int red, int blue)
+{
+    CAlgorithm a;
+    a.SetRGBWB(red, blue);
+    const Gains g = SnapshotGains();
+    a.RGBYUV_Init();
+    return g;
+}
+
+std::string Case(int w, int h, int fill, int extra)
+{
+    return std::to_string(w) + " x " + std::to_string(h) + " fill " + std::to_string(fill) + " case " +
+           std::to_string(extra);
+}
+
+class Kernels : public testing::TestWithParam<int64_t> {
+protected:
+    void SetUp() override { Choose(GetParam()); }
+    void TearDown() override { Choose(0); }
+    static void Choose(int64_t targets)
+    {
+        hwy::SetSupportedTargetsForTest(targets);
+        hwy::GetChosenTarget().Update(hwy::SupportedTargets());
+    }
+};
+
+// Runs both forms on copies of the same data, in place.
+template <class T, class Reference, class Vector>
+void CompareInPlace(size_t n, int fill, const std::string& name, Reference reference, Vector vector)
+{
+    std::vector<T> want = Data<T>(n, fill, static_cast<unsigned>(n));
+    Block<T> got(n);
+    std::copy(want.begin(), want.end(), got.data());
+    reference(want.data());
+    vector(got.data());
+    ASSERT_EQ(got.Content(), want) << name;
+    ASSERT_TRUE(got.Guarded()) << name;
+}
+
+TEST_P(Kernels, Demosaic)
+{
+    const Gains gains[] = { GainsOf(50, 50), GainsOf(13, 99) };
+    ASSERT_TRUE(gains[0].identity);
+    ASSERT_FALSE(gains[1].identity);
+    std::vector<std::pair<int, int>> sizes = { { 140, 9 }, { 259, 6 }, { 1936, 6 }, { 0, 4 }, { 4, 0 }, { -2, 4 } };
+    for (int w = 1; w <= 70; ++w)
+        for (int h : { 1, 2, 3, 4, 5, 6, 7, 12 })
+            sizes.emplace_back(w, h);
+    for (int h = 1; h <= 70; ++h)
+        sizes.emplace_back(7, h), sizes.emplace_back(38, h);
+    for (const auto& [w, h] : sizes) {
+        const size_t n = w < 1 || h < 1 ? 0 : static_cast<size_t>(w) * static_cast<size_t>(h);
+        for (int fill = 0; fill < FILLS; ++fill) {
+            const std::vector<uint8_t> src = Data<uint8_t>(n, fill, 7);
+            int extra = 0;
+            for (const Gains& g : gains) {
+                for (const BayerPhase phase : { PHASE_RG, PHASE_BG, PHASE_GR, PHASE_GB }) {
+                    const BayerFrame f = { src.data(), w, h, phase, &g };
+                    const std::string name = Case(w, h, fill, extra++);
+                    std::vector<uint8_t> want(3 * n), wantY(n);
+                    reference::Demosaic(f, want.data());
+                    reference::RGB2Y8(want.data(), wantY.data(), w, h);
+                    Block<uint8_t> got(3 * n), gotY(n);
+                    imaging::Demosaic(f, got.data());
+                    imaging::DemosaicY8(f, gotY.data());
+                    ASSERT_EQ(got.Content(), want) << name;
+                    ASSERT_EQ(gotY.Content(), wantY) << name;
+                    ASSERT_TRUE(got.Guarded() && gotY.Guarded()) << name;
+                }
+            }
+        }
+    }
+}
+
+// Large frames are written past the cache, from the first aligned address of each row on.
+TEST_P(Kernels, DemosaicOfLargeFrames)
+{
+    const Gains gains = GainsOf(50, 50);
+    for (const auto& [w, h] : { std::pair{ 2412, 2400 }, std::pair{ 2413, 2400 }, std::pair{ 64, 90000 } }) {
+        const size_t n = static_cast<size_t>(w) * static_cast<size_t>(h);
+        const std::vector<uint8_t> src = Data<uint8_t>(n, RANDOM, 9);
+        const BayerFrame f = { src.data(), w, h, PHASE_GR, &gains };
+        std::vector<uint8_t> want(3 * n), got(3 * n + 3);
+        reference::Demosaic(f, want.data());
+        for (size_t shift : { 0, 1, 2 }) {
+            imaging::Demosaic(f, got.data() + shift);
+            ASSERT_TRUE(std::equal(want.begin(), want.end(), got.data() + shift)) << w << " x " << h << " + " << shift;
+        }
+    }
+}
+
+// All sums of the luminance, over a lattice that holds every value of each byte with every value of another.
+TEST_P(Kernels, LuminanceOfEveryPair)
+{
+    std::vector<uint8_t> rgb;
+    for (int fixed : { 0, 1, 127, 254, 255 })
+        for (int a = 0; a < 256; ++a)
+            for (int b = 0; b < 256; ++b)
+                for (int k = 0; k < 3; ++k)
+                    for (int c = 0; c < 3; ++c)
+                        rgb.push_back(static_cast<uint8_t>(c == k ? fixed : c == (k + 1) % 3 ? a : b));
+    const int n = static_cast<int>(rgb.size() / 3);
+    std::vector<uint8_t> want(rgb.size() / 3), got(rgb.size() / 3);
+    reference::RGB2Y8(rgb.data(), want.data(), n, 1);
+    Luminance(rgb.data(), got.data(), got.size());
+    ASSERT_EQ(got, want);
+}
+
+TEST_P(Kernels, RowsOfPixels)
+{
+    for (int n = 0; n <= 200; ++n) {
+        const size_t size = static_cast<size_t>(n);
+        for (int fill = 0; fill < FILLS; ++fill) {
+            const std::string name = Case(n, 1, fill, 0);
+            const auto rgb = Data<uint8_t>(3 * size, fill, 3), lut = Data<uint8_t>(256, RANDOM, 4);
+            auto dark = Data<uint16_t>(size, fill, 5);
+            for (size_t i = 0; i < size; i += 2)
+                dark[i] &= 0x1FF;
+            std::vector<uint8_t> wantY(size), wantR(size);
+            reference::RGB2Y8(rgb.data(), wantY.data(), n, 1);
+            reference::RGB2R8(rgb.data(), wantR.data(), n, 1);
+            Block<uint8_t> gotY(size), gotR(size);
+            Luminance(rgb.data(), gotY.data(), size);
+            FirstBytes(rgb.data(), gotR.data(), size);
+            ASSERT_EQ(gotY.Content(), wantY) << name;
+            ASSERT_EQ(gotR.Content(), wantR) << name;
+            ASSERT_TRUE(gotY.Guarded() && gotR.Guarded()) << name;
+            CompareInPlace<uint8_t>(
+                size, fill, name, [&](uint8_t* p) { reference::Gamma8(p, size, lut.data()); },
+                [&](uint8_t* p) { MapBytes(p, size, lut.data()); });
+            for (uint32_t offset : { 0u, 17u, 255u, 70000u, 0xFFFFFFFFu })
+                CompareInPlace<uint8_t>(
+                    size, fill, name, [&](uint8_t* p) { reference::SubtractDark(p, size, offset, dark.data()); },
+                    [&](uint8_t* p) { SubtractDark(p, size, offset, dark.data()); });
+        }
+    }
+}
+
+TEST_P(Kernels, Binning)
+{
+    CAlgorithm a;
+    for (int w = 1; w <= 600; w += w < 70 ? 1 : 53) {
+        for (int h = 1; h <= 7; ++h) {
+            for (int bin = 1; bin <= 5; ++bin) {
+                const size_t n = static_cast<size_t>(w * bin) * static_cast<size_t>(h * bin);
+                for (int fill = 0; fill < FILLS; ++fill) {
+                    const std::string name = Case(w, h, fill, bin);
+                    CompareInPlace<uint8_t>(
+                        n, fill, name, [&](uint8_t* p) { reference::MonoBin8(p, w, h, bin); },
+                        [&](uint8_t* p) { a.MonoBin(p, nullptr, w, h, bin, false); });
+                    CompareInPlace<uint16_t>(
+                        n, fill, name, [&](uint16_t* p) { reference::MonoBin16(p, w, h, bin); },
+                        [&](uint16_t* p) { a.MonoBin(nullptr, p, w, h, bin, true); });
+                    CompareInPlace<uint8_t>(
+                        n, fill, name, [&](uint8_t* p) { reference::ColorBin8(p, w, h, bin); },
+                        [&](uint8_t* p) { a.ColorRAWBin(p, nullptr, w, h, bin, false); });
+                    CompareInPlace<uint16_t>(
+                        n, fill, name, [&](uint16_t* p) { reference::ColorBin16(p, w, h, bin); },
+                        [&](uint16_t* p) { a.ColorRAWBin(nullptr, p, w, h, bin, true); });
+                }
+            }
+        }
+    }
+}
+
+TEST_P(Kernels, Flips)
+{
+    for (int w = 1; w <= 140; w += w < 70 ? 1 : 17) {
+        for (int h = 1; h <= 7; ++h) {
+            const size_t n = static_cast<size_t>(w * h);
+            for (int flip = 0; flip < 4; ++flip) {
+                const bool rows = flip & 1, mirror = flip & 2;
+                const std::string name = Case(w, h, 0, flip);
+                CompareInPlace<uint8_t>(
+                    n, RANDOM, name, [&](uint8_t* p) { reference::Flip(p, w, h, rows, mirror); },
+                    [&](uint8_t* p) { Flip8(p, w, h, rows, mirror); });
+                CompareInPlace<uint16_t>(
+                    n, RANDOM, name, [&](uint16_t* p) { reference::Flip(p, w, h, rows, mirror); },
+                    [&](uint16_t* p) { Flip16(p, w, h, rows, mirror); });
+            }
+        }
+    }
+}
+
+std::vector<int64_t> Targets()
+{
+    std::vector<int64_t> out;
+    hwy::SetSupportedTargetsForTest(0);
+    for (int64_t rest = hwy::SupportedTargets() & HWY_TARGETS; rest != 0; rest &= rest - 1)
+        out.push_back(rest & -rest);
+    return out;
+}
+
+INSTANTIATE_TEST_SUITE_P(Target, Kernels, testing::ValuesIn(Targets()),
+                         [](const auto& p) { return std::string(hwy::TargetName(p.param)); });
+
+}  // namespace
