@@ -46,7 +46,8 @@ struct Readout {
     int iW = 0, iH = 0;         // window on the sensor, before binning
     int iBin = 1;               // done by sensor or FPGA
     bool bBinSums = false;      // sum (saturating) or mean
-    // Where a binned cell of even / odd column and row lies off the place of a host-binned cell, sensor pixels
+    // Where a binned cell of even / odd column and row lies off the place of a host-binned cell, sensor pixels, added to its
+    // coordinates. Shifted cells may reach past the window and the edge of the sensor; an unbinned window never does.
     int iShiftX[2] = { 0, 0 }, iShiftY[2] = { 0, 0 };
     int iOutW = 0, iOutH = 0;   // samples sent; a window that asks for less or more than iW / iBin is cut or padded with black
     Samples samples = Samples::Bits8;
