@@ -27,7 +27,7 @@ struct SkyView {
     double dSeeing = 4;                 // arc seconds, full width at half maximum
     double dApertureMm = 50;
     double dSkyMag = 20.5;              // magnitudes a square arc second
-    double dBlurUm = 5;                 // spot of the lens, full width at half maximum; adds to the seeing in square
+    double dBlurUm = 8;                 // spot of the lens, full width at half maximum; adds to the seeing in square
 };
 
 class Scene {

@@ -45,6 +45,9 @@ constexpr double RAD = std::numbers::pi / 180;
 constexpr double ARCSEC = RAD / 3600;
 constexpr double SIGMA_OF_FWHM = 0.42466;        // 1 / (2 sqrt(2 ln 2))
 constexpr double ELECTRONS_OF_MAG0 = 5e9;        // a second and square metre, in green light
+// Part of a star's light lies in a wider Gaussian: it stands for the wings that air and glass give a real star.
+constexpr float HALO_SHARE = 0.08f;
+constexpr double HALO_WIDTH = 3.5;               // over the core
 constexpr double R_NM = 620, G_NM = 530, B_NM = 460;
 
 // Photons of a black body, any scale.
@@ -101,21 +104,24 @@ public:
 
         const double fwhm = std::hypot(m_View.dSeeing / scale, m_View.dBlurUm / g.dPixelUm);
         const double sigma = std::max(fwhm * SIGMA_OF_FWHM, 0.05);
-        const int reach = int(std::ceil(6 * sigma)) + 1;
-        std::vector<float> wx(size_t(2 * reach + 1)), wy(wx.size());
+        const int reach = int(std::ceil(4 * HALO_WIDTH * sigma)) + 1;
+        std::vector<float> coreX(size_t(2 * reach + 1)), coreY(coreX), haloX(coreX), haloY(coreX);
         for (const Spot& s : m_Spots) {
             const double x = (g.iWidth - 1) / 2.0 + s.dRight * pxPerRad + g.dShiftX / scale;
             const double y = (g.iHeight - 1) / 2.0 + s.dDown * pxPerRad + g.dShiftY / scale;
             if (x < -reach || x > g.iWidth + reach || y < firstRow - reach || y > firstRow + rows + reach) continue;
             const int cx = int(std::lround(x)), cy = int(std::lround(y));
-            Weights(x, cx, sigma, reach, wx);
-            Weights(y, cy, sigma, reach, wy);
+            Weights(x, cx, sigma, reach, 1 - HALO_SHARE, coreX);
+            Weights(y, cy, sigma, reach, 1, coreY);
+            Weights(x, cx, sigma * HALO_WIDTH, reach, HALO_SHARE, haloX);
+            Weights(y, cy, sigma * HALO_WIDTH, reach, 1, haloY);
             const int x0 = std::max(0, cx - reach), x1 = std::min(g.iWidth - 1, cx + reach);
             const int y0 = std::max(firstRow, cy - reach), y1 = std::min(firstRow + rows - 1, cy + reach);
             for (int py = y0; py <= y1; ++py) {
                 Light* row = out + size_t(py - firstRow) * size_t(g.iWidth);
                 for (int px = x0; px <= x1; ++px) {
-                    const float w = wx[size_t(px - cx + reach)] * wy[size_t(py - cy + reach)];
+                    const size_t i = size_t(px - cx + reach), j = size_t(py - cy + reach);
+                    const float w = coreX[i] * coreY[j] + haloX[i] * haloY[j];
                     row[px].r += s.light.r * w;
                     row[px].g += s.light.g * w;
                     row[px].b += s.light.b * w;
@@ -130,14 +136,14 @@ private:
         Light light;           // of the whole star
     };
 
-    // Share of a Gaussian around pos that falls on each of the pixels centre - reach to centre + reach.
-    static void Weights(double pos, int centre, double sigma, int reach, std::vector<float>& w)
+    // What falls of a Gaussian around pos on each of the pixels centre - reach to centre + reach.
+    static void Weights(double pos, int centre, double sigma, int reach, float share, std::vector<float>& w)
     {
         const double k = 1 / (sigma * std::numbers::sqrt2);
         double before = std::erf((centre - reach - 0.5 - pos) * k);
         for (int i = -reach; i <= reach; ++i) {
             const double after = std::erf((centre + i + 0.5 - pos) * k);
-            w[size_t(i + reach)] = float((after - before) / 2);
+            w[size_t(i + reach)] = share * float((after - before) / 2);
             before = after;
         }
     }

@@ -1,0 +1,271 @@
+// What the bridge of a virtual camera keeps and answers: memories, loaders, temperatures, cooler, guide port.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstdio>
+
+#include "FakeProfile.h"
+#include "virtual/Memory.h"
+#include "virtual/Thermal.h"
+
+using namespace kovsim;
+using fake::Host;
+using usbstack::Status;
+
+namespace {
+
+CameraSettings Usb2()
+{
+    auto facts = fake::Facts();
+    facts.bUSB3 = false;
+    return fake::Settings(facts);
+}
+
+// An image in the C2 format that says its version; padded by one more record to a size above 4096.
+std::vector<uint8_t> Image(uint8_t version, size_t filler = 4200)
+{
+    std::vector<uint8_t> d = { 0xC2, 0x47, 0x05, 0x31, 0x21, 0, 0, 4, 0, 6, 0x01, 0x00, 'K', 'O', 'V', 'F', 'W', version };
+    d.insert(d.end(), { uint8_t(filler >> 8), uint8_t(filler), 0x02, 0x00 });
+    d.insert(d.end(), filler, 0x55);
+    d.insert(d.end(), { 0x80, 0x01, 0xE6, 0x00, 0 });
+    return d;
+}
+
+void RunEepromLoader(Host& h)
+{
+    EXPECT_EQ(h.Out(160, 0xE600, 0, { 1 }), Status::Ok);
+    EXPECT_EQ(h.Out(160, 0, 0, std::vector<uint8_t>(2048, 1)), Status::Ok);
+    EXPECT_EQ(h.Out(160, 0x0800, 0, std::vector<uint8_t>(1427, 2)), Status::Ok);
+    EXPECT_EQ(h.Out(160, 0xE600, 0, { 0 }), Status::Ok);
+}
+
+void Write(Host& h, const std::vector<uint8_t>& image)
+{
+    for (size_t at = 0; at < image.size(); at += 4096) {
+        const std::vector<uint8_t> block(image.begin() + long(at),
+                                         image.begin() + long(std::min(at + 4096, image.size())));
+        EXPECT_EQ(h.Out(169, uint16_t(at), 0, block), Status::Ok);
+        EXPECT_EQ(h.In(169, uint16_t(at), 0, uint16_t(block.size())), block);
+    }
+}
+
+void Cycle(Host& h)
+{
+    EXPECT_EQ(h.device->CyclePort(), Status::Ok);
+    EXPECT_EQ(h.Out(169), Status::Gone);
+    for (int i = 0; i < 2000 && h.bus.Enumerate().empty(); ++i)
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    h.device = h.Open();
+}
+
+}  // namespace
+
+TEST(VirtualFirmware, FlashClearsBitsAndErasesSectors)
+{
+    const std::string path = testing::TempDir() + "kov_virtual_flash.bin";
+    std::remove(path.c_str());
+    auto settings = fake::Settings(fake::Facts());
+    settings.sFlashFile = path;
+    {
+        Host h(settings, 10);
+        std::vector<uint8_t> a(256, 0xF0), b(256, 0x3C);
+        ASSERT_EQ(h.Out(194, 0, 1792, a), Status::Ok);
+        ASSERT_EQ(h.Out(194, 0, 1792, b), Status::Ok);
+        EXPECT_EQ(h.In(195, 0, 1792, 256), std::vector<uint8_t>(256, 0x30));
+        EXPECT_EQ(h.In(195, 0, 1793, 1), std::vector<uint8_t>{ 0xFF });
+
+        ASSERT_EQ(h.Out(196, 1, 7), Status::Ok);
+        EXPECT_EQ(h.Out(194, 0, 1792, a), Status::Stall);  // busy
+        int polls = 0;
+        while (h.In(196, 0, 7, 1) == std::vector<uint8_t>{ 1 }) ++polls;
+        EXPECT_GT(polls, 0);
+        EXPECT_LT(polls, 100);
+        EXPECT_EQ(h.In(195, 0, 1792, 2), (std::vector<uint8_t>{ 0xFF, 0xFF }));
+
+        h.camera.Inject({ FaultKind::FlashWriteFails, 0, 0, 1 });
+        h.camera.Inject({ FaultKind::FlashEraseFails, 0, 0, 1 });
+        EXPECT_EQ(h.Out(194, 0, 1792, a), Status::Ok);
+        EXPECT_EQ(h.camera.Flash(0x70000, 1)[0], 0xFF);
+        EXPECT_EQ(h.Out(196, 1, 7), Status::Stall);
+        EXPECT_EQ(h.Out(196, 1, 64), Status::Stall);  // beyond the end
+        h.camera.SetFlash(0x40000, { 'K', 'O' });
+        h.camera.PowerCycle();
+        EXPECT_EQ(h.camera.Flash(0x40000, 2), (std::vector<uint8_t>{ 'K', 'O' }));
+    }
+    Host again(settings);
+    EXPECT_EQ(again.In(195, 0, 0x400, 3), (std::vector<uint8_t>{ 'K', 'O', 0xFF }));
+    std::remove(path.c_str());
+}
+
+TEST(VirtualFirmware, EepromNeedsTheLoaderAndDecidesTheNextFirmware)
+{
+    auto settings = Usb2();
+    settings.iFirmware = 1;
+    Host h(settings, 5);
+    EXPECT_EQ(h.In(173, 0, 0, 2), (std::vector<uint8_t>{ 'V', 1 }));
+    EXPECT_EQ(h.Out(169, 0, 0, { 1, 2, 3 }), Status::Stall);  // streaming takes no data
+    EXPECT_EQ(h.In(160, 0, 0, 1).size(), 1u);                 // served in hardware
+
+    EXPECT_EQ(h.Out(160, 0xE600, 0, { 1 }), Status::Ok);
+    EXPECT_TRUE(h.In(173, 0, 0, 2).empty());  // the processor stands still
+    EXPECT_EQ(h.Out(160, 0xE600, 0, { 0 }), Status::Ok);
+    EXPECT_EQ(h.In(173, 0, 0, 2).size(), 2u);
+
+    RunEepromLoader(h);
+    EXPECT_TRUE(h.In(173, 0, 0, 2).empty());  // the loader knows nothing else
+    Write(h, Image(9));
+    EXPECT_EQ(h.camera.Firmware(), 1);
+    Cycle(h);
+    EXPECT_EQ(h.In(173, 0, 0, 2), (std::vector<uint8_t>{ 'V', 9 }));
+
+    // Erased: the head stays, the program is gone, only the boot loader answers.
+    RunEepromLoader(h);
+    std::vector<uint8_t> erased(4096, 0);
+    erased[0] = 0xC2;
+    Write(h, erased);
+    Cycle(h);
+    EXPECT_TRUE(h.In(173, 0, 0, 2).empty());
+    EXPECT_EQ(h.In(160, 0, 0, 1).size(), 1u);
+}
+
+TEST(VirtualFirmware, RamImageRunsAtOnceAndUntilPowerIsCut)
+{
+    auto settings = Usb2();
+    settings.iFirmware = 0;
+    Host h(settings, 5);
+    EXPECT_EQ(h.Out(160, 0xE600, 0, { 1 }), Status::Ok);
+    EXPECT_EQ(h.Out(160, 0x0100, 0, { 'K', 'O', 'V', 'F', 'W', 12 }), Status::Ok);
+    EXPECT_EQ(h.Out(160, 0xE600, 0, { 0 }), Status::Ok);
+    EXPECT_EQ(h.In(173, 0, 0, 2), (std::vector<uint8_t>{ 'V', 12 }));
+    // An image that keeps its version to itself counts as the model's usual one.
+    RunEepromLoader(h);
+    auto silent = Image(0);
+    silent[12] = 'x';
+    Write(h, silent);
+    Cycle(h);
+    EXPECT_EQ(h.camera.Firmware(), h.camera.Facts().bFirmware);
+}
+
+TEST(VirtualFirmware, Usb3BootLoaderAndI2cEeprom)
+{
+    auto settings = fake::Settings(fake::Facts());
+    {
+        Host h(settings);
+        EXPECT_TRUE(h.In(160, 0, 0, 1).empty());  // a firmware runs
+        EXPECT_EQ(h.Out(186, 3, 0x800, { 1, 2, 3 }), Status::Ok);
+        EXPECT_EQ(h.In(187, 3, 0x801, 3), (std::vector<uint8_t>{ 2, 3, 0xFF }));
+        EXPECT_EQ(h.In(187, 2, 0x800, 1), (std::vector<uint8_t>{ 0xFF }));
+        EXPECT_EQ(h.Out(186, 8, 0, { 1 }), Status::Stall);
+    }
+    settings.bBootLoader = true;
+    Host h(settings, 5);
+    EXPECT_EQ(h.In(160, 0, 0, 1).size(), 1u);
+    EXPECT_TRUE(h.In(173, 0, 0, 2).empty());
+    EXPECT_EQ(h.Out(160, 0x0100, 0x4000, { 5, 6 }), Status::Ok);
+    EXPECT_EQ(h.In(160, 0x0101, 0x4000, 1), (std::vector<uint8_t>{ 6 }));
+    EXPECT_EQ(h.Out(160, 0x0100, 0x4000), Status::Ok);  // run
+    for (int i = 0; i < 2000 && h.bus.Enumerate().empty(); ++i)
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    h.device = h.Open();
+    EXPECT_EQ(h.In(173, 0, 0, 2).size(), 2u);
+}
+
+TEST(VirtualFirmware, WrongDirectionsAndUnknownRequestsStall)
+{
+    Host h(fake::Settings(fake::Facts()));
+    EXPECT_EQ(h.Out(173), Status::Stall);
+    EXPECT_TRUE(h.In(166, 0, 0, 2).empty());
+    EXPECT_TRUE(h.In(165, 0, 0, 2).empty());
+    EXPECT_EQ(h.Out(176, 4), Status::Stall);
+    EXPECT_EQ(h.Out(190, 2), Status::Stall);
+    EXPECT_TRUE(h.In(199, 0, 0, 2).empty());  // the fake has the digital sensor
+    EXPECT_EQ(h.Out(166, 999, 1), Status::Stall);
+    EXPECT_EQ(h.In(167, fake::W, 0, 2), (std::vector<uint8_t>{ 0, 64 }));  // high byte first
+    EXPECT_EQ(h.In(183, fake::W, 0, 1), (std::vector<uint8_t>{ 64 }));
+
+    h.camera.ClearRequests();
+    h.Out(182, fake::X, 7);
+    h.In(173, 0, 0, 2);
+    const auto log = h.camera.Requests();
+    ASSERT_EQ(log.size(), 2u);
+    EXPECT_EQ(log[0].bRequest, 182);
+    EXPECT_EQ(log[0].wValue, fake::X);
+    EXPECT_EQ(log[0].wIndex, 7);
+    EXPECT_TRUE(log[1].bIn);
+    EXPECT_EQ(log[1].data[0], 'V');
+    EXPECT_LE(log[0].uTimeUs, log[1].uTimeUs);
+}
+
+TEST(VirtualThermal, PowerFollowsTheCodeAndTheSensorThePower)
+{
+    EXPECT_EQ(PowerOfDA(255), 0);
+    EXPECT_EQ(PowerOfDA(40), 1);
+    EXPECT_EQ(PowerOfDA(0), 1);
+    for (int code = 41; code < 256; ++code) EXPECT_GT(PowerOfDA(uint8_t(code - 1)), PowerOfDA(uint8_t(code)) - 1e-12);
+    // Half the current at about a third of the way down.
+    EXPECT_NEAR(PowerOfDA(140), 0.34, 0.02);
+
+    Thermal t(20, true);
+    t.SetDA(40, 10);
+    EXPECT_NEAR(t.At(70), 20 - 40 * (1 - std::exp(-1.0)), 1e-9);
+    EXPECT_NEAR(t.At(1000), -20, 1e-4);
+    t.SetDA(255, 1000);
+    EXPECT_NEAR(t.At(2000), 20, 1e-4);
+    Thermal uncooled(7, false);
+    uncooled.SetDA(40, 0);
+    EXPECT_EQ(uncooled.At(500), 7);
+}
+
+TEST(VirtualThermal, ReadingsOfTheThreeForms)
+{
+    // Published points of the thermistor: kilohms at whole degrees.
+    struct Point { double celsius, kilohm; };
+    for (const Point& p : { Point{ 25, 10 }, Point{ 0, 32.7421 }, Point{ -15, 73.2798 }, Point{ 40, 5.315 },
+                            Point{ 60, 2.4755 } })
+        EXPECT_NEAR(ThermistorReading(p.celsius), 256 * p.kilohm / (p.kilohm + 10), 1.01) << p.celsius;
+    EXPECT_EQ(DigitalReading(25), 0x190);
+    EXPECT_EQ(DigitalReading(-1), 0xFF0);
+
+    auto facts = fake::Facts();
+    auto settings = fake::Settings(facts);
+    settings.dAmbient = -1;
+    Host digital(settings);
+    EXPECT_EQ(digital.In(179, 0, 0, 2), (std::vector<uint8_t>{ 0x00, 0xFF }));
+    facts.temp = ModelFacts::Temp::Thermistor;
+    Host thermistor(fake::Settings(facts));
+    const auto b = thermistor.In(199, 0, 0, 2);
+    ASSERT_EQ(b.size(), 2u);
+    EXPECT_EQ((b[0] >> 4) | ((b[1] << 4) & 0xFF), ThermistorReading(20));
+    EXPECT_EQ(thermistor.In(167, fake::TEMP_READ, 0, 2), (std::vector<uint8_t>{ 0, 200 }));
+}
+
+TEST(VirtualThermal, CoolerOfACameraRunsInDeviceTime)
+{
+    auto facts = fake::Facts();
+    facts.bCooled = true;
+    Host h(fake::Settings(facts), 1000);
+    EXPECT_EQ(h.camera.CoolerDA(), 255);
+    h.Out(178, 40);
+    EXPECT_EQ(h.camera.CoolerPower(), 1);
+    std::this_thread::sleep_for(std::chrono::milliseconds(400));  // 400 s
+    EXPECT_NEAR(h.camera.Temperature(), -20, 0.1);
+    h.camera.PowerCycle();
+    EXPECT_EQ(h.camera.CoolerDA(), 255);
+}
+
+TEST(VirtualGuide, PinsMoveTheScene)
+{
+    Host h(fake::Settings(fake::Facts()), 100);
+    h.Out(176, 2);
+    h.Out(176, 0);
+    EXPECT_TRUE(h.camera.GuidePin(2));
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    h.Out(177, 2);
+    h.Out(177, 0);
+    const double x = h.camera.GuideX(), y = h.camera.GuideY();
+    EXPECT_GT(x, 30);  // 5 s at 7.5 arc seconds
+    EXPECT_NEAR(x, -y, 5);
+    EXPECT_FALSE(h.camera.GuidePin(2));
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    EXPECT_EQ(h.camera.GuideX(), x);
+}

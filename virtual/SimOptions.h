@@ -1,0 +1,24 @@
+// The text that says which virtual cameras a program is to see, as in the environment variable KOVSIM:
+//
+//   QuartzCol,QuartzMono;scene=sky;rate=1;seed=7;usb2;firmware=17;flash=/home/me/flash.bin
+//
+// First the model tokens, then options for all of them.
+#pragma once
+#include <string>
+#include <vector>
+
+#include "virtual/VirtualBus.h"
+
+namespace kovsim {
+
+struct SimOptions {
+    std::vector<CameraSettings> cameras;
+    double dRate = 1;
+};
+
+// False and *error, which names the options and, for an unknown model, the tokens.
+bool ParseSimOptions(const std::string& text, SimOptions* options, std::string* error);
+// The model tokens in lines of at most 100 characters, and the options.
+std::string SimHelp();
+
+}  // namespace kovsim
