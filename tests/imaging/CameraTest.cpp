@@ -1,0 +1,118 @@
+// What a camera object adds to the pixel operations: gamma tables, pattern and flips, the switch of image types.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <vector>
+
+#include "core/CCameraBase.h"
+#include "imaging/Bayer.h"
+#include "imaging/Gamma.h"
+
+namespace {
+
+class Camera : public CCameraBase {
+public:
+    Camera() : CCameraBase(64, 32) {}
+    bool OpenCamera(int) override { return false; }
+    bool InitCamera() override { return false; }
+    bool CloseCamera() override { return false; }
+    bool SetResolution(int, int, int, IMAGE_TYPE) override { return false; }
+    bool SetStartPos(int, int) override { return false; }
+    bool SetGain(int, bool) override { return false; }
+    void SetRGBBalance(int, int, bool) override {}
+    bool SetExp(uint64_t, bool) override { return false; }
+    bool GetImage(uint8_t*, int, uint32_t) override { return false; }
+    bool StartCapture(bool) override { return false; }
+    bool StopCapture() override { return false; }
+};
+
+// The reference values were computed outside of this program, in single precision.
+TEST(Gamma, Tables)
+{
+    Camera cam;
+    cam.m_iGamma = 50;
+    EXPECT_TRUE(cam.SetGamma(100));  // exponent 0.5
+    EXPECT_EQ(cam.m_Gamma8[0], 0);
+    EXPECT_EQ(cam.m_Gamma8[1], 15);    // sqrt(1 / 255) * 255 = 15.97
+    EXPECT_EQ(cam.m_Gamma8[64], 127);  // 127.75
+    EXPECT_EQ(cam.m_Gamma8[255], 255);
+    EXPECT_EQ(cam.m_pGamma16[1], 255);  // 255.998
+    EXPECT_EQ(cam.m_pGamma16[16384], 32767);
+    EXPECT_EQ(cam.m_pGamma16[65535], 65535);
+    EXPECT_TRUE(cam.SetGamma(1));  // exponent 1.98
+    EXPECT_EQ(cam.m_Gamma8[128], 65);  // 65.15
+    EXPECT_EQ(cam.m_Gamma8[255], 255);
+    EXPECT_EQ(cam.m_pGamma16[32768], 16612);  // 16612.6
+}
+
+TEST(Gamma, QuirkUpperLimitLooksAtTheOldValue)
+{
+    Camera cam;
+    cam.m_iGamma = 50;
+    cam.SetGamma(150);
+    EXPECT_EQ(cam.GetGamma(), 150);
+    EXPECT_EQ(cam.m_Gamma8[0], 255);  // exponent 0
+    cam.SetGamma(30);
+    EXPECT_EQ(cam.GetGamma(), 100);  // the 30 is lost
+    EXPECT_EQ(cam.m_Gamma8[64], 127);
+    cam.SetGamma(30);
+    EXPECT_EQ(cam.GetGamma(), 30);
+    cam.SetGamma(-5);
+    EXPECT_EQ(cam.GetGamma(), -5);
+    cam.SetGamma(60);
+    EXPECT_EQ(cam.GetGamma(), 60);
+}
+
+TEST(Gamma, OfFrames)
+{
+    Camera cam;
+    cam.m_iGamma = 50;
+    cam.SetGamma(80);
+    std::vector<uint8_t> b8(1000);
+    std::vector<uint16_t> b16(1000);
+    for (size_t i = 0; i < 1000; ++i)
+        b8[i] = static_cast<uint8_t>(i), b16[i] = static_cast<uint16_t>(i * 65);
+    imaging::ApplyGamma8(cam, b8.data(), 999);
+    imaging::ApplyGamma16(cam, b16.data(), 999);
+    for (size_t i = 0; i < 999; ++i) {
+        ASSERT_EQ(b8[i], cam.m_Gamma8[i % 256]);
+        ASSERT_EQ(b16[i], cam.m_pGamma16[i * 65]);
+    }
+    EXPECT_EQ(b8[999], 999 % 256);
+    EXPECT_EQ(b16[999], 64935);
+}
+
+TEST(Bayer, LuminanceIsThatOfTheColourFrame)
+{
+    Camera cam;
+    std::vector<uint8_t> src(96 * 20), rgb(3 * src.size()), want(src.size()), got(src.size());
+    for (size_t i = 0; i < src.size(); ++i)
+        src[i] = static_cast<uint8_t>(i * i / 7);
+    for (int k = 0; k < 16; ++k) {
+        cam.m_ColorBayer = static_cast<BayerPattern>(k / 4);
+        cam.SetMisc(k & 1, k & 2);
+        cam.Bayer2RGB24(src.data(), rgb.data(), 96, 20);
+        cam.m_Algorithm.RGB2Y8(rgb.data(), want.data(), 96, 20);
+        imaging::Bayer2Y8(cam, src.data(), got.data(), 96, 20);
+        ASSERT_EQ(got, want) << k;
+    }
+    std::fill(rgb.begin(), rgb.end(), uint8_t{ 9 });
+    cam.m_ColorBayer = static_cast<BayerPattern>(7);
+    cam.Bayer2RGB24(src.data(), rgb.data(), 96, 20);
+    EXPECT_EQ(rgb, std::vector<uint8_t>(rgb.size(), 9));  // no pattern, no picture
+}
+
+TEST(TimeMark, OnlyOnEightBitImages)
+{
+    Camera cam;
+    cam.m_iHeight = 30;
+    for (int type = 0; type <= 4; ++type) {
+        std::vector<uint8_t> image(300 * 30 * 3, 10);
+        cam.AddTimeMark(image.data(), 300, static_cast<IMAGE_TYPE>(type));
+        const auto marked = static_cast<size_t>(std::count(image.begin(), image.end(), 180));
+        EXPECT_EQ(marked != 0, type == IMAGE_8BIT || type == IMAGE_RGB24) << type;
+        EXPECT_EQ(image.size() - marked, static_cast<size_t>(std::count(image.begin(), image.end(), 10)));
+    }
+}
+
+}  // namespace
