@@ -197,7 +197,8 @@ private:
         if (d.empty())
             return usbstack::Status::Stall;
         *pdwMoved = uint32_t(d.size() < wLength ? d.size() : wLength);
-        std::memcpy(pData, d.data(), *pdwMoved);
+        if (*pdwMoved != 0)
+            std::memcpy(pData, d.data(), *pdwMoved);
         return usbstack::Status::Ok;
     }
 

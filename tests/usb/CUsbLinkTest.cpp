@@ -1,0 +1,312 @@
+#include "usb/CUsbLink.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstring>
+
+#include "platform/InterfaceGuids.h"
+#include "tests/usb/FakeDriver.h"
+
+namespace {
+
+using Strings = std::vector<std::string>;
+using usbstack::Speed;
+
+const platform::Guid& Slot(int n) { return platform::g_InterfaceGuids[n - 1]; }
+
+std::string Utf16(const uint8_t* p)
+{
+    std::string s;
+    for (int i = 0; p[i] != 0; i += 2)
+        s += char(p[i]);
+    return s;
+}
+
+TEST(CUsbLink, OpenReadsEverything)
+{
+    StackScope s;
+    FakeUsbDevice& dev = s.stack.Add(0xC11A);
+    ForwardDriver driver;
+    CUsbLink link(nullptr, Slot(10), true);
+    ASSERT_TRUE(link.IsOpen());
+    EXPECT_EQ(driver.log, (Strings{ "list", "interface 0", "interface 1", "destroy", "list", "info", "property 35 259",
+                                    "property 13 259", "interface 0", "path", "open", "destroy" }));
+    EXPECT_EQ(link.m_wVendorId, 0x0E5A);
+    EXPECT_EQ(link.m_wProductId, 0xC11A);
+    EXPECT_EQ(link.m_uMaxPacketSize0, 512u);  // USB 3: a power of two
+    EXPECT_EQ(link.m_wLanguage, 1033);
+    EXPECT_EQ(Utf16(link.m_szManufacturer), "maker");
+    EXPECT_EQ(Utf16(link.m_szProduct), "camera");
+    EXPECT_EQ(Utf16(link.m_szSerial), "0001");
+    EXPECT_STREQ(link.m_szDevicePath, "fake:1");
+    EXPECT_TRUE(link.m_bSuperSpeed);
+    EXPECT_FALSE(link.m_bHighSpeed);
+    EXPECT_EQ(link.m_bUsbAddress, 1);
+    EXPECT_STRNE(link.m_szDriverName, "");
+    ASSERT_TRUE(link.m_pBos && link.m_pBos->pSuperSpeed);
+    EXPECT_EQ(link.m_pBos->pSuperSpeed->bU1DevExitLat, 10);
+    EXPECT_EQ(link.EndPointCount(), 2);
+    ASSERT_TRUE(link.m_pBulkIn);
+    EXPECT_EQ(link.m_pBulkIn->m_bEndpointAddress, 0x82);
+    EXPECT_EQ(link.m_pBulkIn->m_iMaxPktSize, 16384);
+    EXPECT_EQ(link.m_pEndPoints[0], link.m_pControl);
+    EXPECT_EQ(link.m_pControl->m_iMaxPktSize, 512);
+    EXPECT_EQ(link.m_pBulkOut, nullptr);
+    EXPECT_EQ(link.m_bConfigValue, 1);
+    EXPECT_EQ(link.m_bMaxPower, 100);
+
+    link.Close();
+    EXPECT_EQ(link.m_wVendorId, 0);
+    EXPECT_EQ(link.EndPointCount(), 0);
+    EXPECT_EQ(link.m_pBulkIn, nullptr);
+    EXPECT_EQ(dev.OpenHandles(), 0);
+}
+
+// Bytes and order of the descriptor requests, of a USB 2 device (no BOS).
+TEST(CUsbLink, DescriptorRequests)
+{
+    StackScope s;
+    s.stack.Add(0xC07A, Speed::High);
+    ForwardDriver driver;
+    CUsbLink link(nullptr, Slot(1), true);
+    EXPECT_EQ(link.m_uMaxPacketSize0, 64u);
+    EXPECT_TRUE(link.m_bHighSpeed);
+    const struct { uint8_t type, index; uint16_t language, length; } expected[] = {
+        { 1, 0, 0, 18 },
+        { 3, 0, 0, 2 }, { 3, 0, 0, 4 },
+        { 3, 1, 1033, 2 }, { 3, 1, 1033, 12 }, { 3, 2, 1033, 2 }, { 3, 2, 1033, 14 }, { 3, 3, 1033, 2 }, { 3, 3, 1033, 10 },
+        { 2, 0, 0, 9 }, { 2, 0, 0, 25 },
+    };
+    ASSERT_EQ(driver.records.size(), std::size(expected));
+    for (size_t i = 0; i < std::size(expected); ++i) {
+        const auto& e = expected[i];
+        std::vector<uint8_t> r(38u + e.length);
+        const uint8_t head[] = { 0x80, 6, e.index, e.type, uint8_t(e.language), uint8_t(e.language >> 8),
+                                 uint8_t(e.length), 0, 5 };
+        std::copy(std::begin(head), std::end(head), r.begin());
+        r[30] = 38;
+        r[34] = uint8_t(e.length);
+        EXPECT_EQ(driver.records[i], r) << i;
+    }
+}
+
+TEST(CUsbLink, WalkOverDevices)
+{
+    StackScope s;
+    s.stack.Add(0xC11A);
+    s.stack.Add(0xC11B, Speed::Super, 0x1234);  // another vendor's on the same interface
+    FakeUsbDevice& third = s.stack.Add(0xC0EA);
+    s.stack.Add(0xC07A, Speed::High);           // another interface
+    s.stack.Add(0xCFFF);                        // unknown product: the tenth interface
+    CUsbLink link(nullptr, Slot(10), false);
+    EXPECT_EQ(link.DeviceCount(), 4);
+    std::vector<uint32_t> ids;
+    for (uint8_t i = 0; i < 4; ++i) {
+        EXPECT_TRUE(link.Open(i));
+        ids.push_back(uint32_t(link.m_wVendorId) << 16 | link.m_wProductId);
+    }
+    EXPECT_EQ(ids, (std::vector<uint32_t>{ 0x0E5AC11A, 0x1234C11B, 0x0E5AC0EA, 0x0E5ACFFF }));
+    EXPECT_EQ(third.OpenHandles(), 0);
+    EXPECT_FALSE(link.Open(4));
+    EXPECT_FALSE(link.IsOpen());
+    CUsbLink none(nullptr, Slot(4), true);
+    EXPECT_EQ(none.DeviceCount(), 0);
+    EXPECT_FALSE(none.IsOpen());
+}
+
+TEST(CUsbLink, FailedEnumerationOfOneEntryPassesOverIt)
+{
+    StackScope s;
+    s.stack.Add(0xC11A);
+    s.stack.Add(0xC11B);
+    ForwardDriver driver;
+    driver.dwEnumFailsAt = 0;
+    CUsbLink link(nullptr, Slot(10), false);
+    EXPECT_EQ(link.DeviceCount(), 2);
+}
+
+TEST(CUsbLink, OpenFailures)
+{
+    StackScope s;
+    FakeUsbDevice& dev = s.stack.Add(0xC11A);
+    s.stack.openStatus = usbstack::Status::Busy;
+    CUsbLink link(nullptr, Slot(10), false);
+    EXPECT_FALSE(link.Open(0));
+    EXPECT_EQ(link.m_uLastError, platform::ERROR_SHARED);
+    s.stack.openStatus = usbstack::Status::Ok;
+
+    // Without a configuration Open is false with the file open.
+    const auto config = dev.configDescriptor;
+    dev.configDescriptor.clear();
+    EXPECT_FALSE(link.Open(0));
+    EXPECT_TRUE(link.IsOpen());
+    EXPECT_EQ(link.EndPointCount(), 0);
+
+    // A broken one shows a message and closes.
+    dev.configDescriptor = config;
+    dev.configDescriptor[9] = 0;
+    testing::internal::CaptureStderr();
+    EXPECT_FALSE(link.Open(0));
+    EXPECT_NE(testing::internal::GetCapturedStderr().find("Please correct firmware descriptor table"), std::string::npos);
+    EXPECT_FALSE(link.IsOpen());
+
+    dev.configDescriptor = config;
+    const auto bos = dev.bosDescriptor;
+    dev.bosDescriptor[5] = 0;
+    testing::internal::CaptureStderr();
+    EXPECT_FALSE(link.Open(0));
+    const std::string sMessage = testing::internal::GetCapturedStderr();
+    EXPECT_NE(sMessage.find("Please correct firmware BOS descriptor table"), std::string::npos);
+    EXPECT_NE(sMessage.find("Wrong BOS Descriptor"), std::string::npos);
+    EXPECT_FALSE(link.IsOpen());
+
+    // An absent BOS is no fault.
+    dev.bosDescriptor.clear();
+    EXPECT_TRUE(link.Open(0));
+    EXPECT_EQ(link.m_pBos, nullptr);
+}
+
+// A device that does not tell its descriptor must not pass for the one opened before.
+TEST(CUsbLink, UnreadableDeviceDescriptorLeavesZeros)
+{
+    StackScope s;
+    s.stack.Add(0xC11A);
+    s.stack.Add(0xC11B).deviceDescriptor.clear();
+    CUsbLink link(nullptr, Slot(10), true);
+    EXPECT_EQ(link.m_wProductId, 0xC11A);
+    EXPECT_FALSE(link.Open(1));
+    EXPECT_EQ(link.m_wVendorId, 0);
+    EXPECT_EQ(link.m_wProductId, 0);
+}
+
+TEST(CUsbLink, QuirkLanguageScanVisitsEverySecondEntry)
+{
+    StackScope s;
+    FakeUsbDevice& dev = s.stack.Add(0xC11A);
+    const struct { std::vector<uint8_t> languages; uint16_t chosen; } rows[] = {
+        { { 6, 3, 0x07, 0x04, 0x09, 0x04 }, 0x407 },
+        { { 8, 3, 0x07, 0x04, 0x11, 0x04, 0x09, 0x04 }, 0x409 },
+        { { 4, 3, 0x07, 0x04 }, 0x407 },
+        { { 2, 3 }, 0x407 },  // none: stays as it was
+        { { 0, 3 }, 0x407 },
+    };
+    CUsbLink link(nullptr, Slot(10), false);
+    for (const auto& r : rows) {
+        dev.languages = r.languages;
+        link.Open(0);
+        EXPECT_EQ(link.m_wLanguage, r.chosen) << r.languages.size();
+    }
+}
+
+TEST(CUsbLink, BadStringLeavesTheText)
+{
+    StackScope s;
+    FakeUsbDevice& dev = s.stack.Add(0xC11A);
+    CUsbLink link(nullptr, Slot(10), true);
+    dev.strings[1] = "";  // length 2
+    dev.strings[0].assign(126, 'x');
+    link.Open(0);
+    EXPECT_EQ(Utf16(link.m_szProduct), "camera");
+    EXPECT_EQ(Utf16(link.m_szManufacturer), std::string(126, 'x'));
+}
+
+TEST(CUsbLink, SpeedAndQueriesThatFail)
+{
+    StackScope s;
+    FakeUsbDevice& dev = s.stack.Add(0xC11A);
+    ForwardDriver driver;
+    driver.dwSpeed = 3;
+    CUsbLink link(nullptr, Slot(10), true);
+    EXPECT_FALSE(link.m_bHighSpeed);
+    EXPECT_FALSE(link.m_bSuperSpeed);
+    driver.dwFailCode = platform::IO_USB_ADDRESS;
+    link.QueryAddress();
+    EXPECT_EQ(link.m_bUsbAddress, 0);
+    dev.iAltSetting = -1;
+    EXPECT_EQ(link.QueryAltSetting(), -1);
+    link.Close();
+    EXPECT_EQ(link.QueryAltSetting(), -1);
+    link.m_uLastError = 77;
+    EXPECT_FALSE(link.IoControl(platform::IO_DRIVER_NAME, nullptr, 0));
+    EXPECT_EQ(link.m_uLastError, 77u);  // closed: nothing is stored
+}
+
+TEST(CUsbLink, AlternateSettingChoosesTheTable)
+{
+    StackScope s;
+    FakeUsbDevice& dev = s.stack.Add(0xC11A);
+    const uint8_t more[] = { 9, 4, 0, 1, 2, 0xFE, 3, 4, 0, 7, 5, 0x02, 2, 0, 4, 0, 7, 5, 0x83, 1, 0, 4, 1 };
+    dev.configDescriptor.insert(dev.configDescriptor.end(), std::begin(more), std::end(more));
+    dev.configDescriptor[2] = uint8_t(dev.configDescriptor.size());
+    dev.iAltSetting = 1;
+    CUsbLink link(nullptr, Slot(10), true);
+    EXPECT_EQ(link.m_bIntfClass, 0xFE);
+    EXPECT_EQ(link.EndPointCount(), 3);
+    ASSERT_TRUE(link.m_pBulkOut && link.m_pIsocIn);
+    EXPECT_EQ(link.m_pBulkIn, nullptr);
+    link.SelectAltSetting(5);  // no such setting: nothing changes
+    EXPECT_EQ(link.EndPointCount(), 3);
+    link.SelectAltSetting(0);
+    EXPECT_TRUE(link.m_pBulkIn);
+    EXPECT_EQ(link.m_pIsocIn, nullptr);
+    link.SelectConfig(9);  // names no configuration
+    EXPECT_EQ(link.m_bConfigIndex, 0);
+}
+
+TEST(CUsbLink, ClosePathsThrowStringsTheDestructorDoesNot)
+{
+    StackScope s;
+    FakeUsbDevice& dev = s.stack.Add(0xC11A);
+    ForwardDriver driver;
+    driver.bNotices = true;
+    int window = 0;
+    {
+        CUsbLink link(&window, Slot(10), true);
+        EXPECT_EQ(link.m_hDeviceNotice, &driver);
+        EXPECT_EQ(driver.interfaceFilter[0], 32);
+        EXPECT_EQ(driver.interfaceFilter[4], 5);
+        EXPECT_EQ(0, std::memcmp(driver.interfaceFilter.data() + 12, &Slot(10), 16));
+        EXPECT_EQ(driver.handleFilter[0], 56);
+        EXPECT_EQ(driver.handleFilter[4], 6);
+        EXPECT_EQ(0, std::memcmp(driver.handleFilter.data() + 16, &link.m_hDevice, 8));
+        const auto Thrown = [&]() -> std::string {
+            try {
+                link.Close();
+            } catch (const char* sz) {
+                return sz;
+            }
+            return "";
+        };
+        driver.bUnregisterFails = true;
+        EXPECT_EQ(Thrown(), "Failed to close the handle notification handle.");
+        EXPECT_EQ(link.m_uLastError, platform::ERROR_BAD_HANDLE);
+        EXPECT_TRUE(link.m_pControl);
+        driver.bUnregisterFails = false;
+        driver.bCloseFails = true;
+        EXPECT_EQ(Thrown(), "Failed to close handle to driver.");
+        driver.bUnregisterFails = true;
+    }
+    EXPECT_EQ(driver.log.back(), "unregister interface");
+    // The fake driver kept the file; close it for the stack's sake.
+    driver.bCloseFails = false;
+    EXPECT_EQ(dev.OpenHandles(), 1);
+    for (platform::DeviceHandle h = 0x100; h < 0x1000 && dev.OpenHandles() != 0; ++h)
+        driver.Close(h);
+    EXPECT_EQ(dev.OpenHandles(), 0);
+}
+
+TEST(CUsbLink, PortRequests)
+{
+    StackScope s;
+    FakeUsbDevice& dev = s.stack.Add(0xC11A);
+    CUsbLink link(nullptr, Slot(10), true);
+    EXPECT_TRUE(link.ResetParentPort());
+    EXPECT_TRUE(link.CyclePort());
+    EXPECT_EQ(dev.Events(), (Strings{ "resetport", "cycleport" }));
+    EXPECT_FALSE(link.ResetParentPort());  // the object is stale
+    EXPECT_EQ(link.m_uLastError, platform::ERROR_GONE);
+    EXPECT_TRUE(link.Open(0));
+}
+
+}  // namespace
