@@ -262,8 +262,28 @@ TEST_F(Garnet, Bandwidth)
     EXPECT_EQ(cam->m_iHMAX, 1390);
 
     cam->m_bHighSpeed = false;
+    Sent();
     cam->SetCMOSClk(33);
+    EXPECT_EQ(Sent().substr(10), "301a=10da 302c=0002 302a=0008 302e=000c 3030=0042 301a=10dc");
     EXPECT_EQ(cam->m_iCMOSClk, 16);  // QUIRK
+}
+
+TEST_F(Garnet, ClockFollowsTheWidth)
+{
+    auto cam = Open<CCameraSGarnetCol>(0xC07B);
+    const struct { int w, clk8, clk16; } rows[] = {
+        { 1280, 50, 25 }, { 1026, 50, 25 }, { 1024, 62, 31 }, { 962, 62, 31 }, { 960, 66, 33 }, { 802, 66, 33 },
+        { 800, 80, 40 },  { 482, 80, 40 },  { 480, 80, 50 },  { 322, 80, 50 }, { 320, 80, 80 },
+    };
+    for (const auto& r : rows) {
+        SCOPED_TRACE(r.w);
+        ASSERT_TRUE(cam->SetResolution(r.w, 512, 1, IMAGE_8BIT));
+        EXPECT_EQ(cam->m_iCMOSClk, r.clk8);
+        ASSERT_TRUE(cam->SetResolution(r.w, 512, 1, IMAGE_16BIT));
+        EXPECT_EQ(cam->m_iCMOSClk, r.clk16);
+    }
+    ASSERT_TRUE(cam->SetHighSpeedMode(false));  // half of it, and of what follows
+    EXPECT_EQ(cam->m_iCMOSClk, 40);
 }
 
 TEST_F(Garnet, QuirkMonoWritesColourGainsOnUsb2Only)
@@ -587,6 +607,13 @@ TEST_F(Agate, WhiteBalanceMeasuresTheDemosaicedImage)
     cam.AutoWB(rgb.data());
     EXPECT_EQ(cam.m_iWB_R, 55);  // 45 * 100 / 81
     EXPECT_EQ(cam.m_iWB_B, 99);  // 70 * 100 / 51, clamped
+
+    // Red 80 with one 79 a block: mean 80 and no deviation. Without texture the colour counts as 0.
+    for (size_t i = 0; i < 640 * 480; ++i)
+        rgb[3 * i + 2] = i % 640 % 40 == 0 && i / 640 % 30 == 0 ? 79 : 80;
+    cam.SetRGBBalance(45, 70, true);
+    cam.AutoWB(rgb.data());
+    EXPECT_EQ(cam.m_iWB_R, 99);  // 45 * 100 / 1, clamped
 
     // A grey mosaic: the demosaic carries the balance, so the step answers to the balance in force.
     std::vector<uint8_t> grey(640 * 480, 100);
