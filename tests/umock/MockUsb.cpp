@@ -93,7 +93,7 @@ extern "C" __attribute__((visibility("default"))) int ioctl(int fd, unsigned lon
 
 extern "C" __attribute__((visibility("default"))) const char* __tsan_default_suppressions()
 {
-    return "race:libumockdev\nrace:libglib-2.0\nrace:libgobject-2.0\nrace:libgio-2.0\n";
+    return "race:libumockdev\nrace:libudev\nrace:libglib-2.0\nrace:libgobject-2.0\nrace:libgio-2.0\n";
 }
 #else
 static void EnterIoctl() {}

@@ -243,8 +243,11 @@ std::vector<Found> List(libusb_context* pContext, libusb_device*** plist)
         f.pDevice = p;
         f.ports.resize(8);
         f.ports.resize(size_t(std::max(0, libusb_get_port_numbers(p, f.ports.data(), int(f.ports.size())))));
-        for (const uint8_t bPort : f.ports)
-            f.info.sPortPath += (f.info.sPortPath.empty() ? "" : ".") + std::to_string(bPort);
+        for (const uint8_t bPort : f.ports) {
+            if (!f.info.sPortPath.empty())
+                f.info.sPortPath += '.';
+            f.info.sPortPath += std::to_string(bPort);
+        }
         f.info.wVendorId = d.idVendor;
         f.info.wProductId = d.idProduct;
         f.info.bBus = libusb_get_bus_number(p);
