@@ -57,9 +57,8 @@ constexpr Need g_QuartzNeeds[] = {
     { 0x3007, 0x40, 0, szCrop },     { 0x3002, 1, 0, szSlave },       { 0x304B, 0, 10, szSlave },
 };
 constexpr Need g_OnyxNeeds[] = {
-    { 0x3003, 1, 0, szReset },       { 0x305C, 0x20, 0x0C, szInput }, { 0x305D, 0, 3, szInput },
-    { 0x305E, 0x20, 0x10, szInput }, { 0x305F, 0, 1, szInput },       { 0x3036, 8, 20, szMargin },
-    { 0x3007, 0x40, 0, szCrop },     { 0x3002, 1, 0, szSlave },       { 0x3049, 0, 10, szSlave },
+    { 0x3003, 1, 0, szReset },   { 0x3036, 8, 20, szMargin }, { 0x3007, 0x40, 0, szCrop },
+    { 0x3002, 1, 0, szSlave },   { 0x3049, 0, 10, szSlave },
 };
 constexpr Need g_NephriteNeeds[] = {
     { 0x3003, 1, 0, szReset },   { 0x305E, 0x20, 0x10, szInput }, { 0x3063, 0x74, 0x54, szInput },

@@ -74,6 +74,11 @@ constexpr Format g_Formats[] = {
 
 }  // namespace
 
+CCameraBase* CCameraBase::FromID(int id)
+{
+    return IsKnown(id) ? g_apCamera[id] : nullptr;
+}
+
 extern "C" {
 
 int32_t KOVGetNumOfConnectedCameras(void)

@@ -41,6 +41,10 @@ public:
     CCameraBase(int width, int height);
     virtual ~CCameraBase();
 
+    // The object behind an open camera ID of the C interface, or nullptr. It stays the C interface's: valid until
+    // KOVCloseCamera.
+    static CCameraBase* FromID(int id);
+
     // --- what a model supplies. Host threads; SetGain, SetExp, SetRGBBalance and SetFPSPerc also from WorkingThread and
     //     automation ---
     virtual bool OpenCamera(int deviceIndex) = 0;  // 1-based among the cameras of this model

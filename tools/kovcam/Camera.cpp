@@ -1,0 +1,371 @@
+#include "kovcam/Camera.h"
+
+#include <fmt/chrono.h>
+#include <fmt/format.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cmath>
+#include <csignal>
+
+#include "core/CCameraBase.h"
+
+namespace kovcam {
+
+const char* ErrorName(KOV_ERROR_CODE code)
+{
+    switch (code) {
+    case KOV_SUCCESS: return "success";
+    case KOV_ERROR_BAD_INDEX: return "camera index out of range";
+    case KOV_ERROR_BAD_ID: return "camera ID out of range";
+    case KOV_ERROR_BAD_CONTROL: return "the camera has no such control";
+    case KOV_ERROR_NOT_OPEN: return "the camera is not open, or the model is unknown";
+    case KOV_ERROR_OPEN_FAILED: return "the camera could not be opened; is another program using it? Try 'kovcam doctor'";
+    case KOV_ERROR_BAD_PATH: return "the file cannot be opened";
+    case KOV_ERROR_BAD_FILE: return "not an 8-bit BMP of the full sensor size";
+    case KOV_ERROR_BAD_SIZE: return "the camera refuses this region; widths are multiples of 4 (8 on some), heights even";
+    case KOV_ERROR_BAD_IMAGE_TYPE: return "unknown image type";
+    case KOV_ERROR_OUT_OF_BOUNDS: return "the start position is refused";
+    case KOV_ERROR_TIMEOUT: return "no frame came in time; check cable and port, lower the bandwidth, or try 'kovcam doctor'";
+    case KOV_ERROR_BUFFER_SMALL: return "the buffer is too small";
+    case KOV_ERROR_VIDEO_ACTIVE: return "video is running";
+    case KOV_ERROR_EXPOSING: return "an exposure is running";
+    case KOV_ERROR_GENERAL: return "the camera refused";
+    }
+    return "unknown error";
+}
+
+void Check(KOV_ERROR_CODE code, const std::string& what)
+{
+    if (code != KOV_SUCCESS)
+        throw UserError(fmt::format("{}: {} (code {})", what, ErrorName(code), static_cast<int>(code)));
+}
+
+const std::vector<ControlName> g_Controls = {
+    { CTRL_GAIN, "gain" }, { CTRL_EXPOSURE, "exposure" }, { CTRL_GAMMA, "gamma" }, { CTRL_WB_R, "wb-r" }, { CTRL_WB_B, "wb-b" },
+    { CTRL_BRIGHTNESS, "brightness" }, { CTRL_BANDWIDTH, "bandwidth" }, { CTRL_OVERCLK, "overclock" },
+    { CTRL_TEMPERATURE, "temperature" }, { CTRL_FLIP, "flip" }, { CTRL_AUTOEXP_MAX_GAIN, "auto-max-gain" },
+    { CTRL_AUTOEXP_MAX_EXP, "auto-max-exposure" }, { CTRL_AUTOEXP_MAX_BRIGHTNESS, "auto-brightness" },
+    { CTRL_HARDWARE_BIN, "hardware-bin" }, { CTRL_HIGH_SPEED_MODE, "high-speed" }, { CTRL_COOL_POWER_PERC, "cooler-power" },
+    { CTRL_TARGET_TEMP, "target-temperature" }, { CTRL_COOLER_ON, "cooler" },
+};
+
+KOV_CONTROL_TYPE ParseControl(const std::string& name)
+{
+    for (const ControlName& c : g_Controls)
+        if (name == c.szName || name == std::to_string(c.type))
+            return c.type;
+    std::string known;
+    for (const ControlName& c : g_Controls)
+        known += fmt::format(" {}", c.szName);
+    throw UserError(fmt::format("unknown control '{}'. Controls are:{}", name, known), 2);
+}
+
+const char* NameOf(KOV_CONTROL_TYPE type)
+{
+    for (const ControlName& c : g_Controls)
+        if (c.type == type)
+            return c.szName;
+    return "?";
+}
+
+int64_t ParseExposure(const std::string& text)
+{
+    size_t used = 0;
+    double value = -1;
+    try {
+        value = std::stod(text, &used);
+    } catch (const std::exception&) {
+    }
+    const std::string unit = text.substr(used);
+    const double scale = unit.empty() || unit == "us" ? 1 : unit == "ms" ? 1e3 : unit == "s" ? 1e6 : unit == "m" ? 6e7 : 0;
+    if (value < 0 || scale == 0 || value * scale > 2147483647.0)
+        throw UserError(fmt::format("'{}' is no exposure. Give a number with us, ms, s or m, such as 10ms; at most 2147 s.", text), 2);
+    return std::llround(value * scale);
+}
+
+std::string ExposureText(int64_t us)
+{
+    const double v = static_cast<double>(us);
+    return us < 1000 ? fmt::format("{} us", us) : us < 1000000 ? fmt::format("{:.4g} ms", v / 1e3) : fmt::format("{:.4g} s", v / 1e6);
+}
+
+void PictureOptions::AddTo(CLI::App& app)
+{
+    app.add_option("-e,--exposure", sExposure, "Exposure: 500us, 10ms, 2.5s, 2m");
+    app.add_option("-g,--gain", iGain, "Gain, in the camera's unit (see 'kovcam controls')");
+    app.add_option("--brightness", iBrightness, "Black level");
+    app.add_option("--gamma", iGamma, "1 to 100, 50 is neutral");
+    app.add_option("--bandwidth", iBandwidth, "Percent of the USB link");
+    app.add_option("--wb-r", iWB_R, "White balance, red");
+    app.add_option("--wb-b", iWB_B, "White balance, blue");
+    app.add_option("-b,--bin", iBin, "Binning factor")->check(CLI::Range(1, 16));
+    app.add_flag("--hardware-bin", bHardwareBin, "Bin in the camera where it can");
+    app.add_flag("--high-speed", bHighSpeed, "10-bit readout, faster");
+    app.add_option("-r,--region", sRegion, "Region in output pixels: WxH (centred) or WxH+X+Y");
+    app.add_option("-f,--format", sFormat, "raw8, raw16, rgb24 or y8");
+    app.add_option("--flip", iFlip, "0 none, 1 horizontal, 2 vertical, 3 both")->check(CLI::Range(0, 3));
+    app.add_option("--dark", sDark, "Dark frame to subtract: a BMP of 'kovcam dark' (8-bit formats)");
+    app.add_flag("--auto-exposure", bAutoExposure, "Let the camera regulate the exposure (video)");
+    app.add_flag("--auto-gain", bAutoGain, "Let the camera regulate the gain (video)");
+    app.add_flag("--auto-wb", bAutoBalance, "Let the camera balance the colours (video)");
+    app.add_flag("--time-mark", bTimeMark, "Draw date and time into the picture (8-bit formats)");
+}
+
+int CountCameras()
+{
+    const int n = KOVGetNumOfConnectedCameras();
+    if (n == 0)
+        throw UserError(
+            "no camera found.\n"
+            "  Looked for USB devices of vendor 0E5A on all ports.\n"
+            "  Check the cable and that 'lsusb -d 0e5a:' lists the camera; if it does, run 'kovcam doctor': it tells\n"
+            "  missing rights and whether another program holds the camera.\n"
+            "  To try without a camera: kovsim run --camera QuartzCol -- kovcam list",
+            3);
+    return n;
+}
+
+KOV_CAMERA_INFO InfoOf(int index)
+{
+    KOV_CAMERA_INFO info{};
+    const KOV_ERROR_CODE code = KOVGetCameraProperty(&info, index);
+    if (code == KOV_ERROR_NOT_OPEN)
+        throw UserError(fmt::format("camera {}: a model that this library does not know", index));
+    Check(code, fmt::format("camera {}", index));
+    return info;
+}
+
+Camera::Camera(const std::string& which)
+{
+    const int n = CountCameras();
+    const bool bIndex = !which.empty() && which.find_first_not_of("0123456789") == std::string::npos;
+    std::string names;
+    int iHits = 0;
+    for (int i = 0; i < n; ++i) {
+        KOV_CAMERA_INFO info{};
+        if (KOVGetCameraProperty(&info, i) != KOV_SUCCESS)
+            continue;
+        names += fmt::format("\n  {}  {}", i, info.Name);
+        if (bIndex ? std::to_string(i) == which : std::string(info.Name).find(which) != std::string::npos) {
+            if (iHits++ == 0)
+                m_iId = i;
+        }
+    }
+    if (m_iId < 0)
+        throw UserError(fmt::format("no camera '{}'. There are:{}", which, names), 3);
+    if (iHits > 1)
+        throw UserError(fmt::format("more than one camera fits '{}'; choose one with --camera INDEX:{}", which, names), 2);
+    Check(KOVOpenCamera(m_iId), "opening the camera");
+    m_Info = InfoOf(m_iId);
+    Check(KOVGetROIFormat(m_iId, &m_iWidth, &m_iHeight, &m_iBin, &m_Type), "format");
+}
+
+Camera::~Camera()
+{
+    if (m_iId >= 0)
+        KOVCloseCamera(m_iId);
+}
+
+CCameraBase& Camera::Object() const
+{
+    return *CCameraBase::FromID(m_iId);
+}
+
+bool Camera::Has(KOV_CONTROL_TYPE type) const
+{
+    int n = 0;
+    KOVGetNumOfControls(m_iId, &n);
+    for (int i = 0; i < n; ++i) {
+        KOV_CONTROL_CAPS caps{};
+        if (KOVGetControlCaps(m_iId, i, &caps) == KOV_SUCCESS && caps.ControlType == type)
+            return true;
+    }
+    return false;
+}
+
+int32_t Camera::Get(KOV_CONTROL_TYPE type, bool* pAuto) const
+{
+    int32_t value = 0;
+    KOV_BOOL automatic = KOV_FALSE;
+    Check(KOVGetControlValue(m_iId, type, &value, &automatic), NameOf(type));
+    if (pAuto != nullptr)
+        *pAuto = automatic != KOV_FALSE;
+    return value;
+}
+
+void Camera::Set(KOV_CONTROL_TYPE type, int32_t value, bool automatic)
+{
+    Check(KOVSetControlValue(m_iId, type, value, automatic ? KOV_TRUE : KOV_FALSE), fmt::format("setting {}", NameOf(type)));
+}
+
+static IMG_TYPE ParseType(const std::string& text, IMG_TYPE standard)
+{
+    if (text.empty())
+        return standard;
+    for (const IMG_TYPE t : { IMG_RAW8, IMG_RGB24, IMG_RAW16, IMG_Y8 })
+        if (text == TypeText(t))
+            return t;
+    throw UserError(fmt::format("unknown format '{}'; formats are raw8, raw16, rgb24 and y8", text), 2);
+}
+
+void Camera::Apply(const PictureOptions& o, IMG_TYPE defaultType)
+{
+    m_Type = ParseType(o.sFormat, defaultType);
+    const IMG_TYPE* pEnd = std::find(m_Info.SupportedImgTypes, m_Info.SupportedImgTypes + 8, IMG_END);
+    if (std::find(static_cast<const IMG_TYPE*>(m_Info.SupportedImgTypes), pEnd, m_Type) == pEnd) {
+        if (!o.sFormat.empty())
+            throw UserError(fmt::format("{} does not deliver {}", m_Info.Name, o.sFormat), 2);
+        m_Type = IMG_RAW8;
+    }
+    if (o.bHardwareBin)
+        Set(CTRL_HARDWARE_BIN, 1);
+    if (o.bHighSpeed)
+        Set(CTRL_HIGH_SPEED_MODE, 1);
+
+    int w = m_Info.MaxWidth / o.iBin, h = m_Info.MaxHeight / o.iBin, x = -1, y = -1;
+    w -= w % 8;
+    h -= h % 2;
+    if (o.iBin == 1) {
+        w = m_Info.MaxWidth;
+        h = m_Info.MaxHeight;
+    }
+    if (!o.sRegion.empty()) {
+        int used = 0;
+        const int fields = std::sscanf(o.sRegion.c_str(), "%dx%d%n+%d+%d%n", &w, &h, &used, &x, &y, &used);
+        if ((fields != 2 && fields != 4) || static_cast<size_t>(used) != o.sRegion.size())
+            throw UserError(fmt::format("'{}' is no region; write WxH or WxH+X+Y", o.sRegion), 2);
+    }
+    Check(KOVSetROIFormat(m_iId, w, h, o.iBin, m_Type), fmt::format("region {}x{} at bin {}", w, h, o.iBin));
+    if (x >= 0)
+        Check(KOVSetStartPos(m_iId, x, y), "start position");
+    m_iWidth = w;
+    m_iHeight = h;
+    m_iBin = o.iBin;
+
+    const auto set = [&](KOV_CONTROL_TYPE type, int value) {
+        if (value >= 0)
+            Set(type, value);
+    };
+    set(CTRL_BANDWIDTH, o.iBandwidth);
+    set(CTRL_BRIGHTNESS, o.iBrightness);
+    set(CTRL_GAMMA, o.iGamma);
+    set(CTRL_FLIP, o.iFlip);
+    if (o.iWB_R >= 0 || o.iWB_B >= 0 || o.bAutoBalance) {
+        Set(CTRL_WB_R, o.iWB_R >= 0 ? o.iWB_R : Get(CTRL_WB_R), o.bAutoBalance);
+        Set(CTRL_WB_B, o.iWB_B >= 0 ? o.iWB_B : Get(CTRL_WB_B), o.bAutoBalance);
+    }
+    if (o.iGain >= 0 || o.bAutoGain)
+        Set(CTRL_GAIN, o.iGain >= 0 ? o.iGain : Get(CTRL_GAIN), o.bAutoGain);
+    if (!o.sExposure.empty() || o.bAutoExposure)
+        Set(CTRL_EXPOSURE, o.sExposure.empty() ? Get(CTRL_EXPOSURE) : static_cast<int32_t>(ParseExposure(o.sExposure)),
+            o.bAutoExposure);
+    if (!o.sDark.empty()) {
+        KOV_BOOL on = KOV_TRUE;
+        Check(KOVEnableDarkSubtract(m_iId, o.sDark.c_str(), &on), fmt::format("dark frame {}", o.sDark));
+    }
+    if (o.bTimeMark)
+        Object().SetTimeMark(true);
+}
+
+void Camera::KeepSettings()
+{
+    // The library saves when video stops.
+    Check(KOVStartVideoCapture(m_iId), "keeping the settings");
+    Check(KOVStopVideoCapture(m_iId), "keeping the settings");
+}
+
+int Camera::ImageBytes() const
+{
+    return m_iWidth * m_iHeight * (m_Type == IMG_RGB24 ? 3 : m_Type == IMG_RAW16 ? 2 : 1);
+}
+
+BayerPattern Camera::Pattern() const
+{
+    // Which cell order a flip makes of another: mirrored columns, reversed rows.
+    static constexpr BayerPattern flipped[4][4] = {
+        { BAYER_RG, BAYER_GR, BAYER_GB, BAYER_BG }, { BAYER_BG, BAYER_GB, BAYER_GR, BAYER_RG },
+        { BAYER_GR, BAYER_RG, BAYER_BG, BAYER_GB }, { BAYER_GB, BAYER_BG, BAYER_RG, BAYER_GR },
+    };
+    return flipped[m_Info.BayerPattern][Get(CTRL_FLIP) & 3];
+}
+
+static std::atomic<bool> g_bInterrupted{ false };
+
+bool Interrupted()
+{
+    return g_bInterrupted;
+}
+
+void CatchInterrupts()
+{
+    const auto handler = [](int) {
+        if (g_bInterrupted.exchange(true))
+            _exit(130);  // a second Ctrl-C does not wait
+    };
+    std::signal(SIGINT, handler);
+    std::signal(SIGTERM, handler);
+}
+
+std::string UtcNow(std::chrono::system_clock::time_point t)
+{
+    const auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(t.time_since_epoch()).count() % 1000;
+    return fmt::format("{:%Y-%m-%dT%H:%M:%S}.{:03}", fmt::gmtime(std::chrono::system_clock::to_time_t(t)), ms);
+}
+
+const char* TypeText(IMG_TYPE type)
+{
+    switch (type) {
+    case IMG_RAW8: return "raw8";
+    case IMG_RGB24: return "rgb24";
+    case IMG_RAW16: return "raw16";
+    case IMG_Y8: return "y8";
+    default: return "?";
+    }
+}
+
+const char* PatternText(BayerPattern pattern)
+{
+    static constexpr const char* names[] = { "RGGB", "BGGR", "GRBG", "GBRG" };
+    return names[pattern & 3];
+}
+
+Progress::Progress(std::string label) : m_sLabel(std::move(label)), m_bTerminal(isatty(STDERR_FILENO) != 0) {}
+
+Progress::~Progress()
+{
+    End();
+}
+
+void Progress::Show(double done, const std::string& text)
+{
+    const auto now = std::chrono::steady_clock::now();
+    const auto pause = m_bTerminal ? std::chrono::milliseconds(100) : std::chrono::milliseconds(10000);
+    if (m_Last.time_since_epoch().count() == 0 && !m_bTerminal)
+        m_Last = now;  // short work says nothing where nobody watches
+    if (now - m_Last < pause)
+        return;
+    m_Last = now;
+    m_bShown = true;
+    if (!m_bTerminal) {
+        fmt::print(stderr, "{} {}\n", m_sLabel, text);
+        return;
+    }
+    std::string bar;
+    if (done >= 0) {
+        const int n = static_cast<int>(std::clamp(done, 0.0, 1.0) * 30);
+        bar = fmt::format("[{}{}] ", std::string(static_cast<size_t>(n), '#'), std::string(static_cast<size_t>(30 - n), ' '));
+    }
+    fmt::print(stderr, "\r\033[K{} {}{}", m_sLabel, bar, text);
+    std::fflush(stderr);
+}
+
+void Progress::End()
+{
+    if (m_bShown && m_bTerminal)
+        fmt::print(stderr, "\r\033[K");
+    m_bShown = false;
+}
+
+}  // namespace kovcam

@@ -1,0 +1,113 @@
+// What the commands share: finding and opening a camera, options of a picture, errors for people.
+#pragma once
+#include <CLI/CLI.hpp>
+#include <chrono>
+#include <cstdint>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "KOVCamera2.h"
+
+class CCameraBase;
+
+namespace kovcam {
+
+// An error that is told to the user as it stands; the exit code of the program.
+class UserError : public std::runtime_error {
+public:
+    UserError(const std::string& text, int code = 1) : std::runtime_error(text), iExit(code) {}
+    int iExit;
+};
+
+const char* ErrorName(KOV_ERROR_CODE code);
+// Throws a UserError that names the call and what to do when the code is no success.
+void Check(KOV_ERROR_CODE code, const std::string& what);
+
+// All controls by the names that users type: "gain", "exposure", "wb-r"...
+struct ControlName { KOV_CONTROL_TYPE type; const char* szName; };
+extern const std::vector<ControlName> g_Controls;
+KOV_CONTROL_TYPE ParseControl(const std::string& name);
+const char* NameOf(KOV_CONTROL_TYPE type);
+
+// "2.5s", "10ms", "500us", "2m"; a bare number is microseconds.
+int64_t ParseExposure(const std::string& text);
+std::string ExposureText(int64_t us);
+
+// How a picture is to be taken. A negative number or an empty text leaves the camera's own setting.
+struct PictureOptions {
+    std::string sExposure;
+    int iGain = -1, iBrightness = -1, iGamma = -1, iBandwidth = -1, iFlip = -1, iBin = 1;
+    std::string sRegion;   // "WxH" or "WxH+X+Y", output pixels
+    std::string sFormat;   // raw8, raw16, rgb24, y8; empty: the command's choice
+    std::string sDark;     // BMP file
+    bool bAutoExposure = false, bAutoGain = false, bAutoBalance = false, bTimeMark = false;
+    bool bHardwareBin = false, bHighSpeed = false;
+    int iWB_R = -1, iWB_B = -1;
+    std::string sTarget;   // cooler, degrees
+
+    void AddTo(CLI::App& app);
+};
+
+// An open camera; closed on destruction.
+class Camera {
+public:
+    // "" for the only one, an index, or a part of a name.
+    explicit Camera(const std::string& which);
+    ~Camera();
+    Camera(const Camera&) = delete;
+    Camera& operator=(const Camera&) = delete;
+
+    int Id() const { return m_iId; }
+    const KOV_CAMERA_INFO& Info() const { return m_Info; }
+    CCameraBase& Object() const;  // for what the C interface does not reach
+
+    bool Has(KOV_CONTROL_TYPE type) const;
+    int32_t Get(KOV_CONTROL_TYPE type, bool* pAuto = nullptr) const;
+    void Set(KOV_CONTROL_TYPE type, int32_t value, bool automatic = false);
+    void Apply(const PictureOptions& o, IMG_TYPE defaultType);
+    void KeepSettings();  // stores the controls as the end of a capture does
+
+    // The format in force.
+    int Width() const { return m_iWidth; }
+    int Height() const { return m_iHeight; }
+    int Bin() const { return m_iBin; }
+    IMG_TYPE Type() const { return m_Type; }
+    int ImageBytes() const;
+    // Cell order of the delivered mosaic, flips counted in.
+    BayerPattern Pattern() const;
+
+private:
+    int m_iId = -1;
+    KOV_CAMERA_INFO m_Info{};
+    int m_iWidth = 0, m_iHeight = 0, m_iBin = 1;
+    IMG_TYPE m_Type = IMG_RAW8;
+};
+
+// Number of cameras; none is a UserError that says what was looked for, what to check and how to try a virtual one.
+int CountCameras();
+KOV_CAMERA_INFO InfoOf(int index);
+
+// Set by Ctrl-C: long work stops soon, captures are stopped and cameras closed.
+bool Interrupted();
+void CatchInterrupts();
+
+std::string UtcNow(std::chrono::system_clock::time_point t);  // 2026-11-24T20:15:30.123
+const char* TypeText(IMG_TYPE type);
+const char* PatternText(BayerPattern pattern);                // "RGGB"
+
+// A line that is redrawn on a terminal; elsewhere a line now and then.
+class Progress {
+public:
+    explicit Progress(std::string label);
+    ~Progress();
+    void Show(double done, const std::string& text);  // done from 0 to 1, below 0: unknown
+    void End();
+
+private:
+    std::string m_sLabel;
+    bool m_bTerminal, m_bShown = false;
+    std::chrono::steady_clock::time_point m_Last{};
+};
+
+}  // namespace kovcam

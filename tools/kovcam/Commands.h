@@ -1,0 +1,18 @@
+// Each command adds itself to the program.
+#pragma once
+#include <CLI/CLI.hpp>
+#include <string>
+
+namespace kovcam {
+
+struct Globals {
+    std::string sCamera;
+    bool bJson = false;
+};
+
+// list, info, controls, get, set
+void AddControlCommands(CLI::App& app, Globals& g);
+// snap, video, bench
+void AddPictureCommands(CLI::App& app, Globals& g);
+
+}  // namespace kovcam

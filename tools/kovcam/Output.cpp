@@ -1,0 +1,282 @@
+#include "kovcam/Output.h"
+
+#include <fitsio.h>
+#include <fmt/format.h>
+#include <png.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+#include <cstring>
+#include <memory>
+
+#include "imaging/CAlgorithm.h"
+#include "kovcam/Camera.h"
+
+namespace kovcam {
+
+namespace {
+
+int Channels(const Picture& p)
+{
+    return p.type == IMG_RGB24 ? 3 : 1;
+}
+
+size_t Pixels(const Picture& p)
+{
+    return static_cast<size_t>(p.iWidth) * static_cast<size_t>(p.iHeight);
+}
+
+// FITS calls report through a status that sticks.
+class Fits {
+public:
+    explicit Fits(const std::string& path) : m_sPath(path)
+    {
+        fits_create_file(&m_pFile, ("!" + path).c_str(), &m_iStatus);
+        Test();
+    }
+    ~Fits()
+    {
+        int ignored = 0;
+        if (m_pFile != nullptr)
+            fits_close_file(m_pFile, &ignored);
+    }
+    Fits(const Fits&) = delete;
+    Fits& operator=(const Fits&) = delete;
+
+    void Key(const char* name, const std::string& v, const char* comment)
+    {
+        fits_update_key_str(m_pFile, name, v.c_str(), comment, &m_iStatus);
+    }
+    void Key(const char* name, double v, int decimals, const char* comment)
+    {
+        fits_update_key_fixdbl(m_pFile, name, v, decimals, comment, &m_iStatus);
+    }
+    void Key(const char* name, int v, const char* comment) { fits_update_key_lng(m_pFile, name, v, comment, &m_iStatus); }
+    void Close()
+    {
+        fits_close_file(m_pFile, &m_iStatus);
+        m_pFile = nullptr;
+        Test();
+    }
+    void Test()
+    {
+        if (m_iStatus == 0)
+            return;
+        char text[FLEN_STATUS] = {};
+        fits_get_errstatus(m_iStatus, text);
+        throw UserError(fmt::format("cannot write {}: {}. Is the folder there and writable, and the disk not full?", m_sPath, text));
+    }
+    fitsfile* m_pFile = nullptr;
+    int m_iStatus = 0;
+
+private:
+    std::string m_sPath;
+};
+
+// A curve from sample to display byte. Black is a little under the median, white lets a star's core reach the top, and
+// between them the inverse hyperbolic sine keeps faint light visible.
+std::vector<uint8_t> MakeCurve(const std::vector<uint32_t>& histogram, Stretch stretch)
+{
+    const size_t n = histogram.size();
+    std::vector<uint8_t> curve(n);
+    if (stretch == Stretch::None) {
+        for (size_t i = 0; i < n; ++i)
+            curve[i] = static_cast<uint8_t>(i * 256 / n);
+        return curve;
+    }
+    uint64_t total = 0;
+    for (const uint32_t h : histogram)
+        total += h;
+    const auto quantile = [&](double q) {
+        uint64_t sum = 0;
+        for (size_t i = 0; i < n; ++i)
+            if (static_cast<double>(sum += histogram[i]) >= q * static_cast<double>(total))
+                return static_cast<double>(i);
+        return static_cast<double>(n - 1);
+    };
+    const double median = quantile(0.5), spread = std::max(quantile(0.84) - median, static_cast<double>(n) / 4096);
+    const double black = median - 0.5 * spread;
+    const double white = std::max(quantile(0.9997), median + 20 * spread);
+    const double soft = 5 * spread;
+    const double top = std::asinh((white - black) / soft);
+    for (size_t i = 0; i < n; ++i) {
+        const double v = std::asinh(std::max(0.0, static_cast<double>(i) - black) / soft) / top;
+        curve[i] = static_cast<uint8_t>(std::clamp(v, 0.0, 1.0) * 255.0 + 0.5);
+    }
+    return curve;
+}
+
+}  // namespace
+
+void WriteFits(const std::string& path, const Picture& p)
+{
+    Fits f(path);
+    const bool b16 = p.type == IMG_RAW16;
+    long axes[3] = { p.iWidth, p.iHeight, 3 };
+    fits_create_img(f.m_pFile, b16 ? USHORT_IMG : BYTE_IMG, Channels(p) == 3 ? 3 : 2, axes, &f.m_iStatus);
+
+    f.Key("INSTRUME", p.sCamera, "camera model");
+    f.Key("IMAGETYP", p.sImageType, "kind of image");
+    f.Key("EXPTIME", p.dExposure, 6, "[s] exposure");
+    f.Key("GAIN", p.iGain, "gain setting of the camera");
+    f.Key("OFFSET", p.iOffset, "black level setting of the camera");
+    if (p.dElecPerADU > 0)
+        f.Key("EGAIN", p.dElecPerADU, 4, "[e-/ADU] as the model tells it");
+    f.Key("XBINNING", p.iBin, "binning of columns");
+    f.Key("YBINNING", p.iBin, "binning of rows");
+    f.Key("XPIXSZ", p.dPixelUm * p.iBin, 3, "[um] pixel pitch, binning counted in");
+    f.Key("YPIXSZ", p.dPixelUm * p.iBin, 3, "[um] pixel pitch, binning counted in");
+    if (p.bHasTemp)
+        f.Key("CCD-TEMP", p.dTemp, 1, "[deg C] sensor temperature");
+    if (p.bHasTarget)
+        f.Key("SET-TEMP", p.dTarget, 1, "[deg C] cooler target");
+    if (p.bColor && Channels(p) == 1 && p.type != IMG_Y8) {
+        f.Key("BAYERPAT", PatternText(p.pattern), "colour cell from the first pixel of the first row");
+        f.Key("XBAYROFF", 0, "columns from the cell's corner");
+        f.Key("YBAYROFF", 0, "rows from the cell's corner");
+    }
+    f.Key("ROWORDER", std::string("TOP-DOWN"), "the first row of the file is the top one");
+    f.Key("DATE-OBS", UtcNow(p.start), "[UTC] start of exposure");
+    f.Key("DATE-END", UtcNow(p.end), "[UTC] end of exposure");
+    f.Key("SWCREATE", std::string("kovcam " KOV_VERSION), "program that wrote this file");
+
+    const auto n = static_cast<LONGLONG>(Pixels(p));
+    if (Channels(p) == 3) {
+        std::vector<uint8_t> plane(Pixels(p));
+        for (int c = 0; c < 3; ++c) {  // the library delivers blue, green, red
+            for (size_t i = 0; i < plane.size(); ++i)
+                plane[i] = p.data[3 * i + static_cast<size_t>(2 - c)];
+            fits_write_img(f.m_pFile, TBYTE, c * n + 1, n, plane.data(), &f.m_iStatus);
+        }
+    } else {
+        fits_write_img(f.m_pFile, b16 ? TUSHORT : TBYTE, 1, n, const_cast<uint8_t*>(p.data.data()), &f.m_iStatus);
+    }
+    f.Test();
+    f.Close();
+}
+
+void WritePng(const std::string& path, const Picture& p, Stretch stretch)
+{
+    const size_t n = Pixels(p) * static_cast<size_t>(Channels(p));
+    std::vector<uint16_t> wide;
+    if (p.type == IMG_RAW16) {
+        wide.resize(n);
+        std::memcpy(wide.data(), p.data.data(), 2 * n);
+    }
+    std::vector<uint32_t> histogram(wide.empty() ? 256 : 65536);
+    for (size_t i = 0; i < n; ++i)
+        ++histogram[wide.empty() ? p.data[i] : wide[i]];
+    const std::vector<uint8_t> curve = MakeCurve(histogram, stretch);
+    std::vector<uint8_t> shown(n);
+    for (size_t i = 0; i < n; ++i)
+        shown[i] = curve[wide.empty() ? p.data[i] : wide[i]];
+
+    const bool bMosaic = p.bColor && (p.type == IMG_RAW8 || p.type == IMG_RAW16);
+    const bool bEven = p.iWidth % 2 == 0 && p.iHeight % 2 == 0;
+    bool bRgb = p.type == IMG_RGB24;
+    if (bMosaic && bEven) {
+        std::vector<uint8_t> rgb(3 * Pixels(p));
+        CAlgorithm a;
+        using Demosaic = void (CAlgorithm::*)(uint8_t*, uint8_t*, int, int);
+        static constexpr Demosaic forms[] = { &CAlgorithm::Bayer2RGB24_RG, &CAlgorithm::Bayer2RGB24_BG,
+                                              &CAlgorithm::Bayer2RGB24_GR, &CAlgorithm::Bayer2RGB24_GB };
+        (a.*forms[p.pattern & 3])(shown.data(), rgb.data(), p.iWidth, p.iHeight);
+        shown.swap(rgb);
+        bRgb = true;
+    }
+
+    const std::unique_ptr<FILE, int (*)(FILE*)> file(std::fopen(path.c_str(), "wb"), &std::fclose);
+    if (file == nullptr)
+        throw UserError(fmt::format("cannot write {}: {}", path, std::strerror(errno)));
+    png_structp png = png_create_write_struct(PNG_LIBPNG_VER_STRING, nullptr, nullptr, nullptr);
+    png_infop info = png_create_info_struct(png);
+    if (setjmp(png_jmpbuf(png))) {
+        png_destroy_write_struct(&png, &info);
+        throw UserError(fmt::format("cannot write {}: is the disk full?", path));
+    }
+    png_init_io(png, file.get());
+    png_set_compression_level(png, 3);
+    png_set_IHDR(png, info, static_cast<png_uint_32>(p.iWidth), static_cast<png_uint_32>(p.iHeight), 8,
+                 bRgb ? PNG_COLOR_TYPE_RGB : PNG_COLOR_TYPE_GRAY, PNG_INTERLACE_NONE, PNG_COMPRESSION_TYPE_DEFAULT,
+                 PNG_FILTER_TYPE_DEFAULT);
+    png_write_info(png, info);
+    if (bRgb)
+        png_set_bgr(png);
+    const size_t pitch = static_cast<size_t>(p.iWidth) * (bRgb ? 3 : 1);
+    for (int y = 0; y < p.iHeight; ++y)
+        png_write_row(png, shown.data() + pitch * static_cast<size_t>(y));
+    png_write_end(png, nullptr);
+    png_destroy_write_struct(&png, &info);
+}
+
+SerWriter::SerWriter(const std::string& path, const Picture& first)
+    : m_File(path, std::ios::binary | std::ios::trunc), m_sPath(path), m_Shape(first)
+{
+    m_Shape.data.clear();
+    Header(0);
+}
+
+SerWriter::~SerWriter()
+{
+    try {
+        Finish();
+    } catch (const std::exception&) {
+    }
+}
+
+static int64_t SerTicks(std::chrono::system_clock::time_point t)
+{
+    // 100 ns since the year 1.
+    return std::chrono::duration_cast<std::chrono::nanoseconds>(t.time_since_epoch()).count() / 100 + 621355968000000000LL;
+}
+
+void SerWriter::Header(int frames)
+{
+    static constexpr int cell[] = { 8, 11, 9, 10 };  // RGGB, BGGR, GRBG, GBRG
+    const bool bMosaic = m_Shape.bColor && (m_Shape.type == IMG_RAW8 || m_Shape.type == IMG_RAW16);
+    const int color = m_Shape.type == IMG_RGB24 ? 101 : bMosaic ? cell[m_Shape.pattern & 3] : 0;
+    const auto put32 = [&](int v) { m_File.write(reinterpret_cast<const char*>(&v), 4); };
+    const auto text = [&](std::string s) {
+        s.resize(40);
+        m_File.write(s.data(), 40);
+    };
+    const int64_t start = m_Times.empty() ? 0 : m_Times.front();
+    m_File.seekp(0);
+    m_File.write("LUCAM-RECORDER", 14);
+    put32(0);
+    put32(color);
+    put32(0);  // as other writers of the format: samples little-endian
+    put32(m_Shape.iWidth);
+    put32(m_Shape.iHeight);
+    put32(m_Shape.type == IMG_RAW16 ? 16 : 8);
+    put32(frames);
+    text("");
+    text(m_Shape.sCamera);
+    text("");
+    m_File.write(reinterpret_cast<const char*>(&start), 8);  // local time is not told: UTC in both
+    m_File.write(reinterpret_cast<const char*>(&start), 8);
+    m_File.seekp(0, std::ios::end);
+    if (!m_File)
+        throw UserError(fmt::format("cannot write {}. Is the folder there and writable, and the disk not full?", m_sPath));
+}
+
+void SerWriter::Add(const Picture& p)
+{
+    m_File.write(reinterpret_cast<const char*>(p.data.data()), static_cast<std::streamsize>(p.data.size()));
+    if (!m_File)
+        throw UserError(fmt::format("writing {} failed after {} frames: is the disk full?", m_sPath, m_Times.size()));
+    m_Times.push_back(SerTicks(p.start));
+}
+
+void SerWriter::Finish()
+{
+    if (!m_File.is_open())
+        return;
+    m_File.seekp(0, std::ios::end);
+    m_File.write(reinterpret_cast<const char*>(m_Times.data()), static_cast<std::streamsize>(8 * m_Times.size()));
+    Header(static_cast<int>(m_Times.size()));
+    m_File.close();
+}
+
+}  // namespace kovcam

@@ -1,0 +1,34 @@
+// kovcam: the cameras from the command line.
+#include <fmt/format.h>
+
+#include <cstdio>
+
+#include "kovcam/Camera.h"
+#include "kovcam/Commands.h"
+
+int main(int argc, char** argv)
+{
+    CLI::App app("kovcam - astronomy cameras from the command line\n"
+                 "Try it without a camera: kovsim run --camera QuartzCol -- kovcam snap", "kovcam");
+    app.set_version_flag("--version", "kovcam " KOV_VERSION);
+    app.require_subcommand(1);
+    app.fallthrough();
+    kovcam::Globals g;
+    app.add_option("-c,--camera", g.sCamera, "Camera: index, or a part of its name; needless with one camera");
+    app.add_flag("--json", g.bJson, "Output for scripts");
+    kovcam::AddControlCommands(app, g);
+    kovcam::AddPictureCommands(app, g);
+    kovcam::CatchInterrupts();
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& e) {
+        return app.exit(e) == 0 ? 0 : 2;
+    } catch (const kovcam::UserError& e) {
+        fmt::print(stderr, "kovcam: {}\n", e.what());
+        return e.iExit;
+    } catch (const std::exception& e) {
+        fmt::print(stderr, "kovcam: {}\n", e.what());
+        return 1;
+    }
+    return 0;
+}
