@@ -149,7 +149,7 @@ void Camera::Emit(std::shared_ptr<const std::vector<uint8_t>> pixels)
         const uint32_t cut = uint32_t(std::min<uint64_t>(waiting - FIFO_BYTES, f.uSize - f.uSent));
         f.uSize -= cut;
         waiting -= cut;
-        if (f.bGood) ++m_Counters.uSpoiled;
+        if (f.bGood && !f.bStall) ++m_Counters.uSpoiled;
         f.bGood = false;
         if (f.uSize == f.uSent) m_Frames.pop_back();
     }
