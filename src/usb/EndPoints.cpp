@@ -237,23 +237,29 @@ uint8_t* CCyControlEndPoint::BeginDataXfer(uint8_t* pBuf, int32_t iLength, Overl
     return Begin(*this, platform::IO_CONTROL, std::move(p), dwSize, reinterpret_cast<uint8_t*>(r), dwSize, pOverlapped);
 }
 
-// --- bulk and interrupt ---------------------------------------------------------------------------------------------
+// --- bulk, interrupt, isochronous -----------------------------------------------------------------------------------
 
-uint8_t* CCyBulkEndPoint::BeginDataXfer(uint8_t* pBuf, int32_t iLength, Overlapped* pOverlapped)
+uint8_t* CCyUSBEndPoint::BeginByMode(uint8_t* pBuf, int32_t iLength, Overlapped* pOverlapped)
 {
     if (!platform::IsDeviceOpen(m_hDevice))
         return nullptr;
     return m_bDirect == 1 ? BeginDirectXfer(pBuf, iLength, pOverlapped) : BeginBufXfer(pBuf, iLength, pOverlapped);
+}
+
+uint8_t* CCyBulkEndPoint::BeginDataXfer(uint8_t* pBuf, int32_t iLength, Overlapped* pOverlapped)
+{
+    return BeginByMode(pBuf, iLength, pOverlapped);
 }
 
 uint8_t* CCyInterruptEndPoint::BeginDataXfer(uint8_t* pBuf, int32_t iLength, Overlapped* pOverlapped)
 {
-    if (!platform::IsDeviceOpen(m_hDevice))
-        return nullptr;
-    return m_bDirect == 1 ? BeginDirectXfer(pBuf, iLength, pOverlapped) : BeginBufXfer(pBuf, iLength, pOverlapped);
+    return BeginByMode(pBuf, iLength, pOverlapped);
 }
 
-// --- isochronous ----------------------------------------------------------------------------------------------------
+uint8_t* CCyIsocEndPoint::BeginDataXfer(uint8_t* pBuf, int32_t iLength, Overlapped* pOverlapped)
+{
+    return BeginByMode(pBuf, iLength, pOverlapped);
+}
 
 // bBuffered: the data stand behind the packet table; else they go to the caller's buffer.
 uint8_t* CCyIsocEndPoint::BeginIsoc(uint8_t* pBuf, int32_t iLength, Overlapped* pOverlapped, bool bBuffered)
@@ -295,11 +301,4 @@ uint8_t* CCyIsocEndPoint::BeginDirectXfer(uint8_t* pBuf, int32_t iLength, Overla
 uint8_t* CCyIsocEndPoint::BeginBufXfer(uint8_t* pBuf, int32_t iLength, Overlapped* pOverlapped)
 {
     return BeginIsoc(pBuf, iLength, pOverlapped, true);
-}
-
-uint8_t* CCyIsocEndPoint::BeginDataXfer(uint8_t* pBuf, int32_t iLength, Overlapped* pOverlapped)
-{
-    if (!platform::IsDeviceOpen(m_hDevice))
-        return nullptr;
-    return m_bDirect == 1 ? BeginDirectXfer(pBuf, iLength, pOverlapped) : BeginBufXfer(pBuf, iLength, pOverlapped);
 }

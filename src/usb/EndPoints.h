@@ -58,6 +58,9 @@ public:
     uint32_t m_uUsbdStatus = 0, m_uNtStatus = 0, m_uBytesXferred = 0, m_uLastError = 0;
     bool m_bIn = false;
     int32_t m_bDirect = 1;
+
+protected:
+    uint8_t* BeginByMode(uint8_t* pBuf, int32_t iLength, platform::Overlapped* pOverlapped);  // direct or buffered
 };
 
 class KOV_CLASS CCyControlEndPoint : public CCyUSBEndPoint {
