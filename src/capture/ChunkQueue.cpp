@@ -174,13 +174,17 @@ void ChunkQueue::KeepAlive()
 
 void ChunkQueue::Flush()
 {
-    for (size_t n = 0; n < m_slots.size(); ++n) {
-        if (!Wait(m_slots[n], 2) && IsOut(m_slots[n]))
-            continue;
-        int32_t iBytes = 0;
-        Finish(n, &iBytes);
-        Begin(n, m_pFill);
+    size_t nOut = 0;
+    for (Slot& s : m_slots) {
+        Wait(s, 2);
+        nOut += IsOut(s);
     }
+    if (nOut == m_slots.size())
+        return;
+    // Half a frame: what is queued again would stand behind the chunks that are still out.
+    if (CCyUSBEndPoint* const pEp = EndPoint(); pEp && nOut != 0)
+        pEp->Abort();
+    RequeueAll(2, m_pFill);
 }
 
 void ChunkQueue::CloseSlots(uint32_t ms)

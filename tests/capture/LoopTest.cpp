@@ -1,0 +1,464 @@
+// The capture thread against a scripted endpoint.
+#include "CaptureCamera.h"
+
+namespace {
+
+constexpr int W = 64, H = 32, S = W * H;
+
+std::vector<uint8_t> Cleared(std::vector<uint8_t> v)
+{
+    std::fill_n(v.begin(), 4, uint8_t{ 0 });
+    std::fill_n(v.end() - 4, 4, uint8_t{ 0 });
+    return v;
+}
+
+TEST(ModernLoop, StartsDeliversAndEndsInOrder)
+{
+    Rig r(Family::Quartz, true);
+    ASSERT_TRUE(r.cam.StartCapture(false));
+    ASSERT_TRUE(r.Waiting(1));
+    EXPECT_EQ(r.Log(), "out 170 0000 0000\nout 166 aaaa 0000\nout 169 0000 0000\nout 166 aaaa 0001\n");
+    EXPECT_EQ(r.usb.dev.Events(), (std::vector<std::string>{ "abort 82", "reset 82", "size 82 100000" }));
+    r.usb.dev.Clear();
+    r.usb.dev.ClearEvents();
+
+    for (unsigned i = 0; i < 5; ++i) {
+        r.usb.Send(FrameA(S, i));
+        EXPECT_EQ(r.Read(), Cleared(FrameA(S, i)));
+        EXPECT_TRUE(r.Waiting(1));  // as many requests as chunks, always
+    }
+    EXPECT_EQ(r.cam.m_iDroppedFrames, 0u);
+    EXPECT_EQ(r.cam.m_ExpStatus, EXP_WORKING);
+    EXPECT_EQ(r.Log(), "");
+
+    r.usb.Send(FrameA(S, 9));
+    ASSERT_TRUE(Until([&] { return r.cam.m_pFrameExchange->Count() == 1; }));
+    EXPECT_TRUE(r.cam.StopCapture());
+    EXPECT_EQ(r.Log(), "out 166 aaaa 0000\nout 170 0000 0000\n");
+    EXPECT_EQ(r.usb.dev.Events(), (std::vector<std::string>{ "abort 82", "reset 82", "abort 82" }));
+    EXPECT_EQ(r.cam.m_pFrameExchange->Count(), 0);  // unread frames go
+    EXPECT_EQ(r.usb.dev.Outstanding(), 0u);
+}
+
+TEST(ModernLoop, DamagedFramesAreDroppedAndResynchronised)
+{
+    for (const int fault : { 0, 1, 2, 3 }) {
+        SCOPED_TRACE(fault);
+        Rig r(Family::Marble, true);
+        r.cam.StartCapture(false);
+        ASSERT_TRUE(r.Waiting(1));
+        r.usb.dev.ClearEvents();
+        auto bad = FrameA(S, 1);
+        switch (fault) {
+        case 0: bad[0] ^= 1; break;
+        case 1: bad[S - 1] ^= 1; break;
+        case 2: bad[S - 4] ^= 1; break;  // tags differ
+        default: bad.resize(S - 1); break;
+        }
+        r.usb.Send(bad);
+        ASSERT_TRUE(Until([&] { return r.Events("reset 82") == 1; }));
+        ASSERT_TRUE(r.Waiting(1));
+        EXPECT_EQ(r.cam.m_iDroppedFrames, 1u);
+        r.usb.Send(FrameA(S, 2));
+        EXPECT_EQ(r.Read(), Cleared(FrameA(S, 2)));
+        EXPECT_EQ(r.cam.m_iDroppedFrames, 1u);
+        r.cam.StopCapture();
+        EXPECT_EQ(r.cam.m_iDroppedFrames, 0u);
+    }
+}
+
+TEST(ModernLoop, FourEmptyFramesRestartTheStream)
+{
+    const FastClock fast(20);
+    Rig r(Family::Nephrite, true);
+    r.cam.StartCapture(false);
+    ASSERT_TRUE(Until([&] { return r.Events("resetport") == 1; }));
+    // The next restart is four passes away.
+    ASSERT_TRUE(Until([&] { return r.usb.dev.Requests().size() == 8; }));
+    EXPECT_EQ(r.Log().substr(72), "out 166 aaaa 0000\nout 170 0000 0000\nout 169 0000 0000\nout 166 aaaa 0001\n");
+    EXPECT_EQ(r.cam.m_iDroppedFrames, 0u);
+    r.usb.Send(FrameA(S, 3));
+    EXPECT_EQ(r.Read(), Cleared(FrameA(S, 3)));
+}
+
+TEST(ModernLoop, ThreeBadFramesOnAutoLowerTheBandwidth)
+{
+    Rig r(Family::Onyx, true, W, H, "Bandwidth");
+    r.cam.m_bAutoFPS = true;
+    r.cam.StartCapture(false);
+    auto bad = FrameA(S, 1);
+    bad[0] = 0;
+    for (int i = 0; i < 7; ++i) {
+        ASSERT_TRUE(r.Waiting(1));
+        const size_t n = r.Events("reset 82");
+        r.usb.Send(bad);
+        ASSERT_TRUE(Until([&] { return r.Events("reset 82") == n + 1; }));
+    }
+    r.cam.StopCapture();
+    EXPECT_EQ(r.cam.Notes(), (std::vector<std::string>{ "fps 76", "fps 72" }));
+
+    // The state belongs to the class: with bandwidth on auto all along, a later start is no rise. But its own clock starts.
+    Rig late(Family::Onyx, true, W, H, "Bandwidth");
+    late.cam.m_bAutoFPS = false;
+    late.cam.StartCapture(false);
+    for (int i = 0; i < 4; ++i) {
+        ASSERT_TRUE(late.Waiting(1));
+        const size_t n = late.Events("reset 82");
+        late.usb.Send(bad);
+        ASSERT_TRUE(Until([&] { return late.Events("reset 82") == n + 1; }));
+    }
+    EXPECT_TRUE(late.cam.Notes().empty());
+}
+
+TEST(ModernLoop, FullRingCountsDropsAndLeavesTheStreamAlone)
+{
+    Rig r(Family::Quartz, true);
+    r.cam.StartCapture(false);
+    ASSERT_TRUE(r.Waiting(1));
+    r.usb.dev.ClearEvents();
+    for (unsigned i = 0; i < 6; ++i) {
+        r.usb.Send(FrameA(S, i));
+        ASSERT_TRUE(r.Waiting(1));
+        ASSERT_TRUE(Until([&] { return r.cam.m_iDroppedFrames == (i > 1 ? i - 1 : 0); }));
+    }
+    EXPECT_EQ(r.Read(), Cleared(FrameA(S, 0)));
+    EXPECT_EQ(r.Read(), Cleared(FrameA(S, 1)));
+    EXPECT_TRUE(r.usb.dev.Events().empty());
+}
+
+TEST(ModernLoop, ChunksOfALateFrameFindTheirPlaces)
+{
+    constexpr int BIG_W = 1024, BIG_H = 2100;
+    for (const int h : { 2048, BIG_H }) {  // exactly two chunks, and a third of the rest
+        SCOPED_TRACE(h);
+        Rig r(Family::Kyanite, true, BIG_W, h);
+        const size_t n = h == 2048 ? 2 : 3;
+        r.cam.m_lExposure = 0;
+        r.cam.m_iFrameTime = 1000;
+        r.cam.StartCapture(false);
+        ASSERT_TRUE(r.Waiting(n));
+        for (unsigned i = 1; i < 4; ++i) {
+            platform::SleepMs(80);  // a pass of 52 ms goes by empty
+            EXPECT_EQ(r.usb.dev.Outstanding(), n);
+            r.usb.Send(FrameA(size_t(BIG_W) * size_t(h), i));
+            EXPECT_TRUE(r.Read() == Cleared(FrameA(size_t(BIG_W) * size_t(h), i)));
+        }
+    }
+}
+
+TEST(Snap, OneGoodFrameEndsIt)
+{
+    Rig r(Family::Quartz, true);
+    r.cam.StartExposure();
+    ASSERT_TRUE(r.Waiting(1));
+    EXPECT_EQ(r.cam.m_ExpStatus, EXP_WORKING);
+    r.usb.Send(FrameA(S, 1));
+    ASSERT_TRUE(Until([&] { return r.cam.m_ExpStatus == EXP_SUCCESS; }));
+    EXPECT_EQ(r.cam.m_pFrameExchange->Count(), 1);
+    EXPECT_FALSE(r.cam.m_bCapturing);
+    // At once the next one, while the thread may still be in its end sequence.
+    r.cam.StartExposure();
+    EXPECT_EQ(r.cam.m_ExpStatus, EXP_WORKING);
+    ASSERT_TRUE(Until([&] { return r.Log().size() >= 10 * 18; }));
+    ASSERT_TRUE(r.Waiting(1));
+    EXPECT_EQ(r.cam.m_pFrameExchange->Count(), 0);
+    r.usb.Send(FrameA(S, 2));
+    ASSERT_TRUE(Until([&] { return r.cam.m_ExpStatus == EXP_SUCCESS; }));
+    ASSERT_TRUE(r.cam.Ended());
+    EXPECT_EQ(r.Read(), Cleared(FrameA(S, 2)));  // left there by the end of the thread
+    EXPECT_EQ(r.cam.m_ExpStatus, EXP_SUCCESS);
+}
+
+TEST(Snap, FailsAfterASecondOfLostExposure)
+{
+    struct { uint64_t exposure; size_t mayFail; } rows[] = { { 2000000, 0 }, { 500000, 2 }, { 1000000, 1 } };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.exposure);
+        Rig r(Family::Marble, true);
+        r.cam.m_lExposure = row.exposure;
+        r.cam.StartExposure();
+        auto bad = FrameA(S, 1);
+        bad[0] = 0;
+        for (size_t i = 0; i <= row.mayFail; ++i) {
+            ASSERT_TRUE(r.Waiting(1));
+            EXPECT_EQ(r.cam.m_ExpStatus, EXP_WORKING);
+            const size_t n = r.Events("reset 82");
+            r.usb.Send(bad);
+            ASSERT_TRUE(Until([&] { return r.Events("reset 82") > n; }));
+        }
+        ASSERT_TRUE(r.cam.Ended());
+        EXPECT_EQ(r.cam.m_ExpStatus, EXP_FAILED);
+        EXPECT_FALSE(r.cam.m_bCapturing);
+    }
+}
+
+TEST(Snap, StopIsNoticedAndLeavesIdle)
+{
+    const FastClock fast(50);
+    Rig r(Family::Quartz, true);
+    r.cam.m_lExposure = 60000000;
+    r.cam.m_bLongExp = true;
+    r.cam.StartExposure();
+    ASSERT_TRUE(Until([&] { return r.Log().find("out 189 000b 0001") != std::string::npos; }));
+    const uint32_t dwStart = platform::Ticks();
+    r.cam.StopExposure();
+    EXPECT_LT(platform::Ticks() - dwStart, 5000u);
+    EXPECT_EQ(r.cam.m_ExpStatus, EXP_IDLE);
+    EXPECT_EQ(r.usb.dev.Outstanding(), 0u);
+}
+
+TEST(AnyLoop, EndsWhenTheDeviceHasGoneOrTheCameraCloses)
+{
+    const FastClock fast(20);
+    for (const Family f : { Family::Kyanite, Family::Garnet, Family::Dunite, Family::Cobalt, Family::Iolite }) {
+        Rig r(f, true);
+        r.cam.StartCapture(false);
+        ASSERT_TRUE(r.Waiting(1));
+        r.usb.dev.Vanish();
+        platform::SleepMs(3000);
+        EXPECT_TRUE(r.cam.m_bCapturing);  // goes on until it is stopped
+        EXPECT_TRUE(r.cam.StopCapture());
+    }
+    // A wait of minutes does not hold up the closing.
+    Rig r(Family::Marble, true);
+    r.cam.m_lExposure = 100000000;
+    r.cam.StartCapture(false);
+    ASSERT_TRUE(r.Waiting(1));
+    EXPECT_FALSE(r.cam.StopCapture());  // gives up after 5 s
+    // The next capture sees to it that the old thread goes.
+    r.cam.m_lExposure = 1000;
+    r.cam.StartCapture(false);
+    r.usb.Repeat(FrameA(S, 5));
+    EXPECT_FALSE(r.Read(60000).empty());
+    EXPECT_TRUE(r.cam.StopCapture());
+}
+
+TEST(AnyLoop, SizesThatMakeNoFrameDoNoHarm)
+{
+    const FastClock fast(20);
+    for (const Family f : { Family::Quartz, Family::Garnet }) {
+        Rig r(f, true);
+        r.cam.m_iWidth = 0;
+        r.cam.StartCapture(false);
+        platform::SleepMs(2000);
+        EXPECT_TRUE(r.cam.StopCapture());
+        r.cam.m_iWidth = W;
+        r.cam.m_iHeight = 100 * H;  // more than the buffers hold
+        r.usb.Repeat(FrameA(S, 5));
+        r.cam.StartCapture(false);
+        platform::SleepMs(2000);
+        EXPECT_TRUE(r.cam.StopCapture());
+    }
+}
+
+// --- USB 2 ------------------------------------------------------------------------------------------------------------
+
+TEST(GarnetLoop, StartAndEndInOrder)
+{
+    Rig r(Family::Garnet, false);
+    r.cam.m_bOutput16Bits = true;
+    r.cam.StartCapture(false);
+    ASSERT_TRUE(r.Waiting(1));
+    EXPECT_EQ(r.Log(), "out 170 0000 0000\nout 166 aaaa 0000\nout 175 0000 0000\nout 169 0000 0000\nout 172 0000 0000\n"
+                       "out 166 aaaa 0001\n");
+    EXPECT_EQ(r.usb.dev.Events(), (std::vector<std::string>{ "abort 82", "reset 82", "size 82 4b000" }));
+    r.usb.dev.Clear();
+    r.cam.StopCapture();
+    EXPECT_EQ(r.Log(), "out 166 aaaa 0000\nout 170 0000 0000\n");
+}
+
+TEST(GarnetLoop, QuirkFirstGoodFrameOfAVideoIsLost)
+{
+    Rig r(Family::Garnet, false);
+    r.cam.StartCapture(false);
+    ASSERT_TRUE(r.Waiting(1));
+    r.usb.Send(FrameB(S, 1));
+    ASSERT_TRUE(Until([&] { return r.Events("reset 82") == 2; }));
+    ASSERT_TRUE(r.Waiting(1));
+    EXPECT_EQ(r.cam.m_ExpStatus, EXP_SUCCESS);
+    r.usb.Send(FrameB(S, 2));
+    EXPECT_EQ(r.Read(), FrameB(S, 2));
+    r.cam.StopCapture();
+
+    r.cam.StartExposure();
+    ASSERT_TRUE(r.Waiting(1));
+    r.usb.Send(FrameB(S, 3));
+    ASSERT_TRUE(r.cam.Ended());
+    EXPECT_EQ(r.cam.m_ExpStatus, EXP_SUCCESS);
+    EXPECT_EQ(r.Read(), FrameB(S, 3));
+}
+
+TEST(GarnetLoop, QuirkBadHeadIsDeliveredAndCountedAtShortExposures)
+{
+    for (const uint64_t exposure : { 99999, 100000 }) {
+        Rig r(Family::Garnet, false);
+        r.cam.m_lExposure = exposure;
+        r.cam.StartCapture(false);
+        ASSERT_TRUE(r.Waiting(1));
+        auto bad = FrameB(S, 1);
+        bad[3] = 0;
+        r.usb.Send(bad);
+        ASSERT_TRUE(Until([&] { return r.Events("reset 82") == 2; }));
+        EXPECT_EQ(r.cam.m_iDroppedFrames, 1u);
+        EXPECT_EQ(r.cam.m_pFrameExchange->Count(), exposure < 100000 ? 1 : 0);
+    }
+}
+
+TEST(GarnetLoop, CountsOfBadFramesRelieveTheLinkAndReset)
+{
+    Rig r(Family::Garnet, false);
+    r.cam.StartCapture(false);
+    ASSERT_TRUE(r.Waiting(1));
+    r.usb.dev.Clear();
+    const auto sendShort = [&](size_t nResets) {
+        const size_t n = r.Events("reset 82");
+        r.usb.Send(Body(100, 1));
+        return Until([&] { return r.Events("reset 82") == n + nResets; }) && r.Waiting(1);
+    };
+    for (int i = 1; i <= 20; ++i)
+        ASSERT_TRUE(sendShort(i == 4 ? 2 : 1)) << i;
+    EXPECT_EQ(r.Log(), "out 166 300c 0690\n");  // the fourth: 1650 + 30
+    r.usb.dev.Clear();
+    ASSERT_TRUE(sendShort(1));
+    ASSERT_TRUE(Until([&] { return r.usb.dev.Requests().size() == 2; }));
+    EXPECT_EQ(r.Log(), "out 166 300c 0690\nout 169 0000 0000\n");
+    EXPECT_EQ(r.Events("resetport"), 1u);
+    EXPECT_EQ(r.cam.m_iDroppedFrames, 21u);
+}
+
+TEST(GarnetLoop, SilenceResetsTheDeviceAfterFiftyOnePasses)
+{
+    const FastClock fast(50);
+    Rig r(Family::Garnet, false);
+    r.cam.m_lExposure = 0;  // short waits: frame time is 2 ms
+    r.cam.StartCapture(false);
+    ASSERT_TRUE(r.Waiting(1));
+    ASSERT_TRUE(Until([&] { return r.usb.dev.Requests().size() >= 8; }, 10000));
+    EXPECT_EQ(r.Log().substr(5 * 18, 3 * 18), "out 166 300c 0690\nout 175 0000 0000\nout 169 0000 0000\n");
+}
+
+TEST(GarnetSLoop, TestsHeadAndTailAndDeliversTheFirst)
+{
+    Rig r(Family::GarnetS, false);
+    r.cam.StartCapture(false);
+    ASSERT_TRUE(r.Waiting(1));
+    r.usb.dev.Clear();
+    r.usb.Send(FrameB(S, 1, true));
+    EXPECT_EQ(r.Read(), FrameB(S, 1, true));  // marks stay
+    for (int i = 1; i <= 5; ++i) {
+        const size_t n = r.Events("reset 82");
+        r.usb.Send(FrameB(S, 2, false));
+        ASSERT_TRUE(Until([&] { return r.Events("reset 82") == n + 1; }));
+        ASSERT_TRUE(r.Waiting(1));
+    }
+    EXPECT_EQ(r.cam.m_pFrameExchange->Count(), 0);
+    EXPECT_EQ(r.cam.m_iDroppedFrames, 5u);
+    EXPECT_EQ(r.Log(), "out 166 300c 06d6\n");  // the fifth: 1650 + 100
+}
+
+TEST(SmallChunkLoops, StartInTheirOwnOrder)
+{
+    Rig cobalt(Family::Cobalt, true, W, H, "Cobalt");
+    cobalt.cam.StartCapture(false);
+    ASSERT_TRUE(Until([&] { return cobalt.usb.dev.Requests().size() == 3; }));
+    EXPECT_EQ(cobalt.Log(), "out 170 0000 0000\nout 175 0000 0000\nout 169 0000 0000\n");
+    EXPECT_EQ(cobalt.Events("size 82 5b000"), 1u);
+    EXPECT_EQ(cobalt.usb.dev.Outstanding(), 1u);
+    // Its own automation thread carries exposure and gain to the sensor.
+    EXPECT_TRUE(Until([&] { return cobalt.cam.CountOf("apply") >= 2; }));
+    EXPECT_EQ(cobalt.cam.Notes()[0], "apply exp");
+    EXPECT_EQ(cobalt.cam.Notes()[1], "apply gain");
+    cobalt.cam.StopCapture();
+}
+
+TEST(SmallChunkLoops, DuniteRestartsTheSensor)
+{
+    Rig r(Family::Dunite, true, W, H, "Dunite");
+    r.cam.m_lExposure = 200000;
+    r.cam.StartCapture(false);
+    ASSERT_TRUE(Until([&] { return r.usb.dev.Requests().size() == 3; }));
+    EXPECT_EQ(r.Log(), "out 170 0000 0000\nout 175 0000 0000\nout 169 0000 0000\n");
+    r.usb.dev.Clear();
+    for (int i = 1; i <= 21; ++i) {
+        ASSERT_TRUE(r.Waiting(1));
+        const size_t n = r.Events("reset 82");
+        r.usb.Send(Body(100, 1));
+        ASSERT_TRUE(Until([&] { return r.Events("reset 82") == n + 1; }));
+    }
+    ASSERT_TRUE(Until([&] { return r.usb.dev.Requests().size() == 2; }));
+    EXPECT_EQ(r.Log(), "out 166 000c 0001\nout 169 0000 0000\n");
+    EXPECT_EQ(r.Events("resetport"), 1u);
+}
+
+TEST(SmallChunkLoops, IoliteFixesTheBlackLevelAfter800Ms)
+{
+    const FastClock fast(10);
+    Rig r(Family::Iolite, false, W, H, "Iolite");
+    r.cam.m_bAutoBLBusy = true;
+    r.usb.dev.OnIn = [](const RecordedRequest& q, uint8_t* p, uint16_t) {
+        if (q.bRequest == 167)
+            p[1] = uint8_t(q.wValue == 97 ? 0xFE : q.wValue - 90);  // 6, -2, 9, 10
+    };
+    r.usb.Repeat(FrameB(S, 1));
+    r.cam.StartCapture(false);
+    ASSERT_TRUE(Until([&] { return r.cam.CountOf("offset") == 1; }));
+    ASSERT_TRUE(Until([&] { return r.cam.m_bAutoBL.Get(); }));
+    EXPECT_EQ(r.cam.Notes().front(), "offset 6 10");
+    EXPECT_GT(r.cam.m_iAutoBLCount, 800);
+    EXPECT_EQ(r.Log().substr(0, 18 * 4), "out 170 0000 0000\nout 166 aaaa 0000\nout 175 0000 0000\nout 166 001e 8000\n");
+}
+
+// --- automation -------------------------------------------------------------------------------------------------------
+
+TEST(Automation, ShortExposuresBesideTheLoopLongOnesInIt)
+{
+    for (const bool bLong : { false, true }) {
+        SCOPED_TRACE(bLong);
+        const FastClock fast(10);
+        Rig r(Family::Quartz, true);
+        r.cam.m_bAutoGain = true;
+        r.cam.m_iDestBrightness = 250;  // far away: each step sets the gain
+        r.cam.m_lExposure = bLong ? 100000 : 99999;
+        const size_t before = r.cam.CountOf("gain");
+        r.cam.StartCapture(false);
+        ASSERT_TRUE(r.Waiting(1));
+        if (!bLong) {
+            EXPECT_TRUE(Until([&] { return r.cam.CountOf("gain") > before + 2; }));  // without any frame
+            continue;
+        }
+        platform::SleepMs(1000);
+        EXPECT_EQ(r.cam.CountOf("gain"), before);
+        size_t steps[4];
+        for (unsigned i = 0; i < 4; ++i) {
+            r.usb.Send(std::vector<uint8_t>(FrameA(S, i)));
+            EXPECT_FALSE(r.Read(30000).empty());
+            r.Waiting(1);
+            platform::SleepMs(100);
+            steps[i] = r.cam.CountOf("gain");
+        }
+        EXPECT_LT(before, steps[0]);
+        EXPECT_EQ(steps[0], steps[1]);
+        EXPECT_LT(steps[1], steps[2]);
+        EXPECT_EQ(steps[2], steps[3]);
+    }
+}
+
+TEST(Automation, AgateTakesAOneShotThreadForShortExposures)
+{
+    Rig r(Family::Agate, true, W, H, "AgateAuto");
+    r.cam.m_bAutoWB = true;
+    r.cam.m_lExposure = 150000;  // two frames pass 200 ms
+    r.cam.StartCapture(false);
+    ASSERT_TRUE(r.Waiting(1));
+    for (unsigned i = 0; i < 5; ++i) {
+        r.usb.Send(FrameB(S, i));
+        ASSERT_TRUE(Until([&] { return r.usb.Left() == 0; }) && r.Waiting(1));
+        platform::SleepMs(30);
+        EXPECT_EQ(r.cam.CountOf("model balance"), (i + 1) / 2) << i;
+    }
+    r.cam.m_lExposure = 500001;
+    r.usb.Send(FrameB(S, 7));
+    EXPECT_TRUE(Until([&] { return r.cam.CountOf("model balance") == 3; }));
+}
+
+}  // namespace
