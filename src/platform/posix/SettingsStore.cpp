@@ -19,7 +19,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr int BUSY_MS = 2000;  // longest wait for another process that saves
+constexpr int BUSY_MS = 1000;  // longest wait for another process that saves; a save may wait twice, to look and to write
 
 struct DbClose {
     void operator()(sqlite3* db) const { sqlite3_close_v2(db); }
@@ -115,6 +115,7 @@ public:
     // Whether the key exists.
     bool Load(const Db& db)
     {
+        m_bLoaded = true;
         const Statement s = Prepare(db, "SELECT name, type, bytes FROM setting WHERE key = ?1");
         if (!s)
             return false;
@@ -132,7 +133,13 @@ public:
 
     uint32_t Query(const wchar_t* szName, void* pData, uint32_t* pdwCount) override
     {
-        const Value* const p = Find(m_aValues, Utf8(szName));
+        const std::string sName = Utf8(szName);
+        const Value* p = Find(m_aChanges, sName);
+        if (!p) {
+            if (const Db db = m_bLoaded ? nullptr : OpenDatabase(false))
+                Load(db);
+            p = Find(m_aValues, sName);
+        }
         if (!p)
             return STORE_NOT_FOUND;
         const auto n = static_cast<uint32_t>(p->abData.size());
@@ -146,12 +153,11 @@ public:
     uint32_t Set(const wchar_t* szName, uint32_t dwType, const void* pData, uint32_t dwSize) override
     {
         const auto* const p = static_cast<const uint8_t*>(pData);
-        const Value v{ Utf8(szName), dwType, std::vector<uint8_t>(p, p + dwSize) };
-        for (std::vector<Value>* const pa : { &m_aValues, &m_aChanges })
-            if (Value* const pOld = Find(*pa, v.sName))
-                *pOld = v;
-            else
-                pa->push_back(v);
+        Value v{ Utf8(szName), dwType, std::vector<uint8_t>(p, p + dwSize) };
+        if (Value* const pOld = Find(m_aChanges, v.sName))
+            *pOld = std::move(v);
+        else
+            m_aChanges.push_back(std::move(v));
         return STORE_OK;
     }
 
@@ -197,6 +203,7 @@ private:
 
     const std::string m_sKey;
     std::vector<Value> m_aValues, m_aChanges;
+    bool m_bLoaded = false;
 };
 
 }  // namespace
@@ -215,9 +222,7 @@ std::unique_ptr<SettingsKey> CreateSettings(const wchar_t* szKey)
     const Db db = OpenDatabase(true);
     if (!db)
         return nullptr;
-    auto pKey = std::make_unique<DatabaseKey>(szKey);
-    pKey->Load(db);
-    return pKey;
+    return std::make_unique<DatabaseKey>(szKey);
 }
 
 }  // namespace platform
