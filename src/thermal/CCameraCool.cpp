@@ -213,9 +213,12 @@ void CCameraCool::StartAutoTempThr(void* self)
 
 void CCameraCool::StopAutoTempThr()
 {
-    if (!m_bTempThrRun)
-        return;
-    m_bTempThrRun = false;
-    m_TempThread.Wait(STOP_LIMIT_MS);
-    SetPowerPerc(0);
+    if (m_bTempThrRun) {
+        m_bTempThrRun = false;
+        m_TempThread.Wait(STOP_LIMIT_MS);
+        SetPowerPerc(0);
+    }
+    // Whoever stops it is about to take the link or the object away. At worst one control transfer is still out, which
+    // has a time limit of its own.
+    m_TempThread.Wait(platform::WAIT_FOREVER);
 }

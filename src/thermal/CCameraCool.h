@@ -7,8 +7,8 @@
 class KOV_CLASS CCameraCool : public CCameraBase {
 public:
     CCameraCool(int width, int height);
-    // Waits for the thread. A class that overrides GetSensorTemp has to stop it in its own destructor (StopAutoTempThr
-    // may give up waiting; m_TempThread.Wait does not): the thread calls that operation.
+    // Waits for the thread. A class that overrides GetSensorTemp has to call StopAutoTempThr in its own destructor: the
+    // thread calls that operation.
     ~CCameraCool() override;
 
     struct PID {
@@ -26,7 +26,7 @@ public:
     void GetAutoTemp(bool* on, float* target) const;
     bool IsAutoTempWorking() const { return m_bTempThrRun; }
     void StartAutoTempThr(void* self);
-    void StopAutoTempThr();
+    void StopAutoTempThr();  // host; power 0. Afterwards the thread does not run any more
 
     float m_fDAMin = 0, m_fDAMax = 0, m_fCurrentMax = 0, m_fCurrentMin = 0;
     Shared<int32_t> m_iCurDA;
