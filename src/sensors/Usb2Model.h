@@ -1,4 +1,4 @@
-// What the families without an FPGA do alike: the test of a region, its start, the transfer mode of the bridge. A family
+// What the families without an FPGA do alike: test of a region, its start, transfer mode of the bridge. A family
 // derives from CUsb2Model and adds its registers. All of them have 16-bit sensor registers.
 #pragma once
 #include "sensors/Model.h"
@@ -26,8 +26,8 @@ protected:
     bool SendTransferMode(bool on) { return SendCMD(on ? REQ_MODE_16BIT : REQ_MODE_8BIT); }
     // The same with a running capture stopped around it. QUIRK: what runs again afterwards is video, also after a snap.
     bool SendTransferModeStopped(bool on);
-    // m_iFPSPerc and m_bAutoFPS from a request. QUIRK: on the switch to auto the argument is ignored; while auto is on, it
-    // is taken.
+    // m_iFPSPerc and m_bAutoFPS from a request. QUIRK: on the switch to auto the argument is ignored; while auto is on,
+    // it is taken.
     void TakePercentage(int percent, bool autoMode, int minPercent, int autoPercent);
     void ReadFirmwareVer();
     bool UpdateTo(uint8_t needed, FirmwareId id);  // body of FirmwareStep

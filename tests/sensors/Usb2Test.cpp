@@ -3,9 +3,9 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cstdlib>
-#include <algorithm>
 #include <filesystem>
 #include <map>
 
@@ -23,7 +23,7 @@ namespace {
 
 using usbstack::Speed;
 
-// One word a request: "3012=03e7" 16-bit write, "b8200=01" byte write, "?30b0" read, "cmd164" anything else that goes out.
+// One word a request: "3012=03e7" 16-bit write, "b8200=01" byte write, "?30b0" read, "cmd164" anything else going out.
 std::string Words(const std::vector<RecordedRequest>& requests)
 {
     std::string s;
@@ -93,7 +93,7 @@ protected:
     std::filesystem::path m_path;
 };
 
-// --- Garnet -----------------------------------------------------------------------------------------------------------
+// --- Garnet --------------------------------------------------------------------------------------------------------
 
 using Garnet = Usb2;
 
@@ -109,8 +109,9 @@ TEST_F(Garnet, BringUp)
     EXPECT_EQ(Words({ all.begin() + 119, all.end() }),
               "?30c6 ?30c8 ?30b2 "
               "305a=0022 3058=003e 301e=0000 "         // word 2 * 50 - 64 = 36: 52 * 36 / 55, 95 * 36 / 55
-              "3012=03e7 301a=10da 302c=0001 302a=0008 302e=0003 3030=0019 301a=10dc "  // 50 MHz; (50 * 33000 - 26) / 1650
-              "300c=073e 3012=0379 3012=0379 "         // (1228800 * 50 * 100 / 42 / 80 + 358) / 986 = 1854.9; 1649974 / 1854
+              "3012=03e7 301a=10da 302c=0001 302a=0008 302e=0003 3030=0019 301a=10dc "  // (50 * 33000 - 26) / 1650
+              // (1228800 * 50 * 100 / 42 / 80 + 358) / 986 = 1854.9; 1649974 / 1854
+              "300c=073e 3012=0379 3012=0379 "
               "300c=073e 3012=0379 "
               "30b0=1330 3056=0024 305c=0024 305a=0022 3058=003e "
               "3012=0379");
@@ -124,8 +125,9 @@ TEST_F(Garnet, RegionSetsWindowThenClockThenLine)
     ASSERT_TRUE(cam->SetResolution(640, 480, 1, IMAGE_8BIT));
     EXPECT_EQ(Sent(),
               "3002=00f2 3004=0140 3006=02d1 3008=03bf cmd171 "  // centred at 320, 240
-              "3012=058f 301a=10da 302c=0001 302a=0008 302e=0006 3030=0050 301a=10dc "  // 80 MHz; (80 * 33000 - 26) / 1854
-              "300c=05a6 3012=0721 3012=0721 300c=05a6 3012=0721 "  // (307200 * 80 * 100 / 42 / 80 + 358) / 506; 2639974 / 1446
+              "3012=058f 301a=10da 302c=0001 302a=0008 302e=0006 3030=0050 301a=10dc "  // (80 * 33000 - 26) / 1854
+              // (307200 * 80 * 100 / 42 / 80 + 358) / 506 = 1446.2; 2639974 / 1446
+              "300c=05a6 3012=0721 3012=0721 300c=05a6 3012=0721 "
               "300a=01fa");
     EXPECT_EQ(cam->GetRealImageSize(), 307200);
 
@@ -381,7 +383,7 @@ TEST_F(Garnet, FirmwareIsUpdatedOnlyWhenOldAndAtHand)
     EXPECT_EQ(loads(), 0);
 }
 
-// --- Cobalt -----------------------------------------------------------------------------------------------------------
+// --- Cobalt --------------------------------------------------------------------------------------------------------
 
 using Cobalt = Usb2;
 
@@ -414,7 +416,7 @@ TEST_F(Cobalt, RegionAndLineLength)
     EXPECT_EQ(Sent(), "3002=0006 3004=000a 3006=01e5 3008=0289");
     EXPECT_FALSE(cam->SetResolution(640, 481, 1, IMAGE_8BIT));
 
-    // At 100 percent the line would be shorter than the picture: 931 gives way to 728 + 210. QUIRK: the half is written.
+    // At 100 percent the line would be shorter than the picture: 931 gives way to 938. QUIRK: the half is written.
     ASSERT_TRUE(cam->SetResolution(728, 512, 1, IMAGE_8BIT));
     Sent();
     EXPECT_TRUE(cam->SetStartPos(10, 10));  // QUIRK: nothing at full size
@@ -510,7 +512,7 @@ TEST_F(Cobalt, Mailbox)
     EXPECT_EQ(Sent(), "");
 }
 
-// --- Agate and Dunite -------------------------------------------------------------------------------------------------
+// --- Agate and Dunite ----------------------------------------------------------------------------------------------
 
 using Agate = Usb2;
 
@@ -645,7 +647,37 @@ TEST_F(Agate, QuirkDuniteTakesAStoredBalanceOf100)
     dunite.m_Algorithm.SetRGBWB(50, 50);
 }
 
-// --- Iolite -----------------------------------------------------------------------------------------------------------
+// The switch of the transfer mode stands between the end of the old capture and the start of a new one.
+template <class T>
+void TransferModeRestartsCapture(T& cam, FakeUsbDevice& dev)
+{
+    ASSERT_TRUE(cam.StartCapture(true));
+    for (int i = 0; i < 500 && dev.Log().find("out 169") == std::string::npos; ++i)
+        platform::SleepMs(100);
+    dev.Clear();
+    ASSERT_TRUE(cam.SetOutput16Bits(true));
+    EXPECT_FALSE(cam.m_bSnapMode);  // QUIRK: what runs again is video
+    for (int i = 0; i < 500 && dev.Log().find("out 169") == std::string::npos; ++i)
+        platform::SleepMs(100);
+    const std::string log = dev.Log();
+    const size_t mode = log.find("out 172");
+    ASSERT_NE(mode, std::string::npos) << log;
+    EXPECT_NE(log.rfind("out 170", mode), std::string::npos) << log;
+    EXPECT_NE(log.find("out 169", mode), std::string::npos) << log;
+    EXPECT_EQ(log.find("out 172", mode + 1), std::string::npos) << log;
+    EXPECT_TRUE(cam.StopCapture());
+}
+
+TEST_F(Usb2, TransferModeRestartsARunningCapture)
+{
+    platform::SetClockRate(20);
+    auto agate = Open<CCameraSAgateCol>(0xC01A);
+    TransferModeRestartsCapture(*agate, *m_dev);
+    auto s = Open<CCameraSGarnetMono_S>(0xC07D);
+    TransferModeRestartsCapture(*s, *m_dev);
+}
+
+// --- Iolite --------------------------------------------------------------------------------------------------------
 
 using Iolite = Usb2;
 

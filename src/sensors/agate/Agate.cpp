@@ -33,8 +33,8 @@ constexpr int DIGITAL_FROM = 48;                        // index of the first di
 constexpr int ANALOG_PARKED = 111, DIGITAL_PARKED = 1268;
 constexpr int WB_MIN = 1, WB_TOP = 99;
 
-constexpr ModelTraits Row(const char* szClass, const char* szName, const wchar_t* szKey, int iSlot, int iWidth, bool bColor,
-                          int iWBMax, int32_t iExpMax, int32_t iMaxExposure, int32_t iClk)
+constexpr ModelTraits Row(const char* szClass, const char* szName, const wchar_t* szKey, int iSlot, int iWidth,
+                          bool bColor, int iWBMax, int32_t iExpMax, int32_t iMaxExposure, int32_t iClk)
 {
     ModelTraits t = {
         .family = iWidth == 640 ? Family::Agate : Family::Dunite, .szClass = szClass, .szName = szName, .szKey = szKey,
@@ -61,15 +61,17 @@ constexpr ModelTraits With(ModelTraits t, std::initializer_list<ProductName> pro
     return t;
 }
 
-//                                     class, name, key                      slot width colour WB max exp max  max exp  MHz
+// Behind the key: slot, width, colour, upper balance, control limit of exposure, longest exposure, MHz.
 constexpr ModelTraits g_AgateCol = With(
     Row("CCameraSAgateCol", "VYR KOVAgateCol", L"SOFTWARE\\KOVAgateCol", 6, 640, true, 99, 30000000, 4000000, 24),
     { { 0xC01A, nullptr } });
 constexpr ModelTraits g_DuniteMono = With(
-    Row("CCameraSDuniteMono", "VYR KOVDuniteMono", L"SOFTWARE\\KOVDuniteMono", 5, 752, false, 0, 999000000, 1000000000, 30),
+    Row("CCameraSDuniteMono", "VYR KOVDuniteMono", L"SOFTWARE\\KOVDuniteMono", 5, 752, false, 0, 999000000,
+        1000000000, 30),
     { { 0xC04A, nullptr }, { 0xC04C, "TORMELD KOVDuniteMono-A" }, { 0xC04D, "TORMELD KOVDuniteMono-B" } });
 constexpr ModelTraits g_DuniteCol = With(
-    Row("CCameraSDuniteCol", "VYR KOVDuniteCol", L"SOFTWARE\\KOVDuniteCol", 4, 752, true, 100, 999000000, 1000000000, 30),
+    Row("CCameraSDuniteCol", "VYR KOVDuniteCol", L"SOFTWARE\\KOVDuniteCol", 4, 752, true, 100, 999000000,
+        1000000000, 30),
     { { 0xC04B, nullptr }, { 0xC04E, "TORMELD KOVDuniteCol-A" }, { 0xC04F, "TORMELD KOVDuniteCol-B" } });
 
 constexpr AgateForm g_Agate = { 30'000'000, 94, true, 99 };
@@ -81,9 +83,11 @@ std::atomic<int> g_AgateIndex, g_DuniteMonoIndex, g_DuniteColIndex;
 // Word of the gain register: four runs.
 constexpr int GainWord(int i)
 {
-    return i < 16 ? 0x10 + i : i < 40 ? 0x20 + 2 * (i - 16) : i < DIGITAL_FROM ? 0x68 + i - 40 : 0x4F4 + i - DIGITAL_FROM;
+    return i < 16 ? 0x10 + i : i < 40 ? 0x20 + 2 * (i - 16) : i < DIGITAL_FROM ? 0x68 + i - 40
+                                                                               : 0x4F4 + i - DIGITAL_FROM;
 }
-static_assert(GainWord(39) == 0x4E && GainWord(47) == ANALOG_PARKED && GainWord(48) == DIGITAL_PARKED && GainWord(59) == 0x4FF);
+static_assert(GainWord(39) == 0x4E && GainWord(47) == ANALOG_PARKED);
+static_assert(GainWord(48) == DIGITAL_PARKED && GainWord(59) == 0x4FF);
 
 }  // namespace
 
@@ -98,9 +102,18 @@ void CAgate::FinishConstruction()
     m_iWBTop = WB_TOP;
 }
 
-CCameraSAgateCol::CCameraSAgateCol(void* handle) : CAgate(g_AgateCol, g_Agate, g_AgateIndex, handle) { FinishConstruction(); }
-CCameraSDuniteMono::CCameraSDuniteMono(void* handle) : CAgate(g_DuniteMono, g_Dunite, g_DuniteMonoIndex, handle) { FinishConstruction(); }
-CCameraSDuniteCol::CCameraSDuniteCol(void* handle) : CAgate(g_DuniteCol, g_Dunite, g_DuniteColIndex, handle) { FinishConstruction(); }
+CCameraSAgateCol::CCameraSAgateCol(void* handle) : CAgate(g_AgateCol, g_Agate, g_AgateIndex, handle)
+{
+    FinishConstruction();
+}
+CCameraSDuniteMono::CCameraSDuniteMono(void* handle) : CAgate(g_DuniteMono, g_Dunite, g_DuniteMonoIndex, handle)
+{
+    FinishConstruction();
+}
+CCameraSDuniteCol::CCameraSDuniteCol(void* handle) : CAgate(g_DuniteCol, g_Dunite, g_DuniteColIndex, handle)
+{
+    FinishConstruction();
+}
 
 bool CAgate::InitCamera()
 {
@@ -183,7 +196,7 @@ bool CAgate::SetExp(uint64_t microseconds, bool autoMode)
     m_bAutoExp = autoMode;
     m_lExposure = std::clamp(microseconds, EXP_MIN, m_Form.lExpMax);
     const int iBlank = std::max(LINE_CLOCKS - SensorW(), m_Form.iBlank);
-    // 32 bits, wrapping: exposures from 89 s (at 48 MHz) count a wrong number of lines, but those the host times anyway.
+    // 32 bits, wrapping: exposures from 89 s (at 48 MHz) count wrong lines, but those the host times anyway.
     const uint32_t dwClocks = static_cast<uint32_t>(m_iCMOSClk) * static_cast<uint32_t>(m_lExposure) - 4;
     const uint32_t dwLines = std::max(dwClocks / static_cast<uint32_t>(iBlank + SensorW()), 1u);
     m_iExpLines = static_cast<int32_t>(dwLines);

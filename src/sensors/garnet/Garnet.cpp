@@ -68,14 +68,13 @@ constexpr ModelTraits Row(const char* szClass, const char* szName, const wchar_t
     return t;
 }
 
-//                               class                   name                   key                           slot  id
-//                               cell      colour  USB 3   MHz
+// Behind the key: GUID slot, product ID, cell, colour, USB 3, clock in MHz.
 constexpr ModelTraits g_Mono = Row("CCameraSGarnetMono", "VYR KOVGarnetMono", L"SOFTWARE\\KOVGarnetMono", 1, 0xC07A,
                                    BAYER_RG, false, false, 0);
 constexpr ModelTraits g_Col = Row("CCameraSGarnetCol", "VYR KOVGarnetCol", L"SOFTWARE\\KOVGarnetCol", 2, 0xC07B,
                                   BAYER_GR, true, false, 50);
-constexpr ModelTraits g_MonoS = Row("CCameraSGarnetMono_S", "VYR KOVGarnetMono-S", L"SOFTWARE\\KOVGarnetMono-S", 8, 0xC07D,
-                                    BAYER_GR, false, true, 100);
+constexpr ModelTraits g_MonoS = Row("CCameraSGarnetMono_S", "VYR KOVGarnetMono-S", L"SOFTWARE\\KOVGarnetMono-S", 8,
+                                    0xC07D, BAYER_GR, false, true, 100);
 constexpr ModelTraits g_ColS = Row("CCameraSGarnetCol_S", "VYR KOVGarnetCol-S", L"SOFTWARE\\KOVGarnetCol-S", 9, 0xC07E,
                                    BAYER_GR, true, true, 100);
 
@@ -118,10 +117,22 @@ CGarnet::CGarnet(const ModelTraits& t, const GarnetForm& f, GarnetVars& v, void*
 {
 }
 
-CCameraSGarnetMono::CCameraSGarnetMono(void* handle) : CGarnet(g_Mono, g_Usb2, g_MonoVars, handle) { FinishConstruction(); }
-CCameraSGarnetCol::CCameraSGarnetCol(void* handle) : CGarnet(g_Col, g_Usb2, g_ColVars, handle) { FinishConstruction(); }
-CCameraSGarnetMono_S::CCameraSGarnetMono_S(void* handle) : CGarnet(g_MonoS, g_S, g_MonoSVars, handle) { FinishConstruction(); }
-CCameraSGarnetCol_S::CCameraSGarnetCol_S(void* handle) : CGarnet(g_ColS, g_S, g_ColSVars, handle) { FinishConstruction(); }
+CCameraSGarnetMono::CCameraSGarnetMono(void* handle) : CGarnet(g_Mono, g_Usb2, g_MonoVars, handle)
+{
+    FinishConstruction();
+}
+CCameraSGarnetCol::CCameraSGarnetCol(void* handle) : CGarnet(g_Col, g_Usb2, g_ColVars, handle)
+{
+    FinishConstruction();
+}
+CCameraSGarnetMono_S::CCameraSGarnetMono_S(void* handle) : CGarnet(g_MonoS, g_S, g_MonoSVars, handle)
+{
+    FinishConstruction();
+}
+CCameraSGarnetCol_S::CCameraSGarnetCol_S(void* handle) : CGarnet(g_ColS, g_S, g_ColSVars, handle)
+{
+    FinishConstruction();
+}
 
 bool CGarnet::FirmwareStep()
 {
@@ -331,7 +342,8 @@ void CGarnet::WritePll(int rate)
 {
     PllRow row = { rate, 1, 4, 6, 6, static_cast<uint16_t>(rate) };  // _S above 32 MHz: any rate
     if (!m_Traits.bUSB3 || rate <= 32) {
-        const auto* p = std::find_if(std::begin(g_Pll), std::end(g_Pll), [=](const PllRow& r) { return r.iRate == rate; });
+        const auto* p =
+            std::find_if(std::begin(g_Pll), std::end(g_Pll), [=](const PllRow& r) { return r.iRate == rate; });
         if (p == std::end(g_Pll)) {
             TraceLine("set clk %d error!\n", rate);
             return;

@@ -26,8 +26,8 @@ constexpr uint8_t FIRMWARE_16BIT = 2;                    // first one that can s
 constexpr ModelTraits g_Mono = {
     .family = Family::Iolite, .szClass = "CCameraSIoliteMono", .szName = "VYR KOVIoliteMono",
     .szKey = L"SOFTWARE\\KOVIoliteMono", .iGuidSlot = 3, .aProducts = { { 0xC09A, nullptr } },
-    .iWidth = 1280, .iHeight = 1024, .dPixelSize = 5.20, .bayer = BAYER_RG, .bColor = false, .bUSB3 = false, .bCooler = false,
-    .fElecPerADU = 0, .iPropA = 0, .iPropB = 0, .iPropC = -1, .iPropD = -1, .gain = { 0, 100, 50 },
+    .iWidth = 1280, .iHeight = 1024, .dPixelSize = 5.20, .bayer = BAYER_RG, .bColor = false, .bUSB3 = false,
+    .bCooler = false, .fElecPerADU = 0, .iPropA = 0, .iPropB = 0, .iPropC = -1, .iPropD = -1, .gain = { 0, 100, 50 },
     .exposure = { 32, 999000000, 33000 }, .iWB_R = 0, .iWB_B = 0, .iWBMin = 0, .iWBMax = 0, .brightness = {},
     .iBandwidthMin = 1, .iBandwidthMax = 2, .iFPSPerc = 0, .iFPSPercUSB3 = 0, .iClk = CLK_NORMAL, .iHMAX = 0,
     .iMaxExposure = 1000000000, .iAutoGainMax = 0, .iAutoExpMaxCap = -1, .wCaps = CAP_AUTO,
