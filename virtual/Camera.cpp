@@ -148,6 +148,13 @@ void Camera::Changed()
     if (m_Now.bHeld != held || m_Now.bStreaming != on) m_Wake.notify_all();
 }
 
+void Camera::Used()
+{
+    if (m_bUsed) return;
+    m_bUsed = true;
+    m_Wake.notify_all();
+}
+
 void Camera::Unplug()
 {
     Lock lock(m_Mutex);
@@ -415,6 +422,7 @@ void Camera::SetScene(std::shared_ptr<const Scene> scene)
 {
     Lock lock(m_Mutex);
     m_Scene = scene ? std::move(scene) : Scene::Sky();
+    m_Wake.notify_all();
 }
 
 double Camera::Celsius() const { return m_Thermal.At(m_Clock.Now() / 1e6); }

@@ -144,6 +144,7 @@ private:
     void Drop(double returnAt);
     void CheckVanish();
     void Changed();
+    void Used();
     bool TakeFault(FaultKind kind, const std::function<bool(uint32_t)>& fits, uint32_t* puArg = nullptr);
     void Flush();
     void Log(const Setup& s, const std::vector<uint8_t>& data);
@@ -157,6 +158,7 @@ private:
 
     // The sensor's thread.
     void SensorThread();
+    void Prepare(Lock& lock);
     std::shared_ptr<const std::vector<uint8_t>> Develop(Lock& lock, const Readout& r, double exposureUs);
     void Emit(std::shared_ptr<const std::vector<uint8_t>> pixels);
 
@@ -175,8 +177,9 @@ private:
     mutable std::mutex m_Mutex;  // guards all below
     std::condition_variable m_Wake;
     std::unique_ptr<Profile> m_Profile;
-    std::shared_ptr<const Scene> m_Scene;
+    std::shared_ptr<const Scene> m_Scene, m_Prepared;
     bool m_bQuit = false, m_bPresent = false, m_bHalted = false;
+    bool m_bUsed = false;              // some host has written a register: frames are likely to be wanted
     bool m_bLoaded = false;            // the boot loader was given a firmware
     double m_dReturnAt = -1;           // device time at which a vanished camera comes back; -1: never
     uint64_t m_uPlug = 0;

@@ -41,6 +41,9 @@ public:
     Imager(const ModelFacts& facts, uint64_t seed, double noise, int hotPixels);
     const std::vector<HotPixel>& HotPixels() const { return m_Hot; }
 
+    // Computes the scene's light ahead of the first frame: a large sensor takes a third of a second.
+    void Prepare(const std::shared_ptr<const Scene>& scene, double shiftX, double shiftY) { RenderScene(scene, shiftX, shiftY); }
+
     struct Shot {
         double dExposureUs = 0;
         double dCelsius = 20;

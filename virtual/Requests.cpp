@@ -164,6 +164,7 @@ bool Camera::Vendor(const Setup& s, std::vector<uint8_t>& data)
     case WRITE_REG16:
     case WRITE_REG8: {
         if (broken(s.wValue)) return false;
+        Used();
         const bool ok = s.bRequest == WRITE_REG16 ? m_Profile->WriteReg16(s.wValue, s.wIndex)
                                                   : m_Profile->WriteReg8(s.wValue, uint8_t(s.wIndex));
         Changed();
@@ -178,6 +179,7 @@ bool Camera::Vendor(const Setup& s, std::vector<uint8_t>& data)
     case READ_REG8: data = { m_Profile->ReadReg8(s.wValue) }; return true;
     case WRITE_FPGA:
         if (broken(FPGA_REGISTER | s.wValue)) return false;
+        Used();
         m_Profile->WriteFpga(s.wValue, s.wIndex);
         Changed();
         return true;

@@ -81,6 +81,8 @@ void Camera::SensorThread()
                 phase = Phase::Held;
             else if (on)
                 begin(m_Clock.Now());
+            else if (m_bUsed && m_Prepared != m_Scene)
+                Prepare(lock);
             else
                 m_Wake.wait(lock);
             break;
@@ -127,11 +129,21 @@ void Camera::SensorThread()
     }
 }
 
+void Camera::Prepare(Lock& lock)
+{
+    MoveGuide();
+    const auto scene = m_Prepared = m_Scene;
+    const double x = m_dGuideX, y = m_dGuideY;
+    lock.unlock();
+    m_Imager.Prepare(scene, x, y);
+    lock.lock();
+}
+
 std::shared_ptr<const std::vector<uint8_t>> Camera::Develop(Lock& lock, const Readout& r, double exposureUs)
 {
     MoveGuide();
     const Imager::Shot shot{ exposureUs, Celsius(), m_dGuideX, m_dGuideY, m_uFrame++ };
-    const auto scene = m_Scene;
+    const auto scene = m_Prepared = m_Scene;
     lock.unlock();
     auto pixels = m_Pool->Take();
     m_Imager.Expose(r, shot, scene, *pixels);
