@@ -8,7 +8,6 @@
 #include "automation/HotPixels.h"
 #include "automation/MemoryFrame.h"
 #include "core/CCameraBase.h"
-#include "core/SparseClear.h"
 #include "platform/Platform.h"
 
 namespace {
@@ -162,6 +161,18 @@ void Handle(CCameraBase& cam)
         });
 }
 
+// Empties m_pDarkPixels and m_pDarkTmp by the list, which is short: neither is ever touched as a whole, so they cost
+// next to no memory.
+void ForgetStandOuts(CCameraBase& cam)
+{
+    const size_t n = std::min(static_cast<size_t>(cam.m_lDeadPixelNum), SensorPixels(cam));
+    for (size_t k = 0; k < n; ++k) {
+        cam.m_pDarkTmp[cam.m_pDarkPixels[k]] = 0;
+        cam.m_pDarkPixels[k] = 0;
+    }
+    cam.m_lDeadPixelNum = 0;
+}
+
 // Takes snaps until a dark frame has been collected. A failed snap is just repeated. False when that has become hopeless:
 // capture does not start, or no frame comes and the search is to stop.
 bool CollectBySnaps(CCameraBase& cam, uint8_t* pBuf, int iLength)
@@ -211,7 +222,7 @@ void CCameraBase::AdjustDarkBuff(uint16_t* src, uint16_t* dst)
     const auto nSensor = static_cast<int64_t>(SensorPixels(*this));
     std::vector<int> aColumn;  // target of each column
     if (m.bHardBin) {
-        SparseClear(dst, 2 * m.nElements);
+        std::memset(dst, 0, 2 * m.nElements);
         for (int j = 0; j < m.iColumns; ++j)
             aColumn.push_back(m.Target(j, ShiftOf(Phase(*this, m.iDivisor, j & 1, 0))));
     }
@@ -238,9 +249,7 @@ void CCameraBase::AdjustDarkBuff(uint16_t* src, uint16_t* dst)
     const uint32_t dwAve = m.nElements != 0 ? dwSum / static_cast<uint32_t>(m.nElements) : 0;
     m_iDarkAve = dwAve;
 
-    m_lDeadPixelNum = 0;
-    SparseClear(m_pDarkPixels, 4 * SensorPixels(*this));
-    SparseClear(m_pDarkTmp, 4 * SensorPixels(*this));
+    ForgetStandOuts(*this);
     int32_t iFound = 0;
     for (size_t k = 0; k < m.nElements; ++k)
         if (StandsOut(m_pDarkSum[k], dwAve)) {
@@ -258,7 +267,7 @@ void CCameraBase::AdjustHPCTable(int32_t* src, int32_t* dst)
     if (m.bHardBin) {
         // QUIRK: a count of flags is taken for one of bytes, so only the first quarter is cleared: old flags behind it
         // stay, and their pixels go on being repaired.
-        SparseClear(dst, m.nElements);
+        std::memset(dst, 0, m.nElements);
         for (int i = 0; i < m.iRows; ++i) {
             const int64_t lRow = m.Source(*this, i);
             int aRow[PAIRS / 2], aColumn[PAIRS / 2];
@@ -279,12 +288,12 @@ void CCameraBase::AdjustHPCTable(int32_t* src, int32_t* dst)
             const int64_t lRow = m.Source(*this, i);
             for (int j = 0; j < m.iColumns; ++j)
                 if (m.Inside(i, j))
-                    StoreIfDifferent(dst[m.Place(i, j)], flag(lRow + j));
+                    dst[m.Place(i, j)] = flag(lRow + j);
         }
     }
 
+    std::fill_n(m_pHotPixels, std::min(static_cast<size_t>(m_iHPCNum), SensorPixels(*this)), 0);
     m_iHPCNum = 0;
-    SparseClear(m_pHotPixels, 4 * SensorPixels(*this));
     int32_t iFound = 0;
     for (size_t k = 0; k < m.nElements; ++k)
         if (m_pHPCBuf2[k] != 0)
@@ -329,7 +338,7 @@ bool CCameraBase::AutoGetHPC(int* found, int minNum, int maxNum, unsigned long* 
     SetHPCStates(false);
     uint64_t lExp = m_lExposure, lPrevExp = 0;
     int iPrevN = 0;
-    m_lDeadPixelNum = 0;
+    ForgetStandOuts(*this);
     m_bHPCRun = true;
 
     TraceLine("GettingDark-->\n");
@@ -376,9 +385,8 @@ bool CCameraBase::SetHPCStates(bool on)
         return ChangeHPCStatus(HPC_LOAD, nullptr);
     m_bHPCEnable = false;
     const size_t nBytes = 4 * SensorPixels(*this);
-    SparseClear(m_pHPCBuf1, nBytes);
-    SparseClear(m_pHPCBuf2, nBytes);
-    SparseClear(m_pHotPixels, nBytes);
+    for (int32_t* const p : { m_pHPCBuf1, m_pHPCBuf2, m_pHotPixels })
+        std::memset(p, 0, nBytes);
     m_iHPCNum = 0;
     return false;  // QUIRK: a host is told of a failure
 }

@@ -11,7 +11,6 @@
 #include "automation/HotPixels.h"
 #include "automation/MemoryFrame.h"
 #include "core/CCameraBase.h"
-#include "core/SparseClear.h"
 
 namespace {
 
@@ -247,7 +246,7 @@ bool CCameraBase::SaveHPCTable()
     const uint32_t dwAve = m_iDarkAve;
     for (size_t i = 0; i < 8 * nBytes; ++i) {
         const bool bHot = StandsOut(m_pDarkBuf[i], dwAve);
-        StoreIfDifferent(m_pHPCBuf1[i], int32_t{bHot});
+        m_pHPCBuf1[i] = bHot;
         abBits[i / 8] = static_cast<uint8_t>(abBits[i / 8] | bHot << (i % 8));
     }
     int iLength = 0;
@@ -290,7 +289,7 @@ bool CCameraBase::LoadHPCTable()
         return false;
     for (int32_t k = 0; k < n; ++k)
         for (int b = 0; b < 8; ++b)
-            StoreIfDifferent(m_pHPCBuf1[8 * k + b], int32_t{(pBits.get()[k] >> b) & 1});
+            m_pHPCBuf1[8 * k + b] = (pBits.get()[k] >> b) & 1;
     AdjustHPCTable(m_pHPCBuf1, m_pHPCBuf2);
     return bRead;
 }

@@ -29,9 +29,8 @@ struct Free {
 
 }  // namespace
 
-// Fresh pages of the system are zero and cost nothing until they are touched. The largest sensor asks for 500 MB here,
-// of which a camera without dark frame and hot-pixel table needs a fifth; so everything comes from calloc, and the code
-// that clears or fills these buffers takes care not to write zeros over zeros (core/SparseClear.h).
+// Fresh pages of the system are zero and cost nothing until they are touched. 38 bytes a sensor pixel are asked for here, of
+// which a camera without dark frame and hot-pixel table never touches the greater part; so everything comes from calloc.
 struct CCameraBase::Buffers {
     std::vector<std::unique_ptr<void, Free>> aOwned;
     std::unique_ptr<std::atomic<uint16_t>[]> pGamma16 = std::make_unique<std::atomic<uint16_t>[]>(65536);
