@@ -238,6 +238,8 @@ uint8_t* CCameraBase::Uncompress(uint8_t* src, int L)
     return pOut;
 }
 
+// Host, capture stopped: the image path of the bridge is off meanwhile. The table is what stands out of the dark frame
+// that was collected last.
 bool CCameraBase::SaveHPCTable()
 {
     const size_t nBytes = SensorPixels(*this) / 8;
@@ -254,6 +256,7 @@ bool CCameraBase::SaveHPCTable()
     return WriteTable(*this, pTable.get(), iLength);
 }
 
+// Host, capture stopped. That there is no table is normal: few cameras have one.
 bool CCameraBase::LoadHPCTable()
 {
     const auto n = static_cast<int32_t>(SensorPixels(*this) / 8);
@@ -266,7 +269,7 @@ bool CCameraBase::LoadHPCTable()
     if (std::memcmp(ab.data(), MAGIC, sizeof MAGIC) != 0)
         return false;
     const auto L = static_cast<int32_t>(uint32_t{ab[4]} << 24 | uint32_t{ab[5]} << 16 | uint32_t{ab[6]} << 8 | ab[7]);
-    if (L > n)
+    if (L > n)  // signed: a negative length passes, and is an empty table
         return false;
     TraceLine("LoadHPC: Compressed length: %d :\n", L);
 

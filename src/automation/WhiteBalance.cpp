@@ -1,3 +1,5 @@
+// Auto white balance: one step a call. The present balance is multiplied by the ratio that is measured, so the measurement
+// has to show the balance in force: the raw mosaic does where the sensor applies it, a demosaiced image where the host does.
 #include "automation/WhiteBalance.h"
 
 #include <algorithm>
@@ -32,7 +34,7 @@ void StepWhiteBalance(CCameraBase& cam, const WBBlocks& blocks, bool bBlock0IfFl
         int32_t iDevs = 0;
         for (int b = 0; b < WB_BLOCKS; ++b)
             iDevs = AddWrap(iDevs, pDev[b]);
-        float f = 0;
+        float f = 0;  // single precision, in block order: the rounding is part of the result
         for (int b = 0; b < WB_BLOCKS; ++b)
             f += static_cast<float>(pDev[b]) * static_cast<float>(pMean[b]) / static_cast<float>(iDevs + 1);
         if (iDevs == 0 && bBlock0IfFlat)
@@ -41,6 +43,7 @@ void StepWhiteBalance(CCameraBase& cam, const WBBlocks& blocks, bool bBlock0IfFl
     }
 
     const int32_t dR = std::abs(c[WB_GREEN] - c[WB_RED]), dB = std::abs(c[WB_GREEN] - c[WB_BLUE]);
+    // While brightness is regulated too, colours move with it; a wider band keeps the two from chasing each other.
     const int32_t iBand = cam.m_bAutoExp || cam.m_bAutoGain ? BAND_REGULATED : BAND;
     if (dR < iBand && dB < iBand)
         return;
@@ -105,6 +108,7 @@ void CCameraBase::Get_variance_ave_RAW(uint8_t* frame, int x0, int y0, int block
         *apMean[c] = static_cast<int>(std::min(dwScaled, 255u));
     }
 
+    // Deviation from the mean before scaling. Between the two passes USB may have put another frame there.
     int* const apDev[WB_COLORS] = { devR, devG, devB };
     const bool abMeasure[WB_COLORS] = { *devR != 0, *devG != 0, *devB != 0 };
     uint32_t aDiff[WB_COLORS] = {};

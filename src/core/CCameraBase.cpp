@@ -79,7 +79,7 @@ CCameraBase::CCameraBase(int width, int height) : m_pBuffers(std::make_unique<Bu
     b.Make(&m_pRGBBuf, 3 * pixels);
     b.Make(&m_pQuarterBuf, 3 * pixels / 4);
 
-    m_Algorithm.RGBYUV_Init();
+    m_Algorithm.RGBYUV_Init();  // the tables are one for the process: a new camera sets all others to unity gain
     std::memcpy(m_BayerIdx, BAYER_INDEX, sizeof m_BayerIdx);
 
     m_iLUTMax = m_iLUTMin = g_ThermistorTable[0].iDegrees;
@@ -93,6 +93,7 @@ CCameraBase::CCameraBase(int width, int height) : m_pBuffers(std::make_unique<Bu
 
 CCameraBase::~CCameraBase()
 {
+    // Also a link that CloseCamera has left open.
     ReplaceLink(nullptr);
 }
 
@@ -171,7 +172,7 @@ bool CCameraBase::StopSensorCLK()
 
 bool CCameraBase::SetTransferCount(long bytes)
 {
-    const auto dwBytes = static_cast<uint32_t>(bytes);
+    const auto dwBytes = static_cast<uint32_t>(bytes);  // a long has 32 bits to the camera
     const uint32_t dwCount = dwBytes / TRANSFER_UNIT + (dwBytes % TRANSFER_UNIT != 0);
     int32_t iLength = 0;
     return SendCMD(REQ_TRANSFER_COUNT, static_cast<uint16_t>(dwCount >> 16), static_cast<uint16_t>(dwCount), false,
@@ -251,6 +252,7 @@ void CCameraBase::GetCameraProperty(KOV_CAMERA_INFO* info)
     info->IsColorCam = m_bIsColor ? KOV_TRUE : KOV_FALSE;
     info->PixelSize = m_dPixelSize;
 
+    // A list without end mark fills all places, and then has no 0 behind it.
     size_t n = 0;
     while (n < std::size(info->SupportedBins) && m_szBins[n] >= 1) {
         info->SupportedBins[n] = m_szBins[n];

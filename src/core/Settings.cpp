@@ -56,6 +56,7 @@ void Write(platform::SettingsKey& key, const wchar_t* szName, uint32_t dwType, T
 
 }  // namespace
 
+// Host, from the model's constructor, after its defaults: what is absent leaves them. Results of the reads do not matter.
 void CCameraBase::LoadSetting(const wchar_t* key)
 {
     if (const auto pKey = platform::OpenSettings(key)) {
@@ -115,6 +116,8 @@ void CCameraBase::LoadSetting(const wchar_t* key)
     }
 }
 
+// Host. Runs when a video stops and when a camera closes after a snap, so a camera that never captured stores nothing.
+// Two cameras of one model share the key: the last one to stop writes what the next start sees.
 void CCameraBase::SaveSetting(const wchar_t* key)
 {
     using platform::SETTING_BINARY;
