@@ -188,7 +188,7 @@ public:
 };
 
 template <class Cond>
-bool Until(Cond cond, uint32_t realMs = 5000)
+bool Until(Cond cond, uint32_t realMs = 20000)
 {
     const uint32_t dwTicks = uint32_t(realMs * platform::ClockRate()), dwStart = platform::Ticks();
     while (!cond()) {

@@ -3,6 +3,7 @@
 
 namespace {
 
+constexpr uint64_t PATIENT = 60000000;  // us of exposure, for a wait that no delay of the test can use up
 constexpr int W = 64, H = 32, S = W * H;
 
 std::vector<uint8_t> Cleared(std::vector<uint8_t> v)
@@ -74,8 +75,8 @@ TEST(ModernLoop, FourEmptyFramesRestartTheStream)
     r.cam.StartCapture(false);
     ASSERT_TRUE(Until([&] { return r.Events("resetport") == 1; }));
     // The next restart is four passes away.
-    ASSERT_TRUE(Until([&] { return r.usb.dev.Requests().size() == 8; }));
-    EXPECT_EQ(r.Log().substr(72), "out 166 aaaa 0000\nout 170 0000 0000\nout 169 0000 0000\nout 166 aaaa 0001\n");
+    ASSERT_TRUE(Until([&] { return r.usb.dev.Requests().size() >= 8; }));
+    EXPECT_EQ(r.Log().substr(4 * 18, 4 * 18), "out 166 aaaa 0000\nout 170 0000 0000\nout 169 0000 0000\nout 166 aaaa 0001\n");
     EXPECT_EQ(r.cam.m_iDroppedFrames, 0u);
     r.usb.Send(FrameA(S, 3));
     EXPECT_EQ(r.Read(), Cleared(FrameA(S, 3)));
@@ -85,6 +86,7 @@ TEST(ModernLoop, ThreeBadFramesOnAutoLowerTheBandwidth)
 {
     Rig r(Family::Onyx, true, W, H, "Bandwidth");
     r.cam.m_bAutoFPS = true;
+    r.cam.m_lExposure = PATIENT;
     r.cam.StartCapture(false);
     auto bad = FrameA(S, 1);
     bad[0] = 0;
@@ -94,12 +96,12 @@ TEST(ModernLoop, ThreeBadFramesOnAutoLowerTheBandwidth)
         r.usb.Send(bad);
         ASSERT_TRUE(Until([&] { return r.Events("reset 82") == n + 1; }));
     }
-    r.cam.StopCapture();
     EXPECT_EQ(r.cam.Notes(), (std::vector<std::string>{ "fps 76", "fps 72" }));
 
-    // The state belongs to the class: with bandwidth on auto all along, a later start is no rise. But its own clock starts.
+    // With bandwidth fixed nothing of the kind happens.
     Rig late(Family::Onyx, true, W, H, "Bandwidth");
     late.cam.m_bAutoFPS = false;
+    late.cam.m_lExposure = PATIENT;
     late.cam.StartCapture(false);
     for (int i = 0; i < 4; ++i) {
         ASSERT_TRUE(late.Waiting(1));
@@ -134,11 +136,11 @@ TEST(ModernLoop, ChunksOfALateFrameFindTheirPlaces)
         Rig r(Family::Kyanite, true, BIG_W, h);
         const size_t n = h == 2048 ? 2 : 3;
         r.cam.m_lExposure = 0;
-        r.cam.m_iFrameTime = 1000;
+        r.cam.m_iFrameTime = 100000;
         r.cam.StartCapture(false);
         ASSERT_TRUE(r.Waiting(n));
         for (unsigned i = 1; i < 4; ++i) {
-            platform::SleepMs(80);  // a pass of 52 ms goes by empty
+            platform::SleepMs(300);  // a pass of 250 ms goes by empty
             EXPECT_EQ(r.usb.dev.Outstanding(), n);
             r.usb.Send(FrameA(size_t(BIG_W) * size_t(h), i));
             EXPECT_TRUE(r.Read() == Cleared(FrameA(size_t(BIG_W) * size_t(h), i)));
@@ -217,7 +219,8 @@ TEST(AnyLoop, EndsWhenTheDeviceHasGoneOrTheCameraCloses)
         r.usb.dev.Vanish();
         platform::SleepMs(3000);
         EXPECT_TRUE(r.cam.m_bCapturing);  // goes on until it is stopped
-        EXPECT_TRUE(r.cam.StopCapture());
+        r.cam.StopCapture();
+        EXPECT_TRUE(r.cam.Ended(100000));
     }
     // A wait of minutes does not hold up the closing.
     Rig r(Family::Marble, true);
@@ -241,13 +244,15 @@ TEST(AnyLoop, SizesThatMakeNoFrameDoNoHarm)
         r.cam.m_iWidth = 0;
         r.cam.StartCapture(false);
         platform::SleepMs(2000);
-        EXPECT_TRUE(r.cam.StopCapture());
+        r.cam.StopCapture();
+        EXPECT_TRUE(r.cam.Ended(100000));
         r.cam.m_iWidth = W;
         r.cam.m_iHeight = 100 * H;  // more than the buffers hold
         r.usb.Repeat(FrameA(S, 5));
         r.cam.StartCapture(false);
         platform::SleepMs(2000);
-        EXPECT_TRUE(r.cam.StopCapture());
+        r.cam.StopCapture();
+        EXPECT_TRUE(r.cam.Ended(100000));
     }
 }
 
@@ -307,6 +312,7 @@ TEST(GarnetLoop, QuirkBadHeadIsDeliveredAndCountedAtShortExposures)
 TEST(GarnetLoop, CountsOfBadFramesRelieveTheLinkAndReset)
 {
     Rig r(Family::Garnet, false);
+    r.cam.m_lExposure = PATIENT;
     r.cam.StartCapture(false);
     ASSERT_TRUE(r.Waiting(1));
     r.usb.dev.Clear();
@@ -340,6 +346,7 @@ TEST(GarnetLoop, SilenceResetsTheDeviceAfterFiftyOnePasses)
 TEST(GarnetSLoop, TestsHeadAndTailAndDeliversTheFirst)
 {
     Rig r(Family::GarnetS, false);
+    r.cam.m_lExposure = PATIENT;
     r.cam.StartCapture(false);
     ASSERT_TRUE(r.Waiting(1));
     r.usb.dev.Clear();
@@ -374,7 +381,7 @@ TEST(SmallChunkLoops, StartInTheirOwnOrder)
 TEST(SmallChunkLoops, DuniteRestartsTheSensor)
 {
     Rig r(Family::Dunite, true, W, H, "Dunite");
-    r.cam.m_lExposure = 200000;
+    r.cam.m_lExposure = PATIENT;
     r.cam.StartCapture(false);
     ASSERT_TRUE(Until([&] { return r.usb.dev.Requests().size() == 3; }));
     EXPECT_EQ(r.Log(), "out 170 0000 0000\nout 175 0000 0000\nout 169 0000 0000\n");
@@ -428,18 +435,18 @@ TEST(Automation, ShortExposuresBesideTheLoopLongOnesInIt)
         }
         platform::SleepMs(1000);
         EXPECT_EQ(r.cam.CountOf("gain"), before);
-        size_t steps[4];
         for (unsigned i = 0; i < 4; ++i) {
-            r.usb.Send(std::vector<uint8_t>(FrameA(S, i)));
+            const size_t n = r.cam.CountOf("gain");
+            r.usb.Send(FrameA(S, i));
             EXPECT_FALSE(r.Read(30000).empty());
-            r.Waiting(1);
-            platform::SleepMs(100);
-            steps[i] = r.cam.CountOf("gain");
+            if (i % 2 == 0) {
+                EXPECT_TRUE(Until([&] { return r.cam.CountOf("gain") > n; }));
+            }
+            platform::SleepMs(300);
+            if (i % 2 == 1) {
+                EXPECT_EQ(r.cam.CountOf("gain"), n);
+            }
         }
-        EXPECT_LT(before, steps[0]);
-        EXPECT_EQ(steps[0], steps[1]);
-        EXPECT_LT(steps[1], steps[2]);
-        EXPECT_EQ(steps[2], steps[3]);
     }
 }
 
@@ -453,8 +460,8 @@ TEST(Automation, AgateTakesAOneShotThreadForShortExposures)
     for (unsigned i = 0; i < 5; ++i) {
         r.usb.Send(FrameB(S, i));
         ASSERT_TRUE(Until([&] { return r.usb.Left() == 0; }) && r.Waiting(1));
+        EXPECT_TRUE(Until([&] { return r.cam.CountOf("model balance") == (i + 1) / 2; })) << i;
         platform::SleepMs(30);
-        EXPECT_EQ(r.cam.CountOf("model balance"), (i + 1) / 2) << i;
     }
     r.cam.m_lExposure = 500001;
     r.usb.Send(FrameB(S, 7));
