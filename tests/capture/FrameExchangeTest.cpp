@@ -125,10 +125,11 @@ TEST(FrameExchange, OneConsumerAtATimeAndNoneAfterTheEnd)
         }).join();
     }
     std::atomic<bool> bResult{ true };
-    std::thread reader([&] {
-        const FrameExchange::Turn turn(*fx, 0);
+    FrameExchange* const p = fx.get();
+    std::thread reader([p, &bResult] {
+        const FrameExchange::Turn turn(*p, 0);
         uint8_t a[16];
-        bResult = fx->Read(a, 16, platform::WAIT_FOREVER);
+        bResult = p->Read(a, 16, platform::WAIT_FOREVER);
     });
     platform::SleepMs(30);
     fx.reset();
