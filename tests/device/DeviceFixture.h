@@ -1,0 +1,133 @@
+// A virtual bus behind the C interface, and the table of what a host is to see of each model.
+#pragma once
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <fstream>
+#include <memory>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "KOVCamera2.h"
+#include "core/CCameraBase.h"
+#include "platform/Platform.h"
+#include "platform/posix/UsbAdapter.h"
+#include "virtual/VirtualBus.h"
+
+struct ModelRow {
+    uint16_t wProductId;
+    std::string sClass, sName;
+    int iWidth, iHeight;
+    double dPixel;
+    int iBayer;
+    bool bColor, bUSB3, bCooled;
+    float fElecPerADU;
+    int iPropA, iPropB;
+    std::vector<int> gain, exposure, wb, brightness, bandwidth, bins, types, controls;
+    std::string sKey;
+    bool bBandwidthAuto;
+    bool Has(int control) const { return std::find(controls.begin(), controls.end(), control) != controls.end(); }
+    bool Delivers(int type) const { return std::find(types.begin(), types.end(), type) != types.end(); }
+    bool Is(const char* token) const { return sClass.find(token) != std::string::npos; }
+};
+
+inline void PrintTo(const ModelRow& m, std::ostream* pOut)
+{
+    *pOut << m.sClass;
+}
+
+inline const std::vector<ModelRow>& Models()
+{
+    static const std::vector<ModelRow> s_rows = [] {
+        std::vector<ModelRow> rows;
+        std::ifstream file(MODELS_CSV);
+        for (std::string line; std::getline(file, line);) {
+            if (line.empty() || line[0] == '#')
+                continue;
+            std::vector<std::string> f;
+            std::stringstream in(line);
+            for (std::string cell; std::getline(in, cell, ',');)
+                f.push_back(cell);
+            const auto ints = [&](size_t i) {
+                std::vector<int> v;
+                std::stringstream cells(f.at(i));
+                for (int n; cells >> n;)
+                    v.push_back(n);
+                return v;
+            };
+            rows.push_back({ static_cast<uint16_t>(std::stoi(f.at(0), nullptr, 16)), f[1], f[2], std::stoi(f[3]), std::stoi(f[4]),
+                             std::stod(f[5]), std::stoi(f[6]), f[7] == "1", f[8] == "1", f[9] == "1", std::stof(f[10]),
+                             std::stoi(f[11]), std::stoi(f[12]), ints(13), ints(14), ints(15), ints(16), ints(17), ints(18),
+                             ints(19), ints(20), f.at(21), f.at(22) == "1" });
+        }
+        return rows;
+    }();
+    return s_rows;
+}
+
+// Puts cameras on a bus of its own and takes them off again. Settings go to a store that nobody else sees.
+class DeviceTest : public testing::Test {
+protected:
+    static constexpr double RATE = 4;
+
+    void SetUp() override
+    {
+        m_sConfig = testing::TempDir() + "kov-device-" + std::to_string(::testing::UnitTest::GetInstance()->random_seed()) +
+                    "-" + std::to_string(reinterpret_cast<uintptr_t>(this));
+        setenv("XDG_CONFIG_HOME", m_sConfig.c_str(), 1);
+        platform::SetClockRate(RATE);
+        m_pBus = std::make_unique<kovsim::VirtualBus>(RATE);
+        platform::SetUsbStack(m_pBus.get());
+    }
+    void TearDown() override
+    {
+        for (int id = 0; id < 16; ++id)
+            KOVCloseCamera(id);
+        platform::SetUsbStack(nullptr);
+        m_pBus.reset();
+        platform::SetClockRate(1);
+        std::system(("rm -rf '" + m_sConfig + "'").c_str());
+    }
+    // A camera without noise that looks at the pattern that names its pixels.
+    kovsim::CameraSettings Quiet(uint16_t wProductId) const
+    {
+        kovsim::CameraSettings s;
+        s.wProductId = wProductId;
+        s.dNoise = 0;
+        s.iHotPixels = 0;
+        s.scene = kovsim::Scene::Pattern();
+        return s;
+    }
+    kovsim::VirtualCamera& Plug(const kovsim::CameraSettings& s) { return m_pBus->Plug(s); }
+
+    static bool Snap(int id, std::vector<uint8_t>& data)
+    {
+        if (KOVStartExposure(id) != KOV_SUCCESS)
+            return false;
+        KOV_EXPOSURE_STATUS status = EXP_WORKING;
+        const uint32_t t0 = platform::Ticks();
+        while (status == EXP_WORKING && platform::Ticks() - t0 < 120000) {
+            platform::SleepMs(4);
+            KOVGetExpStatus(id, &status);
+        }
+        if (status != EXP_SUCCESS) {
+            KOVStopExposure(id);
+            return false;
+        }
+        return KOVGetDataAfterExp(id, data.data(), static_cast<int32_t>(data.size())) == KOV_SUCCESS;
+    }
+    static int32_t Get(int id, KOV_CONTROL_TYPE c)
+    {
+        int32_t v = -1;
+        KOV_BOOL a;
+        EXPECT_EQ(KOVGetControlValue(id, c, &v, &a), KOV_SUCCESS);
+        return v;
+    }
+
+    std::unique_ptr<kovsim::VirtualBus> m_pBus;
+
+private:
+    std::string m_sConfig;
+};
