@@ -9,7 +9,7 @@ namespace {
 struct Session {
     CaptureRun run;
     std::shared_ptr<Session> pOlder;  // still ending
-    Session(CCameraBase& cam, IModel& model, bool snap, bool capturing) : run(cam, model, snap, capturing) {}
+    Session(CCameraBase& cam, IModel& model, bool snap) : run(cam, model, snap) {}
 };
 
 void WorkingThread(void* p)
@@ -40,7 +40,7 @@ CaptureSession::~CaptureSession() { Wait(platform::WAIT_FOREVER); }
 bool CaptureSession::Start()
 {
     const std::lock_guard l(m_p->m);
-    auto pNew = std::make_shared<Session>(m_p->cam, m_p->model, m_p->cam.m_bSnapMode, m_p->cam.m_bCapturing);
+    auto pNew = std::make_shared<Session>(m_p->cam, m_p->model, m_p->cam.m_bSnapMode);
     pNew->pOlder = m_p->pNow;
     // m_bCapturing is set again: only this tells the older thread that its time is over.
     if (m_p->pNow)

@@ -39,8 +39,8 @@ ClassState& StateOf(const CCameraBase& cam, const ModelTraits& t)
 
 }  // namespace
 
-CaptureRun::CaptureRun(CCameraBase& c, IModel& m, bool snap, bool capturing)
-    : cam(c), model(m), form(FormOf(m.Traits().family)), bSnap(snap), bCapturing(capturing), control(c)
+CaptureRun::CaptureRun(CCameraBase& c, IModel& m, bool snap)
+    : cam(c), model(m), form(FormOf(m.Traits().family)), bSnap(snap), control(c)
 {
 }
 
@@ -345,17 +345,14 @@ private:
     {
         TraceLine("working thread begin!\n");
         m_cam.StopUSBStreaming();
-        if (m_form.bThreadSetsCapturing)
+        if (m_form.bQueueFirst)
             m_cam.SendCMD(REQ_START_SENSOR_CLOCK);
         else
             m_model.StopSensorStreaming();
         PrepareFrame();
-        if (m_form.bThreadSetsCapturing) {
+        if (m_form.bQueueFirst) {
             m_cam.ResetEndPoint(IMAGE_ENDPOINT);
             OpenQueue();
-            // QUIRK: a stop that comes before this finds nothing to stop, and the capture runs on.
-            if (!m_run.bCapturing && !m_run.control.IsAbandoned())
-                m_cam.m_bCapturing = true;
             StartAutomation();
             m_cam.SendCMD(REQ_START_STREAM);
             if (Is(Family::Cobalt))

@@ -8,13 +8,12 @@
 
 // What the threads of one capture share.
 struct CaptureRun {
-    CaptureRun(CCameraBase& c, IModel& m, bool snap, bool capturing);
+    CaptureRun(CCameraBase& c, IModel& m, bool snap);
 
     CCameraBase& cam;
     IModel& model;
     const CaptureForm& form;
     const bool bSnap;         // m_bSnapMode at the start: the next capture may set the field before this one has ended
-    const bool bCapturing;    // m_bCapturing at the start
     RunControl control;
     platform::Thread main, aux;
     std::atomic<bool> bAuxBusy{ false };

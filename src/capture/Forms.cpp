@@ -9,7 +9,7 @@ using L = LongWay;
 
 // clang-format off
 constexpr CaptureForm g_Forms[] = {
-//    family            small  chunk    marks            cap    automation   sets   long exposure first fixed share
+//    family            small  chunk    marks            cap    automation   queue  long exposure first fixed share
     { Family::Kyanite,  false, MIB,     Marks::A,        false, A::Common,  false, L::Kyanite,    0,    0, 100 },
     { Family::Quartz,   false, MIB,     Marks::A,        true,  A::Common,  false, L::Gate,    1000,  200,   0 },
     { Family::Pyrite,   false, MIB,     Marks::A,        true,  A::Common,  false, L::Gate,    1000,  200,   0 },

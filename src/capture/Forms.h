@@ -28,7 +28,7 @@ struct CaptureForm {
     Marks marks;
     bool bCapChunkWait;         // next chunk's wait: min(current, 100) ms; else frame time / N + 100
     Automation automation;
-    bool bThreadSetsCapturing;  // m_bCapturing is the thread's to set, once its requests are queued
+    bool bQueueFirst;           // requests are queued before the stream starts; sensor clock on first
     LongWay longWay;
     uint32_t dwLongFirst;       // ms for the first chunk after a long exposure; 0: max(frame time, 2000)
     uint32_t dwLongFixed;       // ms for the later ones; 0: frame time / N + dwLongShare
