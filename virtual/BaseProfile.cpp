@@ -191,6 +191,7 @@ void SensorProfile::Timing(Readout& r, double dKHz, uint32_t line, uint32_t fram
 {
     const double lineUs = line * 1000.0 / dKHz;
     r.dFrameUs = lineUs * frame;
+    r.dReadoutUs = std::min(r.dFrameUs, lineUs * r.iH);
     if (frame <= shutter + lead) Fail(r, "the shutter opens after the end of the frame");
     else r.dExposureUs = lineUs * (frame - shutter - lead) + t0;
 }

@@ -54,6 +54,7 @@ private:
 
         r.dExposureUs = s[REG_EXPOSURE] * 1000.0 / 72;
         r.dFrameUs = std::max((r.iH + BLANK) * LINE_US, r.dExposureUs + LINE_US);
+        r.dReadoutUs = (r.iH + BLANK) * LINE_US;
         // Column amplifier words; each is taken to double the one before it.
         switch (s[REG_ANALOG]) {
         case 483: r.dGain = 1; break;

@@ -56,6 +56,9 @@ struct Readout {
     // shutter's lines from where it stood. 0 where the release itself ends the exposure.
     double dAfterHoldUs = 0;
     double dFrameUs = 0;        // period: line length * frame length / clock
+    // Time in which the rows come after the release of a held frame; the blank lines that stretch a frame to a long
+    // exposure do not come again. 0: a whole period.
+    double dReadoutUs = 0;
     double dGain = 1;           // linear, analog and digital
     double dGainR = 1, dGainB = 1;  // channel gains over green
     double dBlack = 0;          // pedestal, in ADU of the ADC (iAdcBits)

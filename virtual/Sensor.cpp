@@ -108,11 +108,11 @@ void Camera::SensorThread()
                 r = m_Now;
                 stops = m_uStops;
                 const double whole = std::max(0.0, m_dReleasedAt - m_dHeldAt) + r.dAfterHoldUs;
-                // Where the release ends the exposure a whole frame is read out; where a clock was stopped the rest of
-                // the frame follows.
+                // Where the release ends the exposure the rows are read out; where a clock was stopped the rest of the
+                // frame follows.
                 end = m_dReleasedAt + (r.dAfterHoldUs > 0 ? std::max(0.0, r.dAfterHoldUs - counted) +
                                                                 std::max(0.0, r.dFrameUs - r.dExposureUs)
-                                                          : r.dFrameUs);
+                                                          : r.dReadoutUs > 0 ? r.dReadoutUs : r.dFrameUs);
                 phase = Phase::ReadOut;
                 pixels = Develop(lock, r, whole);
             }
