@@ -1,5 +1,6 @@
 #include "kovcam/Camera.h"
 
+#include <dlfcn.h>
 #include <fmt/chrono.h>
 #include <fmt/format.h>
 #include <unistd.h>
@@ -8,8 +9,11 @@
 #include <atomic>
 #include <cmath>
 #include <csignal>
+#include <filesystem>
+#include <thread>
 
 #include "core/CCameraBase.h"
+#include "platform/UsbStack.h"
 
 namespace kovcam {
 
@@ -101,12 +105,15 @@ void PictureOptions::AddTo(CLI::App& app)
     app.add_option("--wb-r", iWB_R, "White balance, red");
     app.add_option("--wb-b", iWB_B, "White balance, blue");
     app.add_option("-b,--bin", iBin, "Binning factor")->check(CLI::Range(1, 16));
-    app.add_flag("--hardware-bin", bHardwareBin, "Bin in the camera where it can");
-    app.add_flag("--high-speed", bHighSpeed, "10-bit readout, faster");
+    // With neither form the camera's own setting stays.
+    app.add_flag_function("--hardware-bin,!--no-hardware-bin", [this](int64_t n) { bHardwareBin = n > 0; },
+                          "Bin in the camera where it can");
+    app.add_flag_function("--high-speed,!--no-high-speed", [this](int64_t n) { bHighSpeed = n > 0; }, "10-bit readout, faster");
     app.add_option("-r,--region", sRegion, "Region in output pixels: WxH (centred) or WxH+X+Y");
     app.add_option("-f,--format", sFormat, "raw8, raw16, rgb24 or y8");
     app.add_option("--flip", iFlip, "0 none, 1 horizontal, 2 vertical, 3 both")->check(CLI::Range(0, 3));
     app.add_option("--dark", sDark, "Dark frame to subtract: a BMP of 'kovcam dark' (8-bit formats)");
+    app.add_option("--cool", iCool, "Cool to that many degrees first and hold it (cooled cameras)")->check(CLI::Range(-80, 50));
     app.add_flag("--auto-exposure", bAutoExposure, "Let the camera regulate the exposure (video)");
     app.add_flag("--auto-gain", bAutoGain, "Let the camera regulate the gain (video)");
     app.add_flag("--auto-wb", bAutoBalance, "Let the camera balance the colours (video)");
@@ -137,12 +144,12 @@ KOV_CAMERA_INFO InfoOf(int index)
     return info;
 }
 
-Camera::Camera(const std::string& which)
+int FindCamera(const std::string& which)
 {
     const int n = CountCameras();
     const bool bIndex = !which.empty() && which.find_first_not_of("0123456789") == std::string::npos;
     std::string names;
-    int iHits = 0;
+    int iHits = 0, iFound = -1;
     for (int i = 0; i < n; ++i) {
         KOV_CAMERA_INFO info{};
         if (KOVGetCameraProperty(&info, i) != KOV_SUCCESS)
@@ -150,14 +157,27 @@ Camera::Camera(const std::string& which)
         names += fmt::format("\n  {}  {}", i, info.Name);
         if (bIndex ? std::to_string(i) == which : std::string(info.Name).find(which) != std::string::npos) {
             if (iHits++ == 0)
-                m_iId = i;
+                iFound = i;
         }
     }
-    if (m_iId < 0)
+    if (names.empty())
+        throw UserError("the connected cameras are models that this library does not know", 3);
+    if (iHits == 0)
         throw UserError(fmt::format("no camera '{}'. There are:{}", which, names), 3);
     if (iHits > 1)
-        throw UserError(fmt::format("more than one camera fits '{}'; choose one with --camera INDEX:{}", which, names), 2);
-    Check(KOVOpenCamera(m_iId), "opening the camera");
+        throw UserError(which.empty() ? fmt::format("more than one camera; choose one with --camera:{}", names)
+                                      : fmt::format("more than one camera fits '{}'; choose one with --camera INDEX:{}", which, names), 2);
+    return iFound;
+}
+
+Camera::Camera(const std::string& which)
+{
+    const int iId = FindCamera(which);
+    const KOV_ERROR_CODE code = KOVOpenCamera(iId);
+    if (code != KOV_SUCCESS)
+        KOVCloseCamera(iId);
+    Check(code, "opening the camera");
+    m_iId = iId;
     m_Info = InfoOf(m_iId);
     Check(KOVGetROIFormat(m_iId, &m_iWidth, &m_iHeight, &m_iBin, &m_Type), "format");
 }
@@ -220,9 +240,9 @@ void Camera::Apply(const PictureOptions& o, IMG_TYPE defaultType)
         m_Type = IMG_RAW8;
     }
     if (o.bHardwareBin)
-        Set(CTRL_HARDWARE_BIN, 1);
+        Set(CTRL_HARDWARE_BIN, *o.bHardwareBin);
     if (o.bHighSpeed)
-        Set(CTRL_HIGH_SPEED_MODE, 1);
+        Set(CTRL_HIGH_SPEED_MODE, *o.bHighSpeed);
 
     int w = m_Info.MaxWidth / o.iBin, h = m_Info.MaxHeight / o.iBin, x = -1, y = -1;
     w -= w % 8;
@@ -261,12 +281,19 @@ void Camera::Apply(const PictureOptions& o, IMG_TYPE defaultType)
     if (!o.sExposure.empty() || o.bAutoExposure)
         Set(CTRL_EXPOSURE, o.sExposure.empty() ? Get(CTRL_EXPOSURE) : static_cast<int32_t>(ParseExposure(o.sExposure)),
             o.bAutoExposure);
-    if (!o.sDark.empty()) {
+    // Both would stay from an earlier run: the library keeps them with the settings.
+    if (o.sDark.empty()) {
+        KOVDisableDarkSubtract(m_iId);
+    } else {
+        if (m_Type == IMG_RAW16)
+            throw UserError("dark frames are subtracted from 8-bit formats only; add --format raw8, rgb24 or y8", 2);
+        const std::string path = std::filesystem::absolute(o.sDark).string();
+        if (path.size() > 255)
+            throw UserError(fmt::format("the path of the dark frame is too long: {}", path), 2);
         KOV_BOOL on = KOV_TRUE;
-        Check(KOVEnableDarkSubtract(m_iId, o.sDark.c_str(), &on), fmt::format("dark frame {}", o.sDark));
+        Check(KOVEnableDarkSubtract(m_iId, path.c_str(), &on), fmt::format("dark frame {}", o.sDark));
     }
-    if (o.bTimeMark)
-        Object().SetTimeMark(true);
+    Object().SetTimeMark(o.bTimeMark);
 }
 
 void Camera::KeepSettings()
@@ -291,6 +318,23 @@ BayerPattern Camera::Pattern() const
     return flipped[m_Info.BayerPattern][Get(CTRL_FLIP) & 3];
 }
 
+double ClockRate()
+{
+    static const double s_dRate = [] {
+        void* const pSymbol = dlsym(RTLD_DEFAULT, "KOVUsbStackPlugin");
+        const usbstack::Plugin* const p = pSymbol ? reinterpret_cast<usbstack::PluginEntry>(pSymbol)() : nullptr;
+        return p != nullptr && p->dClockRate > 0 ? p->dClockRate : 1.0;
+    }();
+    return s_dRate;
+}
+
+void Sleep(double seconds)
+{
+    const Stopwatch watch;
+    for (double left = seconds; left > 0 && !Interrupted(); left = seconds - watch.Seconds())
+        std::this_thread::sleep_for(std::chrono::duration<double>(std::min(left / ClockRate(), 0.05)));
+}
+
 static std::atomic<bool> g_bInterrupted{ false };
 
 bool Interrupted()
@@ -306,6 +350,20 @@ void CatchInterrupts()
     };
     std::signal(SIGINT, handler);
     std::signal(SIGTERM, handler);
+}
+
+std::string JsonText(const std::string& s)
+{
+    std::string out = "\"";
+    for (const char c : s) {
+        if (c == '"' || c == '\\')
+            out += '\\';
+        if (static_cast<unsigned char>(c) < 32)
+            out += fmt::format("\\u{:04x}", c);
+        else
+            out += c;
+    }
+    return out + '"';
 }
 
 std::string UtcNow(std::chrono::system_clock::time_point t)

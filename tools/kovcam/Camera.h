@@ -3,6 +3,7 @@
 #include <CLI/CLI.hpp>
 #include <chrono>
 #include <cstdint>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -42,17 +43,19 @@ struct PictureOptions {
     std::string sFormat;   // raw8, raw16, rgb24, y8; empty: the command's choice
     std::string sDark;     // BMP file
     bool bAutoExposure = false, bAutoGain = false, bAutoBalance = false, bTimeMark = false;
-    bool bHardwareBin = false, bHighSpeed = false;
+    std::optional<bool> bHardwareBin, bHighSpeed;
     int iWB_R = -1, iWB_B = -1;
-    std::string sTarget;   // cooler, degrees
+    std::optional<int> iCool;  // target of the cooler, degrees
 
     void AddTo(CLI::App& app);
 };
 
+// Index of the camera that a user means: "" for the only one, an index, or a part of a name.
+int FindCamera(const std::string& which);
+
 // An open camera; closed on destruction.
 class Camera {
 public:
-    // "" for the only one, an index, or a part of a name.
     explicit Camera(const std::string& which);
     ~Camera();
     Camera(const Camera&) = delete;
@@ -88,10 +91,27 @@ private:
 int CountCameras();
 KOV_CAMERA_INFO InfoOf(int index);
 
+// How many times faster than real time the library's clock runs: 1, but for virtual cameras that ask for more.
+double ClockRate();
+// Seconds of the library's clock, in which cameras expose and cool.
+class Stopwatch {
+public:
+    double Seconds() const
+    {
+        return ClockRate() * std::chrono::duration<double>(std::chrono::steady_clock::now() - m_Start).count();
+    }
+
+private:
+    std::chrono::steady_clock::time_point m_Start = std::chrono::steady_clock::now();
+};
+// Sleeps on that clock; returns early when interrupted.
+void Sleep(double seconds);
+
 // Set by Ctrl-C: long work stops soon, captures are stopped and cameras closed.
 bool Interrupted();
 void CatchInterrupts();
 
+std::string JsonText(const std::string& s);  // with quotes
 std::string UtcNow(std::chrono::system_clock::time_point t);  // 2026-11-24T20:15:30.123
 const char* TypeText(IMG_TYPE type);
 const char* PatternText(BayerPattern pattern);                // "RGGB"

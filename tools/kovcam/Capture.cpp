@@ -7,13 +7,6 @@
 
 namespace kovcam {
 
-using Clock = std::chrono::steady_clock;
-
-static double Since(Clock::time_point t)
-{
-    return std::chrono::duration<double>(Clock::now() - t).count();
-}
-
 Picture Describe(const Camera& cam, const std::string& imageType)
 {
     Picture p;
@@ -45,7 +38,7 @@ bool TakeSnap(Camera& cam, Picture& p, const std::string& label)
 {
     const double exposure = p.dExposure;
     p.start = std::chrono::system_clock::now();
-    const auto t0 = Clock::now();
+    const Stopwatch watch;
     Check(KOVStartExposure(cam.Id()), "starting the exposure");
     Progress progress(label);
     KOV_EXPOSURE_STATUS status = EXP_WORKING;
@@ -57,11 +50,11 @@ bool TakeSnap(Camera& cam, Picture& p, const std::string& label)
             KOVStopExposure(cam.Id());
             throw UserError("interrupted; the exposure was stopped", 130);
         }
-        const double t = Since(t0);
+        const double t = watch.Seconds();
         if (exposure > 1)
             progress.Show(t / exposure, t < exposure ? fmt::format("{:.0f} of {:.0f} s, {:.0f} s to go", t, exposure, exposure - t)
                                                      : "reading out");
-        std::this_thread::sleep_for(std::chrono::milliseconds(exposure > 1 ? 50 : 2));
+        std::this_thread::sleep_for(std::chrono::milliseconds(exposure > 1 ? 20 : 2));
     }
     progress.End();
     p.end = p.start + std::chrono::duration_cast<std::chrono::system_clock::duration>(std::chrono::duration<double>(exposure));
@@ -83,14 +76,14 @@ VideoResult RunVideo(Camera& cam, const std::function<bool(Picture&)>& onFrame)
         explicit Running(int id) : iId(id) { Check(KOVStartVideoCapture(id), "starting video"); }
         ~Running() { KOVStopVideoCapture(iId); }
     } running(cam.Id());
-    const auto t0 = Clock::now();
+    const Stopwatch watch;
     int iInARow = 0;
     while (!Interrupted()) {
         const int32_t exposureMs = cam.Get(CTRL_EXPOSURE) / 1000;
         // Short waits, so that Ctrl-C is noticed during long frames.
         KOV_ERROR_CODE code = KOV_ERROR_TIMEOUT;
-        const auto limit = Clock::now() + std::chrono::milliseconds(2 * int64_t{ exposureMs } + 3000);
-        while (code == KOV_ERROR_TIMEOUT && Clock::now() < limit && !Interrupted())
+        const double limit = watch.Seconds() + 2e-3 * exposureMs + std::max(3.0, 3.0 * ClockRate());
+        while (code == KOV_ERROR_TIMEOUT && watch.Seconds() < limit && !Interrupted())
             code = KOVGetVideoData(cam.Id(), p.data.data(), static_cast<int32_t>(p.data.size()), 200);
         if (Interrupted())
             break;
@@ -109,11 +102,11 @@ VideoResult RunVideo(Camera& cam, const std::function<bool(Picture&)>& onFrame)
         p.dExposure = cam.Get(CTRL_EXPOSURE) / 1e6;
         p.start = p.end - std::chrono::microseconds(cam.Get(CTRL_EXPOSURE));
         ++r.iFrames;
-        r.dSeconds = Since(t0);
+        r.dSeconds = watch.Seconds();
         if (!onFrame(p))
             break;
     }
-    r.dSeconds = Since(t0);
+    r.dSeconds = watch.Seconds();
     return r;
 }
 

@@ -14,5 +14,13 @@ struct Globals {
 void AddControlCommands(CLI::App& app, Globals& g);
 // snap, video, bench
 void AddPictureCommands(CLI::App& app, Globals& g);
+// dark, hotpixels
+void AddDarkCommands(CLI::App& app, Globals& g);
+// cool, autoexposure
+void AddCoolCommands(CLI::App& app, Globals& g);
+// guide, id, firmware
+void AddDeviceCommands(CLI::App& app, Globals& g);
+// doctor
+void AddDoctorCommand(CLI::App& app, Globals& g);
 
 }  // namespace kovcam

@@ -174,7 +174,7 @@ void WritePng(const std::string& path, const Picture& p, Stretch stretch)
 
     const bool bMosaic = p.bColor && (p.type == IMG_RAW8 || p.type == IMG_RAW16);
     const bool bEven = p.iWidth % 2 == 0 && p.iHeight % 2 == 0;
-    bool bRgb = p.type == IMG_RGB24;
+    const volatile bool bRgb = p.type == IMG_RGB24 || (bMosaic && bEven);
     if (bMosaic && bEven) {
         std::vector<uint8_t> rgb(3 * Pixels(p));
         CAlgorithm a;
@@ -183,7 +183,6 @@ void WritePng(const std::string& path, const Picture& p, Stretch stretch)
                                               &CAlgorithm::Bayer2RGB24_GR, &CAlgorithm::Bayer2RGB24_GB };
         (a.*forms[p.pattern & 3])(shown.data(), rgb.data(), p.iWidth, p.iHeight);
         shown.swap(rgb);
-        bRgb = true;
     }
 
     const std::unique_ptr<FILE, int (*)(FILE*)> file(std::fopen(path.c_str(), "wb"), &std::fclose);

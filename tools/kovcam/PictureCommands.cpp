@@ -5,6 +5,7 @@
 
 #include "kovcam/Capture.h"
 #include "kovcam/Commands.h"
+#include "kovcam/Cooling.h"
 
 namespace kovcam {
 
@@ -27,6 +28,7 @@ void Snap(const Globals& g, const SnapOptions& o)
 {
     Camera cam(g.sCamera);
     cam.Apply(o.picture, IMG_RAW16);
+    CoolFor(cam, o.picture);
     int iFailed = 0;
     for (int i = 0; i < o.iCount && !Interrupted(); ++i) {
         Picture p = Describe(cam, o.sImageType);
@@ -49,7 +51,7 @@ void Snap(const Globals& g, const SnapOptions& o)
         if (g.bJson) {
             std::string list;
             for (const std::string& f : files)
-                list += fmt::format("{}\"{}\"", list.empty() ? "" : ", ", f);
+                list += (list.empty() ? "" : ", ") + JsonText(f);
             fmt::print("{{\"files\": [{}], \"width\": {}, \"height\": {}, \"type\": \"{}\", \"exposure\": {}}}\n", list,
                        p.iWidth, p.iHeight, TypeText(p.type), p.dExposure);
         } else {
@@ -77,16 +79,18 @@ void Video(const Globals& g, VideoOptions o)
 {
     Camera cam(g.sCamera);
     cam.Apply(o.picture, IMG_RAW8);
+    CoolFor(cam, o.picture);
     if (o.iFrames == 0 && o.dSeconds <= 0)
         o.iFrames = 100;
     SerWriter ser(o.sOut + ".ser", Describe(cam));
     Progress progress("video");
     Picture last;
-    const auto t0 = std::chrono::steady_clock::now();
+    const Stopwatch watch;
     const VideoResult r = RunVideo(cam, [&](Picture& p) {
         ser.Add(p);
-        last = p;
-        const double t = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
+        if (!o.bNoPng)
+            last = p;
+        const double t = watch.Seconds();
         int32_t dropped = 0;
         KOVGetDroppedFrames(cam.Id(), &dropped);
         const double done = o.iFrames > 0 ? static_cast<double>(ser.Frames()) / o.iFrames : t / o.dSeconds;
@@ -101,7 +105,7 @@ void Video(const Globals& g, VideoOptions o)
         WritePng(o.sOut + ".png", last, Stretch::Auto);
     const double fps = r.iFrames / std::max(r.dSeconds, 1e-3);
     if (g.bJson) {
-        fmt::print("{{\"file\": \"{}.ser\", \"frames\": {}, \"seconds\": {:.3f}, \"fps\": {:.2f}, \"dropped\": {}}}\n", o.sOut,
+        fmt::print("{{\"file\": {}, \"frames\": {}, \"seconds\": {:.3f}, \"fps\": {:.2f}, \"dropped\": {}}}\n", JsonText(o.sOut + ".ser"),
                    r.iFrames, r.dSeconds, fps, r.iDropped);
     } else {
         fmt::print("{}.ser\n", o.sOut);
@@ -123,10 +127,8 @@ void Bench(const Globals& g, PictureOptions picture, double seconds)
             break;
         picture.sFormat = TypeText(type);
         cam.Apply(picture, type);
-        const auto t0 = std::chrono::steady_clock::now();
-        const VideoResult r = RunVideo(cam, [&](Picture&) {
-            return std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count() < seconds;
-        });
+        const Stopwatch watch;
+        const VideoResult r = RunVideo(cam, [&](Picture&) { return watch.Seconds() < seconds; });
         const double fps = r.iFrames / std::max(r.dSeconds, 1e-3);
         fmt::print("{:<8} {:>10.2f} {:>12.1f} {:>9}\n", TypeText(type), fps, fps * cam.ImageBytes() / 1e6, r.iDropped);
     }

@@ -18,13 +18,18 @@ int main(int argc, char** argv)
     app.add_flag("--json", g.bJson, "Output for scripts");
     kovcam::AddControlCommands(app, g);
     kovcam::AddPictureCommands(app, g);
+    kovcam::AddDarkCommands(app, g);
+    kovcam::AddCoolCommands(app, g);
+    kovcam::AddDeviceCommands(app, g);
+    kovcam::AddDoctorCommand(app, g);
     kovcam::CatchInterrupts();
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& e) {
         return app.exit(e) == 0 ? 0 : 2;
     } catch (const kovcam::UserError& e) {
-        fmt::print(stderr, "kovcam: {}\n", e.what());
+        if (*e.what() != 0)  // the doctor has said it all
+            fmt::print(stderr, "kovcam: {}\n", e.what());
         return e.iExit;
     } catch (const std::exception& e) {
         fmt::print(stderr, "kovcam: {}\n", e.what());

@@ -1,0 +1,263 @@
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <cmath>
+#include <numeric>
+
+#include "common/Canvas.h"
+#include "kovcam/Capture.h"
+#include "kovcam/Commands.h"
+#include "kovcam/Cooling.h"
+
+namespace kovcam {
+
+std::vector<CoolSample> WatchCooler(Camera& cam, const std::function<bool(const std::vector<CoolSample>&)>& onSample)
+{
+    std::vector<CoolSample> samples;
+    const Stopwatch watch;
+    while (!Interrupted()) {
+        samples.push_back({ watch.Seconds(), cam.Get(CTRL_TEMPERATURE) / 10.0, double(cam.Get(CTRL_COOL_POWER_PERC)) });
+        if (!onSample(samples))
+            break;
+        Sleep(2);
+    }
+    return samples;
+}
+
+bool IsStable(const std::vector<CoolSample>& samples, double target)
+{
+    const double end = samples.back().dSeconds;
+    if (end < STABLE_FOR)
+        return false;
+    return std::all_of(samples.begin(), samples.end(), [&](const CoolSample& s) {
+        return s.dSeconds < end - STABLE_FOR || std::abs(s.dCelsius - target) <= STABLE_WITHIN;
+    });
+}
+
+void StartCooler(Camera& cam, int target)
+{
+    if (!cam.Info().IsCooled)
+        throw UserError(fmt::format("{} has no cooler", cam.Info().Name), 2);
+    cam.Set(CTRL_TARGET_TEMP, target);
+    cam.Set(CTRL_COOLER_ON, 1);
+}
+
+static std::string Live(const CoolSample& s, int target)
+{
+    return fmt::format("{:5.1f} C, target {} C, power {:.0f} %", s.dCelsius, target, s.dPower);
+}
+
+void CoolFor(Camera& cam, const PictureOptions& o)
+{
+    if (!o.iCool)
+        return;
+    StartCooler(cam, *o.iCool);
+    Progress progress("cooling");
+    const auto samples = WatchCooler(cam, [&](const std::vector<CoolSample>& s) {
+        progress.Show(-1, Live(s.back(), *o.iCool));
+        return !IsStable(s, *o.iCool) && s.back().dSeconds < 1800;
+    });
+    progress.End();
+    if (Interrupted())
+        throw UserError("interrupted while cooling", 130);
+    if (!IsStable(samples, *o.iCool))
+        throw UserError(fmt::format("{} C is not reached: {} after half an hour. Choose a warmer target", *o.iCool,
+                                    Live(samples.back(), *o.iCool)), 4);
+}
+
+namespace {
+
+struct CoolOptions {
+    std::optional<int> iTarget;
+    double dMinutes = 0;
+    bool bUntilStable = false, bOff = false;
+    std::string sPlot;
+};
+
+void PlotCooler(const std::string& path, const std::string& camera, int target, const std::vector<CoolSample>& samples)
+{
+    kovtools::Curve temp{ "temperature", kovtools::BLUE, false, {}, {} }, power{ "power", kovtools::RED, true, {}, {}, true };
+    for (const CoolSample& s : samples) {
+        temp.x.push_back(s.dSeconds / 60);
+        temp.y.push_back(s.dCelsius);
+        power.x.push_back(s.dSeconds / 60);
+        power.y.push_back(s.dPower);
+    }
+    kovtools::Curve goal{ fmt::format("target {} C", target), kovtools::GREEN, false, { 0, temp.x.back() }, { double(target), double(target) } };
+    kovtools::PlotOptions o;
+    o.sTitle = camera + ": cooling";
+    o.sX = "minutes";
+    o.sLeft = "sensor, degrees Celsius";
+    o.sRight = "cooler power, percent";
+    o.dRightMax = 100;
+    kovtools::Plot(o, { goal, power, temp }).Save(path);
+}
+
+void Cool(const Globals& g, const CoolOptions& o)
+{
+    Camera cam(g.sCamera);
+    if (o.bOff) {
+        if (!cam.Info().IsCooled)
+            throw UserError(fmt::format("{} has no cooler", cam.Info().Name), 2);
+        cam.Set(CTRL_COOLER_ON, 0);
+        fmt::print("the cooler is off\n");
+        return;
+    }
+    const int target = *o.iTarget;
+    StartCooler(cam, target);
+    Progress progress("cooling");
+    const auto samples = WatchCooler(cam, [&](const std::vector<CoolSample>& s) {
+        progress.Show(o.dMinutes > 0 ? s.back().dSeconds / 60 / o.dMinutes : -1, Live(s.back(), target));
+        return (o.dMinutes <= 0 || s.back().dSeconds < 60 * o.dMinutes) && !(o.bUntilStable && IsStable(s, target));
+    });
+    progress.End();
+    const bool bStable = IsStable(samples, target);
+    const CoolSample& last = samples.back();
+    if (!o.sPlot.empty())
+        PlotCooler(o.sPlot, cam.Info().Name, target, samples);
+    if (g.bJson) {
+        fmt::print("{{\"seconds\": {:.1f}, \"temperature\": {}, \"target\": {}, \"power\": {}, \"stable\": {}}}\n", last.dSeconds,
+                   last.dCelsius, target, last.dPower, bStable);
+    } else {
+        if (!o.sPlot.empty())
+            fmt::print("{}\n", o.sPlot);
+        fmt::print("{:.1f} C after {:.1f} minutes, power {:.0f} %: {}\n", last.dCelsius, last.dSeconds / 60, last.dPower,
+                   bStable ? fmt::format("stable within {} degrees for {:.0f} s", STABLE_WITHIN, STABLE_FOR) : "not stable yet");
+        fmt::print("the cooler goes off now: it works only while a program holds the camera.\n"
+                   "  For cold pictures: kovcam snap --cool {}, or leave 'kovcam cool' running\n", target);
+    }
+    if (o.bUntilStable && !bStable)
+        throw UserError(Interrupted() ? "interrupted before the temperature was stable" : "the temperature is not stable yet",
+                        Interrupted() ? 130 : 4);
+}
+
+struct AutoOptions {
+    PictureOptions picture;
+    int iFrames = 300, iTarget = -1, iMaxGain = -1, iMaxExposure = -1;
+    bool bKeepGain = false;
+    std::string sPlot;
+};
+
+struct AutoStep { double dSeconds; int32_t iExposure, iGain; double dMean; };
+
+// The step after which neither exposure nor gain moved any more, or the size of the list.
+size_t SettledAt(const std::vector<AutoStep>& s, size_t quiet)
+{
+    size_t n = s.size();
+    while (n > 0 && s[n - 1].iExposure == s.back().iExposure && s[n - 1].iGain == s.back().iGain)
+        --n;
+    return s.size() - n > quiet ? n : s.size();
+}
+
+void AutoExposure(const Globals& g, AutoOptions o)
+{
+    Camera cam(g.sCamera);
+    o.picture.bAutoExposure = true;
+    o.picture.bAutoGain = !o.bKeepGain;
+    if (!cam.Info().SupportedBins[0])
+        throw UserError("the camera tells no format", 4);
+    if (o.iTarget >= 0)
+        cam.Set(CTRL_AUTOEXP_MAX_BRIGHTNESS, o.iTarget);
+    if (o.iMaxGain >= 0)
+        cam.Set(CTRL_AUTOEXP_MAX_GAIN, o.iMaxGain);
+    if (o.iMaxExposure >= 0)
+        cam.Set(CTRL_AUTOEXP_MAX_EXP, o.iMaxExposure);
+    cam.Apply(o.picture, IMG_RAW8);
+    if (cam.Type() == IMG_RAW16)
+        throw UserError("the brightness is shown for 8-bit formats; leave --format raw16 out", 2);
+    std::vector<AutoStep> steps;
+    Progress progress("auto exposure");
+    const Stopwatch watch;
+    constexpr size_t QUIET = 20;  // frames without a change: settled
+    RunVideo(cam, [&](Picture& p) {
+        const uint64_t sum = std::accumulate(p.data.begin(), p.data.end(), uint64_t{ 0 });
+        steps.push_back({ watch.Seconds(), cam.Get(CTRL_EXPOSURE), cam.Get(CTRL_GAIN),
+                          static_cast<double>(sum) / static_cast<double>(p.data.size()) });
+        const AutoStep& s = steps.back();
+        progress.Show(-1, fmt::format("frame {}: exposure {}, gain {}, brightness {:.0f}", steps.size(), ExposureText(s.iExposure),
+                                      s.iGain, s.dMean));
+        return SettledAt(steps, QUIET) == steps.size() && steps.size() < static_cast<size_t>(o.iFrames);
+    });
+    progress.End();
+    if (steps.empty())
+        throw UserError("interrupted before the first frame", 130);
+    const size_t n = SettledAt(steps, QUIET);
+    const bool bSettled = n < steps.size();
+    const AutoStep& last = steps.back();
+    const int32_t target = cam.Get(CTRL_AUTOEXP_MAX_BRIGHTNESS);
+    if (!o.sPlot.empty()) {
+        kovtools::Curve e{ "exposure", kovtools::BLUE, false, {}, {}, true }, b{ "brightness", kovtools::RED, true, {}, {} },
+            gain{ "gain", kovtools::GREEN, true, {}, {}, true };
+        for (size_t i = 0; i < steps.size(); ++i) {
+            for (kovtools::Curve* c : { &e, &b, &gain })
+                c->x.push_back(static_cast<double>(i + 1));
+            e.y.push_back(steps[i].iExposure / 1e3);
+            b.y.push_back(steps[i].dMean);
+            gain.y.push_back(steps[i].iGain);
+        }
+        kovtools::Curve goal{ fmt::format("target {}", target), kovtools::GREY, true, { 1, b.x.back() }, { double(target), double(target) } };
+        kovtools::PlotOptions p;
+        p.sTitle = fmt::format("{}: auto exposure", cam.Info().Name);
+        p.sX = "frames";
+        p.sLeft = "exposure, ms";
+        p.sRight = "brightness, gain";
+        p.bLogLeft = true;
+        kovtools::Plot(p, { goal, gain, b, e }).Save(o.sPlot);
+    }
+    if (g.bJson) {
+        std::string list;
+        for (const AutoStep& s : steps)
+            list += fmt::format("{}[{:.3f}, {}, {}, {:.2f}]", list.empty() ? "" : ", ", s.dSeconds, s.iExposure, s.iGain, s.dMean);
+        fmt::print("{{\"settled\": {}, \"frames\": {}, \"exposure\": {}, \"gain\": {}, \"brightness\": {:.2f}, \"target\": {}, "
+                   "\"steps\": [{}]}}\n", bSettled, n, last.iExposure, last.iGain, last.dMean, target, list);
+    } else {
+        if (!o.sPlot.empty())
+            fmt::print("{}\n", o.sPlot);
+        // The course, a line for each change, thinned where it is long.
+        const size_t every = std::max<size_t>(1, n / 20);
+        fmt::print("{:>6} {:>9} {:>11} {:>6} {:>11}\n", "frame", "seconds", "exposure", "gain", "brightness");
+        for (size_t i = 0; i < steps.size(); ++i)
+            if (i % every == 0 ? i <= n : i == n || i + 1 == steps.size())
+                fmt::print("{:>6} {:>9.2f} {:>11} {:>6} {:>11.1f}\n", i + 1, steps[i].dSeconds, ExposureText(steps[i].iExposure),
+                           steps[i].iGain, steps[i].dMean);
+        if (bSettled)
+            fmt::print("settled after {} frames, {:.1f} s: exposure {}, gain {}, brightness {:.0f} (target {})\n", n + 1,
+                       steps[n].dSeconds, ExposureText(last.iExposure), last.iGain, last.dMean, target);
+        else
+            fmt::print("not settled after {} frames; brightness {:.0f}, target {}\n", steps.size(), last.dMean, target);
+    }
+    if (!bSettled)
+        throw UserError(Interrupted() ? "interrupted" : "auto exposure did not settle; is there light, and is the target within reach?",
+                        Interrupted() ? 130 : 4);
+}
+
+}  // namespace
+
+void AddCoolCommands(CLI::App& app, Globals& g)
+{
+    auto* pCool = app.add_subcommand("cool", "Cool the sensor and show temperature and power; Ctrl-C ends it");
+    auto c = std::make_shared<CoolOptions>();
+    auto* pTo = pCool->add_option("--to", c->iTarget, "Target, whole degrees Celsius")->check(CLI::Range(-80, 50));
+    pCool->add_option("--minutes", c->dMinutes, "End after that time")->check(CLI::PositiveNumber);
+    pCool->add_flag("--until-stable", c->bUntilStable, "End when the temperature has stayed near the target for a minute");
+    pCool->add_option("--plot", c->sPlot, "Draw temperature and power into this PNG");
+    auto* pOff = pCool->add_flag("--off", c->bOff, "Switch the cooler off")->excludes(pTo);
+    pCool->callback([&g, c, pOff] {
+        if (!c->iTarget && !*pOff)
+            throw UserError("give --to DEGREES or --off", 2);
+        Cool(g, *c);
+    });
+
+    auto* pAuto = app.add_subcommand("autoexposure", "Let the camera find exposure and gain, and show the course");
+    auto a = std::make_shared<AutoOptions>();
+    a->picture.AddTo(*pAuto);
+    pAuto->add_option("-n,--frames", a->iFrames, "Give up after that many frames")->check(CLI::PositiveNumber)->capture_default_str();
+    pAuto->add_option("--target", a->iTarget, "Brightness to reach")->check(CLI::Range(0, 255));
+    pAuto->add_option("--max-gain", a->iMaxGain, "Highest gain");
+    pAuto->add_option("--max-exposure", a->iMaxExposure, "Longest exposure, seconds");
+    pAuto->add_flag("--keep-gain", a->bKeepGain, "Move the exposure alone");
+    pAuto->add_option("--plot", a->sPlot, "Draw the course into this PNG");
+    pAuto->callback([&g, a] { AutoExposure(g, *a); });
+}
+
+}  // namespace kovcam

@@ -1,0 +1,217 @@
+// kovsim: runs any program that uses the library with virtual cameras instead of real ones.
+#include <fmt/format.h>
+#include <unistd.h>
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <numeric>
+#include <vector>
+
+#include "virtual/SimOptions.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+std::string Lower(std::string s)
+{
+    std::transform(s.begin(), s.end(), s.begin(), [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+    return s;
+}
+
+// Letters to change, add or drop to make one of the other.
+size_t Distance(const std::string& a, const std::string& b)
+{
+    std::vector<size_t> row(b.size() + 1);
+    std::iota(row.begin(), row.end(), size_t{ 0 });
+    for (size_t i = 1; i <= a.size(); ++i) {
+        size_t diagonal = row[0];
+        row[0] = i;
+        for (size_t j = 1; j <= b.size(); ++j) {
+            const size_t above = row[j];
+            row[j] = std::min({ above + 1, row[j - 1] + 1, diagonal + (a[i - 1] != b[j - 1]) });
+            diagonal = above;
+        }
+    }
+    return row[b.size()];
+}
+
+std::vector<kovsim::ModelFacts> Models()
+{
+    int n = 0;
+    const kovsim::ModelFacts* p = kovsim::AllModels(&n);
+    return { p, p + n };
+}
+
+// Throws for a model that is none, with the names that come closest.
+void CheckModels(const std::string& list)
+{
+    std::vector<kovsim::ModelFacts> models = Models();
+    for (const std::string& token : CLI::detail::split(list, ',')) {
+        const std::string wanted = Lower(token);
+        if (std::any_of(models.begin(), models.end(), [&](const auto& m) { return Lower(m.sToken) == wanted; }))
+            continue;
+        std::vector<std::pair<size_t, std::string>> near;
+        for (const kovsim::ModelFacts& m : models) {
+            const bool bPart = wanted.size() > 2 && Lower(m.sToken).find(wanted) != std::string::npos;
+            near.emplace_back(bPart ? 0 : Distance(wanted, Lower(m.sToken)), m.sToken);
+        }
+        std::sort(near.begin(), near.end());
+        std::string text;
+        for (size_t i = 0; i < near.size() && i < 4 && near[i].first <= near[0].first + 2; ++i)
+            text += (text.empty() ? " " : ", ") + near[i].second;
+        throw std::runtime_error(fmt::format("no model '{}'. Near it:{}. All are listed by 'kovsim models'.", token, text));
+    }
+}
+
+// The library to preload: beside this program, in the build tree, or where it was installed.
+fs::path FindPlugin()
+{
+    std::error_code ec;
+    const fs::path here = fs::read_symlink("/proc/self/exe", ec).parent_path();
+    std::string looked;
+    for (const char* dir : { ".", "../virtual", "../" KOV_LIBDIR, "../lib" }) {
+        const fs::path p = fs::weakly_canonical(here / dir / "libkovsim.so", ec);
+        if (fs::exists(p, ec))
+            return p;
+        looked += "\n  " + p.string();
+    }
+    throw std::runtime_error("libkovsim.so is missing. Looked for:" + looked + "\nInstall it with './dev install'.");
+}
+
+struct RunOptions {
+    std::string sCameras = "QuartzCol";
+    bool bUsb2 = false;
+    std::vector<std::pair<const char*, std::string>> values;  // option name in KOVSIM, text
+    std::vector<std::string> program;
+};
+
+std::string SimText(const RunOptions& o)
+{
+    std::string text = o.sCameras;
+    for (const auto& [name, value] : o.values) {
+        if (value.find(';') != std::string::npos)
+            throw std::runtime_error(fmt::format("--{}: a semicolon is not possible here", name));
+        if (!value.empty())
+            text += fmt::format(";{}={}", name, value);
+    }
+    return o.bUsb2 ? text + ";usb2" : text;
+}
+
+int Run(const RunOptions& o)
+{
+    CheckModels(o.sCameras);
+    const std::string text = SimText(o);
+    kovsim::SimOptions parsed;
+    std::string error;
+    if (!kovsim::ParseSimOptions(text, &parsed, &error))
+        throw std::runtime_error(error.substr(0, error.find('\n')));
+    std::string preload = FindPlugin().string();
+    if (const char* szOthers = std::getenv("LD_PRELOAD"); szOthers != nullptr && *szOthers != 0)
+        preload += std::string(":") + szOthers;
+    setenv("KOVSIM", text.c_str(), 1);
+    setenv("LD_PRELOAD", preload.c_str(), 1);
+    std::vector<char*> argv;
+    for (const std::string& a : o.program)
+        argv.push_back(const_cast<char*>(a.c_str()));
+    argv.push_back(nullptr);
+    // kovcam stands beside kovsim in the build tree and after an installation, on the path or not.
+    if (o.program[0] == "kovcam") {
+        std::error_code ec;
+        const fs::path beside = fs::read_symlink("/proc/self/exe", ec).parent_path() / "kovcam";
+        if (fs::exists(beside, ec))
+            execv(beside.c_str(), argv.data());
+    }
+    execvp(argv[0], argv.data());
+    const int iErr = errno;
+    fmt::print(stderr, "kovsim: cannot run {}: {}\n", o.program[0], std::strerror(iErr));
+    return iErr == ENOENT ? 127 : 126;
+}
+
+void PrintModels(bool bJson)
+{
+    if (!bJson)
+        fmt::print("{:<16} {:>4}  {:>13} {:>6}  {:<7} {:<7} {:<6} {}\n", "model", "ID", "pixels", "um", "colour", "cooled", "USB",
+                   "converter");
+    std::string json;
+    static constexpr const char* cells[] = { "mono", "RGGB", "BGGR", "GRBG", "GBRG" };
+    for (const kovsim::ModelFacts& m : Models()) {
+        const char* szCell = cells[static_cast<size_t>(m.cfa)];
+        if (bJson)
+            json += fmt::format(R"({}{{"model": "{}", "productId": {}, "width": {}, "height": {}, "pixelSize": {}, "cell": "{}", )"
+                                R"("cooled": {}, "usb": {}, "bits": {}}})",
+                                json.empty() ? "" : ",\n ", m.sToken, m.wProductId, m.iWidth, m.iHeight, m.dPixelUm, szCell,
+                                m.bCooled, m.bUSB3 ? 3 : 2, m.iAdcBits);
+        else
+            fmt::print("{:<16} {:04x}  {:>5} x {:>5} {:>6.2f}  {:<7} {:<7} USB {}  {} bits\n", m.sToken, m.wProductId, m.iWidth,
+                       m.iHeight, m.dPixelUm, szCell, m.bCooled ? "yes" : "-", m.bUSB3 ? 3 : 2, m.iAdcBits);
+    }
+    if (bJson)
+        fmt::print("[{}]\n", json);
+}
+
+constexpr const char* SCENES =
+    "A scene is what all cameras of a run look at:\n"
+    "  sky                    the Pleiades through 135 mm of focal length\n"
+    "  sky:RA,DEC             another place, degrees; stars are known of the Pleiades and of Orion (83.8,-5.4)\n"
+    "  sky:RA,DEC,FOCAL       and another focal length, millimetres\n"
+    "  flat:N                 N electrons a second on each pixel\n"
+    "  colour:R,G,B           the same in three colours\n"
+    "  pattern                each pixel names its place: at 10 ms and gain 1 it reads (7 x + 13 y) mod 251\n"
+    "  dark                   the cap is on\n"
+    "  FILE.png               a picture, stretched over the sensor\n";
+
+}  // namespace
+
+int main(int argc, char** argv)
+{
+    CLI::App app("kovsim - virtual cameras for any program that uses libKOVCamera2\n"
+                 "Example: kovsim run --camera QuartzCol,LapisMono_C --scene sky -- kovcam list", "kovsim");
+    app.set_version_flag("--version", "kovsim " KOV_VERSION);
+    app.require_subcommand(1);
+    int iExit = 0;
+
+    auto* pRun = app.add_subcommand("run", "Run a program that sees virtual cameras; write -- before the program");
+    RunOptions o;
+    o.values.reserve(16);
+    pRun->add_option("-c,--camera", o.sCameras, "Models, separated by commas (see 'kovsim models')")->capture_default_str();
+    const auto option = [&](const char* szName, const char* szHelp) {
+        o.values.emplace_back(szName, "");
+        pRun->add_option(std::string("--") + szName, o.values.back().second, szHelp);
+    };
+    option("scene", "What they look at (see 'kovsim scenes')");
+    option("rate", "Clock: so many times faster than real time");
+    option("seed", "Noise and hot pixels; the same number gives the same camera");
+    option("firmware", "Version that the firmware tells");
+    option("flash", "File that keeps the camera's flash from run to run");
+    option("serial", "Serial number");
+    option("noise", "Factor of all noise; 0 for none");
+    option("hot", "Number of hot pixels");
+    option("ambient", "Surroundings, degrees Celsius");
+    option("link", "Limit of the link, MB/s");
+    pRun->add_flag("--usb2", o.bUsb2, "Plugged into a USB 2 port");
+    pRun->add_option("program", o.program, "Program and its arguments")->required();
+    pRun->positionals_at_end();
+    pRun->callback([&] { iExit = Run(o); });
+
+    auto* pModels = app.add_subcommand("models", "The models that can be had");
+    auto pJson = std::make_shared<bool>(false);
+    pModels->add_flag("--json", *pJson, "Output for scripts");
+    pModels->callback([pJson] { PrintModels(*pJson); });
+    app.add_subcommand("scenes", "The scenes that they can look at")->callback([] { fmt::print("{}", SCENES); });
+
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& e) {
+        return app.exit(e) == 0 ? 0 : 2;
+    } catch (const std::exception& e) {
+        fmt::print(stderr, "kovsim: {}\n", e.what());
+        return 2;
+    }
+    return iExit;
+}
