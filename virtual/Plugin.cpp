@@ -5,7 +5,7 @@
 
 #include "virtual/SimOptions.h"
 
-extern "C" __attribute__((visibility("default"))) const usbstack::Plugin* KOVUsbStackPlugin()
+extern "C" KOV_PLUGIN_EXPORT const usbstack::Plugin* KOVUsbStackPlugin()
 {
     // Lives to the end of the process: its threads must not meet destructors that run at exit.
     static const usbstack::Plugin* const s_pPlugin = []() -> const usbstack::Plugin* {

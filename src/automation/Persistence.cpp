@@ -11,6 +11,7 @@
 #include "automation/HotPixels.h"
 #include "automation/MemoryFrame.h"
 #include "core/CCameraBase.h"
+#include "platform/Platform.h"
 
 namespace {
 
@@ -103,7 +104,7 @@ bool WriteTable(CCameraFX3& cam, uint8_t* pData, int32_t iLength)
 
 int CCameraBase::LoadBMPFromFile(const char* path)
 {
-    const File file(std::fopen(path, "rb"));
+    const File file(platform::OpenFile(path, "rb"));
     if (!file) {
         m_bUsingDark = false;
         TraceLine("Open file %s failed!\n", path);
@@ -126,8 +127,9 @@ int CCameraBase::LoadBMPFromFile(const char* path)
         return 0;
 
     std::vector<uint8_t> abPixels(SensorPixels(*this));
-    std::fseek(file.get(), static_cast<long>(Get32(abHeader + 10)), SEEK_SET);
-    if (std::fread(abPixels.data(), 1, abPixels.size(), file.get()) < abPixels.size()) {
+    const uint32_t dwPixelsAt = Get32(abHeader + 10);
+    const bool bThere = dwPixelsAt <= INT32_MAX && std::fseek(file.get(), static_cast<long>(dwPixelsAt), SEEK_SET) == 0;
+    if (!bThere || std::fread(abPixels.data(), 1, abPixels.size(), file.get()) < abPixels.size()) {
         // QUIRK: a file that is cut off counts as good. What is missing is dark.
     }
     std::copy(abPixels.begin(), abPixels.end(), m_pDarkBuf);
@@ -172,7 +174,7 @@ int CCameraBase::CreateBMP(int width, int height, uint8_t* pixels, const char* p
     for (uint32_t i = 0; i < 256; ++i)
         std::memset(ab + FILE_HEADER + INFO_HEADER + 4 * i, static_cast<int>(i), 3);
 
-    const File file(std::fopen(path, "wb+"));
+    const File file(platform::OpenFile(path, "wb+"));
     if (!file)
         return 0;
     std::fwrite(ab, 1, sizeof ab, file.get());

@@ -3,6 +3,7 @@
 #pragma once
 #include <atomic>
 #include <cstdint>
+#include <cstdio>
 #include <memory>
 
 namespace platform {
@@ -101,5 +102,10 @@ private:
 
 // A message box without owner window where the platform has one, a line on standard error elsewhere.
 void ShowMessage(const char* szText, const char* szTitle);
+
+// --- files ----------------------------------------------------------------------------------------------------------
+
+// As fopen. Paths are what hosts pass: the bytes of the file system; on Windows UTF-8, or else text of the ANSI code page.
+std::FILE* OpenFile(const char* szPath, const char* szMode);
 
 }  // namespace platform

@@ -82,8 +82,15 @@ public:
     virtual IDevice* Open(const std::string& sPath, Status* pStatus) = 0;
 };
 
+#if defined(_WIN32)
+#  define KOV_PLUGIN_EXPORT __declspec(dllexport)
+#else
+#  define KOV_PLUGIN_EXPORT __attribute__((visibility("default")))
+#endif
+
 // A stack that a preloaded library brings along. The library looks for the symbol KOVUsbStackPlugin (C linkage) in the
-// process at its first use of USB; a non-null result takes the place of libusb for the whole process.
+// process at its first use of USB; a non-null result takes the place of libusb for the whole process. On Windows it looks
+// in the program itself and in kovsim.dll, if that is loaded.
 struct Plugin {
     uint32_t dwVersion;   // 1
     IStack* pStack;       // lives to the end of the process

@@ -6,6 +6,7 @@
 #include <memory>
 #include <vector>
 
+#include "platform/Platform.h"
 #include "usb/CCameraFX3.h"
 #include "usb/CUsbLink.h"
 #include "usb/FirmwareImages.h"
@@ -72,7 +73,7 @@ bool CCameraFX3::UpdateFW(const uint8_t* pImage, int32_t iLength)
         return false;
     const int32_t iBlocks = int32_t((int64_t{ iLength } + EEPROM_BLOCK - 1) / EEPROM_BLOCK);
     std::vector<uint8_t> image(pImage, pImage + iLength);
-    std::vector<uint8_t> back(size_t(std::max(EEPROM_SIZE, iBlocks * EEPROM_BLOCK)));
+    std::vector<uint8_t> back(std::max(size_t{ EEPROM_SIZE }, size_t(iBlocks) * EEPROM_BLOCK));
 
     // QUIRK: the last of several blocks takes the remainder, so an image of a whole number of blocks sends a last block
     // of no bytes and never compares equal.
@@ -90,7 +91,8 @@ bool CCameraFX3::UpdateFW(const uint8_t* pImage, int32_t iLength)
         if (std::equal(image.begin(), image.end(), back.begin()) || iAttempt == ATTEMPTS)
             break;
     }
-    UpdateFW2RAM(pImage, iLength);
+    if (iLength > 0)  // without a length the records would tell their end, and there are none
+        UpdateFW2RAM(pImage, iLength);
     // QUIRK: the third attempt counts as a failure even when it compared equal.
     return iAttempt < ATTEMPTS;
 }
@@ -289,7 +291,7 @@ FX3_FWDWNLOAD_ERROR_CODE CCameraFX3::DownloadBuftoI2CE2PROM(uint8_t* pData, int3
 
 FX3_FWDWNLOAD_ERROR_CODE CCameraFX3::DownloadFw(const char* szPath, FX3_FWDWNLOAD_MEDIA_TYPE media)
 {
-    const std::unique_ptr<std::FILE, FileCloser> file(std::fopen(szPath, "rb"));
+    const std::unique_ptr<std::FILE, FileCloser> file(platform::OpenFile(szPath, "rb"));
     if (!file || std::fseek(file.get(), 0, SEEK_END) != 0)
         return FX3_FW_NO_FILE;
     const long lSize = std::ftell(file.get());

@@ -1,5 +1,4 @@
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <cstdlib>
 #include <cstring>
@@ -7,6 +6,7 @@
 #include <random>
 
 #include "core/TestCamera.h"
+#include "support/TempStore.h"
 
 namespace {
 
@@ -44,8 +44,7 @@ protected:
 
 class DarkFile : public testing::Test {
 protected:
-    DarkFile() : sPath("/tmp/kovdark" + std::to_string(getpid()) + ".bmp") { cam.m_bUsingDark = true; }
-    ~DarkFile() override { std::remove(sPath.c_str()); }
+    DarkFile() { cam.m_bUsingDark = true; }
     // The header of a right file with one change, then pixels.
     int Load(size_t at, uint8_t value, size_t length = 1078 + 160 * 120)
     {
@@ -57,8 +56,9 @@ protected:
         std::ofstream(sPath, std::ios::binary).write(f.data(), static_cast<std::streamsize>(f.size()));
         return cam.LoadBMPFromFile(sPath.c_str());
     }
+    TempStore store;
     TestCamera cam{160, 120};
-    std::string sPath;
+    std::string sPath = (store.Dir() / "dark.bmp").string();
 };
 
 }  // namespace
@@ -253,6 +253,19 @@ TEST_F(DarkFile, Codes)
     EXPECT_EQ(cam.m_pDarkBuf[160], 0);
     EXPECT_EQ(Load(13, 0xFF), 1);  // pixels far behind the end
     EXPECT_EQ(cam.m_pDarkBuf[0], 0);
+}
+
+TEST_F(DarkFile, PathsInAnyScript)
+{
+    const auto* const szName = reinterpret_cast<const char*>(u8"Dunkelbild \u00e4\u00f6\u00fc \u6697.bmp");
+    sPath = store.Dir().string() + "/" + szName;
+    EXPECT_EQ(cam.SaveBMPToFile(sPath.c_str()), 1);
+    EXPECT_TRUE(std::filesystem::exists(store.Dir() / std::filesystem::u8path(szName)));
+    cam.m_bUsingDark = false;
+    EXPECT_EQ(cam.LoadBMPFromFile(sPath.c_str()), 1);
+    EXPECT_TRUE(cam.m_bUsingDark);
+    // A path that the settings store has cut off in the middle of a character is no file, and nothing worse.
+    EXPECT_EQ(cam.LoadBMPFromFile(sPath.substr(0, sPath.size() - 6).c_str()), 6);
 }
 
 TEST_F(DarkFile, RoundTrip)

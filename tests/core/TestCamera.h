@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "core/CCameraBase.h"
-#include "platform/posix/UsbAdapter.h"
+#include "platform/UsbAdapter.h"
 #include "support/RecordingStack.h"
 #include "thermal/CCameraCool.h"
 #include "usb/CUsbLink.h"

@@ -1,22 +1,21 @@
 // The cameras without an FPGA: what their classes send. The expected numbers are worked out by hand from the sensors'
 // laws; the working stands beside them.
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <array>
 #include <cstdlib>
-#include <filesystem>
 #include <map>
 
 #include "platform/Platform.h"
 #include "platform/SettingsStore.h"
-#include "platform/posix/UsbAdapter.h"
+#include "platform/UsbAdapter.h"
 #include "sensors/agate/Agate.h"
 #include "sensors/cobalt/Cobalt.h"
 #include "sensors/garnet/Garnet.h"
 #include "sensors/iolite/Iolite.h"
 #include "support/RecordingStack.h"
+#include "support/TempStore.h"
 #include "usb/FirmwareImages.h"
 
 namespace {
@@ -46,9 +45,6 @@ class Usb2 : public testing::Test {
 protected:
     Usb2()
     {
-        m_path = std::filesystem::temp_directory_path() / ("kov-usb2-" + std::to_string(::getpid()));
-        std::filesystem::create_directories(m_path);
-        ::setenv("XDG_CONFIG_HOME", m_path.c_str(), 1);
         platform::SetUsbStack(&m_stack);
         platform::SetClockRate(10000);
     }
@@ -57,7 +53,6 @@ protected:
         ClearFirmware();
         platform::SetClockRate(1);
         platform::SetUsbStack(nullptr);
-        std::filesystem::remove_all(m_path);
     }
 
     // A camera on a device of its own, found and brought up. Registers read as m_regs tells, else as 0; firmware m_ver.
@@ -86,11 +81,11 @@ protected:
     }
     std::string Sent() { return Words(m_dev->Take()); }
 
+    TempStore m_store;
     RecordingStack m_stack;
     FakeUsbDevice* m_dev = nullptr;
     std::map<uint16_t, uint16_t> m_regs;
     uint8_t m_ver = 3;
-    std::filesystem::path m_path;
 };
 
 // --- Garnet --------------------------------------------------------------------------------------------------------

@@ -8,7 +8,7 @@
 
 #include "platform/Platform.h"
 #include "platform/UsbDriver.h"
-#include "platform/posix/UsbAdapter.h"
+#include "platform/UsbAdapter.h"
 #include "tests/support/RecordingStack.h"
 
 struct DriverCall {

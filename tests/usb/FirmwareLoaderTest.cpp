@@ -1,12 +1,12 @@
 #include "usb/FirmwareImages.h"
 
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <cstdio>
+#include <fstream>
 #include <numeric>
 
+#include "support/TempStore.h"
 #include "tests/usb/FakeDriver.h"
 #include "usb/CCameraFX3.h"
 #include "usb/CUsbLink.h"
@@ -331,13 +331,14 @@ TEST_F(Loader, RamImageThatEndsTooEarly)
 
 TEST_F(Loader, FromFile)
 {
-    char szPath[] = "/tmp/kovfwXXXXXX";
-    const int fd = mkstemp(szPath);
-    ASSERT_GE(fd, 0);
+    const TempStore store;
+    const std::string sPath = (store.Dir() / "image.bin").string(), sFolder = store.Dir().string();
+    const char* const szPath = sPath.c_str();
+    std::ofstream file(sPath, std::ios::binary);
     EXPECT_EQ(DownloadFw(szPath, FX3_MEDIA_RAM), FX3_FW_NO_FILE);  // empty
     const Bytes image = { 'C', 'Y', 4, 0, 0, 0, 0, 0, 0x45, 0x23, 0x01, 0x40 };
-    ASSERT_EQ(write(fd, image.data(), image.size()), ssize_t(image.size()));
-    close(fd);
+    file.write(reinterpret_cast<const char*>(image.data()), std::streamsize(image.size()));
+    file.close();
     EXPECT_EQ(DownloadFw(szPath, FX3_FWDWNLOAD_MEDIA_TYPE(0)), FX3_FW_BAD_MEDIA_TYPE);
     EXPECT_EQ(Shapes(), Lines{});
     EXPECT_EQ(DownloadFw(szPath, FX3_MEDIA_RAM), FX3_FW_SUCCESS);
@@ -345,9 +346,9 @@ TEST_F(Loader, FromFile)
     EXPECT_EQ(DownloadFw(szPath, FX3_MEDIA_SPI), FX3_FW_SUCCESS);
     EXPECT_EQ(Shapes(), (Lines{ "out 160 2345 4001 0", "out 186 0000 0000 64", "in 187 0000 0000 64",
                                 "out 196 0001 0000 0", "in 196 0000 0000 1", "out 194 0000 0000 256" }));
-    std::remove(szPath);
+    std::filesystem::remove(sPath);
     EXPECT_EQ(DownloadFw(szPath, FX3_MEDIA_RAM), FX3_FW_NO_FILE);
-    EXPECT_EQ(DownloadFw("/tmp", FX3_MEDIA_RAM), FX3_FW_NO_FILE);
+    EXPECT_EQ(DownloadFw(sFolder.c_str(), FX3_MEDIA_RAM), FX3_FW_NO_FILE);
 }
 
 }  // namespace

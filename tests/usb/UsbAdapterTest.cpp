@@ -1,4 +1,4 @@
-#include "platform/posix/UsbAdapter.h"
+#include "platform/UsbAdapter.h"
 
 #include <gtest/gtest.h>
 

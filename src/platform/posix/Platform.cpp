@@ -270,4 +270,8 @@ void ShowMessage(const char* szText, const char* szTitle)
     std::fprintf(stderr, "%s: %s\n", szTitle, szText);
 }
 
+// --- files ----------------------------------------------------------------------------------------------------------
+
+std::FILE* OpenFile(const char* szPath, const char* szMode) { return std::fopen(szPath, szMode); }
+
 }  // namespace platform

@@ -1,6 +1,4 @@
-#include "platform/posix/UsbAdapter.h"
-
-#include <dlfcn.h>
+#include "platform/UsbAdapter.h"
 
 #include <algorithm>
 #include <atomic>
@@ -20,7 +18,6 @@
 #include "platform/Platform.h"
 #include "platform/UsbDriver.h"
 #include "platform/XferRecord.h"
-#include "platform/posix/LibusbStack.h"
 
 using usbstack::Status;
 
@@ -587,29 +584,33 @@ thread_local uint32_t t_dwLastError = ERROR_NONE;
 std::atomic<usbstack::IStack*> g_pStack = nullptr;
 std::atomic<IUsbDriver*> g_pDriver = nullptr;
 
-// Chosen at the first use, for the life of the process.
-usbstack::IStack& DefaultStack()
+// The stack of a plugin in this process. Looked for at the first use, for the life of the process.
+usbstack::IStack* PluginStack()
 {
-    static usbstack::IStack& s_stack = []() -> usbstack::IStack& {
-        if (void* const pSymbol = dlsym(RTLD_DEFAULT, "KOVUsbStackPlugin")) {
-            const usbstack::Plugin* const p = reinterpret_cast<usbstack::PluginEntry>(pSymbol)();
-            if (p && p->dwVersion == 1 && p->pStack) {
-                if (p->dClockRate > 0)
-                    SetClockRate(p->dClockRate);
-                return *p->pStack;
-            }
-        }
-        return usbstack::LibusbStack();
+    static usbstack::IStack* const s_pStack = []() -> usbstack::IStack* {
+        const usbstack::PluginEntry entry = FindPluginEntry();
+        const usbstack::Plugin* const p = entry ? entry() : nullptr;
+        if (!p || p->dwVersion != 1 || !p->pStack)
+            return nullptr;
+        if (p->dClockRate > 0)
+            SetClockRate(p->dClockRate);
+        return p->pStack;
     }();
-    return s_stack;
+    return s_pStack;
+}
+
+usbstack::IStack* VirtualStack()
+{
+    usbstack::IStack* const p = g_pStack.load(std::memory_order_acquire);
+    return p ? p : PluginStack();
 }
 
 }  // namespace
 
 usbstack::IStack& UsbStack()
 {
-    usbstack::IStack* const p = g_pStack.load(std::memory_order_acquire);
-    return p ? *p : DefaultStack();
+    usbstack::IStack* const p = VirtualStack();
+    return p ? *p : NativeStack();
 }
 
 void SetUsbStack(usbstack::IStack* pStack) { g_pStack.store(pStack, std::memory_order_release); }
@@ -621,6 +622,9 @@ IUsbDriver& UsbDriver()
 {
     if (IUsbDriver* const p = g_pDriver.load(std::memory_order_acquire))
         return *p;
+    IUsbDriver* const pNative = NativeDriver();
+    if (pNative && !VirtualStack())
+        return *pNative;
     // Never destroyed: a camera that a program leaves open is closed after static objects may be gone.
     static CAdapter& s_adapter = *new CAdapter;
     return s_adapter;

@@ -1,0 +1,12 @@
+# Header-only packages of the build machine, for a cross-build: a folder that shows these and nothing else of /usr/include.
+function(kov_portable_headers out)
+    set(dir ${PROJECT_BINARY_DIR}/portable)
+    file(MAKE_DIRECTORY ${dir})
+    foreach(name ${ARGN})
+        if(NOT EXISTS /usr/include/${name})
+            message(FATAL_ERROR "/usr/include/${name} is missing: install its package (libhwy-dev, libcli11-dev, libfmt-dev)")
+        endif()
+        file(CREATE_LINK /usr/include/${name} ${dir}/${name} SYMBOLIC)
+    endforeach()
+    set(${out} ${dir} PARENT_SCOPE)
+endfunction()

@@ -1,0 +1,305 @@
+// The upper USB seam on Windows: SetupDi, CreateFile and DeviceIoControl, passed through.
+#include "platform/UsbDriver.h"  // first: Windows makes macros of names that it declares
+
+#include <windows.h>
+
+#include <dbt.h>
+#include <setupapi.h>
+
+#include <algorithm>
+#include <cstring>
+#include <list>
+#include <memory>
+#include <mutex>
+#include <unordered_map>
+#include <vector>
+
+#include "platform/UsbAdapter.h"
+
+namespace platform {
+namespace {
+
+static_assert(sizeof(GUID) == sizeof(Guid) && sizeof(OVERLAPPED) == sizeof(Overlapped) && sizeof(OVERLAPPED) == 32);
+static_assert(offsetof(OVERLAPPED, hEvent) == offsetof(Overlapped, hEvent));
+static_assert(sizeof(DEV_BROADCAST_DEVICEINTERFACE_A) == 32 && sizeof(DEV_BROADCAST_HANDLE) == 56);
+static_assert(ERROR_NO_MORE == ERROR_NO_MORE_ITEMS && ERROR_CANCELLED_IO == ERROR_OPERATION_ABORTED &&
+              ERROR_INCOMPLETE == ERROR_IO_INCOMPLETE && ERROR_PENDING == ERROR_IO_PENDING &&
+              ERROR_GONE == ERROR_DEVICE_NOT_CONNECTED);
+
+constexpr DWORD LIST_FLAGS = DIGCF_PRESENT | DIGCF_DEVICEINTERFACE;
+static_assert(LIST_FLAGS == 18);
+// The record's head as the system counts it on 64-bit Windows, whatever this compiler's padding.
+constexpr DWORD DETAIL_HEAD = 8, DETAIL_PATH_AT = 4;
+// A driver that does not let go of a cancelled request for so long keeps its memory for good.
+constexpr int CANCEL_LIMIT_MS = 2000;
+
+// The system's own error is not kept between calls: allocations and locks in between change it.
+bool Told(bool bOk)
+{
+    SetLastError(bOk ? ERROR_NONE : ::GetLastError());
+    return bOk;
+}
+
+struct List {
+    HDEVINFO h;
+    GUID guid;
+};
+List& ListOf(IUsbDriver::DevInfo h) { return *static_cast<List*>(h); }
+HANDLE File(DeviceHandle h) { return reinterpret_cast<HANDLE>(h); }
+
+bool FindInterface(const List& list, DWORD dwIndex, SP_DEVICE_INTERFACE_DATA* pData)
+{
+    pData->cbSize = sizeof *pData;
+    return Told(SetupDiEnumDeviceInterfaces(list.h, nullptr, &list.guid, dwIndex, pData) != 0);
+}
+bool FindInfo(const List& list, DWORD dwIndex, SP_DEVINFO_DATA* pData)
+{
+    pData->cbSize = sizeof *pData;
+    return Told(SetupDiEnumDeviceInfo(list.h, dwIndex, pData) != 0);
+}
+
+// An overlapped request that the kernel has. Its record and its copy of the input are ours, so a caller that gives it up
+// may free its own while the kernel still writes. The event is the caller's: the kernel holds a reference to the object.
+struct Request {
+    OVERLAPPED ov{};
+    HANDLE hFile = nullptr;
+    std::vector<uint8_t> block;
+    void* pCaller = nullptr;  // where the block goes back to, inside the caller's own calls only
+
+    bool IsDone() const { return HasOverlappedIoCompleted(&ov); }
+    void GiveBack() const
+    {
+        if (!block.empty())
+            std::memcpy(pCaller, block.data(), block.size());
+    }
+};
+
+class WinUsbDriver final : public IUsbDriver {
+public:
+    DevInfo GetClassDevs(const Guid& guid) override
+    {
+        List list{ nullptr, { guid.dwData1, guid.wData2, guid.wData3, {} } };
+        std::copy(std::begin(guid.abData4), std::end(guid.abData4), list.guid.Data4);
+        list.h = SetupDiGetClassDevsA(&list.guid, nullptr, nullptr, LIST_FLAGS);
+        return Told(list.h != INVALID_HANDLE_VALUE) ? new List(list) : nullptr;
+    }
+    bool EnumInterface(DevInfo h, uint32_t dwIndex) override
+    {
+        SP_DEVICE_INTERFACE_DATA data{};
+        return FindInterface(ListOf(h), dwIndex, &data);
+    }
+    bool EnumInfo(DevInfo h, uint32_t dwIndex) override
+    {
+        SP_DEVINFO_DATA data{};
+        return FindInfo(ListOf(h), dwIndex, &data);
+    }
+    bool GetProperty(DevInfo h, uint32_t dwIndex, uint32_t dwProperty, char* pOut, uint32_t dwSize) override
+    {
+        SP_DEVINFO_DATA data{};
+        return FindInfo(ListOf(h), dwIndex, &data) &&
+               Told(SetupDiGetDeviceRegistryPropertyA(ListOf(h).h, &data, dwProperty, nullptr,
+                                                      reinterpret_cast<BYTE*>(pOut), dwSize, nullptr) != 0);
+    }
+    bool GetInterfacePath(DevInfo h, uint32_t dwIndex, std::string* psPath) override
+    {
+        SP_DEVICE_INTERFACE_DATA data{};
+        if (!FindInterface(ListOf(h), dwIndex, &data))
+            return false;
+        DWORD dwNeeded = 0;
+        SetupDiGetDeviceInterfaceDetailA(ListOf(h).h, &data, nullptr, 0, &dwNeeded, nullptr);
+        if (dwNeeded <= DETAIL_PATH_AT)
+            return Told(false);
+        // In words, for the alignment of the record.
+        std::vector<uint64_t> block((dwNeeded + 7) / 8 + 1);
+        auto* const pDetail = reinterpret_cast<SP_DEVICE_INTERFACE_DETAIL_DATA_A*>(block.data());
+        pDetail->cbSize = DETAIL_HEAD;
+        if (!Told(SetupDiGetDeviceInterfaceDetailA(ListOf(h).h, &data, pDetail, dwNeeded, nullptr, nullptr) != 0))
+            return false;
+        // The needed size counts the head of 4 bytes and the path's end.
+        psPath->assign(reinterpret_cast<const char*>(block.data()) + DETAIL_PATH_AT, dwNeeded - DETAIL_PATH_AT - 1);
+        return true;
+    }
+    void DestroyList(DevInfo h) override
+    {
+        SetupDiDestroyDeviceInfoList(ListOf(h).h);
+        delete &ListOf(h);
+    }
+
+    DeviceHandle Open(const char* szPath) override
+    {
+        const HANDLE h = CreateFileA(szPath, GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
+                                     OPEN_EXISTING, FILE_FLAG_OVERLAPPED, nullptr);
+        Told(h != INVALID_HANDLE_VALUE);
+        return reinterpret_cast<DeviceHandle>(h);
+    }
+    // The requests that are out are cancelled and waited for, then nothing writes any more.
+    bool Close(DeviceHandle h) override
+    {
+        std::list<std::unique_ptr<Request>> out = Withdraw(File(h));
+        if (!out.empty())
+            CancelIoEx(File(h), nullptr);
+        for (const auto& r : out)
+            for (int i = 0; i < CANCEL_LIMIT_MS && !r->IsDone(); ++i)
+                Sleep(1);
+        const bool bOk = Told(CloseHandle(File(h)) != 0);
+        for (auto& r : out)
+            if (!r->IsDone())
+                static_cast<void>(r.release());
+        return bOk;
+    }
+
+    bool IoControl(DeviceHandle h, uint32_t dwCode, void* pIn, uint32_t dwIn, void* pOut, uint32_t dwOut,
+                   uint32_t* pdwBytes, Overlapped* pOverlapped) override
+    {
+        DWORD dwBytes = 0;
+        // An abort is waited for by its caller to the end, without fetching a result.
+        if (!pOverlapped || dwCode == IO_ABORT_PIPE) {
+            const BOOL bOk = DeviceIoControl(File(h), dwCode, pIn, dwIn, pOut, dwOut, &dwBytes,
+                                             reinterpret_cast<OVERLAPPED*>(pOverlapped));
+            Told(bOk != 0);
+            *pdwBytes = dwBytes;
+            return bOk != 0;
+        }
+        GiveUp(pOverlapped);
+        auto owner = std::make_unique<Request>();
+        Request& r = *owner;
+        r.hFile = File(h);
+        r.ov.hEvent = pOverlapped->hEvent;
+        r.pCaller = pIn;
+        r.block.assign(static_cast<uint8_t*>(pIn), static_cast<uint8_t*>(pIn) + dwIn);
+        {
+            // Before the kernel has it: another thread may close the file.
+            const std::lock_guard l(m_mutex);
+            m_slots[pOverlapped] = std::move(owner);
+        }
+        const BOOL bOk = DeviceIoControl(File(h), dwCode, r.block.data(), dwIn, pOut == pIn ? r.block.data() : pOut,
+                                         dwOut, &dwBytes, &r.ov);
+        const DWORD dwError = bOk ? ERROR_NONE : ::GetLastError();
+        if (dwError != ERROR_PENDING)
+            r.GiveBack();
+        if (dwError != ERROR_NONE && dwError != ERROR_PENDING) {
+            const std::lock_guard l(m_mutex);
+            m_slots.erase(pOverlapped);
+        }
+        *pdwBytes = dwBytes;
+        SetLastError(dwError);
+        return bOk != 0;
+    }
+    bool GetResult(DeviceHandle h, Overlapped* pOverlapped, uint32_t* pdwBytes, bool bWait) override
+    {
+        *pdwBytes = 0;
+        std::unique_ptr<Request> r;
+        {
+            const std::lock_guard l(m_mutex);
+            const auto it = m_slots.find(pOverlapped);
+            if (it != m_slots.end()) {
+                r = std::move(it->second);
+                m_slots.erase(it);
+            }
+        }
+        if (!r) {
+            SetLastError(ERROR_BAD_PARAMETER);
+            return false;
+        }
+        DWORD dwBytes = 0;
+        const BOOL bOk = GetOverlappedResult(File(h), &r->ov, &dwBytes, bWait);
+        const DWORD dwError = bOk ? ERROR_NONE : ::GetLastError();
+        if (dwError == ERROR_INCOMPLETE) {
+            const std::lock_guard l(m_mutex);
+            m_givenUp.push_back(std::move(r));
+        } else {
+            r->GiveBack();
+            *pdwBytes = dwBytes;
+        }
+        SetLastError(dwError);
+        return bOk != 0;
+    }
+
+    void* RegisterInterfaceNotice(void* hWnd, const void* pFilter) override { return Register(hWnd, pFilter); }
+    void* RegisterHandleNotice(void* hWnd, const void* pFilter) override { return Register(hWnd, pFilter); }
+    bool UnregisterNotice(void* hNotice) override { return Told(UnregisterDeviceNotification(hNotice) != 0); }
+
+private:
+    // Whatever the slot was used for before is over for the caller. What has ended among the abandoned is freed.
+    void GiveUp(Overlapped* pOverlapped)
+    {
+        const std::lock_guard l(m_mutex);
+        m_givenUp.remove_if([](const auto& r) { return r->IsDone(); });
+        const auto it = m_slots.find(pOverlapped);
+        if (it == m_slots.end())
+            return;
+        if (!it->second->IsDone())
+            m_givenUp.push_back(std::move(it->second));
+        m_slots.erase(it);
+    }
+    // Takes the requests of a file out of the books.
+    std::list<std::unique_ptr<Request>> Withdraw(HANDLE hFile)
+    {
+        std::list<std::unique_ptr<Request>> out;
+        const std::lock_guard l(m_mutex);
+        for (auto it = m_slots.begin(); it != m_slots.end();) {
+            if (it->second->hFile == hFile) {
+                out.push_back(std::move(it->second));
+                it = m_slots.erase(it);
+            } else {
+                ++it;
+            }
+        }
+        for (auto it = m_givenUp.begin(); it != m_givenUp.end();) {
+            const auto next = std::next(it);
+            if ((*it)->hFile == hFile)
+                out.splice(out.end(), m_givenUp, it);
+            it = next;
+        }
+        return out;
+    }
+
+    static void* Register(void* hWnd, const void* pFilter)
+    {
+        void* const h = RegisterDeviceNotificationA(hWnd, const_cast<void*>(pFilter), DEVICE_NOTIFY_WINDOW_HANDLE);
+        Told(h != nullptr);
+        return h;
+    }
+
+    std::mutex m_mutex;
+    std::unordered_map<Overlapped*, std::unique_ptr<Request>> m_slots;  // the newest request of each slot
+    std::list<std::unique_ptr<Request>> m_givenUp;                      // that the kernel still has
+};
+
+// Real cameras are the kernel driver's; a stack is there for virtual ones only.
+class NoStack final : public usbstack::IStack {
+public:
+    std::vector<usbstack::DeviceInfo> Enumerate() override { return {}; }
+    usbstack::IDevice* Open(const std::string&, usbstack::Status* pStatus) override
+    {
+        *pStatus = usbstack::Status::Gone;
+        return nullptr;
+    }
+};
+
+}  // namespace
+
+// Exported by the program itself or by a library that was loaded into it.
+usbstack::PluginEntry FindPluginEntry()
+{
+    for (const wchar_t* const szModule : { static_cast<const wchar_t*>(nullptr), L"kovsim.dll" })
+        if (const HMODULE h = GetModuleHandleW(szModule))
+            if (const FARPROC p = GetProcAddress(h, "KOVUsbStackPlugin"))
+                return reinterpret_cast<usbstack::PluginEntry>(reinterpret_cast<void*>(p));
+    return nullptr;
+}
+
+usbstack::IStack& NativeStack()
+{
+    static NoStack s_stack;
+    return s_stack;
+}
+
+IUsbDriver* NativeDriver()
+{
+    // Never destroyed: a camera that a program leaves open is closed after static objects may be gone.
+    static WinUsbDriver* const s_pDriver = new WinUsbDriver;
+    return s_pDriver;
+}
+
+}  // namespace platform
