@@ -215,7 +215,7 @@ struct Axis {
         hi = std::ceil(max / step - 1e-9) * step;
     }
     double Place(double v) const { return ((bLog ? std::log10(std::max(v, 1e-9)) : v) - lo) / (hi - lo); }
-    int Ticks() const { return static_cast<int>(std::lround((hi - lo) / step)); }
+    int Ticks() const { return static_cast<int>(std::floor((hi - lo) / step + 1e-6)); }
     std::string Label(int i) const
     {
         const double v = bLog ? std::pow(10, lo + i * step) : lo + i * step;
@@ -242,7 +242,12 @@ Canvas Plot(const PlotOptions& o, const std::vector<Curve>& curves)
         for (const double d : v)
             min = std::min(min, d), max = std::max(max, d);
     };
-    fit(x, false, [&](const Curve& k, double& min, double& max) { spread(k.x, min, max); });
+    double dEnd = 0;
+    fit(x, false, [&](const Curve& k, double& min, double& max) {
+        spread(k.x, min, max);
+        dEnd = max;
+    });
+    x.hi = std::max(dEnd, x.lo + x.step);  // curves run to the right edge
     fit(left, o.bLogLeft, [&](const Curve& k, double& min, double& max) { if (!k.bRight) spread(k.y, min, max); });
     fit(right, false, [&](const Curve& k, double& min, double& max) {
         if (k.bRight) {

@@ -178,6 +178,7 @@ Camera::Camera(const std::string& which)
         KOVCloseCamera(iId);
     Check(code, "opening the camera");
     m_iId = iId;
+    m_Opened = Stopwatch();
     m_Info = InfoOf(m_iId);
     Check(KOVGetROIFormat(m_iId, &m_iWidth, &m_iHeight, &m_iBin, &m_Type), "format");
 }
@@ -207,6 +208,9 @@ bool Camera::Has(KOV_CONTROL_TYPE type) const
 
 int32_t Camera::Get(KOV_CONTROL_TYPE type, bool* pAuto) const
 {
+    // A cooled camera's temperature is read by a thread, first 0.4 s after the opening; before that it reads 0.
+    if (type == CTRL_TEMPERATURE && m_Info.IsCooled)
+        Sleep(0.6 - m_Opened.Seconds());
     int32_t value = 0;
     KOV_BOOL automatic = KOV_FALSE;
     Check(KOVGetControlValue(m_iId, type, &value, &automatic), NameOf(type));

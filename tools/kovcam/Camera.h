@@ -53,6 +53,22 @@ struct PictureOptions {
 // Index of the camera that a user means: "" for the only one, an index, or a part of a name.
 int FindCamera(const std::string& which);
 
+// How many times faster than real time the library's clock runs: 1, but for virtual cameras that ask for more.
+double ClockRate();
+// Seconds of the library's clock, in which cameras expose and cool.
+class Stopwatch {
+public:
+    double Seconds() const
+    {
+        return ClockRate() * std::chrono::duration<double>(std::chrono::steady_clock::now() - m_Start).count();
+    }
+
+private:
+    std::chrono::steady_clock::time_point m_Start = std::chrono::steady_clock::now();
+};
+// Sleeps on that clock; returns early when interrupted.
+void Sleep(double seconds);
+
 // An open camera; closed on destruction.
 class Camera {
 public:
@@ -85,27 +101,12 @@ private:
     KOV_CAMERA_INFO m_Info{};
     int m_iWidth = 0, m_iHeight = 0, m_iBin = 1;
     IMG_TYPE m_Type = IMG_RAW8;
+    Stopwatch m_Opened;
 };
 
 // Number of cameras; none is a UserError that says what was looked for, what to check and how to try a virtual one.
 int CountCameras();
 KOV_CAMERA_INFO InfoOf(int index);
-
-// How many times faster than real time the library's clock runs: 1, but for virtual cameras that ask for more.
-double ClockRate();
-// Seconds of the library's clock, in which cameras expose and cool.
-class Stopwatch {
-public:
-    double Seconds() const
-    {
-        return ClockRate() * std::chrono::duration<double>(std::chrono::steady_clock::now() - m_Start).count();
-    }
-
-private:
-    std::chrono::steady_clock::time_point m_Start = std::chrono::steady_clock::now();
-};
-// Sleeps on that clock; returns early when interrupted.
-void Sleep(double seconds);
 
 // Set by Ctrl-C: long work stops soon, captures are stopped and cameras closed.
 bool Interrupted();

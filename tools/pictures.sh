@@ -1,0 +1,69 @@
+#!/usr/bin/env bash
+# Makes the pictures of docs/pictures anew, all from virtual cameras. pictures.sh BUILD_FOLDER [PICTURE...]
+set -euo pipefail
+cd "$(dirname "$0")/.."
+bin=$(realpath "$1")/tools
+shift
+all=(sky families hotpixels cooler autoexposure)
+[ $# -gt 0 ] && all=("$@")
+out=$PWD/docs/pictures
+mkdir -p "$out"
+tmp=$(mktemp -d)
+trap 'rm -rf "$tmp"' EXIT
+export XDG_CONFIG_HOME=$tmp/config
+
+# cam CAMERA[ --OPTION...] KOVCAM_ARGUMENTS...
+cam() {
+    local camera
+    read -ra camera <<<"$1"
+    shift
+    "$bin/kovsim" run --camera "${camera[@]}" -- kovcam "$@"
+}
+
+# Orion's sword and belt.
+sky() {
+    cam "QuartzCol --scene sky:84.0,-3.3,50 --hot 0 --noise 0.3" snap -e 4s -g 60 -o "$tmp/sky" --no-fits
+    "$bin/kovsheet" "$out/sky.png" --dark --tile 960x544 "$tmp/sky.png=QuartzCol, 4 s, gain 60: Orion's belt and sword, 50 mm"
+}
+
+# One camera of each family, the same sky through the same lens: the fields show the sizes of the sensors.
+families() {
+    local m sheet=()
+    for m in AgateCol BerylCol CobaltCol DuniteMono EbonyCol FlintCol GarnetCol HaliteCol IoliteMono JasperCol KyaniteCol LapisCol \
+        MarbleCol NephriteCol OnyxCol PyriteCol QuartzCol; do
+        cam "$m --hot 0 --noise 0.3" snap -e 900ms --no-fits -o "$tmp/$m"
+        sheet+=("$tmp/$m.png=$m")
+    done
+    "$bin/kovsheet" "$out/families.png" --dark --columns 5 --tile 220x165 "${sheet[@]}"
+}
+
+# The same corner of one camera: as it comes, less a dark frame, and repaired by its table.
+hotpixels() {
+    local hot="QuartzMono --hot 6000 --ambient 30 --seed 5 --flash $tmp/flash" e="-e 1900ms -g 150 --brightness 60"
+    cam "$hot --scene dark" dark $e -o "$tmp/dark.bmp"
+    cam "$hot" snap $e -f raw8 --no-fits -o "$tmp/hot0"
+    cam "$hot" snap $e -f raw8 --no-fits -o "$tmp/hot1" --dark "$tmp/dark.bmp"
+    cam "$hot" hotpixels save "$tmp/dark.bmp"
+    cam "$hot" snap $e -f raw8 --no-fits -o "$tmp/hot2"
+    "$bin/kovsheet" "$out/hotpixels.png" --dark --tile 380x380 --crop 190x190+800+400 "$tmp/hot0.png=as it comes" \
+        "$tmp/hot1.png=dark frame subtracted" "$tmp/hot2.png=repaired by the table"
+}
+
+cooler() {
+    cam "MarbleMono_C --rate 20" cool --to -10 --minutes 10 --plot "$out/cooler.png"
+}
+
+autoexposure() {
+    local m sheet=()
+    for m in GarnetCol QuartzCol KyaniteMono; do
+        cam "$m --scene flat:30000" autoexposure -e 500us -g 0 -r 1024x768 --plot "$tmp/auto-$m.png"
+        sheet+=("$tmp/auto-$m.png=")
+    done
+    "$bin/kovsheet" "$out/autoexposure.png" --columns 1 --tile 900x500 "${sheet[@]}"
+}
+
+for picture in "${all[@]}"; do
+    printf '\033[1m==> %s\033[0m\n' "$picture"
+    "$picture"
+    ls -la "$out/$picture.png"
+done
