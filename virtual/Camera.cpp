@@ -73,7 +73,6 @@ Camera::Camera(const CameraSettings& settings, uint16_t wVendorId, const Clock& 
       m_Facts(NewProfile(uint8_t(settings.iFirmware < 0 ? 20 : settings.iFirmware))->Facts()),
       m_Imager(m_Facts, settings.uSeed, settings.dNoise, settings.iHotPixels),
       m_Scene(settings.scene ? settings.scene : Scene::Sky()),
-      m_bFirmware(settings.iFirmware < 0 ? m_Facts.bFirmware : uint8_t(settings.iFirmware)),
       m_Thermal(settings.dAmbient, m_Facts.bCooled),
       m_Flash(settings.sFlashFile),
       m_Eeprom(0x10000, 0xFF)
@@ -97,7 +96,8 @@ Camera::~Camera()
 // Power on: the bridge looks for a firmware, everything else takes its reset values.
 void Camera::Boot()
 {
-    m_Memory.SetState(Cpu::Firmware);
+    m_Memory = {};  // what was loaded into the processor is lost
+    m_bFirmware = m_Settings.iFirmware < 0 ? m_Facts.bFirmware : uint8_t(m_Settings.iFirmware);
     if (m_Facts.bUSB3) {
         if (m_Settings.bBootLoader && !m_bLoaded) m_Memory.SetState(Cpu::BootLoader);
     } else if (m_bEepromWritten) {

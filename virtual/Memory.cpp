@@ -123,7 +123,8 @@ bool IsC2Image(const std::vector<uint8_t>& bytes)
     for (size_t at = 8; at + 4 <= bytes.size();) {
         const size_t length = size_t(bytes[at]) << 8 | bytes[at + 1];
         const size_t address = size_t(bytes[at + 2]) << 8 | bytes[at + 3];
-        if (length == 0x8001 && address == 0xE600) return at > 8 && at + 5 <= bytes.size();
+        // The end record starts the processor.
+        if (length == 0x8001 && address == 0xE600) return at > 8 && at + 5 <= bytes.size() && (bytes[at + 4] & 1) == 0;
         if (length == 0 || length > 0x7FFF) return false;
         at += 4 + length;
     }
