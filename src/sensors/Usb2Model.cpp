@@ -69,6 +69,10 @@ void CUsb2Model::ReadFirmwareVer()
 
 bool CUsb2Model::UpdateTo(uint8_t needed, FirmwareId id)
 {
-    const FirmwareImage image = FindFirmware(id);
+    // Without the loader the EEPROM is out of reach: the camera is left as it is, as without an image.
+    const bool bLoader = FindFirmware(FirmwareId::LoaderPart1) && FindFirmware(FirmwareId::LoaderPart2);
+    const FirmwareImage image = bLoader ? FindFirmware(id) : FirmwareImage{};
+    // QUIRK: a bridge that does not answer counts as version 1. Cobalt and Iolite that lost their firmware in an update
+    // are therefore opened as they are and never updated again.
     return model::UpdateFirmware(*this, m_Traits, image.pData, image.iSize, needed);
 }
