@@ -15,7 +15,7 @@ extern bool g_bReopenProbe;
 extern CCameraBase* g_apCamera[DEVICE_MAX]; // owned; null is closed
 extern int32_t g_aImageBytes[DEVICE_MAX];   // bytes of one delivered image
 
-// Walks the ten interface GUIDs and returns the count (src/api/Enumeration.cpp).
+// Walks the ten interface GUIDs and returns the count, which is stored only at the end.
 int32_t EnumerateCameras();
 // The object of the class of this product ID, or nullptr. The caller owns it. Raises g_bReopenProbe for the classes whose
 // name depends on the device, unless it is called for opening.
