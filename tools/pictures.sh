@@ -31,7 +31,7 @@ families() {
     local m sheet=()
     for m in AgateCol BerylCol CobaltCol DuniteMono EbonyCol FlintCol GarnetCol HaliteCol IoliteMono JasperCol KyaniteCol LapisCol \
         MarbleCol NephriteCol OnyxCol PyriteCol QuartzCol; do
-        cam "$m --hot 0 --noise 0.3" snap -e 900ms --no-fits -o "$tmp/$m"
+        cam "$m --hot 0 --noise 0.3" snap -e 300ms --no-fits -o "$tmp/$m"
         sheet+=("$tmp/$m.png=$m")
     done
     "$bin/kovsheet" "$out/families.png" --dark --columns 5 --tile 220x165 "${sheet[@]}"

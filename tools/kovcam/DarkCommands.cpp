@@ -1,5 +1,6 @@
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <atomic>
 #include <filesystem>
 #include <thread>
@@ -149,16 +150,22 @@ void Search(const Globals& g, const SearchOptions& o)
     });
     Progress progress("searching");
     const Stopwatch watch;
-    bool bStopped = false, bLate = false;
+    bool bStopped = false, bLate = false, bAway = false, automatic = false;
+    const double start = cam.Get(CTRL_EXPOSURE) / 1e6;
     while (!bOver) {
+        const double exposure = object.GetExp(&automatic) / 1e6;
         bLate = bLate || watch.Seconds() > 60 * o.dMinutes;
-        if ((Interrupted() || bLate) && !bStopped) {
+        // A step below zero wraps around and ends at the longest exposure, from where the search does not come back.
+        bAway = bAway || exposure > std::max(60.0, 100 * start);
+        if ((Interrupted() || bLate || bAway) && !bStopped) {
             object.ChangeHPCStatus(HPC_STOP, nullptr);
+            std::this_thread::sleep_for(std::chrono::milliseconds(50));
+            if (exposure > 1)
+                KOVStopExposure(cam.Id());  // else it would be waited for
             bStopped = true;
         }
         int inDark = 0, inTable = 0;
         object.GetHPSum(&inDark, &inTable);
-        bool automatic = false;
         progress.Show(-1, bStopped ? "stopping after this dark frame; Ctrl-C again leaves at once"
                                    : fmt::format("{:.0f} s: {} pixels at {}, wanted {} to {}", watch.Seconds(), inDark,
                                                  ExposureText(object.GetExp(&automatic)), o.iMin, o.iMax));
@@ -168,6 +175,9 @@ void Search(const Globals& g, const SearchOptions& o)
     progress.End();
     if (!ok && Interrupted())
         throw UserError("interrupted; the table in the camera is as it was", 130);
+    if (!ok && bAway)
+        throw UserError(fmt::format("more than {} pixels stand out at every exposure that was tried, and the search left its range."
+                                    " Begin with a longer exposure and a lower gain, or raise --max", o.iMax), 4);
     if (!ok && bLate)
         throw UserError(fmt::format("no exposure with {} to {} hot pixels within {} minutes. Is the cap on? Widen the range,"
                                     " or begin with another exposure or gain", o.iMin, o.iMax, o.dMinutes), 4);
@@ -175,7 +185,6 @@ void Search(const Globals& g, const SearchOptions& o)
         throw UserError("the table could not be saved in the camera's flash", 4);
     LoadTable(cam);
     cam.KeepSettings();
-    bool automatic = false;
     const uint32_t exposure = object.GetExp(&automatic);
     if (g.bJson)
         fmt::print("{{\"found\": {}, \"exposure\": {}}}\n", found, exposure / 1e6);
