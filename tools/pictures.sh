@@ -23,7 +23,7 @@ cam() {
 # Orion's sword and belt.
 sky() {
     cam "QuartzCol --scene sky:84.0,-3.3,50 --hot 0 --noise 0.3" snap -e 4s -g 60 -o "$tmp/sky" --no-fits
-    "$bin/kovsheet" "$out/sky.png" --dark --tile 960x544 "$tmp/sky.png=QuartzCol, 4 s, gain 60: Orion's belt and sword, 50 mm"
+    "$bin/kovsheet" "$out/sky.png" --dark --tile 880x498 "$tmp/sky.png=QuartzCol, 4 s, gain 60: in Orion, 50 mm"
 }
 
 # One camera of each family, the same sky through the same lens: the fields show the sizes of the sensors.

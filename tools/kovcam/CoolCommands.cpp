@@ -140,13 +140,15 @@ struct AutoOptions {
 
 struct AutoStep { double dSeconds; int32_t iExposure, iGain; double dMean; };
 
-// The step after which neither exposure nor gain moved any more, or the size of the list.
+// The step after which neither exposure nor gain moved any more, or the size of the list. Frames alone do not tell: the
+// camera measures a few times a second, whatever the rate.
 size_t SettledAt(const std::vector<AutoStep>& s, size_t quiet)
 {
     size_t n = s.size();
     while (n > 0 && s[n - 1].iExposure == s.back().iExposure && s[n - 1].iGain == s.back().iGain)
         --n;
-    return s.size() - n > quiet ? n : s.size();
+    constexpr double QUIET_SECONDS = 2;
+    return n < s.size() && s.size() - n > quiet && s.back().dSeconds - s[n].dSeconds > QUIET_SECONDS ? n : s.size();
 }
 
 void AutoExposure(const Globals& g, AutoOptions o)
