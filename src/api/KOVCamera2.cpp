@@ -153,7 +153,11 @@ KOV_ERROR_CODE KOVCloseCamera(int32_t id)
         if (!IsKnown(id))
             return KOV_ERROR_BAD_ID;
         if (g_apCamera[id] != nullptr) {
-            g_apCamera[id]->CloseCamera();
+            try {
+                g_apCamera[id]->CloseCamera();
+            } catch (const char*) {
+                // The driver refused to close the device. The object goes all the same, and its link tries once more.
+            }
             Destroy(id);
         }
         return KOV_SUCCESS;

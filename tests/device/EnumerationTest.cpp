@@ -7,6 +7,7 @@
 #include "api/DeviceTable.h"
 #include "device/DeviceFixture.h"
 #include "platform/SettingsStore.h"
+#include "tests/usb/FakeDriver.h"
 
 namespace {
 
@@ -272,6 +273,27 @@ TEST_F(EnumerationTest, QuirkOpenAfterAFailedOpen)
     EXPECT_EQ(KOVOpenCamera(0), KOV_SUCCESS);
     EXPECT_EQ(KOVStartVideoCapture(0), KOV_SUCCESS);
     EXPECT_EQ(KOVStopVideoCapture(0), KOV_SUCCESS);
+}
+
+// A driver that refuses to close a device makes no difference to the host, and the object goes.
+TEST_F(EnumerationTest, RefusedCloseStillFreesTheId)
+{
+    Plug(0xC0FA);
+    ASSERT_EQ(KOVGetNumOfConnectedCameras(), 1);
+    ASSERT_EQ(KOVOpenCamera(0), KOV_SUCCESS);
+    struct OnceRefusing : ForwardDriver {
+        bool Close(platform::DeviceHandle h) override
+        {
+            bCloseFails = iRefusals++ == 0;
+            return ForwardDriver::Close(h);
+        }
+        int iRefusals = 0;
+    } driver;
+    EXPECT_EQ(KOVCloseCamera(0), KOV_SUCCESS);
+    EXPECT_EQ(driver.iRefusals, 2) << "the link has tried again";
+    EXPECT_EQ(CCameraBase::FromID(0), nullptr);
+    EXPECT_EQ(KOVOpenCamera(0), KOV_SUCCESS);
+    EXPECT_EQ(Hears(0), 1u);
 }
 
 TEST_F(EnumerationTest, ObjectsStayAtTheirIndex)
