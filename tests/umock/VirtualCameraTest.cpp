@@ -1,0 +1,152 @@
+// The whole way: C interface, library, an unmodified libusb, and a virtual camera as its device.
+#include <gtest/gtest.h>
+#include <stdlib.h>
+
+#include <cmath>
+#include <cstring>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "KOVCamera2.h"
+#include "core/CCameraBase.h"
+#include "platform/Platform.h"
+#include "platform/posix/LibusbStack.h"
+#include "platform/posix/UsbAdapter.h"
+#include "umock/MockUsb.h"
+#include "virtual/VirtualBus.h"
+
+namespace {
+
+constexpr int W = 640, H = 480;
+
+class LibusbCamera : public testing::Test {
+protected:
+    void SetUp() override
+    {
+        const char* sz = getenv("LD_PRELOAD");
+        if (!sz || !std::strstr(sz, "umockdev"))
+            GTEST_SKIP() << "run it through umockdev-wrapper";
+        char folder[] = "/tmp/kov-umock-XXXXXX";
+        m_sConfig = mkdtemp(folder);
+        setenv("XDG_CONFIG_HOME", m_sConfig.c_str(), 1);
+        kovsim::CameraSettings s;
+        s.wProductId = 0xC11A;  // QuartzCol
+        s.dNoise = 0;
+        s.iHotPixels = 0;
+        s.scene = kovsim::Scene::Pattern();
+        m_pCam = &m_Virtual.Plug(s);
+        m_pDevice.reset(m_Virtual.Open(m_Virtual.Enumerate().at(0).sPath, nullptr));
+        ASSERT_TRUE(m_pDevice);
+        m_pBus = std::make_unique<MockBus>();
+        m_pUsb = std::make_unique<MockUsb>(*m_pBus, uint8_t{ 2 }, "1.4", *m_pDevice);
+        platform::SetUsbStack(&usbstack::LibusbStack());
+    }
+    void TearDown() override
+    {
+        KOVCloseCamera(0);
+        platform::SetUsbStack(nullptr);
+        m_pUsb.reset();
+        m_pBus.reset();
+        if (!m_sConfig.empty()) {
+            [[maybe_unused]] const int r = std::system(("rm -rf '" + m_sConfig + "'").c_str());
+        }
+    }
+    void Open()
+    {
+        ASSERT_EQ(KOVGetNumOfConnectedCameras(), 1);
+        ASSERT_EQ(KOVOpenCamera(0), KOV_SUCCESS);
+        ASSERT_EQ(KOVSetROIFormat(0, W, H, 1, IMG_RAW8), KOV_SUCCESS);
+        ASSERT_EQ(KOVSetControlValue(0, CTRL_GAIN, 0, KOV_FALSE), KOV_SUCCESS);
+        ASSERT_EQ(KOVSetControlValue(0, CTRL_EXPOSURE, 5000, KOV_FALSE), KOV_SUCCESS);
+        KOVSetControlValue(0, CTRL_WB_R, 50, KOV_FALSE);  // unity
+        KOVSetControlValue(0, CTRL_WB_B, 50, KOV_FALSE);
+        m_Data.resize(W * H);
+    }
+    // Each pixel against the pattern's number for its place on the sensor, half of it for half the exposure.
+    void ExpectPattern() const
+    {
+        const CCameraBase& cam = *CCameraBase::FromID(0);
+        for (int phase = 0; phase < 4; ++phase) {
+            double n = 0, se = 0, sm = 0, see = 0, sem = 0;
+            const auto each = [&](auto f) {
+                for (int y = 4 + (phase >> 1); y < H - 4; y += 2)
+                    for (int x = 4 + (phase & 1); x < W - 4; x += 2)
+                        f(double(((cam.m_iStartX + x) * 7 + (cam.m_iStartY + y) * 13) % 251), double(m_Data[size_t(y) * W + size_t(x)]));
+            };
+            each([&](double e, double m) {
+                n += 1;
+                se += e;
+                sm += m;
+                see += e * e;
+                sem += e * m;
+            });
+            const double a = (sem - se * sm / n) / (see - se * se / n), b = (sm - a * se) / n;
+            double worst = 0;
+            each([&](double e, double m) { worst = std::max(worst, std::fabs(m - a * e - b)); });
+            EXPECT_LE(worst, 1.1) << "phase " << phase;
+            EXPECT_NEAR(a, 0.5, 0.3) << "phase " << phase;
+        }
+    }
+    KOV_ERROR_CODE Next(int32_t ms) { return KOVGetVideoData(0, m_Data.data(), int32_t(m_Data.size()), ms); }
+
+    kovsim::VirtualBus m_Virtual;
+    kovsim::VirtualCamera* m_pCam = nullptr;
+    std::unique_ptr<usbstack::IDevice> m_pDevice;
+    std::unique_ptr<MockBus> m_pBus;
+    std::unique_ptr<MockUsb> m_pUsb;
+    std::vector<uint8_t> m_Data;
+    std::string m_sConfig;
+};
+
+}  // namespace
+
+TEST_F(LibusbCamera, SnapAndVideoShowTheScene)
+{
+    KOV_CAMERA_INFO info;
+    ASSERT_EQ(KOVGetNumOfConnectedCameras(), 1);
+    ASSERT_EQ(KOVGetCameraProperty(&info, 0), KOV_SUCCESS);
+    EXPECT_STREQ(info.Name, "VYR KOVQuartzCol");
+    ASSERT_NO_FATAL_FAILURE(Open());
+    ASSERT_EQ(KOVGetCameraProperty(&info, 0), KOV_SUCCESS);
+    EXPECT_EQ(info.IsUSB3Host, KOV_TRUE);
+
+    ASSERT_EQ(KOVStartExposure(0), KOV_SUCCESS);
+    KOV_EXPOSURE_STATUS status = EXP_WORKING;
+    for (int i = 0; i < 4000 && status == EXP_WORKING; ++i) {
+        platform::SleepMs(5);
+        ASSERT_EQ(KOVGetExpStatus(0, &status), KOV_SUCCESS);
+    }
+    ASSERT_EQ(status, EXP_SUCCESS) << m_pCam->CurrentReadout().sWhy;
+    ASSERT_EQ(KOVGetDataAfterExp(0, m_Data.data(), int32_t(m_Data.size())), KOV_SUCCESS);
+    ExpectPattern();
+
+    ASSERT_EQ(KOVStartVideoCapture(0), KOV_SUCCESS);
+    for (int i = 0; i < 5; ++i) {
+        ASSERT_EQ(Next(10000), KOV_SUCCESS) << m_pCam->CurrentReadout().sWhy;
+        ExpectPattern();
+    }
+    EXPECT_EQ(KOVStopVideoCapture(0), KOV_SUCCESS);
+    EXPECT_EQ(m_pUsb->Seen().iOutstanding, 0) << "requests are left with the host";
+}
+
+// The cable falls out of a running video: time-outs, no hang, and the camera is found and opened again.
+TEST_F(LibusbCamera, UnpluggedDuringVideo)
+{
+    ASSERT_NO_FATAL_FAILURE(Open());
+    ASSERT_EQ(KOVStartVideoCapture(0), KOV_SUCCESS);
+    ASSERT_EQ(Next(10000), KOV_SUCCESS);
+    m_pUsb->Vanish();
+    while (Next(0) == KOV_SUCCESS) {
+    }
+    EXPECT_EQ(Next(1000), KOV_ERROR_TIMEOUT);
+    EXPECT_EQ(KOVStopVideoCapture(0), KOV_SUCCESS);
+    EXPECT_EQ(KOVCloseCamera(0), KOV_SUCCESS);
+    EXPECT_EQ(KOVGetNumOfConnectedCameras(), 0);
+    m_pUsb->Plug();
+    ASSERT_NO_FATAL_FAILURE(Open());
+    ASSERT_EQ(KOVStartVideoCapture(0), KOV_SUCCESS);
+    ASSERT_EQ(Next(10000), KOV_SUCCESS) << m_pCam->CurrentReadout().sWhy;
+    ExpectPattern();
+    EXPECT_EQ(KOVStopVideoCapture(0), KOV_SUCCESS);
+}
