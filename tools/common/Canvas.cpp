@@ -1,11 +1,12 @@
 #include "common/Canvas.h"
 
 #include <fmt/format.h>
-#include <png.h>
 
 #include <algorithm>
 #include <cmath>
 #include <stdexcept>
+
+#include "common/Png.h"
 
 namespace kovtools {
 
@@ -66,11 +67,6 @@ void Dots(const std::string& text, F dot)
     }
 }
 
-[[noreturn]] void Fail(const std::string& path, const png_image& image)
-{
-    throw std::runtime_error(fmt::format("{}: {}", path, image.message));
-}
-
 }  // namespace
 
 Canvas::Canvas(int width, int height, Colour ground)
@@ -81,27 +77,14 @@ Canvas::Canvas(int width, int height, Colour ground)
 
 Canvas Canvas::Load(const std::string& path)
 {
-    png_image image{};
-    image.version = PNG_IMAGE_VERSION;
-    if (!png_image_begin_read_from_file(&image, path.c_str()))
-        Fail(path, image);
-    image.format = PNG_FORMAT_RGB;
-    Canvas c(static_cast<int>(image.width), static_cast<int>(image.height), BLACK);
-    if (!png_image_finish_read(&image, nullptr, c.m_Rgb.data(), 0, nullptr))
-        Fail(path, image);
+    int iWidth = 0, iHeight = 0;
+    std::vector<uint8_t> rgb = ReadPngFile(path, &iWidth, &iHeight);
+    Canvas c(iWidth, iHeight, BLACK);
+    c.m_Rgb.swap(rgb);
     return c;
 }
 
-void Canvas::Save(const std::string& path) const
-{
-    png_image image{};
-    image.version = PNG_IMAGE_VERSION;
-    image.width = static_cast<png_uint_32>(m_iWidth);
-    image.height = static_cast<png_uint_32>(m_iHeight);
-    image.format = PNG_FORMAT_RGB;
-    if (!png_image_write_to_file(&image, path.c_str(), 0, m_Rgb.data(), 0, nullptr))
-        Fail(path, image);
-}
+void Canvas::Save(const std::string& path) const { WritePngFile(path, m_iWidth, m_iHeight, 3, m_Rgb.data()); }
 
 Colour Canvas::At(int x, int y) const
 {

@@ -1,9 +1,7 @@
 #include "kovcam/Camera.h"
 
-#include <dlfcn.h>
 #include <fmt/chrono.h>
 #include <fmt/format.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
@@ -12,8 +10,8 @@
 #include <filesystem>
 #include <thread>
 
+#include "common/Host.h"
 #include "core/CCameraBase.h"
-#include "platform/UsbStack.h"
 
 namespace kovcam {
 
@@ -125,11 +123,11 @@ int CountCameras()
     const int n = KOVGetNumOfConnectedCameras();
     if (n == 0)
         throw UserError(
-            "no camera found.\n"
-            "  Looked for USB devices of vendor 0E5A on all ports.\n"
-            "  Check the cable and that 'lsusb -d 0e5a:' lists the camera; if it does, run 'kovcam doctor': it tells\n"
-            "  missing rights and whether another program holds the camera.\n"
-            "  To try without a camera: kovsim run --camera QuartzCol -- kovcam list",
+            fmt::format("no camera found.\n"
+                        "  Looked for USB devices of vendor 0E5A on all ports.\n"
+                        "  Check the cable and that {}; if it does, run 'kovcam doctor': it tells\n"
+                        "  missing rights and whether another program holds the camera.\n"
+                        "  To try without a camera: kovsim run --camera QuartzCol -- kovcam list", kovtools::HOW_TO_SEE_A_CAMERA),
             3);
     return n;
 }
@@ -325,8 +323,7 @@ BayerPattern Camera::Pattern() const
 double ClockRate()
 {
     static const double s_dRate = [] {
-        void* const pSymbol = dlsym(RTLD_DEFAULT, "KOVUsbStackPlugin");
-        const usbstack::Plugin* const p = pSymbol ? reinterpret_cast<usbstack::PluginEntry>(pSymbol)() : nullptr;
+        const usbstack::Plugin* const p = kovtools::LoadedPlugin();
         return p != nullptr && p->dClockRate > 0 ? p->dClockRate : 1.0;
     }();
     return s_dRate;
@@ -393,7 +390,7 @@ const char* PatternText(BayerPattern pattern)
     return names[pattern & 3];
 }
 
-Progress::Progress(std::string label) : m_sLabel(std::move(label)), m_bTerminal(isatty(STDERR_FILENO) != 0) {}
+Progress::Progress(std::string label) : m_sLabel(std::move(label)), m_bTerminal(kovtools::IsTerminal(stderr)) {}
 
 Progress::~Progress()
 {

@@ -1,14 +1,15 @@
 #include <fmt/format.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <array>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <iostream>
 #include <iterator>
 
 #include "FirmwareData.h"
+#include "common/Host.h"
 #include "core/CCameraBase.h"
 #include "kovcam/Camera.h"
 #include "kovcam/Commands.h"
@@ -139,7 +140,7 @@ void Confirm(const FirmwareOptions& o, const std::string& word)
 {
     if (o.bYes)
         return;
-    if (isatty(STDIN_FILENO) == 0)
+    if (!kovtools::IsTerminal(stdin))
         throw UserError("writing firmware has to be confirmed: run it on a terminal, or add --yes", 2);
     fmt::print("Do not unplug the camera until it is done. Type {} to go on: ", word);
     std::fflush(stdout);
@@ -200,7 +201,7 @@ const char* ResultText(FX3_FWDWNLOAD_ERROR_CODE code)
 void LoadFile(const Globals& g, const FirmwareOptions& o)
 {
     const Target* t = std::find_if(std::begin(g_Targets), std::end(g_Targets), [&](const Target& k) { return o.sTo == k.szName; });
-    std::ifstream in(o.sFile, std::ios::binary);
+    std::ifstream in(std::filesystem::path(o.sFile), std::ios::binary);
     const std::vector<char> bytes(std::istreambuf_iterator<char>(in), {});
     if (!in.is_open() || bytes.size() < 4)
         throw UserError(fmt::format("cannot read {}, or it is empty", o.sFile), 2);

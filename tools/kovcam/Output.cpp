@@ -1,15 +1,15 @@
 #include "kovcam/Output.h"
 
-#include <fitsio.h>
 #include <fmt/format.h>
-#include <png.h>
 
 #include <algorithm>
 #include <cmath>
-#include <cstdio>
 #include <cstring>
-#include <memory>
+#include <filesystem>
+#include <utility>
 
+#include "common/Fits.h"
+#include "common/Png.h"
 #include "imaging/CAlgorithm.h"
 #include "kovcam/Camera.h"
 
@@ -26,53 +26,6 @@ size_t Pixels(const Picture& p)
 {
     return static_cast<size_t>(p.iWidth) * static_cast<size_t>(p.iHeight);
 }
-
-// FITS calls report through a status that sticks.
-class Fits {
-public:
-    explicit Fits(const std::string& path) : m_sPath(path)
-    {
-        fits_create_file(&m_pFile, ("!" + path).c_str(), &m_iStatus);
-        Test();
-    }
-    ~Fits()
-    {
-        int ignored = 0;
-        if (m_pFile != nullptr)
-            fits_close_file(m_pFile, &ignored);
-    }
-    Fits(const Fits&) = delete;
-    Fits& operator=(const Fits&) = delete;
-
-    void Key(const char* name, const std::string& v, const char* comment)
-    {
-        fits_update_key_str(m_pFile, name, v.c_str(), comment, &m_iStatus);
-    }
-    void Key(const char* name, double v, int decimals, const char* comment)
-    {
-        fits_update_key_fixdbl(m_pFile, name, v, decimals, comment, &m_iStatus);
-    }
-    void Key(const char* name, int v, const char* comment) { fits_update_key_lng(m_pFile, name, v, comment, &m_iStatus); }
-    void Close()
-    {
-        fits_close_file(m_pFile, &m_iStatus);
-        m_pFile = nullptr;
-        Test();
-    }
-    void Test()
-    {
-        if (m_iStatus == 0)
-            return;
-        char text[FLEN_STATUS] = {};
-        fits_get_errstatus(m_iStatus, text);
-        throw UserError(fmt::format("cannot write {}: {}. Is the folder there and writable, and the disk not full?", m_sPath, text));
-    }
-    fitsfile* m_pFile = nullptr;
-    int m_iStatus = 0;
-
-private:
-    std::string m_sPath;
-};
 
 // A curve from sample to display byte. Black is a little under the median, white lets a star's core reach the top, and
 // between them the inverse hyperbolic sine keeps faint light visible.
@@ -111,11 +64,7 @@ std::vector<uint8_t> MakeCurve(const std::vector<uint32_t>& histogram, Stretch s
 
 void WriteFits(const std::string& path, const Picture& p)
 {
-    Fits f(path);
-    const bool b16 = p.type == IMG_RAW16;
-    long axes[3] = { p.iWidth, p.iHeight, 3 };
-    fits_create_img(f.m_pFile, b16 ? USHORT_IMG : BYTE_IMG, Channels(p) == 3 ? 3 : 2, axes, &f.m_iStatus);
-
+    kovtools::FitsFile f(path, p.iWidth, p.iHeight, Channels(p), p.type == IMG_RAW16);
     f.Key("INSTRUME", p.sCamera, "camera model");
     f.Key("IMAGETYP", p.sImageType, "kind of image");
     f.Key("EXPTIME", p.dExposure, 6, "[s] exposure");
@@ -141,18 +90,16 @@ void WriteFits(const std::string& path, const Picture& p)
     f.Key("DATE-END", UtcNow(p.end), "[UTC] end of exposure");
     f.Key("SWCREATE", std::string("kovcam " KOV_VERSION), "program that wrote this file");
 
-    const auto n = static_cast<LONGLONG>(Pixels(p));
     if (Channels(p) == 3) {
         std::vector<uint8_t> plane(Pixels(p));
-        for (int c = 0; c < 3; ++c) {  // the library delivers blue, green, red
+        for (size_t c = 0; c < 3; ++c) {  // the library delivers blue, green, red
             for (size_t i = 0; i < plane.size(); ++i)
-                plane[i] = p.data[3 * i + static_cast<size_t>(2 - c)];
-            fits_write_img(f.m_pFile, TBYTE, c * n + 1, n, plane.data(), &f.m_iStatus);
+                plane[i] = p.data[3 * i + 2 - c];
+            f.Plane(plane.data());
         }
     } else {
-        fits_write_img(f.m_pFile, b16 ? TUSHORT : TBYTE, 1, n, const_cast<uint8_t*>(p.data.data()), &f.m_iStatus);
+        f.Plane(p.data.data());
     }
-    f.Test();
     f.Close();
 }
 
@@ -185,32 +132,14 @@ void WritePng(const std::string& path, const Picture& p, Stretch stretch)
         shown.swap(rgb);
     }
 
-    const std::unique_ptr<FILE, int (*)(FILE*)> file(std::fopen(path.c_str(), "wb"), &std::fclose);
-    if (file == nullptr)
-        throw UserError(fmt::format("cannot write {}: {}", path, std::strerror(errno)));
-    png_structp png = png_create_write_struct(PNG_LIBPNG_VER_STRING, nullptr, nullptr, nullptr);
-    png_infop info = png_create_info_struct(png);
-    if (setjmp(png_jmpbuf(png))) {
-        png_destroy_write_struct(&png, &info);
-        throw UserError(fmt::format("cannot write {}: is the disk full?", path));
-    }
-    png_init_io(png, file.get());
-    png_set_compression_level(png, 3);
-    png_set_IHDR(png, info, static_cast<png_uint_32>(p.iWidth), static_cast<png_uint_32>(p.iHeight), 8,
-                 bRgb ? PNG_COLOR_TYPE_RGB : PNG_COLOR_TYPE_GRAY, PNG_INTERLACE_NONE, PNG_COMPRESSION_TYPE_DEFAULT,
-                 PNG_FILTER_TYPE_DEFAULT);
-    png_write_info(png, info);
     if (bRgb)
-        png_set_bgr(png);
-    const size_t pitch = static_cast<size_t>(p.iWidth) * (bRgb ? 3 : 1);
-    for (int y = 0; y < p.iHeight; ++y)
-        png_write_row(png, shown.data() + pitch * static_cast<size_t>(y));
-    png_write_end(png, nullptr);
-    png_destroy_write_struct(&png, &info);
+        for (size_t i = 0; i < shown.size(); i += 3)
+            std::swap(shown[i], shown[i + 2]);
+    kovtools::WritePngFile(path, p.iWidth, p.iHeight, bRgb ? 3 : 1, shown.data());
 }
 
 SerWriter::SerWriter(const std::string& path, const Picture& first)
-    : m_File(path, std::ios::binary | std::ios::trunc), m_sPath(path), m_Shape(first)
+    : m_File(std::filesystem::path(path), std::ios::binary | std::ios::trunc), m_sPath(path), m_Shape(first)
 {
     m_Shape.data.clear();
     Header(0);

@@ -1,8 +1,10 @@
 // kovcam: the cameras from the command line.
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <cstdio>
 
+#include "common/Host.h"
 #include "kovcam/Camera.h"
 #include "kovcam/Commands.h"
 
@@ -24,7 +26,9 @@ int main(int argc, char** argv)
     kovcam::AddDoctorCommand(app, g);
     kovcam::CatchInterrupts();
     try {
-        app.parse(argc, argv);
+        std::vector<std::string> arguments = kovtools::Arguments(argc, argv);
+        std::reverse(arguments.begin(), arguments.end());  // as the parser takes them
+        app.parse(std::move(arguments));
     } catch (const CLI::ParseError& e) {
         return app.exit(e) == 0 ? 0 : 2;
     } catch (const kovcam::UserError& e) {

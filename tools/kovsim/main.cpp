@@ -1,17 +1,15 @@
 // kovsim: runs any program that uses the library with virtual cameras instead of real ones.
 #include <fmt/format.h>
-#include <unistd.h>
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
-#include <cerrno>
 #include <cstdio>
-#include <cstdlib>
-#include <cstring>
 #include <filesystem>
 #include <numeric>
+#include <stdexcept>
 #include <vector>
 
+#include "common/Host.h"
 #include "virtual/SimOptions.h"
 
 namespace fs = std::filesystem;
@@ -73,15 +71,15 @@ void CheckModels(const std::string& list)
 fs::path FindPlugin()
 {
     std::error_code ec;
-    const fs::path here = fs::read_symlink("/proc/self/exe", ec).parent_path();
+    const fs::path here = kovtools::ProgramFolder();
     std::string looked;
     for (const char* dir : { ".", "../virtual", "../" KOV_LIBDIR, "../lib" }) {
-        const fs::path p = fs::weakly_canonical(here / dir / "libkovsim.so", ec);
+        const fs::path p = fs::weakly_canonical(here / dir / kovtools::PLUGIN_FILE, ec);
         if (fs::exists(p, ec))
             return p;
         looked += "\n  " + p.string();
     }
-    throw std::runtime_error("libkovsim.so is missing. Looked for:" + looked + "\nInstall it with './dev install'.");
+    throw std::runtime_error(fmt::format("{} is missing. Looked for:{}\nInstall it with './dev install'.", kovtools::PLUGIN_FILE, looked));
 }
 
 struct RunOptions {
@@ -111,26 +109,7 @@ int Run(const RunOptions& o)
     std::string error;
     if (!kovsim::ParseSimOptions(text, &parsed, &error))
         throw std::runtime_error(error.substr(0, error.find('\n')));
-    std::string preload = FindPlugin().string();
-    if (const char* szOthers = std::getenv("LD_PRELOAD"); szOthers != nullptr && *szOthers != 0)
-        preload += std::string(":") + szOthers;
-    setenv("KOVSIM", text.c_str(), 1);
-    setenv("LD_PRELOAD", preload.c_str(), 1);
-    std::vector<char*> argv;
-    for (const std::string& a : o.program)
-        argv.push_back(const_cast<char*>(a.c_str()));
-    argv.push_back(nullptr);
-    // kovcam stands beside kovsim in the build tree and after an installation, on the path or not.
-    if (o.program[0] == "kovcam") {
-        std::error_code ec;
-        const fs::path beside = fs::read_symlink("/proc/self/exe", ec).parent_path() / "kovcam";
-        if (fs::exists(beside, ec))
-            execv(beside.c_str(), argv.data());
-    }
-    execvp(argv[0], argv.data());
-    const int iErr = errno;
-    fmt::print(stderr, "kovsim: cannot run {}: {}\n", o.program[0], std::strerror(iErr));
-    return iErr == ENOENT ? 127 : 126;
+    return kovtools::RunWithPlugin(o.program, FindPlugin(), text);
 }
 
 void PrintModels(bool bJson)
@@ -203,10 +182,16 @@ int main(int argc, char** argv)
     auto pJson = std::make_shared<bool>(false);
     pModels->add_flag("--json", *pJson, "Output for scripts");
     pModels->callback([pJson] { PrintModels(*pJson); });
-    app.add_subcommand("scenes", "The scenes that they can look at")->callback([] { fmt::print("{}", SCENES); });
+    app.add_subcommand("scenes", "The scenes that they can look at")->callback([] {
+        fmt::print("{}", SCENES);
+        if (!kovtools::READS_PICTURES)
+            fmt::print("This build cannot read pictures: it knows no PNG library for this system.\n");
+    });
 
     try {
-        app.parse(argc, argv);
+        std::vector<std::string> arguments = kovtools::Arguments(argc, argv);
+        std::reverse(arguments.begin(), arguments.end());  // as the parser takes them
+        app.parse(std::move(arguments));
     } catch (const CLI::ParseError& e) {
         return app.exit(e) == 0 ? 0 : 2;
     } catch (const std::exception& e) {
