@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "capture/Capture.h"
+#include "imaging/Bayer.h"
 #include "imaging/Gamma.h"
 #include "sensors/ModelTraits.h"
 
@@ -273,9 +274,7 @@ bool DeliverImage(CCameraBase& cam, IModel& model, uint8_t* pBuffer, int iLength
         if (!t.bColor || cam.m_bRawOutput) {
             std::memcpy(pBuffer, p, dwCopy);
         } else {
-            uint8_t* const pRGB = g.bin == 1 || g.softBin != g.bin ? cam.m_pRGBBuf : cam.m_pQuarterBuf;
-            cam.Bayer2RGB24(p, pRGB, g.w, h);
-            alg.RGB2Y8(pRGB, pBuffer, g.w, h);
+            imaging::Bayer2Y8(cam, p, pBuffer, g.w, h);
         }
         break;
     case IMAGE_RGB24:

@@ -268,7 +268,7 @@ public:
     Shared<uint32_t> m_iDroppedFrames;
     uint8_t* m_pImgBuf = nullptr;      // 2 bytes a sensor pixel
     uint8_t* m_pRGBBuf = nullptr;      // 3 bytes a sensor pixel
-    uint8_t* m_pQuarterBuf = nullptr;
+    uint8_t* m_pQuarterBuf = nullptr;  // 3/4 of a byte; nothing of the library needs it
     std::unique_ptr<FrameExchange> m_pFrameExchange;
     uint8_t *m_pAuxBuf1 = nullptr, *m_pAuxBuf2 = nullptr;  // frames that USB transfers fill
     int32_t m_iFPSPercUSB3 = 0;
