@@ -35,11 +35,14 @@ public:
     Canvas(uint8_t* image, int width, int height, int bytesPerPixel)
         : m_image(image), m_width(width), m_height(height), m_bytes(bytesPerPixel) {}
 
-    uint8_t* Pixel(int x, int y) const  // nullptr outside
+    // QUIRK: rows follow each other without a gap, so on an image narrower than 200 columns the mark begins in the row
+    // above. nullptr outside the image.
+    uint8_t* Pixel(int x, int y) const
     {
-        if (x < 0 || x >= m_width || y < 0 || y >= m_height)
+        const ptrdiff_t at = static_cast<ptrdiff_t>(y) * m_width + x;
+        if (at < 0 || at >= static_cast<ptrdiff_t>(m_width) * m_height)
             return nullptr;
-        return m_image + (static_cast<ptrdiff_t>(y) * m_width + x) * m_bytes;
+        return m_image + at * m_bytes;
     }
 
     int Background() const
