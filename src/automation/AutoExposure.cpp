@@ -63,6 +63,7 @@ struct Step {
     CCameraBase& cam;
     int B;                 // measured
     int T = cam.m_iDestBrightness;
+    // QUIRK: a range below 100 (Agate and Dunite: 1 to 100) gives a small step of 0: automatic gain never comes down.
     int iRange = cam.m_iGainMax - cam.m_iGainMin;
     int iSmall = iRange / 100;
     int iLarge = 2 * iRange / 100;
@@ -71,7 +72,8 @@ struct Step {
     bool TooDark() const { return B < SubWrap(T, Percent(15)); }
     bool TooBright() const { return B > AddWrap(T, Percent(15)); }
 
-    // One sensor line is a large step of a very short exposure, so its band is wider.
+    // One sensor line is a large step of a very short exposure, so its band is wider. QUIRK: Beryl counts no lines, which
+    // reads as 0: its exposure is left alone within 45 % of the target, however long it is.
     bool LineHold() const
     {
         const auto within = [this](int p) { return B > SubWrap(T, Percent(p)) && B < AddWrap(T, Percent(p)); };
