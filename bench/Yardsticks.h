@@ -27,5 +27,6 @@ inline void Register(const std::string& operation, const std::string& by, Size s
 }
 
 void RegisterPixelBenchmarks();
+void RegisterCameraBenchmarks();
 
 }  // namespace bench

@@ -1,0 +1,415 @@
+// Whole cameras: what GetImage costs a host, what the capture loop costs while frames pour in, and what opening a camera
+// adds to the waits that its bring-up asks for.
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <map>
+#include <memory>
+#include <random>
+#include <vector>
+
+#include "KOVCamera2.h"
+#include "bench/Yardsticks.h"
+#include "capture/Capture.h"
+#include "platform/UsbAdapter.h"
+#include "sensors/ModelTraits.h"
+#include "tests/support/RecordingStack.h"
+#include "usb/CUsbLink.h"
+#include "virtual/VirtualBus.h"
+
+#ifdef KOV_BENCH_OPENCV
+#include <opencv2/core.hpp>
+#include <opencv2/imgproc.hpp>
+#endif
+
+// Every sleep of the library, told by the linker (--wrap): what the bring-up of a camera asked for.
+static std::atomic<uint64_t> g_uToldMs{ 0 };
+extern "C" void __real__ZN8platform7SleepMsEj(uint32_t ms);
+extern "C" void __wrap__ZN8platform7SleepMsEj(uint32_t ms)
+{
+    g_uToldMs += ms;
+    __real__ZN8platform7SleepMsEj(ms);
+}
+
+namespace bench {
+
+namespace {
+
+double Seconds(clockid_t clock)
+{
+    timespec t{};
+    clock_gettime(clock, &t);
+    return static_cast<double>(t.tv_sec) + 1e-9 * static_cast<double>(t.tv_nsec);
+}
+
+// A colour camera without its sensor.
+class BenchCamera final : public CCameraBase, public IModel {
+public:
+    explicit BenchCamera(Size s) : CCameraBase(s.w, s.h), m_Traits(MakeTraits()), m_Session(*this, *this)
+    {
+        m_bIsColor = true;
+        m_ColorBayer = m_Traits.bayer;
+        m_iGamma = 50;
+        m_lExposure = 1000;
+        m_iFrameTime = 500;
+        m_iCMOSClk = 48;
+        m_iHMAX = 1650;
+        m_iFPSPerc = 80;
+        m_iWidth = s.w;
+        m_iHeight = s.h;
+        m_iBin = 1;
+    }
+    ~BenchCamera() override { StopCapture(); }
+
+    bool OpenCamera(int) override { return false; }
+    bool InitCamera() override { return true; }
+    bool CloseCamera() override { return true; }
+    bool SetResolution(int, int, int, IMAGE_TYPE) override { return true; }
+    bool SetStartPos(int, int) override { return true; }
+    bool SetGain(int, bool) override { return true; }
+    void SetRGBBalance(int, int, bool) override {}
+    bool SetExp(uint64_t, bool) override { return true; }
+    bool GetImage(uint8_t* p, int n, uint32_t ms) override { return DeliverImage(*this, *this, p, n, ms); }
+    bool StartCapture(bool snap) override
+    {
+        m_bSnapMode = snap;
+        m_bCapturing = true;
+        return m_Session.Start();
+    }
+    bool StopCapture() override
+    {
+        m_bCapturing = false;
+        return m_Session.Wait(platform::WAIT_FOREVER) == platform::WAIT_SIGNALLED;
+    }
+    const ModelTraits& Traits() const override { return m_Traits; }
+    int32_t GetRealImageSize() override { return m_iWidth * m_iHeight * (m_bOutput16Bits ? 2 : 1); }
+    bool SetOutput16Bits(bool) override { return true; }
+
+private:
+    static ModelTraits MakeTraits()
+    {
+        ModelTraits t{};
+        t.family = Family::Quartz;
+        t.bColor = true;
+        t.szClass = "Bench";
+        return t;
+    }
+    const ModelTraits m_Traits;
+    CaptureSession m_Session;
+};
+
+// --- GetImage -------------------------------------------------------------------------------------------------------
+
+struct Rig {
+    explicit Rig(Size s) : size(s), pixels(static_cast<size_t>(s.w) * static_cast<size_t>(s.h)), cam(s), raw(2 * pixels),
+          slot(2 * pixels), work(2 * pixels), out(3 * pixels), between(2 * pixels), lut(256)
+    {
+        std::mt19937 random(1);
+        for (uint8_t& v : raw)
+            v = static_cast<uint8_t>(random());
+        for (size_t i = 0; i < 256; ++i)
+            lut[i] = static_cast<uint8_t>(255 - i);
+        // The camera's buffers come untouched from the system: the first frames would pay for their pages.
+        cam.m_ImgType = IMAGE_16BIT;
+        cam.m_bOutput16Bits = true;
+        for (int i = 0; i < 4; ++i) {
+            cam.m_pFrameExchange->Insert(raw.data(), static_cast<int32_t>(raw.size()));
+            cam.GetImage(out.data(), static_cast<int>(out.size()), 1000);
+        }
+    }
+    Size size;
+    size_t pixels;
+    BenchCamera cam;
+    std::vector<uint8_t> raw, slot, work, out, between, lut;
+};
+
+struct Delivery {
+    const char* name;
+    IMAGE_TYPE type;
+    bool bRaw;
+    size_t bytesIn, bytesOut;  // a pixel
+};
+constexpr Delivery g_Deliveries[] = {
+    { "RAW8", IMAGE_8BIT, true, 1, 1 },
+    { "RGB24", IMAGE_RGB24, false, 1, 3 },
+    { "Y8", IMAGE_8BIT, false, 1, 1 },
+    { "RAW16", IMAGE_16BIT, true, 2, 2 },
+};
+
+// A frame goes through two copies before any pixel is touched (into the exchange and out of it), and a raw one through
+// a third, to the host: these are what the design asks for.
+void RegisterGetImage(const std::shared_ptr<Rig>& r, const Delivery& d, bool bWorked)
+{
+    const Size s = r->size;
+    const std::string op = std::string("GetImage ") + d.name + (bWorked ? ", gamma, both flips" : "");
+    const size_t in = d.bytesIn * r->pixels, out = d.bytesOut * r->pixels;
+    const bool bColour = d.type == IMAGE_RGB24, bY8 = !bColour && !d.bRaw;
+
+    Register(op, "kov", s, [=] {
+        BenchCamera& cam = r->cam;
+        cam.m_ImgType = d.type;
+        cam.m_bRawOutput = d.bRaw;
+        cam.m_bOutput16Bits = d.bytesIn == 2;
+        cam.m_bFlipRow = cam.m_bFlipColumn = bWorked;
+        if (cam.m_iGamma != (bWorked ? 30 : 50))
+            cam.SetGamma(bWorked ? 30 : 50);
+        cam.m_pFrameExchange->Insert(r->raw.data(), static_cast<int32_t>(in));
+        if (!cam.GetImage(r->out.data(), static_cast<int>(out), 1000))
+            std::abort();
+    });
+    const auto copies = [=] {
+        std::memcpy(r->slot.data(), r->raw.data(), in);
+        std::memcpy(r->work.data(), r->slot.data(), in);
+    };
+    if (!bColour && !bY8)
+        Register(op, "bare copies", s, [=] {
+            copies();
+            std::memcpy(r->out.data(), r->work.data(), out);
+        });
+    else
+        Register(op, "bare copies", s, copies);
+#ifdef KOV_BENCH_OPENCV
+    if (d.bRaw && (!bWorked || d.bytesIn == 2))  // OpenCV has no table of 65536 entries
+        return;
+    Register(op, "copies and OpenCV chain", s, [=] {
+        copies();
+        cv::Mat src(s.h, s.w, CV_8UC1, r->work.data());
+        if (bWorked) {
+            cv::Mat mapped(s.h, s.w, CV_8UC1, r->between.data());
+            cv::Mat turned(s.h, s.w, CV_8UC1, bColour || bY8 ? r->between.data() + r->pixels : r->out.data());
+            cv::LUT(src, cv::Mat(1, 256, CV_8UC1, r->lut.data()), mapped);
+            cv::flip(mapped, turned, -1);
+            src = turned;
+        }
+        if (bColour || bY8) {
+            cv::Mat dst(s.h, s.w, bColour ? CV_8UC3 : CV_8UC1, r->out.data());
+            cv::demosaicing(src, dst, bColour ? cv::COLOR_BayerBG2BGR : cv::COLOR_BayerBG2GRAY);
+        }
+    });
+#endif
+}
+
+// --- capture loop ---------------------------------------------------------------------------------------------------
+
+// One frame, again and again, into whatever request comes; as fast as memory goes.
+struct Torrent {
+    explicit Torrent(Size s) : frame(static_cast<size_t>(s.w) * static_cast<size_t>(s.h), 100), dev(stack.Add(0xFFFF))
+    {
+        const auto put16 = [this](size_t at, unsigned w) {
+            frame[at] = static_cast<uint8_t>(w);
+            frame[at + 1] = static_cast<uint8_t>(w >> 8);
+        };
+        put16(0, 0x5A7E);
+        put16(frame.size() - 2, 0x3CF0);
+        put16(2, 7);
+        put16(frame.size() - 4, 7);
+        dev.OnBulk = [this](uint8_t* p, uint32_t n) {
+            if (at == 0 && !bOn)
+                return int64_t{ -1 };
+            const size_t got = std::min<size_t>(n, frame.size() - at);
+            std::memcpy(p, frame.data() + at, got);
+            at = at + got == frame.size() ? 0 : at + got;
+            frames += at == 0;
+            return static_cast<int64_t>(got);
+        };
+        platform::SetUsbStack(&stack);
+    }
+    ~Torrent() { platform::SetUsbStack(nullptr); }
+    std::vector<uint8_t> frame;
+    std::atomic<bool> bOn{ true };
+    size_t at = 0;
+    std::atomic<uint64_t> frames{ 0 };
+    RecordingStack stack;
+    FakeUsbDevice& dev;
+};
+
+// CPU seconds a byte that a copy takes here and now. From one buffer to the next, as a frame goes: none is found in a
+// cache that is smaller than the library's buffers are together.
+class CopyCost {
+public:
+    explicit CopyCost(size_t bytes) : m_buffers(6, std::vector<uint8_t>(bytes, 1)) {}
+    double Measure()
+    {
+        const size_t n = m_buffers.size(), bytes = m_buffers[0].size();
+        size_t done = 0;
+        const double start = Seconds(CLOCK_THREAD_CPUTIME_ID);
+        for (; done < (size_t{ 512 } << 20); done += bytes) {
+            std::memcpy(m_buffers[(m_at + 1) % n].data(), m_buffers[m_at].data(), bytes);
+            benchmark::ClobberMemory();
+            m_at = (m_at + 1) % n;
+        }
+        return (Seconds(CLOCK_THREAD_CPUTIME_ID) - start) / static_cast<double>(done);
+    }
+
+private:
+    std::vector<std::vector<uint8_t>> m_buffers;
+    size_t m_at = 0;
+};
+
+// The time of one iteration is the CPU time of one frame that the source has sent, of all threads.
+void RegisterCaptureLoop(Size s)
+{
+    const auto copies = std::make_shared<double>(0);  // seconds of bare copies a frame, from the library's own run
+    const std::string size = "/" + std::to_string(s.w) + "x" + std::to_string(s.h);
+    benchmark::RegisterBenchmark(("capture loop/kov" + size).c_str(), [=](benchmark::State& state) {
+        Torrent source(s);
+        BenchCamera cam(s);
+        cam.ReplaceLink(new CUsbLink(nullptr, cam.m_guid, true));
+        cam.m_bOpen = true;
+        cam.m_bRawOutput = true;
+        cam.m_ImgType = IMAGE_8BIT;
+        std::vector<uint8_t> out(source.frame.size());
+        const double size_ = static_cast<double>(out.size());
+        for (auto _ : state) {
+            CopyCost copy(out.size());
+            const double costBefore = copy.Measure();
+            cam.StartCapture(false);
+            uint64_t read = 0;
+            const double limit = Seconds(CLOCK_MONOTONIC) + 10;
+            while (read < 8 && Seconds(CLOCK_MONOTONIC) < limit)  // all pages have been touched then
+                read += cam.GetImage(out.data(), static_cast<int>(out.size()), 100) ? 1 : 0;
+            const double cpu = Seconds(CLOCK_PROCESS_CPUTIME_ID), wall = Seconds(CLOCK_MONOTONIC);
+            const uint64_t first = source.frames;
+            const double droppedBefore = cam.m_iDroppedFrames;
+            read = 0;
+            while (Seconds(CLOCK_MONOTONIC) - wall < 2.0)
+                read += cam.GetImage(out.data(), static_cast<int>(out.size()), 100) ? 1 : 0;
+            const double sent = static_cast<double>(source.frames - first);
+            const double dropped = cam.m_iDroppedFrames - droppedBefore, seconds = Seconds(CLOCK_MONOTONIC) - wall;
+            source.bOn = false;
+            cam.StopCapture();
+            source.bOn = true;
+            const double used = Seconds(CLOCK_PROCESS_CPUTIME_ID) - cpu;
+            const double cost = (costBefore + copy.Measure()) / 2;
+            // Into the request, into the exchange unless it is full, and for each frame read out of it and to the host.
+            const double copied = (sent + (sent - dropped) + 2 * static_cast<double>(read)) * size_;
+            state.SetIterationTime(used / sent);
+            *copies = copied * cost / sent;
+            const double megabytes = sent * size_ / 1e6;
+            state.counters["MB/s"] = megabytes / seconds;
+            state.counters["CPU_ms/MB"] = used / megabytes * 1e3;
+            state.counters["memcpy_ms/MB"] = cost * 1e9;
+            state.counters["copies/frame"] = copied / size_ / sent;
+            // What is left of a core's share when the copies are taken off, for a camera of 390 MB a second.
+            state.counters["cores_at_390MB/s_beyond_copies"] = (used - copied * cost) / megabytes * 390;
+            state.counters["unread"] = dropped;
+        }
+        cam.ReplaceLink(nullptr);
+    })->Unit(benchmark::kMillisecond)->UseManualTime()->Iterations(1);
+    benchmark::RegisterBenchmark(("capture loop/its copies" + size).c_str(), [=](benchmark::State& state) {
+        for (auto _ : state)
+            state.SetIterationTime(*copies);
+    })->Unit(benchmark::kMillisecond)->UseManualTime()->Iterations(1);
+}
+
+// --- KOVOpenCamera --------------------------------------------------------------------------------------------------
+
+// Passes everything on to the bus and adds up how long the control requests take there.
+class TimedStack final : public usbstack::IStack {
+public:
+    explicit TimedStack(usbstack::IStack& bus) : m_Bus(bus) {}
+    std::vector<usbstack::DeviceInfo> Enumerate() override { return m_Bus.Enumerate(); }
+    usbstack::IDevice* Open(const std::string& sPath, usbstack::Status* pStatus) override
+    {
+        usbstack::IDevice* const p = m_Bus.Open(sPath, pStatus);
+        return p ? new Device(*this, p) : nullptr;
+    }
+    double dWall = 0, dCpu = 0;  // seconds in transfers
+
+private:
+    class Device final : public usbstack::IDevice {
+    public:
+        Device(TimedStack& stack, usbstack::IDevice* p) : m_Stack(stack), m_p(p) {}
+        usbstack::Status Control(uint8_t type, uint8_t request, uint16_t value, uint16_t index, uint8_t* p, uint16_t n,
+                                 uint32_t ms, uint32_t* moved) override
+        {
+            const double wall = Seconds(CLOCK_MONOTONIC), cpu = Seconds(CLOCK_THREAD_CPUTIME_ID);
+            const auto status = m_p->Control(type, request, value, index, p, n, ms, moved);
+            m_Stack.dWall += Seconds(CLOCK_MONOTONIC) - wall;
+            m_Stack.dCpu += Seconds(CLOCK_THREAD_CPUTIME_ID) - cpu;
+            return status;
+        }
+        usbstack::Status SubmitBulk(usbstack::BulkRequest* r) override { return m_p->SubmitBulk(r); }
+        void Abort(uint8_t ep) override { m_p->Abort(ep); }
+        usbstack::Status ResetPipe(uint8_t ep) override { return m_p->ResetPipe(ep); }
+        void SetTransferSize(uint8_t ep, uint32_t n) override { m_p->SetTransferSize(ep, n); }
+        usbstack::Status ResetPort() override { return m_p->ResetPort(); }
+        usbstack::Status CyclePort() override { return m_p->CyclePort(); }
+        usbstack::Speed GetSpeed() override { return m_p->GetSpeed(); }
+        uint8_t GetAddress() override { return m_p->GetAddress(); }
+        int GetAltSetting() override { return m_p->GetAltSetting(); }
+
+    private:
+        TimedStack& m_Stack;
+        const std::unique_ptr<usbstack::IDevice> m_p;
+    };
+    usbstack::IStack& m_Bus;
+};
+
+// Beside the time stands what of it is the library's own: CPU time of the calling thread outside of transfers, which
+// tells the same on a busy machine.
+void RegisterOpen(uint16_t wProductId, const std::string& token)
+{
+    const auto told = std::make_shared<double>(0);
+    benchmark::RegisterBenchmark(("open camera/kov/" + token).c_str(), [=](benchmark::State& state) {
+        // The settings of a user stay out of it.
+        char folder[] = "/tmp/kovbench-XXXXXX";
+        if (mkdtemp(folder) == nullptr)
+            std::abort();
+        setenv("XDG_CONFIG_HOME", folder, 1);
+        kovsim::VirtualBus bus;
+        TimedStack stack(bus);
+        platform::SetUsbStack(&stack);
+        kovsim::CameraSettings settings;
+        settings.wProductId = wProductId;
+        settings.scene = kovsim::Scene::Dark();
+        bus.Plug(settings);
+        for (auto _ : state) {
+            if (KOVGetNumOfConnectedCameras() != 1)
+                std::abort();
+            const uint64_t uBefore = g_uToldMs;
+            stack.dWall = stack.dCpu = 0;
+            const double start = Seconds(CLOCK_MONOTONIC), cpu = Seconds(CLOCK_THREAD_CPUTIME_ID);
+            if (KOVOpenCamera(0) != KOV_SUCCESS)
+                std::abort();
+            const double took = Seconds(CLOCK_MONOTONIC) - start;
+            const double own = Seconds(CLOCK_THREAD_CPUTIME_ID) - cpu - stack.dCpu;
+            const double sleeps = static_cast<double>(g_uToldMs - uBefore) / 1e3;
+            *told = sleeps + stack.dWall;
+            state.SetIterationTime(took);
+            state.counters["sleeps_ms"] = sleeps * 1e3;
+            state.counters["transfers_ms"] = stack.dWall * 1e3;
+            state.counters["own_CPU_ms"] = own * 1e3;
+            state.counters["own_%"] = own / *told * 100;
+        }
+        KOVCloseCamera(0);
+        platform::SetUsbStack(nullptr);
+        [[maybe_unused]] const int r = std::system((std::string("rm -rf ") + folder).c_str());
+    })->Unit(benchmark::kMillisecond)->UseManualTime()->Iterations(1);
+    benchmark::RegisterBenchmark(("open camera/its sleeps and transfers/" + token).c_str(), [=](benchmark::State& state) {
+        for (auto _ : state)
+            state.SetIterationTime(*told);
+    })->Unit(benchmark::kMillisecond)->UseManualTime()->Iterations(1);
+}
+
+}  // namespace
+
+void RegisterCameraBenchmarks()
+{
+    for (const Size s : g_Sizes) {
+        const auto rig = std::make_shared<Rig>(s);
+        for (const Delivery& d : g_Deliveries)
+            for (const bool bWorked : { false, true })
+                RegisterGetImage(rig, d, bWorked);
+    }
+    for (const Size s : g_Sizes)
+        RegisterCaptureLoop(s);
+    RegisterOpen(0xC11A, "QuartzCol");
+    RegisterOpen(0xC0B0, "KyaniteCol");
+    RegisterOpen(0xC0CA, "LapisCol");
+    RegisterOpen(0xC02A, "BerylCol");
+    RegisterOpen(0xC07A, "GarnetMono");
+    RegisterOpen(0xC03A, "CobaltCol");
+}
+
+}  // namespace bench
