@@ -102,6 +102,9 @@ private:
 
 // A message box without owner window where the platform has one, a line on standard error elsewhere.
 void ShowMessage(const char* szText, const char* szTitle);
+// Tests only: takes the messages instead, on the thread that shows them. nullptr brings the default back.
+void SetMessageSink(void (*pSink)(const char* szText, const char* szTitle));
+void ShowNativeMessage(const char* szText, const char* szTitle);
 
 // --- files ----------------------------------------------------------------------------------------------------------
 

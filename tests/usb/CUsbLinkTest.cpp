@@ -146,19 +146,18 @@ TEST(CUsbLink, OpenFailures)
     // A broken one shows a message and closes.
     dev.configDescriptor = config;
     dev.configDescriptor[9] = 0;
-    testing::internal::CaptureStderr();
+    static std::string s_sMessage;
+    platform::SetMessageSink([](const char* szText, const char* szTitle) { s_sMessage = std::string(szTitle) + ": " + szText; });
     EXPECT_FALSE(link.Open(0));
-    EXPECT_NE(testing::internal::GetCapturedStderr().find("Please correct firmware descriptor table"), std::string::npos);
+    EXPECT_EQ(s_sMessage, "Wrong Device Configuration: Please correct firmware descriptor table");
     EXPECT_FALSE(link.IsOpen());
 
     dev.configDescriptor = config;
     const auto bos = dev.bosDescriptor;
     dev.bosDescriptor[5] = 0;
-    testing::internal::CaptureStderr();
     EXPECT_FALSE(link.Open(0));
-    const std::string sMessage = testing::internal::GetCapturedStderr();
-    EXPECT_NE(sMessage.find("Please correct firmware BOS descriptor table"), std::string::npos);
-    EXPECT_NE(sMessage.find("Wrong BOS Descriptor"), std::string::npos);
+    EXPECT_EQ(s_sMessage, "Wrong BOS Descriptor: Please correct firmware BOS descriptor table");
+    platform::SetMessageSink(nullptr);
     EXPECT_FALSE(link.IsOpen());
 
     // An absent BOS is no fault.

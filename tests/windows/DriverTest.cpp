@@ -90,7 +90,6 @@ TEST_F(Driver, ErrorsOfOpeningAndOfAClosedFile)
     EXPECT_EQ(dwBytes, 0u);
     EXPECT_FALSE(driver.Close(0x7FF0));
     EXPECT_EQ(platform::LastError(), platform::ERROR_BAD_HANDLE);
-    EXPECT_FALSE(driver.UnregisterNotice(reinterpret_cast<void*>(0x7FF0)));
 }
 
 TEST_F(Driver, ARequestIsPendingThenDone)

@@ -265,7 +265,7 @@ uint32_t Thread::Wait(uint32_t ms)
 
 // --- messages -------------------------------------------------------------------------------------------------------
 
-void ShowMessage(const char* szText, const char* szTitle)
+void ShowNativeMessage(const char* szText, const char* szTitle)
 {
     std::fprintf(stderr, "%s: %s\n", szTitle, szText);
 }

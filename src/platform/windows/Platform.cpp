@@ -188,7 +188,7 @@ uint32_t Thread::Wait(uint32_t ms) { return m_p->thread ? WaitOn(m_p->thread, ms
 
 // --- messages -------------------------------------------------------------------------------------------------------
 
-void ShowMessage(const char* szText, const char* szTitle) { MessageBoxA(nullptr, szText, szTitle, MB_OK); }
+void ShowNativeMessage(const char* szText, const char* szTitle) { MessageBoxA(nullptr, szText, szTitle, MB_OK); }
 
 // --- files ----------------------------------------------------------------------------------------------------------
 
