@@ -2,16 +2,13 @@
 
 #include <algorithm>
 #include <atomic>
-#include <cstdlib>
 #include <cstring>
 #include <mutex>
 #include <new>
 
-namespace {
+#include "platform/Pages.h"
 
-struct Free {
-    void operator()(uint8_t* p) const { std::free(p); }
-};
+namespace {
 
 // Counts a thread inside for its life.
 class Inside {
@@ -32,7 +29,8 @@ struct FrameExchange::Impl {
     {
         // Fresh pages cost nothing until a frame lands in them, and hold no foreign bytes.
         for (auto& p : apSlots) {
-            p.reset(static_cast<uint8_t*>(std::calloc(std::max<size_t>(dwSlotBytes, 4), 1)));
+            const size_t bytes = std::max<size_t>(dwSlotBytes, 4);
+            p = platform::Pages<uint8_t>(static_cast<uint8_t*>(platform::AllocPages(bytes)), platform::PagesDeleter{ bytes });
             if (!p)
                 throw std::bad_alloc();
         }
@@ -43,7 +41,7 @@ struct FrameExchange::Impl {
     int32_t Held() const { return iCount.load(std::memory_order_acquire); }
 
     const uint32_t dwCapacity;
-    std::unique_ptr<uint8_t, Free> apSlots[2];
+    platform::Pages<uint8_t> apSlots[2];
     std::atomic<uint32_t> aHead[2] = {};  // first word of each slot, readable while the slot is being filled
     int32_t iWrite = 0;                   // producer's own
     std::atomic<int32_t> iRead{ 0 };

@@ -2,10 +2,10 @@
 #include "core/CCameraBase.h"
 
 #include <algorithm>
-#include <cstdlib>
 #include <cstring>
 #include <new>
 
+#include "platform/Pages.h"
 #include "platform/Platform.h"
 #include "thermal/ThermistorTable.h"
 #include "usb/CUsbLink.h"
@@ -23,25 +23,21 @@ constexpr uint8_t BAYER_INDEX[4][4] = {
     { 1, 2, 0, 1 },  // GB
 };
 
-struct Free {
-    void operator()(void* p) const { std::free(p); }
-};
-
 }  // namespace
 
 // Fresh pages of the system are zero and cost nothing until they are touched. 38 bytes a sensor pixel are asked for here, of
-// which a camera without dark frame and hot-pixel table never touches the greater part; so everything comes from calloc.
+// which a camera without dark frame and hot-pixel table never touches the greater part.
 struct CCameraBase::Buffers {
-    std::vector<std::unique_ptr<void, Free>> aOwned;
+    std::vector<platform::Pages<void>> aOwned;
     std::unique_ptr<std::atomic<uint16_t>[]> pGamma16 = std::make_unique<std::atomic<uint16_t>[]>(65536);
 
     template <class T>
     void Make(T** pp, size_t bytes)
     {
-        void* const p = std::calloc(bytes + BUFFER_PAD, 1);
+        void* const p = platform::AllocPages(bytes + BUFFER_PAD);
         if (!p)
             throw std::bad_alloc();
-        aOwned.emplace_back(p);
+        aOwned.emplace_back(p, platform::PagesDeleter{ bytes + BUFFER_PAD });
         *pp = static_cast<T*>(p);
     }
 };
