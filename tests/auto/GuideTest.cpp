@@ -1,0 +1,166 @@
+// Guide pins move the sky by what they should, the user ID outlives the power, the time mark stands in the picture.
+#include <ctime>
+
+#include "auto/AutoBench.h"
+
+namespace {
+
+class GuideTest : public AutoTest {
+protected:
+    struct Spot { double x = 0, y = 0; };
+    // Centre of the brightest star: mean place of what is over half of the maximum near it.
+    Spot Star() const
+    {
+        int bx = 0, by = 0;
+        for (int y = 4; y < m_iH - 4; ++y)
+            for (int x = 4; x < m_iW - 4; ++x)
+                if (At(x, y) > At(bx, by))
+                    bx = x, by = y;
+        double n = 0, sx = 0, sy = 0;
+        for (int y = std::max(0, by - 30); y < std::min(m_iH, by + 30); ++y)
+            for (int x = std::max(0, bx - 30); x < std::min(m_iW, bx + 30); ++x)
+                if (At(x, y) > At(bx, by) / 2)
+                    n += 1, sx += x, sy += y;
+        return { sx / n, sy / n };
+    }
+};
+
+TEST_F(GuideTest, PinsMoveTheSky)
+{
+    kovsim::CameraSettings s = Quiet(0xC11B);
+    kovsim::SkyView view;  // Alcyone in the middle, 0.77 arc seconds a pixel
+    view.dRa = 56.8711;
+    view.dDec = 24.1051;
+    view.dFocalMm = 1000;
+    s.scene = kovsim::Scene::Sky(view);
+    Open(s);
+    Region(800, 600);
+    Set(CTRL_GAIN, 0);
+    Set(CTRL_EXPOSURE, 300000);
+    const double dScale = 206.265 * 3.75 / view.dFocalMm;
+    ASSERT_TRUE(TakeSnap());
+    Spot last = Star();
+    ASSERT_NEAR(last.x, 400, 60);
+    ASSERT_NEAR(last.y, 300, 60);
+    double dLastX = m_pDevice->GuideX(), dLastY = m_pDevice->GuideY();
+    ASSERT_EQ(dLastX, 0);
+
+    // Up, down, right, left; each for 4 seconds and more: 30 arc seconds, 39 pixels.
+    const struct { KOV_GUIDE_DIRECTION pin; int x, y; } rows[] = { { KOV_GUIDE_0, 0, -1 }, { KOV_GUIDE_1, 0, 1 }, { KOV_GUIDE_2, 1, 0 }, { KOV_GUIDE_3, -1, 0 } };
+    for (const auto& r : rows) {
+        const uint32_t t0 = platform::Ticks();
+        if (r.pin % 2 == 0) {
+            ASSERT_EQ(KOVPulseGuideOn(0, r.pin), KOV_SUCCESS);
+            EXPECT_TRUE(m_pDevice->GuidePin(r.pin));
+            platform::SleepMs(4000);
+            ASSERT_EQ(KOVPulseGuideOff(0, r.pin), KOV_SUCCESS);
+        } else {
+            EXPECT_TRUE(m_pCam->pulseGuide(r.pin, 4000));
+        }
+        const double dMost = 7.5e-3 * (platform::Ticks() - t0);
+        for (int pin = 0; pin < 4; ++pin)
+            EXPECT_FALSE(m_pDevice->GuidePin(pin));
+        const double dX = m_pDevice->GuideX() - dLastX, dY = m_pDevice->GuideY() - dLastY;
+        EXPECT_GE(dX * r.x + dY * r.y, 29.8);
+        EXPECT_LE(dX * r.x + dY * r.y, dMost + 0.2);
+        EXPECT_EQ(r.x == 0 ? dX : dY, 0);
+        ASSERT_TRUE(TakeSnap());
+        const Spot now = Star();
+        EXPECT_NEAR(now.x - last.x, dX / dScale, 0.5) << "pin " << r.pin;
+        EXPECT_NEAR(now.y - last.y, dY / dScale, 0.5) << "pin " << r.pin;
+        last = now;
+        dLastX += dX;
+        dLastY += dY;
+    }
+    m_pDevice->ClearRequests();
+    EXPECT_EQ(KOVPulseGuideOn(0, static_cast<KOV_GUIDE_DIRECTION>(4)), KOV_SUCCESS);
+    EXPECT_TRUE(m_pDevice->Requests().empty());
+}
+
+TEST_F(GuideTest, UserIdOutlivesThePower)
+{
+    kovsim::CameraSettings s = Quiet(0xC0FA);
+    s.scene = kovsim::Scene::Dark();
+    Open(s);
+    KOV_ID id = { { 9, 9, 9, 9, 9, 9, 9, 9 } };
+    EXPECT_EQ(KOVGetID(0, &id), KOV_ERROR_GENERAL) << "a new camera has none";
+    EXPECT_EQ(id.id[0], 9);
+    // What stood in the sector has to be erased: a flash only clears bits.
+    m_pDevice->SetFlash(0x70000, Bytes(0x10000, 0));
+    const KOV_ID want = { { 'p', 'i', 'e', 'r', 0, 1, 2, 255 } };
+    ASSERT_EQ(KOVSetID(0, want), KOV_SUCCESS);
+    ASSERT_EQ(KOVCloseCamera(0), KOV_SUCCESS);
+    m_pDevice->PowerCycle();
+    ASSERT_EQ(KOVGetNumOfConnectedCameras(), 1);
+    ASSERT_EQ(KOVOpenCamera(0), KOV_SUCCESS);
+    ASSERT_EQ(KOVGetID(0, &id), KOV_SUCCESS);
+    EXPECT_EQ(std::memcmp(id.id, want.id, sizeof want.id), 0);
+    // The page holds the record and zeros, the rest of the sector is erased.
+    Bytes page = m_pDevice->Flash(0x70000, 512), expected(512, 0xFF);
+    std::fill_n(expected.begin(), 256, uint8_t{ 0 });
+    std::memcpy(expected.data(), "ID", 2);
+    std::memcpy(expected.data() + 2, want.id, 8);
+    EXPECT_EQ(page, expected);
+
+    m_pDevice->Inject({ kovsim::FaultKind::FlashEraseFails });
+    EXPECT_EQ(KOVSetID(0, want), KOV_ERROR_GENERAL);
+    EXPECT_EQ(KOVGetID(0, &id), KOV_SUCCESS) << "nothing was erased, nothing written";
+    const KOV_ID other = { { 1, 2, 3, 4, 5, 6, 7, 8 } };
+    m_pDevice->Inject({ kovsim::FaultKind::FlashWriteFails, 0, 0, 3 });
+    EXPECT_EQ(KOVSetID(0, other), KOV_ERROR_GENERAL);
+    EXPECT_EQ(KOVGetID(0, &id), KOV_ERROR_GENERAL) << "erased, and never written";
+    m_pDevice->Inject({ kovsim::FaultKind::FlashWriteFails, 0, 0, 2 });
+    EXPECT_EQ(KOVSetID(0, other), KOV_SUCCESS) << "the third try";
+    // The image path works again afterwards.
+    Region(320, 240);
+    Set(CTRL_EXPOSURE, 1000);
+    EXPECT_TRUE(TakeSnap());
+}
+
+TEST_F(GuideTest, TimeMark)
+{
+    kovsim::CameraSettings s = Quiet(0xC0FA);
+    s.scene = kovsim::Scene::Dark();
+    Open(s);
+    m_pCam->SetTimeMark(true);
+    for (const IMG_TYPE type : { IMG_RAW8, IMG_RGB24, IMG_RAW16 }) {
+        Region(640, 480, 1, type);
+        Set(CTRL_EXPOSURE, 1000);
+        char aDate[2][16];
+        const auto date = [](char* sz) {
+            const std::time_t t = std::time(nullptr);
+            std::strftime(sz, 16, "%Y%m%d", std::localtime(&t));
+        };
+        date(aDate[0]);
+        ASSERT_TRUE(TakeSnap());
+        date(aDate[1]);
+        const size_t bytes = m_Frame.size() / (640 * 480);
+        const auto bright = [&](int x, int y) { return m_Frame[static_cast<size_t>(y * 640 + x) * bytes + bytes - 1] == 180; };
+        int nInside = 0, nOutside = 0;
+        for (int y = 0; y < 480; ++y)
+            for (int x = 0; x < 640; ++x)
+                (y >= 7 && y < 23 && ((x >= 440 && x < 504) || (x >= 512 && x < 608)) ? nInside : nOutside) += bright(x, y);
+        EXPECT_EQ(nOutside, 0);
+        if (type == IMG_RAW16) {
+            EXPECT_EQ(nInside, 0);
+            continue;
+        }
+        EXPECT_GT(nInside, 400);
+        // Equal digits of the date look alike, others do not.
+        const auto glyph = [&](int left) {
+            std::string g;
+            for (int y = 7; y < 23; ++y)
+                for (int x = left; x < left + 8; ++x)
+                    g += bright(x, y) ? '#' : '.';
+            return g;
+        };
+        for (int i = 0; i < 8; ++i)
+            for (int j = 0; j < i; ++j)
+                if (std::strcmp(aDate[0], aDate[1]) == 0) {
+                    EXPECT_EQ(glyph(440 + 8 * i) == glyph(440 + 8 * j), aDate[0][i] == aDate[0][j]);
+                }
+        EXPECT_EQ(glyph(512 + 16), glyph(512 + 40)) << "colons";
+    }
+}
+
+}  // namespace
