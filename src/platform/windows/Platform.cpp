@@ -97,12 +97,15 @@ void SleepMs(uint32_t ms)
         Sleep(ms);
         return;
     }
-    // With the clock running fast most sleeps are shorter than the system's tick.
-    thread_local const Handle s_timer(CreateWaitableTimerW(nullptr, TRUE, nullptr));
-    LARGE_INTEGER due;
-    due.QuadPart = -LONGLONG(double(ms) / dRate * 10000.0 + 0.5);  // 100 ns, from now
-    if (s_timer && SetWaitableTimer(s_timer, &due, 0, nullptr, nullptr, FALSE))
-        WaitForSingleObject(s_timer, INFINITE);
+    // With the clock running fast most sleeps are shorter than the millisecond that Sleep counts in. The system's own call
+    // below it counts 100 ns; how fine it really is depends on the system's timer.
+    using Delay = LONG(__stdcall*)(BOOLEAN bAlertable, const LARGE_INTEGER* pTime);
+    static const auto s_delay = reinterpret_cast<Delay>(
+        reinterpret_cast<void*>(GetProcAddress(GetModuleHandleW(L"ntdll.dll"), "NtDelayExecution")));
+    LARGE_INTEGER time;
+    time.QuadPart = -LONGLONG(double(ms) / dRate * 10000.0 + 0.5);  // negative: from now
+    if (s_delay)
+        s_delay(FALSE, &time);
     else
         Sleep(RealMs(ms));
 }
