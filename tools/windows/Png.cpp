@@ -23,7 +23,8 @@ void Chunk(std::ofstream& file, const char* szType, const uint8_t* data, size_t 
     Put32(head, n);
     head.insert(head.end(), szType, szType + 4);
     uLong crc = crc32(0, head.data() + 4, 4);
-    crc = crc32(crc, data, static_cast<uInt>(n));
+    if (n != 0)  // without data the function starts anew
+        crc = crc32(crc, data, static_cast<uInt>(n));
     Put32(tail, crc);
     file.write(reinterpret_cast<const char*>(head.data()), 8);
     file.write(reinterpret_cast<const char*>(data), static_cast<std::streamsize>(n));
