@@ -260,7 +260,7 @@ protected:
         ASSERT_EQ(KOVStartVideoCapture(0), KOV_SUCCESS);
         std::vector<uint8_t> data(m_iBytes);
         for (int i = 0; i < 2; ++i)
-            EXPECT_EQ(KOVGetVideoData(0, data.data(), int32_t(data.size()), 20000), KOV_SUCCESS);
+            EXPECT_EQ(KOVGetVideoData(0, data.data(), int32_t(data.size()), 200000), KOV_SUCCESS);
         EXPECT_EQ(KOVStopVideoCapture(0), KOV_SUCCESS);
         EXPECT_EQ(KOVCloseCamera(0), KOV_SUCCESS);
     }

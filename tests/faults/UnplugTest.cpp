@@ -23,7 +23,7 @@ TEST_P(FormTest, UnpluggedDuringVideo)
     std::vector<uint8_t> data(m_iBytes);
     {
         const Limit limit("video of a camera that goes");
-        ASSERT_EQ(KOVGetVideoData(0, data.data(), int32_t(data.size()), 20000), KOV_SUCCESS);
+        ASSERT_EQ(KOVGetVideoData(0, data.data(), int32_t(data.size()), 200000), KOV_SUCCESS);
         m_pCam->Unplug();
         // What lies in the ring may still come; then nothing but time-outs, and the controls fail or do nothing.
         KOV_ERROR_CODE r = KOV_SUCCESS;
@@ -57,7 +57,7 @@ TEST_P(FormTest, VanishedForAMomentDuringVideo)
     ASSERT_EQ(KOVStartVideoCapture(0), KOV_SUCCESS);
     std::vector<uint8_t> data(m_iBytes);
     const Limit limit("video of a camera that goes and comes");
-    ASSERT_EQ(KOVGetVideoData(0, data.data(), int32_t(data.size()), 20000), KOV_SUCCESS);
+    ASSERT_EQ(KOVGetVideoData(0, data.data(), int32_t(data.size()), 200000), KOV_SUCCESS);
     // It comes back under another address: the open handle stays dead.
     Fault(FaultKind::Vanish, 500, 1);
     platform::SleepMs(3000);
@@ -133,7 +133,7 @@ TEST_P(FormTest, UnpluggedDuringStopAndClose)
             ASSERT_NO_FATAL_FAILURE(Open(W, H, US));
             ASSERT_EQ(KOVStartVideoCapture(0), KOV_SUCCESS);
             if (us % 1000 == 0)
-                KOVGetVideoData(0, data.data(), int32_t(data.size()), 20000);
+                KOVGetVideoData(0, data.data(), int32_t(data.size()), 200000);
             std::thread unplug([&] {
                 std::this_thread::sleep_for(std::chrono::microseconds(us));
                 m_pCam->Unplug();
