@@ -1,0 +1,46 @@
+#!/usr/bin/env bash
+# fuzz/run.sh [SECONDS] [NAME...]: fuzzes every parser of outside bytes, or the named ones, that many seconds each.
+# What was found interesting is kept in fuzz/corpus/NAME, an input that fails in build/fuzz/NAME-crash-*.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+seconds=${1:-60}
+[ $# -gt 0 ] && shift
+[[ $seconds =~ ^[0-9]+$ ]] || { echo "fuzz/run.sh: '$seconds' is no number of seconds" >&2; exit 2; }
+
+build=build/fuzz
+sanitizers=address,undefined
+launcher=()
+command -v ccache >/dev/null && launcher=(-DCMAKE_CXX_COMPILER_LAUNCHER=ccache)
+mkdir -p $build
+# The library with its branches counted; only the programs below bring the fuzzer's main. One instruction set of the
+# pixel kernels is enough: no parser is among them.
+cmake -S . -B $build -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_CXX_COMPILER=clang++ -DCMAKE_C_COMPILER=clang \
+    "${launcher[@]}" -DKOV_SANITIZE=fuzzer-no-link,$sanitizers -DCMAKE_CXX_FLAGS="-w -DHWY_COMPILE_ONLY_STATIC" \
+    -DKOV_BUILD_TOOLS=OFF -DKOV_BUILD_TESTS=OFF -DKOV_BUILD_BENCH=OFF >$build/configure.log 2>&1 ||
+    { cat $build/configure.log; exit 1; }
+cmake --build $build --target kovcore kovvirtual -- --quiet
+
+names=("$@")
+if [ ${#names[@]} -eq 0 ]; then
+    for source in fuzz/Fuzz*.cpp; do
+        names+=("$(basename "$source" .cpp)")
+    done
+fi
+read -ra libs <<<"$(pkg-config --libs libusb-1.0 sqlite3 libhwy libpng)"
+failed=()
+for name in "${names[@]}"; do
+    clang++ -std=c++20 -g -O1 -fsanitize=fuzzer,$sanitizers -fno-sanitize-recover=undefined -Iinclude -Isrc -I. \
+        "fuzz/$name.cpp" -o "$build/$name" $build/virtual/libkovvirtual.a $build/src/libkovcore.a "${libs[@]}" -lpthread -ldl
+    mkdir -p "fuzz/corpus/$name"
+    printf '%s: ' "$name"
+    # A hang counts as a failure too; leaks are looked for at the end.
+    if ! "$build/$name" "fuzz/corpus/$name" -max_total_time="$seconds" -timeout=10 -rss_limit_mb=2048 \
+        -artifact_prefix="$build/$name-" -print_final_stats=0 -verbosity=0 >"$build/$name.log" 2>&1; then
+        echo "FAILED, see $build/$name.log"
+        tail -n 25 "$build/$name.log"
+        failed+=("$name")
+    else
+        echo "nothing found, $(find "fuzz/corpus/$name" -type f | wc -l) inputs kept"
+    fi
+done
+[ ${#failed[@]} -eq 0 ] || { echo "failed: ${failed[*]}" >&2; exit 1; }
