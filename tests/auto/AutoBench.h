@@ -63,7 +63,11 @@ protected:
         ASSERT_EQ(KOVSetROIFormat(m_iId, w, h, bin, type), KOV_SUCCESS);
         m_iW = w;
         m_iH = h;
-        m_Frame.assign(static_cast<size_t>(w) * static_cast<size_t>(h) * (type == IMG_RGB24 ? 3 : type == IMG_RAW16 ? 2 : 1), 0);
+        m_Frame.assign(static_cast<size_t>(w) * static_cast<size_t>(h) *
+                           (type == IMG_RGB24   ? 3
+                            : type == IMG_RAW16 ? 2
+                                                : 1),
+                       0);
     }
     void Start() { ASSERT_EQ(KOVStartVideoCapture(m_iId), KOV_SUCCESS); }
     void Stop() { ASSERT_EQ(KOVStopVideoCapture(m_iId), KOV_SUCCESS); }
@@ -80,7 +84,10 @@ protected:
                 return true;
         return false;
     }
-    uint8_t At(int x, int y) const { return m_Frame[static_cast<size_t>(y) * static_cast<size_t>(m_iW) + static_cast<size_t>(x)]; }
+    uint8_t At(int x, int y) const
+    {
+        return m_Frame[static_cast<size_t>(y) * static_cast<size_t>(m_iW) + static_cast<size_t>(x)];
+    }
 
     // Polls a condition; the limit is real time.
     static bool Until(const std::function<bool()>& f, int iSeconds = 20)

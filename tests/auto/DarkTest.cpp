@@ -29,7 +29,10 @@ protected:
         EXPECT_FALSE(m_pCam->IsGetDarkOver());
         Stop();
     }
-    std::string Path(const char* szName) const { return testing::TempDir() + "kov-auto-" + std::to_string(getpid()) + szName; }
+    std::string Path(const char* szName) const
+    {
+        return testing::TempDir() + "kov-auto-" + std::to_string(getpid()) + szName;
+    }
     static Bytes ReadFile(const std::string& sPath)
     {
         std::ifstream in(sPath, std::ios::binary);
@@ -37,7 +40,8 @@ protected:
     }
     static void WriteFile(const std::string& sPath, const Bytes& b)
     {
-        std::ofstream(sPath, std::ios::binary).write(reinterpret_cast<const char*>(b.data()), static_cast<std::streamsize>(b.size()));
+        std::ofstream(sPath, std::ios::binary)
+            .write(reinterpret_cast<const char*>(b.data()), static_cast<std::streamsize>(b.size()));
     }
     KOV_ERROR_CODE Enable(const std::string& sPath)
     {
@@ -129,7 +133,8 @@ TEST_F(DarkTest, CollectedSavedLoadedAndSubtracted)
         ASSERT_TRUE(TakeSnap());
         for (int y = 1; y < 239; ++y)
             for (int x = 0; x < 320; ++x)
-                ASSERT_EQ(At(x, y), Less(part[static_cast<size_t>(y * 320 + x)], darkAt(x, y), iPartMean)) << x << ' ' << y;
+                ASSERT_EQ(At(x, y), Less(part[static_cast<size_t>(y * 320 + x)], darkAt(x, y), iPartMean))
+                    << x << ' ' << y;
     }
     // 16 bits: neither collected nor subtracted.
     m_pCam->UsingDark(false);
@@ -178,7 +183,8 @@ TEST_F(DarkTest, HotPixelsOfTheDarkFrameAreRepaired)
         const int x = i % m_iW, y = i / m_iW;
         // Red, green and blue differ.
         const int iFlat = At(m_iW / 2 / 2 * 2 + x % 2, m_iH / 2 / 2 * 2 + y % 2);
-        if (std::find(hot.begin(), hot.end(), i + 2) == hot.end() && std::find(hot.begin(), hot.end(), i - 2) == hot.end()) {
+        if (std::find(hot.begin(), hot.end(), i + 2) == hot.end() &&
+            std::find(hot.begin(), hot.end(), i - 2) == hot.end()) {
             EXPECT_NEAR(m_Frame[static_cast<size_t>(i)], iFlat, 1) << x << ' ' << y;
         }
     }
@@ -206,16 +212,19 @@ TEST_F(DarkTest, FilesThatAreNoDarkFrame)
         change(b);
         return b;
     };
-    const struct { const char* szWhat; Bytes file; KOV_ERROR_CODE code; } rows[] = {
+    const struct { const char* szWhat; Bytes file; KOV_ERROR_CODE code;
+    } rows[] = {
         { "good", good, KOV_SUCCESS },
         { "wrong kind", with([](Bytes& b) { b[1] = 'P'; }), KOV_ERROR_BAD_FILE },
         { "too wide", with([&](Bytes& b) { put32(b, 18, 641); }), KOV_ERROR_BAD_FILE },
-        { "rows from the bottom", with([&](Bytes& b) { put32(b, 22, static_cast<uint32_t>(-480)); }), KOV_ERROR_BAD_FILE },
+        { "rows from the bottom", with([&](Bytes& b) { put32(b, 22, static_cast<uint32_t>(-480)); }),
+          KOV_ERROR_BAD_FILE },
         { "24 bits", with([](Bytes& b) { b[28] = 24; }), KOV_ERROR_BAD_FILE },
         { "empty", {}, KOV_ERROR_BAD_FILE },
         { "cut in the first header", with([](Bytes& b) { b.resize(13); }), KOV_ERROR_BAD_FILE },
         { "cut in the second header", with([](Bytes& b) { b.resize(53); }), KOV_ERROR_BAD_FILE },
-        { "cut in the pixels", with([](Bytes& b) { b.resize(1078 + 640 * 100); }), KOV_SUCCESS },  // QUIRK: counts as good
+        { "cut in the pixels", with([](Bytes& b) { b.resize(1078 + 640 * 100); }),
+          KOV_SUCCESS },  // QUIRK: counts as good
     };
     for (const auto& r : rows)
         for (const bool bBefore : { false, true }) {

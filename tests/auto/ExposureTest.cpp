@@ -80,7 +80,8 @@ protected:
             }
         return sum / n + 1;
     }
-    // QUIRK: Beryl counts no exposure lines, which reads as none: its exposure is left alone as if a line were a large step.
+    // QUIRK: Beryl counts no exposure lines, which reads as none: its exposure is left alone as if a line were a large
+    // step.
     bool OnTarget(int iBrightness) const
     {
         const int iBand = Row().Is("Beryl") && m_Mode != GAIN ? 45 : 15;
@@ -106,12 +107,14 @@ protected:
 
     void Run(Mode mode, int32_t iExposure, int32_t iGain, const char* szScene)
     {
-        SCOPED_TRACE(testing::Message() << szScene << ", " << NameOf(mode) << ", from " << iExposure << " us, gain " << iGain);
+        SCOPED_TRACE(testing::Message() << szScene << ", " << NameOf(mode) << ", from " << iExposure << " us, gain "
+                                        << iGain);
         m_Mode = mode;
         Set(CTRL_EXPOSURE, iExposure, (mode & EXPOSURE) != 0);
         Set(CTRL_GAIN, iGain, (mode & GAIN) != 0);
         Start();
-        ASSERT_TRUE(Settles()) << "stands at " << m_iBrightness << ", " << Now(CTRL_EXPOSURE) << " us, gain " << Now(CTRL_GAIN);
+        ASSERT_TRUE(Settles()) << "stands at " << m_iBrightness << ", " << Now(CTRL_EXPOSURE) << " us, gain "
+                               << Now(CTRL_GAIN);
         const int32_t iExp = Now(CTRL_EXPOSURE), iGainNow = Now(CTRL_GAIN);
         if (!(mode & EXPOSURE)) {
             EXPECT_EQ(iExp, iExposure);
@@ -162,8 +165,8 @@ TEST_P(ExposureTest, Settles)
 }
 INSTANTIATE_TEST_SUITE_P(All, ExposureTest, testing::ValuesIn(OneOfEachFamily()), ClassName);
 
-// From a tenth of a second on the capture thread does the steps itself, on every second frame; Agate and Dunite from half
-// a second.
+// From a tenth of a second on the capture thread does the steps itself, on every second frame; Agate and Dunite from
+// half a second.
 class LongExposureTest : public ExposureTest {};
 
 TEST_P(LongExposureTest, Settles)
@@ -184,7 +187,8 @@ std::vector<ModelRow> LongModels()
 }
 INSTANTIATE_TEST_SUITE_P(All, LongExposureTest, testing::ValuesIn(LongModels()), ClassName);
 
-// --- white balance ----------------------------------------------------------------------------------------------------
+// --- white balance
+// ----------------------------------------------------------------------------------------------------
 
 class BalanceTest : public ExposureTest {
 protected:
@@ -205,7 +209,10 @@ protected:
         for (int c = 0; c < 3; ++c)
             a[c] = sum[c] / n[c];
     }
-    static bool Agree(const double a[3], double dBand) { return std::fabs(a[1] - a[0]) < dBand && std::fabs(a[1] - a[2]) < dBand; }
+    static bool Agree(const double a[3], double dBand)
+    {
+        return std::fabs(a[1] - a[0]) < dBand && std::fabs(a[1] - a[2]) < dBand;
+    }
 
     // The colours agree and the balance has not moved for two seconds of the camera's time.
     void Balances(double dBand)
@@ -220,7 +227,8 @@ protected:
             if (iR != last.iR || iB != last.iB || !Agree(a, dBand))
                 last = { iR, iB, platform::Ticks() };
             return platform::Ticks() - last.dwSince >= 2000;
-        })) << "stands at " << a[0] << ' ' << a[1] << ' ' << a[2] << ", balance " << Now(CTRL_WB_R) << ' ' << Now(CTRL_WB_B);
+        })) << "stands at "
+            << a[0] << ' ' << a[1] << ' ' << a[2] << ", balance " << Now(CTRL_WB_R) << ' ' << Now(CTRL_WB_B);
     }
     bool InSoftware() const { return Row().Is("Agate") || Row().Is("Dunite"); }
 };
@@ -230,7 +238,8 @@ TEST_P(BalanceTest, ColouredFlat)
     ASSERT_NO_FATAL_FAILURE(Prepare(Row(), 8));
     const double dLight = LightFor(8000, Row().gain[0] + 5);
     const auto coloured = [&](double r, double b) {
-        m_pDevice->SetScene(kovsim::Scene::Colour(static_cast<float>(r * dLight), static_cast<float>(dLight), static_cast<float>(b * dLight)));
+        m_pDevice->SetScene(kovsim::Scene::Colour(static_cast<float>(r * dLight), static_cast<float>(dLight),
+                                                  static_cast<float>(b * dLight)));
     };
     // Balance in software shows after the demosaic only.
     if (InSoftware())

@@ -46,7 +46,10 @@ TEST_F(GuideTest, PinsMoveTheSky)
     ASSERT_EQ(dLastX, 0);
 
     // Up, down, right, left; each for 4 seconds and more: 30 arc seconds, 39 pixels.
-    const struct { KOV_GUIDE_DIRECTION pin; int x, y; } rows[] = { { KOV_GUIDE_0, 0, -1 }, { KOV_GUIDE_1, 0, 1 }, { KOV_GUIDE_2, 1, 0 }, { KOV_GUIDE_3, -1, 0 } };
+    const struct {
+        KOV_GUIDE_DIRECTION pin;
+        int x, y;
+    } rows[] = { { KOV_GUIDE_0, 0, -1 }, { KOV_GUIDE_1, 0, 1 }, { KOV_GUIDE_2, 1, 0 }, { KOV_GUIDE_3, -1, 0 } };
     for (const auto& r : rows) {
         const uint32_t t0 = platform::Ticks();
         if (r.pin % 2 == 0) {
@@ -135,11 +138,14 @@ TEST_F(GuideTest, TimeMark)
         ASSERT_TRUE(TakeSnap());
         date(aDate[1]);
         const size_t bytes = m_Frame.size() / (640 * 480);
-        const auto bright = [&](int x, int y) { return m_Frame[static_cast<size_t>(y * 640 + x) * bytes + bytes - 1] == 180; };
+        const auto bright = [&](int x, int y) {
+            return m_Frame[static_cast<size_t>(y * 640 + x) * bytes + bytes - 1] == 180;
+        };
         int nInside = 0, nOutside = 0;
         for (int y = 0; y < 480; ++y)
             for (int x = 0; x < 640; ++x)
-                (y >= 7 && y < 23 && ((x >= 440 && x < 504) || (x >= 512 && x < 608)) ? nInside : nOutside) += bright(x, y);
+                (y >= 7 && y < 23 && ((x >= 440 && x < 504) || (x >= 512 && x < 608)) ? nInside : nOutside) +=
+                    bright(x, y);
         EXPECT_EQ(nOutside, 0);
         if (type == IMG_RAW16) {
             EXPECT_EQ(nInside, 0);

@@ -1,5 +1,5 @@
-// The hot-pixel table: searched on a sensor whose hot pixels are known, kept in the camera's flash, followed by the repair
-// through regions and bins.
+// The hot-pixel table: searched on a sensor whose hot pixels are known, kept in the camera's flash, followed by the
+// repair through regions and bins.
 #include <set>
 
 #include "auto/AutoBench.h"
@@ -83,8 +83,8 @@ protected:
             hot.insert(p.y * m_pCam->m_iMaxWidth + p.x);
         return hot;
     }
-    // Pixels that are off the level of their phase: above by what the repair looks for, or below. The border is left out:
-    // cells there reach over the edge of the region.
+    // Pixels that are off the level of their phase: above by what the repair looks for, or below. The border is left
+    // out: cells there reach over the edge of the region.
     struct Off { int iHot = 0, iHoles = 0; };
     Off Uneven() const
     {
@@ -95,7 +95,8 @@ protected:
                 for (int x = 6 + phase % 2; x < m_iW - 6; x += 2)
                     v.push_back(At(x, y));
             Bytes sorted = v;
-            std::nth_element(sorted.begin(), sorted.begin() + static_cast<std::ptrdiff_t>(sorted.size() / 2), sorted.end());
+            std::nth_element(sorted.begin(), sorted.begin() + static_cast<std::ptrdiff_t>(sorted.size() / 2),
+                             sorted.end());
             const int iLevel = sorted[sorted.size() / 2];
             for (const int p : v) {
                 off.iHot += p - iLevel > 30 && iLevel <= p * 7 / 10;
@@ -161,7 +162,8 @@ TEST_F(HotTableTest, SearchedSavedAndLoaded)
             EXPECT_EQ(r.wIndex, 4);
             sSteps += 'E';
         } else if (r.bRequest == FLASH_WRITE || r.bRequest == FLASH_READ) {
-            EXPECT_EQ(r.wIndex, 0x400 + 8 * (std::count(sSteps.begin(), sSteps.end(), 'W') - (r.bRequest == FLASH_READ)));
+            EXPECT_EQ(r.wIndex,
+                      0x400 + 8 * (std::count(sSteps.begin(), sSteps.end(), 'W') - (r.bRequest == FLASH_READ)));
             sSteps += r.bRequest == FLASH_WRITE ? 'W' : 'R';
         } else if (r.bRequest == GPIF) {
             sSteps += r.wValue ? ')' : '(';
@@ -207,7 +209,8 @@ TEST_F(HotTableTest, SearchedSavedAndLoaded)
     Stop();
 }
 
-// --- the table through the geometries ---------------------------------------------------------------------------------
+// --- the table through the geometries
+// ---------------------------------------------------------------------------------
 
 struct Shape { uint16_t wProductId; std::vector<int> hardBins, softBins; bool bFull; };
 
@@ -224,7 +227,8 @@ TEST_P(HotShapeTest, EvenPictureInEveryMode)
     ASSERT_NO_FATAL_FAILURE(OpenDark(shape.wProductId, iPixels / 1500, true));
     m_pDevice->SetScene(kovsim::Scene::Flat(50));
     const auto check = [&](int w, int h, int bin, bool bHard, bool bStart) {
-        SCOPED_TRACE(testing::Message() << w << " x " << h << ", bin " << bin << (bHard ? " in hardware" : "") << (bStart ? ", with a start" : ""));
+        SCOPED_TRACE(testing::Message() << w << " x " << h << ", bin " << bin << (bHard ? " in hardware" : "")
+                                        << (bStart ? ", with a start" : ""));
         if (!shape.hardBins.empty())
             Set(CTRL_HARDWARE_BIN, bHard);
         Region(w, h, bin);
@@ -251,8 +255,8 @@ TEST_P(HotShapeTest, EvenPictureInEveryMode)
     for (const int bin : shape.softBins)
         check(256, 192, bin, false, true);
     for (const int bin : shape.hardBins) {
-        // QUIRK: Flint's window moves in steps of 12 pixels at bin 3, its start position in steps of 4; in between the table
-        // is up to two pixels off. A width that centres it on a step.
+        // QUIRK: Flint's window moves in steps of 12 pixels at bin 3, its start position in steps of 4; in between the
+        // table is up to two pixels off. A width that centres it on a step.
         const int w = bin == 3 ? 252 : 256;
         check(w, 192, bin, true, false);
         check(w, 192, bin, true, true);
@@ -270,7 +274,8 @@ INSTANTIATE_TEST_SUITE_P(Models, HotShapeTest,
                              return std::string("unknown");
                          });
 
-// --- flash that fails, tables that are none ---------------------------------------------------------------------------
+// --- flash that fails, tables that are none
+// ---------------------------------------------------------------------------
 
 TEST_F(HotTableTest, BadFlash)
 {
@@ -318,12 +323,24 @@ TEST_F(HotTableTest, TablesThatAreNone)
         for (size_t i = 0; i < 4; ++i)
             b[4 + i] = static_cast<uint8_t>(v >> (24 - 8 * i));
     };
-    const struct { const char* szWhat; Bytes table; bool bLoads; int iCount; } rows[] = {
+    const struct { const char* szWhat; Bytes table; bool bLoads; int iCount;
+    } rows[] = {
         { "good", good, true, 6 },
         { "wrong magic", with([](Bytes& b) { b[3] = 'X'; }), false, -1 },
-        { "longer than the sensor", with([&](Bytes& b) { length(b, static_cast<uint32_t>(iPixels / 8 + 1)); }), false, -1 },
-        { "a record outside", with([&](Bytes& b) { b.insert(b.end(), { 0, 0, 0xFF, 1 }); length(b, static_cast<uint32_t>(b.size())); }), false, -1 },
-        { "pages without end", with([&](Bytes& b) { std::fill(b.begin() + 8, b.end(), uint8_t{ 0 }); b.resize(2000, 0); b.insert(b.end(), { 1, 1 }); length(b, static_cast<uint32_t>(b.size())); }), false, -1 },
+        { "longer than the sensor", with([&](Bytes& b) { length(b, static_cast<uint32_t>(iPixels / 8 + 1)); }), false,
+          -1 },
+        { "a record outside", with([&](Bytes& b) {
+              b.insert(b.end(), { 0, 0, 0xFF, 1 });
+              length(b, static_cast<uint32_t>(b.size()));
+          }),
+          false, -1 },
+        { "pages without end", with([&](Bytes& b) {
+              std::fill(b.begin() + 8, b.end(), uint8_t{ 0 });
+              b.resize(2000, 0);
+              b.insert(b.end(), { 1, 1 });
+              length(b, static_cast<uint32_t>(b.size()));
+          }),
+          false, -1 },
         { "no records", with([&](Bytes& b) { length(b, 8); }), true, 0 },
         { "negative length", with([&](Bytes& b) { length(b, 0xFFFFFFF0u); }), true, 0 },
     };

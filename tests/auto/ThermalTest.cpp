@@ -1,4 +1,5 @@
-// Sensor temperature of all forms against the device's own, and the cooler as a control loop around a real time constant.
+// Sensor temperature of all forms against the device's own, and the cooler as a control loop around a real time
+// constant.
 #include "auto/AutoBench.h"
 
 namespace {
@@ -22,10 +23,16 @@ TEST_F(ThermalTest, EveryFormTellsTheTemperature)
 {
     // Half a step of each sensor, and the tenth of a degree that the control cuts off. The thermistor's converter has
     // 8 bits: 0.4 degrees a step at 20, 1 at -18.
-    const struct { uint16_t wProductId; double dTolerance; std::vector<double> ambients; } rows[] = {
-        { 0xC11A, 0.14, { -17.7, 3.1, 24.6, 41.3 } }, { 0xC02B, 0.14, { -0.6 } },  { 0xC0DD, 0.14, { 33.3 } },  // digital
-        { 0xC07A, 0.5, { -17.7, 3.1, 24.6, 41.3 } },  { 0xC07E, 0.5, { 10 } },                                   // register
-        { 0xC05A, 0.7, { -17.7, 41.3 } },             { 0xC06A, 0.7, { 3.1 } },    { 0xC08A, 0.7, { 24.6 } },    // thermistor
+    const struct { uint16_t wProductId; double dTolerance; std::vector<double> ambients;
+    } rows[] = {
+        { 0xC11A, 0.14, { -17.7, 3.1, 24.6, 41.3 } },
+        { 0xC02B, 0.14, { -0.6 } },
+        { 0xC0DD, 0.14, { 33.3 } },  // digital
+        { 0xC07A, 0.5, { -17.7, 3.1, 24.6, 41.3 } },
+        { 0xC07E, 0.5, { 10 } },  // register
+        { 0xC05A, 0.7, { -17.7, 41.3 } },
+        { 0xC06A, 0.7, { 3.1 } },
+        { 0xC08A, 0.7, { 24.6 } },  // thermistor
     };
     for (const auto& r : rows)
         for (const double dAmbient : r.ambients) {
@@ -60,7 +67,8 @@ TEST_F(ThermalTest, FailedRequestsLeaveTheLastGoodValue)
     EXPECT_EQ(Now(CTRL_TEMPERATURE), 75);
     KOVCloseCamera(0);
 
-    // QUIRK: the thermistor's last good value is one for the process: a warm camera's failed reading shows the cold one.
+    // QUIRK: the thermistor's last good value is one for the process: a warm camera's failed reading shows the cold
+    // one.
     Clock(RATE);
     OpenAt(0xC05A, 40);
     CCameraBase& warm = *m_pCam;
@@ -128,7 +136,8 @@ TEST_P(CoolerTest, ReachesAndHolds)
 }
 
 INSTANTIATE_TEST_SUITE_P(Models, CoolerTest,
-                         testing::Values(std::pair<uint16_t, double>{ 0xC0B1, 0.5 }, std::pair<uint16_t, double>{ 0xC08A, 1.2 }),
+                         testing::Values(std::pair<uint16_t, double>{ 0xC0B1, 0.5 },
+                                         std::pair<uint16_t, double>{ 0xC08A, 1.2 }),
                          [](const auto& info) { return info.param.first == 0xC0B1 ? "KyaniteCol_C" : "HaliteCol"; });
 
 TEST_F(ThermalTest, CoolerControlsWithoutCooler)
