@@ -11,7 +11,7 @@
 #include <vector>
 
 #include "capture/Capture.h"
-#include "platform/posix/UsbAdapter.h"
+#include "platform/UsbAdapter.h"
 #include "sensors/ModelTraits.h"
 #include "support/RecordingStack.h"
 #include "usb/CUsbLink.h"

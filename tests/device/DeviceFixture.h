@@ -13,7 +13,8 @@
 #include "KOVCamera2.h"
 #include "core/CCameraBase.h"
 #include "platform/Platform.h"
-#include "platform/posix/UsbAdapter.h"
+#include "platform/UsbAdapter.h"
+#include "support/TempStore.h"
 #include "virtual/VirtualBus.h"
 
 struct ModelRow {
@@ -74,9 +75,6 @@ protected:
 
     void SetUp() override
     {
-        m_sConfig = testing::TempDir() + "kov-device-" + std::to_string(::testing::UnitTest::GetInstance()->random_seed()) +
-                    "-" + std::to_string(reinterpret_cast<uintptr_t>(this));
-        setenv("XDG_CONFIG_HOME", m_sConfig.c_str(), 1);
         platform::SetClockRate(RATE);
         m_pBus = std::make_unique<kovsim::VirtualBus>(RATE);
         platform::SetUsbStack(m_pBus.get());
@@ -88,7 +86,6 @@ protected:
         platform::SetUsbStack(nullptr);
         m_pBus.reset();
         platform::SetClockRate(1);
-        std::system(("rm -rf '" + m_sConfig + "'").c_str());
     }
     // A camera without noise that looks at the pattern that names its pixels.
     kovsim::CameraSettings Quiet(uint16_t wProductId) const
@@ -129,5 +126,5 @@ protected:
     std::unique_ptr<kovsim::VirtualBus> m_pBus;
 
 private:
-    std::string m_sConfig;
+    TempStore m_store;
 };

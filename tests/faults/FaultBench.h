@@ -18,7 +18,7 @@
 #include "KOVCamera2.h"
 #include "core/CCameraBase.h"
 #include "platform/Platform.h"
-#include "platform/posix/UsbAdapter.h"
+#include "platform/UsbAdapter.h"
 #include "virtual/VirtualBus.h"
 
 // One model of each capture form. The region is large enough for more than one request a frame where the sensor is.

@@ -23,7 +23,7 @@
 #include "KOVCamera2.h"
 #include "core/CCameraBase.h"
 #include "platform/Platform.h"
-#include "platform/posix/UsbAdapter.h"
+#include "platform/UsbAdapter.h"
 #include "usb/CUsbLink.h"
 #include "virtual/VirtualBus.h"
 

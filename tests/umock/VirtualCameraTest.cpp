@@ -12,7 +12,7 @@
 #include "core/CCameraBase.h"
 #include "platform/Platform.h"
 #include "platform/posix/LibusbStack.h"
-#include "platform/posix/UsbAdapter.h"
+#include "platform/UsbAdapter.h"
 #include "umock/MockUsb.h"
 #include "virtual/VirtualBus.h"
 

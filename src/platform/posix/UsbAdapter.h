@@ -1,3 +1,0 @@
-// Moved.
-#pragma once
-#include "platform/UsbAdapter.h"
