@@ -20,6 +20,7 @@ native=$(realpath "$native")
 # A Windows of its own: no window, no download of parts that nothing here uses.
 export WINEPREFIX=$build/wine WINEDEBUG=-all WINEDLLOVERRIDES="mscoree=;mshtml="
 unset DISPLAY
+export LC_ALL=C.UTF-8  # names of files, to Wine
 mkdir -p "$WINEPREFIX"
 wine wineboot -i >/dev/null 2>&1
 work=$(mktemp -d)
@@ -30,7 +31,7 @@ ctest --test-dir "$build" --output-on-failure -j2 "$@"
 
 say "the same pictures on both systems"
 # The Windows programs as they would be installed: in one folder.
-mkdir -p "$work/bin" "$work/dunkel ä"
+mkdir -p "$work/bin"
 cp "$build/src/KOVCamera2.dll" "$build/virtual/kovsim.dll" "$build/tools/kovcam.exe" "$build/tools/kovsim.exe" "$work/bin"
 export XDG_CONFIG_HOME=$work
 take() {  # take NAME "OPTIONS OF KOVSIM" COMMAND [OPTIONS OF KOVCAM]
@@ -59,3 +60,11 @@ take sky "--camera LapisMono_C --scene sky --seed 7" snap -e 200ms -g 200 -r 640
 pixels sky.fits $((640 * 480 * 2))
 take colour "--camera GarnetCol --scene colour:9000,5000,3000 --seed 7 --noise 0" video -n 2 -e 20ms -r 320x240 -f rgb24
 same colour.ser 178 $((320 * 240 * 3 * 2))
+
+say "paths in any script"
+mkdir "$work/dunkel ä 暗"
+cam() { (cd "$work" && wine bin/kovsim.exe run --camera GarnetCol --rate 20 -- kovcam "$@" >/dev/null); }
+cam dark -e 20ms -o "dunkel ä 暗/dark.bmp"
+cam snap -e 20ms -f raw8 --dark "dunkel ä 暗/dark.bmp" -o "dunkel ä 暗/bild"
+[ -s "$work/dunkel ä 暗/dark.bmp" ] && [ -s "$work/dunkel ä 暗/bild.png" ]
+echo "written and read"

@@ -289,7 +289,7 @@ void Camera::Apply(const PictureOptions& o, IMG_TYPE defaultType)
     } else {
         if (m_Type == IMG_RAW16)
             throw UserError("dark frames are subtracted from 8-bit formats only; add --format raw8, rgb24 or y8", 2);
-        const std::string path = std::filesystem::absolute(o.sDark).string();
+        const std::string path = kovtools::AbsolutePath(o.sDark);
         if (path.size() > 255)
             throw UserError(fmt::format("the path of the dark frame is too long: {}", path), 2);
         KOV_BOOL on = KOV_TRUE;

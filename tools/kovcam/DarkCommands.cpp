@@ -5,6 +5,7 @@
 #include <filesystem>
 #include <thread>
 
+#include "common/Host.h"
 #include "core/CCameraBase.h"
 #include "kovcam/Capture.h"
 #include "kovcam/Commands.h"
@@ -69,7 +70,7 @@ struct DarkOptions {
 
 void Dark(const Globals& g, const DarkOptions& o)
 {
-    const std::string path = fs::absolute(o.sOut).string();
+    const std::string path = kovtools::AbsolutePath(o.sOut);
     if (path.size() > 255)
         throw UserError(fmt::format("the path is too long for the camera's settings: {}", path), 2);
     Camera cam(g.sCamera);
@@ -78,10 +79,10 @@ void Dark(const Globals& g, const DarkOptions& o)
         throw UserError("interrupted; nothing was written", 130);
     CCameraBase& object = cam.Object();
     std::error_code ec;
-    fs::remove(path, ec);
+    fs::remove(kovtools::PathOf(path), ec);
     object.SaveBMPToFile(path.c_str());  // tells success in any case
     const auto pixels = static_cast<uintmax_t>(cam.Info().MaxWidth) * static_cast<uintmax_t>(cam.Info().MaxHeight);
-    if (fs::file_size(path, ec) < pixels || ec)
+    if (fs::file_size(kovtools::PathOf(path), ec) < pixels || ec)
         throw UserError(fmt::format("cannot write {}. Is the folder there and writable, and the disk not full?", path));
     int inDark = 0, inTable = 0;
     object.GetHPSum(&inDark, &inTable);
@@ -247,7 +248,7 @@ void SaveFrom(const Globals& g, const std::string& dark)
 {
     Camera cam(g.sCamera);
     KOV_BOOL on = KOV_TRUE;
-    Check(KOVEnableDarkSubtract(cam.Id(), fs::absolute(dark).string().c_str(), &on), fmt::format("dark frame {}", dark));
+    Check(KOVEnableDarkSubtract(cam.Id(), kovtools::AbsolutePath(dark).c_str(), &on), fmt::format("dark frame {}", dark));
     int ignored = 0;
     if (!cam.Object().ManualHPC(true, &ignored))
         throw UserError("the table could not be saved in the camera's flash", 4);

@@ -201,7 +201,7 @@ const char* ResultText(FX3_FWDWNLOAD_ERROR_CODE code)
 void LoadFile(const Globals& g, const FirmwareOptions& o)
 {
     const Target* t = std::find_if(std::begin(g_Targets), std::end(g_Targets), [&](const Target& k) { return o.sTo == k.szName; });
-    std::ifstream in(std::filesystem::path(o.sFile), std::ios::binary);
+    std::ifstream in(kovtools::PathOf(o.sFile), std::ios::binary);
     const std::vector<char> bytes(std::istreambuf_iterator<char>(in), {});
     if (!in.is_open() || bytes.size() < 4)
         throw UserError(fmt::format("cannot read {}, or it is empty", o.sFile), 2);

@@ -5,10 +5,10 @@
 #include <algorithm>
 #include <cmath>
 #include <cstring>
-#include <filesystem>
 #include <utility>
 
 #include "common/Fits.h"
+#include "common/Host.h"
 #include "common/Png.h"
 #include "imaging/CAlgorithm.h"
 #include "kovcam/Camera.h"
@@ -139,7 +139,7 @@ void WritePng(const std::string& path, const Picture& p, Stretch stretch)
 }
 
 SerWriter::SerWriter(const std::string& path, const Picture& first)
-    : m_File(std::filesystem::path(path), std::ios::binary | std::ios::trunc), m_sPath(path), m_Shape(first)
+    : m_File(kovtools::PathOf(path), std::ios::binary | std::ios::trunc), m_sPath(path), m_Shape(first)
 {
     m_Shape.data.clear();
     Header(0);
