@@ -4,6 +4,7 @@
 
 #include <cmath>
 #include <cstring>
+#include <fstream>
 #include <memory>
 #include <string>
 #include <vector>
@@ -15,6 +16,10 @@
 #include "platform/UsbAdapter.h"
 #include "umock/MockUsb.h"
 #include "virtual/VirtualBus.h"
+
+#ifdef KOV_TEST_KOVCAM
+int kovcam_main(int argc, char** argv);
+#endif
 
 namespace {
 
@@ -150,3 +155,30 @@ TEST_F(LibusbCamera, UnpluggedDuringVideo)
     ExpectPattern();
     EXPECT_EQ(KOVStopVideoCapture(0), KOV_SUCCESS);
 }
+
+#ifdef KOV_TEST_KOVCAM
+static int Kovcam(std::vector<std::string> words)
+{
+    std::vector<char*> argv;
+    for (std::string& w : words)
+        argv.push_back(w.data());
+    argv.push_back(nullptr);
+    return kovcam_main(int(words.size()), argv.data());
+}
+
+TEST_F(LibusbCamera, KovcamListsTheCameraAndTakesASnap)
+{
+    EXPECT_EQ(Kovcam({ "kovcam", "list" }), 0);
+    const std::string stem = m_sConfig + "/snap";
+    ASSERT_EQ(Kovcam({ "kovcam", "snap", "-e", "5ms", "-g", "0", "-r", "640x480", "-f", "raw8", "-o", stem }), 0);
+    for (const char* ending : { ".fits", ".png" }) {
+        std::ifstream file(stem + ending, std::ios::binary | std::ios::ate);
+        EXPECT_GT(file.tellg(), 10000) << ending;
+    }
+    std::ifstream fits(stem + ".fits", std::ios::binary);
+    std::string head(2880, ' ');
+    fits.read(head.data(), std::streamsize(head.size()));
+    EXPECT_NE(head.find("INSTRUME= 'VYR KOVQuartzCol'"), std::string::npos) << head;
+    EXPECT_NE(head.find("EXPTIME ="), std::string::npos) << head;
+}
+#endif
