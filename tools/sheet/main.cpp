@@ -30,9 +30,9 @@ void Make(const Options& o)
     const kovtools::Colour ground = o.bDark ? kovtools::Colour{ 24, 24, 28 } : kovtools::WHITE;
     Canvas sheet(GAP + columns * (w + GAP), GAP + rows * (h + CAPTION + GAP), ground);
     for (int i = 0; i < n; ++i) {
-        const std::string& spec = o.pictures[static_cast<size_t>(i)];
-        const size_t at = spec.find('=');
-        Canvas c = Canvas::Load(spec.substr(0, at));
+        const std::string& item = o.pictures[static_cast<size_t>(i)];
+        const size_t at = item.find('=');
+        Canvas c = Canvas::Load(item.substr(0, at));
         if (cw > 0)
             c = c.Part(x, y, cw, ch);
         // The whole picture, its shape kept.
@@ -40,7 +40,7 @@ void Make(const Options& o)
         const int iw = std::max(1, static_cast<int>(c.Width() * f)), ih = std::max(1, static_cast<int>(c.Height() * f));
         const int left = GAP + i % columns * (w + GAP), top = GAP + i / columns * (h + CAPTION + GAP);
         sheet.Paste(iw == c.Width() && ih == c.Height() ? c : c.Resized(iw, ih), left + (w - iw) / 2, top + (h - ih) / 2);
-        const std::string caption = at == std::string::npos ? "" : spec.substr(at + 1);
+        const std::string caption = at == std::string::npos ? "" : item.substr(at + 1);
         const int scale = Canvas::TextWidth(caption) <= w ? 2 : 1;
         sheet.Text(left + (w - Canvas::TextWidth(caption, scale)) / 2, top + h + 4, caption, o.bDark ? kovtools::PALE : kovtools::BLACK, scale);
     }
