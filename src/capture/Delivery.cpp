@@ -189,9 +189,15 @@ bool IgnoresDarkExposure(const ModelTraits& t)
 bool TakeFrame(CCameraBase& cam, const DeliveryForm& f, int32_t iBytes, uint32_t dwWaitMs)
 {
     FrameExchange& fx = *cam.m_pFrameExchange;
+    // A stretch of damaged frames is read through, but a stream that stays damaged (the host has changed the region while
+    // it runs) must not hold a caller who has set a limit.
+    const uint32_t dwStart = platform::Ticks();
+    const uint32_t dwLimit = std::max<uint32_t>(5000, dwWaitMs < 100000 ? 4 * dwWaitMs : dwWaitMs);
     while (fx.Read(cam.m_pImgBuf, iBytes, dwWaitMs)) {
         if (!f.bTestHead)
             return true;
+        if (platform::Ticks() - dwStart > dwLimit && dwWaitMs != platform::WAIT_FOREVER)
+            return false;
         if (Word(cam.m_pImgBuf, 0) != HEAD_B) {
             TraceLine("*buf head error*\n");
             continue;
