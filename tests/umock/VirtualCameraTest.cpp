@@ -142,9 +142,11 @@ TEST_F(LibusbCamera, UnpluggedDuringVideo)
     ASSERT_EQ(KOVStartVideoCapture(0), KOV_SUCCESS);
     ASSERT_EQ(Next(10000), KOV_SUCCESS);
     m_pUsb->Vanish();
-    while (Next(0) == KOV_SUCCESS) {
-    }
-    EXPECT_EQ(Next(1000), KOV_ERROR_TIMEOUT);
+    // What was on its way still comes: two frames in the exchange and one that was complete.
+    int nLate = 0;
+    while (nLate < 4 && Next(1000) == KOV_SUCCESS)
+        ++nLate;
+    EXPECT_LT(nLate, 4);
     EXPECT_EQ(KOVStopVideoCapture(0), KOV_SUCCESS);
     EXPECT_EQ(KOVCloseCamera(0), KOV_SUCCESS);
     EXPECT_EQ(KOVGetNumOfConnectedCameras(), 0);
