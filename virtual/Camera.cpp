@@ -189,7 +189,7 @@ bool Camera::Info(usbstack::DeviceInfo* pInfo, uint64_t* puPlug, Status* pOpen) 
     pInfo->sPath = "virtual:" + std::to_string(m_bBus) + "-" + m_sPort + "@" + std::to_string(m_uPlug);
     pInfo->speed = GetSpeed();
     *puPlug = m_uPlug;
-    *pOpen = m_OpenStatus;
+    *pOpen = m_OpenStatus == Status::Busy ? Status::Ok : m_OpenStatus;
     return true;
 }
 
@@ -210,6 +210,14 @@ uint8_t Camera::GetAddress() const
     return m_bAddress;
 }
 
+// One that another program holds can be looked at, no more.
+Status Camera::Claim(uint64_t uPlug) const
+{
+    Lock lock(m_Mutex);
+    if (!m_bPresent || uPlug != m_uPlug) return Status::Gone;
+    return m_OpenStatus == Status::Busy ? Status::Busy : Status::Ok;
+}
+
 int Camera::GetAltSetting(uint64_t uPlug) const { return IsCurrent(uPlug) ? 0 : -1; }
 
 DescriptorFacts Camera::Descriptors() const
@@ -227,6 +235,7 @@ Status Camera::Submit(uint64_t uPlug, const void* pOwner, usbstack::BulkRequest*
     {
         Lock lock(m_Mutex);
         if (!m_bPresent || uPlug != m_uPlug) return Status::Gone;
+        if (m_OpenStatus == Status::Busy) return Status::Busy;
         m_Pending.push_back({ request, pOwner, uPlug });
         if (m_Frames.empty() && !m_bHalted) return Status::Ok;
     }

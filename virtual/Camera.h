@@ -107,6 +107,8 @@ public:
     bool Info(usbstack::DeviceInfo* pInfo, uint64_t* puPlug, usbstack::Status* pOpen) const;
     usbstack::Status Control(uint64_t uPlug, uint8_t bRequestType, uint8_t bRequest, uint16_t wValue, uint16_t wIndex,
                              uint8_t* pData, uint16_t wLength, uint32_t dwTimeoutMs, uint32_t* pdwMoved);
+    usbstack::Status Claim(uint64_t uPlug) const;
+    void AbortControl(uint64_t uPlug);
     usbstack::Status Submit(uint64_t uPlug, const void* pOwner, usbstack::BulkRequest* request);
     // Completes an owner's requests (nullptr: everybody's) as cancelled.
     void Cancel(const void* pOwner);
@@ -175,7 +177,8 @@ private:
     std::mutex m_Completing;
 
     mutable std::mutex m_Mutex;  // guards all below
-    std::condition_variable m_Wake;
+    std::condition_variable m_Wake, m_ControlWake;
+    uint64_t m_uControlAborts = 0;
     std::unique_ptr<Profile> m_Profile;
     std::shared_ptr<const Scene> m_Scene, m_Prepared;
     bool m_bQuit = false, m_bPresent = false, m_bHalted = false;

@@ -57,6 +57,7 @@ Status Camera::Control(uint64_t uPlug, uint8_t bRequestType, uint8_t bRequest, u
     if (!s.bIn && wLength) data.assign(pData, pData + wLength);
     bool ok;
     double delay;
+    uint64_t aborts;
     {
         Lock lock(m_Mutex);
         if (!m_bPresent || uPlug != m_uPlug) return Status::Gone;
@@ -73,16 +74,27 @@ Status Camera::Control(uint64_t uPlug, uint8_t bRequestType, uint8_t bRequest, u
             ok = Standard(bRequestType, s, data);
         }
         delay = m_dReplyUs;
+        aborts = m_uControlAborts;
     }
     const double limit = dwTimeoutMs * 1000.0;
-    if (delay > 0)
-        std::this_thread::sleep_until(m_Clock.RealTime(m_Clock.Now() + (limit > 0 ? std::min(delay, limit) : delay)));
+    if (delay > 0) {
+        const auto until = m_Clock.RealTime(m_Clock.Now() + (limit > 0 ? std::min(delay, limit) : delay));
+        Lock lock(m_Mutex);
+        if (m_ControlWake.wait_until(lock, until, [&] { return aborts != m_uControlAborts; })) return Status::Cancelled;
+    }
     if (limit > 0 && delay > limit) return Status::TimedOut;
     if (!ok) return Status::Stall;
     const uint32_t moved = s.bIn ? uint32_t(std::min<size_t>(data.size(), wLength)) : wLength;
     if (s.bIn && moved) std::memcpy(pData, data.data(), moved);
     if (pdwMoved) *pdwMoved = moved;
     return Status::Ok;
+}
+
+void Camera::AbortControl(uint64_t uPlug)
+{
+    Lock lock(m_Mutex);
+    if (uPlug == m_uPlug) ++m_uControlAborts;
+    m_ControlWake.notify_all();
 }
 
 bool Camera::Standard(uint8_t bRequestType, const Setup& s, std::vector<uint8_t>& data)

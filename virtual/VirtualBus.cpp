@@ -59,6 +59,8 @@ public:
     usbstack::Speed GetSpeed() override { return m_Speed; }
     uint8_t GetAddress() override { return m_bAddress; }
     int GetAltSetting() override { return m_Camera.GetAltSetting(m_uPlug); }
+    Status Claim() override { return m_Camera.Claim(m_uPlug); }
+    void AbortControl() override { m_Camera.AbortControl(m_uPlug); }
 
 private:
     Camera& m_Camera;

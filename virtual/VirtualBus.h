@@ -93,7 +93,8 @@ public:
     virtual void Inject(const Fault& fault) = 0;
     virtual void ClearFaults() = 0;
     virtual FrameCounters Counters() const = 0;
-    // What Open answers from now on: Busy for a camera that another program holds, Access for missing rights.
+    // What a host meets from now on: Access (or another failure) for an Open that is refused, for instance for missing
+    // rights; Busy for a camera that another program holds: it opens, but claims and reads are refused.
     virtual void SetOpenStatus(usbstack::Status status) = 0;
     virtual void Unplug() = 0;
     virtual void Replug() = 0;                   // a new address; registers as after power on, flash kept

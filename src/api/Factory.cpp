@@ -136,7 +136,8 @@ int32_t EnumerateCameras()
         CUsbLink link(nullptr, guid, true);
         const int iDevices = link.DeviceCount();
         for (int i = 0; i < iDevices; ++i) {
-            if (link.Open(static_cast<uint8_t>(i)) && link.m_wVendorId == platform::CAMERA_VENDOR_ID)
+            link.Open(static_cast<uint8_t>(i));  // false also for a damaged configuration; the IDs are known then
+            if (link.m_wVendorId == platform::CAMERA_VENDOR_ID)
                 g_aProductID[n++] = link.m_wProductId;
         }
     }

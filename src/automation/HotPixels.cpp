@@ -143,8 +143,9 @@ bool DeNoise(CCameraBase& cam, const Frame<T>& f, int x, int y)
 template <class T>
 void Handle(CCameraBase& cam)
 {
-    const auto [W, H] = MemoryFrameOf(cam);
-    const Frame<T> f(cam, W, H);
+    // Unlike the automation's measure, a bin of 4 doubles the frame only where the sensor bins at it.
+    const int iBin = cam.m_iBin, iFactor = cam.IsHardBinRun() ? (iBin == 4 ? 2 : 1) : iBin;
+    const Frame<T> f(cam, cam.m_iWidth * iFactor, cam.m_iHeight * iFactor);
     const bool b14Bit = std::any_of(std::begin(NAMES_14BIT), std::end(NAMES_14BIT),
                                     [&](const char* sz) { return std::strstr(cam.m_pszName, sz) != nullptr; });
     if (cam.m_bHPCEnable)
@@ -182,9 +183,10 @@ bool CollectBySnaps(CCameraBase& cam, uint8_t* pBuf, int iLength)
         if (!cam.StartCapture(true))
             return false;
         while (cam.m_ExpStatus == EXP_WORKING) {
-            if (!cam.m_bHPCRun && !cam.m_bCapturing)
-                return false;
+            const bool bEnded = !cam.m_bHPCRun && !cam.m_bCapturing;  // the capture thread tells the outcome right after
             platform::SleepMs(POLL_SNAP_MS);
+            if (bEnded && cam.m_ExpStatus == EXP_WORKING)
+                return false;
         }
         if (cam.m_ExpStatus == EXP_SUCCESS) {
             cam.GetImage(pBuf, iLength, platform::WAIT_FOREVER);
@@ -370,8 +372,10 @@ bool CCameraBase::AutoGetHPC(int* found, int minNum, int maxNum, unsigned long* 
         TraceLine("2 GettingDark <--\n");
     }
     if (!bUsable || !m_bHPCRun) {
-        // A collection that could not end must not begin again by itself with the next capture.
+        // A collection that could not end must not begin again by itself with the next capture, nor go on in the next one.
         m_bGettingDark = false;
+        if (!bUsable)
+            m_iDarkCount = 0;
         TraceLine("Auto get HPC exit\n");
         return false;
     }

@@ -197,8 +197,9 @@ bool CaptureLoop::ReduceBandwidth(bool bRisingClearsCount, bool bMayReduce)
     if (dwSince >= 5000)
         return false;
     m_cam.SetFPSPerc(m_cam.m_iFPSPerc - 4, m_cam.m_bAutoFPS);
-    TraceLine("time from start:%d   time_delta:%d pkg:%x\n", int(dwNow - m_dwAutoStart), int(dwSince),
-              unsigned(m_cam.m_iHMAX));
+    if (m_form.bSmallChunk)
+        TraceLine("time from start:%d   time_delta:%d pkg:%x\n", int(dwNow - m_dwAutoStart), int(dwSince),
+                  unsigned(m_cam.m_iHMAX));
     return true;
 }
 
@@ -304,8 +305,9 @@ private:
 
     bool AnswersVersion()
     {
-        uint8_t ver = 0;
-        return m_cam.GetFirmwareVer(&ver);
+        uint8_t ab[2] = {};
+        int32_t iLength = sizeof ab;
+        return m_cam.SendCMD(REQ_FIRMWARE_VERSION, 0, 0, true, ab, &iLength);
     }
 
     // The device fell out during a long exposure. QUIRK: when it does not come back, the thread ends where it stands and

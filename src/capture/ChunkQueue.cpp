@@ -114,7 +114,9 @@ ChunkQueue::Result ChunkQueue::ReadFrame(const Waits& w)
     for (size_t n = 0; n < m_slots.size(); ++n) {
         Slot& s = m_slots[n];
         const bool bCame = Wait(s, r.dwWait) || (w.dwGrace != 0 && IsOut(s) && Wait(s, w.dwGrace));
-        if (!bCame)
+        if (!bCame && w.bLong)
+            TraceLine("wait for xfer error:%d\n", int(n));
+        else if (!bCame)
             TraceLine("wait for xfer error:%d %d\n", int(n), int(r.dwWait));
         r.dwWait = !bCame ? w.dwFailed : w.bCap ? std::min(r.dwWait, w.dwNext) : w.dwNext;
         if (IsOut(s)) {

@@ -27,6 +27,7 @@ public:
         bool bCap;         // dwNext is only an upper limit of the current wait
         uint32_t dwFailed; // ms, after one that did not come
         uint32_t dwGrace;  // ms that a chunk still on its way gets on top
+        bool bLong = false;  // long exposure: its trace line names no wait
     };
     struct Result {
         uint32_t dwReceived;  // bytes

@@ -103,6 +103,8 @@ Geometry GeometryOf(const CCameraBase& cam, const DeliveryForm& f)
             factor = g.softBin = 2;
         else if (bWhole)
             factor = g.softBin = 1;
+        else if (f.hardBin == HardBin::TwoThreeFour)
+            g.softBin = 1;  // QUIRK: bins beyond the sensor's show a corner of the unbinned frame
     }
     if (f.flips == Flips::NoBin)
         g.softBin = 1;
@@ -196,26 +198,19 @@ bool TakeFrame(CCameraBase& cam, const DeliveryForm& f, int32_t iBytes, uint32_t
     while (fx.Read(cam.m_pImgBuf, iBytes, dwWaitMs)) {
         if (!f.bTestHead)
             return true;
+        if (Word(cam.m_pImgBuf, 0) == HEAD_B) {
+            // At short exposures a damaged successor tells that this frame is torn. QUIRK: an infinite wait becomes
+            // 498 ms for the look ahead.
+            if (cam.m_bSnapMode || cam.m_lExposure >= 100000 || fx.PeekHead(HEAD_B, dwWaitMs * 2 + 500))
+                return true;
+            TraceLine("*next buf head error*\n");
+        } else {
+            TraceLine("*buf head error*\n");
+        }
         if (platform::Ticks() - dwStart > dwLimit && dwWaitMs != platform::WAIT_FOREVER)
             return false;
-        if (Word(cam.m_pImgBuf, 0) != HEAD_B) {
-            TraceLine("*buf head error*\n");
-            continue;
-        }
-        // At short exposures a damaged successor tells that this frame is torn. QUIRK: an infinite wait becomes 498 ms
-        // for the look ahead.
-        if (cam.m_bSnapMode || cam.m_lExposure >= 100000 || fx.PeekHead(HEAD_B, dwWaitMs * 2 + 500))
-            return true;
-        TraceLine("*next buf head error*\n");
     }
     return false;
-}
-
-bool HasRoomForTimeMark(int w, int h)
-{
-    // Text of 168 by 16 pixels from row 7, 200 columns from the right. QUIRK: on an image narrower than 200 it begins in
-    // the row above.
-    return int64_t{ 7 } * w + w - 200 >= 0 && int64_t{ 22 } * w + w - 32 <= int64_t{ w } * h;
 }
 
 }  // namespace
@@ -311,7 +306,7 @@ bool DeliverImage(CCameraBase& cam, IModel& model, uint8_t* pBuffer, int iLength
         std::memcpy(pBuffer, p, dwCopy);
         return true;
     }
-    if (cam.m_bTimeMark && HasRoomForTimeMark(g.w, h))
+    if (cam.m_bTimeMark && h >= cam.m_iHeight)  // the mark knows the image by m_iHeight
         cam.AddTimeMark(pBuffer, g.w, type);
     return true;
 }

@@ -38,7 +38,7 @@ ChunkQueue::Result CaptureLoop::LongFrame()
                        ? m_form.dwLongFixed
                        : uint32_t(Per(m_lFrameTime / 1000, m_queue.Count())) + m_form.dwLongShare;
     }
-    w.dwFailed = 1;
+    w.dwFailed = m_form.dwLongFixed != 0 ? m_form.dwLongFixed : 1;
     const ChunkQueue::Result r = m_queue.ReadFrame(w);
 
     if (m_form.longWay == LongWay::Kyanite) {
@@ -182,7 +182,7 @@ ChunkQueue::Result CaptureLoop::LongGarnet()
     TraceLine("wait:%ld\n", long(wait));
     SleepReadoutAware(wait);
     m_cam.StartSensorCLK();
-    const ChunkQueue::Result r = m_queue.ReadFrame({ uint32_t(wait), 500, false, 500, 0 });
+    const ChunkQueue::Result r = m_queue.ReadFrame({ uint32_t(wait), 500, false, 500, 0, true });
     TraceLine("Long exp:Get one Frame %d\n", int(r.dwReceived));
 
     // What could not be written while the clock stood still.
@@ -217,7 +217,7 @@ ChunkQueue::Result CaptureLoop::LongCobalt()
     const int64_t wait = ReadoutAllowance();
     SleepReadoutAware(wait);
     m_cam.SendCMD(REQ_START_SENSOR_CLOCK);
-    const ChunkQueue::Result r = m_queue.ReadFrame({ uint32_t(wait), 500, false, 500, 0 });
+    const ChunkQueue::Result r = m_queue.ReadFrame({ uint32_t(wait), 500, false, 500, 0, true });
 
     const int64_t lines = ExposureLines(m_cam, m_form.family, m_cam.m_iCMOSClk);
     if (lines <= 65535 && m_cam.m_lExposure <= 60000000) {

@@ -95,11 +95,17 @@ public:
     CDevice(const CDevice&) = delete;
     CDevice& operator=(const CDevice&) = delete;
 
+    bool Claim()
+    {
+        const std::shared_lock use(m_useMutex);
+        const Status status = m_pStack ? m_pStack->Claim() : Status::Gone;
+        return status == Status::Ok || Fail(ErrorOf(status).dwError);
+    }
+
     // Afterwards no request is out and nothing writes into a caller's memory. Any number of times.
     void Shutdown()
     {
         m_bClosed = true;
-        AbortControl();
         std::unordered_set<uint8_t> endpoints;
         {
             const std::lock_guard l(m_mutex);
@@ -107,6 +113,7 @@ public:
         }
         {
             const std::shared_lock use(m_useMutex);
+            AbortControl();
             for (const uint8_t ep : endpoints)
                 if (m_pStack)
                     m_pStack->Abort(ep);
@@ -425,15 +432,20 @@ Status CDevice::RunControl(Request& r, uint32_t* pdwMoved)
                              pdwMoved);
 }
 
-// The stack's transfer goes on, into the request's own memory; its end is not heard any more. Later control requests
-// queue behind it, for as long as the time limit in its record.
+// Done for the caller at once. What the device still has is cancelled, so that the next request need not wait behind it:
+// it would run out of time there and never reach the camera.
 void CDevice::AbortControl()
 {
-    const std::lock_guard l(m_mutex);
-    for (const auto& r : m_controlQueue)
-        CompleteLocked(*r, Status::Cancelled, 0);
-    if (m_controlRunning)
+    {
+        const std::lock_guard l(m_mutex);
+        for (const auto& r : m_controlQueue)
+            CompleteLocked(*r, Status::Cancelled, 0);
+        if (!m_controlRunning)
+            return;
         CompleteLocked(*m_controlRunning, Status::Cancelled, 0);
+    }
+    if (m_pStack)
+        m_pStack->AbortControl();
 }
 
 void CDevice::Abort(uint8_t bEndpoint)
@@ -539,6 +551,11 @@ public:
         p->Shutdown();
         SetLastError(ERROR_NONE);
         return true;
+    }
+    bool Claim(DeviceHandle h) override
+    {
+        const std::shared_ptr<CDevice> p = Find(h);
+        return p ? p->Claim() : Fail(ERROR_BAD_HANDLE);
     }
     bool IoControl(DeviceHandle h, uint32_t dwCode, void* pIn, uint32_t dwIn, void* pOut, uint32_t dwOut,
                    uint32_t* pdwBytes, Overlapped* pOverlapped) override

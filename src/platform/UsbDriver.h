@@ -81,6 +81,8 @@ public:
     virtual DeviceHandle Open(const char* szPath) = 0;
     // After it returns nothing writes into a caller's memory any more.
     virtual bool Close(DeviceHandle) = 0;
+    // Takes the device for this process; ERROR_SHARED while another has it. A driver that shares devices always agrees.
+    virtual bool Claim(DeviceHandle) { return true; }
 
     // Without pOverlapped it blocks until done. With it: true when done at once, else false with ERROR_PENDING, and the
     // record's event is signalled later; pIn, pOut and the record must live until then.

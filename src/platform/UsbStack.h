@@ -71,14 +71,22 @@ public:
     virtual Speed GetSpeed() = 0;
     virtual uint8_t GetAddress() = 0;
     virtual int GetAltSetting() = 0;  // of interface 0; -1 when unknown
+
+    // Takes the device for this process: Busy while another process has it. Looking at a device (descriptors, addresses,
+    // control requests) needs no claim, bulk requests and resets claim by themselves. Kept until the last handle closes.
+    virtual Status Claim() { return Status::Ok; }
+
+    // Cancels the control request that this handle has with the device: its Control returns soon with Cancelled. Does not
+    // wait; may be called while Control blocks in another thread.
+    virtual void AbortControl() {}
 };
 
 class IStack {
 public:
     virtual ~IStack() = default;
     virtual std::vector<DeviceInfo> Enumerate() = 0;                      // all present devices of the vendor 0x0E5A
-    // The caller owns the result. nullptr: *pStatus tells why. Several handles on one device may be refused with Busy
-    // to other processes; within a process they share the device.
+    // The caller owns the result. nullptr: *pStatus tells why. Opening takes nothing away from another process that uses
+    // the device (Claim does); the handles of one process share it.
     virtual IDevice* Open(const std::string& sPath, Status* pStatus) = 0;
 };
 

@@ -124,7 +124,8 @@ bool OpenCamera(CCameraBase& cam, IModel& m, int deviceIndex)
     int iMatches = 0;
     const ProductName* pFound = nullptr;
     for (int i = 0; i < n && pFound == nullptr; ++i) {
-        if (!pLink->Open(static_cast<uint8_t>(i)) || pLink->m_wVendorId != platform::CAMERA_VENDOR_ID)
+        pLink->Open(static_cast<uint8_t>(i));  // false also for a damaged configuration; the IDs are known then
+        if (pLink->m_wVendorId != platform::CAMERA_VENDOR_ID)
             continue;
         for (const ProductName& p : t.aProducts) {
             if (p.wProductId == 0)
@@ -139,6 +140,10 @@ bool OpenCamera(CCameraBase& cam, IModel& m, int deviceIndex)
     }
     if (pFound->szName != nullptr)
         cam.m_pszName = pFound->szName;
+    if (!pLink->Claim()) {  // another program has it: nothing is sent to a camera that is in use
+        pLink->Close();
+        return false;
+    }
     cam.m_bOpen = true;
     return m.FirmwareStep();
 }
@@ -166,7 +171,9 @@ bool CloseCamera(CCameraBase& cam, CCameraCool* pCool, const ModelTraits& t, Cap
     return true;
 }
 
-bool StartCapture(CCameraBase& cam, CaptureSession& s, bool snap)
+static bool TracesCapture(const ModelTraits& t) { return t.family == Family::Garnet && !t.bColor; }
+
+bool StartCapture(CCameraBase& cam, const ModelTraits& t, CaptureSession& s, bool snap)
 {
     if (!cam.m_bOpen)
         return false;
@@ -175,6 +182,8 @@ bool StartCapture(CCameraBase& cam, CaptureSession& s, bool snap)
     cam.m_bSnapMode = snap;
     cam.m_ExpStatus = EXP_WORKING;
     cam.m_bCapturing = true;
+    if (TracesCapture(t))
+        TraceLine("start capture create thread\n");
     if (!s.Start())
         cam.m_bCapturing = false;
     return true;
@@ -186,11 +195,17 @@ bool StopCapture(CCameraBase& cam, const ModelTraits& t, CaptureSession& s)
         return true;
     if (!cam.m_bOpen)
         return false;
+    if (TracesCapture(t))
+        TraceLine("stop capture\n");
     cam.m_bStopping = true;
     if (!cam.m_bSnapMode)
         cam.SaveSetting(t.szKey);
     cam.m_bCapturing = false;
+    if (TracesCapture(t))
+        TraceLine(">> wait Working thread exit\n");
     s.Wait(5000);
+    if (TracesCapture(t))
+        TraceLine("<< wait Working thread exit\n");
     cam.m_bStopping = false;
     return true;
 }
@@ -200,7 +215,8 @@ void StartCooler(CCameraCool& cam)
     if (!cam.m_bTempThrRun)
         cam.StartAutoTempThr(&cam);
     cam.SetPowerPerc(0.0f);
-    cam.SetAutoTemp(false, static_cast<float>(cam.m_iTargetTemp.Get()));
+    cam.m_bAutoTemp = false;
+    cam.PID_init(0.2f, 0.0f, 0.6f);
 }
 
 void InitLink(CCameraBase& cam)

@@ -21,7 +21,7 @@ void ApplyTraits(CCameraBase& cam, const ModelTraits& t, void* handle);  // cons
 void FinishConstruction(CCameraBase& cam, const ModelTraits& t);         // LoadSetting and what follows it
 bool OpenCamera(CCameraBase& cam, IModel& m, int deviceIndex);
 bool CloseCamera(CCameraBase& cam, CCameraCool* pCool, const ModelTraits& t, CaptureSession& s);
-bool StartCapture(CCameraBase& cam, CaptureSession& s, bool snap);
+bool StartCapture(CCameraBase& cam, const ModelTraits& t, CaptureSession& s, bool snap);
 bool StopCapture(CCameraBase& cam, const ModelTraits& t, CaptureSession& s);
 void StartCooler(CCameraCool& cam);  // InitCamera of the cooled models
 // InitCamera's first steps on a USB 3 bridge: speed of the host port and its percentage, hot-pixel table.
@@ -47,7 +47,7 @@ public:
     const ModelTraits& Traits() const override { return m_Traits; }
     bool OpenCamera(int deviceIndex) override { return model::OpenCamera(*this, *this, deviceIndex); }
     bool CloseCamera() override { return model::CloseCamera(*this, Cool(), m_Traits, m_Session); }
-    bool StartCapture(bool snap) override { return model::StartCapture(*this, m_Session, snap); }
+    bool StartCapture(bool snap) override { return model::StartCapture(*this, m_Traits, m_Session, snap); }
     bool StopCapture() override { return model::StopCapture(*this, m_Traits, m_Session); }
     bool GetImage(uint8_t* buffer, int size, uint32_t waitMs) override
     {

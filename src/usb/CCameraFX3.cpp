@@ -25,7 +25,7 @@ uint16_t Merge(uint16_t wOld, uint16_t wMask, uint16_t wValue, unsigned first)
 
 }  // namespace
 
-// The default is the GUID that serves most models; the others set their own.
+// The tenth on every model. Only ReConnectCamera reads it, and the models that call it have that one.
 CCameraFX3::CCameraFX3() : m_guid(platform::g_InterfaceGuids[platform::GUID_COUNT - 1]) {}
 
 CCameraFX3::~CCameraFX3() { ReplaceLink(nullptr); }

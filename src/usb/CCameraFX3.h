@@ -109,7 +109,7 @@ public:
     void ReplaceLink(CUsbLink* pLink);
 
     Shared<bool> m_bOpen;        // a device is selected
-    platform::Guid m_guid;       // interface GUID of the model
+    platform::Guid m_guid;       // interface that ReConnectCamera searches
     CUsbLink* m_pUsbLink = nullptr;  // owned
     platform::CriticalSection m_csUsb;  // leaf lock, held across one control transfer and never across two
     // As last read by GetFirmwareVer and GetFPGAVer.

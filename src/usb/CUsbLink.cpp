@@ -375,6 +375,14 @@ uint8_t CUsbLink::EndPointCount() const
 bool CUsbLink::ResetParentPort() { return IoControl(platform::IO_RESET_PARENT_PORT, nullptr, 0); }
 bool CUsbLink::CyclePort() { return IoControl(platform::IO_CYCLE_PORT, nullptr, 0); }
 
+bool CUsbLink::Claim()
+{
+    if (platform::UsbDriver().Claim(m_hDevice))
+        return true;
+    m_uLastError = platform::LastError();
+    return false;
+}
+
 bool CUsbLink::Open(uint8_t dev)
 {
     if (IsOpen())

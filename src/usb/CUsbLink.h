@@ -44,6 +44,8 @@ public:
     // When the driver refuses to close the file or the notice, the error stands in m_uLastError and a const char* is
     // thrown, from Open too when it closes first; the object keeps its handle and descriptors then.
     void Close();
+    // Takes the open device for this process. False, with the error in m_uLastError, while another program has it.
+    bool Claim();
     bool RegisterForDeviceEvents(void* hWnd);
     bool IsOpen() const { return platform::IsDeviceOpen(m_hDevice); }
 

@@ -164,6 +164,26 @@ TEST_F(HotPixels, HardwareBinningFollowsThePhaseTable)
     EXPECT_EQ(cam.m_pDarkSum[1 * 16 + 3], (3 * 8 + 408) / 2 / 2);
 }
 
+// The flag alone does not bin: such a camera sends the whole frame at bin 4.
+TEST(HotPixelsAtBin4, FrameOfACameraThatBinsByThreeOnly)
+{
+    struct : TestCamera {
+        using TestCamera::TestCamera;
+        bool IsHardBinRun() override { return m_bHardwareBin && m_iBin == 3; }
+    } cam(16, 8);
+    cam.m_bHardwareBin = cam.m_bHPCEnable = true;
+    cam.m_iBin = 4;
+    cam.m_iWidth = 4;
+    cam.m_iHeight = 2;
+    cam.m_pHPCBuf1[5 * 16 + 10] = 1;
+    cam.AdjustHPCTable(cam.m_pHPCBuf1, cam.m_pHPCBuf2);
+    std::fill_n(cam.m_pImgBuf, 16 * 8, uint8_t{ 100 });
+    cam.m_pImgBuf[5 * 16 + 10] = 200;
+    cam.m_pImgBuf[4 * 16 + 10] = 120;  // the row above counts
+    cam.HandleHotPixels();
+    EXPECT_EQ(cam.m_pImgBuf[5 * 16 + 10], 105);
+}
+
 TEST_F(HotPixels, TableReachesSeveralBinnedPixels)
 {
     cam.m_bHardwareBin = true;

@@ -298,7 +298,7 @@ TEST_F(Quartz, Region)
     EXPECT_EQ(Region(*cam, 1000, 600, 1),
               All("3001=01", Bytes(0x3040, 468, 2), Bytes(0x303C, 248, 2), "3001=00",
                   "3046=f1 3005=01 F10=1 3129=00 317c=00 31ec=0e",
-                  "F1=1 3006=00 F2=0 F3=0 F6=9 F7=0", Bytes(0x3042, 1000, 2), Bytes(0x303E, 600, 2), Size(1000, 600), "F1=0",
+                  "F1=1 3006=00 F2=0 F6=9", Bytes(0x3042, 1000, 2), Bytes(0x303E, 600, 2), Size(1000, 600), "F1=0",
                   "3009=11", Line(203), exposure, exposure));
     ASSERT_TRUE(cam->SetStartPos(103, 51));
     EXPECT_EQ(Sent(), All("3001=01", Bytes(0x3040, 100, 2), Bytes(0x303C, 50, 2), "3001=00"));
@@ -341,7 +341,7 @@ TEST_F(Quartz, OutputModes)
     EXPECT_EQ(Sent(), "") << "nothing to do at bin 1";
     const std::string binned = Region(*cam, 968, 548, 2);
     EXPECT_NE(binned.find("3046=f1 3005=00 F10=1 "), std::string::npos);
-    EXPECT_NE(binned.find(All("F1=1 3006=22 F2=0 F3=0 F6=9 F7=0", Bytes(0x3042, 1936, 2), Bytes(0x303E, 1096, 2),
+    EXPECT_NE(binned.find(All("F1=1 3006=22 F2=0 F6=9", Bytes(0x3042, 1936, 2), Bytes(0x303E, 1096, 2),
                               Size(968, 548), "F1=0 3009=10", Line(145))), std::string::npos);
     EXPECT_EQ(cam->m_iCMOSClk, 9281);
     m_dev->Clear();
@@ -455,10 +455,10 @@ TEST_F(Onyx, BinsAndHighSpeed)
     const std::string exposure = All("3001=01", Frame(641), Bytes(0x3020, 0, 3), "3001=00");
     EXPECT_EQ(Region(*cam, 652, 488, 2),
               All("3001=01", Bytes(0x303C, 0, 2), Bytes(0x3038, 0, 2), "3001=00 3044=e1 3005=00 F10=1",
-                  "F1=1 3006=22 F2=2 F3=0 F6=5 F7=0", Bytes(0x303E, 1304, 2), Bytes(0x303A, 976, 2), Size(652, 488), "F1=0",
+                  "F1=1 3006=22 F2=2 F6=5", Bytes(0x303E, 1304, 2), Bytes(0x303A, 976, 2), Size(652, 488), "F1=0",
                   "3009=10", Line(145), exposure, exposure));
     // QUIRK: with the wish for hardware binning the FPGA is told the binned size at bin 3 too, where no binning runs.
-    EXPECT_NE(Region(*cam, 432, 324, 3).find(All("F1=1 3006=00 F2=4 F3=0 F6=9 F7=0", Bytes(0x303E, 1296, 2),
+    EXPECT_NE(Region(*cam, 432, 324, 3).find(All("F1=1 3006=00 F2=4 F6=9", Bytes(0x303E, 1296, 2),
                                                  Bytes(0x303A, 972, 2), Size(432, 324), "F1=0 3009=11")), std::string::npos);
     // Without it everything goes out. The start survives the switch.
     ASSERT_TRUE(cam->SetStartPos(4, 2));
@@ -575,10 +575,10 @@ TEST_F(Jasper, ModesRegionsAndClocks)
     // No hold around the region.
     EXPECT_NE(Region(*cam, 1000, 600, 1)
                   .find(All("3001=01", Bytes(0x303C, 472, 2), Bytes(0x3038, 312, 2), "3001=00 3044=61 3005=01 F1=1 F10=0",
-                            "3006=00 F2=4 F3=0 F6=13 F7=0", Bytes(0x303E, 1000, 2), Bytes(0x303A, 600, 2), Size(1000, 600),
+                            "3006=00 F2=4 F6=13", Bytes(0x303E, 1000, 2), Bytes(0x303A, 600, 2), Size(1000, 600),
                             "3009=01")), std::string::npos);
     cam->SetHardwareBin(true);
-    EXPECT_NE(Region(*cam, 972, 612, 2).find(All("3005=00 F1=1 F10=0 3006=22 F2=4 F3=0 F6=7 F7=0", Bytes(0x303E, 1948, 2),
+    EXPECT_NE(Region(*cam, 972, 612, 2).find(All("3005=00 F1=1 F10=0 3006=22 F2=4 F6=7", Bytes(0x303E, 1948, 2),
                                                  Bytes(0x303A, 1224, 2), Size(972, 612), "3009=00")), std::string::npos);
     EXPECT_EQ(cam->m_iCMOSClk, 37125);
     EXPECT_EQ(cam->m_iHMAX, 2200) << "hardware bin 2 has its own shortest line";
@@ -656,7 +656,7 @@ TEST_F(Marble, BinsAndModes)
     // 6750 kHz, 143.5 frames: the shortest line, 73: 10.815 us; n = 924; 2125 - 924 = 1201
     EXPECT_EQ(Region(*cam, 1548, 1040, 2),
               All("3007=01", Bytes(0x319C, 0, 2), Bytes(0x31A0, 0, 2), "3007=00 300d=09 3059=02 F10=1",
-                  "F1=1 300e=23 3010=01 F2=0 F3=0 F6=11 F7=0", Bytes(0x31A2, 2080, 2), Bytes(0x319E, 3096, 2),
+                  "F1=1 300e=23 3010=01 F2=0 F6=11", Bytes(0x31A2, 2080, 2), Bytes(0x319E, 3096, 2),
                   Size(1548, 1040), "F1=0 3101=32", Line(73), MarbleExp(2125, 1201), MarbleExp(2125, 1201)));
     EXPECT_EQ(cam->GetRealImageSize(), 1548 * 1040);
     // Bin 4: twice the output leaves the sensor.
@@ -664,7 +664,7 @@ TEST_F(Marble, BinsAndModes)
     EXPECT_EQ(cam->GetRealImageSize(), 1544 * 1040 * 2);
     EXPECT_TRUE(cam->IsHardBinRun());
     // Bin 3 is none of the sensor's.
-    EXPECT_NE(Region(*cam, 1032, 692, 3).find(All("300d=02 3059=02 F10=1 F1=1 300e=00 3010=00 F2=0 F3=0 F6=15 F7=0",
+    EXPECT_NE(Region(*cam, 1032, 692, 3).find(All("300d=02 3059=02 F10=1 F1=1 300e=00 3010=00 F2=0 F6=15",
                                                   Bytes(0x31A2, 2076, 2), Bytes(0x319E, 3096, 2), Size(3096, 2076))),
               std::string::npos);
     EXPECT_FALSE(cam->IsHardBinRun());
@@ -1079,13 +1079,13 @@ TEST_F(Ebony, RegionsAndBins)
     auto cam = Open<CCameraSEbonyCol>(0xC05A);
     // 1200 x 800 at 1872, 1242; FPGA column + 8, sensor row + 58. 800 + 17 lines last 23602 us; 818 - 346 = 472
     std::string sent = Region(*cam, 1200, 800, 1);
-    ExpectHead(sent, All("F1=1", Fpga(2, 1880, 2), "F1=0", Bytes(0x0208, 1300, 2), "F10=1 F1=1 F6=1 F7=0 0200=04 0200=04"));
+    ExpectHead(sent, All("F1=1", Fpga(2, 1880, 2), "F1=0", Bytes(0x0208, 1300, 2), "F10=1 F1=1 F6=1 0200=04 0200=04"));
     EXPECT_NE(sent.find(All(Bytes(0x020A, 804, 2), Size(1200, 800), "F1=0", Line(585), EbonyExp(818, 472), EbonyExp(818, 472),
                             "F12=4")), std::string::npos);
     // Bin 3 in hardware: 672, 442; column 672 / 3 + 4; row + 52. The exposure counts all 2400 lines: 310 clocks = 15.309 us;
     // n = 653; 2418 - 653 = 1765
     sent = Region(*cam, 1200, 800, 3);
-    ExpectHead(sent, All("F1=1", Fpga(2, 228, 2), "F1=0", Bytes(0x0208, 494, 2), "F10=1 F1=1 F6=1 F7=0 0200=54 0200=54"));
+    ExpectHead(sent, All("F1=1", Fpga(2, 228, 2), "F1=0", Bytes(0x0208, 494, 2), "F10=1 F1=1 F6=1 0200=54 0200=54"));
     EXPECT_NE(sent.find(All(Bytes(0x020A, 804, 2), Size(1200, 800), "F1=0", Line(310), EbonyExp(2418, 1765))), std::string::npos);
     EXPECT_TRUE(cam->IsHardBinRun());
     cam->SetStartPos(17, 3);
@@ -1100,17 +1100,17 @@ TEST_F(Ebony, RegionsAndBins)
     auto flint = Open<CCameraSFlintCol>(0xC06A);
     // 1890, rounded to 1888, and 1264; column 1888 / 3 + 2; row + 24. Frame and bandwidth count 1600 lines: 240 clocks; n = 843; 1614 - 843 = 771
     sent = Region(*flint, 1200, 800, 3, IMAGE_16BIT);
-    ExpectHead(sent, All("F1=1", Fpga(2, 631, 2), "F1=0", Bytes(0x0208, 1288, 2), "F10=16 F1=1 F6=0 F7=0 0213=42"));
+    ExpectHead(sent, All("F1=1", Fpga(2, 631, 2), "F1=0", Bytes(0x0208, 1288, 2), "F10=16 F1=1 F6=0 0213=42"));
     EXPECT_NE(sent.find(All(Bytes(0x020A, 802, 2), Size(1200, 800), "F1=0", Line(240), EbonyExp(1614, 771))), std::string::npos);
     sent = Region(*flint, 1200, 800, 1);
-    EXPECT_NE(sent.find("F10=1 F1=1 F6=3 F7=0 0213=42"), std::string::npos);
+    EXPECT_NE(sent.find("F10=1 F1=1 F6=3 0213=42"), std::string::npos);
 
     auto halite = Open<CCameraSHaliteCol>(0xC08A);
     // 1218, rounded to 1216, and 816; column 1216 / 3 + 2; row + 26. 368 clocks = 18.173 us; n = 550; 824 - 550 = 274
     sent = Region(*halite, 1200, 800, 3);
-    ExpectHead(sent, All("F1=1", Fpga(2, 407, 2), "F1=0", Bytes(0x0208, 842, 2), "F10=0 F1=1 F6=0 F7=0 021e=02"));
+    ExpectHead(sent, All("F1=1", Fpga(2, 407, 2), "F1=0", Bytes(0x0208, 842, 2), "F10=0 F1=1 F6=0 021e=02"));
     EXPECT_NE(sent.find(All(Bytes(0x020A, 804, 2), Size(1200, 800), "F1=0", Line(368), EbonyExp(824, 274))), std::string::npos);
-    EXPECT_NE(Region(*halite, 1200, 800, 2).find("F10=1 F1=1 F6=4 F7=0 021e=48"), std::string::npos);
+    EXPECT_NE(Region(*halite, 1200, 800, 2).find("F10=1 F1=1 F6=4 021e=48"), std::string::npos);
 }
 
 TEST_F(Ebony, Streaming)
@@ -1188,13 +1188,13 @@ TEST_F(Beryl, RegionAndModes)
     auto cam = Open<CCameraSBerylCol>(0xC02A);
     // 320 x 240 at 160, 120: ((320 + 160 + 16) << 8 | 160) / 8 = 0x3E14
     EXPECT_EQ(Region(*cam, 320, 240, 1),
-              All("0100:3e14 0101:0078 0102:0168 F10=1 F1=1 F2=0 F3=0 F6=0 F7=0 0102:0168 0100:3e14 0101:0078", Size(320, 240),
+              All("0100:3e14 0101:0078 0102:0168 F10=1 F1=1 F2=0 F6=0 0102:0168 0100:3e14 0101:0078", Size(320, 240),
                   "F1=0 00c9:02d0 00c9:02d0"));
     EXPECT_EQ(cam->m_iHMAX, 1100) << "kept, and written nowhere";
     cam->SetStartPos(15, 3);
     EXPECT_EQ(Sent(), "0100:2b01 0101:0002 0102:00f2");  // (344 << 8 | 8) / 8
     // Hardware bin 2 shifts the last row: 480 << 8 loses its top bit.
-    EXPECT_NE(Region(*cam, 320, 240, 2).find(All("F1=1 F2=2 F3=0 F6=5 F7=0 0102:e000 0100:5200 0101:0000", Size(320, 240), "F1=0")),
+    EXPECT_NE(Region(*cam, 320, 240, 2).find(All("F1=1 F2=2 F6=5 0102:e000 0100:5200 0101:0000", Size(320, 240), "F1=0")),
               std::string::npos);
     cam->m_bHighSpeed = true;
     cam->SetOutput16Bits(false);
@@ -1310,6 +1310,20 @@ TEST_F(Python, ProgramInSixSections)
     EXPECT_EQ(m_regs[65], 7 << 12 | 2 << 4);
     EXPECT_EQ(m_regs[220], 47 | 65 << 8);
     EXPECT_EQ(m_regs[221], 84);
+
+    // Each program fills its registers to the last; the readout offsets point into them.
+    const struct { void (CCameraPython::*pInit)(); unsigned uLast; } programs[] = {
+        { &CCameraPython::InitializeCDSwithNROT, 474 },     { &CCameraPython::InitializeCDSwithZROT, 478 },
+        { &CCameraPython::InitializeUDSwithNROT, 481 },     { &CCameraPython::InitializeUDSwithZROT, 485 },
+        { &CCameraPython::InitializeCDSwithNROT_LTN, 481 }, { &CCameraPython::InitializeMSCwithNROT, 493 },
+        { &CCameraPython::InitializeMSCwithZeroROT, 497 },  { &CCameraPython::InitializeMSLwithNROT, 493 },
+    };
+    for (const auto& p : programs) {
+        m_regs.clear();
+        (*cam.*p.pInit)();
+        for (unsigned reg = 384; reg < 512; ++reg)
+            EXPECT_EQ(m_regs.count(uint16_t(reg)), reg <= p.uLast ? 1u : 0u) << reg << " of the program up to " << p.uLast;
+    }
 }
 
 }  // namespace

@@ -99,6 +99,7 @@ public:
 
     std::function<void(const Request&, uint8_t* pData, uint16_t wLength)> OnIn;
     std::function<bool(const Request&)> OnFail;
+    std::function<void()> OnAbortControl;
     usbstack::Status failStatus = usbstack::Status::Stall;  // what a failed request gives
     std::function<int64_t(uint8_t* pData, uint32_t dwLength)> OnBulk;
 
@@ -297,6 +298,11 @@ public:
         if (s == usbstack::Status::Ok)
             m_dev.Return();  // comes back at once, as another device
         return s;
+    }
+    void AbortControl() override
+    {
+        if (m_dev.OnAbortControl)
+            m_dev.OnAbortControl();
     }
     usbstack::Speed GetSpeed() override { return m_dev.info.speed; }
     uint8_t GetAddress() override { return m_dev.info.bAddress; }

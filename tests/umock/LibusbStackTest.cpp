@@ -260,6 +260,14 @@ TEST_F(Libusb, ControlBothWays)
     const auto took = std::chrono::steady_clock::now() - start;
     EXPECT_GE(took, 290ms);
     EXPECT_LT(took, 3s);
+
+    // One that is given up before that makes room for the next.
+    std::thread t([&] {
+        std::this_thread::sleep_for(100ms);
+        p->AbortControl();
+    });
+    EXPECT_EQ(p->Control(0xC0, 0xB5, 0, 0, data, 8, 0, &dwMoved), Status::Cancelled);
+    t.join();
     device.Unmute();
     EXPECT_EQ(p->Control(0xC0, 0xB5, 0x11, 0, data, 8, 1000, &dwMoved), Status::Ok);
     EXPECT_EQ(data[0], 0x11);
@@ -693,13 +701,23 @@ TEST_F(Libusb, RefusedOpenTellsWhyAndKeepsNothing)
     const auto v = usbstack::LibusbStack().Enumerate();
     ASSERT_EQ(v.size(), 1u);
     Status status = Status::Ok;
-    usb.SetClaimError(EBUSY);
-    EXPECT_FALSE(Open(v[0].sPath, &status));
-    EXPECT_EQ(status, Status::Busy);
     EXPECT_FALSE(Open("no such device", &status));
     EXPECT_EQ(status, Status::Gone);
-    usb.SetClaimError(0);
-    EXPECT_TRUE(Open(v[0].sPath));
+
+    // Another program has it: it may be looked at, but neither read from nor restarted.
+    usb.SetClaimError(EBUSY);
+    const auto p = Open(v[0].sPath);
+    ASSERT_TRUE(p);
+    uint32_t dwMoved = 0;
+    uint8_t ab[18];
+    EXPECT_EQ(p->Control(0x80, 6, 0x0100, 0, ab, sizeof ab, 1000, &dwMoved), Status::Ok);
+    Requests r(1, 4096);
+    EXPECT_EQ(p->Claim(), Status::Busy);
+    EXPECT_EQ(p->SubmitBulk(&r[0].bulk), Status::Busy);
+    EXPECT_EQ(p->ResetPort(), Status::Busy);
+    EXPECT_EQ(p->ResetPipe(0x81), Status::Busy);
+    usb.SetClaimError(0);  // the other program ends
+    EXPECT_EQ(p->Claim(), Status::Ok);
 }
 
 TEST_F(Libusb, NothingStaysBehind)

@@ -158,6 +158,31 @@ TEST_F(LibusbCamera, UnpluggedDuringVideo)
     EXPECT_EQ(KOVStopVideoCapture(0), KOV_SUCCESS);
 }
 
+// The kernel lets one program at a time claim a camera. The other one sees it, is told that it cannot have it, and sends
+// it nothing.
+TEST_F(LibusbCamera, HeldByAnotherProgram)
+{
+    m_pUsb->SetClaimError(EBUSY);
+    ASSERT_EQ(KOVGetNumOfConnectedCameras(), 1);
+    KOV_CAMERA_INFO info;
+    ASSERT_EQ(KOVGetCameraProperty(&info, 0), KOV_SUCCESS);
+    EXPECT_STREQ(info.Name, "VYR KOVQuartzCol");
+    m_pCam->ClearRequests();
+    EXPECT_EQ(KOVOpenCamera(0), KOV_ERROR_OPEN_FAILED);
+    for (const kovsim::Request& r : m_pCam->Requests())
+        EXPECT_TRUE(r.bIn && r.bRequest == 6) << "request " << int(r.bRequest) << " to a camera in use";
+    EXPECT_EQ(KOVCloseCamera(0), KOV_SUCCESS);
+
+    m_pUsb->SetClaimError(0);
+    Open();
+    // Another program that looks for cameras meanwhile takes nothing away.
+    m_pUsb->SetClaimError(EBUSY);
+    EXPECT_EQ(KOVGetNumOfConnectedCameras(), 1);
+    ASSERT_EQ(KOVStartVideoCapture(0), KOV_SUCCESS);
+    EXPECT_EQ(Next(20000), KOV_SUCCESS);
+    EXPECT_EQ(KOVStopVideoCapture(0), KOV_SUCCESS);
+}
+
 #ifdef KOV_TEST_KOVCAM
 static int Kovcam(std::vector<std::string> words)
 {
@@ -170,7 +195,12 @@ static int Kovcam(std::vector<std::string> words)
 
 TEST_F(LibusbCamera, KovcamListsTheCameraAndTakesASnap)
 {
+    m_pUsb->SetClaimError(EBUSY);  // held by another program
     EXPECT_EQ(Kovcam({ "kovcam", "list" }), 0);
+    testing::internal::CaptureStderr();
+    EXPECT_NE(Kovcam({ "kovcam", "snap", "-o", m_sConfig + "/held" }), 0);
+    EXPECT_NE(testing::internal::GetCapturedStderr().find("is another program using it?"), std::string::npos);
+    m_pUsb->SetClaimError(0);
     const std::string stem = m_sConfig + "/snap";
     ASSERT_EQ(Kovcam({ "kovcam", "snap", "-e", "5ms", "-g", "0", "-r", "640x480", "-f", "raw8", "-o", stem }), 0);
     for (const char* ending : { ".fits", ".png" }) {

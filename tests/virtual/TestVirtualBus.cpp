@@ -57,9 +57,9 @@ TEST(VirtualBusEnumeration, ListsOurVendorOnlyWithStableSocketsAndFreshAddresses
     EXPECT_EQ(bus.Open(list[2].sPath, &status), nullptr);
     EXPECT_EQ(status, Status::Gone);
 
-    a.SetOpenStatus(Status::Busy);
+    a.SetOpenStatus(Status::Access);
     EXPECT_EQ(bus.Open(after[2].sPath, &status), nullptr);
-    EXPECT_EQ(status, Status::Busy);
+    EXPECT_EQ(status, Status::Access);
     a.Unplug();
     EXPECT_EQ(bus.Enumerate().size(), 2u);
 }

@@ -218,6 +218,8 @@ void LoadFile(const Globals& g, const FirmwareOptions& o)
         return;
     }
     Camera cam(g.sCamera);
+    if (!cam.Object().m_bUSB3Camera)
+        throw UserError(fmt::format("{} is a USB 2 camera; images of this kind are for USB 3 cameras", cam.Info().Name), 2);
     Confirm(o, "write");
     const FX3_FWDWNLOAD_ERROR_CODE code = cam.Object().DownloadFw(o.sFile.c_str(), t->media);
     if (code != FX3_FW_SUCCESS)

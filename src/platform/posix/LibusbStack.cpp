@@ -122,6 +122,15 @@ struct Pipe {
     }
 };
 
+// A control request in Control().
+struct ControlWait {
+    class CHost* pHost;
+    const IDevice* pOwner;
+    libusb_transfer* pTransfer;
+    bool bDone = false, bAbort = false;
+    int iNamed = 0;  // cancellers that still use pTransfer
+};
+
 // One open device of the process, shared by its handles.
 struct SharedDevice {
     libusb_device* pDevice = nullptr;  // with a reference
@@ -130,8 +139,10 @@ struct SharedDevice {
     std::atomic<bool> bGone = false;
     std::atomic<int> iResetting = 0;   // "no such device" is no news then
     std::atomic<int> iAltSetting = 0;
+    std::atomic<bool> bClaimed = false;  // set under m_csOpen
     std::array<Pipe, PIPES> pipes;     // from here on guarded by m_cs
     int iCancelling = 0;
+    std::list<ControlWait*> controls;
     std::vector<std::unique_ptr<Xfer>> graveyard;  // delivered, but a canceller may still name them
 
     Pipe& At(uint8_t bEndpoint) { return pipes[(bEndpoint & 15u) | (bEndpoint & 0x80u) >> 3]; }
@@ -144,10 +155,12 @@ public:
     std::vector<DeviceInfo> Enumerate();
     SharedDevice* Open(const std::string& sPath, Status* pStatus);
     void Close(SharedDevice* pDevice, const IDevice* pOwner);
-    Status Control(SharedDevice& d, const uint8_t* pSetup, uint8_t* pData, uint16_t wLength, uint32_t dwTimeoutMs,
-                   uint32_t* pdwMoved);
+    Status Claim(SharedDevice& d);
+    Status Control(SharedDevice& d, const IDevice* pOwner, const uint8_t* pSetup, uint8_t* pData, uint16_t wLength,
+                   uint32_t dwTimeoutMs, uint32_t* pdwMoved);
     Status Submit(SharedDevice& d, const IDevice* pOwner, BulkRequest* pRequest);
     void Abort(SharedDevice& d, uint8_t bEndpoint);
+    void AbortControl(SharedDevice& d, const IDevice* pOwner);
     // Runs `work` on the device while the pipes (all with bEndpoint 0) are empty and new requests wait.
     template <class Work>
     int Quietly(SharedDevice& d, uint8_t bEndpoint, Work work);
@@ -155,11 +168,6 @@ public:
     Status Note(SharedDevice& d, Status status);
 
 private:
-    struct ControlWait {
-        CHost* pHost;
-        bool bDone;
-    };
-
     bool AcquireContext();
     void ReleaseContext();
     bool StartThread();
@@ -312,12 +320,8 @@ SharedDevice* CHost::Open(const std::string& sPath, Status* pStatus)
 
     libusb_device_handle* pHandle = nullptr;
     int r = pFound ? libusb_open(pFound, &pHandle) : LIBUSB_ERROR_NO_DEVICE;
-    if (r == LIBUSB_SUCCESS) {
-        libusb_set_auto_detach_kernel_driver(pHandle, 1);  // not every system has such a thing
-        r = libusb_claim_interface(pHandle, INTERFACE);
-        if (r == LIBUSB_SUCCESS && m_devices.empty() && !StartThread())
-            r = LIBUSB_ERROR_OTHER;
-    }
+    if (r == LIBUSB_SUCCESS && m_devices.empty() && !StartThread())
+        r = LIBUSB_ERROR_OTHER;
     if (r == LIBUSB_SUCCESS) {
         pResult = new SharedDevice;
         pResult->pDevice = pFound;
@@ -336,6 +340,23 @@ SharedDevice* CHost::Open(const std::string& sPath, Status* pStatus)
     return pResult;
 }
 
+// The interface is not claimed at once: a program that only looks which cameras there are would keep another one from
+// opening its camera in that moment, and would not see a camera that is in use.
+Status CHost::Claim(SharedDevice& d)
+{
+    if (d.bClaimed)
+        return Status::Ok;
+    const std::lock_guard lock(m_csOpen);
+    if (!d.bClaimed) {
+        libusb_set_auto_detach_kernel_driver(d.pHandle, 1);  // not every system has such a thing
+        const Status status = FromError(libusb_claim_interface(d.pHandle, INTERFACE));
+        if (status != Status::Ok)
+            return Note(d, status);
+        d.bClaimed = true;
+    }
+    return Status::Ok;
+}
+
 void CHost::Close(SharedDevice* p, const IDevice* pOwner)
 {
     {
@@ -349,7 +370,8 @@ void CHost::Close(SharedDevice* p, const IDevice* pOwner)
         const std::lock_guard lockQueues(m_cs);
         m_devices.remove(p);
     }
-    libusb_release_interface(p->pHandle, INTERFACE);
+    if (p->bClaimed)
+        libusb_release_interface(p->pHandle, INTERFACE);
     libusb_close(p->pHandle);
     libusb_unref_device(p->pDevice);
     delete p;
@@ -655,6 +677,7 @@ Status CHost::Restart(SharedDevice& d, bool bStale)
     if (bStale && (bChanged || r == LIBUSB_SUCCESS)) {
         // The next Open takes a fresh handle; it must find the interface free.
         libusb_release_interface(d.pHandle, INTERFACE);
+        d.bClaimed = false;
         Note(d, Status::Gone);
         return Status::Ok;
     }
@@ -670,8 +693,8 @@ void LIBUSB_CALL CHost::OnControl(libusb_transfer* pTransfer)
     host.m_cvDone.notify_all();
 }
 
-Status CHost::Control(SharedDevice& d, const uint8_t* pSetup, uint8_t* pData, uint16_t wLength, uint32_t dwTimeoutMs,
-                      uint32_t* pdwMoved)
+Status CHost::Control(SharedDevice& d, const IDevice* pOwner, const uint8_t* pSetup, uint8_t* pData, uint16_t wLength,
+                      uint32_t dwTimeoutMs, uint32_t* pdwMoved)
 {
     if (d.bGone)
         return Status::Gone;
@@ -687,31 +710,62 @@ Status CHost::Control(SharedDevice& d, const uint8_t* pSetup, uint8_t* pData, ui
                                                                                        libusb_free_transfer);
     if (!pTransfer)
         return Status::NoMemory;
-    ControlWait w{ this, false };
+    ControlWait w{ this, pOwner, pTransfer.get() };
     libusb_fill_control_transfer(pTransfer.get(), d.pHandle, buffer.data(), OnControl, &w, dwTimeoutMs);
 
     // Bulk requests can leave no memory for a control request either. Real time: this is the driver's own limit.
     const auto start = std::chrono::steady_clock::now();
     UniqueLock lock(m_cs);
+    const auto it = d.controls.insert(d.controls.end(), &w);
+    Status status;
     for (;;) {
         lock.unlock();
-        const Status status = FromError(libusb_submit_transfer(pTransfer.get()));
-        if (status != Status::Ok && status != Status::NoMemory)
-            return Note(d, status);
+        status = FromError(libusb_submit_transfer(pTransfer.get()));
         lock.lock();
-        if (status == Status::Ok)
+        if (status != Status::NoMemory)
             break;
-        if (dwTimeoutMs != 0 && std::chrono::steady_clock::now() - start >= std::chrono::milliseconds(dwTimeoutMs))
-            return Status::TimedOut;
+        if (w.bAbort)
+            status = Status::Cancelled;
+        else if (dwTimeoutMs != 0 && std::chrono::steady_clock::now() - start >= std::chrono::milliseconds(dwTimeoutMs))
+            status = Status::TimedOut;
+        if (status != Status::NoMemory)
+            break;
         m_cvDone.wait_for(lock, RETRY);
     }
-    m_cvDone.wait(lock, [&] { return w.bDone; });
+    if (status == Status::Ok && w.bAbort) {  // it came before there was something to cancel
+        lock.unlock();
+        libusb_cancel_transfer(pTransfer.get());
+        lock.lock();
+    }
+    m_cvDone.wait(lock, [&] { return (w.bDone || status != Status::Ok) && w.iNamed == 0; });
+    d.controls.erase(it);
     lock.unlock();
+    if (status != Status::Ok)
+        return Note(d, status);
 
     *pdwMoved = uint32_t(pTransfer->actual_length);
     if (bIn && *pdwMoved != 0)
         std::memcpy(pData, buffer.data() + LIBUSB_CONTROL_SETUP_SIZE, *pdwMoved);
     return Note(d, FromTransfer(pTransfer->status));
+}
+
+void CHost::AbortControl(SharedDevice& d, const IDevice* pOwner)
+{
+    UniqueLock lock(m_cs);
+    std::vector<ControlWait*> waits;
+    for (ControlWait* w : d.controls)
+        if (w->pOwner == pOwner) {
+            w->bAbort = true;
+            ++w->iNamed;
+            waits.push_back(w);
+        }
+    lock.unlock();
+    for (const ControlWait* w : waits)
+        libusb_cancel_transfer(w->pTransfer);
+    lock.lock();
+    for (ControlWait* w : waits)
+        --w->iNamed;
+    m_cvDone.notify_all();
 }
 
 // --- descriptors without the wire -----------------------------------------------------------------------------------
@@ -817,6 +871,8 @@ public:
         }
         // What changes the state of pipes has to pass through the system, or it would not know.
         if (is(LIBUSB_RECIPIENT_INTERFACE, LIBUSB_REQUEST_SET_INTERFACE)) {
+            if (const Status status = Claim(); status != Status::Ok)
+                return status;
             const int r = m_pHost->Quietly(
                 *m_p, 0, [&] { return libusb_set_interface_alt_setting(m_p->pHandle, wIndex, wValue); });
             if (r == LIBUSB_SUCCESS && wIndex == INTERFACE)
@@ -832,7 +888,7 @@ public:
             setup[2 + 2 * i] = uint8_t(w & 0xFF);
             setup[3 + 2 * i] = uint8_t(w >> 8);
         }
-        const Status status = m_pHost->Control(*m_p, setup, pData, wLength, dwTimeoutMs, pdwMoved);
+        const Status status = m_pHost->Control(*m_p, this, setup, pData, wLength, dwTimeoutMs, pdwMoved);
         if (bDescriptor && wValue >> 8 == LIBUSB_DT_CONFIG && status != Status::Ok && status != Status::Gone) {
             const std::vector<uint8_t> v = ConfigDescriptor(m_p->pDevice, uint8_t(wValue & 0xFF));
             if (!v.empty())
@@ -843,17 +899,23 @@ public:
 
     Status SubmitBulk(BulkRequest* pRequest) override
     {
-        return Foreign() ? Status::Gone : m_pHost->Submit(*m_p, this, pRequest);
+        const Status status = Claim();
+        return status == Status::Ok ? m_pHost->Submit(*m_p, this, pRequest) : status;
     }
     void Abort(uint8_t bEndpoint) override
     {
         if (!Foreign())
             m_pHost->Abort(*m_p, bEndpoint);
     }
+    void AbortControl() override
+    {
+        if (!Foreign())
+            m_pHost->AbortControl(*m_p, this);
+    }
     Status ResetPipe(uint8_t bEndpoint) override
     {
-        if (Foreign() || m_p->bGone)
-            return Status::Gone;
+        if (const Status status = Claim(); status != Status::Ok)
+            return status;
         const int r = m_pHost->Quietly(*m_p, bEndpoint, [&] { return libusb_clear_halt(m_p->pHandle, bEndpoint); });
         return m_pHost->Note(*m_p, FromError(r));
     }
@@ -864,12 +926,15 @@ public:
     uint8_t GetAddress() override { return libusb_get_device_address(m_p->pDevice); }
     // A claimed interface starts at 0, and only this process can change it.
     int GetAltSetting() override { return m_p->iAltSetting; }
+    Status Claim() override { return Foreign() || m_p->bGone ? Status::Gone : m_pHost->Claim(*m_p); }
 
 private:
     bool Foreign() const { return m_pHost != CHost::Current(); }
     Status Restart(bool bStale)
     {
-        return Foreign() || m_p->bGone ? Status::Gone : m_pHost->Restart(*m_p, bStale);
+        // Claimed first: nobody may restart a device that another process uses.
+        const Status status = Claim();
+        return status == Status::Ok ? m_pHost->Restart(*m_p, bStale) : status;
     }
 
     CHost* const m_pHost;

@@ -6,6 +6,7 @@
 
 #include <pthread.h>
 #include <sched.h>
+#include <sys/stat.h>
 #include <time.h>
 
 #include <cerrno>
@@ -272,6 +273,15 @@ void ShowNativeMessage(const char* szText, const char* szTitle)
 
 // --- files ----------------------------------------------------------------------------------------------------------
 
-std::FILE* OpenFile(const char* szPath, const char* szMode) { return std::fopen(szPath, szMode); }
+std::FILE* OpenFile(const char* szPath, const char* szMode)
+{
+    std::FILE* const pFile = std::fopen(szPath, szMode);
+    struct stat st;
+    if (pFile != nullptr && ::fstat(fileno(pFile), &st) == 0 && S_ISDIR(st.st_mode)) {  // opens for reading here
+        std::fclose(pFile);
+        return nullptr;
+    }
+    return pFile;
+}
 
 }  // namespace platform

@@ -135,8 +135,8 @@ bool CBeryl::Cam_SetResolution()
     const bool bBin = InHardBin2();
     const int last = m_iStartY + m_iHeight * m_iBin;
     Fpga(FPGA_HOLD, 1);
-    WriteFpga(FPGA_START_X, bBin ? 2 : 0, 2);
-    WriteFpga(FPGA_START_Y, bBin ? 5 : 0, 2);
+    Fpga(FPGA_START_X, bBin ? 2 : 0);
+    Fpga(FPGA_START_Y, bBin ? 5 : 0);
     WriteCameraRegister(REG_LAST_ROW, static_cast<uint16_t>(bBin ? last << 8 : last));
     WriteCameraRegister(REG_COLUMNS, ColumnWord());
     WriteCameraRegister(REG_FIRST_ROW, static_cast<uint16_t>(m_iStartY));

@@ -35,10 +35,12 @@ constexpr Program g_MscNrot = { g_PythonMscNrot, 1, 0, 5, true, 13, 21, 50, 59, 
 constexpr Program g_MscZrot = { g_PythonMscZrot, 1, 0, 5, true, 13, 21, 50, 59, 77, 96, true };
 constexpr Program g_MslNrot = { g_PythonMslNrot, 1, 0, 5, true, 13, 40, 50, 59, 76, 93, false };
 
+constexpr size_t PROGRAM = 384;  // register of the first word
+
 void Words(CCameraBase& cam, const Program& p, size_t from, size_t to)
 {
-    for (const RegEntry& e : p.words.subspan(from, to - from))
-        cam.WriteCameraRegister(e.wAddress, e.wValue);
+    for (size_t i = from; i < to; ++i)  // consecutive registers, also for words that are not known
+        cam.WriteCameraRegister(static_cast<uint16_t>(PROGRAM + i), p.words[i].wValue);
 }
 
 void Load(CCameraBase& cam, const Program& p)

@@ -165,7 +165,8 @@ bool CCameraSCobaltCol::SetFPSPerc(int percent, bool autoMode)
                          SensorW() + LINE_EXTRA_CLOCKS, INT32_MAX);
     WriteLineClocks();
     m_iExpLines = static_cast<int32_t>(std::clamp<int64_t>(ShutterLines(), 1, 4095));
-    return Write(REG_SHUTTER, m_iExpLines);
+    Write(REG_SHUTTER, m_iExpLines);
+    return true;
 }
 
 bool CCameraSCobaltCol::GetFPSPerc(int* percent, bool* autoMode)

@@ -249,7 +249,7 @@ bool CEbony::Cam_SetResolution()
     const bool b3 = InHardBin3();
     m_Vars.iMinHMAX = b3 ? m_E.iMinBin3 : m_E.iMinFull;
     Fpga(FPGA_HOLD, 1);
-    WriteFpga(FPGA_START_Y, b3 ? m_E.bFpgaYBin3 : m_E.bFpgaYFull, 2);
+    Fpga(FPGA_START_Y, b3 ? m_E.bFpgaYBin3 : m_E.bFpgaYFull);
     model::RunTable8(*this, b3 ? m_E.modeBin3 : m_E.modeFull);
     WriteBytes(REG_LINES, uint32_t(SensorH() + m_E.iLineMargin), 2);
     WriteSensorSizeToFpga();

@@ -260,7 +260,8 @@ bool CGarnet::SetFPSPerc(int percent, bool autoMode)
                   static_cast<unsigned>(m_iHMAX));
     }
     m_iExpLines = static_cast<int32_t>(std::clamp<int64_t>(ShutterLines(m_iCMOSClk), 1, LINES_MAX));
-    return Write(REG_SHUTTER, m_iExpLines);
+    Write(REG_SHUTTER, m_iExpLines);
+    return true;
 }
 
 bool CGarnet::GetFPSPerc(int* percent, bool* autoMode)

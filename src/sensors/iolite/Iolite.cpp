@@ -128,7 +128,8 @@ bool CCameraSIoliteMono::SetFPSPerc(int percent, bool /*autoMode*/)
     if (percent != 1 && percent != 2)
         return false;
     SetCMOSClk(percent == 1 ? CLK_SLOW : CLK_NORMAL);
-    return SetExp(m_lExposure, m_bAutoExp);
+    SetExp(m_lExposure, m_bAutoExp);
+    return true;
 }
 
 bool CCameraSIoliteMono::GetFPSPerc(int* percent, bool* autoMode)
@@ -142,7 +143,8 @@ bool CCameraSIoliteMono::SetHighSpeedMode(bool on)
 {
     m_bHighSpeed = on;
     SetCMOSClk(on ? CLK_NORMAL : CLK_SLOW);
-    return SetExp(m_lExposure, m_bAutoExp);
+    SetExp(m_lExposure, m_bAutoExp);
+    return true;
 }
 
 void CCameraSIoliteMono::SetRGBBalance(int /*red*/, int /*blue*/, bool autoMode)

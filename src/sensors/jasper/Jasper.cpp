@@ -174,8 +174,8 @@ bool CCameraSJasperCol::Cam_SetResolution()
 {
     const bool bBin = InHardBin2();
     Write8(REG_READ_MODE, bBin ? 0x22 : 0);
-    WriteFpga(FPGA_START_X, 4, 2);
-    WriteFpga(FPGA_START_Y, bBin ? 7 : 13, 2);
+    Fpga(FPGA_START_X, 4);
+    Fpga(FPGA_START_Y, bBin ? 7 : 13);
     WriteBytes(REG_WINDOW_WIDTH, uint32_t(m_iWidth * m_iBin + (bBin ? 4 : 0)), 2);
     WriteBytes(REG_WINDOW_HEIGHT, uint32_t(m_iHeight * m_iBin), 2);
     WriteFpga(FPGA_WIDTH, uint32_t(SensorW()), 2);

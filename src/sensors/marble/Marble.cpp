@@ -201,8 +201,8 @@ bool CMarble<Base>::Cam_SetResolution()
     this->Fpga(FPGA_HOLD, 1);
     this->Write8(REG_READ_MODE, bBin ? 0x23 : 0);
     this->Write8(REG_READ_MODE2, bBin ? 1 : 0);
-    this->WriteFpga(FPGA_START_X, 0, 2);
-    this->WriteFpga(FPGA_START_Y, bBin ? 11 : 15, 2);
+    this->Fpga(FPGA_START_X, 0);
+    this->Fpga(FPGA_START_Y, bBin ? 11 : 15);
     this->WriteBytes(REG_WINDOW_HEIGHT, uint32_t(this->m_iHeight * this->m_iBin), 2);
     this->WriteBytes(REG_WINDOW_WIDTH, uint32_t(this->m_iWidth * this->m_iBin), 2);
     this->WriteSensorSizeToFpga();

@@ -297,8 +297,8 @@ bool CQuartz<Base>::Cam_SetResolution()
     const bool bBin = this->InHardBin2();
     this->Fpga(FPGA_HOLD, 1);
     this->Write8(REG_READ_MODE, bBin ? 0x22 : 0);
-    this->WriteFpga(FPGA_START_X, bBin ? m_Q.bFpgaXBin : m_Q.bFpgaX, 2);
-    this->WriteFpga(FPGA_START_Y, bBin ? m_Q.bFpgaYBin : m_Q.bFpgaY, 2);
+    this->Fpga(FPGA_START_X, bBin ? m_Q.bFpgaXBin : m_Q.bFpgaX);
+    this->Fpga(FPGA_START_Y, bBin ? m_Q.bFpgaYBin : m_Q.bFpgaY);
     this->WriteBytes(m_Q.wRegWidth, uint32_t(this->m_iWidth * this->m_iBin), 2);
     this->WriteBytes(m_Q.wRegHeight, uint32_t(this->m_iHeight * this->m_iBin), 2);
     this->WriteSensorSizeToFpga();
