@@ -206,10 +206,8 @@ TEST_F(Loader, SectorErasePollsUntilIdle)
     EXPECT_EQ(EraseSectorOfSPIFlash(0x10007, 196), FX3_FW_SUCCESS);  // 16 bits of the sector
     EXPECT_EQ(Shapes(), (Lines{ "out 196 0001 0007 0", "in 196 0000 0007 1", "in 196 0000 0007 1", "in 196 0000 0007 1",
                                 "in 196 0000 0007 1" }));
-    for (const bool bIn : { false, true }) {
-        dev.OnFail = [&](const RecordedRequest& r) { return r.bIn == bIn; };
-        EXPECT_EQ(EraseSectorOfSPIFlash(1, 196), FX3_FW_FAILED);
-    }
+    dev.OnFail = [](const RecordedRequest&) { return true; };
+    EXPECT_FALSE(IsBootLoaderRunning());
 }
 
 TEST_F(Loader, SpiImage)
@@ -234,10 +232,12 @@ TEST_F(Loader, SpiImage)
     EXPECT_EQ(last[0], image[65536]);
     EXPECT_EQ(last[1], image[63489]);
 
-    dev.OnFail = [](const RecordedRequest& r) { return r.bRequest == 194; };
-    EXPECT_EQ(DownloadBuftoSPIFLASH(image.data(), 10, 196), FX3_FW_FAILED);
-    dev.OnFail = [](const RecordedRequest& r) { return r.bRequest == 196; };
-    EXPECT_EQ(DownloadBuftoSPIFLASH(image.data(), 10, 196), FX3_FW_ERASE_FAILED);
+    for (int iRefused = 0; iRefused < 5; ++iRefused) {  // erase, its poll, three blocks
+        dev.OnFail = [n = 0, iRefused](const RecordedRequest&) mutable { return n++ == iRefused; };
+        dev.Clear();
+        EXPECT_EQ(DownloadBuftoSPIFLASH(image.data(), 5000, 196), iRefused < 2 ? FX3_FW_ERASE_FAILED : FX3_FW_FAILED);
+        EXPECT_EQ(Shapes().size(), size_t(iRefused + 1)) << "ends at the first failure";
+    }
 }
 
 TEST_F(Loader, I2cImage)
@@ -274,9 +274,18 @@ TEST_F(Loader, I2cImage)
     }
     EXPECT_EQ(DownloadBuftoI2CE2PROM(image.data(), 2, 186), FX3_FW_BAD_I2C_SIZE);
     EXPECT_EQ(Shapes(), Lines{});
+    for (const int code : { 2, 3, 4, 5, 6 }) {  // where a device ends the next one begins
+        image[2] = static_cast<uint8_t>(0xF1 | code << 1);
+        EXPECT_EQ(DownloadBuftoI2CE2PROM(image.data(), (1024 << code) + 2048, 186), FX3_FW_SUCCESS);
+        const Lines device = Shapes();
+        EXPECT_EQ(device[device.size() - 2].substr(0, 12), "out 186 0000") << code;
+        EXPECT_EQ(device.back(), "out 186 0001 0000 2048") << code;
+    }
     image[2] = 4;
-    dev.OnFail = [](const RecordedRequest& r) { return r.bRequest == 187; };
-    EXPECT_EQ(DownloadBuftoI2CE2PROM(image.data(), 100, 186), FX3_FW_FAILED);
+    for (int iRefused = 0; iRefused < 4; ++iRefused) {  // page, rest, read-back
+        dev.OnFail = [n = 0, iRefused](const RecordedRequest&) mutable { return n++ == iRefused; };
+        EXPECT_EQ(DownloadBuftoI2CE2PROM(image.data(), 2048 + 10, 186), iRefused < 3 ? FX3_FW_FAILED : FX3_FW_SUCCESS);
+    }
 }
 
 TEST_F(Loader, RamImage)
@@ -291,11 +300,13 @@ TEST_F(Loader, RamImage)
     EXPECT_EQ(Shapes(), tries + tries + tries + Lines{ "out 160 2345 4001 0" });  // QUIRK: written three times
 
     // Only the last try counts.
-    int iTry = 0;
-    dev.OnFail = [&](const RecordedRequest& r) { return r.bIn && ++iTry <= 2; };
-    EXPECT_EQ(Load(), FX3_FW_SUCCESS);
-    dev.OnFail = [&](const RecordedRequest& r) { return r.bIn && r.wLength != 0; };
-    EXPECT_EQ(Load(), FX3_FW_FAILED);
+    for (const bool bIn : { false, true })
+        for (const int iRefused : { 2, 3 }) {
+            dev.OnFail = [=, n = 0](const RecordedRequest& r) mutable {
+                return r.bIn == bIn && r.wLength != 0 && n++ < iRefused;
+            };
+            EXPECT_EQ(Load(), iRefused < 3 ? FX3_FW_SUCCESS : FX3_FW_FAILED);
+        }
     dev.OnFail = nullptr;
     dev.OnIn = nullptr;  // reads zeros: a difference
     EXPECT_EQ(Load(), FX3_FW_FAILED);
@@ -311,22 +322,32 @@ TEST_F(Loader, RamImageThatEndsTooEarly)
 {
     bReadRequest = 160;
     Bytes image = { 'C', 'Y', 0, 0, 8, 0, 0, 0, 0, 0, 0, 0 };
-    image.resize(32, 1);
     image.resize(36, 1);
     image.shrink_to_fit();
     // 32 bytes claimed, 24 there: written with zeros for the rest, then error 5.
-    dev.OnFail = [this](const RecordedRequest& r) {
-        if (!r.bIn)
-            std::copy(r.data.begin(), r.data.end(), memory.begin());
-        return false;
-    };
     EXPECT_EQ(DownloadFwToRam(image.data(), 36, 160), FX3_FW_SECTION_TOO_LONG);
     EXPECT_EQ(dev.Take().front().data.back(), 0);
     image[5] = 1;  // a block longer than the whole image
     EXPECT_EQ(DownloadFwToRam(image.data(), 36, 160), FX3_FW_BLOCK_TOO_LONG);
-    image.resize(4);
-    EXPECT_EQ(DownloadFwToRam(image.data(), 4, 160), FX3_FW_SECTION_TOO_LONG);
     EXPECT_EQ(Shapes(), Lines{});
+
+    // A section of two words and one of a thousand, cut anywhere before the end mark. A block that is longer than all of
+    // the image is told apart from one that only runs out of it.
+    Bytes whole = { 'C', 'Y', 0, 0, 2, 0, 0, 0, 0, 1, 0, 0, 1, 2, 3, 4, 5, 6, 7, 8, 0xE8, 3, 0, 0, 0, 0x30, 0, 0 };
+    whole.resize(28 + 4000, 6);
+    for (size_t n = 2; n < whole.size(); n += n < 40 || n + 40 > whole.size() ? 1 : 509) {
+        image.assign(whole.begin(), whole.begin() + ptrdiff_t(n));
+        image.shrink_to_fit();
+        EXPECT_EQ(DownloadFwToRam(image.data(), uint32_t(n), 160),
+                  n >= 28 && n < 2048 ? FX3_FW_BLOCK_TOO_LONG : FX3_FW_SECTION_TOO_LONG) << n;
+    }
+    // The count of bytes wraps: the last of these sections is one word long, and zeros behind it end the image.
+    for (const uint8_t b : { uint8_t{ 0x3F }, uint8_t{ 0xFF }, uint8_t{ 0x40 } }) {
+        const uint8_t lo = b == 0x40 ? 0 : 0xFF;
+        image = { 'C', 'Y', 0, 0, uint8_t(lo | 1), lo, lo, b, 0, 1, 0, 0 };
+        image.resize(3000);
+        EXPECT_EQ(DownloadFwToRam(image.data(), 3000, 160), b == 0x40 ? FX3_FW_SUCCESS : FX3_FW_SECTION_TOO_LONG);
+    }
 }
 
 TEST_F(Loader, FromFile)
@@ -349,6 +370,7 @@ TEST_F(Loader, FromFile)
     std::filesystem::remove(sPath);
     EXPECT_EQ(DownloadFw(szPath, FX3_MEDIA_RAM), FX3_FW_NO_FILE);
     EXPECT_EQ(DownloadFw(sFolder.c_str(), FX3_MEDIA_RAM), FX3_FW_NO_FILE);
+    EXPECT_EQ(DownloadFw("/proc/self/mem", FX3_MEDIA_RAM), FX3_FW_NO_FILE);  // opens, but has no size
 }
 
 }  // namespace
