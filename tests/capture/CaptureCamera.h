@@ -227,6 +227,13 @@ struct Rig {
         return size_t(std::count(v.begin(), v.end(), s));
     }
     bool Waiting(size_t n) { return Until([&] { return usb.dev.Outstanding() == n; }); }
+    // Sends a frame that the thread throws away, and waits until it asks for the next one.
+    bool SendBad(std::vector<uint8_t> frame, size_t nResets = 1)
+    {
+        const size_t n = Events("reset 82");
+        usb.Send(std::move(frame));
+        return Until([&] { return Events("reset 82") == n + nResets; }) && Waiting(1);
+    }
     std::string Log() const { return usb.dev.Log(); }
 
     FakeCamera usb;
@@ -265,4 +272,14 @@ inline std::vector<uint8_t> FrameB(size_t bytes, unsigned seed, bool bTail = fal
         Put16(v, bytes - 2, 0x11AA);
     }
     return v;
+}
+inline bool HasMarksA(Family f)
+{
+    return f != Family::Garnet && f != Family::GarnetS && f != Family::Cobalt && f != Family::Iolite && f != Family::Dunite &&
+           f != Family::Agate;
+}
+// With the marks of the family.
+inline std::vector<uint8_t> FrameOf(Family f, size_t bytes, unsigned seed)
+{
+    return HasMarksA(f) ? FrameA(bytes, seed) : FrameB(bytes, seed, f == Family::GarnetS);
 }

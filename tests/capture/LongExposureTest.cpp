@@ -13,6 +13,7 @@ struct LongRow {
     uint8_t firmware;
     const char* szPass; // log of one pass, without the start of the thread
     uint32_t msLeast, msMost;
+    friend void PrintTo(const LongRow& r, std::ostream* p) { *p << r.szName; }
 };
 
 // Registers of the fake sensor: aaaa streaming, bbbb sleep.
@@ -51,9 +52,7 @@ uint32_t Snap(Rig& r, const LongRow& row)
     r.usb.dev.OnIn = [](const RecordedRequest&, uint8_t* p, uint16_t n) { std::memset(p, 4, n); };
     r.usb.dev.Clear();
     // The frame lies ready, and the pass lasts as long as the pause.
-    const bool bFormB = row.family == Family::Garnet || row.family == Family::GarnetS || row.family == Family::Cobalt ||
-                        row.family == Family::Iolite || row.family == Family::Dunite;
-    r.usb.Send(bFormB ? FrameB(S, 1, row.family == Family::GarnetS) : FrameA(S, 1));
+    r.usb.Send(FrameOf(row.family, S, 1));
     const uint32_t dwStart = platform::Ticks();
     r.cam.StartExposure();
     EXPECT_TRUE(Until([&] { return r.cam.m_ExpStatus == EXP_SUCCESS; }));
@@ -150,6 +149,33 @@ TEST(LongExposureEnd, ShorterExposureEndsThePauseAndTheMode)
         const size_t end = sLog.rfind("out 166 aaaa 0000\n");
         EXPECT_EQ(sLog.substr(end - row.sTail.size(), row.sTail.size()), row.sTail);
     }
+}
+
+// Kyanite, Quartz and Ebony notice within a step of 200 ms; new Lapis firmware keeps one to five steps back.
+TEST(LongExposureEnd, AChangeOrAStopOpensTheGate)
+{
+    for (const Family f : { Family::Kyanite, Family::Quartz, Family::Lapis, Family::Ebony })
+        for (const bool bStop : { false, true }) {
+            SCOPED_TRACE(testing::Message() << int(f) << (bStop ? " stop" : " change"));
+            const FastClock fast(20);
+            Rig r(f, false, W, H, "Gate");
+            r.cam.m_FirmwareVer = 18;
+            r.cam.m_bLongExp = true;
+            r.cam.m_lExposure = 60000000;
+            r.cam.StartExposure();
+            ASSERT_TRUE(Until([&] { return r.Log().find("out 189 000b 0001") != std::string::npos; }));
+            platform::SleepMs(2000);
+            const uint32_t dwStart = platform::Ticks();
+            if (bStop)
+                r.cam.StopExposure();
+            else
+                r.cam.m_lExposure = 5000000;
+            ASSERT_TRUE(Until([&] { return r.Log().find("out 189 000b 0000") != std::string::npos; }));
+            EXPECT_LT(platform::Ticks() - dwStart, 5000u);
+            r.usb.Send(FrameA(S, 1));
+            EXPECT_TRUE(r.cam.Ended(100000));
+            EXPECT_EQ(r.cam.m_ExpStatus, bStop ? EXP_IDLE : EXP_SUCCESS);
+        }
 }
 
 TEST(LongExposureEnd, CobaltLeavesThroughItsInnerSetters)

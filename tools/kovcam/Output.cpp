@@ -103,7 +103,8 @@ void WriteFits(const std::string& path, const Picture& p)
     f.Close();
 }
 
-void WritePng(const std::string& path, const Picture& p, Stretch stretch)
+// What a PNG shows: grey, or red, green, blue (mosaics are interpolated).
+static std::vector<uint8_t> Render(const Picture& p, Stretch stretch, int* pChannels)
 {
     const size_t n = Pixels(p) * static_cast<size_t>(Channels(p));
     std::vector<uint16_t> wide;
@@ -121,7 +122,6 @@ void WritePng(const std::string& path, const Picture& p, Stretch stretch)
 
     const bool bMosaic = p.bColor && (p.type == IMG_RAW8 || p.type == IMG_RAW16);
     const bool bEven = p.iWidth % 2 == 0 && p.iHeight % 2 == 0;
-    const volatile bool bRgb = p.type == IMG_RGB24 || (bMosaic && bEven);
     if (bMosaic && bEven) {
         std::vector<uint8_t> rgb(3 * Pixels(p));
         CAlgorithm a;
@@ -131,11 +131,18 @@ void WritePng(const std::string& path, const Picture& p, Stretch stretch)
         (a.*forms[p.pattern & 3])(shown.data(), rgb.data(), p.iWidth, p.iHeight);
         shown.swap(rgb);
     }
-
-    if (bRgb)
+    *pChannels = p.type == IMG_RGB24 || (bMosaic && bEven) ? 3 : 1;
+    if (*pChannels == 3)
         for (size_t i = 0; i < shown.size(); i += 3)
             std::swap(shown[i], shown[i + 2]);
-    kovtools::WritePngFile(path, p.iWidth, p.iHeight, bRgb ? 3 : 1, shown.data());
+    return shown;
+}
+
+void WritePng(const std::string& path, const Picture& p, Stretch stretch)
+{
+    int channels;
+    const std::vector<uint8_t> shown = Render(p, stretch, &channels);
+    kovtools::WritePngFile(path, p.iWidth, p.iHeight, channels, shown.data());
 }
 
 SerWriter::SerWriter(const std::string& path, const Picture& first)
