@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
 # fuzz/run.sh [SECONDS] [NAME...]: fuzzes every parser of outside bytes, or the named ones, that many seconds each.
+# A parser that random bytes hardly ever get into begins with the files of fuzz/seeds/NAME.
 # What was found interesting is kept in fuzz/corpus/NAME, an input that fails in build/fuzz/NAME-crash-*.
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -32,9 +33,11 @@ for name in "${names[@]}"; do
     clang++ -std=c++20 -g -O1 -fsanitize=fuzzer,$sanitizers -fno-sanitize-recover=undefined -Iinclude -Isrc -I. \
         "fuzz/$name.cpp" -o "$build/$name" $build/virtual/libkovvirtual.a $build/src/libkovcore.a "${libs[@]}" -lpthread -ldl
     mkdir -p "fuzz/corpus/$name"
+    corpora=("fuzz/corpus/$name")
+    [ -d "fuzz/seeds/$name" ] && corpora+=("fuzz/seeds/$name")
     printf '%s: ' "$name"
     # A hang counts as a failure too; leaks are looked for at the end.
-    if ! "$build/$name" "fuzz/corpus/$name" -max_total_time="$seconds" -timeout=10 -rss_limit_mb=2048 \
+    if ! "$build/$name" "${corpora[@]}" -max_total_time="$seconds" -timeout=10 -rss_limit_mb=2048 \
         -artifact_prefix="$build/$name-" -print_final_stats=0 -verbosity=0 >"$build/$name.log" 2>&1; then
         echo "FAILED, see $build/$name.log"
         tail -n 25 "$build/$name.log"
