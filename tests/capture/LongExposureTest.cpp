@@ -64,7 +64,7 @@ uint32_t Snap(Rig& r, const LongRow& row)
 TEST_P(LongExposure, OneFrameOnePass)
 {
     const LongRow& row = GetParam();
-    const FastClock fast(10);
+    const FastClock fast(row.exposure > 20000000 ? 40 : 10);
     Rig r(row.family, false, W, H, row.szName);
     uint32_t dwTook = UINT32_MAX;
     const uint32_t dwMost = row.msMost * 3 / 2;  // every sleep oversleeps, ten times as much as on the real clock

@@ -77,7 +77,9 @@ TEST(AnyLoop, DamagedFramesAreDroppedAndResynchronised)
             EXPECT_EQ(r.cam.m_iDroppedFrames, nDropped);
         }
         EXPECT_TRUE(r.cam.Notes().empty() || f == Family::Cobalt) << r.cam.Notes()[0];
-        r.cam.StopCapture();
+        r.cam.m_bCapturing = false;
+        r.usb.Send(FrameOf(f, S, 4));
+        EXPECT_TRUE(r.cam.Ended());
         EXPECT_EQ(r.cam.m_iDroppedFrames, 0u);
     }
 }
@@ -332,7 +334,7 @@ TEST(SmallChunkLoops, RunsOfBadFramesResetTheCamera)
         EXPECT_EQ(r.Events("resetport"), row.nPorts);
         EXPECT_EQ(r.cam.m_iDroppedFrames, uint32_t(row.limit + 1));
         r.usb.dev.Clear();
-        for (int i = 1; i <= 3; ++i)
+        for (int i = 1; i <= 2; ++i)
             ASSERT_TRUE(r.SendBad(Body(100, 1)));
         EXPECT_EQ(r.Log(), "");
     }

@@ -29,6 +29,7 @@ struct FormRow {
     bool bSmallChunk;       // loop of the USB 2 cameras
     bool bTag, bTail;       // marks beside the head
     int w, h;
+    friend void PrintTo(const FormRow& f, std::ostream* p) { *p << f.szName; }
 };
 
 // clang-format off
@@ -278,5 +279,8 @@ class FormTest : public FaultTest, public testing::WithParamInterface<FormRow> {
 protected:
     const FormRow& Form() const { return GetParam(); }
 };
+
+// What does not depend on the form: one of each loop and of each way to queue.
+class SomeFormsTest : public FormTest {};
 
 inline std::string NameOf(const testing::TestParamInfo<FormRow>& info) { return info.param.szName; }

@@ -15,10 +15,7 @@
 
 namespace fake {
 
-enum Reg : uint16_t {
-    STREAM, HELD, X, Y, W, H, BIN, SUMS, SAMPLES, EXPOSURE_100US, FRAME_100US, GAIN_PERCENT, BLACK, AFTER_HOLD_MS,
-    GAIN_R_PERCENT, SHIFT_X0, SHIFT_X1, VALID, COUNT, TEMP_READ = 100
-};
+enum Reg : uint16_t { STREAM, HELD, X, Y, W, H, FRAME_100US, COUNT };
 
 class Sensor final : public kovsim::Profile {
 public:
@@ -28,17 +25,12 @@ public:
         std::memset(m_Reg, 0, sizeof m_Reg);
         m_Reg[W] = uint16_t(m_Facts.iWidth);
         m_Reg[H] = uint16_t(m_Facts.iHeight);
-        m_Reg[BIN] = m_Reg[VALID] = 1;
-        m_Reg[EXPOSURE_100US] = m_Reg[FRAME_100US] = 100;
-        m_Reg[GAIN_PERCENT] = m_Reg[GAIN_R_PERCENT] = 100;
+        m_Reg[FRAME_100US] = 100;
         m_bUsb = false;
     }
     bool WriteReg16(uint16_t reg, uint16_t v) override { return reg < COUNT && (m_Reg[reg] = v, true); }
     bool WriteReg8(uint16_t reg, uint8_t v) override { return WriteReg16(reg, v); }
-    uint16_t ReadReg16(uint16_t reg) override
-    {
-        return reg == TEMP_READ ? uint16_t(m_dCelsius * 10) : reg < COUNT ? m_Reg[reg] : uint16_t(0);
-    }
+    uint16_t ReadReg16(uint16_t reg) override { return reg < COUNT ? m_Reg[reg] : uint16_t(0); }
     uint8_t ReadReg8(uint16_t reg) override { return uint8_t(ReadReg16(reg)); }
     void WriteFpga(uint16_t reg, uint16_t v) override { m_Fpga[reg & 31] = uint8_t(v); }
     uint8_t ReadFpga(uint16_t reg) override { return m_Fpga[reg & 31]; }
@@ -48,7 +40,7 @@ public:
         if (request == 170) m_bUsb = false;
     }
     void SetTransferCount(uint32_t) override {}
-    void SetTemperature(double celsius) override { m_dCelsius = celsius; }
+    void SetTemperature(double) override {}
     kovsim::Readout Current() const override
     {
         kovsim::Readout r;
@@ -56,22 +48,12 @@ public:
         r.bHeld = m_Reg[HELD];
         r.iX = m_Reg[X];
         r.iY = m_Reg[Y];
-        r.iW = m_Reg[W];
-        r.iH = m_Reg[H];
-        r.iBin = m_Reg[BIN];
-        r.bBinSums = m_Reg[SUMS];
-        r.iShiftX[0] = int16_t(m_Reg[SHIFT_X0]);
-        r.iShiftX[1] = int16_t(m_Reg[SHIFT_X1]);
-        r.iOutW = r.iW / r.iBin;
-        r.iOutH = r.iH / r.iBin;
-        r.samples = kovsim::Samples(m_Reg[SAMPLES]);
-        r.dExposureUs = m_Reg[EXPOSURE_100US] * 100.0;
+        r.iW = r.iOutW = m_Reg[W];
+        r.iH = r.iOutH = m_Reg[H];
+        r.samples = kovsim::Samples::Bits8;
+        r.dExposureUs = 10000;
         r.dFrameUs = m_Reg[FRAME_100US] * 100.0;
-        r.dGain = m_Reg[GAIN_PERCENT] / 100.0;
-        r.dGainR = m_Reg[GAIN_R_PERCENT] / 100.0;
-        r.dBlack = m_Reg[BLACK];
-        r.dAfterHoldUs = m_Reg[AFTER_HOLD_MS] * 1000.0;
-        r.bValid = m_Reg[VALID];
+        r.bValid = true;
         return r;
     }
 
@@ -79,7 +61,6 @@ private:
     uint16_t m_Reg[COUNT] = {};
     uint8_t m_Fpga[32] = {};
     bool m_bUsb = false;
-    double m_dCelsius = 0;
 };
 
 inline kovsim::ModelFacts Facts(int w = 64, int h = 48)

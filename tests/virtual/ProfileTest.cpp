@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
-#include <set>
 #include <sstream>
 
 #include "virtual/Profile.h"
@@ -60,45 +59,6 @@ void ExpectWindow(const Readout& r, int x, int y, int w, int h, int bin, Samples
 }
 
 double Db(double gain) { return 20 * std::log10(gain); }
-
-TEST(ProfileTable, NamesEveryModelOnce)
-{
-    int count = 0;
-    const ModelFacts* models = AllModels(&count);
-    ASSERT_EQ(count, 44);
-    std::set<std::string> tokens;
-    for (int i = 0; i < count; ++i) {
-        const ModelFacts& m = models[i];
-        SCOPED_TRACE(m.sToken);
-        EXPECT_TRUE(i == 0 || m.wProductId > models[i - 1].wProductId);
-        tokens.insert(m.sToken);
-        EXPECT_EQ(m.cfa == Cfa::Mono, m.sToken.find("Mono") != std::string::npos);
-        const auto p = MakeProfile(m.wProductId, 20, true);
-        ASSERT_NE(p, nullptr);
-        EXPECT_EQ(p->Facts().sToken, m.sToken);
-        p->PowerOn();
-        p->Command(169);
-        p->Command(175);
-        // Fresh from power on nothing gives a picture, and yet the read-out has a size that can be worked with.
-        const Readout r = p->Current();
-        EXPECT_FALSE(r.bStreaming && r.bValid);
-        EXPECT_GE(r.iOutW, 1);
-        EXPECT_LE(r.iX + r.iW, m.iWidth);
-    }
-    EXPECT_EQ(tokens.size(), 44u);
-    EXPECT_EQ(MakeProfile(0xC000, 20, true), nullptr);
-    // Cells of the colour filters, marks and temperature forms of a few that differ.
-    const auto facts = [](uint16_t id) { return MakeProfile(id, 20, true)->Facts(); };
-    EXPECT_EQ(facts(0xC0AC).cfa, Cfa::GB);
-    EXPECT_EQ(facts(0xC01A).cfa, Cfa::BG);
-    EXPECT_EQ(facts(0xC07E).marks, Marks::BTail);
-    EXPECT_EQ(facts(0xC07B).marks, Marks::B);
-    EXPECT_FALSE(facts(0xC07B).bUSB3);
-    EXPECT_EQ(facts(0xC07D).temp, ModelFacts::Temp::Register);
-    EXPECT_TRUE(facts(0xC08A).bCooled);
-    EXPECT_FALSE(facts(0xC0CE).bCooled);
-    EXPECT_NEAR(facts(0xC0DA).dFullWell, 15007, 1);
-}
 
 // ---------------------------------------------------------------------------------------------------------------- Sony
 

@@ -249,51 +249,6 @@ TEST(VirtualBusPipe, RegistersTakeEffectAtTheNextFrame)
     EXPECT_EQ(h.Frame(SMALL)->moved, SMALL / 2);
 }
 
-TEST(VirtualBusFaults, FramesGoWrongAsToldAndAreCounted)
-{
-    Host h(fake::Settings(fake::Facts()));
-    struct Case { FaultKind kind; uint32_t moved; bool head, tail, tag; };
-    for (const Case& c : { Case{ FaultKind::ShortFrame, SMALL - 512, true, false, false },
-                           Case{ FaultKind::BadHead, SMALL, false, true, true },
-                           Case{ FaultKind::BadTail, SMALL, true, false, true },
-                           Case{ FaultKind::BadTag, SMALL, true, true, false } }) {
-        h.Stop();
-        const auto before = h.camera.Counters();
-        h.camera.Inject({ c.kind, 512, 1, 1 });  // the second frame
-        h.Start();
-        for (int i = 0; i < 3; ++i) {
-            auto f = h.Frame(SMALL);
-            const bool bad = i == 1;
-            ASSERT_EQ(f->moved, bad ? c.moved : SMALL) << int(c.kind) << i;
-            EXPECT_EQ(Word(f->data, 0) == 0x5A7E, !bad || c.head);
-            EXPECT_EQ(Word(f->data, SMALL - 2) == 0x3CF0, !bad || c.tail);
-            EXPECT_EQ(Word(f->data, SMALL - 4) == Word(f->data, 2), !bad || c.tag);
-        }
-        EXPECT_EQ(h.camera.Counters().uSpoiled - before.uSpoiled, 1u);
-        EXPECT_GE(h.camera.Counters().uGood - before.uGood, 2u);
-    }
-    h.Stop();
-    const auto before = h.camera.Counters();
-    h.camera.Inject({ FaultKind::NoFrame, 0, 0, 3 });
-    h.Start();
-    h.Frame(SMALL);
-    EXPECT_EQ(h.camera.Counters().uSpoiled - before.uSpoiled, 3u);
-}
-
-TEST(VirtualBusFaults, StallHaltsThePipeUntilReset)
-{
-    Host h(fake::Settings(fake::Facts()));
-    h.camera.Inject({ FaultKind::StallBulk, 0, 1, 1 });
-    h.Start();
-    EXPECT_EQ(h.Frame(SMALL)->status, Status::Ok);
-    auto r = h.Frame(SMALL);
-    EXPECT_EQ(r->status, Status::Stall);
-    EXPECT_EQ(r->moved, 0u);
-    EXPECT_EQ(h.Frame(SMALL)->status, Status::Stall);
-    EXPECT_EQ(h.device->ResetPipe(0x82), Status::Ok);
-    EXPECT_EQ(h.Frame(SMALL)->status, Status::Ok);
-}
-
 TEST(VirtualBusFaults, ControlRequestsFailOrTakeTheirTime)
 {
     Host h(fake::Settings(fake::Facts()));
@@ -356,52 +311,4 @@ TEST(VirtualBusFaults, VanishedCameraFailsEverythingAndReturnsAsAnother)
     EXPECT_EQ(h.camera.SensorReg(fake::X), 0);
     h.Start();
     EXPECT_EQ(h.Frame(SMALL)->status, Status::Ok);
-}
-
-// Two hosts' threads, a camera that comes and goes, resets in between: what the sanitizers are for.
-TEST(VirtualBusFaults, SurvivesDisorder)
-{
-    Host h(fake::Settings(fake::Facts()), 20);
-    std::atomic<bool> stop{ false };
-    std::atomic<int> ok{ 0 };
-    std::thread chaos([&] {
-        for (int i = 0; i < 60; ++i) {
-            if (i % 20 == 10) h.camera.PowerCycle();
-            h.camera.Inject({ FaultKind(i % 6), 100, 0, 1 });
-            h.camera.SetScene(Scene::Flat(float(i)));
-            std::this_thread::sleep_for(std::chrono::milliseconds(3));
-        }
-        h.camera.ClearFaults();
-        stop = true;
-    });
-    std::vector<std::thread> hosts;
-    for (int t = 0; t < 2; ++t)
-        hosts.emplace_back([&] {
-            while (!stop) {
-                const auto list = h.bus.Enumerate();
-                if (list.empty()) continue;
-                Status status;
-                std::unique_ptr<usbstack::IDevice> device(h.bus.Open(list[0].sPath, &status));
-                if (!device) continue;
-                uint32_t moved;
-                device->Control(0x40, 169, 0, 0, nullptr, 0, 0, &moved);
-                device->Control(0x40, 166, fake::STREAM, 1, nullptr, 0, 0, &moved);
-                std::vector<std::unique_ptr<Read>> reads;
-                for (int i = 0; i < 8; ++i) {
-                    reads.push_back(std::make_unique<Read>(1000));
-                    if (device->SubmitBulk(reads.back()->Request()) != Status::Ok) reads.pop_back();
-                }
-                if (!reads.empty()) reads[0]->Wait(20);
-                if (ok % 3 == 0) device->ResetPipe(0x82);
-                if (ok % 3 == 1) device->Abort(0x82);
-                device.reset();
-                for (auto& r : reads) {
-                    EXPECT_EQ(r->calls, 1);
-                    ok += r->status == Status::Ok;
-                }
-            }
-        });
-    chaos.join();
-    for (auto& t : hosts) t.join();
-    EXPECT_GT(ok, 0);
 }

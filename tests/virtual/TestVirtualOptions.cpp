@@ -3,6 +3,7 @@
 
 #include <cstdlib>
 
+#include "virtual/Profile.h"
 #include "virtual/SimOptions.h"
 
 using namespace kovsim;
@@ -50,16 +51,27 @@ TEST(VirtualOptions, EveryTokenPlugsACamera)
     const ModelFacts* models = AllModels(&count);
     EXPECT_EQ(count, 44);
     for (int i = 0; i < count; ++i) {
-        if (i) {
-            EXPECT_LT(models[i - 1].wProductId, models[i].wProductId);
-        }
+        const ModelFacts& m = models[i];
+        SCOPED_TRACE(m.sToken);
+        EXPECT_TRUE(i == 0 || m.wProductId > models[i - 1].wProductId);
+        const auto p = MakeProfile(m.wProductId, 20, true);
+        ASSERT_NE(p, nullptr);
+        p->PowerOn();
+        p->Command(169);
+        p->Command(175);
+        // Fresh from power on nothing gives a picture, and yet the read-out has a size that can be worked with.
+        const Readout r = p->Current();
+        EXPECT_FALSE(r.bStreaming && r.bValid);
+        EXPECT_GE(r.iOutW, 1);
+        EXPECT_LE(r.iX + r.iW, m.iWidth);
         SimOptions o;
         std::string error;
-        ASSERT_TRUE(ParseSimOptions(models[i].sToken + ";scene=dark;hot=0", &o, &error)) << error;
+        ASSERT_TRUE(ParseSimOptions(m.sToken + ";scene=dark;hot=0", &o, &error)) << error;
         VirtualBus bus;
         bus.Plug(o.cameras.at(0));
         const auto list = bus.Enumerate();
         ASSERT_EQ(list.size(), 1u);
-        EXPECT_EQ(list[0].wProductId, models[i].wProductId);
+        EXPECT_EQ(list[0].wProductId, m.wProductId);
     }
+    EXPECT_EQ(MakeProfile(0xC000, 20, true), nullptr);
 }

@@ -1,4 +1,5 @@
-// Light to numbers: exposure, gain, filters, binning, noise, dark current, the sky.
+// Light to numbers: exposure, gain, filters, noise, dark current, the sky. Windows, depths, bins and hot pixels are looked at
+// through the driver, in device and auto.
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -49,35 +50,7 @@ Stats StatsOf(const std::vector<uint8_t>& d)
     return { sum / double(n), sum2 / double(n) - sum / double(n) * sum / double(n) };
 }
 
-int Named(int x, int y) { return (x * 7 + y * 13) % 251; }
-
 }  // namespace
-
-TEST(VirtualPhysics, PatternNamesEveryPixelThroughWindowAndDepths)
-{
-    for (Cfa cfa : { Cfa::Mono, Cfa::RG, Cfa::GB })
-        for (int bits : { 8, 10, 12, 14, 16 }) {
-            auto f = fake::Facts(100, 80);
-            f.cfa = cfa;
-            f.iAdcBits = bits;
-            Imager imager(f, 1, 0, 0);
-            auto r = Full(f, Samples::Bits8);
-            r.iX = 30;
-            r.iY = 20;
-            r.iW = r.iOutW = 60;
-            r.iH = r.iOutH = 40;
-            const auto eight = Take(imager, r, Scene::Pattern(), 10000);
-            r.samples = Samples::Bits16;
-            const auto sixteen = Take(imager, r, Scene::Pattern(), 10000);
-            ASSERT_EQ(eight.size() * 2, sixteen.size());
-            for (int y = 0; y < 40; ++y)
-                for (int x = 0; x < 60; ++x) {
-                    const size_t i = size_t(y * 60 + x);
-                    ASSERT_EQ(eight[i], Named(x + 30, y + 20));
-                    ASSERT_EQ(sixteen[2 * i + 1], eight[i]);  // at the top of the word
-                }
-        }
-}
 
 TEST(VirtualPhysics, TwelveBitWireOrderAndPadding)
 {
@@ -120,41 +93,6 @@ TEST(VirtualPhysics, ExposureGainPedestalWellAndColours)
     EXPECT_EQ(Adu(Take(imager, r, scene, 5e6), 1), 4095);  // converter
     r.dGain = 0.5;
     EXPECT_EQ(Adu(Take(imager, r, scene, 5e6), 1), 100 + 2048);  // full well
-}
-
-TEST(VirtualPhysics, BinningSumsOrAveragesShiftedCellsOfOneColour)
-{
-    for (bool colour : { false, true })
-        for (int bin : { 2, 3, 4 }) {
-            auto f = fake::Facts(96, 96);
-            f.cfa = colour ? Cfa::RG : Cfa::Mono;
-            Imager imager(f, 1, 0, 0);
-            auto r = Full(f);
-            r.iBin = bin;
-            r.iOutW = r.iOutH = 96 / bin;
-            r.iShiftX[1] = 1;
-            r.iShiftY[0] = 2;
-            r.dBlack = 10;
-            for (bool sums : { false, true }) {
-                r.bBinSums = sums;
-                const auto d = Take(imager, r, Scene::Pattern(), sums ? 500 : 5000);
-                for (int y : { 0, 1, 2, 9 })
-                    for (int x : { 0, 1, 4, 7 }) {
-                        double e = 0;  // full wells
-                        for (int j = 0; j < bin; ++j)
-                            for (int i = 0; i < bin; ++i) {
-                                const int step = colour ? 2 : 1;
-                                const int sx = (colour ? 2 * bin * (x / 2) + x % 2 : bin * x) + i * step + (x % 2 ? 1 : 0);
-                                const int sy = (colour ? 2 * bin * (y / 2) + y % 2 : bin * y) + j * step + (y % 2 ? 0 : 2);
-                                e += (Named(sx, sy) + 0.5) / 256 * (sums ? 0.05 : 0.5);
-                            }
-                        const int n = bin * bin;
-                        const double expect = sums ? 10 * n + e * 4096 : 10 + e * 4096 / n;
-                        ASSERT_NEAR(Adu(d, size_t(y * r.iOutW + x)), std::floor(std::min(expect, 4095.0)), 1)
-                            << colour << bin << sums << x << y;
-                    }
-            }
-        }
 }
 
 TEST(VirtualPhysics, NoiseHasTheVarianceOfItsElectrons)
@@ -205,29 +143,6 @@ TEST(VirtualPhysics, DarkCurrentDoublesEverySixDegrees)
     }
 }
 
-TEST(VirtualPhysics, HotPixelsLieWhereTheCameraSays)
-{
-    auto s = fake::Settings(fake::Facts(200, 100));
-    s.scene = Scene::Dark();
-    s.iHotPixels = 12;
-    s.uSeed = 9;
-    Host h(s);
-    const auto hot = h.camera.HotPixels();
-    ASSERT_GE(hot.size(), 10u);
-    h.Set(fake::SAMPLES, 1);
-    h.Set(fake::EXPOSURE_100US, 1000);
-    h.Set(fake::FRAME_100US, 1000);
-    h.Start();
-    const auto frame = h.Frame(200 * 100 * 2);
-    size_t lit = 0;
-    for (size_t i = 2; i < 200 * 100 - 2; ++i) lit += Adu(frame->data, i) > 0;
-    for (const HotPixel& p : hot) {
-        const double e = std::min(p.dElectronsPerSecond * 0.1, h.camera.Facts().dFullWell);
-        EXPECT_NEAR(Adu(frame->data, size_t(p.y * 200 + p.x)), std::floor(e * 4096 / 20000), 1);
-    }
-    EXPECT_EQ(lit, hot.size());
-}
-
 TEST(VirtualPhysics, InvalidRegistersGiveNoiseOfTheAskedSize)
 {
     const auto f = fake::Facts(33, 7);
@@ -237,38 +152,6 @@ TEST(VirtualPhysics, InvalidRegistersGiveNoiseOfTheAskedSize)
     const auto d = Take(imager, r, Scene::Dark(), 1000);
     ASSERT_EQ(d.size(), 33u * 7);
     EXPECT_NE(std::count(d.begin(), d.end(), d[0]), long(d.size()));
-}
-
-TEST(VirtualHeld, ReleaseGivesOneFrameWithTheWholeTime)
-{
-    auto f = fake::Facts();
-    f.dFullWell = 4096;
-    for (int after : { 0, 500 }) {
-        auto s = fake::Settings(f);
-        s.scene = Scene::Flat(1000);
-        Host h(s, 10);
-        h.Set(fake::SAMPLES, 1);
-        h.Set(fake::FRAME_100US, 500);
-        h.Set(fake::EXPOSURE_100US, 500);
-        h.Set(fake::AFTER_HOLD_MS, uint16_t(after));
-        h.Start();
-        h.Frame(64 * 48 * 2);
-        h.Set(fake::HELD, 1);
-        h.device->ResetPipe(0x82);
-        fake::Read r(64 * 48 * 2);
-        ASSERT_EQ(h.device->SubmitBulk(r.Request()), usbstack::Status::Ok);
-        EXPECT_FALSE(r.Wait(150));  // 1.5 s: nothing comes while it is held
-        h.Set(fake::HELD, 0);
-        ASSERT_TRUE(r.Wait());
-        const auto log = h.camera.Requests();
-        double held = 0;
-        for (const auto& q : log)
-            if (q.bRequest == 166 && q.wValue == fake::HELD) held = double(q.uTimeUs) - held;
-        EXPECT_GT(held, 1.5e6);
-        EXPECT_NEAR(Adu(r.data, 100), (held + after * 1000) / 1000, 30);
-        // Then ordinary frames again.
-        EXPECT_EQ(Adu(h.Frame(64 * 48 * 2)->data, 100), 50);
-    }
 }
 
 TEST(VirtualHeld, ReleaseWithoutStreamingLosesTheExposure)
@@ -347,36 +230,6 @@ TEST(VirtualSky, StarsLieWhereThePinholeSaysAndHaveTheirLight)
     }
     EXPECT_NEAR(find(21421).dRa, 68.98, 0.01);  // Aldebaran
     EXPECT_GT(Stars().size(), 4000u);
-}
-
-TEST(VirtualSky, GuidingMovesTheStarsInTheFrames)
-{
-    auto f = fake::Facts(400, 300);
-    auto s = fake::Settings(f);
-    s.scene = Scene::Parse("sky:56.8712,24.1051,135", nullptr);  // on Alcyone
-    Host h(s, 10);
-    h.Start();
-    const auto brightest = [&] {
-        h.device->ResetPipe(0x82);
-        h.Frame(400 * 300);
-        const auto d = h.Frame(400 * 300);
-        double sum = 0, sx = 0;
-        for (size_t i = 8; i < 400 * 300 - 8; ++i)
-            if (d->data[i] > 10) {
-                sum += d->data[i];
-                sx += double(d->data[i]) * double(i % 400);
-            }
-        return sx / sum;
-    };
-    h.Set(fake::GAIN_PERCENT, 400);
-    const double x0 = brightest();
-    EXPECT_NEAR(x0, 199.5, 2);
-    h.Out(176, 2);
-    std::this_thread::sleep_for(std::chrono::milliseconds(600));  // 6 s, 45 arc seconds
-    h.Out(177, 2);
-    const double moved = h.camera.GuideX() / (2.9e-3 / 135 * 180 / M_PI * 3600);
-    EXPECT_GT(moved, 5);
-    EXPECT_NEAR(brightest() - x0, moved, 0.3);
 }
 
 TEST(VirtualScenes, TextFormsAndPictures)
