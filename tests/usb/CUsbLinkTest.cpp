@@ -32,6 +32,10 @@ TEST(CUsbLink, OpenReadsEverything)
     ASSERT_TRUE(link.IsOpen());
     EXPECT_EQ(driver.log, (Strings{ "list", "interface 0", "interface 1", "destroy", "list", "info", "property 35 259",
                                     "property 13 259", "interface 0", "path", "open", "destroy" }));
+    // Device, language, three strings, both halves of the BOS; driver name, address and speed; configuration; setting.
+    std::vector<uint32_t> codes(11, 0x220020);
+    codes.insert(codes.end(), { 0x220010, 0x22003C, 0x220040, 0x220000, 0x220004, 0x22004C, 0x220020, 0x220020, 0x220008 });
+    EXPECT_EQ(driver.codes, codes);
     EXPECT_EQ(link.m_wVendorId, 0x0E5A);
     EXPECT_EQ(link.m_wProductId, 0xC11A);
     EXPECT_EQ(link.m_uMaxPacketSize0, 512u);  // USB 3: a power of two
@@ -300,9 +304,11 @@ TEST(CUsbLink, PortRequests)
     StackScope s;
     FakeUsbDevice& dev = s.stack.Add(0xC11A);
     CUsbLink link(nullptr, Slot(10), true);
+    ForwardDriver driver;
     EXPECT_TRUE(link.ResetParentPort());
     EXPECT_TRUE(link.CyclePort());
     EXPECT_EQ(dev.Events(), (Strings{ "resetport", "cycleport" }));
+    EXPECT_EQ(driver.codes, (std::vector<uint32_t>{ 0x220030, 0x220028 }));
     EXPECT_FALSE(link.ResetParentPort());  // the object is stale
     EXPECT_EQ(link.m_uLastError, platform::ERROR_GONE);
     EXPECT_TRUE(link.Open(0));

@@ -220,7 +220,7 @@ TEST(EndPoints, WaitOrAbortAbortsTwiceAtMost)
         EventSlot ov;
         int iAborts = 0;
         driver.onIo = [&](const DriverCall& c, uint8_t*, Overlapped*) -> uint32_t {
-            if (c.dwCode != platform::IO_ABORT_PIPE)
+            if (c.dwCode != 0x220044)
                 return platform::ERROR_PENDING;
             EXPECT_EQ(c.in, std::vector<uint8_t>{ 0x82 });
             EXPECT_TRUE(c.bOverlapped);
