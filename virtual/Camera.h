@@ -45,7 +45,7 @@ public:
 // A frame on its way to the host.
 struct FrameInFlight {
     std::shared_ptr<const std::vector<uint8_t>> pixels;
-    uint8_t head[4], tail[4];
+    uint8_t head[4] = {}, tail[4] = {};
     uint32_t uHead = 0, uTail = 0;  // bytes of marks
     uint32_t uFull = 0;             // where the tail belongs
     uint32_t uSize = 0;             // what is sent

@@ -55,7 +55,7 @@ TEST_F(Registry, TypesAndSizesOfASave)
 {
     TestCamera cam;
     cam.m_lExposure = 0x123456789;
-    cam.m_iBL_OO = 0x1FE;
+    cam.m_iBL_OO = 0xFE;
     cam.m_bFlipRow = true;
     cam.m_bUSB3Host = false;
     cam.m_iFPSPerc = 77;
