@@ -1,12 +1,13 @@
 // What all model classes do alike, over any of the three bases. A family derives from CModel<Base> and adds its sensor.
 //
 //   template <class Base> class CQuartz : public CModel<Base> { ... };          family
-//   class CCameraSQuartzCol final : public CQuartz<CCameraBase> { ... };        model
+//   class CCameraSQuartzCol final : public CWhole<CQuartz<CCameraBase>> { ... };  model
 //
-// The model's constructor ends with FinishConstruction() and its destructor calls Shutdown(), because both need the
-// virtual operations of the whole class.
+// A model class holds its constructor, which names its rows, and nothing else. A family of one model is a final class of
+// its own, without CWhole.
 #pragma once
 #include <span>
+#include <utility>
 
 #include "capture/Capture.h"
 #include "core/CCameraBase.h"
@@ -55,9 +56,10 @@ public:
     }
 
 protected:
+    // Last step of every constructor; needs the virtual operations of the whole family.
     void FinishConstruction() { model::FinishConstruction(*this, m_Traits); }
-    // The destructor of every final class calls it: threads must end while the class is still whole. Saves and closes,
-    // unless the C interface owns the object and has closed it already.
+    // First step of every destructor: threads must end while the class is still whole. Saves and closes, unless the C
+    // interface owns the object and has closed it already.
     void Shutdown()
     {
         if (!this->m_bOwnedByFrame) {
@@ -82,4 +84,16 @@ protected:
 
 private:
     CaptureSession m_Session;
+};
+
+// Both ends of a model's life, over a family that implements all operations.
+template <class Family>
+class CWhole : public Family {
+public:
+    template <class... Args>
+    explicit CWhole(Args&&... args) : Family(std::forward<Args>(args)...)
+    {
+        this->FinishConstruction();
+    }
+    ~CWhole() override { this->Shutdown(); }
 };

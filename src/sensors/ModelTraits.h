@@ -1,4 +1,5 @@
-// One row a model: everything in which the constructors of the model classes differ.
+// One row a model: everything in which the constructors of the model classes differ. A row names what it does not share
+// with most models; rows that begin as another model's are made with Named, Mono and Cooled.
 #pragma once
 #include <cstdint>
 #include <initializer_list>
@@ -26,8 +27,13 @@ struct Range { int32_t iMin, iMax, iDef; };
 enum : uint16_t {
     CAP_BRIGHTNESS = 1, CAP_BANDWIDTH = 2, CAP_WB_R = 4, CAP_WB_B = 8, CAP_BANDWIDTH_AUTO = 16, CAP_OVERCLK = 32,
     CAP_TEMPERATURE = 64, CAP_FLIP = 128, CAP_AUTO = 256,
+    CAP_WB = CAP_WB_R | CAP_WB_B,
+    CAP_COMMON = CAP_BRIGHTNESS | CAP_BANDWIDTH | CAP_BANDWIDTH_AUTO | CAP_TEMPERATURE,  // of most models
 };
-enum : uint8_t { TYPE_RAW8 = 1, TYPE_RGB24 = 2, TYPE_Y8 = 4, TYPE_RAW16 = 8 };
+enum : uint8_t {
+    TYPE_RAW8 = 1, TYPE_RGB24 = 2, TYPE_Y8 = 4, TYPE_RAW16 = 8,
+    TYPES_COLOR = TYPE_RAW8 | TYPE_RGB24 | TYPE_Y8 | TYPE_RAW16,
+};
 // Start values that differ.
 enum : uint8_t { START_HARDWARE_BIN = 1, START_HIGH_SPEED = 2, START_AUTO_FPS = 4 };
 // What CloseCamera does with the link.
@@ -35,44 +41,72 @@ enum : uint8_t { CLOSE_LINK = 1, CLOSE_CLEARS_POINTER = 2 };
 
 struct ModelTraits {
     Family family;
-    const char* szClass;         // "CCameraSQuartzCol"
-    const char* szName;          // model string
-    const wchar_t* szKey;        // settings key
-    int iGuidSlot;               // 1 to 10
-    ProductName aProducts[6];    // accepted by OpenCamera
-    int iWidth, iHeight;         // sensor pixels
-    double dPixelSize;           // um
+    const char* szClass;            // "CCameraSQuartzCol"
+    const char* szName;             // model string
+    const wchar_t* szKey;           // settings key
+    int iGuidSlot = 10;             // 1 to 10
+    ProductName aProducts[6] = {};  // accepted by OpenCamera
+    int iWidth, iHeight;            // sensor pixels
+    double dPixelSize;              // um
     BayerPattern bayer;
-    bool bColor, bUSB3, bCooler;
-    float fElecPerADU;
-    int32_t iPropA, iPropB, iPropC, iPropD;
-    Range gain, exposure;        // exposure in us
-    int32_t iWB_R, iWB_B, iWBMin, iWBMax;
+    bool bColor = true, bUSB3 = true, bCooler = false;
+    float fElecPerADU = 0;
+    int32_t iPropA = 0, iPropB = 0, iPropC = -1, iPropD = -1;
+    Range gain, exposure;           // exposure in us
+    int32_t iWB_R, iWB_B, iWBMin = 1, iWBMax = 99;
     Range brightness;
-    int32_t iBandwidthMin, iBandwidthMax;
-    int32_t iFPSPerc, iFPSPercUSB3;
-    int32_t iClk, iHMAX;         // start values; clock in kHz or MHz by family
-    int32_t iMaxExposure;        // us
-    int32_t iAutoGainMax;        // 0: the base's stays
-    int32_t iAutoExpMaxCap;      // s; -1: none
-    uint16_t wCaps;              // CAP_
-    uint8_t bTypes;              // TYPE_
-    uint8_t bStart;              // START_
-    uint8_t bClose;              // CLOSE_
-    int8_t aBins[5];             // supported bins, zero-ended
-    int8_t aControls[20];        // control list, ended by -1
-    PhaseRow aPhase[4];          // hot-pixel shifts of hardware binning
-    bool bDDR;                   // hardware binning sums
+    int32_t iBandwidthMin = 40, iBandwidthMax = 100;
+    int32_t iFPSPerc = 80, iFPSPercUSB3 = 80;
+    int32_t iClk, iHMAX;            // start values; clock in kHz or MHz by family
+    int32_t iMaxExposure;           // us
+    int32_t iAutoGainMax = 0;       // 0: the base's stays
+    int32_t iAutoExpMaxCap = -1;    // s; -1: none
+    uint16_t wCaps;                 // CAP_
+    uint8_t bTypes = TYPES_COLOR;   // TYPE_
+    uint8_t bStart;                 // START_
+    uint8_t bClose = CLOSE_LINK | CLOSE_CLEARS_POINTER;
+    int8_t aBins[5];                // supported bins, zero-ended
+    int8_t aControls[20];           // control list, ended by -1
+    PhaseRow aPhase[4] = {};        // hot-pixel shifts of hardware binning
+    bool bDDR = false;              // hardware binning sums
 };
 
-// The cooled form of a model: on CCameraCool, with the three cooler controls behind the others.
-constexpr ModelTraits Cooled(ModelTraits t, const char* szClass, const char* szName, const wchar_t* szKey,
-                             uint16_t wProductId)
+// Another model's row under names of its own. Variants of the product ID stay accepted.
+constexpr ModelTraits Named(ModelTraits t, const char* szClass, const char* szName, const wchar_t* szKey,
+                            uint16_t wProductId)
 {
     t.szClass = szClass;
     t.szName = szName;
     t.szKey = szKey;
     t.aProducts[0] = { wProductId, nullptr };
+    return t;
+}
+
+constexpr void DropControl(ModelTraits& t, int control)
+{
+    int n = 0;
+    for (int i = 0; t.aControls[i] >= 0; ++i)
+        if (t.aControls[i] != control)
+            t.aControls[n++] = t.aControls[i];
+    t.aControls[n] = -1;
+}
+
+// The monochrome form of a model: no white balance, raw images only.
+constexpr ModelTraits Mono(ModelTraits t)
+{
+    t.bColor = false;
+    t.wCaps &= ~CAP_WB;
+    t.bTypes &= TYPE_RAW8 | TYPE_RAW16;
+    DropControl(t, CTRL_WB_R);
+    DropControl(t, CTRL_WB_B);
+    return t;
+}
+
+// The cooled form of a model: on CCameraCool, with the three cooler controls behind the others.
+constexpr ModelTraits Cooled(const ModelTraits& base, const char* szClass, const char* szName, const wchar_t* szKey,
+                             uint16_t wProductId)
+{
+    ModelTraits t = Named(base, szClass, szName, szKey, wProductId);
     t.bCooler = true;
     int n = 0;
     while (t.aControls[n] >= 0)

@@ -36,24 +36,16 @@ constexpr int WB_MIN = 1, WB_TOP = 99;
 constexpr ModelTraits Row(const char* szClass, const char* szName, const wchar_t* szKey, int iSlot, int iWidth,
                           bool bColor, int iWBMax, int32_t iExpMax, int32_t iMaxExposure, int32_t iClk)
 {
-    ModelTraits t = {
+    const ModelTraits t = {
         .family = iWidth == 640 ? Family::Agate : Family::Dunite, .szClass = szClass, .szName = szName, .szKey = szKey,
-        .iGuidSlot = iSlot, .aProducts = {}, .iWidth = iWidth, .iHeight = 480, .dPixelSize = 6.00, .bayer = BAYER_BG,
-        .bColor = bColor, .bUSB3 = false, .bCooler = false, .fElecPerADU = 0, .iPropA = 0, .iPropB = 0, .iPropC = -1,
-        .iPropD = -1, .gain = { 1, 100, 50 }, .exposure = { 32, iExpMax, 33000 }, .iWB_R = bColor ? 45 : 0,
-        .iWB_B = bColor ? 70 : 0, .iWBMin = bColor ? 1 : 0, .iWBMax = iWBMax, .brightness = {}, .iBandwidthMin = 1,
-        .iBandwidthMax = 2, .iFPSPerc = 0, .iFPSPercUSB3 = 0, .iClk = iClk, .iHMAX = 0, .iMaxExposure = iMaxExposure,
-        .iAutoGainMax = 0, .iAutoExpMaxCap = -1, .wCaps = 0, .bTypes = TYPE_RAW8, .bStart = 0,
-        .bClose = CLOSE_LINK | CLOSE_CLEARS_POINTER, .aBins = { 1 }, .aControls = { 0, 1, 2, 9, 10, 11, 12, -1 },
-        .aPhase = {}, .bDDR = false,
+        .iGuidSlot = iSlot, .iWidth = iWidth, .iHeight = 480, .dPixelSize = 6.00, .bayer = BAYER_BG, .bUSB3 = false,
+        .gain = { 1, 100, 50 }, .exposure = { 32, iExpMax, 33000 }, .iWB_R = bColor ? 45 : 0, .iWB_B = bColor ? 70 : 0,
+        .iWBMin = bColor ? 1 : 0, .iWBMax = iWBMax, .brightness = {}, .iBandwidthMin = 1, .iBandwidthMax = 2,
+        .iFPSPerc = 0, .iFPSPercUSB3 = 0, .iClk = iClk, .iHMAX = 0, .iMaxExposure = iMaxExposure, .wCaps = CAP_WB,
+        .bTypes = TYPE_RAW8 | TYPE_RGB24 | TYPE_Y8, .bStart = 0, .aBins = { 1 },
+        .aControls = { 0, 1, 2, 3, 4, 9, 10, 11, 12, -1 },
     };
-    if (bColor) {
-        t.wCaps = CAP_WB_R | CAP_WB_B;
-        t.bTypes |= TYPE_RGB24 | TYPE_Y8;
-        constexpr int8_t controls[] = { 0, 1, 2, 3, 4, 9, 10, 11, 12, -1 };
-        std::copy(std::begin(controls), std::end(controls), t.aControls);
-    }
-    return t;
+    return bColor ? t : Mono(t);
 }
 constexpr ModelTraits With(ModelTraits t, std::initializer_list<ProductName> products)
 {
@@ -102,18 +94,9 @@ void CAgate::FinishConstruction()
     m_iWBTop = WB_TOP;
 }
 
-CCameraSAgateCol::CCameraSAgateCol(void* handle) : CAgate(g_AgateCol, g_Agate, g_AgateIndex, handle)
-{
-    FinishConstruction();
-}
-CCameraSDuniteMono::CCameraSDuniteMono(void* handle) : CAgate(g_DuniteMono, g_Dunite, g_DuniteMonoIndex, handle)
-{
-    FinishConstruction();
-}
-CCameraSDuniteCol::CCameraSDuniteCol(void* handle) : CAgate(g_DuniteCol, g_Dunite, g_DuniteColIndex, handle)
-{
-    FinishConstruction();
-}
+CCameraSAgateCol::CCameraSAgateCol(void* handle) : CWhole(g_AgateCol, g_Agate, g_AgateIndex, handle) {}
+CCameraSDuniteMono::CCameraSDuniteMono(void* handle) : CWhole(g_DuniteMono, g_Dunite, g_DuniteMonoIndex, handle) {}
+CCameraSDuniteCol::CCameraSDuniteCol(void* handle) : CWhole(g_DuniteCol, g_Dunite, g_DuniteColIndex, handle) {}
 
 bool CAgate::InitCamera()
 {

@@ -44,18 +44,15 @@ private:
     std::atomic<int>& m_iLastIndex;
 };
 
-class KOV_CLASS CCameraSAgateCol final : public CAgate {
+class KOV_CLASS CCameraSAgateCol final : public CWhole<CAgate> {
 public:
     explicit CCameraSAgateCol(void* handle = nullptr);
-    ~CCameraSAgateCol() override { Shutdown(); }
 };
-class KOV_CLASS CCameraSDuniteMono final : public CAgate {
+class KOV_CLASS CCameraSDuniteMono final : public CWhole<CAgate> {
 public:
     explicit CCameraSDuniteMono(void* handle = nullptr);
-    ~CCameraSDuniteMono() override { Shutdown(); }
 };
-class KOV_CLASS CCameraSDuniteCol final : public CAgate {
+class KOV_CLASS CCameraSDuniteCol final : public CWhole<CAgate> {
 public:
     explicit CCameraSDuniteCol(void* handle = nullptr);
-    ~CCameraSDuniteCol() override { Shutdown(); }
 };

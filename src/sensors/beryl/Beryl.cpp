@@ -21,26 +21,19 @@ constexpr BerylLimits g_MonoLimits = { 500'000, 100, false };
 
 constexpr ModelTraits g_Col = {
     .family = Family::Beryl, .szClass = "CCameraSBerylCol", .szName = "VYR KOVBerylCol",
-    .szKey = L"SOFTWARE\\KOVBerylCol", .iGuidSlot = 10, .aProducts = { { 0xC02A, nullptr } },
-    .iWidth = 640, .iHeight = 480, .dPixelSize = 3.75, .bayer = BAYER_RG, .bColor = true, .bUSB3 = true, .bCooler = false,
-    .fElecPerADU = 0, .iPropA = 0, .iPropB = 0, .iPropC = -1, .iPropD = -1,
-    .gain = { 0, 600, 200 }, .exposure = { 32, 1000000000, 10000 }, .iWB_R = 52, .iWB_B = 95, .iWBMin = 1, .iWBMax = 99,
-    .brightness = { 0, 240, 1 }, .iBandwidthMin = 40, .iBandwidthMax = 100, .iFPSPerc = 80, .iFPSPercUSB3 = 100,
-    .iClk = 72, .iHMAX = 4500, .iMaxExposure = 1000000000, .iAutoGainMax = 300, .iAutoExpMaxCap = 1000,
-    .wCaps = CAP_BRIGHTNESS | CAP_BANDWIDTH | CAP_BANDWIDTH_AUTO | CAP_TEMPERATURE | CAP_AUTO | CAP_FLIP | CAP_WB_R | CAP_WB_B,
-    .bTypes = TYPE_RAW8 | TYPE_RGB24 | TYPE_Y8 | TYPE_RAW16, .bStart = START_AUTO_FPS | START_HARDWARE_BIN,
-    .bClose = CLOSE_LINK | CLOSE_CLEARS_POINTER,
-    .aBins = { 1, 2 }, .aControls = { 0, 1, 2, 3, 4, 5, 6, 8, 9, 10, 11, 12, 13, 14, -1 }, .aPhase = {}, .bDDR = false,
+    .szKey = L"SOFTWARE\\KOVBerylCol", .aProducts = { { 0xC02A, nullptr } },
+    .iWidth = 640, .iHeight = 480, .dPixelSize = 3.75, .bayer = BAYER_RG,
+    .gain = { 0, 600, 200 }, .exposure = { 32, 1000000000, 10000 }, .iWB_R = 52, .iWB_B = 95,
+    .brightness = { 0, 240, 1 }, .iFPSPercUSB3 = 100, .iClk = 72, .iHMAX = 4500, .iMaxExposure = 1000000000,
+    .iAutoGainMax = 300, .iAutoExpMaxCap = 1000, .wCaps = CAP_COMMON | CAP_AUTO | CAP_FLIP | CAP_WB,
+    .bStart = START_AUTO_FPS | START_HARDWARE_BIN,
+    .aBins = { 1, 2 }, .aControls = { 0, 1, 2, 3, 4, 5, 6, 8, 9, 10, 11, 12, 13, 14, -1 },
 };
 
 // QUIRK: the monochrome model offers the colour formats and both white balances, which do nothing, and starts with
 // CTRL_AUTOEXP_MAX_EXP at 0.
 constexpr ModelTraits g_Mono = [] {
-    ModelTraits t = g_Col;
-    t.szClass = "CCameraSBerylMono";
-    t.szName = "VYR KOVBerylMono";
-    t.szKey = L"SOFTWARE\\KOVBerylMono";
-    t.aProducts[0] = { 0xC02B, nullptr };
+    ModelTraits t = Named(g_Col, "CCameraSBerylMono", "VYR KOVBerylMono", L"SOFTWARE\\KOVBerylMono", 0xC02B);
     t.dPixelSize = 4.80;
     t.bColor = false;
     t.gain = { 0, 100, 50 };
@@ -61,11 +54,8 @@ CBeryl::CBeryl(const ModelTraits& t, const BerylLimits& l, ClassVars& v, void* h
 {
 }
 
-CCameraSBerylCol::CCameraSBerylCol(void* handle) : CBeryl(g_Col, g_ColLimits, g_ColVars, handle) { FinishConstruction(); }
-CCameraSBerylMono::CCameraSBerylMono(void* handle) : CBeryl(g_Mono, g_MonoLimits, g_MonoVars, handle)
-{
-    FinishConstruction();
-}
+CCameraSBerylCol::CCameraSBerylCol(void* handle) : CWhole(g_Col, g_ColLimits, g_ColVars, handle) {}
+CCameraSBerylMono::CCameraSBerylMono(void* handle) : CWhole(g_Mono, g_MonoLimits, g_MonoVars, handle) {}
 
 void CBeryl::InitSensor()
 {

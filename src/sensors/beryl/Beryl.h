@@ -28,13 +28,11 @@ private:
     const BerylLimits& m_Limits;
 };
 
-class KOV_CLASS CCameraSBerylCol final : public CBeryl {
+class KOV_CLASS CCameraSBerylCol final : public CWhole<CBeryl> {
 public:
     explicit CCameraSBerylCol(void* handle = nullptr);
-    ~CCameraSBerylCol() override { Shutdown(); }
 };
-class KOV_CLASS CCameraSBerylMono final : public CBeryl {
+class KOV_CLASS CCameraSBerylMono final : public CWhole<CBeryl> {
 public:
     explicit CCameraSBerylMono(void* handle = nullptr);
-    ~CCameraSBerylMono() override { Shutdown(); }
 };

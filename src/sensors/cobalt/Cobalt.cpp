@@ -40,14 +40,11 @@ constexpr ModelTraits g_Col = {
     .family = Family::Cobalt, .szClass = "CCameraSCobaltCol", .szName = "VYR KOVCobaltCol",
     .szKey = L"SOFTWARE\\KOVCobaltCol", .iGuidSlot = 7,
     .aProducts = { { 0xC03A, "VYR KOVCobaltCol-A" }, { 0xC03B, nullptr }, { 0xC03C, "VYR KOVCobaltCol-B" } },
-    .iWidth = 728, .iHeight = 512, .dPixelSize = 5.60, .bayer = BAYER_GR, .bColor = true, .bUSB3 = false,
-    .bCooler = false, .fElecPerADU = 0, .iPropA = 0, .iPropB = 0, .iPropC = -1, .iPropD = -1, .gain = { 0, 100, 50 },
-    .exposure = { 64, 64000000, 33000 }, .iWB_R = 41, .iWB_B = 94, .iWBMin = 1, .iWBMax = 100,
-    .brightness = { 0, 20, 0 }, .iBandwidthMin = 50, .iBandwidthMax = 100, .iFPSPerc = 80, .iFPSPercUSB3 = 0, .iClk = CLK_NORMAL,
-    .iHMAX = 938, .iMaxExposure = 60000000, .iAutoGainMax = 0, .iAutoExpMaxCap = -1,
-    .wCaps = CAP_BRIGHTNESS | CAP_BANDWIDTH | CAP_WB_R | CAP_WB_B,
-    .bTypes = TYPE_RAW8 | TYPE_RGB24 | TYPE_Y8 | TYPE_RAW16, .bStart = 0, .bClose = CLOSE_LINK | CLOSE_CLEARS_POINTER,
-    .aBins = { 1, 2 }, .aControls = { 0, 1, 2, 3, 4, 5, 6, 9, 10, 11, 12, -1 }, .aPhase = {}, .bDDR = false,
+    .iWidth = 728, .iHeight = 512, .dPixelSize = 5.60, .bayer = BAYER_GR, .bUSB3 = false,
+    .gain = { 0, 100, 50 }, .exposure = { 64, 64000000, 33000 }, .iWB_R = 41, .iWB_B = 94, .iWBMax = 100,
+    .brightness = { 0, 20, 0 }, .iBandwidthMin = 50, .iFPSPercUSB3 = 0, .iClk = CLK_NORMAL, .iHMAX = 938,
+    .iMaxExposure = 60000000, .wCaps = CAP_BRIGHTNESS | CAP_BANDWIDTH | CAP_WB, .bStart = 0,
+    .aBins = { 1, 2 }, .aControls = { 0, 1, 2, 3, 4, 5, 6, 9, 10, 11, 12, -1 },
 };
 
 std::atomic<int32_t> s_iLastGain{ -1 };  // gain in force; shared by all cameras of the class

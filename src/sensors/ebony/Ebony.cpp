@@ -40,35 +40,39 @@ constexpr EbonyTraits g_Flint = {
     .wRegBlack = 0x0216, .aRegBlue = 0x0226, .aRegRed = 0x0222, .aRegGreen1 = 0x0228, .aRegGreen2 = 0x0224, .iRedShift = 0,
     .iExpLinesBin3 = 2, .iFPSLinesBin3 = 2,
 };
-constexpr EbonyTraits g_Halite = {
-    .fpga = { 24, 43272, 333333, CLK, 80, 100000, true }, .law = Law(23),
-    .initTable = g_HaliteInit, .modeFull = g_HaliteModeFull, .modeBin3 = g_HaliteModeBin3, .bFormatFollowsBin = true,
-    .iMinFull = 706, .iMinBin3 = 368, .bFpgaYFull = 4, .bFpgaYBin3 = 0, .iLineMargin = 4,
-    .iColumnOffset = 4, .iTopFull = 24, .iTopBin3 = 26, .iRoundBin3 = 0, .bModeBin3 = 36, .iGainLimitBin3 = 240,
-    .wRegBlack = 0x0216, .aRegBlue = 0x0226, .aRegRed = 0x0222, .aRegGreen1 = 0x0228, .aRegGreen2 = 0x0224, .iRedShift = 0,
-    .iExpLinesBin3 = 1, .iFPSLinesBin3 = 1,
-};
+constexpr EbonyTraits g_Halite = [] {
+    EbonyTraits e = g_Flint;
+    e.fpga.iVBlank = 24;
+    e.law = Law(23);
+    e.initTable = g_HaliteInit;
+    e.modeFull = g_HaliteModeFull;
+    e.modeBin3 = g_HaliteModeBin3;
+    e.iMinFull = 706;
+    e.iMinBin3 = 368;
+    e.bFpgaYFull = 4;
+    e.iLineMargin = 4;
+    e.iTopBin3 = 26;
+    e.bModeBin3 = 36;
+    e.iGainLimitBin3 = 240;
+    e.iExpLinesBin3 = 1;
+    e.iFPSLinesBin3 = 1;
+    return e;
+}();
 
 constexpr ModelTraits g_EbonyCol = {
     .family = Family::Ebony, .szClass = "CCameraSEbonyCol", .szName = "VYR KOVEbonyCol-Cool",
-    .szKey = L"SOFTWARE\\KOVEbonyCol", .iGuidSlot = 10, .aProducts = { { 0xC05A, nullptr } },
-    .iWidth = 4944, .iHeight = 3284, .dPixelSize = 4.86, .bayer = BAYER_RG, .bColor = true, .bUSB3 = true, .bCooler = true,
-    .fElecPerADU = 0, .iPropA = 0, .iPropB = 0, .iPropC = -1, .iPropD = -1,
-    .gain = { 0, 600, 200 }, .exposure = { 32, 1000000000, 10000 }, .iWB_R = 60, .iWB_B = 99, .iWBMin = 1, .iWBMax = 99,
-    .brightness = { 0, 1024, 0 }, .iBandwidthMin = 40, .iBandwidthMax = 100, .iFPSPerc = 80, .iFPSPercUSB3 = 80,
-    .iClk = CLK, .iHMAX = 585, .iMaxExposure = 1000000000, .iAutoGainMax = 300, .iAutoExpMaxCap = 1000,
-    .wCaps = CAP_BRIGHTNESS | CAP_BANDWIDTH | CAP_BANDWIDTH_AUTO | CAP_TEMPERATURE | CAP_FLIP | CAP_WB_R | CAP_WB_B,
-    .bTypes = TYPE_RAW8 | TYPE_RGB24 | TYPE_Y8 | TYPE_RAW16, .bStart = START_AUTO_FPS | START_HARDWARE_BIN, .bClose = 0,
+    .szKey = L"SOFTWARE\\KOVEbonyCol", .aProducts = { { 0xC05A, nullptr } },
+    .iWidth = 4944, .iHeight = 3284, .dPixelSize = 4.86, .bayer = BAYER_RG, .bCooler = true,
+    .gain = { 0, 600, 200 }, .exposure = { 32, 1000000000, 10000 }, .iWB_R = 60, .iWB_B = 99,
+    .brightness = { 0, 1024, 0 }, .iClk = CLK, .iHMAX = 585, .iMaxExposure = 1000000000,
+    .iAutoGainMax = 300, .iAutoExpMaxCap = 1000, .wCaps = CAP_COMMON | CAP_FLIP | CAP_WB,
+    .bStart = START_AUTO_FPS | START_HARDWARE_BIN, .bClose = 0,
     .aBins = { 1, 2, 3 }, .aControls = { 0, 1, 2, 3, 4, 5, 6, 8, 9, 10, 11, 12, 13, 15, 16, 17, -1 },
-    .aPhase = { { 3, -2, 0, -4, -2 } }, .bDDR = false,
+    .aPhase = { { 3, -2, 0, -4, -2 } },
 };
 constexpr ModelTraits g_FlintCol = [] {
-    ModelTraits t = g_EbonyCol;
+    ModelTraits t = Named(g_EbonyCol, "CCameraSFlintCol", "VYR KOVFlintCol-Cool", L"SOFTWARE\\KOVFlintCol", 0xC06A);
     t.family = Family::Flint;
-    t.szClass = "CCameraSFlintCol";
-    t.szName = "VYR KOVFlintCol-Cool";
-    t.szKey = L"SOFTWARE\\KOVFlintCol";
-    t.aProducts[0] = { 0xC06A, nullptr };
     t.iWidth = 7380;
     t.iHeight = 4928;
     t.dPixelSize = 5.97;
@@ -78,12 +82,8 @@ constexpr ModelTraits g_FlintCol = [] {
     return t;
 }();
 constexpr ModelTraits g_HaliteCol = [] {
-    ModelTraits t = g_FlintCol;
+    ModelTraits t = Named(g_FlintCol, "CCameraSHaliteCol", "VYR KOVHaliteCol-Cool", L"SOFTWARE\\KOVHaliteCol", 0xC08A);
     t.family = Family::Halite;
-    t.szClass = "CCameraSHaliteCol";
-    t.szName = "VYR KOVHaliteCol-Cool";
-    t.szKey = L"SOFTWARE\\KOVHaliteCol";
-    t.aProducts[0] = { 0xC08A, nullptr };
     t.iWidth = 6036;
     t.iHeight = 4032;
     t.iHMAX = 706;
@@ -113,18 +113,9 @@ CEbony::CEbony(const ModelTraits& t, const EbonyTraits& e, ClassVars& v, void* h
 {
 }
 
-CCameraSEbonyCol::CCameraSEbonyCol(void* handle) : CEbony(g_EbonyCol, g_Ebony, g_Vars<g_Ebony>, handle)
-{
-    FinishConstruction();
-}
-CCameraSFlintCol::CCameraSFlintCol(void* handle) : CEbony(g_FlintCol, g_Flint, g_Vars<g_Flint>, handle)
-{
-    FinishConstruction();
-}
-CCameraSHaliteCol::CCameraSHaliteCol(void* handle) : CEbony(g_HaliteCol, g_Halite, g_Vars<g_Halite>, handle)
-{
-    FinishConstruction();
-}
+CCameraSEbonyCol::CCameraSEbonyCol(void* handle) : CWhole(g_EbonyCol, g_Ebony, g_Vars<g_Ebony>, handle) {}
+CCameraSFlintCol::CCameraSFlintCol(void* handle) : CWhole(g_FlintCol, g_Flint, g_Vars<g_Flint>, handle) {}
+CCameraSHaliteCol::CCameraSHaliteCol(void* handle) : CWhole(g_HaliteCol, g_Halite, g_Vars<g_Halite>, handle) {}
 
 void CEbony::InitSensor()
 {

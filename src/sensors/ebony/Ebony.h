@@ -59,13 +59,15 @@ private:
     const EbonyTraits& m_E;
 };
 
-#define KOV_EBONY_CLASS(name)                  \
-    class KOV_CLASS name final : public CEbony { \
-    public:                                    \
-        explicit name(void* handle = nullptr); \
-        ~name() override { Shutdown(); }       \
-    };
-KOV_EBONY_CLASS(CCameraSEbonyCol)
-KOV_EBONY_CLASS(CCameraSFlintCol)
-KOV_EBONY_CLASS(CCameraSHaliteCol)
-#undef KOV_EBONY_CLASS
+class KOV_CLASS CCameraSEbonyCol final : public CWhole<CEbony> {
+public:
+    explicit CCameraSEbonyCol(void* handle = nullptr);
+};
+class KOV_CLASS CCameraSFlintCol final : public CWhole<CEbony> {
+public:
+    explicit CCameraSFlintCol(void* handle = nullptr);
+};
+class KOV_CLASS CCameraSHaliteCol final : public CWhole<CEbony> {
+public:
+    explicit CCameraSHaliteCol(void* handle = nullptr);
+};

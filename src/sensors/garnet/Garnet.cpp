@@ -43,29 +43,18 @@ constexpr ModelTraits Row(const char* szClass, const char* szName, const wchar_t
     ModelTraits t = {
         .family = bUSB3 ? Family::GarnetS : Family::Garnet, .szClass = szClass, .szName = szName, .szKey = szKey,
         .iGuidSlot = iSlot, .aProducts = { { wId, nullptr } }, .iWidth = 1280, .iHeight = 960, .dPixelSize = 3.75,
-        .bayer = bayer, .bColor = bColor, .bUSB3 = bUSB3, .bCooler = false, .fElecPerADU = bUSB3 ? 3.520f : 3.712f,
-        .iPropA = 2, .iPropB = 5, .iPropC = 48, .iPropD = 9, .gain = { 0, 100, 50 },
-        .exposure = { 64, 999000000, bUSB3 ? 14000 : 33000 }, .iWB_R = 52, .iWB_B = 95, .iWBMin = 1, .iWBMax = 100,
-        .brightness = { 0, 20, 0 }, .iBandwidthMin = 40, .iBandwidthMax = 100, .iFPSPerc = bUSB3 ? 86 : 80,
+        .bayer = bayer, .bUSB3 = bUSB3, .fElecPerADU = bUSB3 ? 3.520f : 3.712f, .iPropA = 2, .iPropB = 5, .iPropC = 48,
+        .iPropD = 9, .gain = { 0, 100, 50 }, .exposure = { 64, 999000000, bUSB3 ? 14000 : 33000 }, .iWB_R = 52,
+        .iWB_B = 95, .iWBMax = 100, .brightness = { 0, 20, 0 }, .iFPSPerc = bUSB3 ? 86 : 80,
         .iFPSPercUSB3 = bUSB3 ? 100 : 0, .iClk = iClk, .iHMAX = 1650, .iMaxExposure = 1000000000, .iAutoGainMax = 50,
-        .iAutoExpMaxCap = -1, .wCaps = CAP_BRIGHTNESS | CAP_BANDWIDTH | CAP_BANDWIDTH_AUTO | CAP_TEMPERATURE | CAP_AUTO,
-        .bTypes = TYPE_RAW8 | TYPE_RAW16, .bStart = START_HIGH_SPEED | START_AUTO_FPS,
-        .bClose = CLOSE_LINK | CLOSE_CLEARS_POINTER, .aBins = { 1, 2 }, .aControls = {}, .aPhase = {}, .bDDR = false,
+        .wCaps = CAP_COMMON | CAP_AUTO | CAP_WB, .bStart = START_HIGH_SPEED | START_AUTO_FPS, .aBins = { 1, 2 },
+        .aControls = { 0, 1, 2, 3, 4, 5, 6, 8, 9, 7, 10, 11, 12, 14, -1 },  // the over clock in the middle
     };
-    if (bColor) {
-        t.wCaps |= CAP_WB_R | CAP_WB_B;
-        t.bTypes |= TYPE_RGB24 | TYPE_Y8;
-    }
     if (bUSB3)
         t.wCaps |= CAP_OVERCLK;
-    // The over clock stands in the middle of the list.
-    constexpr int8_t all[] = { 0, 1, 2, 3, 4, 5, 6, 8, 9, 7, 10, 11, 12, 14 };
-    int n = 0;
-    for (const int8_t c : all)
-        if ((bColor || (c != CTRL_WB_R && c != CTRL_WB_B)) && (bUSB3 || c != CTRL_OVERCLK))
-            t.aControls[n++] = c;
-    t.aControls[n] = -1;
-    return t;
+    else
+        DropControl(t, CTRL_OVERCLK);
+    return bColor ? t : Mono(t);
 }
 
 // Behind the key: GUID slot, product ID, cell, colour, USB 3, clock in MHz.
@@ -117,22 +106,10 @@ CGarnet::CGarnet(const ModelTraits& t, const GarnetForm& f, GarnetVars& v, void*
 {
 }
 
-CCameraSGarnetMono::CCameraSGarnetMono(void* handle) : CGarnet(g_Mono, g_Usb2, g_MonoVars, handle)
-{
-    FinishConstruction();
-}
-CCameraSGarnetCol::CCameraSGarnetCol(void* handle) : CGarnet(g_Col, g_Usb2, g_ColVars, handle)
-{
-    FinishConstruction();
-}
-CCameraSGarnetMono_S::CCameraSGarnetMono_S(void* handle) : CGarnet(g_MonoS, g_S, g_MonoSVars, handle)
-{
-    FinishConstruction();
-}
-CCameraSGarnetCol_S::CCameraSGarnetCol_S(void* handle) : CGarnet(g_ColS, g_S, g_ColSVars, handle)
-{
-    FinishConstruction();
-}
+CCameraSGarnetMono::CCameraSGarnetMono(void* handle) : CWhole(g_Mono, g_Usb2, g_MonoVars, handle) {}
+CCameraSGarnetCol::CCameraSGarnetCol(void* handle) : CWhole(g_Col, g_Usb2, g_ColVars, handle) {}
+CCameraSGarnetMono_S::CCameraSGarnetMono_S(void* handle) : CWhole(g_MonoS, g_S, g_MonoSVars, handle) {}
+CCameraSGarnetCol_S::CCameraSGarnetCol_S(void* handle) : CWhole(g_ColS, g_S, g_ColSVars, handle) {}
 
 bool CGarnet::FirmwareStep()
 {

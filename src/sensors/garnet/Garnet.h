@@ -51,23 +51,19 @@ private:
     GarnetVars& m_Vars;
 };
 
-class KOV_CLASS CCameraSGarnetMono final : public CGarnet {
+class KOV_CLASS CCameraSGarnetMono final : public CWhole<CGarnet> {
 public:
     explicit CCameraSGarnetMono(void* handle = nullptr);
-    ~CCameraSGarnetMono() override { Shutdown(); }
 };
-class KOV_CLASS CCameraSGarnetCol final : public CGarnet {
+class KOV_CLASS CCameraSGarnetCol final : public CWhole<CGarnet> {
 public:
     explicit CCameraSGarnetCol(void* handle = nullptr);
-    ~CCameraSGarnetCol() override { Shutdown(); }
 };
-class KOV_CLASS CCameraSGarnetMono_S final : public CGarnet {
+class KOV_CLASS CCameraSGarnetMono_S final : public CWhole<CGarnet> {
 public:
     explicit CCameraSGarnetMono_S(void* handle = nullptr);
-    ~CCameraSGarnetMono_S() override { Shutdown(); }
 };
-class KOV_CLASS CCameraSGarnetCol_S final : public CGarnet {
+class KOV_CLASS CCameraSGarnetCol_S final : public CWhole<CGarnet> {
 public:
     explicit CCameraSGarnetCol_S(void* handle = nullptr);
-    ~CCameraSGarnetCol_S() override { Shutdown(); }
 };

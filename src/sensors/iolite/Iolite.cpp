@@ -27,12 +27,10 @@ constexpr ModelTraits g_Mono = {
     .family = Family::Iolite, .szClass = "CCameraSIoliteMono", .szName = "VYR KOVIoliteMono",
     .szKey = L"SOFTWARE\\KOVIoliteMono", .iGuidSlot = 3, .aProducts = { { 0xC09A, nullptr } },
     .iWidth = 1280, .iHeight = 1024, .dPixelSize = 5.20, .bayer = BAYER_RG, .bColor = false, .bUSB3 = false,
-    .bCooler = false, .fElecPerADU = 0, .iPropA = 0, .iPropB = 0, .iPropC = -1, .iPropD = -1, .gain = { 0, 100, 50 },
-    .exposure = { 32, 999000000, 33000 }, .iWB_R = 0, .iWB_B = 0, .iWBMin = 0, .iWBMax = 0, .brightness = {},
-    .iBandwidthMin = 1, .iBandwidthMax = 2, .iFPSPerc = 0, .iFPSPercUSB3 = 0, .iClk = CLK_NORMAL, .iHMAX = 0,
-    .iMaxExposure = 1000000000, .iAutoGainMax = 0, .iAutoExpMaxCap = -1, .wCaps = CAP_AUTO,
-    .bTypes = TYPE_RAW8 | TYPE_RAW16, .bStart = 0, .bClose = CLOSE_LINK | CLOSE_CLEARS_POINTER,
-    .aBins = { 1, 2 }, .aControls = { 0, 1, 2, 9, 10, 11, 12, 14, -1 }, .aPhase = {}, .bDDR = false,
+    .gain = { 0, 100, 50 }, .exposure = { 32, 999000000, 33000 }, .iWB_R = 0, .iWB_B = 0, .iWBMin = 0, .iWBMax = 0,
+    .brightness = {}, .iBandwidthMin = 1, .iBandwidthMax = 2, .iFPSPerc = 0, .iFPSPercUSB3 = 0, .iClk = CLK_NORMAL,
+    .iHMAX = 0, .iMaxExposure = 1000000000, .wCaps = CAP_AUTO, .bTypes = TYPE_RAW8 | TYPE_RAW16, .bStart = 0,
+    .aBins = { 1, 2 }, .aControls = { 0, 1, 2, 9, 10, 11, 12, 14, -1 },
 };
 
 // Word of the gain register: three runs.

@@ -28,17 +28,14 @@ constexpr FpgaTraits g_Fpga = { 21, 42830, 256981, CLK_SLOW, 80, 500000, false }
 
 constexpr ModelTraits g_Col = {
     .family = Family::Jasper, .szClass = "CCameraSJasperCol", .szName = "VYR KOVJasperCol",
-    .szKey = L"SOFTWARE\\KOVJasperCol", .iGuidSlot = 10,
+    .szKey = L"SOFTWARE\\KOVJasperCol",
     .aProducts = { { 0xC0AA, nullptr }, { 0xC0AC, "VYR KOVJasperCol-A" }, { 0xC0AD, "VYR KOVJasperCol-B" } },
-    .iWidth = 1944, .iHeight = 1224, .dPixelSize = 2.80, .bayer = BAYER_GB, .bColor = true, .bUSB3 = true, .bCooler = false,
-    .fElecPerADU = 4.0f, .iPropA = 9, .iPropB = 25, .iPropC = -1, .iPropD = -1,
-    .gain = { 0, 480, 200 }, .exposure = { 32, 4000000, 10000 }, .iWB_R = 52, .iWB_B = 95, .iWBMin = 1, .iWBMax = 99,
-    .brightness = { 0, 240, 1 }, .iBandwidthMin = 40, .iBandwidthMax = 100, .iFPSPerc = 80, .iFPSPercUSB3 = 80,
-    .iClk = 37125, .iHMAX = 4400, .iMaxExposure = 4000000, .iAutoGainMax = 240, .iAutoExpMaxCap = 4,
-    .wCaps = CAP_BRIGHTNESS | CAP_BANDWIDTH | CAP_BANDWIDTH_AUTO | CAP_TEMPERATURE | CAP_AUTO | CAP_WB_R | CAP_WB_B,
-    .bTypes = TYPE_RAW8 | TYPE_RGB24 | TYPE_Y8 | TYPE_RAW16, .bStart = START_AUTO_FPS,
-    .bClose = CLOSE_LINK | CLOSE_CLEARS_POINTER,
-    .aBins = { 1, 2 }, .aControls = { 0, 1, 2, 3, 4, 5, 6, 8, 9, 10, 11, 12, 14, -1 }, .aPhase = {}, .bDDR = false,
+    .iWidth = 1944, .iHeight = 1224, .dPixelSize = 2.80, .bayer = BAYER_GB,
+    .fElecPerADU = 4.0f, .iPropA = 9, .iPropB = 25,
+    .gain = { 0, 480, 200 }, .exposure = { 32, 4000000, 10000 }, .iWB_R = 52, .iWB_B = 95,
+    .brightness = { 0, 240, 1 }, .iClk = 37125, .iHMAX = 4400, .iMaxExposure = 4000000,
+    .iAutoGainMax = 240, .iAutoExpMaxCap = 4, .wCaps = CAP_COMMON | CAP_AUTO | CAP_WB, .bStart = START_AUTO_FPS,
+    .aBins = { 1, 2 }, .aControls = { 0, 1, 2, 3, 4, 5, 6, 8, 9, 10, 11, 12, 14, -1 },
 };
 
 ClassVars g_Vars{ { g_Fpga.iUnitUSB3 }, { 4400 } };

@@ -25,34 +25,21 @@ constexpr int32_t HMAX_BIN = 397, HMAX_FAST = 435, HMAX_FULL = 680;             
 
 constexpr FpgaTraits g_Fpga = { 200, 43272, 390906, CLK, 100, 0, true };
 
-constexpr uint16_t CAPS = CAP_BRIGHTNESS | CAP_BANDWIDTH | CAP_BANDWIDTH_AUTO | CAP_TEMPERATURE | CAP_AUTO | CAP_FLIP;
-
 constexpr ModelTraits g_Col = {
     .family = Family::Kyanite, .szClass = "CCameraSKyaniteCol", .szName = "VYR KOVKyaniteCol",
-    .szKey = L"SOFTWARE\\KOVKyaniteCol", .iGuidSlot = 10, .aProducts = { { 0xC0B0, nullptr } },
-    .iWidth = 4656, .iHeight = 3520, .dPixelSize = 3.75, .bayer = BAYER_GR, .bColor = true, .bUSB3 = true, .bCooler = false,
+    .szKey = L"SOFTWARE\\KOVKyaniteCol", .aProducts = { { 0xC0B0, nullptr } },
+    .iWidth = 4656, .iHeight = 3520, .dPixelSize = 3.75, .bayer = BAYER_GR,
     .fElecPerADU = 4.960f, .iPropA = 10, .iPropB = 21, .iPropC = 250, .iPropD = 50,
-    .gain = { 0, 600, 200 }, .exposure = { 32, 1000000000, 10000 }, .iWB_R = 52, .iWB_B = 95, .iWBMin = 1, .iWBMax = 99,
-    .brightness = { 0, 240, 1 }, .iBandwidthMin = 45, .iBandwidthMax = 100, .iFPSPerc = 80, .iFPSPercUSB3 = 100,
-    .iClk = CLK, .iHMAX = HMAX_FULL, .iMaxExposure = 1000000000, .iAutoGainMax = 300, .iAutoExpMaxCap = 1000,
-    .wCaps = CAPS | CAP_WB_R | CAP_WB_B, .bTypes = TYPE_RAW8 | TYPE_RGB24 | TYPE_Y8 | TYPE_RAW16,
+    .gain = { 0, 600, 200 }, .exposure = { 32, 1000000000, 10000 }, .iWB_R = 52, .iWB_B = 95,
+    .brightness = { 0, 240, 1 }, .iBandwidthMin = 45, .iFPSPercUSB3 = 100, .iClk = CLK, .iHMAX = HMAX_FULL,
+    .iMaxExposure = 1000000000, .iAutoGainMax = 300, .iAutoExpMaxCap = 1000,
+    .wCaps = CAP_COMMON | CAP_AUTO | CAP_FLIP | CAP_WB,
     .bStart = START_AUTO_FPS | START_HARDWARE_BIN, .bClose = CLOSE_CLEARS_POINTER,
     .aBins = { 1, 2, 3, 4 }, .aControls = { 0, 1, 2, 3, 4, 5, 6, 8, 9, 10, 11, 12, 13, 14, -1 },
     .aPhase = { { 2, 0, -2, 0, -2 }, { 3, 0, -4, -2, -6 }, { 4, 0, 2, 0, 2 } }, .bDDR = true,
 };
-constexpr ModelTraits g_Mono = [] {
-    ModelTraits t = g_Col;
-    t.szClass = "CCameraSKyaniteMono";
-    t.szName = "VYR KOVKyaniteMono";
-    t.szKey = L"SOFTWARE\\KOVKyaniteMono";
-    t.aProducts[0] = { 0xC0B2, nullptr };
-    t.bColor = false;
-    t.wCaps = CAPS;
-    t.bTypes = TYPE_RAW8 | TYPE_RAW16;
-    constexpr int8_t controls[] = { 0, 1, 2, 5, 6, 8, 9, 10, 11, 12, 13, 14, -1 };
-    std::copy(std::begin(controls), std::end(controls), t.aControls);
-    return t;
-}();
+constexpr ModelTraits g_Mono = Named(Mono(g_Col), "CCameraSKyaniteMono", "VYR KOVKyaniteMono",
+                                     L"SOFTWARE\\KOVKyaniteMono", 0xC0B2);
 constexpr ModelTraits g_Col_C = Cooled(g_Col, "CCameraSKyaniteCol_C", "VYR KOVKyaniteCol-Cool",
                                        L"SOFTWARE\\KOVKyaniteCol-C", 0xC0B1);
 constexpr ModelTraits g_Mono_C = Cooled(g_Mono, "CCameraSKyaniteMono_C", "VYR KOVKyaniteMono-Cool",
@@ -63,15 +50,10 @@ ClassVars g_Vars{ { g_Fpga.iUnitUSB3 }, { HMAX_FULL } };
 
 }  // namespace
 
-#define KOV_KYANITE_CTOR(name, traits)                                       \
-    name::name(void* handle) : CKyanite(traits, g_Vars<traits>, handle)      \
-    {                                                                        \
-        this->FinishConstruction();                                          \
-    }
-KOV_KYANITE_CTOR(CCameraSKyaniteCol, g_Col)
-KOV_KYANITE_CTOR(CCameraSKyaniteMono, g_Mono)
-KOV_KYANITE_CTOR(CCameraSKyaniteCol_C, g_Col_C)
-KOV_KYANITE_CTOR(CCameraSKyaniteMono_C, g_Mono_C)
+CCameraSKyaniteCol::CCameraSKyaniteCol(void* handle) : CWhole(g_Col, g_Vars<g_Col>, handle) {}
+CCameraSKyaniteMono::CCameraSKyaniteMono(void* handle) : CWhole(g_Mono, g_Vars<g_Mono>, handle) {}
+CCameraSKyaniteCol_C::CCameraSKyaniteCol_C(void* handle) : CWhole(g_Col_C, g_Vars<g_Col_C>, handle) {}
+CCameraSKyaniteMono_C::CCameraSKyaniteMono_C(void* handle) : CWhole(g_Mono_C, g_Vars<g_Mono_C>, handle) {}
 
 template <class Base>
 CKyanite<Base>::CKyanite(const ModelTraits& t, ClassVars& v, void* handle) : CFpgaModel<Base>(t, g_Fpga, v, handle)

@@ -43,14 +43,19 @@ private:
     bool Reg(uint16_t reg, uint32_t value) { return this->WriteCameraRegister(reg, static_cast<uint16_t>(value)); }
 };
 
-#define KOV_KYANITE_CLASS(name, base)                     \
-    class KOV_CLASS name final : public CKyanite<base> {  \
-    public:                                               \
-        explicit name(void* handle = nullptr);            \
-        ~name() override { this->Shutdown(); }            \
-    };
-KOV_KYANITE_CLASS(CCameraSKyaniteCol, CCameraBase)
-KOV_KYANITE_CLASS(CCameraSKyaniteMono, CCameraBase)
-KOV_KYANITE_CLASS(CCameraSKyaniteCol_C, CCameraCool)
-KOV_KYANITE_CLASS(CCameraSKyaniteMono_C, CCameraCool)
-#undef KOV_KYANITE_CLASS
+class KOV_CLASS CCameraSKyaniteCol final : public CWhole<CKyanite<CCameraBase>> {
+public:
+    explicit CCameraSKyaniteCol(void* handle = nullptr);
+};
+class KOV_CLASS CCameraSKyaniteMono final : public CWhole<CKyanite<CCameraBase>> {
+public:
+    explicit CCameraSKyaniteMono(void* handle = nullptr);
+};
+class KOV_CLASS CCameraSKyaniteCol_C final : public CWhole<CKyanite<CCameraCool>> {
+public:
+    explicit CCameraSKyaniteCol_C(void* handle = nullptr);
+};
+class KOV_CLASS CCameraSKyaniteMono_C final : public CWhole<CKyanite<CCameraCool>> {
+public:
+    explicit CCameraSKyaniteMono_C(void* handle = nullptr);
+};

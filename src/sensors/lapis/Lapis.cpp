@@ -34,36 +34,23 @@ constexpr ModeRow g_Modes[] = {
     { 0x0568, 0x22, 0x11 }, { 0x0575, 0x0B, 0x0F },
 };
 
-constexpr uint16_t CAPS = CAP_BRIGHTNESS | CAP_BANDWIDTH | CAP_BANDWIDTH_AUTO | CAP_TEMPERATURE | CAP_AUTO;
-
 // QUIRK: all four classes accept the product IDs of the two LapisMono variants and take their names.
 constexpr ModelTraits g_Col = {
     .family = Family::Lapis, .szClass = "CCameraSLapisCol", .szName = "VYR KOVLapisCol",
-    .szKey = L"SOFTWARE\\KOVLapisCol", .iGuidSlot = 10,
+    .szKey = L"SOFTWARE\\KOVLapisCol",
     .aProducts = { { 0xC0CA, nullptr }, { 0xC0CE, "VYR KOVLapisMono-A" }, { 0xC0CF, "VYR KOVLapisMono-B" } },
-    .iWidth = 1936, .iHeight = 1216, .dPixelSize = 5.86, .bayer = BAYER_RG, .bColor = true, .bUSB3 = true, .bCooler = false,
+    .iWidth = 1936, .iHeight = 1216, .dPixelSize = 5.86, .bayer = BAYER_RG,
     .fElecPerADU = 7.920f, .iPropA = 10, .iPropB = 27, .iPropC = 300, .iPropD = 90,
-    .gain = { 0, 400, 200 }, .exposure = { 32, 300000000, 10000 }, .iWB_R = 60, .iWB_B = 99, .iWBMin = 1, .iWBMax = 99,
-    .brightness = { 0, 240, 1 }, .iBandwidthMin = 40, .iBandwidthMax = 100, .iFPSPerc = 80, .iFPSPercUSB3 = 80,
-    .iClk = 74250, .iHMAX = 1440, .iMaxExposure = 300000000, .iAutoGainMax = 200, .iAutoExpMaxCap = -1,
-    .wCaps = CAPS | CAP_WB_R | CAP_WB_B, .bTypes = TYPE_RAW8 | TYPE_RGB24 | TYPE_Y8 | TYPE_RAW16,
-    .bStart = START_AUTO_FPS, .bClose = CLOSE_CLEARS_POINTER,
-    .aBins = { 1, 2 }, .aControls = { 0, 1, 2, 3, 4, 5, 6, 8, 9, 10, 11, 12, 14, -1 }, .aPhase = {}, .bDDR = false,
+    .gain = { 0, 400, 200 }, .exposure = { 32, 300000000, 10000 }, .iWB_R = 60, .iWB_B = 99,
+    .brightness = { 0, 240, 1 }, .iClk = 74250, .iHMAX = 1440, .iMaxExposure = 300000000, .iAutoGainMax = 200,
+    .wCaps = CAP_COMMON | CAP_AUTO | CAP_WB, .bStart = START_AUTO_FPS, .bClose = CLOSE_CLEARS_POINTER,
+    .aBins = { 1, 2 }, .aControls = { 0, 1, 2, 3, 4, 5, 6, 8, 9, 10, 11, 12, 14, -1 },
 };
 constexpr ModelTraits g_Mono = [] {
-    ModelTraits t = g_Col;
-    t.szClass = "CCameraSLapisMono";
-    t.szName = "VYR KOVLapisMono";
-    t.szKey = L"SOFTWARE\\KOVLapisMono";
-    t.aProducts[0] = { 0xC0CB, nullptr };
+    ModelTraits t = Named(Mono(g_Col), "CCameraSLapisMono", "VYR KOVLapisMono", L"SOFTWARE\\KOVLapisMono", 0xC0CB);
     t.bayer = BAYER_GR;
-    t.bColor = false;
     t.iWB_R = 52;
     t.iWB_B = 95;
-    t.wCaps = CAPS;
-    t.bTypes = TYPE_RAW8 | TYPE_RAW16;
-    constexpr int8_t controls[] = { 0, 1, 2, 5, 6, 8, 9, 10, 11, 12, 14, -1 };
-    std::copy(std::begin(controls), std::end(controls), t.aControls);
     return t;
 }();
 constexpr ModelTraits CooledLapis(const ModelTraits& base, const char* szClass, const char* szName, const wchar_t* szKey,
@@ -83,22 +70,10 @@ ClassVars g_Vars{ { g_Fpga.iUnitUSB2 }, { 462 } };
 
 }  // namespace
 
-CCameraSLapisCol::CCameraSLapisCol(void* handle) : CLapis(g_Col, 300'000'000, g_Vars<g_Col>, handle)
-{
-    FinishConstruction();
-}
-CCameraSLapisMono::CCameraSLapisMono(void* handle) : CLapis(g_Mono, 300'000'000, g_Vars<g_Mono>, handle)
-{
-    FinishConstruction();
-}
-CCameraSLapisCol_C::CCameraSLapisCol_C(void* handle) : CLapis(g_Col_C, 1'000'000'000, g_Vars<g_Col_C>, handle)
-{
-    FinishConstruction();
-}
-CCameraSLapisMono_C::CCameraSLapisMono_C(void* handle) : CLapis(g_Mono_C, 1'000'000'000, g_Vars<g_Mono_C>, handle)
-{
-    FinishConstruction();
-}
+CCameraSLapisCol::CCameraSLapisCol(void* handle) : CWhole(g_Col, 300'000'000, g_Vars<g_Col>, handle) {}
+CCameraSLapisMono::CCameraSLapisMono(void* handle) : CWhole(g_Mono, 300'000'000, g_Vars<g_Mono>, handle) {}
+CCameraSLapisCol_C::CCameraSLapisCol_C(void* handle) : CWhole(g_Col_C, 1'000'000'000, g_Vars<g_Col_C>, handle) {}
+CCameraSLapisMono_C::CCameraSLapisMono_C(void* handle) : CWhole(g_Mono_C, 1'000'000'000, g_Vars<g_Mono_C>, handle) {}
 
 template <class Base>
 CLapis<Base>::CLapis(const ModelTraits& t, uint64_t lExpMax, ClassVars& v, void* handle)

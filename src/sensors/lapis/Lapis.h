@@ -35,23 +35,19 @@ private:
     const uint64_t m_lExpMax;  // us
 };
 
-class KOV_CLASS CCameraSLapisCol final : public CLapis<CCameraBase> {
+class KOV_CLASS CCameraSLapisCol final : public CWhole<CLapis<CCameraBase>> {
 public:
     explicit CCameraSLapisCol(void* handle = nullptr);
-    ~CCameraSLapisCol() override { this->Shutdown(); }
 };
-class KOV_CLASS CCameraSLapisMono final : public CLapis<CCameraBase> {
+class KOV_CLASS CCameraSLapisMono final : public CWhole<CLapis<CCameraBase>> {
 public:
     explicit CCameraSLapisMono(void* handle = nullptr);
-    ~CCameraSLapisMono() override { this->Shutdown(); }
 };
-class KOV_CLASS CCameraSLapisCol_C final : public CLapis<CCameraCool> {
+class KOV_CLASS CCameraSLapisCol_C final : public CWhole<CLapis<CCameraCool>> {
 public:
     explicit CCameraSLapisCol_C(void* handle = nullptr);
-    ~CCameraSLapisCol_C() override { this->Shutdown(); }
 };
-class KOV_CLASS CCameraSLapisMono_C final : public CLapis<CCameraCool> {
+class KOV_CLASS CCameraSLapisMono_C final : public CWhole<CLapis<CCameraCool>> {
 public:
     explicit CCameraSLapisMono_C(void* handle = nullptr);
-    ~CCameraSLapisMono_C() override { this->Shutdown(); }
 };

@@ -30,33 +30,19 @@ constexpr int32_t HMAX_BIN = 73, HMAX_FAST = 210, HMAX_NORMAL = 419;            
 constexpr FpgaTraits g_Fpga = { 29, 43000, 385000, CLK_BIN, 60, 600000, true };
 constexpr ExposureLaw g_Law = { 28, 29, 0, 0, 28, 1, 0xFFFFF, 1 };
 
-constexpr uint16_t CAPS = CAP_BRIGHTNESS | CAP_BANDWIDTH | CAP_BANDWIDTH_AUTO | CAP_TEMPERATURE | CAP_AUTO | CAP_FLIP;
-
 constexpr ModelTraits g_Col = {
     .family = Family::Marble, .szClass = "CCameraSMarbleCol", .szName = "VYR KOVMarbleCol",
-    .szKey = L"SOFTWARE\\KOVMarbleCol", .iGuidSlot = 10, .aProducts = { { 0xC0DA, nullptr } },
-    .iWidth = 3096, .iHeight = 2080, .dPixelSize = 2.40, .bayer = BAYER_RG, .bColor = true, .bUSB3 = true, .bCooler = false,
+    .szKey = L"SOFTWARE\\KOVMarbleCol", .aProducts = { { 0xC0DA, nullptr } },
+    .iWidth = 3096, .iHeight = 2080, .dPixelSize = 2.40, .bayer = BAYER_RG,
     .fElecPerADU = 0.916f, .iPropA = 25, .iPropB = 25, .iPropC = 300, .iPropD = 340,
-    .gain = { 0, 510, 210 }, .exposure = { 32, 1024000000, 10000 }, .iWB_R = 70, .iWB_B = 90, .iWBMin = 1, .iWBMax = 99,
-    .brightness = { 0, 600, 10 }, .iBandwidthMin = 40, .iBandwidthMax = 100, .iFPSPerc = 80, .iFPSPercUSB3 = 60,
-    .iClk = 6750, .iHMAX = 420, .iMaxExposure = 1024000000, .iAutoGainMax = 255, .iAutoExpMaxCap = 1024,
-    .wCaps = CAPS | CAP_WB_R | CAP_WB_B, .bTypes = TYPE_RAW8 | TYPE_RGB24 | TYPE_Y8 | TYPE_RAW16,
-    .bStart = START_AUTO_FPS | START_HARDWARE_BIN, .bClose = CLOSE_LINK | CLOSE_CLEARS_POINTER,
-    .aBins = { 1, 2, 3, 4 }, .aControls = { 0, 1, 2, 3, 4, 5, 6, 8, 9, 10, 11, 12, 13, 14, -1 }, .aPhase = {}, .bDDR = false,
+    .gain = { 0, 510, 210 }, .exposure = { 32, 1024000000, 10000 }, .iWB_R = 70, .iWB_B = 90,
+    .brightness = { 0, 600, 10 }, .iFPSPercUSB3 = 60, .iClk = 6750, .iHMAX = 420, .iMaxExposure = 1024000000,
+    .iAutoGainMax = 255, .iAutoExpMaxCap = 1024, .wCaps = CAP_COMMON | CAP_AUTO | CAP_FLIP | CAP_WB,
+    .bStart = START_AUTO_FPS | START_HARDWARE_BIN,
+    .aBins = { 1, 2, 3, 4 }, .aControls = { 0, 1, 2, 3, 4, 5, 6, 8, 9, 10, 11, 12, 13, 14, -1 },
 };
-constexpr ModelTraits g_Mono = [] {
-    ModelTraits t = g_Col;
-    t.szClass = "CCameraSMarbleMono";
-    t.szName = "VYR KOVMarbleMono";
-    t.szKey = L"SOFTWARE\\KOVMarbleMono";
-    t.aProducts[0] = { 0xC0DC, nullptr };
-    t.bColor = false;
-    t.wCaps = CAPS;
-    t.bTypes = TYPE_RAW8 | TYPE_RAW16;
-    constexpr int8_t controls[] = { 0, 1, 2, 5, 6, 8, 9, 10, 11, 12, 13, 14, -1 };
-    std::copy(std::begin(controls), std::end(controls), t.aControls);
-    return t;
-}();
+constexpr ModelTraits g_Mono = Named(Mono(g_Col), "CCameraSMarbleMono", "VYR KOVMarbleMono",
+                                     L"SOFTWARE\\KOVMarbleMono", 0xC0DC);
 constexpr ModelTraits g_Col_C = Cooled(g_Col, "CCameraSMarbleCol_C", "VYR KOVMarbleCol-Cool",
                                        L"SOFTWARE\\KOVMarbleCol-C", 0xC0DB);
 constexpr ModelTraits g_Mono_C = Cooled(g_Mono, "CCameraSMarbleMono_C", "VYR KOVMarbleMono-Cool",
@@ -67,16 +53,10 @@ ClassVars g_Vars{ { g_Fpga.iUnitUSB3 }, { HMAX_NORMAL } };
 
 }  // namespace
 
-CCameraSMarbleCol::CCameraSMarbleCol(void* handle) : CMarble(g_Col, g_Vars<g_Col>, handle) { FinishConstruction(); }
-CCameraSMarbleMono::CCameraSMarbleMono(void* handle) : CMarble(g_Mono, g_Vars<g_Mono>, handle) { FinishConstruction(); }
-CCameraSMarbleCol_C::CCameraSMarbleCol_C(void* handle) : CMarble(g_Col_C, g_Vars<g_Col_C>, handle)
-{
-    FinishConstruction();
-}
-CCameraSMarbleMono_C::CCameraSMarbleMono_C(void* handle) : CMarble(g_Mono_C, g_Vars<g_Mono_C>, handle)
-{
-    FinishConstruction();
-}
+CCameraSMarbleCol::CCameraSMarbleCol(void* handle) : CWhole(g_Col, g_Vars<g_Col>, handle) {}
+CCameraSMarbleMono::CCameraSMarbleMono(void* handle) : CWhole(g_Mono, g_Vars<g_Mono>, handle) {}
+CCameraSMarbleCol_C::CCameraSMarbleCol_C(void* handle) : CWhole(g_Col_C, g_Vars<g_Col_C>, handle) {}
+CCameraSMarbleMono_C::CCameraSMarbleMono_C(void* handle) : CWhole(g_Mono_C, g_Vars<g_Mono_C>, handle) {}
 
 template <class Base>
 CMarble<Base>::CMarble(const ModelTraits& t, ClassVars& v, void* handle) : CFpgaModel<Base>(t, g_Fpga, v, handle)

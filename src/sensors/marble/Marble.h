@@ -29,23 +29,19 @@ private:
     bool InHardBin() const { return this->m_bHardwareBin && (this->m_iBin == 2 || this->m_iBin == 4); }
 };
 
-class KOV_CLASS CCameraSMarbleCol final : public CMarble<CCameraBase> {
+class KOV_CLASS CCameraSMarbleCol final : public CWhole<CMarble<CCameraBase>> {
 public:
     explicit CCameraSMarbleCol(void* handle = nullptr);
-    ~CCameraSMarbleCol() override { this->Shutdown(); }
 };
-class KOV_CLASS CCameraSMarbleMono final : public CMarble<CCameraBase> {
+class KOV_CLASS CCameraSMarbleMono final : public CWhole<CMarble<CCameraBase>> {
 public:
     explicit CCameraSMarbleMono(void* handle = nullptr);
-    ~CCameraSMarbleMono() override { this->Shutdown(); }
 };
-class KOV_CLASS CCameraSMarbleCol_C final : public CMarble<CCameraCool> {
+class KOV_CLASS CCameraSMarbleCol_C final : public CWhole<CMarble<CCameraCool>> {
 public:
     explicit CCameraSMarbleCol_C(void* handle = nullptr);
-    ~CCameraSMarbleCol_C() override { this->Shutdown(); }
 };
-class KOV_CLASS CCameraSMarbleMono_C final : public CMarble<CCameraCool> {
+class KOV_CLASS CCameraSMarbleMono_C final : public CWhole<CMarble<CCameraCool>> {
 public:
     explicit CCameraSMarbleMono_C(void* handle = nullptr);
-    ~CCameraSMarbleMono_C() override { this->Shutdown(); }
 };

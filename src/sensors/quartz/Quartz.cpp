@@ -77,31 +77,22 @@ constexpr QuartzTraits g_Nephrite = {
 
 // --- one row a model ---
 
-constexpr uint16_t CAPS = CAP_BRIGHTNESS | CAP_BANDWIDTH | CAP_BANDWIDTH_AUTO | CAP_TEMPERATURE | CAP_AUTO;
-
 constexpr ModelTraits g_QuartzCol = {
     .family = Family::Quartz, .szClass = "CCameraSQuartzCol", .szName = "VYR KOVQuartzCol",
-    .szKey = L"SOFTWARE\\KOVQuartzCol", .iGuidSlot = 10, .aProducts = { { 0xC11A, nullptr } },
-    .iWidth = 1936, .iHeight = 1096, .dPixelSize = 3.75, .bayer = BAYER_RG, .bColor = true, .bUSB3 = true, .bCooler = false,
+    .szKey = L"SOFTWARE\\KOVQuartzCol", .aProducts = { { 0xC11A, nullptr } },
+    .iWidth = 1936, .iHeight = 1096, .dPixelSize = 3.75, .bayer = BAYER_RG,
     .fElecPerADU = 3.584f, .iPropA = 10, .iPropB = 18, .iPropC = 300, .iPropD = 75,
-    .gain = { 0, 600, 200 }, .exposure = { 32, 1000000000, 10000 }, .iWB_R = 52, .iWB_B = 95, .iWBMin = 1, .iWBMax = 99,
-    .brightness = { 0, 240, 1 }, .iBandwidthMin = 40, .iBandwidthMax = 100, .iFPSPerc = 80, .iFPSPercUSB3 = 100,
-    .iClk = 9281, .iHMAX = 203, .iMaxExposure = 1000000000, .iAutoGainMax = 300, .iAutoExpMaxCap = 1000,
-    .wCaps = CAPS | CAP_WB_R | CAP_WB_B, .bTypes = TYPE_RAW8 | TYPE_RGB24 | TYPE_Y8 | TYPE_RAW16,
+    .gain = { 0, 600, 200 }, .exposure = { 32, 1000000000, 10000 }, .iWB_R = 52, .iWB_B = 95,
+    .brightness = { 0, 240, 1 }, .iFPSPercUSB3 = 100, .iClk = 9281, .iHMAX = 203, .iMaxExposure = 1000000000,
+    .iAutoGainMax = 300, .iAutoExpMaxCap = 1000, .wCaps = CAP_COMMON | CAP_AUTO | CAP_WB,
     .bStart = START_AUTO_FPS, .bClose = CLOSE_CLEARS_POINTER,
-    .aBins = { 1 }, .aControls = { 0, 1, 2, 3, 4, 5, 6, 8, 9, 10, 11, 12, 14, -1 }, .aPhase = {}, .bDDR = false,
+    .aBins = { 1 }, .aControls = { 0, 1, 2, 3, 4, 5, 6, 8, 9, 10, 11, 12, 14, -1 },
 };
 
 // QUIRK: the monochrome model lists CTRL_WB_B but not CTRL_WB_R.
 constexpr ModelTraits g_QuartzMono = [] {
-    ModelTraits t = g_QuartzCol;
-    t.szClass = "CCameraSQuartzMono";
-    t.szName = "VYR KOVQuartzMono";
-    t.szKey = L"SOFTWARE\\KOVQuartzMono";
-    t.aProducts[0] = { 0xC11B, nullptr };
-    t.bColor = false;
-    t.wCaps = CAPS | CAP_WB_B;
-    t.bTypes = TYPE_RAW8 | TYPE_RAW16;
+    ModelTraits t = Named(Mono(g_QuartzCol), "CCameraSQuartzMono", "VYR KOVQuartzMono", L"SOFTWARE\\KOVQuartzMono", 0xC11B);
+    t.wCaps |= CAP_WB_B;
     constexpr int8_t controls[] = { 0, 1, 2, 4, 5, 6, 8, 9, 10, 11, 12, 14, -1 };
     std::copy(std::begin(controls), std::end(controls), t.aControls);
     return t;
@@ -109,25 +100,20 @@ constexpr ModelTraits g_QuartzMono = [] {
 
 constexpr ModelTraits g_OnyxCol = {
     .family = Family::Onyx, .szClass = "CCameraSOnyxCol", .szName = "VYR KOVOnyxCol",
-    .szKey = L"SOFTWARE\\KOVOnyxCol", .iGuidSlot = 10, .aProducts = { { 0xC0FA, nullptr } },
-    .iWidth = 1304, .iHeight = 976, .dPixelSize = 3.75, .bayer = BAYER_RG, .bColor = true, .bUSB3 = true, .bCooler = false,
+    .szKey = L"SOFTWARE\\KOVOnyxCol", .aProducts = { { 0xC0FA, nullptr } },
+    .iWidth = 1304, .iHeight = 976, .dPixelSize = 3.75, .bayer = BAYER_RG,
     .fElecPerADU = 4.688f, .iPropA = 10, .iPropB = 20, .iPropC = 350, .iPropD = 140,
-    .gain = { 0, 600, 200 }, .exposure = { 32, 1000000000, 10000 }, .iWB_R = 52, .iWB_B = 95, .iWBMin = 1, .iWBMax = 99,
-    .brightness = { 0, 240, 1 }, .iBandwidthMin = 40, .iBandwidthMax = 100, .iFPSPerc = 80, .iFPSPercUSB3 = 100,
-    .iClk = 9281, .iHMAX = 292, .iMaxExposure = 1000000000, .iAutoGainMax = 300, .iAutoExpMaxCap = 1000,
-    .wCaps = CAPS | CAP_WB_R | CAP_WB_B | CAP_FLIP, .bTypes = TYPE_RAW8 | TYPE_RGB24 | TYPE_Y8 | TYPE_RAW16,
-    .bStart = START_AUTO_FPS | START_HARDWARE_BIN, .bClose = CLOSE_LINK | CLOSE_CLEARS_POINTER,
-    .aBins = { 1, 2, 3 }, .aControls = { 0, 1, 2, 3, 4, 5, 6, 8, 9, 10, 11, 12, 13, 14, -1 }, .aPhase = {}, .bDDR = false,
+    .gain = { 0, 600, 200 }, .exposure = { 32, 1000000000, 10000 }, .iWB_R = 52, .iWB_B = 95,
+    .brightness = { 0, 240, 1 }, .iFPSPercUSB3 = 100, .iClk = 9281, .iHMAX = 292, .iMaxExposure = 1000000000,
+    .iAutoGainMax = 300, .iAutoExpMaxCap = 1000, .wCaps = CAP_COMMON | CAP_AUTO | CAP_WB | CAP_FLIP,
+    .bStart = START_AUTO_FPS | START_HARDWARE_BIN,
+    .aBins = { 1, 2, 3 }, .aControls = { 0, 1, 2, 3, 4, 5, 6, 8, 9, 10, 11, 12, 13, 14, -1 },
 };
 constexpr ModelTraits g_OnyxCol_C = Cooled(g_OnyxCol, "CCameraSOnyxCol_C", "VYR KOVOnyxCol-Cool",
                                            L"SOFTWARE\\KOVOnyxCol-C", 0xC0FB);
 constexpr ModelTraits g_PyriteCol = [] {
-    ModelTraits t = g_OnyxCol;
+    ModelTraits t = Named(g_OnyxCol, "CCameraSPyriteCol", "VYR KOVPyriteCol", L"SOFTWARE\\KOVPyriteCol", 0xC10A);
     t.family = Family::Pyrite;
-    t.szClass = "CCameraSPyriteCol";
-    t.szName = "VYR KOVPyriteCol";
-    t.szKey = L"SOFTWARE\\KOVPyriteCol";
-    t.aProducts[0] = { 0xC10A, nullptr };
     t.fElecPerADU = 0;
     t.iPropA = t.iPropB = 0;
     t.iPropC = t.iPropD = -1;
@@ -138,16 +124,15 @@ constexpr ModelTraits g_PyriteCol = [] {
 
 constexpr ModelTraits g_NephriteCol = {
     .family = Family::Nephrite, .szClass = "CCameraSNephriteCol", .szName = "VYR KOVNephriteCol",
-    .szKey = L"SOFTWARE\\KOVNephriteCol", .iGuidSlot = 10, .aProducts = { { 0xC0EA, nullptr } },
-    .iWidth = 1944, .iHeight = 1224, .dPixelSize = 3.75, .bayer = BAYER_RG, .bColor = true, .bUSB3 = true, .bCooler = false,
+    .szKey = L"SOFTWARE\\KOVNephriteCol", .aProducts = { { 0xC0EA, nullptr } },
+    .iWidth = 1944, .iHeight = 1224, .dPixelSize = 3.75, .bayer = BAYER_RG,
     .fElecPerADU = 5.584f, .iPropA = 10, .iPropB = 26, .iPropC = 250, .iPropD = 75,
-    .gain = { 0, 480, 200 }, .exposure = { 32, 1000000000, 10000 }, .iWB_R = 50, .iWB_B = 90, .iWBMin = 1, .iWBMax = 99,
-    .brightness = { 0, 500, 1 }, .iBandwidthMin = 40, .iBandwidthMax = 100, .iFPSPerc = 80, .iFPSPercUSB3 = 80,
-    .iClk = 4640, .iHMAX = 138, .iMaxExposure = 1000000000, .iAutoGainMax = 240, .iAutoExpMaxCap = 1000,
-    .wCaps = CAPS | CAP_WB_R | CAP_WB_B | CAP_FLIP, .bTypes = TYPE_RAW8 | TYPE_RGB24 | TYPE_Y8 | TYPE_RAW16,
-    .bStart = START_AUTO_FPS | START_HARDWARE_BIN, .bClose = CLOSE_LINK | CLOSE_CLEARS_POINTER,
+    .gain = { 0, 480, 200 }, .exposure = { 32, 1000000000, 10000 }, .iWB_R = 50, .iWB_B = 90,
+    .brightness = { 0, 500, 1 }, .iClk = 4640, .iHMAX = 138, .iMaxExposure = 1000000000,
+    .iAutoGainMax = 240, .iAutoExpMaxCap = 1000, .wCaps = CAP_COMMON | CAP_AUTO | CAP_WB | CAP_FLIP,
+    .bStart = START_AUTO_FPS | START_HARDWARE_BIN,
     .aBins = { 1, 2 }, .aControls = { 0, 1, 2, 3, 4, 5, 6, 8, 9, 10, 11, 12, 13, 14, -1 },
-    .aPhase = { { 2, -4, 0, -4, 0 } }, .bDDR = false,
+    .aPhase = { { 2, -4, 0, -4, 0 } },
 };
 constexpr ModelTraits g_NephriteCol_C = Cooled(g_NephriteCol, "CCameraSNephriteCol_C", "VYR KOVNephriteCol-Cool",
                                                L"SOFTWARE\\KOVNephriteCol-C", 0xC0EB);
@@ -158,18 +143,31 @@ ClassVars g_Vars{ { q.fpga.iUnitUSB3 }, { q.iMinNormal } };
 
 }  // namespace
 
-#define KOV_QUARTZ_CTOR(name, traits, family)                                        \
-    name::name(void* handle) : CQuartz(traits, family, g_Vars<traits, family>, handle) \
-    {                                                                                \
-        this->FinishConstruction();                                                  \
-    }
-KOV_QUARTZ_CTOR(CCameraSQuartzCol, g_QuartzCol, g_Quartz)
-KOV_QUARTZ_CTOR(CCameraSQuartzMono, g_QuartzMono, g_Quartz)
-KOV_QUARTZ_CTOR(CCameraSOnyxCol, g_OnyxCol, g_Onyx)
-KOV_QUARTZ_CTOR(CCameraSOnyxCol_C, g_OnyxCol_C, g_Onyx)
-KOV_QUARTZ_CTOR(CCameraSPyriteCol, g_PyriteCol, g_Pyrite)
-KOV_QUARTZ_CTOR(CCameraSNephriteCol, g_NephriteCol, g_Nephrite)
-KOV_QUARTZ_CTOR(CCameraSNephriteCol_C, g_NephriteCol_C, g_Nephrite)
+CCameraSQuartzCol::CCameraSQuartzCol(void* handle)
+    : CWhole(g_QuartzCol, g_Quartz, g_Vars<g_QuartzCol, g_Quartz>, handle)
+{
+}
+CCameraSQuartzMono::CCameraSQuartzMono(void* handle)
+    : CWhole(g_QuartzMono, g_Quartz, g_Vars<g_QuartzMono, g_Quartz>, handle)
+{
+}
+CCameraSOnyxCol::CCameraSOnyxCol(void* handle) : CWhole(g_OnyxCol, g_Onyx, g_Vars<g_OnyxCol, g_Onyx>, handle) {}
+CCameraSOnyxCol_C::CCameraSOnyxCol_C(void* handle)
+    : CWhole(g_OnyxCol_C, g_Onyx, g_Vars<g_OnyxCol_C, g_Onyx>, handle)
+{
+}
+CCameraSPyriteCol::CCameraSPyriteCol(void* handle)
+    : CWhole(g_PyriteCol, g_Pyrite, g_Vars<g_PyriteCol, g_Pyrite>, handle)
+{
+}
+CCameraSNephriteCol::CCameraSNephriteCol(void* handle)
+    : CWhole(g_NephriteCol, g_Nephrite, g_Vars<g_NephriteCol, g_Nephrite>, handle)
+{
+}
+CCameraSNephriteCol_C::CCameraSNephriteCol_C(void* handle)
+    : CWhole(g_NephriteCol_C, g_Nephrite, g_Vars<g_NephriteCol_C, g_Nephrite>, handle)
+{
+}
 
 template <class Base>
 CQuartz<Base>::CQuartz(const ModelTraits& t, const QuartzTraits& q, ClassVars& v, void* handle)

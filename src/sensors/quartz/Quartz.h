@@ -47,17 +47,31 @@ private:
     const QuartzTraits& m_Q;
 };
 
-#define KOV_QUARTZ_CLASS(name, base)                  \
-    class KOV_CLASS name final : public CQuartz<base> { \
-    public:                                           \
-        explicit name(void* handle = nullptr);        \
-        ~name() override { this->Shutdown(); }        \
-    };
-KOV_QUARTZ_CLASS(CCameraSQuartzCol, CCameraBase)
-KOV_QUARTZ_CLASS(CCameraSQuartzMono, CCameraBase)
-KOV_QUARTZ_CLASS(CCameraSOnyxCol, CCameraBase)
-KOV_QUARTZ_CLASS(CCameraSOnyxCol_C, CCameraCool)
-KOV_QUARTZ_CLASS(CCameraSPyriteCol, CCameraBase)
-KOV_QUARTZ_CLASS(CCameraSNephriteCol, CCameraBase)
-KOV_QUARTZ_CLASS(CCameraSNephriteCol_C, CCameraCool)
-#undef KOV_QUARTZ_CLASS
+class KOV_CLASS CCameraSQuartzCol final : public CWhole<CQuartz<CCameraBase>> {
+public:
+    explicit CCameraSQuartzCol(void* handle = nullptr);
+};
+class KOV_CLASS CCameraSQuartzMono final : public CWhole<CQuartz<CCameraBase>> {
+public:
+    explicit CCameraSQuartzMono(void* handle = nullptr);
+};
+class KOV_CLASS CCameraSOnyxCol final : public CWhole<CQuartz<CCameraBase>> {
+public:
+    explicit CCameraSOnyxCol(void* handle = nullptr);
+};
+class KOV_CLASS CCameraSOnyxCol_C final : public CWhole<CQuartz<CCameraCool>> {
+public:
+    explicit CCameraSOnyxCol_C(void* handle = nullptr);
+};
+class KOV_CLASS CCameraSPyriteCol final : public CWhole<CQuartz<CCameraBase>> {
+public:
+    explicit CCameraSPyriteCol(void* handle = nullptr);
+};
+class KOV_CLASS CCameraSNephriteCol final : public CWhole<CQuartz<CCameraBase>> {
+public:
+    explicit CCameraSNephriteCol(void* handle = nullptr);
+};
+class KOV_CLASS CCameraSNephriteCol_C final : public CWhole<CQuartz<CCameraCool>> {
+public:
+    explicit CCameraSNephriteCol_C(void* handle = nullptr);
+};
