@@ -163,7 +163,7 @@ TEST_P(ExposureTest, Settles)
     m_pDevice->SetScene(std::make_shared<Framed>(daylight));
     Run(BOTH, 40000, iGain, "daylight");
 }
-INSTANTIATE_TEST_SUITE_P(All, ExposureTest, testing::ValuesIn(OneOfEachFamily()), ClassName);
+INSTANTIATE_TEST_SUITE_P(All, ExposureTest, testing::ValuesIn(OneOfEachKind()), ClassName);
 
 // From a tenth of a second on the capture thread does the steps itself, on every second frame; Agate and Dunite from
 // half a second.
@@ -181,14 +181,13 @@ TEST_P(LongExposureTest, Settles)
 
 std::vector<ModelRow> LongModels()
 {
-    std::vector<ModelRow> rows = OneOfEachFamily();
+    std::vector<ModelRow> rows = OneOfEachKind();
     std::erase_if(rows, [](const ModelRow& m) { return !m.Is("Quartz") && !m.Is("GarnetMono") && !m.Is("Agate"); });
     return rows;
 }
 INSTANTIATE_TEST_SUITE_P(All, LongExposureTest, testing::ValuesIn(LongModels()), ClassName);
 
 // --- white balance
-// ----------------------------------------------------------------------------------------------------
 
 class BalanceTest : public ExposureTest {
 protected:

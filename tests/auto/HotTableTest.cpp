@@ -6,8 +6,6 @@
 
 namespace {
 
-using kovsim::FaultKind;
-
 constexpr uint32_t TABLE = 0x40000;
 constexpr uint8_t GPIF = 190, FLASH_WRITE = 194, FLASH_READ = 195, FLASH_ERASE = 196;
 
@@ -210,9 +208,16 @@ TEST_F(HotTableTest, SearchedSavedAndLoaded)
 }
 
 // --- the table through the geometries
-// ---------------------------------------------------------------------------------
 
 struct Shape { uint16_t wProductId; std::vector<int> hardBins, softBins; bool bFull; };
+std::string NameOf(const Shape& s)
+{
+    for (const ModelRow& m : Models())
+        if (m.wProductId == s.wProductId)
+            return m.sClass.substr(8);
+    return "unknown";
+}
+void PrintTo(const Shape& s, std::ostream* p) { *p << NameOf(s); }
 
 class HotShapeTest : public HotTableTest, public testing::WithParamInterface<Shape> {};
 
@@ -267,105 +272,6 @@ INSTANTIATE_TEST_SUITE_P(Models, HotShapeTest,
                          testing::Values(Shape{ 0xC0FA, { 2 }, { 2 }, true }, Shape{ 0xC07D, {}, { 2 }, true },
                                          Shape{ 0xC0B0, { 2, 3, 4 }, { 2 }, false }, Shape{ 0xC0EA, { 2 }, {}, false },
                                          Shape{ 0xC05A, { 3 }, {}, false }, Shape{ 0xC06A, { 3 }, {}, false }),
-                         [](const auto& info) {
-                             for (const ModelRow& m : Models())
-                                 if (m.wProductId == info.param.wProductId)
-                                     return m.sClass.substr(8);
-                             return std::string("unknown");
-                         });
-
-// --- flash that fails, tables that are none
-// ---------------------------------------------------------------------------
-
-TEST_F(HotTableTest, BadFlash)
-{
-    ASSERT_NO_FATAL_FAILURE(OpenDark(0xC0FA, 0, false));
-    m_pCam->m_pDarkBuf[100] = m_pCam->m_pDarkBuf[5000] = 200;
-    const std::set<int> hot = { 100, 5000 };
-    int iCount = 0;
-    const Bytes before(0x10000, 0x5A);
-    const auto save = [&](FaultKind kind, uint32_t uTimes) {
-        m_pDevice->SetFlash(TABLE, before);
-        m_pDevice->ClearFaults();
-        m_pDevice->Inject({ kind, 0, 0, uTimes });
-        m_pDevice->ClearRequests();
-        const bool bOk = m_pCam->ManualHPC(true, &iCount);
-        EXPECT_EQ(m_pDevice->Requests().back().bRequest, GPIF);
-        EXPECT_EQ(m_pDevice->Requests().back().wValue, 1) << "the image path is on again";
-        m_pDevice->ClearFaults();
-        return bOk;
-    };
-    EXPECT_FALSE(save(FaultKind::FlashEraseFails, 1));
-    EXPECT_EQ(m_pDevice->Flash(TABLE, 0x10000), before) << "nothing is written over what could not be erased";
-    EXPECT_FALSE(save(FaultKind::FlashWriteFails, 3));
-    EXPECT_TRUE(save(FaultKind::FlashWriteFails, 2)) << "the third try";
-    EXPECT_EQ(Decode(m_pDevice->Flash(TABLE, 0x10000)), hot);
-    unsigned long uCount = 0;
-    EXPECT_TRUE(m_pCam->ChangeHPCStatus(HPC_LOAD, &uCount));
-    EXPECT_EQ(uCount, 2u);
-    Region(320, 240);
-    Set(CTRL_EXPOSURE, 1000);
-    EXPECT_TRUE(TakeSnap());
-}
-
-TEST_F(HotTableTest, TablesThatAreNone)
-{
-    ASSERT_NO_FATAL_FAILURE(OpenDark(0xC0FA, 0, false));
-    const int iPixels = m_pCam->m_iMaxWidth * m_pCam->m_iMaxHeight;
-    const std::set<int> hot = { 0, 7, 2047, 2048, 12345, iPixels - 1 };
-    const Bytes good = Encode(hot, iPixels);
-    const auto with = [&](auto change) {
-        Bytes b = good;
-        change(b);
-        return b;
-    };
-    const auto length = [](Bytes& b, uint32_t v) {
-        for (size_t i = 0; i < 4; ++i)
-            b[4 + i] = static_cast<uint8_t>(v >> (24 - 8 * i));
-    };
-    const struct { const char* szWhat; Bytes table; bool bLoads; int iCount;
-    } rows[] = {
-        { "good", good, true, 6 },
-        { "wrong magic", with([](Bytes& b) { b[3] = 'X'; }), false, -1 },
-        { "longer than the sensor", with([&](Bytes& b) { length(b, static_cast<uint32_t>(iPixels / 8 + 1)); }), false,
-          -1 },
-        { "a record outside", with([&](Bytes& b) {
-              b.insert(b.end(), { 0, 0, 0xFF, 1 });
-              length(b, static_cast<uint32_t>(b.size()));
-          }),
-          false, -1 },
-        { "pages without end", with([&](Bytes& b) {
-              std::fill(b.begin() + 8, b.end(), uint8_t{ 0 });
-              b.resize(2000, 0);
-              b.insert(b.end(), { 1, 1 });
-              length(b, static_cast<uint32_t>(b.size()));
-          }),
-          false, -1 },
-        { "no records", with([&](Bytes& b) { length(b, 8); }), true, 0 },
-        { "negative length", with([&](Bytes& b) { length(b, 0xFFFFFFF0u); }), true, 0 },
-    };
-    for (const auto& r : rows) {
-        SCOPED_TRACE(r.szWhat);
-        m_pDevice->SetFlash(TABLE, good);
-        unsigned long uCount = 0;
-        ASSERT_TRUE(m_pCam->ChangeHPCStatus(HPC_LOAD, &uCount));
-        m_pDevice->SetFlash(TABLE, Bytes(0x10000, 0xFF));
-        m_pDevice->SetFlash(TABLE, r.table);
-        uCount = 99;
-        EXPECT_EQ(m_pCam->ChangeHPCStatus(HPC_LOAD, &uCount), r.bLoads);
-        EXPECT_EQ(m_pCam->IsHPCEnable(), r.bLoads);
-        EXPECT_EQ(InTable(), r.bLoads ? r.iCount : 6) << "a refused table leaves the old one, switched off";
-        // And at power on.
-        ASSERT_NO_FATAL_FAILURE(Reopen());
-        EXPECT_EQ(m_pCam->IsHPCEnable(), r.bLoads);
-        EXPECT_EQ(InTable(), r.bLoads ? r.iCount : 0);
-    }
-    m_pDevice->SetFlash(TABLE, good);
-    m_pDevice->Inject({ FaultKind::FailControl, FLASH_READ });
-    unsigned long uCount = 0;
-    EXPECT_FALSE(m_pCam->ChangeHPCStatus(HPC_LOAD, &uCount));
-    EXPECT_TRUE(m_pCam->ChangeHPCStatus(HPC_LOAD, &uCount));
-    EXPECT_EQ(uCount, 6u);
-}
+                         [](const auto& info) { return NameOf(info.param); });
 
 }  // namespace

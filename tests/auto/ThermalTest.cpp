@@ -4,8 +4,6 @@
 
 namespace {
 
-constexpr uint8_t ASK_DIGITAL = 179, ASK_THERMISTOR = 199, COOLER_DA = 178;
-
 class ThermalTest : public AutoTest {
 protected:
     void OpenAt(uint16_t wProductId, double dAmbient)
@@ -50,37 +48,6 @@ TEST_F(ThermalTest, EveryFormTellsTheTemperature)
         EXPECT_EQ(Now(CTRL_TEMPERATURE), 0);
         KOVCloseCamera(m_iId);
     }
-}
-
-TEST_F(ThermalTest, FailedRequestsLeaveTheLastGoodValue)
-{
-    OpenAt(0xC11A, 31.25);
-    EXPECT_EQ(Now(CTRL_TEMPERATURE), 312);
-    m_pDevice->Inject({ kovsim::FaultKind::FailControl, ASK_DIGITAL });
-    EXPECT_EQ(Now(CTRL_TEMPERATURE), 312);
-    KOVCloseCamera(0);
-
-    // QUIRK: exactly 0 degrees counts as no reading.
-    Clock(RATE);
-    OpenAt(0xC11A, 0.01);
-    m_pCam->m_fSensorTemp = 7.5f;
-    EXPECT_EQ(Now(CTRL_TEMPERATURE), 75);
-    KOVCloseCamera(0);
-
-    // QUIRK: the thermistor's last good value is one for the process: a warm camera's failed reading shows the cold
-    // one.
-    Clock(RATE);
-    OpenAt(0xC05A, 40);
-    CCameraBase& warm = *m_pCam;
-    kovsim::VirtualCamera& warmDevice = *m_pDevice;
-    OpenAt(0xC08A, 5);
-    for (const int id : { 0, 1 })
-        dynamic_cast<CCameraCool*>(CCameraBase::FromID(id))->StopAutoTempThr();
-    EXPECT_NEAR(warm.GetTemp(), 40, 0.7);
-    EXPECT_NEAR(m_pCam->GetTemp(), 5, 0.7);
-    warmDevice.Inject({ kovsim::FaultKind::FailControl, ASK_THERMISTOR });
-    EXPECT_NEAR(warm.GetTemp(), 5, 0.7);
-    EXPECT_NEAR(warm.GetTemp(), 40, 0.7);
 }
 
 class CoolerTest : public ThermalTest, public testing::WithParamInterface<std::pair<uint16_t, double>> {};
@@ -139,29 +106,5 @@ INSTANTIATE_TEST_SUITE_P(Models, CoolerTest,
                          testing::Values(std::pair<uint16_t, double>{ 0xC0B1, 0.5 },
                                          std::pair<uint16_t, double>{ 0xC08A, 1.2 }),
                          [](const auto& info) { return info.param.first == 0xC0B1 ? "KyaniteCol_C" : "HaliteCol"; });
-
-TEST_F(ThermalTest, CoolerControlsWithoutCooler)
-{
-    for (const uint16_t w : { uint16_t{ 0xC0FA }, uint16_t{ 0xC07A } }) {
-        Clock(RATE);
-        OpenAt(w, 20);
-        for (const auto c : { CTRL_COOL_POWER_PERC, CTRL_TARGET_TEMP, CTRL_COOLER_ON }) {
-            int32_t v = 77;
-            KOV_BOOL a = KOV_TRUE;
-            EXPECT_EQ(KOVGetControlValue(0, c, &v, &a), KOV_ERROR_BAD_CONTROL);
-            EXPECT_EQ(v, 77);
-            EXPECT_EQ(a, KOV_FALSE);
-        }
-        const int32_t iTarget = m_pCam->m_iTargetTemp;
-        m_pDevice->ClearRequests();
-        EXPECT_EQ(KOVSetControlValue(0, CTRL_TARGET_TEMP, -10, KOV_FALSE), KOV_ERROR_GENERAL);
-        EXPECT_EQ(KOVSetControlValue(0, CTRL_COOLER_ON, 1, KOV_FALSE), KOV_ERROR_GENERAL);
-        EXPECT_EQ(KOVSetControlValue(0, CTRL_COOL_POWER_PERC, 50, KOV_FALSE), KOV_SUCCESS) << "read only: ignored";
-        EXPECT_EQ(m_pCam->m_iTargetTemp, iTarget);
-        for (const kovsim::Request& r : m_pDevice->Requests())
-            EXPECT_NE(r.bRequest, COOLER_DA);
-        KOVCloseCamera(0);
-    }
-}
 
 }  // namespace

@@ -118,7 +118,8 @@ TEST_F(Table, SaveAndLoad)
     Dark(3);
     cam.m_pDarkBuf[9] = 41;  // beside the second
     cam.m_bHPCEnable = true;
-    ASSERT_TRUE(cam.SaveHPCTable());
+    int n = 0;
+    ASSERT_TRUE(cam.ManualHPC(true, &n));
     const auto log = usb.dev.Log();
     EXPECT_EQ(log.find("out 190 0000 0000\nout 196 0001 0004\nin 196 0000 0004: 00\nout 194 0000 0400: 4b 4f 56 44"), 0u) << log;
     EXPECT_EQ(usb.dev.Requests()[3].wLength, 512) << "8 + 6 + 298 bytes in whole pages";
@@ -128,17 +129,17 @@ TEST_F(Table, SaveAndLoad)
 
     usb.dev.Clear();
     TestCamera other(640, 480);
-    unsigned long n = 0;
+    unsigned long uCount = 0;
     usb.Connect(other);
-    EXPECT_TRUE(other.ChangeHPCStatus(HPC_LOAD, &n));
-    EXPECT_EQ(n, 4u);
+    EXPECT_TRUE(other.ChangeHPCStatus(HPC_LOAD, &uCount));
+    EXPECT_EQ(uCount, 4u);
     EXPECT_TRUE(other.m_bHPCEnable);
     EXPECT_EQ(other.m_pHotPixels[2], 9);
     EXPECT_EQ(usb.dev.Requests().back().Text(), "out 190 0001 0000");
     EXPECT_FALSE(other.SetHPCStates(false));  // QUIRK: success looks like failure
     EXPECT_EQ(other.m_iHPCNum, 0);
     EXPECT_EQ(other.m_pHPCBuf2[9], 0);
-    EXPECT_FALSE(other.ChangeHPCStatus(HPC_QUERY, &n));
+    EXPECT_FALSE(other.ChangeHPCStatus(HPC_QUERY, &uCount));
 }
 
 TEST_F(Table, QuirkAWholeNumberOfBlocksIsReportedAsFailed)
