@@ -8,9 +8,8 @@ bool CFpgaModel<Base>::InitCamera()
     if (!this->m_bOpen)
         return false;
     model::InitLink(*this);
-    uint8_t ver = 0, fpga[4] = {};
-    this->GetFirmwareVer(&ver);
-    this->m_FirmwareVer = ver;
+    model::ReadFirmwareVer(*this);
+    uint8_t fpga[4] = {};
     this->GetFPGAVer(&this->m_FPGAVer[0], fpga);
     this->m_FPGAVer[1] = fpga[0];
     if (CCameraCool* pCool = this->Cool())
@@ -35,13 +34,7 @@ bool CFpgaModel<Base>::SetResolution(int width, int height, int bin, IMAGE_TYPE 
 {
     if (!model::RegionFits(*this, width, height, bin, type) || !AcceptsSize(width, height))
         return false;
-    this->m_iHeight = height;
-    this->m_iWidth = width;
-    this->m_ImgType = type;
-    this->m_iBin = bin;
-    // QUIRK: every change of region recentres; a start that the host has set is lost.
-    this->m_iStartX = (this->m_iMaxWidth - width * bin) / 2;
-    this->m_iStartY = (this->m_iMaxHeight - height * bin) / 2;
+    model::TakeRegion(*this, width, height, bin, type);
     this->SetStartPos(this->m_iStartX, this->m_iStartY);
     this->SetOutput16Bits(type == IMAGE_16BIT_ALT || type == IMAGE_16BIT);
     this->Cam_SetResolution();
@@ -54,17 +47,24 @@ bool CFpgaModel<Base>::SetResolution(int width, int height, int bin, IMAGE_TYPE 
 template <class Base>
 bool CFpgaModel<Base>::SetStartPos(int x, int y)
 {
-    x = RoundX(std::max(x, 0));
-    y = std::max(y, 0) & ~1;
-    const int w = this->m_iWidth * this->m_iBin, h = this->m_iHeight * this->m_iBin;
-    this->m_iStartY = h > this->m_iMaxHeight - y ? this->m_iMaxHeight - h : y;
-    this->m_iStartX = w > this->m_iMaxWidth - x ? this->m_iMaxWidth - w : x;
-    if (this->m_bUsingDark)
-        this->AdjustDarkBuff(this->m_pDarkBuf, this->m_pDarkSum);
-    if (this->m_bHPCEnable)
-        this->AdjustHPCTable(this->m_pHPCBuf1, this->m_pHPCBuf2);
+    model::TakeStart(*this, RoundX(std::max(x, 0)), std::max(y, 0) & ~1);
+    model::FitTables(*this, this->m_Traits);
     WriteStart(this->m_iStartX, this->m_iStartY);
     return true;
+}
+
+template <class Base>
+bool CFpgaModel<Base>::WriteStart(int x, int y)
+{
+    return WriteHeld({ { m_Fpga.regs.wLeft, uint32_t(x), 2 }, { m_Fpga.regs.wTop, uint32_t(y), 2 } });
+}
+
+template <class Base>
+bool CFpgaModel<Base>::SetBrightness(int value)
+{
+    this->m_iBrightness = value;
+    Write8(static_cast<uint16_t>(m_Fpga.regs.wBlack + 1), uint32_t(value) >> 8);  // the high byte goes first
+    return Write8(m_Fpga.regs.wBlack, uint32_t(value));
 }
 
 template <class Base>
@@ -72,12 +72,7 @@ bool CFpgaModel<Base>::SetFPSPerc(int percent, bool autoMode)
 {
     if (this->m_iCMOSClk < ClockFloor())
         return false;
-    // QUIRK: on the switch to auto the argument is ignored; while auto is on, it is taken.
-    if (!autoMode || this->m_bAutoFPS)
-        this->m_iFPSPerc = std::clamp<int32_t>(percent, this->m_iBandwidthMin, 100);
-    else
-        this->m_iFPSPerc = AutoPerc();
-    this->m_bAutoFPS = autoMode;
+    this->TakePercentage(percent, autoMode, AutoPerc());
 
     const int32_t iBudget = this->m_iFPSPerc * m_Vars.iBandwidthUnit;
     const float fps =
@@ -117,10 +112,10 @@ template <class Base>
 bool CFpgaModel<Base>::SetHighSpeedMode(bool on)
 {
     this->m_bHighSpeed = on;
-    if (InHardBin2())
+    if (!SpeedMatters())
         return true;
     this->SetOutput16Bits(this->m_bOutput16Bits);
-    InitClock();
+    this->SetCMOSClk();
     this->SetFPSPerc(this->m_iFPSPerc, this->m_bAutoFPS);
     this->SetExp(this->m_lExposure, this->m_bAutoExp);
     this->SetBrightness(this->m_iBrightness);
@@ -148,9 +143,7 @@ void CFpgaModel<Base>::SetRGBBalance(int red, int blue, bool autoMode)
 {
     if (!this->m_bIsColor)
         return;
-    this->m_iWB_R = std::clamp(red, 1, 99);
-    this->m_iWB_B = std::clamp(blue, 1, 99);
-    this->m_bAutoWB = autoMode;
+    this->TakeBalance(red, blue, autoMode);
     const bool bHold = BalanceHolds();
     if (bHold)
         Fpga(FPGA_HOLD, 1);
@@ -183,22 +176,34 @@ void CFpgaModel<Base>::CalcMaxFPS()
     this->m_fMaxDataRate = float(iBytes * SensorW() * SensorH()) * fps / 1e6f;
 }
 
-template <class Base>
-bool CFpgaModel<Base>::WriteBytes(uint16_t reg, uint32_t value, int n)
+template <class Write>
+static bool LowByteFirst(uint16_t reg, uint32_t value, int n, Write write)
 {
     bool ok = true;
     for (int i = 0; i < n; ++i)
-        ok = this->WriteSONYREG(static_cast<uint16_t>(reg + i), static_cast<uint8_t>(value >> (8 * i)));
+        ok = write(static_cast<uint16_t>(reg + i), static_cast<uint8_t>(value >> (8 * i)));
     return ok;
+}
+
+template <class Base>
+bool CFpgaModel<Base>::WriteBytes(uint16_t reg, uint32_t value, int n)
+{
+    return LowByteFirst(reg, value, n, [this](uint16_t r, uint8_t b) { return this->WriteSONYREG(r, b); });
 }
 
 template <class Base>
 bool CFpgaModel<Base>::WriteFpga(uint16_t reg, uint32_t value, int n)
 {
-    bool ok = true;
-    for (int i = 0; i < n; ++i)
-        ok = this->WriteFPGAREG(static_cast<uint16_t>(reg + i), static_cast<uint8_t>(value >> (8 * i)));
-    return ok;
+    return LowByteFirst(reg, value, n, [this](uint16_t r, uint8_t b) { return this->WriteFPGAREG(r, b); });
+}
+
+template <class Base>
+bool CFpgaModel<Base>::WriteHeld(std::initializer_list<RegBytes> writes)
+{
+    Write8(m_Fpga.regs.wHold, 1);
+    for (const RegBytes& w : writes)
+        WriteBytes(w.wReg, w.lValue, w.n);
+    return Write8(m_Fpga.regs.wHold, 0);
 }
 
 template class CFpgaModel<CCameraBase>;

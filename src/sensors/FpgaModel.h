@@ -31,6 +31,20 @@ struct ClassVars {
     std::atomic<int32_t> iSavedHMAX{ 0 }; // Lapis: line length before a long exposure
 };
 
+// Where a sensor with byte registers keeps what most families write alike. 0: the family writes it itself.
+struct SensorRegs {
+    uint16_t wHold = 0;            // 1 keeps writes back until 0
+    uint16_t wLeft = 0, wTop = 0;  // start of the window, 2 bytes each
+    uint16_t wBlack = 0;           // 2 bytes
+};
+
+// Consecutive byte registers of the sensor, low byte first.
+struct RegBytes {
+    uint16_t wReg;
+    uint32_t lValue;
+    int n = 1;
+};
+
 // One row a family.
 struct FpgaTraits {
     int iVBlank;                    // lines that a frame needs beyond the picture
@@ -39,6 +53,7 @@ struct FpgaTraits {
     int iAutoPercUSB3;              // bandwidth on auto; 80 on a USB 2 host everywhere
     uint64_t lFPSLimit;             // us; CalcMaxFPS only below it, 0: always
     bool bRateCounts16Bits;         // the data rate counts two bytes a pixel in 16-bit mode
+    SensorRegs regs = {};
 };
 
 template <class Base>
@@ -56,6 +71,7 @@ public:
     bool GetFPSPerc(int* percent, bool* autoMode) override;
     bool SetHighSpeedMode(bool on) override;
     bool SetHardwareBin(bool on) override;
+    bool SetBrightness(int value) override;
     void SetRGBBalance(int red, int blue, bool autoMode) override;
     float GetSensorTemp() override { return this->ReadDigitalTemp(); }
     int32_t GetRealImageSize() override;
@@ -68,12 +84,14 @@ protected:
     virtual void InitClock() { this->SetCMOSClk(); }
     virtual void ResolutionClock() { InitClock(); }       // SetResolution's choice of the clock
     virtual void InitDone() {}                            // last step of InitCamera
-    virtual bool WriteStart(int x, int y) = 0;            // sensor pixels, rounded and in range
+    virtual bool WriteStart(int x, int y);                // sensor pixels, rounded and in range; by SensorRegs
     virtual bool WriteHMAX();                             // m_iHMAX to its register
     virtual int32_t LineFromTime(float lineTime) const;   // us to the unit of m_iHMAX, before the limits
     virtual bool AcceptsSize(int width, int height) const { return height % 2 == 0 && width % 4 == 0; }
     virtual int RoundX(int x) const { return x & ~3; }    // x >= 0
     virtual bool BinMatters() const { return this->m_iBin != 1; }  // hardware binning plays a part at this bin
+    // High speed plays a part in the mode in force.
+    virtual bool SpeedMatters() const { return !InHardBin2(); }
     // The hardware path is in use as far as the frame size goes.
     virtual bool IsHardSize() const { return this->m_bHardwareBin; }
     virtual int HardSizeFactor() const { return 1; }      // the sensor sends that many times m_iWidth then
@@ -89,15 +107,27 @@ protected:
     int SensorW() const { return this->m_iWidth * (IsHardSize() ? HardSizeFactor() : this->m_iBin.Get()); }
     int SensorH() const { return this->m_iHeight * (IsHardSize() ? HardSizeFactor() : this->m_iBin.Get()); }
     bool InHardBin2() const { return this->m_bHardwareBin && this->m_iBin == 2; }
+    // The same where hardware binning serves every bin at which it matters.
+    bool InHardBin() const { return this->m_bHardwareBin && BinMatters(); }
     int AutoPerc() const { return this->m_bUSB3Host ? m_Fpga.iAutoPercUSB3 : 80; }
-    void SelectBandwidthUnit() { m_Vars.iBandwidthUnit = this->m_bUSB3Host ? m_Fpga.iUnitUSB3 : m_Fpga.iUnitUSB2; }
+    // First step of SetOutput16Bits.
+    void TakeOutput16Bits(bool on)
+    {
+        this->m_bOutput16Bits = on;
+        m_Vars.iBandwidthUnit = this->m_bUSB3Host ? m_Fpga.iUnitUSB3 : m_Fpga.iUnitUSB2;
+    }
     // Consecutive byte registers, low byte first.
     bool WriteBytes(uint16_t reg, uint32_t value, int n);
     bool WriteFpga(uint16_t reg, uint32_t value, int n);
+    // Sensor registers that take effect together.
+    bool WriteHeld(std::initializer_list<RegBytes> writes);
     bool Write8(uint16_t reg, uint32_t value) { return this->WriteSONYREG(reg, static_cast<uint8_t>(value)); }
     bool Fpga(uint16_t reg, uint32_t value) { return this->WriteFPGAREG(reg, static_cast<uint16_t>(value)); }
     void UnityGains() { for (uint16_t r = FPGA_GAIN_A; r <= FPGA_GAIN_D; ++r) Fpga(r, 128); }
     void WriteSensorSizeToFpga() { WriteFpga(FPGA_WIDTH, uint32_t(SensorW()), 2); WriteFpga(FPGA_HEIGHT, uint32_t(SensorH()), 2); }
+    // Starts and stops the FPGA's stream, in the form of the exposure.
+    bool Go() { return Fpga(FPGA_RUN, this->m_bLongExp ? RUN_GO_LONG : RUN_GO); }
+    bool Halt() { return Fpga(FPGA_RUN, this->m_bLongExp ? RUN_STOP_LONG : RUN_STOP); }
     // Last part of most bring-ups: FPGA idle, 8-bit format, unity gains.
     void FinishFpgaInit()
     {
@@ -118,23 +148,15 @@ protected:
             }
         } else if (this->m_bLongExp) {
             Write8(0, RUN_GO);
-            LeaveLongExp();
+            this->SetCMOSClk();
             this->m_bLongExp = false;
         }
     }
-    virtual void LeaveLongExp() { this->SetCMOSClk(); }
     bool WriteVMAX(uint32_t vmax)
     {
         Fpga(FPGA_HOLD, 1);
         WriteFpga(FPGA_VMAX, vmax, 3);
         return Fpga(FPGA_HOLD, 0);
-    }
-    // SetBrightness where the black level is a pair of bytes: the high one goes first.
-    bool WriteBlack(uint16_t regLow, int value)
-    {
-        this->m_iBrightness = value;
-        Write8(static_cast<uint16_t>(regLow + 1), uint32_t(value) >> 8);
-        return Write8(regLow, uint32_t(value));
     }
     // Frames a second from clock and line length.
     float FPSFromLine(int lines) const

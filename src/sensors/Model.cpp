@@ -227,12 +227,16 @@ void InitLink(CCameraBase& cam)
     cam.SetHPCStates(true);
 }
 
-bool UpdateFirmware(CCameraBase& cam, const ModelTraits& t, const uint8_t* pImage, int32_t iSize, uint8_t needed)
+uint8_t ReadFirmwareVer(CCameraBase& cam)
 {
     uint8_t ver = 0;
     cam.GetFirmwareVer(&ver);
-    cam.m_FirmwareVer = ver;
-    if (ver >= needed || pImage == nullptr)
+    return cam.m_FirmwareVer = ver;
+}
+
+bool UpdateFirmware(CCameraBase& cam, const ModelTraits& t, const uint8_t* pImage, int32_t iSize, uint8_t needed)
+{
+    if (ReadFirmwareVer(cam) >= needed || pImage == nullptr)
         return true;
 
     cam.UpdateFW(pImage, iSize);
@@ -245,9 +249,7 @@ bool UpdateFirmware(CCameraBase& cam, const ModelTraits& t, const uint8_t* pImag
         auto pLink = std::make_unique<CUsbLink>(nullptr, platform::g_InterfaceGuids[t.iGuidSlot - 1], true);
         if (pLink->Open(0)) {
             cam.ReplaceLink(pLink.release());
-            ver = 0;
-            cam.GetFirmwareVer(&ver);
-            cam.m_FirmwareVer = ver;
+            ReadFirmwareVer(cam);
             return true;
         }
     }
@@ -280,6 +282,32 @@ bool RegionFits(const CCameraBase& cam, int width, int height, int bin, int type
 {
     return width > 0 && height > 0 && bin > 0 && type >= IMAGE_8BIT && type <= IMAGE_16BIT &&
            int64_t{ width } * bin <= cam.m_iMaxWidth && int64_t{ height } * bin <= cam.m_iMaxHeight;
+}
+
+void TakeRegion(CCameraBase& cam, int width, int height, int bin, IMAGE_TYPE type)
+{
+    cam.m_iHeight = height;
+    cam.m_iWidth = width;
+    cam.m_ImgType = type;
+    cam.m_iBin = bin;
+    // QUIRK: every change of region recentres; a start that the host has set is lost.
+    cam.m_iStartX = (cam.m_iMaxWidth - width * bin) / 2;
+    cam.m_iStartY = (cam.m_iMaxHeight - height * bin) / 2;
+}
+
+void TakeStart(CCameraBase& cam, int x, int y)
+{
+    const int w = cam.m_iWidth * cam.m_iBin, h = cam.m_iHeight * cam.m_iBin;
+    cam.m_iStartY = h > cam.m_iMaxHeight - y ? cam.m_iMaxHeight - h : y;
+    cam.m_iStartX = w > cam.m_iMaxWidth - x ? cam.m_iMaxWidth - w : x;
+}
+
+void FitTables(CCameraBase& cam, const ModelTraits& t)
+{
+    if (cam.m_bUsingDark)
+        cam.AdjustDarkBuff(cam.m_pDarkBuf, cam.m_pDarkSum);
+    if (t.bUSB3 && cam.m_bHPCEnable)
+        cam.AdjustHPCTable(cam.m_pHPCBuf1, cam.m_pHPCBuf2);
 }
 
 }  // namespace model

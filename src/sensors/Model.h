@@ -6,6 +6,7 @@
 // A model class holds its constructor, which names its rows, and nothing else. A family of one model is a final class of
 // its own, without CWhole.
 #pragma once
+#include <algorithm>
 #include <span>
 #include <utility>
 
@@ -32,8 +33,15 @@ bool UpdateFirmware(CCameraBase& cam, const ModelTraits& t, const uint8_t* pImag
 // Writes a register table, delays included; the rows as 8-bit or as 16-bit registers.
 void RunTable8(CCameraBase& cam, std::span<const RegEntry> table);
 void RunTable16(CCameraBase& cam, std::span<const RegEntry> table);
+uint8_t ReadFirmwareVer(CCameraBase& cam);  // into m_FirmwareVer; 0 when the read fails
 // The sensor's window fits and nothing is zero or negative. Does not test a family's alignment.
 bool RegionFits(const CCameraBase& cam, int width, int height, int bin, int type);
+// Stores a region that fits and centres it.
+void TakeRegion(CCameraBase& cam, int width, int height, int bin, IMAGE_TYPE type);
+// Stores a start, moved so far that the region stays on the sensor.
+void TakeStart(CCameraBase& cam, int x, int y);
+// Dark frame, and on a USB 3 bridge the hot-pixel table, to the region.
+void FitTables(CCameraBase& cam, const ModelTraits& t);
 }  // namespace model
 
 template <class Base>
@@ -71,6 +79,31 @@ protected:
             pCool->StopAutoTempThr();
         this->m_bCapturing = false;
         m_Session.Wait(platform::WAIT_FOREVER);
+    }
+    // First steps of the setters: what the host asks for, within the limits of the row, is stored.
+    int TakeGain(int gain, bool autoMode)
+    {
+        this->m_bAutoGain = autoMode;
+        return this->m_iGain = std::clamp(gain, m_Traits.gain.iMin, m_Traits.gain.iMax);
+    }
+    void TakeExp(uint64_t microseconds, bool autoMode)
+    {
+        this->m_bAutoExp = autoMode;
+        const Range& r = m_Traits.exposure;
+        this->m_lExposure = std::clamp(microseconds, uint64_t(r.iMin), uint64_t(r.iMax));
+    }
+    void TakeBalance(int red, int blue, bool autoMode)
+    {
+        this->m_iWB_R = std::clamp(red, m_Traits.iWBMin, m_Traits.iWBMax);
+        this->m_iWB_B = std::clamp(blue, m_Traits.iWBMin, m_Traits.iWBMax);
+        this->m_bAutoWB = autoMode;
+    }
+    // QUIRK: on the switch to auto the argument is ignored; while auto is on, it is taken.
+    void TakePercentage(int percent, bool autoMode, int autoPercent)
+    {
+        const int taken = std::clamp(percent, m_Traits.iBandwidthMin, m_Traits.iBandwidthMax);
+        this->m_iFPSPerc = !autoMode || this->m_bAutoFPS ? taken : autoPercent;
+        this->m_bAutoFPS = autoMode;
     }
     // The cooler part of this camera, or nullptr.
     CCameraCool* Cool()

@@ -6,10 +6,7 @@ bool CUsb2Model::SetStartPos(int x, int y)
 {
     if (!MovesAtFullSize() && IsFullSize())
         return true;
-    x = std::max(x, 0) & ~1;
-    y = std::max(y, 0) & ~1;
-    m_iStartY = SensorH() > m_iMaxHeight - y ? m_iMaxHeight - SensorH() : y;
-    m_iStartX = SensorW() > m_iMaxWidth - x ? m_iMaxWidth - SensorW() : x;
+    model::TakeStart(*this, std::max(x, 0) & ~1, std::max(y, 0) & ~1);
     FitTables();
     WriteStart();
     return true;
@@ -25,22 +22,24 @@ bool CUsb2Model::TakeRegion(int width, int height, int bin, IMAGE_TYPE type, int
 {
     if (!model::RegionFits(*this, width, height, bin, type) || width * height * bin * bin % unit != 0)
         return false;
-    m_iHeight = height;
-    m_iWidth = width;
-    m_ImgType = type;
-    m_iBin = bin;
-    // QUIRK: every change of region recentres; a start that the host has set is lost.
-    m_iStartX = (m_iMaxWidth - width * bin) / 2;
-    m_iStartY = (m_iMaxHeight - height * bin) / 2;
+    model::TakeRegion(*this, width, height, bin, type);
     return true;
 }
 
-void CUsb2Model::FitTables()
+void CUsb2Model::ApplyRegion(IMAGE_TYPE type, std::initializer_list<RegEntry> wake)
 {
-    if (m_bUsingDark)
-        AdjustDarkBuff(m_pDarkBuf, m_pDarkSum);
-    if (m_Traits.bUSB3 && m_bHPCEnable)
-        AdjustHPCTable(m_pHPCBuf1, m_pHPCBuf2);
+    FitTables();
+    SetOutput16Bits(IsType16(type));
+    Cam_SetResolution();
+    if (!m_bLongExp)
+        return;
+    // The sensor clock may stand: the window is written again with the clock running.
+    m_bLongExp = false;
+    SendCMD(REQ_START_SENSOR_CLOCK);
+    platform::SleepMs(500);
+    model::RunTable16(*this, wake);
+    Cam_SetResolution();
+    m_bLongExp = true;
 }
 
 bool CUsb2Model::SendTransferModeStopped(bool on)
@@ -52,19 +51,6 @@ bool CUsb2Model::SendTransferModeStopped(bool on)
     if (bRan)
         StartCapture(false);
     return ok;
-}
-
-void CUsb2Model::TakePercentage(int percent, bool autoMode, int minPercent, int autoPercent)
-{
-    m_iFPSPerc = !autoMode || m_bAutoFPS ? std::clamp(percent, minPercent, 100) : autoPercent;
-    m_bAutoFPS = autoMode;
-}
-
-void CUsb2Model::ReadFirmwareVer()
-{
-    uint8_t ver = 0;
-    GetFirmwareVer(&ver);
-    m_FirmwareVer = ver;
 }
 
 bool CUsb2Model::UpdateTo(uint8_t needed, FirmwareId id)

@@ -22,14 +22,13 @@ protected:
     // Tests a region against the sensor and against `unit` (the area on the sensor is a multiple of it), stores it and
     // centres it. False: nothing is stored.
     bool TakeRegion(int width, int height, int bin, IMAGE_TYPE type, int unit);
-    void FitTables();  // dark frame, and on a USB 3 bridge the hot-pixel table, to the region
+    void FitTables() { model::FitTables(*this, m_Traits); }
+    // Last part of SetResolution: the region and its format to the camera, and once more when the host times the
+    // exposure; `wake` is written between.
+    void ApplyRegion(IMAGE_TYPE type, std::initializer_list<RegEntry> wake = {});
     bool SendTransferMode(bool on) { return SendCMD(on ? REQ_MODE_16BIT : REQ_MODE_8BIT); }
     // The same with a running capture stopped around it. QUIRK: what runs again afterwards is video, also after a snap.
     bool SendTransferModeStopped(bool on);
-    // m_iFPSPerc and m_bAutoFPS from a request. QUIRK: on the switch to auto the argument is ignored; while auto is on,
-    // it is taken.
-    void TakePercentage(int percent, bool autoMode, int minPercent, int autoPercent);
-    void ReadFirmwareVer();
     bool UpdateTo(uint8_t needed, FirmwareId id);  // body of FirmwareStep
 
     // Sends the low 16 bits.

@@ -8,10 +8,9 @@
 #include "core/FrameSample.h"
 
 struct AgateForm {
-    uint64_t lExpMax;  // us
-    int iBlank;        // least blanking of a line, clocks
-    bool bAgate;       // Agate's longer bring-up
-    int iWBTopStart;   // upper limit of the balance while the object is built; 99 afterwards
+    int iBlank;       // least blanking of a line, clocks
+    bool bAgate;      // Agate's longer bring-up
+    int iWBTopStart;  // upper limit of the balance while the object is built; 99 afterwards
 };
 
 namespace {
@@ -25,7 +24,6 @@ enum Reg : uint16_t {
     REG_RESTART = 0x0C,
     REG_ANALOG = 0x35, REG_DIGITAL = 0x80,  // gain
 };
-constexpr uint64_t EXP_MIN = 32;                        // us
 constexpr uint64_t EXP_REGISTER = 10'000'000;           // us; above it the host times the exposure
 constexpr uint32_t LINES_MAX = 32767;
 constexpr int LINE_CLOCKS = 660;                        // shortest line
@@ -66,9 +64,9 @@ constexpr ModelTraits g_DuniteCol = With(
         1000000000, 30),
     { { 0xC04B, nullptr }, { 0xC04E, "TORMELD KOVDuniteCol-A" }, { 0xC04F, "TORMELD KOVDuniteCol-B" } });
 
-constexpr AgateForm g_Agate = { 30'000'000, 94, true, 99 };
+constexpr AgateForm g_Agate = { 94, true, 99 };
 // QUIRK: the colour model takes a stored balance of 100 as it is; set by the host, 100 becomes 99.
-constexpr AgateForm g_Dunite = { 999'000'000, 61, false, 100 };
+constexpr AgateForm g_Dunite = { 61, false, 100 };
 
 std::atomic<int> g_AgateIndex, g_DuniteMonoIndex, g_DuniteColIndex;
 
@@ -107,7 +105,7 @@ bool CAgate::InitCamera()
     };
     model::RunTable16(*this, { init, std::size(init) - (m_Form.bAgate ? 0 : 1) });
     m_bCapturing = false;
-    ReadFirmwareVer();
+    model::ReadFirmwareVer(*this);
     SetGain(m_iGain, m_bAutoGain);
     SetExp(m_lExposure, m_bAutoExp);
     SetGamma(m_iGamma);
@@ -141,19 +139,7 @@ bool CAgate::SetResolution(int width, int height, int bin, IMAGE_TYPE type)
 {
     if (!TakeRegion(width, height, bin, type, 1))
         return false;
-    FitTables();
-    SetOutput16Bits(IsType16(type));
-    Cam_SetResolution();
-    if (m_bLongExp) {
-        // The sensor clock may stand: the window is written again with the clock running.
-        m_bLongExp = false;
-        SendCMD(REQ_START_SENSOR_CLOCK);
-        platform::SleepMs(500);
-        Write(REG_RESTART, 1);
-        Write(REG_UNK_07, 392);
-        Cam_SetResolution();
-        m_bLongExp = true;
-    }
+    ApplyRegion(type, { { REG_RESTART, 1 }, { REG_UNK_07, 392 } });
     return true;
 }
 
@@ -176,8 +162,7 @@ void CAgate::WriteStart()
 
 bool CAgate::SetExp(uint64_t microseconds, bool autoMode)
 {
-    m_bAutoExp = autoMode;
-    m_lExposure = std::clamp(microseconds, EXP_MIN, m_Form.lExpMax);
+    TakeExp(microseconds, autoMode);
     const int iBlank = std::max(LINE_CLOCKS - SensorW(), m_Form.iBlank);
     // 32 bits, wrapping: exposures from 89 s (at 48 MHz) count wrong lines, but those the host times anyway.
     const uint32_t dwClocks = static_cast<uint32_t>(m_iCMOSClk) * static_cast<uint32_t>(m_lExposure) - 4;
@@ -192,8 +177,7 @@ bool CAgate::SetExp(uint64_t microseconds, bool autoMode)
 
 bool CAgate::SetGain(int gain, bool autoMode)
 {
-    m_bAutoGain = autoMode;
-    m_iGain = std::clamp(gain, 1, 100);
+    TakeGain(gain, autoMode);
     const int i = static_cast<int>(m_iGain * 60 / 100.0 + 0.5) - 1;
     // QUIRK: one camera of the class parks by what another one had.
     const int iLast = m_iLastIndex.exchange(i);

@@ -16,9 +16,6 @@ enum Reg : uint16_t {
 constexpr FpgaTraits g_Fpga = { 18, 43272, 190906, 72, 100, 100000, false };
 constexpr int32_t HMAX_MIN = 1100;
 
-constexpr BerylLimits g_ColLimits = { 1'000'000'000, 600, true };
-constexpr BerylLimits g_MonoLimits = { 500'000, 100, false };
-
 constexpr ModelTraits g_Col = {
     .family = Family::Beryl, .szClass = "CCameraSBerylCol", .szName = "VYR KOVBerylCol",
     .szKey = L"SOFTWARE\\KOVBerylCol", .aProducts = { { 0xC02A, nullptr } },
@@ -49,13 +46,10 @@ ClassVars g_MonoVars{ { g_Fpga.iUnitUSB3 }, { HMAX_MIN } };
 
 }  // namespace
 
-CBeryl::CBeryl(const ModelTraits& t, const BerylLimits& l, ClassVars& v, void* handle)
-    : CFpgaModel(t, g_Fpga, v, handle), m_Limits(l)
-{
-}
+CBeryl::CBeryl(const ModelTraits& t, ClassVars& v, void* handle) : CFpgaModel(t, g_Fpga, v, handle) {}
 
-CCameraSBerylCol::CCameraSBerylCol(void* handle) : CWhole(g_Col, g_ColLimits, g_ColVars, handle) {}
-CCameraSBerylMono::CCameraSBerylMono(void* handle) : CWhole(g_Mono, g_MonoLimits, g_MonoVars, handle) {}
+CCameraSBerylCol::CCameraSBerylCol(void* handle) : CWhole(g_Col, g_ColVars, handle) {}
+CCameraSBerylMono::CCameraSBerylMono(void* handle) : CWhole(g_Mono, g_MonoVars, handle) {}
 
 void CBeryl::InitSensor()
 {
@@ -71,15 +65,13 @@ void CBeryl::InitSensor()
 
 bool CBeryl::SetOutput16Bits(bool on)
 {
-    m_bOutput16Bits = on;
-    SelectBandwidthUnit();
+    TakeOutput16Bits(on);
     return Fpga(FPGA_FORMAT, on ? 17 : m_bHighSpeed && !InHardBin2() ? 0 : 1);
 }
 
 bool CBeryl::SetExp(uint64_t microseconds, bool autoMode)
 {
-    m_bAutoExp = autoMode;
-    m_lExposure = std::clamp<uint64_t>(microseconds, 32, m_Limits.lExpMax);
+    TakeExp(microseconds, autoMode);
     m_bLongExp = m_lExposure >= 2'000'000;
     // QUIRK: the register takes the request before the limits, so an oversize one overflows it while CTRL_EXPOSURE reads
     // the limit.
@@ -88,11 +80,9 @@ bool CBeryl::SetExp(uint64_t microseconds, bool autoMode)
 
 bool CBeryl::SetGain(int gain, bool autoMode)
 {
-    m_bAutoGain = autoMode;
-    const int g = std::clamp(gain, 0, m_Limits.iGainMax);
-    m_iGain = g;
+    const int g = TakeGain(gain, autoMode);
     // QUIRK: the colour model's range goes to 600, but above 100 nothing reaches the sensor.
-    if (m_Limits.bGainStopsAt100 && g > 100)
+    if (g > 100)
         return true;
     struct Step { int iBelow, iStage, iOffset; };
     static constexpr Step steps[] = { { 16, 483, 8 }, { 32, 35, -8 }, { 48, 33, -24 }, { 64, 65, -40 }, { 101, 65, -56 } };

@@ -2,12 +2,9 @@
 #pragma once
 #include "sensors/FpgaModel.h"
 
-// In what the two classes differ.
-struct BerylLimits { uint64_t lExpMax; int iGainMax; bool bGainStopsAt100; };
-
 class CBeryl : public CFpgaModel<CCameraPython> {
 public:
-    CBeryl(const ModelTraits& t, const BerylLimits& l, ClassVars& v, void* handle);
+    CBeryl(const ModelTraits& t, ClassVars& v, void* handle);
     bool SetGain(int gain, bool autoMode) override;
     bool SetExp(uint64_t microseconds, bool autoMode) override;
     bool SetBrightness(int value) override;
@@ -25,7 +22,6 @@ protected:
 
 private:
     uint16_t ColumnWord() const;  // first and last column, in units of eight
-    const BerylLimits& m_Limits;
 };
 
 class KOV_CLASS CCameraSBerylCol final : public CWhole<CBeryl> {

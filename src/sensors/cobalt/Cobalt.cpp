@@ -23,7 +23,6 @@ enum : uint8_t { STATE_CHANGE_CONFIG = 0x28, STATE_STREAMING = 0x31 };
 constexpr int RESULT_BUSY = 9;
 constexpr int MAILBOX_POLLS = 100;  // no delay between them: each is a control transfer
 
-constexpr uint64_t EXP_MIN = 64, EXP_MAX = 64'000'000;  // us
 constexpr uint64_t EXP_SLOW = 600'000;                  // us; from here on the slow clock
 constexpr uint64_t EXP_REGISTER = 60'000'000;           // us; above it the host times the exposure
 constexpr int64_t LINES_MAX = 65535;
@@ -105,17 +104,7 @@ bool CCameraSCobaltCol::SetResolution(int width, int height, int bin, IMAGE_TYPE
 {
     if (!m_bOpen || !TakeRegion(width, height, bin, type, 1024))
         return false;
-    FitTables();
-    SetOutput16Bits(IsType16(type));
-    Cam_SetResolution();
-    if (m_bLongExp) {
-        // The sensor clock may stand: the window is written again with the clock running.
-        m_bLongExp = false;
-        SendCMD(REQ_START_SENSOR_CLOCK);
-        platform::SleepMs(500);
-        Cam_SetResolution();
-        m_bLongExp = true;
-    }
+    ApplyRegion(type);
     return true;
 }
 
@@ -154,7 +143,7 @@ bool CCameraSCobaltCol::SetFPSPerc(int percent, bool autoMode)
 {
     if (m_lExposure > EXP_SLOW)
         return false;
-    TakePercentage(percent, autoMode, 50, 80);
+    TakePercentage(percent, autoMode, 80);
     m_bAutoFPS = false;  // QUIRK: never on, whatever was asked
     const double dClocks = static_cast<double>(int64_t{ BytesPerPixel() } * m_iCMOSClk * SensorW() * SensorH());
     const int iLines = SensorH() + FRAME_EXTRA_LINES;
@@ -183,8 +172,7 @@ bool CCameraSCobaltCol::SetCMOSClk(int clock)
 
 bool CCameraSCobaltCol::SetExp(uint64_t microseconds, bool autoMode)
 {
-    m_bAutoExp = autoMode;
-    m_lExposure = std::clamp(microseconds, EXP_MIN, EXP_MAX);
+    TakeExp(microseconds, autoMode);
     return m_bCapturing ? true : ApplyExp();
 }
 
@@ -226,8 +214,7 @@ int64_t CCameraSCobaltCol::ShutterLines() const
 
 bool CCameraSCobaltCol::SetGain(int gain, bool autoMode)
 {
-    m_bAutoGain = autoMode;
-    m_iGain = std::clamp(gain, 0, 100);
+    TakeGain(gain, autoMode);
     return m_bCapturing ? true : ApplyGain();
 }
 
@@ -276,9 +263,7 @@ int CCameraSCobaltCol::GainValue2Reg(float gain)
 
 void CCameraSCobaltCol::SetRGBBalance(int red, int blue, bool autoMode)
 {
-    m_iWB_R = std::clamp(red, 1, 100);
-    m_iWB_B = std::clamp(blue, 1, 100);
-    m_bAutoWB = autoMode;
+    TakeBalance(red, blue, autoMode);
     WriteBalance();
 }
 

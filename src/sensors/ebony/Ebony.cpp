@@ -14,9 +14,9 @@ enum Reg : uint16_t {
     REG_LINES = 0x020A,         // 2 bytes
 };
 
-constexpr uint64_t EXP_MIN = 32, EXP_MAX = 1'000'000'000, EXP_LONG = 2'000'000;  // us
-constexpr int GAIN_MAX = 600, GAIN_LIMIT = 240;                                  // 0.1 dB; beyond the limit: digital
-constexpr int32_t CLK = 20250;                                                   // kHz
+constexpr uint64_t EXP_LONG = 2'000'000;  // us
+constexpr int GAIN_LIMIT = 240;           // 0.1 dB of analog gain; beyond it: digital
+constexpr int32_t CLK = 20250;            // kHz
 
 // { frame time, shortest frame, bias, lowest SHS, highest SHS, stretched VMAX, cap, m_iExpLines, SHS when stretched }
 constexpr ExposureLaw Law(int lines)
@@ -25,19 +25,19 @@ constexpr ExposureLaw Law(int lines)
 }
 
 constexpr EbonyTraits g_Ebony = {
-    .fpga = { 18, 43272, 325643, CLK, 80, 100000, true }, .law = Law(17),
+    .fpga = { 18, 43272, 325643, CLK, 80, 100000, true, { .wBlack = 0x021F } }, .law = Law(17),
     .initTable = g_EbonyInit, .modeFull = g_EbonyModeFull, .modeBin3 = g_EbonyModeBin3, .bFormatFollowsBin = false,
     .iMinFull = 585, .iMinBin3 = 310, .bFpgaYFull = 1, .bFpgaYBin3 = 1, .iLineMargin = 4,
     .iColumnOffset = 8, .iTopFull = 58, .iTopBin3 = 52, .iRoundBin3 = 6, .bModeBin3 = 116, .iGainLimitBin3 = 180,
-    .wRegBlack = 0x021F, .aRegBlue = 0x0230, .aRegRed = 0x022C, .aRegGreen1 = 0x0232, .aRegGreen2 = 0x022E, .iRedShift = 4,
+    .aRegBlue = 0x0230, .aRegRed = 0x022C, .aRegGreen1 = 0x0232, .aRegGreen2 = 0x022E, .iRedShift = 4,
     .iExpLinesBin3 = 3, .iFPSLinesBin3 = 1,
 };
 constexpr EbonyTraits g_Flint = {
-    .fpga = { 14, 43272, 333333, CLK, 80, 100000, true }, .law = Law(13),
+    .fpga = { 14, 43272, 333333, CLK, 80, 100000, true, { .wBlack = 0x0216 } }, .law = Law(13),
     .initTable = g_FlintInit, .modeFull = g_FlintModeFull, .modeBin3 = g_FlintModeBin3, .bFormatFollowsBin = true,
     .iMinFull = 858, .iMinBin3 = 240, .bFpgaYFull = 3, .bFpgaYBin3 = 0, .iLineMargin = 2,
     .iColumnOffset = 4, .iTopFull = 24, .iTopBin3 = 24, .iRoundBin3 = 0, .bModeBin3 = 84, .iGainLimitBin3 = 180,
-    .wRegBlack = 0x0216, .aRegBlue = 0x0226, .aRegRed = 0x0222, .aRegGreen1 = 0x0228, .aRegGreen2 = 0x0224, .iRedShift = 0,
+    .aRegBlue = 0x0226, .aRegRed = 0x0222, .aRegGreen1 = 0x0228, .aRegGreen2 = 0x0224, .iRedShift = 0,
     .iExpLinesBin3 = 2, .iFPSLinesBin3 = 2,
 };
 constexpr EbonyTraits g_Halite = [] {
@@ -136,8 +136,7 @@ bool CEbony::SetResolution(int width, int height, int bin, IMAGE_TYPE type)
 
 bool CEbony::SetOutput16Bits(bool on)
 {
-    m_bOutput16Bits = on;
-    SelectBandwidthUnit();
+    TakeOutput16Bits(on);
     if (m_E.bFormatFollowsBin && InHardBin3())
         return Fpga(FPGA_FORMAT, on ? 16 : 0);
     return Fpga(FPGA_FORMAT, on ? 17 : 1);
@@ -168,8 +167,7 @@ unsigned long CEbony::GetFrameTime() const
 
 bool CEbony::SetExp(uint64_t microseconds, bool autoMode)
 {
-    m_bAutoExp = autoMode;
-    m_lExposure = std::clamp(microseconds, EXP_MIN, EXP_MAX);
+    TakeExp(microseconds, autoMode);
     SwitchLongExp(EXP_LONG, 0xA1);
     // m_iFrameTime stays unset on this family: the capture loop's waits follow the exposure alone.
     const ExposureRegs r = CalcExposure(m_E.law, m_lExposure, LineTime(), Lines(m_E.iExpLinesBin3));
@@ -180,9 +178,7 @@ bool CEbony::SetExp(uint64_t microseconds, bool autoMode)
 
 bool CEbony::SetGain(int gain, bool autoMode)
 {
-    m_bAutoGain = autoMode;
-    const int g = std::clamp(gain, 0, GAIN_MAX);
-    m_iGain = g;
+    const int g = TakeGain(gain, autoMode);
     const int limit = InHardBin3() ? m_E.iGainLimitBin3 : GAIN_LIMIT;
     const int a = std::min(g, limit);
     const uint32_t green = GainWord(a);
@@ -198,15 +194,8 @@ bool CEbony::SetGain(int gain, bool autoMode)
 
 void CEbony::SetRGBBalance(int red, int blue, bool autoMode)
 {
-    m_iWB_R = std::clamp(red, 1, 99);
-    m_iWB_B = std::clamp(blue, 1, 99);
-    m_bAutoWB = autoMode;
+    TakeBalance(red, blue, autoMode);
     SetGain(m_iGain, m_bAutoGain);
-}
-
-bool CEbony::SetBrightness(int value)
-{
-    return WriteBlack(m_E.wRegBlack, value);
 }
 
 float CEbony::GetSensorTemp()

@@ -17,7 +17,6 @@ struct EbonyTraits {
     int iRoundBin3;                  // start column at bin 3 is a multiple of it; 0: of 4 as ever
     uint8_t bModeBin3;               // standby register when streaming in hardware bin 3
     int iGainLimitBin3;              // 0.1 dB of analog gain in hardware bin 3
-    uint16_t wRegBlack;
     uint16_t aRegBlue, aRegRed, aRegGreen1, aRegGreen2;  // analog gain words, 2 bytes each
     int iRedShift;
     int iExpLinesBin3;               // lines counted for an output line in hardware bin 3, by exposure and frame rate
@@ -30,7 +29,6 @@ public:
     bool SetResolution(int width, int height, int bin, IMAGE_TYPE type) override;
     bool SetGain(int gain, bool autoMode) override;
     bool SetExp(uint64_t microseconds, bool autoMode) override;
-    bool SetBrightness(int value) override;
     bool SetHighSpeedMode(bool on) override;
     void SetRGBBalance(int red, int blue, bool autoMode) override;
     float GetSensorTemp() override;

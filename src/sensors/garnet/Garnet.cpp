@@ -27,7 +27,6 @@ enum : uint16_t {
 };
 constexpr int ANALOG_SLOW = 0x5300, ANALOG_NORMAL = 0x1300;  // REG_ANALOG at the slow clock and else
 
-constexpr uint64_t EXP_MIN = 64, EXP_MAX = 999'000'000;      // us
 constexpr uint64_t EXP_SLOW = 100'000;                       // us; from here on the slow clock
 constexpr uint64_t EXP_REGISTER = 4'000'000;                 // us; above it the host times the exposure
 constexpr int64_t LINES_MAX = 65535;                         // shutter register
@@ -124,7 +123,7 @@ bool CGarnet::InitCamera()
     const bool bS = m_Traits.bUSB3;
     if (bS) {
         model::InitLink(*this);
-        ReadFirmwareVer();
+        model::ReadFirmwareVer(*this);
     } else {
         SendCMD(REQ_CLOCK_48MHZ);
         m_iCMOSClk = CLK_START;
@@ -214,7 +213,7 @@ int64_t CGarnet::ShutterLines(int clock) const
 
 bool CGarnet::SetFPSPerc(int percent, bool autoMode)
 {
-    TakePercentage(percent, autoMode, 40, m_bUSB3Host ? m_Form.iAutoPercUSB3 : m_Form.iAutoPerc);
+    TakePercentage(percent, autoMode, m_bUSB3Host ? m_Form.iAutoPercUSB3 : m_Form.iAutoPerc);
     double dLink = LINK_USB2;
     if (m_Traits.bUSB3) {
         CalcMaxFPS();
@@ -356,8 +355,7 @@ bool CGarnet::SetHighSpeedMode(bool on)
 
 bool CGarnet::SetExp(uint64_t microseconds, bool autoMode)
 {
-    m_bAutoExp = autoMode;
-    m_lExposure = std::clamp(microseconds, EXP_MIN, EXP_MAX);
+    TakeExp(microseconds, autoMode);
     if (m_bLongExp)
         return true;  // the capture thread times the frame and leaves the mode itself
     if (m_lExposure >= EXP_SLOW) {
@@ -384,8 +382,7 @@ bool CGarnet::SetExp(uint64_t microseconds, bool autoMode)
 
 bool CGarnet::SetGain(int gain, bool autoMode)
 {
-    m_bAutoGain = autoMode;
-    m_iGain = std::clamp(gain, 0, 100);
+    TakeGain(gain, autoMode);
     const int iBase = m_iCMOSClk == CLK_SLOW ? ANALOG_SLOW : ANALOG_NORMAL;
     Write(REG_ANALOG, iBase | StageOf(m_iGain) << 4);
     if (!m_bIsColor)
@@ -399,9 +396,7 @@ void CGarnet::SetRGBBalance(int red, int blue, bool autoMode)
 {
     if (m_Traits.bUSB3 && !m_bIsColor)
         return;
-    m_iWB_R = std::clamp(red, 1, 100);
-    m_iWB_B = std::clamp(blue, 1, 100);
-    m_bAutoWB = autoMode;
+    TakeBalance(red, blue, autoMode);
     // QUIRK: the monochrome USB 2 model writes the two colour gains too.
     WriteBalance();
 }

@@ -17,7 +17,6 @@ enum Reg : uint16_t {
 constexpr uint16_t g_BlackRegs[] = { 0x60, 0x61, 0x63, 0x64 };  // offsets of the four pixel phases
 enum : uint16_t { BLACK_AUTO = 5272, BLACK_MANUAL = 1177 };
 
-constexpr uint64_t EXP_MIN = 32, EXP_MAX = 999'000'000;  // us
 constexpr uint64_t EXP_REGISTER = 10'000'000;            // us; above it the host times the exposure
 constexpr uint32_t LINES_MAX = 16383;
 constexpr int32_t CLK_SLOW = 24, CLK_NORMAL = 48;        // MHz
@@ -53,7 +52,7 @@ bool CCameraSIoliteMono::InitCamera()
     if (!m_bOpen)
         return false;
     m_bCapturing = false;
-    ReadFirmwareVer();
+    model::ReadFirmwareVer(*this);
     if (m_FirmwareVer < FIRMWARE_16BIT)
         m_bOutput16Bits = false;
     static constexpr RegEntry init[] = { { 0x29, 0 }, { 0x3F, 3 }, { 0x40, 6 }, { 0x4A, 96 }, { 0x4E, 12 } };
@@ -152,8 +151,7 @@ void CCameraSIoliteMono::SetRGBBalance(int /*red*/, int /*blue*/, bool autoMode)
 
 bool CCameraSIoliteMono::SetExp(uint64_t microseconds, bool autoMode)
 {
-    m_bAutoExp = autoMode;
-    m_lExposure = std::clamp(microseconds, EXP_MIN, EXP_MAX);
+    TakeExp(microseconds, autoMode);
     // 32 bits, wrapping: exposures from 89 s count a wrong number of lines, but those the host times anyway.
     const uint32_t dwClocks = static_cast<uint32_t>(m_iCMOSClk) * static_cast<uint32_t>(m_lExposure) + 180;
     const uint32_t dwLines = std::max(dwClocks / static_cast<uint32_t>(SensorW() + 244), 1u);

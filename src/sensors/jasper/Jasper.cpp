@@ -8,6 +8,7 @@ enum Reg : uint16_t {
     REG_STANDBY = 0x3000, REG_HOLD = 0x3001, REG_MASTER_STOP = 0x3002, REG_RESET = 0x3003, REG_ADC_BITS = 0x3005,
     REG_READ_MODE = 0x3006, REG_WINDOW_MODE = 0x3007,
     REG_CLOCK = 0x3009,     // 0 148.5 MHz, 1 half, 2 a quarter
+    REG_BLACK = 0x300A,     // 2 bytes
     REG_GAIN = 0x3014,      // 2 bytes, 0.1 dB
     REG_VMAX = 0x3018,      // 3 bytes
     REG_HMAX = 0x301B,      // 2 bytes
@@ -21,10 +22,11 @@ enum Reg : uint16_t {
 // On this family FPGA register 1 is the output format and register 10 its width.
 constexpr uint16_t FPGA_OUTPUT = 1;
 
-constexpr uint64_t EXP_MIN = 32, EXP_MAX = 4'000'000, EXP_SLOW_CLOCK = 500'000;  // us
+constexpr uint64_t EXP_SLOW_CLOCK = 500'000;  // us
 constexpr int32_t CLK_SLOWEST = 2320, CLK_SLOW = 37125, CLK_NORMAL = 74250, CLK_FAST = 148500;  // kHz
 
-constexpr FpgaTraits g_Fpga = { 21, 42830, 256981, CLK_SLOW, 80, 500000, false };
+constexpr FpgaTraits g_Fpga = { 21, 42830, 256981, CLK_SLOW, 80, 500000, false,
+                                { REG_HOLD, REG_WINDOW_LEFT, REG_WINDOW_TOP, REG_BLACK } };
 
 constexpr ModelTraits g_Col = {
     .family = Family::Jasper, .szClass = "CCameraSJasperCol", .szName = "VYR KOVJasperCol",
@@ -63,8 +65,7 @@ void CCameraSJasperCol::InitSensor()
 
 bool CCameraSJasperCol::SetOutput16Bits(bool on)
 {
-    m_bOutput16Bits = on;
-    SelectBandwidthUnit();
+    TakeOutput16Bits(on);
     const bool bFast = m_bHighSpeed && !on && !InHardBin2();
     Write8(REG_OUTPUT, bFast ? 0x60 : 0x61);
     Write8(REG_ADC_BITS, bFast || InHardBin2() ? 0 : 1);
@@ -114,9 +115,7 @@ int32_t CCameraSJasperCol::LineFromTime(float lineTime) const
 
 bool CCameraSJasperCol::WriteHMAX()
 {
-    Write8(REG_HOLD, 1);
-    WriteBytes(REG_HMAX, uint32_t(m_iHMAX), 2);
-    return Write8(REG_HOLD, 0);
+    return WriteHeld({ { REG_HMAX, uint32_t(m_iHMAX), 2 } });
 }
 
 float CCameraSJasperCol::MaxFPSNow()
@@ -126,8 +125,7 @@ float CCameraSJasperCol::MaxFPSNow()
 
 bool CCameraSJasperCol::SetExp(uint64_t microseconds, bool autoMode)
 {
-    m_bAutoExp = autoMode;
-    m_lExposure = std::clamp(microseconds, EXP_MIN, EXP_MAX);
+    TakeExp(microseconds, autoMode);
     if (!m_bLongExp) {
         const bool bSlow = m_iCMOSClk == CLK_SLOW || m_iCMOSClk == CLK_SLOWEST;
         if (m_lExposure < EXP_SLOW_CLOCK && bSlow) {
@@ -144,27 +142,13 @@ bool CCameraSJasperCol::SetExp(uint64_t microseconds, bool autoMode)
     const ExposureRegs r = CalcExposure(law, m_lExposure, line, SensorH(), t0);
     m_iFrameTime = r.iFrameTime;
     m_iExpLines = r.iExpLines;
-    Write8(REG_HOLD, 1);
-    WriteBytes(REG_VMAX, r.lVMAX, 3);
-    WriteBytes(REG_SHS, r.lSHS, 3);
-    return Write8(REG_HOLD, 0);
+    return WriteHeld({ { REG_VMAX, r.lVMAX, 3 }, { REG_SHS, r.lSHS, 3 } });
 }
 
 bool CCameraSJasperCol::SetGain(int gain, bool autoMode)
 {
-    m_bAutoGain = autoMode;
-    m_iGain = std::clamp(gain, 0, 480);
-    Write8(REG_HOLD, 1);
-    WriteBytes(REG_GAIN, uint32_t(m_iGain), 2);
-    return Write8(REG_HOLD, 0);
-}
-
-bool CCameraSJasperCol::WriteStart(int x, int y)
-{
-    Write8(REG_HOLD, 1);
-    WriteBytes(REG_WINDOW_LEFT, uint32_t(x), 2);
-    WriteBytes(REG_WINDOW_TOP, uint32_t(y), 2);
-    return Write8(REG_HOLD, 0);
+    const int g = TakeGain(gain, autoMode);
+    return WriteHeld({ { REG_GAIN, uint32_t(g), 2 } });
 }
 
 bool CCameraSJasperCol::Cam_SetResolution()

@@ -9,7 +9,6 @@ public:
     ~CCameraSJasperCol() override { Shutdown(); }
     bool SetGain(int gain, bool autoMode) override;
     bool SetExp(uint64_t microseconds, bool autoMode) override;
-    bool SetBrightness(int value) override { return WriteBlack(0x300A, value); }
     bool SetOutput16Bits(bool on) override;
     bool Cam_SetResolution() override;
     bool SetCMOSClk() override;
@@ -19,7 +18,6 @@ public:
 
 protected:
     void InitSensor() override;
-    bool WriteStart(int x, int y) override;
     bool WriteHMAX() override;
     int32_t LineFromTime(float lineTime) const override;
     void AfterSetFPS() override {}  // the exposure is left as it is

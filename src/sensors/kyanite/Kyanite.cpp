@@ -18,10 +18,10 @@ enum Reg16 : uint16_t {
     REG_FIRST_ROW = 0x01DC, REG_LAST_ROW = 0x01DD,
 };
 
-constexpr uint64_t EXP_MIN = 32, EXP_MAX = 1'000'000'000, EXP_LONG = 1'000'000;  // us
-constexpr int GAIN_MAX = 600, GAIN_FIRST_STAGE = 300;                            // 0.1 dB
-constexpr int32_t CLK = 37125;                                                   // kHz
-constexpr int32_t HMAX_BIN = 397, HMAX_FAST = 435, HMAX_FULL = 680;              // clocks
+constexpr uint64_t EXP_LONG = 1'000'000;                             // us
+constexpr int GAIN_FIRST_STAGE = 300;                                // 0.1 dB
+constexpr int32_t CLK = 37125;                                       // kHz
+constexpr int32_t HMAX_BIN = 397, HMAX_FAST = 435, HMAX_FULL = 680;  // clocks
 
 constexpr FpgaTraits g_Fpga = { 200, 43272, 390906, CLK, 100, 0, true };
 
@@ -94,8 +94,7 @@ bool CKyanite<Base>::SetCMOSClk(int clock)
 template <class Base>
 bool CKyanite<Base>::SetOutput16Bits(bool on)
 {
-    this->m_bOutput16Bits = on;  // the format itself belongs to the read-out mode
-    this->SelectBandwidthUnit();
+    this->TakeOutput16Bits(on);  // the format itself belongs to the read-out mode
     return true;
 }
 
@@ -105,7 +104,7 @@ bool CKyanite<Base>::InitSensorBinning(int bin)
     this->Fpga(FPGA_HOLD, 1);
     this->m_iBin = bin;
     const bool b16 = this->m_bOutput16Bits;
-    if (InHardBin()) {
+    if (this->InHardBin()) {
         const bool b3 = bin == 3;
         model::RunTable16(*this, b3 ? std::span(g_KyaniteModeBin3) : std::span(g_KyaniteModeBin2));
         this->Fpga(FPGA_START_X, 60);
@@ -171,13 +170,13 @@ template <class Base>
 bool CKyanite<Base>::WriteStart(int x, int y)
 {
     const int bin = this->m_iBin;
-    const int column = InHardBin() ? x / (bin == 4 ? 2 : bin) : x;
+    const int column = this->InHardBin() ? x / (bin == 4 ? 2 : bin) : x;
     this->Fpga(FPGA_HOLD, 1);
     this->WriteFpga(FPGA_START_X, uint32_t(column + 60), 2);
     this->Fpga(FPGA_HOLD, 0);
     const bool bCapturing = this->m_bCapturing;
     if (bCapturing)
-        this->Fpga(FPGA_RUN, this->m_bLongExp ? RUN_STOP_LONG : RUN_STOP);
+        this->Halt();
     Reg(REG_FIRST_ROW, uint32_t(y + 32));
     bool ok = Reg(REG_LAST_ROW, uint32_t(y + bin * this->m_iHeight + 36));
     if (bCapturing)
@@ -188,15 +187,14 @@ bool CKyanite<Base>::WriteStart(int x, int y)
 template <class Base>
 uint8_t CKyanite<Base>::RunValue() const
 {
-    return this->m_bLongExp ? (InHardBin() ? 0xE3 : RUN_GO_LONG) : InHardBin() ? 0x23 : RUN_GO;
+    return this->m_bLongExp ? (this->InHardBin() ? 0xE3 : RUN_GO_LONG) : this->InHardBin() ? 0x23 : RUN_GO;
 }
 
 template <class Base>
 bool CKyanite<Base>::SetExp(uint64_t microseconds, bool autoMode)
 {
-    this->m_bAutoExp = autoMode;
-    this->m_lExposure = std::clamp(microseconds, EXP_MIN, EXP_MAX);
-    const bool bHard = InHardBin();
+    this->TakeExp(microseconds, autoMode);
+    const bool bHard = this->InHardBin();
     if (this->m_lExposure >= EXP_LONG) {
         if (!this->m_bLongExp) {
             this->Fpga(FPGA_RUN, bHard ? 0xA3 : 0xA1);
@@ -235,9 +233,7 @@ bool CKyanite<Base>::SetExp(uint64_t microseconds, bool autoMode)
 template <class Base>
 bool CKyanite<Base>::SetGain(int gain, bool autoMode)
 {
-    this->m_bAutoGain = autoMode;
-    const int g = std::clamp(gain, 0, GAIN_MAX);
-    this->m_iGain = g;
+    const int g = this->TakeGain(gain, autoMode);
     const auto code = [](int tenths) { return TruncToInt(float(tenths) / 0.9375f + 256.0f); };
     if (g <= GAIN_FIRST_STAGE) {
         Reg(REG_GAIN, uint32_t(code(g)));
@@ -258,7 +254,7 @@ template <class Base>
 bool CKyanite<Base>::SetHighSpeedMode(bool on)
 {
     this->m_bHighSpeed = on;
-    if (InHardBin() || this->m_bOutput16Bits)
+    if (this->InHardBin() || this->m_bOutput16Bits)
         return true;
     const bool bCapturing = this->m_bCapturing;
     this->StopCapture();
@@ -337,7 +333,7 @@ bool CKyanite<Base>::StartSensorStreaming()
 template <class Base>
 bool CKyanite<Base>::StopSensorStreaming()
 {
-    this->Fpga(FPGA_RUN, this->m_bLongExp ? RUN_STOP_LONG : RUN_STOP);
+    this->Halt();
     return SleepSensor();
 }
 

@@ -32,13 +32,12 @@ protected:
     bool WriteStart(int x, int y) override;
     int RoundX(int x) const override { return this->m_iBin == 3 ? x / 6 * 6 : x & ~3; }
     bool BinMatters() const override { return this->m_iBin >= 2 && this->m_iBin <= 4; }
-    bool IsHardSize() const override { return InHardBin(); }
+    bool IsHardSize() const override { return this->InHardBin(); }
     int HardSizeFactor() const override { return this->m_iBin == 4 ? 2 : 1; }
     FpgaReg RedGain() const override { return FPGA_GAIN_B; }
     FpgaReg BlueGain() const override { return FPGA_GAIN_C; }
 
 private:
-    bool InHardBin() const { return this->m_bHardwareBin && BinMatters(); }
     uint8_t RunValue() const;
     bool Reg(uint16_t reg, uint32_t value) { return this->WriteCameraRegister(reg, static_cast<uint16_t>(value)); }
 };

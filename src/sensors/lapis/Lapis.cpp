@@ -20,11 +20,11 @@ enum Reg : uint16_t {
     REG_BLACK = 0x0458,         // 2 bytes
 };
 
-constexpr uint64_t EXP_MIN = 32;
 constexpr float T0 = 13.73f;  // us, part of the exposure outside the counted lines
 constexpr int32_t CLK_LONG = 13920;
 
-constexpr FpgaTraits g_Fpga = { 38, 43272, 390000, 37125, 80, 0, true };
+constexpr FpgaTraits g_Fpga = { 38, 43272, 390000, 37125, 80, 0, true,
+                                { REG_HOLD, REG_WINDOW_LEFT, REG_WINDOW_TOP, REG_BLACK } };
 
 // The two output modes: 10-bit fast and 12-bit normal. Addresses without a name are in no document at hand.
 struct ModeRow { uint16_t wReg; uint8_t bFast, bNormal; };
@@ -70,14 +70,13 @@ ClassVars g_Vars{ { g_Fpga.iUnitUSB2 }, { 462 } };
 
 }  // namespace
 
-CCameraSLapisCol::CCameraSLapisCol(void* handle) : CWhole(g_Col, 300'000'000, g_Vars<g_Col>, handle) {}
-CCameraSLapisMono::CCameraSLapisMono(void* handle) : CWhole(g_Mono, 300'000'000, g_Vars<g_Mono>, handle) {}
-CCameraSLapisCol_C::CCameraSLapisCol_C(void* handle) : CWhole(g_Col_C, 1'000'000'000, g_Vars<g_Col_C>, handle) {}
-CCameraSLapisMono_C::CCameraSLapisMono_C(void* handle) : CWhole(g_Mono_C, 1'000'000'000, g_Vars<g_Mono_C>, handle) {}
+CCameraSLapisCol::CCameraSLapisCol(void* handle) : CWhole(g_Col, g_Vars<g_Col>, handle) {}
+CCameraSLapisMono::CCameraSLapisMono(void* handle) : CWhole(g_Mono, g_Vars<g_Mono>, handle) {}
+CCameraSLapisCol_C::CCameraSLapisCol_C(void* handle) : CWhole(g_Col_C, g_Vars<g_Col_C>, handle) {}
+CCameraSLapisMono_C::CCameraSLapisMono_C(void* handle) : CWhole(g_Mono_C, g_Vars<g_Mono_C>, handle) {}
 
 template <class Base>
-CLapis<Base>::CLapis(const ModelTraits& t, uint64_t lExpMax, ClassVars& v, void* handle)
-    : CFpgaModel<Base>(t, g_Fpga, v, handle), m_lExpMax(lExpMax)
+CLapis<Base>::CLapis(const ModelTraits& t, ClassVars& v, void* handle) : CFpgaModel<Base>(t, g_Fpga, v, handle)
 {
     // The firmware is not known yet: the old one's clock until InitCamera has read it.
     this->m_iCMOSClk = NormalClock();
@@ -117,8 +116,7 @@ void CLapis<Base>::InitClock()
 template <class Base>
 bool CLapis<Base>::SetOutput16Bits(bool on)
 {
-    this->m_bOutput16Bits = on;
-    this->SelectBandwidthUnit();
+    this->TakeOutput16Bits(on);
     const bool bFast = this->m_bHighSpeed && !on;
     this->m_Vars.iMinHMAX = bFast ? (IsOld() ? 360 : 181) : (IsOld() ? 462 : 230);
     for (const ModeRow& r : g_Modes)
@@ -128,18 +126,6 @@ bool CLapis<Base>::SetOutput16Bits(bool on)
         return this->Fpga(FPGA_FORMAT, format);
     this->Fpga(FPGA_HOLD, format);
     return this->Fpga(FPGA_FORMAT, on ? 1 : 0);
-}
-
-template <class Base>
-bool CLapis<Base>::SetHighSpeedMode(bool on)
-{
-    this->m_bHighSpeed = on;
-    SetOutput16Bits(this->m_bOutput16Bits);
-    SetCMOSClk();
-    this->SetFPSPerc(this->m_iFPSPerc, this->m_bAutoFPS);
-    SetExp(this->m_lExposure, this->m_bAutoExp);
-    SetBrightness(this->m_iBrightness);
-    return true;
 }
 
 template <class Base>
@@ -169,9 +155,7 @@ bool CLapis<Base>::WriteHMAX()
 {
     if (!IsOld())
         return CFpgaModel<Base>::WriteHMAX();
-    this->Write8(REG_HOLD, 1);
-    this->WriteBytes(REG_HMAX, uint32_t(this->m_iHMAX), 2);
-    return this->Write8(REG_HOLD, 0);
+    return this->WriteHeld({ { REG_HMAX, uint32_t(this->m_iHMAX), 2 } });
 }
 
 // Enters, follows or leaves the long-exposure mode by m_lExposure. In the mode the line grows with the exposure.
@@ -218,8 +202,7 @@ void CLapis<Base>::SwitchLong()
 template <class Base>
 bool CLapis<Base>::SetExp(uint64_t microseconds, bool autoMode)
 {
-    this->m_bAutoExp = autoMode;
-    this->m_lExposure = std::clamp(microseconds, EXP_MIN, m_lExpMax);
+    this->TakeExp(microseconds, autoMode);
     SwitchLong();
 
     const int sensorH = this->SensorH();
@@ -260,26 +243,8 @@ bool CLapis<Base>::SetExp(uint64_t microseconds, bool autoMode)
 template <class Base>
 bool CLapis<Base>::SetGain(int gain, bool autoMode)
 {
-    this->m_bAutoGain = autoMode;
-    this->m_iGain = std::clamp(gain, 0, 400);
-    this->Write8(REG_HOLD, 1);
-    this->WriteBytes(REG_GAIN, uint32_t(this->m_iGain), 2);
-    return this->Write8(REG_HOLD, 0);
-}
-
-template <class Base>
-bool CLapis<Base>::SetBrightness(int value)
-{
-    return this->WriteBlack(REG_BLACK, value);
-}
-
-template <class Base>
-bool CLapis<Base>::WriteStart(int x, int y)
-{
-    this->Write8(REG_HOLD, 1);
-    this->WriteBytes(REG_WINDOW_LEFT, uint32_t(x), 2);
-    this->WriteBytes(REG_WINDOW_TOP, uint32_t(y), 2);
-    return this->Write8(REG_HOLD, 0);
+    const int g = this->TakeGain(gain, autoMode);
+    return this->WriteHeld({ { REG_GAIN, uint32_t(g), 2 } });
 }
 
 template <class Base>
@@ -306,7 +271,7 @@ bool CLapis<Base>::StartSensorStreaming()
     this->Write8(REG_STANDBY, 0);
     platform::SleepMs(10);
     if (!IsOld())
-        return this->Fpga(FPGA_RUN, this->m_bLongExp ? RUN_GO_LONG : RUN_GO);
+        return this->Go();
     this->Write8(REG_MASTER_STOP, 0);
     platform::SleepMs(50);
     return this->Write8(REG_SYNC, 10);
@@ -318,7 +283,7 @@ bool CLapis<Base>::StopSensorStreaming()
     if (IsOld())
         this->Write8(REG_MASTER_STOP, 1);
     else
-        this->Fpga(FPGA_RUN, this->m_bLongExp ? RUN_STOP_LONG : RUN_STOP);
+        this->Halt();
     return this->Write8(REG_STANDBY, 1);
 }
 

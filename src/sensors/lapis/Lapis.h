@@ -5,11 +5,9 @@
 template <class Base>
 class CLapis : public CFpgaModel<Base> {
 public:
-    CLapis(const ModelTraits& t, uint64_t lExpMax, ClassVars& v, void* handle);
+    CLapis(const ModelTraits& t, ClassVars& v, void* handle);
     bool SetGain(int gain, bool autoMode) override;
     bool SetExp(uint64_t microseconds, bool autoMode) override;
-    bool SetBrightness(int value) override;
-    bool SetHighSpeedMode(bool on) override;
     bool SetHardwareBin(bool) override { return false; }  // nothing is stored
     bool SetOutput16Bits(bool on) override;
     bool Cam_SetResolution() override;
@@ -23,8 +21,8 @@ protected:
     void InitControls() override { SetOutput16Bits(this->m_bOutput16Bits); }
     void InitClock() override;
     void ResolutionClock() override {}
-    bool WriteStart(int x, int y) override;
     bool WriteHMAX() override;
+    bool SpeedMatters() const override { return true; }
     int32_t ClockFloor() const override { return NormalClock(); }
     bool BalanceHolds() const override { return !IsOld(); }
 
@@ -32,7 +30,6 @@ private:
     bool IsOld() const { return this->m_FirmwareVer < 18; }
     int32_t NormalClock() const { return IsOld() ? 74250 : 37125; }  // kHz
     void SwitchLong();
-    const uint64_t m_lExpMax;  // us
 };
 
 class KOV_CLASS CCameraSLapisCol final : public CWhole<CLapis<CCameraBase>> {

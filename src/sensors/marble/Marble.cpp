@@ -22,12 +22,13 @@ enum Reg : uint16_t {
     REG_WINDOW_LEFT = 0x319C, REG_WINDOW_WIDTH = 0x319E, REG_WINDOW_TOP = 0x31A0, REG_WINDOW_HEIGHT = 0x31A2,
 };
 
-constexpr uint64_t EXP_MIN = 32, EXP_MAX = 1'024'000'000, EXP_LONG = 1'000'000;  // us
-constexpr int GAIN_MAX = 510, GAIN_HIGH_ABOVE = 30;                              // 0.1 dB
-constexpr int32_t CLK_BIN = 6750, CLK_NORMAL = 27000;                            // kHz
-constexpr int32_t HMAX_BIN = 73, HMAX_FAST = 210, HMAX_NORMAL = 419;             // clocks
+constexpr uint64_t EXP_LONG = 1'000'000;                              // us
+constexpr int GAIN_HIGH_ABOVE = 30;                                   // 0.1 dB
+constexpr int32_t CLK_BIN = 6750, CLK_NORMAL = 27000;                 // kHz
+constexpr int32_t HMAX_BIN = 73, HMAX_FAST = 210, HMAX_NORMAL = 419;  // clocks
 
-constexpr FpgaTraits g_Fpga = { 29, 43000, 385000, CLK_BIN, 60, 600000, true };
+constexpr FpgaTraits g_Fpga = { 29, 43000, 385000, CLK_BIN, 60, 600000, true,
+                                { REG_HOLD, REG_WINDOW_LEFT, REG_WINDOW_TOP, REG_BLACK } };
 constexpr ExposureLaw g_Law = { 28, 29, 0, 0, 28, 1, 0xFFFFF, 1 };
 
 constexpr ModelTraits g_Col = {
@@ -82,38 +83,23 @@ void CMarble<Base>::InitSensor()
 template <class Base>
 bool CMarble<Base>::SetOutput16Bits(bool on)
 {
-    this->m_bOutput16Bits = on;
-    this->SelectBandwidthUnit();
-    if (this->m_bHighSpeed && !on && !InHardBin()) {
+    this->TakeOutput16Bits(on);
+    if (this->m_bHighSpeed && !on && !this->InHardBin()) {
         this->m_Vars.iMinHMAX = HMAX_FAST;
         this->Write8(REG_OUTPUT_BITS, 0);
         this->Fpga(FPGA_FORMAT, 0);
         return this->Write8(REG_OUTPUT_PATH, 0);
     }
-    this->m_Vars.iMinHMAX = InHardBin() ? HMAX_BIN : HMAX_NORMAL;
-    this->Write8(REG_OUTPUT_BITS, InHardBin() ? 9 : 2);
+    this->m_Vars.iMinHMAX = this->InHardBin() ? HMAX_BIN : HMAX_NORMAL;
+    this->Write8(REG_OUTPUT_BITS, this->InHardBin() ? 9 : 2);
     this->Write8(REG_OUTPUT_PATH, 2);
     return this->Fpga(FPGA_FORMAT, on ? 17 : 1);
 }
 
 template <class Base>
-bool CMarble<Base>::SetHighSpeedMode(bool on)
-{
-    this->m_bHighSpeed = on;
-    if (InHardBin() || this->m_bOutput16Bits)
-        return true;
-    SetOutput16Bits(false);
-    SetCMOSClk();
-    this->SetFPSPerc(this->m_iFPSPerc, this->m_bAutoFPS);
-    SetExp(this->m_lExposure, this->m_bAutoExp);
-    SetBrightness(this->m_iBrightness);
-    return true;
-}
-
-template <class Base>
 bool CMarble<Base>::SetCMOSClk()
 {
-    return SetCMOSClk(InHardBin() ? CLK_BIN : CLK_NORMAL);
+    return SetCMOSClk(this->InHardBin() ? CLK_BIN : CLK_NORMAL);
 }
 
 template <class Base>
@@ -128,8 +114,7 @@ bool CMarble<Base>::SetCMOSClk(int clock)
 template <class Base>
 bool CMarble<Base>::SetExp(uint64_t microseconds, bool autoMode)
 {
-    this->m_bAutoExp = autoMode;
-    this->m_lExposure = std::clamp(microseconds, EXP_MIN, EXP_MAX);
+    this->TakeExp(microseconds, autoMode);
     this->SwitchLongExp(EXP_LONG, RUN_GO_LONG);
 
     // The wish for hardware binning costs 16 lines at every bin.
@@ -149,35 +134,16 @@ bool CMarble<Base>::SetExp(uint64_t microseconds, bool autoMode)
 template <class Base>
 bool CMarble<Base>::SetGain(int gain, bool autoMode)
 {
-    this->m_bAutoGain = autoMode;
-    const int g = std::clamp(gain, 0, GAIN_MAX);
-    this->m_iGain = g;
+    const int g = this->TakeGain(gain, autoMode);
     const bool bHigh = g > GAIN_HIGH_ABOVE;
-    this->Write8(REG_HOLD, 1);
-    this->Write8(REG_HIGH_GAIN, bHigh ? GAIN_HIGH_ABOVE : 0);
-    this->WriteBytes(REG_GAIN, uint32_t(bHigh ? g - GAIN_HIGH_ABOVE : g), 2);
-    return this->Write8(REG_HOLD, 0);
-}
-
-template <class Base>
-bool CMarble<Base>::SetBrightness(int value)
-{
-    return this->WriteBlack(REG_BLACK, value);
-}
-
-template <class Base>
-bool CMarble<Base>::WriteStart(int x, int y)
-{
-    this->Write8(REG_HOLD, 1);
-    this->WriteBytes(REG_WINDOW_LEFT, uint32_t(x), 2);
-    this->WriteBytes(REG_WINDOW_TOP, uint32_t(y), 2);
-    return this->Write8(REG_HOLD, 0);
+    const uint32_t high = bHigh ? GAIN_HIGH_ABOVE : 0;
+    return this->WriteHeld({ { REG_HIGH_GAIN, high }, { REG_GAIN, uint32_t(g) - high, 2 } });
 }
 
 template <class Base>
 bool CMarble<Base>::Cam_SetResolution()
 {
-    const bool bBin = InHardBin();
+    const bool bBin = this->InHardBin();
     this->Fpga(FPGA_HOLD, 1);
     this->Write8(REG_READ_MODE, bBin ? 0x23 : 0);
     this->Write8(REG_READ_MODE2, bBin ? 1 : 0);
@@ -196,13 +162,13 @@ bool CMarble<Base>::StartSensorStreaming()
     platform::SleepMs(2);
     this->Write8(REG_STANDBY, 0);
     platform::SleepMs(10);
-    return this->Fpga(FPGA_RUN, this->m_bLongExp ? RUN_GO_LONG : RUN_GO);
+    return this->Go();
 }
 
 template <class Base>
 bool CMarble<Base>::StopSensorStreaming()
 {
-    this->Fpga(FPGA_RUN, this->m_bLongExp ? RUN_STOP_LONG : RUN_STOP);
+    this->Halt();
     return this->Write8(REG_STANDBY, 1);
 }
 

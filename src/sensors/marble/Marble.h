@@ -8,10 +8,8 @@ public:
     CMarble(const ModelTraits& t, ClassVars& v, void* handle);
     bool SetGain(int gain, bool autoMode) override;
     bool SetExp(uint64_t microseconds, bool autoMode) override;
-    bool SetBrightness(int value) override;
-    bool SetHighSpeedMode(bool on) override;
     bool SetOutput16Bits(bool on) override;
-    bool IsHardBinRun() override { return InHardBin(); }
+    bool IsHardBinRun() override { return this->InHardBin(); }
     bool Cam_SetResolution() override;
     bool SetCMOSClk() override;
     bool SetCMOSClk(int clock) override;
@@ -20,13 +18,10 @@ public:
 
 protected:
     void InitSensor() override;
-    bool WriteStart(int x, int y) override;
     bool BinMatters() const override { return this->m_iBin == 2 || this->m_iBin == 4; }
-    bool IsHardSize() const override { return InHardBin(); }
+    bool SpeedMatters() const override { return !this->InHardBin() && !this->m_bOutput16Bits; }
+    bool IsHardSize() const override { return this->InHardBin(); }
     int HardSizeFactor() const override { return this->m_iBin == 4 ? 2 : 1; }
-
-private:
-    bool InHardBin() const { return this->m_bHardwareBin && (this->m_iBin == 2 || this->m_iBin == 4); }
 };
 
 class KOV_CLASS CCameraSMarbleCol final : public CWhole<CMarble<CCameraBase>> {

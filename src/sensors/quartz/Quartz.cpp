@@ -21,7 +21,7 @@ enum Reg : uint16_t {
     REG_UNK_3129 = 0x3129, REG_UNK_317C = 0x317C, REG_UNK_31EC = 0x31EC,
 };
 
-constexpr uint64_t EXP_MIN = 32, EXP_MAX = 1'000'000'000, EXP_LONG = 1'000'000;  // us
+constexpr uint64_t EXP_LONG = 1'000'000;  // us
 
 constexpr RegEntry g_QuartzAfter[] = {
     { 0x305C, 0x20 }, { 0x305D, 0x00 }, { 0x305E, 0x20 }, { 0x305F, 0x00 }, { 0x3046, 0xF1 }, { REG_ADC_BITS, 1 },
@@ -35,26 +35,26 @@ constexpr RegEntry g_NephriteAfter[] = {
 // --- one row a family ---
 
 constexpr QuartzTraits g_Quartz = {
-    .fpga = { 18, 43272, 360715, 9281, 100, 100000, false },
+    .fpga = { 18, 43272, 360715, 9281, 100, 100000, false,
+              { .wHold = REG_HOLD, .wLeft = 0x3040, .wTop = 0x303C, .wBlack = REG_BLACK } },
     .law = { 17, 18, 1, 2, 16, 1, 0xFFFFFF, 2 },
     .initTable = g_QuartzInit, .initAfter = g_QuartzAfter, .wRegTail = 0x304B,
     .wRegOutput = 0x3046, .bOutputFast = 0xF0, .bOutputNormal = 0xF1, .bReadoutTrim = true,
     .iClkBin = 9281, .iClkNormal = 18562, .iClkFast = 37124, .iMinBin = 145, .iMinNormal = 203, .iMinFast = 196,
-    .bClockKeepsGain = true,
-    .wRegLeft = 0x3040, .wRegTop = 0x303C, .wRegWidth = 0x3042, .wRegHeight = 0x303E,
+    .bClockKeepsGain = true, .wRegWidth = 0x3042, .wRegHeight = 0x303E,
     .bFpgaXBin = 0, .bFpgaYBin = 9, .bFpgaX = 0, .bFpgaY = 9,
-    .iGainMax = 600, .iHighGainAbove = 60, .iGainStep = 3, .iGainBytes = 1, .bGainHeld = true, .bFPSFromLine = false,
+    .iHighGainAbove = 60, .iGainStep = 3, .iGainBytes = 1, .bGainHeld = true, .bFPSFromLine = false,
 };
 constexpr QuartzTraits g_Onyx = {
-    .fpga = { 18, 43272, 190906, 9281, 100, 100000, false },
+    .fpga = { 18, 43272, 190906, 9281, 100, 100000, false,
+              { .wHold = REG_HOLD, .wLeft = 0x303C, .wTop = 0x3038, .wBlack = REG_BLACK } },
     .law = { 17, 18, 1, 2, 16, 1, 0xFFFFFF, 2 },
     .initTable = g_OnyxInit, .initAfter = g_OnyxAfter, .wRegTail = 0x3049,
     .wRegOutput = 0x3044, .bOutputFast = 0xE0, .bOutputNormal = 0xE1, .bReadoutTrim = false,
     .iClkBin = 9281, .iClkNormal = 18562, .iClkFast = 37124, .iMinBin = 145, .iMinNormal = 292, .iMinFast = 249,
-    .bClockKeepsGain = true,
-    .wRegLeft = 0x303C, .wRegTop = 0x3038, .wRegWidth = 0x303E, .wRegHeight = 0x303A,
+    .bClockKeepsGain = true, .wRegWidth = 0x303E, .wRegHeight = 0x303A,
     .bFpgaXBin = 2, .bFpgaYBin = 5, .bFpgaX = 4, .bFpgaY = 9,
-    .iGainMax = 600, .iHighGainAbove = 60, .iGainStep = 1, .iGainBytes = 2, .bGainHeld = true, .bFPSFromLine = false,
+    .iHighGainAbove = 60, .iGainStep = 1, .iGainBytes = 2, .bGainHeld = true, .bFPSFromLine = false,
 };
 // QUIRK: SetGain leaves the high-gain bit alone on Pyrite, but a clock change sets it above gain 60.
 constexpr QuartzTraits g_Pyrite = [] {
@@ -64,15 +64,15 @@ constexpr QuartzTraits g_Pyrite = [] {
     return q;
 }();
 constexpr QuartzTraits g_Nephrite = {
-    .fpga = { 21, 42830, 256981, 4640, 80, 500000, false },
+    .fpga = { 21, 42830, 256981, 4640, 80, 500000, false,
+              { .wHold = REG_HOLD, .wLeft = 0x303C, .wTop = 0x3038, .wBlack = REG_BLACK } },
     .law = { 20, 21, 1, 0, 19, 1, 0xFFFFFF, 2 },
     .initTable = g_NephriteInit, .initAfter = g_NephriteAfter, .wRegTail = 0x3049,
     .wRegOutput = 0x3044, .bOutputFast = 0x60, .bOutputNormal = 0x61, .bReadoutTrim = false,
     .iClkBin = 4640, .iClkNormal = 9280, .iClkFast = 18560, .iMinBin = 69, .iMinNormal = 138, .iMinFast = 138,
-    .bClockKeepsGain = false,
-    .wRegLeft = 0x303C, .wRegTop = 0x3038, .wRegWidth = 0x303E, .wRegHeight = 0x303A,
+    .bClockKeepsGain = false, .wRegWidth = 0x303E, .wRegHeight = 0x303A,
     .bFpgaXBin = 2, .bFpgaYBin = 5, .bFpgaX = 4, .bFpgaY = 9,
-    .iGainMax = 480, .iHighGainAbove = 0, .iGainStep = 3, .iGainBytes = 1, .bGainHeld = false, .bFPSFromLine = false,
+    .iHighGainAbove = 0, .iGainStep = 3, .iGainBytes = 1, .bGainHeld = false, .bFPSFromLine = false,
 };
 
 // --- one row a model ---
@@ -191,8 +191,7 @@ void CQuartz<Base>::InitSensor()
 template <class Base>
 bool CQuartz<Base>::SetOutput16Bits(bool on)
 {
-    this->m_bOutput16Bits = on;
-    this->SelectBandwidthUnit();
+    this->TakeOutput16Bits(on);
     const bool bFast = this->m_bHighSpeed && !on && !this->InHardBin2();
     this->Write8(m_Q.wRegOutput, bFast ? m_Q.bOutputFast : m_Q.bOutputNormal);
     this->Write8(REG_ADC_BITS, bFast || this->InHardBin2() ? 0 : 1);
@@ -240,8 +239,7 @@ bool CQuartz<Base>::SetCMOSClk(int clock)
 template <class Base>
 bool CQuartz<Base>::SetExp(uint64_t microseconds, bool autoMode)
 {
-    this->m_bAutoExp = autoMode;
-    this->m_lExposure = std::clamp(microseconds, EXP_MIN, EXP_MAX);
+    this->TakeExp(microseconds, autoMode);
     this->SwitchLongExp(EXP_LONG, RUN_GO_LONG);
 
     const ExposureRegs r = CalcExposure(m_Q.law, this->m_lExposure, this->LineTime(), this->SensorH());
@@ -256,9 +254,7 @@ bool CQuartz<Base>::SetExp(uint64_t microseconds, bool autoMode)
 template <class Base>
 bool CQuartz<Base>::SetGain(int gain, bool autoMode)
 {
-    this->m_bAutoGain = autoMode;
-    const int g = std::clamp(gain, 0, m_Q.iGainMax);
-    this->m_iGain = g;
+    const int g = this->TakeGain(gain, autoMode);
     const bool bHigh = m_Q.iHighGainAbove != 0 && g > m_Q.iHighGainAbove;
     if (m_Q.bGainHeld)
         this->Write8(REG_HOLD, 1);
@@ -272,21 +268,6 @@ bool CQuartz<Base>::SetGain(int gain, bool autoMode)
     if (m_Q.bGainHeld)
         ok = this->Write8(REG_HOLD, 0);
     return ok;
-}
-
-template <class Base>
-bool CQuartz<Base>::SetBrightness(int value)
-{
-    return this->WriteBlack(REG_BLACK, value);
-}
-
-template <class Base>
-bool CQuartz<Base>::WriteStart(int x, int y)
-{
-    this->Write8(REG_HOLD, 1);
-    this->WriteBytes(m_Q.wRegLeft, uint32_t(x), 2);
-    this->WriteBytes(m_Q.wRegTop, uint32_t(y), 2);
-    return this->Write8(REG_HOLD, 0);
 }
 
 template <class Base>
@@ -308,13 +289,13 @@ bool CQuartz<Base>::StartSensorStreaming()
 {
     this->Write8(REG_STANDBY, 0);
     platform::SleepMs(20);
-    return this->Fpga(FPGA_RUN, this->m_bLongExp ? RUN_GO_LONG : RUN_GO);
+    return this->Go();
 }
 
 template <class Base>
 bool CQuartz<Base>::StopSensorStreaming()
 {
-    this->Fpga(FPGA_RUN, this->m_bLongExp ? RUN_STOP_LONG : RUN_STOP);
+    this->Halt();
     return this->Write8(REG_STANDBY, 1);
 }
 

@@ -15,9 +15,9 @@ struct QuartzTraits {
     int32_t iClkBin, iClkNormal, iClkFast;           // kHz
     int32_t iMinBin, iMinNormal, iMinFast;           // shortest line, clocks
     bool bClockKeepsGain;                            // the clock register carries the high-gain bit
-    uint16_t wRegLeft, wRegTop, wRegWidth, wRegHeight;
+    uint16_t wRegWidth, wRegHeight;
     uint8_t bFpgaXBin, bFpgaYBin, bFpgaX, bFpgaY;    // FPGA 2 and 6 in hardware bin 2, and otherwise
-    int iGainMax, iHighGainAbove;                    // 0.1 dB; 0: no second amplifier range
+    int iHighGainAbove;                              // 0.1 dB; 0: no second amplifier range
     int iGainStep, iGainBytes;                       // 0.1 dB a step of the gain register, and its width
     bool bGainHeld;
     bool bFPSFromLine;                               // CalcMaxFPS counts lines instead of the frame time
@@ -29,7 +29,6 @@ public:
     CQuartz(const ModelTraits& t, const QuartzTraits& q, ClassVars& v, void* handle);
     bool SetGain(int gain, bool autoMode) override;
     bool SetExp(uint64_t microseconds, bool autoMode) override;
-    bool SetBrightness(int value) override;
     bool SetOutput16Bits(bool on) override;
     bool Cam_SetResolution() override;
     bool SetCMOSClk() override;
@@ -39,7 +38,6 @@ public:
 
 protected:
     void InitSensor() override;
-    bool WriteStart(int x, int y) override;
     float MaxFPSNow() override;
 
 private:
