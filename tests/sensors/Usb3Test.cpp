@@ -1,12 +1,5 @@
 // The cameras with an FPGA: what their classes send. The expected numbers are worked out by hand from the sensors' laws;
 // the working stands beside them. "line" is m_iHMAX * 1000 / m_iCMOSClk in us, n the exposure in whole lines.
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <map>
-
-#include "platform/Platform.h"
-#include "platform/UsbAdapter.h"
 #include "sensors/beryl/Beryl.h"
 #include "sensors/ebony/Ebony.h"
 #include "sensors/jasper/Jasper.h"
@@ -14,33 +7,10 @@
 #include "sensors/lapis/Lapis.h"
 #include "sensors/marble/Marble.h"
 #include "sensors/quartz/Quartz.h"
-#include "support/RecordingStack.h"
-#include "support/TempStore.h"
+#include "sensors/SensorBench.h"
 
 namespace {
 
-// One word a request: "3001=01" byte write, "0052:0100" 16-bit write, "F10=17" FPGA write, "?3009" byte read, "?0020:"
-// 16-bit read, "cmd175" any other request that goes out, "in173" any other that comes in.
-std::string Word(const RecordedRequest& r)
-{
-    char sz[32];
-    switch (r.bRequest) {
-    case 166: std::snprintf(sz, sizeof sz, "%04x:%04x", r.wValue, r.wIndex); break;
-    case 167: std::snprintf(sz, sizeof sz, "?%04x:", r.wValue); break;
-    case 182: std::snprintf(sz, sizeof sz, "%04x=%02x", r.wValue, r.wIndex); break;
-    case 183: std::snprintf(sz, sizeof sz, "?%04x", r.wValue); break;
-    case 189: std::snprintf(sz, sizeof sz, "F%u=%u", r.wValue, r.wIndex); break;
-    default: std::snprintf(sz, sizeof sz, r.bIn ? "in%u" : "cmd%u", r.bRequest); break;
-    }
-    return sz;
-}
-std::string Words(const std::vector<RecordedRequest>& requests)
-{
-    std::string s;
-    for (const RecordedRequest& r : requests)
-        s += (s.empty() ? "" : " ") + Word(r);
-    return s;
-}
 template <class... Parts>
 std::string All(const Parts&... parts)
 {
@@ -70,18 +40,9 @@ std::string Frame(unsigned vmax) { return All("F1=1", Fpga(16, vmax, 3), "F1=0")
 std::string Line(unsigned hmax) { return All("F1=1", Fpga(19, hmax, 2), "F1=0"); }
 std::string Size(unsigned w, unsigned h) { return All(Fpga(4, w, 2), Fpga(8, h, 2)); }
 
-class Usb3 : public testing::Test {
+class Usb3 : public SensorTest {
 protected:
-    Usb3()
-    {
-        platform::SetUsbStack(&m_stack);
-        platform::SetClockRate(5);  // no more: the time limits of the transfers shrink with it
-    }
-    ~Usb3() override
-    {
-        platform::SetClockRate(1);
-        platform::SetUsbStack(nullptr);
-    }
+    Usb3() : SensorTest(5) { m_ver = 18; }  // no faster: the time limits of the transfers shrink with the clock
 
     // A camera on a device of its own, found, and, unless told otherwise, brought up with the full frame. Registers keep
     // what is written.
@@ -122,31 +83,16 @@ protected:
         m_dev->Clear();
         return cam;
     }
-    // What was sent since the last call, without the cooler thread's requests.
-    std::vector<RecordedRequest> Requests()
-    {
-        auto all = m_dev->Take();
-        std::erase_if(all, [](const RecordedRequest& r) { return r.bRequest == 178 || r.bRequest == 179 || r.bRequest == 199; });
-        return all;
-    }
-    std::string Sent() { return Words(Requests()); }
-    std::string Exp(CCameraBase& cam, uint64_t us)
-    {
-        m_dev->Clear();
-        EXPECT_TRUE(cam.SetExp(us, false));
-        return Sent();
-    }
-    std::string Gain(CCameraBase& cam, int gain)
-    {
-        m_dev->Clear();
-        EXPECT_TRUE(cam.SetGain(gain, false));
-        return Sent();
-    }
+    std::string Exp(CCameraBase& cam, uint64_t us) { return SENDS(cam.SetExp(us, false)); }
+    std::string Gain(CCameraBase& cam, int gain) { return SENDS(cam.SetGain(gain, false)); }
     std::string Region(CCameraBase& cam, int w, int h, int bin, IMAGE_TYPE type = IMAGE_8BIT)
     {
-        m_dev->Clear();
-        EXPECT_TRUE(cam.SetResolution(w, h, bin, type));
-        return Sent();
+        return SENDS(cam.SetResolution(w, h, bin, type));
+    }
+    template <class T>
+    std::string StartAndStop(T& cam)
+    {
+        return SENDS((void(cam.StartSensorStreaming()), cam.StopSensorStreaming()));
     }
     // InitCamera: the writes from the first row of the table on, split behind `nTable` of them.
     std::pair<std::string, std::string> BringUp(CCameraBase& cam, size_t nTable)
@@ -161,12 +107,7 @@ protected:
         return { Words({ first, table }), Words({ table, all.end() }) };
     }
 
-    TempStore m_store;
-    RecordingStack m_stack;
-    FakeUsbDevice* m_dev = nullptr;
-    std::map<uint16_t, uint16_t> m_regs;
     std::map<uint16_t, int> m_nOpened;
-    uint8_t m_ver = 18;
     bool m_bUsb3 = true;
     uint16_t m_wTemp = 0;
 };
@@ -300,8 +241,7 @@ TEST_F(Quartz, Region)
                   "3046=f1 3005=01 F10=1 3129=00 317c=00 31ec=0e",
                   "F1=1 3006=00 F2=0 F6=9", Bytes(0x3042, 1000, 2), Bytes(0x303E, 600, 2), Size(1000, 600), "F1=0",
                   "3009=11", Line(203), exposure, exposure));
-    ASSERT_TRUE(cam->SetStartPos(103, 51));
-    EXPECT_EQ(Sent(), All("3001=01", Bytes(0x3040, 100, 2), Bytes(0x303C, 50, 2), "3001=00"));
+    EXPECT_EQ(SENDS(cam->SetStartPos(103, 51)), All("3001=01", Bytes(0x3040, 100, 2), Bytes(0x303C, 50, 2), "3001=00"));
     ASSERT_TRUE(cam->SetStartPos(-5, -5));
     EXPECT_EQ(cam->m_iStartX, 0);
     EXPECT_EQ(cam->m_iStartY, 0);
@@ -326,10 +266,8 @@ TEST_F(Quartz, OutputModes)
     auto cam = Open<CCameraSQuartzCol>(0xC11A);
     const std::string normal = "3046=f1 3005=01 F10=1 3129=00 317c=00 31ec=0e";
     const std::string exposure = "F1=1 F16=90 F17=4 F18=0 F1=0";
-    cam->SetOutput16Bits(true);
-    EXPECT_EQ(Sent(), "3046=f1 3005=01 F10=17 3129=00 317c=00 31ec=0e");
-    cam->SetOutput16Bits(false);
-    EXPECT_EQ(Sent(), normal);
+    EXPECT_EQ(SENDS(cam->SetOutput16Bits(true)), "3046=f1 3005=01 F10=17 3129=00 317c=00 31ec=0e");
+    EXPECT_EQ(SENDS(cam->SetOutput16Bits(false)), normal);
     ASSERT_TRUE(cam->SetHighSpeedMode(true));
     // 37124 kHz; 170 frames: 1e6 / 170 / 1114 * 37.124 = 196. line 5.28: n = 1894, stretched.
     const std::string fast = All("3001=01", Frame(1895), Bytes(0x3020, 0, 3), "3001=00");
@@ -337,16 +275,13 @@ TEST_F(Quartz, OutputModes)
     cam->SetOutput16Bits(true);
     EXPECT_EQ(Sent(), "3046=f1 3005=01 F10=17 3129=00 317c=00 31ec=0e") << "16 bits overrule high speed";
     // Hardware bin 2 overrules it too, and has a clock of its own.
-    ASSERT_TRUE(cam->SetHardwareBin(true));
-    EXPECT_EQ(Sent(), "") << "nothing to do at bin 1";
+    EXPECT_EQ(SENDS(cam->SetHardwareBin(true)), "") << "nothing to do at bin 1";
     const std::string binned = Region(*cam, 968, 548, 2);
     EXPECT_NE(binned.find("3046=f1 3005=00 F10=1 "), std::string::npos);
     EXPECT_NE(binned.find(All("F1=1 3006=22 F2=0 F6=9", Bytes(0x3042, 1936, 2), Bytes(0x303E, 1096, 2),
                               Size(968, 548), "F1=0 3009=10", Line(145))), std::string::npos);
     EXPECT_EQ(cam->m_iCMOSClk, 9281);
-    m_dev->Clear();
-    ASSERT_TRUE(cam->SetHighSpeedMode(false));
-    EXPECT_EQ(Sent(), "") << "only kept in hardware bin 2";
+    EXPECT_EQ(SENDS(cam->SetHighSpeedMode(false)), "") << "only kept in hardware bin 2";
     EXPECT_FALSE(cam->m_bHighSpeed);
 }
 
@@ -364,22 +299,14 @@ TEST_F(Quartz, ClockByNumber)
 TEST_F(Quartz, BalanceBrightnessStreamingTemperature)
 {
     auto cam = Open<CCameraSQuartzCol>(0xC11A);
-    cam->SetRGBBalance(0, 120, true);
-    EXPECT_EQ(Sent(), "F1=1 F12=2 F15=253 F1=0");  // 1 and 99 percent of 256
+    EXPECT_EQ(SENDS(cam->SetRGBBalance(0, 120, true)), "F1=1 F12=2 F15=253 F1=0");  // 1 and 99 percent of 256
     EXPECT_TRUE(cam->m_bAutoWB);
-    EXPECT_TRUE(cam->SetBrightness(0x1F3));
-    EXPECT_EQ(Sent(), "300b=01 300a=f3");
+    EXPECT_EQ(SENDS(cam->SetBrightness(0x1F3)), "300b=01 300a=f3");
     EXPECT_TRUE(cam->SetBrightness(-1));
     EXPECT_EQ(cam->m_iBrightness, -1) << "no limits here";
-    m_dev->Clear();
-    cam->StartSensorStreaming();
-    cam->StopSensorStreaming();
-    EXPECT_EQ(Sent(), "3000=00 F0=33 F0=49 3000=01");
+    EXPECT_EQ(StartAndStop(*cam), "3000=00 F0=33 F0=49 3000=01");
     cam->SetExp(1000000, false);
-    m_dev->Clear();
-    cam->StartSensorStreaming();
-    cam->StopSensorStreaming();
-    EXPECT_EQ(Sent(), "3000=00 F0=225 F0=241 3000=01");
+    EXPECT_EQ(StartAndStop(*cam), "3000=00 F0=225 F0=241 3000=01");
 
     m_wTemp = 0x1980;  // 12 bits from the top: 0x198 = 408 sixteenths
     EXPECT_FLOAT_EQ(cam->GetSensorTemp(), 25.5f);
@@ -389,8 +316,7 @@ TEST_F(Quartz, BalanceBrightnessStreamingTemperature)
     EXPECT_FLOAT_EQ(cam->GetSensorTemp(), -0.5f) << "QUIRK: 0 counts as no reading";
 
     auto mono = Open<CCameraSQuartzMono>(0xC11B);
-    mono->SetRGBBalance(10, 10, true);
-    EXPECT_EQ(Sent(), "");
+    EXPECT_EQ(SENDS(mono->SetRGBBalance(10, 10, true)), "");
     EXPECT_EQ(mono->m_iWB_R, 52) << "a monochrome camera takes no balance";
 }
 
@@ -435,8 +361,7 @@ TEST_F(Onyx, GainBorderAndPyritesLackOfIt)
     auto pyrite = Open<CCameraSPyriteCol>(0xC10A);
     EXPECT_EQ(Gain(*pyrite, 61), "3001=01 3014=3d 3015=00 3001=00");
     EXPECT_EQ(Gain(*pyrite, 601), "3001=01 3014=58 3015=02 3001=00");
-    pyrite->SetCMOSClk();
-    EXPECT_EQ(Sent(), "3009=11") << "QUIRK: only a clock change sets the bit";
+    EXPECT_EQ(SENDS(pyrite->SetCMOSClk()), "3009=11") << "QUIRK: only a clock change sets the bit";
     // Onyx counts frames by the frame time, Pyrite by lines: 18562000 / (292 * 994).
     cam->CalcMaxFPS();
     pyrite->CalcMaxFPS();
@@ -462,15 +387,11 @@ TEST_F(Onyx, BinsAndHighSpeed)
                                                  Bytes(0x303A, 972, 2), Size(432, 324), "F1=0 3009=11")), std::string::npos);
     // Without it everything goes out. The start survives the switch.
     ASSERT_TRUE(cam->SetStartPos(4, 2));
-    m_dev->Clear();
-    ASSERT_TRUE(cam->SetHardwareBin(false));
-    EXPECT_NE(Sent().find(Size(1296, 972)), std::string::npos);
+    EXPECT_NE(SENDS(cam->SetHardwareBin(false)).find(Size(1296, 972)), std::string::npos);
     EXPECT_EQ(cam->m_iStartX, 4);
     EXPECT_EQ(cam->m_iStartY, 2);
     Region(*cam, 1304, 976, 1);
-    m_dev->Clear();
-    cam->SetHighSpeedMode(true);
-    ExpectHead(Sent(), "3044=e0 3005=00 F10=0 3009=10 F");
+    ExpectHead(SENDS(cam->SetHighSpeedMode(true)), "3044=e0 3005=00 F10=0 3009=10 F");
     EXPECT_EQ(cam->m_iCMOSClk, 37124);
     EXPECT_EQ(cam->m_iHMAX, 249);  // 150 frames: 1e6 / 150 / 994 * 37.124 = 248
 }
@@ -502,14 +423,11 @@ TEST_F(Nephrite, ExposureGainAndModes)
     EXPECT_EQ(Exp(*cam, 1000000), All("0000=e1", regs(67247, 0)));
     EXPECT_EQ(Exp(*cam, 10000), All("0000=21 3009=01", regs(1245, 572)));
     EXPECT_EQ(Gain(*cam, 481), "3014=a0");
-    cam->SetOutput16Bits(false);
-    EXPECT_EQ(Sent(), "3044=61 3005=01 F10=1");
+    EXPECT_EQ(SENDS(cam->SetOutput16Bits(false)), "3044=61 3005=01 F10=1");
     Region(*cam, 1944, 1224, 1, IMAGE_16BIT);
     EXPECT_EQ(cam->m_iHMAX, 172);  // 43.2 frames: 1e6 / 43.2 / 1245 * 9.28
     cam->m_bOutput16Bits = false;
-    m_dev->Clear();
-    cam->SetHighSpeedMode(true);
-    ExpectHead(Sent(), "3044=60 3005=00 F10=0 3009=00 F");
+    ExpectHead(SENDS(cam->SetHighSpeedMode(true)), "3044=60 3005=00 F10=0 3009=00 F");
     EXPECT_EQ(cam->m_iCMOSClk, 18560);
     Region(*cam, 972, 612, 2);
     EXPECT_EQ(cam->m_iCMOSClk, 4640);
@@ -518,9 +436,7 @@ TEST_F(Nephrite, ExposureGainAndModes)
         cam->SetCMOSClk(clock);
     EXPECT_EQ(Sent(), "3009=00 3009=01 3009=00 3009=02");
     cam->SetHardwareBin(false);
-    m_dev->Clear();
-    cam->SetCMOSClk(4640);
-    EXPECT_EQ(Sent(), "3009=02");
+    EXPECT_EQ(SENDS(cam->SetCMOSClk(4640)), "3009=02");
 }
 
 // --- Jasper ----------------------------------------------------------------------------------------------------------
@@ -563,10 +479,8 @@ TEST_F(Jasper, ExposureAndItsClock)
 TEST_F(Jasper, ModesRegionsAndClocks)
 {
     auto cam = Open<CCameraSJasperCol>(0xC0AA);
-    cam->SetOutput16Bits(true);
-    EXPECT_EQ(Sent(), "3044=61 3005=01 F1=5 F10=1");
-    cam->SetOutput16Bits(false);
-    EXPECT_EQ(Sent(), "3044=61 3005=01 F1=1 F10=0");
+    EXPECT_EQ(SENDS(cam->SetOutput16Bits(true)), "3044=61 3005=01 F1=5 F10=1");
+    EXPECT_EQ(SENDS(cam->SetOutput16Bits(false)), "3044=61 3005=01 F1=1 F10=0");
     cam->SetHighSpeedMode(true);
     // 148500 kHz, ratio 1; line 1380 -> 9.293 us; t0 = 2.64; n = 1075. The bandwidth leaves the exposure to its caller.
     EXPECT_EQ(Sent(), All("3044=60 3005=00 F1=0 F10=0 3009=00 3001=01 301b=64 301c=05 3001=00",
@@ -588,9 +502,7 @@ TEST_F(Jasper, ModesRegionsAndClocks)
     cam->SetCMOSClk(37125);
     EXPECT_EQ(Sent(), "305d=0d 305d=06 3009=00");
     EXPECT_EQ(Gain(*cam, 481), "3001=01 3014=e0 3015=01 3001=00");
-    cam->StartSensorStreaming();
-    cam->StopSensorStreaming();
-    EXPECT_EQ(Sent(), "3000=00 3002=00 3049=0a 3000=01 3002=01");
+    EXPECT_EQ(StartAndStop(*cam), "3000=00 3002=00 3049=0a 3000=01 3002=01");
 }
 
 // --- Marble ----------------------------------------------------------------------------------------------------------
@@ -646,8 +558,7 @@ TEST_F(Marble, GainBorder)
     EXPECT_EQ(Gain(*cam, 30), "3007=01 301b=00 301f=1e 3020=00 3007=00");
     EXPECT_EQ(Gain(*cam, 31), "3007=01 301b=1e 301f=01 3020=00 3007=00");
     EXPECT_EQ(Gain(*cam, 511), "3007=01 301b=1e 301f=e0 3020=01 3007=00");
-    cam->SetRGBBalance(1, 1, true);
-    EXPECT_EQ(Sent(), "");
+    EXPECT_EQ(SENDS(cam->SetRGBBalance(1, 1, true)), "");
 }
 
 TEST_F(Marble, BinsAndModes)
@@ -668,9 +579,7 @@ TEST_F(Marble, BinsAndModes)
                                                   Bytes(0x31A2, 2076, 2), Bytes(0x319E, 3096, 2), Size(3096, 2076))),
               std::string::npos);
     EXPECT_FALSE(cam->IsHardBinRun());
-    m_dev->Clear();
-    cam->SetHardwareBin(false);
-    EXPECT_EQ(Sent(), "") << "bin 3 does not care";
+    EXPECT_EQ(SENDS(cam->SetHardwareBin(false)), "") << "bin 3 does not care";
 
     Region(*cam, 3096, 2080, 1);
     m_dev->Clear();
@@ -679,12 +588,8 @@ TEST_F(Marble, BinsAndModes)
     EXPECT_EQ(Sent(), All("300d=00 F10=0 3059=00 3101=30", Line(356), MarbleExp(2109, 1351), MarbleExp(2109, 1351),
                           "3016=00 3015=0a"));
     Region(*cam, 3096, 2080, 1, IMAGE_16BIT);
-    m_dev->Clear();
-    cam->SetHighSpeedMode(false);
-    EXPECT_EQ(Sent(), "") << "only kept in 16 bits";
-    cam->StartSensorStreaming();
-    cam->StopSensorStreaming();
-    EXPECT_EQ(Sent(), "3000=06 3000=00 F0=33 F0=49 3000=01");
+    EXPECT_EQ(SENDS(cam->SetHighSpeedMode(false)), "") << "only kept in 16 bits";
+    EXPECT_EQ(StartAndStop(*cam), "3000=06 3000=00 F0=33 F0=49 3000=01");
 }
 
 // --- Lapis -----------------------------------------------------------------------------------------------------------
@@ -814,19 +719,13 @@ TEST_F(Lapis, ModesAndRegion)
     EXPECT_FALSE(cam->SetHardwareBin(true));
     EXPECT_FALSE(cam->m_bHardwareBin);
     EXPECT_EQ(Gain(*cam, 401), "020c=01 0404=90 0405=01 020c=00");
-    cam->StartSensorStreaming();
-    cam->StopSensorStreaming();
-    EXPECT_EQ(Sent(), "0200=00 F0=33 F0=49 0200=01");
+    EXPECT_EQ(StartAndStop(*cam), "0200=00 F0=33 F0=49 0200=01");
 
     m_ver = 17;
     auto old = Open<CCameraSLapisCol>(0xC0CA);
-    old->SetOutput16Bits(true);
-    EXPECT_EQ(Sent(), All(LAPIS_NORMAL, "F1=17 F10=1"));
-    old->SetRGBBalance(60, 99, false);
-    EXPECT_EQ(Sent(), "F12=153 F15=253") << "no hold";
-    old->StartSensorStreaming();
-    old->StopSensorStreaming();
-    EXPECT_EQ(Sent(), "0200=00 0212=00 022e=0a 0212=01 0200=01");
+    EXPECT_EQ(SENDS(old->SetOutput16Bits(true)), All(LAPIS_NORMAL, "F1=17 F10=1"));
+    EXPECT_EQ(SENDS(old->SetRGBBalance(60, 99, false)), "F12=153 F15=253") << "no hold";
+    EXPECT_EQ(StartAndStop(*old), "0200=00 0212=00 022e=0a 0212=01 0200=01");
     EXPECT_EQ(Region(*old, 1000, 600, 1).find("F1=1 F2=0"), std::string::npos) << "no hold around the region";
 }
 
@@ -953,16 +852,13 @@ TEST_F(Kyanite, HighSpeedAndHardwareBin)
     EXPECT_NE(sent.find("F10=0 F2=60 F6=13 F1=0 F1=1 01dc:0020"), std::string::npos);
     EXPECT_EQ(cam->m_iHMAX, 435);
     Region(*cam, 2328, 1760, 2);
-    m_dev->Clear();
-    cam->SetHighSpeedMode(false);
-    EXPECT_EQ(Sent(), "") << "only kept in hardware bin";
+    EXPECT_EQ(SENDS(cam->SetHighSpeedMode(false)), "") << "only kept in hardware bin";
     cam->SetHardwareBin(false);
     sent = Sent();
     EXPECT_NE(sent.find("F10=1 F2=60 F6=13 F1=0"), std::string::npos);
     EXPECT_NE(sent.find(Size(4656, 3520)), std::string::npos);
     EXPECT_EQ(cam->m_iHMAX, 680);
-    cam->SetHardwareBin(false);
-    EXPECT_EQ(Sent().find("F6=13"), std::string::npos) << "no change of the flag, no mode";
+    EXPECT_EQ(SENDS(cam->SetHardwareBin(false)).find("F6=13"), std::string::npos) << "no change of the flag, no mode";
 }
 
 TEST_F(Kyanite, SleepAndWake)
@@ -971,21 +867,16 @@ TEST_F(Kyanite, SleepAndWake)
     cam->StartSensorStreaming();
     EXPECT_EQ(Sent(), All(KYANITE_WAKE, KyaniteExp(3720, 3175), "0052:01d5 0054:0100 01cc:0001 F1=1 F2=60 F3=0 F1=0",
                           Reg16(0x1DC, 32), Reg16(0x1DD, 3556), "F0=33"));
-    cam->StopSensorStreaming();
-    EXPECT_EQ(Sent(), All("F0=49", KYANITE_SLEEP));
+    EXPECT_EQ(SENDS(cam->StopSensorStreaming()), All("F0=49", KYANITE_SLEEP));
     Region(*cam, 2328, 1760, 2);
     cam->SetExp(1000000, false);
     cam->StartSensorStreaming();
     EXPECT_TRUE(Sent().ends_with(" F0=227"));
     cam->m_bHardwareBin = false;
-    cam->StartSensorStreaming();
-    EXPECT_TRUE(Sent().ends_with(" F0=225"));
-    cam->StopSensorStreaming();
-    EXPECT_EQ(Sent(), All("F0=241", KYANITE_SLEEP));
-    cam->SleepSensorLongExp();
-    EXPECT_EQ(Sent(), "0006:73ff 000a:2000 0011:3c42 0000:0063");
-    cam->WakeSensorLongExp();
-    EXPECT_EQ(Sent(), "0011:3c43 000a:0000 0000:0073 005f:000d 0061:0000 0006:7400 0000:0173");
+    EXPECT_TRUE(SENDS(cam->StartSensorStreaming()).ends_with(" F0=225"));
+    EXPECT_EQ(SENDS(cam->StopSensorStreaming()), All("F0=241", KYANITE_SLEEP));
+    EXPECT_EQ(SENDS(cam->SleepSensorLongExp()), "0006:73ff 000a:2000 0011:3c42 0000:0063");
+    EXPECT_EQ(SENDS(cam->WakeSensorLongExp()), "0011:3c43 000a:0000 0000:0073 005f:000d 0061:0000 0006:7400 0000:0173");
     // While frames come the FPGA stops around a change of the start.
     cam->m_bLongExp = false;
     cam->m_bHardwareBin = true;
@@ -1057,12 +948,9 @@ TEST_F(Ebony, GainAndBalance)
     EXPECT_EQ(Gain(*halite, 600), regs(252, 0xF7C, 0xF27, 0xEFC)); // 4 * 63.1
     EXPECT_EQ(Gain(*halite, 0), regs(4, 0x7EA, 0x2AA, 0));
     // Below 51 the balance counts from a half: 1 is 0.51, less than the word can say.
-    halite->SetRGBBalance(1, 50, false);
-    EXPECT_EQ(Sent(), regs(4, 0, 0, 0));
+    EXPECT_EQ(SENDS(halite->SetRGBBalance(1, 50, false)), regs(4, 0, 0, 0));
     halite->SetGain(200, false);
-    m_dev->Clear();
-    halite->SetRGBBalance(51, 25, false);
-    EXPECT_EQ(Sent(), regs(4, 0xDDD, 0xE6D, 0xE65));               // 1.02 and 0.75
+    EXPECT_EQ(SENDS(halite->SetRGBBalance(51, 25, false)), regs(4, 0xDDD, 0xE6D, 0xE65));               // 1.02 and 0.75
 
     // Bin 3 in hardware leaves all 24 dB to Halite, 18 to Ebony and Flint.
     Region(*halite, 1200, 800, 3);
@@ -1092,9 +980,7 @@ TEST_F(Ebony, RegionsAndBins)
     EXPECT_EQ(cam->m_iStartX, 12) << "multiples of 6 at bin 3";
     EXPECT_NEAR(cam->m_fMaxFPS, 27.0151, 1e-3);  // 20250000 / (310 * 2418)
     EXPECT_NEAR(cam->m_fMaxDataRate, 1200 * 800 * 27.0151 / 1e6, 1e-3);
-    m_dev->Clear();
-    cam->SetHighSpeedMode(true);
-    EXPECT_EQ(Sent(), "");
+    EXPECT_EQ(SENDS(cam->SetHighSpeedMode(true)), "");
     EXPECT_TRUE(cam->m_bHighSpeed);
 
     auto flint = Open<CCameraSFlintCol>(0xC06A);
@@ -1135,8 +1021,7 @@ TEST_F(Ebony, Streaming)
     auto ebony = Open<CCameraSEbonyCol>(0xC05A);
     Region(*ebony, 1200, 800, 3);
     EXPECT_EQ(pair(*ebony), "0200=74 F0=33 F0=49 0200=01");
-    ebony->SetBrightness(0x123);
-    EXPECT_EQ(Sent(), "0220=01 021f=23");
+    EXPECT_EQ(SENDS(ebony->SetBrightness(0x123)), "0220=01 021f=23");
     // QUIRK: these three keep their link pointer, so that they can be closed twice.
     EXPECT_TRUE(ebony->CloseCamera());
     EXPECT_TRUE(ebony->CloseCamera());
@@ -1179,8 +1064,7 @@ TEST_F(Beryl, ExposureAndGain)
     EXPECT_EQ(Gain(*mono, 101), "00cc:0041 00cd:02c0");
     EXPECT_EQ(mono->m_iGain, 100);
     EXPECT_EQ(mono->m_iAutoExpMax, 0) << "QUIRK";
-    mono->SetRGBBalance(1, 1, false);
-    EXPECT_EQ(Sent(), "");
+    EXPECT_EQ(SENDS(mono->SetRGBBalance(1, 1, false)), "");
 }
 
 TEST_F(Beryl, RegionAndModes)
@@ -1191,24 +1075,17 @@ TEST_F(Beryl, RegionAndModes)
               All("0100:3e14 0101:0078 0102:0168 F10=1 F1=1 F2=0 F6=0 0102:0168 0100:3e14 0101:0078", Size(320, 240),
                   "F1=0 00c9:02d0 00c9:02d0"));
     EXPECT_EQ(cam->m_iHMAX, 1100) << "kept, and written nowhere";
-    cam->SetStartPos(15, 3);
-    EXPECT_EQ(Sent(), "0100:2b01 0101:0002 0102:00f2");  // (344 << 8 | 8) / 8
+    EXPECT_EQ(SENDS(cam->SetStartPos(15, 3)), "0100:2b01 0101:0002 0102:00f2");  // (344 << 8 | 8) / 8
     // Hardware bin 2 shifts the last row: 480 << 8 loses its top bit.
     EXPECT_NE(Region(*cam, 320, 240, 2).find(All("F1=1 F2=2 F6=5 0102:e000 0100:5200 0101:0000", Size(320, 240), "F1=0")),
               std::string::npos);
     cam->m_bHighSpeed = true;
-    cam->SetOutput16Bits(false);
     cam->SetOutput16Bits(true);
     cam->m_iBin = 1;
-    cam->SetOutput16Bits(true);
-    m_dev->Clear();
-    cam->SetOutput16Bits(false);
+    EXPECT_EQ(SENDS(cam->SetOutput16Bits(false)), "F10=0");
     cam->m_iBin = 2;
-    cam->SetOutput16Bits(false);
-    EXPECT_EQ(Sent(), "F10=0 F10=1");
-    cam->StartSensorStreaming();
-    cam->StopSensorStreaming();
-    EXPECT_EQ(Sent(), "F0=1 F0=17");
+    EXPECT_EQ(SENDS(cam->SetOutput16Bits(false)), "F10=1");
+    EXPECT_EQ(StartAndStop(*cam), "F0=1 F0=17");
     ASSERT_TRUE(cam->CloseCamera());
     EXPECT_FALSE(cam->CloseCamera()) << "the link is gone";
 }
@@ -1226,8 +1103,7 @@ TEST_F(Python, FieldsKeepTheOtherBits)
                       "?0020: 0020:afc3 ?0014: 0014:0001 ?0010: 0010:0004 ?0010: 0010:0005 ?0010: 0010:0007");
     m_regs[9] = 0x12F;
     m_regs[128] = 0xFFFF;
-    cam->EnableClockMngmnt2();
-    EXPECT_EQ(Sent(), "?0009: 0009:0120 ?0020: 0020:afc3 ?0022: 0022:0001 ?0080: 0080:7fff");
+    EXPECT_EQ(SENDS(cam->EnableClockMngmnt2()), "?0009: 0009:0120 ?0020: 0020:afc3 ?0022: 0022:0001 ?0080: 0080:7fff");
     m_regs.clear();
     cam->SoftPowerUp();
     EXPECT_EQ(m_regs[32], 1);
@@ -1239,9 +1115,7 @@ TEST_F(Python, FieldsKeepTheOtherBits)
     EXPECT_EQ(m_regs[48], 1);
     EXPECT_EQ(m_regs[112], 7);
     m_regs[192] = 3;
-    m_dev->Clear();
-    cam->SoftPowerDown();
-    ExpectHead(Sent(), "?00c0: 00c0:0002");  // the sequencer goes first
+    ExpectHead(SENDS(cam->SoftPowerDown()), "?00c0: 00c0:0002");  // the sequencer goes first
     EXPECT_EQ(m_regs[10], 0x999);
     for (const int reg : { 32, 64, 72, 42, 40, 48, 112 })
         EXPECT_EQ(m_regs[uint16_t(reg)], 0) << reg;
