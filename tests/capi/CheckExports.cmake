@@ -1,7 +1,16 @@
 # What the shared library LIBRARY exports: of C names exactly those that HEADER declares, 26; of C++ names the constructor
 # of every class that MODELS lists, 34; and nothing of the virtual cameras or of libraries linked in.
 cmake_minimum_required(VERSION 3.25)
-execute_process(COMMAND ${NM} -D --defined-only ${LIBRARY} OUTPUT_VARIABLE text COMMAND_ERROR_IS_FATAL ANY)
+if(LIBRARY MATCHES "\\.dll$")
+    execute_process(COMMAND ${OBJDUMP} -p ${LIBRARY} OUTPUT_VARIABLE text COMMAND_ERROR_IS_FATAL ANY)
+    string(FIND "${text}" "[Ordinal/Name Pointer] Table" at)
+    string(SUBSTRING "${text}" ${at} -1 text)
+    string(REPLACE "[" " " text "${text}")  # brackets would join the elements of a list
+    string(REPLACE "]" " " text "${text}")
+    string(REGEX MATCHALL "\t +[0-9]+ +[A-Za-z_][A-Za-z0-9_]*\n" text "${text}")
+else()
+    execute_process(COMMAND ${NM} -D --defined-only ${LIBRARY} OUTPUT_VARIABLE text COMMAND_ERROR_IS_FATAL ANY)
+endif()
 string(REGEX MATCHALL "[^\n]+" lines "${text}")
 set(c "")
 set(cxx "")
