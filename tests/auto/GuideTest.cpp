@@ -1,4 +1,4 @@
-// Guide pins move the sky by what they should, the user ID outlives the power, the time mark stands in the picture.
+// Guide pins move the sky by what they should, the user ID outlives the power.
 #include "auto/AutoBench.h"
 
 namespace {
@@ -107,28 +107,6 @@ TEST_F(GuideTest, UserIdOutlivesThePower)
     Region(320, 240);
     Set(CTRL_EXPOSURE, 1000);
     EXPECT_TRUE(TakeSnap());
-}
-
-// At the upper right of the delivered frame, in both 8-bit formats and not in 16 bits.
-TEST_F(GuideTest, TimeMark)
-{
-    kovsim::CameraSettings s = Quiet(0xC0FA);
-    s.scene = kovsim::Scene::Dark();
-    Open(s);
-    m_pCam->SetTimeMark(true);
-    for (const IMG_TYPE type : { IMG_RAW8, IMG_RGB24, IMG_RAW16 }) {
-        Region(640, 480, 1, type);
-        Set(CTRL_EXPOSURE, 1000);
-        ASSERT_TRUE(TakeSnap());
-        const size_t bytes = m_Frame.size() / (640 * 480);
-        int nInside = 0, nOutside = 0;
-        for (int y = 0; y < 480; ++y)
-            for (int x = 0; x < 640; ++x)
-                (y >= 7 && y < 23 && ((x >= 440 && x < 504) || (x >= 512 && x < 608)) ? nInside : nOutside) +=
-                    m_Frame[static_cast<size_t>(y * 640 + x) * bytes + bytes - 1] == 180;
-        EXPECT_EQ(nOutside, 0);
-        EXPECT_EQ(nInside > 400, type != IMG_RAW16) << nInside;
-    }
 }
 
 }  // namespace

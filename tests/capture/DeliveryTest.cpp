@@ -129,6 +129,10 @@ TEST(Delivery, ColourFormatsOfAFlatField)
     const int iLuma = int(0.257 * 40 + 0.504 * 100 + 0.098 * 200);
     for (const uint8_t b : s.Get(raw, raw.size()))
         ASSERT_NEAR(b, iLuma, 1);
+    s.cam.m_bTimeMark = true;
+    const Bytes marked = s.Get(raw, raw.size());
+    EXPECT_GT(std::count(marked.begin(), marked.end(), 180), 0) << "the time mark";
+    s.cam.m_bTimeMark = false;
     s.cam.m_ImgType = IMAGE_YUV;
     const Bytes yuv = s.Get(raw, 2 * raw.size());
     ASSERT_EQ(yuv.size(), 2 * raw.size());

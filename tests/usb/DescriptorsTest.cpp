@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <memory>
-#include <random>
 #include <vector>
 
 #include "tests/support/RecordingStack.h"
@@ -126,26 +125,6 @@ TEST(Descriptors, WhatIsCutOffIsAbsentWhatCannotBeWalkedThrows)
     EXPECT_EQ(Parse(zero, true), nullptr);
     zero = Config({ { 0, 0x24 } });
     EXPECT_EQ(Parse(zero, true), nullptr);
-}
-
-TEST(Descriptors, RandomBytesNeverLeaveTheBlock)
-{
-    std::mt19937 rnd(1);
-    const Bytes base = Config({ Interface(0, 0, 3), EndPoint(0x82, 2), g_Companion, EndPoint(0x83, 1), g_Companion,
-                                g_Foreign, EndPoint(0x84, 3), Interface(0, 1, 0) });
-    for (int k = 0; k < 20000; ++k) {
-        Bytes b = base;
-        for (auto i = rnd() % 6; i-- > 0;)
-            b[rnd() % b.size()] = uint8_t(rnd());
-        b.resize(rnd() % (b.size() + 1));
-        Parse(b, (k & 1) != 0);
-        const std::unique_ptr<uint8_t[]> exact(new uint8_t[b.size()]);
-        std::copy(b.begin(), b.end(), exact.get());
-        try {
-            delete ParseBos(exact.get(), uint32_t(b.size()));
-        } catch (const char*) {
-        }
-    }
 }
 
 TEST(Descriptors, Bos)

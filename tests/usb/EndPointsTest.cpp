@@ -45,7 +45,8 @@ TEST(EndPoints, MaximumPacketSize)
     }
 }
 
-TEST(EndPoints, DirectRecord)
+// The bytes of records as they go out: ReplayTest.
+TEST(EndPoints, DirectResult)
 {
     FakeDriver driver;
     CCyBulkEndPoint ep(5, &g_BulkIn, nullptr);
@@ -53,17 +54,6 @@ TEST(EndPoints, DirectRecord)
     uint8_t buf[64];
     uint8_t* const ctx = ep.BeginDataXfer(buf, sizeof buf, &ov);
     ASSERT_NE(ctx, nullptr);
-    ASSERT_EQ(driver.calls.size(), 1u);
-    const DriverCall& c = driver.calls[0];
-    EXPECT_EQ(c.dwCode, 0x22004Bu);
-    std::vector<uint8_t> expected(38);
-    expected[13] = 0x82;
-    EXPECT_EQ(c.in, expected);
-    EXPECT_EQ(c.pOut, buf);
-    EXPECT_EQ(c.dwOut, 64u);
-    EXPECT_TRUE(c.bOverlapped);
-    EXPECT_EQ(ep.m_uLastError, 997u);
-
     driver.dwBytes = 40;  // the whole count: a direct transfer has no header in its result
     int32_t n = 64;
     EXPECT_TRUE(ep.FinishDataXfer(buf, &n, &ov, ctx));
@@ -71,7 +61,7 @@ TEST(EndPoints, DirectRecord)
     EXPECT_EQ(ep.m_uBytesXferred, 40u);
 }
 
-TEST(EndPoints, BufferedRecordAndItsResults)
+TEST(EndPoints, BufferedResults)
 {
     FakeDriver driver;
     CCyBulkEndPoint ep(5, &g_BulkIn, nullptr);
@@ -79,15 +69,6 @@ TEST(EndPoints, BufferedRecordAndItsResults)
     EventSlot ov;
     uint8_t buf[4] = { 1, 2, 3, 4 };
     uint8_t* ctx = ep.BeginDataXfer(buf, 4, &ov);
-    const DriverCall c = driver.calls.at(0);
-    EXPECT_EQ(c.dwCode, 0x220024u);
-    ASSERT_EQ(c.in.size(), 42u);
-    EXPECT_TRUE(c.bSameBuffer);
-    EXPECT_EQ(c.dwOut, 42u);
-    EXPECT_EQ(U32At(c.in, 30), 38u);
-    EXPECT_EQ(U32At(c.in, 34), 4u);
-    EXPECT_EQ(std::vector<uint8_t>(c.in.begin() + 38, c.in.end()), (std::vector<uint8_t>{ 1, 2, 3, 4 }));
-
     // Two of four bytes come; the rest of the caller's buffer stays.
     ctx[38] = 9;
     ctx[39] = 8;

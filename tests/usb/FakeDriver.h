@@ -81,8 +81,7 @@ public:
     uint32_t dwSpeed = 0xFFFFFFFF;        // stands in for the real one
     std::vector<std::string> log;
     std::vector<uint8_t> interfaceFilter, handleFilter;
-    std::vector<std::vector<uint8_t>> records;  // of synchronous control requests
-    std::vector<uint32_t> codes;                // of all requests
+    int controls = 0;                     // synchronous control requests
 
     DevInfo GetClassDevs(const platform::Guid& g) override { log.push_back("list"); return m_next.GetClassDevs(g); }
     bool EnumInterface(DevInfo h, uint32_t i) override
@@ -119,9 +118,7 @@ public:
     bool IoControl(platform::DeviceHandle h, uint32_t c, void* pIn, uint32_t dwIn, void* pOut, uint32_t dwOut,
                    uint32_t* pdwBytes, platform::Overlapped* o) override
     {
-        codes.push_back(c);
-        if (c == platform::IO_CONTROL && !o)
-            records.emplace_back(static_cast<uint8_t*>(pIn), static_cast<uint8_t*>(pIn) + dwIn);
+        controls += c == platform::IO_CONTROL && !o;
         if (c == dwFailCode) {
             platform::SetLastError(platform::ERROR_GENERAL_FAILURE);
             return false;
