@@ -1,6 +1,5 @@
 // The USB 2 models that bring their bridge's firmware up to date when they are opened, on virtual cameras with a tap on the
 // control pipe.
-#include <array>
 #include <optional>
 
 #include "faults/FaultBench.h"
@@ -340,74 +339,6 @@ TEST_P(Interrupted, SurvivesAShortPowerLoss)
         EXPECT_EQ(OpenId(), KOV_SUCCESS);
         m_pTap->OnControl = nullptr;
         ExpectNextOpenMends();
-    }
-}
-
-// Every request of an update is refused once, twice, always.
-TEST_P(Interrupted, SurvivesRefusedRequests)
-{
-    const auto Key = [](const ControlSetup& s) { return std::array<int, 4>{ s.bIn, s.bRequest, s.wValue, s.wLength }; };
-    std::vector<std::array<int, 4>> keys;
-    Outdated(Model());
-    m_pTap->OnControl = [&](const ControlSetup& s) {
-        if (s.IsLoad() && std::find(keys.begin(), keys.end(), Key(s)) == keys.end())
-            keys.push_back(Key(s));
-        return Status::Ok;
-    };
-    ASSERT_EQ(OpenId(), KOV_SUCCESS);
-    ASSERT_EQ(keys.size(), 13u);  // the processor's reset register is one of them
-
-    for (const auto& key : keys)
-        for (const int iTimes : { 1, 2, 1 << 20 }) {
-            SCOPED_TRACE(testing::Message() << (key[0] ? "in " : "out ") << key[1] << " at " << key[2] << ", refused " << iTimes
-                                            << " times");
-            Outdated(Model());
-            int n = 0;
-            m_pTap->OnControl = [&](const ControlSetup& s) {
-                return s.IsLoad() && Key(s) == key && n++ < iTimes ? Status::Stall : Status::Ok;
-            };
-            // A failed update does not keep the camera from being opened, whatever is left of it.
-            EXPECT_EQ(OpenId(), KOV_SUCCESS);
-            m_pTap->OnControl = nullptr;
-            // Blocks are tried three times, the loader once, and the RAM copy does not matter.
-            const bool bBlock = key[1] == 169, bLoader = key[1] == 160 && (key[2] == 0 || key[2] == 0x0800);
-            const bool bWritten = bBlock ? key[0] || iTimes < 3 : !bLoader && key[2] != 0xE600;
-            EXPECT_EQ(EepromHolds(m_Image), bWritten);
-            EXPECT_EQ(HostVersion(), bWritten ? NEW : bBlock ? 1 : Model().bNeeded - 1);
-            ExpectNextOpenMends();
-            if (HasFailure())
-                return;
-        }
-}
-
-// The build refuses such images. Whoever gets one in all the same loses the firmware, never the program.
-TEST_P(Interrupted, DamagedImagesStayInBounds)
-{
-    const Bytes good = C2Image(NEW, size_t(Model().iSize));
-    std::vector<Bytes> images;
-    for (const size_t n : { 0, 1, 7, 8, 9, 11, 12, 17, 4095, 4096, Model().iSize - 1 }) {
-        images.push_back(Bytes(good.begin(), good.begin() + ptrdiff_t(n)));
-        images.back().reserve(n + 1);  // an address, even of no bytes
-    }
-    images.push_back(good);
-    images.back()[0] = 0xC0;  // head of an image that loads nothing
-    images.push_back(good);
-    images.back()[8] = 0x7F;  // a record past the end
-    images.push_back(good);
-    images.back()[8] = images.back()[9] = 0xFF;
-    images.push_back(Bytes(size_t(Model().iSize), 0));  // records of no bytes
-    images.push_back(C2Image(NEW, 8192));               // its second half is never written
-    for (size_t i = 0; i < images.size(); ++i) {
-        SCOPED_TRACE("image " + std::to_string(i));
-        Outdated(Model());
-        m_Image = images[i];
-        m_Image.reserve(1);
-        SetFirmware(Model().id, { m_Image.data(), int32_t(m_Image.size()) });
-        EXPECT_EQ(OpenId(), KOV_SUCCESS);
-        EXPECT_EQ(m_pCam->Firmware(), m_Image.empty() ? Model().bNeeded - 1 : 0);
-        UseImage(Model(), good);
-        if (MendsADeadBridge())
-            ExpectNextOpenMends();
     }
 }
 

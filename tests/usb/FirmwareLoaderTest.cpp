@@ -147,6 +147,31 @@ TEST_F(Loader, QuirkThirdGoodAttemptCountsAsFailure)
     }
 }
 
+// Every request of an update refused once, twice, always: a block is tried three times, of which the last does not count;
+// nothing else is looked at.
+TEST_F(Loader, RefusedRequests)
+{
+    const Bytes image = C2Image(4299);
+    UpdateFW(image.data(), 4299);
+    const auto all = dev.Take();
+    ASSERT_EQ(all.size(), 15u);
+    for (size_t i = 0; i < all.size(); ++i)
+        for (const int iTimes : { 1, 2, 1000 }) {
+            SCOPED_TRACE(testing::Message() << all[i].Text().substr(0, 18) << ", refused " << iTimes << " times");
+            std::fill(memory.begin(), memory.end(), uint8_t{ 0 });
+            dev.OnFail = [&, n = 0](const RecordedRequest& r) mutable {
+                if (r.bIn == all[i].bIn && r.bRequest == all[i].bRequest && r.wValue == all[i].wValue && n++ < iTimes)
+                    return true;
+                if (!r.bIn && r.bRequest == 169)
+                    std::copy(r.data.begin(), r.data.end(), memory.begin() + At(r));
+                return false;
+            };
+            const bool bBlock = all[i].bRequest == 169;
+            EXPECT_EQ(UpdateFW(image.data(), 4299), !bBlock || iTimes == 1);
+            EXPECT_EQ(std::equal(image.begin(), image.end(), memory.begin()), !bBlock || all[i].bIn || iTimes < 3);
+        }
+}
+
 TEST_F(Loader, WithoutTheLoaderNothingIsSent)
 {
     SetFirmware(FirmwareId::LoaderPart2, {});
