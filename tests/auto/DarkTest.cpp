@@ -122,17 +122,6 @@ TEST_F(DarkTest, CollectedSavedLoadedAndSubtracted)
                 ASSERT_EQ(At(x, y), Less(part[static_cast<size_t>(y * 320 + x)], darkAt(x, y), iPartMean))
                     << x << ' ' << y;
     }
-    // 16 bits: neither collected nor subtracted.
-    m_pCam->UsingDark(false);
-    Region(320, 240, 1, IMG_RAW16);
-    ASSERT_TRUE(TakeSnap());
-    const Bytes wide = m_Frame;
-    m_pCam->UsingDark(true);
-    m_pCam->m_lDeadPixelNum = 0;
-    m_pCam->GettingDark(true, 0);
-    ASSERT_TRUE(TakeSnap());
-    EXPECT_EQ(m_Frame, wide);
-    EXPECT_TRUE(m_pCam->IsGetDarkOver());
     std::remove(sPath.c_str());
 }
 

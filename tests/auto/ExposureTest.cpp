@@ -165,28 +165,6 @@ TEST_P(ExposureTest, Settles)
 }
 INSTANTIATE_TEST_SUITE_P(All, ExposureTest, testing::ValuesIn(OneOfEachKind()), ClassName);
 
-// From a tenth of a second on the capture thread does the steps itself, on every second frame; Agate and Dunite from
-// half a second.
-class LongExposureTest : public ExposureTest {};
-
-TEST_P(LongExposureTest, Settles)
-{
-    ASSERT_NO_FATAL_FAILURE(Prepare(Row(), 8));
-    const int32_t iExp = Row().Is("Agate") || Row().Is("Dunite") ? 700000 : 250000, iGain = Row().gain[0] + 10;
-    m_pDevice->SetScene(kovsim::Scene::Flat(static_cast<float>(LightFor(iExp, iGain))));
-    Run(EXPOSURE, 2 * iExp, iGain, "flat");
-    Set(CTRL_AUTOEXP_MAX_GAIN, iGain);
-    Run(BOTH, iExp * 3 / 4, iGain, "flat");  // gain at its ceiling: exposure grows
-}
-
-std::vector<ModelRow> LongModels()
-{
-    std::vector<ModelRow> rows = OneOfEachKind();
-    std::erase_if(rows, [](const ModelRow& m) { return !m.Is("Quartz") && !m.Is("GarnetMono") && !m.Is("Agate"); });
-    return rows;
-}
-INSTANTIATE_TEST_SUITE_P(All, LongExposureTest, testing::ValuesIn(LongModels()), ClassName);
-
 // --- white balance
 
 class BalanceTest : public ExposureTest {

@@ -90,7 +90,8 @@ TEST(Delivery, SixteenBitFormats)
     Shot s(Family::Lapis, true);
     s.cam.m_bOutput16Bits = true;
     s.cam.m_ImgType = IMAGE_16BIT_ALT;
-    s.cam.m_bTimeMark = true;  // never drawn here
+    s.cam.m_bTimeMark = s.cam.m_bUsingDark = true;  // never drawn nor subtracted here
+    std::fill_n(s.cam.m_pDarkSum, W * H, uint16_t{ 7 });
     const Bytes raw = Body(2 * W * H, 1), fixed = Repaired(raw, 2 * W, 2, 4, 4);
     const Bytes alt = s.Get(raw, raw.size());
     ASSERT_EQ(alt.size(), raw.size());

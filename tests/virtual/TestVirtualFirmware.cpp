@@ -131,24 +131,6 @@ TEST(VirtualFirmware, EepromNeedsTheLoaderAndDecidesTheNextFirmware)
     EXPECT_EQ(h.In(160, 0, 0, 1).size(), 1u);
 }
 
-TEST(VirtualFirmware, RamImageRunsAtOnceAndUntilPowerIsCut)
-{
-    auto settings = Usb2();
-    settings.iFirmware = 0;
-    Host h(settings, 5);
-    EXPECT_EQ(h.Out(160, 0xE600, 0, { 1 }), Status::Ok);
-    EXPECT_EQ(h.Out(160, 0x0100, 0, { 'K', 'O', 'V', 'F', 'W', 12 }), Status::Ok);
-    EXPECT_EQ(h.Out(160, 0xE600, 0, { 0 }), Status::Ok);
-    EXPECT_EQ(h.In(173, 0, 0, 2), (std::vector<uint8_t>{ 'V', 12 }));
-    // An image that keeps its version to itself counts as the model's usual one.
-    RunEepromLoader(h);
-    auto silent = Image(0);
-    silent[12] = 'x';
-    Write(h, silent);
-    Cycle(h);
-    EXPECT_EQ(h.camera.Firmware(), h.camera.Facts().bFirmware);
-}
-
 TEST(VirtualFirmware, Usb3BootLoaderAndI2cEeprom)
 {
     auto settings = fake::Settings(fake::Facts());
