@@ -141,39 +141,7 @@ TEST(Delivery, ColourFormatsOfAFlatField)
         ASSERT_NEAR(yuv[i], iLuma + 16, 1);
 }
 
-TEST(Delivery, HardwareBinLeavesTheRestToTheHost)
-{
-    struct { Family family; bool bHard; int bin, raw; int soft; } rows[] = {
-        { Family::Kyanite, true, 2, 1, 1 }, { Family::Kyanite, true, 3, 1, 1 }, { Family::Kyanite, true, 4, 2, 2 },
-        { Family::Kyanite, false, 3, 3, 3 }, { Family::Onyx, true, 3, 1, 1 },   { Family::Onyx, false, 2, 2, 2 },
-        { Family::Pyrite, true, 4, 1, 1 },  { Family::Marble, true, 2, 1, 1 },  { Family::Marble, true, 3, 3, 3 },
-        { Family::Marble, true, 4, 2, 2 },  { Family::Ebony, true, 3, 1, 1 },   { Family::Ebony, true, 2, 2, 2 },
-        { Family::Dunite, false, 2, 2, 2 }, { Family::Garnet, false, 2, 2, 2 }, { Family::Garnet, true, 2, 1, 1 },
-    };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(testing::Message() << int(row.family) << ' ' << row.bHard << ' ' << row.bin);
-        Shot s(row.family, false);
-        s.cam.m_bSnapMode = true;
-        s.cam.m_bHardwareBin = row.bHard;
-        const int w = W / row.bin, h = H / row.bin;
-        s.Size(w, h, row.bin);
-        // Flat rows, so that the marks' repair shows in row 0 and the last only.
-        const size_t rawW = size_t(w * row.raw), rawH = size_t(h * row.raw);
-        Bytes raw(rawW * rawH);
-        for (size_t i = 0; i < raw.size(); ++i)
-            raw[i] = uint8_t(1 + i / rawW / size_t(row.soft));
-        if (row.family == Family::Garnet) {
-            Put16(raw, 0, 0xAA11);
-            Put16(raw, 2, 0xBB00);
-        }
-        const Bytes out = s.Get(raw, size_t(w * h));
-        ASSERT_EQ(out.size(), size_t(w * h));
-        for (size_t y = 1; y + 1 < size_t(h); ++y)
-            for (size_t x = 0; x < size_t(w); ++x)
-                ASSERT_EQ(out[y * size_t(w) + x], (y + 1) * size_t(row.soft * row.soft)) << x << ',' << y;
-    }
-}
-
+// Which bins are left to the host is looked at with every model, in tests/device.
 TEST(Delivery, OrderOfFlipAndBin)
 {
     // 16-bit colour data lose low bits in binning, so a wrong order or size shows.

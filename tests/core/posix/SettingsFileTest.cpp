@@ -120,13 +120,13 @@ TEST_F(SettingsFile, TwoProcessesSavingAtOnceNeverMix)
 TEST_F(SettingsFile, AKilledProcessLeavesTheOldValues)
 {
     SaveGeneration(1);
-    for (int i = 0; i < 8; ++i) {
+    for (int i = 0; i < 4; ++i) {
         const int64_t lBefore = LoadGeneration();
         const pid_t pid = Child([] { for (auto n = static_cast<uint32_t>(LoadGeneration()) + 1;; ++n) SaveGeneration(n); });
         const auto t0 = std::chrono::steady_clock::now();
         while (LoadGeneration() == lBefore && std::chrono::steady_clock::now() - t0 < std::chrono::seconds(20))
             usleep(1000);
-        usleep(static_cast<useconds_t>(700 * i));
+        usleep(static_cast<useconds_t>(1500 * i));
         kill(pid, SIGKILL);
         waitpid(pid, nullptr, 0);
         ASSERT_GT(LoadGeneration(), lBefore);
