@@ -1,10 +1,10 @@
 // What all model classes do alike, over any of the three bases. A family derives from CModel<Base> and adds its sensor.
 //
 //   template <class Base> class CQuartz : public CModel<Base> { ... };          family
-//   class CCameraSQuartzCol final : public CWhole<CQuartz<CCameraBase>> { ... };  model
+//   KOV_MODEL(CCameraSQuartzCol, CQuartz<CCameraBase>);                         model
 //
-// A model class holds its constructor, which names its rows, and nothing else. A family of one model is a final class of
-// its own, without CWhole.
+// A model class holds its constructor, which names its rows and stands in the family's .cpp, and nothing else. A family
+// of one model is a final class of its own.
 #pragma once
 #include <algorithm>
 #include <span>
@@ -119,7 +119,7 @@ private:
     CaptureSession m_Session;
 };
 
-// Both ends of a model's life, over a family that implements all operations.
+// A family that is built to the end.
 template <class Family>
 class CWhole : public Family {
 public:
@@ -128,5 +128,13 @@ public:
     {
         this->FinishConstruction();
     }
-    ~CWhole() override { this->Shutdown(); }
 };
+
+// Declares the final class of a model. Its destructor cannot move to CWhole: the capture and cooler threads may still call
+// virtual operations then, and the destructor of a base changes the class of the object under them.
+#define KOV_MODEL(name, family)                           \
+    class KOV_CLASS name final : public CWhole<family> {  \
+    public:                                               \
+        explicit name(void* handle = nullptr);            \
+        ~name() override { this->Shutdown(); }            \
+    }

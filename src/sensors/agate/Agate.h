@@ -44,15 +44,6 @@ private:
     std::atomic<int>& m_iLastIndex;
 };
 
-class KOV_CLASS CCameraSAgateCol final : public CWhole<CAgate> {
-public:
-    explicit CCameraSAgateCol(void* handle = nullptr);
-};
-class KOV_CLASS CCameraSDuniteMono final : public CWhole<CAgate> {
-public:
-    explicit CCameraSDuniteMono(void* handle = nullptr);
-};
-class KOV_CLASS CCameraSDuniteCol final : public CWhole<CAgate> {
-public:
-    explicit CCameraSDuniteCol(void* handle = nullptr);
-};
+KOV_MODEL(CCameraSAgateCol, CAgate);
+KOV_MODEL(CCameraSDuniteMono, CAgate);
+KOV_MODEL(CCameraSDuniteCol, CAgate);

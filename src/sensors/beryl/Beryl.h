@@ -24,11 +24,5 @@ private:
     uint16_t ColumnWord() const;  // first and last column, in units of eight
 };
 
-class KOV_CLASS CCameraSBerylCol final : public CWhole<CBeryl> {
-public:
-    explicit CCameraSBerylCol(void* handle = nullptr);
-};
-class KOV_CLASS CCameraSBerylMono final : public CWhole<CBeryl> {
-public:
-    explicit CCameraSBerylMono(void* handle = nullptr);
-};
+KOV_MODEL(CCameraSBerylCol, CBeryl);
+KOV_MODEL(CCameraSBerylMono, CBeryl);

@@ -57,15 +57,6 @@ private:
     const EbonyTraits& m_E;
 };
 
-class KOV_CLASS CCameraSEbonyCol final : public CWhole<CEbony> {
-public:
-    explicit CCameraSEbonyCol(void* handle = nullptr);
-};
-class KOV_CLASS CCameraSFlintCol final : public CWhole<CEbony> {
-public:
-    explicit CCameraSFlintCol(void* handle = nullptr);
-};
-class KOV_CLASS CCameraSHaliteCol final : public CWhole<CEbony> {
-public:
-    explicit CCameraSHaliteCol(void* handle = nullptr);
-};
+KOV_MODEL(CCameraSEbonyCol, CEbony);
+KOV_MODEL(CCameraSFlintCol, CEbony);
+KOV_MODEL(CCameraSHaliteCol, CEbony);

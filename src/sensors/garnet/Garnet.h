@@ -51,19 +51,7 @@ private:
     GarnetVars& m_Vars;
 };
 
-class KOV_CLASS CCameraSGarnetMono final : public CWhole<CGarnet> {
-public:
-    explicit CCameraSGarnetMono(void* handle = nullptr);
-};
-class KOV_CLASS CCameraSGarnetCol final : public CWhole<CGarnet> {
-public:
-    explicit CCameraSGarnetCol(void* handle = nullptr);
-};
-class KOV_CLASS CCameraSGarnetMono_S final : public CWhole<CGarnet> {
-public:
-    explicit CCameraSGarnetMono_S(void* handle = nullptr);
-};
-class KOV_CLASS CCameraSGarnetCol_S final : public CWhole<CGarnet> {
-public:
-    explicit CCameraSGarnetCol_S(void* handle = nullptr);
-};
+KOV_MODEL(CCameraSGarnetMono, CGarnet);
+KOV_MODEL(CCameraSGarnetCol, CGarnet);
+KOV_MODEL(CCameraSGarnetMono_S, CGarnet);
+KOV_MODEL(CCameraSGarnetCol_S, CGarnet);

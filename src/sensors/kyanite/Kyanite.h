@@ -42,19 +42,7 @@ private:
     bool Reg(uint16_t reg, uint32_t value) { return this->WriteCameraRegister(reg, static_cast<uint16_t>(value)); }
 };
 
-class KOV_CLASS CCameraSKyaniteCol final : public CWhole<CKyanite<CCameraBase>> {
-public:
-    explicit CCameraSKyaniteCol(void* handle = nullptr);
-};
-class KOV_CLASS CCameraSKyaniteMono final : public CWhole<CKyanite<CCameraBase>> {
-public:
-    explicit CCameraSKyaniteMono(void* handle = nullptr);
-};
-class KOV_CLASS CCameraSKyaniteCol_C final : public CWhole<CKyanite<CCameraCool>> {
-public:
-    explicit CCameraSKyaniteCol_C(void* handle = nullptr);
-};
-class KOV_CLASS CCameraSKyaniteMono_C final : public CWhole<CKyanite<CCameraCool>> {
-public:
-    explicit CCameraSKyaniteMono_C(void* handle = nullptr);
-};
+KOV_MODEL(CCameraSKyaniteCol, CKyanite<CCameraBase>);
+KOV_MODEL(CCameraSKyaniteMono, CKyanite<CCameraBase>);
+KOV_MODEL(CCameraSKyaniteCol_C, CKyanite<CCameraCool>);
+KOV_MODEL(CCameraSKyaniteMono_C, CKyanite<CCameraCool>);

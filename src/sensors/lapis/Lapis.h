@@ -32,19 +32,7 @@ private:
     void SwitchLong();
 };
 
-class KOV_CLASS CCameraSLapisCol final : public CWhole<CLapis<CCameraBase>> {
-public:
-    explicit CCameraSLapisCol(void* handle = nullptr);
-};
-class KOV_CLASS CCameraSLapisMono final : public CWhole<CLapis<CCameraBase>> {
-public:
-    explicit CCameraSLapisMono(void* handle = nullptr);
-};
-class KOV_CLASS CCameraSLapisCol_C final : public CWhole<CLapis<CCameraCool>> {
-public:
-    explicit CCameraSLapisCol_C(void* handle = nullptr);
-};
-class KOV_CLASS CCameraSLapisMono_C final : public CWhole<CLapis<CCameraCool>> {
-public:
-    explicit CCameraSLapisMono_C(void* handle = nullptr);
-};
+KOV_MODEL(CCameraSLapisCol, CLapis<CCameraBase>);
+KOV_MODEL(CCameraSLapisMono, CLapis<CCameraBase>);
+KOV_MODEL(CCameraSLapisCol_C, CLapis<CCameraCool>);
+KOV_MODEL(CCameraSLapisMono_C, CLapis<CCameraCool>);

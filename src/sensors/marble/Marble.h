@@ -24,19 +24,7 @@ protected:
     int HardSizeFactor() const override { return this->m_iBin == 4 ? 2 : 1; }
 };
 
-class KOV_CLASS CCameraSMarbleCol final : public CWhole<CMarble<CCameraBase>> {
-public:
-    explicit CCameraSMarbleCol(void* handle = nullptr);
-};
-class KOV_CLASS CCameraSMarbleMono final : public CWhole<CMarble<CCameraBase>> {
-public:
-    explicit CCameraSMarbleMono(void* handle = nullptr);
-};
-class KOV_CLASS CCameraSMarbleCol_C final : public CWhole<CMarble<CCameraCool>> {
-public:
-    explicit CCameraSMarbleCol_C(void* handle = nullptr);
-};
-class KOV_CLASS CCameraSMarbleMono_C final : public CWhole<CMarble<CCameraCool>> {
-public:
-    explicit CCameraSMarbleMono_C(void* handle = nullptr);
-};
+KOV_MODEL(CCameraSMarbleCol, CMarble<CCameraBase>);
+KOV_MODEL(CCameraSMarbleMono, CMarble<CCameraBase>);
+KOV_MODEL(CCameraSMarbleCol_C, CMarble<CCameraCool>);
+KOV_MODEL(CCameraSMarbleMono_C, CMarble<CCameraCool>);

@@ -45,31 +45,10 @@ private:
     const QuartzTraits& m_Q;
 };
 
-class KOV_CLASS CCameraSQuartzCol final : public CWhole<CQuartz<CCameraBase>> {
-public:
-    explicit CCameraSQuartzCol(void* handle = nullptr);
-};
-class KOV_CLASS CCameraSQuartzMono final : public CWhole<CQuartz<CCameraBase>> {
-public:
-    explicit CCameraSQuartzMono(void* handle = nullptr);
-};
-class KOV_CLASS CCameraSOnyxCol final : public CWhole<CQuartz<CCameraBase>> {
-public:
-    explicit CCameraSOnyxCol(void* handle = nullptr);
-};
-class KOV_CLASS CCameraSOnyxCol_C final : public CWhole<CQuartz<CCameraCool>> {
-public:
-    explicit CCameraSOnyxCol_C(void* handle = nullptr);
-};
-class KOV_CLASS CCameraSPyriteCol final : public CWhole<CQuartz<CCameraBase>> {
-public:
-    explicit CCameraSPyriteCol(void* handle = nullptr);
-};
-class KOV_CLASS CCameraSNephriteCol final : public CWhole<CQuartz<CCameraBase>> {
-public:
-    explicit CCameraSNephriteCol(void* handle = nullptr);
-};
-class KOV_CLASS CCameraSNephriteCol_C final : public CWhole<CQuartz<CCameraCool>> {
-public:
-    explicit CCameraSNephriteCol_C(void* handle = nullptr);
-};
+KOV_MODEL(CCameraSQuartzCol, CQuartz<CCameraBase>);
+KOV_MODEL(CCameraSQuartzMono, CQuartz<CCameraBase>);
+KOV_MODEL(CCameraSOnyxCol, CQuartz<CCameraBase>);
+KOV_MODEL(CCameraSOnyxCol_C, CQuartz<CCameraCool>);
+KOV_MODEL(CCameraSPyriteCol, CQuartz<CCameraBase>);
+KOV_MODEL(CCameraSNephriteCol, CQuartz<CCameraBase>);
+KOV_MODEL(CCameraSNephriteCol_C, CQuartz<CCameraCool>);
