@@ -1,7 +1,6 @@
-// The virtual bus as a host sees it: enumeration, descriptors, the image pipe, faults.
+// The virtual bus as a host sees it: enumeration, descriptors, the image pipe. Faults of frames: tests/faults.
 #include <gtest/gtest.h>
 
-#include <set>
 
 #include "FakeProfile.h"
 
@@ -237,18 +236,6 @@ TEST(VirtualBusPipe, FramePeriodFollowsRegistersClockRateAndLink)
     EXPECT_PRED3(between, framesIn200ms(1, 1.0), 3, 6);  // 41 ms a frame at 1 MB/s
 }
 
-TEST(VirtualBusPipe, RegistersTakeEffectAtTheNextFrame)
-{
-    Host h(fake::Settings(fake::Facts()));
-    h.Set(fake::FRAME_100US, 1000);
-    h.Start();
-    h.Frame(SMALL);
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));  // the next exposure has begun
-    h.Set(fake::H, 24);
-    EXPECT_EQ(h.Frame(SMALL)->moved, SMALL);
-    EXPECT_EQ(h.Frame(SMALL)->moved, SMALL / 2);
-}
-
 TEST(VirtualBusFaults, ControlRequestsFailOrTakeTheirTime)
 {
     Host h(fake::Settings(fake::Facts()));
@@ -280,35 +267,4 @@ TEST(VirtualBusFaults, ControlRequestsFailOrTakeTheirTime)
     EXPECT_EQ(late.first, Status::TimedOut);
     EXPECT_LT(late.second, 350);
     EXPECT_EQ(h.camera.SensorReg(fake::X), 400);  // carried out all the same
-}
-
-TEST(VirtualBusFaults, VanishedCameraFailsEverythingAndReturnsAsAnother)
-{
-    Host h(fake::Settings(fake::Facts()));
-    const auto address = h.device->GetAddress();
-    h.camera.Inject({ FaultKind::Vanish, 100, 2, 1 });
-    h.Set(fake::X, 6);
-    h.Start();
-    std::vector<std::unique_ptr<Read>> reads;
-    for (int i = 0; i < 4; ++i) {
-        reads.push_back(std::make_unique<Read>(SMALL));
-        ASSERT_EQ(h.device->SubmitBulk(reads.back()->Request()), Status::Ok);
-    }
-    for (int i = 0; i < 4; ++i) {
-        ASSERT_TRUE(reads[size_t(i)]->Wait());
-        EXPECT_EQ(reads[size_t(i)]->status, i < 2 ? Status::Ok : Status::Gone);
-    }
-    EXPECT_TRUE(h.bus.Enumerate().empty());
-    Read r(10);
-    EXPECT_EQ(h.device->SubmitBulk(r.Request()), Status::Gone);
-    ASSERT_TRUE(Eventually([&] { return !h.bus.Enumerate().empty(); }));
-    // The old handle stays stale; a new one finds registers as after power on.
-    EXPECT_EQ(h.Out(169), Status::Gone);
-    EXPECT_EQ(h.device->ResetPipe(0x82), Status::Gone);
-    EXPECT_EQ(h.device->CyclePort(), Status::Gone);
-    h.device = h.Open();
-    EXPECT_NE(h.device->GetAddress(), address);
-    EXPECT_EQ(h.camera.SensorReg(fake::X), 0);
-    h.Start();
-    EXPECT_EQ(h.Frame(SMALL)->status, Status::Ok);
 }
