@@ -2,7 +2,6 @@
 #pragma once
 #include <gtest/gtest.h>
 
-#include <array>
 #include <atomic>
 #include <chrono>
 #include <cstdio>
@@ -10,7 +9,6 @@
 #include <cstring>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -196,7 +194,6 @@ protected:
         CloseAll();
         platform::SetUsbStack(nullptr);
         m_pBus.reset();
-        m_dRate = rate;
         platform::SetClockRate(rate);
         m_pBus = std::make_unique<kovsim::VirtualBus>(rate);
         platform::SetUsbStack(m_pBus.get());
@@ -268,7 +265,6 @@ protected:
 
     std::unique_ptr<kovsim::VirtualBus> m_pBus;
     kovsim::VirtualCamera* m_pCam = nullptr;
-    double m_dRate = 1;
     size_t m_iBytes = 0;
 
 private:
