@@ -121,7 +121,7 @@ TEST_F(Table, SaveAndLoad)
     int n = 0;
     ASSERT_TRUE(cam.ManualHPC(true, &n));
     const auto log = usb.dev.Log();
-    EXPECT_EQ(log.find("out 190 0000 0000\nout 196 0001 0004\nin 196 0000 0004: 00\nout 194 0000 0400: 4b 4f 56 44"), 0u) << log;
+    ASSERT_EQ(log.find("out 190 0000 0000\nout 196 0001 0004\nin 196 0000 0004: 00\nout 194 0000 0400: 4b 4f 56 44"), 0u) << log;
     EXPECT_EQ(usb.dev.Requests()[3].wLength, 512) << "8 + 6 + 298 bytes in whole pages";
     EXPECT_EQ(usb.dev.Requests().back().Text(), "out 190 0001 0000");
     EXPECT_EQ(cam.m_pHPCBuf1[0], 1);
