@@ -190,7 +190,6 @@ TEST(CCameraFX3, ClosedSendsNothing)
     EXPECT_TRUE(cam.dev.Events().empty());
 }
 
-// A request that the camera does not answer in 500 ms is given up, and the next one is sound.
 // Given up after half a second and cancelled: the requests behind it reach the camera, also when the reply never comes.
 TEST(CCameraFX3, SlowReplyFailsAlone)
 {
