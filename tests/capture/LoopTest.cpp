@@ -112,7 +112,8 @@ TEST(AnyLoop, BadFramesOnAutoLowerTheBandwidth)
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(testing::Message() << int(row.family) << ' ' << row.nBad);
-        Rig r(row.family, true, W, H, ("Bandwidth" + std::to_string(&row - rows)).c_str());
+        const std::string sClass = "Bandwidth" + std::to_string(&row - rows);
+        Rig r(row.family, true, W, H, sClass.c_str());
         r.cam.m_lExposure = PATIENT;
         r.cam.StartCapture(false);
         ASSERT_TRUE(r.Waiting(1));
