@@ -18,12 +18,12 @@
 #include "sensors/quartz/Quartz.h"
 #include "usb/CUsbLink.h"
 
-int32_t g_aProductID[DEVICE_MAX];
-int32_t g_iCameraCount;
-int32_t g_iLastOpened;
-bool g_bReopenProbe;
-CCameraBase* g_apCamera[DEVICE_MAX];
-int32_t g_aImageBytes[DEVICE_MAX];
+Shared<int32_t> g_aProductID[DEVICE_MAX];
+Shared<int32_t> g_iCameraCount;
+Shared<int32_t> g_iLastOpened;
+Shared<bool> g_bReopenProbe;
+Shared<CCameraBase*> g_apCamera[DEVICE_MAX];
+Shared<int32_t> g_aImageBytes[DEVICE_MAX];
 
 namespace {
 

@@ -76,7 +76,7 @@ constexpr Format g_Formats[] = {
 
 CCameraBase* CCameraBase::FromID(int id)
 {
-    return IsKnown(id) ? g_apCamera[id] : nullptr;
+    return IsKnown(id) ? g_apCamera[id].Get() : nullptr;
 }
 
 extern "C" {
@@ -105,7 +105,7 @@ KOV_ERROR_CODE KOVGetCameraProperty(KOV_CAMERA_INFO* info, int32_t index)
         }
         if (g_bReopenProbe)
             KOVOpenCamera(index);
-        g_apCamera[index]->GetCameraProperty(info);
+        g_apCamera[index].Get()->GetCameraProperty(info);
         if (bTemporary) {
             if (g_bReopenProbe)
                 KOVCloseCamera(index);
@@ -154,7 +154,7 @@ KOV_ERROR_CODE KOVCloseCamera(int32_t id)
             return KOV_ERROR_BAD_ID;
         if (g_apCamera[id] != nullptr) {
             try {
-                g_apCamera[id]->CloseCamera();
+                g_apCamera[id].Get()->CloseCamera();
             } catch (const char*) {
                 // The driver refused to close the device. The object goes all the same, and its link tries once more.
             }

@@ -5,8 +5,8 @@
 template <class T>
 class Shared {
 public:
-    Shared() : m_v(T{}) {}
-    Shared(T v) : m_v(v) {}  // NOLINT(google-explicit-constructor)
+    constexpr Shared() : m_v(T{}) {}
+    constexpr Shared(T v) : m_v(v) {}  // NOLINT(google-explicit-constructor)
     Shared(const Shared& o) : m_v(o.Get()) {}
     Shared& operator=(const Shared& o) { Set(o.Get()); return *this; }
     T operator=(T v) { Set(v); return v; }

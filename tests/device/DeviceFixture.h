@@ -73,15 +73,17 @@ class DeviceTest : public testing::Test {
 protected:
     // Sanitizers slow the large virtual sensors down; their frames must still come within the host's waits.
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-    static constexpr double RATE = 1;
+    static constexpr double RATE = 1, RATE_LARGE = 0.2;
 #else
-    static constexpr double RATE = 4;
+    static constexpr double RATE = 4, RATE_LARGE = 4;
 #endif
 
-    void SetUp() override
+    void SetUp() override { NewBus(RATE); }
+    void NewBus(double dRate)
     {
-        platform::SetClockRate(RATE);
-        m_pBus = std::make_unique<kovsim::VirtualBus>(RATE);
+        platform::SetUsbStack(nullptr);
+        platform::SetClockRate(dRate);
+        m_pBus = std::make_unique<kovsim::VirtualBus>(dRate);
         platform::SetUsbStack(m_pBus.get());
     }
     void TearDown() override
