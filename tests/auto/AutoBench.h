@@ -25,14 +25,6 @@ protected:
     private:
         double m_dRate;
     };
-    // A bus whose clock, and with it the library's, runs at another rate. Before any camera is plugged.
-    void Clock(double dRate)
-    {
-        platform::SetUsbStack(nullptr);
-        platform::SetClockRate(dRate);
-        m_pBus = std::make_unique<kovsim::VirtualBus>(dRate);
-        platform::SetUsbStack(m_pBus.get());
-    }
     // Plugs a camera and opens it under the next ID.
     void Open(const kovsim::CameraSettings& s)
     {

@@ -36,7 +36,7 @@ protected:
 
     void Prepare(const ModelRow& m, double dRate)
     {
-        Clock(dRate);
+        NewBus(dRate);
         kovsim::CameraSettings s = Quiet(m.wProductId);
         s.scene = kovsim::Scene::Dark();
         ASSERT_NO_FATAL_FAILURE(Open(s));

@@ -106,11 +106,7 @@ protected:
 
 TEST_F(HotTableTest, SearchedSavedAndLoaded)
 {
-#ifdef __SANITIZE_THREAD__
-    Clock(1);  // the virtual sensor has to keep up
-#else
-    Clock(20);
-#endif
+    NewBus(20);
     ASSERT_NO_FATAL_FAILURE(OpenDark(0xC11B, 300, false));
     EXPECT_FALSE(m_pCam->IsHPCEnable()) << "a new camera has no table";
     Region(m_pCam->m_iMaxWidth, m_pCam->m_iMaxHeight);
@@ -187,7 +183,7 @@ class HotShapeTest : public HotTableTest, public testing::WithParamInterface<Sha
 TEST_P(HotShapeTest, EvenPictureInEveryMode)
 {
     const Shape& shape = GetParam();
-    Clock(10);
+    NewBus(10);
     int iPixels = 0;
     for (const ModelRow& m : Models())
         if (m.wProductId == shape.wProductId)

@@ -34,7 +34,7 @@ TEST_F(ThermalTest, EveryFormTellsTheTemperature)
     };
     for (const auto& r : rows)
         for (const double dAmbient : r.ambients) {
-            Clock(50);
+            NewBus(50);
             OpenAt(r.wProductId, dAmbient);
             SCOPED_TRACE(testing::Message() << std::hex << r.wProductId << std::dec << " at " << dAmbient);
             // On cooled cameras the value is that of the thread, whose first reading comes after 0.4 seconds.
@@ -43,7 +43,7 @@ TEST_F(ThermalTest, EveryFormTellsTheTemperature)
         }
     // Cameras without a sensor tell 0.
     for (const uint16_t w : { uint16_t{ 0xC01A }, uint16_t{ 0xC03B }, uint16_t{ 0xC04A }, uint16_t{ 0xC09A } }) {
-        Clock(50);
+        NewBus(50);
         OpenAt(w, 30);
         EXPECT_EQ(Now(CTRL_TEMPERATURE), 0);
         KOVCloseCamera(m_iId);
@@ -55,7 +55,7 @@ class CoolerTest : public ThermalTest, public testing::WithParamInterface<std::p
 TEST_P(CoolerTest, ReachesAndHolds)
 {
     const double dTolerance = GetParam().second;
-    Clock(100);
+    NewBus(100);
     OpenAt(GetParam().first, 20);
     EXPECT_EQ(m_pDevice->CoolerDA(), 255);
     Set(CTRL_TARGET_TEMP, -10);
