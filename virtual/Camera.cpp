@@ -415,6 +415,18 @@ Readout Camera::CurrentReadout() const
     return m_Profile->Current();
 }
 
+std::string Camera::LastContradiction() const
+{
+    Lock lock(m_Mutex);
+    return m_sContradiction;
+}
+
+uint64_t Camera::LostReplies() const
+{
+    Lock lock(m_Mutex);
+    return m_uLostReplies;
+}
+
 FrameCounters Camera::Counters() const
 {
     Lock lock(m_Mutex);

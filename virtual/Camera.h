@@ -83,6 +83,8 @@ public:
     uint16_t SensorReg(uint16_t reg) const override;
     uint8_t FpgaReg(uint16_t reg) const override;
     Readout CurrentReadout() const override;
+    std::string LastContradiction() const override;
+    uint64_t LostReplies() const override;
     void Inject(const Fault& fault) override;
     void ClearFaults() override;
     FrameCounters Counters() const override;
@@ -179,6 +181,7 @@ private:
     mutable std::mutex m_Mutex;  // guards all below
     std::condition_variable m_Wake, m_ControlWake;
     uint64_t m_uControlAborts = 0;
+    uint64_t m_uLostReplies = 0;
     std::unique_ptr<Profile> m_Profile;
     std::shared_ptr<const Scene> m_Scene, m_Prepared;
     bool m_bQuit = false, m_bPresent = false, m_bHalted = false;
@@ -192,6 +195,7 @@ private:
     std::deque<Request> m_Requests;
     std::vector<Fault> m_Faults;
     FrameCounters m_Counters;
+    std::string m_sContradiction;
 
     Readout m_Now;                     // the profile's, after the last change
     double m_dHeldAt = 0, m_dReleasedAt = 0;

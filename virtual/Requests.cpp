@@ -80,9 +80,13 @@ Status Camera::Control(uint64_t uPlug, uint8_t bRequestType, uint8_t bRequest, u
     if (delay > 0) {
         const auto until = m_Clock.RealTime(m_Clock.Now() + (limit > 0 ? std::min(delay, limit) : delay));
         Lock lock(m_Mutex);
-        if (m_ControlWake.wait_until(lock, until, [&] { return aborts != m_uControlAborts; })) return Status::Cancelled;
+        const bool given_up = m_ControlWake.wait_until(lock, until, [&] { return aborts != m_uControlAborts; });
+        const bool late = limit > 0 && delay > limit;
+        if (given_up || late) {
+            ++m_uLostReplies;
+            return given_up ? Status::Cancelled : Status::TimedOut;
+        }
     }
-    if (limit > 0 && delay > limit) return Status::TimedOut;
     if (!ok) return Status::Stall;
     const uint32_t moved = s.bIn ? uint32_t(std::min<size_t>(data.size(), wLength)) : wLength;
     if (s.bIn && moved) std::memcpy(pData, data.data(), moved);

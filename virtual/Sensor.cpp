@@ -144,6 +144,10 @@ std::shared_ptr<const std::vector<uint8_t>> Camera::Develop(Lock& lock, const Re
     MoveGuide();
     const Imager::Shot shot{ exposureUs, Celsius(), m_dGuideX, m_dGuideY, m_uFrame++ };
     const auto scene = m_Prepared = m_Scene;
+    if (!r.bValid) {
+        ++m_Counters.uContradicted;
+        m_sContradiction = r.sWhy;
+    }
     lock.unlock();
     auto pixels = m_Pool->Take();
     m_Imager.Expose(r, shot, scene, *pixels);
