@@ -82,7 +82,7 @@ protected:
     }
 
     // Polls a condition; the limit is real time.
-    static bool Until(const std::function<bool()>& f, int iSeconds = 20)
+    static bool Until(const std::function<bool()>& f, int iSeconds = 150)
     {
         const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(iSeconds);
         while (!f()) {
