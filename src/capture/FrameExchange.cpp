@@ -57,7 +57,9 @@ struct FrameExchange::Impl {
 
 FrameExchange::FrameExchange(uint32_t dwSlotBytes) : m_p(std::make_unique<Impl>(dwSlotBytes)) {}
 
-FrameExchange::~FrameExchange()
+FrameExchange::~FrameExchange() { Shut(); }
+
+void FrameExchange::Shut()
 {
     m_p->bClosing = true;
     do {

@@ -10,10 +10,12 @@
 class KOV_CLASS FrameExchange {
 public:
     explicit FrameExchange(uint32_t dwSlotBytes);
-    ~FrameExchange();  // frees a consumer that still waits, and waits until it has left
+    ~FrameExchange();  // Shut
     FrameExchange(const FrameExchange&) = delete;
     FrameExchange& operator=(const FrameExchange&) = delete;
 
+    // Frees a consumer that still waits, and waits until it has left. Whoever comes later gets nothing.
+    void Shut();
     void Reset();  // producer; empties the ring; a signal that stands in the semaphore stays
     // Producer. False when pData is null or the ring is full: the newest frame is what is lost. What exceeds a slot is
     // left out.

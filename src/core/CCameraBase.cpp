@@ -89,7 +89,6 @@ CCameraBase::CCameraBase(int width, int height) : m_pBuffers(std::make_unique<Bu
 
 CCameraBase::~CCameraBase()
 {
-    m_pFrameExchange.reset();  // waits for a reader that is still inside
     // Also a link that CloseCamera has left open.
     ReplaceLink(nullptr);
 }

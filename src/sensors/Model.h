@@ -66,8 +66,8 @@ public:
 protected:
     // Last step of every constructor; needs the virtual operations of the whole family.
     void FinishConstruction() { model::FinishConstruction(*this, m_Traits); }
-    // First step of every destructor: threads must end while the class is still whole. Saves and closes, unless the C
-    // interface owns the object and has closed it already.
+    // First step of every destructor: threads must end, and a host that waits for a frame must leave, while the class is
+    // still whole. Saves and closes, unless the C interface owns the object and has closed it already.
     void Shutdown()
     {
         if (!this->m_bOwnedByFrame) {
@@ -79,6 +79,7 @@ protected:
             pCool->StopAutoTempThr();
         this->m_bCapturing = false;
         m_Session.Wait(platform::WAIT_FOREVER);
+        this->m_pFrameExchange->Shut();
     }
     // First steps of the setters: what the host asks for, within the limits of the row, is stored.
     int TakeGain(int gain, bool autoMode)
@@ -130,7 +131,7 @@ public:
     }
 };
 
-// Declares the final class of a model. Its destructor cannot move to CWhole: the capture and cooler threads may still call
+// Declares the final class of a model. Its destructor cannot move to CWhole: threads, the host's among them, may still call
 // virtual operations then, and the destructor of a base changes the class of the object under them.
 #define KOV_MODEL(name, family)                           \
     class KOV_CLASS name final : public CWhole<family> {  \
