@@ -196,6 +196,7 @@ private:
     std::vector<Fault> m_Faults;
     FrameCounters m_Counters;
     std::string m_sContradiction;
+    bool m_bNoise = false;             // the latest frame was
 
     Readout m_Now;                     // the profile's, after the last change
     double m_dHeldAt = 0, m_dReleasedAt = 0;

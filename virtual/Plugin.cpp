@@ -19,7 +19,13 @@ extern "C" KOV_PLUGIN_EXPORT const usbstack::Plugin* KOVUsbStackPlugin()
             // Who asked for virtual cameras never gets real ones instead: a mistake leaves an empty bus.
             bus = new kovsim::VirtualBus(options.dRate);
             if (!ok) std::fprintf(stderr, "KOVSIM: %s\n", error.c_str());
-            for (const auto& settings : options.cameras) bus->Plug(settings);
+            for (auto& settings : options.cameras) {
+                settings.onNoise = [](const kovsim::ModelFacts& facts, const std::string& why) {
+                    std::fprintf(stderr, "KOVSIM: %s sends noise, its registers contradict each other: %s\n",
+                                 facts.sToken.c_str(), why.c_str());
+                };
+                bus->Plug(settings);
+            }
             return new usbstack::Plugin{ 1, bus, options.dRate };
         } catch (const std::exception& e) {
             std::fprintf(stderr, "KOVSIM: %s\n", e.what());

@@ -144,11 +144,14 @@ std::shared_ptr<const std::vector<uint8_t>> Camera::Develop(Lock& lock, const Re
     MoveGuide();
     const Imager::Shot shot{ exposureUs, Celsius(), m_dGuideX, m_dGuideY, m_uFrame++ };
     const auto scene = m_Prepared = m_Scene;
-    if (!r.bValid) {
+    const bool tell = !r.bValid && (!m_bNoise || m_sContradiction != r.sWhy) && m_Settings.onNoise;
+    m_bNoise = !r.bValid;
+    if (m_bNoise) {
         ++m_Counters.uContradicted;
         m_sContradiction = r.sWhy;
     }
     lock.unlock();
+    if (tell) m_Settings.onNoise(m_Facts, r.sWhy);
     auto pixels = m_Pool->Take();
     m_Imager.Expose(r, shot, scene, *pixels);
     lock.lock();

@@ -35,6 +35,8 @@ struct CameraSettings {
     std::string sFlashFile;       // keeps the flash over a power cycle of the process; empty: memory only
     bool bBootLoader = false;     // USB 3 models: no firmware, the bridge's boot loader waits for an image (request 160)
     ProfileFactory profile;       // sensor side; null: MakeProfile of the product ID
+    // Told on the sensor's thread when frames begin to be noise, and when the reason changes.
+    std::function<void(const ModelFacts& facts, const std::string& sWhy)> onNoise;
 };
 
 // One vendor request as the device saw it.
@@ -73,7 +75,7 @@ struct FrameCounters {
     uint64_t uGood = 0;           // handed to the host whole and right
     uint64_t uSpoiled = 0;        // by a fault, by a wrong transfer count, or because the host left it in the FIFO
     uint64_t uAborted = 0;        // cut off by the host's reset or stop, or by the unplugging
-    uint64_t uContradicted = 0;   // exposed with registers that contradict each other; counted besides, whatever became of it
+    uint64_t uContradicted = 0;   // noise, since the registers contradicted each other; counted besides, whatever its end
 };
 
 struct HotPixel { int x, y; double dElectronsPerSecond; };  // at 20 degrees
@@ -90,8 +92,8 @@ public:
     virtual uint16_t SensorReg(uint16_t reg) const = 0;
     virtual uint8_t FpgaReg(uint16_t reg) const = 0;
     virtual Readout CurrentReadout() const = 0;
-    virtual std::string LastContradiction() const = 0;  // why the latest frame of FrameCounters::uContradicted was noise
-    virtual uint64_t LostReplies() const = 0;           // control requests that the host gave up before their answer
+    virtual std::string LastContradiction() const = 0;  // why the latest of FrameCounters::uContradicted was noise
+    virtual uint64_t LostReplies() const = 0;  // control requests that the host gave up before their answer
 
     virtual void Inject(const Fault& fault) = 0;
     virtual void ClearFaults() = 0;

@@ -8,6 +8,7 @@
 #include <memory>
 #include <mutex>
 #include <stdexcept>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -53,7 +54,8 @@ public:
         r.samples = kovsim::Samples::Bits8;
         r.dExposureUs = 10000;
         r.dFrameUs = m_Reg[FRAME_100US] * 100.0;
-        r.bValid = true;
+        r.bValid = m_Reg[X] + m_Reg[W] <= m_Facts.iWidth;
+        if (!r.bValid) r.sWhy = "X " + std::to_string(m_Reg[X]);
         return r;
     }
 

@@ -154,6 +154,32 @@ TEST(VirtualPhysics, InvalidRegistersGiveNoiseOfTheAskedSize)
     EXPECT_NE(std::count(d.begin(), d.end(), d[0]), long(d.size()));
 }
 
+TEST(VirtualPhysics, NoiseIsCountedAndItsReasonToldOnce)
+{
+    auto settings = fake::Settings(fake::Facts());
+    std::mutex mutex;
+    std::vector<std::string> told;
+    settings.onNoise = [&](const ModelFacts& facts, const std::string& why) {
+        std::lock_guard lock(mutex);
+        told.push_back(facts.sToken + ": " + why);
+    };
+    Host h(settings, 10);
+    h.Start();
+    h.Frame(64 * 48);
+    EXPECT_EQ(h.camera.Counters().uContradicted, 0u);
+    for (const uint16_t x : std::initializer_list<uint16_t>{ 7, 7, 8, 0, 8 }) {
+        h.Set(fake::X, x);
+        // Frames whose exposure began before come first.
+        const uint64_t noise = h.camera.Counters().uContradicted, all = h.camera.Counters().uStarted;
+        while (x != 0 ? h.camera.Counters().uContradicted < noise + 2 : h.camera.Counters().uStarted < all + 3)
+            h.Frame(64 * 48);
+    }
+    h.Stop();
+    EXPECT_EQ(h.camera.LastContradiction(), "X 8");
+    std::lock_guard lock(mutex);
+    EXPECT_EQ(told, (std::vector<std::string>{ "Fake: X 7", "Fake: X 8", "Fake: X 8" }));
+}
+
 TEST(VirtualHeld, ReleaseWithoutStreamingLosesTheExposure)
 {
     Host h(fake::Settings(fake::Facts()), 10);

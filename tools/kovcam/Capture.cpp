@@ -34,6 +34,8 @@ Picture Describe(const Camera& cam, const std::string& imageType)
     return p;
 }
 
+constexpr double READOUT_LIMIT = 30;  // s; the largest frame takes a tenth of it over the slowest port
+
 bool TakeSnap(Camera& cam, Picture& p, const std::string& label)
 {
     const double exposure = p.dExposure;
@@ -51,6 +53,11 @@ bool TakeSnap(Camera& cam, Picture& p, const std::string& label)
             throw UserError("interrupted; the exposure was stopped", 130);
         }
         const double t = watch.Seconds();
+        // The library itself goes on for ever at short exposures when a USB 3 camera sends nothing.
+        if (t > exposure + READOUT_LIMIT) {
+            KOVStopExposure(cam.Id());
+            break;
+        }
         if (exposure > 1)
             progress.Show(t / exposure, t < exposure ? fmt::format("{:.0f} of {:.0f} s, {:.0f} s to go", t, exposure, exposure - t)
                                                      : "reading out");
