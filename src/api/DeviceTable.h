@@ -14,7 +14,7 @@ extern Shared<int32_t> g_iCameraCount;                 // every bound check read
 extern Shared<int32_t> g_iLastOpened;                  // written only
 // The object just built for a property query belongs to a class whose name is known only after the device search.
 extern Shared<bool> g_bReopenProbe;
-extern Shared<CCameraBase*> g_apCamera[DEVICE_MAX];  // owned; null is closed
+extern Shared<CCameraBase*> g_apCamera[DEVICE_MAX];    // owned; null is closed
 extern Shared<int32_t> g_aImageBytes[DEVICE_MAX];      // bytes of one delivered image
 
 // Walks the ten interface GUIDs and returns the count, which is stored only at the end.

@@ -34,7 +34,7 @@ Picture Describe(const Camera& cam, const std::string& imageType)
     return p;
 }
 
-constexpr double READOUT_LIMIT = 30;  // s; the largest frame takes a tenth of it over the slowest port
+constexpr double SHORT_EXPOSURE = 1, PATIENCE = 30;  // s
 
 bool TakeSnap(Camera& cam, Picture& p, const std::string& label)
 {
@@ -53,8 +53,8 @@ bool TakeSnap(Camera& cam, Picture& p, const std::string& label)
             throw UserError("interrupted; the exposure was stopped", 130);
         }
         const double t = watch.Seconds();
-        // The library itself goes on for ever at short exposures when a USB 3 camera sends nothing.
-        if (t > exposure + READOUT_LIMIT) {
+        // At short exposures the library never gives up a USB 3 camera that sends nothing.
+        if (exposure < SHORT_EXPOSURE && t > PATIENCE) {
             KOVStopExposure(cam.Id());
             break;
         }

@@ -259,8 +259,8 @@ bool CQuartz<Base>::SetGain(int gain, bool autoMode)
     if (m_Q.bGainHeld)
         this->Write8(REG_HOLD, 1);
     if (m_Q.iHighGainAbove != 0) {
-        // QUIRK: a lost answer counts as 0, and so the divider becomes the fast one. In other modes the host gets frames
-        // of noise until a change of region or speed writes the clock again.
+        // QUIRK: a lost answer counts as 0, and so the divider becomes the fast one. In other modes the lines are too
+        // short for it, and the host gets useless frames until a change of region or speed writes the clock again.
         uint8_t clk = 0;
         this->ReadSONYREG(REG_CLOCK, &clk);
         this->Write8(REG_CLOCK, bHigh ? clk | 0x10u : clk & 0x0Fu);
