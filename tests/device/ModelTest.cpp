@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "device/DeviceFixture.h"
+#include "platform/SettingsStore.h"
 
 namespace {
 
@@ -117,6 +118,16 @@ protected:
         ASSERT_EQ(KOVSetROIFormat(0, s.w, s.h, s.bin, s.b16 ? IMG_RAW16 : IMG_RAW8), KOV_SUCCESS);
         if (s.startX >= 0) {
             ASSERT_EQ(KOVSetStartPos(0, s.startX, s.startY), KOV_SUCCESS);
+            // Output pixels, taken down to what the sensor can start at.
+            constexpr int GRID = 16;
+            EXPECT_LE(cam.m_iStartX, s.startX * s.bin);
+            EXPECT_GT(cam.m_iStartX, s.startX * s.bin - GRID);
+            EXPECT_LE(cam.m_iStartY, s.startY * s.bin);
+            EXPECT_GT(cam.m_iStartY, s.startY * s.bin - GRID);
+            int32_t x = -1, y = -1;
+            EXPECT_EQ(KOVGetStartPos(0, &x, &y), KOV_SUCCESS);
+            EXPECT_EQ(x, cam.m_iStartX / s.bin);
+            EXPECT_EQ(y, cam.m_iStartY / s.bin);
         }
         // QUIRK: Iolite delivers the beginning of the unbinned frame at bin 2, and Onyx the unbinned corner of the region at
         // hardware bin 3, which its sensor does not have.
@@ -318,6 +329,13 @@ TEST_P(ModelTest, VideoTwice)
         EXPECT_EQ(KOVGetDroppedFrames(0, &dropped), KOV_SUCCESS);
         EXPECT_EQ(dropped, 0) << "the count is cleared when capture ends";
     }
+    // The stop has saved, under the model's own key.
+    const auto pKey = platform::OpenSettings((L"SOFTWARE\\" + std::wstring(Row().sKey.begin(), Row().sKey.end())).c_str());
+    ASSERT_TRUE(pKey);
+    int32_t gain = -1;
+    uint32_t dwCount = sizeof gain;
+    EXPECT_EQ(pKey->Query(L"Gain", &gain, &dwCount), 0u);
+    EXPECT_EQ(gain, cam.m_iGain);
 }
 
 std::string NameOf(const testing::TestParamInfo<ModelRow>& info)
