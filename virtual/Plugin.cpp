@@ -1,36 +1,114 @@
-// What a program that is run with virtual cameras preloads: the library finds this entry and takes its bus.
+// The entry that the library looks for. It offers the bus that this process has attached, else the one that KOVSIM asks for.
+#include <atomic>
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
+#include <memory>
 
+#include "virtual/InProcess.h"
 #include "virtual/SimOptions.h"
 
-extern "C" KOV_PLUGIN_EXPORT const usbstack::Plugin* KOVUsbStackPlugin()
+namespace kovsim {
+namespace {
+
+// Offers are never destroyed: the library may look at one while another thread attaches the next.
+std::atomic<const usbstack::Plugin*> g_pAttached = nullptr;
+std::unique_ptr<VirtualBus> g_pOwnBus;  // of KOVSimAttach
+
+void PlugAll(VirtualBus& bus, SimOptions& options)
 {
+    for (CameraSettings& settings : options.cameras) {
+        settings.onNoise = [](const ModelFacts& facts, const std::string& why) {
+            std::fprintf(stderr, "KOVSIM: %s sends noise, its registers contradict each other: %s\n", facts.sToken.c_str(),
+                         why.c_str());
+        };
+        VirtualCamera& camera = bus.Plug(settings);
+        if (options.uVanishAfter > 0)
+            camera.Inject({ FaultKind::Vanish, VANISH_MS, options.uVanishAfter, 1 });
+    }
+}
+
+const usbstack::Plugin* FromEnvironment()
+{
+    const char* szText = std::getenv("KOVSIM");
+    if (!szText || !*szText) return nullptr;
+    SimOptions options;
+    std::string error;
+    VirtualBus* bus = nullptr;
+    try {
+        const bool ok = ParseSimOptions(szText, &options, &error);
+        // Who asked for virtual cameras never gets real ones instead: a mistake leaves an empty bus.
+        bus = new VirtualBus(options.dRate);
+        if (!ok) std::fprintf(stderr, "KOVSIM: %s\n", error.c_str());
+        PlugAll(*bus, options);
+    } catch (const std::exception& e) {
+        std::fprintf(stderr, "KOVSIM: %s\n", e.what());
+    }
+    return bus ? new usbstack::Plugin{ 1, bus, options.dRate } : nullptr;
+}
+
+VirtualCamera* OwnCamera(int index)
+{
+    if (!g_pOwnBus) return nullptr;
+    const auto cameras = g_pOwnBus->Cameras();
+    return index >= 0 && size_t(index) < cameras.size() ? cameras[size_t(index)] : nullptr;
+}
+
+}  // namespace
+
+void Attach(VirtualBus* bus)
+{
+    g_pAttached.store(bus ? new usbstack::Plugin{ 1, bus, bus->ClockRate() } : nullptr, std::memory_order_release);
+}
+
+}  // namespace kovsim
+
+extern "C" {
+
+KOV_PLUGIN_EXPORT const usbstack::Plugin* KOVUsbStackPlugin()
+{
+    if (const usbstack::Plugin* const p = kovsim::g_pAttached.load(std::memory_order_acquire)) return p;
     // Lives to the end of the process: its threads must not meet destructors that run at exit.
-    static const usbstack::Plugin* const s_pPlugin = []() -> const usbstack::Plugin* {
-        const char* szText = std::getenv("KOVSIM");
-        if (!szText || !*szText) return nullptr;
-        kovsim::SimOptions options;
-        std::string error;
-        kovsim::VirtualBus* bus = nullptr;
-        try {
-            const bool ok = kovsim::ParseSimOptions(szText, &options, &error);
-            // Who asked for virtual cameras never gets real ones instead: a mistake leaves an empty bus.
-            bus = new kovsim::VirtualBus(options.dRate);
-            if (!ok) std::fprintf(stderr, "KOVSIM: %s\n", error.c_str());
-            for (auto& settings : options.cameras) {
-                settings.onNoise = [](const kovsim::ModelFacts& facts, const std::string& why) {
-                    std::fprintf(stderr, "KOVSIM: %s sends noise, its registers contradict each other: %s\n",
-                                 facts.sToken.c_str(), why.c_str());
-                };
-                bus->Plug(settings);
-            }
-            return new usbstack::Plugin{ 1, bus, options.dRate };
-        } catch (const std::exception& e) {
-            std::fprintf(stderr, "KOVSIM: %s\n", e.what());
-            return bus ? new usbstack::Plugin{ 1, bus, options.dRate } : nullptr;
-        }
-    }();
+    static const usbstack::Plugin* const s_pPlugin = kovsim::FromEnvironment();
     return s_pPlugin;
 }
+
+int KOVSimAttach(const char* text, char* error, int size)
+{
+    std::string why;
+    try {
+        kovsim::SimOptions options;
+        if (kovsim::ParseSimOptions(text, &options, &why)) {
+            auto bus = std::make_unique<kovsim::VirtualBus>(options.dRate);
+            kovsim::PlugAll(*bus, options);
+            kovsim::Attach(bus.get());
+            kovsim::g_pOwnBus = std::move(bus);
+        }
+    } catch (const std::exception& e) {
+        why = e.what();
+    }
+    if (size > 0) std::snprintf(error, size_t(size), "%s", why.c_str());
+    return why.empty() ? 0 : -1;
+}
+
+void KOVSimDetach(void)
+{
+    kovsim::Attach(nullptr);
+    kovsim::g_pOwnBus.reset();
+}
+
+int KOVSimUnplug(int index)
+{
+    kovsim::VirtualCamera* const camera = kovsim::OwnCamera(index);
+    if (camera) camera->Unplug();
+    return camera ? 0 : -1;
+}
+
+int KOVSimReplug(int index)
+{
+    kovsim::VirtualCamera* const camera = kovsim::OwnCamera(index);
+    if (camera) camera->Replug();
+    return camera ? 0 : -1;
+}
+
+}  // extern "C"

@@ -64,7 +64,8 @@ std::string SimHelp()
     }
     return out + line +
            "\noptions: scene=sky[:RA,DEC[,FOCAL]]|flat:N|colour:R,G,B|dark|pattern|FILE.png, rate=N (clock), usb2,\n"
-           "         firmware=N, flash=FILE, serial=TEXT, seed=N, noise=N, hot=N, ambient=DEGREES, link=MB/s";
+           "         firmware=N, flash=FILE, serial=TEXT, seed=N, noise=N, hot=N, ambient=DEGREES, link=MB/s,\n"
+           "         vanish=FRAMES";
 }
 
 bool ParseSimOptions(const std::string& text, SimOptions* options, std::string* error)
@@ -94,6 +95,9 @@ bool ParseSimOptions(const std::string& text, SimOptions* options, std::string* 
             serial = value;
         } else if (name == "rate") {
             if (!Number(value, 0.001, 10000, &result.dRate)) return fail("rate: a number from 0.001 to 10000 expected");
+        } else if (name == "vanish") {
+            if (!Number(value, 1, 1e9, &number)) return fail("vanish: a number of frames from 1 on expected");
+            result.uVanishAfter = uint32_t(number);
         } else {
             const NumberOption* known = nullptr;
             for (const NumberOption& o : g_Numbers)

@@ -11,9 +11,12 @@
 
 namespace kovsim {
 
+constexpr uint32_t VANISH_MS = 1500;
+
 struct SimOptions {
     std::vector<CameraSettings> cameras;
     double dRate = 1;
+    uint32_t uVanishAfter = 0;  // frames until each camera is pulled out for VANISH_MS; 0: never
 };
 
 // False and *error, which names the options and, for an unknown model, the tokens.

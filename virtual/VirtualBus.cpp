@@ -72,7 +72,7 @@ private:
 }  // namespace
 
 struct VirtualBus::Impl final : BusHooks {
-    explicit Impl(double rate) : clock(rate > 0 ? rate : 1) {}
+    explicit Impl(double rate) : dRate(rate > 0 ? rate : 1), clock(dRate) {}
 
     // Called with a camera's lock held: takes only its own, which guards nothing else.
     void Pump() override
@@ -119,6 +119,7 @@ struct VirtualBus::Impl final : BusHooks {
         return *cameras.back();
     }
 
+    const double dRate;
     Clock clock;
     std::atomic<uint8_t> address{ 2 };  // 1 is the root hub's
     std::mutex pump;
@@ -165,6 +166,8 @@ std::vector<VirtualCamera*> VirtualBus::Cameras()
         if (c->Facts().sToken != "Foreign") out.push_back(c);
     return out;
 }
+
+double VirtualBus::ClockRate() const { return m_p->dRate; }
 
 std::vector<usbstack::DeviceInfo> VirtualBus::Enumerate()
 {

@@ -3,7 +3,7 @@
 //   kovsim::VirtualBus bus;
 //   kovsim::CameraSettings s;  s.wProductId = 0xC11A;
 //   kovsim::VirtualCamera& cam = bus.Plug(s);
-//   platform::SetUsbStack(&bus);
+//   kovsim::Attach(&bus);            // InProcess.h
 //
 // All operations may be called from any thread.
 #pragma once
@@ -128,6 +128,7 @@ public:
     // A device that is no camera: for enumeration tests.
     void PlugForeign(uint16_t wVendorId, uint16_t wProductId);
     std::vector<VirtualCamera*> Cameras();
+    double ClockRate() const;
 
     std::vector<usbstack::DeviceInfo> Enumerate() override;
     usbstack::IDevice* Open(const std::string& sPath, usbstack::Status* pStatus) override;

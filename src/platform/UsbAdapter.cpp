@@ -601,19 +601,20 @@ thread_local uint32_t t_dwLastError = ERROR_NONE;
 std::atomic<usbstack::IStack*> g_pStack = nullptr;
 std::atomic<IUsbDriver*> g_pDriver = nullptr;
 
-// The stack of a plugin in this process. Looked for at the first use, for the life of the process.
+// The stack of a plugin in this process, which may have been loaded only now.
 usbstack::IStack* PluginStack()
 {
-    static usbstack::IStack* const s_pStack = []() -> usbstack::IStack* {
-        const usbstack::PluginEntry entry = FindPluginEntry();
-        const usbstack::Plugin* const p = entry ? entry() : nullptr;
-        if (!p || p->dwVersion != 1 || !p->pStack)
-            return nullptr;
-        if (p->dClockRate > 0)
-            SetClockRate(p->dClockRate);
-        return p->pStack;
-    }();
-    return s_pStack;
+    static std::atomic<usbstack::PluginEntry> s_entry = nullptr;
+    static std::atomic<double> s_dRate = 1.0;  // the clock's, as far as plugins set it
+    usbstack::PluginEntry entry = s_entry.load();
+    if (!entry)
+        s_entry = entry = FindPluginEntry();
+    const usbstack::Plugin* const p = entry ? entry() : nullptr;
+    const bool bUsable = p && p->dwVersion == 1 && p->pStack;
+    const double dRate = bUsable && p->dClockRate > 0 ? p->dClockRate : 1.0;
+    if (s_dRate.exchange(dRate) != dRate)
+        SetClockRate(dRate);
+    return bUsable ? p->pStack : nullptr;
 }
 
 usbstack::IStack* VirtualStack()

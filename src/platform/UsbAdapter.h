@@ -6,7 +6,7 @@
 
 namespace platform {
 
-// The stack in use: one set by SetUsbStack, else the plugin's (see UsbStack.h), else the native one.
+// The stack in use: one set by SetUsbStack, else the plugin's at this moment (see UsbStack.h), else the native one.
 usbstack::IStack& UsbStack();
 // In-process virtual bus. No device may be open. nullptr brings the default back.
 void SetUsbStack(usbstack::IStack* pStack);

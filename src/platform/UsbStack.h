@@ -96,12 +96,12 @@ public:
 #  define KOV_PLUGIN_EXPORT __attribute__((visibility("default")))
 #endif
 
-// A stack that a preloaded library brings along. The library looks for the symbol KOVUsbStackPlugin (C linkage) in the
-// process at its first use of USB; a non-null result takes the place of libusb for the whole process. On Windows it looks
-// in the program itself and in kovsim.dll, if that is loaded.
+// A stack that the program or a preloaded library brings along. The library looks for the symbol KOVUsbStackPlugin (C
+// linkage) in the process and asks it at each enumeration and open; a non-null result takes the place of libusb. It may
+// change while no device is open. On Windows the library looks in the program itself and in kovsim.dll, if that is loaded.
 struct Plugin {
     uint32_t dwVersion;   // 1
-    IStack* pStack;       // lives to the end of the process
+    IStack* pStack;       // lives until every device of it has been closed and the entry tells another
     double dClockRate;    // how many times faster than real time the library's clock is to run
 };
 using PluginEntry = const Plugin* (*)();

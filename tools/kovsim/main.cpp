@@ -73,7 +73,7 @@ fs::path FindPlugin()
     std::error_code ec;
     const fs::path here = kovtools::ProgramFolder();
     std::string looked;
-    for (const char* dir : { ".", "../virtual", "../" KOV_LIBDIR, "../lib" }) {
+    for (const char* dir : { ".", "../virtual", "../" KOV_LIBDIR "/kovcamera2" }) {
         const fs::path p = fs::weakly_canonical(here / dir / kovtools::PLUGIN_FILE, ec);
         if (fs::exists(p, ec))
             return p;
@@ -173,6 +173,7 @@ int main(int argc, char** argv)
     option("hot", "Number of hot pixels");
     option("ambient", "Surroundings, degrees Celsius");
     option("link", "Limit of the link, MB/s");
+    option("vanish", "Frames until each camera is pulled out; it returns 1.5 s later");
     pRun->add_flag("--usb2", o.bUsb2, "Plugged into a USB 2 port");
     pRun->add_option("program", o.program, "Program and its arguments")->required();
     pRun->positionals_at_end();
