@@ -50,7 +50,7 @@ hotpixels() {
 }
 
 cooler() {
-    cam "MarbleMono_C --rate 20" cool --to -10 --minutes 10 --plot "$out/cooler.png"
+    cam "MarbleMono_C --rate 20" cool --to -10 --for 10m --plot "$out/cooler.png"
 }
 
 autoexposure() {

@@ -11,13 +11,6 @@ namespace kovtools {
 
 // The command line after the program's name, in UTF-8; the terminal is set to show that.
 std::vector<std::string> Arguments(int argc, char** argv);
-// Paths are UTF-8 text in the tools.
-inline std::filesystem::path PathOf(const std::string& text) { return { std::u8string(text.begin(), text.end()) }; }
-inline std::string AbsolutePath(const std::string& text)
-{
-    const std::u8string s = std::filesystem::absolute(PathOf(text)).u8string();
-    return { s.begin(), s.end() };
-}
 std::filesystem::path ProgramFolder();  // where this program's own file stands; empty when that cannot be told
 const usbstack::Plugin* LoadedPlugin(); // of virtual cameras, when this process runs with them
 bool IsTerminal(std::FILE*);

@@ -1,47 +1,26 @@
 #include "kovcam/Camera.h"
 
-#include <fmt/chrono.h>
 #include <fmt/format.h>
 
 #include <algorithm>
 #include <atomic>
 #include <cmath>
 #include <csignal>
-#include <filesystem>
+#include <limits>
 #include <thread>
 
+#include "common/Files.h"
 #include "common/Host.h"
+#include "common/Text.h"
 #include "core/CCameraBase.h"
+#include "kovcam/Json.h"
 
 namespace kovcam {
-
-const char* ErrorName(KOV_ERROR_CODE code)
-{
-    switch (code) {
-    case KOV_SUCCESS: return "success";
-    case KOV_ERROR_BAD_INDEX: return "camera index out of range";
-    case KOV_ERROR_BAD_ID: return "camera ID out of range";
-    case KOV_ERROR_BAD_CONTROL: return "the camera has no such control";
-    case KOV_ERROR_NOT_OPEN: return "the camera is not open, or the model is unknown";
-    case KOV_ERROR_OPEN_FAILED: return "the camera could not be opened; is another program using it? Try 'kovcam doctor'";
-    case KOV_ERROR_BAD_PATH: return "the file cannot be opened";
-    case KOV_ERROR_BAD_FILE: return "not an 8-bit BMP of the full sensor size";
-    case KOV_ERROR_BAD_SIZE: return "the camera refuses this region; widths are multiples of 4 (8 on some), heights even";
-    case KOV_ERROR_BAD_IMAGE_TYPE: return "unknown image type";
-    case KOV_ERROR_OUT_OF_BOUNDS: return "the start position is refused";
-    case KOV_ERROR_TIMEOUT: return "no frame came in time; check cable and port, lower the bandwidth, or try 'kovcam doctor'";
-    case KOV_ERROR_BUFFER_SMALL: return "the buffer is too small";
-    case KOV_ERROR_VIDEO_ACTIVE: return "video is running";
-    case KOV_ERROR_EXPOSING: return "an exposure is running";
-    case KOV_ERROR_GENERAL: return "the camera refused";
-    }
-    return "unknown error";
-}
 
 void Check(KOV_ERROR_CODE code, const std::string& what)
 {
     if (code != KOV_SUCCESS)
-        throw UserError(fmt::format("{}: {} (code {})", what, ErrorName(code), static_cast<int>(code)));
+        throw UserError(fmt::format("{}: {} (code {})", what, kovtools::ErrorText(code), static_cast<int>(code)));
 }
 
 const std::vector<ControlName> g_Controls = {
@@ -58,10 +37,13 @@ KOV_CONTROL_TYPE ParseControl(const std::string& name)
     for (const ControlName& c : g_Controls)
         if (name == c.szName || name == std::to_string(c.type))
             return c.type;
-    std::string known;
+    std::vector<std::string> names;
     for (const ControlName& c : g_Controls)
-        known += fmt::format(" {}", c.szName);
-    throw UserError(fmt::format("unknown control '{}'. Controls are:{}", name, known), 2);
+        names.push_back(c.szName);
+    const std::vector<std::string> near = kovtools::Nearest(name, names);
+    throw UserError(fmt::format("unknown control '{}'.{} Controls are: {}", name,
+                                near.empty() ? "" : fmt::format(" Did you mean {}?", kovtools::Joined(near, " or ")),
+                                kovtools::Joined(names)), 2);
 }
 
 const char* NameOf(KOV_CONTROL_TYPE type)
@@ -72,50 +54,67 @@ const char* NameOf(KOV_CONTROL_TYPE type)
     return "?";
 }
 
-int64_t ParseExposure(const std::string& text)
+std::chrono::microseconds ParseTime(const std::string& text)
 {
-    size_t used = 0;
-    double value = -1;
     try {
-        value = std::stod(text, &used);
-    } catch (const std::exception&) {
+        return kovtools::ParseDuration(text);
+    } catch (const std::invalid_argument& e) {
+        throw UserError(e.what(), 2);
     }
-    const std::string unit = text.substr(used);
-    const double scale = unit.empty() || unit == "us" ? 1 : unit == "ms" ? 1e3 : unit == "s" ? 1e6 : unit == "m" ? 6e7 : 0;
-    if (value < 0 || scale == 0 || value * scale > 2147483647.0)
-        throw UserError(fmt::format("'{}' is no exposure. Give a number with us, ms, s or m, such as 10ms; at most 2147 s.", text), 2);
-    return std::llround(value * scale);
+}
+
+double ParseSeconds(const std::string& text)
+{
+    return static_cast<double>(ParseTime(text).count()) / 1e6;
+}
+
+int32_t ParseExposure(const std::string& text)
+{
+    const int64_t us = ParseTime(text).count();
+    if (us > std::numeric_limits<int32_t>::max())
+        throw UserError(fmt::format("{} is too long: exposures go up to 2147 s", text), 2);
+    return static_cast<int32_t>(us);
 }
 
 std::string ExposureText(int64_t us)
 {
-    const double v = static_cast<double>(us);
-    return us < 1000 ? fmt::format("{} us", us) : us < 1000000 ? fmt::format("{:.4g} ms", v / 1e3) : fmt::format("{:.4g} s", v / 1e6);
+    return kovtools::DurationText(std::chrono::microseconds(us));
 }
 
-void PictureOptions::AddTo(CLI::App& app)
+void PictureOptions::AddTo(CLI::App& app, unsigned groups)
 {
-    app.add_option("-e,--exposure", sExposure, "Exposure: 500us, 10ms, 2.5s, 2m");
-    app.add_option("-g,--gain", iGain, "Gain, in the camera's unit (see 'kovcam controls')");
-    app.add_option("--brightness", iBrightness, "Black level");
-    app.add_option("--gamma", iGamma, "1 to 100, 50 is neutral");
-    app.add_option("--bandwidth", iBandwidth, "Percent of the USB link");
-    app.add_option("--wb-r", iWB_R, "White balance, red");
-    app.add_option("--wb-b", iWB_B, "White balance, blue");
-    app.add_option("-b,--bin", iBin, "Binning factor")->check(CLI::Range(1, 16));
-    // With neither form the camera's own setting stays.
-    app.add_flag_function("--hardware-bin,!--no-hardware-bin", [this](int64_t n) { bHardwareBin = n > 0; },
-                          "Bin in the camera where it can");
-    app.add_flag_function("--high-speed,!--no-high-speed", [this](int64_t n) { bHighSpeed = n > 0; }, "10-bit readout, faster");
-    app.add_option("-r,--region", sRegion, "Region in output pixels: WxH (centred) or WxH+X+Y");
-    app.add_option("-f,--format", sFormat, "raw8, raw16, rgb24 or y8");
-    app.add_option("--flip", iFlip, "0 none, 1 horizontal, 2 vertical, 3 both")->check(CLI::Range(0, 3));
-    app.add_option("--dark", sDark, "Dark frame to subtract: a BMP of 'kovcam dark' (8-bit formats)");
-    app.add_option("--cool", iCool, "Cool to that many degrees first and hold it (cooled cameras)")->check(CLI::Range(-80, 50));
-    app.add_flag("--auto-exposure", bAutoExposure, "Let the camera regulate the exposure (video)");
-    app.add_flag("--auto-gain", bAutoGain, "Let the camera regulate the gain (video)");
-    app.add_flag("--auto-wb", bAutoBalance, "Let the camera balance the colours (video)");
-    app.add_flag("--time-mark", bTimeMark, "Draw date and time into the picture (8-bit formats)");
+    if (groups & Exposure) {
+        app.add_option("-e,--exposure", sExposure, "Exposure: 500us, 10ms, 2.5s, 2m");
+        app.add_option("-g,--gain", iGain, "Gain, in the camera's unit (see 'kovcam controls')");
+        app.add_option("--brightness", iBrightness, "Black level");
+        app.add_option("--bandwidth", iBandwidth, "Percent of the USB link");
+        app.add_option("--wb-r", iWB_R, "White balance, red");
+        app.add_option("--wb-b", iWB_B, "White balance, blue");
+        // With neither form the camera's own setting stays.
+        app.add_flag_function("--high-speed,!--no-high-speed", [this](int64_t n) { bHighSpeed = n > 0; }, "10-bit readout, faster");
+        app.add_flag("--defaults", bDefaults, "Start from the defaults of all controls, not from what was set last");
+    }
+    if (groups & Geometry) {
+        app.add_option("-b,--bin", iBin, "Binning factor, one of those that 'kovcam info' lists");
+        app.add_flag_function("--hardware-bin,!--no-hardware-bin", [this](int64_t n) { bHardwareBin = n > 0; },
+                              "Bin in the camera where it can");
+        app.add_option("-r,--region", sRegion, "Region in output pixels: WxH (centred) or WxH+X+Y");
+        app.add_option("--flip", iFlip, "0 none, 1 horizontal, 2 vertical, 3 both")->check(CLI::Range(0, 3));
+        app.add_option("--gamma", iGamma, "1 to 100, 50 is neutral");
+    }
+    if (groups & Format)
+        app.add_option("-f,--format", sFormat, "raw8, raw16, rgb24 or y8");
+    if (groups & Finish) {
+        app.add_option("--dark", sDark, "Dark frame to subtract: a BMP of 'kovcam dark' (8-bit formats)");
+        app.add_flag("--time-mark", bTimeMark, "Draw date and time into the picture (8-bit formats)");
+    }
+    if (groups & Cooler)
+        app.add_option("--cool", iCool, "Cool to that many degrees first and hold it (cooled cameras)")->check(CLI::Range(-80, 50));
+    if (groups & Automation) {
+        app.add_flag("--auto-exposure", bAutoExposure, "Let the camera regulate the exposure");
+        app.add_flag("--auto-gain", bAutoGain, "Let the camera regulate the gain");
+        app.add_flag("--auto-wb", bAutoBalance, "Let the camera balance the colours");
+    }
 }
 
 int CountCameras()
@@ -192,16 +191,55 @@ CCameraBase& Camera::Object() const
     return *CCameraBase::FromID(m_iId);
 }
 
+std::vector<KOV_CONTROL_CAPS> Camera::Controls() const
+{
+    int32_t n = 0;
+    Check(KOVGetNumOfControls(m_iId, &n), "controls");
+    std::vector<KOV_CONTROL_CAPS> all;
+    for (int32_t i = 0; i < n; ++i) {
+        KOV_CONTROL_CAPS caps{};
+        Check(KOVGetControlCaps(m_iId, i, &caps), "control");
+        all.push_back(caps);
+    }
+    return all;
+}
+
 bool Camera::Has(KOV_CONTROL_TYPE type) const
 {
-    int n = 0;
-    KOVGetNumOfControls(m_iId, &n);
-    for (int i = 0; i < n; ++i) {
-        KOV_CONTROL_CAPS caps{};
-        if (KOVGetControlCaps(m_iId, i, &caps) == KOV_SUCCESS && caps.ControlType == type)
-            return true;
+    const std::vector<KOV_CONTROL_CAPS> all = Controls();
+    return std::any_of(all.begin(), all.end(), [=](const KOV_CONTROL_CAPS& c) { return c.ControlType == type; });
+}
+
+KOV_CONTROL_CAPS Camera::Caps(KOV_CONTROL_TYPE type) const
+{
+    std::vector<std::string> names;
+    for (const KOV_CONTROL_CAPS& caps : Controls()) {
+        if (caps.ControlType == type)
+            return caps;
+        names.push_back(NameOf(caps.ControlType));
     }
-    return false;
+    throw UserError(fmt::format("{} has no control '{}'; it has: {}", m_Info.Name, NameOf(type), kovtools::Joined(names)), 2);
+}
+
+std::vector<Camera::Deviation> Camera::Deviations() const
+{
+    std::vector<Deviation> out;
+    for (const KOV_CONTROL_CAPS& caps : Controls()) {
+        if (!caps.IsWritable)
+            continue;
+        bool automatic = false;
+        const int32_t value = Get(caps.ControlType, &automatic);
+        if (value != caps.DefaultValue || automatic)
+            out.push_back({ NameOf(caps.ControlType), value, caps.DefaultValue, automatic });
+    }
+    return out;
+}
+
+void Camera::SetDefaults()
+{
+    for (const KOV_CONTROL_CAPS& caps : Controls())
+        if (caps.IsWritable)
+            Set(caps.ControlType, caps.DefaultValue);
 }
 
 int32_t Camera::Get(KOV_CONTROL_TYPE type, bool* pAuto) const
@@ -227,7 +265,7 @@ static IMG_TYPE ParseType(const std::string& text, IMG_TYPE standard)
     if (text.empty())
         return standard;
     for (const IMG_TYPE t : { IMG_RAW8, IMG_RGB24, IMG_RAW16, IMG_Y8 })
-        if (text == TypeText(t))
+        if (text == kovtools::TypeName(t))
             return t;
     throw UserError(fmt::format("unknown format '{}'; formats are raw8, raw16, rgb24 and y8", text), 2);
 }
@@ -235,12 +273,25 @@ static IMG_TYPE ParseType(const std::string& text, IMG_TYPE standard)
 void Camera::Apply(const PictureOptions& o, IMG_TYPE defaultType)
 {
     m_Type = ParseType(o.sFormat, defaultType);
-    const IMG_TYPE* pEnd = std::find(m_Info.SupportedImgTypes, m_Info.SupportedImgTypes + 8, IMG_END);
-    if (std::find(static_cast<const IMG_TYPE*>(m_Info.SupportedImgTypes), pEnd, m_Type) == pEnd) {
+    const std::vector<IMG_TYPE> types = kovtools::TypesOf(m_Info);
+    if (std::find(types.begin(), types.end(), m_Type) == types.end()) {
+        std::vector<std::string> names;
+        for (const IMG_TYPE t : types)
+            names.push_back(kovtools::TypeName(t));
         if (!o.sFormat.empty())
-            throw UserError(fmt::format("{} does not deliver {}", m_Info.Name, o.sFormat), 2);
+            throw UserError(fmt::format("{} does not deliver {}, but {}", m_Info.Name, o.sFormat, kovtools::Joined(names)), 2);
         m_Type = IMG_RAW8;
     }
+    const std::vector<int> bins = kovtools::BinsOf(m_Info);
+    if (std::find(bins.begin(), bins.end(), o.iBin) == bins.end()) {
+        std::vector<std::string> names;
+        for (const int b : bins)
+            names.push_back(std::to_string(b));
+        throw UserError(fmt::format("{} does not bin by {}; it bins by {}", m_Info.Name, o.iBin, kovtools::Joined(names)), 2);
+    }
+    const int32_t exposure = o.sExposure.empty() ? -1 : ParseExposure(o.sExposure);
+    if (o.bDefaults)
+        SetDefaults();
     if (o.bHardwareBin)
         Set(CTRL_HARDWARE_BIN, *o.bHardwareBin);
     if (o.bHighSpeed)
@@ -280,9 +331,8 @@ void Camera::Apply(const PictureOptions& o, IMG_TYPE defaultType)
     }
     if (o.iGain >= 0 || o.bAutoGain)
         Set(CTRL_GAIN, o.iGain >= 0 ? o.iGain : Get(CTRL_GAIN), o.bAutoGain);
-    if (!o.sExposure.empty() || o.bAutoExposure)
-        Set(CTRL_EXPOSURE, o.sExposure.empty() ? Get(CTRL_EXPOSURE) : static_cast<int32_t>(ParseExposure(o.sExposure)),
-            o.bAutoExposure);
+    if (exposure >= 0 || o.bAutoExposure)
+        Set(CTRL_EXPOSURE, exposure >= 0 ? exposure : Get(CTRL_EXPOSURE), o.bAutoExposure);
     // Both would stay from an earlier run: the library keeps them with the settings.
     if (o.sDark.empty()) {
         KOVDisableDarkSubtract(m_iId);
@@ -308,16 +358,6 @@ void Camera::KeepSettings()
 int Camera::ImageBytes() const
 {
     return m_iWidth * m_iHeight * (m_Type == IMG_RGB24 ? 3 : m_Type == IMG_RAW16 ? 2 : 1);
-}
-
-BayerPattern Camera::Pattern() const
-{
-    // Which cell order a flip makes of another: mirrored columns, reversed rows.
-    static constexpr BayerPattern flipped[4][4] = {
-        { BAYER_RG, BAYER_GR, BAYER_GB, BAYER_BG }, { BAYER_BG, BAYER_GB, BAYER_GR, BAYER_RG },
-        { BAYER_GR, BAYER_RG, BAYER_BG, BAYER_GB }, { BAYER_GB, BAYER_BG, BAYER_RG, BAYER_GR },
-    };
-    return flipped[m_Info.BayerPattern][Get(CTRL_FLIP) & 3];
 }
 
 double ClockRate()
@@ -353,41 +393,9 @@ void CatchInterrupts()
     std::signal(SIGTERM, handler);
 }
 
-std::string JsonText(const std::string& s)
+void Print(const Json& json)
 {
-    std::string out = "\"";
-    for (const char c : s) {
-        if (c == '"' || c == '\\')
-            out += '\\';
-        if (static_cast<unsigned char>(c) < 32)
-            out += fmt::format("\\u{:04x}", c);
-        else
-            out += c;
-    }
-    return out + '"';
-}
-
-std::string UtcNow(std::chrono::system_clock::time_point t)
-{
-    const auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(t.time_since_epoch()).count() % 1000;
-    return fmt::format("{:%Y-%m-%dT%H:%M:%S}.{:03}", fmt::gmtime(std::chrono::system_clock::to_time_t(t)), ms);
-}
-
-const char* TypeText(IMG_TYPE type)
-{
-    switch (type) {
-    case IMG_RAW8: return "raw8";
-    case IMG_RGB24: return "rgb24";
-    case IMG_RAW16: return "raw16";
-    case IMG_Y8: return "y8";
-    default: return "?";
-    }
-}
-
-const char* PatternText(BayerPattern pattern)
-{
-    static constexpr const char* names[] = { "RGGB", "BGGR", "GRBG", "GBRG" };
-    return names[pattern & 3];
+    fmt::print("{}\n", json.dump(2, ' ', false, Json::error_handler_t::replace));
 }
 
 Progress::Progress(std::string label) : m_sLabel(std::move(label)), m_bTerminal(kovtools::IsTerminal(stderr)) {}

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "KOVCamera2.h"
+#include "common/Frame.h"
 
 class CCameraBase;
 
@@ -21,7 +22,6 @@ public:
     int iExit;
 };
 
-const char* ErrorName(KOV_ERROR_CODE code);
 // Throws a UserError that names the call and what to do when the code is no success.
 void Check(KOV_ERROR_CODE code, const std::string& what);
 
@@ -31,8 +31,10 @@ extern const std::vector<ControlName> g_Controls;
 KOV_CONTROL_TYPE ParseControl(const std::string& name);
 const char* NameOf(KOV_CONTROL_TYPE type);
 
-// "2.5s", "10ms", "500us", "2m"; a bare number is microseconds.
-int64_t ParseExposure(const std::string& text);
+// kovtools::ParseDuration with its complaint as a UserError.
+std::chrono::microseconds ParseTime(const std::string& text);
+double ParseSeconds(const std::string& text);
+int32_t ParseExposure(const std::string& text);  // in the library's microseconds; at most what those hold
 std::string ExposureText(int64_t us);
 
 // How a picture is to be taken. A negative number or an empty text leaves the camera's own setting.
@@ -42,12 +44,14 @@ struct PictureOptions {
     std::string sRegion;   // "WxH" or "WxH+X+Y", output pixels
     std::string sFormat;   // raw8, raw16, rgb24, y8; empty: the command's choice
     std::string sDark;     // BMP file
-    bool bAutoExposure = false, bAutoGain = false, bAutoBalance = false, bTimeMark = false;
+    bool bAutoExposure = false, bAutoGain = false, bAutoBalance = false, bTimeMark = false, bDefaults = false;
     std::optional<bool> bHardwareBin, bHighSpeed;
     int iWB_R = -1, iWB_B = -1;
     std::optional<int> iCool;  // target of the cooler, degrees
 
-    void AddTo(CLI::App& app);
+    // What a command takes, so that its help lists nothing else.
+    enum Group : unsigned { Exposure = 1, Cooler = 2, Geometry = 4, Format = 8, Automation = 16, Finish = 32 };
+    void AddTo(CLI::App& app, unsigned groups);
 };
 
 // Index of the camera that a user means: "" for the only one, an index, or a part of a name.
@@ -85,7 +89,14 @@ public:
     int32_t Get(KOV_CONTROL_TYPE type, bool* pAuto = nullptr) const;
     void Set(KOV_CONTROL_TYPE type, int32_t value, bool automatic = false);
     void Apply(const PictureOptions& o, IMG_TYPE defaultType);
+    void SetDefaults();   // of every control that can be written
     void KeepSettings();  // stores the controls as the end of a capture does
+    std::vector<KOV_CONTROL_CAPS> Controls() const;
+    // The control's limits; a control that the camera lacks is a UserError with the list of those that it has.
+    KOV_CONTROL_CAPS Caps(KOV_CONTROL_TYPE type) const;
+    // Controls whose value is not the default, or that the camera regulates itself; read-only ones left out.
+    struct Deviation { std::string name; int32_t value, standard; bool automatic; };
+    std::vector<Deviation> Deviations() const;
 
     // The format in force.
     int Width() const { return m_iWidth; }
@@ -93,8 +104,6 @@ public:
     int Bin() const { return m_iBin; }
     IMG_TYPE Type() const { return m_Type; }
     int ImageBytes() const;
-    // Cell order of the delivered mosaic, flips counted in.
-    BayerPattern Pattern() const;
 
 private:
     int m_iId = -1;
@@ -111,11 +120,6 @@ KOV_CAMERA_INFO InfoOf(int index);
 // Set by Ctrl-C: long work stops soon, captures are stopped and cameras closed.
 bool Interrupted();
 void CatchInterrupts();
-
-std::string JsonText(const std::string& s);  // with quotes
-std::string UtcNow(std::chrono::system_clock::time_point t);  // 2026-11-24T20:15:30.123
-const char* TypeText(IMG_TYPE type);
-const char* PatternText(BayerPattern pattern);                // "RGGB"
 
 // A line that is redrawn on a terminal; elsewhere a line now and then.
 class Progress {

@@ -7,30 +7,13 @@
 
 namespace kovcam {
 
-Picture Describe(const Camera& cam, const std::string& imageType)
+Picture Describe(const Camera& cam)
 {
     Picture p;
-    p.iWidth = cam.Width();
-    p.iHeight = cam.Height();
-    p.type = cam.Type();
-    p.bColor = cam.Info().IsColorCam != KOV_FALSE;
-    p.pattern = cam.Pattern();
-    p.sCamera = cam.Info().Name;
-    p.sImageType = imageType;
-    p.dExposure = cam.Get(CTRL_EXPOSURE) / 1e6;
-    p.iGain = cam.Get(CTRL_GAIN);
-    p.iOffset = cam.Get(CTRL_BRIGHTNESS);
-    p.iBin = cam.Bin();
-    p.dElecPerADU = cam.Info().ElecPerADU;
-    p.dPixelUm = cam.Info().PixelSize;
-    if (cam.Has(CTRL_TEMPERATURE)) {
-        p.bHasTemp = true;
-        p.dTemp = cam.Get(CTRL_TEMPERATURE) / 10.0;
-    }
-    if (cam.Info().IsCooled && cam.Get(CTRL_COOLER_ON) != 0) {
-        p.bHasTarget = true;
-        p.dTarget = cam.Get(CTRL_TARGET_TEMP);
-    }
+    if (cam.Has(CTRL_TEMPERATURE))
+        cam.Get(CTRL_TEMPERATURE);  // waits until it is known
+    p.state = kovtools::ReadCameraState(cam.Id());
+    p.data.resize(p.View().Bytes());
     return p;
 }
 
@@ -38,8 +21,8 @@ constexpr double SHORT_EXPOSURE = 1, PATIENCE = 30;  // s
 
 bool TakeSnap(Camera& cam, Picture& p, const std::string& label)
 {
-    const double exposure = p.dExposure;
-    p.start = std::chrono::system_clock::now();
+    const double exposure = p.state.exposure;
+    p.times.start = std::chrono::system_clock::now();
     const Stopwatch watch;
     Check(KOVStartExposure(cam.Id()), "starting the exposure");
     Progress progress(label);
@@ -64,10 +47,9 @@ bool TakeSnap(Camera& cam, Picture& p, const std::string& label)
         std::this_thread::sleep_for(std::chrono::milliseconds(exposure > 1 ? 20 : 2));
     }
     progress.End();
-    p.end = p.start + std::chrono::duration_cast<std::chrono::system_clock::duration>(std::chrono::duration<double>(exposure));
+    p.times.end = p.times.start + std::chrono::duration_cast<std::chrono::system_clock::duration>(std::chrono::duration<double>(exposure));
     if (status != EXP_SUCCESS)
         return false;
-    p.data.resize(static_cast<size_t>(cam.ImageBytes()));
     Check(KOVGetDataAfterExp(cam.Id(), p.data.data(), static_cast<int32_t>(p.data.size())), "reading the image");
     return true;
 }
@@ -76,7 +58,6 @@ VideoResult RunVideo(Camera& cam, const std::function<bool(Picture&)>& onFrame)
 {
     VideoResult r;
     Picture p = Describe(cam);
-    p.data.resize(static_cast<size_t>(cam.ImageBytes()));
     // Stops capture whatever happens.
     struct Running {
         int iId;
@@ -84,7 +65,7 @@ VideoResult RunVideo(Camera& cam, const std::function<bool(Picture&)>& onFrame)
         ~Running() { KOVStopVideoCapture(iId); }
     } running(cam.Id());
     const Stopwatch watch;
-    int iInARow = 0;
+    int inARow = 0;
     while (!Interrupted()) {
         const int32_t exposureMs = cam.Get(CTRL_EXPOSURE) / 1000;
         // Short waits, so that Ctrl-C is noticed during long frames.
@@ -96,24 +77,27 @@ VideoResult RunVideo(Camera& cam, const std::function<bool(Picture&)>& onFrame)
             break;
         int32_t dropped = 0;
         KOVGetDroppedFrames(cam.Id(), &dropped);
-        r.iDropped = std::max(r.iDropped, dropped);
+        r.dropped = std::max(r.dropped, dropped);
         if (code == KOV_ERROR_TIMEOUT) {
-            ++r.iTimeouts;
-            if (++iInARow == 3)
-                throw UserError(fmt::format("video: {}", ErrorName(code)), 4);
+            ++r.timeouts;
+            if (++inARow == 3)
+                throw UserError(fmt::format("video: {}", kovtools::ErrorText(code)), 4);
             continue;
         }
         Check(code, "video");
-        iInARow = 0;
-        p.end = std::chrono::system_clock::now();
-        p.dExposure = cam.Get(CTRL_EXPOSURE) / 1e6;
-        p.start = p.end - std::chrono::microseconds(cam.Get(CTRL_EXPOSURE));
-        ++r.iFrames;
-        r.dSeconds = watch.Seconds();
+        inARow = 0;
+        p.arrival = kovtools::FrameClock::Steady::now();
+        p.dropped = r.dropped;
+        const std::chrono::microseconds exposure(cam.Get(CTRL_EXPOSURE));
+        p.state.exposure = static_cast<double>(exposure.count()) / 1e6;
+        p.times.end = std::chrono::system_clock::now();
+        p.times.start = p.times.end - exposure;
+        ++r.frames;
+        r.seconds = watch.Seconds();
         if (!onFrame(p))
             break;
     }
-    r.dSeconds = watch.Seconds();
+    r.seconds = watch.Seconds();
     return r;
 }
 

@@ -6,8 +6,8 @@
 namespace kovcam {
 
 struct Globals {
-    std::string sCamera;
-    bool bJson = false;
+    std::string camera;
+    bool json = false;
 };
 
 // list, info, controls, get, set

@@ -8,6 +8,7 @@
 #include "kovcam/Capture.h"
 #include "kovcam/Commands.h"
 #include "kovcam/Cooling.h"
+#include "kovcam/Json.h"
 
 namespace kovcam {
 
@@ -69,7 +70,7 @@ namespace {
 
 struct CoolOptions {
     std::optional<int> iTarget;
-    double dMinutes = 0;
+    std::string sFor;
     bool bUntilStable = false, bOff = false;
     std::string sPlot;
 };
@@ -95,7 +96,7 @@ void PlotCooler(const std::string& path, const std::string& camera, int target, 
 
 void Cool(const Globals& g, const CoolOptions& o)
 {
-    Camera cam(g.sCamera);
+    Camera cam(g.camera);
     if (o.bOff) {
         if (!cam.Info().IsCooled)
             throw UserError(fmt::format("{} has no cooler", cam.Info().Name), 2);
@@ -104,20 +105,21 @@ void Cool(const Globals& g, const CoolOptions& o)
         return;
     }
     const int target = *o.iTarget;
+    const double limit = o.sFor.empty() ? 0 : ParseSeconds(o.sFor);
     StartCooler(cam, target);
     Progress progress("cooling");
     const auto samples = WatchCooler(cam, [&](const std::vector<CoolSample>& s) {
-        progress.Show(o.dMinutes > 0 ? s.back().dSeconds / 60 / o.dMinutes : -1, Live(s.back(), target));
-        return (o.dMinutes <= 0 || s.back().dSeconds < 60 * o.dMinutes) && !(o.bUntilStable && IsStable(s, target));
+        progress.Show(limit > 0 ? s.back().dSeconds / limit : -1, Live(s.back(), target));
+        return (limit <= 0 || s.back().dSeconds < limit) && !(o.bUntilStable && IsStable(s, target));
     });
     progress.End();
     const bool bStable = IsStable(samples, target);
     const CoolSample& last = samples.back();
     if (!o.sPlot.empty())
         PlotCooler(o.sPlot, cam.Info().Name, target, samples);
-    if (g.bJson) {
-        fmt::print("{{\"seconds\": {:.1f}, \"temperature\": {}, \"target\": {}, \"power\": {}, \"stable\": {}}}\n", last.dSeconds,
-                   last.dCelsius, target, last.dPower, bStable);
+    if (g.json) {
+        Print({ { "seconds", last.dSeconds }, { "temperature", last.dCelsius }, { "target", target }, { "power", last.dPower },
+                { "stable", bStable } });
     } else {
         if (!o.sPlot.empty())
             fmt::print("{}\n", o.sPlot);
@@ -133,7 +135,8 @@ void Cool(const Globals& g, const CoolOptions& o)
 
 struct AutoOptions {
     PictureOptions picture;
-    int iFrames = 300, iTarget = -1, iMaxGain = -1, iMaxExposure = -1;
+    int iFrames = 300, iTarget = -1, iMaxGain = -1;
+    std::string sMaxExposure;
     bool bKeepGain = false;
     std::string sPlot;
 };
@@ -153,17 +156,18 @@ size_t SettledAt(const std::vector<AutoStep>& s, size_t quiet)
 
 void AutoExposure(const Globals& g, AutoOptions o)
 {
-    Camera cam(g.sCamera);
+    Camera cam(g.camera);
     o.picture.bAutoExposure = true;
     o.picture.bAutoGain = !o.bKeepGain;
-    if (!cam.Info().SupportedBins[0])
-        throw UserError("the camera tells no format", 4);
+    if (o.picture.bDefaults)
+        cam.SetDefaults();  // before the three that are no option of a picture
+    o.picture.bDefaults = false;
     if (o.iTarget >= 0)
         cam.Set(CTRL_AUTOEXP_MAX_BRIGHTNESS, o.iTarget);
     if (o.iMaxGain >= 0)
         cam.Set(CTRL_AUTOEXP_MAX_GAIN, o.iMaxGain);
-    if (o.iMaxExposure >= 0)
-        cam.Set(CTRL_AUTOEXP_MAX_EXP, o.iMaxExposure);
+    if (!o.sMaxExposure.empty())
+        cam.Set(CTRL_AUTOEXP_MAX_EXP, std::max(1, ParseExposure(o.sMaxExposure) / 1000000));
     cam.Apply(o.picture, IMG_RAW8);
     if (cam.Type() == IMG_RAW16)
         throw UserError("the brightness is shown for 8-bit formats; leave --format raw16 out", 2);
@@ -206,12 +210,12 @@ void AutoExposure(const Globals& g, AutoOptions o)
         p.bLogLeft = true;
         kovtools::Plot(p, { goal, gain, b, e }).Save(o.sPlot);
     }
-    if (g.bJson) {
-        std::string list;
+    if (g.json) {
+        Json list = Json::array();
         for (const AutoStep& s : steps)
-            list += fmt::format("{}[{:.3f}, {}, {}, {:.2f}]", list.empty() ? "" : ", ", s.dSeconds, s.iExposure, s.iGain, s.dMean);
-        fmt::print("{{\"settled\": {}, \"frames\": {}, \"exposure\": {}, \"gain\": {}, \"brightness\": {:.2f}, \"target\": {}, "
-                   "\"steps\": [{}]}}\n", bSettled, n, last.iExposure, last.iGain, last.dMean, target, list);
+            list.push_back({ s.dSeconds, s.iExposure, s.iGain, s.dMean });
+        Print({ { "settled", bSettled }, { "frames", n }, { "exposure", last.iExposure }, { "gain", last.iGain },
+                { "brightness", last.dMean }, { "target", target }, { "steps", list } });
     } else {
         if (!o.sPlot.empty())
             fmt::print("{}\n", o.sPlot);
@@ -240,7 +244,7 @@ void AddCoolCommands(CLI::App& app, Globals& g)
     auto* pCool = app.add_subcommand("cool", "Cool the sensor and show temperature and power; Ctrl-C ends it");
     auto c = std::make_shared<CoolOptions>();
     auto* pTo = pCool->add_option("--to", c->iTarget, "Target, whole degrees Celsius")->check(CLI::Range(-80, 50));
-    pCool->add_option("--minutes", c->dMinutes, "End after that time")->check(CLI::PositiveNumber);
+    pCool->add_option("--for", c->sFor, "End after that time, such as 10m");
     pCool->add_flag("--until-stable", c->bUntilStable, "End when the temperature has stayed near the target for a minute");
     pCool->add_option("--plot", c->sPlot, "Draw temperature and power into this PNG");
     auto* pOff = pCool->add_flag("--off", c->bOff, "Switch the cooler off")->excludes(pTo);
@@ -252,11 +256,11 @@ void AddCoolCommands(CLI::App& app, Globals& g)
 
     auto* pAuto = app.add_subcommand("autoexposure", "Let the camera find exposure and gain, and show the course");
     auto a = std::make_shared<AutoOptions>();
-    a->picture.AddTo(*pAuto);
+    a->picture.AddTo(*pAuto, PictureOptions::Exposure | PictureOptions::Geometry | PictureOptions::Format);
     pAuto->add_option("-n,--frames", a->iFrames, "Give up after that many frames")->check(CLI::PositiveNumber)->capture_default_str();
     pAuto->add_option("--target", a->iTarget, "Brightness to reach")->check(CLI::Range(0, 255));
     pAuto->add_option("--max-gain", a->iMaxGain, "Highest gain");
-    pAuto->add_option("--max-exposure", a->iMaxExposure, "Longest exposure, seconds");
+    pAuto->add_option("--max-exposure", a->sMaxExposure, "Longest exposure, whole seconds, such as 2s");
     pAuto->add_flag("--keep-gain", a->bKeepGain, "Move the exposure alone");
     pAuto->add_option("--plot", a->sPlot, "Draw the course into this PNG");
     pAuto->callback([&g, a] { AutoExposure(g, *a); });

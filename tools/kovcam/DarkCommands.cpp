@@ -5,11 +5,12 @@
 #include <filesystem>
 #include <thread>
 
-#include "common/Host.h"
+#include "common/Files.h"
 #include "core/CCameraBase.h"
 #include "kovcam/Capture.h"
 #include "kovcam/Commands.h"
 #include "kovcam/Cooling.h"
+#include "kovcam/Json.h"
 
 namespace kovcam {
 
@@ -20,16 +21,12 @@ namespace {
 // What the collection of dark frames needs: 8 bits of the whole sensor.
 void ApplyWhole(Camera& cam, const PictureOptions& o)
 {
-    if (o.iBin != 1 || !o.sRegion.empty() || !(o.sFormat.empty() || o.sFormat == "raw8"))
-        throw UserError("dark frames are collected on the whole sensor in raw8; leave --bin, --region and --format out", 2);
-    if (o.bAutoExposure || o.bAutoGain || !o.sDark.empty())
-        throw UserError("the exposure of a dark frame is fixed; leave the auto modes and --dark out", 2);
     PictureOptions fixed = o;
     fixed.bHardwareBin = false;
     if (!cam.Has(CTRL_HARDWARE_BIN))
         fixed.bHardwareBin.reset();
     if (fixed.sExposure.empty())
-        fixed.sExposure = std::to_string(cam.Get(CTRL_EXPOSURE));  // ends an auto mode of an earlier run
+        fixed.sExposure = std::to_string(cam.Get(CTRL_EXPOSURE)) + "us";  // ends an auto mode of an earlier run
     if (fixed.iGain < 0)
         fixed.iGain = cam.Get(CTRL_GAIN);
     cam.Apply(fixed, IMG_RAW8);
@@ -73,31 +70,33 @@ void Dark(const Globals& g, const DarkOptions& o)
     const std::string path = kovtools::AbsolutePath(o.sOut);
     if (path.size() > 255)
         throw UserError(fmt::format("the path is too long for the camera's settings: {}", path), 2);
-    Camera cam(g.sCamera);
+    Camera cam(g.camera);
     ApplyWhole(cam, o.picture);
     if (!Collect(cam))
         throw UserError("interrupted; nothing was written", 130);
     CCameraBase& object = cam.Object();
+    kovtools::WholeFile whole(path);
     std::error_code ec;
-    fs::remove(kovtools::PathOf(path), ec);
-    object.SaveBMPToFile(path.c_str());  // tells success in any case
+    fs::remove(kovtools::PathOf(whole.Temporary()), ec);
+    object.SaveBMPToFile(whole.Temporary().c_str());  // tells success in any case
     const auto pixels = static_cast<uintmax_t>(cam.Info().MaxWidth) * static_cast<uintmax_t>(cam.Info().MaxHeight);
-    if (fs::file_size(kovtools::PathOf(path), ec) < pixels || ec)
-        throw UserError(fmt::format("cannot write {}. Is the folder there and writable, and the disk not full?", path));
+    if (fs::file_size(kovtools::PathOf(whole.Temporary()), ec) < pixels || ec)
+        kovtools::FailToWrite(o.sOut);
+    whole.Commit();
     int inDark = 0, inTable = 0;
     object.GetHPSum(&inDark, &inTable);
     const double mean = MeanOfDark(object);
     const std::string exposure = ExposureText(cam.Get(CTRL_EXPOSURE));
-    if (g.bJson) {
-        fmt::print("{{\"file\": {}, \"frames\": {}, \"exposure\": {}, \"gain\": {}, \"mean\": {:.3f}, \"standOut\": {}}}\n",
-                   JsonText(o.sOut), object.m_iDarkNum.Get(), cam.Get(CTRL_EXPOSURE) / 1e6, cam.Get(CTRL_GAIN), mean, inDark);
+    if (g.json) {
+        Print({ { "file", o.sOut }, { "frames", object.m_iDarkNum.Get() }, { "exposure", cam.Get(CTRL_EXPOSURE) / 1e6 },
+                { "gain", cam.Get(CTRL_GAIN) }, { "mean", mean }, { "standOut", inDark } });
         return;
     }
     fmt::print("{}\n", o.sOut);
     fmt::print("mean of {} frames of {}, gain {}: {:.2f} of 255\n", object.m_iDarkNum.Get(), exposure, cam.Get(CTRL_GAIN), mean);
     fmt::print("{} pixels stand out by 31 or more, {} of a million\n", inDark,
                static_cast<int64_t>(inDark) * 1000000 / static_cast<int64_t>(pixels));
-    fmt::print("use it: kovcam snap --format raw8 -e {} --dark {}\n", cam.Get(CTRL_EXPOSURE), o.sOut);
+    fmt::print("use it: kovcam snap --format raw8 -e {}us --dark {}\n", cam.Get(CTRL_EXPOSURE), o.sOut);
     if (mean > 80)
         fmt::print(stderr, "that is bright for a dark frame: is the cap on?\n");
 }
@@ -112,8 +111,8 @@ unsigned long TableSize(Camera& cam)
 void TellTable(const Globals& g, Camera& cam)
 {
     const bool on = cam.Object().IsHPCEnable();
-    if (g.bJson)
-        fmt::print("{{\"on\": {}, \"pixels\": {}}}\n", on, on ? TableSize(cam) : 0);
+    if (g.json)
+        Print({ { "on", on }, { "pixels", on ? TableSize(cam) : 0 } });
     else if (on)
         fmt::print("the repair is on; the table in the camera lists {} pixels\n", TableSize(cam));
     else
@@ -130,14 +129,15 @@ void LoadTable(Camera& cam)
 struct SearchOptions {
     PictureOptions picture;
     int iMin = 50, iMax = 500;
-    double dMinutes = 10;
+    std::string sFor = "10m";
 };
 
 void Search(const Globals& g, const SearchOptions& o)
 {
     if (o.iMin >= o.iMax)
         throw UserError("--min has to be below --max", 2);
-    Camera cam(g.sCamera);
+    const double limit = ParseSeconds(o.sFor);
+    Camera cam(g.camera);
     ApplyWhole(cam, o.picture);
     CCameraBase& object = cam.Object();
     std::vector<uint8_t> buffer(static_cast<size_t>(cam.ImageBytes()));
@@ -155,7 +155,7 @@ void Search(const Globals& g, const SearchOptions& o)
     const double start = cam.Get(CTRL_EXPOSURE) / 1e6;
     while (!bOver) {
         const double exposure = object.GetExp(&automatic) / 1e6;
-        bLate = bLate || watch.Seconds() > 60 * o.dMinutes;
+        bLate = bLate || watch.Seconds() > limit;
         // A step below zero wraps around and ends at the longest exposure, from where the search does not come back.
         bAway = bAway || exposure > std::max(60.0, 100 * start);
         if ((Interrupted() || bLate || bAway) && !bStopped) {
@@ -180,15 +180,15 @@ void Search(const Globals& g, const SearchOptions& o)
         throw UserError(fmt::format("more than {} pixels stand out at every exposure that was tried, and the search left its range."
                                     " Begin with a longer exposure and a lower gain, or raise --max", o.iMax), 4);
     if (!ok && bLate)
-        throw UserError(fmt::format("no exposure with {} to {} hot pixels within {} minutes. Is the cap on? Widen the range,"
-                                    " or begin with another exposure or gain", o.iMin, o.iMax, o.dMinutes), 4);
+        throw UserError(fmt::format("no exposure with {} to {} hot pixels within {}. Is the cap on? Widen the range,"
+                                    " or begin with another exposure or gain", o.iMin, o.iMax, o.sFor), 4);
     if (!ok)
         throw UserError("the table could not be saved in the camera's flash", 4);
     LoadTable(cam);
     cam.KeepSettings();
     const uint32_t exposure = object.GetExp(&automatic);
-    if (g.bJson)
-        fmt::print("{{\"found\": {}, \"exposure\": {}}}\n", found, exposure / 1e6);
+    if (g.json)
+        Print({ { "found", found }, { "exposure", exposure / 1e6 } });
     else
         fmt::print("{} hot pixels found at {}; the table is in the camera and the repair is on\n", found, ExposureText(exposure));
 }
@@ -200,7 +200,7 @@ struct CountOptions {
 
 void Count(const Globals& g, const CountOptions& o)
 {
-    Camera cam(g.sCamera);
+    Camera cam(g.camera);
     ApplyWhole(cam, o.picture);
     CCameraBase& object = cam.Object();
     int count = 0;
@@ -237,8 +237,8 @@ void Count(const Globals& g, const CountOptions& o)
         LoadTable(cam);
         cam.KeepSettings();
     }
-    if (g.bJson)
-        fmt::print("{{\"count\": {}, \"exposure\": {}, \"saved\": {}}}\n", count, cam.Get(CTRL_EXPOSURE) / 1e6, o.bSave);
+    if (g.json)
+        Print({ { "count", count }, { "exposure", cam.Get(CTRL_EXPOSURE) / 1e6 }, { "saved", o.bSave } });
     else
         fmt::print("{} pixels stand out at {}, gain {}{}\n", count, ExposureText(cam.Get(CTRL_EXPOSURE)), cam.Get(CTRL_GAIN),
                    o.bSave ? "; the table is in the camera and the repair is on" : "; --save keeps them in the camera");
@@ -246,7 +246,7 @@ void Count(const Globals& g, const CountOptions& o)
 
 void SaveFrom(const Globals& g, const std::string& dark)
 {
-    Camera cam(g.sCamera);
+    Camera cam(g.camera);
     KOV_BOOL on = KOV_TRUE;
     Check(KOVEnableDarkSubtract(cam.Id(), kovtools::AbsolutePath(dark).c_str(), &on), fmt::format("dark frame {}", dark));
     int ignored = 0;
@@ -264,38 +264,38 @@ void AddDarkCommands(CLI::App& app, Globals& g)
 {
     auto* pDark = app.add_subcommand("dark", "Take a dark frame, cap on; writes a BMP for --dark of snap and video");
     auto d = std::make_shared<DarkOptions>();
-    d->picture.AddTo(*pDark);
+    d->picture.AddTo(*pDark, PictureOptions::Exposure | PictureOptions::Cooler);
     pDark->add_option("-o,--out", d->sOut, "BMP to write")->capture_default_str();
     pDark->callback([&g, d] { Dark(g, *d); });
 
     auto* pHot = app.add_subcommand("hotpixels", "The table of hot pixels that the camera keeps in its flash");
     pHot->require_subcommand(1);
     pHot->add_subcommand("status", "Whether the repair is on, and how many pixels the table lists")->callback([&g] {
-        Camera cam(g.sCamera);
+        Camera cam(g.camera);
         TellTable(g, cam);
     });
     pHot->add_subcommand("load", "Load the table and switch the repair on")->callback([&g] {
-        Camera cam(g.sCamera);
+        Camera cam(g.camera);
         LoadTable(cam);
         cam.KeepSettings();
         TellTable(g, cam);
     });
     pHot->add_subcommand("off", "Switch the repair off; the table stays in the camera")->callback([&g] {
-        Camera cam(g.sCamera);
+        Camera cam(g.camera);
         cam.Object().ChangeHPCStatus(HPC_OFF, nullptr);
         cam.KeepSettings();
         TellTable(g, cam);
     });
     auto* pSearch = pHot->add_subcommand("search", "Cap on: find an exposure that shows so many hot pixels, and keep the table");
     auto s = std::make_shared<SearchOptions>();
-    s->picture.AddTo(*pSearch);
+    s->picture.AddTo(*pSearch, PictureOptions::Exposure | PictureOptions::Cooler);
     pSearch->add_option("--min", s->iMin, "Fewest")->check(CLI::NonNegativeNumber)->capture_default_str();
     pSearch->add_option("--max", s->iMax, "Most")->check(CLI::PositiveNumber)->capture_default_str();
-    pSearch->add_option("--minutes", s->dMinutes, "Give up after that time")->check(CLI::PositiveNumber)->capture_default_str();
+    pSearch->add_option("--for", s->sFor, "Give up after that time")->capture_default_str();
     pSearch->callback([&g, s] { Search(g, *s); });
     auto* pCount = pHot->add_subcommand("count", "Cap on: count the hot pixels at the exposure that is given");
     auto c = std::make_shared<CountOptions>();
-    c->picture.AddTo(*pCount);
+    c->picture.AddTo(*pCount, PictureOptions::Exposure | PictureOptions::Cooler);
     pCount->add_flag("--save", c->bSave, "Keep them in the camera as its table");
     pCount->callback([&g, c] { Count(g, *c); });
     auto* pSave = pHot->add_subcommand("save", "Keep the hot pixels of a dark frame in the camera as its table");

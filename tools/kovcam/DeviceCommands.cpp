@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cmath>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -9,10 +10,12 @@
 #include <iterator>
 
 #include "FirmwareData.h"
+#include "common/Files.h"
 #include "common/Host.h"
 #include "core/CCameraBase.h"
 #include "kovcam/Camera.h"
 #include "kovcam/Commands.h"
+#include "kovcam/Json.h"
 
 namespace kovcam {
 
@@ -20,22 +23,17 @@ namespace {
 
 void Guide(const Globals& g, int direction, const std::string& what)
 {
-    Camera cam(g.sCamera);
+    Camera cam(g.camera);
     const auto pin = static_cast<KOV_GUIDE_DIRECTION>(direction);
     if (what == "on" || what == "off") {
         Check(what == "on" ? KOVPulseGuideOn(cam.Id(), pin) : KOVPulseGuideOff(cam.Id(), pin), "guiding");
-        if (!g.bJson)
+        if (!g.json)
             fmt::print("pin {} is {}{}\n", direction, what, what == "on" ? "; it stays so until 'off' or the next power cycle" : "");
         return;
     }
-    double ms = 0;
-    size_t used = 0;
-    try {
-        ms = std::stod(what, &used);
-    } catch (const std::exception&) {
-    }
-    if (used != what.size() || ms <= 0 || ms > 600000)
-        throw UserError(fmt::format("'{}' is no pulse; give milliseconds up to 600000, or on or off", what), 2);
+    const double seconds = ParseSeconds(what);
+    if (seconds <= 0 || seconds > 600)
+        throw UserError(fmt::format("'{}' is no pulse; give a time up to 10m, such as 500ms, or on or off", what), 2);
     // The pin is released also when Ctrl-C ends the pulse early.
     struct Pulse {
         int iId;
@@ -47,15 +45,15 @@ void Guide(const Globals& g, int direction, const std::string& what)
         const Pulse pulse(cam.Id(), pin);
         Progress progress(fmt::format("pin {}", direction));
         const Stopwatch watch;
-        while (watch.Seconds() * 1000 < ms && !Interrupted()) {
-            progress.Show(watch.Seconds() * 1000 / ms, fmt::format("{:.1f} of {:.1f} s", watch.Seconds(), ms / 1000));
-            Sleep(std::min(0.1, ms / 1000 - watch.Seconds()));
+        while (watch.Seconds() < seconds && !Interrupted()) {
+            progress.Show(watch.Seconds() / seconds, fmt::format("{:.1f} of {:.1f} s", watch.Seconds(), seconds));
+            Sleep(std::min(0.1, seconds - watch.Seconds()));
         }
     }
     if (Interrupted())
         throw UserError("interrupted; the pin is released", 130);
-    if (!g.bJson)
-        fmt::print("pin {} for {:g} ms\n", direction, ms);
+    if (!g.json)
+        fmt::print("pin {} for {}\n", direction, ExposureText(std::llround(seconds * 1e6)));
 }
 
 std::string HexOf(const KOV_ID& id)
@@ -81,8 +79,8 @@ void TellId(const Globals& g, Camera& cam)
     if (code == KOV_ERROR_GENERAL)
         throw UserError("the camera holds no ID. Store one of up to 8 characters: kovcam id set EAST", 4);
     Check(code, "ID");
-    if (g.bJson)
-        fmt::print("{{\"text\": {}, \"hex\": \"{}\"}}\n", JsonText(TextOf(id)), HexOf(id));
+    if (g.json)
+        Print({ { "text", TextOf(id) }, { "hex", HexOf(id) } });
     else
         fmt::print("{}\n", TextOf(id).empty() ? "hex " + HexOf(id) : TextOf(id));
 }
@@ -158,8 +156,8 @@ void TellVersions(const Globals& g, Camera& cam, const Updatable* u)
         throw UserError("the camera does not tell its firmware version", 4);
     const bool bFpga = !u && object.m_bUSB3Camera && object.GetFPGAVer(&fpga, sub) && fpga != 0;
     const std::string update = u == nullptr ? "none" : firmware >= u->iNeeded ? "current" : "no image";
-    if (g.bJson) {
-        fmt::print("{{\"firmware\": {}, \"fpga\": {}, \"update\": \"{}\"}}\n", firmware, bFpga ? std::to_string(fpga) : "null", update);
+    if (g.json) {
+        Print({ { "firmware", firmware }, { "fpga", bFpga ? Json(fpga) : Json() }, { "update", update } });
         return;
     }
     fmt::print("{}\n  firmware      {}\n", cam.Info().Name, firmware);
@@ -217,7 +215,7 @@ void LoadFile(const Globals& g, const FirmwareOptions& o)
         fmt::print("nothing was written; add --write\n");
         return;
     }
-    Camera cam(g.sCamera);
+    Camera cam(g.camera);
     if (!cam.Object().m_bUSB3Camera)
         throw UserError(fmt::format("{} is a USB 2 camera; images of this kind are for USB 3 cameras", cam.Info().Name), 2);
     Confirm(o, "write");
@@ -231,15 +229,15 @@ void Firmware(const Globals& g, const FirmwareOptions& o)
 {
     if (!o.sFile.empty())
         return LoadFile(g, o);
-    const int iId = FindCamera(g.sCamera);
+    const int iId = FindCamera(g.camera);
     const KOV_CAMERA_INFO info = InfoOf(iId);
     const Updatable* u = FindUpdatable(info.Name);
     const bool bOpeningWrites = u != nullptr && CanUpdate(*u);
     // Listing a Cobalt already opens it: it comes in variants that only the open camera tells apart.
     if (bOpeningWrites && !o.bWrite && u->image != FirmwareId::CobaltCol) {
         // To ask for the version the camera would have to be opened, and that is what updates it.
-        if (g.bJson)
-            fmt::print("{{\"firmware\": null, \"fpga\": null, \"update\": \"when opened, below {}\"}}\n", u->iNeeded);
+        if (g.json)
+            Print({ { "firmware", nullptr }, { "fpga", nullptr }, { "update", fmt::format("when opened, below {}", u->iNeeded) } });
         else
             fmt::print("{}\n  update        this build carries {} ({} bytes). Opening the camera, with any program, writes it if the\n"
                        "                camera's version is below {}. Not opened now; to do it: kovcam firmware --write\n",
@@ -264,13 +262,13 @@ void AddDeviceCommands(CLI::App& app, Globals& g)
     auto what = std::make_shared<std::string>();
     pGuide->add_option("direction", *direction, "Pin, 0 to 3; which way it moves the mount depends on the wiring")
         ->required()->check(CLI::Range(0, 3));
-    pGuide->add_option("pulse", *what, "Milliseconds, or on, or off")->required();
+    pGuide->add_option("pulse", *what, "A time such as 500ms, or on, or off")->required();
     pGuide->callback([&g, direction, what] { Guide(g, *direction, *what); });
 
     auto* pId = app.add_subcommand("id", "The 8 bytes that the camera keeps to be told from others");
     pId->require_subcommand(1);
     pId->add_subcommand("get", "Show it")->callback([&g] {
-        Camera cam(g.sCamera);
+        Camera cam(g.camera);
         TellId(g, cam);
     });
     auto* pSet = pId->add_subcommand("set", "Store it in the camera's flash");
@@ -280,7 +278,7 @@ void AddDeviceCommands(CLI::App& app, Globals& g)
     pSet->add_flag("--hex", *hex, "Given as 16 hexadecimal digits");
     pSet->callback([&g, text, hex] {
         const KOV_ID id = ParseId(*text, *hex);
-        Camera cam(g.sCamera);
+        Camera cam(g.camera);
         Check(KOVSetID(cam.Id(), id), "storing the ID");
         TellId(g, cam);
     });

@@ -5,8 +5,35 @@
 #include <cstdio>
 
 #include "common/Host.h"
+#include "common/Text.h"
 #include "kovcam/Camera.h"
 #include "kovcam/Commands.h"
+
+namespace kovcam {
+
+// A word that is no command, told with those that come near; the parser would only miss one.
+static void CheckVerb(const CLI::App& app, const std::vector<std::string>& arguments)
+{
+    for (size_t i = 0; i < arguments.size(); ++i) {
+        const std::string& word = arguments[i];
+        if (word == "-c" || word == "--camera") {
+            ++i;
+            continue;
+        }
+        if (word.starts_with('-'))
+            continue;
+        std::vector<std::string> verbs;
+        for (const CLI::App* verb : app.get_subcommands([](const CLI::App*) { return true; }))
+            verbs.push_back(verb->get_name());
+        if (std::find(verbs.begin(), verbs.end(), word) != verbs.end())
+            return;
+        const std::vector<std::string> near = kovtools::Nearest(word, verbs);
+        throw UserError(fmt::format("unknown command '{}'. {}", word, near.empty() ? "Commands are: " + kovtools::Joined(verbs)
+                                                                              : "Did you mean " + kovtools::Joined(near, " or ") + "?"), 2);
+    }
+}
+
+}  // namespace kovcam
 
 int main(int argc, char** argv)
 {
@@ -16,8 +43,8 @@ int main(int argc, char** argv)
     app.require_subcommand(1);
     app.fallthrough();
     kovcam::Globals g;
-    app.add_option("-c,--camera", g.sCamera, "Camera: index, or a part of its name; needless with one camera");
-    app.add_flag("--json", g.bJson, "Output for scripts");
+    app.add_option("-c,--camera", g.camera, "Camera: index, or a part of its name; needless with one camera");
+    app.add_flag("--json", g.json, "Output for scripts");
     kovcam::AddControlCommands(app, g);
     kovcam::AddPictureCommands(app, g);
     kovcam::AddDarkCommands(app, g);
@@ -27,6 +54,7 @@ int main(int argc, char** argv)
     kovcam::CatchInterrupts();
     try {
         std::vector<std::string> arguments = kovtools::Arguments(argc, argv);
+        kovcam::CheckVerb(app, arguments);
         std::reverse(arguments.begin(), arguments.end());  // as the parser takes them
         app.parse(std::move(arguments));
     } catch (const CLI::ParseError& e) {

@@ -8,18 +8,21 @@
 #include <memory>
 #include <stdexcept>
 
+#include "common/Files.h"
+
 namespace kovtools {
 
 void WritePngFile(const std::string& path, int width, int height, int channels, const uint8_t* pixels)
 {
-    const std::unique_ptr<FILE, int (*)(FILE*)> file(std::fopen(path.c_str(), "wb"), &std::fclose);
+    WholeFile whole(path);
+    std::unique_ptr<FILE, int (*)(FILE*)> file(std::fopen(whole.Temporary().c_str(), "wb"), &std::fclose);
     if (file == nullptr)
-        throw std::runtime_error("cannot write " + path + ": " + std::strerror(errno));
+        FailToWrite(path, std::strerror(errno));
     png_structp png = png_create_write_struct(PNG_LIBPNG_VER_STRING, nullptr, nullptr, nullptr);
     png_infop info = png_create_info_struct(png);
     if (setjmp(png_jmpbuf(png))) {
         png_destroy_write_struct(&png, &info);
-        throw std::runtime_error("cannot write " + path + ": is the disk full?");
+        FailToWrite(path);
     }
     png_init_io(png, file.get());
     png_set_compression_level(png, 3);
@@ -32,6 +35,9 @@ void WritePngFile(const std::string& path, int width, int height, int channels, 
         png_write_row(png, pixels + pitch * static_cast<size_t>(y));
     png_write_end(png, nullptr);
     png_destroy_write_struct(&png, &info);
+    if (std::fclose(file.release()) != 0)  // where a full disk shows at the latest
+        FailToWrite(path, std::strerror(errno));
+    whole.Commit();
 }
 
 std::vector<uint8_t> ReadPngFile(const std::string& path, int* width, int* height)

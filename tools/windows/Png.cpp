@@ -3,9 +3,10 @@
 
 #include <zlib.h>
 
-#include <filesystem>
 #include <fstream>
 #include <stdexcept>
+
+#include "common/Files.h"
 
 namespace kovtools {
 
@@ -52,14 +53,16 @@ void WritePngFile(const std::string& path, int width, int height, int channels, 
     Put32(head, static_cast<size_t>(width));
     Put32(head, static_cast<size_t>(height));
     head.insert(head.end(), { 8, static_cast<uint8_t>(channels == 3 ? 2 : 0), 0, 0, 0 });
-    std::ofstream file(std::filesystem::u8path(path), std::ios::binary | std::ios::trunc);
+    WholeFile whole(path);
+    std::ofstream file(PathOf(whole.Temporary()), std::ios::binary | std::ios::trunc);
     file.write("\x89PNG\r\n\x1a\n", 8);
     Chunk(file, "IHDR", head.data(), head.size());
     Chunk(file, "IDAT", packed.data(), n);
     Chunk(file, "IEND", nullptr, 0);
     file.close();
     if (!file)
-        throw std::runtime_error("cannot write " + path + ". Is the folder there and writable, and the disk not full?");
+        FailToWrite(path);
+    whole.Commit();
 }
 
 std::vector<uint8_t> ReadPngFile(const std::string& path, int*, int*)

@@ -1,0 +1,27 @@
+// What keeps cameras from working on this machine, each finding with the command that mends it.
+#pragma once
+#include <filesystem>
+#include <string>
+#include <vector>
+
+namespace kovtools {
+
+struct Finding {
+    enum class Severity { Good, Note, Problem };
+    Severity severity = Severity::Good;
+    std::string check;    // what was looked at: "rule", "bus", "driver", "node", "holder", "link", "open", "memory", "settings"
+    std::string text;     // for people, may have several lines
+    std::string command;  // what to do, a command where there is one; empty where all is well
+};
+const char* SeverityText(Finding::Severity severity);  // "ok", "note", "PROBLEM"
+
+struct Examination {
+    // The system to look at; other than / only files are looked at, and no camera is opened.
+    std::filesystem::path root = "/";
+    // Opens each camera for a moment. A program that holds cameras itself leaves them out; nothing is enumerated then.
+    bool openCameras = true;
+};
+// Never throws for what it finds. Not while another thread enumerates, opens or closes cameras.
+std::vector<Finding> Examine(const Examination& examination = {});
+
+}  // namespace kovtools
