@@ -13,7 +13,8 @@ static void Put(FILE* f, uint32_t value, int bytes)
         fputc((int)(value & 255), f);
 }
 
-/* Rows from the bottom, each padded to four bytes, after a palette of 256 greys. */
+/* Rows padded to four bytes, after a palette of 256 greys. The library takes the first row of the file for the first of the
+ * sensor, so viewers show the file upside down. */
 static int WriteBmp(const char* path, const uint8_t* image, int32_t width, int32_t height)
 {
     FILE* f = fopen(path, "wb");
@@ -26,7 +27,7 @@ static int WriteBmp(const char* path, const uint8_t* image, int32_t width, int32
     Put(f, 0, 4), Put(f, bytes, 4), Put(f, 0, 4), Put(f, 0, 4), Put(f, 256, 4), Put(f, 0, 4);
     for (uint32_t grey = 0; grey < 256; ++grey)
         Put(f, grey * 0x010101u, 4);
-    for (int32_t y = height - 1; y >= 0; --y) {
+    for (int32_t y = 0; y < height; ++y) {
         fwrite(image + (size_t)y * (size_t)width, 1, (size_t)width, f);
         Put(f, 0, (int)(row - (uint32_t)width));
     }

@@ -4,7 +4,7 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 bin=$(realpath "$1")/tools
 shift
-all=(sky families hotpixels cooler autoexposure)
+all=(sky families hotpixels cooler autoexposure photon-transfer cooler-step)
 [ $# -gt 0 ] && all=("$@")
 out=$PWD/docs/pictures
 mkdir -p "$out"
@@ -61,6 +61,11 @@ autoexposure() {
     done
     "$bin/kovsheet" "$out/autoexposure.png" --columns 1 --tile 900x500 "${sheet[@]}"
 }
+
+# The worked examples of docs/python.md.
+example() { PYTHONPATH=${bin%/tools}/bindings/python /usr/bin/python3 "bindings/python/examples/$1.py" "$out/$2.png"; }
+photon-transfer() { example photon_transfer photon-transfer; }
+cooler-step() { example cooler_step cooler-step; }
 
 for picture in "${all[@]}"; do
     printf '\033[1m==> %s\033[0m\n' "$picture"
