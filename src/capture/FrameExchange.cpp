@@ -5,6 +5,8 @@
 #include <cstring>
 #include <mutex>
 #include <new>
+#include <utility>
+#include <vector>
 
 #include "platform/Pages.h"
 
@@ -27,32 +29,51 @@ private:
 struct FrameExchange::Impl {
     explicit Impl(uint32_t dwSlotBytes) : dwCapacity(dwSlotBytes)
     {
-        // Fresh pages cost nothing until a frame lands in them, and hold no foreign bytes.
-        for (auto& p : apSlots) {
-            const size_t bytes = std::max<size_t>(dwSlotBytes, 4);
-            p = platform::Pages<uint8_t>(static_cast<uint8_t*>(platform::AllocPages(bytes)), platform::PagesDeleter{ bytes });
-            if (!p)
-                throw std::bad_alloc();
-        }
+        for (auto& p : apSlots)
+            p = AddBlock();
         turn.Release();
+    }
+
+    // Fresh pages cost nothing until a frame lands in them, and hold no foreign bytes.
+    uint8_t* AddBlock()
+    {
+        const size_t bytes = dwCapacity + SLOT_PAD;
+        platform::Pages<uint8_t> p(static_cast<uint8_t*>(platform::AllocPages(bytes)), platform::PagesDeleter{ bytes });
+        if (!p)
+            throw std::bad_alloc();
+        spares.reserve(blocks.size() + 1);  // so that giving a block back never fails
+        blocks.push_back(std::move(p));
+        return blocks.back().get();
     }
 
     size_t Fit(int32_t iSize) const { return iSize > 0 ? std::min<size_t>(size_t(iSize), dwCapacity) : 0; }
     int32_t Held() const { return iCount.load(std::memory_order_acquire); }
 
+    // Consumer. True when a frame is there, with `ring` locked.
+    bool Await(uint32_t dwTimeoutMs, std::unique_lock<std::mutex>& lock);
+    // `ring` locked: the oldest frame has left its slot.
+    void Advance()
+    {
+        iRead.store(iRead.load(std::memory_order_relaxed) ^ 1, std::memory_order_relaxed);
+        iCount.fetch_sub(1, std::memory_order_acq_rel);  // only Reset could have taken it to 0, and that waits
+    }
+
     const uint32_t dwCapacity;
-    platform::Pages<uint8_t> apSlots[2];
+    std::vector<platform::Pages<uint8_t>> blocks;  // all memory; changed under `ring`
+    uint8_t* apSlots[2] = {};
+    size_t aFrameBytes[2] = {};
     std::atomic<uint32_t> aHead[2] = {};  // first word of each slot, readable while the slot is being filled
     int32_t iWrite = 0;                   // producer's own
     std::atomic<int32_t> iRead{ 0 };
     std::atomic<int32_t> iCount{ 0 };     // a frame is published by the step up and given back by the step down
     // Held by Read for the span of its copy and by Reset, so that after a Reset no slot is being read any more. Insert
     // needs no lock: it never writes the slot that is being read.
-    std::mutex copying;
+    std::mutex ring;
+    std::vector<uint8_t*> spares;         // under `ring`
     platform::Semaphore signal;           // given on the step from 0 to 1 only
     platform::Semaphore turn;
     std::atomic<bool> bClosing{ false };
-    std::atomic<int32_t> iInside{ 0 };    // consumers between their first and last touch of this object
+    std::atomic<int32_t> iInside{ 0 };    // consumers and leases between their first and last touch of this object
 };
 
 FrameExchange::FrameExchange(uint32_t dwSlotBytes) : m_p(std::make_unique<Impl>(dwSlotBytes)) {}
@@ -73,7 +94,7 @@ void FrameExchange::Shut()
 
 void FrameExchange::Reset()
 {
-    const std::lock_guard l(m_p->copying);
+    const std::lock_guard l(m_p->ring);
     m_p->iWrite = 0;
     m_p->iRead.store(0, std::memory_order_relaxed);
     m_p->iCount.store(0, std::memory_order_release);
@@ -85,8 +106,9 @@ bool FrameExchange::Insert(const uint8_t* pData, int32_t iSize)
     if (!pData || m.Held() >= 2)
         return false;
     const size_t n = m.Fit(iSize);
-    uint8_t* const pSlot = m.apSlots[m.iWrite].get();
+    uint8_t* const pSlot = m.apSlots[m.iWrite];
     std::memcpy(pSlot, pData, n);
+    m.aFrameBytes[m.iWrite] = n;
     uint32_t dwHead = 0;
     std::memcpy(&dwHead, pSlot, sizeof dwHead);
     m.aHead[m.iWrite].store(dwHead, std::memory_order_relaxed);
@@ -96,26 +118,73 @@ bool FrameExchange::Insert(const uint8_t* pData, int32_t iSize)
     return true;
 }
 
+bool FrameExchange::Impl::Await(uint32_t dwTimeoutMs, std::unique_lock<std::mutex>& lock)
+{
+    if (Held() == 0) {
+        if (dwTimeoutMs == 0 || signal.Wait(dwTimeoutMs) == platform::WAIT_TIMED_OUT)
+            return false;
+        // A reader that found a frame without waiting left its signal behind; such a stale one wakes the next reader
+        // early, hence the second wait.
+        if (Held() == 0 && !bClosing)
+            signal.Wait(dwTimeoutMs);
+    }
+    lock = std::unique_lock(ring);
+    return Held() != 0 && !bClosing;
+}
+
 bool FrameExchange::Read(uint8_t* pDest, int32_t iSize, uint32_t dwTimeoutMs)
 {
     Impl& m = *m_p;
     const Inside inside(m.iInside);
-    if (m.Held() == 0) {
-        if (dwTimeoutMs == 0 || m.signal.Wait(dwTimeoutMs) == platform::WAIT_TIMED_OUT)
-            return false;
-        // A reader that found a frame without waiting left its signal behind; such a stale one wakes the next reader
-        // early, hence the second wait.
-        if (m.Held() == 0 && !m.bClosing)
-            m.signal.Wait(dwTimeoutMs);
-    }
-    const std::lock_guard l(m.copying);
-    if (m.Held() == 0 || m.bClosing)
+    std::unique_lock<std::mutex> lock;
+    if (!m.Await(dwTimeoutMs, lock))
         return false;
     const int32_t iSlot = m.iRead.load(std::memory_order_relaxed);
-    std::memcpy(pDest, m.apSlots[iSlot].get(), m.Fit(iSize));
-    m.iRead.store(iSlot ^ 1, std::memory_order_relaxed);
-    m.iCount.fetch_sub(1, std::memory_order_acq_rel);  // only Reset could have taken it to 0, and that waits
+    const size_t n = m.Fit(iSize), nFrame = std::min(n, m.aFrameBytes[iSlot]);
+    std::memcpy(pDest, m.apSlots[iSlot], nFrame);
+    std::memset(pDest + nFrame, 0, n - nFrame);
+    m.Advance();
     return true;
+}
+
+FrameExchange::Lease FrameExchange::Take(int32_t iSize, uint32_t dwTimeoutMs)
+{
+    Impl& m = *m_p;
+    const Inside inside(m.iInside);
+    std::unique_lock<std::mutex> lock;
+    Lease lease;
+    if (!m.Await(dwTimeoutMs, lock))
+        return lease;
+    if (m.spares.empty())
+        m.spares.push_back(m.AddBlock());
+    const int32_t iSlot = m.iRead.load(std::memory_order_relaxed);
+    const size_t n = m.Fit(iSize), nFrame = std::min(n, m.aFrameBytes[iSlot]);
+    lease.m_pFrame = std::exchange(m.apSlots[iSlot], m.spares.back());
+    m.spares.pop_back();
+    m.Advance();
+    lease.m_pExchange = this;
+    m.iInside.fetch_add(1, std::memory_order_acq_rel);
+    std::memset(lease.m_pFrame + nFrame, 0, n - nFrame);
+    return lease;
+}
+
+FrameExchange::Lease::~Lease()
+{
+    if (!m_pExchange)
+        return;
+    Impl& m = *m_pExchange->m_p;
+    {
+        const std::lock_guard l(m.ring);
+        m.spares.push_back(m_pFrame);
+    }
+    m.iInside.fetch_sub(1, std::memory_order_acq_rel);
+}
+
+FrameExchange::Lease& FrameExchange::Lease::operator=(Lease&& o) noexcept
+{
+    std::swap(m_pExchange, o.m_pExchange);
+    std::swap(m_pFrame, o.m_pFrame);
+    return *this;
 }
 
 bool FrameExchange::PeekHead(uint32_t dwExpected, uint32_t dwTimeoutMs)

@@ -85,9 +85,42 @@ TEST(FrameExchange, PeekHeadLeavesTheFrame)
     EXPECT_FALSE(fx.PeekHead(0x04030201, 0));
 }
 
-TEST(FrameExchange, ProducerAndConsumerAtFullSpeed)
+TEST(FrameExchange, LeaseKeepsItsMemoryWhileTheRingGoesOn)
+{
+    auto fx = std::make_unique<FrameExchange>(8);
+    EXPECT_FALSE(fx->Take(8, 0));
+    EXPECT_TRUE(Insert(*fx, Bytes(8, 1)));
+    FrameExchange::Lease a = fx->Take(8, 0);
+    ASSERT_TRUE(a);
+    for (uint8_t i = 2; i < 8; ++i) {
+        EXPECT_TRUE(Insert(*fx, Bytes(3, i)));
+        FrameExchange::Lease b = fx->Take(100, 0);  // no byte of an older frame behind a shorter one
+        EXPECT_EQ(Bytes(b.Frame(), b.Frame() + 8), (Bytes{ i, i, i, 0, 0, 0, 0, 0 }));
+        EXPECT_TRUE(Insert(*fx, Bytes(2, i)));
+        EXPECT_EQ(Read(*fx, 4), (Bytes{ i, i, 0, 0 }));
+    }
+    EXPECT_EQ(Bytes(a.Frame(), a.Frame() + 8), Bytes(8, 1));
+    std::thread closer([&] { fx.reset(); });
+    platform::SleepMs(20);
+    a.Frame()[7] = 9;  // the exchange waits for its lease
+    a = {};
+    closer.join();
+}
+
+class AtFullSpeed : public testing::TestWithParam<bool> {};
+INSTANTIATE_TEST_SUITE_P(FrameExchange, AtFullSpeed, testing::Bool());
+
+TEST_P(AtFullSpeed, ProducerAndConsumer)
 {
     constexpr int N = 20000;
+    const auto read = [](FrameExchange& fx, uint8_t* p) {
+        if (!GetParam())
+            return fx.Read(p, 256, 5000);
+        const FrameExchange::Lease lease = fx.Take(256, 5000);
+        if (lease)
+            std::memcpy(p, lease.Frame(), 256);
+        return bool(lease);
+    };
     FrameExchange fx(256);
     std::atomic<bool> bStop{ false };
     std::thread producer([&] {
@@ -105,7 +138,7 @@ TEST(FrameExchange, ProducerAndConsumerAtFullSpeed)
     Bytes b(256);
     while (iLast < N && nMissed < 1000) {
         // Two late signals in a row wake a reader twice for nothing: it then gives up early, as told, and asks again.
-        if (!fx.Read(b.data(), 256, 5000)) {
+        if (!read(fx, b.data())) {
             ++nMissed;
             continue;
         }
