@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cstdio>
 
+#include "common/CommandTable.h"
 #include "common/Host.h"
 #include "common/Text.h"
 #include "kovcam/Camera.h"
@@ -51,6 +52,10 @@ int main(int argc, char** argv)
     kovcam::AddCoolCommands(app, g);
     kovcam::AddDeviceCommands(app, g);
     kovcam::AddDoctorCommand(app, g);
+    std::string controls;
+    for (const kovcam::ControlName& c : kovcam::g_Controls)
+        controls += std::string(c.szName) + " ";
+    kovtools::AddTableCommands(app, true, { { "control", controls }, { "--format", "raw8 raw16 rgb24 y8" } });
     kovcam::CatchInterrupts();
     try {
         std::vector<std::string> arguments = kovtools::Arguments(argc, argv);

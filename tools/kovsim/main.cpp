@@ -9,6 +9,7 @@
 #include <stdexcept>
 #include <vector>
 
+#include "common/CommandTable.h"
 #include "common/Host.h"
 #include "virtual/SimOptions.h"
 
@@ -188,6 +189,8 @@ int main(int argc, char** argv)
         if (!kovtools::READS_PICTURES)
             fmt::print("This build cannot read pictures: it knows no PNG library for this system.\n");
     });
+
+    kovtools::AddTableCommands(app, false, { { "--camera", "$(kovsim models | sed '1d;s/ .*//')" }, { "--scene", "sky flat: colour: pattern dark" } });
 
     try {
         std::vector<std::string> arguments = kovtools::Arguments(argc, argv);
