@@ -104,9 +104,27 @@ Sky MeasureSky(const Plane& p, int x0, int y0, int x1, int y1)
 
 constexpr int TILE = 64, APERTURE = 12;
 
-// Centre and light within the aperture, by moments around the peak.
-Star MeasureStar(const Plane& p, int px, int py, const Sky& sky)
+// The sky just around a star: where it slopes, the tile's median is not it.
+float SkyAround(const Plane& p, int px, int py)
 {
+    constexpr int INNER = APERTURE + 1, OUTER = APERTURE + 4;
+    std::vector<float> v;
+    for (int y = std::max(0, py - OUTER); y <= std::min(p.height - 1, py + OUTER); ++y)
+        for (int x = std::max(0, px - OUTER); x <= std::min(p.width - 1, px + OUTER); ++x)
+            if (const int d = (x - px) * (x - px) + (y - py) * (y - py); d >= INNER * INNER && d <= OUTER * OUTER)
+                v.push_back(p.At(x, y));
+    // Only the middle half counts, which noise leaves and neighbouring stars do not reach.
+    std::sort(v.begin(), v.end());
+    double sum = 0;
+    for (size_t i = v.size() / 4; i < v.size() - v.size() / 4; ++i)
+        sum += v[i];
+    return v.empty() ? 0 : static_cast<float>(sum / static_cast<double>(v.size() - v.size() / 4 * 2));
+}
+
+// Centre and light within the aperture, by moments around the peak.
+Star MeasureStar(const Plane& p, int px, int py, Sky sky)
+{
+    sky.level = SkyAround(p, px, py);
     Star s;
     s.peak = p.At(px, py) - sky.level;
     // Wide as the star itself: as far as the light falls, rings that still stand above the sky.
@@ -120,7 +138,7 @@ Star MeasureStar(const Plane& p, int px, int py, const Sky& sky)
                     ring += p.At(x, y) - sky.level;
                     ++count;
                 }
-        if (count == 0 || ring / count < sky.noise)
+        if (count == 0 || ring / count < sky.noise / 4)
             break;
     }
     double sumX = 0, sumY = 0;

@@ -36,7 +36,8 @@ std::vector<uint8_t> MakeCurve(const std::vector<uint32_t>& histogram, Stretch s
     const double noise = std::max(median - Quantile(histogram, 0.16), floor);  // the lower side: stars do not widen it
     const double black = std::max(Quantile(histogram, 0.001) - floor, median - 2 * noise);
     // White lets a star's core reach the top, and noise alone does not fill the range.
-    const double white = std::max(Quantile(histogram, 0.9998), median + 25 * noise);
+    // What spreads wider than any noise is the subject itself.
+    const double white = std::max(Quantile(histogram, 0.9998), median + 25 * std::min(noise, static_cast<double>(n) / 256));
     const auto share = [&](double v) { return std::clamp((v - black) / (white - black), 1e-6, 1.0); };
     // The sky to a dark grey, but no further than the brightest hundredth bears; never darker than it is.
     constexpr double SKY = 0.14, BRIGHT = 0.75;
