@@ -59,7 +59,7 @@ autoexposure() {
         cam "$m --scene flat:30000" autoexposure -e 500us -g 0 -r 1024x768 --plot "$tmp/auto-$m.png"
         sheet+=("$tmp/auto-$m.png=")
     done
-    "$bin/kovsheet" "$out/autoexposure.png" --columns 1 --tile 900x500 "${sheet[@]}"
+    "$bin/kovsheet" "$out/autoexposure.png" --columns 1 --tile 1200x700 "${sheet[@]}"
 }
 
 # The worked examples of docs/python.md.

@@ -1,6 +1,7 @@
 #include "common/Stretch.h"
 
 #include <algorithm>
+#include <array>
 #include <cmath>
 #include <utility>
 
@@ -32,7 +33,7 @@ std::vector<uint8_t> MakeCurve(const std::vector<uint32_t>& histogram, Stretch s
             curve[i] = static_cast<uint8_t>(i * 256 / n);
         return curve;
     }
-    const double median = Quantile(histogram, 0.5), floor = static_cast<double>(n) / 4096;
+    const double median = Quantile(histogram, 0.5), floor = std::max(1.0, static_cast<double>(n) / 4096);
     const double noise = std::max(median - Quantile(histogram, 0.16), floor);  // the lower side: stars do not widen it
     const double black = std::max(Quantile(histogram, 0.001) - floor, median - 2 * noise);
     // White lets a star's core reach the top, and noise alone does not fill the range.
@@ -85,19 +86,65 @@ std::vector<uint8_t> Interpolate(const std::vector<uint8_t>& mosaic, int width, 
 
 }  // namespace
 
+namespace {
+
+// Which of red, green, blue a sample is.
+struct ChannelOf {
+    bool mosaic, colour;
+    int width, redX, redY;
+    size_t operator()(size_t i) const
+    {
+        if (!mosaic)
+            return colour ? 2 - i % 3 : 1;
+        const int x = static_cast<int>(i % static_cast<size_t>(width)), y = static_cast<int>(i / static_cast<size_t>(width));
+        const bool red = (x & 1) == redX, redRow = (y & 1) == redY;
+        return red != redRow ? 1 : red ? 0 : 2;
+    }
+};
+
+// What to add to red, green and blue so that a dark sky is grey: light pollution and channel gains tint it. A bright
+// subject keeps its colours.
+std::array<int, 3> SkyShift(const FrameView& frame, const ChannelOf& channel)
+{
+    std::array<std::vector<uint32_t>, 3> histograms;
+    histograms.fill(std::vector<uint32_t>(static_cast<size_t>(TopSample(frame.type)) + 1));
+    for (size_t i = 0; i < frame.Samples(); ++i)
+        ++histograms[channel(i)][static_cast<size_t>(frame.At(i))];
+    constexpr double DARK = 0.25;  // of the brightest
+    std::array<int, 3> shift{};
+    const double green = Quantile(histograms[1], 0.5);
+    for (size_t c = 0; c < 3; ++c) {
+        const double median = Quantile(histograms[c], 0.5);
+        if (median > DARK * Quantile(histograms[c], 0.9998))
+            return {};
+        shift[c] = static_cast<int>(green - median);
+    }
+    return shift;
+}
+
+}  // namespace
+
 ScreenPicture RenderForScreen(const FrameView& frame, const CameraState& state, Stretch stretch)
 {
-    const std::vector<uint8_t> curve = MakeCurve(Histogram(frame), stretch);
-    ScreenPicture out{ frame.width, frame.height, frame.Channels(), std::vector<uint8_t>(frame.Samples()) };
+    const BayerPattern pattern = DeliveredPattern(state);
+    const bool mosaic = IsMosaic(state) && frame.width > 1 && frame.height > 1, colour = mosaic || frame.Channels() == 3;
+    const ChannelOf channel{ mosaic, colour, frame.width, pattern == BAYER_GR || pattern == BAYER_BG, pattern == BAYER_GB || pattern == BAYER_BG };
+    const std::array<int, 3> shift = colour && stretch == Stretch::Auto ? SkyShift(frame, channel) : std::array<int, 3>{};
+    const auto shifted = [&](size_t i) {
+        return static_cast<size_t>(std::clamp(frame.At(i) + shift[channel(i)], 0, TopSample(frame.type)));
+    };
+    std::vector<uint32_t> histogram(static_cast<size_t>(TopSample(frame.type)) + 1);
+    for (size_t i = 0; i < frame.Samples(); ++i)
+        ++histogram[shifted(i)];
+    const std::vector<uint8_t> curve = MakeCurve(histogram, stretch);
+    ScreenPicture out{ frame.width, frame.height, colour ? 3 : 1, std::vector<uint8_t>(frame.Samples()) };
     for (size_t i = 0; i < out.pixels.size(); ++i)
-        out.pixels[i] = curve[static_cast<size_t>(frame.At(i))];
-    if (out.channels == 3) {  // the library delivers blue, green, red
+        out.pixels[i] = curve[shifted(i)];
+    if (mosaic)
+        out.pixels = Interpolate(out.pixels, frame.width, frame.height, pattern);
+    else if (colour)  // the library delivers blue, green, red
         for (size_t i = 0; i < out.pixels.size(); i += 3)
             std::swap(out.pixels[i], out.pixels[i + 2]);
-    } else if (IsMosaic(state) && frame.width > 1 && frame.height > 1) {
-        out.pixels = Interpolate(out.pixels, frame.width, frame.height, DeliveredPattern(state));
-        out.channels = 3;
-    }
     return out;
 }
 

@@ -117,6 +117,28 @@ void PictureOptions::AddTo(CLI::App& app, unsigned groups)
     }
 }
 
+std::vector<std::string> PictureOptions::Given() const
+{
+    std::vector<std::string> names;
+    const auto add = [&](bool given, KOV_CONTROL_TYPE type) {
+        if (given)
+            names.push_back(NameOf(type));
+    };
+    add(!sExposure.empty() || bAutoExposure, CTRL_EXPOSURE);
+    add(iGain >= 0 || bAutoGain, CTRL_GAIN);
+    add(iBrightness >= 0, CTRL_BRIGHTNESS);
+    add(iGamma >= 0, CTRL_GAMMA);
+    add(iBandwidth >= 0, CTRL_BANDWIDTH);
+    add(iFlip >= 0, CTRL_FLIP);
+    add(iWB_R >= 0 || bAutoBalance, CTRL_WB_R);
+    add(iWB_B >= 0 || bAutoBalance, CTRL_WB_B);
+    add(bHardwareBin.has_value(), CTRL_HARDWARE_BIN);
+    add(bHighSpeed.has_value(), CTRL_HIGH_SPEED_MODE);
+    add(iCool.has_value(), CTRL_TARGET_TEMP);
+    add(iCool.has_value(), CTRL_COOLER_ON);
+    return names;
+}
+
 int CountCameras()
 {
     const int n = KOVGetNumOfConnectedCameras();
@@ -229,7 +251,9 @@ std::vector<Camera::Deviation> Camera::Deviations() const
             continue;
         bool automatic = false;
         const int32_t value = Get(caps.ControlType, &automatic);
-        if (value != caps.DefaultValue || automatic)
+        // Where the camera can choose the bandwidth, it does so from the start.
+        const bool usual = caps.ControlType == CTRL_BANDWIDTH && caps.IsAutoSupported ? automatic : value == caps.DefaultValue && !automatic;
+        if (!usual)
             out.push_back({ NameOf(caps.ControlType), value, caps.DefaultValue, automatic });
     }
     return out;
@@ -239,7 +263,7 @@ void Camera::SetDefaults()
 {
     for (const KOV_CONTROL_CAPS& caps : Controls())
         if (caps.IsWritable)
-            Set(caps.ControlType, caps.DefaultValue);
+            Set(caps.ControlType, caps.DefaultValue, caps.ControlType == CTRL_BANDWIDTH && caps.IsAutoSupported);
 }
 
 int32_t Camera::Get(KOV_CONTROL_TYPE type, bool* pAuto) const

@@ -52,6 +52,7 @@ struct PictureOptions {
     // What a command takes, so that its help lists nothing else.
     enum Group : unsigned { Exposure = 1, Cooler = 2, Geometry = 4, Format = 8, Automation = 16, Finish = 32 };
     void AddTo(CLI::App& app, unsigned groups);
+    std::vector<std::string> Given() const;  // names of the controls that this command sets
 };
 
 // Index of the camera that a user means: "" for the only one, an index, or a part of a name.

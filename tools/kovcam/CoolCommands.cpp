@@ -4,7 +4,7 @@
 #include <cmath>
 #include <numeric>
 
-#include "common/Canvas.h"
+#include "common/Plot.h"
 #include "kovcam/Capture.h"
 #include "kovcam/Commands.h"
 #include "kovcam/Cooling.h"
@@ -68,30 +68,42 @@ void CoolFor(Camera& cam, const PictureOptions& o)
 
 namespace {
 
+// A picture of the course, where the build can draw one.
+struct PlotOptions {
+    std::string file;
+    bool dark = false;
+
+    void AddTo(CLI::App& app, const char* what)
+    {
+        if (!kovtools::DRAWS_PLOTS)
+            return;
+        auto* const option = app.add_option("--plot", file, what);
+        app.add_flag("--dark-plot", dark, "The picture on dark ground")->needs(option);
+    }
+};
+
 struct CoolOptions {
     std::optional<int> iTarget;
     std::string sFor;
     bool bUntilStable = false, bOff = false;
-    std::string sPlot;
+    PlotOptions plot;
 };
 
-void PlotCooler(const std::string& path, const std::string& camera, int target, const std::vector<CoolSample>& samples)
+void PlotCooler(const PlotOptions& o, const std::string& camera, int target, const std::vector<CoolSample>& samples)
 {
-    kovtools::Curve temp{ "temperature", kovtools::BLUE, false, {}, {} }, power{ "power", kovtools::RED, true, {}, {}, true };
+    kovtools::Curve temperature{ "temperature", kovtools::Ink::Blue, false, {}, {} };
+    kovtools::Curve power{ "power", kovtools::Ink::Red, true, {}, {}, kovtools::Curve::Form::Steps };
     for (const CoolSample& s : samples) {
-        temp.x.push_back(s.dSeconds / 60);
-        temp.y.push_back(s.dCelsius);
+        temperature.x.push_back(s.dSeconds / 60);
+        temperature.y.push_back(s.dCelsius);
         power.x.push_back(s.dSeconds / 60);
         power.y.push_back(s.dPower);
     }
-    kovtools::Curve goal{ fmt::format("target {} C", target), kovtools::GREEN, false, { 0, temp.x.back() }, { double(target), double(target) } };
-    kovtools::PlotOptions o;
-    o.sTitle = camera + ": cooling";
-    o.sX = "minutes";
-    o.sLeft = "sensor, degrees Celsius";
-    o.sRight = "cooler power, percent";
-    o.dRightMax = 100;
-    kovtools::Plot(o, { goal, power, temp }).Save(path);
+    const kovtools::Curve goal{ fmt::format("target {}{} °C", target < 0 ? "−" : "", std::abs(target)), kovtools::Ink::Grey, false, { 0, temperature.x.back() },
+                                { double(target), double(target) }, kovtools::Curve::Form::Dashes };
+    kovtools::Plot plot{ camera + ": cooling", "minutes", "sensor, °C", "cooler power, percent", { goal, power, temperature } };
+    plot.rightMax = 100;
+    kovtools::DrawPlots(o.file, { plot }, o.dark);
 }
 
 void Cool(const Globals& g, const CoolOptions& o)
@@ -115,14 +127,14 @@ void Cool(const Globals& g, const CoolOptions& o)
     progress.End();
     const bool bStable = IsStable(samples, target);
     const CoolSample& last = samples.back();
-    if (!o.sPlot.empty())
-        PlotCooler(o.sPlot, cam.Info().Name, target, samples);
+    if (!o.plot.file.empty())
+        PlotCooler(o.plot, cam.Info().Name, target, samples);
     if (g.json) {
         Print({ { "seconds", last.dSeconds }, { "temperature", last.dCelsius }, { "target", target }, { "power", last.dPower },
                 { "stable", bStable } });
     } else {
-        if (!o.sPlot.empty())
-            fmt::print("{}\n", o.sPlot);
+        if (!o.plot.file.empty())
+            fmt::print("{}\n", o.plot.file);
         fmt::print("{:.1f} C after {:.1f} minutes, power {:.0f} %: {}\n", last.dCelsius, last.dSeconds / 60, last.dPower,
                    bStable ? fmt::format("stable within {} degrees for {:.0f} s", STABLE_WITHIN, STABLE_FOR) : "not stable yet");
         fmt::print("the cooler goes off now: it works only while a program holds the camera.\n"
@@ -138,7 +150,7 @@ struct AutoOptions {
     int iFrames = 300, iTarget = -1, iMaxGain = -1;
     std::string sMaxExposure;
     bool bKeepGain = false;
-    std::string sPlot;
+    PlotOptions plot;
 };
 
 struct AutoStep { double dSeconds; int32_t iExposure, iGain; double dMean; };
@@ -152,6 +164,26 @@ size_t SettledAt(const std::vector<AutoStep>& s, size_t quiet)
         --n;
     constexpr double QUIET_SECONDS = 2;
     return n < s.size() && s.size() - n > quiet && s.back().dSeconds - s[n].dSeconds > QUIET_SECONDS ? n : s.size();
+}
+
+void PlotCourse(const PlotOptions& o, const std::string& camera, int target, const std::vector<AutoStep>& steps)
+{
+    using Form = kovtools::Curve::Form;
+    kovtools::Curve exposure{ "exposure", kovtools::Ink::Blue, false, {}, {}, Form::Steps };
+    kovtools::Curve brightness{ "brightness", kovtools::Ink::Red, true, {}, {} };
+    kovtools::Curve gain{ "gain", kovtools::Ink::Green, true, {}, {}, Form::Steps };
+    for (size_t i = 0; i < steps.size(); ++i) {
+        for (kovtools::Curve* c : { &exposure, &brightness, &gain })
+            c->x.push_back(static_cast<double>(i + 1));
+        exposure.y.push_back(steps[i].iExposure / 1e3);
+        brightness.y.push_back(steps[i].dMean);
+        gain.y.push_back(steps[i].iGain);
+    }
+    const kovtools::Curve goal{ fmt::format("target {}", target), kovtools::Ink::Grey, true, { 1, exposure.x.back() },
+                                { double(target), double(target) }, Form::Dashes };
+    kovtools::Plot plot{ camera + ": auto exposure", "frames", "exposure, ms", "brightness, gain", { goal, gain, brightness, exposure } };
+    plot.logLeft = true;
+    kovtools::DrawPlots(o.file, { plot }, o.dark);
 }
 
 void AutoExposure(const Globals& g, AutoOptions o)
@@ -191,25 +223,8 @@ void AutoExposure(const Globals& g, AutoOptions o)
     const bool bSettled = n < steps.size();
     const AutoStep& last = steps.back();
     const int32_t target = cam.Get(CTRL_AUTOEXP_MAX_BRIGHTNESS);
-    if (!o.sPlot.empty()) {
-        kovtools::Curve e{ "exposure", kovtools::BLUE, false, {}, {}, true }, b{ "brightness", kovtools::RED, true, {}, {} },
-            gain{ "gain", kovtools::GREEN, true, {}, {}, true };
-        for (size_t i = 0; i < steps.size(); ++i) {
-            for (kovtools::Curve* c : { &e, &b, &gain })
-                c->x.push_back(static_cast<double>(i + 1));
-            e.y.push_back(steps[i].iExposure / 1e3);
-            b.y.push_back(steps[i].dMean);
-            gain.y.push_back(steps[i].iGain);
-        }
-        kovtools::Curve goal{ fmt::format("target {}", target), kovtools::GREY, true, { 1, b.x.back() }, { double(target), double(target) } };
-        kovtools::PlotOptions p;
-        p.sTitle = fmt::format("{}: auto exposure", cam.Info().Name);
-        p.sX = "frames";
-        p.sLeft = "exposure, ms";
-        p.sRight = "brightness, gain";
-        p.bLogLeft = true;
-        kovtools::Plot(p, { goal, gain, b, e }).Save(o.sPlot);
-    }
+    if (!o.plot.file.empty())
+        PlotCourse(o.plot, cam.Info().Name, target, steps);
     if (g.json) {
         Json list = Json::array();
         for (const AutoStep& s : steps)
@@ -217,8 +232,8 @@ void AutoExposure(const Globals& g, AutoOptions o)
         Print({ { "settled", bSettled }, { "frames", n }, { "exposure", last.iExposure }, { "gain", last.iGain },
                 { "brightness", last.dMean }, { "target", target }, { "steps", list } });
     } else {
-        if (!o.sPlot.empty())
-            fmt::print("{}\n", o.sPlot);
+        if (!o.plot.file.empty())
+            fmt::print("{}\n", o.plot.file);
         // The course, a line for each change, thinned where it is long.
         const size_t every = std::max<size_t>(1, n / 20);
         fmt::print("{:>6} {:>9} {:>11} {:>6} {:>11}\n", "frame", "seconds", "exposure", "gain", "brightness");
@@ -246,7 +261,7 @@ void AddCoolCommands(CLI::App& app, Globals& g)
     auto* pTo = pCool->add_option("--to", c->iTarget, "Target, whole degrees Celsius")->check(CLI::Range(-80, 50));
     pCool->add_option("--for", c->sFor, "End after that time, such as 10m");
     pCool->add_flag("--until-stable", c->bUntilStable, "End when the temperature has stayed near the target for a minute");
-    pCool->add_option("--plot", c->sPlot, "Draw temperature and power into this PNG");
+    c->plot.AddTo(*pCool, "Draw temperature and power into this PNG");
     auto* pOff = pCool->add_flag("--off", c->bOff, "Switch the cooler off")->excludes(pTo);
     pCool->callback([&g, c, pOff] {
         if (!c->iTarget && !*pOff)
@@ -262,7 +277,7 @@ void AddCoolCommands(CLI::App& app, Globals& g)
     pAuto->add_option("--max-gain", a->iMaxGain, "Highest gain");
     pAuto->add_option("--max-exposure", a->sMaxExposure, "Longest exposure, whole seconds, such as 2s");
     pAuto->add_flag("--keep-gain", a->bKeepGain, "Move the exposure alone");
-    pAuto->add_option("--plot", a->sPlot, "Draw the course into this PNG");
+    a->plot.AddTo(*pAuto, "Draw the course into this PNG");
     pAuto->callback([&g, a] { AutoExposure(g, *a); });
 }
 

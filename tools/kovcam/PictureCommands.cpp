@@ -19,16 +19,19 @@ namespace {
 using kovtools::Stretch;
 
 // Settings outlive a program, which surprises whoever set them an hour ago.
-void TellDeviations(const Globals& g, const Camera& cam)
+void TellDeviations(const Globals& g, const Camera& cam, const PictureOptions& o)
 {
     std::vector<std::string> parts;
+    const std::vector<std::string> given = o.Given();
     for (const Camera::Deviation& d : cam.Deviations()) {
+        if (std::find(given.begin(), given.end(), d.name) != given.end())
+            continue;
         const bool time = d.name == NameOf(CTRL_EXPOSURE);
         parts.push_back(d.automatic ? d.name + " auto" : fmt::format("{} {} ({})", d.name, time ? ExposureText(d.value) : std::to_string(d.value),
                                                                      time ? ExposureText(d.standard) : std::to_string(d.standard)));
     }
     if (!parts.empty() && !g.json)
-        fmt::print(stderr, "not the default: {}. --defaults starts from the values in brackets\n", kovtools::Joined(parts));
+        fmt::print(stderr, "still set from before: {}. --defaults starts from the values in brackets\n", kovtools::Joined(parts));
 }
 
 Json DeviationsJson(const Camera& cam)
@@ -140,7 +143,7 @@ void Snap(const Globals& g, const SnapOptions& o)
         throw UserError("this build writes no TIFF; FITS has the same samples", 2);
     Camera cam(g.camera);
     cam.Apply(o.picture, IMG_RAW16);
-    TellDeviations(g, cam);
+    TellDeviations(g, cam, o.picture);
     CoolFor(cam, o.picture);
     if (!o.picture.sDark.empty())
         notes.history.push_back("dark frame subtracted: " + o.picture.sDark);
@@ -172,7 +175,7 @@ void Video(const Globals& g, VideoOptions o)
     const double seconds = o.time.empty() ? 0 : ParseSeconds(o.time);
     Camera cam(g.camera);
     cam.Apply(o.picture, IMG_RAW8);
-    TellDeviations(g, cam);
+    TellDeviations(g, cam, o.picture);
     CoolFor(cam, o.picture);
     if (o.frames == 0 && seconds <= 0)
         o.frames = 100;
