@@ -6,6 +6,7 @@
 #include <map>
 #include <vector>
 
+#include "base/Log.h"
 #include "bench/Yardsticks.h"
 #include "imaging/Kernels.h"
 
@@ -82,6 +83,14 @@ int main(int argc, char** argv)
         std::fprintf(stderr, "kovbench: this machine does not have the instruction set that KOV_BENCH_TARGET names\n");
         return 1;
     }
+    logging::Configure(nullptr, nullptr);
+    benchmark::RegisterBenchmark("log line, off", [](benchmark::State& state) {
+        int i = 0;
+        for (auto _ : state) {
+            KOV_LOG(Debug, "%d", i);
+            benchmark::DoNotOptimize(++i);
+        }
+    });
     bench::RegisterPixelBenchmarks();
     bench::RegisterCameraBenchmarks();
     Ratios reporter;

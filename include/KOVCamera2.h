@@ -16,6 +16,8 @@
  *     KOVGetVideoData or KOVGetDataAfterExp while another calls the control functions. Region and format are to be
  *     changed with capture stopped. Enumeration, open and close must not overlap with other calls.
  *  7. No exception leaves the library.
+ *  8. The environment variable KOV_LOG=error|warn|info|debug|trace[:room] makes the library tell what it does, on
+ *     standard error or at the end of the file that KOV_LOG_FILE names. It is read once, with the first call.
  *
  * Order of calls: KOVGetNumOfConnectedCameras, KOVGetCameraProperty for each index if wanted, KOVOpenCamera; then
  * region, format and controls; then KOVStartVideoCapture, KOVGetVideoData repeatedly, KOVStopVideoCapture; or

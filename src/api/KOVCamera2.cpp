@@ -4,6 +4,7 @@
 #include <exception>
 
 #include "api/DeviceTable.h"
+#include "base/Log.h"
 #include "thermal/CCameraCool.h"
 
 namespace {
@@ -32,7 +33,10 @@ KOV_ERROR_CODE WithCamera(int id, Body body) noexcept
         if (!IsKnown(id))
             return KOV_ERROR_BAD_ID;
         CCameraBase* pCam = g_apCamera[id];
-        return pCam == nullptr ? KOV_ERROR_NOT_OPEN : body(*pCam);
+        if (pCam == nullptr)
+            return KOV_ERROR_NOT_OPEN;
+        const logging::CameraScope scope({ id, pCam->m_pszName });
+        return body(*pCam);
     });
 }
 

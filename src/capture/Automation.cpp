@@ -3,6 +3,7 @@
 #include <cstring>
 #include <memory>
 
+#include "base/Log.h"
 #include "capture/CaptureLoop.h"
 
 namespace {
@@ -56,6 +57,7 @@ bool CanBalance(const CCameraBase& cam) { return cam.m_bIsColor && !cam.m_bOutpu
 void RunAutomation(CaptureRun& run)
 {
     constexpr int64_t SHORT_EXPOSURE = 100000;  // us; above, the capture loop does these steps itself
+    logging::SetThreadName("automation");
     CCameraBase& cam = run.cam;
     const Automation kind = run.form.automation;
     const int64_t lFrameTime = FrameTime(cam, run.form);

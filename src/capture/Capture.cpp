@@ -2,6 +2,7 @@
 
 #include <mutex>
 
+#include "base/Log.h"
 #include "capture/CaptureLoop.h"
 
 namespace {
@@ -15,6 +16,7 @@ struct Session {
 void WorkingThread(void* p)
 {
     Session& s = *static_cast<Session*>(p);
+    logging::SetThreadName("capture");
     // Two threads on one endpoint would take each other's chunks. A predecessor that is in its end sequence goes first.
     if (s.pOlder) {
         s.pOlder->run.main.Wait(platform::WAIT_FOREVER);

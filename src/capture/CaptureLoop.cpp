@@ -5,6 +5,8 @@
 #include <mutex>
 #include <string>
 
+#include "base/Log.h"
+
 namespace {
 
 constexpr uint16_t HEAD_A = 0x5A7E, TAIL_A = 0x3CF0;
@@ -110,6 +112,8 @@ void CaptureLoop::Run()
         if (!m_cam.m_bAutoFPS)
             m_bLastAuto = false;
         const Verdict v = Check();
+        if (v != Verdict::Good)
+            LogDamage(v);
         const Next next = v == Verdict::Good ? OnGood() : v == Verdict::Short ? OnShort() : OnBadMarks(v);
         if (next == Next::Leave)
             break;
@@ -144,6 +148,16 @@ void CaptureLoop::Finish()
         m_run.aux.Wait(500);
 }
 
+void CaptureLoop::LogDamage(Verdict v) const
+{
+    if (v != Verdict::Short)
+        KOV_LOG(Info, "frame dropped, %s is wrong; resynchronising", v == Verdict::BadHead ? "its head mark" : "its tail mark");
+    else if (m_result.dwReceived != 0)
+        KOV_LOG(Info, "frame dropped, %u of %d bytes came; resynchronising", m_result.dwReceived, m_iFrameBytes);
+    else
+        KOV_LOG(Info, "no data came for a frame, %u in a row were bad", m_nBad + 1);
+}
+
 CaptureLoop::Verdict CaptureLoop::Check() const
 {
     if (!m_result.bFinished || m_result.dwReceived != uint32_t(m_iFrameBytes) || m_iFrameBytes < 8)
@@ -171,6 +185,13 @@ void CaptureLoop::SnapSucceeded()
     m_cam.m_ExpStatus = EXP_SUCCESS;
 }
 
+// The ring was full.
+void CaptureLoop::CountUnread()
+{
+    ++m_cam.m_iDroppedFrames;
+    KOV_LOG(Info, "frame dropped, the host has not fetched the two before it; %u dropped so far", m_cam.m_iDroppedFrames.Get());
+}
+
 void CaptureLoop::Automate(bool bExpGain)
 {
     if (bExpGain && (m_cam.m_bAutoExp || m_cam.m_bAutoGain))
@@ -196,6 +217,8 @@ bool CaptureLoop::ReduceBandwidth(bool bRisingClearsCount, bool bMayReduce)
     m_dwLastReduction = dwNow;
     if (dwSince >= 5000)
         return false;
+    KOV_LOG(Info, "bandwidth from %d to %d: three damaged frames within 5 s", m_cam.m_iFPSPerc.Get(),
+            m_cam.m_iFPSPerc - 4);
     m_cam.SetFPSPerc(m_cam.m_iFPSPerc - 4, m_cam.m_bAutoFPS);
     if (m_form.bSmallChunk)
         TraceLine("time from start:%d   time_delta:%d pkg:%x\n", int(dwNow - m_dwAutoStart), int(dwSince),
@@ -256,7 +279,7 @@ private:
             return Next::Leave;
         }
         if (!bTaken)
-            ++m_cam.m_iDroppedFrames;
+            CountUnread();
         if (m_bSwap && !IsShort())
             Automate(true);
         return Next::Pass;
@@ -271,6 +294,7 @@ private:
             return Reconnect() ? Next::Pass : Next::Leave;
         if (++m_nEmpty != 4)
             return Next::Pass;
+        KOV_LOG(Info, "device reset and stream restarted: four frames in a row without data");
         m_cam.ResetDevice();
         Sleep(100);
         RestartStream();
@@ -314,8 +338,10 @@ private:
     // m_bCapturing stays set, with the camera no longer open.
     bool Reconnect()
     {
+        KOV_LOG(Info, "reconnecting: the camera does not answer after a long exposure");
         m_queue.Close();
         if (!m_cam.ReConnectCamera()) {
+            KOV_LOG(Error, "the camera did not come back; check cable, port and power, then close it and open it again");
             m_bLost = true;
             return false;
         }
@@ -428,6 +454,7 @@ private:
     {
         if (m_nBad++ > 50) {
             TraceLine("DropCount more than 50, reset!\n");
+            KOV_LOG(Info, "device reset and stream restarted: over 50 frames incomplete");
             m_cam.ResetDevice();
             m_cam.SendCMD(REQ_START_SENSOR_CLOCK);
             m_cam.SendCMD(REQ_START_STREAM);
@@ -436,6 +463,7 @@ private:
         }
         if (m_nBad == 4 && HasLineLength()) {
             TraceLine("try lowing pkg!!\n");
+            KOV_LOG(Info, "line length from %d to %d: four frames incomplete", m_cam.m_iHMAX.Get(), m_cam.m_iHMAX + 30);
             m_cam.WriteCameraRegister(GARNET_LINE_LENGTH, uint16_t(m_cam.m_iHMAX + 30));
             m_cam.ResetEndPoint(IMAGE_ENDPOINT);
         }
@@ -474,7 +502,7 @@ private:
         if (m_nGood++ == 0)
             m_cam.ResetEndPoint(IMAGE_ENDPOINT);
         else if (!Deliver())
-            ++m_cam.m_iDroppedFrames;
+            CountUnread();
         m_nBad = 0;
         if (IsOneShot())
             AutomateOneShot();
@@ -505,6 +533,7 @@ private:
         if (m_nBad <= (Is(Family::Iolite) ? 30u : 20u))
             return;
         TraceLine("bad frame than 20, reset!\n");
+        KOV_LOG(Info, "stream restarted: %u bad frames", m_nBad);
         if (Is(Family::Iolite)) {
             m_cam.SendCMD(REQ_START_SENSOR_CLOCK);
             m_cam.WriteCameraRegister(IOLITE_MODE, IoliteMode());

@@ -58,6 +58,8 @@ protected:
     void StartAutomation();
     void Finish();        // last steps of an ordinary end
     Verdict Check() const;
+    void LogDamage(Verdict v) const;
+    void CountUnread();
     bool Deliver() { return m_cam.m_pFrameExchange->Insert(m_queue.Frame(), m_iFrameBytes); }
     void SnapSucceeded();
     // bMono, bColor: which steps run.

@@ -1,10 +1,6 @@
-// All log lines pass through here. The body is empty: nothing is recorded. Callable from every thread.
+// All lines that tell what a camera's class does pass through here; they come out at the log's level `trace`. Callable from
+// every thread; arguments are evaluated only then.
 #pragma once
+#include "base/Log.h"
 
-#if defined(__GNUC__)
-__attribute__((format(printf, 1, 2)))
-#endif
-inline void TraceLine(const char* szFormat, ...)
-{
-    static_cast<void>(szFormat);
-}
+#define TraceLine(...) KOV_LOG(Trace, __VA_ARGS__)

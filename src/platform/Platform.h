@@ -55,7 +55,7 @@ private:
 #  define KOV_TSA(x)
 #endif
 
-// A leaf lock: no other lock may be taken while it is held.
+// A leaf lock: no other lock but the log's may be taken while it is held.
 class KOV_TSA(capability("mutex")) CriticalSection {
 public:
     CriticalSection();

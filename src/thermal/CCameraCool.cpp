@@ -4,6 +4,8 @@
 #include <algorithm>
 #include <cmath>
 
+#include "base/Log.h"
+
 namespace {
 
 struct DACurrentRow {
@@ -61,6 +63,7 @@ bool SleepSlices(const CCameraCool& cam, int iSlices)
 void AutoTempThread(void* pCamera)
 {
     CCameraCool& cam = *static_cast<CCameraCool*>(pCamera);
+    logging::SetThreadName("cooler");
     platform::SleepMs(START_DELAY_MS);
     while (cam.m_bTempThrRun) {
         cam.AutoTemp(cam.m_fSensorTemp);

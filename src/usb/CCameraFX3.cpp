@@ -1,5 +1,9 @@
 #include "usb/CCameraFX3.h"
 
+#include <algorithm>
+#include <cstdio>
+
+#include "base/Log.h"
 #include "platform/InterfaceGuids.h"
 #include "usb/CUsbLink.h"
 
@@ -21,6 +25,59 @@ uint16_t Merge(uint16_t wOld, uint16_t wMask, uint16_t wValue, unsigned first)
 {
     const uint16_t wShifted = first < 16 ? uint16_t(wValue << first) : uint16_t(0);
     return uint16_t((wOld & ~wMask) | (wShifted & wMask));
+}
+
+const char* NameOf(uint8_t request)
+{
+    switch (request) {
+    case REQ_FX2_RAM: return "bridge RAM";
+    case REQ_CLOCK_24MHZ: return "clock 24 MHz";
+    case REQ_CLOCK_48MHZ: return "clock 48 MHz";
+    case REQ_WRITE_REG16: return "write 16-bit register";
+    case REQ_READ_REG16: return "read 16-bit register";
+    case REQ_START_STREAM: return "start stream";
+    case REQ_STOP_STREAM: return "stop stream";
+    case REQ_MODE_8BIT: return "8-bit mode";
+    case REQ_MODE_16BIT: return "16-bit mode";
+    case REQ_FIRMWARE_VERSION: return "firmware version";
+    case REQ_STOP_SENSOR_CLOCK: return "stop sensor clock";
+    case REQ_START_SENSOR_CLOCK: return "start sensor clock";
+    case REQ_GUIDE_ON: return "guide on";
+    case REQ_GUIDE_OFF: return "guide off";
+    case REQ_COOLER_DA: return "cooler power";
+    case REQ_DIGITAL_TEMP: return "digital temperature";
+    case REQ_IS_USB3_HOST: return "USB 3 host";
+    case REQ_TRANSFER_COUNT: return "transfer count";
+    case REQ_WRITE_REG8: return "write 8-bit register";
+    case REQ_READ_REG8: return "read 8-bit register";
+    case REQ_I2C_WRITE: return "I2C write";
+    case REQ_I2C_READ: return "I2C read";
+    case REQ_READ_FPGA: return "read FPGA register";
+    case REQ_WRITE_FPGA: return "write FPGA register";
+    case REQ_GPIF_32DQ: return "32-bit bus";
+    case REQ_FLASH_WRITE: return "flash write";
+    case REQ_FLASH_READ: return "flash read";
+    case REQ_FLASH_ERASE: return "flash erase";
+    case REQ_ANALOG_TEMP: return "analog temperature";
+    default: return "request";
+    }
+}
+
+// Register or address, value, and of the data as many bytes as a register has, or the first of a block.
+void LogRequest(bool bIn, uint8_t request, uint16_t wValue, uint16_t wIndex, const uint8_t* pData, int32_t iLength,
+                bool bOk, uint32_t dwError)
+{
+    if (!logging::Enabled(LogLevel::Debug))
+        return;
+    constexpr int32_t SHOWN = 8;
+    char szData[3 * SHOWN + 1] = "";
+    for (int32_t i = 0; pData && i < std::min(iLength, SHOWN); ++i)
+        std::snprintf(szData + 3 * i, 4, " %02x", pData[i]);
+    char szResult[24] = "ok";
+    if (!bOk)
+        std::snprintf(szResult, sizeof szResult, "failed, error %u", dwError);
+    KOV_LOG(Debug, "%s %u %s: 0x%04x 0x%04x, %d bytes%s%s: %s", bIn ? "IN" : "OUT", unsigned{ request }, NameOf(request),
+            unsigned{ wValue }, unsigned{ wIndex }, int{ iLength }, szData, iLength > SHOWN ? " ..." : "", szResult);
 }
 
 }  // namespace
@@ -47,20 +104,27 @@ void CCameraFX3::ReplaceLink(CUsbLink* pLink)
 bool CCameraFX3::Transfer(bool bIn, uint8_t request, uint16_t wValue, uint16_t wIndex, uint8_t* pData,
                           int32_t* piLength)
 {
-    const platform::Lock lock(m_csUsb);
-    CCyControlEndPoint* const ep = m_pUsbLink ? m_pUsbLink->m_pControl : nullptr;
-    if (!ep) {
-        *piLength = 0;
-        return false;
+    bool bOk = false;
+    uint32_t dwError = platform::ERROR_GONE;
+    {
+        const platform::Lock lock(m_csUsb);
+        CCyControlEndPoint* const ep = m_pUsbLink ? m_pUsbLink->m_pControl : nullptr;
+        if (ep) {
+            ep->m_iTimeOut = CONTROL_TIMEOUT;
+            ep->m_iTarget = 0;
+            ep->m_iReqType = 2;
+            ep->m_iDirection = bIn ? 1 : 0;
+            ep->m_iReqCode = request;
+            ep->m_iValue = wValue;
+            ep->m_iIndex = wIndex;
+            bOk = ep->XferData(pData, piLength);
+            dwError = platform::LastError();
+        } else {
+            *piLength = 0;
+        }
     }
-    ep->m_iTimeOut = CONTROL_TIMEOUT;
-    ep->m_iTarget = 0;
-    ep->m_iReqType = 2;
-    ep->m_iDirection = bIn ? 1 : 0;
-    ep->m_iReqCode = request;
-    ep->m_iValue = wValue;
-    ep->m_iIndex = wIndex;
-    return ep->XferData(pData, piLength);
+    LogRequest(bIn, request, wValue, wIndex, pData, *piLength, bOk, dwError);
+    return bOk;
 }
 
 bool CCameraFX3::Command(bool bIn, uint8_t request, uint16_t wValue, uint16_t wIndex, void* pData, int32_t iLength)

@@ -12,6 +12,8 @@
 #include <cerrno>
 #include <cstdio>
 
+#include "base/Log.h"
+
 namespace platform {
 namespace {
 
@@ -218,10 +220,12 @@ struct Thread::Impl {
     bool bStarted = false, bEnded = false, bJoined = false;
     void (*fn)(void*) = nullptr;
     void* arg = nullptr;
+    logging::Camera camera;
 
     static void* Main(void* p)
     {
         auto* self = static_cast<Impl*>(p);
+        logging::SetCurrentCamera(self->camera);
         self->fn(self->arg);
         Guard guard(self->m);
         self->bEnded = true;
@@ -239,6 +243,7 @@ bool Thread::Start(void (*fn)(void*), void* arg)
     Guard guard(m_p->m);
     m_p->fn = fn;
     m_p->arg = arg;
+    m_p->camera = logging::CurrentCamera();
     m_p->bEnded = m_p->bJoined = false;
     m_p->bStarted = pthread_create(&m_p->thread, nullptr, &Impl::Main, m_p.get()) == 0;
     return m_p->bStarted;

@@ -10,6 +10,8 @@
 #include <cstring>
 #include <string>
 
+#include "base/Log.h"
+
 namespace platform {
 namespace {
 
@@ -165,10 +167,12 @@ struct Thread::Impl {
     Handle thread;
     void (*fn)(void*) = nullptr;
     void* arg = nullptr;
+    logging::Camera camera;
 
     static unsigned __stdcall Main(void* p)
     {
         auto* const self = static_cast<Impl*>(p);
+        logging::SetCurrentCamera(self->camera);
         self->fn(self->arg);
         return 0;
     }
@@ -182,6 +186,7 @@ bool Thread::Start(void (*fn)(void*), void* arg)
     Wait(WAIT_FOREVER);
     m_p->fn = fn;
     m_p->arg = arg;
+    m_p->camera = logging::CurrentCamera();
     m_p->thread.Reset(reinterpret_cast<HANDLE>(_beginthreadex(nullptr, 0, &Impl::Main, m_p.get(), 0, nullptr)));
     return m_p->thread != nullptr;
 }
