@@ -96,7 +96,7 @@ private:
         Timing(r, 37125, line, frame, s[REG_SHUTTER], 0, 0);
 
         r.dGain = FromDb((s[REG_GAIN_A] + s[REG_GAIN_B] - 512) * 0.09375);
-        FpgaGains(r, 13, 14);    // the FPGA's cell begins one column before the picture
+        FpgaGains(r, 13, 14);    // of the cell G R / B G
         r.dBlack = s[REG_BLACK];
     }
 };

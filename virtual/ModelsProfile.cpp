@@ -40,7 +40,7 @@ constexpr Family g_Families[] = {
     { "Quartz", 1936, 1096, 3.75, Cfa::RG, true, 12, 3.584 * 4096, 3.2, Marks::A, Temp::Digital, MakeSony },
     { "Lapis", 1936, 1216, 5.86, Cfa::RG, true, 12, 7.920 * 4096, 6, Marks::A, Temp::Digital, MakeSony },
     { "Marble", 3096, 2080, 2.40, Cfa::RG, true, 14, 0.916 * 16384, 2.2, Marks::A, Temp::Digital, MakeSony },
-    { "Kyanite", 4656, 3520, 3.75, Cfa::RG, true, 12, 4.960 * 4096, 3, Marks::A, Temp::Digital, MakeKyanite },
+    { "Kyanite", 4656, 3520, 3.75, Cfa::GR, true, 12, 4.960 * 4096, 3, Marks::A, Temp::Digital, MakeKyanite },
     { "Ebony", 4944, 3284, 4.86, Cfa::RG, true, 14, 40000, 4, Marks::A, Temp::Thermistor, MakeEbonyGroup },
     { "Flint", 7380, 4928, 5.97, Cfa::RG, true, 14, 60000, 5, Marks::A, Temp::Thermistor, MakeEbonyGroup },
     { "Halite", 6036, 4032, 5.97, Cfa::RG, true, 14, 60000, 5, Marks::A, Temp::Thermistor, MakeEbonyGroup },

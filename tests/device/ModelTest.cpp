@@ -308,6 +308,47 @@ TEST_P(Usb3ModelTest, OnUsb2Port)
     Try({ "region", 320, 240, 1, false, false, 56, 34 });
 }
 
+class ColourModelTest : public ModelTest {};
+
+// Wherever the window begins, and however the picture is turned and binned.
+TEST_P(ColourModelTest, RedIsRed)
+{
+    ASSERT_NO_FATAL_FAILURE(Open(Quiet(Row().wProductId)));
+    m_pCam->SetScene(kovsim::Scene::Colour(static_cast<float>(30 * m_pCam->Facts().dFullWell), 0, 0));
+    std::vector<uint8_t> data;
+    for (const int bin : Row().bins)
+        for (const bool hardware : { false, true }) {
+            if (hardware && (bin == 1 || !Row().Has(CTRL_HARDWARE_BIN)))
+                continue;
+            if (Row().Has(CTRL_HARDWARE_BIN)) {
+                ASSERT_EQ(KOVSetControlValue(0, CTRL_HARDWARE_BIN, hardware, KOV_FALSE), KOV_SUCCESS);
+            }
+            for (const int less : { 0, 8 }) {  // the centred window begins elsewhere
+                const int w = 320 - less, h = 240 - less;
+                data.resize(static_cast<size_t>(w * h * 3));
+                const KOV_ERROR_CODE set = KOVSetROIFormat(0, w, h, bin, IMG_RGB24);
+                if (less && set == KOV_ERROR_BAD_SIZE)
+                    continue;  // some take wider steps
+                ASSERT_EQ(set, KOV_SUCCESS) << w;
+                for (int flip = 0; flip < 4; ++flip) {
+                    ASSERT_EQ(KOVSetControlValue(0, CTRL_FLIP, flip, KOV_FALSE), KOV_SUCCESS);
+                    ASSERT_EQ(KOVSetControlValue(0, CTRL_EXPOSURE, 20000 / (bin * bin), KOV_FALSE), KOV_SUCCESS);
+                    ASSERT_TRUE(Snap(0, data)) << m_pCam->CurrentReadout().sWhy;
+                    double sum[3] = {};
+                    for (int y = 8; y < h - 8; ++y)
+                        for (int x = 8 * 3; x < (w - 8) * 3; ++x)
+                            sum[x % 3] += data[static_cast<size_t>(y * w * 3 + x)];
+                    // QUIRK: binned by 3, Flint and Halite begin on the wrong column of the cell at each other place.
+                    const bool wrong = hardware && bin == 3 && (Row().Is("Flint") || Row().Is("Halite")) &&
+                                       CCameraBase::FromID(0)->m_iStartX / bin % 2 != 0;
+                    EXPECT_GT(sum[wrong ? 1 : 2], 5 * std::max(sum[0], sum[wrong ? 2 : 1]))
+                        << "blue " << sum[0] << " green " << sum[1] << " red " << sum[2] << ", " << w << " wide, bin " << bin
+                        << (hardware ? " in hardware" : "") << ", flip " << flip;
+                }
+            }
+        }
+}
+
 // Video, stop and start again: the second picture is as good as the first.
 TEST_P(ModelTest, VideoTwice)
 {
@@ -345,14 +386,15 @@ std::string NameOf(const testing::TestParamInfo<ModelRow>& info)
     return id + info.param.sClass.substr(8);
 }
 
-std::vector<ModelRow> Usb3Models()
+std::vector<ModelRow> ModelsThat(bool ModelRow::* is)
 {
     std::vector<ModelRow> rows;
-    std::copy_if(Models().begin(), Models().end(), std::back_inserter(rows), [](const ModelRow& m) { return m.bUSB3; });
+    std::copy_if(Models().begin(), Models().end(), std::back_inserter(rows), [is](const ModelRow& m) { return m.*is; });
     return rows;
 }
 
 INSTANTIATE_TEST_SUITE_P(All, ModelTest, testing::ValuesIn(Models()), NameOf);
-INSTANTIATE_TEST_SUITE_P(All, Usb3ModelTest, testing::ValuesIn(Usb3Models()), NameOf);
+INSTANTIATE_TEST_SUITE_P(All, Usb3ModelTest, testing::ValuesIn(ModelsThat(&ModelRow::bUSB3)), NameOf);
+INSTANTIATE_TEST_SUITE_P(All, ColourModelTest, testing::ValuesIn(ModelsThat(&ModelRow::bColor)), NameOf);
 
 }  // namespace
