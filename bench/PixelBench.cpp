@@ -57,7 +57,7 @@ void RegisterDemosaic(const std::shared_ptr<Frames>& f, const std::shared_ptr<CA
     });
     Register("luminance from raw", "kov", s, [=] {
         const imaging::Gains gains = imaging::SnapshotGains();
-        imaging::DemosaicY8({ f->raw.data(), s.w, s.h, imaging::PHASE_RG, &gains }, f->out.data());
+        imaging::DemosaicY8({ f->raw.data(), s.w, s.h, imaging::PHASE_RG, &gains }, 0, s.h, f->out.data());
     });
     Register("luminance from raw", "kov in two steps", s, [=] {
         a->Bayer2RGB24_RG(f->raw.data(), f->between.data(), s.w, s.h);
@@ -113,7 +113,7 @@ void RegisterInPlace(const std::shared_ptr<Frames>& f, const std::shared_ptr<CAl
     });
     Register("dark subtraction", "kov", s, [=] { a->SubtractDark(f->raw.data(), s.w, s.h, 8, f->dark.data()); });
     Register("dark subtraction", "reference form", s,
-             [=] { imaging::reference::SubtractDark(f->raw.data(), f->pixels, 8, f->dark.data()); });
+             [=] { imaging::reference::SubtractDark(f->raw.data(), f->raw.data(), f->pixels, 8, f->dark.data()); });
     for (const char* op : { "gamma", "dark subtraction" })
         Register(op, "copy of the frame", s, copy8);
 

@@ -20,7 +20,7 @@ void Bayer2Y8(const CCameraBase& camera, const uint8_t* src, uint8_t* dst, int w
     if (!phase)
         return;
     const Gains gains = SnapshotGains();
-    DemosaicY8({ src, width, height, *phase, &gains }, dst);
+    DemosaicY8({ src, width, height, *phase, &gains }, 0, height, dst);
 }
 
 }  // namespace imaging
@@ -31,5 +31,5 @@ void CCameraBase::Bayer2RGB24(uint8_t* src, uint8_t* dst, int width, int height)
     if (!phase)
         return;
     const imaging::Gains gains = imaging::SnapshotGains();
-    imaging::Demosaic({ src, width, height, *phase, &gains }, dst);
+    imaging::Demosaic({ src, width, height, *phase, &gains }, 0, height, dst);
 }

@@ -32,7 +32,23 @@ size_t Pixels(int width, int height)
 void DemosaicWith(BayerPhase phase, const uint8_t* src, uint8_t* dst, int width, int height)
 {
     const Gains gains = SnapshotGains();
-    Demosaic({ src, width, height, phase, &gains }, dst);
+    Demosaic({ src, width, height, phase, &gains }, 0, height, dst);
+}
+
+template <class T>
+void BinFrame(T* buf, int outWidth, int outHeight, int bin, bool colour)
+{
+    if (bin < 2 || bin > 4 || outWidth < 1) {
+        reference::Bin(buf, outWidth, outHeight, bin, colour);
+        return;
+    }
+    const ptrdiff_t inWidth = ptrdiff_t{ outWidth } * bin;
+    for (int y = 0; y < outHeight; ++y) {
+        const T* rows[4];
+        for (int j = 0; j < bin; ++j)
+            rows[j] = buf + reference::BinSourceRow(y, j, outHeight, bin, colour) * inWidth;
+        BinRow(rows, buf + ptrdiff_t{ y } * outWidth, outWidth, bin, colour);
+    }
 }
 
 // One cell of the operations that work without a frame height: every row that the rule needs is there.
@@ -49,6 +65,22 @@ void OneCell(Rule rule, BayerPhase phase, const uint8_t* src, uint8_t* dst, int 
 
 }  // namespace
 
+namespace {
+
+// ceil(balance * 2^14 / 50): for i below 256 the product is too large by less than a 50th, the step of the exact quotients.
+uint16_t FactorOf(const ByteTable& table)
+{
+    const uint32_t balance = table[50], factor = ((balance << GAIN_SHIFT) + 49) / 50;
+    if (balance == 0 || balance >= 200)
+        return 0;
+    for (uint32_t i = 0; i < 256; ++i)
+        if (table[i] != std::min(i * factor >> GAIN_SHIFT, 255u))
+            return 0;
+    return static_cast<uint16_t>(factor);
+}
+
+}  // namespace
+
 // A frame may be made half with the old and half with the new balance: the entries are read one by one.
 Gains SnapshotGains()
 {
@@ -59,6 +91,10 @@ Gains SnapshotGains()
         g.red[i] = g_RedLUT[i].load(std::memory_order_relaxed);
         g.identity = g.identity && g.blue[i] == i && g.red[i] == i;
     }
+    g.blueFactor = FactorOf(g.blue);
+    g.redFactor = FactorOf(g.red);
+    if (g.blueFactor == 0 || g.redFactor == 0)
+        g.blueFactor = g.redFactor = 0;
     return g;
 }
 
@@ -94,20 +130,18 @@ void CAlgorithm::RGB2R8(uint8_t* src, uint8_t* dst, int width, int height)
 
 void CAlgorithm::MonoBin(uint8_t* buf8, uint16_t* buf16, int outWidth, int outHeight, int bin, bool is16)
 {
-    const bool fast = bin >= 2 && bin <= 4;
     if (is16)
-        (fast ? imaging::MonoBin16 : reference::MonoBin16)(buf16, outWidth, outHeight, bin);
+        BinFrame(buf16, outWidth, outHeight, bin, false);
     else
-        (fast ? imaging::MonoBin8 : reference::MonoBin8)(buf8, outWidth, outHeight, bin);
+        BinFrame(buf8, outWidth, outHeight, bin, false);
 }
 
 void CAlgorithm::ColorRAWBin(uint8_t* buf8, uint16_t* buf16, int outWidth, int outHeight, int bin, bool is16)
 {
-    const bool fast = bin >= 2 && bin <= 4 && outWidth % 2 == 0 && outHeight % 2 == 0;
     if (is16)
-        (fast ? imaging::ColorBin16 : reference::ColorBin16)(buf16, outWidth, outHeight, bin);
+        BinFrame(buf16, outWidth, outHeight, bin, true);
     else
-        (fast ? imaging::ColorBin8 : reference::ColorBin8)(buf8, outWidth, outHeight, bin);
+        BinFrame(buf8, outWidth, outHeight, bin, true);
 }
 
 void CAlgorithm::SoftMisc(uint8_t* buf, int width, int height, int bin, bool is16, bool reverseRows, bool mirrorRows)
@@ -120,7 +154,7 @@ void CAlgorithm::SoftMisc(uint8_t* buf, int width, int height, int bin, bool is1
 
 void CAlgorithm::Gamma(uint8_t* buf, uint8_t* lut, int width, int height)
 {
-    MapBytes(buf, Pixels(width, height), lut);
+    MapBytes(buf, buf, Pixels(width, height), lut);
 }
 
 void CAlgorithm::Gamma(uint16_t* buf, uint16_t* lut, int width, int height)
@@ -131,7 +165,7 @@ void CAlgorithm::Gamma(uint16_t* buf, uint16_t* lut, int width, int height)
 
 void CAlgorithm::SubtractDark(uint8_t* buf, int width, int height, uint32_t offset, uint16_t* dark)
 {
-    imaging::SubtractDark(buf, Pixels(width, height), offset, dark);
+    imaging::SubtractDark(buf, buf, Pixels(width, height), offset, dark);
 }
 
 // The frame operations carry the name of the sensor's cell, the cell operations that of the byte order they make.

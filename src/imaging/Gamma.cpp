@@ -28,15 +28,13 @@ void ApplyGamma8(const CCameraBase& camera, uint8_t* buf, int n)
     ByteTable lut;
     for (size_t i = 0; i < 256; ++i)
         lut[i] = camera.m_Gamma8[i].load(std::memory_order_relaxed);
-    MapBytes(buf, static_cast<size_t>(std::max(n, 0)), lut.data());
+    MapBytes(buf, buf, static_cast<size_t>(std::max(n, 0)), lut.data());
 }
 
 // No copy of the table: it is half the size of an inner cache and would be read once.
 void ApplyGamma16(const CCameraBase& camera, uint16_t* buf, int n)
 {
-    const std::atomic<uint16_t>* lut = camera.m_pGamma16;
-    for (int i = 0; i < n; ++i)
-        buf[i] = lut[buf[i]].load(std::memory_order_relaxed);
+    MapWords(buf, buf, static_cast<size_t>(std::max(n, 0)), camera.m_pGamma16);
 }
 
 }  // namespace imaging

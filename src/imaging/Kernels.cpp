@@ -1,6 +1,7 @@
 #include "imaging/Kernels.h"
 
 #include <algorithm>
+#include <cstring>
 #include <type_traits>
 #include <utility>
 
@@ -17,7 +18,10 @@ namespace hn = hwy::HWY_NAMESPACE;
 
 #if HWY_TARGET == HWY_SCALAR  // a machine without any of the vector sets
 
-void MapBytes(uint8_t* buf, size_t n, const uint8_t* lut) { reference::Gamma8(buf, n, lut); }
+void MapBytes(const uint8_t* src, uint8_t* dst, size_t n, const uint8_t* lut)
+{
+    std::transform(src, src + n, dst, [lut](uint8_t v) { return lut[v]; });
+}
 void Luminance(const uint8_t* rgb, uint8_t* dst, size_t n)
 {
     for (size_t i = 0; i < n; ++i)
@@ -28,17 +32,21 @@ void FirstBytes(const uint8_t* rgb, uint8_t* dst, size_t n)
     for (size_t i = 0; i < n; ++i)
         dst[i] = rgb[3 * i];
 }
-void Demosaic(const BayerFrame& f, uint8_t* dst) { reference::Demosaic(f, dst); }
-void DemosaicY8(const BayerFrame& f, uint8_t* dst) { reference::DemosaicY8(f, dst); }
-void MonoBin8(uint8_t* buf, int w, int h, int bin) { reference::MonoBin8(buf, w, h, bin); }
-void ColorBin8(uint8_t* buf, int w, int h, int bin) { reference::ColorBin8(buf, w, h, bin); }
-void MonoBin16(uint16_t* buf, int w, int h, int bin) { reference::MonoBin16(buf, w, h, bin); }
-void ColorBin16(uint16_t* buf, int w, int h, int bin) { reference::ColorBin16(buf, w, h, bin); }
+void Triple(const uint8_t* grey, uint8_t* dst, size_t n)
+{
+    for (size_t i = 0; i < n; ++i)
+        std::fill_n(dst + 3 * i, 3, grey[i]);
+}
+void Demosaic(const BayerFrame& f, int from, int to, uint8_t* dst) { reference::Demosaic(f, from, to, dst); }
+void DemosaicY8(const BayerFrame& f, int from, int to, uint8_t* dst) { reference::DemosaicY8(f, from, to, dst); }
+void BinRow8(const uint8_t* const* rows, uint8_t* out, int w, int bin, bool colour) { reference::BinRow(rows, out, w, bin, colour); }
+void BinRow16(const uint16_t* const* rows, uint16_t* out, int w, int bin, bool colour) { reference::BinRow(rows, out, w, bin, colour); }
 void Flip8(uint8_t* buf, int w, int h, bool rows, bool mirror) { reference::Flip(buf, w, h, rows, mirror); }
 void Flip16(uint16_t* buf, int w, int h, bool rows, bool mirror) { reference::Flip(buf, w, h, rows, mirror); }
-void SubtractDark(uint8_t* buf, size_t n, uint32_t offset, const uint16_t* dark)
+void Rotate12(const uint16_t* src, uint16_t* dst, size_t n) { std::transform(src, src + n, dst, reference::Rotate12); }
+void SubtractDark(const uint8_t* src, uint8_t* dst, size_t n, uint32_t offset, const uint16_t* dark)
 {
-    reference::SubtractDark(buf, n, offset, dark);
+    reference::SubtractDark(src, dst, n, offset, dark);
 }
 
 #else
@@ -118,23 +126,49 @@ private:
 };
 #endif
 
-void MapBytes(uint8_t* buf, size_t n, const uint8_t* lut)
+void MapBytes(const uint8_t* src, uint8_t* dst, size_t n, const uint8_t* lut)
 {
     size_t i = 0;
 #if KOV_SHUFFLED_TABLE
     const Full<uint8_t> d;
-    const Table table(lut);
-    for (; i + hn::Lanes(d) <= n; i += hn::Lanes(d))
-        hn::StoreU(table.Map(hn::LoadU(d, buf + i)), d, buf + i);
+    if (n >= hn::Lanes(d)) {
+        const Table table(lut);
+        for (; i + hn::Lanes(d) <= n; i += hn::Lanes(d))
+            hn::StoreU(table.Map(hn::LoadU(d, src + i)), d, dst + i);
+    }
 #endif
     for (; i + 8 <= n; i += 8) {
-        uint8_t* p = buf + i;
+        const uint8_t* p = src + i;
+        uint8_t* q = dst + i;
         const uint8_t a = lut[p[0]], b = lut[p[1]], c = lut[p[2]], e = lut[p[3]];
         const uint8_t f = lut[p[4]], g = lut[p[5]], h = lut[p[6]], j = lut[p[7]];
-        p[0] = a, p[1] = b, p[2] = c, p[3] = e, p[4] = f, p[5] = g, p[6] = h, p[7] = j;
+        q[0] = a, q[1] = b, q[2] = c, q[3] = e, q[4] = f, q[5] = g, q[6] = h, q[7] = j;
     }
     for (; i < n; ++i)
-        buf[i] = lut[buf[i]];
+        dst[i] = lut[src[i]];
+}
+
+void Rotate12(const uint16_t* src, uint16_t* dst, size_t n)
+{
+    const Full<uint16_t> d;
+    size_t i = 0;
+    for (; i + hn::Lanes(d) <= n; i += hn::Lanes(d)) {
+        const auto v = hn::LoadU(d, src + i);
+        hn::StoreU(hn::Or(hn::ShiftLeft<8>(v), hn::And(hn::ShiftRight<4>(v), hn::Set(d, 0x00F0))), d, dst + i);
+    }
+    std::transform(src + i, src + n, dst + i, reference::Rotate12);
+}
+
+void Triple(const uint8_t* grey, uint8_t* dst, size_t n)
+{
+    const Full<uint8_t> d;
+    size_t i = 0;
+    for (; i + hn::Lanes(d) <= n; i += hn::Lanes(d)) {
+        const auto v = hn::LoadU(d, grey + i);
+        hn::StoreInterleaved3(v, v, v, d, dst + 3 * i);
+    }
+    for (; i < n; ++i)
+        std::fill_n(dst + 3 * i, 3, grey[i]);
 }
 
 // --- luminance ------------------------------------------------------------------------------------------------------
@@ -246,9 +280,10 @@ HWY_INLINE void StorePixels(V8 blue, V8 green, V8 red, uint8_t* dst)
 
 // Two pixels a lane: a word holds the even column below, the odd column above. `kColourOdd` tells which of them is the
 // colour site of the row; `own` is the colour of the row's sites, `other` that of the rows above and below.
-template <bool kColourOdd, class D8>
-HWY_INLINE void Interpolate(D8 d8, const uint8_t* p, ptrdiff_t pitch, hn::Vec<D8>& own, hn::Vec<D8>& green,
-                            hn::Vec<D8>& other)
+// `ownGain` and `otherGain` are applied to the lanes of one column each.
+template <bool kColourOdd, class D8, class Gain>
+HWY_INLINE void Interpolate(D8 d8, const uint8_t* p, ptrdiff_t pitch, Gain ownGain, Gain otherGain, hn::Vec<D8>& own,
+                            hn::Vec<D8>& green, hn::Vec<D8>& other)
 {
     const hn::RepartitionToWide<D8> d16;
     const auto load = [&](const uint8_t* q) HWY_ATTR { return hn::BitCast(d16, hn::LoadU(d8, q)); };
@@ -264,25 +299,41 @@ HWY_INLINE void Interpolate(D8 d8, const uint8_t* p, ptrdiff_t pitch, hn::Vec<D8
         const auto nextColumn = hn::Add(high(load(p - pitch + 1)), high(load(p + pitch + 1)));
         const auto cross = hn::ShiftRight<2>(hn::Add(columnOdd, hn::Add(even, high(right))));
         const auto diagonal = hn::ShiftRight<2>(hn::Add(columnEven, nextColumn));
-        own = join(hn::ShiftRight<1>(hn::Add(low(left), odd)), odd);
+        own = join(ownGain(hn::ShiftRight<1>(hn::Add(low(left), odd))), ownGain(odd));
         green = join(even, cross);
-        other = join(hn::ShiftRight<1>(columnEven), diagonal);
+        other = join(otherGain(hn::ShiftRight<1>(columnEven)), otherGain(diagonal));
     } else {
         const auto previousColumn = hn::Add(low(load(p - pitch - 1)), low(load(p + pitch - 1)));
         const auto cross = hn::ShiftRight<2>(hn::Add(columnEven, hn::Add(low(left), odd)));
         const auto diagonal = hn::ShiftRight<2>(hn::Add(previousColumn, columnOdd));
-        own = join(even, hn::ShiftRight<1>(hn::Add(even, high(right))));
+        own = join(ownGain(even), ownGain(hn::ShiftRight<1>(hn::Add(even, high(right)))));
         green = join(cross, odd);
-        other = join(diagonal, hn::ShiftRight<1>(columnOdd));
+        other = join(otherGain(diagonal), otherGain(hn::ShiftRight<1>(columnOdd)));
     }
 }
+
+// How red and blue get their gains.
+enum class GainWay { None, Factor, Lookup };
+
+template <GainWay kWay, class D16>
+struct GainOf {
+    hn::Vec<D16> factor;
+    HWY_INLINE hn::Vec<D16> operator()(hn::Vec<D16> v) const
+    {
+        const D16 d;
+        if constexpr (kWay == GainWay::Factor)
+            return hn::Min(hn::MulHigh(hn::ShiftLeft<16 - GAIN_SHIFT>(v), factor), hn::Set(d, 255));
+        else
+            return v;
+    }
+};
 
 // Frames too large to be found in a cache afterwards are written past it, which saves reading what is overwritten.
 constexpr size_t STREAM_FROM = size_t{ 16 } << 20;  // bytes of output
 
 // Columns 2 to `end` of an inner row, in vectors. The first and the last vector may be overlaid by their neighbours, which
 // hold the same there. False if the row is shorter than a vector.
-template <bool kY8, bool kGains, bool kColourOdd, class D8>
+template <bool kY8, GainWay kWay, bool kColourOdd, class D8>
 HWY_INLINE bool InnerRow(D8 d8, const BayerFrame& f, ptrdiff_t y, ptrdiff_t end, bool stream, const Table& blueTable,
                          const Table& redTable, uint8_t* dst)
 {
@@ -290,13 +341,16 @@ HWY_INLINE bool InnerRow(D8 d8, const BayerFrame& f, ptrdiff_t y, ptrdiff_t end,
     if (end - 2 < step)
         return false;
     const bool blueRow = (y & 1) == f.phase.blueY;
-    const uint8_t* row = f.src + y * width;
+    const hn::RepartitionToWide<D8> d16;
+    const auto blueFactor = hn::Set(d16, f.gains->blueFactor), redFactor = hn::Set(d16, f.gains->redFactor);
+    const GainOf<kWay, decltype(d16)> ownGain{ blueRow ? blueFactor : redFactor }, otherGain{ blueRow ? redFactor : blueFactor };
+    const uint8_t* row = f.Row(y);
     uint8_t* out = dst + y * width * (kY8 ? 1 : 3);
     const auto pixels = [&](ptrdiff_t x, auto streamed) HWY_ATTR {
         hn::Vec<D8> own, green, other;
-        Interpolate<kColourOdd>(d8, row + x, width, own, green, other);
+        Interpolate<kColourOdd>(d8, row + x, width, ownGain, otherGain, own, green, other);
         auto blue = blueRow ? own : other, red = blueRow ? other : own;
-        if constexpr (kGains) {
+        if constexpr (kWay == GainWay::Lookup) {
             blue = blueTable.Map(blue);
             red = redTable.Map(red);
         }
@@ -323,8 +377,8 @@ HWY_INLINE bool InnerRow(D8 d8, const BayerFrame& f, ptrdiff_t y, ptrdiff_t end,
     return true;
 }
 
-template <bool kY8, bool kGains>
-HWY_INLINE void DemosaicFrame(const BayerFrame& f, uint8_t* dst)
+template <bool kY8, GainWay kWay>
+HWY_INLINE void DemosaicRows(const BayerFrame& f, int from, int to, uint8_t* dst)
 {
     const ptrdiff_t width = f.width, height = f.height;
     // First column and row behind the inner cells.
@@ -353,12 +407,12 @@ HWY_INLINE void DemosaicFrame(const BayerFrame& f, uint8_t* dst)
             }
         }
     };
-    for (ptrdiff_t y = 0; y < height; y += 2) {
+    for (ptrdiff_t y = from; y < to; y += 2) {
         bool inner = y >= 2 && y < endY;
         for (ptrdiff_t r = y; inner && r < y + 2; ++r) {
             const bool colourOdd = ((r & 1) == f.phase.blueY) == (f.phase.blueX == 1);
-            inner = colourOdd ? InnerRow<kY8, kGains, true>(Full<uint8_t>(), f, r, endX, stream, blueTable, redTable, dst)
-                              : InnerRow<kY8, kGains, false>(Full<uint8_t>(), f, r, endX, stream, blueTable, redTable, dst);
+            inner = colourOdd ? InnerRow<kY8, kWay, true>(Full<uint8_t>(), f, r, endX, stream, blueTable, redTable, dst)
+                              : InnerRow<kY8, kWay, false>(Full<uint8_t>(), f, r, endX, stream, blueTable, redTable, dst);
         }
         if (inner) {
             cells(y, 0, 2);
@@ -371,28 +425,23 @@ HWY_INLINE void DemosaicFrame(const BayerFrame& f, uint8_t* dst)
         hwy::FlushStream();
 }
 
-void Demosaic(const BayerFrame& f, uint8_t* dst)
+template <bool kY8>
+HWY_INLINE void DemosaicAs(const BayerFrame& f, int from, int to, uint8_t* dst)
 {
-    f.gains->identity ? DemosaicFrame<false, false>(f, dst) : DemosaicFrame<false, true>(f, dst);
+    if (f.gains->identity)
+        DemosaicRows<kY8, GainWay::None>(f, from, to, dst);
+    else if (f.gains->blueFactor != 0)
+        DemosaicRows<kY8, GainWay::Factor>(f, from, to, dst);
+    else
+        DemosaicRows<kY8, GainWay::Lookup>(f, from, to, dst);
 }
 
-void DemosaicY8(const BayerFrame& f, uint8_t* dst)
-{
-    f.gains->identity ? DemosaicFrame<true, false>(f, dst) : DemosaicFrame<true, true>(f, dst);
-}
+void Demosaic(const BayerFrame& f, int from, int to, uint8_t* dst) { DemosaicAs<false>(f, from, to, dst); }
+void DemosaicY8(const BayerFrame& f, int from, int to, uint8_t* dst) { DemosaicAs<true>(f, from, to, dst); }
 
-// --- binning by 2 ---------------------------------------------------------------------------------------------------
+// --- binning --------------------------------------------------------------------------------------------------------
 
-// Output row y is made of input row `from` and the one `rows` below. All reads of a vector come before its write, and the
-// output never overtakes the input, so the frame may be binned in place.
-struct RowPair {
-    size_t first, second, out;
-};
-HWY_INLINE RowPair RowsOf(size_t y, size_t outWidth, bool colour)
-{
-    const size_t from = colour ? y / 2 * 4 + (y & 1) : y * 2;
-    return { from * 2 * outWidth, (from + (colour ? 2 : 1)) * 2 * outWidth, y * outWidth };
-}
+// All reads of a vector come before its write, and the output never overtakes the input, so a frame may be binned in place.
 
 // A unit is what stays together: one sample of a mono frame, a pair of neighbours of a colour frame.
 template <class Unit, class D8>
@@ -411,19 +460,14 @@ HWY_INLINE size_t Bin8Loop(D8 d8, const uint8_t* a, const uint8_t* b, uint8_t* o
 }
 
 template <class Unit>
-HWY_INLINE void Bin8(uint8_t* buf, size_t outWidth, size_t outHeight)
+HWY_INLINE void Bin8(const uint8_t* a, const uint8_t* b, uint8_t* out, size_t outWidth)
 {
     constexpr bool kColour = sizeof(Unit) == 2;
-    for (size_t y = 0; y < outHeight; ++y) {
-        const RowPair r = RowsOf(y, outWidth, kColour);
-        const uint8_t *a = buf + r.first, *b = buf + r.second;
-        uint8_t* out = buf + r.out;
-        size_t x = Bin8Loop<Unit>(Full<uint8_t>(), a, b, out, 0, outWidth);
-        x = Bin8Loop<Unit>(Short<uint8_t>(), a, b, out, x, outWidth);
-        for (; x < outWidth; ++x) {
-            const size_t i = kColour ? x / 2 * 4 + (x & 1) : 2 * x, j = i + sizeof(Unit);
-            out[x] = static_cast<uint8_t>(std::min(a[i] + a[j] + b[i] + b[j], 255));
-        }
+    size_t x = Bin8Loop<Unit>(Full<uint8_t>(), a, b, out, 0, outWidth);
+    x = Bin8Loop<Unit>(Short<uint8_t>(), a, b, out, x, outWidth);
+    for (; x < outWidth; ++x) {
+        const size_t i = kColour ? x / 2 * 4 + (x & 1) : 2 * x, j = i + sizeof(Unit);
+        out[x] = static_cast<uint8_t>(std::min(a[i] + a[j] + b[i] + b[j], 255));
     }
 }
 
@@ -455,54 +499,46 @@ HWY_INLINE size_t Bin16Loop(D16 d, const uint16_t* a, const uint16_t* b, uint16_
 }
 
 template <bool kColour>
-HWY_INLINE void Bin16(uint16_t* buf, size_t outWidth, size_t outHeight)
+HWY_INLINE void Bin16(const uint16_t* a, const uint16_t* b, uint16_t* out, size_t outWidth)
 {
-    for (size_t y = 0; y < outHeight; ++y) {
-        const RowPair r = RowsOf(y, outWidth, kColour);
-        const uint16_t *a = buf + r.first, *b = buf + r.second;
-        uint16_t* out = buf + r.out;
-        size_t x = Bin16Loop<kColour>(Full<uint16_t>(), a, b, out, 0, outWidth);
-        x = Bin16Loop<kColour>(Short<uint16_t>(), a, b, out, x, outWidth);
-        for (; x < outWidth; ++x) {
-            if constexpr (kColour) {
-                const size_t i = x / 2 * 4 + (x & 1), j = i + 2;
-                out[x] = static_cast<uint16_t>((a[i] >> 2) + (a[j] >> 2) + (b[i] >> 2) + (b[j] >> 2));
-            } else {
-                out[x] = static_cast<uint16_t>((a[2 * x] + a[2 * x + 1] + b[2 * x] + b[2 * x + 1]) >> 2);
-            }
+    size_t x = Bin16Loop<kColour>(Full<uint16_t>(), a, b, out, 0, outWidth);
+    x = Bin16Loop<kColour>(Short<uint16_t>(), a, b, out, x, outWidth);
+    for (; x < outWidth; ++x) {
+        if constexpr (kColour) {
+            const size_t i = x / 2 * 4 + (x & 1), j = i + 2;
+            out[x] = static_cast<uint16_t>((a[i] >> 2) + (a[j] >> 2) + (b[i] >> 2) + (b[j] >> 2));
+        } else {
+            out[x] = static_cast<uint16_t>((a[2 * x] + a[2 * x + 1] + b[2 * x] + b[2 * x + 1]) >> 2);
         }
     }
 }
 
 // Larger bins: the rows of a block are added up first, which the compiler turns into vectors, then the columns.
 template <int kBin, bool kColour, class T>
-HWY_INLINE void BinRows(T* buf, size_t outWidth, size_t outHeight)
+HWY_INLINE void BinMany(const T* const* rows, T* outRow, size_t outWidth)
 {
     constexpr size_t CHUNK = 256;  // output pixels; even
     using Sum = std::conditional_t<sizeof(T) == 1, uint16_t, uint32_t>;
     constexpr uint32_t kArea = kBin * kBin;
     Sum column[CHUNK * kBin];
-    for (size_t y = 0; y < outHeight; ++y) {
-        const size_t from = kColour ? y / 2 * 2 * kBin + (y & 1) : y * kBin;
-        for (size_t x0 = 0; x0 < outWidth; x0 += CHUNK) {
-            const size_t n = std::min(CHUNK, outWidth - x0), in = n * kBin;
-            std::fill_n(column, in, Sum{ 0 });
-            for (size_t j = 0; j < kBin; ++j) {
-                const T* row = buf + (from + j * (kColour ? 2 : 1)) * outWidth * kBin + x0 * kBin;
-                for (size_t i = 0; i < in; ++i)
-                    column[i] = static_cast<Sum>(column[i] + (kColour && sizeof(T) == 2 ? row[i] / kArea : row[i]));
-            }
-            T* out = buf + y * outWidth + x0;
-            for (size_t x = 0; x < n; ++x) {
-                const Sum* c = column + (kColour ? x / 2 * 2 * kBin + (x & 1) : x * kBin);
-                uint32_t sum = 0;
-                for (size_t i = 0; i < kBin; ++i)
-                    sum += c[i * (kColour ? 2 : 1)];
-                if constexpr (sizeof(T) == 1)
-                    out[x] = static_cast<T>(std::min(sum, 255u));
-                else
-                    out[x] = static_cast<T>(kColour ? std::min(sum, 65535u) : sum / kArea);
-            }
+    for (size_t x0 = 0; x0 < outWidth; x0 += CHUNK) {
+        const size_t n = std::min(CHUNK, outWidth - x0), in = n * kBin;
+        std::fill_n(column, in, Sum{ 0 });
+        for (size_t j = 0; j < kBin; ++j) {
+            const T* row = rows[j] + x0 * kBin;
+            for (size_t i = 0; i < in; ++i)
+                column[i] = static_cast<Sum>(column[i] + (kColour && sizeof(T) == 2 ? row[i] / kArea : row[i]));
+        }
+        T* out = outRow + x0;
+        for (size_t x = 0; x < n; ++x) {
+            const Sum* c = column + (kColour ? x / 2 * 2 * kBin + (x & 1) : x * kBin);
+            uint32_t sum = 0;
+            for (size_t i = 0; i < kBin; ++i)
+                sum += c[i * (kColour ? 2 : 1)];
+            if constexpr (sizeof(T) == 1)
+                out[x] = static_cast<T>(std::min(sum, 255u));
+            else
+                out[x] = static_cast<T>(kColour ? std::min(sum, 65535u) : sum / kArea);
         }
     }
 }
@@ -510,25 +546,29 @@ HWY_INLINE void BinRows(T* buf, size_t outWidth, size_t outHeight)
 // A size below 1 is no size.
 HWY_INLINE size_t Size(int n) { return static_cast<size_t>(std::max(n, 0)); }
 
-void MonoBin8(uint8_t* buf, int w, int h, int bin)
+template <bool kColour, class T>
+HWY_INLINE void BinRowAs(const T* const* rows, T* out, int w, int bin)
 {
-    bin == 2 ? Bin8<uint8_t>(buf, Size(w), Size(h)) : bin == 3 ? BinRows<3, false>(buf, Size(w), Size(h))
-                                                              : BinRows<4, false>(buf, Size(w), Size(h));
+    using Unit = std::conditional_t<kColour, uint16_t, uint8_t>;
+    if (bin < 2 || bin > 4 || (kColour && w % 2 != 0))
+        reference::BinRow(rows, out, w, bin, kColour);
+    else if (bin == 3)
+        BinMany<3, kColour>(rows, out, Size(w));
+    else if (bin == 4)
+        BinMany<4, kColour>(rows, out, Size(w));
+    else if constexpr (sizeof(T) == 1)
+        Bin8<Unit>(rows[0], rows[1], out, Size(w));
+    else
+        Bin16<kColour>(rows[0], rows[1], out, Size(w));
 }
-void ColorBin8(uint8_t* buf, int w, int h, int bin)
+
+void BinRow8(const uint8_t* const* rows, uint8_t* out, int w, int bin, bool colour)
 {
-    bin == 2 ? Bin8<uint16_t>(buf, Size(w), Size(h)) : bin == 3 ? BinRows<3, true>(buf, Size(w), Size(h))
-                                                               : BinRows<4, true>(buf, Size(w), Size(h));
+    colour ? BinRowAs<true>(rows, out, w, bin) : BinRowAs<false>(rows, out, w, bin);
 }
-void MonoBin16(uint16_t* buf, int w, int h, int bin)
+void BinRow16(const uint16_t* const* rows, uint16_t* out, int w, int bin, bool colour)
 {
-    bin == 2 ? Bin16<false>(buf, Size(w), Size(h)) : bin == 3 ? BinRows<3, false>(buf, Size(w), Size(h))
-                                                             : BinRows<4, false>(buf, Size(w), Size(h));
-}
-void ColorBin16(uint16_t* buf, int w, int h, int bin)
-{
-    bin == 2 ? Bin16<true>(buf, Size(w), Size(h)) : bin == 3 ? BinRows<3, true>(buf, Size(w), Size(h))
-                                                            : BinRows<4, true>(buf, Size(w), Size(h));
+    colour ? BinRowAs<true>(rows, out, w, bin) : BinRowAs<false>(rows, out, w, bin);
 }
 
 // --- flips ----------------------------------------------------------------------------------------------------------
@@ -601,7 +641,7 @@ void Flip16(uint16_t* buf, int w, int h, bool rows, bool mirror) { Flip(buf, Siz
 // --- dark frame -----------------------------------------------------------------------------------------------------
 
 // A dark value of 255 or more leaves nothing of any pixel, so eight bits of it are enough.
-void SubtractDark(uint8_t* buf, size_t n, uint32_t offset, const uint16_t* dark)
+void SubtractDark(const uint8_t* src, uint8_t* dst, size_t n, uint32_t offset, const uint16_t* dark)
 {
     const Full<uint8_t> d8;
     const hn::RepartitionToWide<decltype(d8)> d16;
@@ -612,9 +652,9 @@ void SubtractDark(uint8_t* buf, size_t n, uint32_t offset, const uint16_t* dark)
     for (; i + lanes <= n; i += lanes) {
         const auto low = hn::Min(hn::LoadU(d16, dark + i), full), high = hn::Min(hn::LoadU(d16, dark + i + lanes / 2), full);
         const auto d = hn::ConcatEven(d8, hn::BitCast(d8, high), hn::BitCast(d8, low));
-        hn::StoreU(hn::SaturatedAdd(hn::SaturatedSub(hn::LoadU(d8, buf + i), d), add), d8, buf + i);
+        hn::StoreU(hn::SaturatedAdd(hn::SaturatedSub(hn::LoadU(d8, src + i), d), add), d8, dst + i);
     }
-    reference::SubtractDark(buf + i, n - i, offset, dark + i);
+    reference::SubtractDark(src + i, dst + i, n - i, offset, dark + i);
 }
 
 #endif  // HWY_SCALAR
@@ -627,32 +667,56 @@ HWY_AFTER_NAMESPACE();
 namespace imaging {
 
 HWY_EXPORT(MapBytes);
+HWY_EXPORT(Rotate12);
 HWY_EXPORT(Luminance);
 HWY_EXPORT(FirstBytes);
+HWY_EXPORT(Triple);
 HWY_EXPORT(Demosaic);
 HWY_EXPORT(DemosaicY8);
-HWY_EXPORT(MonoBin8);
-HWY_EXPORT(MonoBin16);
-HWY_EXPORT(ColorBin8);
-HWY_EXPORT(ColorBin16);
+HWY_EXPORT(BinRow8);
+HWY_EXPORT(BinRow16);
 HWY_EXPORT(Flip8);
 HWY_EXPORT(Flip16);
 HWY_EXPORT(SubtractDark);
 
-void MapBytes(uint8_t* buf, size_t n, const uint8_t* lut) { HWY_DYNAMIC_DISPATCH(MapBytes)(buf, n, lut); }
+void MapBytes(const uint8_t* src, uint8_t* dst, size_t n, const uint8_t* lut)
+{
+    HWY_DYNAMIC_DISPATCH(MapBytes)(src, dst, n, lut);
+}
+void Rotate12(const uint16_t* src, uint16_t* dst, size_t n) { HWY_DYNAMIC_DISPATCH(Rotate12)(src, dst, n); }
 void Luminance(const uint8_t* rgb, uint8_t* dst, size_t n) { HWY_DYNAMIC_DISPATCH(Luminance)(rgb, dst, n); }
 void FirstBytes(const uint8_t* rgb, uint8_t* dst, size_t n) { HWY_DYNAMIC_DISPATCH(FirstBytes)(rgb, dst, n); }
-void Demosaic(const BayerFrame& f, uint8_t* dst) { HWY_DYNAMIC_DISPATCH(Demosaic)(f, dst); }
-void DemosaicY8(const BayerFrame& f, uint8_t* dst) { HWY_DYNAMIC_DISPATCH(DemosaicY8)(f, dst); }
-void MonoBin8(uint8_t* buf, int w, int h, int bin) { HWY_DYNAMIC_DISPATCH(MonoBin8)(buf, w, h, bin); }
-void MonoBin16(uint16_t* buf, int w, int h, int bin) { HWY_DYNAMIC_DISPATCH(MonoBin16)(buf, w, h, bin); }
-void ColorBin8(uint8_t* buf, int w, int h, int bin) { HWY_DYNAMIC_DISPATCH(ColorBin8)(buf, w, h, bin); }
-void ColorBin16(uint16_t* buf, int w, int h, int bin) { HWY_DYNAMIC_DISPATCH(ColorBin16)(buf, w, h, bin); }
+void Triple(const uint8_t* grey, uint8_t* dst, size_t n) { HWY_DYNAMIC_DISPATCH(Triple)(grey, dst, n); }
+void Demosaic(const BayerFrame& f, int from, int to, uint8_t* dst) { HWY_DYNAMIC_DISPATCH(Demosaic)(f, from, to, dst); }
+void DemosaicY8(const BayerFrame& f, int from, int to, uint8_t* dst) { HWY_DYNAMIC_DISPATCH(DemosaicY8)(f, from, to, dst); }
+void BinRow(const uint8_t* const* rows, uint8_t* out, int w, int bin, bool colour)
+{
+    HWY_DYNAMIC_DISPATCH(BinRow8)(rows, out, w, bin, colour);
+}
+void BinRow(const uint16_t* const* rows, uint16_t* out, int w, int bin, bool colour)
+{
+    HWY_DYNAMIC_DISPATCH(BinRow16)(rows, out, w, bin, colour);
+}
 void Flip8(uint8_t* buf, int w, int h, bool rows, bool mirror) { HWY_DYNAMIC_DISPATCH(Flip8)(buf, w, h, rows, mirror); }
 void Flip16(uint16_t* buf, int w, int h, bool rows, bool mirror) { HWY_DYNAMIC_DISPATCH(Flip16)(buf, w, h, rows, mirror); }
-void SubtractDark(uint8_t* buf, size_t n, uint32_t offset, const uint16_t* dark)
+void SubtractDark(const uint8_t* src, uint8_t* dst, size_t n, uint32_t offset, const uint16_t* dark)
 {
-    HWY_DYNAMIC_DISPATCH(SubtractDark)(buf, n, offset, dark);
+    HWY_DYNAMIC_DISPATCH(SubtractDark)(src, dst, n, offset, dark);
+}
+
+// Four lookups a store: the table is half the size of an inner cache, so the loads are what it takes.
+void MapWords(const uint16_t* src, uint16_t* dst, size_t n, const std::atomic<uint16_t>* lut)
+{
+    const auto at = [lut](uint64_t i) { return uint64_t{ lut[i & 0xFFFF].load(std::memory_order_relaxed) }; };
+    size_t i = 0;
+    for (; i + 4 <= n; i += 4) {
+        uint64_t v;
+        std::memcpy(&v, src + i, sizeof v);
+        v = at(v) | at(v >> 16) << 16 | at(v >> 32) << 32 | at(v >> 48) << 48;
+        std::memcpy(dst + i, &v, sizeof v);
+    }
+    for (; i < n; ++i)
+        dst[i] = static_cast<uint16_t>(at(src[i]));
 }
 
 }  // namespace imaging

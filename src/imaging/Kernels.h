@@ -1,6 +1,7 @@
 // Vector forms of the pixel operations, compiled for every instruction set that this architecture may offer; the best
 // that the machine has is chosen once per call.
 #pragma once
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 
@@ -12,21 +13,25 @@
 
 namespace imaging {
 
-void Demosaic(const BayerFrame& f, uint8_t* dst);    // 3 bytes a pixel
-void DemosaicY8(const BayerFrame& f, uint8_t* dst);  // what RGB2Y8 makes of Demosaic, without the frame between
+// Rows [from, to) of the frame into `dst`, which is the whole output; `from` is even, and `to` too unless it is the height.
+// Of the frame, these rows and the ones beside them have to be there.
+void Demosaic(const BayerFrame& f, int from, int to, uint8_t* dst);    // 3 bytes a pixel
+void DemosaicY8(const BayerFrame& f, int from, int to, uint8_t* dst);  // what RGB2Y8 makes of Demosaic, without the frame between
 void Luminance(const uint8_t* rgb, uint8_t* dst, size_t n);
 void FirstBytes(const uint8_t* rgb, uint8_t* dst, size_t n);
+void Triple(const uint8_t* grey, uint8_t* dst, size_t n);  // each byte three times
 
-// Bin 2 to 4 in place; outWidth and outHeight even for the colour forms.
-void MonoBin8(uint8_t* buf, int outWidth, int outHeight, int bin);
-void MonoBin16(uint16_t* buf, int outWidth, int outHeight, int bin);
-void ColorBin8(uint8_t* buf, int outWidth, int outHeight, int bin);
-void ColorBin16(uint16_t* buf, int outWidth, int outHeight, int bin);
+// One output row of `bin` input rows of outWidth * bin samples. The output may be the beginning of the first row.
+void BinRow(const uint8_t* const* rows, uint8_t* out, int outWidth, int bin, bool colour);
+void BinRow(const uint16_t* const* rows, uint16_t* out, int outWidth, int bin, bool colour);
 
 void Flip8(uint8_t* buf, int width, int height, bool reverseRows, bool mirrorRows);
 void Flip16(uint16_t* buf, int width, int height, bool reverseRows, bool mirrorRows);
 
-void MapBytes(uint8_t* buf, size_t n, const uint8_t* lut);
-void SubtractDark(uint8_t* buf, size_t n, uint32_t offset, const uint16_t* dark);
+// `src` may be `dst`.
+void MapBytes(const uint8_t* src, uint8_t* dst, size_t n, const uint8_t* lut);
+void MapWords(const uint16_t* src, uint16_t* dst, size_t n, const std::atomic<uint16_t>* lut);
+void Rotate12(const uint16_t* src, uint16_t* dst, size_t n);
+void SubtractDark(const uint8_t* src, uint8_t* dst, size_t n, uint32_t offset, const uint16_t* dark);
 
 }  // namespace imaging

@@ -26,10 +26,10 @@ uint8_t Saturate(uint32_t v)
 }
 
 template <class PutCell>
-void WalkCells(const BayerFrame& f, PutCell put)
+void WalkCells(const BayerFrame& f, int from, int to, PutCell put)
 {
     CellPixels px;
-    for (int y = 0; y < f.height; y += 2) {
+    for (int y = from; y < to; y += 2) {
         for (int x = 0; x < f.width; x += 2) {
             if (IsBorderCell(f, x, y))
                 CopyCell(f, x, y, px);
@@ -42,29 +42,32 @@ void WalkCells(const BayerFrame& f, PutCell put)
     }
 }
 
-// Sums of blocks of `bin` by `bin` samples. Mono blocks are dense; colour blocks take every second row and column.
-// `scale` is applied to each sample, `finish` to the sum.
-template <class T, class Scale, class Finish>
-void Bin(T* buf, int outWidth, int outHeight, int bin, bool colour, Scale scale, Finish finish)
+// First sample of output place i. Mono blocks are dense; colour blocks take every second row and column.
+int FirstOf(int i, int bin, bool colour)
 {
-    if (bin < 2 || outHeight < 1)
-        return;
-    const int inWidth = outWidth * bin, inHeight = outHeight * bin;
-    const int step = colour ? 2 : 1;
-    const auto first = [&](int i) { return colour ? i / 2 * 2 * bin + (i & 1) : i * bin; };
-    T* out = buf;
-    for (int y = 0; y < outHeight; ++y) {
-        for (int x = 0; x < outWidth; ++x) {
-            uint32_t sum = 0;
-            for (int j = 0; j < bin; ++j) {
-                const int row = InsideFrom(first(y) + j * step, inHeight);
-                for (int i = 0; i < bin; ++i) {
-                    const int col = InsideFrom(first(x) + i * step, inWidth);
-                    sum += scale(buf[static_cast<size_t>(row) * static_cast<size_t>(inWidth) + static_cast<size_t>(col)]);
-                }
+    return colour ? i / 2 * 2 * bin + (i & 1) : i * bin;
+}
+
+// 8-bit frames add up and saturate; 16-bit frames are averaged.
+// QUIRK: of a 16-bit colour frame each sample is divided before it is added, which loses its low bits; mono frames divide
+// once at the end.
+template <class T, class RowAt>
+void SumBlocks(RowAt rowAt, T* out, int outWidth, int bin, bool colour)
+{
+    const int inWidth = outWidth * bin, step = colour ? 2 : 1;
+    const auto b = static_cast<uint32_t>(bin);
+    for (int x = 0; x < outWidth; ++x) {
+        uint32_t sum = 0;
+        for (int j = 0; j < bin; ++j) {
+            const T* row = rowAt(j);
+            for (int i = 0; i < bin; ++i) {
+                const uint32_t v = row[InsideFrom(FirstOf(x, bin, colour) + i * step, inWidth)];
+                sum += sizeof(T) == 2 && colour ? v / b / b : v;
             }
-            *out++ = finish(sum);
         }
+        if (sizeof(T) == 2 && !colour)
+            sum = sum / b / b;
+        out[x] = static_cast<T>(std::min<uint32_t>(sum, static_cast<T>(~T{ 0 })));
     }
 }
 
@@ -78,8 +81,7 @@ bool IsBorderCell(const BayerFrame& f, int x, int y)
 void CopyCell(const BayerFrame& f, int x, int y, CellPixels out)
 {
     const auto at = [&](int i, int j) {
-        return f.src[static_cast<size_t>(Inside(y + j, f.height)) * static_cast<size_t>(f.width) +
-                     static_cast<size_t>(Inside(x + i, f.width))];
+        return f.Row(Inside(y + j, f.height))[Inside(x + i, f.width)];
     };
     const int bx = f.phase.blueX, by = f.phase.blueY;
     const uint8_t blue = f.gains->blue[at(bx, by)];
@@ -100,7 +102,7 @@ void BilinearCell(const BayerFrame& f, int x, int y, CellPixels out)
     const ptrdiff_t w = f.width;
     for (int j = 0; j < 2; ++j) {
         for (int i = 0; i < 2; ++i) {
-            const uint8_t* p = f.src + (y + j) * w + (x + i);
+            const uint8_t* p = f.Row(y + j) + (x + i);
             const bool blueRow = j == f.phase.blueY, blueColumn = i == f.phase.blueX;
             int blue, green, red;
             if (blueRow != blueColumn) {
@@ -121,14 +123,14 @@ void BilinearCell(const BayerFrame& f, int x, int y, CellPixels out)
     }
 }
 
-void Demosaic(const BayerFrame& f, uint8_t* dst)
+void Demosaic(const BayerFrame& f, int from, int to, uint8_t* dst)
 {
-    WalkCells(f, [dst](size_t i, const uint8_t* px) { std::copy_n(px, 3, dst + 3 * i); });
+    WalkCells(f, from, to, [dst](size_t i, const uint8_t* px) { std::copy_n(px, 3, dst + 3 * i); });
 }
 
-void DemosaicY8(const BayerFrame& f, uint8_t* dst)
+void DemosaicY8(const BayerFrame& f, int from, int to, uint8_t* dst)
 {
-    WalkCells(f, [dst](size_t i, const uint8_t* px) { dst[i] = Luminance(px[0], px[1], px[2]); });
+    WalkCells(f, from, to, [dst](size_t i, const uint8_t* px) { dst[i] = Luminance(px[0], px[1], px[2]); });
 }
 
 // QUIRK: the weight of red falls on byte 0, where demosaic stores blue, and the other way round.
@@ -176,31 +178,32 @@ void RGB2YUV2(const uint8_t* src, uint8_t* dst, int width, int height, bool bott
     }
 }
 
-// 8-bit frames add up and saturate; 16-bit frames are averaged.
-void MonoBin8(uint8_t* buf, int outWidth, int outHeight, int bin)
+template <class T>
+void Bin(T* buf, int outWidth, int outHeight, int bin, bool colour)
 {
-    Bin(buf, outWidth, outHeight, bin, false, [](uint32_t v) { return v; }, Saturate);
+    if (bin < 2 || outWidth < 1)
+        return;
+    // The output never overtakes what is still to be read.
+    const ptrdiff_t inWidth = ptrdiff_t{ outWidth } * bin;
+    for (int y = 0; y < outHeight; ++y)
+        SumBlocks([&](int j) { return buf + BinSourceRow(y, j, outHeight, bin, colour) * inWidth; },
+                  buf + ptrdiff_t{ y } * outWidth, outWidth, bin, colour);
+}
+template void Bin(uint8_t*, int, int, int, bool);
+template void Bin(uint16_t*, int, int, int, bool);
+
+int BinSourceRow(int y, int j, int outHeight, int bin, bool colour)
+{
+    return InsideFrom(FirstOf(y, bin, colour) + j * (colour ? 2 : 1), outHeight * bin);
 }
 
-void MonoBin16(uint16_t* buf, int outWidth, int outHeight, int bin)
+template <class T>
+void BinRow(const T* const* rows, T* out, int outWidth, int bin, bool colour)
 {
-    const uint32_t b = static_cast<uint32_t>(bin);
-    Bin(buf, outWidth, outHeight, bin, false, [](uint32_t v) { return v; },
-        [b](uint32_t sum) { return static_cast<uint16_t>(sum / b / b); });
+    SumBlocks([rows](int j) { return rows[j]; }, out, outWidth, bin, colour);
 }
-
-void ColorBin8(uint8_t* buf, int outWidth, int outHeight, int bin)
-{
-    Bin(buf, outWidth, outHeight, bin, true, [](uint32_t v) { return v; }, Saturate);
-}
-
-// QUIRK: each sample is divided before it is added, which loses its low bits; the mono form divides once at the end.
-void ColorBin16(uint16_t* buf, int outWidth, int outHeight, int bin)
-{
-    const uint32_t b = static_cast<uint32_t>(bin);
-    Bin(buf, outWidth, outHeight, bin, true, [b](uint32_t v) { return v / b / b; },
-        [](uint32_t sum) { return static_cast<uint16_t>(std::min(sum, 65535u)); });
-}
+template void BinRow(const uint8_t* const*, uint8_t*, int, int, bool);
+template void BinRow(const uint16_t* const*, uint16_t*, int, int, bool);
 
 template <class T>
 void Flip(T* buf, int width, int height, bool reverseRows, bool mirrorRows)
@@ -229,11 +232,11 @@ void Gamma8(uint8_t* buf, size_t n, const uint8_t* lut)
 }
 
 // A pixel no brighter than the dark frame becomes the offset, not 0: only the fixed pattern goes, the pedestal stays.
-void SubtractDark(uint8_t* buf, size_t n, uint32_t offset, const uint16_t* dark)
+void SubtractDark(const uint8_t* src, uint8_t* dst, size_t n, uint32_t offset, const uint16_t* dark)
 {
     for (size_t i = 0; i < n; ++i) {
-        const uint32_t rest = buf[i] > dark[i] ? Saturate(uint32_t{buf[i]} - dark[i]) : 0;
-        buf[i] = Saturate(rest + std::min(offset, 255u));
+        const uint32_t rest = src[i] > dark[i] ? Saturate(uint32_t{ src[i] } - dark[i]) : 0;
+        dst[i] = Saturate(rest + std::min(offset, 255u));
     }
 }
 

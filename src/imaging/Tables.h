@@ -37,7 +37,11 @@ extern std::atomic<uint8_t> g_BlueLUT[256], g_RedLUT[256];
 struct Gains {
     ByteTable blue, red;
     bool identity;
+    // Where all 256 entries of both tables are min(i * factor >> GAIN_SHIFT, 255), which those of a balance below 200 are,
+    // the factors; else 0.
+    uint16_t blueFactor, redFactor;
 };
+inline constexpr int GAIN_SHIFT = 14;
 Gains SnapshotGains();
 
 }  // namespace imaging

@@ -96,9 +96,11 @@ void CompareInPlace(size_t n, int fill, const std::string& name, Reference refer
 
 TEST_P(Kernels, Demosaic)
 {
-    const Gains gains[] = { GainsOf(50, 50), GainsOf(13, 99) };
+    Gains gains[] = { GainsOf(50, 50), GainsOf(13, 99), GainsOf(70, 52) };
     ASSERT_TRUE(gains[0].identity);
     ASSERT_FALSE(gains[1].identity);
+    gains[2].blue[200] ^= 1;  // no balance gives such a table: it is looked up
+    gains[2].blueFactor = gains[2].redFactor = 0;
     std::vector<std::pair<int, int>> sizes = { { 140, 9 }, { 259, 6 }, { 1936, 6 }, { 0, 4 }, { 4, 0 }, { -2, 4 } };
     for (int w = 1; w <= 70; ++w)
         for (int h : { 1, 2, 3, 4, 5, 6, 7, 12 })
@@ -115,11 +117,11 @@ TEST_P(Kernels, Demosaic)
                     const BayerFrame f = { src.data(), w, h, phase, &g };
                     const std::string name = Case(w, h, fill, extra++);
                     std::vector<uint8_t> want(3 * n), wantY(n);
-                    reference::Demosaic(f, want.data());
+                    reference::Demosaic(f, 0, h, want.data());
                     reference::RGB2Y8(want.data(), wantY.data(), w, h);
                     Block<uint8_t> got(3 * n), gotY(n);
-                    imaging::Demosaic(f, got.data());
-                    imaging::DemosaicY8(f, gotY.data());
+                    imaging::Demosaic(f, 0, h, got.data());
+                    imaging::DemosaicY8(f, 0, h, gotY.data());
                     ASSERT_EQ(got.Content(), want) << name;
                     ASSERT_EQ(gotY.Content(), wantY) << name;
                     ASSERT_TRUE(got.Guarded() && gotY.Guarded()) << name;
@@ -138,9 +140,9 @@ TEST_P(Kernels, DemosaicOfLargeFrames)
         const std::vector<uint8_t> src = Data<uint8_t>(n, RANDOM, 9);
         const BayerFrame f = { src.data(), w, h, PHASE_GR, &gains };
         std::vector<uint8_t> want(3 * n), got(3 * n + 3);
-        reference::Demosaic(f, want.data());
+        reference::Demosaic(f, 0, h, want.data());
         for (size_t shift : { 0, 1, 2 }) {
-            imaging::Demosaic(f, got.data() + shift);
+            imaging::Demosaic(f, 0, h, got.data() + shift);
             ASSERT_TRUE(std::equal(want.begin(), want.end(), got.data() + shift)) << w << " x " << h << " + " << shift;
         }
     }
@@ -184,11 +186,11 @@ TEST_P(Kernels, RowsOfPixels)
             ASSERT_TRUE(gotY.Guarded() && gotR.Guarded()) << name;
             CompareInPlace<uint8_t>(
                 size, fill, name, [&](uint8_t* p) { reference::Gamma8(p, size, lut.data()); },
-                [&](uint8_t* p) { MapBytes(p, size, lut.data()); });
+                [&](uint8_t* p) { MapBytes(p, p, size, lut.data()); });
             for (uint32_t offset : { 0u, 17u, 255u, 70000u, 0xFFFFFFFFu })
                 CompareInPlace<uint8_t>(
-                    size, fill, name, [&](uint8_t* p) { reference::SubtractDark(p, size, offset, dark.data()); },
-                    [&](uint8_t* p) { SubtractDark(p, size, offset, dark.data()); });
+                    size, fill, name, [&](uint8_t* p) { reference::SubtractDark(p, p, size, offset, dark.data()); },
+                    [&](uint8_t* p) { SubtractDark(p, p, size, offset, dark.data()); });
         }
     }
 }
@@ -203,16 +205,16 @@ TEST_P(Kernels, Binning)
                 for (int fill = 0; fill < FILLS; ++fill) {
                     const std::string name = Case(w, h, fill, bin);
                     CompareInPlace<uint8_t>(
-                        n, fill, name, [&](uint8_t* p) { reference::MonoBin8(p, w, h, bin); },
+                        n, fill, name, [&](uint8_t* p) { reference::Bin(p, w, h, bin, false); },
                         [&](uint8_t* p) { a.MonoBin(p, nullptr, w, h, bin, false); });
                     CompareInPlace<uint16_t>(
-                        n, fill, name, [&](uint16_t* p) { reference::MonoBin16(p, w, h, bin); },
+                        n, fill, name, [&](uint16_t* p) { reference::Bin(p, w, h, bin, false); },
                         [&](uint16_t* p) { a.MonoBin(nullptr, p, w, h, bin, true); });
                     CompareInPlace<uint8_t>(
-                        n, fill, name, [&](uint8_t* p) { reference::ColorBin8(p, w, h, bin); },
+                        n, fill, name, [&](uint8_t* p) { reference::Bin(p, w, h, bin, true); },
                         [&](uint8_t* p) { a.ColorRAWBin(p, nullptr, w, h, bin, false); });
                     CompareInPlace<uint16_t>(
-                        n, fill, name, [&](uint16_t* p) { reference::ColorBin16(p, w, h, bin); },
+                        n, fill, name, [&](uint16_t* p) { reference::Bin(p, w, h, bin, true); },
                         [&](uint16_t* p) { a.ColorRAWBin(nullptr, p, w, h, bin, true); });
                 }
             }
