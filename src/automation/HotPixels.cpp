@@ -143,9 +143,8 @@ bool DeNoise(CCameraBase& cam, const Frame<T>& f, int x, int y)
 template <class T>
 void Handle(CCameraBase& cam)
 {
-    // Unlike the automation's measure, a bin of 4 doubles the frame only where the sensor bins at it.
-    const int iBin = cam.m_iBin, iFactor = cam.IsHardBinRun() ? (iBin == 4 ? 2 : 1) : iBin;
-    const Frame<T> f(cam, cam.m_iWidth * iFactor, cam.m_iHeight * iFactor);
+    const MemoryFrame size = RepairFrameOf(cam);
+    const Frame<T> f(cam, size.iWidth, size.iHeight);
     const bool b14Bit = std::any_of(std::begin(NAMES_14BIT), std::end(NAMES_14BIT),
                                     [&](const char* sz) { return std::strstr(cam.m_pszName, sz) != nullptr; });
     if (cam.m_bHPCEnable)

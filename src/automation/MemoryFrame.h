@@ -15,6 +15,13 @@ inline MemoryFrame MemoryFrameOf(CCameraBase& cam)
     return { cam.m_iWidth * iFactor, cam.m_iHeight * iFactor };
 }
 
+// The same as the repair of hot pixels takes it: a bin of 4 doubles the frame only where the sensor bins at it.
+inline MemoryFrame RepairFrameOf(CCameraBase& cam)
+{
+    const int iBin = cam.m_iBin, iFactor = cam.IsHardBinRun() ? (iBin == 4 ? 2 : 1) : iBin;
+    return { cam.m_iWidth * iFactor, cam.m_iHeight * iFactor };
+}
+
 inline size_t SensorPixels(const CCameraBase& cam)
 {
     return static_cast<size_t>(cam.m_iMaxWidth) * static_cast<size_t>(cam.m_iMaxHeight);

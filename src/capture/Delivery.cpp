@@ -1,11 +1,14 @@
-// GetImage of all models: takes a raw frame from the exchange and makes of it what the host asked for. All pixel work of
-// a frame happens here, on the host's thread, in place in m_pImgBuf.
+// GetImage of all models: takes a raw frame from the exchange, plans what is to be made of it from the camera's state, and
+// has it made in one walk, on the host's thread.
 #include <algorithm>
 #include <cstring>
+#include <vector>
 
+#include "automation/MemoryFrame.h"
 #include "capture/Capture.h"
 #include "imaging/Bayer.h"
 #include "imaging/Gamma.h"
+#include "imaging/Walk.h"
 #include "sensors/ModelTraits.h"
 
 namespace {
@@ -149,25 +152,14 @@ void RepairMarks(uint8_t* p, const Geometry& g, const DeliveryForm& f, bool bOne
         CopyWord(p, words - 1, words - 1 - step, words);
 }
 
-void Rotate12(uint8_t* p, int64_t pixels)
-{
-    for (int64_t i = 0; i < pixels; ++i) {
-        uint16_t w;
-        std::memcpy(&w, p + 2 * i, sizeof w);
-        w = uint16_t((((w & 0xFFu) * 16) + ((w & 0xF00u) >> 8)) * 16);
-        std::memcpy(p + 2 * i, &w, sizeof w);
-    }
-}
-
 // Adds the frame to the dark that is being taken.
-void CollectDark(CCameraBase& cam, const Geometry& g)
+void CollectDark(CCameraBase& cam, const Geometry& g, const uint8_t* p)
 {
     uint16_t* const pSum = cam.m_pDarkSum;
     const size_t full = size_t(cam.m_iMaxWidth) * size_t(cam.m_iMaxHeight);
     if (cam.m_iDarkCount == 0)
         std::memset(pSum, 0, full * sizeof *pSum);
     ++cam.m_iDarkCount;
-    const uint8_t* const p = cam.m_pImgBuf;
     for (int64_t i = 0, n = g.Pixels(); i < n; ++i)
         pSum[i] = uint16_t(pSum[i] + p[i]);
     const int32_t iWanted = std::max<int32_t>(cam.m_iDarkNum, 1);
@@ -187,30 +179,167 @@ bool IgnoresDarkExposure(const ModelTraits& t)
     return !t.bColor && (t.family == Family::Quartz || t.family == Family::Lapis || t.family == Family::Beryl);
 }
 
-// Next acceptable frame into m_pImgBuf. The wait starts anew for each frame that is passed over.
-bool TakeFrame(CCameraBase& cam, const DeliveryForm& f, int32_t iBytes, uint32_t dwWaitMs)
+// Next acceptable frame. The wait starts anew for each frame that is passed over.
+FrameExchange::Lease TakeFrame(CCameraBase& cam, const DeliveryForm& f, int32_t iBytes, uint32_t dwWaitMs)
 {
     FrameExchange& fx = *cam.m_pFrameExchange;
     // A stretch of damaged frames is read through, but a stream that stays damaged (the host has changed the region while
     // it runs) must not hold a caller who has set a limit.
     const uint32_t dwStart = platform::Ticks();
     const uint32_t dwLimit = std::max<uint32_t>(5000, dwWaitMs < 100000 ? 4 * dwWaitMs : dwWaitMs);
-    while (fx.Read(cam.m_pImgBuf, iBytes, dwWaitMs)) {
+    while (FrameExchange::Lease lease = fx.Take(iBytes, dwWaitMs)) {
         if (!f.bTestHead)
-            return true;
-        if (Word(cam.m_pImgBuf, 0) == HEAD_B) {
+            return lease;
+        if (Word(lease.Frame(), 0) == HEAD_B) {
             // At short exposures a damaged successor tells that this frame is torn. QUIRK: an infinite wait becomes
             // 498 ms for the look ahead.
             if (cam.m_bSnapMode || cam.m_lExposure >= 100000 || fx.PeekHead(HEAD_B, dwWaitMs * 2 + 500))
-                return true;
+                return lease;
             TraceLine("*next buf head error*\n");
         } else {
             TraceLine("*buf head error*\n");
         }
         if (platform::Ticks() - dwStart > dwLimit && dwWaitMs != platform::WAIT_FOREVER)
-            return false;
+            break;
     }
-    return false;
+    return {};
+}
+
+// What the hot pixels of the frame become. HandleHotPixels repairs m_pImgBuf; of it only the listed pixels and their
+// neighbours are filled in, so the cost goes with the list and not with the frame.
+template <class T>
+std::vector<imaging::Patch> RepairedPixels(CCameraBase& cam, const imaging::FramePlan& plan, int64_t lPixels)
+{
+    std::vector<imaging::Patch> patches;
+    const int64_t lRoom = int64_t(SensorPixels(cam)) * (sizeof(T) == 1 ? 2 : 1);
+    const auto list = [&](const int32_t* p, int32_t n) {
+        for (int32_t k = 0; k < n; ++k)
+            if (p[k] >= 0 && p[k] < lPixels)
+                patches.push_back({ size_t(p[k]), 0 });
+    };
+    if (cam.m_bHPCEnable)
+        list(cam.m_pHotPixels, cam.m_iHPCNum);
+    const size_t nTable = patches.size();
+    if (cam.m_bUsingDark)
+        list(cam.m_pDarkPixels, cam.m_lDeadPixelNum);
+    const auto before = [](const imaging::Patch& a, const imaging::Patch& b) { return a.at < b.at; };
+    std::inplace_merge(patches.begin(), patches.begin() + ptrdiff_t(nTable), patches.end(), before);
+
+    T* const p = reinterpret_cast<T*>(cam.m_pImgBuf);
+    const int64_t s = cam.m_bIsColor + 1, row = s * RepairFrameOf(cam).iWidth;
+    for (const imaging::Patch& patch : patches)
+        for (const int64_t step : { int64_t{ 0 }, -row, -s, s, row })
+            if (const int64_t at = int64_t(patch.at) + step; at >= 0 && at < lRoom)
+                p[at] = at < lPixels ? imaging::WorkedSample<T>(plan, size_t(at)) : T{ 0 };
+    cam.HandleHotPixels();
+    for (imaging::Patch& patch : patches)
+        patch.value = p[patch.at];
+    return patches;
+}
+
+// The stages up to the hot pixels. `lut` holds the gamma table meanwhile.
+imaging::FramePlan PlanSamples(const CCameraBase& cam, const ModelTraits& t, const DeliveryForm& f, const Geometry& g,
+                               const uint8_t* pRaw, imaging::ByteTable& lut)
+{
+    imaging::FramePlan plan;
+    plan.raw = pRaw;
+    plan.rawWidth = g.rawW;
+    plan.is16 = g.is16;
+    plan.rotate12 = g.is16 && f.bRotate12;
+    if (!g.is16 && cam.m_bUsingDark &&
+        (!cam.m_bAutoExp || cam.m_lExposure >= DARK_MIN_EXPOSURE || IgnoresDarkExposure(t))) {
+        plan.dark = cam.m_pDarkSum;
+        plan.darkOffset = cam.m_iDarkAve;
+    }
+    if (cam.m_iGamma != 50) {
+        if (g.is16) {
+            plan.gamma16 = cam.m_pGamma16;
+        } else {
+            lut = imaging::SnapshotGamma8(cam);
+            plan.gamma8 = lut.data();
+        }
+    }
+    return plan;
+}
+
+// The stages behind the hot pixels: flips and bin.
+void PlanGeometry(imaging::FramePlan& plan, const CCameraBase& cam, const ModelTraits& t, const DeliveryForm& f, const Geometry& g)
+{
+    plan.reverseRows = cam.m_bFlipColumn;
+    plan.mirrorRows = cam.m_bFlipRow;
+    plan.flipFirst = f.flips == Flips::BeforeBin;
+    plan.bin = g.softBin;
+    plan.colourBin = t.bColor;
+    plan.width = g.w;
+    plan.height = g.h;
+    // Where more has come than is binned: the flips take the whole frame, or it is taken as if its rows were shorter.
+    if (f.flips == Flips::NoBin && g.w > 0) {
+        plan.width = g.rawW;
+        plan.height = g.h * (g.rawW / g.w);
+    } else if (g.softBin == 1) {
+        plan.rawWidth = g.w;
+    }
+}
+
+// Has the samples made in m_pImgBuf, for an output that takes them as a frame of another form. What is left to do.
+imaging::FramePlan FinishInImgBuf(CCameraBase& cam, imaging::FramePlan plan, int w, int h, bool is16)
+{
+    plan.bytes = FrameBufferBytes(cam);
+    imaging::Walk(plan, cam.m_pImgBuf);
+    imaging::FramePlan rest;
+    rest.raw = cam.m_pImgBuf;
+    rest.is16 = is16;
+    rest.rawWidth = rest.width = w;
+    rest.height = h;
+    return rest;
+}
+
+// The values of m_pImgBuf three times over, in fields of 10 bits.
+void PutTenBitFields(const CCameraBase& cam, uint8_t* pBuffer, size_t n)
+{
+    for (size_t i = 0; i < n; ++i) {
+        uint16_t w;
+        std::memcpy(&w, cam.m_pImgBuf + 2 * i, sizeof w);
+        const uint32_t v = w * 0x100401u;
+        std::memcpy(pBuffer + 4 * i, &v, sizeof v);
+    }
+}
+
+// Ends the plan with the output that the host has chosen, and has it walked. The output holds lLength bytes and no more,
+// whatever the region has become.
+void PutImage(CCameraBase& cam, const ModelTraits& t, imaging::FramePlan plan, uint8_t* pBuffer, int64_t lLength)
+{
+    using imaging::Output;
+    const IMAGE_TYPE type = cam.m_ImgType;
+    if (type == IMAGE_16BIT_ALT) {
+        FinishInImgBuf(cam, plan, plan.width, plan.height, plan.is16);
+        PutTenBitFields(cam, pBuffer, std::min(size_t(lLength) / 4, SensorPixels(cam)));
+        return;
+    }
+    const bool bColour = type == IMAGE_RGB24 || type == IMAGE_YUV;
+    const Output output = bColour ? (t.bColor ? Output::Colour24 : Output::Grey24)
+                          : type == IMAGE_8BIT && t.bColor && !cam.m_bRawOutput ? Output::Luminance : Output::Samples;
+    const auto phase = imaging::PhaseAfterFlips(cam.m_ColorBayer, plan.mirrorRows, plan.reverseRows);
+    if (output != Output::Samples && plan.is16)  // the depth is being changed: these take bytes for samples
+        plan = FinishInImgBuf(cam, plan, plan.width, plan.height, false);
+    const imaging::Gains gains = imaging::SnapshotGains();
+    plan.output = output;
+    plan.gains = &gains;
+    plan.phase = phase.value_or(imaging::PHASE_RG);
+    plan.bytes = size_t(lLength);
+    const bool bNoPattern = !phase && (output == Output::Colour24 || output == Output::Luminance);
+    const int h = plan.width > 0 ? int(std::min<int64_t>(plan.height, lLength / (int64_t{ plan.width } * (type == IMAGE_YUV ? 2 : bColour ? 3 : 1)))) : 0;
+    if (type == IMAGE_YUV) {
+        plan.bytes = size_t(h) * size_t(std::max(plan.width, 0)) * 3;
+        if (!bNoPattern)
+            imaging::Walk(plan, cam.m_pRGBBuf);
+        cam.m_Algorithm.RGB2YUV2(cam.m_pRGBBuf, pBuffer, plan.width, h, true);
+        return;
+    }
+    if (!bNoPattern)
+        imaging::Walk(plan, pBuffer);
+    if (type != IMAGE_16BIT && cam.m_bTimeMark && h >= cam.m_iHeight)  // the mark knows the image by m_iHeight
+        cam.AddTimeMark(pBuffer, plan.width, type);
 }
 
 }  // namespace
@@ -224,89 +353,23 @@ bool DeliverImage(CCameraBase& cam, IModel& model, uint8_t* pBuffer, int iLength
     const ModelTraits& t = model.Traits();
     const DeliveryForm& f = FormOf(t);
     const Geometry g = GeometryOf(cam, f);
-    if (!TakeFrame(cam, f, int32_t(g.Bytes()), dwWaitMs))
+    const FrameExchange::Lease lease = TakeFrame(cam, f, int32_t(g.Bytes()), dwWaitMs);
+    if (!lease)
         return false;
 
-    uint8_t* const p = cam.m_pImgBuf;
-    uint16_t* const p16 = reinterpret_cast<uint16_t*>(p);
-    CAlgorithm& alg = cam.m_Algorithm;
-    RepairMarks(p, g, f, t.family == Family::Garnet && !t.bColor);
-    if (f.bRotate12 && g.is16)
-        Rotate12(p, g.Pixels());
+    uint8_t* const pRaw = lease.Frame();
+    RepairMarks(pRaw, g, f, t.family == Family::Garnet && !t.bColor);
+    if (!g.is16 && cam.m_bGettingDark)
+        CollectDark(cam, g, pRaw);
 
-    if (!g.is16) {
-        if (cam.m_bGettingDark)
-            CollectDark(cam, g);
-        if (cam.m_bUsingDark && (!cam.m_bAutoExp || cam.m_lExposure >= DARK_MIN_EXPOSURE || IgnoresDarkExposure(t)))
-            alg.SubtractDark(p, g.rawW, g.rawH, cam.m_iDarkAve, cam.m_pDarkSum);
-    }
-    if (cam.m_iGamma != 50) {
-        if (g.is16)
-            imaging::ApplyGamma16(cam, p16, int(g.Pixels()));
-        else
-            imaging::ApplyGamma8(cam, p, int(g.Pixels()));
-    }
-    cam.HandleHotPixels();
-
-    // QUIRK: where flips and no bin is the rule, bin 2 shows the corner of the unbinned frame.
-    const int flipBin = f.flips == Flips::AfterBin ? 1 : g.rawW > 0 && g.w > 0 ? g.rawW / g.w : 1;
-    if (f.flips != Flips::AfterBin)
-        alg.SoftMisc(p, g.w, g.h, flipBin, g.is16, cam.m_bFlipColumn, cam.m_bFlipRow);
-    if (g.softBin > 1) {
-        if (t.bColor)
-            alg.ColorRAWBin(p, p16, g.w, g.h, g.softBin, g.is16);
-        else
-            alg.MonoBin(p, p16, g.w, g.h, g.softBin, g.is16);
-    }
-    if (f.flips == Flips::AfterBin)
-        alg.SoftMisc(p, g.w, g.h, 1, g.is16, cam.m_bFlipColumn, cam.m_bFlipRow);
-
-    // The output holds `length` bytes and no more, whatever the region has become.
-    const int64_t lLength = std::max(iLength, 0);
-    const size_t dwCopy = size_t(std::min<int64_t>(lLength, 2 * int64_t{ cam.m_iMaxWidth } * cam.m_iMaxHeight));
-    const auto rows = [&](int bytesPerPixel) {
-        return g.w > 0 ? int(std::min<int64_t>(g.h, lLength / (int64_t{ g.w } * bytesPerPixel))) : 0;
-    };
-    const IMAGE_TYPE type = cam.m_ImgType;
-    int h = 0;
-    switch (type) {
-    case IMAGE_8BIT:
-        h = rows(1);
-        if (!t.bColor || cam.m_bRawOutput) {
-            std::memcpy(pBuffer, p, dwCopy);
-        } else {
-            imaging::Bayer2Y8(cam, p, pBuffer, g.w, h);
-        }
-        break;
-    case IMAGE_RGB24:
-        h = rows(3);
-        if (t.bColor)
-            cam.Bayer2RGB24(p, pBuffer, g.w, h);
-        else
-            for (int64_t i = 0, n = int64_t{ g.w } * h; i < n; ++i)
-                std::memset(pBuffer + 3 * i, p[i], 3);
-        break;
-    case IMAGE_YUV:
-        h = rows(2);
-        if (t.bColor)
-            cam.Bayer2RGB24(p, cam.m_pRGBBuf, g.w, h);
-        else
-            for (int64_t i = 0, n = int64_t{ g.w } * h; i < n; ++i)
-                std::memset(cam.m_pRGBBuf + 3 * i, p[i], 3);
-        alg.RGB2YUV2(cam.m_pRGBBuf, pBuffer, g.w, h, true);
-        return true;
-    case IMAGE_16BIT_ALT:
-        // The value three times over, in fields of 10 bits.
-        for (size_t i = 0; i < std::min(size_t(lLength) / 4, dwCopy / 2); ++i) {
-            const uint32_t v = p16[i] * 0x100401u;
-            std::memcpy(pBuffer + 4 * i, &v, sizeof v);
-        }
-        return true;
-    case IMAGE_16BIT:
-        std::memcpy(pBuffer, p, dwCopy);
-        return true;
-    }
-    if (cam.m_bTimeMark && h >= cam.m_iHeight)  // the mark knows the image by m_iHeight
-        cam.AddTimeMark(pBuffer, g.w, type);
+    imaging::ByteTable gamma;
+    imaging::FramePlan plan = PlanSamples(cam, t, f, g, pRaw, gamma);
+    const auto patches = g.is16 ? RepairedPixels<uint16_t>(cam, plan, g.Pixels()) : RepairedPixels<uint8_t>(cam, plan, g.Pixels());
+    plan.patches = patches;
+    PlanGeometry(plan, cam, t, f, g);
+    // QUIRK: where flips and no bin is the rule, bin 2 shows the beginning of the unbinned frame.
+    if (f.flips == Flips::NoBin && g.rawW != g.w)
+        plan = FinishInImgBuf(cam, plan, g.w, g.h, g.is16);
+    PutImage(cam, t, plan, pBuffer, std::max(iLength, 0));
     return true;
 }

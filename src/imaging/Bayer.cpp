@@ -14,15 +14,6 @@ std::optional<BayerPhase> PhaseAfterFlips(BayerPattern pattern, bool flipRow, bo
     return BayerPhase{ phases[index].blueX ^ int{ flipRow }, phases[index].blueY ^ int{ flipColumn } };
 }
 
-void Bayer2Y8(const CCameraBase& camera, const uint8_t* src, uint8_t* dst, int width, int height)
-{
-    const auto phase = PhaseAfterFlips(camera.m_ColorBayer, camera.m_bFlipRow, camera.m_bFlipColumn);
-    if (!phase)
-        return;
-    const Gains gains = SnapshotGains();
-    DemosaicY8({ src, width, height, *phase, &gains }, 0, height, dst);
-}
-
 }  // namespace imaging
 
 void CCameraBase::Bayer2RGB24(uint8_t* src, uint8_t* dst, int width, int height)

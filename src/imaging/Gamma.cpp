@@ -4,7 +4,6 @@
 #include <cmath>
 
 #include "core/CCameraBase.h"
-#include "imaging/Kernels.h"
 
 namespace {
 
@@ -23,18 +22,12 @@ void FillGamma(std::atomic<T>* table, int last, float exponent)
 
 namespace imaging {
 
-void ApplyGamma8(const CCameraBase& camera, uint8_t* buf, int n)
+ByteTable SnapshotGamma8(const CCameraBase& camera)
 {
     ByteTable lut;
-    for (size_t i = 0; i < 256; ++i)
+    for (size_t i = 0; i < lut.size(); ++i)
         lut[i] = camera.m_Gamma8[i].load(std::memory_order_relaxed);
-    MapBytes(buf, buf, static_cast<size_t>(std::max(n, 0)), lut.data());
-}
-
-// No copy of the table: it is half the size of an inner cache and would be read once.
-void ApplyGamma16(const CCameraBase& camera, uint16_t* buf, int n)
-{
-    MapWords(buf, buf, static_cast<size_t>(std::max(n, 0)), camera.m_pGamma16);
+    return lut;
 }
 
 }  // namespace imaging

@@ -1,9 +1,11 @@
 // From a raw frame in the exchange to the bytes that the host gets.
 #include <array>
 #include <cmath>
+#include <random>
 #include <thread>
 
 #include "CaptureCamera.h"
+#include "imaging/Bayer.h"
 
 namespace {
 
@@ -251,6 +253,125 @@ TEST(Delivery, HeadTestPassesOverDamagedFrames)
         Shot s(Family::GarnetS, true);  // the thread has tested
         s.Put(bad);
         EXPECT_FALSE(s.Get(W * H).empty());
+    }
+}
+
+// The stages one by one over the whole frame, in their scalar form.
+template <class T>
+Bytes StageByStage(CaptureCamera& cam, Bytes raw, int factor, int softBin, bool bRotate, bool bDark, size_t nOut)
+{
+    namespace ref = imaging::reference;
+    const Family family = cam.Traits().family;
+    const bool bColor = cam.m_bIsColor;
+    const int w = cam.m_iWidth, h = cam.m_iHeight;
+    const size_t n = raw.size() / sizeof(T);
+    T* const p = reinterpret_cast<T*>(cam.m_pImgBuf);
+    std::memcpy(p, raw.data(), raw.size());
+    for (size_t i = 0; i < n; ++i) {
+        if constexpr (sizeof(T) == 2) {
+            p[i] = bRotate ? ref::Rotate12(p[i]) : p[i];
+            p[i] = cam.m_iGamma != 50 ? cam.m_pGamma16[p[i]].load() : p[i];
+        } else {
+            if (bDark)
+                ref::SubtractDark(p + i, p + i, 1, cam.m_iDarkAve, cam.m_pDarkSum + i);
+            p[i] = cam.m_iGamma != 50 ? cam.m_Gamma8[p[i]].load() : p[i];
+        }
+    }
+    cam.HandleHotPixels();
+    const bool bFirst = family == Family::Agate || family == Family::Dunite;
+    if (bFirst || family == Family::Iolite)
+        ref::Flip(p, w * factor, h * factor, cam.m_bFlipColumn, cam.m_bFlipRow);
+    ref::Bin(p, w, h, softBin, bColor);
+    if (!bFirst && family != Family::Iolite)
+        ref::Flip(p, w, h, cam.m_bFlipColumn, cam.m_bFlipRow);
+
+    Bytes out(nOut, 0xEE);
+    const imaging::Gains gains = imaging::SnapshotGains();
+    const imaging::BayerFrame frame = { cam.m_pImgBuf, w, h,
+                                        *imaging::PhaseAfterFlips(cam.m_ColorBayer, cam.m_bFlipRow, cam.m_bFlipColumn), &gains };
+    if (cam.m_ImgType == IMAGE_RGB24 && bColor)
+        ref::Demosaic(frame, 0, h, out.data());
+    else if (cam.m_ImgType == IMAGE_RGB24)
+        for (size_t i = 0; i < nOut; ++i)
+            out[i] = cam.m_pImgBuf[i / 3];
+    else if (bColor && cam.m_ImgType == IMAGE_8BIT && !cam.m_bRawOutput)
+        ref::DemosaicY8(frame, 0, h, out.data());
+    else
+        std::memcpy(out.data(), p, nOut);
+    return out;
+}
+
+// Whatever regions and settings come together: one walk gives what the stages give one after the other.
+TEST(Delivery, OneWalkEqualsTheStages)
+{
+    struct { Family family; size_t rows, head, tail; bool bRotates, bBinsInside; } families[] = {
+        { Family::Quartz, 2, 4, 4, false, true }, { Family::Garnet, 2, 8, 0, true, true },
+        { Family::Agate, 0, 0, 0, true, false },  { Family::Iolite, 2, 8, 0, true, true },
+    };
+    std::mt19937 random(20);
+    const auto below = [&](unsigned n) { return int(random() % n); };
+    for (int round = 0; round < 1000; ++round) {
+        const auto& f = families[below(4)];
+        // Iolite has no colour. Garnet's monochrome model repairs from one row away.
+        const bool bColor = f.family == Family::Garnet || (f.family != Family::Iolite && below(2));
+        const int bin = below(3) ? 1 + below(4) : 1, w = 1 + below(below(8) ? 40 : 300), h = 4 + below(40);
+        Shot s(f.family, bColor, w * bin + below(9), h * bin + below(9));
+        CaptureCamera& cam = s.cam;
+        cam.m_bIsColor = bColor;
+        cam.m_bSnapMode = true;
+        s.Size(w, h, bin);
+        const bool b16 = below(3) == 0;
+        cam.m_bOutput16Bits = b16;
+        cam.m_ImgType = b16 ? IMAGE_16BIT : below(2) ? IMAGE_RGB24 : IMAGE_8BIT;
+        cam.m_bRawOutput = below(2);
+        cam.m_bHardwareBin = f.bBinsInside && below(4) == 0;
+        cam.m_bFlipRow = below(2);
+        cam.m_bFlipColumn = below(2);
+        cam.m_ColorBayer = BayerPattern(below(4));
+        cam.SetGamma(below(2) ? 50 : 1 + below(100));
+        cam.m_Algorithm.SetRGBWB(below(2) ? 50 : below(260), below(2) ? 50 : below(260));
+        const bool bHard = cam.IsHardBinRun();
+        const int factor = bHard ? 1 : bin, softBin = f.family == Family::Iolite ? 1 : factor;
+        const int rawW = w * factor;
+        const auto n = unsigned(rawW * h * factor);
+        cam.m_bUsingDark = below(2);
+        cam.m_iDarkAve = unsigned(below(40));
+        cam.m_bHPCEnable = below(2);
+        for (unsigned i = 0; i < n; ++i) {
+            cam.m_pDarkSum[i] = uint16_t(below(60));
+            if (cam.m_bHPCEnable && below(9) == 0) {
+                cam.m_pHPCBuf2[i] = 1;
+                cam.m_pHotPixels[cam.m_iHPCNum] = int(i);
+                cam.m_iHPCNum += 1;
+            }
+            if (below(20) == 0) {
+                cam.m_pDarkPixels[cam.m_lDeadPixelNum] = int(i);
+                cam.m_lDeadPixelNum += 1;
+            }
+        }
+        Bytes raw = FrameB(n * (b16 ? 2 : 1), 1);
+        const unsigned iHot = unsigned(1 + below(4));  // the rest is dark, so that hot pixels are seen
+        for (size_t i = 4; i < raw.size(); ++i)
+            raw[i] = uint8_t(random() % 4 < iHot ? random() : random() % 40);
+        const size_t nOut = size_t(w) * size_t(h) * (b16 ? 2 : cam.m_ImgType == IMAGE_RGB24 ? 3 : 1);
+        // CopyWord counts 32-bit words, rows need not be whole ones.
+        const size_t words = raw.size() / 4, step = size_t(rawW) * (b16 ? 2 : 1) / 2 / (f.rows == 1 ? 2 : 1);
+        Bytes fixed = raw;
+        const auto word = [&](size_t to, size_t from) {
+            if (to < words && from < words)
+                std::copy_n(&fixed[4 * from], 4, &fixed[4 * to]);
+        };
+        for (size_t i = 0; i < f.head / 4; ++i)
+            word(i, i + step);
+        if (f.tail)
+            word(words - 1, words - 1 - step);
+        const bool bDark = cam.m_bUsingDark;
+        const Bytes want = b16 ? StageByStage<uint16_t>(cam, fixed, factor, softBin, f.bRotates, bDark, nOut)
+                               : StageByStage<uint8_t>(cam, fixed, factor, softBin, f.bRotates, bDark, nOut);
+        ASSERT_EQ(s.Get(raw, nOut), want) << "round " << round << ": family " << int(f.family) << ", colour " << bColor << ", "
+                                          << w << " x " << h << ", bin " << bin << ", hard " << bHard << ", type "
+                                          << int(cam.m_ImgType);
+        cam.m_Algorithm.SetRGBWB(50, 50);
     }
 }
 

@@ -1,0 +1,216 @@
+#include "imaging/Walk.h"
+
+#include <algorithm>
+#include <cstring>
+#include <memory>
+#include <type_traits>
+
+#include "imaging/Kernels.h"
+
+namespace imaging {
+
+namespace {
+
+// Rows of a strip take about this much, which with what is made of them fits into the inner cache of all machines.
+constexpr size_t STRIP_BYTES = size_t{ 96 } << 10;
+constexpr size_t PAD = 64;
+
+int BytesOf(const FramePlan& m)
+{
+    switch (m.output) {
+    case Output::Samples: return m.is16 ? 2 : 1;
+    case Output::Grey24:
+    case Output::Colour24: return 3;
+    case Output::Luminance: return 1;
+    }
+    return 1;
+}
+
+// n samples from place `at` on, patches left out. False: nothing was done, and the raw samples are what is wanted.
+template <class T>
+bool WorkSamples(const FramePlan& m, size_t at, size_t n, T* out)
+{
+    const T* now = reinterpret_cast<const T*>(m.raw) + at;
+    const T* const raw = now;
+    if constexpr (sizeof(T) == 2) {
+        if (m.rotate12)
+            Rotate12(now, out, n), now = out;
+        if (m.gamma16)
+            MapWords(now, out, n, m.gamma16), now = out;
+    } else {
+        if (m.dark)
+            SubtractDark(now, out, n, m.darkOffset, m.dark + at), now = out;
+        if (m.gamma8)
+            MapBytes(now, out, n, m.gamma8), now = out;
+    }
+    return now != raw;
+}
+
+template <class T>
+class Walker {
+public:
+    explicit Walker(const FramePlan& plan)
+        : m(plan), m_width(static_cast<size_t>(plan.width)), m_rawWidth(static_cast<size_t>(plan.rawWidth)),
+          m_plainRows(!plan.rotate12 && !plan.dark && !plan.gamma8 && !plan.gamma16 && plan.patches.empty()),
+          m_plainFrame(m_plainRows && plan.bin == 1 && !plan.mirrorRows && plan.rawWidth == plan.width)
+    {
+        const size_t rows = (plan.bin > 1 ? static_cast<size_t>(plan.bin) : 0) + 2;
+        m_scratch = std::make_unique_for_overwrite<T[]>(rows * (m_rawWidth + PAD));
+    }
+
+    void Samples(uint8_t* dst)
+    {
+        const size_t rowBytes = m_width * sizeof(T), bytes = std::min(m.bytes, rowBytes * static_cast<size_t>(m.height));
+        if (m_plainFrame && !m.reverseRows) {
+            std::memcpy(dst, m.raw, bytes);
+            return;
+        }
+        const bool aligned = reinterpret_cast<uintptr_t>(dst) % alignof(T) == 0;
+        T* const spare = Scratch(0);
+        for (size_t y = 0, at = 0; at < bytes; ++y, at += rowBytes) {
+            const bool whole = aligned && at + rowBytes <= bytes;
+            T* const to = whole ? reinterpret_cast<T*>(dst + at) : spare;
+            const T* const from = RowAt(static_cast<int>(y), to);
+            if (from != to || !whole)
+                std::memcpy(dst + at, from, std::min(rowBytes, bytes - at));
+        }
+    }
+
+    void Grey(uint8_t* dst) requires(sizeof(T) == 1)
+    {
+        for (int y = 0, rows = RowsThatFit(m); y < rows; ++y)
+            Triple(RowAt(y, Scratch(0)), dst + 3 * m_width * static_cast<size_t>(y), m_width);
+    }
+
+    // A strip holds its rows and one on each side, which the next strip takes over.
+    template <class Kernel>
+    void Bayer(Kernel kernel, uint8_t* dst) requires(sizeof(T) == 1)
+    {
+        const int rows = RowsThatFit(m);
+        if (m_plainFrame && !m.reverseRows) {
+            kernel(BayerFrame{ m.raw, m.width, rows, m.phase, m.gains }, 0, rows, dst);
+            return;
+        }
+        if (m.width < 1)
+            return;
+        const int step = std::clamp(static_cast<int>(STRIP_BYTES / m_width) & ~1, 8, 256);
+        const auto strip = std::make_unique_for_overwrite<T[]>(static_cast<size_t>(step + 2) * m_width + PAD);
+        int top = 0, end = 0;  // rows in the strip
+        for (int y = 0; y < rows; y += step) {
+            const int to = std::min(y + step, rows), first = std::max(y - 1, 0), last = std::min(to + 1, rows);
+            const auto row = [&](int r) { return strip.get() + static_cast<size_t>(r - first) * m_width; };
+            if (end > first)
+                std::memmove(strip.get(), strip.get() + static_cast<size_t>(first - top) * m_width,
+                             static_cast<size_t>(end - first) * m_width);
+            for (top = first; end < last; ++end)
+                if (const T* const from = RowAt(end, row(end)); from != row(end))
+                    std::memcpy(row(end), from, m_width);
+            kernel(BayerFrame{ strip.get(), m.width, rows, m.phase, m.gains, top }, y, to, dst);
+        }
+    }
+
+private:
+    T* Scratch(int k) const { return m_scratch.get() + static_cast<size_t>(k) * (m_rawWidth + PAD); }
+    const T* RawRow(int r) const { return reinterpret_cast<const T*>(m.raw) + static_cast<size_t>(r) * m_rawWidth; }
+
+    // Each of these gives the row where it already lies, or makes it in `out` and gives that.
+
+    const T* Worked(int r, T* out) const
+    {
+        if (m_plainRows)
+            return RawRow(r);
+        const size_t at = static_cast<size_t>(r) * m_rawWidth;
+        const T* row = WorkSamples(m, at, m_rawWidth, out) ? out : RawRow(r);
+        auto patch = std::lower_bound(m.patches.begin(), m.patches.end(), at,
+                                      [](const Patch& p, size_t place) { return p.at < place; });
+        if (patch == m.patches.end() || patch->at >= at + m_rawWidth)
+            return row;
+        if (row != out)
+            row = static_cast<T*>(std::memcpy(out, row, m_rawWidth * sizeof(T)));
+        for (; patch != m.patches.end() && patch->at < at + m_rawWidth; ++patch)
+            out[patch->at - at] = static_cast<T>(patch->value);
+        return row;
+    }
+
+    const T* BeforeBin(int r, T* out) const
+    {
+        const auto worked = [this](int i, T* p) { return Worked(i, p); };
+        return m.flipFirst ? Flipped(worked, r, m.height * m.bin, m_width * static_cast<size_t>(m.bin), out) : Worked(r, out);
+    }
+
+    const T* Binned(int y, T* out) const
+    {
+        if (m.bin <= 1)
+            return BeforeBin(y, out);
+        const T* rows[MAX_BIN];
+        for (int j = 0; j < m.bin; ++j)
+            rows[j] = BeforeBin(reference::BinSourceRow(y, j, m.height, m.bin, m.colourBin), Scratch(2 + j));
+        BinRow(rows, out, m.width, m.bin, m.colourBin);
+        return out;
+    }
+
+    const T* RowAt(int y, T* out) const
+    {
+        const auto binned = [this](int i, T* p) { return Binned(i, p); };
+        return m.flipFirst ? Binned(y, out) : Flipped(binned, y, m.height, m_width, out);
+    }
+
+    template <class Make>
+    const T* Flipped(Make make, int y, int height, size_t width, T* out) const
+    {
+        const T* row = make(m.reverseRows ? height - 1 - y : y, out);
+        if (!m.mirrorRows)
+            return row;
+        if (row != out)
+            std::memcpy(out, row, width * sizeof(T));
+        if constexpr (sizeof(T) == 1)
+            Flip8(out, static_cast<int>(width), 1, false, true);
+        else
+            Flip16(out, static_cast<int>(width), 1, false, true);
+        // QUIRK: at an odd width the middle column keeps its order when both flips are on.
+        if (m.reverseRows && width % 2 != 0)
+            out[width / 2] = make(y, Scratch(1))[width / 2];
+        return out;
+    }
+
+    const FramePlan& m;
+    const size_t m_width, m_rawWidth;
+    const bool m_plainRows, m_plainFrame;  // the raw rows, or the raw frame, are what is wanted
+    std::unique_ptr<T[]> m_scratch;        // one row for the output, one for the odd middle, those of a bin
+};
+
+}  // namespace
+
+int RowsThatFit(const FramePlan& m)
+{
+    const size_t rowBytes = static_cast<size_t>(std::max(m.width, 0)) * static_cast<size_t>(BytesOf(m));
+    return rowBytes == 0 ? 0 : static_cast<int>(std::min(static_cast<size_t>(std::max(m.height, 0)), m.bytes / rowBytes));
+}
+
+void Walk(const FramePlan& m, uint8_t* dst)
+{
+    if (m.width < 1 || m.height < 1)
+        return;
+    if (m.is16) {
+        Walker<uint16_t>(m).Samples(dst);
+        return;
+    }
+    Walker<uint8_t> walker(m);
+    switch (m.output) {
+    case Output::Samples: walker.Samples(dst); break;
+    case Output::Grey24: walker.Grey(dst); break;
+    case Output::Colour24: walker.Bayer(Demosaic, dst); break;
+    case Output::Luminance: walker.Bayer(DemosaicY8, dst); break;
+    }
+}
+
+template <class T>
+T WorkedSample(const FramePlan& m, size_t at)
+{
+    T v;
+    return WorkSamples(m, at, 1, &v) ? v : reinterpret_cast<const T*>(m.raw)[at];
+}
+template uint8_t WorkedSample(const FramePlan&, size_t);
+template uint16_t WorkedSample(const FramePlan&, size_t);
+
+}  // namespace imaging
