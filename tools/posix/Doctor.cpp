@@ -22,7 +22,7 @@ namespace {
 
 constexpr const char* VENDOR = "0e5a";
 constexpr const char* RULE_FILE = "70-kovcamera2.rules";
-constexpr const char* RULE = R"(SUBSYSTEM=="usb", ENV{DEVTYPE}=="usb_device", ATTR{idVendor}=="0e5a", MODE="0660", TAG+="uaccess")";
+constexpr const char* RULE = R"(SUBSYSTEM=="usb", ENV{DEVTYPE}=="usb_device", ATTR{idVendor}=="0e5a", MODE="0660", GROUP="plugdev", TAG+="uaccess")";
 
 using Severity = Finding::Severity;
 
@@ -142,9 +142,9 @@ private:
         }
         if (access(node.c_str(), R_OK | W_OK) != 0)
             Add(Severity::Problem, "node", fmt::format("camera {}:{} at {}: you may not write {}", VENDOR, d.product, d.name, d.node),
-                m_rule ? "unplug the camera and plug it in again, so that the rule takes hold; log in at the machine itself, or\n"
-                          "              for this once: sudo chmod a+rw " + d.node
-                        : "the udev rule above; for this once: sudo chmod a+rw " + d.node);
+                m_rule ? fmt::format("unplug the camera and plug it in again, so that the rule takes hold. Over ssh: sudo usermod -aG plugdev {},\n"
+                                     "then log in anew. For this once: sudo chmod a+rw {}", std::getenv("USER") ? std::getenv("USER") : "$USER", d.node)
+                       : "the udev rule above; for this once: sudo chmod a+rw " + d.node);
         else
             Add(Severity::Good, "node", fmt::format("camera {}:{} at {}: {} may be opened", VENDOR, d.product, d.name, d.node));
         bool hidden = false;
