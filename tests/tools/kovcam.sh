@@ -89,6 +89,13 @@ says out "limits changed 99999 to"
 expect 0 "set as JSON" cam QuartzCol set gain 77 --json
 says out '"kept": true'
 
+# --- for somebody who is to help
+expect 0 "report" cam QuartzCol doctor --report report.txt
+for item in '== findings ==' 'gain  ' 'test frame of 100 ms: .*mean' 'debug .*vendor|debug .*usb: '; do says report.txt "$item"; done
+[ -e report.txt.log.part ] && fail "the report left its log"
+expect 0 "the log on request" cam QuartzCol -vv get gain
+says err 'debug .*usb: '
+
 # --- mistakes
 expect 2 "unknown command" cam QuartzCol snp
 says err 'Did you mean snap'

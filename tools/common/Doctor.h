@@ -24,4 +24,7 @@ struct Examination {
 // Never throws for what it finds. Not while another thread enumerates, opens or closes cameras.
 std::vector<Finding> Examine(const Examination& examination = {});
 
+// System, limits, and the devices of our vendor with their descriptors, as lines of text for somebody far away.
+std::string DescribeSystem();
+
 }  // namespace kovtools

@@ -13,6 +13,7 @@ namespace kovtools {
 std::vector<std::string> Arguments(int argc, char** argv);
 std::filesystem::path ProgramFolder();  // where this program's own file stands; empty when that cannot be told
 const usbstack::Plugin* LoadedPlugin(); // of virtual cameras, when this process runs with them
+void SetVariable(const char* name, const std::string& value);  // of the environment, for this process
 bool IsTerminal(std::FILE*);
 extern const char* const HOW_TO_SEE_A_CAMERA;  // "that 'lsusb ...' lists the camera"
 extern const bool READS_PICTURES;              // whether PNG files can be scenes of virtual cameras

@@ -23,4 +23,7 @@ void AddDeviceCommands(CLI::App& app, Globals& g);
 // doctor
 void AddDoctorCommand(CLI::App& app, Globals& g);
 
+// System, findings, cameras, a test frame's figures and the log of all that, as text. Throws std::runtime_error.
+void WriteReport(const std::string& path);
+
 }  // namespace kovcam

@@ -53,7 +53,13 @@ void AddDoctorCommand(CLI::App& app, Globals& g)
 #ifndef _WIN32
     p->add_option("--root", *root, "Examine the system under this folder; nothing is opened then");
 #endif
-    p->callback([&g, root] { Tell(g, kovtools::Examine({ kovtools::PathOf(*root), true })); });
+    auto report = std::make_shared<std::string>();
+    p->add_option("--report", *report, "Write all that helps others to help you into this file");
+    p->callback([&g, root, report] {
+        if (!report->empty())
+            return WriteReport(*report);
+        Tell(g, kovtools::Examine({ kovtools::PathOf(*root), true }));
+    });
 }
 
 }  // namespace kovcam

@@ -46,6 +46,12 @@ int main(int argc, char** argv)
     kovcam::Globals g;
     app.add_option("-c,--camera", g.camera, "Camera: index, or a part of its name; needless with one camera");
     app.add_flag("--json", g.json, "Output for scripts");
+    // Before any command runs: the library looks at the environment at its first line.
+    int verbose = 0;
+    app.add_flag_function("-v,--verbose", [&](int64_t) {
+        static constexpr const char* levels[] = { "info", "debug", "trace" };
+        kovtools::SetVariable("KOV_LOG", levels[std::min(verbose++, 2)]);
+    }, "The library's log on standard error: restarts and lost frames; -vv each request too, -vvv everything")->trigger_on_parse();
     kovcam::AddControlCommands(app, g);
     kovcam::AddPictureCommands(app, g);
     kovcam::AddDarkCommands(app, g);

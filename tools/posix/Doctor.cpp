@@ -1,6 +1,8 @@
 // What keeps cameras from working on this machine, each with the command that mends it.
 #include <fmt/format.h>
+#include <grp.h>
 #include <pwd.h>
+#include <sys/utsname.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -273,6 +275,43 @@ private:
 };
 
 }  // namespace
+
+std::string DescribeSystem()
+{
+    const auto line = [](const fs::path& p) {
+        std::ifstream in(p);
+        std::string s;
+        std::getline(in, s);
+        return s;
+    };
+    utsname u{};
+    uname(&u);
+    std::string out = fmt::format("{} {} {} on {}\n", u.sysname, u.release, u.version, u.machine);
+    std::ifstream release("/etc/os-release");
+    for (std::string s; std::getline(release, s);)
+        if (s.starts_with("PRETTY_NAME="))
+            out += s.substr(12) + '\n';
+    out += fmt::format("usbfs memory, MiB: {}\nuser {}root, groups:", line("/sys/module/usbcore/parameters/usbfs_memory_mb"), geteuid() == 0 ? "" : "not ");
+    gid_t groups[64];
+    for (int i = 0, n = getgroups(64, groups); i < n; ++i)
+        if (const struct group* g = getgrgid(groups[i]); g != nullptr)
+            out += std::string(" ") + g->gr_name;
+    out += '\n';
+    std::error_code ec;
+    for (const auto& e : fs::directory_iterator("/sys/bus/usb/devices", ec)) {
+        if (line(e.path() / "idVendor") != VENDOR)
+            continue;
+        out += fmt::format("device {}:", e.path().filename().string());
+        for (const char* name : { "idVendor", "idProduct", "bcdDevice", "version", "speed", "busnum", "devnum", "bMaxPower", "manufacturer", "product" })
+            out += fmt::format(" {}={}", name, line(e.path() / name));
+        out += "\n  descriptors";
+        std::ifstream in(e.path() / "descriptors", std::ios::binary);
+        for (char c; in.get(c);)
+            out += fmt::format(" {:02x}", static_cast<unsigned char>(c));
+        out += '\n';
+    }
+    return out;
+}
 
 std::vector<Finding> Examine(const Examination& examination)
 {

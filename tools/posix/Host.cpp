@@ -25,6 +25,8 @@ const usbstack::Plugin* LoadedPlugin()
     return pSymbol ? reinterpret_cast<usbstack::PluginEntry>(pSymbol)() : nullptr;
 }
 
+void SetVariable(const char* name, const std::string& value) { setenv(name, value.c_str(), 1); }
+
 bool IsTerminal(std::FILE* f) { return isatty(fileno(f)) != 0; }
 
 const char* const HOW_TO_SEE_A_CAMERA = "'lsusb -d 0e5a:' lists the camera";

@@ -98,6 +98,12 @@ const usbstack::Plugin* LoadedPlugin()
     return p ? reinterpret_cast<usbstack::PluginEntry>(reinterpret_cast<void*>(p))() : nullptr;
 }
 
+void SetVariable(const char* name, const std::string& value)
+{
+
+    _putenv_s(name, value.c_str());
+}
+
 bool IsTerminal(std::FILE* f) { return _isatty(_fileno(f)) != 0; }
 
 const char* const HOW_TO_SEE_A_CAMERA = "the Device Manager shows the camera, with a driver";
