@@ -72,13 +72,11 @@ public:
     bool GetImage(uint8_t* p, int n, uint32_t ms) override { return DeliverImage(*this, *this, p, n, ms); }
     bool StartCapture(bool snap) override
     {
-        m_bSnapMode = snap;
-        m_bCapturing = true;
-        return m_Session.Start();
+        return m_Session.Start(snap);
     }
     bool StopCapture() override
     {
-        m_bCapturing = false;
+        m_Session.Stop();
         return m_Session.Wait(platform::WAIT_FOREVER) == platform::WAIT_SIGNALLED;
     }
     const ModelTraits& Traits() const override { return m_Traits; }

@@ -34,7 +34,7 @@ inline constinit std::atomic<int> g_iLevel = 100;
 inline bool Enabled(LogLevel level) { return static_cast<int>(level) <= g_iLevel.load(std::memory_order_relaxed); }
 
 // The folder below src/ that a file lies in.
-consteval std::string_view RoomOf(std::string_view file)
+constexpr std::string_view RoomOf(std::string_view file)
 {
     constexpr std::string_view root = "src/";
     const size_t at = file.rfind(root);

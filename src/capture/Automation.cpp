@@ -3,6 +3,7 @@
 #include <cstring>
 #include <memory>
 
+#include "base/Attempt.h"
 #include "base/Log.h"
 #include "capture/CaptureLoop.h"
 
@@ -65,8 +66,7 @@ void RunAutomation(CaptureRun& run)
     Sample sample(run);
     uint32_t nBalancePass = 0;
 
-    run.control.Sleep(200);
-    while (run.control.IsRunning()) {
+    const auto step = [&] {
         const int64_t lExp = int64_t(cam.m_lExposure.Get());
         uint8_t* p = nullptr;
         const auto frame = [&] { return p ? p : p = sample.Take(); };
@@ -86,6 +86,10 @@ void RunAutomation(CaptureRun& run)
             if (kind == Automation::Common && cam.m_bAutoWB && ++nBalancePass % 4 == 0 && CanBalance(cam) && frame())
                 cam.AutoWB_RAW(p);
         }
+    };
+    run.control.Sleep(200);
+    while (run.control.IsRunning()) {
+        Attempt("automation", step);
         for (int i = 0; i < nSlices && run.control.IsRunning(); ++i)
             run.control.Sleep(10);
     }
@@ -98,16 +102,15 @@ void StartAutomationStep(CaptureRun& run)
         return;
     const auto step = [](void* pv) {
         CaptureRun& r = *static_cast<CaptureRun*>(pv);
-        Sample sample(r);
-        const bool bBalance = r.cam.m_bAutoWB && CanBalance(r.cam);
-        if (WantsExpGain(r.cam) || bBalance) {
-            if (uint8_t* const p = sample.Take()) {
-                if (WantsExpGain(r.cam))
-                    r.cam.AutoExpGain(p);
-                if (bBalance)
-                    r.model.ModelWhiteBalance(p);
-            }
-        }
+        Attempt("automation", [&r] {
+            const bool bBalance = r.cam.m_bAutoWB && CanBalance(r.cam);
+            Sample sample(r);
+            uint8_t* const p = WantsExpGain(r.cam) || bBalance ? sample.Take() : nullptr;
+            if (p && WantsExpGain(r.cam))
+                r.cam.AutoExpGain(p);
+            if (p && bBalance)
+                r.model.ModelWhiteBalance(p);
+        });
         r.bAuxBusy = false;
     };
     if (!run.aux.Start(step, &run))

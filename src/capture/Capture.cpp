@@ -2,6 +2,7 @@
 
 #include <mutex>
 
+#include "base/Attempt.h"
 #include "base/Log.h"
 #include "capture/CaptureLoop.h"
 
@@ -23,7 +24,8 @@ void WorkingThread(void* p)
         s.pOlder->run.aux.Wait(platform::WAIT_FOREVER);
         s.pOlder.reset();
     }
-    MakeCaptureLoop(s.run)->Run();
+    if (!Attempt("capture", [&s] { MakeCaptureLoop(s.run)->Run(); }))
+        s.run.control.End(EXP_FAILED);
 }
 
 }  // namespace
@@ -39,18 +41,40 @@ CaptureSession::CaptureSession(CCameraBase& cam, IModel& model) : m_p(new Impl{ 
 
 CaptureSession::~CaptureSession() { Wait(platform::WAIT_FOREVER); }
 
-bool CaptureSession::Start()
+bool CaptureSession::Start(bool snap)
 {
     const std::lock_guard l(m_p->m);
-    auto pNew = std::make_shared<Session>(m_p->cam, m_p->model, m_p->cam.m_bSnapMode);
+    CCameraBase& cam = m_p->cam;
+    auto pNew = std::make_shared<Session>(cam, m_p->model, snap);
     pNew->pOlder = m_p->pNow;
     // m_bCapturing is set again: only this tells the older thread that its time is over.
     if (m_p->pNow)
         m_p->pNow->run.control.Abandon();
-    if (!pNew->run.main.Start(&WorkingThread, pNew.get()))
+    // A reader may come before the new thread does: what lies here is of an earlier capture.
+    cam.m_pFrameExchange->Reset();
+    cam.m_bSnapMode = snap;
+    cam.m_ExpStatus = EXP_WORKING;
+    cam.m_bCapturing = true;
+    if (!pNew->run.main.Start(&WorkingThread, pNew.get())) {
+        pNew->run.control.End(EXP_FAILED);
         return false;
+    }
     m_p->pNow = std::move(pNew);
     return true;
+}
+
+bool CaptureSession::IsCapturing() const
+{
+    const std::lock_guard l(m_p->m);
+    return m_p->pNow ? m_p->pNow->run.control.IsCapturing() : m_p->cam.m_bCapturing.Get();
+}
+
+void CaptureSession::Stop()
+{
+    const std::lock_guard l(m_p->m);
+    if (m_p->pNow)
+        m_p->pNow->run.control.Stop();
+    m_p->cam.m_bCapturing = false;
 }
 
 uint32_t CaptureSession::Wait(uint32_t dwMs)

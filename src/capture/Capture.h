@@ -37,10 +37,14 @@ public:
 class CaptureSession {
 public:
     CaptureSession(CCameraBase& cam, IModel& model);
-    ~CaptureSession();                    // waits for the threads; m_bCapturing must be clear
-    // Starts the thread; an earlier one that is still in its end sequence is waited for by the new thread, not by the
-    // caller. False when the system has no thread.
-    bool Start();
+    ~CaptureSession();                    // waits for the threads; stopped
+    // Starts a capture: its fields, an empty exchange, the thread. An earlier thread that is still in its end sequence is
+    // waited for by the new thread, not by the caller. False when the system has no thread; a snap has failed then.
+    bool Start(bool snap);
+    // m_bCapturing. A snap that is about to end has told its outcome when this returns.
+    bool IsCapturing() const;
+    // Host. The capture is over for the host; its thread ends when it comes to it.
+    void Stop();
     // platform::WAIT_SIGNALLED once the thread has ended. WAIT_FOREVER ends it: sleeps and waits are cut short, and the
     // automation thread is waited for too; for closing the camera.
     uint32_t Wait(uint32_t dwMs);

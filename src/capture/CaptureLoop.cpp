@@ -5,6 +5,7 @@
 #include <mutex>
 #include <string>
 
+#include "base/Attempt.h"
 #include "base/Log.h"
 
 namespace {
@@ -42,7 +43,7 @@ ClassState& StateOf(const CCameraBase& cam, const ModelTraits& t)
 }  // namespace
 
 CaptureRun::CaptureRun(CCameraBase& c, IModel& m, bool snap)
-    : cam(c), model(m), form(FormOf(m.Traits().family)), bSnap(snap), control(c)
+    : cam(c), model(m), form(FormOf(m.Traits().family)), bSnap(snap), control(c, snap)
 {
 }
 
@@ -93,18 +94,22 @@ CaptureLoop::CaptureLoop(CaptureRun& run)
 
 void CaptureLoop::Run()
 {
-    Start();
+    if (!Attempt("capture", [this] { Start(); Frames(); }))
+        m_run.control.End(EXP_FAILED);
+    if (!m_bLost)
+        Attempt("end of capture", [this] { End(); });
+}
+
+void CaptureLoop::Frames()
+{
     for (;;) {
         if (m_run.bSnap && m_cam.m_lExposure * m_nBad > SNAP_LIMIT) {
             OnSnapFailed();
-            if (!m_run.control.IsAbandoned()) {
-                m_cam.m_bCapturing = false;
-                m_cam.m_ExpStatus = EXP_FAILED;
-            }
-            break;
+            m_run.control.End(EXP_FAILED);
+            return;
         }
         if (!m_run.control.IsRunning())
-            break;
+            return;
         BeginPass();
         m_lFrameTime = FrameTime(m_cam, m_form);
         m_bSwap = !m_bSwap;
@@ -116,12 +121,10 @@ void CaptureLoop::Run()
             LogDamage(v);
         const Next next = v == Verdict::Good ? OnGood() : v == Verdict::Short ? OnShort() : OnBadMarks(v);
         if (next == Next::Leave)
-            break;
+            return;
         if (next == Next::BadFrame)
             OnBadFrame();
     }
-    if (!m_bLost)
-        End();
 }
 
 void CaptureLoop::PrepareFrame()
@@ -173,16 +176,6 @@ CaptureLoop::Verdict CaptureLoop::Check() const
     if (Get<uint32_t>(p, 0) != HEAD_B)
         return Verdict::BadHead;
     return m_form.marks == Marks::BAndTail && Get<uint32_t>(p, S - 4) != TAIL_B ? Verdict::BadTail : Verdict::Good;
-}
-
-// The frame is in the exchange. Capturing ends before the status says so: a host that sees the success may start the
-// next exposure at once.
-void CaptureLoop::SnapSucceeded()
-{
-    if (m_run.control.IsAbandoned())
-        return;
-    m_cam.m_bCapturing = false;
-    m_cam.m_ExpStatus = EXP_SUCCESS;
 }
 
 // The ring was full.
@@ -245,7 +238,7 @@ private:
         m_model.StartSensorStreaming();
         m_cam.ResetEndPoint(IMAGE_ENDPOINT);
         OpenQueue();
-        m_cam.m_ExpStatus = EXP_WORKING;
+        m_run.control.Tell(EXP_WORKING);
     }
 
     void End() override
@@ -275,7 +268,7 @@ private:
         }
         const bool bTaken = Deliver();
         if (m_run.bSnap) {
-            SnapSucceeded();
+            m_run.control.End(EXP_SUCCESS);
             return Next::Leave;
         }
         if (!bTaken)
@@ -397,7 +390,7 @@ private:
             m_cam.ResetEndPoint(IMAGE_ENDPOINT);
             OpenQueue();
         }
-        m_cam.m_ExpStatus = EXP_WORKING;
+        m_run.control.Tell(EXP_WORKING);
         m_dwPassStart = platform::Ticks();
     }
 
@@ -494,10 +487,10 @@ private:
         if (m_run.bSnap) {
             Deliver();
             TraceLine("snap: EXP_SUCCESS\n");
-            SnapSucceeded();
+            m_run.control.End(EXP_SUCCESS);
             return Next::Leave;
         }
-        m_cam.m_ExpStatus = EXP_SUCCESS;
+        m_run.control.Tell(EXP_SUCCESS);
         // QUIRK: the first good frame of a video is never delivered.
         if (m_nGood++ == 0)
             m_cam.ResetEndPoint(IMAGE_ENDPOINT);

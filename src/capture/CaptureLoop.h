@@ -53,6 +53,7 @@ protected:
     virtual void BeginPass() {}
 
     // --- shared steps ---
+    void Frames();
     void PrepareFrame();  // frame size, counters, exchange
     void OpenQueue() { m_queue.Open(m_form.dwChunk, m_iFrameBytes, !m_form.bSmallChunk); }
     void StartAutomation();
@@ -60,9 +61,11 @@ protected:
     Verdict Check() const;
     void LogDamage(Verdict v) const;
     void CountUnread();
-    bool Deliver() { return m_cam.m_pFrameExchange->Insert(m_queue.Frame(), m_iFrameBytes); }
-    void SnapSucceeded();
-    // bMono, bColor: which steps run.
+    bool Deliver()
+    {
+        return m_run.control.Deliver([&] { return m_cam.m_pFrameExchange->Insert(m_queue.Frame(), m_iFrameBytes); });
+    }
+    // The automation's steps on the frame at hand; white balance always, exposure and gain where told.
     void Automate(bool bExpGain);
     // Lowers the bandwidth when frames go bad soon after it was put on auto. True when it did.
     bool ReduceBandwidth(bool bRisingClearsCount, bool bMayReduce);

@@ -1,15 +1,32 @@
 #include "capture/ChunkQueue.h"
 
 #include <cstring>
+#include <utility>
 
+#include "base/Attempt.h"
 #include "usb/CUsbLink.h"
+
+namespace {
+
+constexpr int CLOSE_TRIES = 100;
+constexpr uint32_t CLOSE_PAUSE = 10;  // ms
+
+}  // namespace
 
 ChunkQueue::ChunkQueue(CCameraBase& cam, const RunControl& run)
     : m_cam(cam), m_run(run), m_pFill(cam.m_pAuxBuf1), m_pNext(cam.m_pAuxBuf2), m_pFrame(cam.m_pAuxBuf1)
 {
 }
 
-ChunkQueue::~ChunkQueue() { Close(); }
+ChunkQueue::~ChunkQueue()
+{
+    for (int i = 0; i < CLOSE_TRIES; ++i) {
+        if (Attempt("closing the queue", [this] { Close(); }))
+            return;
+        platform::SleepMs(CLOSE_PAUSE);
+    }
+    m_pSlots.release();  // NOLINT(bugprone-unused-return-value): requests that cannot be ended write to them yet
+}
 
 // Asked for afresh each time: the link can be missing after a failed reconnection. Nobody replaces it behind this
 // thread's back, since closing a camera waits for the thread first.
@@ -47,16 +64,16 @@ bool ChunkQueue::Finish(size_t n, int32_t* piBytes)
 {
     Slot& s = m_slots[n];
     *piBytes = Size(n);
+    s.dwError = platform::ERROR_BAD_PARAMETER;
+    uint8_t* const pContext = std::exchange(s.pContext, nullptr);
     bool bOk = false;
     if (CCyUSBEndPoint* const pEp = EndPoint()) {
-        bOk = pEp->FinishDataXfer(m_pFill + Offset(n), piBytes, &s.ov, s.pContext);
+        bOk = pEp->FinishDataXfer(m_pFill + Offset(n), piBytes, &s.ov, pContext);
     } else {
-        delete[] s.pContext;  // the link has gone and has completed the request
+        delete[] pContext;  // the link has gone and has completed the request
         *piBytes = 0;
     }
     *piBytes = std::clamp(*piBytes, 0, Size(n));
-    s.pContext = nullptr;
-    s.dwError = platform::ERROR_BAD_PARAMETER;
     return bOk;
 }
 
@@ -70,7 +87,7 @@ void ChunkQueue::Begin(size_t n, uint8_t* pBuf)
     platform::WaitEvent(s.ov.hEvent, 0);  // a signal of an earlier request must not end the wait for this one
     s.pContext = pEp->BeginDataXfer(pBuf + Offset(n), Size(n), &s.ov);
     if (s.pContext)
-        s.dwError = pEp->m_uLastError;
+        s.dwError = platform::LastError();  // this thread's: a Reset of another one may have stored its own in the endpoint
 }
 
 void ChunkQueue::OpenSlots()
@@ -201,7 +218,8 @@ void ChunkQueue::CloseSlots(uint32_t ms)
         int32_t iBytes = 0;
         if (s.pContext)
             Finish(n, &iBytes);
-        platform::FreeEvent(s.ov.hEvent);
+        if (s.ov.hEvent)
+            platform::FreeEvent(std::exchange(s.ov.hEvent, nullptr));
     }
     m_slots.clear();
 }

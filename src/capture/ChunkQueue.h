@@ -10,7 +10,7 @@
 class ChunkQueue {
 public:
     ChunkQueue(CCameraBase& cam, const RunControl& run);
-    ~ChunkQueue();  // Close
+    ~ChunkQueue();  // Close, tried again for a while when it throws
     ChunkQueue(const ChunkQueue&) = delete;
     ChunkQueue& operator=(const ChunkQueue&) = delete;
 
@@ -68,7 +68,8 @@ private:
 
     CCameraBase& m_cam;
     const RunControl& m_run;
-    std::vector<Slot> m_slots;
+    std::unique_ptr<std::vector<Slot>> m_pSlots = std::make_unique<std::vector<Slot>>();
+    std::vector<Slot>& m_slots = *m_pSlots;
     uint32_t m_dwChunk = 0;
     uint32_t m_dwFrameBytes = 0;
     bool m_bTwoBuffers = true;

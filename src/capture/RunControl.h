@@ -1,19 +1,70 @@
-// When a capture thread has to end, and sleeps that know it.
+// When a capture thread has to end, what it may still tell the host, and sleeps that know it.
 #pragma once
 #include <algorithm>
 #include <atomic>
+#include <mutex>
 
 #include "core/CCameraBase.h"
 
 class RunControl {
 public:
-    explicit RunControl(const CCameraBase& cam) : m_cam(cam) {}
+    RunControl(CCameraBase& cam, bool snap) : m_cam(cam), m_bSnap(snap) {}
 
-    // The threads of this run are to end without delay: the camera is closed or a newer run has taken over. Other than
-    // m_bCapturing it also cuts sleeps and waits short.
-    void Abandon() { m_bAbandoned = true; }
-    bool IsAbandoned() const { return m_bAbandoned; }
-    bool IsRunning() const { return m_cam.m_bCapturing && !m_bAbandoned; }
+    // --- host ---
+    // From here on the run changes neither m_bCapturing nor m_ExpStatus nor the exchange's frames. A snap becomes idle.
+    // The thread ends when it comes to it; a run that has ended before is left alone.
+    void Stop()
+    {
+        const std::lock_guard l(m_mutex);
+        if (!m_bLive)
+            return;
+        m_bLive = false;
+        m_cam.m_bCapturing = false;
+        if (m_bSnap)
+            m_cam.m_ExpStatus = EXP_IDLE;
+    }
+    // As Stop, but at once, and the camera's state is the caller's business: it is closed or a newer run takes over. Other
+    // than m_bCapturing it also cuts sleeps and waits short.
+    void Abandon()
+    {
+        const std::lock_guard l(m_mutex);
+        m_bLive = false;
+        m_bAbandoned = true;
+    }
+    // m_bCapturing, never between the two fields that End writes.
+    bool IsCapturing() const
+    {
+        const std::lock_guard l(m_mutex);
+        return m_cam.m_bCapturing;
+    }
+
+    // --- the run's threads ---
+    bool IsRunning() const { return m_bLive && m_cam.m_bCapturing; }
+    void Tell(KOV_EXPOSURE_STATUS status)
+    {
+        const std::lock_guard l(m_mutex);
+        if (m_bLive)
+            m_cam.m_ExpStatus = status;
+    }
+    // The run is over by itself, in a snap with this outcome. Capturing ends first: a host that sees the outcome may start
+    // the next exposure at once.
+    void End(KOV_EXPOSURE_STATUS outcome)
+    {
+        const std::lock_guard l(m_mutex);
+        if (!m_bLive)
+            return;
+        m_bLive = false;
+        m_cam.m_bCapturing = false;
+        if (m_bSnap)
+            m_cam.m_ExpStatus = outcome;
+    }
+    // Runs `insert` unless the run has been stopped.
+    template <class Insert>
+    bool Deliver(Insert insert)
+    {
+        const std::lock_guard l(m_mutex);
+        return m_bLive && insert();
+    }
 
     void Sleep(int64_t ms) const
     {
@@ -32,6 +83,9 @@ public:
 
 private:
     static constexpr int64_t SLICE = 200;  // ms; bounds how late an abandoned thread notices
-    const CCameraBase& m_cam;
+    CCameraBase& m_cam;
+    const bool m_bSnap;
+    mutable std::mutex m_mutex;            // a leaf lock: the run's end and the host's stop are one step each
+    std::atomic<bool> m_bLive{ true };     // written under it
     std::atomic<bool> m_bAbandoned{ false };
 };

@@ -5,6 +5,7 @@
 #include <cstring>
 #include <new>
 
+#include "base/Attempt.h"
 #include "platform/Pages.h"
 #include "platform/Platform.h"
 #include "thermal/ThermistorTable.h"
@@ -182,11 +183,18 @@ bool CCameraBase::ReConnectCamera()
     m_bOpen = false;  // first, so that other threads send nothing more
     ReplaceLink(nullptr);
     platform::SleepMs(RECONNECT_FIRST);
-    ReplaceLink(new CUsbLink(nullptr, m_guid, true));
-    if (OpenCamera(m_iDevIndex))
+    bool bOpen = false;
+    const auto open = [&] {
+        if (!m_pUsbLink)
+            ReplaceLink(new CUsbLink(nullptr, m_guid, true));
+        bOpen = OpenCamera(m_iDevIndex);
+    };
+    Attempt("reconnection", open);
+    if (bOpen)
         return true;
     platform::SleepMs(RECONNECT_AGAIN);
-    return OpenCamera(m_iDevIndex);
+    Attempt("reconnection", open);
+    return bOpen;
 }
 
 // --- properties -------------------------------------------------------------------------------------------------------

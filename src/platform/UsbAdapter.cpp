@@ -415,7 +415,12 @@ void CDevice::ControlLoop()
         m_controlRunning = r;
         l.unlock();
         uint32_t dwMoved = 0;
-        const Status status = RunControl(*r, &dwMoved);
+        Status status = Status::NoMemory;
+        try {
+            status = RunControl(*r, &dwMoved);
+        } catch (const std::exception&) {
+            // The request has failed; the next one may find memory again.
+        }
         l.lock();
         m_controlRunning.reset();
         CompleteLocked(*r, status, dwMoved);

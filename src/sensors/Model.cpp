@@ -150,7 +150,7 @@ bool OpenCamera(CCameraBase& cam, IModel& m, int deviceIndex)
 
 bool CloseCamera(CCameraBase& cam, CCameraCool* pCool, const ModelTraits& t, CaptureSession& s)
 {
-    if (cam.m_pUsbLink == nullptr)
+    if (!cam.HasLink() && !s.IsCapturing())  // a reconnection of the capture thread has none for a while
         return false;
     if (cam.m_bSnapMode)
         cam.SaveSetting(t.szKey);
@@ -158,7 +158,7 @@ bool CloseCamera(CCameraBase& cam, CCameraCool* pCool, const ModelTraits& t, Cap
     if (pCool != nullptr && pCool->m_bTempThrRun)
         pCool->StopAutoTempThr();
     // A thread past StopCapture's time limit, or a snap's in its end sequence, still uses the link.
-    cam.m_bCapturing = false;
+    s.Stop();
     s.Wait(platform::WAIT_FOREVER);
 
     if ((t.bClose & CLOSE_LINK) && cam.m_bOpen)
@@ -177,21 +177,17 @@ bool StartCapture(CCameraBase& cam, const ModelTraits& t, CaptureSession& s, boo
 {
     if (!cam.m_bOpen)
         return false;
-    if (cam.m_bCapturing)
+    if (s.IsCapturing())
         return true;
-    cam.m_bSnapMode = snap;
-    cam.m_ExpStatus = EXP_WORKING;
-    cam.m_bCapturing = true;
     if (TracesCapture(t))
         TraceLine("start capture create thread\n");
-    if (!s.Start())
-        cam.m_bCapturing = false;
+    s.Start(snap);
     return true;
 }
 
 bool StopCapture(CCameraBase& cam, const ModelTraits& t, CaptureSession& s)
 {
-    if (!cam.m_bCapturing)
+    if (!s.IsCapturing())
         return true;
     if (!cam.m_bOpen)
         return false;
@@ -200,7 +196,7 @@ bool StopCapture(CCameraBase& cam, const ModelTraits& t, CaptureSession& s)
     cam.m_bStopping = true;
     if (!cam.m_bSnapMode)
         cam.SaveSetting(t.szKey);
-    cam.m_bCapturing = false;
+    s.Stop();
     if (TracesCapture(t))
         TraceLine(">> wait Working thread exit\n");
     s.Wait(5000);

@@ -77,7 +77,7 @@ protected:
         }
         if (CCameraCool* pCool = Cool())
             pCool->StopAutoTempThr();
-        this->m_bCapturing = false;
+        m_Session.Stop();
         m_Session.Wait(platform::WAIT_FOREVER);
         this->m_pFrameExchange->Shut();
     }

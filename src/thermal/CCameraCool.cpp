@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cmath>
 
+#include "base/Attempt.h"
 #include "base/Log.h"
 
 namespace {
@@ -59,11 +60,8 @@ bool SleepSlices(const CCameraCool& cam, int iSlices)
     return true;
 }
 
-// cooler thread. Start: StartAutoTempThr. Stop: m_bTempThrRun cleared, seen after 10 ms or one control transfer.
-void AutoTempThread(void* pCamera)
+void Regulate(CCameraCool& cam)
 {
-    CCameraCool& cam = *static_cast<CCameraCool*>(pCamera);
-    logging::SetThreadName("cooler");
     platform::SleepMs(START_DELAY_MS);
     while (cam.m_bTempThrRun) {
         cam.AutoTemp(cam.m_fSensorTemp);
@@ -75,6 +73,18 @@ void AutoTempThread(void* pCamera)
                 return;
         }
     }
+}
+
+// cooler thread. Start: StartAutoTempThr. Stop: m_bTempThrRun cleared, seen after 10 ms or one control transfer. A
+// regulator that failed must not leave its last power on.
+void AutoTempThread(void* pCamera)
+{
+    CCameraCool& cam = *static_cast<CCameraCool*>(pCamera);
+    logging::SetThreadName("cooler");
+    if (Attempt("cooler", [&cam] { Regulate(cam); }))
+        return;
+    Attempt("switching the cooler off", [&cam] { cam.SetPowerPerc(0); });
+    cam.m_bTempThrRun = false;
 }
 
 }  // namespace

@@ -101,6 +101,12 @@ void CCameraFX3::ReplaceLink(CUsbLink* pLink)
     delete pOld;
 }
 
+bool CCameraFX3::HasLink()
+{
+    const platform::Lock lock(m_csUsb);
+    return m_pUsbLink != nullptr;
+}
+
 bool CCameraFX3::Transfer(bool bIn, uint8_t request, uint16_t wValue, uint16_t wIndex, uint8_t* pData,
                           int32_t* piLength)
 {
@@ -108,7 +114,8 @@ bool CCameraFX3::Transfer(bool bIn, uint8_t request, uint16_t wValue, uint16_t w
     uint32_t dwError = platform::ERROR_GONE;
     {
         const platform::Lock lock(m_csUsb);
-        CCyControlEndPoint* const ep = m_pUsbLink ? m_pUsbLink->m_pControl : nullptr;
+        // m_bOpen once more, under the lock: the link that a reconnection has just put here is still being built.
+        CCyControlEndPoint* const ep = m_bOpen && m_pUsbLink ? m_pUsbLink->m_pControl : nullptr;
         if (ep) {
             ep->m_iTimeOut = CONTROL_TIMEOUT;
             ep->m_iTarget = 0;
@@ -234,7 +241,7 @@ bool CCameraFX3::ResetEndPoint(uint8_t)
         return false;
     for (const bool bReset : { false, true }) {
         const platform::Lock lock(m_csUsb);
-        if (!m_pUsbLink || !m_pUsbLink->m_pBulkIn)
+        if (!m_bOpen || !m_pUsbLink || !m_pUsbLink->m_pBulkIn)
             continue;
         if (bReset)
             m_pUsbLink->m_pBulkIn->Reset();
@@ -249,7 +256,7 @@ bool CCameraFX3::ResetDevice()
     if (!m_bOpen)
         return false;
     const platform::Lock lock(m_csUsb);
-    if (m_pUsbLink)
+    if (m_bOpen && m_pUsbLink)
         m_pUsbLink->ResetParentPort();
     return true;
 }

@@ -108,6 +108,9 @@ public:
     // link is destroyed (which closes it); nullptr leaves none.
     void ReplaceLink(CUsbLink* pLink);
 
+    // Under m_csUsb, for a thread beside one that may be reconnecting.
+    bool HasLink();
+
     Shared<bool> m_bOpen;        // a device is selected
     platform::Guid m_guid;       // interface that ReConnectCamera searches
     CUsbLink* m_pUsbLink = nullptr;  // owned
@@ -118,7 +121,7 @@ public:
     Shared<uint32_t> m_uFPGAVerVal;  // the four parts, the first in the high byte
 
 private:
-    // One control transfer under m_csUsb. The caller has tested m_bOpen. *piLength is updated to the bytes moved.
+    // One control transfer under m_csUsb, unless m_bOpen is clear. *piLength is updated to the bytes moved.
     // False also when no link is there. pData holds *piLength readable bytes, for IN too.
     bool Transfer(bool bIn, uint8_t request, uint16_t wValue, uint16_t wIndex, uint8_t* pData, int32_t* piLength);
     // The same for a fixed length, with the test of m_bOpen; true when the transfer succeeded, whatever it moved.

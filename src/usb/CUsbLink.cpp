@@ -125,7 +125,7 @@ CUsbLink::~CUsbLink()
 {
     try {
         Close();
-    } catch (const char*) {
+    } catch (...) {
         FreeDescriptors();
     }
     if (m_hDeviceNotice && !UsbDriver().UnregisterNotice(m_hDeviceNotice))

@@ -4,6 +4,7 @@
 #include <memory>
 
 #include "core/Export.h"
+#include "core/Shared.h"
 #include "platform/UsbDriver.h"
 #include "platform/XferRecord.h"
 
@@ -55,7 +56,8 @@ public:
     uint8_t m_bCompLength = 0, m_bCompDescriptorType = 0, m_bMaxBurst = 0, m_bCompAttributes = 0;
     uint16_t m_wBytesPerInterval = 0;
     uint32_t m_iTimeOut = 10000;  // ms
-    uint32_t m_uUsbdStatus = 0, m_uNtStatus = 0, m_uBytesXferred = 0, m_uLastError = 0;
+    uint32_t m_uUsbdStatus = 0, m_uNtStatus = 0, m_uBytesXferred = 0;
+    Shared<uint32_t> m_uLastError;  // of whichever call stored it last; a Reset of another thread stores it too
     bool m_bIn = false;
     int32_t m_bDirect = 1;
 

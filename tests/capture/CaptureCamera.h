@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cstring>
 #include <deque>
+#include <functional>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -53,20 +54,16 @@ public:
     {
         if (!m_bOpen)
             return false;
-        if (m_bCapturing)
+        if (m_Session.IsCapturing())
             return true;
-        m_bSnapMode = snap;
-        m_ExpStatus = EXP_WORKING;
-        m_bCapturing = true;
-        if (!m_Session.Start())
-            m_bCapturing = false;
+        m_Session.Start(snap);
         return true;
     }
     bool StopCapture() override
     {
-        if (!m_bCapturing)
+        if (!m_Session.IsCapturing())
             return true;
-        m_bCapturing = false;
+        m_Session.Stop();
         return m_Session.Wait(5000) == platform::WAIT_SIGNALLED;
     }
     bool GetImage(uint8_t* p, int n, uint32_t ms) override { return DeliverImage(*this, *this, p, n, ms); }
@@ -89,7 +86,13 @@ public:
     float GetSensorTemp() override { Note("temp"); return 0; }
 
     const ModelTraits& Traits() const override { return m_Traits; }
-    bool StartSensorStreaming() override { return WriteCameraRegister(0xAAAA, 1); }
+    bool StartSensorStreaming() override
+    {
+        MayThrow("stream");
+        if (OnStream)
+            OnStream();
+        return WriteCameraRegister(0xAAAA, 1);
+    }
     bool StopSensorStreaming() override { return WriteCameraRegister(0xAAAA, 0); }
     int32_t GetRealImageSize() override { return m_iWidth * m_iHeight * m_iBin * m_iBin * (m_bOutput16Bits ? 2 : 1); }
     bool SetOutput16Bits(bool on) override { return SendCMD(on ? REQ_MODE_16BIT : REQ_MODE_8BIT); }
@@ -106,7 +109,16 @@ public:
     }
     void ModelWhiteBalance(uint8_t*) override { Note("model balance"); }
 
-    void Note(std::string s) { const std::lock_guard l(m_mutex); m_notes.push_back(std::move(s)); }
+    void Note(const std::string& s)
+    {
+        { const std::lock_guard l(m_mutex); m_notes.push_back(s); }
+        MayThrow(s);
+    }
+    void MayThrow(const std::string& s)
+    {
+        if (!sThrowsAt.empty() && s.rfind(sThrowsAt, 0) == 0 && nThrows.fetch_sub(1) > 0)
+            throw std::bad_alloc();
+    }
     std::vector<std::string> Notes() const { const std::lock_guard l(m_mutex); return m_notes; }
     size_t CountOf(const std::string& sPrefix) const
     {
@@ -114,6 +126,10 @@ public:
         return size_t(std::count_if(v.begin(), v.end(), [&](const auto& s) { return s.rfind(sPrefix, 0) == 0; }));
     }
     std::atomic<bool> bFound{ true };
+    // What is asked of the model by this name, "stream" the first, throws so many times.
+    std::string sThrowsAt;
+    std::atomic<int> nThrows{ 0 };
+    std::function<void()> OnStream;
 
 private:
     const ModelTraits m_Traits;
@@ -149,6 +165,7 @@ public:
         { const std::lock_guard l(m_mutex); m_endless = std::move(frame); }
         dev.Pump();
     }
+    void Drop() { const std::lock_guard l(m_mutex); m_frames.clear(); m_at = 0; }
     size_t Left() const { const std::lock_guard l(m_mutex); return m_frames.size(); }
 
     RecordingStack stack;

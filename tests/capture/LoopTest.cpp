@@ -1,4 +1,7 @@
 // The capture thread against a scripted endpoint.
+#include <chrono>
+#include <thread>
+
 #include "CaptureCamera.h"
 
 namespace {
@@ -175,6 +178,7 @@ TEST(Snap, OneGoodFrameEndsIt)
     // At once the next one, while the thread may still be in its end sequence.
     r.cam.StartExposure();
     EXPECT_EQ(r.cam.m_ExpStatus, EXP_WORKING);
+    EXPECT_EQ(r.cam.m_pFrameExchange->Count(), 0);  // before the new thread has done anything
     ASSERT_TRUE(Until([&] { return r.Log().size() >= 10 * 18; }));
     ASSERT_TRUE(r.Waiting(1));
     EXPECT_EQ(r.cam.m_pFrameExchange->Count(), 0);
@@ -183,6 +187,88 @@ TEST(Snap, OneGoodFrameEndsIt)
     ASSERT_TRUE(r.cam.Ended());
     EXPECT_EQ(r.Read(), Cleared(FrameA(S, 2)));  // left there by the end of the thread
     EXPECT_EQ(r.cam.m_ExpStatus, EXP_SUCCESS);
+}
+
+TEST(Snap, StoppedItStaysIdleWhateverComesLater)
+{
+    const FastClock fast(20);
+    enum class Late { Start, GoodFrame, BadFrame };
+    for (const Family f : { Family::Marble, Family::Garnet })
+        for (const Late late : { Late::Start, Late::GoodFrame, Late::BadFrame })
+            for (const bool bVideoCall : { false, true }) {
+                SCOPED_TRACE(testing::Message() << int(f) << ' ' << int(late) << ' ' << bVideoCall);
+                Rig r(f, true);
+                std::atomic<bool> bHold{ late == Late::Start };
+                r.cam.OnStream = [&] { Until([&] { return !bHold; }); };
+                r.cam.m_lExposure = 10000000;
+                r.cam.StartExposure();
+                if (late != Late::Start) {
+                    ASSERT_TRUE(r.Waiting(1));
+                }
+                if (bVideoCall)
+                    r.cam.StopCapture();  // both give up after 5 s
+                else
+                    r.cam.StopExposure();
+                EXPECT_EQ(r.cam.m_ExpStatus, EXP_IDLE);
+                bHold = false;
+                auto frame = FrameOf(f, S, 1);
+                frame[0] ^= late == Late::BadFrame;
+                if (late != Late::Start)
+                    r.usb.Send(frame);
+                ASSERT_TRUE(r.cam.Ended(60000));
+                EXPECT_EQ(r.cam.m_ExpStatus, EXP_IDLE);
+                EXPECT_EQ(r.cam.m_pFrameExchange->Count(), 0);
+            }
+}
+
+// A host that stops just as the frame comes: whatever comes first, the stop has the last word.
+TEST(Snap, StopAtTheMomentOfSuccess)
+{
+    Rig r(Family::Quartz, true);
+    for (int i = 0; i < 300; ++i) {
+        r.cam.StartExposure();
+        ASSERT_TRUE(r.Waiting(1));
+        std::thread sender([&] { r.usb.Send(FrameA(S, 1)); });
+        std::this_thread::sleep_for(std::chrono::microseconds(i / 3));
+        r.cam.StopExposure();
+        const auto now = r.cam.m_ExpStatus.Get();
+        sender.join();
+        ASSERT_TRUE(r.cam.Ended());
+        ASSERT_EQ(now, EXP_IDLE) << i;
+        ASSERT_EQ(r.cam.m_ExpStatus, EXP_IDLE) << i;
+        r.usb.Drop();
+    }
+}
+
+// What throws ends the capture or the automation's step, never the process, and the next try works.
+TEST(AnyLoop, NothingThrownEndsTheProcess)
+{
+    struct { Family f; const char* szAt; bool bSnap, bEnds; } rows[] = {
+        { Family::Quartz, "stream", true, true },        { Family::Quartz, "stream", false, true },
+        { Family::Garnet, "stream", false, true },       { Family::Quartz, "gain", false, false },
+        { Family::Cobalt, "apply exp", false, false },   { Family::Agate, "model balance", false, false },
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(testing::Message() << int(row.f) << ' ' << row.szAt);
+        Rig r(row.f, true, W, H, "Throws");
+        r.cam.m_bAutoGain = r.cam.m_bAutoWB = true;
+        r.cam.m_iDestBrightness = 250;
+        r.cam.m_lExposure = row.f == Family::Agate ? 150000 : 1000;
+        r.cam.sThrowsAt = row.szAt;
+        r.cam.nThrows = 1;
+        r.cam.StartCapture(row.bSnap);
+        if (row.bEnds) {
+            ASSERT_TRUE(r.cam.Ended());
+            EXPECT_FALSE(r.cam.m_bCapturing);
+            if (row.bSnap) {
+                EXPECT_EQ(r.cam.m_ExpStatus, EXP_FAILED);
+            }
+            r.cam.StartCapture(row.bSnap);
+        }
+        r.usb.Repeat(FrameOf(row.f, S, 1));
+        EXPECT_FALSE(r.Read().empty());
+        EXPECT_TRUE(Until([&] { return row.bEnds || r.cam.CountOf(row.szAt) >= 2; }));
+    }
 }
 
 TEST(Snap, FailsAfterASecondOfLostExposure)

@@ -70,6 +70,8 @@ public:
     float GetSensorTemp() override
     {
         ++iTempReads;
+        if (bThrows)
+            throw std::bad_alloc();
         this->m_fSensorTemp = fTemp.Get();
         return fTemp;
     }
@@ -83,6 +85,7 @@ public:
     std::function<void()> OnImage;
     Shared<float> fTemp{0.0f};
     Shared<int> iTempReads{0};
+    Shared<bool> bThrows{false};
 
 private:
     template <class... Args>

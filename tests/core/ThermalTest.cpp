@@ -216,6 +216,10 @@ TEST(Cooler, ThreadReadsRegulatesAndStops)
     EXPECT_EQ(cam.iTempReads, iReads);
     cam.StartAutoTempThr(static_cast<CCameraCool*>(&cam));
     EXPECT_TRUE(cam.IsAutoTempWorking());
-    cam.m_bTempThrRun = false;
-    cam.m_TempThread.Wait(platform::WAIT_FOREVER);
+    // A thread that has to give up switches the cooler off.
+    cam.SetPowerPerc(80);
+    cam.bThrows = true;
+    EXPECT_EQ(cam.m_TempThread.Wait(60000), platform::WAIT_SIGNALLED);
+    EXPECT_FALSE(cam.IsAutoTempWorking());
+    EXPECT_EQ(cam.m_fCoolPowerPerc, 0.0f);
 }

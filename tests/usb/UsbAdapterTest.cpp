@@ -252,6 +252,16 @@ TEST_F(Adapter, FastClockKeepsControlRequestsSound)
     EXPECT_EQ(iGood, 200);
 }
 
+TEST_F(Adapter, StackThatThrowsFailsTheRequestAlone)
+{
+    int nLeft = 1;
+    dev.OnFail = [&](const RecordedRequest&) { return nLeft-- > 0 ? throw std::bad_alloc() : false; };
+    for (const bool bOk : { false, true }) {
+        int32_t n = 0;
+        EXPECT_EQ(link->m_pControl->XferData(nullptr, &n), bOk);
+    }
+}
+
 // A producer completes while the consumer takes, aborts and begins again; then the device is closed under traffic.
 TEST_F(Adapter, ThreadsMeet)
 {
