@@ -176,7 +176,7 @@ void Camera::Emit(std::shared_ptr<const std::vector<uint8_t>> pixels)
     FrameInFlight f;
     f.uFull = f.uSize = uint32_t(pixels->size());
     f.pixels = std::move(pixels);
-    if (f.uFull < 16) return;  // nothing that the marks would fit on
+    if (f.uFull < 8) return;  // the marks would not fit on it
     ++m_Counters.uStarted;
 
     // Frame faults first: their count runs by frames.
