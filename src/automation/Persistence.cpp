@@ -1,11 +1,13 @@
 // What outlives the process: the dark frame as a BMP file on the host, the hot-pixel table compressed in the camera's own
 // flash.
 #include <algorithm>
+#include <bit>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <new>
+#include <utility>
 #include <vector>
 
 #include "automation/HotPixels.h"
@@ -196,8 +198,9 @@ uint8_t* CCameraBase::Compress(uint8_t* src, int n, int* outLen)
     for (int i = 0; i < 4; ++i)
         pOut[4 + i] = static_cast<uint8_t>(L >> (24 - 8 * i));
 
-    // QUIRK: a table that does not fit ends 4 bytes short of n and drops the rest without a word. L may then differ from
-    // *outLen; the reader goes by L.
+    // QUIRK: a table that does not fit ends 4 bytes short of n and drops the rest without a word; L is then n. Where n is
+    // no multiple of 256, L falls short of *outLen by 1 or 2, and at 2 (n % 256 below 128) the reader, which goes by L,
+    // misses the last record.
     uint8_t* p = pOut + TABLE_HEADER;
     int iBound = 12;
     for (int i = 0; i < n && iBound < n; ++i) {
@@ -248,11 +251,13 @@ bool CCameraBase::SaveHPCTable()
     std::vector<uint8_t> abBits(nBytes);
     const FlashAccess access(*this);
     const uint32_t dwAve = m_iDarkAve;
-    for (size_t i = 0; i < 8 * nBytes; ++i) {
-        const bool bHot = StandsOut(m_pDarkBuf[i], dwAve);
-        m_pHPCBuf1[i] = bHot;
-        abBits[i / 8] = static_cast<uint8_t>(abBits[i / 8] | bHot << (i % 8));
-    }
+    std::vector<int32_t> hot;
+    for (size_t i = 0; i < 8 * nBytes; ++i)
+        if (StandsOut(m_pDarkBuf[i], dwAve)) {
+            hot.push_back(static_cast<int32_t>(i));
+            abBits[i / 8] = static_cast<uint8_t>(abBits[i / 8] | 1 << (i % 8));
+        }
+    SetHotPixels(*this, std::move(hot));
     int iLength = 0;
     const std::unique_ptr<uint8_t, void (*)(void*)> pTable(Compress(abBits.data(), static_cast<int>(nBytes), &iLength), &std::free);
     return WriteTable(*this, pTable.get(), iLength);
@@ -292,9 +297,11 @@ bool CCameraBase::LoadHPCTable()
     const std::unique_ptr<uint8_t, void (*)(void*)> pBits(Uncompress(ab.data(), L), &std::free);
     if (!pBits)
         return false;
+    std::vector<int32_t> hot;
     for (int32_t k = 0; k < n; ++k)
-        for (int b = 0; b < 8; ++b)
-            m_pHPCBuf1[8 * k + b] = (pBits.get()[k] >> b) & 1;
-    AdjustHPCTable(m_pHPCBuf1, m_pHPCBuf2);
+        for (unsigned bits = pBits.get()[k]; bits != 0; bits &= bits - 1)
+            hot.push_back(8 * k + std::countr_zero(bits));
+    SetHotPixels(*this, std::move(hot));
+    FitHotPixels(*this);
     return bRead;
 }

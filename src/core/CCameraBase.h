@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "KOVCamera2.h"
+#include "automation/HotPixels.h"
 #include "capture/FrameExchange.h"
 #include "core/Export.h"
 #include "core/Shared.h"
@@ -258,6 +259,7 @@ public:
     Shared<int32_t> m_iHPCNum;
     int32_t* m_pHotPixels = nullptr;
     int32_t *m_pHPCBuf1 = nullptr, *m_pHPCBuf2 = nullptr;  // flags: full sensor; current region
+    HotPixelState m_Hot;
     uint16_t* m_pDarkBuf = nullptr;  // dark frame, full sensor
     uint16_t* m_pDarkSum = nullptr;  // accumulator, then the dark frame of the region
     Shared<bool> m_bGettingDark;

@@ -301,9 +301,9 @@ void TakeStart(CCameraBase& cam, int x, int y)
 void FitTables(CCameraBase& cam, const ModelTraits& t)
 {
     if (cam.m_bUsingDark)
-        cam.AdjustDarkBuff(cam.m_pDarkBuf, cam.m_pDarkSum);
+        FitDarkFrame(cam);
     if (t.bUSB3 && cam.m_bHPCEnable)
-        cam.AdjustHPCTable(cam.m_pHPCBuf1, cam.m_pHPCBuf2);
+        FitHotPixels(cam);
 }
 
 }  // namespace model

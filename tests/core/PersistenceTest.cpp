@@ -184,7 +184,10 @@ TEST_F(Table, LoadRefusesWhatIsNoTable)
         for (int i = 0; i < 4; ++i)
             p[4 + i] = static_cast<uint8_t>(L >> (24 - 8 * i));
     };
-    cam.m_pHPCBuf1[5] = 1;
+    head(10);
+    p[9] = 1 << 5;
+    EXPECT_TRUE(cam.LoadHPCTable());
+    EXPECT_EQ(cam.m_pHPCBuf1[5], 1);
     head(38401);
     EXPECT_FALSE(cam.LoadHPCTable());
     head(12);
