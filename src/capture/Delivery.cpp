@@ -238,7 +238,7 @@ std::vector<imaging::Patch> RepairedPixels(CCameraBase& cam, const imaging::Fram
 }
 
 // The stages up to the hot pixels. `lut` holds the gamma table meanwhile.
-imaging::FramePlan PlanSamples(const CCameraBase& cam, const ModelTraits& t, const DeliveryForm& f, const Geometry& g,
+imaging::FramePlan PlanSamples(CCameraBase& cam, const ModelTraits& t, const DeliveryForm& f, const Geometry& g,
                                const uint8_t* pRaw, imaging::ByteTable& lut)
 {
     imaging::FramePlan plan;
@@ -253,6 +253,7 @@ imaging::FramePlan PlanSamples(const CCameraBase& cam, const ModelTraits& t, con
     }
     if (cam.m_iGamma != 50) {
         if (g.is16) {
+            cam.FillGamma16();
             plan.gamma16 = cam.m_pGamma16;
         } else {
             lut = imaging::SnapshotGamma8(cam);

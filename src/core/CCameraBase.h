@@ -57,6 +57,7 @@ public:
     virtual int GetGain(bool* autoMode);
     virtual bool SetGamma(int value);
     virtual int GetGamma();
+    void FillGamma16();  // one thread at a time
     virtual bool SetBrightness(int value);
     virtual bool SetHighSpeedMode(bool on);
     virtual bool SetHardwareBin(bool on);
@@ -255,7 +256,10 @@ public:
     uint8_t m_FPGAVer[2] = {};
     // Rewritten by SetGamma on the host while a frame may be mapped with them: entries are relaxed atomics.
     std::atomic<uint8_t> m_Gamma8[256];
-    std::atomic<uint16_t>* m_pGamma16 = nullptr;  // 65536 entries
+    // 65536 entries; made for SetGamma's last value when a 16-bit frame first needs it, which FillGamma16 sees to.
+    std::atomic<uint16_t>* m_pGamma16 = nullptr;
+    Shared<int32_t> m_iGammaExponent{ INT32_MIN };    // hundredths, as SetGamma has chosen it; none yet
+    Shared<int32_t> m_iGamma16Exponent{ INT32_MIN };  // of what m_pGamma16 holds
     Shared<int32_t> m_iHPCNum;
     int32_t* m_pHotPixels = nullptr;
     int32_t *m_pHPCBuf1 = nullptr, *m_pHPCBuf2 = nullptr;  // flags: full sensor; current region

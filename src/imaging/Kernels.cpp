@@ -82,28 +82,38 @@ private:
 };
 #elif HWY_TARGET == HWY_AVX2 || HWY_TARGET == HWY_AVX3
 #define KOV_SHUFFLED_TABLE 1
-// 16 entries a shuffle. The addition leaves bit 7 clear only for indices of this part, and the shuffle makes all others 0.
+// 16 entries a shuffle, which gives 0 to lanes with bit 7 set. Index i, less 16 a step without wrapping, takes part in the
+// steps up to its own; each holds by what its part differs from the one before, so the last one taken is what remains. The
+// upper half of the indices goes its own way with bit 7 turned.
 class Table {
 public:
     explicit Table(const uint8_t* lut)
     {
-        for (size_t k = 0; k < 16; ++k)
-            m_part[k] = hn::LoadDup128(m_d, lut + 16 * k);
+        for (size_t k = 0; k < 16; ++k) {
+            m_step[k] = hn::LoadDup128(m_d, lut + 16 * k);
+            if (k % 8 != 0)
+                m_step[k] = hn::Xor(m_step[k], hn::LoadDup128(m_d, lut + 16 * (k - 1)));
+        }
     }
     template <class V>
     V Map(V v) const
     {
-        V sum = hn::Zero(m_d);
-        for (size_t k = 0; k < 16; ++k) {
-            const V own = hn::SaturatedAdd(hn::Xor(v, hn::Set(m_d, static_cast<uint8_t>(16 * k))), hn::Set(m_d, 0x70));
-            sum = hn::Or(sum, hn::TableLookupBytesOr0(m_part[k], own));
+        const hn::RebindToSigned<decltype(m_d)> di;
+        const auto less = hn::Set(di, 16);
+        auto low = hn::BitCast(di, v), high = hn::Xor(low, hn::Set(di, -128));
+        V fromLow = hn::TableLookupBytesOr0(m_step[0], v), fromHigh = hn::TableLookupBytesOr0(m_step[8], hn::BitCast(m_d, high));
+        for (size_t k = 1; k < 8; ++k) {
+            low = hn::SaturatedSub(low, less);
+            high = hn::SaturatedSub(high, less);
+            fromLow = hn::Xor(fromLow, hn::TableLookupBytesOr0(m_step[k], hn::BitCast(m_d, low)));
+            fromHigh = hn::Xor(fromHigh, hn::TableLookupBytesOr0(m_step[8 + k], hn::BitCast(m_d, high)));
         }
-        return sum;
+        return hn::Or(fromLow, fromHigh);
     }
 
 private:
     Full<uint8_t> m_d;
-    hn::Vec<Full<uint8_t>> m_part[16];
+    hn::Vec<Full<uint8_t>> m_step[16];
 };
 #else
 #define KOV_SHUFFLED_TABLE 0

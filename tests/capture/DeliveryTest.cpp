@@ -267,6 +267,7 @@ Bytes StageByStage(CaptureCamera& cam, Bytes raw, int factor, int softBin, bool 
     const size_t n = raw.size() / sizeof(T);
     T* const p = reinterpret_cast<T*>(cam.m_pImgBuf);
     std::memcpy(p, raw.data(), raw.size());
+    cam.FillGamma16();
     for (size_t i = 0; i < n; ++i) {
         if constexpr (sizeof(T) == 2) {
             p[i] = bRotate ? ref::Rotate12(p[i]) : p[i];

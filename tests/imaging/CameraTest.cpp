@@ -22,12 +22,14 @@ TEST(Gamma, Tables)
     EXPECT_EQ(cam.m_Gamma8[1], 15);    // sqrt(1 / 255) * 255 = 15.97
     EXPECT_EQ(cam.m_Gamma8[64], 127);  // 127.75
     EXPECT_EQ(cam.m_Gamma8[255], 255);
+    cam.FillGamma16();
     EXPECT_EQ(cam.m_pGamma16[1], 255);  // 255.998
     EXPECT_EQ(cam.m_pGamma16[16384], 32767);
     EXPECT_EQ(cam.m_pGamma16[65535], 65535);
     EXPECT_TRUE(cam.SetGamma(1));  // exponent 1.98
     EXPECT_EQ(cam.m_Gamma8[128], 65);  // 65.15
     EXPECT_EQ(cam.m_Gamma8[255], 255);
+    cam.FillGamma16();
     EXPECT_EQ(cam.m_pGamma16[32768], 16612);  // 16612.6
 }
 
