@@ -26,9 +26,19 @@ bool CUsb2Model::TakeRegion(int width, int height, int bin, IMAGE_TYPE type, int
     return true;
 }
 
+void CUsb2Model::PlaceRegion()
+{
+    if (!m_bUsingDark) {
+        SetStartPos(m_iStartX, m_iStartY);
+        return;
+    }
+    model::TakeStart(*this, m_iStartX & ~1, m_iStartY & ~1);
+    FitTables();
+}
+
 void CUsb2Model::ApplyRegion(IMAGE_TYPE type, std::initializer_list<RegEntry> wake)
 {
-    FitTables();
+    PlaceRegion();
     SetOutput16Bits(IsType16(type));
     Cam_SetResolution();
     if (!m_bLongExp)

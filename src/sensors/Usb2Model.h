@@ -23,6 +23,8 @@ protected:
     // centres it. False: nothing is stored.
     bool TakeRegion(int width, int height, int bin, IMAGE_TYPE type, int unit);
     void FitTables() { model::FitTables(*this, m_Traits); }
+    // Puts the centred region on even coordinates, so that a colour window begins on a cell, and fits the dark frame to it.
+    void PlaceRegion();
     // Last part of SetResolution: the region and its format to the camera, and once more when the host times the
     // exposure; `wake` is written between.
     void ApplyRegion(IMAGE_TYPE type, std::initializer_list<RegEntry> wake = {});

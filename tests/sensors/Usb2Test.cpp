@@ -355,7 +355,7 @@ TEST_F(Cobalt, RegionAndLineLength)
     auto cam = Open<CCameraSCobaltCol>(0xC03B);
     EXPECT_STREQ(cam->m_pszName, "VYR KOVCobaltCol");
     ASSERT_TRUE(cam->SetResolution(640, 480, 1, IMAGE_8BIT));
-    EXPECT_EQ(Sent(), "cmd171 3002:0010 3004:002c 300a:01fd 3006:01ef 3008:02ab "
+    EXPECT_EQ(Sent(), "3002:0010 3004:002c 3006:01ef 3008:02ab cmd171 3002:0010 3004:002c 300a:01fd 3006:01ef 3008:02ab "
                       "300c:01fe 3012:0610 3012:0610");  // (48 * 307200 * 100 / 35.5 / 80 + 210) / 509 = 1020
     EXPECT_EQ(SENDS(cam->SetStartPos(11, 7)), "3002:0006 3004:000a 3006:01e5 3008:0289");
     EXPECT_FALSE(cam->SetResolution(640, 481, 1, IMAGE_8BIT));
@@ -402,7 +402,13 @@ TEST_F(Cobalt, CaptureDefersExposureAndGain)
     EXPECT_TRUE(cam->ApplyExp());
     EXPECT_TRUE(cam->ApplyGain());
     EXPECT_EQ(Sent(), "");
+    // The bandwidth cuts the shutter off; the same exposure is then applied again.
+    EXPECT_TRUE(cam->SetExp(500000, false));
+    EXPECT_EQ(SENDS(cam->ApplyExp()), "3012:508a");
+    EXPECT_EQ(SENDS(cam->SetFPSPerc(80, false)), "300c:0246 3012:0fff");
+    EXPECT_EQ(SENDS(cam->ApplyExp()), "3012:508a");
     cam->m_bCapturing = false;
+    EXPECT_EQ(SENDS(cam->SetFPSPerc(80, false)), "300c:0246 3012:0fff 3012:508a");
 }
 
 TEST_F(Cobalt, GainWords)
@@ -512,7 +518,8 @@ TEST_F(Agate, RegionAndQuirkMirroredStart)
 {
     auto cam = Open<CCameraSAgateCol>(0xC01A);
     ASSERT_TRUE(cam->SetResolution(320, 240, 1, IMAGE_8BIT));
-    EXPECT_EQ(Sent(), "cmd171 0002:007c 0001:00a1 0003:00f0 0004:0140 0005:0154 000c:0001");
+    EXPECT_EQ(Sent(), "0002:007c 0001:00a1 cmd171 0002:007c 0001:00a1 0003:00f0 0004:0140 0005:0154 000c:0001 "
+                      "000b:04af");            // (24 * 33000 - 4) / 660
     EXPECT_EQ(SENDS(cam->SetStartPos(100, 50)), "0002:0036 0001:00dd");  // 640 + 1 - 100 - 320
     cam->m_bLongExp = true;                    // the sensor clock may stand
     ASSERT_TRUE(cam->SetResolution(640, 480, 1, IMAGE_8BIT));
@@ -580,6 +587,24 @@ TEST_F(Agate, QuirkDuniteTakesAStoredBalanceOf100)
     dunite.m_Algorithm.SetRGBWB(50, 50);
 }
 
+template <class T>
+void BeginsOnACell(T& cam, int width)
+{
+    for (const bool bDark : { false, true }) {
+        cam.m_bUsingDark = bDark;
+        ASSERT_TRUE(cam.SetResolution(width, cam.m_iMaxHeight, 1, IMAGE_8BIT));
+        EXPECT_EQ(cam.m_iStartX, 0) << width << bDark;  // centred at 1
+    }
+}
+
+TEST_F(Usb2, ACentredWindowBeginsOnACell)
+{
+    BeginsOnACell(*Open<CCameraSAgateCol>(0xC01A), 638);
+    BeginsOnACell(*Open<CCameraSDuniteCol>(0xC04B), 750);
+    BeginsOnACell(*Open<CCameraSCobaltCol>(0xC03A), 726);
+    BeginsOnACell(*Open<CCameraSIoliteMono>(0xC09A), 1278);
+}
+
 // The switch of the transfer mode stands between the end of the old capture and the start of a new one.
 template <class T>
 void TransferModeRestartsCapture(T& cam, FakeUsbDevice& dev)
@@ -630,14 +655,17 @@ TEST_F(Iolite, BringUpDropsSixteenBitsOnOldFirmware)
 TEST_F(Iolite, SixteenBitsAndQuirkClockStaysSlow)
 {
     auto cam = Open<CCameraSIoliteMono>(0xC09A);
-    EXPECT_EQ(SENDS(cam->SetResolution(640, 512, 1, IMAGE_16BIT)), "cmd163 0009:0380 cmd172 "  // (24 * 33000 + 180) / 884
-                      "0001:010c 0002:0154 0003:01ff 0004:027f 000b:0001");
+    EXPECT_EQ(SENDS(cam->SetResolution(640, 512, 1, IMAGE_16BIT)), "0001:010c 0002:0154 cmd163 0009:0380 cmd172 "
+                      "0001:010c 0002:0154 0003:01ff 0004:027f 000b:0001 0009:0380");  // (24 * 33000 + 180) / 884
     EXPECT_EQ(SENDS(cam->SetGain(100, false)), "0035:025d 0062:1498");     // 50 entries in this mode
     ASSERT_TRUE(cam->SetResolution(640, 512, 2, IMAGE_8BIT));
-    EXPECT_EQ(Sent(), "cmd171 cmd163 0001:000c 0002:0014 0003:03ff 0004:04ff 000b:0001");
+    EXPECT_EQ(Sent(), "cmd171 cmd163 0001:000c 0002:0014 0003:03ff 0004:04ff 000b:0001 0009:0207");
     EXPECT_EQ(cam->GetRealImageSize(), 1310720);
-    EXPECT_EQ(SENDS(cam->SetHighSpeedMode(true)), "cmd164 0009:040f");
-    EXPECT_EQ(cam->m_iCMOSClk, 48);
+    for (const bool on : { true, false }) {
+        EXPECT_EQ(SENDS(cam->SetHighSpeedMode(on)), on ? "cmd164 0009:040f" : "cmd163 0009:0207");
+        EXPECT_EQ(cam->m_bHighSpeed, on);
+        EXPECT_EQ(cam->m_iCMOSClk, on ? 48 : 24);
+    }
 }
 
 TEST_F(Iolite, BandwidthIsAClock)

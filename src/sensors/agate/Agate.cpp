@@ -140,6 +140,7 @@ bool CAgate::SetResolution(int width, int height, int bin, IMAGE_TYPE type)
     if (!TakeRegion(width, height, bin, type, 1))
         return false;
     ApplyRegion(type, { { REG_RESTART, 1 }, { REG_UNK_07, 392 } });
+    SetExp(m_lExposure, m_bAutoExp);  // lines are as long as the region is wide
     return true;
 }
 

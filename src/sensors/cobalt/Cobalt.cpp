@@ -73,7 +73,7 @@ bool CCameraSCobaltCol::InitCamera()
     SetGamma(m_iGamma);
     SetRGBBalance(m_iWB_R, m_iWB_B, m_bAutoWB);
     SetBrightness(m_iBrightness);
-    SetFPSPerc(m_iFPSPerc, m_bAutoFPS);
+    FitLine(m_iFPSPerc, m_bAutoFPS);
     Write(REG_UNK_3040, 65);
     return true;
 }
@@ -117,8 +117,8 @@ bool CCameraSCobaltCol::Cam_SetResolution()
     Write(REG_FRAME_LINES, SensorH() + FRAME_EXTRA_LINES);
     Write(REG_BOTTOM, SensorH() + m_iStartY - 1);
     Write(REG_RIGHT, SensorW() + m_iStartX - 1);
-    SetFPSPerc(m_iFPSPerc, m_bAutoFPS);
-    return SetExp(m_lExposure, m_bAutoExp);
+    FitLine(m_iFPSPerc, m_bAutoFPS);
+    return Reexpose();
 }
 
 void CCameraSCobaltCol::WriteStart()
@@ -140,6 +140,17 @@ void CCameraSCobaltCol::WriteLineClocks()
 }
 
 bool CCameraSCobaltCol::SetFPSPerc(int percent, bool autoMode)
+{
+    return FitLine(percent, autoMode) && Reexpose();
+}
+
+bool CCameraSCobaltCol::Reexpose()
+{
+    m_lLastExp = 0;  // while capture runs, the same exposure has to be applied again
+    return SetExp(m_lExposure, m_bAutoExp);
+}
+
+bool CCameraSCobaltCol::FitLine(int percent, bool autoMode)
 {
     if (m_lExposure > EXP_SLOW)
         return false;
@@ -190,7 +201,7 @@ bool CCameraSCobaltCol::ApplyExp()
         }
     } else if (m_iHMAX == HMAX_SLOW) {
         SetCMOSClk(CLK_NORMAL);
-        SetFPSPerc(m_iFPSPerc, m_bAutoFPS);
+        FitLine(m_iFPSPerc, m_bAutoFPS);
         // QUIRK: the line length from before the slow clock stands, also when the region or the bandwidth has changed
         // meanwhile.
         m_iHMAX = m_iNormalHMAX.Get();

@@ -46,6 +46,8 @@ protected:
 private:
     void RunInitTable();
     void WriteLineClocks();
+    bool FitLine(int percent, bool autoMode);  // line length by bandwidth; caps the shutter until the exposure follows
+    bool Reexpose();                           // the same exposure again, after a change of line or clock
     bool WriteBalance();
     int64_t ShutterLines() const;  // m_lExposure; not limited
     float GainFactor() const;  // of m_iGain

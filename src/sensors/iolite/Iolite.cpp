@@ -92,7 +92,7 @@ bool CCameraSIoliteMono::SetResolution(int width, int height, int bin, IMAGE_TYP
 {
     if (!TakeRegion(width, height, bin, type, 1))
         return false;
-    FitTables();
+    PlaceRegion();
     SetOutput16Bits(IsType16(type));
     if (m_bLongExp) {
         SendCMD(REQ_START_SENSOR_CLOCK);
@@ -101,6 +101,7 @@ bool CCameraSIoliteMono::SetResolution(int width, int height, int bin, IMAGE_TYP
         Write(REG_UNK_1E, 0x8000);
     }
     Cam_SetResolution();
+    SetExp(m_lExposure, m_bAutoExp);  // lines are as long as the region is wide
     return true;
 }
 
