@@ -247,12 +247,13 @@ bool CollectBySnaps(CCameraBase& cam, uint8_t* pBuf, int iLength)
 }
 
 // Half a secant step towards the middle of the wanted range, from the last two (exposure, count) points.
-int32_t ExposureStep(int iMiddle, int N, int iPrevN, uint64_t lExp, uint64_t lPrevExp)
+int32_t ExposureStep(int iMin, int iMax, int N, int iPrevN, uint64_t lExp, uint64_t lPrevExp)
 {
     if (iPrevN == 0 || N < 100 || N == iPrevN)
         return STEP_FIRST;
     const double dExp = std::fabs(static_cast<double>(static_cast<int64_t>(lExp - lPrevExp)));
-    const double d = std::fabs(static_cast<double>(iMiddle - N)) * (dExp * 0.5) / std::fabs(static_cast<double>(N - iPrevN));
+    const double dMiddle = (static_cast<double>(iMin) + iMax) / 2;
+    const double d = std::fabs(dMiddle - N) * (dExp * 0.5) / std::fabs(static_cast<double>(N - iPrevN));
     return static_cast<int32_t>(std::min(d, static_cast<double>(STEP_MAX)));
 }
 
@@ -445,7 +446,7 @@ bool CCameraBase::AutoGetHPC(int* found, int minNum, int maxNum, unsigned long* 
         *running = static_cast<unsigned long>(N);
         if (minNum <= N && N <= maxNum)
             break;
-        const int32_t iStep = ExposureStep(static_cast<int>((int64_t{minNum} + maxNum) / 2), N, iPrevN, m_lExposure, lPrevExp);
+        const int32_t iStep = ExposureStep(minNum, maxNum, N, iPrevN, m_lExposure, lPrevExp);
         TraceLine("iDeltaExp %d\n", iStep);
         lPrevExp = m_lExposure;
         if (N < minNum)

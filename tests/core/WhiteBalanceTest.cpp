@@ -120,8 +120,8 @@ TEST_F(WhiteBalance, Decision)
     EXPECT_EQ(StepFor(100, 110, 100), Asked{});
     EXPECT_EQ(StepFor(100, 111, 111), (Asked{ "wb 54 49" }));
     cam.m_bAutoGain = false;
-    cam.m_iWB_R = 1;  // truncation alone would keep it at 1 for ever
+    cam.m_iWB_R = 4;  // truncation alone would keep it at 4 for ever
     cam.m_iWB_B = 5;
-    EXPECT_EQ(StepFor(100, 120, 118), (Asked{ "wb 2 5" }));
+    EXPECT_EQ(StepFor(100, 120, 118), (Asked{ "wb 5 5" }));
     EXPECT_EQ(StepFor(100, 200, 200, false), Asked{});  // without the fallback all are 0
 }
