@@ -279,8 +279,8 @@ void RegisterCaptureLoop(Size s)
             source.bOn = true;
             const double used = Seconds(CLOCK_PROCESS_CPUTIME_ID) - cpu;
             const double cost = (costBefore + copy.Measure()) / 2;
-            // Into the request, into the exchange unless it is full, and for each frame read out of it and to the host.
-            const double copied = (sent + (sent - dropped) + 2 * static_cast<double>(read)) * size_;
+            // Into the request, which is the camera's work, and one to the host for each frame that it reads.
+            const double copied = (sent + static_cast<double>(read)) * size_;
             state.SetIterationTime(used / sent);
             *copies = copied * cost / sent;
             const double megabytes = sent * size_ / 1e6;
@@ -288,8 +288,8 @@ void RegisterCaptureLoop(Size s)
             state.counters["CPU_ms/MB"] = used / megabytes * 1e3;
             state.counters["memcpy_ms/MB"] = cost * 1e9;
             state.counters["copies/frame"] = copied / size_ / sent;
-            // What is left of a core's share when the copies are taken off, for a camera of 390 MB a second.
-            state.counters["cores_at_390MB/s_beyond_copies"] = (used - copied * cost) / megabytes * 390;
+            // What is left of a core's share when those are taken off, for a camera of 390 MB a second.
+            state.counters["cores_at_390MB/s_beyond_one_copy"] = (used - copied * cost) / megabytes * 390;
             state.counters["unread"] = dropped;
         }
         cam.ReplaceLink(nullptr);

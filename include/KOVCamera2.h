@@ -221,7 +221,9 @@ KOV_API KOV_ERROR_CODE KOVStopVideoCapture(int32_t id);
 
 /** Waits at most waitMs (-1: without end) for a frame and writes it into buffer. size is the size of buffer in bytes:
  * width * height for IMG_RAW8 and IMG_Y8, twice that for IMG_RAW16, three times for IMG_RGB24.
- * KOV_ERROR_BUFFER_SMALL, KOV_ERROR_TIMEOUT. A camera that has gone away shows as time-outs. */
+ * KOV_ERROR_BUFFER_SMALL, KOV_ERROR_TIMEOUT. A camera that has gone away shows as time-outs. Damaged frames of USB 2
+ * cameras are passed over, and the wait begins anew for each: a time-out may then take four times waitMs, or 5 s where that
+ * is more. Garnet cameras with exposures from 4 s on: each frame comes one exposure late, and the first after three. */
 KOV_API KOV_ERROR_CODE KOVGetVideoData(int32_t id, uint8_t *buffer, int32_t size, int32_t waitMs);
 
 /** Starts a single exposure of CTRL_EXPOSURE. KOV_ERROR_VIDEO_ACTIVE while video runs. */

@@ -113,6 +113,7 @@ void CaptureLoop::Frames()
         BeginPass();
         m_lFrameTime = FrameTime(m_cam, m_form);
         m_bSwap = !m_bSwap;
+        m_bHandedOver = false;
         m_result = m_cam.m_bLongExp ? LongFrame() : m_queue.ReadFrame(FrameWaits());
         if (!m_cam.m_bAutoFPS)
             m_bLastAuto = false;
@@ -178,6 +179,18 @@ CaptureLoop::Verdict CaptureLoop::Check() const
     return m_form.marks == Marks::BAndTail && Get<uint32_t>(p, S - 4) != TAIL_B ? Verdict::BadTail : Verdict::Good;
 }
 
+// The automation measures in the buffers that USB has filled, and a reader may work on a frame in its place: a frame that
+// may be measured is copied, any other goes itself.
+bool CaptureLoop::Deliver()
+{
+    const bool bMeasured = m_cam.m_bAutoExp || m_cam.m_bAutoGain || m_cam.m_bAutoWB;
+    return m_run.control.Deliver([&] {
+        if (bMeasured)
+            return m_cam.m_pFrameExchange->Insert(m_queue.Frame(), m_iFrameBytes);
+        return m_bHandedOver = m_queue.HandOver();
+    });
+}
+
 // The ring was full.
 void CaptureLoop::CountUnread()
 {
@@ -187,6 +200,8 @@ void CaptureLoop::CountUnread()
 
 void CaptureLoop::Automate(bool bExpGain)
 {
+    if (m_bHandedOver)  // the automation was switched on meanwhile
+        return;
     if (bExpGain && (m_cam.m_bAutoExp || m_cam.m_bAutoGain))
         m_cam.AutoExpGain(m_queue.Frame());
     if (m_cam.m_bAutoWB && m_cam.m_bIsColor && !m_cam.m_bOutput16Bits)
@@ -507,6 +522,8 @@ private:
     void AutomateOneShot()
     {
         if (m_cam.m_lExposure > 500000) {
+            if (m_bHandedOver)
+                return;
             if (m_cam.m_bAutoExp || m_cam.m_bAutoGain)
                 m_cam.AutoExpGain(m_queue.Frame());
             if (m_cam.m_bAutoWB && m_cam.m_bIsColor && !m_cam.m_bOutput16Bits)

@@ -61,10 +61,7 @@ protected:
     Verdict Check() const;
     void LogDamage(Verdict v) const;
     void CountUnread();
-    bool Deliver()
-    {
-        return m_run.control.Deliver([&] { return m_cam.m_pFrameExchange->Insert(m_queue.Frame(), m_iFrameBytes); });
-    }
+    bool Deliver();  // the last step on a frame that is not for the automation
     // The automation's steps on the frame at hand; white balance always, exposure and gain where told.
     void Automate(bool bExpGain);
     // Lowers the bandwidth when frames go bad soon after it was put on auto. True when it did.
@@ -104,6 +101,7 @@ protected:
     ChunkQueue::Result m_result{};
     uint32_t m_nBad = 0;
     bool m_bSwap = false;
+    bool m_bHandedOver = false;        // m_queue.Frame() is no frame any more
     bool m_bLost = false;              // device gone for good: no end sequence
     uint32_t m_dwAutoStart, m_dwLastReduction;  // ticks
     std::atomic<bool>& m_bLastAuto;    // bandwidth was on auto at the last look; one for all cameras of a class

@@ -152,7 +152,7 @@ ChunkQueue::Result ChunkQueue::ReadFrame(const Waits& w)
             std::memcpy(m_cam.m_pAuxBuf2 + Offset(n), pData + Offset(n), size_t(iBytes));
         Begin(n, pNext);
     }
-    m_pFrame = m_bTwoBuffers ? pData : m_cam.m_pAuxBuf2;
+    m_pFrame = m_bTwoBuffers ? pData : m_cam.m_pAuxBuf2.Get();
     m_pNext = pNext;
     if (nKept == 0) {
         m_pFill = pNext;
@@ -163,6 +163,17 @@ ChunkQueue::Result ChunkQueue::ReadFrame(const Waits& w)
         RequeueAll(2, pNext);
     }
     return r;
+}
+
+// All requests that wrote into it have ended: their successors write into the other buffer, or it is the copy.
+bool ChunkQueue::HandOver()
+{
+    uint8_t* const pEmpty = m_cam.m_pFrameExchange->HandOver(m_pFrame, int32_t(m_dwFrameBytes));
+    if (!pEmpty)
+        return false;
+    (m_pFrame == m_cam.m_pAuxBuf1 ? m_cam.m_pAuxBuf1 : m_cam.m_pAuxBuf2) = pEmpty;
+    m_pFrame = pEmpty;
+    return true;
 }
 
 // All chunks again, in order. The caller has aborted: what is out ends at once.

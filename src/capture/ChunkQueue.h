@@ -39,6 +39,10 @@ public:
     // Frame of the last ReadFrame; stands still until the next.
     uint8_t* Frame() const { return m_pFrame; }
 
+    // Gives that frame, whole as it came, to the exchange without a copy. False where Insert gives false. Frame() is an empty
+    // buffer afterwards.
+    bool HandOver();
+
     void Resync();        // abort and reset of the endpoint, then all chunks into the next buffer
     void Flush();         // takes what lies there (2 ms a chunk) and queues again
     void KeepAlive();     // as Resync with 1 ms a chunk

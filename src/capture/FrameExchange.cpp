@@ -49,6 +49,17 @@ struct FrameExchange::Impl {
     size_t Fit(int32_t iSize) const { return iSize > 0 ? std::min<size_t>(size_t(iSize), dwCapacity) : 0; }
     int32_t Held() const { return iCount.load(std::memory_order_acquire); }
 
+    // Producer. The slot at iWrite holds a frame.
+    void Publish(int32_t iSize)
+    {
+        aFrameBytes[iWrite] = Fit(iSize);
+        uint32_t dwHead = 0;
+        std::memcpy(&dwHead, apSlots[iWrite], sizeof dwHead);
+        aHead[iWrite].store(dwHead, std::memory_order_relaxed);
+        iWrite ^= 1;
+        if (iCount.fetch_add(1, std::memory_order_acq_rel) + 1 == 1)
+            signal.Release();
+    }
     // Consumer. True when a frame is there, with `ring` locked.
     bool Await(uint32_t dwTimeoutMs, std::unique_lock<std::mutex>& lock);
     // `ring` locked: the oldest frame has left its slot.
@@ -66,8 +77,8 @@ struct FrameExchange::Impl {
     int32_t iWrite = 0;                   // producer's own
     std::atomic<int32_t> iRead{ 0 };
     std::atomic<int32_t> iCount{ 0 };     // a frame is published by the step up and given back by the step down
-    // Held by Read for the span of its copy and by Reset, so that after a Reset no slot is being read any more. Insert
-    // needs no lock: it never writes the slot that is being read.
+    // Held by Read for the span of its copy and by Reset, so that after a Reset no slot is being read any more. The
+    // producer needs no lock: it never touches the slot that is being read.
     std::mutex ring;
     std::vector<uint8_t*> spares;         // under `ring`
     platform::Semaphore signal;           // given on the step from 0 to 1 only
@@ -105,17 +116,25 @@ bool FrameExchange::Insert(const uint8_t* pData, int32_t iSize)
     Impl& m = *m_p;
     if (!pData || m.Held() >= 2)
         return false;
-    const size_t n = m.Fit(iSize);
-    uint8_t* const pSlot = m.apSlots[m.iWrite];
-    std::memcpy(pSlot, pData, n);
-    m.aFrameBytes[m.iWrite] = n;
-    uint32_t dwHead = 0;
-    std::memcpy(&dwHead, pSlot, sizeof dwHead);
-    m.aHead[m.iWrite].store(dwHead, std::memory_order_relaxed);
-    m.iWrite ^= 1;
-    if (m.iCount.fetch_add(1, std::memory_order_acq_rel) + 1 == 1)
-        m.signal.Release();
+    std::memcpy(m.apSlots[m.iWrite], pData, m.Fit(iSize));
+    m.Publish(iSize);
     return true;
+}
+
+uint8_t* FrameExchange::MakeBlock()
+{
+    const std::lock_guard l(m_p->ring);
+    return m_p->AddBlock();
+}
+
+uint8_t* FrameExchange::HandOver(uint8_t* pBlock, int32_t iSize)
+{
+    Impl& m = *m_p;
+    if (!pBlock || m.Held() >= 2)
+        return nullptr;
+    uint8_t* const pEmpty = std::exchange(m.apSlots[m.iWrite], pBlock);
+    m.Publish(iSize);
+    return pEmpty;
 }
 
 bool FrameExchange::Impl::Await(uint32_t dwTimeoutMs, std::unique_lock<std::mutex>& lock)

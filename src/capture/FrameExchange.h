@@ -23,6 +23,11 @@ public:
     // Producer. False when pData is null or the ring is full: the newest frame is what is lost. What exceeds a slot is
     // left out.
     bool Insert(const uint8_t* pData, int32_t iSize);
+    // A block as large as a slot with its padding, for HandOver; it belongs to the exchange. Throws std::bad_alloc.
+    uint8_t* MakeBlock();
+    // Producer. As Insert, but pBlock itself becomes the frame. The empty block that the producer goes on with; nullptr,
+    // and pBlock stays with it, where Insert gives false.
+    uint8_t* HandOver(uint8_t* pBlock, int32_t iSize);
     // Consumer. Waits at most twice dwTimeoutMs. What exceeds the frame comes as zeros, what exceeds a slot is left untouched
     // in pDest.
     bool Read(uint8_t* pDest, int32_t iSize, uint32_t dwTimeoutMs);

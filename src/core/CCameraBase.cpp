@@ -70,8 +70,8 @@ CCameraBase::CCameraBase(int width, int height) : m_pBuffers(std::make_unique<Bu
     b.Make(&m_pHPCBuf2, 4 * pixels);
     b.Make(&m_pHotPixels, 4 * pixels);
     m_pFrameExchange = std::make_unique<FrameExchange>(static_cast<uint32_t>(2 * pixels));
-    b.Make(&m_pAuxBuf1, 2 * pixels);
-    b.Make(&m_pAuxBuf2, 2 * pixels);
+    m_pAuxBuf1 = m_pFrameExchange->MakeBlock();
+    m_pAuxBuf2 = m_pFrameExchange->MakeBlock();
     b.Make(&m_pImgBuf, 2 * pixels);
     b.Make(&m_pRGBBuf, 3 * pixels);
     b.Make(&m_pQuarterBuf, 3 * pixels / 4);

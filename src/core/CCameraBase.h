@@ -276,7 +276,9 @@ public:
     uint8_t* m_pRGBBuf = nullptr;      // 3 bytes a sensor pixel
     uint8_t* m_pQuarterBuf = nullptr;  // 3/4 of a byte; nothing of the library needs it
     std::unique_ptr<FrameExchange> m_pFrameExchange;
-    uint8_t *m_pAuxBuf1 = nullptr, *m_pAuxBuf2 = nullptr;  // frames that USB transfers fill
+    // Frames that USB transfers fill; blocks of the exchange, which takes a finished frame in exchange for an empty one.
+    // Written by WorkingThread.
+    Shared<uint8_t*> m_pAuxBuf1, m_pAuxBuf2;
     int32_t m_iFPSPercUSB3 = 0;
     int32_t m_ControlList[64];
     int32_t m_iNumOfControls = 0;

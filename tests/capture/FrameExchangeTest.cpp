@@ -100,6 +100,22 @@ TEST(FrameExchange, LeaseKeepsItsMemoryWhileTheRingGoesOn)
         EXPECT_EQ(Read(*fx, 4), (Bytes{ i, i, 0, 0 }));
     }
     EXPECT_EQ(Bytes(a.Frame(), a.Frame() + 8), Bytes(8, 1));
+    // A block goes through as it is, and the producer gets another one each time, none of which anybody else holds.
+    uint8_t* p = fx->MakeBlock();
+    for (uint8_t i = 0; i < 6; ++i) {
+        uint8_t* const pFrame = p;
+        std::memset(p, 50 + i, 8);
+        ASSERT_NE(p = fx->HandOver(pFrame, 6), nullptr);
+        ASSERT_NE(p, pFrame);
+        std::memset(p, 99, 8);
+        const FrameExchange::Lease b = fx->Take(8, 0);
+        ASSERT_TRUE(b);
+        EXPECT_EQ(b.Frame(), pFrame);
+        EXPECT_EQ(b.Frame()[5] * 256 + b.Frame()[6], (50 + i) * 256);
+    }
+    EXPECT_TRUE(Insert(*fx, Bytes(8, 1)) && Insert(*fx, Bytes(8, 1)));
+    EXPECT_EQ(fx->HandOver(p, 8), nullptr);
+    EXPECT_EQ(a.Frame()[0], 1);
     std::thread closer([&] { fx.reset(); });
     platform::SleepMs(20);
     a.Frame()[7] = 9;  // the exchange waits for its lease

@@ -171,6 +171,16 @@ TEST_P(SomeFormsTest, RegionChangesDuringCapture)
     EXPECT_EQ(KOVStopVideoCapture(0), KOV_SUCCESS);
 }
 
+// The marks are all of such a frame.
+TEST_F(FaultTest, SmallestRegionIsDelivered)
+{
+    ASSERT_NO_FATAL_FAILURE(PlugAndOpen(g_FormRows[0], 4, 2, 20000));
+    ASSERT_EQ(KOVStartVideoCapture(0), KOV_SUCCESS);
+    uint8_t data[8];
+    EXPECT_EQ(KOVGetVideoData(0, data, sizeof data, 3000), KOV_SUCCESS);
+    EXPECT_EQ(KOVStopVideoCapture(0), KOV_SUCCESS);
+}
+
 INSTANTIATE_TEST_SUITE_P(Form, FormTest, testing::ValuesIn(g_FormRows), NameOf);
 INSTANTIATE_TEST_SUITE_P(Form, SomeFormsTest, testing::Values(g_FormRows[0], g_FormRows[7], g_FormRows[11]), NameOf);
 
