@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <cstring>
 #include <exception>
+#include <set>
 #include <utility>
 
 namespace kovindi {
@@ -17,10 +18,15 @@ namespace {
 constexpr auto LOOK_AT_CONTROLS = 1s;
 constexpr auto FRAME_WAIT = 100ms;   // a wish of a client is looked at that often while no frame comes
 constexpr auto PATIENCE = 15s;       // beyond the exposure; the library itself waits for ever for a camera that sends nothing
+constexpr auto VERIFY_PATIENCE = 5s;
+constexpr int32_t VERIFY_US = 10000;
 constexpr const char* NO_FRAME =
     "the camera sent no good frame. Check cable, port and hub; 'kovcam doctor' tells more";
 
 std::chrono::duration<double> Seconds(double s) { return std::chrono::duration<double>(s); }
+
+std::mutex g_openMutex;
+std::multiset<std::string> g_open;  // models
 
 std::string CodeText(KOV_ERROR_CODE code) { return "error " + std::to_string(static_cast<int>(code)); }
 
@@ -50,10 +56,17 @@ std::mutex& OpeningMutex()
     return mutex;
 }
 
+bool IsOneOpen(const std::string& model)
+{
+    const std::lock_guard lock(g_openMutex);
+    return g_open.count(model) != 0;
+}
+
 void Camera::Open()
 {
     Post([this] {
         try {
+            const std::lock_guard opening(OpeningMutex());
             DoOpen();
         } catch (const std::exception& e) {
             m_listener.OnOpenFailed(e.what());
@@ -65,11 +78,24 @@ void Camera::Verify()
     Post([this] {
         if (m_place < 0 || m_doing != Doing::Nothing)
             return;
-        const Format before = m_format;
-        DoClose();
-        DoOpen();
-        if (m_place >= 0)
-            DoSetFormat(before);
+        const ControlState* before = Find(m_told, CTRL_EXPOSURE);
+        m_library->SetControlValue(m_place, CTRL_EXPOSURE, VERIFY_US, KOV_FALSE);
+        m_library->StartExposure(m_place);
+        KOV_EXPOSURE_STATUS status = EXP_WORKING;
+        for (const auto end = Clock::now() + VERIFY_PATIENCE; status == EXP_WORKING && Clock::now() < end;) {
+            std::this_thread::sleep_for(10ms);
+            m_library->GetExpStatus(m_place, &status);
+        }
+        m_failed = status != EXP_SUCCESS;
+        if (status == EXP_SUCCESS) {
+            m_image.resize(m_format.Bytes());
+            m_library->GetDataAfterExp(m_place, m_image.data(), static_cast<int32_t>(m_image.size()));
+        } else {
+            m_library->StopExposure(m_place);
+        }
+        if (before != nullptr)
+            m_library->SetControlValue(m_place, CTRL_EXPOSURE, before->value, before->automatic ? KOV_TRUE : KOV_FALSE);
+        m_listener.OnVerified();
     });
 }
 void Camera::Close()
@@ -204,7 +230,6 @@ void Camera::DoOpen()
     }
     if (m_library == nullptr)
         m_library = BorrowLibrary();
-    const std::lock_guard opening(OpeningMutex());
     const int count = m_library->GetNumOfConnectedCameras();
     std::vector<int> places;
     for (int i = 0; i < count; ++i) {
@@ -224,6 +249,10 @@ void Camera::DoOpen()
         return;
     }
     m_failed = false;
+    {
+        const std::lock_guard lock(g_openMutex);
+        g_open.insert(m_model);
+    }
     Opened opened = Describe();
     {
         const std::lock_guard lock(m_portMutex);
@@ -279,6 +308,8 @@ void Camera::DoClose()
     }
     m_library->CloseCamera(m_place);
     m_place = -1;
+    const std::lock_guard lock(g_openMutex);
+    g_open.erase(g_open.find(m_model));
 }
 
 // --- settings ---

@@ -21,6 +21,7 @@ namespace kovindi {
 
 // Held while a camera is opened, so that no look around the bus gets in the way.
 std::mutex& OpeningMutex();
+bool IsOneOpen(const std::string& model);  // by a Camera of this process; any thread
 
 // What pictures look like: the wish of a client, or what the camera made of it.
 struct Format {
@@ -69,6 +70,7 @@ public:
     virtual void OnVideoEnded(const std::string& why) = 0;        // by itself, not by StopVideo
     virtual void OnPulseDone(int axis) = 0;
     virtual void OnDark(bool inUse, const std::string& what) = 0;
+    virtual void OnVerified() = 0;
     virtual void OnEnded() = 0;
 };
 
@@ -93,7 +95,7 @@ public:
     void LoadDark(const std::string& path);
     void ClearDark();
     // Ends the pulse that runs on that axis (0: pins 0 and 1, 1: pins 2 and 3) and begins this one.
-    void Verify();  // between captures: opens the camera anew, so that HasFailed() tells whether it is still there
+    void Verify();  // between captures: a short exposure, so that HasFailed() tells whether the camera is still there
     void Pulse(int pin, std::chrono::milliseconds length);
     void End();  // closes and ends the threads; OnEnded is the last that comes
 
@@ -106,7 +108,7 @@ private:
     void Post(std::function<void()> work);
     void Work();
     std::chrono::milliseconds Step();
-    void DoOpen();
+    void DoOpen();  // under OpeningMutex
     int OpenOneOf(const std::vector<int>& places);
     void DoClose();
     void DoSetFormat(const Format& wish);

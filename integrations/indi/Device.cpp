@@ -92,7 +92,7 @@ const char* Device::getDefaultName()
 
 KnownCamera Device::Known() const
 {
-    return { m_id, m_ordinal, const_cast<Device*>(this)->isConnected(), m_camera->HasFailed() };
+    return { m_id, m_ordinal, const_cast<Device*>(this)->isConnected(), m_camera->HasFailed(), m_verified };
 }
 
 // --- properties ---
@@ -324,7 +324,7 @@ bool Device::ISNewSwitch(const char* dev, const char* name, ISState* states, cha
             return true;
         }
         m_camera->SetControl(CTRL_HARDWARE_BIN, IsOn("HARDWARE_BIN_ON", states, names, n), false);
-        m_camera->SetFormat(m_wish);
+        AskFormat();
         m_hardwareBin.setState(IPS_BUSY);
         m_hardwareBin.apply();
         return true;
@@ -564,7 +564,7 @@ bool Device::UpdateCCDFrame(int x, int y, int w, int h)
         return false;
     }
     m_wish.region = { x, y, w, h };
-    m_camera->SetFormat(m_wish);
+    AskFormat();
     return true;
 }
 
@@ -584,7 +584,7 @@ bool Device::UpdateCCDBin(int hor, int ver)
         return false;
     }
     m_wish.bin = hor;
-    m_camera->SetFormat(m_wish);
+    AskFormat();
     return true;
 }
 
@@ -599,8 +599,14 @@ bool Device::SetCaptureFormat(uint8_t index)
     if (IsBusy("The format is set"))
         return false;
     m_wish.type = m_info.SupportedImgTypes[index];
-    m_camera->SetFormat(m_wish);
+    AskFormat();
     return true;
+}
+
+void Device::AskFormat()
+{
+    ++m_formatsAsked;
+    m_camera->SetFormat(m_wish);
 }
 
 void Device::ShowFormat(const Format& f)
@@ -698,16 +704,14 @@ bool Device::StartStreaming()
             if (cell == CellText(p, 0))
                 pixels = mosaic[p];
     }
-    if (!Streamer->setPixelFormat(pixels, m_format.type == IMG_RAW16 ? 16 : 8)) {
+    if (!Streamer->setPixelFormat(pixels, m_wish.type == IMG_RAW16 ? 16 : 8)) {
         LOG_ERROR("The stream's encoder does not take this format. Choose RAW 8 or RGB 24");
         return false;
     }
-    m_streamWidth = m_format.Width();
-    m_streamHeight = m_format.Height();
-    Streamer->setSize(static_cast<uint16_t>(m_format.Width()), static_cast<uint16_t>(m_format.Height()));
     m_streamExposure = Streamer->getTargetExposure();
     if (const ControlState* e = kovindi::Find(m_states, CTRL_EXPOSURE); e != nullptr && !e->automatic)
         m_camera->SetControl(CTRL_EXPOSURE, static_cast<int32_t>(std::lround(m_streamExposure * 1e6)), false);
+    m_streamBegins = true;
     m_streaming = true;
     m_camera->StartVideo();
     return true;
@@ -739,18 +743,16 @@ void Device::ShowOpened(const Opened& facts)
 {
     if (m_leaving)
         return;
-    const bool again = isConnected();  // opened anew in between
     m_info = facts.info;
     m_caps = facts.controls;
     m_states = facts.states;
-    if (again)
-        return;
     MakeControls(facts);
     for (const KOV_CONTROL_CAPS& c : m_caps)
         if (c.ControlType == CTRL_EXPOSURE)
             PrimaryCCD.setMinMaxStep("CCD_EXPOSURE", "CCD_EXPOSURE_VALUE", c.MinValue / 1e6, c.MaxValue / 1e6, 1e-6, false);
     const bool slow = m_info.IsUSB3Camera && !m_info.IsUSB3Host;
     m_facts[2].setText(slow ? "USB 2, where the camera could do USB 3" : m_info.IsUSB3Host ? "USB 3" : "USB 2");
+    m_formatsAsked = 0;
     m_wish = { { 0, 0, m_info.MaxWidth, m_info.MaxHeight }, 1, ChosenType() };
     SetCCDParams(m_info.MaxWidth, m_info.MaxHeight, m_wish.type == IMG_RAW16 ? 16 : 8, static_cast<float>(m_info.PixelSize),
                  static_cast<float>(m_info.PixelSize));
@@ -758,7 +760,7 @@ void Device::ShowOpened(const Opened& facts)
     setConnected(true, IPS_OK);
     updateProperties();
     ShowControls(m_states);
-    m_camera->SetFormat(m_wish);
+    AskFormat();
     if (slow)
         LOG_WARN("This USB 3 camera is on a USB 2 link: frames come at a tenth of the rate. Plug it into a blue or SS port with a USB 3 "
                  "cable, and leave hubs out");
@@ -791,8 +793,9 @@ void Device::OnClosed()
 void Device::OnFormat(const Format& inForce)
 {
     ToMain([inForce](Device& d) {
-        if (d.m_leaving || !d.isConnected())
-            return;
+        if (d.m_leaving || !d.isConnected() || --d.m_formatsAsked > 0)
+            return;  // more than one was asked for: the last answer counts
+        d.m_formatsAsked = 0;
         if (inForce.region.width != d.m_wish.region.width || inForce.region.height != d.m_wish.region.height)
             DEBUGFDEVICE(d.getDeviceName(), INDI::Logger::DBG_SESSION, "The camera takes %d x %d at %d, %d", inForce.region.width,
                          inForce.region.height, inForce.region.x, inForce.region.y);
@@ -886,8 +889,12 @@ void Device::OnExposureFailed(int tag, const std::string& why)
 
 void Device::OnFrame(const Format& format, std::vector<uint8_t>& image)
 {
-    if (!m_streaming || format.Width() != m_streamWidth || format.Height() != m_streamHeight)
+    if (!m_streaming)
         return;
+    if (m_streamBegins.exchange(false) || format != m_streamFormat) {
+        m_streamFormat = format;  // only now it is sure what the camera made of the client's wish
+        Streamer->setSize(static_cast<uint16_t>(format.Width()), static_cast<uint16_t>(format.Height()));
+    }
     if (format.type == IMG_RGB24)
         SwapRedBlue(image.data(), format.Pixels());
     const std::unique_lock guard(ccdBufferLock);
@@ -952,6 +959,14 @@ void Device::Leave()
     m_leaving = true;
     deleteProperty(nullptr);
     m_camera->End();
+}
+
+void Device::OnVerified()
+{
+    ToMain([](Device& d) {
+        d.m_verified = !d.m_camera->HasFailed();
+        LookAgain();
+    });
 }
 
 void Device::OnEnded()

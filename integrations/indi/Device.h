@@ -35,6 +35,7 @@ public:
     void UploadTurn();  // this device may upload its picture now
     bool HasLeft() const { return m_leaving; }
     void Verify() { m_camera->Verify(); }
+    void ForgetVerified() { m_verified = false; }
     void Leave();     // the camera is gone: clients lose the device at once, the object goes when its threads have ended
     void EndCamera() { m_camera->End(); }
 
@@ -74,10 +75,12 @@ private:
     void OnVideoEnded(const std::string& why) override;
     void OnPulseDone(int axis) override;
     void OnDark(bool inUse, const std::string& what) override;
+    void OnVerified() override;
     void OnEnded() override;
     void ToMain(std::function<void(Device&)> work);
 
     void ShowOpened(const Opened& facts);
+    void AskFormat();
     void ShowFormat(const Format& inForce);
     void ShowControls(const ControlStates& states);
     void ShowImage(int tag, const Format& format);
@@ -107,8 +110,9 @@ private:
     std::vector<KOV_CONTROL_CAPS> m_caps;
     ControlStates m_states;
     Format m_wish, m_format;  // asked for, in force
+    int m_formatsAsked = 0;   // that no answer has come to
     std::atomic<bool> m_ended{ false };
-    bool m_leaving = false;
+    bool m_leaving = false, m_verified = false;
 
     std::atomic<bool> m_exposing{ false }, m_streaming{ false };
     std::atomic<int> m_tag{ 0 };
@@ -117,7 +121,8 @@ private:
     bool m_uploads = false;  // from the arrival of a picture until it is with the clients
     std::chrono::steady_clock::time_point m_uploadBegan;
     std::vector<std::function<void()>> m_deferred;  // requests that would change a picture on its way to the clients
-    std::atomic<int> m_streamWidth{ 0 }, m_streamHeight{ 0 };
+    std::atomic<bool> m_streamBegins{ false };
+    Format m_streamFormat;  // the worker's
     double m_streamExposure = 0;
     bool m_refused = false;
     struct { double start = 0; std::chrono::steady_clock::time_point began; bool runs = false; } m_warmUp;

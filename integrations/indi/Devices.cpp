@@ -44,8 +44,9 @@ void Devices::Update(const std::vector<Sighting>& seen)
             mine[i]->Leave();
         for (const size_t i : changes.doubtful)
             mine[i]->Verify();
-        if (!changes.doubtful.empty())
-            LookAgain();
+        if (changes.doubtful.empty())
+            for (Device* d : mine)
+                d->ForgetVerified();
         for (const KnownCamera& k : changes.appeared) {
             m_devices.push_back(std::make_unique<Device>(*info, k.id, k.ordinal));
             m_devices.back()->ISGetProperties(nullptr);

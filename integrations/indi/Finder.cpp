@@ -31,6 +31,8 @@ std::vector<Sighting> Models(const Library& library)
 void ReadIds(const Library& library, std::vector<Sighting>& seen)
 {
     for (Sighting& s : seen) {
+        if (IsOneOpen(s.info.Name))
+            continue;  // which one, nothing tells: none is touched
         const int id = s.info.CameraID;
         KOV_ID text{};
         if (library.OpenCamera(id) == KOV_SUCCESS)

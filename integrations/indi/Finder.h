@@ -11,7 +11,7 @@ namespace kovindi {
 
 struct Sighting {
     KOV_CAMERA_INFO info;
-    std::optional<std::string> id;  // user ID; empty: none stored; no value: the camera is in use
+    std::optional<std::string> id;  // user ID; empty: none stored; no value: not looked at, one of the model is in use
 };
 
 // Begins to look, until the process ends. `onChange` gets all cameras whenever the models on the bus differ from last time,

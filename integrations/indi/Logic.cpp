@@ -51,7 +51,7 @@ Changes Compare(const std::vector<KnownCamera>& known, const std::vector<std::op
     const auto isOnBus = [&](const KnownCamera& k) { return std::find(ids.begin(), ids.end(), k.id) != ids.end(); };
     size_t surplus = ids.size() > known.size() ? ids.size() - known.size() : 0;
     const auto add = [&](const std::string& id) {
-        c.appeared.push_back({ id, FreeOrdinal(known, c.appeared, id), false, false });
+        c.appeared.push_back({ id, FreeOrdinal(known, c.appeared, id) });
         --surplus;
     };
     for (const auto& id : ids)
@@ -72,15 +72,13 @@ Changes Compare(const std::vector<KnownCamera>& known, const std::vector<std::op
     if (ids.empty())
         remove([](const KnownCamera&) { return true; });
     remove([](const KnownCamera& k) { return k.failed; });
-    remove([&](const KnownCamera& k) { return !k.open && !isOnBus(k); });
-    const auto isClosed = [](const KnownCamera& k) { return !k.open; };
-    const bool someOpen = std::any_of(known.begin(), known.end(), [](const KnownCamera& k) { return k.open && !k.failed; });
-    const auto inUse = static_cast<size_t>(std::count(ids.begin(), ids.end(), std::nullopt));
-    if (!someOpen || inUse >= static_cast<size_t>(std::count_if(known.begin(), known.end(), [](const KnownCamera& k) { return k.open && !k.failed; })))
-        remove(isClosed);  // all that are open are there
+    if (std::find(ids.begin(), ids.end(), std::nullopt) == ids.end())
+        remove([&](const KnownCamera& k) { return !isOnBus(k); });
     for (size_t i = 0; i < known.size() && missing > 0; ++i)
-        if (known[i].open && std::find(c.gone.begin(), c.gone.end(), i) == c.gone.end())
+        if (known[i].open && !known[i].failed && !known[i].verified)
             c.doubtful.push_back(i);
+    if (c.doubtful.empty())
+        remove([](const KnownCamera& k) { return !k.open; });  // all that are open have answered
     return c;
 }
 

@@ -26,6 +26,7 @@ struct KnownCamera {
     int ordinal = 1;
     bool open = false;
     bool failed = false;  // nothing good came from it since a failure
+    bool verified = false;  // it answered after a camera of its model had gone
 };
 // What is to be done about the cameras of one model, when so many are on the bus.
 struct Changes {
@@ -33,7 +34,7 @@ struct Changes {
     std::vector<size_t> gone;           // places in the list of the known
     std::vector<size_t> doubtful;       // one of these has gone: ask each whether it is still there, then look again
 };
-// `ids` has an entry for each camera on the bus: none where the camera is in use, empty where it keeps no ID.
+// `ids` has an entry for each camera on the bus: no value where it was not looked at, empty where it keeps no ID.
 Changes Compare(const std::vector<KnownCamera>& known, const std::vector<std::optional<std::string>>& ids);
 
 // --- regions ---
