@@ -11,6 +11,8 @@
 
 #include "Devices.h"
 #include "MainThread.h"
+#include "common/Doctor.h"
+#include "common/FitsHeader.h"
 
 namespace kovindi {
 
@@ -501,6 +503,7 @@ void Device::ShowImage(int tag, const Format& format)
     m_uploadBegan = steady_clock::now();
     m_shot.states = m_states;
     m_shot.format = format;
+    m_shot.dark = m_dark[1].getState() == ISS_ON;
     PrimaryCCD.setExposureLeft(0);
     if (Devices::Instance().TakeTurn(m_serial))
         UploadTurn();
@@ -537,20 +540,59 @@ void Device::addFITSKeywords(INDI::CCDChip* chip)
 {
     INDI::CCD::addFITSKeywords(chip);
     fitsfile* file = *chip->fitsFilePointer();
-    int status = 0;
-    const auto number = [&](const char* key, KOV_CONTROL_TYPE type, const char* comment) {
-        if (const ControlState* s = kovindi::Find(m_shot.states, type))
-            fits_update_key_lng(file, key, s->value, comment, &status);
-    };
-    number("GAIN", CTRL_GAIN, "gain setting of the camera");
-    number("OFFSET", CTRL_BRIGHTNESS, "black level setting of the camera");
-    if (m_info.IsCooled)
-        number("SET-TEMP", CTRL_TARGET_TEMP, "[deg C] cooler target");
-    number("FLIP", CTRL_FLIP, "0 none, 1 horizontal, 2 vertical, 3 both");
-    if (const ControlState* s = kovindi::Find(m_shot.states, CTRL_HIGH_SPEED_MODE))
-        fits_update_key_str(file, "READOUT", s->value != 0 ? "high speed" : "normal", "readout mode", &status);
+    kovtools::FitsNotes notes;
+    notes.software = "indi_kov_ccd";
     if (!m_id.empty())
-        fits_update_key_str(file, "CAMID", m_id.c_str(), "user ID in the camera's flash", &status);
+        notes.more.push_back({ "CAMID", m_id, "user ID in the camera's flash" });
+    if (const ControlState* s = kovindi::Find(m_shot.states, CTRL_HIGH_SPEED_MODE))
+        notes.more.push_back({ "READOUT", std::string(s->value != 0 ? "high speed" : "normal"), "readout mode" });
+    for (const kovtools::FitsCard& card : MakeFitsCards(StateOfShot(), {}, notes)) {
+        const char *key = card.key.c_str(), *comment = card.comment.c_str();
+        int status = 0;
+        char present[FLEN_CARD];
+        static constexpr const char* OF_THE_FRAMEWORK[] = { "DATE-OBS", "DATE-END", "IMAGETYP", "EXPTIME" };
+        if (fits_read_card(file, key, present, &status) == 0 || std::find(std::begin(OF_THE_FRAMEWORK), std::end(OF_THE_FRAMEWORK), card.key) != std::end(OF_THE_FRAMEWORK))
+            continue;
+        status = 0;
+        if (const auto* text = std::get_if<std::string>(&card.value))
+            card.key == "HISTORY" ? fits_write_history(file, text->c_str(), &status) : fits_update_key_str(file, key, text->c_str(), comment, &status);
+        else if (const auto* number = std::get_if<double>(&card.value))
+            fits_update_key_fixdbl(file, key, *number, std::max(card.decimals, 0), comment, &status);
+        else if (const auto* integer = std::get_if<int64_t>(&card.value))
+            fits_update_key_lng(file, key, *integer, comment, &status);
+        else
+            fits_update_key_log(file, key, std::get<bool>(card.value), comment, &status);
+    }
+}
+
+kovtools::CameraState Device::StateOfShot() const
+{
+    const auto value = [this](KOV_CONTROL_TYPE type, int neutral) {
+        const ControlState* s = kovindi::Find(m_shot.states, type);
+        return s != nullptr ? s->value : neutral;
+    };
+    kovtools::CameraState state;
+    const Format& f = m_shot.format;
+    state.info = m_info;
+    state.exposure = m_exposureSeconds;
+    state.gain = value(CTRL_GAIN, 0);
+    state.offset = value(CTRL_BRIGHTNESS, 0);
+    state.gamma = value(CTRL_GAMMA, 50);
+    state.flip = value(CTRL_FLIP, 0);
+    state.width = f.Width();
+    state.height = f.Height();
+    state.bin = f.bin;
+    state.startX = f.region.x / f.bin;
+    state.startY = f.region.y / f.bin;
+    state.type = f.type;
+    state.hardwareBin = value(CTRL_HARDWARE_BIN, 0) != 0;
+    state.highSpeed = value(CTRL_HIGH_SPEED_MODE, 0) != 0;
+    state.darkSubtracted = m_shot.dark;
+    if (m_info.IsCooled && value(CTRL_COOLER_ON, 0) != 0) {
+        state.target = value(CTRL_TARGET_TEMP, 0);
+        state.coolerPower = value(CTRL_COOL_POWER_PERC, 0);
+    }
+    return state;
 }
 
 // --- region, bin, format ---
@@ -734,12 +776,27 @@ void Device::ToMain(std::function<void(Device&)> work)
     });
 }
 
-void Device::OnOpened(const Opened& facts)
+// What keeps cameras from working well, or at all, on this machine, with what mends it.
+static std::vector<std::string> Advice(bool opened)
 {
-    ToMain([facts](Device& d) { d.ShowOpened(facts); });
+    std::vector<std::string> advice;
+    for (const kovtools::Finding& f : kovtools::Examine({ "/", false })) {
+        const bool concerns = opened ? f.check == "memory" : f.severity == kovtools::Finding::Severity::Problem;
+        if (!concerns || f.severity == kovtools::Finding::Severity::Good)
+            continue;
+        std::string line = f.text + (f.command.empty() ? "" : ". To mend it: " + f.command);
+        std::replace(line.begin(), line.end(), '\n', ' ');
+        advice.push_back(line);
+    }
+    return advice;
 }
 
-void Device::ShowOpened(const Opened& facts)
+void Device::OnOpened(const Opened& facts)
+{
+    ToMain([facts, advice = Advice(true)](Device& d) { d.ShowOpened(facts, advice); });
+}
+
+void Device::ShowOpened(const Opened& facts, const std::vector<std::string>& advice)
 {
     if (m_leaving)
         return;
@@ -761,6 +818,8 @@ void Device::ShowOpened(const Opened& facts)
     updateProperties();
     ShowControls(m_states);
     AskFormat();
+    for (const std::string& line : advice)
+        LOGF_WARN("%s", line.c_str());
     if (slow)
         LOG_WARN("This USB 3 camera is on a USB 2 link: frames come at a tenth of the rate. Plug it into a blue or SS port with a USB 3 "
                  "cable, and leave hubs out");
@@ -768,10 +827,12 @@ void Device::ShowOpened(const Opened& facts)
 
 void Device::OnOpenFailed(const std::string& why)
 {
-    ToMain([why](Device& d) {
+    ToMain([why, advice = Advice(false)](Device& d) {
         if (d.m_leaving)
             return;
         DEBUGFDEVICE(d.getDeviceName(), INDI::Logger::DBG_ERROR, "%s", why.c_str());
+        for (const std::string& line : advice)
+            DEBUGFDEVICE(d.getDeviceName(), INDI::Logger::DBG_WARNING, "%s", line.c_str());
         const bool wasConnected = d.isConnected();
         d.setConnected(false, IPS_ALERT);
         if (wasConnected)

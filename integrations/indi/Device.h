@@ -12,6 +12,7 @@
 
 #include "Camera.h"
 #include "Finder.h"
+#include "common/Frame.h"
 
 namespace kovindi {
 
@@ -79,7 +80,7 @@ private:
     void OnEnded() override;
     void ToMain(std::function<void(Device&)> work);
 
-    void ShowOpened(const Opened& facts);
+    void ShowOpened(const Opened& facts, const std::vector<std::string>& advice);
     void AskFormat();
     void ShowFormat(const Format& inForce);
     void ShowControls(const ControlStates& states);
@@ -101,6 +102,7 @@ private:
     IPState Guide(int pin, uint32_t ms);
     bool Lists(KOV_CONTROL_TYPE type) const;
     bool TakesBin(int bin) const;
+    kovtools::CameraState StateOfShot() const;
     IMG_TYPE ChosenType() const;
     bool IsMosaic(IMG_TYPE type) const;
 
@@ -127,7 +129,7 @@ private:
     bool m_refused = false;
     struct { double start = 0; std::chrono::steady_clock::time_point began; bool runs = false; } m_warmUp;
 
-    struct { ControlStates states; Format format; } m_shot;  // of the picture that is uploaded
+    struct { ControlStates states; Format format; bool dark = false; } m_shot;  // of the picture that is uploaded
 
     INDI::PropertyNumber m_controls{ 0 }, m_coolerPower{ 1 }, m_videoCount{ 2 }, m_darkFrames{ 1 };
     INDI::PropertySwitch m_modes{ 0 }, m_cooler{ 2 }, m_hardwareBin{ 2 }, m_warmUpSwitch{ 2 }, m_dark{ 3 };

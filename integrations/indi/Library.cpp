@@ -1,7 +1,6 @@
 #include "Library.h"
 
 #include <dlfcn.h>
-#include <link.h>
 #include <sys/mman.h>
 #include <sys/sendfile.h>
 #include <sys/stat.h>
@@ -17,24 +16,18 @@ namespace kovindi {
 
 namespace {
 
-constexpr const char* LIBRARY_FILE = "libKOVCamera2.so.1";
-
 [[noreturn]] void Fail(const std::string& what)
 {
-    throw std::runtime_error("cannot load " + std::string(LIBRARY_FILE) + ": " + what +
-                             ". Install it where the system finds it (then run ldconfig), or name its folder in LD_LIBRARY_PATH");
+    throw std::runtime_error("the camera library cannot be loaded once more: " + what + ". Restart the driver");
 }
 
-// The file that the loader finds under the library's name.
+// The file of the library that this program is linked with.
 std::string FindFile()
 {
-    void* handle = dlopen(LIBRARY_FILE, RTLD_NOW | RTLD_LOCAL);
-    if (handle == nullptr)
-        Fail(dlerror());
-    link_map* map = nullptr;
-    if (dlinfo(handle, RTLD_DI_LINKMAP, &map) != 0)
-        Fail(dlerror());
-    return map->l_name;
+    Dl_info facts{};
+    if (dladdr(reinterpret_cast<void*>(&KOVGetNumOfConnectedCameras), &facts) == 0)
+        Fail("its file is not known");
+    return facts.dli_fname;
 }
 
 // The loader tells files apart by name and inode: a copy in memory has an inode of its own, and a name for as long as
@@ -64,7 +57,8 @@ void Bind(void* handle, const char* name, Function& function)
 std::unique_ptr<Library> Load()
 {
     static const std::string path = FindFile();
-    void* handle = dlopen(CopyInMemory(path).c_str(), RTLD_NOW | RTLD_LOCAL);
+    // Bound to itself, not to the one that this program is linked with.
+    void* handle = dlopen(CopyInMemory(path).c_str(), RTLD_NOW | RTLD_LOCAL | RTLD_DEEPBIND);
     if (handle == nullptr)
         Fail(dlerror());
     auto library = std::make_unique<Library>();

@@ -39,7 +39,7 @@ struct Library {
 };
 
 // A copy that nobody else holds; it goes back for the next camera when the last pointer goes. Any thread.
-// Throws std::runtime_error, with what to do, when the library cannot be found or loaded.
+// Throws std::runtime_error, with what to do, when the system gives no memory for it.
 std::shared_ptr<const Library> BorrowLibrary();
 
 }  // namespace kovindi
