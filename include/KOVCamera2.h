@@ -113,7 +113,7 @@ typedef struct KOV_CAMERA_INFO {
     int32_t MaxHeight;          /**< sensor height, pixels */
     int32_t MaxWidth;           /**< sensor width, pixels */
     KOV_BOOL IsColorCam;        /**< KOV_FALSE: monochrome */
-    BayerPattern BayerPattern;  /**< means nothing on a monochrome camera */
+    enum BayerPattern BayerPattern; /**< means nothing on a monochrome camera */
     int32_t SupportedBins[16];  /**< ended by 0 */
     IMG_TYPE SupportedImgTypes[8]; /**< ended by IMG_END */
     double PixelSize;           /**< micrometres */

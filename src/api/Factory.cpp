@@ -1,9 +1,11 @@
 // The one list of all product IDs and classes. A new model gets a row here and one in its family.
 #include <algorithm>
 #include <iterator>
+#include <memory>
 #include <new>
 
 #include "api/DeviceTable.h"
+#include "base/Log.h"
 #include "platform/InterfaceGuids.h"
 #include "sensors/agate/Agate.h"
 #include "sensors/beryl/Beryl.h"
@@ -131,16 +133,26 @@ int RunningIndex(int id)
 
 int32_t EnumerateCameras()
 {
+    int32_t aFound[DEVICE_MAX];
     int32_t n = 0;
     for (const platform::Guid& guid : platform::g_InterfaceGuids) {
-        CUsbLink link(nullptr, guid, true);
-        const int iDevices = link.DeviceCount();
+        auto pLink = std::make_unique<CUsbLink>(nullptr, guid, true);
+        const int iDevices = pLink->DeviceCount();
         for (int i = 0; i < iDevices; ++i) {
-            link.Open(static_cast<uint8_t>(i));  // false also for a damaged configuration; the IDs are known then
-            if (link.m_wVendorId == platform::CAMERA_VENDOR_ID)
-                g_aProductID[n++] = link.m_wProductId;
+            try {
+                pLink->Open(static_cast<uint8_t>(i));  // false also for a damaged configuration; the IDs are known then
+            } catch (const char* szError) {
+                // The driver does not let go of the device before. A new link has none to close.
+                KOV_LOG(Warn, "%s", szError);
+                pLink = std::make_unique<CUsbLink>(nullptr, guid, false);
+                pLink->Open(static_cast<uint8_t>(i));
+            }
+            if (pLink->m_wVendorId == platform::CAMERA_VENDOR_ID)
+                aFound[n++] = pLink->m_wProductId;
         }
     }
+    std::copy_n(aFound, n, g_aProductID);
     g_iCameraCount = n;
+    KOV_LOG(Info, "%d cameras found", n);
     return n;
 }

@@ -137,7 +137,13 @@ KOV_ERROR_CODE KOVOpenCamera(int32_t id)
         g_iLastOpened = id;
         if (pCam == nullptr)
             return KOV_ERROR_OPEN_FAILED;
-        const bool ok = pCam->OpenCamera(RunningIndex(id) + 1);
+        const logging::CameraScope scope({ id, pCam->m_pszName });
+        bool ok = false;
+        try {
+            ok = pCam->OpenCamera(RunningIndex(id) + 1);
+        } catch (const char* szError) {
+            KOV_LOG(Error, "%s The camera is not opened", szError);
+        }
         pCam->m_bTimeMark = false;
         if (!ok)
             return KOV_ERROR_OPEN_FAILED;
@@ -157,10 +163,12 @@ KOV_ERROR_CODE KOVCloseCamera(int32_t id)
         if (!IsKnown(id))
             return KOV_ERROR_BAD_ID;
         if (g_apCamera[id] != nullptr) {
+            const logging::CameraScope scope({ id, g_apCamera[id].Get()->m_pszName });
             try {
                 g_apCamera[id].Get()->CloseCamera();
-            } catch (const char*) {
-                // The driver refused to close the device. The object goes all the same, and its link tries once more.
+            } catch (const char* szError) {
+                // The object goes all the same, and its link tries once more.
+                KOV_LOG(Warn, "%s", szError);
             }
             Destroy(id);
         }

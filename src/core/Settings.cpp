@@ -123,9 +123,7 @@ void CCameraBase::SaveSetting(const wchar_t* key)
     using platform::SETTING_BINARY;
     using platform::SETTING_DWORD;
 
-    auto pKey = platform::OpenSettings(key);
-    if (!pKey)
-        pKey = platform::CreateSettings(key);
+    const auto pKey = platform::CreateSettings(key);
     if (!pKey)
         return;
     const auto dword = [&](const wchar_t* szName, int32_t v) { Write(*pKey, szName, SETTING_DWORD, v); };

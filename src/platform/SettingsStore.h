@@ -14,8 +14,9 @@ constexpr uint32_t STORE_NOT_FOUND = 2;
 constexpr uint32_t STORE_MORE_DATA = 234;
 constexpr uint32_t STORE_FAILED = 31;
 
-// An open key. Not shared between threads. Destroying it closes it; what was set is kept then at the latest, all of it
-// or (when the process is killed) none.
+// An open key. Not shared between threads. Destroying it closes it and hands over what was set, without waiting for a store
+// that another process holds. All of it is kept or none (when the process is killed, or the store cannot be used, which
+// the log tells). Keys opened afterwards in this process see it at once.
 class SettingsKey {
 public:
     virtual ~SettingsKey() = default;
@@ -26,8 +27,12 @@ public:
     virtual uint32_t Set(const wchar_t* szName, uint32_t dwType, const void* pData, uint32_t dwSize) = 0;
 };
 
-// nullptr when the key does not exist or the store cannot be used. szKey as in L"SOFTWARE\\KOVQuartzCol".
+// nullptr when the key does not exist or cannot be read. szKey as in L"SOFTWARE\\KOVQuartzCol". A key that is there but
+// could not be read stays as it is: until it has been read, values set in this process only join those it has.
 std::unique_ptr<SettingsKey> OpenSettings(const wchar_t* szKey);
+// Opens the key for setting; makes it where it does not exist. nullptr when the store cannot be used.
 std::unique_ptr<SettingsKey> CreateSettings(const wchar_t* szKey);
+// Returns when everything handed over is kept, or has been given up and told in the log. Waits some seconds at most.
+void FlushSettings();
 
 }  // namespace platform

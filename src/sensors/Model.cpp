@@ -2,7 +2,9 @@
 
 #include <algorithm>
 
+#include "base/Log.h"
 #include "platform/InterfaceGuids.h"
+#include "platform/SettingsStore.h"
 
 namespace model {
 
@@ -135,12 +137,16 @@ bool OpenCamera(CCameraBase& cam, IModel& m, int deviceIndex)
         }
     }
     if (pFound == nullptr) {
+        KOV_LOG(Warn, "%s number %d is not there: %d devices of its interface, %d of the model", cam.m_pszName, deviceIndex, n,
+                iMatches);
         cam.m_bOpen = false;
         return false;
     }
     if (pFound->szName != nullptr)
         cam.m_pszName = pFound->szName;
     if (!pLink->Claim()) {  // another program has it: nothing is sent to a camera that is in use
+        KOV_LOG(Warn, "%s cannot be taken, error %u: close the program that uses it, or allow the user to access USB devices",
+                cam.m_pszName, pLink->m_uLastError);
         pLink->Close();
         return false;
     }
@@ -160,6 +166,7 @@ bool CloseCamera(CCameraBase& cam, CCameraCool* pCool, const ModelTraits& t, Cap
     // A thread past StopCapture's time limit, or a snap's in its end sequence, still uses the link.
     s.Stop();
     s.Wait(platform::WAIT_FOREVER);
+    platform::FlushSettings();
 
     if ((t.bClose & CLOSE_LINK) && cam.m_bOpen)
         cam.m_pUsbLink->Close();
@@ -242,8 +249,8 @@ bool UpdateFirmware(CCameraBase& cam, const ModelTraits& t, const uint8_t* pImag
     // the object may land on the other one.
     for (int iTry = 0; iTry < 2; ++iTry) {
         platform::SleepMs(1000);
-        auto pLink = std::make_unique<CUsbLink>(nullptr, platform::g_InterfaceGuids[t.iGuidSlot - 1], true);
-        if (pLink->Open(0)) {
+        auto pLink = std::make_unique<CUsbLink>(nullptr, platform::g_InterfaceGuids[t.iGuidSlot - 1], false);
+        if (pLink->Open(0) && pLink->Claim()) {  // another program may hold the one that comes first
             cam.ReplaceLink(pLink.release());
             ReadFirmwareVer(cam);
             return true;

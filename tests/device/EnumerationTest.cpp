@@ -237,8 +237,9 @@ TEST_F(EnumerationTest, QuirkOpenAfterAFailedOpen)
     EXPECT_EQ(KOVStopVideoCapture(0), KOV_SUCCESS);
 }
 
-// A driver that refuses to close a device makes no difference to the host, and the object goes.
-TEST_F(EnumerationTest, RefusedCloseStillFreesTheId)
+// A driver that refuses to close a device: the object of a closed camera goes all the same, an enumeration finds whatever
+// is there, and an open fails as opens do.
+TEST_F(EnumerationTest, RefusedClose)
 {
     Plug(0xC0FA);
     ASSERT_EQ(KOVGetNumOfConnectedCameras(), 1);
@@ -256,6 +257,17 @@ TEST_F(EnumerationTest, RefusedCloseStillFreesTheId)
     EXPECT_EQ(CCameraBase::FromID(0), nullptr);
     EXPECT_EQ(KOVOpenCamera(0), KOV_SUCCESS);
     EXPECT_EQ(Hears(0), 1u);
+    EXPECT_EQ(KOVCloseCamera(0), KOV_SUCCESS);
+
+    Plug(0xC0FA);
+    driver.iRefusals = 0;
+    EXPECT_EQ(KOVGetNumOfConnectedCameras(), 2);
+    EXPECT_GT(driver.iRefusals, 1);
+    EXPECT_EQ(g_aProductID[0], 0xC0FA);
+    EXPECT_EQ(g_aProductID[1], 0xC0FA);
+    driver.iRefusals = 0;
+    EXPECT_EQ(KOVOpenCamera(1), KOV_ERROR_OPEN_FAILED);
+    EXPECT_FALSE(CCameraBase::FromID(1)->m_bTimeMark);
 }
 
 TEST_F(EnumerationTest, ObjectsStayAtTheirIndex)

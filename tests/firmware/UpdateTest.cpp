@@ -406,6 +406,16 @@ TEST_P(Update, SecondOfTwoCamerasLandsOnTheFirst)
     ASSERT_EQ(OpenId(1), KOV_SUCCESS);
     EXPECT_EQ(HostVersion(1), NEW);
     EXPECT_TRUE(WritesRegisters(second));
+
+    // Where another program holds that first one, nothing is sent to it.
+    Outdated(Model());
+    kovsim::VirtualCamera& busy = *m_pCam;
+    PlugOne(Model().wProductId, Model().bNeeded - 1);
+    ASSERT_EQ(KOVGetNumOfConnectedCameras(), 2);
+    busy.SetOpenStatus(Status::Busy);
+    busy.ClearRequests();
+    EXPECT_EQ(OpenId(1), KOV_ERROR_OPEN_FAILED);
+    EXPECT_TRUE(busy.Requests().empty());
 }
 
 const auto g_NameOf = [](const auto& info) { return info.param.szName; };

@@ -1,25 +1,41 @@
 // The settings store as an SQLite database: $XDG_CONFIG_HOME/kovcamera2/settings.db, ~/.config where that is not set.
 //
-// An open key is a picture of its values in memory, taken by one statement, and a list of changes. Closing it writes all
-// changes in one transaction. So no lock is held while a key is open, nobody ever sees half a save, and a process that
-// is killed while saving leaves the old values.
+// An open key is a picture of its values in memory, taken by one statement, and a list of changes. Closing it hands the
+// changes to the writer, a thread that lives while there is something to write: one transaction for all that has come
+// together. So no caller waits for another process, nobody ever sees half a save, and a process that is killed while
+// saving leaves the old values. The journal is a write-ahead one, where readers and the writer do not wait for each other.
 #include "platform/SettingsStore.h"
 
+#include <fcntl.h>
+#include <pthread.h>
+#include <pwd.h>
 #include <sqlite3.h>
+#include <sys/file.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
+#include <condition_variable>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <filesystem>
+#include <map>
+#include <mutex>
+#include <set>
 #include <string>
 #include <vector>
+
+#include "base/Log.h"
+#include "platform/Platform.h"
 
 namespace platform {
 namespace {
 
 namespace fs = std::filesystem;
 
-constexpr int BUSY_MS = 1000;  // longest wait for another process that saves; a save may wait twice, to look and to write
+constexpr int READ_BUSY_MS = 1000;   // longest wait of a caller for a store that another program locks
+constexpr int WRITE_BUSY_MS = 5000;  // the same for the writer, which nobody but a close waits for
 
 struct DbClose {
     void operator()(sqlite3* db) const { sqlite3_close_v2(db); }
@@ -48,36 +64,59 @@ std::string Utf8(const wchar_t* sz)
     return s;
 }
 
+std::string HomeFolder()
+{
+    if (const char* const szHome = std::getenv("HOME"); szHome && szHome[0] == '/')
+        return szHome;
+    // A service often runs without the variable.
+    passwd entry{}, *pEntry = nullptr;
+    char ac[4096];
+    if (getpwuid_r(getuid(), &entry, ac, sizeof ac, &pEntry) == 0 && pEntry && pEntry->pw_dir && pEntry->pw_dir[0] == '/')
+        return pEntry->pw_dir;
+    return {};
+}
+
 // Empty when the user has no place for settings.
 fs::path DatabasePath()
 {
     fs::path dir;
     if (const char* const szXdg = std::getenv("XDG_CONFIG_HOME"); szXdg && szXdg[0] == '/')
         dir = szXdg;
-    else if (const char* const szHome = std::getenv("HOME"); szHome && szHome[0] == '/')
-        dir = fs::path(szHome) / ".config";
+    else if (const std::string sHome = HomeFolder(); !sHome.empty())
+        dir = fs::path(sHome) / ".config";
     else
         return {};
     return dir / "kovcamera2" / "settings.db";
 }
 
+// Every kind of trouble is told once a process: it would come again with each save.
+enum class Trouble { NoFolder, NotKept, NotRead, Damaged };
+bool IsNews(Trouble t)
+{
+    static std::atomic<unsigned> s_uTold = 0;
+    const unsigned uBit = 1u << static_cast<unsigned>(t);
+    return (s_uTold.fetch_or(uBit) & uBit) == 0;
+}
+
+void TellNotKept(const fs::path& path, const char* szReason)
+{
+    if (IsNews(Trouble::NotKept))
+        KOV_LOG(Error, "settings are not kept in %s: %s. Make the folder writable, or set XDG_CONFIG_HOME to one that is",
+                path.c_str(), szReason);
+}
+
+bool IsDamage(int rc) { return (rc & 0xFF) == SQLITE_CORRUPT || (rc & 0xFF) == SQLITE_NOTADB; }
+
 // Read and write even for reading: a transaction that a killed process has left behind has to be rolled back. SQLite
 // falls back to reading only where the file is write-protected.
-Db OpenDatabase(bool bCreate)
+Db OpenDatabase(const fs::path& path, bool bCreate, int iBusyMs)
 {
-    const fs::path path = DatabasePath();
-    if (path.empty())
-        return nullptr;
-    if (bCreate) {
-        std::error_code ec;
-        fs::create_directories(path.parent_path(), ec);
-    }
     sqlite3* pRaw = nullptr;
     const int rc = sqlite3_open_v2(path.c_str(), &pRaw, SQLITE_OPEN_READWRITE | (bCreate ? SQLITE_OPEN_CREATE : 0), nullptr);
     Db db(pRaw);
     if (rc != SQLITE_OK)
         return nullptr;
-    sqlite3_busy_timeout(db.get(), BUSY_MS);
+    sqlite3_busy_timeout(db.get(), iBusyMs);
     return db;
 }
 
@@ -101,34 +140,268 @@ struct Value {
     std::vector<uint8_t> abData;
 };
 
+Value* Find(std::vector<Value>& a, const std::string& sName)
+{
+    const auto it =
+        std::find_if(a.begin(), a.end(), [&](const Value& v) { return sqlite3_stricmp(v.sName.c_str(), sName.c_str()) == 0; });
+    return it == a.end() ? nullptr : &*it;
+}
+
+void Put(std::vector<Value>& a, Value v)
+{
+    if (Value* const pOld = Find(a, v.sName))
+        *pOld = std::move(v);
+    else
+        a.push_back(std::move(v));
+}
+
+struct NoCase {
+    bool operator()(const std::string& a, const std::string& b) const { return sqlite3_stricmp(a.c_str(), b.c_str()) < 0; }
+};
+using Changes = std::map<std::string, std::vector<Value>, NoCase>;  // key -> values
+
+// --- a damaged file ---------------------------------------------------------------------------------------------------
+
+bool IsDamagedNow(const fs::path& path)
+{
+    const Db db = OpenDatabase(path, false, READ_BUSY_MS);
+    const Statement s = db ? Prepare(db, "PRAGMA quick_check(1)") : nullptr;
+    if (!s)
+        return db && IsDamage(sqlite3_errcode(db.get()));
+    const int rc = sqlite3_step(s.get());
+    if (rc != SQLITE_ROW)
+        return IsDamage(rc);
+    const auto* const szResult = reinterpret_cast<const char*>(sqlite3_column_text(s.get(), 0));
+    return szResult && std::strcmp(szResult, "ok") != 0;
+}
+
+// The file goes to settings-DATE-TIME.damaged, with its journal; the next save begins a new one. The lock on the folder
+// keeps two processes from putting aside the new one of the other.
+void PutAside(const fs::path& path)
+{
+    const int fd = ::open(path.parent_path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (fd < 0)
+        return;
+    ::flock(fd, LOCK_EX);
+    if (IsDamagedNow(path)) {
+        const std::time_t t = std::time(nullptr);
+        std::tm local = {};
+        localtime_r(&t, &local);
+        char szName[64];
+        std::strftime(szName, sizeof szName, "settings-%Y%m%d-%H%M%S.damaged", &local);
+        const fs::path aside = path.parent_path() / szName;
+        std::error_code ec;
+        fs::rename(path, aside, ec);
+        for (const char* szSuffix : { "-wal", "-shm", "-journal" }) {
+            std::error_code none;
+            fs::rename(path.string() + szSuffix, aside.string() + szSuffix, none);
+        }
+        if (!ec && IsNews(Trouble::Damaged))
+            KOV_LOG(Error, "the settings in %s were damaged; they are now in %s, and the cameras begin with their defaults",
+                    path.c_str(), aside.c_str());
+    }
+    ::close(fd);
+}
+
+// --- the writer -------------------------------------------------------------------------------------------------------
+
+// Whether the rows are in the database. Rows that keep their contents are not written, so a save without a change costs no
+// disk access.
+bool WriteRows(const Db& db, const Changes& changes, const std::set<std::string, NoCase>& unread)
+{
+    // IMMEDIATE: a second process waits here, where waiting is possible, and not in the middle.
+    if (!Execute(db, "BEGIN IMMEDIATE"))
+        return false;
+    if (!Execute(db, "CREATE TABLE IF NOT EXISTS setting (key TEXT NOT NULL COLLATE NOCASE, "
+                     "name TEXT NOT NULL COLLATE NOCASE, type INTEGER NOT NULL, bytes BLOB NOT NULL, "
+                     "PRIMARY KEY (key, name)) WITHOUT ROWID"))
+        return false;
+    const Statement replace = Prepare(db, "INSERT INTO setting VALUES (?1, ?2, ?3, ?4) ON CONFLICT DO UPDATE "
+                                          "SET type = ?3, bytes = ?4 WHERE type <> ?3 OR bytes <> ?4");
+    const Statement add = Prepare(db, "INSERT INTO setting VALUES (?1, ?2, ?3, ?4) ON CONFLICT DO NOTHING");
+    if (!replace || !add)
+        return false;
+    for (const auto& [sKey, values] : changes) {
+        const Statement& s = unread.contains(sKey) ? add : replace;
+        for (const Value& v : values) {
+            BindText(s, 1, sKey);
+            BindText(s, 2, v.sName);
+            sqlite3_bind_int64(s.get(), 3, v.dwType);
+            if (v.abData.empty())
+                sqlite3_bind_zeroblob(s.get(), 4, 0);
+            else
+                sqlite3_bind_blob(s.get(), 4, v.abData.data(), static_cast<int>(v.abData.size()), SQLITE_TRANSIENT);
+            const bool bOk = sqlite3_step(s.get()) == SQLITE_DONE;
+            sqlite3_reset(s.get());
+            if (!bOk)
+                return false;
+        }
+    }
+    return Execute(db, "COMMIT");  // what was not committed is rolled back when the database closes
+}
+
+void Save(const fs::path& path, const Changes& changes, const std::set<std::string, NoCase>& unread)
+{
+    if (path.empty()) {
+        if (IsNews(Trouble::NoFolder))
+            KOV_LOG(Error, "settings are not kept: the user has no home folder. Set XDG_CONFIG_HOME to a folder that is writable");
+        return;
+    }
+    std::error_code ec;
+    fs::create_directories(path.parent_path(), ec);
+    for (const bool bLast : { false, true }) {
+        const Db db = OpenDatabase(path, true, WRITE_BUSY_MS);
+        if (!db)
+            return TellNotKept(path, ec ? ec.message().c_str() : "the file cannot be opened");
+        // Where the file system has no shared memory, or another program is busy, the journal stays as it was.
+        sqlite3_busy_timeout(db.get(), 0);
+        Execute(db, "PRAGMA journal_mode = WAL");
+        sqlite3_busy_timeout(db.get(), WRITE_BUSY_MS);
+        Execute(db, "PRAGMA synchronous = NORMAL");
+        if (WriteRows(db, changes, unread))
+            return;
+        if (bLast || !IsDamage(sqlite3_errcode(db.get())))
+            return TellNotKept(path, sqlite3_errmsg(db.get()));
+        PutAside(path);
+    }
+}
+
+class Writer {
+public:
+    static Writer& Current();
+    void Stop()
+    {
+        Flush();
+        m_thread.Wait(WAIT_FOREVER);
+    }
+
+    // The database is that of the moment: the environment may change before the thread comes to it.
+    void Hand(const fs::path& path, const std::string& sKey, std::vector<Value> values)
+    {
+        std::unique_lock lock(m_m);
+        if (path != m_path) {
+            m_idle.wait(lock, [this] { return !m_bRunning; });
+            m_path = path;
+            m_unread.clear();
+        }
+        std::vector<Value>& a = m_waiting[sKey];
+        for (Value& v : values)
+            Put(a, std::move(v));
+        if (m_bRunning)
+            return;
+        m_bRunning = m_thread.Start([](void* p) { static_cast<Writer*>(p)->Run(); }, this);
+        if (!m_bRunning)  // no thread to be had
+            WriteAll();
+    }
+    void Flush()
+    {
+        std::unique_lock lock(m_m);
+        m_idle.wait(lock, [this] { return !m_bRunning; });
+    }
+    // What has not reached the database yet, newest last.
+    void Overlay(const std::string& sKey, std::vector<Value>& values)
+    {
+        const std::lock_guard lock(m_m);
+        for (const Changes* p : { &m_writing, &m_waiting })
+            if (const auto it = p->find(sKey); it != p->end())
+                for (const Value& v : it->second)
+                    Put(values, v);
+    }
+    void MarkUnread(const std::string& sKey, bool bUnread)
+    {
+        const std::lock_guard lock(m_m);
+        if (bUnread)
+            m_unread.insert(sKey);
+        else
+            m_unread.erase(sKey);
+    }
+
+private:
+    void Run()
+    {
+        logging::SetThreadName("settings");
+        const std::lock_guard lock(m_m);
+        WriteAll();
+        m_bRunning = false;
+        m_idle.notify_all();
+    }
+    // The lock is held, but not while the database is written.
+    void WriteAll()
+    {
+        while (!m_waiting.empty()) {
+            m_writing.swap(m_waiting);
+            const auto unread = m_unread;
+            m_m.unlock();
+            try {
+                Save(m_path, m_writing, unread);
+            } catch (const std::exception& e) {
+                KOV_LOG(Error, "settings are not kept: %s", e.what());
+            }
+            m_m.lock();
+            m_writing.clear();
+        }
+    }
+
+    std::mutex m_m;
+    std::condition_variable m_idle;
+    fs::path m_path;
+    Changes m_waiting, m_writing;
+    std::set<std::string, NoCase> m_unread;
+    bool m_bRunning = false;
+    Thread m_thread;
+};
+
+std::atomic<Writer*> g_pWriter = nullptr;
+
+// Never destroyed, but all is written before the process ends or the library is unloaded. After a fork the parent's thread
+// is missing and its lock may be held, so the child takes a new one; what waited is the parent's to write.
+Writer& Writer::Current()
+{
+    struct AtExit {
+        AtExit()
+        {
+            g_pWriter = new Writer;
+            pthread_atfork(nullptr, nullptr, [] { g_pWriter = new Writer; });
+        }
+        ~AtExit() { g_pWriter.load()->Stop(); }
+    };
+    static const AtExit s_AtExit;
+    return *g_pWriter;
+}
+
+// --- keys -------------------------------------------------------------------------------------------------------------
+
 class DatabaseKey final : public SettingsKey {
 public:
     explicit DatabaseKey(const wchar_t* szKey) : m_sKey(Utf8(szKey)) {}
     ~DatabaseKey() override
     {
         try {
-            Save();
+            if (!m_aChanges.empty())
+                Writer::Current().Hand(DatabasePath(), m_sKey, std::move(m_aChanges));
         } catch (...) {  // out of memory: the store keeps what it had
         }
     }
 
     // Whether the key exists.
-    bool Load(const Db& db)
+    bool Load()
     {
         m_bLoaded = true;
-        const Statement s = Prepare(db, "SELECT name, type, bytes FROM setting WHERE key = ?1");
-        if (!s)
-            return false;
-        BindText(s, 1, m_sKey);
-        int rc;
-        while ((rc = sqlite3_step(s.get())) == SQLITE_ROW) {
-            const auto* pName = reinterpret_cast<const char*>(sqlite3_column_text(s.get(), 0));
-            const auto* pData = static_cast<const uint8_t*>(sqlite3_column_blob(s.get(), 2));
-            const auto n = static_cast<size_t>(sqlite3_column_bytes(s.get(), 2));
-            m_aValues.push_back({ pName ? pName : "", static_cast<uint32_t>(sqlite3_column_int64(s.get(), 1)),
-                                  pData ? std::vector<uint8_t>(pData, pData + n) : std::vector<uint8_t>() });
+        const fs::path path = DatabasePath();
+        std::error_code ec;
+        if (!path.empty() && fs::exists(path, ec)) {
+            const int rc = Read(path);
+            Writer::Current().MarkUnread(m_sKey, rc != SQLITE_DONE && !IsDamage(rc));
+            if (IsDamage(rc))
+                PutAside(path);
+            else if (rc != SQLITE_DONE && IsNews(Trouble::NotRead))
+                KOV_LOG(Warn, "settings in %s cannot be read now: %s. The camera begins with its defaults; what is stored stays",
+                        path.c_str(), sqlite3_errstr(rc));
+            if (rc != SQLITE_DONE)
+                m_aValues.clear();
         }
-        return rc == SQLITE_DONE && !m_aValues.empty();
+        Writer::Current().Overlay(m_sKey, m_aValues);
+        return !m_aValues.empty();
     }
 
     uint32_t Query(const wchar_t* szName, void* pData, uint32_t* pdwCount) override
@@ -136,8 +409,8 @@ public:
         const std::string sName = Utf8(szName);
         const Value* p = Find(m_aChanges, sName);
         if (!p) {
-            if (const Db db = m_bLoaded ? nullptr : OpenDatabase(false))
-                Load(db);
+            if (!m_bLoaded)
+                Load();
             p = Find(m_aValues, sName);
         }
         if (!p)
@@ -153,52 +426,32 @@ public:
     uint32_t Set(const wchar_t* szName, uint32_t dwType, const void* pData, uint32_t dwSize) override
     {
         const auto* const p = static_cast<const uint8_t*>(pData);
-        Value v{ Utf8(szName), dwType, std::vector<uint8_t>(p, p + dwSize) };
-        if (Value* const pOld = Find(m_aChanges, v.sName))
-            *pOld = std::move(v);
-        else
-            m_aChanges.push_back(std::move(v));
+        Put(m_aChanges, { Utf8(szName), dwType, std::vector<uint8_t>(p, p + dwSize) });
         return STORE_OK;
     }
 
 private:
-    static Value* Find(std::vector<Value>& a, const std::string& sName)
+    // SQLITE_DONE, or the error.
+    int Read(const fs::path& path)
     {
-        const auto it = std::find_if(a.begin(), a.end(), [&](const Value& v) {
-            return sqlite3_stricmp(v.sName.c_str(), sName.c_str()) == 0;
-        });
-        return it == a.end() ? nullptr : &*it;
-    }
-
-    void Save()
-    {
-        if (m_aChanges.empty())
-            return;
-        const Db db = OpenDatabase(true);
-        // IMMEDIATE: a second process waits here, where waiting is possible, and not in the middle.
-        if (!db || !Execute(db, "BEGIN IMMEDIATE"))
-            return;
-        // Rows that keep their contents are not written, so a save without a change costs no disk access.
-        bool bOk = Execute(db, "CREATE TABLE IF NOT EXISTS setting (key TEXT NOT NULL COLLATE NOCASE, "
-                               "name TEXT NOT NULL COLLATE NOCASE, type INTEGER NOT NULL, bytes BLOB NOT NULL, "
-                               "PRIMARY KEY (key, name)) WITHOUT ROWID");
-        const Statement s = Prepare(db, "INSERT INTO setting VALUES (?1, ?2, ?3, ?4) ON CONFLICT DO UPDATE "
-                                        "SET type = ?3, bytes = ?4 WHERE type <> ?3 OR bytes <> ?4");
-        bOk = bOk && s;
-        for (const Value& v : m_aChanges) {
-            if (!bOk)
-                break;
-            BindText(s, 1, m_sKey);
-            BindText(s, 2, v.sName);
-            sqlite3_bind_int64(s.get(), 3, v.dwType);
-            if (v.abData.empty())
-                sqlite3_bind_zeroblob(s.get(), 4, 0);
-            else
-                sqlite3_bind_blob(s.get(), 4, v.abData.data(), static_cast<int>(v.abData.size()), SQLITE_TRANSIENT);
-            bOk = sqlite3_step(s.get()) == SQLITE_DONE;
-            sqlite3_reset(s.get());
+        const Db db = OpenDatabase(path, false, READ_BUSY_MS);
+        if (!db)
+            return SQLITE_CANTOPEN;
+        const Statement s = Prepare(db, "SELECT name, type, bytes FROM setting WHERE key = ?1");
+        if (!s) {
+            const int rc = sqlite3_errcode(db.get());
+            return rc == SQLITE_ERROR ? SQLITE_DONE : rc;  // no table yet: nothing is stored
         }
-        Execute(db, bOk ? "COMMIT" : "ROLLBACK");  // a failed commit is rolled back when the database closes
+        BindText(s, 1, m_sKey);
+        int rc;
+        while ((rc = sqlite3_step(s.get())) == SQLITE_ROW) {
+            const auto* pName = reinterpret_cast<const char*>(sqlite3_column_text(s.get(), 0));
+            const auto* pData = static_cast<const uint8_t*>(sqlite3_column_blob(s.get(), 2));
+            const auto n = static_cast<size_t>(sqlite3_column_bytes(s.get(), 2));
+            m_aValues.push_back({ pName ? pName : "", static_cast<uint32_t>(sqlite3_column_int64(s.get(), 1)),
+                                  pData ? std::vector<uint8_t>(pData, pData + n) : std::vector<uint8_t>() });
+        }
+        return rc;
     }
 
     const std::string m_sKey;
@@ -210,19 +463,12 @@ private:
 
 std::unique_ptr<SettingsKey> OpenSettings(const wchar_t* szKey)
 {
-    const Db db = OpenDatabase(false);
-    if (!db)
-        return nullptr;
     auto pKey = std::make_unique<DatabaseKey>(szKey);
-    return pKey->Load(db) ? std::move(pKey) : nullptr;
+    return pKey->Load() ? std::move(pKey) : nullptr;
 }
 
-std::unique_ptr<SettingsKey> CreateSettings(const wchar_t* szKey)
-{
-    const Db db = OpenDatabase(true);
-    if (!db)
-        return nullptr;
-    return std::make_unique<DatabaseKey>(szKey);
-}
+std::unique_ptr<SettingsKey> CreateSettings(const wchar_t* szKey) { return std::make_unique<DatabaseKey>(szKey); }
+
+void FlushSettings() { Writer::Current().Flush(); }
 
 }  // namespace platform

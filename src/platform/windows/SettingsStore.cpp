@@ -42,5 +42,6 @@ std::unique_ptr<SettingsKey> Key(Operation operation, const wchar_t* szKey)
 
 std::unique_ptr<SettingsKey> OpenSettings(const wchar_t* szKey) { return Key(&RegOpenKeyW, szKey); }
 std::unique_ptr<SettingsKey> CreateSettings(const wchar_t* szKey) { return Key(&RegCreateKeyW, szKey); }
+void FlushSettings() {}  // every value is written when it is set
 
 }  // namespace platform

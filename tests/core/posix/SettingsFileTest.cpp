@@ -1,5 +1,6 @@
 // The store as a file that several processes share.
 #include <gtest/gtest.h>
+#include <pwd.h>
 #include <signal.h>
 #include <sqlite3.h>
 #include <stdlib.h>
@@ -7,8 +8,10 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <vector>
 
 #include "core/TestCamera.h"
 #include "platform/SettingsStore.h"
@@ -16,6 +19,15 @@
 
 namespace fs = std::filesystem;
 using namespace platform;
+
+// Comes before the system's: the home of a user without HOME.
+static char g_szPasswdHome[256];
+extern "C" int getpwuid_r(uid_t, passwd* pEntry, char*, size_t, passwd** ppResult)
+{
+    pEntry->pw_dir = g_szPasswdHome;
+    *ppResult = pEntry;
+    return 0;
+}
 
 namespace {
 
@@ -29,19 +41,23 @@ protected:
 
 constexpr wchar_t const* NAMES[] = { L"a", L"b", L"c", L"d", L"e", L"f", L"g", L"h" };
 
-void SaveGeneration(uint32_t dw)
+void SaveLater(const wchar_t* szKey, uint32_t dw)
 {
-    auto pKey = OpenSettings(KEY);
-    if (!pKey)
-        pKey = CreateSettings(KEY);
+    const auto pKey = CreateSettings(szKey);
     for (const wchar_t* sz : NAMES)
         pKey->Set(sz, SETTING_DWORD, &dw, sizeof dw);
 }
 
-// The generation that all values are of; -1 when they are mixed, 0 when there are none.
-int64_t LoadGeneration()
+void SaveGeneration(uint32_t dw, const wchar_t* szKey = KEY)
 {
-    const auto pKey = OpenSettings(KEY);
+    SaveLater(szKey, dw);
+    FlushSettings();
+}
+
+// The generation that all values are of; -1 when they are mixed, 0 when there are none.
+int64_t LoadGeneration(const wchar_t* szKey = KEY)
+{
+    const auto pKey = OpenSettings(szKey);
     if (!pKey)
         return 0;
     uint32_t dwFirst = 0;
@@ -78,27 +94,66 @@ TEST_F(SettingsFile, AnUnusableStoreIsNoError)
 {
     TestCamera cam;
     cam.m_iGain = 5;
-    const auto unusable = [&](const char* what) {
-        SCOPED_TRACE(what);
+    const auto saved = [&] {
         cam.SaveSetting(KEY);
+        FlushSettings();
         TestCamera other;
         other.m_iGain = 8;
         other.LoadSetting(KEY);
-        EXPECT_EQ(other.m_iGain, 8);
+        return other.m_iGain == 5;
     };
-    fs::create_directories(Database().parent_path());
-    std::ofstream(Database()) << std::string(5000, 'x');
-    unusable("not a database");
-    setenv("XDG_CONFIG_HOME", "/dev/null/x", 1);
-    unusable("folder cannot be made");
     const std::string sHome = getenv("HOME") ? getenv("HOME") : "";
+    setenv("XDG_CONFIG_HOME", "/dev/null/x", 1);
+    EXPECT_FALSE(saved()) << "folder cannot be made";
     unsetenv("XDG_CONFIG_HOME");
     unsetenv("HOME");
-    unusable("no home");
+    EXPECT_FALSE(saved()) << "no home";
+    strcpy(g_szPasswdHome, (m_store.Dir() / "passwd").c_str());
+    EXPECT_TRUE(saved());
+    EXPECT_TRUE(fs::exists(m_store.Dir() / "passwd" / ".config" / "kovcamera2" / "settings.db"));
     setenv("HOME", m_store.Dir().c_str(), 1);
-    cam.SaveSetting(KEY);
+    EXPECT_TRUE(saved());
     EXPECT_TRUE(fs::exists(m_store.Dir() / ".config" / "kovcamera2" / "settings.db"));
     setenv("HOME", sHome.c_str(), 1);
+}
+
+TEST_F(SettingsFile, ADamagedFileIsPutAsideAndANewOneBegun)
+{
+    for (const bool bReadFirst : { true, false }) {
+        fs::create_directories(Database().parent_path());
+        std::ofstream(Database()) << std::string(5000, 'x');
+        if (bReadFirst) {
+            EXPECT_EQ(LoadGeneration(), 0);
+        }
+        SaveGeneration(7);
+        EXPECT_EQ(LoadGeneration(), 7);
+        size_t uAside = 0;
+        for (const auto& entry : fs::directory_iterator(Database().parent_path()))
+            uAside += entry.path().extension() == ".damaged" && entry.file_size() == 5000;
+        EXPECT_EQ(uAside, 1u);
+        fs::remove_all(Database().parent_path());
+    }
+}
+
+TEST_F(SettingsFile, SixProcessesSavingAtOnceLoseNothing)
+{
+    static std::wstring s_sKey;
+    std::vector<pid_t> pids;
+    for (int i = 0; i < 6; ++i) {
+        s_sKey = std::wstring(KEY) + std::to_wstring(i);
+        pids.push_back(Child([] {
+            for (uint32_t n = 1; n <= 50; ++n) {
+                SaveGeneration(n, s_sKey.c_str());
+                if (LoadGeneration(s_sKey.c_str()) != n)
+                    _exit(1);
+            }
+        }));
+    }
+    for (const pid_t pid : pids) {
+        int iStatus = -1;
+        waitpid(pid, &iStatus, 0);
+        EXPECT_EQ(iStatus, 0);
+    }
 }
 
 TEST_F(SettingsFile, TwoProcessesSavingAtOnceNeverMix)
@@ -133,16 +188,28 @@ TEST_F(SettingsFile, AKilledProcessLeavesTheOldValues)
     }
 }
 
-TEST_F(SettingsFile, AStoreThatIsHeldDelaysASaveAndNoMore)
+// Longer than a reader waits: what cannot be read is not taken for nothing, and a save neither waits nor gets lost.
+TEST_F(SettingsFile, AStoreThatIsHeld)
 {
-    SaveGeneration(1);
+    TestCamera cam;
+    cam.m_iGain = 5;
+    cam.SaveSetting(KEY);
+    FlushSettings();
     sqlite3* db = nullptr;
     ASSERT_EQ(sqlite3_open(Database().c_str(), &db), SQLITE_OK);
-    ASSERT_EQ(sqlite3_exec(db, "BEGIN EXCLUSIVE", nullptr, nullptr, nullptr), SQLITE_OK);
-    TestCamera cam;
+    ASSERT_EQ(sqlite3_exec(db, "PRAGMA locking_mode = EXCLUSIVE; BEGIN EXCLUSIVE", nullptr, nullptr, nullptr), SQLITE_OK);
+    TestCamera late;
+    late.m_iGain = 8;
+    late.LoadSetting(KEY);
+    EXPECT_EQ(late.m_iGain, 8);
     const auto t0 = std::chrono::steady_clock::now();
-    cam.SaveSetting(KEY);
-    EXPECT_LT(std::chrono::steady_clock::now() - t0, std::chrono::seconds(4));
+    late.SaveSetting(KEY);
+    SaveLater(L"SOFTWARE\\KOVOther", 3);
+    EXPECT_LT(std::chrono::steady_clock::now() - t0, std::chrono::milliseconds(100));
+    usleep(1200000);
     sqlite3_close(db);
-    EXPECT_EQ(LoadGeneration(), 1);
+    FlushSettings();
+    EXPECT_EQ(LoadGeneration(L"SOFTWARE\\KOVOther"), 3);
+    late.LoadSetting(KEY);
+    EXPECT_EQ(late.m_iGain, 5) << "it was there all the time";
 }

@@ -3,6 +3,8 @@
 #include <cstdlib>
 #include <string>
 
+#include "platform/SettingsStore.h"
+
 struct TempStore::Impl {};
 
 TempStore::TempStore()
@@ -14,6 +16,7 @@ TempStore::TempStore()
 
 TempStore::~TempStore()
 {
+    platform::FlushSettings();
     ::unsetenv("XDG_CONFIG_HOME");
     std::error_code ec;
     std::filesystem::remove_all(m_dir, ec);
