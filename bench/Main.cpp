@@ -1,9 +1,11 @@
-// Runs the benchmarks and prints how the library stands against its yardsticks. KOV_BENCH_TARGET=AVX2 (or another of the
-// names that are printed) measures a lesser instruction set.
+// Runs the benchmarks and prints how the library stands against its yardsticks. --isa avx2 (or another of the names that are
+// printed) measures a lesser instruction set.
+#include <strings.h>
+
+#include <algorithm>
 #include <cstdio>
-#include <cstdlib>
-#include <cstring>
 #include <map>
+#include <string>
 #include <vector>
 
 #include "base/Log.h"
@@ -14,12 +16,12 @@
 
 namespace {
 
-// Collects the times; of repetitions the best counts, since disturbances only ever add.
+// Collects the times. Their medians count: the repetitions of all benchmarks run interleaved, so that a disturbance hits
+// both sides of a ratio.
 class Ratios : public benchmark::ConsoleReporter {
 public:
     void ReportRuns(const std::vector<Run>& runs) override
     {
-        ConsoleReporter::ReportRuns(runs);
         for (const Run& r : runs) {
             if (r.run_type != Run::RT_Iteration || r.error_occurred)
                 continue;
@@ -27,74 +29,113 @@ public:
             const size_t a = name.find('/'), b = name.rfind('/');
             if (a == std::string::npos || a == b)
                 continue;
-            Times& times = m_times[{ name.substr(b + 1), name.substr(0, a) }];
             // A benchmark that takes its own time has its reasons.
             const double ms = r.run_name.time_type.empty() ? r.GetAdjustedCPUTime() : r.GetAdjustedRealTime();
-            const auto [it, isNew] = times.emplace(name.substr(a + 1, b - a - 1), ms);
-            if (!isNew && ms < it->second)
-                it->second = ms;
+            m_times[{ name.substr(b + 1), name.substr(0, a) }][name.substr(a + 1, b - a - 1)].push_back(ms);
+            if (!r.counters.empty())
+                ConsoleReporter::ReportRuns({ r });
         }
     }
 
-    void PrintTable() const
+    // Tab-separated, for the picture of the documents.
+    void PrintTable(const char* isa, std::FILE* pTsv)
     {
-        std::printf("\n%-11s %-28s %9s   %-24s %9s   %s\n", "frame", "operation", "ms", "beside", "ms", "times as fast");
-        for (const auto& [key, times] : m_times) {
-            const auto own = times.find("kov");
+        std::printf("\nmedians in ms, %s; a ratio to a yardstick above 1 is faster, one to the floor is at best 1\n", isa);
+        std::printf("%-11s %-40s %9s %9s %7s   %-28s %9s %7s\n", "frame", "operation", "ours", "floor", "ratio", "beside", "ms",
+                    "faster");
+        for (auto& [key, times] : m_times) {
+            const auto own = times.find("kov"), floor = times.find(bench::FLOOR);
             if (own == times.end())
                 continue;
-            for (const auto& [by, ms] : times)
-                if (by != "kov")
-                    std::printf("%-11s %-28s %9.3f   %-24s %9.3f   %6.2f\n", key.first.c_str(), key.second.c_str(),
-                                own->second, by.c_str(), ms, ms / own->second);
+            const double ms = Median(own->second), least = floor == times.end() ? 0 : Median(floor->second);
+            for (auto& [by, theirs] : times) {
+                if (by == "kov" || by == bench::FLOOR)
+                    continue;
+                const double other = Median(theirs);
+                std::printf("%-11s %-40s %9.3f ", key.first.c_str(), key.second.c_str(), ms);
+                if (least > 0)
+                    std::printf("%9.3f %7.2f   ", least, ms / least);
+                else
+                    std::printf("%9s %7s   ", "", "");
+                std::printf("%-28s %9.3f %7.2f\n", by.c_str(), other, other / ms);
+                if (pTsv)
+                    std::fprintf(pTsv, "%s\t%s\t%s\t%g\t%g\t%s\t%g\n", isa, key.first.c_str(), key.second.c_str(), ms, least, by.c_str(),
+                                 other);
+            }
         }
     }
 
 private:
-    using Times = std::map<std::string, double>;                       // by whom -> ms
+    static double Median(std::vector<double>& v)
+    {
+        const auto middle = v.begin() + static_cast<ptrdiff_t>(v.size() / 2);
+        std::nth_element(v.begin(), middle, v.end());
+        return *middle;
+    }
+    using Times = std::map<std::string, std::vector<double>>;          // by whom -> ms
     std::map<std::pair<std::string, std::string>, Times> m_times;      // (size, operation)
 };
 
-// False if the machine has no such target.
-bool ChooseTarget(const char* wanted)
+// The name of the set that is measured; nullptr if the machine has no such.
+const char* ChooseTarget(const std::string& wanted)
 {
     int64_t chosen = 0;
+    const char *name = nullptr, *best = nullptr;
     std::printf("instruction sets:");
     for (int64_t rest = hwy::SupportedTargets() & HWY_TARGETS; rest != 0; rest &= rest - 1) {
-        const char* name = hwy::TargetName(rest & -rest);
-        if (wanted && std::strcmp(name, wanted) == 0)
+        const char* const here = hwy::TargetName(rest & -rest);
+        best = best ? best : here;
+        if (strcasecmp(here, wanted.c_str()) == 0) {
+            name = here;
             chosen = rest & -rest;
-        std::printf(" %s", name);
+        }
+        std::printf(" %s", here);
     }
-    std::printf("; measured: %s\n", wanted ? wanted : "the first");
+    std::printf("\n");
     hwy::SetSupportedTargetsForTest(chosen);
     hwy::GetChosenTarget().Update(hwy::SupportedTargets());
-    return !wanted || chosen != 0;
+    return wanted.empty() ? best : name;
 }
 
 }  // namespace
 
 int main(int argc, char** argv)
 {
-    benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv))
+    std::string isa, tsv;
+    // Whatever comes later on the command line wins.
+    std::vector<std::string> words = { argv[0], "--benchmark_repetitions=5", "--benchmark_enable_random_interleaving=true",
+                                       "--benchmark_min_time=0.1" };
+    for (int i = 1; i < argc; ++i) {
+        const std::string word = argv[i];
+        if ((word == "--isa" || word == "--tsv") && i + 1 < argc)
+            (word == "--isa" ? isa : tsv) = argv[++i];
+        else
+            words.push_back(word);
+    }
+    std::vector<char*> args;
+    for (std::string& word : words)
+        args.push_back(word.data());
+    args.push_back(nullptr);
+    int n = static_cast<int>(words.size());
+    benchmark::Initialize(&n, args.data());
+    if (benchmark::ReportUnrecognizedArguments(n, args.data()))
         return 1;
-    if (!ChooseTarget(std::getenv("KOV_BENCH_TARGET"))) {
-        std::fprintf(stderr, "kovbench: this machine does not have the instruction set that KOV_BENCH_TARGET names\n");
+    const char* const chosen = ChooseTarget(isa);
+    if (!chosen) {
+        std::fprintf(stderr, "kovbench: this machine does not have the instruction set %s; choose one of those above\n", isa.c_str());
         return 1;
     }
-    logging::Configure(nullptr, nullptr);
-    benchmark::RegisterBenchmark("log line, off", [](benchmark::State& state) {
-        int i = 0;
-        for (auto _ : state) {
-            KOV_LOG(Debug, "%d", i);
-            benchmark::DoNotOptimize(++i);
-        }
-    });
+    std::FILE* const pTsv = tsv.empty() ? nullptr : std::fopen(tsv.c_str(), "w");
+    if (!tsv.empty() && !pTsv) {
+        std::fprintf(stderr, "kovbench: cannot write %s\n", tsv.c_str());
+        return 1;
+    }
     bench::RegisterPixelBenchmarks();
     bench::RegisterCameraBenchmarks();
     Ratios reporter;
     benchmark::RunSpecifiedBenchmarks(&reporter);
-    reporter.PrintTable();
+    reporter.PrintTable(chosen, pTsv);
+    if (pTsv)
+        std::fclose(pTsv);
     return 0;
 }

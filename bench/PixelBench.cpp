@@ -49,6 +49,8 @@ void RegisterDemosaic(const std::shared_ptr<Frames>& f, const std::shared_ptr<CA
     const Size s = f->size;
     Register("demosaic", "kov", s, [=] { a->Bayer2RGB24_RG(f->raw.data(), f->out.data(), s.w, s.h); });
     Register("demosaic", "copy of the result", s, [=] { std::memcpy(f->out.data(), f->between.data(), 3 * f->pixels); });
+    for (const char* op : { "demosaic", "demosaic with gains" })
+        Register(op, FLOOR, s, [=] { std::memcpy(f->out.data(), f->between.data(), 2 * f->pixels); });
     // The gain tables belong to the process: they are set for this one operation and put back.
     Register("demosaic with gains", "kov", s, [=] {
         a->SetRGBWB(70, 90);
