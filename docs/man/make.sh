@@ -28,4 +28,5 @@ page kovsim kovsim
 for command in $("$bin/kovcam" --help | sed '1,/^Subcommands:/d' | awk '/^  [a-z]/ { print $1 }'); do
     page "kovcam-$command" kovcam "$command"
 done
+scdoc <indi_kov_ccd.1.scd >"$out/indi_kov_ccd.1"
 scdoc <KOVCamera2.3.scd >"$out/KOVCamera2.3"

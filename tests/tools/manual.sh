@@ -30,6 +30,7 @@ for page in "$dir"/*.1; do
     case $name in
     kovcam) "$bin/kovcam" --help >"$dir/help" ;;
     kovsim) help kovsim >"$dir/help" ;;
+    indi_kov_ccd) continue ;;  # takes no options
     *) help kovcam "${name#kovcam-}" >"$dir/help" ;;
     esac
     sections "$page" "OPTIONS COMMANDS"
