@@ -122,14 +122,24 @@ struct Rig {
         // The camera's buffers come untouched from the system: the first frames would pay for their pages.
         cam.m_ImgType = IMAGE_16BIT;
         cam.m_bOutput16Bits = true;
-        for (int i = 0; i < 4; ++i) {
-            cam.m_pFrameExchange->Insert(raw.data(), static_cast<int32_t>(raw.size()));
+        block = cam.m_pFrameExchange->MakeBlock();
+        for (int i = 0; i < 8; ++i) {  // all blocks of the ring have the frame then
+            std::memcpy(block, raw.data(), raw.size());
+            HandOver(raw.size());
             cam.GetImage(out.data(), static_cast<int>(out.size()), 1000);
         }
+    }
+    // As the capture loop does it.
+    void HandOver(size_t bytes)
+    {
+        block = cam.m_pFrameExchange->HandOver(block, static_cast<int32_t>(bytes));
+        if (!block)
+            std::abort();
     }
     Size size;
     size_t pixels;
     BenchCamera cam;
+    uint8_t* block = nullptr;
     std::vector<uint8_t> raw, slot, work, out, between, dark, lut, balance;
 };
 
@@ -218,7 +228,7 @@ void RegisterGetImage(const std::shared_ptr<Rig>& r, const Delivery& d)
         if (const int gamma = d.work & GAMMA ? 30 : 50; cam.m_iGamma != gamma)
             cam.SetGamma(gamma);
         cam.m_Algorithm.SetRGBWB(d.work & BALANCE ? 70 : 50, d.work & BALANCE ? 90 : 50);
-        cam.m_pFrameExchange->Insert(r->raw.data(), static_cast<int32_t>(in));
+        r->HandOver(in);
         if (!cam.GetImage(r->out.data(), static_cast<int>(out), 1000))
             std::abort();
     });
