@@ -51,7 +51,11 @@ struct Opened {
     Format format;
 };
 
-struct VideoCount { int frames; double seconds; int dropped; };
+struct VideoCount {
+    int frames;
+    double seconds;
+    int dropped;
+};
 
 // What a camera tells. Called on its threads; each call is to return soon, and none comes after Ended().
 class Listener {
@@ -61,13 +65,13 @@ public:
     virtual void OnOpenFailed(const std::string& why) = 0;
     virtual void OnClosed() = 0;
     virtual void OnFormat(const Format& inForce) = 0;
-    virtual void OnControls(const ControlStates& states) = 0;     // when a value differs from the last one told
-    virtual void OnRefused(const std::string& why) = 0;           // a wish that the camera did not fulfil
+    virtual void OnControls(const ControlStates& states) = 0;  // when a value differs from the last one told
+    virtual void OnRefused(const std::string& why) = 0;        // a wish that the camera did not fulfil
     virtual void OnExposed(int tag, const Format& format, const std::vector<uint8_t>& image) = 0;
     virtual void OnExposureFailed(int tag, const std::string& why) = 0;
     virtual void OnFrame(const Format& format, std::vector<uint8_t>& image) = 0;  // the image may be changed
-    virtual void OnVideoCount(const VideoCount& count) = 0;       // about once a second
-    virtual void OnVideoEnded(const std::string& why) = 0;        // by itself, not by StopVideo
+    virtual void OnVideoCount(const VideoCount& count) = 0;                       // about once a second
+    virtual void OnVideoEnded(const std::string& why) = 0;                        // by itself, not by StopVideo
     virtual void OnPulseDone(int axis) = 0;
     virtual void OnDark(bool inUse, const std::string& what) = 0;
     virtual void OnVerified() = 0;
@@ -160,7 +164,10 @@ private:
     // The guide port: the wishes and the running pulses, by axis.
     std::mutex m_pulseMutex;
     std::condition_variable m_pulseWake;
-    struct Running { int pin; Clock::time_point end; };
+    struct Running {
+        int pin;
+        Clock::time_point end;
+    };
     std::array<std::optional<std::pair<int, std::chrono::milliseconds>>, 2> m_asked;
     bool m_pulsesEnd = false;
     // Held during a call to the port, and while the worker gives the port away or takes it back.

@@ -1,5 +1,5 @@
-// A camera as a device of the framework: translates properties into calls of Camera, and what Camera tells into properties.
-// Everything runs on the event loop but what is marked.
+// A camera as a device of the framework: translates properties into calls of Camera, and what Camera tells into
+// properties. Everything runs on the event loop but what is marked.
 #pragma once
 #include <indiccd.h>
 
@@ -33,11 +33,11 @@ public:
     KnownCamera Known() const;
     int Serial() const { return m_serial; }
     bool HasEnded() const { return m_ended; }  // any thread
-    void UploadTurn();  // this device may upload its picture now
+    void UploadTurn();                         // this device may upload its picture now
     bool HasLeft() const { return m_leaving; }
     void Verify() { m_camera->Verify(); }
     void ForgetVerified() { m_verified = false; }
-    void Leave();     // the camera is gone: clients lose the device at once, the object goes when its threads have ended
+    void Leave();  // the camera is gone: clients lose the device at once, the object goes when its threads have ended
     void EndCamera() { m_camera->End(); }
 
 protected:
@@ -96,8 +96,8 @@ private:
     void BeginWarmUp();
     void StepWarmUp();
     template <class Value>
-    bool Defer(bool (Device::*handler)(const char*, const char*, Value*, char**, int), const char* name, Value* values, char** names,
-               int n);
+    bool Defer(bool (Device::*handler)(const char*, const char*, Value*, char**, int), const char* name, Value* values,
+               char** names, int n);
     bool IsBusy(const char* what);
     IPState Guide(int pin, uint32_t ms);
     bool Lists(KOV_CONTROL_TYPE type) const;
@@ -127,9 +127,17 @@ private:
     Format m_streamFormat;  // the worker's
     double m_streamExposure = 0;
     bool m_refused = false;
-    struct { double start = 0; std::chrono::steady_clock::time_point began; bool runs = false; } m_warmUp;
+    struct {
+        double start = 0;
+        std::chrono::steady_clock::time_point began;
+        bool runs = false;
+    } m_warmUp;
 
-    struct { ControlStates states; Format format; bool dark = false; } m_shot;  // of the picture that is uploaded
+    struct {
+        ControlStates states;
+        Format format;
+        bool dark = false;
+    } m_shot;  // of the picture that is uploaded
 
     INDI::PropertyNumber m_controls{ 0 }, m_coolerPower{ 1 }, m_videoCount{ 2 }, m_darkFrames{ 1 };
     INDI::PropertySwitch m_modes{ 0 }, m_cooler{ 2 }, m_hardwareBin{ 2 }, m_warmUpSwitch{ 2 }, m_dark{ 3 };

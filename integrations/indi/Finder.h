@@ -14,8 +14,8 @@ struct Sighting {
     std::optional<std::string> id;  // user ID; empty: none stored; no value: not looked at, one of the model is in use
 };
 
-// Begins to look, until the process ends. `onChange` gets all cameras whenever the models on the bus differ from last time,
-// and `onError` why there can be none; both on the finder's thread.
+// Begins to look, until the process ends. `onChange` gets all cameras whenever the models on the bus differ from last
+// time, and `onError` why there can be none; both on the finder's thread.
 void StartFinder(std::function<void(std::vector<Sighting>)> onChange, std::function<void(std::string)> onError);
 void LookAgain();  // soon, and tells the result in any case
 

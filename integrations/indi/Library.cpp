@@ -1,11 +1,11 @@
 #include "Library.h"
 
 #include <dlfcn.h>
+#include <fcntl.h>
 #include <sys/mman.h>
 #include <sys/sendfile.h>
 #include <sys/stat.h>
 #include <unistd.h>
-#include <fcntl.h>
 
 #include <mutex>
 #include <stdexcept>
@@ -25,8 +25,7 @@ namespace {
 std::string FindFile()
 {
     Dl_info facts{};
-    if (dladdr(reinterpret_cast<void*>(&KOVGetNumOfConnectedCameras), &facts) == 0)
-        Fail("its file is not known");
+    if (dladdr(reinterpret_cast<void*>(&KOVGetNumOfConnectedCameras), &facts) == 0) Fail("its file is not known");
     return facts.dli_fname;
 }
 
@@ -37,8 +36,7 @@ std::string CopyInMemory(const std::string& path)
     const int from = open(path.c_str(), O_RDONLY | O_CLOEXEC);
     const int to = memfd_create("KOVCamera2", MFD_CLOEXEC);
     struct stat facts {};
-    if (from < 0 || to < 0 || fstat(from, &facts) != 0)
-        Fail("no copy of " + path + " can be made");
+    if (from < 0 || to < 0 || fstat(from, &facts) != 0) Fail("no copy of " + path + " can be made");
     for (off_t done = 0; done < facts.st_size;)
         if (sendfile(to, from, &done, static_cast<size_t>(facts.st_size - done)) <= 0)
             Fail("no copy of " + path + " can be made");
@@ -50,8 +48,7 @@ template <class Function>
 void Bind(void* handle, const char* name, Function& function)
 {
     function = reinterpret_cast<Function>(dlsym(handle, name));
-    if (function == nullptr)
-        Fail(std::string("it has no ") + name);
+    if (function == nullptr) Fail(std::string("it has no ") + name);
 }
 
 std::unique_ptr<Library> Load()
@@ -59,8 +56,7 @@ std::unique_ptr<Library> Load()
     static const std::string path = FindFile();
     // Bound to itself, not to the one that this program is linked with.
     void* handle = dlopen(CopyInMemory(path).c_str(), RTLD_NOW | RTLD_LOCAL | RTLD_DEEPBIND);
-    if (handle == nullptr)
-        Fail(dlerror());
+    if (handle == nullptr) Fail(dlerror());
     auto library = std::make_unique<Library>();
 #define KOV_BIND(name) Bind(handle, "KOV" #name, library->name)
     KOV_BIND(GetNumOfConnectedCameras);

@@ -12,7 +12,8 @@ namespace kovindi {
 
 // --- names ---
 
-// The user ID of a camera's flash as text: its characters up to the first zero where all can be printed, else hexadecimal.
+// The user ID of a camera's flash as text: its characters up to the first zero where all can be printed, else
+// hexadecimal.
 std::string IdText(const KOV_ID& id);
 // "Model", or "Model (ID)", or "Model 2" for a second one without ID that nothing else tells apart.
 std::string DeviceName(const std::string& model, const std::string& id, int ordinal);
@@ -25,7 +26,7 @@ struct KnownCamera {
     std::string id;  // empty: none
     int ordinal = 1;
     bool open = false;
-    bool failed = false;  // nothing good came from it since a failure
+    bool failed = false;    // nothing good came from it since a failure
     bool verified = false;  // it answered after a camera of its model had gone
 };
 // What is to be done about the cameras of one model, when so many are on the bus.
@@ -46,8 +47,8 @@ struct Region {
 // Sizes in output pixels for a wish in unbinned ones, in the order in which a camera is to be asked for them: cameras
 // differ in what they align to, and only the camera itself tells.
 std::vector<std::pair<int, int>> SizesToTry(const Region& wish, int bin, int maxWidth, int maxHeight);
-// The start that is in force, in unbinned pixels. A value far from what was asked for is not believed: cameras whose rows
-// count from the bottom report it unscaled when binned.
+// The start that is in force, in unbinned pixels. A value far from what was asked for is not believed: cameras whose
+// rows count from the bottom report it unscaled when binned.
 int StartInForce(int asked, int reported, int bin, int size, int max);
 
 // --- pixels ---

@@ -33,8 +33,7 @@ void Drain(int fd, void*)
         const std::lock_guard lock(TheQueue().mutex);
         work.swap(TheQueue().work);
     }
-    for (const auto& w : work)
-        w();
+    for (const auto& w : work) w();
 }
 
 }  // namespace

@@ -4,7 +4,7 @@
 
 namespace kovindi {
 
-void StartMainThreadQueue();  // on the main thread, before the others
+void StartMainThreadQueue();                    // on the main thread, before the others
 void OnMainThread(std::function<void()> work);  // from any thread; in the order of the calls
 
 }  // namespace kovindi

@@ -2,12 +2,12 @@
 #pragma once
 #include <baseclient.h>
 #include <basedevice.h>
+#include <gtest/gtest.h>
 #include <indiproperty.h>
 #include <indipropertyblob.h>
 #include <indipropertynumber.h>
 #include <indipropertyswitch.h>
 #include <indipropertytext.h>
-#include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/prctl.h>
 #include <sys/stat.h>
@@ -48,20 +48,23 @@ public:
     }
     // Within conditions of Wait only.
     double Number(const std::string& key) const { return m_numbers.count(key) ? m_numbers.at(key) : NAN; }
-    bool Is(const std::string& property, IPState state) const { return m_states.count(property) && m_states.at(property) == state; }
+    bool Is(const std::string& property, IPState state) const
+    {
+        return m_states.count(property) && m_states.at(property) == state;
+    }
     bool Has(const std::string& device) const { return m_devices.count(device) != 0; }
     size_t Blobs() const { return m_blobs.size(); }
     size_t Changes(const std::string& property) const { return m_changes.count(property) ? m_changes.at(property) : 0; }
     bool Said(const std::string& part) const
     {
-        return std::any_of(m_messages.begin(), m_messages.end(), [&](const auto& m) { return m.find(part) != std::string::npos; });
+        return std::any_of(m_messages.begin(), m_messages.end(),
+                           [&](const auto& m) { return m.find(part) != std::string::npos; });
     }
     std::string Messages()
     {
         const std::lock_guard lock(m_mutex);
         std::string all;
-        for (const auto& m : m_messages)
-            all += m + "\n";
+        for (const auto& m : m_messages) all += m + "\n";
         return all;
     }
     Blob TakeBlob()
@@ -76,7 +79,10 @@ public:
         const std::lock_guard lock(m_mutex);
         return Number(key);
     }
-    bool Knows(const std::string& property) const { return m_states.count(property) && m_states.at(property) != IPS_BUSY; }
+    bool Knows(const std::string& property) const
+    {
+        return m_states.count(property) && m_states.at(property) != IPS_BUSY;
+    }
     void Forget(const std::string& property)  // a state that was told before
     {
         const std::lock_guard lock(m_mutex);
@@ -88,8 +94,7 @@ public:
         INDI::PropertyNumber p = getDevice(device.c_str()).getNumber(property.c_str());
         ASSERT_TRUE(p.isValid()) << property;
         for (size_t i = 0; i < p.size(); ++i)
-            if (const auto v = values.find(p[i].getName()); v != values.end())
-                p[i].setValue(v->second);
+            if (const auto v = values.find(p[i].getName()); v != values.end()) p[i].setValue(v->second);
         Forget(device + "." + property);
         sendNewNumber(p);
     }
@@ -97,29 +102,37 @@ public:
     {
         INDI::PropertySwitch p = getDevice(device.c_str()).getSwitch(property.c_str());
         ASSERT_TRUE(p.isValid()) << property;
-        for (size_t i = 0; i < p.size(); ++i)
-            p[i].setState(p[i].isNameMatch(on) ? ISS_ON : ISS_OFF);
+        for (size_t i = 0; i < p.size(); ++i) p[i].setState(p[i].isNameMatch(on) ? ISS_ON : ISS_OFF);
         Forget(device + "." + property);
         sendNewSwitch(p);
     }
 
 protected:
-    void newDevice(INDI::BaseDevice d) override { Note([&] { m_devices.insert(d.getDeviceName()); }); }
+    void newDevice(INDI::BaseDevice d) override
+    {
+        Note([&] { m_devices.insert(d.getDeviceName()); });
+    }
     void removeDevice(INDI::BaseDevice d) override
     {
         Note([&] {
             m_devices.erase(d.getDeviceName());
-            std::erase_if(m_states, [&](const auto& s) { return s.first.starts_with(std::string(d.getDeviceName()) + "."); });
+            std::erase_if(m_states,
+                          [&](const auto& s) { return s.first.starts_with(std::string(d.getDeviceName()) + "."); });
         });
     }
     void newProperty(INDI::Property p) override
     {
         Note([&] { m_devices.insert(p.getDeviceName()); });  // one that comes back is no new device to the framework
-        if (p.getType() != INDI_BLOB)
-            updateProperty(p);
+        if (p.getType() != INDI_BLOB) updateProperty(p);
     }
-    void removeProperty(INDI::Property p) override { Note([&] { m_states.erase(Key(p)); }); }
-    void newMessage(INDI::BaseDevice d, int id) override { Note([&] { m_messages.push_back(d.messageQueue(id)); }); }
+    void removeProperty(INDI::Property p) override
+    {
+        Note([&] { m_states.erase(Key(p)); });
+    }
+    void newMessage(INDI::BaseDevice d, int id) override
+    {
+        Note([&] { m_messages.push_back(d.messageQueue(id)); });
+    }
     void updateProperty(INDI::Property p) override
     {
         Note([&] {
@@ -127,11 +140,9 @@ protected:
             m_states[key] = p.getState();
             ++m_changes[key];
             if (p.getType() == INDI_NUMBER)
-                for (const auto& w : *p.getNumber())
-                    m_numbers[key + "." + w.getName()] = w.getValue();
+                for (const auto& w : *p.getNumber()) m_numbers[key + "." + w.getName()] = w.getValue();
             else if (p.getType() == INDI_SWITCH)
-                for (const auto& w : *p.getSwitch())
-                    m_numbers[key + "." + w.getName()] = w.getState() == ISS_ON;
+                for (const auto& w : *p.getSwitch()) m_numbers[key + "." + w.getName()] = w.getState() == ISS_ON;
             else if (p.getType() == INDI_BLOB)
                 for (const auto& w : *p.getBLOB())
                     if (w.getSize() > 0) {
@@ -181,9 +192,9 @@ public:
             setenv("KOV_TESTBUS_PIPE", pipe.c_str(), 1);
             setenv("KOV_TESTBUS_PINS", pins.c_str(), 1);
             setenv("LD_PRELOAD", KOV_TESTBUS, 1);
-            if (std::freopen((home / "server.log").c_str(), "a", stderr) == nullptr)
-                _exit(126);
-            execlp("indiserver", "indiserver", "-r", "0", "-m", "1000", "-u", socket.c_str(), "-p", port.c_str(), "-v", KOV_DRIVER, nullptr);
+            if (std::freopen((home / "server.log").c_str(), "a", stderr) == nullptr) _exit(126);
+            execlp("indiserver", "indiserver", "-r", "0", "-m", "1000", "-u", socket.c_str(), "-p", port.c_str(), "-v",
+                   KOV_DRIVER, nullptr);
             _exit(127);
         }
         m_port = static_cast<unsigned>(s_port);
@@ -202,15 +213,15 @@ public:
     void Dial(Client& c) const
     {
         c.setServer("127.0.0.1", m_port);
-        for (int i = 0; i < 200 && !c.connectServer(); ++i)
-            std::this_thread::sleep_for(25ms);
+        for (int i = 0; i < 200 && !c.connectServer(); ++i) std::this_thread::sleep_for(25ms);
     }
 
     // Connects the device and switches its pictures on.
     void Connect(const std::string& device) { Connect(device, client); }
     static void Connect(const std::string& device, Client& client)
     {
-        ASSERT_TRUE(client.Wait([&] { return client.Has(device) && client.Knows(device + ".CONNECTION"); }, 15s)) << device;
+        ASSERT_TRUE(client.Wait([&] { return client.Has(device) && client.Knows(device + ".CONNECTION"); }, 15s))
+            << device;
         if (!client.Wait([&] { return client.Is(device + ".CONNECTION", IPS_OK); }, 0s)) {
             client.Forget(device + ".CCD_CONTROLS");
             client.Switch(device, "CONNECTION", "CONNECT");

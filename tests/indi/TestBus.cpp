@@ -1,8 +1,9 @@
-// Preloaded into the driver: virtual cameras as kovsim has them, with cables that a test may pull and guide pins that tell
-// what they do. Commands are lines of the pipe KOV_TESTBUS_PIPE; edges of pins are lines of the file KOV_TESTBUS_PINS.
+// Preloaded into the driver: virtual cameras as kovsim has them, with cables that a test may pull and guide pins that
+// tell what they do. Commands are lines of the pipe KOV_TESTBUS_PIPE; edges of pins are lines of the file
+// KOV_TESTBUS_PINS.
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
-#include <chrono>
 #include <fstream>
 #include <sstream>
 #include <string>
@@ -16,8 +17,7 @@ void Obey(kovsim::VirtualBus* bus, const std::string& path)
 {
     for (;;) {
         std::ifstream pipe(path);  // waits for a writer
-        if (!pipe)
-            return;
+        if (!pipe) return;
         for (std::string line; std::getline(pipe, line);) {
             std::istringstream words(line);
             std::string verb;
@@ -25,8 +25,7 @@ void Obey(kovsim::VirtualBus* bus, const std::string& path)
             uint32_t kind = 0, times = 1;
             words >> verb >> n >> kind >> times;
             const auto cameras = bus->Cameras();
-            if (n >= cameras.size())
-                continue;
+            if (n >= cameras.size()) continue;
             if (verb == "unplug")
                 cameras[n]->Unplug();
             else if (verb == "replug")
@@ -40,8 +39,7 @@ void Obey(kovsim::VirtualBus* bus, const std::string& path)
 void WatchPins(kovsim::VirtualBus* bus, const std::string& path)
 {
     std::FILE* file = std::fopen(path.c_str(), "w");
-    if (file == nullptr)
-        return;
+    if (file == nullptr) return;
     const auto cameras = bus->Cameras();
     std::vector<unsigned> before(cameras.size());
     const auto start = std::chrono::steady_clock::now();
@@ -49,8 +47,7 @@ void WatchPins(kovsim::VirtualBus* bus, const std::string& path)
         for (size_t n = 0; n < cameras.size(); ++n)
             for (int pin = 0; pin < 4; ++pin) {
                 const unsigned bit = 1u << pin, now = cameras[n]->GuidePin(pin) ? bit : 0;
-                if ((before[n] & bit) == now)
-                    continue;
+                if ((before[n] & bit) == now) continue;
                 before[n] ^= bit;
                 const std::chrono::duration<double, std::milli> t = std::chrono::steady_clock::now() - start;
                 std::fprintf(file, "%zu %d %d %.2f\n", n, pin, now != 0, t.count());
@@ -71,12 +68,9 @@ extern "C" __attribute__((visibility("default"))) const usbstack::Plugin* KOVUsb
             return nullptr;
         }
         auto* bus = new kovsim::VirtualBus(options.dRate);
-        for (const auto& settings : options.cameras)
-            bus->Plug(settings);
-        if (const char* path = std::getenv("KOV_TESTBUS_PIPE"))
-            std::thread(Obey, bus, std::string(path)).detach();
-        if (const char* path = std::getenv("KOV_TESTBUS_PINS"))
-            std::thread(WatchPins, bus, std::string(path)).detach();
+        for (const auto& settings : options.cameras) bus->Plug(settings);
+        if (const char* path = std::getenv("KOV_TESTBUS_PIPE")) std::thread(Obey, bus, std::string(path)).detach();
+        if (const char* path = std::getenv("KOV_TESTBUS_PINS")) std::thread(WatchPins, bus, std::string(path)).detach();
         return new usbstack::Plugin{ 1, bus, options.dRate };
     }();
     return plugin;
