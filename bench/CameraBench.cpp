@@ -15,6 +15,7 @@
 #include "sensors/ModelTraits.h"
 #include "tests/support/RecordingStack.h"
 #include "usb/CUsbLink.h"
+#include "virtual/Imager.h"
 #include "virtual/VirtualBus.h"
 
 #ifdef KOV_BENCH_OPENCV
@@ -449,6 +450,50 @@ void RegisterOpen(uint16_t wProductId, const std::string& token)
     })->Unit(benchmark::kMillisecond)->UseManualTime()->Iterations(1);
 }
 
+// --- virtual cameras ------------------------------------------------------------------------------------------------
+
+// One core must compute a frame of the sky in half the time that the sensor takes for it: the rest is the host's.
+void RegisterVirtualFrame(uint16_t wProductId, const std::string& token)
+{
+    const auto half = std::make_shared<double>(0);
+    benchmark::RegisterBenchmark(("virtual frame/kov/" + token).c_str(), [=](benchmark::State& state) {
+        kovsim::VirtualBus bus;
+        platform::SetUsbStack(&bus);
+        kovsim::CameraSettings settings;
+        settings.wProductId = wProductId;
+        kovsim::VirtualCamera& camera = bus.Plug(settings);
+        const kovsim::ModelFacts& facts = camera.Facts();
+        if (KOVGetNumOfConnectedCameras() != 1 || KOVOpenCamera(0) != KOV_SUCCESS ||
+            KOVSetROIFormat(0, facts.iWidth, facts.iHeight, 1, IMG_RAW8) != KOV_SUCCESS ||
+            KOVSetControlValue(0, CTRL_BANDWIDTH, 100, KOV_FALSE) != KOV_SUCCESS ||
+            KOVSetControlValue(0, CTRL_EXPOSURE, 10000, KOV_FALSE) != KOV_SUCCESS || KOVStartVideoCapture(0) != KOV_SUCCESS)
+            std::abort();
+        std::vector<uint8_t> out(static_cast<size_t>(facts.iWidth) * static_cast<size_t>(facts.iHeight));
+        if (KOVGetVideoData(0, out.data(), static_cast<int32_t>(out.size()), 10000) != KOV_SUCCESS)
+            std::abort();
+        const kovsim::Readout readout = camera.CurrentReadout();
+        if (!readout.bStreaming || !readout.bValid)
+            std::abort();
+        KOVCloseCamera(0);
+        platform::SetUsbStack(nullptr);
+        *half = readout.dFrameUs / 2e6;
+        kovsim::Imager imager(facts, 1, 1, -1);
+        const auto scene = kovsim::Scene::Sky();
+        imager.Prepare(scene, 0, 0);
+        kovsim::Imager::Shot shot{ .dExposureUs = 10000 };
+        for (auto _ : state) {
+            const double start = Seconds(CLOCK_THREAD_CPUTIME_ID);
+            ++shot.uFrame;
+            imager.Expose(readout, shot, scene, out);
+            state.SetIterationTime(Seconds(CLOCK_THREAD_CPUTIME_ID) - start);
+        }
+    })->Unit(benchmark::kMillisecond)->UseManualTime()->Iterations(5);
+    benchmark::RegisterBenchmark(("virtual frame/half its frame time/" + token).c_str(), [=](benchmark::State& state) {
+        for (auto _ : state)
+            state.SetIterationTime(*half);
+    })->Unit(benchmark::kMillisecond)->UseManualTime()->Iterations(1);
+}
+
 }  // namespace
 
 void RegisterCameraBenchmarks()
@@ -466,6 +511,9 @@ void RegisterCameraBenchmarks()
     RegisterOpen(0xC02A, "BerylCol");
     RegisterOpen(0xC07A, "GarnetMono");
     RegisterOpen(0xC03A, "CobaltCol");
+    RegisterVirtualFrame(0xC06A, "FlintCol");
+    RegisterVirtualFrame(0xC0B0, "KyaniteCol");
+    RegisterVirtualFrame(0xC11A, "QuartzCol");
 }
 
 }  // namespace bench

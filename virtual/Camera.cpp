@@ -145,6 +145,7 @@ void Camera::Changed()
     m_Now = Running() ? m_Profile->Current() : Readout{};
     if (m_Now.bHeld != held) (m_Now.bHeld ? m_dHeldAt : m_dReleasedAt) = m_Clock.Now();
     if (on && !m_Now.bStreaming) ++m_uStops;
+    if (on != m_Now.bStreaming) m_dStreamAt = m_Now.bStreaming ? m_Clock.Now() : -1;
     if (m_Now.bHeld != held || m_Now.bStreaming != on) m_Wake.notify_all();
 }
 

@@ -19,6 +19,7 @@ namespace kovsim {
 class Clock {
 public:
     explicit Clock(double rate) : m_dRate(rate), m_Start(std::chrono::steady_clock::now()) {}
+    double Rate() const { return m_dRate; }
     double Now() const
     {
         return std::chrono::duration<double, std::micro>(std::chrono::steady_clock::now() - m_Start).count() * m_dRate;
@@ -165,6 +166,8 @@ private:
     void Prepare(Lock& lock);
     std::shared_ptr<const std::vector<uint8_t>> Develop(Lock& lock, const Readout& r, double exposureUs);
     void Emit(std::shared_ptr<const std::vector<uint8_t>> pixels);
+    void CountLate(double lateUs, double periodUs);
+    void TellSlow(Lock& lock);
 
     const CameraSettings m_Settings;
     const uint16_t m_wVendorId;
@@ -197,9 +200,15 @@ private:
     FrameCounters m_Counters;
     std::string m_sContradiction;
     bool m_bNoise = false;             // the latest frame was
+    // Of the frames since the sensor last stood still.
+    uint64_t m_uRunFrames = 0;
+    double m_dRunLostUs = 0;           // device time by which frames came too late to be made up for
+    double m_dSlowRate = 0, m_dAskedRate = 0;
+    enum class Slow : uint8_t { No, Seen, Told } m_Slow = Slow::No;
 
     Readout m_Now;                     // the profile's, after the last change
     double m_dHeldAt = 0, m_dReleasedAt = 0;
+    double m_dStreamAt = -1;           // when streaming began, until its first exposure does
     uint64_t m_uStops = 0;             // how often streaming ended
     double m_dReplyUs = 0;             // how long the answer of the request in work takes
     uint32_t m_uTransferCount = 0;

@@ -57,21 +57,44 @@ int CellStart(int c, int bin, bool colour, const int shift[2])
     return (colour && bin > 1 ? 2 * bin * (c >> 1) + (c & 1) : bin * c) + off;
 }
 
-void Store(Samples samples, int bits, int n, int x, uint8_t* row)
+// Numbers of the converter to the bytes of a frame. A loop each, so that the compiler can make wide code of it.
+void Store(Samples samples, int bits, const int* numbers, int count, uint8_t* out)
 {
-    const int n12 = bits >= 12 ? n >> (bits - 12) : n << (12 - bits);
     switch (samples) {
-    case Samples::Bits8: row[x] = uint8_t(n >> (bits - 8)); break;
-    case Samples::Bits16: {
-        const int w = n << (16 - bits);
-        row[2 * x] = uint8_t(w);
-        row[2 * x + 1] = uint8_t(w >> 8);
+    case Samples::Bits8:
+        for (int i = 0; i < count; ++i) out[i] = uint8_t(numbers[i] >> (bits - 8));
+        break;
+    case Samples::Bits16:
+        for (int i = 0; i < count; ++i) {
+            const int w = numbers[i] << (16 - bits);
+            out[2 * i] = uint8_t(w);
+            out[2 * i + 1] = uint8_t(w >> 8);
+        }
+        break;
+    case Samples::Bits12Wire:
+        for (int i = 0; i < count; ++i) {
+            const int n12 = bits >= 12 ? numbers[i] >> (bits - 12) : numbers[i] << (12 - bits);
+            out[2 * i] = uint8_t(n12 >> 4);
+            out[2 * i + 1] = uint8_t(n12 & 0xF);
+        }
         break;
     }
-    case Samples::Bits12Wire:
-        row[2 * x] = uint8_t(n12 >> 4);
-        row[2 * x + 1] = uint8_t(n12 & 0xF);
-        break;
+}
+
+// Adds noise of the variance e * gain2 + floor to each of count electrons. What the vector unit cannot do, the drawing, is
+// a loop of its own over a block that stays in the cache.
+void AddNoise(float* e, int count, float gain2, float floor, uint64_t& rng)
+{
+    constexpr int BLOCK = 256, DRAWS = 4;  // numbers of GAUSS_BITS out of one step of the generator, from its better half
+    const float* gauss = Gauss().data();
+    float drawn[BLOCK];
+    for (int at = 0; at < count; at += BLOCK) {
+        for (int i = 0; i < BLOCK; i += DRAWS) {
+            rng = rng * 6364136223846793005u + 1442695040888963407u;
+            for (int k = 0; k < DRAWS; ++k) drawn[i + k] = gauss[rng >> (64 - GAUSS_BITS * (k + 1)) & (GAUSS_SIZE - 1)];
+        }
+        const int n = std::min(BLOCK, count - at);
+        for (int i = 0; i < n; ++i) e[at + i] += std::sqrt(e[at + i] * gain2 + floor) * drawn[i];
     }
 }
 
@@ -188,13 +211,13 @@ void Imager::Expose(const Readout& r, const Shot& shot, const std::shared_ptr<co
     const float share = r.bBinSums ? 1.0f : 1 / pixels;  // of the cell's electrons that counts
     const float black = float(r.dBlack) * (r.bBinSums ? pixels : 1.0f);
     const float noise2 = float(m_dNoise * m_dNoise), read2 = float(m_Facts.dReadNoise * m_Facts.dReadNoise) * noise2 * pixels;
-    const float* gauss = Gauss().data();
     const int cellsW = std::clamp(r.iW / bin, 0, r.iOutW), cellsH = std::clamp(r.iH / bin, 0, r.iOutH);
     const int bytes = r.samples == Samples::Bits8 ? 1 : 2;
 
     // One row of sensor pixels with room for cells that are shifted out of the window.
     const int margin = MAX_SHIFT, span = cellsW * bin + 2 * bin + 2 * margin;
-    std::vector<float> pixelsRow, cells(size_t(std::max(cellsW, 1)));
+    std::vector<float> pixelsRow, cells(size_t(cellsW) + 1);  // an even number is converted
+    std::vector<int> numbers(size_t(cellsW) + 1);
     if (bin > 1) pixelsRow.resize(size_t(span));
 
     for (int cy = 0; cy < r.iOutH; ++cy) {
@@ -220,25 +243,15 @@ void Imager::Expose(const Readout& r, const Shot& shot, const std::shared_ptr<co
                     }
                 }
             }
-            for (int x = 0; x < cellsW; ++x) {
-                float e = cells[size_t(x)];
-                if (noise2 > 0) {
-                    rng = rng * 6364136223846793005u + 1442695040888963407u;
-                    e += std::sqrt(e * noise2 + read2) * gauss[rng >> (64 - GAUSS_BITS)];
-                }
-                const int n = int(std::clamp(black + e * k[x & 1], 0.0f, float(top)));
-                cells[size_t(x)] = float(n);
+            if (noise2 > 0) AddNoise(cells.data(), cellsW, noise2, read2, rng);
+            for (int x = 0; x < cellsW; x += 2) {
+                numbers[size_t(x)] = int(std::clamp(black + cells[size_t(x)] * k[0], 0.0f, float(top)));
+                numbers[size_t(x) + 1] = int(std::clamp(black + cells[size_t(x) + 1] * k[1], 0.0f, float(top)));
             }
-            switch (r.samples) {  // a loop each, so that the compiler can make wide code of it
-            case Samples::Bits8:
-                for (int x = 0; x < cellsW; ++x) row[x] = uint8_t(int(cells[size_t(x)]) >> (bits - 8));
-                break;
-            default:
-                for (int x = 0; x < cellsW; ++x) Store(r.samples, bits, int(cells[size_t(x)]), x, row);
-            }
+            Store(r.samples, bits, numbers.data(), cellsW, row);
         }
         const int pad = int(std::clamp(float(r.dBlack), 0.0f, float(top)));
-        for (int x = filled; x < r.iOutW; ++x) Store(r.samples, bits, pad, x, row);
+        for (int x = filled; x < r.iOutW; ++x) Store(r.samples, bits, &pad, 1, row + x * bytes);
     }
 }
 

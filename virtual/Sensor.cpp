@@ -1,6 +1,7 @@
 // The sensor's side of a virtual camera: when frames are exposed and read out, and how they enter the bridge's FIFO.
 #include <algorithm>
 #include <cstring>
+#include <utility>
 
 #include "virtual/Camera.h"
 
@@ -8,6 +9,8 @@ namespace kovsim {
 namespace {
 
 constexpr double MIN_PERIOD_US = 200;      // registers that ask for less contradict themselves
+constexpr double SLOW_US = 500000;         // real time that a run must lose before that is worth a word
+constexpr double SLOW_SHARE = 0.1;         // and of the run
 constexpr uint32_t TRANSFER_UNIT = 49152;  // of request 181
 
 void Put16(uint8_t* p, unsigned v)
@@ -56,6 +59,7 @@ void Camera::SensorThread()
     };
 
     while (!m_bQuit) {
+        if (m_Slow == Slow::Seen) TellSlow(lock);
         if (!m_bPresent) {
             phase = Phase::Idle;
             if (m_dReturnAt < 0) {
@@ -77,10 +81,15 @@ void Camera::SensorThread()
             plug = m_uPlug;
             stops = m_uStops;
             counted = 0;
+            m_uRunFrames = 0;
+            m_dRunLostUs = 0;
             if (held)
                 phase = Phase::Held;
-            else if (on)
+            else if (on) {
+                // The scene may still have been in work when the host began.
+                if (m_dStreamAt >= 0) CountLate(m_Clock.Now() - std::exchange(m_dStreamAt, -1), PeriodUs(m_Now));
                 begin(m_Clock.Now());
+            }
             else if (m_bUsed && m_Prepared != m_Scene)
                 Prepare(lock);
             else
@@ -95,8 +104,9 @@ void Camera::SensorThread()
             } else {
                 Emit(std::move(pixels));
                 // What came late is made up for, as long as it is less than a frame.
-                const double now = m_Clock.Now();
-                begin(now - end < PeriodUs(r) ? end : now);
+                const double now = m_Clock.Now(), period = PeriodUs(r);
+                CountLate(now - end, period);
+                begin(now - end < period ? end : now);
             }
             break;
         case Phase::Held:
@@ -121,12 +131,35 @@ void Camera::SensorThread()
             if (m_Clock.Now() < end) {
                 sleepUntil(end);
             } else {
+                CountLate(m_Clock.Now() - end, PeriodUs(r));
                 Emit(std::move(pixels));
                 phase = Phase::Idle;
             }
             break;
         }
     }
+}
+
+void Camera::CountLate(double lateUs, double periodUs)
+{
+    ++m_uRunFrames;
+    if (lateUs < periodUs) return;
+    m_dRunLostUs += lateUs;
+    const double due = double(m_uRunFrames) * periodUs;
+    if (m_Slow != Slow::No || m_dRunLostUs < SLOW_US * m_Clock.Rate() || m_dRunLostUs < SLOW_SHARE * due) return;
+    m_Slow = Slow::Seen;
+    m_dAskedRate = 1e6 / periodUs;
+    m_dSlowRate = double(m_uRunFrames) * 1e6 / (due + m_dRunLostUs);
+}
+
+void Camera::TellSlow(Lock& lock)
+{
+    m_Slow = Slow::Told;
+    if (!m_Settings.onSlow) return;
+    const double rate = m_dSlowRate, asked = m_dAskedRate;
+    lock.unlock();
+    m_Settings.onSlow(m_Facts, rate, asked);
+    lock.lock();
 }
 
 void Camera::Prepare(Lock& lock)

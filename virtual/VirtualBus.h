@@ -37,6 +37,9 @@ struct CameraSettings {
     ProfileFactory profile;       // sensor side; null: MakeProfile of the product ID
     // Told on the sensor's thread when frames begin to be noise, and when the reason changes.
     std::function<void(const ModelFacts& facts, const std::string& sWhy)> onNoise;
+    // Told once a camera, on the sensor's thread: this machine computes frames too slowly. Frames a second of device time
+    // that come, and that the registers ask for.
+    std::function<void(const ModelFacts& facts, double dRate, double dAsked)> onSlow;
 };
 
 // One vendor request as the device saw it.

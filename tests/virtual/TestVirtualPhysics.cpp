@@ -296,3 +296,29 @@ TEST(VirtualScenes, TextFormsAndPictures)
     }
     std::remove(path.c_str());
 }
+
+TEST(VirtualPhysics, TellsOnceThatTheMachineIsTooSlow)
+{
+    struct Slow final : Scene {
+        void Render(const ScreenGeometry& g, int, int rows, Light* out) const override
+        {
+            std::this_thread::sleep_for(std::chrono::milliseconds(700));
+            std::fill_n(out, g.iWidth * rows, Light{});
+        }
+    };
+    for (const bool slow : { true, false }) {
+        auto settings = fake::Settings(fake::Facts());
+        if (slow) settings.scene = std::make_shared<Slow>();
+        std::atomic<int> told = 0;
+        settings.onSlow = [&](const ModelFacts&, double rate, double asked) {
+            ++told;
+            EXPECT_LT(rate, 0.9 * asked);
+        };
+        Host h(settings);
+        h.Start();
+        for (int i = 0; i < 3; ++i) h.Frame(1);
+        h.camera.SetScene(slow ? std::make_shared<Slow>() : nullptr);
+        for (int i = 0; i < 10; ++i) h.Frame(1);
+        EXPECT_EQ(told, slow ? 1 : 0);
+    }
+}

@@ -138,7 +138,8 @@ void PrintModels(bool bJson)
 constexpr const char* SCENES =
     "A scene is what all cameras of a run look at:\n"
     "  sky                    the Pleiades through 135 mm of focal length\n"
-    "  sky:RA,DEC             another place, degrees; stars are known of the Pleiades and of Orion (83.8,-5.4)\n"
+    "  sky:RA,DEC             another place, degrees; stars to magnitude 8, and fainter ones within 15 degrees of\n"
+    "                         the Pleiades (56.75,24.12) and of Orion (84,0)\n"
     "  sky:RA,DEC,FOCAL       and another focal length, millimetres\n"
     "  flat:N                 N electrons a second on each pixel\n"
     "  colour:R,G,B           the same in three colours\n"
