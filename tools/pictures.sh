@@ -4,7 +4,7 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 bin=$(realpath "$1")/tools
 shift
-all=(sky families hotpixels cooler autoexposure photon-transfer cooler-step)
+all=(sky families hotpixels cooler autoexposure photon-transfer cooler-step delivery)
 [ $# -gt 0 ] && all=("$@")
 out=$PWD/docs/pictures
 mkdir -p "$out"
@@ -66,6 +66,12 @@ autoexposure() {
 example() { PYTHONPATH=${bin%/tools}/bindings/python /usr/bin/python3 "bindings/python/examples/$1.py" "$out/$2.png"; }
 photon-transfer() { example photon_transfer photon-transfer; }
 cooler-step() { example cooler_step cooler-step; }
+
+# From the bench's own output.
+delivery() {
+    "${bin%/tools}/bench/kovbench" --isa "${KOV_BENCH_ISA:-avx2}" --benchmark_filter='^GetImage.*4656' --tsv "$tmp/bench.tsv" >"$tmp/bench.txt"
+    /usr/bin/python3 bench/ratios.py "$tmp/bench.tsv" "$out/delivery.png"
+}
 
 for picture in "${all[@]}"; do
     printf '\033[1m==> %s\033[0m\n' "$picture"
