@@ -534,12 +534,13 @@ void Device::addFITSKeywords(INDI::CCDChip* chip)
         const char *key = card.key.c_str(), *comment = card.comment.c_str();
         int status = 0;
         char present[FLEN_CARD];
-        if (fits_read_card(file, key, present, &status) == 0 || card.key.starts_with("DATE-"))
+        const bool oneOfMany = card.key == "HISTORY";
+        if (!oneOfMany && (fits_read_card(file, key, present, &status) == 0 || card.key.starts_with("DATE-")))
             continue;  // the framework has told it
         status = 0;
         if (const auto* text = std::get_if<std::string>(&card.value))
-            card.key == "HISTORY" ? fits_write_history(file, text->c_str(), &status)
-                                  : fits_update_key_str(file, key, text->c_str(), comment, &status);
+            oneOfMany ? fits_write_history(file, text->c_str(), &status)
+                      : fits_update_key_str(file, key, text->c_str(), comment, &status);
         else if (const auto* number = std::get_if<double>(&card.value))
             fits_update_key_fixdbl(file, key, *number, std::max(card.decimals, 0), comment, &status);
         else if (const auto* integer = std::get_if<int64_t>(&card.value))
