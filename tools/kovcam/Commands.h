@@ -22,6 +22,8 @@ void AddCoolCommands(CLI::App& app, Globals& g);
 void AddDeviceCommands(CLI::App& app, Globals& g);
 // doctor
 void AddDoctorCommand(CLI::App& app, Globals& g);
+// comply
+void AddComplyCommand(CLI::App& app, Globals& g);
 
 // System, findings, cameras, a test frame's figures and the log of all that, as text. Throws std::runtime_error.
 void WriteReport(const std::string& path);

@@ -58,6 +58,7 @@ int main(int argc, char** argv)
     kovcam::AddCoolCommands(app, g);
     kovcam::AddDeviceCommands(app, g);
     kovcam::AddDoctorCommand(app, g);
+    kovcam::AddComplyCommand(app, g);
     std::string controls;
     for (const kovcam::ControlName& c : kovcam::g_Controls)
         controls += std::string(c.szName) + " ";
