@@ -58,6 +58,8 @@ say "testing"
 quietly within apt-get install -y --no-install-recommends build-essential cmake pkg-config libpng-dev
 [ -e "$root/dev/null" ] || mknod -m 666 "$root/dev/null" c 1 3
 mkdir -p "$root/dev/shm"
+mount -t proc proc "$root/proc"  # programs look there for their own place
+trap 'umount "$root/proc"' EXIT
 for t in $(sed -n 's/^Tests: //p' packaging/debian/tests/control); do
     cp "packaging/debian/tests/$t" "$root/tmp/test"
     within sh -c "mkdir -p /tmp/$t && AUTOPKGTEST_TMP=/tmp/$t /tmp/test" >"$out/test-$t.log" 2>&1 || { echo "FAILED: $t"; tail -20 "$out/test-$t.log"; exit 1; }
@@ -67,5 +69,7 @@ say "purging"
 quietly within apt-get purge -y $packages
 left=$(list | grep -iE 'kov' || true)
 [ -z "$left" ] || { echo "left behind: $left"; exit 1; }
+umount "$root/proc"
+trap - EXIT
 rm -rf --one-file-system "$root"
 say "all well: $out"
