@@ -130,10 +130,11 @@ typedef struct KOV_CAMERA_INFO {
 /** The controls. A camera has those that KOVGetControlCaps lists. */
 typedef enum KOV_CONTROL_TYPE KOV_INT32 {
     CTRL_GAIN = 0,
-    CTRL_EXPOSURE = 1,               /**< microseconds */
+    CTRL_EXPOSURE = 1,               /**< microseconds. GarnetCol: automatic exposure stands still from 100 ms on. Cobalt: in
+                                        regions narrower than about 228 avoid 450 to 600 ms: frames of 86 ms come */
     CTRL_GAMMA = 2,                  /**< 1 to 100, 50 is neutral */
-    CTRL_WB_R = 3,
-    CTRL_WB_B = 4,
+    CTRL_WB_R = 3,                   /**< DuniteCol lists up to 100 and takes 100 as 99 */
+    CTRL_WB_B = 4,                   /**< the same */
     CTRL_BRIGHTNESS = 5,             /**< black offset */
     CTRL_BANDWIDTH = 6,              /**< percent of the link */
     CTRL_OVERCLK = 7,                /**< percent */
@@ -197,7 +198,8 @@ KOV_API KOV_ERROR_CODE KOVSetROIFormat(int32_t id, int32_t width, int32_t height
 /** The size in output pixels, the bin and the format in force. */
 KOV_API KOV_ERROR_CODE KOVGetROIFormat(int32_t id, int32_t *width, int32_t *height, int32_t *bin, IMG_TYPE *type);
 
-/** Start of the region in binned pixels; rounded and pushed into range by the camera. KOV_ERROR_OUT_OF_BOUNDS. */
+/** Start of the region in binned pixels; rounded and pushed into range by the camera. Flint and Halite in bin 3 with
+ * hardware binning: take x as a multiple of 4, else the colours may change places. KOV_ERROR_OUT_OF_BOUNDS. */
 KOV_API KOV_ERROR_CODE KOVSetStartPos(int32_t id, int32_t x, int32_t y);
 
 /** The start in force, in binned pixels. */

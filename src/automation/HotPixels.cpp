@@ -500,6 +500,8 @@ bool CCameraBase::ChangeHPCStatus(HPCStatus status, unsigned long* count)
         return true;
     case HPC_OFF: return SetHPCStates(false);
     case HPC_QUERY:
+        // QUIRK: USB 2 models have no table and never clear the flag that the settings have stored: a host reads "on", with
+        // no pixels.
         if (m_bHPCEnable)
             *count = static_cast<unsigned long>(m_iHPCNum.Get());
         return m_bHPCEnable;

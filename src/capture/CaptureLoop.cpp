@@ -512,10 +512,13 @@ private:
         else if (!Deliver())
             CountUnread();
         m_nBad = 0;
-        if (IsOneShot())
+        if (IsOneShot()) {
             AutomateOneShot();
-        else if (!IsShort())
+        } else if (!IsShort()) {
+            // QUIRK: a host sees auto exposure and gain of GarnetCol stand still from 100 ms on: here they are the
+            // monochrome models' alone.
             Automate(!m_cam.m_bIsColor);
+        }
         return Next::Pass;
     }
 

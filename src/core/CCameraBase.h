@@ -87,7 +87,7 @@ public:
     void UsingDark(bool on) { m_bUsingDark = on; }
     uint32_t GetDroppedFrame() const { return m_iDroppedFrames; }
     int GetNumOfControls() const { return m_iNumOfControls; }
-    void GetStartPos(int* x, int* y) const { *x = m_iStartX; *y = m_iStartY; }
+    bool GetStartPos(int* x, int* y) const { *x = m_iStartX; *y = m_iStartY; return true; }
     bool IsHighSpeedMode() const { return m_bHighSpeed; }
     char* GetBMPPath() { return m_szBMPPath; }
     int GetCMOSClk() const { return m_iCMOSClk; }

@@ -63,6 +63,13 @@ bool CUsb2Model::SendTransferModeStopped(bool on)
     return ok;
 }
 
+bool CUsb2Model::SettleAndSendTransferMode(bool on)
+{
+    if (on && !m_bCapturing)
+        platform::SleepMs(200);
+    return SendTransferModeStopped(on);
+}
+
 bool CUsb2Model::UpdateTo(uint8_t needed, FirmwareId id)
 {
     // Without the loader the EEPROM is out of reach: the camera is left as it is, as without an image.

@@ -31,6 +31,8 @@ protected:
     bool SendTransferMode(bool on) { return SendCMD(on ? REQ_MODE_16BIT : REQ_MODE_8BIT); }
     // The same with a running capture stopped around it. QUIRK: what runs again afterwards is video, also after a snap.
     bool SendTransferModeStopped(bool on);
+    // The same; a sensor at rest has to settle before its samples become longer.
+    bool SettleAndSendTransferMode(bool on);
     bool UpdateTo(uint8_t needed, FirmwareId id);  // body of FirmwareStep
 
     // Sends the low 16 bits.

@@ -127,7 +127,7 @@ bool CAgate::SetCMOSClk(int clock)
 bool CAgate::SetOutput16Bits(bool on)
 {
     m_bOutput16Bits = on;
-    return SendTransferModeStopped(on);
+    return SettleAndSendTransferMode(on);
 }
 
 int32_t CAgate::GetRealImageSize()

@@ -95,9 +95,7 @@ void CCameraSCobaltCol::RunInitTable()
 bool CCameraSCobaltCol::SetOutput16Bits(bool on)
 {
     m_bOutput16Bits = on;
-    if (on && !m_bCapturing)
-        platform::SleepMs(200);
-    return SendTransferModeStopped(on);
+    return SettleAndSendTransferMode(on);
 }
 
 bool CCameraSCobaltCol::SetResolution(int width, int height, int bin, IMAGE_TYPE type)
@@ -211,6 +209,8 @@ bool CCameraSCobaltCol::ApplyExp()
     m_iExpLines = static_cast<int32_t>(lLines);
     if (lLines <= LINES_MAX && m_lExposure <= EXP_REGISTER)
         return Write(REG_SHUTTER, lLines);
+    // QUIRK: in regions narrower than about 228 the lines are so short that 450 to 600 ms no longer fit the register. A
+    // host then gets a frame of about 86 ms, and an exposure of 1 s set after it changes nothing.
     const bool ok = Write(REG_SHUTTER, LINES_LONG);
     m_bLongExp = true;
     platform::SleepMs(100);

@@ -213,6 +213,8 @@ bool CEbony::WriteStart(int x, int y)
 {
     const bool b3 = InHardBin3();
     Fpga(FPGA_HOLD, 1);
+    // QUIRK: on Flint and Halite x is a multiple of 4 in bin 3 too, so x / 3 may be odd: a host then sees red and blue
+    // change places with green.
     WriteFpga(FPGA_START_X, uint32_t(b3 ? x / 3 + m_E.iColumnOffset / 2 : x + m_E.iColumnOffset), 2);
     Fpga(FPGA_HOLD, 0);
     const bool bCapturing = m_bCapturing;
