@@ -56,7 +56,7 @@ public:
 
     // Queues a read behind those already queued on this endpoint; they complete in order. Never blocks. On anything but
     // Ok nothing is queued and OnComplete is not called. A stack with a memory limit keeps what exceeds it in order and
-    // sends it later: the limit is never an error.
+    // sends it later. Only a request for which there is no room though none of this process is out ends with NoMemory.
     virtual Status SubmitBulk(BulkRequest* request) = 0;
 
     // Returns when every outstanding request of the endpoint has completed: afterwards nothing writes into a buffer.

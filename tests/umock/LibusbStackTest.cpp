@@ -540,6 +540,20 @@ TEST_F(Libusb, MemoryHeldByAnotherProcessIsWaitedFor)
     EXPECT_EQ(waiting.Count(Status::Gone), 3u);
 }
 
+// Nothing that is out could ever make room: an error, not silence.
+TEST_F(Libusb, RequestAsLargeAsAllMemoryFails)
+{
+    StreamDevice device(0xA001);
+    MockUsb usb(*m_pBus, 2, "1", device);
+    m_pBus->SetMemoryLimit(MIB, true);
+    const auto p = OpenFirst();
+    ASSERT_TRUE(p);
+    Requests r(2, MIB);
+    r.Submit(*p);
+    ASSERT_TRUE(r.Wait(2, 2s));
+    EXPECT_EQ(r.Count(Status::NoMemory), 2u);
+}
+
 TEST_F(Libusb, LargeRequestsDoNotStarveBesideSmallOnes)
 {
     StreamDevice large(0xA001), small(0xA002);

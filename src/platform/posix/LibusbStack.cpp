@@ -22,6 +22,8 @@
 #include <thread>
 #include <tuple>
 
+#include "base/Log.h"
+
 namespace usbstack {
 namespace {
 
@@ -32,6 +34,7 @@ constexpr int INTERFACE = 0;
 constexpr unsigned MAX_CONTROL = 4096;          // bytes, limit of Linux and of libusb
 constexpr unsigned PIPES = 32;                  // 16 endpoint numbers, two directions
 constexpr std::chrono::milliseconds RETRY{ 5 };  // for memory that another process holds
+constexpr std::chrono::seconds GIVE_UP{ 5 };     // and no longer
 
 // What usbfs books beyond the data: hosts without scatter-gather are served in pieces of 16 KiB, each with a record of
 // less than 512 bytes.
@@ -85,6 +88,7 @@ struct Xfer {
     uint64_t lSequence = 0;
     Status status = Status::Ok;
     uint32_t dwBytes = 0;
+    std::chrono::steady_clock::time_point refused{};  // first for lack of memory while nothing of ours was in flight
 
     ~Xfer() { libusb_free_transfer(pTransfer); }
     uint64_t Cost() const { return pRequest->dwLength + PIECE_COST * (1 + pRequest->dwLength / PIECE); }
@@ -176,6 +180,7 @@ private:
     void Pump();
     Status Start(Xfer& x);
     void End(Xfer& x, Status status);
+    bool CannotFit(Xfer& x) const;
     void Deliver(UniqueLock& lock);
     void Cancel(UniqueLock& lock, SharedDevice& d, const Pipe* pPipe, const IDevice* pOwner);
     void MarkGone(SharedDevice& d);
@@ -477,6 +482,22 @@ void CHost::End(Xfer& x, Status status)
         Wake();
 }
 
+// A request that was refused while nothing of this process is in flight: no completion will ever make room for it. Another
+// process may, for a while.
+bool CHost::CannotFit(Xfer& x) const
+{
+    const auto now = std::chrono::steady_clock::now();
+    const bool bNever = m_lLimit != 0 && x.pRequest->dwLength >= m_lLimit;
+    if (x.refused.time_since_epoch().count() == 0)
+        x.refused = now;
+    if (!bNever && now - x.refused < GIVE_UP)
+        return false;
+    KOV_LOG(Error, "a request of %u bytes finds no USB memory: the system's limit is %llu MiB. Raise it: "
+            "echo 256 | sudo tee /sys/module/usbcore/parameters/usbfs_memory_mb",
+            x.pRequest->dwLength, static_cast<unsigned long long>(m_lLimit >> 20));
+    return true;
+}
+
 // Starts parked requests. The pipe with the least in flight comes first, and the others wait for it: a camera with
 // large requests would starve beside one with small ones.
 void CHost::Pump()
@@ -500,7 +521,10 @@ void CHost::Pump()
         } else {
             if (m_lFlying != 0)
                 return;  // the next completion comes here again
-            full.push_back(pNext);
+            if (CannotFit(x))
+                End(x, Status::NoMemory);
+            else
+                full.push_back(pNext);
         }
     }
 }
