@@ -57,6 +57,9 @@ int main(int argc, char** argv)
     kovcam::AddDarkCommands(app, g);
     kovcam::AddCoolCommands(app, g);
     kovcam::AddDeviceCommands(app, g);
+#ifdef KOV_SERVES
+    kovcam::AddServeCommand(app, g);
+#endif
     kovcam::AddDoctorCommand(app, g);
     kovcam::AddComplyCommand(app, g);
     std::string controls;

@@ -1,0 +1,246 @@
+"""Every endpoint of the Alpaca camera, and the page's own interface, as clients meet them."""
+import json
+import socket
+import struct
+import threading
+import time
+import unittest
+
+import numpy as np
+from bench import Server
+
+NOT_IMPLEMENTED, INVALID, NOT_CONNECTED, OPERATION = -0x400, -0x401, -0x407, -0x40B
+WIDTH, HEIGHT = 4656, 3520  # KyaniteCol_C
+BOOL, INT, NUMBER, TEXT, LIST = bool, int, (int, float), str, list
+
+# What a cooled colour camera answers: a type, a value, or an error.
+GET = {
+    "connected": True, "description": TEXT, "driverinfo": TEXT, "driverversion": TEXT, "interfaceversion": 3, "name": TEXT, "supportedactions": [],
+    "cameraxsize": WIDTH, "cameraysize": HEIGHT, "pixelsizex": NUMBER, "pixelsizey": NUMBER, "maxadu": 65535, "maxbinx": 4, "maxbiny": 4, "sensorname": TEXT,
+    "sensortype": 2, "bayeroffsetx": INT, "bayeroffsety": INT, "electronsperadu": NUMBER, "fullwellcapacity": NUMBER, "exposuremin": NUMBER,
+    "exposuremax": NUMBER, "exposureresolution": NUMBER, "hasshutter": False, "canabortexposure": True, "canstopexposure": False,
+    "canasymmetricbin": False, "canfastreadout": False, "cangetcoolerpower": True, "canpulseguide": True, "cansetccdtemperature": True,
+    "binx": 1, "biny": 1, "numx": WIDTH, "numy": HEIGHT, "startx": 0, "starty": 0, "gain": INT, "gainmin": INT, "gainmax": INT, "gains": NOT_IMPLEMENTED,
+    "offset": INT, "offsetmin": INT, "offsetmax": INT, "offsets": NOT_IMPLEMENTED, "readoutmodes": LIST, "readoutmode": 0,
+    "fastreadout": NOT_IMPLEMENTED, "subexposureduration": NOT_IMPLEMENTED, "ccdtemperature": NUMBER, "heatsinktemperature": NOT_IMPLEMENTED,
+    "setccdtemperature": NUMBER, "cooleron": False, "coolerpower": NUMBER, "camerastate": 0, "imageready": False, "percentcompleted": OPERATION,
+    "lastexposureduration": OPERATION, "lastexposurestarttime": OPERATION, "ispulseguiding": False, "imagearray": OPERATION, "imagearrayvariant": OPERATION,
+}
+ALWAYS = {"connected", "description", "driverinfo", "driverversion", "interfaceversion", "name", "supportedactions"}
+
+
+class AlpacaTest(unittest.TestCase):
+    @classmethod
+    def setUpClass(cls):
+        # Every pixel names itself, and no noise: a part is a part of the whole.
+        cls.s = Server("KyaniteCol_C,QuartzMono", "--scene", "pattern", "--noise", "0", "--hot", "0")
+
+    @classmethod
+    def tearDownClass(cls):
+        cls.s.close()
+
+    def setUp(self):
+        self.assertIsNone(self.s.set("connected", Connected="true"))
+        for name, value in (("Gain", 0), ("BinX", 1), ("NumX", WIDTH), ("NumY", HEIGHT), ("StartX", 0), ("StartY", 0), ("ReadoutMode", 0)):
+            self.assertIsNone(self.s.set(name.lower(), **{name: value}))
+
+    def expose(self, seconds=0.01, camera=0):
+        self.assertIsNone(self.s.set("startexposure", camera, Duration=seconds, Light="true"))
+        self.s.wait(lambda: self.s.get("imageready", camera) or self.s.get("camerastate", camera) == 5, "the image is ready")
+        self.assertTrue(self.s.get("imageready", camera))
+
+    def image(self, command="imagearray", camera=0):
+        """As rows, columns (and planes), from ImageBytes."""
+        r, data = self.s.request("GET", f"/api/v1/camera/{camera}/{command}", headers={"Accept": "application/imagebytes"})
+        self.assertEqual(r.headers["Content-Type"], "application/imagebytes")
+        version, error, _, _, start, element, sent, rank, x, y, planes = struct.unpack("<iiIIiiiiiii", data[:44])
+        self.assertEqual((version, error, start, element), (1, 0, 44, 2))
+        pixels = np.frombuffer(data[44:], {6: np.uint8, 8: np.uint16, 2: np.int32}[sent])
+        return pixels.reshape((x, y, planes) if rank == 3 else (x, y)).swapaxes(0, 1)
+
+    def test_a_every_property(self):
+        for connected in (False, True):
+            self.s.set("connected", Connected="true" if connected else "false")
+            for name, expected in GET.items():
+                with self.subTest(name, connected=connected):
+                    got = self.s.get(name)
+                    if not connected and name not in ALWAYS:
+                        self.assertEqual(got, NOT_CONNECTED)
+                    elif name == "connected":
+                        self.assertEqual(got, connected)
+                    elif isinstance(expected, (type, tuple)):
+                        self.assertIsInstance(got, expected)
+                        self.assertFalse(not isinstance(got, (str, list)) and got <= NOT_IMPLEMENTED, got)
+                    else:
+                        self.assertEqual(got, expected)
+        self.s.set("connected", 1, Connected="true")
+        mono = {"sensortype": 0, "bayeroffsetx": NOT_IMPLEMENTED, "cooleron": NOT_IMPLEMENTED, "cansetccdtemperature": False, "maxbinx": 1}
+        for name, expected in mono.items():
+            self.assertEqual(self.s.get(name, 1), expected, name)
+
+    def test_requests_that_are_not_understood(self):
+        bad = [("GET", "/api/v1/Camera/0/binx"), ("GET", "/api/v1/camera/0/BinX"), ("GET", "/api/v2/camera/0/binx"), ("GET", "/api/v1/camera/9/binx"),
+               ("GET", "/api/v1/camera/-1/binx"), ("GET", "/api/v1/camera/0/nothing"), ("PUT", "/api/v1/camera/0/maxadu"), ("GET", "/api/v1/camera/0/startexposure")]
+        bad += [("GET", f"/api/v1/camera/0/binx?{key}={value}") for key in ("ClientID", "clienttransactionid") for value in ("", "-1", "abc", "4294967296")]
+        for method, path in bad:
+            self.assertEqual(self.s.request(method, path)[0].status, 400, path)
+        for command, fields in (("binx", {"binx": 1}), ("binx", {}), ("binx", {"BinX": "two"}), ("connected", {"Connected": "1"}),
+                                ("startexposure", {"Duration": 1}), ("startexposure", {"duration": 1, "Light": "true"}), ("pulseguide", {"Direction": 0})):
+            r, data = self.s.alpaca("PUT", command, **fields)
+            self.assertEqual(r.status, 400, (command, fields))
+            self.assertTrue(data.strip(), "without a reason")
+        r, data = self.s.request("PUT", "/api/v1/camera/0/binx", "BinX=1&clienttransactionid=5")
+        self.assertEqual((r.status, json.loads(data)["ClientTransactionID"]), (200, 0))
+        self.assertEqual(json.loads(self.s.request("GET", "/api/v1/camera/0/binx?CLIENTTRANSACTIONID=5")[1])["ClientTransactionID"], 5)
+
+    def test_values_out_of_range(self):
+        longest = self.s.get("exposuremax")
+        for command, fields in (("binx", {"BinX": 5}), ("biny", {"BinY": 0}), ("gain", {"Gain": self.s.get("gainmax") + 1}), ("offset", {"Offset": -1}),
+                                ("readoutmode", {"ReadoutMode": 9}), ("setccdtemperature", {"SetCCDTemperature": -281}), ("setccdtemperature", {"SetCCDTemperature": 101}),
+                                ("startexposure", {"Duration": -1, "Light": "true"}), ("startexposure", {"Duration": longest + 1, "Light": "true"}),
+                                ("pulseguide", {"Direction": 4, "Duration": 1}), ("pulseguide", {"Direction": 0, "Duration": -1})):
+            self.assertEqual(self.s.set(command, **fields), INVALID, (command, fields))
+        # Only the start of an exposure looks at the frame.
+        for fields in ({"NumX": WIDTH + 1}, {"NumY": 0}, {"StartX": 1}, {"StartY": -1}):
+            (name, value), = fields.items()
+            before = self.s.get(name.lower())
+            self.assertIsNone(self.s.set(name.lower(), **fields))
+            self.assertEqual(self.s.get(name.lower()), value)
+            self.assertEqual(self.s.set("startexposure", Duration=0.01, Light="true"), INVALID, fields)
+            self.s.set(name.lower(), **{name: before})
+
+    def test_parts_bins_and_colour(self):
+        self.expose()
+        whole = self.image()
+        self.assertEqual(whole.shape, (HEIGHT, WIDTH))
+        self.assertEqual(whole.dtype, np.uint16)
+        np.testing.assert_array_equal(self.image("imagearrayvariant"), whole)
+        # (bin, x, y, width, height): odd starts and sizes, and the last column, which the camera's own steps do not reach
+        for b, x, y, w, h in ((1, 101, 51, 63, 37), (1, WIDTH - 3, HEIGHT - 5, 3, 5), (2, 33, 21, 51, 33), (3, WIDTH // 3 - 7, HEIGHT // 3 - 5, 7, 5)):
+            with self.subTest(bin=b, x=x, y=y):
+                for name, value in (("BinX", b), ("StartX", x), ("StartY", y), ("NumX", w), ("NumY", h)):
+                    self.s.set(name.lower(), **{name: value})
+                self.expose()
+                part = self.image()
+                # The mean of the b x b pixels of one colour, as the camera bins.
+                ys, xs = np.meshgrid(np.arange(y, y + h), np.arange(x, x + w), indexing="ij")
+                total = np.zeros((h, w), np.uint32)
+                for j in range(b):
+                    for i in range(b):
+                        total += whole[np.minimum(ys // 2 * 2 * b + ys % 2 + 2 * j, HEIGHT - 1), np.minimum(xs // 2 * 2 * b + xs % 2 + 2 * i, WIDTH - 1)] if b > 1 \
+                            else whole[ys, xs]
+                # The shutter counts lines, whose length follows the region: exposures differ by a part of a line. Frames begin and
+                # end with pixels that stand for marks of the transfer.
+                wrong = ~np.isclose(part, total / b / b, rtol=0.01, atol=64)
+                self.assertLessEqual(np.count_nonzero(wrong), 8, part)
+        for name, value in (("BinX", 1), ("StartX", 11), ("StartY", 7), ("NumX", 40), ("NumY", 30), ("ReadoutMode", len(self.s.get("readoutmodes")) - 1)):
+            self.s.set(name.lower(), **{name: value})
+        self.assertEqual((self.s.get("sensortype"), self.s.get("maxadu")), (1, 255))
+        self.expose()
+        self.assertEqual(self.image().shape, (30, 40, 3))
+        as_json = json.loads(self.s.alpaca("GET", "imagearray")[1])
+        self.assertEqual((as_json["Type"], as_json["Rank"]), (2, 3))
+        np.testing.assert_array_equal(np.array(as_json["Value"]).swapaxes(0, 1), self.image())
+
+    def test_course_of_an_exposure(self):
+        self.assertEqual(self.s.set("stopexposure"), NOT_IMPLEMENTED)
+        self.assertIsNone(self.s.set("abortexposure"))
+        began = time.time()
+        self.assertIsNone(self.s.set("startexposure", Duration=30, Light="true"))
+        self.assertLess(time.time() - began, 1)
+        self.s.wait(lambda: self.s.get("camerastate") == 2 and self.s.get("percentcompleted") > 0, "it exposes")
+        self.assertEqual(self.s.set("startexposure", Duration=1, Light="true"), OPERATION)
+        self.assertEqual(self.s.get("imagearray"), OPERATION)
+        self.assertIsNone(self.s.set("abortexposure"))
+        self.s.wait(lambda: self.s.get("camerastate") == 0, "it is idle", 10)
+        self.assertFalse(self.s.get("imageready"))
+        self.expose(0.5)
+        self.assertAlmostEqual(self.s.get("lastexposureduration"), 0.5, 3)
+        self.assertRegex(self.s.get("lastexposurestarttime"), r"^\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}$")
+
+    def test_guiding_and_cooling(self):
+        self.assertIsNone(self.s.set("pulseguide", Direction=0, Duration=300))
+        self.assertIsNone(self.s.set("pulseguide", Direction=2, Duration=600))
+        self.assertTrue(self.s.get("ispulseguiding"))
+        self.s.wait(lambda: not self.s.get("ispulseguiding"), "the pulses end", 5)
+        self.assertIsNone(self.s.set("setccdtemperature", SetCCDTemperature=-5))
+        self.assertIsNone(self.s.set("cooleron", CoolerOn="true"))
+        self.s.wait(lambda: self.s.get("coolerpower") > 0, "it cools", 30)
+        self.assertEqual(self.s.get("setccdtemperature"), -5)
+        self.assertIsNone(self.s.set("cooleron", CoolerOn="false"))
+
+    def test_ten_clients_at_once(self):
+        failures = []
+
+        def poll():
+            try:
+                for _ in range(30):
+                    for name in ("camerastate", "imageready", "ccdtemperature", "gain"):
+                        assert self.s.get(name) is not None
+            except Exception as e:  # pylint: disable=broad-except
+                failures.append(e)
+
+        clients = [threading.Thread(target=poll) for _ in range(10)]
+        for c in clients:
+            c.start()
+        self.expose(0.2)
+        for c in clients:
+            c.join()
+        self.assertEqual(failures, [])
+
+    def test_management_and_discovery(self):
+        devices = self.s.json("/management/v1/configureddevices")["Value"]
+        self.assertEqual([d["DeviceNumber"] for d in devices], [0, 1])
+        self.assertEqual(len({d["UniqueID"] for d in devices}), 2)
+        self.assertEqual(self.s.json("/management/apiversions")["Value"], [1])
+        self.assertEqual(self.s.request("GET", "/setup")[0].status, 200)
+        self.assertEqual(self.s.request("GET", "/setup/v1/camera/5/setup")[0].status, 403)
+        with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as u:
+            u.settimeout(5)
+            u.sendto(b"nonsense", ("127.0.0.1", self.s.discovery))
+            u.sendto(b"alpacadiscovery1", ("127.0.0.1", self.s.discovery))
+            self.assertEqual(json.loads(u.recv(100)), {"AlpacaPort": self.s.port})
+
+    def test_strangers(self):
+        for headers, status in (({"Host": "evil.example"}, 403), ({"Origin": "http://evil.example"}, 403), ({"Host": f"127.0.0.1:{self.s.port}"}, 200),
+                                ({"Origin": f"http://127.0.0.1:{self.s.port}", "Host": f"127.0.0.1:{self.s.port}"}, 200)):
+            self.assertEqual(self.s.request("GET", "/api/cameras", headers=headers)[0].status, status, headers)
+        self.assertEqual(self.s.request("PUT", "/api/cameras/0/video", "x" * 70000)[0].status, 413)
+        self.assertEqual(self.s.request("GET", "/api/captures/..%2f..%2fetc%2fpasswd")[0].status, 400)
+
+    def test_what_the_page_asks(self):
+        s = self.s
+        state = s.json("/api/cameras/1/state")
+        gain = next(c for c in state["state"]["controls"] if c["type"] == 0)
+        for body, status in (({"type": 0, "value": gain["max"] + 1}, 409), ({"type": 0}, 400), ({"type": 0, "value": "x"}, 400), ([], 400), ({"type": 8, "value": 1}, 409),
+                             ({"type": 0, "value": 10}, 200)):
+            got = s.put("/api/cameras/1/control", body)
+            self.assertEqual(got[0], status, (body, got))
+        self.assertEqual(s.put("/api/cameras/1/region", {"x": 101, "y": 50, "width": 333, "height": 201, "bin": 1, "format": "raw8"})[0], 200)
+        region = s.json("/api/cameras/1/state")["state"]["region"]
+        self.assertEqual((region["width"], region["height"]), (328, 200))
+        r, jpeg = s.request("GET", "/api/cameras/1/picture.jpg?after=0&out=200&stretch=0,1,0.5")
+        self.assertEqual((r.headers["X-Frame-Size"], jpeg[:2]), ("328x200", b"\xff\xd8"))
+        self.assertEqual(s.request("GET", "/api/cameras/1/picture.jpg?stretch=1,x")[0].status, 400)
+        # A recording while somebody looks, then a series with files.
+        self.assertEqual(s.put("/api/cameras/1/record", {"on": True, "name": "run"})[0], 200)
+        s.wait(lambda: s.json("/api/cameras/1/state")["state"]["recordedFrames"] > 5, "frames are recorded")
+        self.assertEqual(s.put("/api/cameras/1/exposure", {"seconds": 0.01})[0], 409)
+        self.assertEqual(s.put("/api/cameras/1/record", {"on": False})[0], 200)
+        self.assertEqual(s.put("/api/cameras/1/exposure", {"seconds": 0.05, "count": 3, "format": "raw8", "name": "m 31", "formats": ["fits", "png"]})[0], 200)
+        s.wait(lambda: len(s.json("/api/captures")) == 4, "three pictures and a recording are listed")
+        names = [f for c in s.json("/api/captures") for f in c["files"]]
+        self.assertEqual(sorted(names), sorted(["run.ser"] + [f"m 31-000{i}.{e}" for i in (1, 2, 3) for e in ("fits", "png")]))
+        _, fits = s.request("GET", "/api/captures/m%2031-0002.fits")
+        self.assertTrue(fits.startswith(b"SIMPLE  =") and len(fits) % 2880 == 0)
+        self.assertEqual(s.put("/api/cameras/1/exposure", {"seconds": 1, "name": "../x"})[0], 400)
+        # Collected while the video runs; it must find its way back to the region of before.
+        self.assertEqual(s.put("/api/cameras/1/takedark", {"name": "d"})[0], 200)
+        s.wait(lambda: any(c["name"] == "d.bmp" for c in s.json("/api/captures")), "the dark frame is there")
+        self.assertEqual(s.put("/api/cameras/1/dark", {"name": "d.bmp"})[0], 200)
+        s.wait(lambda: s.json("/api/cameras/1/state")["state"]["dark"], "the dark frame is in use")
+        self.assertEqual(s.json("/api/cameras/1/state")["state"]["region"], region)
+
+
+if __name__ == "__main__":
+    unittest.main()

@@ -1,0 +1,158 @@
+"""The page in a real Chromium. With KOV_SCREENSHOTS=FOLDER it leaves pictures of itself there."""
+import io
+import os
+import time
+import unittest
+
+import numpy as np
+from bench import Server
+from PIL import Image
+from selenium import webdriver
+from selenium.webdriver.chrome.options import Options
+from selenium.webdriver.chrome.service import Service
+from selenium.webdriver.common.action_chains import ActionChains
+from selenium.webdriver.common.by import By
+from selenium.webdriver.common.keys import Keys
+
+
+class PageTest(unittest.TestCase):
+    @classmethod
+    def setUpClass(cls):
+        cls.s = Server("QuartzCol,KyaniteCol_C", "--seed", "3")
+        cls.quartz = next(c["index"] for c in cls.s.json("/api/cameras") if "Quartz" in c["name"])
+        cls.browser = cls.open_browser(1500, 950)
+
+    @classmethod
+    def tearDownClass(cls):
+        cls.browser.quit()
+        cls.s.close()
+
+    @classmethod
+    def open_browser(cls, width, height):
+        o = Options()
+        for a in ("--headless=new", "--no-sandbox", "--disable-gpu", "--hide-scrollbars", f"--window-size={width},{height}"):
+            o.add_argument(a)
+        o.set_capability("goog:loggingPrefs", {"browser": "ALL"})
+        b = webdriver.Chrome(service=Service("/usr/bin/chromedriver"), options=o)
+        b.get(f"http://127.0.0.1:{cls.s.port}/#camera={cls.quartz}")
+        return b
+
+    def js(self, script, browser=None):
+        return (browser or self.browser).execute_script(script)
+
+    def picture(self, browser=None):
+        png = (browser or self.browser).find_element(By.ID, "stage").screenshot_as_png
+        return np.asarray(Image.open(io.BytesIO(png)).convert("L"), float)
+
+    def shot(self, name, browser=None):
+        folder = os.environ.get("KOV_SCREENSHOTS")
+        if folder:
+            (browser or self.browser).save_screenshot(f"{folder}/{name}.png")
+
+    def until(self, script, what, seconds=40, browser=None):
+        self.s.wait(lambda: self.js("return " + script, browser), what, seconds)
+
+    def new_frames(self, count):
+        number = self.js("return frame.number")
+        self.until(f"frame.number >= {number + count}", "new frames are shown")
+
+    def test_a_night(self):
+        # A fifth of a second shows more of the sky than the 10 ms that cameras begin with.
+        self.until("state && state.controls.length > 0", "the page has the state")
+        self.js("put('control', { type: 1, value: 200000, auto: false })")
+        self.until("frame.number > 2 && statistics && statistics.starCount > 3", "the page shows stars")
+        time.sleep(3)
+        self.shot("page")
+        # Stars on a dark sky, and the picture moves on.
+        p = self.picture()
+        self.assertGreater(np.percentile(p, 99.99) - np.median(p), 60)
+        self.assertEqual([e for e in self.browser.get_log("browser") if e["level"] == "SEVERE"], [])
+
+        # A slider changes the camera, and the picture gets brighter: the stretch is set by hand for that.
+        self.js("$('auto').checked = false; $('black').value = 0; $('middle').value = .02; $('white').value = 1")
+        self.new_frames(3)
+        before = self.picture().mean()
+        self.js("const r = document.querySelector('[data-type=\"1\"] input[type=range]'); r.value = Math.log(1500000); r.dispatchEvent(new Event('input'))")
+        self.until("state.controls.find(c => c.type === 1).value > 1400000", "the exposure is set")
+        self.new_frames(3)
+        self.assertGreater(self.picture().mean(), 1.5 * before)
+        self.js("const r = document.querySelector('[data-type=\"1\"] input[type=range]'); r.value = Math.log(200000); r.dispatchEvent(new Event('input'))")
+        self.js("$('auto').click()")
+
+        # Zoom by the keyboard, marks, a star that is tapped.
+        stage = self.browser.find_element(By.ID, "stage")
+        stage.send_keys("1")
+        self.until("view.zoom === 1 && shown.w < frame.width", "a part of the picture at 1:1")
+        stage.send_keys("c")
+        self.js("$('stars').click()")
+        time.sleep(1)
+        self.shot("zoom")
+        stage.send_keys("0", "c")
+        self.until("view.zoom === 0 && shown.w === frame.width", "the whole picture again")
+
+        # A region, drawn.
+        self.js("$('region').click()")
+        ActionChains(self.browser).move_to_element_with_offset(stage, -120, -90).click_and_hold().move_by_offset(260, 190).release().perform()
+        self.until("state.region.width < 900 && frame.width === state.region.width", "the camera has the region")
+        self.js("$('whole').click()")
+        self.until("frame.width === 1936", "the whole sensor")
+
+        # An exposure that is aborted, and one that is kept.
+        self.js("$('seconds').value = 20; $('expose').click()")
+        self.until("state.exposure && state.exposure.elapsed > 0", "it exposes")
+        time.sleep(1)
+        self.shot("exposure")
+        stage.send_keys(Keys.ESCAPE)
+        self.until("!state.exposure", "it is aborted", 10)
+        self.js("$('seconds').value = 1; $('count').value = 2; $('expose').click()")
+        self.until("$('captures').children.length === 2", "two pictures are listed")
+        self.assertEqual(len([f for f in os.listdir(self.s.folder) if f.endswith(".fits")]), 2)
+
+        # A second browser, of a phone, at night; what one does the other sees.
+        phone = self.open_browser(420, 900)
+        try:
+            self.until("frame.number > 0 && state", "the phone shows the picture", browser=phone)
+            self.js("$('night').click()", phone)
+            self.js("const n = document.querySelector('[data-type=\"0\"] input[type=number]'); n.value = 123; n.dispatchEvent(new Event('change'))", phone)
+            self.until("state.controls.find(c => c.type === 0).value === 123", "the first browser sees the new gain", 10)
+            time.sleep(1)
+            self.shot("phone", phone)
+            self.assertLessEqual(self.js("return document.documentElement.scrollWidth - innerWidth", phone), 0, "the phone's page is too wide")
+        finally:
+            phone.quit()
+
+        # The other camera, cooled.
+        self.js(f"choose({1 - self.quartz})")
+        self.until("state && frame.number > 1 && frame.width > 4000", "the second camera's picture")
+        self.js("$('coolerBox').open = true; $('target').value = 5; $('target').dispatchEvent(new Event('change')); $('coolerOn').click()")
+        self.until("state.coolerPower > 0", "it cools")
+        time.sleep(6)
+        self.js("$('coolerBox').scrollIntoView()")
+        self.shot("cooler")
+        self.js("$('doctorBox').open = true")
+        self.until("$('doctor').children.length > 0", "the doctor has spoken")
+
+
+class UnplugTest(unittest.TestCase):
+    def test_a_camera_that_goes_and_comes_back(self):
+        s = Server("QuartzMono", "--vanish", "40")
+        try:
+            seen = set()
+
+            def watch(goal):
+                s.request("GET", "/api/cameras/0/picture.jpg?after=0&out=64")
+                seen.add(s.json("/api/cameras")[0]["phase"])
+                return goal in seen
+
+            s.wait(lambda: watch("live"), "the camera is live")
+            s.wait(lambda: watch("failed") or watch("absent"), "its going is told", 90)
+            seen.clear()
+            s.wait(lambda: watch("live"), "it is live again", 90)
+            number = int(s.request("GET", "/api/cameras/0/picture.jpg?after=0&out=64")[0].headers["X-Frame"])
+            s.wait(lambda: int(s.request("GET", "/api/cameras/0/picture.jpg?after=0&out=64")[0].headers.get("X-Frame", 0)) > number + 3, "new frames come")
+        finally:
+            s.close()
+
+
+if __name__ == "__main__":
+    unittest.main()
