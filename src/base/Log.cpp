@@ -148,7 +148,9 @@ void Write(LogLevel level, std::string_view room, const char* szFormat, ...)
     line.AddV(szFormat, args);
     va_end(args);
     const std::string_view text = line.Finish();
-    std::fwrite(text.data(), 1, text.size(), log.pFile ? log.pFile : stderr);
+    std::FILE* const pFile = log.pFile ? log.pFile : stderr;
+    std::fwrite(text.data(), 1, text.size(), pFile);
+    std::fflush(pFile);  // on Windows a line buffer waits until it is full
 }
 
 Camera CurrentCamera() { return t_Label.camera; }

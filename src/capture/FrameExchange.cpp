@@ -57,6 +57,8 @@ struct FrameExchange::Impl {
         std::memcpy(&dwHead, apSlots[iWrite], sizeof dwHead);
         aHead[iWrite].store(dwHead, std::memory_order_relaxed);
         iWrite ^= 1;
+        // In one step for the reader: taken before its signal is given, a frame would leave a second stale one behind.
+        const std::lock_guard l(ring);
         if (iCount.fetch_add(1, std::memory_order_acq_rel) + 1 == 1)
             signal.Release();
     }
@@ -78,7 +80,7 @@ struct FrameExchange::Impl {
     std::atomic<int32_t> iRead{ 0 };
     std::atomic<int32_t> iCount{ 0 };     // a frame is published by the step up and given back by the step down
     // Held by Read for the span of its copy and by Reset, so that after a Reset no slot is being read any more. The
-    // producer needs no lock: it never touches the slot that is being read.
+    // producer fills its slot without it, since it never touches the one that is being read, and publishes under it.
     std::mutex ring;
     std::vector<uint8_t*> spares;         // under `ring`
     platform::Semaphore signal;           // given on the step from 0 to 1 only

@@ -43,6 +43,7 @@ TEST_F(LogTest, LevelsAndRoomsChooseTheLines)
     } rows[] = { { nullptr, 0 }, { "", 0 },           { "off", 0 },      { "error", 1 },     { "warn", 2 },
                  { "info", 3 },  { "debug", 4 },      { "trace", 5 },    { "loud", 0 },      { "trace:usb", 1 } };
     for (const auto& row : rows) {
+        logging::Configure(nullptr, nullptr);  // an open file cannot be removed on Windows
         std::filesystem::remove(m_path);
         logging::Configure(row.szLog, m_path.string().c_str());
         int iEvaluated = 0;
