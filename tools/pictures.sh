@@ -34,7 +34,7 @@ families() {
         cam "$m --hot 0 --noise 0.3" snap -e 300ms --no-fits -o "$tmp/$m"
         sheet+=("$tmp/$m.png=$m")
     done
-    "$bin/kovsheet" "$out/families.png" --dark --columns 5 --tile 220x165 "${sheet[@]}"
+    "$bin/kovsheet" "$out/families.png" --dark --stars --columns 5 --tile 220x165 "${sheet[@]}"
 }
 
 # The same corner of one camera: as it comes, less a dark frame, and repaired by its table.

@@ -33,6 +33,7 @@ struct Sheet {
     int columns = 3, tileWidth = 320, tileHeight = 240;  // a picture keeps its shape
     int cropX = 0, cropY = 0, cropWidth = 0, cropHeight = 0;  // the part that is shown; no width: all
     bool dark = false;
+    bool keepStars = false;  // shrinks by the brightest spot instead of the mean, which swallows stars
 };
 void DrawSheet(const std::string& path, const Sheet& sheet);  // throws std::runtime_error
 

@@ -284,6 +284,44 @@ void DrawPlot(const Page& page, const Theme& theme, const Plot& plot, double top
     DrawLegend(page, theme, plot, f);
 }
 
+using Surface = std::unique_ptr<cairo_surface_t, void (*)(cairo_surface_t*)>;
+
+// Each pixel is the brightest of the 4 x 4 blocks of its part of the picture, by their means: noise evens out, stars stay.
+Surface ShrunkByStars(cairo_surface_t* picture, int width, int height)
+{
+    constexpr int BLOCK = 4;
+    const int w = cairo_image_surface_get_width(picture), h = cairo_image_surface_get_height(picture);
+    const Surface from(cairo_image_surface_create(CAIRO_FORMAT_RGB24, w, h), &cairo_surface_destroy);
+    cairo_t* const copy = cairo_create(from.get());  // of whatever depth the file has
+    cairo_set_source_surface(copy, picture, 0, 0);
+    cairo_paint(copy);
+    cairo_destroy(copy);
+    Surface to(cairo_image_surface_create(CAIRO_FORMAT_RGB24, width, height), &cairo_surface_destroy);
+    cairo_surface_flush(from.get());
+    const unsigned char* const source = cairo_image_surface_get_data(from.get());
+    const int pitch = cairo_image_surface_get_stride(from.get());
+    for (int y = 0; y < height; ++y)
+        for (int x = 0; x < width; ++x) {
+            int best[3] = {}, bestSum = -1;
+            for (int by = y * h / height; by + BLOCK <= std::min(h, (y + 1) * h / height + BLOCK - 1); by += BLOCK)
+                for (int bx = x * w / width; bx + BLOCK <= std::min(w, (x + 1) * w / width + BLOCK - 1); bx += BLOCK) {
+                    int sum[3] = {};
+                    for (int i = 0; i < BLOCK * BLOCK; ++i)
+                        for (int c = 0; c < 3; ++c)
+                            sum[c] += source[(by + i / BLOCK) * pitch + (bx + i % BLOCK) * 4 + c];
+                    if (sum[0] + sum[1] + sum[2] > bestSum) {
+                        bestSum = sum[0] + sum[1] + sum[2];
+                        std::copy(sum, sum + 3, best);
+                    }
+                }
+            unsigned char* const pixel = cairo_image_surface_get_data(to.get()) + y * cairo_image_surface_get_stride(to.get()) + x * 4;
+            for (int c = 0; c < 3; ++c)
+                pixel[c] = static_cast<unsigned char>(best[c] / (BLOCK * BLOCK));
+        }
+    cairo_surface_mark_dirty(to.get());
+    return to;
+}
+
 }  // namespace
 
 void DrawPlots(const std::string& path, const std::vector<Plot>& plots, bool dark)
@@ -305,10 +343,15 @@ void DrawSheet(const std::string& path, const Sheet& s)
     const Page page(GAP + columns * (s.tileWidth + GAP), GAP + rows * (s.tileHeight + below + GAP), theme);
     for (int i = 0; i < n; ++i) {
         const Sheet::Picture& p = s.pictures[static_cast<size_t>(i)];
-        const std::unique_ptr<cairo_surface_t, void (*)(cairo_surface_t*)> picture(cairo_image_surface_create_from_png(p.file.c_str()), &cairo_surface_destroy);
+        Surface picture(cairo_image_surface_create_from_png(p.file.c_str()), &cairo_surface_destroy);
         if (cairo_surface_status(picture.get()) != CAIRO_STATUS_SUCCESS)
             throw std::runtime_error(p.file + ": " + cairo_status_to_string(cairo_surface_status(picture.get())));
         const bool part = s.cropWidth > 0;
+        const double whole = std::min(s.tileWidth / static_cast<double>(cairo_image_surface_get_width(picture.get())),
+                                      s.tileHeight / static_cast<double>(cairo_image_surface_get_height(picture.get())));
+        if (s.keepStars && !part && whole < 0.25)
+            picture = ShrunkByStars(picture.get(), static_cast<int>(cairo_image_surface_get_width(picture.get()) * whole),
+                                    static_cast<int>(cairo_image_surface_get_height(picture.get()) * whole));
         const double w = part ? s.cropWidth : cairo_image_surface_get_width(picture.get());
         const double h = part ? s.cropHeight : cairo_image_surface_get_height(picture.get());
         const double scale = std::min(s.tileWidth / w, s.tileHeight / h);

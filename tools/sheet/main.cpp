@@ -41,6 +41,7 @@ int main(int argc, char** argv)
     app.add_option("--tile", o.tile, "Largest size of a picture")->capture_default_str();
     app.add_option("--crop", o.crop, "Part of each picture: WxH+X+Y");
     app.add_flag("--dark", o.sheet.dark, "Dark ground");
+    app.add_flag("--stars", o.sheet.keepStars, "Keep stars where a picture is shrunk");
     CLI11_PARSE(app, argc, argv);
     try {
         Make(o);

@@ -107,13 +107,16 @@ private:
     std::multimap<std::string, std::string> m_values;
 };
 
+// The samples of an image as ImageBytes wants them, columns one after the other; `wide` as 32-bit numbers.
+static std::string Columns(const Frame& f, bool wide);
+
 // What the interface keeps for one camera beside the engine: the values for the next exposure, and the last image.
 class AlpacaCamera : public std::enable_shared_from_this<AlpacaCamera> {
 public:
     AlpacaCamera(std::shared_ptr<CameraEngine> engine, std::string uniqueId) : m_engine(std::move(engine)), m_uniqueId(std::move(uniqueId)) {}
 
     struct ReadoutMode { std::string name; IMG_TYPE type; std::optional<bool> highSpeed; };
-    struct Image { FramePtr frame; bool ready = false; std::string error; };
+    struct Image { FramePtr frame; std::shared_ptr<const std::string> columns; bool ready = false; std::string error; };
 
     CameraEngine& Engine() const { return *m_engine; }
     const std::string& UniqueId() const { return m_uniqueId; }
@@ -191,7 +194,7 @@ public:
     Image LastImage() const
     {
         const std::lock_guard lock(m_mutex);
-        return { m_image, m_image != nullptr, m_failed };
+        return { m_image, m_columns, m_image != nullptr, m_failed };
     }
     int CameraState() const
     {
@@ -277,6 +280,7 @@ private:
     bool m_exposing = false;
     uint64_t m_exposure = 0;  // tells an aborted one's late end from that of the next
     FramePtr m_image;
+    std::shared_ptr<const std::string> m_columns;  // of m_image, made before it is told to be ready
     std::string m_failed;
     double m_lastSeconds = 0;
     std::optional<Clock::time_point> m_lastStart;
@@ -315,10 +319,12 @@ void AlpacaCamera::StartExposure(const std::string& who, double seconds, bool li
     }
     // The end may come when nobody asks for this camera any more.
     request.taken = [self = shared_from_this(), number](const FramePtr& frame, int) {
+        auto columns = std::make_shared<const std::string>(Columns(*frame, false));
         const std::lock_guard lock(self->m_mutex);
         if (number != self->m_exposure)
             return;
         self->m_image = frame;
+        self->m_columns = std::move(columns);
         self->m_lastSeconds = frame->exposure;
         self->m_lastStart = frame->start;
     };
@@ -605,31 +611,21 @@ void TransposeColour(const uint8_t* from, int width, int height, To* to)
                 }
 }
 
-std::string ImageBytes(const Frame& f, uint32_t client, uint32_t server, bool wide)
+// Header and samples, without another copy of the samples.
+void SendImageBytes(httplib::Response& response, const AlpacaCamera::Image& image, uint32_t client, uint32_t server, bool wide)
 {
+    const Frame& f = *image.frame;
     Header h{ .client = client, .server = server, .element = 2, .rank = f.type == IMG_RGB24 ? 3 : 2, .size1 = f.width, .size2 = f.height,
               .size3 = f.type == IMG_RGB24 ? 3 : 0 };
-    const Transmission t = wide ? Transmission::Int32 : f.type == IMG_RAW16 ? Transmission::UInt16 : Transmission::Byte;
-    h.transmission = static_cast<int32_t>(t);
-    const size_t sample = wide ? 4 : f.type == IMG_RAW16 ? 2 : 1;
-    std::string out(sizeof(h) + static_cast<size_t>(f.width) * static_cast<size_t>(f.height) * static_cast<size_t>(f.View().Channels()) * sample, '\0');
-    std::memcpy(out.data(), &h, sizeof(h));
-    char* const to = out.data() + sizeof(h);
-    const uint8_t* const bytes = f.pixels.data();
-    const auto* const words = reinterpret_cast<const uint16_t*>(bytes);
-    if (f.type == IMG_RGB24 && wide)
-        TransposeColour(bytes, f.width, f.height, reinterpret_cast<int32_t*>(to));
-    else if (f.type == IMG_RGB24)
-        TransposeColour(bytes, f.width, f.height, reinterpret_cast<uint8_t*>(to));
-    else if (f.type == IMG_RAW16 && wide)
-        Transpose(words, f.width, f.height, reinterpret_cast<int32_t*>(to));
-    else if (f.type == IMG_RAW16)
-        Transpose(words, f.width, f.height, reinterpret_cast<uint16_t*>(to));
-    else if (wide)
-        Transpose(bytes, f.width, f.height, reinterpret_cast<int32_t*>(to));
-    else
-        Transpose(bytes, f.width, f.height, reinterpret_cast<uint8_t*>(to));
-    return out;
+    h.transmission = static_cast<int32_t>(wide ? Transmission::Int32 : f.type == IMG_RAW16 ? Transmission::UInt16 : Transmission::Byte);
+    const std::string head(reinterpret_cast<const char*>(&h), sizeof(h));
+    const auto columns = wide ? std::make_shared<const std::string>(Columns(f, true)) : image.columns;
+    response.set_content_provider(head.size() + columns->size(), "application/imagebytes", [head, columns](size_t offset, size_t, httplib::DataSink& sink) {
+        if (offset < head.size())
+            return sink.write(head.data() + offset, head.size() - offset);
+        const size_t at = offset - head.size();
+        return sink.write(columns->data() + at, std::min<size_t>(columns->size() - at, 1 << 20));
+    });
 }
 
 void AppendColumn(const Frame& f, int x, std::string& out)
@@ -696,6 +692,28 @@ void SendJson(httplib::Response& response, json value, bool hasValue, uint32_t c
 }
 
 }  // namespace
+
+static std::string Columns(const Frame& f, bool wide)
+{
+    const size_t sample = wide ? 4 : f.type == IMG_RAW16 ? 2 : 1;
+    std::string out(static_cast<size_t>(f.width) * static_cast<size_t>(f.height) * static_cast<size_t>(f.View().Channels()) * sample, '\0');
+    char* const to = out.data();
+    const uint8_t* const bytes = f.pixels.data();
+    const auto* const words = reinterpret_cast<const uint16_t*>(bytes);
+    if (f.type == IMG_RGB24 && wide)
+        TransposeColour(bytes, f.width, f.height, reinterpret_cast<int32_t*>(to));
+    else if (f.type == IMG_RGB24)
+        TransposeColour(bytes, f.width, f.height, reinterpret_cast<uint8_t*>(to));
+    else if (f.type == IMG_RAW16 && wide)
+        Transpose(words, f.width, f.height, reinterpret_cast<int32_t*>(to));
+    else if (f.type == IMG_RAW16)
+        Transpose(words, f.width, f.height, reinterpret_cast<uint16_t*>(to));
+    else if (wide)
+        Transpose(bytes, f.width, f.height, reinterpret_cast<int32_t*>(to));
+    else
+        Transpose(bytes, f.width, f.height, reinterpret_cast<uint8_t*>(to));
+    return out;
+}
 
 Alpaca::Alpaca(Observatory& observatory, std::filesystem::path folder, std::string version)
     : m_observatory(observatory), m_file(folder / "alpaca.json"), m_version(std::move(version))
@@ -774,8 +792,7 @@ void Alpaca::Device(const httplib::Request& request, httplib::Response& response
             if (!last.ready || camera->IsExposing())
                 throw DeviceError(last.error.empty() ? INVALID_OPERATION : DRIVER_ERROR, last.error.empty() ? "no image is ready" : last.error);
             if (bytes)
-                response.set_content(ImageBytes(*last.frame, transaction, server, command->name == std::string("imagearrayvariant")),
-                                     "application/imagebytes");
+                SendImageBytes(response, last, transaction, server, command->name == std::string("imagearrayvariant"));
             else
                 SendJsonImage(response, last.frame, transaction, server);
             return;

@@ -163,6 +163,13 @@ std::unique_ptr<Recorder> Captures::OpenSer(const fs::path& path, const Frame& f
     });
 }
 
+uintmax_t Captures::FreeBytes() const
+{
+    std::error_code ec;
+    const fs::space_info space = fs::space(m_folder, ec);
+    return ec ? 0 : space.available;
+}
+
 void Captures::AddDark(const fs::path& path, const std::string& text)
 {
     Item item;

@@ -36,6 +36,7 @@ public:
     nlohmann::json List() const;
     std::shared_ptr<const std::string> Thumbnail(const std::string& name) const;
     void SendFile(const std::string& name, httplib::Response& response) const;
+    uintmax_t FreeBytes() const;  // of the folder's disk
     uint64_t Version() const { return m_version.load(); }
 
 private:

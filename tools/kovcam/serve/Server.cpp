@@ -398,7 +398,9 @@ private:
             std::string out;
             const auto event = [&](const char* name, const json& data) { out += fmt::format("event: {}\ndata: {}\n\n", name, data.dump(-1, ' ', false, json::error_handler_t::replace)); };
             const StatePtr s = camera->GetState();
-            std::string state = Describe(*s).dump(-1, ' ', false, json::error_handler_t::replace);
+            json described = Describe(*s);
+            described["freeBytes"] = m_captures.FreeBytes() / 10'000'000 * 10'000'000;  // coarse, or each look would be a change
+            std::string state = described.dump(-1, ' ', false, json::error_handler_t::replace);
             if (state != seen->state) {
                 seen->state = std::move(state);
                 out += fmt::format("event: state\ndata: {}\n\n", seen->state);

@@ -280,7 +280,8 @@ function onState(s) {
   $('abort').disabled = !s.exposure;
   $('record').textContent = s.recording ? 'Stop recording' : 'Record SER';
   $('record').classList.toggle('on', s.recording);
-  $('space').textContent = s.recording ? `${s.recordedFrames} frames, ${(s.recordedBytes / 1e6).toFixed(0)} MB` + (s.recordingLost ? `, ${s.recordingLost} lost: the disk is too slow` : '') : '';
+  const free = s.freeBytes === undefined ? '' : `${(s.freeBytes / 1e9).toFixed(1)} GB free`;
+  $('space').textContent = free + (s.recording ? '; ' : '') + (s.recording ? `${s.recordedFrames} frames, ${(s.recordedBytes / 1e6).toFixed(0)} MB` + (s.recordingLost ? `, ${s.recordingLost} lost: the disk is too slow` : '') : '');
   if (first || $('format').options.length === 0) fillFormats();
   $('format').value = s.format;
   $('bin').value = s.region.bin;
