@@ -56,7 +56,8 @@ same() {  # same FILE BYTES_FROM_THE_END BYTES "OPTIONS OF KOVSIM" COMMAND [OPTI
     for _ in 1 2 3; do
         take "${file%.*}" "$@"
         for system in linux windows; do
-            tail -c "$from_end" "$work/$system-$file" | head -c "$bytes" >"$work/$system.pixels"
+            # The rest is read too: a tail that nobody listens to any more would end the script.
+            tail -c "$from_end" "$work/$system-$file" | { head -c "$bytes"; cat >/dev/null; } >"$work/$system.pixels"
         done
         [ "$(stat -c %s "$work/linux.pixels")" -eq "$bytes" ] || { echo "$file is shorter than $bytes bytes" >&2; exit 1; }
         if cmp "$work/linux.pixels" "$work/windows.pixels"; then
