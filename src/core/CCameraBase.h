@@ -272,7 +272,7 @@ public:
     Shared<int32_t> m_lDeadPixelNum;
     int32_t *m_pDarkPixels = nullptr, *m_pDarkTmp = nullptr;
     Shared<uint32_t> m_iDroppedFrames;
-    uint8_t* m_pImgBuf = nullptr;      // 2 bytes a sensor pixel
+    uint8_t* m_pImgBuf = nullptr;      // 2 bytes a sensor pixel; delivery works in the frame itself and uses only single places of it
     uint8_t* m_pRGBBuf = nullptr;      // 3 bytes a sensor pixel
     uint8_t* m_pQuarterBuf = nullptr;  // 3/4 of a byte; nothing of the library needs it
     std::unique_ptr<FrameExchange> m_pFrameExchange;
