@@ -391,8 +391,7 @@ private:
             OpenQueue();
             StartAutomation();
             m_cam.SendCMD(REQ_START_STREAM);
-            if (Is(Family::Cobalt))
-                Sleep(100);
+            Sleep(100);
         } else {
             StartAutomation();
             m_cam.StartSensorCLK();
@@ -400,13 +399,24 @@ private:
                 m_cam.WriteCameraRegister(IOLITE_MODE, IoliteMode());
             m_cam.StartUSBStreaming();
             if (m_cam.m_bOutput16Bits)
-                m_model.SetOutput16Bits(true);
+                To16Bits();
             m_model.StartSensorStreaming();
             m_cam.ResetEndPoint(IMAGE_ENDPOINT);
             OpenQueue();
         }
         m_run.control.Tell(EXP_WORKING);
         m_dwPassStart = platform::Ticks();
+    }
+
+    void To16Bits()
+    {
+        if (!IsOneShot()) {
+            m_model.SetOutput16Bits(true);
+            return;
+        }
+        // What SetOutput16Bits of Agate and Dunite sends at rest; while a capture runs, it would wait for this thread.
+        Sleep(200);
+        m_cam.SendCMD(REQ_MODE_16BIT);
     }
 
     void End() override

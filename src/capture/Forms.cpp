@@ -26,8 +26,8 @@ constexpr CaptureForm g_Forms[] = {
     { Family::Garnet,   true,  307200,  Marks::B,        true,  A::Common,  false, L::Garnet,     0,  500,   0 },
     { Family::Iolite,   true,  307200,  Marks::B,        true,  A::Iolite,  false, L::Iolite,  2000, 2000,   0 },
     { Family::Cobalt,   true,  0x5B000, Marks::B,        true,  A::Cobalt,  true,  L::Cobalt,     0,  500,   0 },
-    { Family::Dunite,   true,  480000,  Marks::B,        true,  A::OneShot, true,  L::Dunite,  2000, 2000,   0 },
-    { Family::Agate,    true,  480000,  Marks::B,        true,  A::OneShot, true,  L::Dunite,  2000, 2000,   0 },
+    { Family::Dunite,   true,  480000,  Marks::B,        true,  A::OneShot, false, L::Dunite,  2000, 2000,   0 },
+    { Family::Agate,    true,  480000,  Marks::B,        true,  A::OneShot, false, L::Dunite,  2000, 2000,   0 },
 };
 // clang-format on
 

@@ -77,8 +77,7 @@ TEST_P(LongExposure, OneFrameOnePass)
     EXPECT_TRUE(r.cam.m_bLongExp);
 
     const std::string sLog = r.Log(), sPass = row.szPass;
-    const bool bOwnPair = row.family == Family::Cobalt || row.family == Family::Dunite;
-    const std::string sStarted = bOwnPair ? "out 169 0000 0000\n" : "out 166 aaaa 0001\n";
+    const std::string sStarted = row.family == Family::Cobalt ? "out 169 0000 0000\n" : "out 166 aaaa 0001\n";
     const size_t at = sLog.find(sStarted) + sStarted.size();
     const size_t end = sLog.rfind("out 166 aaaa 0000\n");
     ASSERT_LE(at, end);

@@ -369,16 +369,19 @@ TEST(AnyLoop, SizesThatMakeNoFrameDoNoHarm)
 
 TEST(GarnetLoop, StartAndEndInOrder)
 {
-    Rig r(Family::Garnet, false);
-    r.cam.m_bOutput16Bits = true;
-    r.cam.StartCapture(false);
-    ASSERT_TRUE(r.Waiting(1));
-    EXPECT_EQ(r.Log(), "out 170 0000 0000\nout 166 aaaa 0000\nout 175 0000 0000\nout 169 0000 0000\nout 172 0000 0000\n"
-                       "out 166 aaaa 0001\n");
-    EXPECT_EQ(r.usb.dev.Events(), (std::vector<std::string>{ "abort 82", "reset 82", "size 82 4b000" }));
-    r.usb.dev.Clear();
-    r.cam.StopCapture();
-    EXPECT_EQ(r.Log(), "out 166 aaaa 0000\nout 170 0000 0000\n");
+    for (const Family f : { Family::Garnet, Family::Agate, Family::Dunite }) {
+        Rig r(f, false);
+        r.cam.m_bOutput16Bits = true;
+        r.cam.StartCapture(false);
+        ASSERT_TRUE(r.Waiting(1));
+        EXPECT_EQ(r.Log(), "out 170 0000 0000\nout 166 aaaa 0000\nout 175 0000 0000\nout 169 0000 0000\nout 172 0000 0000\n"
+                           "out 166 aaaa 0001\n");
+        const char* const szSize = f == Family::Garnet ? "size 82 4b000" : "size 82 75400";
+        EXPECT_EQ(r.usb.dev.Events(), (std::vector<std::string>{ "abort 82", "reset 82", szSize }));
+        r.usb.dev.Clear();
+        r.cam.StopCapture();
+        EXPECT_EQ(r.Log(), "out 166 aaaa 0000\nout 170 0000 0000\n");
+    }
 }
 
 TEST(GarnetLoop, QuirkFirstGoodFrameOfAVideoIsLost)
@@ -474,22 +477,19 @@ TEST(GarnetSLoop, FifthBadFrameStretchesTheLine)
     EXPECT_EQ(r.Log(), "out 166 300c 06d6\n");  // 1650 + 100
 }
 
-TEST(SmallChunkLoops, QueueFirst)
+TEST(SmallChunkLoops, CobaltQueuesFirst)
 {
-    for (const Family f : { Family::Cobalt, Family::Dunite }) {
-        Rig r(f, true, W, H, "QueueFirst");
-        r.cam.StartCapture(false);
-        ASSERT_TRUE(Until([&] { return r.usb.dev.Requests().size() == 3; }));
-        EXPECT_EQ(r.Log(), "out 170 0000 0000\nout 175 0000 0000\nout 169 0000 0000\n");
-        EXPECT_EQ(r.Events(f == Family::Cobalt ? "size 82 5b000" : "size 82 75400"), 1u);
-        EXPECT_EQ(r.usb.dev.Outstanding(), 1u);
-        if (f == Family::Cobalt) {  // its own automation thread carries exposure and gain to the sensor
-            EXPECT_TRUE(Until([&] { return r.cam.CountOf("apply") >= 2; }));
-            EXPECT_EQ(r.cam.Notes()[0], "apply exp");
-            EXPECT_EQ(r.cam.Notes()[1], "apply gain");
-        }
-        r.cam.StopCapture();
-    }
+    Rig r(Family::Cobalt, true, W, H, "QueueFirst");
+    r.cam.StartCapture(false);
+    ASSERT_TRUE(Until([&] { return r.usb.dev.Requests().size() == 3; }));
+    EXPECT_EQ(r.Log(), "out 170 0000 0000\nout 175 0000 0000\nout 169 0000 0000\n");
+    EXPECT_EQ(r.Events("size 82 5b000"), 1u);
+    EXPECT_EQ(r.usb.dev.Outstanding(), 1u);
+    // Its own automation thread carries exposure and gain to the sensor.
+    EXPECT_TRUE(Until([&] { return r.cam.CountOf("apply") >= 2; }));
+    EXPECT_EQ(r.cam.Notes()[0], "apply exp");
+    EXPECT_EQ(r.cam.Notes()[1], "apply gain");
+    r.cam.StopCapture();
 }
 
 TEST(SmallChunkLoops, IoliteFixesTheBlackLevelAfter800Ms)

@@ -2,6 +2,7 @@
 // scene, in place, phase, binning and depth.
 #include <cmath>
 #include <cstring>
+#include <functional>
 
 #include "device/DeviceFixture.h"
 #include "platform/SettingsStore.h"
@@ -379,6 +380,33 @@ TEST_P(ModelTest, VideoTwice)
     EXPECT_EQ(gain, cam.m_iGain);
 }
 
+class DepthTest : public ModelTest {};
+
+// These end a running capture around a change of the depth and begin a new one.
+TEST_P(DepthTest, ChangesUnderWay)
+{
+    ASSERT_NO_FATAL_FAILURE(Open(Quiet(Row().wProductId)));
+    Try({ "snap", 320, 240, 1, false, true, 56, 34 });
+    ASSERT_EQ(KOVSetControlValue(0, CTRL_EXPOSURE, 5000, KOV_FALSE), KOV_SUCCESS);
+    ASSERT_EQ(KOVStartVideoCapture(0), KOV_SUCCESS);
+    for (const bool b16 : { false, true, true, false }) {
+        ASSERT_EQ(KOVSetROIFormat(0, 320, 240, 1, b16 ? IMG_RAW16 : IMG_RAW8), KOV_SUCCESS);
+        const CCameraBase& cam = *CCameraBase::FromID(0);
+        const Image expected = Window(cam.m_iStartX, cam.m_iStartY, 320, 240);
+        std::vector<uint8_t> data(static_cast<size_t>(320 * 240 * (b16 ? 2 : 1)));
+        for (int n = 0; n < 3; ++n) {
+            ASSERT_EQ(KOVGetVideoData(0, data.data(), static_cast<int32_t>(data.size()), 8000), KOV_SUCCESS)
+                << b16 << ' ' << n << ' ' << m_pCam->CurrentReadout().sWhy;
+            std::vector<double> measured(320 * 240);
+            for (size_t i = 0; i < measured.size(); ++i)
+                measured[i] = b16 ? (data[2 * i] + 256 * data[2 * i + 1]) / 256.0 : data[i];
+            EXPECT_LE(Compare(expected, measured, 245, 8).dWorst, 1.1) << b16 << ' ' << n;
+        }
+    }
+    EXPECT_EQ(KOVStopVideoCapture(0), KOV_SUCCESS);
+    Try({ "snap again", 320, 240, 1, false, false, 56, 34 });
+}
+
 std::string NameOf(const testing::TestParamInfo<ModelRow>& info)
 {
     char id[8];
@@ -386,15 +414,20 @@ std::string NameOf(const testing::TestParamInfo<ModelRow>& info)
     return id + info.param.sClass.substr(8);
 }
 
-std::vector<ModelRow> ModelsThat(bool ModelRow::* is)
+std::vector<ModelRow> ModelsThat(const std::function<bool(const ModelRow&)>& are)
 {
     std::vector<ModelRow> rows;
-    std::copy_if(Models().begin(), Models().end(), std::back_inserter(rows), [is](const ModelRow& m) { return m.*is; });
+    std::copy_if(Models().begin(), Models().end(), std::back_inserter(rows), are);
     return rows;
+}
+bool ChangesDepthUnderWay(const ModelRow& m)
+{
+    return m.wProductId == 0xC01A || m.wProductId == 0xC03A || m.wProductId == 0xC04A || m.wProductId == 0xC04B;
 }
 
 INSTANTIATE_TEST_SUITE_P(All, ModelTest, testing::ValuesIn(Models()), NameOf);
 INSTANTIATE_TEST_SUITE_P(All, Usb3ModelTest, testing::ValuesIn(ModelsThat(&ModelRow::bUSB3)), NameOf);
 INSTANTIATE_TEST_SUITE_P(All, ColourModelTest, testing::ValuesIn(ModelsThat(&ModelRow::bColor)), NameOf);
+INSTANTIATE_TEST_SUITE_P(All, DepthTest, testing::ValuesIn(ModelsThat(&ChangesDepthUnderWay)), NameOf);
 
 }  // namespace
