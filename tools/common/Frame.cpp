@@ -111,14 +111,24 @@ CameraState ReadCameraState(int32_t id)
     return s;
 }
 
-BayerPattern DeliveredPattern(const CameraState& state)
+const std::array<uint8_t, 4>& CellColours(BayerPattern pattern)
 {
-    // Which cell order a flip makes of another: mirrored columns, reversed rows.
-    static constexpr BayerPattern flipped[4][4] = {
+    static constexpr std::array<uint8_t, 4> colours[4] = { { 0, 1, 1, 2 }, { 2, 1, 1, 0 }, { 1, 0, 2, 1 }, { 1, 2, 0, 1 } };
+    return colours[pattern & 3];
+}
+
+BayerPattern Exchanged(BayerPattern pattern, bool columns, bool rows)
+{
+    static constexpr BayerPattern table[4][4] = {
         { BAYER_RG, BAYER_GR, BAYER_GB, BAYER_BG }, { BAYER_BG, BAYER_GB, BAYER_GR, BAYER_RG },
         { BAYER_GR, BAYER_RG, BAYER_BG, BAYER_GB }, { BAYER_GB, BAYER_BG, BAYER_RG, BAYER_GR },
     };
-    return flipped[state.info.BayerPattern & 3][state.flip & 3];
+    return table[pattern & 3][(columns ? 1 : 0) | (rows ? 2 : 0)];
+}
+
+BayerPattern DeliveredPattern(const CameraState& state)
+{
+    return Exchanged(state.info.BayerPattern, (state.flip & 1) != 0, (state.flip & 2) != 0);
 }
 
 bool IsMosaic(const CameraState& state)

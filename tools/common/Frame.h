@@ -1,5 +1,6 @@
 // A delivered image and the state of the camera that took it: what files, drivers and servers say about a picture.
 #pragma once
+#include <array>
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
@@ -60,6 +61,10 @@ const char* PatternName(BayerPattern pattern);  // "RGGB"
 std::vector<IMG_TYPE> TypesOf(const KOV_CAMERA_INFO& info);
 std::vector<int> BinsOf(const KOV_CAMERA_INFO& info);
 
+// Colour (0 red, 1 green, 2 blue) of a cell's four pixels, row by row.
+const std::array<uint8_t, 4>& CellColours(BayerPattern pattern);
+// The cell with its columns, its rows or both exchanged: what a flip makes of it, and where a mosaic begins one pixel later.
+BayerPattern Exchanged(BayerPattern pattern, bool columns, bool rows);
 // Cell order of the delivered mosaic from its first pixel on: regions begin on a whole cell, flips turn it.
 BayerPattern DeliveredPattern(const CameraState& state);
 // Whether the samples are a mosaic of colours.

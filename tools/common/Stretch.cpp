@@ -55,20 +55,21 @@ namespace {
 // Bilinear: each missing colour is the mean of its nearest samples.
 std::vector<uint8_t> Interpolate(const std::vector<uint8_t>& mosaic, int width, int height, BayerPattern pattern)
 {
-    const int redX = pattern == BAYER_GR || pattern == BAYER_BG ? 1 : 0, redY = pattern == BAYER_GB || pattern == BAYER_BG ? 1 : 0;
+    const auto& cell = CellColours(pattern);
+    const auto red = std::find(cell.begin(), cell.end(), 0) - cell.begin(), redX = red % 2, redY = red / 2;
     const auto w = static_cast<size_t>(width), h = static_cast<size_t>(height);
     std::vector<uint8_t> rgb(3 * w * h);
     for (size_t y = 0; y < h; ++y) {
         const uint8_t* const row = &mosaic[y * w];
         const uint8_t* const above = &mosaic[(y == 0 ? 1 : y - 1) * w];
         const uint8_t* const below = &mosaic[(y + 1 == h ? h - 2 : y + 1) * w];
-        const bool redRow = (static_cast<int>(y & 1)) == redY;
+        const bool redRow = static_cast<int>(y & 1) == redY;
         for (size_t x = 0; x < w; ++x) {
             const size_t l = x == 0 ? 1 : x - 1, r = x + 1 == w ? w - 2 : x + 1;
             const auto mean = [](int sum, int count) { return static_cast<uint8_t>((sum + count / 2) / count); };
             const uint8_t beside = mean(row[l] + row[r], 2), over = mean(above[x] + below[x], 2);
             uint8_t* const out = &rgb[3 * (y * w + x)];
-            const bool redColumn = (static_cast<int>(x & 1)) == redX;
+            const bool redColumn = static_cast<int>(x & 1) == redX;
             if (redRow != redColumn) {  // green
                 out[0] = redRow ? beside : over;
                 out[1] = row[x];
@@ -91,14 +92,14 @@ namespace {
 // Which of red, green, blue a sample is.
 struct ChannelOf {
     bool mosaic, colour;
-    int width, redX, redY;
+    int width;
+    const std::array<uint8_t, 4>& cell;
     size_t operator()(size_t i) const
     {
         if (!mosaic)
             return colour ? 2 - i % 3 : 1;
         const int x = static_cast<int>(i % static_cast<size_t>(width)), y = static_cast<int>(i / static_cast<size_t>(width));
-        const bool red = (x & 1) == redX, redRow = (y & 1) == redY;
-        return red != redRow ? 1 : red ? 0 : 2;
+        return cell[static_cast<size_t>((y & 1) * 2 + (x & 1))];
     }
 };
 
@@ -128,7 +129,7 @@ ScreenPicture RenderForScreen(const FrameView& frame, const CameraState& state, 
 {
     const BayerPattern pattern = DeliveredPattern(state);
     const bool mosaic = IsMosaic(state) && frame.width > 1 && frame.height > 1, colour = mosaic || frame.Channels() == 3;
-    const ChannelOf channel{ mosaic, colour, frame.width, pattern == BAYER_GR || pattern == BAYER_BG, pattern == BAYER_GB || pattern == BAYER_BG };
+    const ChannelOf channel{ mosaic, colour, frame.width, CellColours(pattern) };
     const std::array<int, 3> shift = colour && stretch == Stretch::Auto ? SkyShift(frame, channel) : std::array<int, 3>{};
     const auto shifted = [&](size_t i) {
         return static_cast<size_t>(std::clamp(frame.At(i) + shift[channel(i)], 0, TopSample(frame.type)));

@@ -66,6 +66,12 @@ std::string SexagesimalText(double degrees, bool hours)
                        hundredths / 6000 % 60, hundredths / 100 % 60, hundredths % 100);
 }
 
+std::string Lower(std::string text)
+{
+    std::transform(text.begin(), text.end(), text.begin(), [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+    return text;
+}
+
 std::string UtcText(std::chrono::system_clock::time_point time)
 {
     const auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(time.time_since_epoch()).count();
@@ -73,12 +79,6 @@ std::string UtcText(std::chrono::system_clock::time_point time)
 }
 
 namespace {
-
-std::string Lower(std::string s)
-{
-    std::transform(s.begin(), s.end(), s.begin(), [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-    return s;
-}
 
 // Letters to change, add or drop to make one of the other.
 size_t Distance(const std::string& a, const std::string& b)

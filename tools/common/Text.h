@@ -17,6 +17,8 @@ double ParseAngle(const std::string& text, bool hours);
 // "05 35 17.30" of 83.822; `hours` as above.
 std::string SexagesimalText(double degrees, bool hours);
 
+std::string Lower(std::string text);  // ASCII letters
+
 std::string UtcText(std::chrono::system_clock::time_point time);  // 2026-11-24T20:15:30.123
 
 // Those of `names` that come closest to what was typed, at most four; empty where nothing is near.

@@ -5,40 +5,17 @@
 #include <algorithm>
 #include <cstdio>
 #include <filesystem>
-#include <numeric>
 #include <stdexcept>
 #include <vector>
 
 #include "common/CommandTable.h"
 #include "common/Host.h"
+#include "common/Text.h"
 #include "virtual/SimOptions.h"
 
 namespace fs = std::filesystem;
 
 namespace {
-
-std::string Lower(std::string s)
-{
-    std::transform(s.begin(), s.end(), s.begin(), [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-    return s;
-}
-
-// Letters to change, add or drop to make one of the other.
-size_t Distance(const std::string& a, const std::string& b)
-{
-    std::vector<size_t> row(b.size() + 1);
-    std::iota(row.begin(), row.end(), size_t{ 0 });
-    for (size_t i = 1; i <= a.size(); ++i) {
-        size_t diagonal = row[0];
-        row[0] = i;
-        for (size_t j = 1; j <= b.size(); ++j) {
-            const size_t above = row[j];
-            row[j] = std::min({ above + 1, row[j - 1] + 1, diagonal + (a[i - 1] != b[j - 1]) });
-            diagonal = above;
-        }
-    }
-    return row[b.size()];
-}
 
 std::vector<kovsim::ModelFacts> Models()
 {
@@ -50,21 +27,16 @@ std::vector<kovsim::ModelFacts> Models()
 // Throws for a model that is none, with the names that come closest.
 void CheckModels(const std::string& list)
 {
-    std::vector<kovsim::ModelFacts> models = Models();
+    std::vector<std::string> names;
+    for (const kovsim::ModelFacts& m : Models())
+        names.push_back(m.sToken);
     for (const std::string& token : CLI::detail::split(list, ',')) {
-        const std::string wanted = Lower(token);
-        if (std::any_of(models.begin(), models.end(), [&](const auto& m) { return Lower(m.sToken) == wanted; }))
+        const auto is = [&](const std::string& name) { return kovtools::Lower(name) == kovtools::Lower(token); };
+        if (std::any_of(names.begin(), names.end(), is))
             continue;
-        std::vector<std::pair<size_t, std::string>> near;
-        for (const kovsim::ModelFacts& m : models) {
-            const bool bPart = wanted.size() > 2 && Lower(m.sToken).find(wanted) != std::string::npos;
-            near.emplace_back(bPart ? 0 : Distance(wanted, Lower(m.sToken)), m.sToken);
-        }
-        std::sort(near.begin(), near.end());
-        std::string text;
-        for (size_t i = 0; i < near.size() && i < 4 && near[i].first <= near[0].first + 2; ++i)
-            text += (text.empty() ? " " : ", ") + near[i].second;
-        throw std::runtime_error(fmt::format("no model '{}'. Near it:{}. All are listed by 'kovsim models'.", token, text));
+        const std::vector<std::string> near = kovtools::Nearest(token, names);
+        throw std::runtime_error(fmt::format("no model '{}'.{} All are listed by 'kovsim models'.", token,
+                                             near.empty() ? "" : fmt::format(" Near it: {}.", kovtools::Joined(near))));
     }
 }
 

@@ -1,6 +1,5 @@
 #include "kovcam/serve/Alpaca.h"
 
-#include <fmt/chrono.h>
 #include <fmt/format.h>
 #include <httplib.h>
 
@@ -13,10 +12,12 @@
 #include <random>
 #include <set>
 
+#include "common/Text.h"
 #include "kovcam/serve/Http.h"
 
 namespace kovserve {
 
+using kovtools::Lower;
 using json = nlohmann::json;
 using Steady = std::chrono::steady_clock;
 
@@ -412,8 +413,9 @@ json BayerOffset(const Call& c, bool y)
     if (IsColourMode(c))
         return 0;
     // Of the sensor's first pixel; exposures are taken unflipped.
-    static constexpr int offsets[4][2] = { { 0, 0 }, { 1, 1 }, { 1, 0 }, { 0, 1 } };  // RGGB, BGGR, GRBG, GBRG
-    return offsets[c.info.BayerPattern & 3][y ? 1 : 0];
+    const auto& cell = kovtools::CellColours(c.info.BayerPattern);
+    const auto red = std::find(cell.begin(), cell.end(), 0) - cell.begin();
+    return y ? red / 2 : red % 2;
 }
 
 // For an exposure with the values that are set now.
@@ -538,7 +540,7 @@ const Command COMMANDS[] = {
     { "imageready", [](const Call& c) -> json { return c.camera.LastImage().ready && !c.camera.IsExposing(); }, nullptr },
     { "percentcompleted", [](const Call& c) -> json { return c.camera.PercentCompleted(); }, nullptr },
     { "lastexposureduration", [](const Call& c) -> json { return c.camera.LastExposure().first; }, nullptr },
-    { "lastexposurestarttime", [](const Call& c) -> json { return UtcText(c.camera.LastExposure().second); }, nullptr },
+    { "lastexposurestarttime", [](const Call& c) -> json { return kovtools::UtcText(c.camera.LastExposure().second); }, nullptr },
     { "startexposure", nullptr,
       [](const Call& c) -> json {
           const double seconds = c.parameters.Number("Duration");

@@ -40,16 +40,6 @@ int BytesOf(IMG_TYPE type)
     return type == IMG_RGB24 ? 3 : type == IMG_RAW16 ? 2 : 1;
 }
 
-// The cell of a mosaic that begins one column, one row or both later.
-BayerPattern Shifted(BayerPattern pattern, int columns, int rows)
-{
-    static constexpr BayerPattern table[4][4] = {
-        { BAYER_RG, BAYER_GR, BAYER_GB, BAYER_BG }, { BAYER_BG, BAYER_GB, BAYER_GR, BAYER_RG },
-        { BAYER_GR, BAYER_RG, BAYER_BG, BAYER_GB }, { BAYER_GB, BAYER_BG, BAYER_RG, BAYER_GR },
-    };
-    return table[pattern & 3][columns | rows << 1];
-}
-
 int64_t SizeOf(const Region& r, IMG_TYPE type)
 {
     return int64_t{ r.width } * r.height * BytesOf(type);
@@ -736,7 +726,7 @@ void CameraEngine::CutExact(Frame& frame) const
                      row);
     frame.pixels.resize(row * static_cast<size_t>(cut.height));
     if (frame.mosaic)
-        frame.mosaic = Shifted(*frame.mosaic, cut.x & 1, cut.y & 1);
+        frame.mosaic = kovtools::Exchanged(*frame.mosaic, (cut.x & 1) != 0, (cut.y & 1) != 0);
     frame.width = cut.width;
     frame.height = cut.height;
     frame.startX += cut.x;

@@ -1,20 +1,16 @@
 #include "kovcam/serve/Http.h"
 
 #include <arpa/inet.h>
-#include <fmt/chrono.h>
-#include <fmt/format.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cctype>
 
+#include "common/Text.h"
+
 namespace kovserve {
 
-std::string Lower(std::string text)
-{
-    std::transform(text.begin(), text.end(), text.begin(), [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-    return text;
-}
+using kovtools::Lower;
 
 namespace {
 
@@ -55,12 +51,6 @@ std::multimap<std::string, std::string> ParseForm(const std::string& body)
             out.emplace(Decoded(field.substr(0, equals)), Decoded(field.substr(std::min(equals + 1, field.size()))));
     }
     return out;
-}
-
-std::string UtcText(std::chrono::system_clock::time_point t)
-{
-    const auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(t.time_since_epoch()).count() % 1000;
-    return fmt::format("{:%Y-%m-%dT%H:%M:%S}.{:03}", fmt::gmtime(std::chrono::system_clock::to_time_t(t)), ms);
 }
 
 std::string HostName()

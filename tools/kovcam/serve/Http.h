@@ -1,6 +1,5 @@
 // Small things that the server's routes share.
 #pragma once
-#include <chrono>
 #include <map>
 #include <stdexcept>
 #include <string>
@@ -13,10 +12,8 @@ public:
     using std::runtime_error::runtime_error;
 };
 
-std::string Lower(std::string text);
 // The fields of an application/x-www-form-urlencoded body. Throws BadRequest.
 std::multimap<std::string, std::string> ParseForm(const std::string& body);
-std::string UtcText(std::chrono::system_clock::time_point t);  // 2026-03-04T21:07:33.125
 std::string HostName();
 
 // Whether a request may steer cameras. A browser that has been led here by another page tells so by Origin; a page

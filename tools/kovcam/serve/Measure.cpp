@@ -8,8 +8,6 @@ namespace kovserve {
 
 namespace {
 
-// Colour (0 red, 1 green, 2 blue) of a mosaic's pixel, by row and column parity.
-constexpr size_t COLOURS[4][4] = { { 0, 1, 1, 2 }, { 2, 1, 1, 0 }, { 1, 0, 2, 1 }, { 1, 2, 0, 1 } };
 constexpr size_t SAMPLED_PIXELS = 1'000'000;
 
 void FillChannels(const Frame& frame, Statistics& out)
@@ -38,7 +36,7 @@ void FillChannels(const Frame& frame, Statistics& out)
                     for (size_t c = 0; c < 3; ++c)
                         add(c, view.At(pixel * 3 + 2 - c));  // blue comes first in memory
                 else
-                    add(mosaic ? COLOURS[*frame.mosaic & 3][d] : 0, view.At(pixel));
+                    add(mosaic ? kovtools::CellColours(*frame.mosaic)[static_cast<size_t>(d)] : size_t{ 0 }, view.At(pixel));
             }
     for (size_t c = 0; c < static_cast<size_t>(out.channels); ++c) {
         uint64_t below = 0;

@@ -18,9 +18,6 @@ namespace kovserve {
 
 namespace {
 
-// Colour (0 red, 1 green, 2 blue) of a mosaic's pixel, by row and column parity.
-constexpr uint8_t COLOURS[4][4] = { { 0, 1, 1, 2 }, { 2, 1, 1, 0 }, { 1, 0, 2, 1 }, { 1, 2, 0, 1 } };
-
 // From a sample to a byte of the screen: the frame's own stretch, or black, white and the midtone that a viewer has set.
 std::vector<uint8_t> CurveOf(const Frame& frame, const Statistics* statistics, const View& view)
 {
@@ -41,7 +38,7 @@ template <class Sample>
 struct Source {
     const Sample* pixels;
     int width, height;
-    const uint8_t* colours;  // of the mosaic; null: grey
+    const uint8_t* colours;  // of the mosaic's cell; null: grey
 
     uint32_t At(int x, int y) const { return pixels[static_cast<size_t>(y) * static_cast<size_t>(width) + static_cast<size_t>(x)]; }
 };
@@ -200,7 +197,7 @@ Picture Render(const Frame& frame, const Statistics* statistics, const View& vie
     out.height = std::max(1, static_cast<int>(height / scale));
     out.rgb.resize(static_cast<size_t>(out.width) * static_cast<size_t>(out.height) * 3);
     const Curve curve = CurveOf(frame, statistics, view);
-    const uint8_t* const colours = frame.mosaic && frame.width > 1 && frame.height > 1 ? COLOURS[*frame.mosaic & 3] : nullptr;
+    const uint8_t* const colours = frame.mosaic && frame.width > 1 && frame.height > 1 ? kovtools::CellColours(*frame.mosaic).data() : nullptr;
     if (frame.type == IMG_RGB24)
         FillColour(frame, curve, left, top, scale, out);
     else if (frame.type == IMG_RAW16)

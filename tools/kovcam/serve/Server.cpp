@@ -15,6 +15,7 @@
 #include <sstream>
 
 #include "common/Doctor.h"
+#include "common/Text.h"
 #include "kovcam/serve/Alpaca.h"
 #include "kovcam/serve/Captures.h"
 #include "kovcam/serve/Engine.h"
@@ -138,7 +139,7 @@ json Describe(const std::vector<JournalEntry>& journal, uint64_t after)
     json out = json::array();
     for (const JournalEntry& e : journal)
         if (e.number > after)
-            out.push_back({ { "number", e.number }, { "time", UtcText(e.when) }, { "who", e.who }, { "what", e.what }, { "result", e.result } });
+            out.push_back({ { "number", e.number }, { "time", kovtools::UtcText(e.when) }, { "who", e.who }, { "what", e.what }, { "result", e.result } });
     return out;
 }
 
