@@ -178,6 +178,16 @@ void Camera::PowerCycle()
     Replug();
 }
 
+void Camera::PowerCycle(uint64_t uPlug)
+{
+    Lock lock(m_Mutex);
+    if (!m_bPresent || uPlug != m_uPlug) return;
+    Drop(-1);
+    m_bLoaded = false;
+    Boot();
+    PlugIn();
+}
+
 bool Camera::Info(usbstack::DeviceInfo* pInfo, uint64_t* puPlug, Status* pOpen) const
 {
     Lock lock(m_Mutex);
@@ -229,7 +239,7 @@ DescriptorFacts Camera::Descriptors() const
 
 // --- image pipe ---
 
-Status Camera::Submit(uint64_t uPlug, const void* pOwner, usbstack::BulkRequest* request)
+Status Camera::Submit(uint64_t uPlug, const void* pOwner, usbstack::BulkRequest* request, uint32_t uPacket)
 {
     if (request->bEndpoint != BULK_IN || !request->OnComplete || (request->dwLength && !request->pData))
         return Status::Failed;
@@ -237,21 +247,22 @@ Status Camera::Submit(uint64_t uPlug, const void* pOwner, usbstack::BulkRequest*
         Lock lock(m_Mutex);
         if (!m_bPresent || uPlug != m_uPlug) return Status::Gone;
         if (m_OpenStatus == Status::Busy) return Status::Busy;
-        m_Pending.push_back({ request, pOwner, uPlug });
+        m_Pending.push_back({ request, pOwner, uPlug, uPacket });
         if (m_Frames.empty() && !m_bHalted) return Status::Ok;
     }
     m_Bus.Pump();
     return Status::Ok;
 }
 
-void Camera::Cancel(const void* pOwner)
+void Camera::Cancel(const void* pOwner, const usbstack::BulkRequest* pOnly)
 {
     std::lock_guard completing(m_Completing);
     std::deque<Pending> out;
     {
         Lock lock(m_Mutex);
         std::deque<Pending> keep;
-        for (const Pending& p : m_Pending) (!pOwner || p.pOwner == pOwner ? out : keep).push_back(p);
+        for (const Pending& p : m_Pending)
+            ((!pOwner || p.pOwner == pOwner) && (!pOnly || p.request == pOnly) ? out : keep).push_back(p);
         m_Pending.swap(keep);
     }
     for (const Pending& p : out) p.request->OnComplete(p.request, Status::Cancelled, 0);
@@ -320,8 +331,18 @@ void Camera::Complete()
                 } else {
                     FrameInFlight& f = m_Frames.front();
                     from = f.uSent;
-                    n = std::min(p.request->dwLength, f.uSize - f.uSent);
+                    const uint32_t left = f.uSize - f.uSent;
+                    n = std::min(p.request->dwLength, left);
                     f.uSent += n;
+                    if (p.uPacket && n < left && n % p.uPacket) {
+                        // A whole packet came where there was room for a part of one: all of it is lost.
+                        status = Status::Failed;
+                        const uint32_t part = n % p.uPacket;
+                        n -= part;
+                        f.uSent += std::min(p.uPacket - part, left - n - part);
+                        if (f.bGood) ++m_Counters.uSpoiled;
+                        f.bGood = false;
+                    }
                     frame = f;
                     if (f.uSent == f.uSize) {
                         m_Frames.pop_front();

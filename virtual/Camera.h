@@ -106,19 +106,34 @@ public:
     std::vector<uint8_t> Eeprom() const override;
     uint8_t Firmware() const override;
 
-    // For the bus and its handles. uPlug is the plug that a handle was opened on: a later one makes it stale.
+    // For the bus, its handles and its sockets. uPlug is the plug that a handle was opened on: a later one makes it stale.
     bool Info(usbstack::DeviceInfo* pInfo, uint64_t* puPlug, usbstack::Status* pOpen) const;
     usbstack::Status Control(uint64_t uPlug, uint8_t bRequestType, uint8_t bRequest, uint16_t wValue, uint16_t wIndex,
                              uint8_t* pData, uint16_t wLength, uint32_t dwTimeoutMs, uint32_t* pdwMoved);
+    // The same without waiting for the answer, which the firmware has after dDelayUs of device time. data: what the host
+    // sends.
+    struct Answer {
+        usbstack::Status status;      // Ok, Stall or Gone
+        std::vector<uint8_t> data;
+        double dDelayUs;
+        uint64_t uAborts;             // how many had been given up before
+    };
+    Answer Ask(uint64_t uPlug, uint8_t bRequestType, uint8_t bRequest, uint16_t wValue, uint16_t wIndex, uint16_t wLength,
+               std::vector<uint8_t> data);
     usbstack::Status Claim(uint64_t uPlug) const;
     void AbortControl(uint64_t uPlug);
-    usbstack::Status Submit(uint64_t uPlug, const void* pOwner, usbstack::BulkRequest* request);
-    // Completes an owner's requests (nullptr: everybody's) as cancelled.
-    void Cancel(const void* pOwner);
+    void NoteLostReply();
+    void PowerCycle(uint64_t uPlug);
+    // uPacket: bytes of a packet on the wire, where the request is to babble that more is sent to than it has room for;
+    // it ends with Failed. 0: it takes what fits, and the rest goes to the next.
+    usbstack::Status Submit(uint64_t uPlug, const void* pOwner, usbstack::BulkRequest* request, uint32_t uPacket = 0);
+    // Completes an owner's requests (nullptr: everybody's), or one of them, as cancelled.
+    void Cancel(const void* pOwner, const usbstack::BulkRequest* pOnly = nullptr);
     usbstack::Status ResetPipe(uint64_t uPlug, const void* pOwner);
     usbstack::Status ResetPort(uint64_t uPlug);
     usbstack::Status CyclePort(uint64_t uPlug);
     bool IsCurrent(uint64_t uPlug) const;
+    std::chrono::steady_clock::time_point RealTimeIn(double us) const { return m_Clock.RealTime(m_Clock.Now() + us); }
     usbstack::Speed GetSpeed() const;
     uint8_t GetAddress() const;
     int GetAltSetting(uint64_t uPlug) const;
@@ -135,6 +150,7 @@ private:
         usbstack::BulkRequest* request;
         const void* pOwner;
         uint64_t uPlug;
+        uint32_t uPacket;
     };
     using Lock = std::unique_lock<std::mutex>;
 

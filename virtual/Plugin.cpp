@@ -15,24 +15,6 @@ namespace {
 std::atomic<const usbstack::Plugin*> g_pAttached = nullptr;
 std::unique_ptr<VirtualBus> g_pOwnBus;  // of KOVSimAttach
 
-void PlugAll(VirtualBus& bus, SimOptions& options)
-{
-    for (CameraSettings& settings : options.cameras) {
-        settings.onNoise = [](const ModelFacts& facts, const std::string& why) {
-            std::fprintf(stderr, "KOVSIM: %s sends noise, its registers contradict each other: %s\n", facts.sToken.c_str(),
-                         why.c_str());
-        };
-        settings.onSlow = [](const ModelFacts& facts, double rate, double asked) {
-            std::fprintf(stderr, "KOVSIM: this machine is too slow for %s: %.2g frames a second come, its registers ask for %.2g. "
-                                 "A smaller region, a longer exposure or a slower clock (rate=0.5) helps.\n",
-                         facts.sToken.c_str(), rate, asked);
-        };
-        VirtualCamera& camera = bus.Plug(settings);
-        if (options.uVanishAfter > 0)
-            camera.Inject({ FaultKind::Vanish, VANISH_MS, options.uVanishAfter, 1 });
-    }
-}
-
 const usbstack::Plugin* FromEnvironment()
 {
     const char* szText = std::getenv("KOVSIM");

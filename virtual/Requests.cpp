@@ -47,49 +47,51 @@ constexpr uint32_t FPGA_REGISTER = 0x10000;    // in the argument of FailRegiste
 
 }  // namespace
 
+Camera::Answer Camera::Ask(uint64_t uPlug, uint8_t bRequestType, uint8_t bRequest, uint16_t wValue, uint16_t wIndex,
+                          uint16_t wLength, std::vector<uint8_t> data)
+{
+    const Setup s{ (bRequestType & 0x80) != 0, bRequest, wValue, wIndex, wLength };
+    const bool vendor = (bRequestType & 0x60) == 0x40;
+    bool ok;
+    Lock lock(m_Mutex);
+    if (!m_bPresent || uPlug != m_uPlug) return { Status::Gone, {}, 0, m_uControlAborts };
+    m_dReplyUs = 0;
+    if (vendor) {
+        uint32_t ms = 0;
+        if (TakeFault(FaultKind::SlowControl, nullptr, &ms)) m_dReplyUs = ms * 1000.0;
+        ok = !TakeFault(FaultKind::FailControl, [&](uint32_t a) { return a == 0 || a == bRequest; }) && Vendor(s, data);
+        if (!ok && s.bIn) data.clear();
+        if (s.bIn && data.size() > wLength) data.resize(wLength);
+        Log(s, data);
+    } else {
+        ok = Standard(bRequestType, s, data);
+        if (s.bIn && data.size() > wLength) data.resize(wLength);
+    }
+    return { ok ? Status::Ok : Status::Stall, std::move(data), m_dReplyUs, m_uControlAborts };
+}
+
 Status Camera::Control(uint64_t uPlug, uint8_t bRequestType, uint8_t bRequest, uint16_t wValue, uint16_t wIndex,
                        uint8_t* pData, uint16_t wLength, uint32_t dwTimeoutMs, uint32_t* pdwMoved)
 {
     if (pdwMoved) *pdwMoved = 0;
-    const Setup s{ (bRequestType & 0x80) != 0, bRequest, wValue, wIndex, wLength };
-    const bool vendor = (bRequestType & 0x60) == 0x40;
-    std::vector<uint8_t> data;
-    if (!s.bIn && wLength) data.assign(pData, pData + wLength);
-    bool ok;
-    double delay;
-    uint64_t aborts;
-    {
-        Lock lock(m_Mutex);
-        if (!m_bPresent || uPlug != m_uPlug) return Status::Gone;
-        m_dReplyUs = 0;
-        if (vendor) {
-            uint32_t ms = 0;
-            if (TakeFault(FaultKind::SlowControl, nullptr, &ms)) m_dReplyUs = ms * 1000.0;
-            ok = !TakeFault(FaultKind::FailControl, [&](uint32_t a) { return a == 0 || a == bRequest; }) &&
-                 Vendor(s, data);
-            if (!ok && s.bIn) data.clear();
-            if (s.bIn && data.size() > wLength) data.resize(wLength);
-            Log(s, data);
-        } else {
-            ok = Standard(bRequestType, s, data);
-        }
-        delay = m_dReplyUs;
-        aborts = m_uControlAborts;
-    }
-    const double limit = dwTimeoutMs * 1000.0;
+    const bool in = (bRequestType & 0x80) != 0;
+    std::vector<uint8_t> sent;
+    if (!in && wLength) sent.assign(pData, pData + wLength);
+    const Answer answer = Ask(uPlug, bRequestType, bRequest, wValue, wIndex, wLength, std::move(sent));
+    const double limit = dwTimeoutMs * 1000.0, delay = answer.dDelayUs;
     if (delay > 0) {
         const auto until = m_Clock.RealTime(m_Clock.Now() + (limit > 0 ? std::min(delay, limit) : delay));
         Lock lock(m_Mutex);
-        const bool given_up = m_ControlWake.wait_until(lock, until, [&] { return aborts != m_uControlAborts; });
+        const bool given_up = m_ControlWake.wait_until(lock, until, [&] { return answer.uAborts != m_uControlAborts; });
         const bool late = limit > 0 && delay > limit;
         if (given_up || late) {
             ++m_uLostReplies;
             return given_up ? Status::Cancelled : Status::TimedOut;
         }
     }
-    if (!ok) return Status::Stall;
-    const uint32_t moved = s.bIn ? uint32_t(std::min<size_t>(data.size(), wLength)) : wLength;
-    if (s.bIn && moved) std::memcpy(pData, data.data(), moved);
+    if (answer.status != Status::Ok) return answer.status;
+    const uint32_t moved = in ? uint32_t(answer.data.size()) : wLength;
+    if (in && moved) std::memcpy(pData, answer.data.data(), moved);
     if (pdwMoved) *pdwMoved = moved;
     return Status::Ok;
 }
@@ -101,10 +103,18 @@ void Camera::AbortControl(uint64_t uPlug)
     m_ControlWake.notify_all();
 }
 
+void Camera::NoteLostReply()
+{
+    Lock lock(m_Mutex);
+    ++m_uLostReplies;
+}
+
 bool Camera::Standard(uint8_t bRequestType, const Setup& s, std::vector<uint8_t>& data)
 {
     enum { GET_STATUS = 0, CLEAR_FEATURE = 1, SET_FEATURE = 3, GET_DESCRIPTOR = 6, GET_CONFIGURATION = 8,
-           SET_CONFIGURATION = 9, GET_INTERFACE = 10, SET_INTERFACE = 11 };
+           SET_CONFIGURATION = 9, GET_INTERFACE = 10, SET_INTERFACE = 11, SET_SEL = 48, SET_ISOCH_DELAY = 49 };
+    enum { U1_ENABLE = 48, U2_ENABLE = 49 };
+    const bool super = GetSpeed() == usbstack::Speed::Super;
     const int recipient = bRequestType & 0x1F;  // 0 device, 1 interface, 2 endpoint
     switch (s.bRequest) {
     case GET_STATUS:
@@ -112,6 +122,7 @@ bool Camera::Standard(uint8_t bRequestType, const Setup& s, std::vector<uint8_t>
         return s.bIn;
     case CLEAR_FEATURE:
     case SET_FEATURE:
+        if (!s.bIn && recipient == 0 && super && (s.wValue == U1_ENABLE || s.wValue == U2_ENABLE)) return true;
         if (s.bIn || recipient != 2 || s.wIndex != BULK_IN || s.wValue != 0) return false;
         m_bHalted = s.bRequest == SET_FEATURE;
         Flush();
@@ -131,6 +142,8 @@ bool Camera::Standard(uint8_t bRequestType, const Setup& s, std::vector<uint8_t>
         data = { 0 };
         return s.bIn && s.wIndex == 0;
     case SET_INTERFACE: return !s.bIn && s.wIndex == 0 && s.wValue == 0;
+    case SET_SEL: return super && !s.bIn && s.wLength == 6;
+    case SET_ISOCH_DELAY: return super && !s.bIn && s.wLength == 0;
     default: return false;
     }
 }

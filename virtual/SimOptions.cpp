@@ -1,5 +1,6 @@
 #include "virtual/SimOptions.h"
 
+#include <cstdio>
 #include <cstdlib>
 #include <limits>
 #include <strings.h>
@@ -123,6 +124,24 @@ bool ParseSimOptions(const std::string& text, SimOptions* options, std::string* 
     }
     *options = std::move(result);
     return true;
+}
+
+void PlugAll(VirtualBus& bus, SimOptions options)
+{
+    for (CameraSettings& settings : options.cameras) {
+        settings.onNoise = [](const ModelFacts& facts, const std::string& why) {
+            std::fprintf(stderr, "KOVSIM: %s sends noise, its registers contradict each other: %s\n", facts.sToken.c_str(),
+                         why.c_str());
+        };
+        settings.onSlow = [](const ModelFacts& facts, double rate, double asked) {
+            std::fprintf(stderr, "KOVSIM: this machine is too slow for %s: %.2g frames a second come, its registers ask for %.2g. "
+                                 "A smaller region, a longer exposure or a slower clock (rate=0.5) helps.\n",
+                         facts.sToken.c_str(), rate, asked);
+        };
+        VirtualCamera& camera = bus.Plug(settings);
+        if (options.uVanishAfter > 0)
+            camera.Inject({ FaultKind::Vanish, VANISH_MS, options.uVanishAfter, 1 });
+    }
 }
 
 }  // namespace kovsim

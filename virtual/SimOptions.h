@@ -21,6 +21,8 @@ struct SimOptions {
 
 // False and *error, which names the options and, for an unknown model, the tokens.
 bool ParseSimOptions(const std::string& text, SimOptions* options, std::string* error);
+// Plugs the cameras in; what they have to tell about themselves goes to standard error.
+void PlugAll(VirtualBus& bus, SimOptions options);
 // The model tokens in lines of at most 100 characters, and the options.
 std::string SimHelp();
 

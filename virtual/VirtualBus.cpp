@@ -69,6 +69,32 @@ private:
     const uint8_t m_bAddress;
 };
 
+class Socket final : public UsbDevice {
+public:
+    Socket(Camera& camera, uint64_t uPlug)
+        : m_Camera(camera), m_uPlug(uPlug), m_uPacket(camera.GetSpeed() == usbstack::Speed::Super ? 1024 : 512)
+    {
+    }
+    ~Socket() override { m_Camera.Cancel(this); }
+    bool Present() const override { return m_Camera.IsCurrent(m_uPlug); }
+    Answer Control(const std::array<uint8_t, 8>& setup, std::vector<uint8_t> data) override
+    {
+        const auto word = [&](size_t at) { return uint16_t(setup[at] | setup[at + 1] << 8); };
+        Camera::Answer a = m_Camera.Ask(m_uPlug, setup[0], setup[1], word(2), word(4), word(6), std::move(data));
+        if (!(setup[0] & 0x80) || a.status != Status::Ok) a.data.clear();
+        return { a.status, std::move(a.data), m_Camera.RealTimeIn(a.dDelayUs) };
+    }
+    void NoteLostReply() override { m_Camera.NoteLostReply(); }
+    Status SubmitBulk(usbstack::BulkRequest* request) override { return m_Camera.Submit(m_uPlug, this, request, m_uPacket); }
+    void Unlink(usbstack::BulkRequest* request) override { m_Camera.Cancel(this, request); }
+    void Replug() override { m_Camera.PowerCycle(m_uPlug); }
+
+private:
+    Camera& m_Camera;
+    const uint64_t m_uPlug;
+    const uint32_t m_uPacket;
+};
+
 }  // namespace
 
 struct VirtualBus::Impl final : BusHooks {
@@ -183,22 +209,33 @@ std::vector<usbstack::DeviceInfo> VirtualBus::Enumerate()
     return out;
 }
 
-usbstack::IDevice* VirtualBus::Open(const std::string& sPath, Status* pStatus)
+// The camera with this path, if it may be opened; else the reason.
+Camera* VirtualBus::Find(const std::string& sPath, uint64_t* puPlug, Status* pStatus)
 {
-    Status open = Status::Gone;
+    *pStatus = Status::Gone;
     for (Camera* c : m_p->All()) {
         usbstack::DeviceInfo info;
-        uint64_t plug;
-        Status status;
-        if (!c->Info(&info, &plug, &status) || info.sPath != sPath) continue;
-        open = status;
-        if (open == Status::Ok) {
-            if (pStatus) *pStatus = open;
-            return new Handle(*c, plug);
-        }
+        if (c->Info(&info, puPlug, pStatus) && info.sPath == sPath) return *pStatus == Status::Ok ? c : nullptr;
+        *pStatus = Status::Gone;
     }
-    if (pStatus) *pStatus = open;
     return nullptr;
+}
+
+usbstack::IDevice* VirtualBus::Open(const std::string& sPath, Status* pStatus)
+{
+    uint64_t plug;
+    Status status;
+    Camera* const camera = Find(sPath, &plug, &status);
+    if (pStatus) *pStatus = status;
+    return camera ? new Handle(*camera, plug) : nullptr;
+}
+
+std::unique_ptr<UsbDevice> VirtualBus::OpenDevice(const std::string& sPath)
+{
+    uint64_t plug;
+    Status status;
+    Camera* const camera = Find(sPath, &plug, &status);
+    return camera ? std::make_unique<Socket>(*camera, plug) : nullptr;
 }
 
 }  // namespace kovsim

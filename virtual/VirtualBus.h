@@ -16,6 +16,7 @@
 #include "platform/UsbStack.h"
 #include "virtual/Profile.h"
 #include "virtual/Scene.h"
+#include "virtual/UsbDevice.h"
 
 namespace kovsim {
 
@@ -123,6 +124,8 @@ public:
     virtual uint8_t Firmware() const = 0;
 };
 
+class Camera;
+
 class VirtualBus final : public usbstack::IStack {
 public:
     explicit VirtualBus(double dClockRate = 1.0);  // device time runs that many times as fast as real time
@@ -135,8 +138,11 @@ public:
 
     std::vector<usbstack::DeviceInfo> Enumerate() override;
     usbstack::IDevice* Open(const std::string& sPath, usbstack::Status* pStatus) override;
+    // One step lower: the device for a host controller. nullptr: it is not there, or may not be opened.
+    std::unique_ptr<UsbDevice> OpenDevice(const std::string& sPath);
 
 private:
+    Camera* Find(const std::string& sPath, uint64_t* puPlug, usbstack::Status* pStatus);
     struct Impl;
     std::unique_ptr<Impl> m_p;
 };

@@ -161,6 +161,21 @@ expect 0 "subtraction" cam QuartzMono snap -o s -e 800ms -g 200 -f raw8 --dark d
 expect 2 "subtraction from 16 bits" cam QuartzMono snap -o s -f raw16 --dark dark.bmp
 expect 1 "missing dark frame" cam QuartzMono snap -o s -f raw8 --dark missing.bmp
 
+# --- cameras for an operating system, over TCP: the list that its client asks for first
+"$bin/kovsim" serve --camera QuartzCol,LapisMono_C --port 0 >served 2>refused &
+server=$!
+for i in {1..100}; do grep -q attach served && break; sleep 0.1; done
+exec 3<>"/dev/tcp/127.0.0.1/$(sed -n 's/^kovsim.*://p' served)"
+printf '\001\021\200\005\0\0\0\0' >&3
+head -c 644 <&3 | LC_ALL=C tr -c '[:print:]' ' ' >out
+says out '/2-1 .* 2-1 .*/2-2 .* 2-2 '
+printf 'GET / HTTP/1.1\r\n' >&3
+[ -z "$(cat <&3)" ] || fail "a client that speaks something else is answered"
+says refused 'does not speak USB/IP'
+expect 2 "a port in use" "$bin/kovsim" serve --port "$(sed -n 's/^kovsim.*://p' served)" 2>err
+says err '--port'
+kill $server
+
 # --- the doctor, on a system made up: no rule, a slow link, another program, little memory
 SIM=
 mkdir -p sys/bus/usb/devices/1-2 dev/bus/usb/001 proc/77/fd sys/module/usbcore/parameters

@@ -11,6 +11,9 @@
 #include "common/CommandTable.h"
 #include "common/Host.h"
 #include "common/Text.h"
+#ifdef KOV_SERVES
+#include "kovsim/Serve.h"
+#endif
 #include "virtual/SimOptions.h"
 
 namespace fs = std::filesystem;
@@ -55,15 +58,16 @@ fs::path FindPlugin()
     throw std::runtime_error(fmt::format("{} is missing. Looked for:{}\nInstall it with './dev install'.", kovtools::PLUGIN_FILE, looked));
 }
 
-struct RunOptions {
+struct CameraOptions {
     std::string sCameras = "QuartzCol";
     bool bUsb2 = false;
     std::vector<std::pair<const char*, std::string>> values;  // option name in KOVSIM, text
-    std::vector<std::string> program;
 };
 
-std::string SimText(const RunOptions& o)
+// What KOVSIM says for these options, checked.
+std::string SimText(const CameraOptions& o, kovsim::SimOptions* pParsed)
 {
+    CheckModels(o.sCameras);
     std::string text = o.sCameras;
     for (const auto& [name, value] : o.values) {
         if (value.find(';') != std::string::npos)
@@ -71,18 +75,37 @@ std::string SimText(const RunOptions& o)
         if (!value.empty())
             text += fmt::format(";{}={}", name, value);
     }
-    return o.bUsb2 ? text + ";usb2" : text;
+    if (o.bUsb2)
+        text += ";usb2";
+    std::string error;
+    if (!kovsim::ParseSimOptions(text, pParsed, &error))
+        throw std::runtime_error(error.substr(0, error.find('\n')));
+    return text;
 }
 
-int Run(const RunOptions& o)
+// The options live as long as the command.
+std::shared_ptr<CameraOptions> AddCameraOptions(CLI::App& command)
 {
-    CheckModels(o.sCameras);
-    const std::string text = SimText(o);
-    kovsim::SimOptions parsed;
-    std::string error;
-    if (!kovsim::ParseSimOptions(text, &parsed, &error))
-        throw std::runtime_error(error.substr(0, error.find('\n')));
-    return kovtools::RunWithPlugin(o.program, FindPlugin(), text);
+    auto o = std::make_shared<CameraOptions>();
+    o->values.reserve(16);
+    command.add_option("-c,--camera", o->sCameras, "Models, separated by commas (see 'kovsim models')")->capture_default_str();
+    const auto option = [&](const char* szName, const char* szHelp) {
+        o->values.emplace_back(szName, "");
+        command.add_option(std::string("--") + szName, o->values.back().second, szHelp);
+    };
+    option("scene", "What they look at (see 'kovsim scenes')");
+    option("rate", "Clock: so many times faster than real time");
+    option("seed", "Noise and hot pixels; the same number gives the same camera");
+    option("firmware", "Version that the firmware tells");
+    option("flash", "File that keeps the camera's flash from run to run");
+    option("serial", "Serial number");
+    option("noise", "Factor of all noise; 0 for none");
+    option("hot", "Number of hot pixels");
+    option("ambient", "Surroundings, degrees Celsius");
+    option("link", "Limit of the link, MB/s");
+    option("vanish", "Frames until each camera is pulled out; it returns 1.5 s later");
+    command.add_flag("--usb2", o->bUsb2, "Plugged into a USB 2 port");
+    return o;
 }
 
 void PrintModels(bool bJson)
@@ -130,28 +153,30 @@ int main(int argc, char** argv)
     int iExit = 0;
 
     auto* pRun = app.add_subcommand("run", "Run a program that sees virtual cameras; write -- before the program");
-    RunOptions o;
-    o.values.reserve(16);
-    pRun->add_option("-c,--camera", o.sCameras, "Models, separated by commas (see 'kovsim models')")->capture_default_str();
-    const auto option = [&](const char* szName, const char* szHelp) {
-        o.values.emplace_back(szName, "");
-        pRun->add_option(std::string("--") + szName, o.values.back().second, szHelp);
-    };
-    option("scene", "What they look at (see 'kovsim scenes')");
-    option("rate", "Clock: so many times faster than real time");
-    option("seed", "Noise and hot pixels; the same number gives the same camera");
-    option("firmware", "Version that the firmware tells");
-    option("flash", "File that keeps the camera's flash from run to run");
-    option("serial", "Serial number");
-    option("noise", "Factor of all noise; 0 for none");
-    option("hot", "Number of hot pixels");
-    option("ambient", "Surroundings, degrees Celsius");
-    option("link", "Limit of the link, MB/s");
-    option("vanish", "Frames until each camera is pulled out; it returns 1.5 s later");
-    pRun->add_flag("--usb2", o.bUsb2, "Plugged into a USB 2 port");
-    pRun->add_option("program", o.program, "Program and its arguments")->required();
+    const auto pCameras = AddCameraOptions(*pRun);
+    std::vector<std::string> program;
+    pRun->add_option("program", program, "Program and its arguments")->required();
     pRun->positionals_at_end();
-    pRun->callback([&] { iExit = Run(o); });
+    pRun->callback([&] {
+        kovsim::SimOptions parsed;
+        const std::string text = SimText(*pCameras, &parsed);
+        iExit = kovtools::RunWithPlugin(program, FindPlugin(), text);
+    });
+
+#ifdef KOV_SERVES
+    auto* pServe = app.add_subcommand("serve", "Virtual cameras as USB/IP devices, for a system that takes them for real ones; Ctrl-C ends it");
+    const auto pServed = AddCameraOptions(*pServe);
+    kovsim::ServeOptions serve;
+    pServe->add_option("--listen", serve.sAddress, "Address to listen at; 0.0.0.0 offers the cameras to the network")->capture_default_str();
+    pServe->add_option("--port", serve.iPort, "Port; 0 takes a free one")->check(CLI::Range(0, 65535))->capture_default_str();
+    pServe->callback([&] {
+        kovsim::SimOptions parsed;
+        SimText(*pServed, &parsed);
+        kovsim::VirtualBus bus(parsed.dRate);
+        kovsim::PlugAll(bus, std::move(parsed));
+        kovsim::Serve(bus, serve);
+    });
+#endif
 
     auto* pModels = app.add_subcommand("models", "The models that can be had");
     auto pJson = std::make_shared<bool>(false);
