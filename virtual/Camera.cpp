@@ -74,7 +74,7 @@ Camera::Camera(const CameraSettings& settings, uint16_t wVendorId, const Clock& 
       m_Imager(m_Facts, settings.uSeed, settings.dNoise, settings.iHotPixels),
       m_Scene(settings.scene ? settings.scene : Scene::Sky()),
       m_Thermal(settings.dAmbient, m_Facts.bCooled),
-      m_Flash(settings.sFlashFile),
+      m_Flash(m_Facts.bUSB3 ? settings.sFlashFile : ""),
       m_Eeprom(0x10000, 0xFF)
 {
     Boot();

@@ -237,7 +237,7 @@ private:
     mutable Thermal m_Thermal;
     bool m_Pins[4] = {};
     double m_dGuideX = 0, m_dGuideY = 0, m_dGuideAt = 0;
-    SpiFlash m_Flash;
+    SpiFlash m_Flash;                  // of the USB 3 bridge
     std::vector<uint8_t> m_Eeprom;     // of the USB 2 bridge
     bool m_bEepromWritten = false;
     std::map<uint32_t, uint8_t> m_I2c; // of the USB 3 bridge: device << 16 | address

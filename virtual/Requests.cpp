@@ -290,8 +290,10 @@ bool Camera::VendorLoad(const Setup& s, std::vector<uint8_t>& data)
     return true;
 }
 
+// USB 2 bridges have the EEPROM of their firmware and no other memory.
 bool Camera::VendorFlash(const Setup& s, std::vector<uint8_t>& data)
 {
+    if (!m_Facts.bUSB3) return false;
     const double now = m_Clock.Now();
     const uint32_t address = uint32_t(s.wIndex) << 8;
     if (s.bRequest == FLASH_READ) return m_Flash.Read(address, s.wLength, now, &data);

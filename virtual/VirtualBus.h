@@ -33,7 +33,7 @@ struct CameraSettings {
     double dNoise = 1;            // 0 switches shot, read and dark-current noise off, hot pixels stay; see Imager.h
     int iHotPixels = -1;          // -1: one in 20,000; at known places, see HotPixels()
     double dLinkMBs = 0;          // limit of the link; 0: none
-    std::string sFlashFile;       // keeps the flash over a power cycle of the process; empty: memory only
+    std::string sFlashFile;       // USB 3 models: keeps the flash over a power cycle of the process; empty: memory only
     bool bBootLoader = false;     // USB 3 models: no firmware, the bridge's boot loader waits for an image (request 160)
     ProfileFactory profile;       // sensor side; null: MakeProfile of the product ID
     // Told on the sensor's thread when frames begin to be noise, and when the reason changes.
@@ -118,6 +118,7 @@ public:
     virtual bool GuidePin(int direction) const = 0;
     virtual double GuideX() const = 0;           // how far the guided scene has moved, arc seconds: right
     virtual double GuideY() const = 0;           // and down
+    // USB 3 models; the others have no flash, and stall its requests.
     virtual std::vector<uint8_t> Flash(uint32_t address, uint32_t length) const = 0;
     virtual void SetFlash(uint32_t address, const std::vector<uint8_t>& bytes) = 0;
     virtual std::vector<uint8_t> Eeprom() const = 0;  // 64 KiB

@@ -141,7 +141,8 @@ void RepairMarks(uint8_t* p, const Geometry& g, const DeliveryForm& f, bool bOne
     const int64_t row = int64_t{ g.rawW } * (g.is16 ? 2 : 1);
     if (f.bCopyFirstRow && g.Bytes() >= 3 * row)
         std::memcpy(p, p + 2 * row, size_t(row));
-    // Two rows down, which keeps the Bayer phase.
+    // QUIRK: a host sees the first pixels, and the last, as copies of those two rows further in: two rows keep the Bayer
+    // phase, and the monochrome cameras take them too. Only GarnetMono on USB 2 takes one.
     const int64_t step = bOneRow ? row / 4 : row / 2;
     if (f.repair == Repair::None)
         return;

@@ -106,6 +106,8 @@ TEST(VirtualFirmware, EepromNeedsTheLoaderAndDecidesTheNextFirmware)
     EXPECT_EQ(h.In(173, 0, 0, 2), (std::vector<uint8_t>{ 'V', 1 }));
     EXPECT_EQ(h.Out(169, 0, 0, { 1, 2, 3 }), Status::Stall);  // streaming takes no data
     EXPECT_EQ(h.In(160, 0, 0, 1).size(), 1u);                 // served in hardware
+    EXPECT_EQ(h.Out(196, 1, 7), Status::Stall);               // no flash
+    EXPECT_TRUE(h.In(195, 0, 1792, 256).empty());
 
     EXPECT_EQ(h.Out(160, 0xE600, 0, { 1 }), Status::Ok);
     EXPECT_TRUE(h.In(173, 0, 0, 2).empty());  // the processor stands still

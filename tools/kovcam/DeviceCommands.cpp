@@ -279,7 +279,10 @@ void AddDeviceCommands(CLI::App& app, Globals& g)
     pSet->callback([&g, text, hex] {
         const KOV_ID id = ParseId(*text, *hex);
         Camera cam(g.camera);
-        Check(KOVSetID(cam.Id(), id), "storing the ID");
+        const KOV_ERROR_CODE code = KOVSetID(cam.Id(), id);
+        if (code == KOV_ERROR_GENERAL)
+            throw UserError("the camera's flash did not take the ID; USB 2 models may have no flash", 4);
+        Check(code, "storing the ID");
         TellId(g, cam);
     });
 
