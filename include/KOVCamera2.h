@@ -225,7 +225,8 @@ KOV_API KOV_ERROR_CODE KOVStopVideoCapture(int32_t id);
  * width * height for IMG_RAW8 and IMG_Y8, twice that for IMG_RAW16, three times for IMG_RGB24.
  * KOV_ERROR_BUFFER_SMALL, KOV_ERROR_TIMEOUT. A camera that has gone away shows as time-outs. Damaged frames of USB 2
  * cameras are passed over, and the wait begins anew for each: a time-out may then take four times waitMs, or 5 s where that
- * is more. Garnet cameras with exposures from 4 s on: each frame comes one exposure late, and the first after three. */
+ * is more. USB 2 cameras at exposures that the library times: each frame comes one exposure late, and the first after three
+ * (Garnet from 4 s on, Cobalt from 60 s); Agate, Dunite and Iolite from 0.2 to 1.1 s by width and clock, one or two late. */
 KOV_API KOV_ERROR_CODE KOVGetVideoData(int32_t id, uint8_t *buffer, int32_t size, int32_t waitMs);
 
 /** Starts a single exposure of CTRL_EXPOSURE. KOV_ERROR_VIDEO_ACTIVE while video runs. */

@@ -516,7 +516,10 @@ private:
             return Next::Leave;
         }
         m_run.control.Tell(EXP_SUCCESS);
-        // QUIRK: the first good frame of a video is never delivered.
+        // QUIRK: the first good frame of a video is never delivered, and the reset takes away the request of the second.
+        // Where the host times the exposures, a pass thus ends without its frame: in video each frame comes one exposure
+        // late from then on, and the first after three. Agate, Dunite and Iolite may lose another one to a short frame
+        // that the sensor has ready when the stream starts.
         if (m_nGood++ == 0)
             m_cam.ResetEndPoint(IMAGE_ENDPOINT);
         else if (!Deliver())

@@ -172,8 +172,6 @@ void CaptureLoop::SleepWhole()
         Sleep(ms % 500);
 }
 
-// QUIRK: in video each frame comes one exposure late, since what the started clock pushes out was exposed in the pass
-// before, and the first after three, since the loop also gives up its first good frame.
 ChunkQueue::Result CaptureLoop::LongGarnet()
 {
     TraceLine("Begin long exp %d\n", int(m_lKept));

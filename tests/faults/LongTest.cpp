@@ -101,6 +101,29 @@ TEST_P(LongTest, MinuteAgainstATenthOfIt)
 
 INSTANTIATE_TEST_SUITE_P(Long, LongTest, testing::ValuesIn(g_Rows), [](const auto& info) { return info.param.szName; });
 
+// QUIRK: the host gets the exposure before the latest, and nothing before the third has ended.
+TEST_F(FaultTest, LongVideoOfGarnetIsOneExposureLate)
+{
+    constexpr uint8_t STOP_CLOCK = 174;
+    Speed(5);
+    Plug(g_FormRows[7], kovsim::Scene::Dark());
+    m_pCam->SetScene(kovsim::Scene::Flat(float(m_pCam->Facts().dFullWell * 0.12)));
+    const Limit limit("long video");
+    ASSERT_NO_FATAL_FAILURE(Open(W, H, 4000000));
+    KOVSetControlValue(0, CTRL_GAIN, 0, KOV_FALSE);
+    m_pCam->ClearRequests();
+    ASSERT_EQ(KOVStartVideoCapture(0), KOV_SUCCESS);
+    ASSERT_TRUE(Until([&] { return Sent(STOP_CLOCK) >= 3; }));
+    m_pCam->SetScene(kovsim::Scene::Dark());  // the third exposure
+    std::vector<uint8_t> data(m_iBytes);
+    EXPECT_EQ(KOVGetVideoData(0, data.data(), int32_t(data.size()), 0), KOV_ERROR_TIMEOUT);
+    for (const bool bLight : { true, false }) {
+        EXPECT_EQ(KOVGetVideoData(0, data.data(), int32_t(data.size()), 60000), KOV_SUCCESS);
+        EXPECT_EQ(data[m_iBytes / 2] > 50, bLight);
+    }
+    EXPECT_EQ(KOVStopVideoCapture(0), KOV_SUCCESS);
+}
+
 // Of every form, with the exposure from which it counts as long.
 TEST_P(FormTest, UnpluggedDuringALongExposure)
 {
