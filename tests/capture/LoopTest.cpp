@@ -545,6 +545,24 @@ TEST(Automation, ShortExposuresBesideTheLoopLongOnesInIt)
     }
 }
 
+TEST(Automation, QuirkGarnetColStandsStillFrom100Ms)
+{
+    for (const bool bColor : { false, true }) {
+        Rig r(Family::Garnet, bColor);
+        r.cam.m_bAutoGain = true;
+        r.cam.m_iDestBrightness = 250;
+        r.cam.m_lExposure = 100000;
+        r.cam.StartCapture(false);
+        ASSERT_TRUE(r.Waiting(1));
+        ASSERT_TRUE(r.SendBad(FrameB(S, 1)));  // the first good one
+        for (unsigned i = 0; i < 3; ++i) {     // each after the step on the one before
+            r.usb.Send(FrameB(S, i));
+            EXPECT_FALSE(r.Read(30000).empty());
+        }
+        EXPECT_EQ(r.cam.CountOf("gain") == 0, bColor);
+    }
+}
+
 TEST(Automation, AgateTakesAOneShotThreadForShortExposures)
 {
     Rig r(Family::Agate, true, W, H, "AgateAuto");
