@@ -18,6 +18,7 @@ namespace hn = hwy::HWY_NAMESPACE;
 
 #if HWY_TARGET == HWY_SCALAR  // a machine without any of the vector sets
 
+void StreamCopy(const uint8_t* src, uint8_t* dst, size_t n) { std::memcpy(dst, src, n); }
 void MapBytes(const uint8_t* src, uint8_t* dst, size_t n, const uint8_t* lut)
 {
     std::transform(src, src + n, dst, [lut](uint8_t v) { return lut[v]; });
@@ -236,6 +237,31 @@ void FirstBytes(const uint8_t* rgb, uint8_t* dst, size_t n)
         dst[i] = rgb[3 * i];
 }
 
+// --- copies past the caches -----------------------------------------------------------------------------------------
+
+// Two lines of each of four pages in turn. Prefetchers of the machine end at a page, and each page of a fresh stream costs a
+// walk of the page tables: four streams wait for theirs together, where one would wait four times.
+void StreamCopy(const uint8_t* src, uint8_t* dst, size_t n)
+{
+    constexpr size_t PAGE = 4096, STREAMS = 4, TURN = 128, AHEAD = 512;
+    const Full<uint8_t> d;
+    const size_t lanes = hn::Lanes(d), head = std::min(n, (0 - reinterpret_cast<uintptr_t>(dst)) % TURN);
+    std::memcpy(dst, src, head);
+    size_t i = head;
+    for (; i + STREAMS * PAGE <= n; i += STREAMS * PAGE) {
+        for (size_t at = 0; at < PAGE; at += TURN) {
+            for (size_t k = i + at; k < i + STREAMS * PAGE; k += PAGE) {
+                hwy::Prefetch(src + k + AHEAD);
+                hwy::Prefetch(src + k + AHEAD + TURN / 2);
+                for (size_t x = k; x < k + TURN; x += lanes)
+                    hn::Stream(hn::LoadU(d, src + x), d, dst + x);
+            }
+        }
+    }
+    hwy::FlushStream();
+    std::memcpy(dst + i, src + i, n - i);
+}
+
 // --- demosaic -------------------------------------------------------------------------------------------------------
 
 #if HWY_TARGET == HWY_AVX3_DL
@@ -325,65 +351,104 @@ HWY_INLINE void Interpolate(D8 d8, const uint8_t* p, ptrdiff_t pitch, Gain ownGa
 // How red and blue get their gains.
 enum class GainWay { None, Factor, Lookup };
 
-template <GainWay kWay, class D16>
+template <GainWay kWay>
 struct GainOf {
-    hn::Vec<D16> factor;
-    HWY_INLINE hn::Vec<D16> operator()(hn::Vec<D16> v) const
+    uint16_t factor;
+    template <class V>
+    HWY_INLINE V operator()(V v) const
     {
-        const D16 d;
+        const hn::DFromV<V> d;
         if constexpr (kWay == GainWay::Factor)
-            return hn::Min(hn::MulHigh(hn::ShiftLeft<16 - GAIN_SHIFT>(v), factor), hn::Set(d, 255));
+            return hn::Min(hn::MulHigh(hn::ShiftLeft<16 - GAIN_SHIFT>(v), hn::Set(d, factor)), hn::Set(d, uint16_t{ 255 }));
         else
             return v;
     }
 };
 
-// Frames too large to be found in a cache afterwards are written past it, which saves reading what is overwritten.
-constexpr size_t STREAM_FROM = size_t{ 16 } << 20;  // bytes of output
+// What does not change along an inner row.
+template <bool kY8, GainWay kWay, bool kColourOdd>
+class InnerRow {
+public:
+    HWY_INLINE InnerRow(const BayerFrame& f, ptrdiff_t y, const Table& blueTable, const Table& redTable, uint8_t* dst)
+        : m_row(f.Row(y)), m_out(dst + y * f.width * kBytes), m_width(f.width),
+          m_ahead(std::min<ptrdiff_t>(ROWS_AHEAD, f.height - 1 - y) * f.width), m_blueRow((y & 1) == f.phase.blueY),
+          m_own{ m_blueRow ? f.gains->blueFactor : f.gains->redFactor },
+          m_other{ m_blueRow ? f.gains->redFactor : f.gains->blueFactor }, m_blueTable(blueTable), m_redTable(redTable)
+    {
+    }
 
-// Columns 2 to `end` of an inner row, in vectors. The first and the last vector may be overlaid by their neighbours, which
-// hold the same there. False if the row is shorter than a vector.
-template <bool kY8, GainWay kWay, bool kColourOdd, class D8>
-HWY_INLINE bool InnerRow(D8 d8, const BayerFrame& f, ptrdiff_t y, ptrdiff_t end, bool stream, const Table& blueTable,
-                         const Table& redTable, uint8_t* dst)
-{
-    const ptrdiff_t step = static_cast<ptrdiff_t>(hn::Lanes(d8)), width = f.width;
-    if (end - 2 < step)
-        return false;
-    const bool blueRow = (y & 1) == f.phase.blueY;
-    const hn::RepartitionToWide<D8> d16;
-    const auto blueFactor = hn::Set(d16, f.gains->blueFactor), redFactor = hn::Set(d16, f.gains->redFactor);
-    const GainOf<kWay, decltype(d16)> ownGain{ blueRow ? blueFactor : redFactor }, otherGain{ blueRow ? redFactor : blueFactor };
-    const uint8_t* row = f.Row(y);
-    uint8_t* out = dst + y * width * (kY8 ? 1 : 3);
-    const auto pixels = [&](ptrdiff_t x, auto streamed) HWY_ATTR {
+    // A vector of pixels from column x on.
+    template <bool kStream, class D8>
+    HWY_INLINE void Put(D8 d8, ptrdiff_t x) const
+    {
         hn::Vec<D8> own, green, other;
-        Interpolate<kColourOdd>(d8, row + x, width, ownGain, otherGain, own, green, other);
-        auto blue = blueRow ? own : other, red = blueRow ? other : own;
+        hwy::Prefetch(m_row + x + m_ahead);
+        Interpolate<kColourOdd>(d8, m_row + x, m_width, m_own, m_other, own, green, other);
+        auto blue = m_blueRow ? own : other, red = m_blueRow ? other : own;
         if constexpr (kWay == GainWay::Lookup) {
-            blue = blueTable.Map(blue);
-            red = redTable.Map(red);
+            blue = m_blueTable.Map(blue);
+            red = m_redTable.Map(red);
         }
         if constexpr (kY8)
-            hn::StoreU(LuminanceOfBytes(blue, green, red), d8, out + x);
+            hn::StoreU(LuminanceOfBytes(blue, green, red), d8, m_out + x);
         else
-            StorePixels<decltype(streamed)::value>(blue, green, red, out + 3 * x);
-    };
-    pixels(2, std::false_type());
-    ptrdiff_t x = 2 + step;
-    if (!kY8 && stream) {
-        // Three bytes a pixel reach every even alignment within one vector's length.
-        x = 2;
-        while (reinterpret_cast<uintptr_t>(out + 3 * x) % static_cast<uintptr_t>(step) != 0)
-            x += 2;
-        for (; x + step <= end; x += step)
-            pixels(x, std::true_type());
-    } else {
-        for (; x + step <= end; x += step)
-            pixels(x, std::false_type());
+            StorePixels<kStream>(blue, green, red, m_out + kBytes * x);
     }
-    if (x < end)
-        pixels(end - step, std::false_type());
+
+    // The first column from which the output is aligned: three bytes a pixel reach every even alignment within one vector.
+    ptrdiff_t FirstAligned(ptrdiff_t step) const
+    {
+        ptrdiff_t x = 2;
+        while (reinterpret_cast<uintptr_t>(m_out + kBytes * x) % static_cast<uintptr_t>(step) != 0)
+            x += 2;
+        return x;
+    }
+
+private:
+    static constexpr ptrdiff_t kBytes = kY8 ? 1 : 3;
+    // Two rows at a time read two new ones; those of the next turn are asked for.
+    static constexpr int ROWS_AHEAD = 3;
+    const uint8_t* const m_row;
+    uint8_t* const m_out;
+    const ptrdiff_t m_width, m_ahead;
+    const bool m_blueRow;
+    const GainOf<kWay> m_own, m_other;
+    const Table &m_blueTable, &m_redTable;
+};
+
+// Columns 2 to `end` of the inner rows y and y + 1, in vectors. The first and the last vector may be overlaid by their
+// neighbours, which hold the same there. Both rows advance together: past the caches, it is the walks to the next pages
+// that take the time, and those of two streams overlap. False if the rows are shorter than a vector.
+template <bool kY8, GainWay kWay, bool kColourOdd>
+HWY_INLINE bool InnerRows(const BayerFrame& f, ptrdiff_t y, ptrdiff_t end, bool stream, const Table& blueTable,
+                          const Table& redTable, uint8_t* dst)
+{
+    const Full<uint8_t> d;
+    const ptrdiff_t step = static_cast<ptrdiff_t>(hn::Lanes(d));
+    if (end - 2 < step)
+        return false;
+    const InnerRow<kY8, kWay, kColourOdd> upper(f, y, blueTable, redTable, dst);
+    const InnerRow<kY8, kWay, !kColourOdd> lower(f, y + 1, blueTable, redTable, dst);
+    upper.template Put<false>(d, 2);
+    lower.template Put<false>(d, 2);
+    ptrdiff_t u = 2 + step, l = u;
+    if (!kY8 && stream) {
+        u = upper.FirstAligned(step);
+        l = lower.FirstAligned(step);
+        for (; std::max(u, l) + step <= end; u += step, l += step) {
+            upper.template Put<true>(d, u);
+            lower.template Put<true>(d, l);
+        }
+    } else {
+        for (; u + step <= end; u += step, l += step) {
+            upper.template Put<false>(d, u);
+            lower.template Put<false>(d, l);
+        }
+    }
+    for (; u < end; u += step)
+        upper.template Put<false>(d, std::min(u, end - step));
+    for (; l < end; l += step)
+        lower.template Put<false>(d, std::min(l, end - step));
     return true;
 }
 
@@ -419,10 +484,10 @@ HWY_INLINE void DemosaicRows(const BayerFrame& f, int from, int to, uint8_t* dst
     };
     for (ptrdiff_t y = from; y < to; y += 2) {
         bool inner = y >= 2 && y < endY;
-        for (ptrdiff_t r = y; inner && r < y + 2; ++r) {
-            const bool colourOdd = ((r & 1) == f.phase.blueY) == (f.phase.blueX == 1);
-            inner = colourOdd ? InnerRow<kY8, kWay, true>(Full<uint8_t>(), f, r, endX, stream, blueTable, redTable, dst)
-                              : InnerRow<kY8, kWay, false>(Full<uint8_t>(), f, r, endX, stream, blueTable, redTable, dst);
+        if (inner) {
+            const bool colourOdd = ((y & 1) == f.phase.blueY) == (f.phase.blueX == 1);
+            inner = colourOdd ? InnerRows<kY8, kWay, true>(f, y, endX, stream, blueTable, redTable, dst)
+                              : InnerRows<kY8, kWay, false>(f, y, endX, stream, blueTable, redTable, dst);
         }
         if (inner) {
             cells(y, 0, 2);
@@ -676,6 +741,7 @@ HWY_AFTER_NAMESPACE();
 #if HWY_ONCE
 namespace imaging {
 
+HWY_EXPORT(StreamCopy);
 HWY_EXPORT(MapBytes);
 HWY_EXPORT(Rotate12);
 HWY_EXPORT(Luminance);
@@ -689,6 +755,7 @@ HWY_EXPORT(Flip8);
 HWY_EXPORT(Flip16);
 HWY_EXPORT(SubtractDark);
 
+void StreamCopy(const uint8_t* src, uint8_t* dst, size_t n) { HWY_DYNAMIC_DISPATCH(StreamCopy)(src, dst, n); }
 void MapBytes(const uint8_t* src, uint8_t* dst, size_t n, const uint8_t* lut)
 {
     HWY_DYNAMIC_DISPATCH(MapBytes)(src, dst, n, lut);

@@ -7,6 +7,8 @@
 
 #include "imaging/Kernels.h"
 
+#include <hwy/cache_control.h>
+
 namespace imaging {
 
 namespace {
@@ -46,6 +48,23 @@ bool WorkSamples(const FramePlan& m, size_t at, size_t n, T* out)
     return now != raw;
 }
 
+// The same. A table takes about as long as memory does, so the samples `ahead` of these are asked for meanwhile; what is done
+// sooner is better left to the machine's own prefetchers.
+template <class T>
+bool WorkRow(const FramePlan& m, size_t at, size_t n, T* out, const T* ahead)
+{
+    constexpr size_t PIECE = 1024 / sizeof(T), LINE = 64 / sizeof(T);
+    if (!ahead || (!m.gamma8 && !m.gamma16))
+        return WorkSamples(m, at, n, out);
+    for (size_t i = 0; i < n; i += PIECE) {
+        const size_t piece = std::min(PIECE, n - i);
+        for (size_t k = 0; k < piece; k += LINE)
+            hwy::Prefetch(ahead + i + k);
+        WorkSamples(m, at + i, piece, out + i);
+    }
+    return true;
+}
+
 template <class T>
 class Walker {
 public:
@@ -62,24 +81,22 @@ public:
     {
         const size_t rowBytes = m_width * sizeof(T), bytes = std::min(m.bytes, rowBytes * static_cast<size_t>(m.height));
         if (m_plainFrame && !m.reverseRows) {
-            std::memcpy(dst, m.raw, bytes);
+            Copy(m.raw, dst, bytes, bytes);
             return;
         }
-        const bool aligned = reinterpret_cast<uintptr_t>(dst) % alignof(T) == 0;
-        T* const spare = Scratch(0);
-        for (size_t y = 0, at = 0; at < bytes; ++y, at += rowBytes) {
-            const bool whole = aligned && at + rowBytes <= bytes;
-            T* const to = whole ? reinterpret_cast<T*>(dst + at) : spare;
-            const T* const from = RowAt(static_cast<int>(y), to);
-            if (from != to || !whole)
-                std::memcpy(dst + at, from, std::min(rowBytes, bytes - at));
-        }
+        const auto row = [this](int y, uint8_t* to) {
+            T* const out = reinterpret_cast<T*>(to);
+            if (const T* const from = RowAt(y, out); from != out)
+                std::memcpy(out, from, m_width * sizeof(T));
+        };
+        PutRows(dst, rowBytes, bytes, reinterpret_cast<uintptr_t>(dst) % alignof(T) == 0, row);
     }
 
     void Grey(uint8_t* dst) requires(sizeof(T) == 1)
     {
-        for (int y = 0, rows = RowsThatFit(m); y < rows; ++y)
-            Triple(RowAt(y, Scratch(0)), dst + 3 * m_width * static_cast<size_t>(y), m_width);
+        const size_t rowBytes = 3 * m_width;
+        PutRows(dst, rowBytes, rowBytes * static_cast<size_t>(RowsThatFit(m)), true,
+                [this](int y, uint8_t* to) { Triple(RowAt(y, Scratch(0)), to, m_width); });
     }
 
     // A strip holds its rows and one on each side, which the next strip takes over.
@@ -110,6 +127,36 @@ public:
     }
 
 private:
+    // `whole`: of the output that this is a part of.
+    static void Copy(const uint8_t* from, uint8_t* to, size_t n, size_t whole)
+    {
+        if (whole >= STREAM_FROM)
+            StreamCopy(from, to, n);
+        else
+            std::memcpy(to, from, n);
+    }
+
+    // The first `bytes` of rows that `make` writes: in place if they are small enough and the place suits, else as strips.
+    template <class Make>
+    static void PutRows(uint8_t* dst, size_t rowBytes, size_t bytes, bool suits, Make make)
+    {
+        const size_t step = std::max<size_t>(STRIP_BYTES / rowBytes, 1);
+        std::unique_ptr<uint8_t[]> strip;
+        size_t at = 0;
+        int y = 0;
+        if (suits && bytes < STREAM_FROM)
+            for (; at + rowBytes <= bytes; at += rowBytes)
+                make(y++, dst + at);
+        if (at < bytes)
+            strip = std::make_unique_for_overwrite<uint8_t[]>(step * rowBytes);
+        for (; at < bytes; at += step * rowBytes) {
+            const size_t n = std::min(step * rowBytes, bytes - at);
+            for (size_t k = 0; k < n; k += rowBytes)
+                make(y++, strip.get() + k);
+            Copy(strip.get(), dst + at, n, bytes);
+        }
+    }
+
     T* Scratch(int k) const { return m_scratch.get() + static_cast<size_t>(k) * (m_rawWidth + PAD); }
     const T* RawRow(int r) const { return reinterpret_cast<const T*>(m.raw) + static_cast<size_t>(r) * m_rawWidth; }
 
@@ -120,7 +167,9 @@ private:
         if (m_plainRows)
             return RawRow(r);
         const size_t at = static_cast<size_t>(r) * m_rawWidth;
-        const T* row = WorkSamples(m, at, m_rawWidth, out) ? out : RawRow(r);
+        const int next = m.reverseRows ? r - 1 : r + 1;
+        const T* const ahead = next >= 0 && next < m.height * m.bin ? RawRow(next) : nullptr;
+        const T* row = WorkRow(m, at, m_rawWidth, out, ahead) ? out : RawRow(r);
         auto patch = std::lower_bound(m.patches.begin(), m.patches.end(), at,
                                       [](const Patch& p, size_t place) { return p.at < place; });
         if (patch == m.patches.end() || patch->at >= at + m_rawWidth)

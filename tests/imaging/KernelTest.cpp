@@ -8,6 +8,7 @@
 
 #include "imaging/CAlgorithm.h"
 #include "imaging/Kernels.h"
+#include "imaging/Walk.h"
 
 #include <hwy/highway.h>
 
@@ -146,6 +147,40 @@ TEST_P(Kernels, DemosaicOfLargeFrames)
             ASSERT_TRUE(std::equal(want.begin(), want.end(), got.data() + shift)) << w << " x " << h << " + " << shift;
         }
     }
+}
+
+TEST_P(Kernels, CopiesAndWalksOfLargeFrames)
+{
+    for (size_t n : { 0u, 1u, 16383u, 16384u, 70000u })
+        for (size_t shift : { 0u, 1u, 127u }) {
+            const auto src = Data<uint8_t>(n + shift, RANDOM, 11);
+            Block<uint8_t> got(n + shift);
+            StreamCopy(src.data() + shift, got.data() + shift, n);
+            ASSERT_TRUE(std::equal(src.begin() + ptrdiff_t(shift), src.end(), got.data() + shift)) << n << " + " << shift;
+            ASSERT_TRUE(got.Guarded()) << n << " + " << shift;
+        }
+    const int w = 3001, h = 3001;
+    const size_t n = static_cast<size_t>(w) * static_cast<size_t>(h);
+    const auto raw = Data<uint8_t>(n, RANDOM, 12), lut = Data<uint8_t>(256, RANDOM, 13);
+    FramePlan plan;
+    plan.raw = raw.data();
+    plan.rawWidth = plan.width = w;
+    plan.height = h;
+    plan.gamma8 = lut.data();
+    plan.reverseRows = true;
+    plan.bytes = 3 * n;
+    std::vector<uint8_t> want;
+    for (int y = h - 1; y >= 0; --y)
+        for (int x = 0; x < w; ++x)
+            want.push_back(lut[raw[static_cast<size_t>(y) * size_t(w) + size_t(x)]]);
+    Block<uint8_t> rows(n), grey(3 * n);
+    Walk(plan, rows.data());
+    ASSERT_EQ(rows.Content(), want);
+    plan.output = Output::Grey24;
+    Walk(plan, grey.data());
+    for (size_t i = 0; i < 3 * n; ++i)
+        ASSERT_EQ(grey.data()[i], want[i / 3]) << i;
+    ASSERT_TRUE(rows.Guarded() && grey.Guarded());
 }
 
 // All sums of the luminance, over a lattice that holds every value of each byte with every value of another.
