@@ -4,6 +4,7 @@
 
 #include "common/Comply.h"
 #include "common/Plot.h"
+#include "core/CCameraBase.h"
 #include "kovcam/Camera.h"
 #include "kovcam/Commands.h"
 #include "kovcam/Json.h"
@@ -15,18 +16,49 @@ namespace {
 using Verdict = kovtools::CheckResult::Verdict;
 
 struct ComplyOptions {
-    bool full = false, dark = false;
+    bool full = false, dark = false, id = false;
     std::string plot, only;
 };
 
-void DrawCurves(const ComplyOptions& o, const std::string& camera, const kovtools::Compliance& c)
+std::vector<kovtools::Plot> Linearity(const std::string& camera, const kovtools::Compliance& c)
+{
+    using Form = kovtools::Curve::Form;
+    using kovtools::Ink;
+    std::vector<double> line, off;
+    const double range = c.levels.back() - c.levels.front();
+    for (size_t i = 0; i < c.levels.size(); ++i) {
+        line.push_back(c.zero + c.slope * c.exposures[i]);
+        off.push_back(100 * (c.levels[i] - line[i]) / range);
+    }
+    return { { camera + ": level against exposure", "exposure, ms", "mean of the samples", "",
+               { { "straight line", Ink::Grey, false, c.exposures, line }, { "measured", Ink::Blue, false, c.exposures, c.levels, Form::Points } } },
+             { camera + ": deviation from the straight line", "exposure, ms", "percent of the range", "",
+               { { "", Ink::Blue, false, c.exposures, off }, { "", Ink::Blue, false, c.exposures, off, Form::Points } } } };
+}
+
+kovtools::Plot Noise(const std::string& camera, const kovtools::Compliance& c)
 {
     using kovtools::Curve;
-    const auto both = [](const std::vector<double>& x, const std::vector<double>& y, kovtools::Ink ink) {
-        return std::vector<Curve>{ { "", kovtools::Ink::Grey, false, x, y }, { "measured", ink, false, x, y, Curve::Form::Points } };
-    };
-    kovtools::DrawPlots(o.plot, { { camera + ": level against exposure", "exposure, ms", "mean of the samples", "", both(c.exposures, c.levels, kovtools::Ink::Blue) },
-                                  { camera + ": noise against level", "mean of the samples", "variance", "", both(c.means, c.variances, kovtools::Ink::Red) } }, o.dark);
+    std::vector<Curve> curves = { { "measured", kovtools::Ink::Red, false, c.means, c.variances, Curve::Form::Points } };
+    if (c.electronsPerSample > 0) {
+        std::vector<double> told;
+        for (const double mean : c.means)
+            told.push_back(c.variances.front() + (mean - c.means.front()) / c.electronsPerSample);
+        curves.insert(curves.begin(), { fmt::format("{:.3g} electrons a sample, as told", c.electronsPerSample), kovtools::Ink::Grey, false, c.means, told });
+    }
+    return { camera + ": noise against level", "mean of the samples", "variance", "", curves };
+}
+
+void DrawCurves(const ComplyOptions& o, const std::string& camera, const kovtools::Compliance& c)
+{
+    std::vector<kovtools::Plot> plots;
+    if (c.slope != 0)
+        plots = Linearity(camera, c);
+    if (!c.means.empty())
+        plots.push_back(Noise(camera, c));
+    if (plots.empty())
+        throw UserError("nothing to draw: the curves are those of the checks 'exposure' and 'noise', which need light");
+    kovtools::DrawPlots(o.plot, plots, o.dark);
 }
 
 void Comply(const Globals& g, const ComplyOptions& o)
@@ -37,9 +69,14 @@ void Comply(const Globals& g, const ComplyOptions& o)
     options.full = o.full;
     options.only = o.only;
     options.clockRate = ClockRate();
+    options.writeId = o.id;
+    const bool repaired = cam.Object().IsHPCEnable();
+    options.repair = [&](bool on) { return cam.Object().ChangeHPCStatus(on ? HPC_LOAD : HPC_OFF, nullptr); };
     options.cancelled = [] { return Interrupted(); };
     options.onCheck = [&](const std::string& name) { progress.Show(-1, name); };
     const kovtools::Compliance c = kovtools::RunCompliance(cam.Id(), options);
+    if (repaired)
+        options.repair(true);
     progress.End();
     int counts[4] = {};
     Json list = Json::array();
@@ -76,8 +113,8 @@ void AddComplyCommand(CLI::App& app, Globals& g)
     auto* p = app.add_subcommand("comply", "Check that the camera does what it promises; wants even light");
     auto o = std::make_shared<ComplyOptions>();
     p->add_flag("--full", o->full, "More and longer of each check");
-    p->add_option("--check", o->only, "Only these: controls, errors, formats, regions, light, exposure, gain, noise, rows, flips, black, "
-                                      "clock, snap, stream, temperature, cooler or guide");
+    p->add_flag("--id", o->id, "Also write the user ID in the camera's flash, read it back and put the old one there again");
+    p->add_option("--check", o->only, "Only those of one group, see the manual page")->check(CLI::IsMember(kovtools::ComplianceGroups()));
     if (kovtools::DRAWS_PLOTS) {
         auto* const plot = p->add_option("--plot", o->plot, "Draw linearity and noise into this PNG");
         p->add_flag("--dark-plot", o->dark, "The picture on dark ground")->needs(plot);
