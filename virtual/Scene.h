@@ -40,6 +40,8 @@ public:
     virtual bool InFullWells() const { return false; }  // light in full wells a second instead of electrons
     // Arc seconds that one pixel covers; 0 where that has no meaning. The camera ignores shifts far below it.
     virtual double PixelScale(double /*pixelUm*/) const { return 0; }
+    // What surprises who looks at it through this sensor, and the way out, in one line; empty: nothing does.
+    virtual std::string Warning(const ScreenGeometry& /*geometry*/) const { return {}; }
 
     // Sensor up is at the position angle dRotation, east lies 90 degrees left of it. At rotation 0 a star at the
     // standard coordinates (xi east, eta north) falls on column (W - 1) / 2 - xi * f / pitch and row

@@ -139,6 +139,10 @@ void PlugAll(VirtualBus& bus, SimOptions options)
                          facts.sToken.c_str(), rate, asked);
         };
         VirtualCamera& camera = bus.Plug(settings);
+        const ModelFacts& facts = camera.Facts();
+        const std::string warning =
+            settings.scene ? settings.scene->Warning({ facts.iWidth, facts.iHeight, facts.dPixelUm }) : "";
+        if (!warning.empty()) std::fprintf(stderr, "KOVSIM: %s: %s\n", facts.sToken.c_str(), warning.c_str());
         if (options.uVanishAfter > 0)
             camera.Inject({ FaultKind::Vanish, VANISH_MS, options.uVanishAfter, 1 });
     }

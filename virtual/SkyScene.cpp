@@ -95,6 +95,31 @@ public:
     bool Moves() const override { return true; }
     double PixelScale(double pixelUm) const override { return pixelUm / 1000 / m_View.dFocalMm / ARCSEC; }
 
+    std::string Warning(const ScreenGeometry& g) const override
+    {
+        const double halfW = g.iWidth / 2.0 * g.dPixelUm / 1000, halfH = g.iHeight / 2.0 * g.dPixelUm / 1000;  // mm
+        double focal = 0;  // mm, at which the first star comes onto the sensor
+        for (const Spot& s : m_Spots)
+            focal = std::max(focal, std::min(halfW / std::fabs(s.dRight), halfH / std::fabs(s.dDown)));
+        if (focal > m_View.dFocalMm) return {};
+        const auto distance = [this](const Star& s) {
+            const double dec0 = m_View.dDec * RAD, dec = s.dDec * RAD;
+            return std::acos(std::clamp(std::sin(dec0) * std::sin(dec) +
+                                            std::cos(dec0) * std::cos(dec) * std::cos((s.dRa - m_View.dRa) * RAD), -1.0, 1.0)) / RAD;
+        };
+        const Star& nearest = *std::min_element(Stars().begin(), Stars().end(), [&](const Star& a, const Star& b) {
+            return distance(a) < distance(b);
+        });
+        char text[300];
+        std::snprintf(text, sizeof text,
+                      "no star known here falls on the sensor, %.2f x %.2f degrees at %g mm of focal length. The nearest, of "
+                      "magnitude %.1f, is %.2f degrees away: take sky:%.3f,%.3f,%g, or a focal length of %g mm or less",
+                      2 * std::atan(halfW / m_View.dFocalMm) / RAD, 2 * std::atan(halfH / m_View.dFocalMm) / RAD,
+                      m_View.dFocalMm, nearest.dMag, distance(nearest), nearest.dRa, nearest.dDec, m_View.dFocalMm,
+                      std::floor(focal));
+        return text;
+    }
+
     void Render(const ScreenGeometry& g, int firstRow, int rows, Light* out) const override
     {
         const double scale = PixelScale(g.dPixelUm);                       // arc seconds a pixel

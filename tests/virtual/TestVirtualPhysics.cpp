@@ -254,6 +254,17 @@ TEST(VirtualSky, StarsLieWhereThePinholeSaysAndHaveTheirLight)
             EXPECT_GT(blue, red * 1.3) << hip;  // hot stars
         }
     }
+    const auto warning = [](const std::string& text) { return Scene::Parse(text, nullptr)->Warning({ 1936, 1096, 2.9 }); };
+    EXPECT_EQ(warning("sky"), "");
+    EXPECT_EQ(warning("sky:0.25,0.25,150"), "");
+    const std::string starless = warning("sky:0.25,0.25,3000");
+    double magnitude = 0, away = 0, ra = 0, dec = 0, focal = 0;
+    ASSERT_EQ(std::sscanf(starless.c_str(), "%*[^T]The nearest, of magnitude %lf, is %lf degrees away: take sky:%lf,%lf,%*f, or a "
+                                            "focal length of %lf", &magnitude, &away, &ra, &dec, &focal), 5) << starless;
+    EXPECT_NEAR(away, std::acos(dot(dir(0.25, 0.25), dir(ra, dec))) * 180 / M_PI, 0.006);
+    EXPECT_EQ(warning("sky:" + std::to_string(ra) + "," + std::to_string(dec) + ",3000"), "");
+    EXPECT_EQ(warning("sky:0.25,0.25," + std::to_string(focal)), "");
+    EXPECT_NE(warning("sky:0.25,0.25," + std::to_string(focal + 1)), "");
     EXPECT_NEAR(find(21421).dRa, 68.98, 0.01);  // Aldebaran
     EXPECT_GT(Stars().size(), 4000u);
 }

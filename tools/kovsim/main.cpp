@@ -135,7 +135,7 @@ constexpr const char* SCENES =
     "  sky                    the Pleiades through 135 mm of focal length\n"
     "  sky:RA,DEC             another place, degrees; stars to magnitude 8, and fainter ones within 15 degrees of\n"
     "                         the Pleiades (56.75,24.12) and of Orion (84,0)\n"
-    "  sky:RA,DEC,FOCAL       and another focal length, millimetres\n"
+    "  sky:RA,DEC,FOCAL       and another focal length, millimetres; a field so small that it has no star is told\n"
     "  flat:N                 N electrons a second on each pixel\n"
     "  colour:R,G,B           the same in three colours\n"
     "  pattern                each pixel names its place: at 10 ms and gain 1 it reads (7 x + 13 y) mod 251\n"
