@@ -9,7 +9,7 @@
 #include <string>
 #include <thread>
 
-#include "kovcam/serve/Engine.h"
+#include "kovcam/serve/Observatory.h"
 
 namespace httplib {
 class Server;

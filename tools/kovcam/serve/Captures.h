@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "kovcam/serve/Engine.h"
+#include "kovcam/serve/Recording.h"
 
 namespace httplib {
 struct Response;

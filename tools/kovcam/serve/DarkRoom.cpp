@@ -2,67 +2,59 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
+#include <utility>
+
 #include "common/Files.h"
-#include "core/CCameraBase.h"
-#include "kovcam/serve/Engine.h"
 
 namespace kovserve {
 
-namespace fs = std::filesystem;
-using namespace std::chrono_literals;
-
-void DarkState(int id, int* hotPixels, bool* hotPixelsOn)
+void DarkRoom::Begin(Device& device, const std::filesystem::path& path, Made made)
 {
-    int inDark = 0;
-    CCameraBase::FromID(id)->GetHPSum(&inDark, hotPixels);
-    *hotPixelsOn = CCameraBase::FromID(id)->IsHPCEnable();
+    device.StopVideo();
+    // Dark frames are of 8 bits and the whole sensor; an automatic exposure would make them of no exposure at all.
+    device.ApplyRegion({}, IMG_RAW8);
+    for (const KOV_CONTROL_TYPE control : { CTRL_EXPOSURE, CTRL_GAIN })
+        device.Set(control, device.Get(control));
+    device.BeginDark();
+    m_path = path;
+    m_made = std::move(made);
+    m_board.Modify([](State& s) {
+        s.darkDone = 0;
+        s.darkFrames = 1;
+    });
 }
 
-void BeginDark(int id)
+bool DarkRoom::Step(Device& device)
 {
-    CCameraBase::FromID(id)->GettingDark(true, 0);
-}
-
-bool IsCollecting(int id, int* done, int* frames)
-{
-    CCameraBase& camera = *CCameraBase::FromID(id);
-    camera.GetDarkCount(done, frames);
-    return camera.IsGetDarkOver();  // true as long as it collects
-}
-
-void DropDark(int id)
-{
-    CCameraBase::FromID(id)->GettingDark(false, 0);
-}
-
-std::string SaveDark(int id, const fs::path& path)
-{
-    CCameraBase& camera = *CCameraBase::FromID(id);
-    kovtools::WholeFile whole(kovtools::TextOf(path));
-    camera.SaveBMPToFile(whole.Temporary().c_str());  // tells success in any case
-    std::error_code ec;
-    const auto pixels = static_cast<uintmax_t>(camera.m_iMaxWidth) * static_cast<uintmax_t>(camera.m_iMaxHeight);
-    if (fs::file_size(kovtools::PathOf(whole.Temporary()), ec) < pixels || ec)
-        throw CommandError(fmt::format("cannot write {}: is the folder writable, and the disk not full?", kovtools::TextOf(path)));
-    whole.Commit();
-    int inDark = 0, inTable = 0;
-    camera.GetHPSum(&inDark, &inTable);
-    return fmt::format("dark frame, {} pixels stand out", inDark);
-}
-
-void ChangeHotPixels(int id, const std::string& what)
-{
-    CCameraBase& camera = *CCameraBase::FromID(id);
-    unsigned long count = 0;
-    int ignored = 0;
-    if (what == "off") {
-        camera.ChangeHPCStatus(HPC_OFF, nullptr);
-        return;
+    int done = 0, frames = 1;
+    if (device.IsCollectingDark(&done, &frames)) {
+        m_board.Modify([&](State& s) {
+            s.darkDone = done;
+            s.darkFrames = std::max(1, frames);
+        });
+        return false;
     }
-    if (what == "save" && !camera.ManualHPC(true, &ignored))
-        throw CommandError("the table could not be saved in the camera's flash. Use a dark frame first");
-    if (!camera.ChangeHPCStatus(HPC_LOAD, &count))
-        throw CommandError("the camera holds no table. Use a dark frame, then save its hot pixels");
+    std::string error;
+    try {
+        m_made(m_path, device.SaveDark(m_path));
+    } catch (const std::exception& e) {
+        error = e.what();
+    }
+    m_board.Note("camera", fmt::format("dark frame {}", kovtools::TextOf(m_path.filename())), error);
+    if (!error.empty())
+        m_board.Modify([&](State& s) { s.problem = error; });
+    return true;
+}
+
+void DarkRoom::End(Device* device)
+{
+    m_path.clear();
+    m_board.Modify([](State& s) { s.darkFrames = s.darkDone = 0; });
+    if (device == nullptr)
+        return;
+    device->StopVideo();
+    device->DropDark();
 }
 
 }  // namespace kovserve

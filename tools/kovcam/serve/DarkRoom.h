@@ -1,17 +1,32 @@
-// Dark frames and hot pixels, as far as only the camera class reaches them. `id` is that of an open camera.
+// Collects a dark frame of the whole sensor while the video runs.
 #pragma once
 #include <filesystem>
+#include <functional>
 #include <string>
+
+#include "kovcam/serve/Board.h"
+#include "kovcam/serve/Device.h"
 
 namespace kovserve {
 
-void DarkState(int id, int* hotPixels, bool* hotPixelsOn);
-void BeginDark(int id);  // the frames that are fetched from now on are collected
-// false once it is whole. *done of *frames are in.
-bool IsCollecting(int id, int* done, int* frames);
-void DropDark(int id);
-// Writes what was collected; the return value tells what stands out. Throws CommandError.
-std::string SaveDark(int id, const std::filesystem::path& path);
-void ChangeHotPixels(int id, const std::string& what);  // "load", "off", "save"; throws CommandError
+// The camera's thread alone; the board tells how far it is.
+class DarkRoom {
+public:
+    using Made = std::function<void(const std::filesystem::path&, const std::string& text)>;
+
+    explicit DarkRoom(Board& board) : m_board(board) {}
+
+    bool IsCollecting() const { return !m_path.empty(); }
+    // At the exposure that is set, no longer automatic. Takes over region and format; whoever calls End gives them back.
+    void Begin(Device& device, const std::filesystem::path& path, Made made);
+    // After each frame. True when the dark frame is whole and has been written, or could not be; then End follows.
+    bool Step(Device& device);
+    void End(Device* device);  // null: it has gone
+
+private:
+    Board& m_board;
+    std::filesystem::path m_path;  // empty: nothing is collected
+    Made m_made;
+};
 
 }  // namespace kovserve

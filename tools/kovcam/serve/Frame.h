@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <memory>
 #include <optional>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -15,6 +16,12 @@
 namespace kovserve {
 
 using Clock = std::chrono::system_clock;
+
+// What was asked for could not be carried out; the text tells why, for people.
+class CommandError : public std::runtime_error {
+public:
+    using std::runtime_error::runtime_error;
+};
 
 // One picture as the library delivered it, with what was in force. The region is on the unflipped sensor.
 struct Frame : kovtools::CameraState {
@@ -48,23 +55,34 @@ struct ControlState {
     std::string name, description;
     int32_t value = 0, min = 0, max = 0, standard = 0;
     bool automatic = false, canBeAutomatic = false, writable = false;
+    bool operator==(const ControlState&) const = default;
 };
 
-struct Region { int x = 0, y = 0, width = 0, height = 0, bin = 1; };  // output pixels
+struct Region {  // output pixels
+    int x = 0, y = 0, width = 0, height = 0, bin = 1;
+    bool operator==(const Region&) const = default;
+};
 
-// Everything that a client can ask about a camera without disturbing it.
-struct State {
-    Phase phase = Phase::Closed;
-    std::string problem;            // of phase Failed or Absent: what to do, in words
+// What a camera is set to.
+struct Setup {
     Region region;
     IMG_TYPE type = IMG_RAW8;
     std::vector<ControlState> controls;
+    bool darkInUse = false;
+    bool hotPixelsOn = false;
+    int hotPixels = 0;              // in the table that is in use
+    bool operator==(const Setup&) const = default;
+
+    const ControlState* Find(KOV_CONTROL_TYPE type) const;
+};
+
+// Everything that a client can ask about a camera without disturbing it.
+struct State : Setup {
+    Phase phase = Phase::Closed;
+    std::string problem;            // of phase Failed or Absent: what to do, in words
     double framesPerSecond = 0;
     int64_t frames = 0, dropped = 0;
-    bool darkInUse = false;
     int darkDone = 0, darkFrames = 0;  // of a dark frame that is being collected; 0 frames: none is
-    bool hotPixelsOn = false;
-    int hotPixels = 0;                 // in the table that is in use
     // A single exposure or a series.
     int64_t exposureUs = 0;
     int shot = 0, shots = 0;
@@ -75,8 +93,6 @@ struct State {
     int64_t recordedFrames = 0, recordedBytes = 0, recordingLost = 0;  // lost: the disk was too slow
     std::optional<double> temperature, coolerPower;
     bool coolerOn = false;
-
-    const ControlState* Find(KOV_CONTROL_TYPE type) const;
 };
 // A point of the cooler's course.
 struct CoolingPoint { Clock::time_point when; double temperature = 0, power = 0; std::optional<double> target; };

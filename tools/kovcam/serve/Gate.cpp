@@ -1,4 +1,4 @@
-#include "kovcam/serve/Engine.h"
+#include "kovcam/serve/Gate.h"
 
 namespace kovserve {
 

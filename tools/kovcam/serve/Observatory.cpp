@@ -1,19 +1,56 @@
+#include "kovcam/serve/Observatory.h"
+
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <map>
+#include <climits>
+#include <iterator>
 #include <utility>
-
-#include "kovcam/serve/Engine.h"
 
 namespace kovserve {
 
 using namespace std::chrono_literals;
-using Steady = std::chrono::steady_clock;
+
+namespace {
+
+using Engines = Observatory::Engines;
+
+// Those of `cameras` that are to be held stay held until Release.
+bool HoldAll(const Engines& cameras)
+{
+    for (size_t i = 0; i < cameras.size(); ++i)
+        if (!cameras[i]->Hold()) {
+            for (size_t j = 0; j < i; ++j)
+                cameras[j]->Release();
+            return false;
+        }
+    return true;
+}
+
+void ReleaseAll(const Engines& cameras)
+{
+    for (const auto& c : cameras)
+        c->Release();
+}
+
+template <class Condition>
+Engines Those(const Engines& cameras, Condition condition)
+{
+    Engines out;
+    std::copy_if(cameras.begin(), cameras.end(), std::back_inserter(out), condition);
+    return out;
+}
+
+Engines OpenOnes(const Engines& cameras)
+{
+    return Those(cameras, [](const auto& c) { return c->OpenId() >= 0; });
+}
+
+}  // namespace
 
 Observatory::Observatory()
 {
-    Scan();
+    Look();
     m_thread = std::thread([this] { Run(); });
 }
 
@@ -28,7 +65,7 @@ Observatory::~Observatory()
     m_cameras.clear();
 }
 
-std::vector<std::shared_ptr<CameraEngine>> Observatory::Cameras() const
+Engines Observatory::Cameras() const
 {
     const std::lock_guard lock(m_mutex);
     return m_cameras;
@@ -40,110 +77,149 @@ std::shared_ptr<CameraEngine> Observatory::Find(size_t index) const
     return index < m_cameras.size() ? m_cameras[index] : nullptr;
 }
 
-void Observatory::RequestScan()
+void Observatory::LookSoon()
 {
     const std::lock_guard lock(m_mutex);
-    m_scanAsked = true;
+    m_asked = true;
     m_wake.notify_all();
 }
 
-// A camera's ID is its place in the last enumeration, and an enumeration that finds fewer cameras takes the IDs of the
-// last ones away while they are open; they can be closed only when the bus has as many again. So the bus is looked at
-// only when every open camera has just sent a frame, or when all have been closed first.
+bool Observatory::IsStopping() const
+{
+    const std::lock_guard lock(m_mutex);
+    return m_stop;
+}
+
 void Observatory::Run()
 {
+    auto pause = 2000ms;
     for (;;) {
-        bool asked = false;
         {
             std::unique_lock lock(m_mutex);
-            m_wake.wait_for(lock, 2s, [this] { return m_stop || m_scanAsked; });
+            m_wake.wait_for(lock, pause, [this] { return m_stop || m_asked; });
             if (m_stop)
                 return;
-            asked = std::exchange(m_scanAsked, false);
+            m_asked = false;
         }
-        const auto cameras = Cameras();
-        bool busy = false, allAlive = true;
-        for (const auto& c : cameras) {
-            const StatePtr s = c->GetState();
-            const std::lock_guard lock(c->m_mutex);
-            busy = busy || s->recording || s->darkFrames > 0 || c->m_exposureAccepted || s->phase == Phase::Opening;
-            const bool alive = s->phase == Phase::Live && Steady::now().time_since_epoch() - c->m_lastFrameTime.load() < 500ms;
-            allAlive = allAlive && (!c->m_open || alive);
-        }
-        if (asked && busy) {
-            RequestScan();  // when they have done
-            std::this_thread::sleep_for(200ms);
-            continue;
-        }
-        if (!asked) {
-            if (busy || !allAlive)
-                continue;
-            int count = 0;
-            {
-                const Gate::Alone alone(m_gate);
-                count = KOVGetNumOfConnectedCameras();
-            }
-            if (count == m_count)
-                continue;
-        }
-        for (const auto& c : cameras) {
-            const std::lock_guard lock(c->m_mutex);
-            c->m_restWanted = true;
-            c->m_resting = false;
-            c->m_wake.notify_all();
-        }
-        const auto resting = [](const std::shared_ptr<CameraEngine>& c) {
-            const std::lock_guard lock(c->m_mutex);
-            return c->m_resting;
-        };
-        while (!std::all_of(cameras.begin(), cameras.end(), resting)) {
-            {
-                const std::lock_guard lock(m_mutex);
-                if (m_stop)
-                    return;
-            }
-            std::this_thread::sleep_for(20ms);
-        }
-        Scan();
-        if (asked)
-            std::this_thread::sleep_for(1s);  // a camera that stays away is not looked for without pause
+        pause = Look() == Next::Soon ? 200ms : 2000ms;
     }
 }
 
-void Observatory::Scan()
+// A camera that is in the middle of something may take its time; then the look is put off.
+bool Observatory::AllAnswer(const Engines& cameras)
 {
-    std::map<std::string, int> found;  // key to ID
-    int count = 0;
-    {
-        const Gate::Alone alone(m_gate);
-        count = KOVGetNumOfConnectedCameras();
-        // The object of a camera that went in the moment of a look; it takes up the ID of whatever has it now.
-        std::erase_if(m_stuck, [](int id) { return KOVCloseCamera(id) == KOV_SUCCESS; });
-        std::map<std::string, int> models;
-        for (int i = 0; i < count; ++i) {
-            KOV_CAMERA_INFO info{};
-            if (KOVGetCameraProperty(&info, i) != KOV_SUCCESS)
-                continue;
-            const int n = ++models[info.Name];
-            found[n == 1 ? std::string(info.Name) : fmt::format("{} #{}", info.Name, n)] = i;
+    for (const auto& c : cameras)
+        c->CallRoll();
+    const auto end = std::chrono::steady_clock::now() + 1s;
+    const auto asked = [](const auto& c) { return c->RollAnswer() == CameraEngine::Roll::Asked; };
+    while (std::any_of(cameras.begin(), cameras.end(), asked)) {
+        if (IsStopping() || std::chrono::steady_clock::now() > end)
+            return false;
+        std::this_thread::sleep_for(5ms);
+    }
+    return std::none_of(cameras.begin(), cameras.end(), [](const auto& c) { return c->RollAnswer() == CameraEngine::Roll::Doubtful; });
+}
+
+// Closes cameras that are held. False at the end of the server.
+bool Observatory::Rest(const Engines& cameras)
+{
+    for (const auto& c : cameras)
+        c->Rest();
+    while (!std::all_of(cameras.begin(), cameras.end(), [](const auto& c) { return c->IsResting(); })) {
+        if (IsStopping())
+            return false;
+        std::this_thread::sleep_for(5ms);
+    }
+    return true;
+}
+
+void Observatory::Enumerate(const Engines& open)
+{
+    const Gate::Alone alone(m_gate);
+    m_count = KOVGetNumOfConnectedCameras();
+    std::erase_if(alone.Stuck(), [](int id) { return KOVCloseCamera(id) == KOV_SUCCESS; });
+    m_models.clear();
+    for (int id = 0; id < m_count; ++id) {
+        const bool taken = std::any_of(open.begin(), open.end(), [&](const auto& c) { return c->OpenId() == id; });
+        if (KOV_CAMERA_INFO info{}; !taken && KOVGetCameraProperty(&info, id) == KOV_SUCCESS)
+            m_models[id] = info.Name;
+    }
+}
+
+// Whether those that stayed open still stand where they stood: a camera that came in before one of them moves its model
+// to a place where no open camera stands.
+bool Observatory::IsClear(const Engines& open) const
+{
+    return std::none_of(open.begin(), open.end(), [this](const auto& c) {
+        return c->OpenId() >= m_count || std::any_of(m_models.begin(), m_models.end(), [&](const auto& m) { return m.second == c->Model(); });
+    });
+}
+
+Observatory::Next Observatory::Look()
+{
+    const Engines cameras = Cameras();
+    if (!AllAnswer(cameras))
+        return Next::Soon;
+    // Behind the first that has gone everybody moves up.
+    int gone = INT_MAX;
+    for (const auto& c : cameras)
+        if (c->LostPlace() >= 0)
+            gone = std::min(gone, c->LostPlace());
+    Engines open = OpenOnes(cameras);
+    const auto isBehind = [&](const auto& c) { return c->OpenId() > gone; };
+    // Should another that is not open have gone, too, these would lose their IDs.
+    const auto isAtRisk = [&, n = static_cast<int>(open.size())](const auto& c) { return c->OpenId() >= n || isBehind(c); };
+    // Those that are closed are held as well: none may open a place that is just being given away.
+    const Engines held = Those(cameras, [&](const auto& c) { return m_unclear || c->OpenId() < 0 || isAtRisk(c); }), behind = Those(open, isBehind);
+    if (!HoldAll(held))
+        return Next::Soon;
+    if (!Rest(behind))
+        return Next::Later;
+    open = OpenOnes(cameras);
+    const int before = m_count;
+    Enumerate(open);
+    if (m_count == before && gone == INT_MAX && !m_unclear) {
+        ReleaseAll(held);
+        return Next::Later;
+    }
+    m_unclear = !IsClear(open);
+    if (m_unclear && HoldAll(open)) {
+        if (!Rest(open))
+            return Next::Later;
+        open.clear();
+        Enumerate(open);
+        m_unclear = false;
+    }
+    Place(open);
+    ReleaseAll(held);
+    return m_unclear ? Next::Soon : Next::Later;
+}
+
+// Cameras of a model are told apart by their order alone. One that has gone is thought to come back behind those that
+// stayed: new devices get higher addresses.
+void Observatory::Place(const Engines& open)
+{
+    Engines closed = Those(Cameras(), [&](const auto& c) { return std::find(open.begin(), open.end(), c) == open.end(); });
+    std::stable_partition(closed.begin(), closed.end(), [](const auto& c) { return c->LostPlace() < 0 && c->GetState()->phase != Phase::Absent; });
+    auto places = m_models;
+    for (const auto& c : closed) {
+        const auto it = std::find_if(places.begin(), places.end(), [&](const auto& m) { return m.second == c->Model(); });
+        // A model of which one is open can be told apart only when all are closed.
+        const bool doubtful = std::any_of(open.begin(), open.end(), [&](const auto& o) { return o->Model() == c->Model(); });
+        if (it == places.end() || doubtful) {
+            c->Place(std::nullopt);
+            continue;
         }
+        c->Place(it->first);
+        places.erase(it);
     }
+    if (m_unclear)
+        return;
     const std::lock_guard lock(m_mutex);
-    m_count = count;
-    for (const auto& [key, id] : found) {
-        const auto known = [&, &key = key](const std::shared_ptr<CameraEngine>& c) { return c->Key() == key; };
-        if (std::none_of(m_cameras.begin(), m_cameras.end(), known))
-            m_cameras.push_back(std::make_shared<CameraEngine>(*this, key));
+    for (const auto& [id, model] : places) {
+        const auto n = 1 + std::count_if(m_cameras.begin(), m_cameras.end(), [&, &model = model](const auto& c) { return c->Model() == model; });
+        m_cameras.push_back(std::make_shared<CameraEngine>(m_gate, model, n == 1 ? model : fmt::format("{} #{}", model, n), id, [this] { LookSoon(); }));
     }
-    for (const auto& c : m_cameras) {
-        const auto it = found.find(c->Key());
-        const std::lock_guard inside(c->m_mutex);
-        c->m_present = it != found.end();
-        c->m_wantedId = c->m_present ? it->second : -1;
-        c->m_restWanted = false;
-        c->m_wake.notify_all();
-    }
-    ++m_version;
 }
 
 }  // namespace kovserve

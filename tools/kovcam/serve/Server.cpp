@@ -18,7 +18,7 @@
 #include "common/Text.h"
 #include "kovcam/serve/Alpaca.h"
 #include "kovcam/serve/Captures.h"
-#include "kovcam/serve/Engine.h"
+#include "kovcam/serve/Observatory.h"
 #include "kovcam/serve/Http.h"
 #include "kovcam/serve/Measure.h"
 #include "kovcam/serve/Page.h"  // made by CMake from page/
