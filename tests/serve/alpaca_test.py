@@ -1,4 +1,5 @@
 """Every endpoint of the Alpaca camera, and the page's own interface, as clients meet them."""
+import http.client
 import json
 import socket
 import struct
@@ -202,11 +203,81 @@ class AlpacaTest(unittest.TestCase):
             self.assertEqual(json.loads(u.recv(100)), {"AlpacaPort": self.s.port})
 
     def test_strangers(self):
-        for headers, status in (({"Host": "evil.example"}, 403), ({"Origin": "http://evil.example"}, 403), ({"Host": f"127.0.0.1:{self.s.port}"}, 200),
-                                ({"Origin": f"http://127.0.0.1:{self.s.port}", "Host": f"127.0.0.1:{self.s.port}"}, 200)):
-            self.assertEqual(self.s.request("GET", "/api/cameras", headers=headers)[0].status, status, headers)
-        self.assertEqual(self.s.request("PUT", "/api/cameras/0/video", "x" * 70000)[0].status, 413)
-        self.assertEqual(self.s.request("GET", "/api/captures/..%2f..%2fetc%2fpasswd")[0].status, 400)
+        own = f"Host: 127.0.0.1:{self.s.port}\r\n"
+        form = own + "Content-Type: application/x-www-form-urlencoded\r\n"
+        get = "GET /api/cameras HTTP/1.1\r\n"
+        put = "PUT /api/cameras/1/control HTTP/1.1\r\n"
+        gain = '{"type":0,"value":222}'
+        inner = f"{put}{own}Content-Length: {len(gain)}\r\n\r\n{gain}"
+        # (request's head, body that comes a moment later, status, word of the reason)
+        rows = [
+            (get + own, "", 200, "name"), (get + f"Host: localhost:{self.s.port}\r\n", "", 200, "name"), (get + own + f"Origin: http://127.0.0.1:{self.s.port}\r\n", "", 200, "name"),
+            (get + "Host: evil.example\r\n", "", 403, "--host"), (get + own + "Origin: http://evil.example\r\n", "", 403, "--host"), (get + own + "Origin: null\r\n", "", 403, "--host"),
+            (get + own + "Host: evil.example\r\n", "", 400, "one Host"), (get + own + "Origin: http://127.0.0.1:1\r\n", "", 403, "--host"),
+            ("GET /api/captures/..%2f..%2fetc%2fpasswd HTTP/1.1\r\n" + own, "", 400, "nothing"), ("GET /../../etc/passwd HTTP/1.1\r\n" + own, "", 404, "nothing"),
+            ("nonsense\r\n" + own, "", 400, "read"), ("GET /" + "x" * 9000 + " HTTP/1.1\r\n" + own, "", (400, 414), ""),
+            (get + own + "X: " + "x" * 9000 + "\r\n", "", 400, "8 KiB"), (get + own + "X: y\r\n" * 5000, "", 400, "16 KiB"),
+            (put + own + "Content-Length: 70000\r\n", "x" * 70000, 413, "bytes at most"), (put + own + "Content-Length: 1000000000000\r\n", "", 413, "bytes at most"),
+            (put + own + "Transfer-Encoding: chunked\r\n", "11170\r\n" + "x" * 70000 + "\r\n0\r\n\r\n", 400, "bytes"), (put + own + "Content-Encoding: gzip\r\nContent-Length: 3\r\n", "abc", 400, "compressed"),
+            (put + own + "Content-Length: 4\r\n", '{"a"', 400, "JSON"), (put + own + "Content-Length: 2\r\n", "[]", 400, "JSON"), (put + own + "Content-Length: 6000\r\n", "[" * 6000, 400, "JSON"),
+            ("PUT /api/v1/camera/0/gain HTTP/1.1\r\n" + form + "Content-Length: 6\r\n", "Gain=%", 400, "%"), ("GET /api/cameras/99999999999/state HTTP/1.1\r\n" + own, "", 400, "no camera"),
+            # What a refused request carries must not be taken for another one.
+            (f"POST /api HTTP/1.1\r\n{own}Origin: http://evil.example\r\nContent-Type: text/plain\r\nContent-Length: {len(inner)}\r\n", inner, 403, "--host"),
+            (f"{get}{own}Content-Length: {len(inner)}\r\n", inner, 400, "no body"),
+        ]
+        before = [c["value"] for c in self.s.json("/api/cameras/1/state")["state"]["controls"]]
+        for head, body, status, word in rows:
+            with self.subTest(head[:120], body=body[:20]), socket.create_connection(("127.0.0.1", self.s.port), timeout=20) as c:
+                try:
+                    c.sendall((head + "\r\n").encode())
+                    time.sleep(0.05)
+                    c.sendall(body.encode())
+                except OSError:
+                    pass  # refused while it was still being sent
+                answer = http.client.HTTPResponse(c)
+                answer.begin()
+                reason = answer.read().decode()
+                self.assertIn(answer.status, status if isinstance(status, tuple) else (status,), reason)
+                self.assertIn(word, reason)
+        self.assertEqual([c["value"] for c in self.s.json("/api/cameras/1/state")["state"]["controls"]], before)
+
+    def test_crowds(self):
+        """A thousand connections, some of which say nothing and some a letter a second, and viewers without number."""
+        def connect():
+            return socket.create_connection(("127.0.0.1", self.s.port), timeout=20)
+
+        slow = [connect() for _ in range(20)]
+        began = time.time()
+        ends = {}
+        while time.time() - began < 14 and len(ends) < len(slow):
+            for c in slow:
+                try:
+                    c.send(b"G" if time.time() - began < 1 else b"x")
+                    c.setblocking(False)
+                    if c not in ends and c.recv(1000) is not None:
+                        ends[c] = time.time() - began
+                except BlockingIOError:
+                    pass
+                except OSError:
+                    ends.setdefault(c, time.time() - began)
+                c.setblocking(True)
+            self.assertEqual(self.s.get("interfaceversion"), 3)
+            time.sleep(0.5)
+        self.assertEqual(len(ends), len(slow), "a head that never ends holds a connection for ever")
+        quiet = [connect() for _ in range(20)]
+        events = [connect() for _ in range(44)]
+        for c in events:
+            c.sendall(f"GET /api/cameras/1/events HTTP/1.1\r\nHost: 127.0.0.1:{self.s.port}\r\n\r\n".encode())
+        # Those of one address are full now, and one more is told so; other addresses of this machine are not.
+        told = [connect().recv(100).split(b" ")[1] for _ in range(900)]
+        self.assertEqual(set(told), {b"503"})
+        other = socket.create_connection(("127.0.0.1", self.s.port), source_address=("127.0.0.2", 0), timeout=20)
+        other.sendall(f"GET /api/v1/camera/0/interfaceversion HTTP/1.1\r\nHost: 127.0.0.1:{self.s.port}\r\n\r\n".encode())
+        self.assertIn(b'"Value":3', other.recv(1000))
+        self.assertTrue(all(b"text/event-stream" in c.recv(1000) for c in events))
+        for c in quiet + slow + events + [other]:
+            c.close()
+        self.s.wait(lambda: self.s.request("GET", "/api/cameras")[0].status == 200, "there is room again")
 
     def test_what_the_page_asks(self):
         s = self.s

@@ -18,6 +18,7 @@
 #include "common/Text.h"
 #include "kovcam/serve/Alpaca.h"
 #include "kovcam/serve/Captures.h"
+#include "kovcam/serve/Connections.h"
 #include "kovcam/serve/Observatory.h"
 #include "kovcam/serve/Http.h"
 #include "kovcam/serve/Measure.h"
@@ -30,9 +31,9 @@ using json = nlohmann::json;
 
 namespace {
 
-constexpr size_t CONNECTIONS = 64;         // threads, one a connection
 constexpr int STREAMS = 48;                // endless answers at once: the rest is left for commands
 constexpr size_t BODY = 64 * 1024;         // bytes of a request
+constexpr int CONFLICT = 409;              // understood, and refused by the camera
 constexpr auto PICTURE_PATIENCE = 5s;
 
 double ToNumber(const std::string& text, const char* name)
@@ -222,22 +223,20 @@ public:
     Site(const ServerOptions& options, const std::function<bool()>& stop)
         : m_options(options), m_stop(stop), m_captures(options.folder), m_alpaca(m_observatory, SettingsFolder(), options.version)
     {
-        m_server.new_task_queue = [] { return new httplib::ThreadPool(CONNECTIONS); };
         m_server.set_payload_max_length(BODY);
-        m_server.set_read_timeout(10s);
-        m_server.set_write_timeout(10s);
-        m_server.set_keep_alive_max_count(100000);
-        m_server.set_keep_alive_timeout(20);
         m_server.set_tcp_nodelay(true);
         m_server.set_pre_routing_handler([this](const httplib::Request& q, httplib::Response& r) { return Guard(q, r); });
         m_server.set_exception_handler([](const httplib::Request&, httplib::Response& r, std::exception_ptr error) { Explain(r, error); });
         m_server.set_error_handler([](const httplib::Request& q, httplib::Response& r) {
+            // A body that was not read must not be taken for the next request.
+            if (r.status != CONFLICT)
+                r.set_header("Connection", "close");
             if (!r.body.empty())
                 return;
+            r.set_content(WhyRefused(r.status, q), "text/plain");
             // A path that does not exist is the client's mistake; Alpaca wants 400 for it.
             if (r.status == 404 && (q.path.rfind("/api/", 0) == 0 || q.path.rfind("/management", 0) == 0))
                 r.status = 400;
-            r.set_content(fmt::format("{}: {} {}: there is nothing of that name here\n", r.status, q.method, q.path), "text/plain");
         });
         AddPage();
         AddRoutes();
@@ -285,8 +284,25 @@ private:
         return base / "kovcamera2";
     }
 
+    // Of what httplib refuses by itself.
+    static std::string WhyRefused(int status, const httplib::Request& q)
+    {
+        switch (status) {
+        case 404: return fmt::format("{} {}: there is nothing of that name here\n", q.method, q.path);
+        case 413: return fmt::format("the body of a request has {} bytes at most\n", BODY);
+        case 414: return "the address is too long\n";
+        default:
+            return fmt::format("the request could not be read. Its head has 16 KiB at most, a line of it 8 KiB, its body {} bytes\n", BODY);
+        }
+    }
+
     httplib::Server::HandlerResponse Guard(const httplib::Request& q, httplib::Response& r) const
     {
+        if (q.get_header_value_count("Host") > 1 || q.has_header("Content-Encoding") || (q.method == "GET" && q.get_header_value("Content-Length", 0).find_first_not_of("0") != std::string::npos)) {
+            r.status = 400;
+            r.set_content("a request has one Host, no compressed body, and a GET has no body\n", "text/plain");
+            return httplib::Server::HandlerResponse::Handled;
+        }
         if (IsOwn(q.get_header_value("Host"), q.get_header_value("Origin"), m_options.hostName))
             return httplib::Server::HandlerResponse::Unhandled;
         r.status = 403;
@@ -558,7 +574,7 @@ private:
             (this->*row->action)(*camera, q.remote_addr, body);
             r.set_content("{}", "application/json");
         } catch (const CommandError& e) {
-            r.status = 409;
+            r.status = CONFLICT;
             r.set_content(json{ { "error", e.what() } }.dump(), "application/json");
         }
     }
@@ -620,7 +636,7 @@ private:
     PictureCache m_pictures;
     Observatory m_observatory;
     Alpaca m_alpaca;
-    httplib::Server m_server;
+    LimitedServer m_server;
 };
 
 }  // namespace
