@@ -2,8 +2,10 @@
 // has it made in one walk, on the host's thread.
 #include <algorithm>
 #include <cstring>
+#include <span>
 #include <vector>
 
+#include "automation/HotPixels.h"
 #include "automation/MemoryFrame.h"
 #include "capture/Capture.h"
 #include "imaging/Bayer.h"
@@ -213,16 +215,16 @@ std::vector<imaging::Patch> RepairedPixels(CCameraBase& cam, const imaging::Fram
 {
     std::vector<imaging::Patch> patches;
     const int64_t lRoom = int64_t(SensorPixels(cam)) * (sizeof(T) == 1 ? 2 : 1);
-    const auto list = [&](const int32_t* p, int32_t n) {
-        for (int32_t k = 0; k < n; ++k)
-            if (p[k] >= 0 && p[k] < lPixels)
-                patches.push_back({ size_t(p[k]), 0 });
+    const auto list = [&](std::span<const int32_t> pixels) {
+        for (const int32_t e : pixels)
+            if (e >= 0 && e < lPixels)
+                patches.push_back({ size_t(e), 0 });
     };
     if (cam.m_bHPCEnable)
-        list(cam.m_pHotPixels, cam.m_iHPCNum);
+        list(HotPixelsOfRegion(cam));
     const size_t nTable = patches.size();
     if (cam.m_bUsingDark)
-        list(cam.m_pDarkPixels, cam.m_lDeadPixelNum);
+        list(DarkPixelsOfRegion(cam));
     const auto before = [](const imaging::Patch& a, const imaging::Patch& b) { return a.at < b.at; };
     std::inplace_merge(patches.begin(), patches.begin() + ptrdiff_t(nTable), patches.end(), before);
 

@@ -5,6 +5,7 @@
 #include <thread>
 
 #include "CaptureCamera.h"
+#include "automation/HotPixels.h"
 #include "imaging/Bayer.h"
 
 namespace {
@@ -373,6 +374,46 @@ TEST(Delivery, OneWalkEqualsTheStages)
                                           << w << " x " << h << ", bin " << bin << ", hard " << bHard << ", type "
                                           << int(cam.m_ImgType);
         cam.m_Algorithm.SetRGBWB(50, 50);
+    }
+}
+
+// As regions come and go, the pixels of table and dark frame are repaired where they then lie, and no others.
+TEST(Delivery, RepairsFollowTheRegion)
+{
+    Shot s(Family::Quartz, false);
+    CaptureCamera& cam = s.cam;
+    cam.m_bHPCEnable = cam.m_bUsingDark = true;
+    std::mt19937 random(7);
+    std::vector<bool> hot(W * H), stays(W * H);  // on the sensor, none beside another
+    for (int y = 1; y < H; y += 3)
+        for (int x = 1; x < W; x += 3) {
+            const int e = y * W + x, kind = x == y ? 0 : 1 + int(random() % 2);
+            hot[size_t(e)] = true;
+            stays[size_t(e)] = kind == 2;
+            cam.m_pDarkBuf[e] = kind == 0 && y > 12 ? 60 : 0;  // so few that their mean is 0
+            cam.m_pHPCBuf1[e] = kind == 1 || (kind == 0 && y <= 12);
+        }
+    cam.AdjustHPCTable(cam.m_pHPCBuf1, cam.m_pHPCBuf2);
+    const struct { int x, y, w, h; } regions[] = { { 0, 0, W, H },     { 8, 4, 24, 12 },  { 0, 0, 24, 12 }, { 20, 10, 28, 14 },
+                                                   { 4, 10, 20, 14 }, { 2, 2, 44, 20 }, { 0, 0, W, H } };
+    for (const auto& r : regions) {
+        cam.m_iStartX = r.x;
+        cam.m_iStartY = r.y;
+        s.Size(r.w, r.h, 1);
+        FitHotPixels(cam);
+        FitDarkFrame(cam);
+        Bytes raw(size_t(r.w * r.h)), want(raw.size());
+        for (size_t i = 0; i < raw.size(); ++i) {
+            const size_t e = (size_t(r.y) + i / size_t(r.w)) * W + size_t(r.x) + i % size_t(r.w);
+            raw[i] = hot[e] ? 200 : 20;
+            want[i] = stays[e] ? 200 : 20;
+        }
+        Bytes got = s.Get(raw, raw.size());
+        ASSERT_EQ(got.size(), want.size());
+        // The marks' pixels are another matter.
+        std::copy_n(want.begin(), 4, got.begin());
+        std::copy(want.end() - 4, want.end(), got.end() - 4);
+        EXPECT_EQ(got, want) << r.x << ' ' << r.y << ' ' << r.w << ' ' << r.h;
     }
 }
 
