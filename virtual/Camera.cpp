@@ -49,8 +49,9 @@ std::shared_ptr<std::vector<uint8_t>> FramePool::Take()
     }
     if (!v) v = std::make_unique<std::vector<uint8_t>>();
     return { v.release(), [pool = shared_from_this()](std::vector<uint8_t>* p) {
+                std::unique_ptr<std::vector<uint8_t>> back(p);
                 std::lock_guard lock(pool->m_Mutex);
-                pool->m_Free.emplace_back(p);
+                if (pool->m_Free.size() < KEPT) pool->m_Free.push_back(std::move(back));
             } };
 }
 

@@ -60,6 +60,10 @@ struct FrameInFlight {
 // Frame memory that comes back for reuse, so that no frame touches fresh pages. Outlives the camera while frames do.
 class FramePool : public std::enable_shared_from_this<FramePool> {
 public:
+    // Idle frames, each as large as the largest that it has held: one is exposed while another is on its way. More come
+    // back when a host has left many small ones lying.
+    static constexpr size_t KEPT = 2;
+
     std::shared_ptr<std::vector<uint8_t>> Take();
 
 private:

@@ -634,9 +634,9 @@ int main(int argc, char** argv)
         Fail("threads are left over");
     if (last.iFiles != first.iFiles)
         Fail("files are left open");
-    // Frame buffers of the cameras come back for reuse; their number wavers by a few.
-    constexpr size_t WAVER = 16u << 20;
-    if (last.nHeap > first.nHeap + WAVER)
+    // Of each camera's frame buffers two stay for reuse, as large as its last regions wanted them.
+    const size_t waver = all.size() << 20;
+    if (last.nHeap > first.nHeap + waver)
         Fail("memory is left over");
     std::printf("%s, seed %llu\n", g_iFailures == 0 ? "all accounts balance" : "there were failures",
                 (unsigned long long)o.uSeed);

@@ -22,6 +22,7 @@
 #include <thread>
 #include <tuple>
 
+#include "base/Attempt.h"
 #include "base/Log.h"
 
 namespace usbstack {
@@ -445,7 +446,7 @@ void CHost::Run()
         lock.unlock();
         const int r = libusb_handle_events_timeout_completed(m_pContext, &tv, nullptr);
         lock.lock();
-        Pump();
+        Attempt("starting a request", [this] { Pump(); });  // the next turn tries again
         Deliver(lock);
         if (r != LIBUSB_SUCCESS && r != LIBUSB_ERROR_INTERRUPTED && !m_bStop)
             m_cvDone.wait_for(lock, RETRY);  // do not spin on an error that stays
@@ -539,12 +540,12 @@ void CHost::Deliver(UniqueLock& lock)
             bool bAny = false;
             while (Xfer* x = p.FirstDeliverable()) {
                 lock.unlock();
-                x->pRequest->OnComplete(x->pRequest, x->status, x->dwBytes);
+                Attempt("completing a request", [x] { x->pRequest->OnComplete(x->pRequest, x->status, x->dwBytes); });
                 lock.lock();
                 --m_iEnded;
                 std::unique_ptr<Xfer> done = p.Take(x);
-                if (d->iCancelling != 0)
-                    d->graveyard.push_back(std::move(done));
+                if (d->iCancelling != 0 && !Attempt("burying a request", [&] { d->graveyard.push_back(std::move(done)); }))
+                    static_cast<void>(done.release());  // a canceller may still name it
                 bAny = true;
             }
             if (bAny)

@@ -26,6 +26,7 @@
 #include <string>
 #include <vector>
 
+#include "base/Attempt.h"
 #include "base/Log.h"
 #include "platform/Platform.h"
 
@@ -325,21 +326,20 @@ private:
         m_bRunning = false;
         m_idle.notify_all();
     }
-    // The lock is held, but not while the database is written.
+    // The lock is held, but not while the database is written. What is left for lack of memory waits for the next save.
     void WriteAll()
     {
-        while (!m_waiting.empty()) {
-            m_writing.swap(m_waiting);
-            const auto unread = m_unread;
-            m_m.unlock();
-            try {
-                Save(m_path, m_writing, unread);
-            } catch (const std::exception& e) {
-                KOV_LOG(Error, "settings are not kept: %s", e.what());
+        static constexpr char STEP[] = "saving the settings";
+        Attempt(STEP, [this] {
+            while (!m_waiting.empty()) {
+                const auto unread = m_unread;
+                m_writing.swap(m_waiting);
+                m_m.unlock();
+                Attempt(STEP, [&] { Save(m_path, m_writing, unread); });
+                m_m.lock();
+                m_writing.clear();
             }
-            m_m.lock();
-            m_writing.clear();
-        }
+        });
     }
 
     std::mutex m_m;

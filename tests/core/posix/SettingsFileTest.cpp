@@ -7,10 +7,13 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <chrono>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <new>
+#include <thread>
 #include <vector>
 
 #include "core/TestCamera.h"
@@ -28,6 +31,17 @@ extern "C" int getpwuid_r(uid_t, passwd* pEntry, char*, size_t, passwd** ppResul
     *ppResult = pEntry;
     return 0;
 }
+
+// Memory that has run out on every thread but the tests' own.
+static std::atomic<bool> g_bNoMemory{ false };
+static const std::thread::id g_Main = std::this_thread::get_id();
+[[gnu::noinline]] void* operator new(size_t n)
+{
+    void* const p = g_bNoMemory && std::this_thread::get_id() != g_Main ? nullptr : std::malloc(n);
+    return p ? p : throw std::bad_alloc();
+}
+[[gnu::noinline]] void operator delete(void* p) noexcept { std::free(p); }
+[[gnu::noinline]] void operator delete(void* p, size_t) noexcept { std::free(p); }
 
 namespace {
 
@@ -115,6 +129,17 @@ TEST_F(SettingsFile, AnUnusableStoreIsNoError)
     EXPECT_TRUE(saved());
     EXPECT_TRUE(fs::exists(m_store.Dir() / ".config" / "kovcamera2" / "settings.db"));
     setenv("HOME", sHome.c_str(), 1);
+}
+
+TEST_F(SettingsFile, AWriterWithoutMemoryIsNoError)
+{
+    for (const uint32_t dw : { 1u, 2u, 3u }) {
+        g_bNoMemory = dw == 2;
+        SaveGeneration(dw);
+        g_bNoMemory = false;
+        EXPECT_NE(LoadGeneration(), -1);
+    }
+    EXPECT_EQ(LoadGeneration(), 3);
 }
 
 TEST_F(SettingsFile, ADamagedFileIsPutAsideAndANewOneBegun)
