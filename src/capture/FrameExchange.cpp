@@ -29,8 +29,8 @@ private:
 struct FrameExchange::Impl {
     explicit Impl(uint32_t dwSlotBytes) : dwCapacity(dwSlotBytes)
     {
-        for (auto& p : apSlots)
-            p = AddBlock();
+        for (int i = 0; i < SLOTS; ++i)
+            spares.push_back(AddBlock());
         turn.Release();
     }
 
@@ -49,38 +49,51 @@ struct FrameExchange::Impl {
     size_t Fit(int32_t iSize) const { return iSize > 0 ? std::min<size_t>(size_t(iSize), dwCapacity) : 0; }
     int32_t Held() const { return iCount.load(std::memory_order_acquire); }
 
-    // Producer. The slot at iWrite holds a frame.
-    void Publish(int32_t iSize)
+    // `ring` locked. The block that was given back last is the likeliest one to lie in a cache, and those that the flow of
+    // frames does not need are never touched.
+    uint8_t* PopSpare()
     {
+        uint8_t* const p = spares.back();
+        spares.pop_back();
+        return p;
+    }
+
+    // Producer; `ring` locked, and a slot is free.
+    void Publish(uint8_t* pBlock, int32_t iSize)
+    {
+        apSlots[iWrite] = pBlock;
         aFrameBytes[iWrite] = Fit(iSize);
         uint32_t dwHead = 0;
-        std::memcpy(&dwHead, apSlots[iWrite], sizeof dwHead);
+        std::memcpy(&dwHead, pBlock, sizeof dwHead);
         aHead[iWrite].store(dwHead, std::memory_order_relaxed);
         iWrite ^= 1;
         // In one step for the reader: taken before its signal is given, a frame would leave a second stale one behind.
-        const std::lock_guard l(ring);
         if (iCount.fetch_add(1, std::memory_order_acq_rel) + 1 == 1)
             signal.Release();
     }
     // Consumer. True when a frame is there, with `ring` locked.
     bool Await(uint32_t dwTimeoutMs, std::unique_lock<std::mutex>& lock);
-    // `ring` locked: the oldest frame has left its slot.
-    void Advance()
+    // `ring` locked. The slot of the oldest frame is empty then, and there has to be a spare for it.
+    uint8_t* Remove()
     {
+        uint8_t* const p = apSlots[iRead.load(std::memory_order_relaxed)];
         iRead.store(iRead.load(std::memory_order_relaxed) ^ 1, std::memory_order_relaxed);
         iCount.fetch_sub(1, std::memory_order_acq_rel);  // only Reset could have taken it to 0, and that waits
+        return p;
     }
 
+    static constexpr int SLOTS = 2;
     const uint32_t dwCapacity;
     std::vector<platform::Pages<uint8_t>> blocks;  // all memory; changed under `ring`
-    uint8_t* apSlots[2] = {};
-    size_t aFrameBytes[2] = {};
-    std::atomic<uint32_t> aHead[2] = {};  // first word of each slot, readable while the slot is being filled
+    // The frames, from iRead on; slots that are free hold nothing, and a spare waits for each of them. Under `ring`.
+    uint8_t* apSlots[SLOTS] = {};
+    size_t aFrameBytes[SLOTS] = {};
+    std::atomic<uint32_t> aHead[SLOTS] = {};  // first word of each slot, readable while the slot is being filled
     int32_t iWrite = 0;                   // producer's own
     std::atomic<int32_t> iRead{ 0 };
     std::atomic<int32_t> iCount{ 0 };     // a frame is published by the step up and given back by the step down
     // Held by Read for the span of its copy and by Reset, so that after a Reset no slot is being read any more. The
-    // producer fills its slot without it, since it never touches the one that is being read, and publishes under it.
+    // producer fills a spare without it and publishes under it.
     std::mutex ring;
     std::vector<uint8_t*> spares;         // under `ring`
     platform::Semaphore signal;           // given on the step from 0 to 1 only
@@ -108,18 +121,23 @@ void FrameExchange::Shut()
 void FrameExchange::Reset()
 {
     const std::lock_guard l(m_p->ring);
+    while (m_p->Held() != 0)
+        m_p->spares.push_back(m_p->Remove());
     m_p->iWrite = 0;
     m_p->iRead.store(0, std::memory_order_relaxed);
-    m_p->iCount.store(0, std::memory_order_release);
 }
 
 bool FrameExchange::Insert(const uint8_t* pData, int32_t iSize)
 {
     Impl& m = *m_p;
-    if (!pData || m.Held() >= 2)
+    if (!pData || m.Held() >= Impl::SLOTS)
         return false;
-    std::memcpy(m.apSlots[m.iWrite], pData, m.Fit(iSize));
-    m.Publish(iSize);
+    std::unique_lock lock(m.ring);
+    uint8_t* const pBlock = m.PopSpare();
+    lock.unlock();
+    std::memcpy(pBlock, pData, m.Fit(iSize));
+    lock.lock();
+    m.Publish(pBlock, iSize);
     return true;
 }
 
@@ -132,11 +150,11 @@ uint8_t* FrameExchange::MakeBlock()
 uint8_t* FrameExchange::HandOver(uint8_t* pBlock, int32_t iSize)
 {
     Impl& m = *m_p;
-    if (!pBlock || m.Held() >= 2)
+    if (!pBlock || m.Held() >= Impl::SLOTS)
         return nullptr;
-    uint8_t* const pEmpty = std::exchange(m.apSlots[m.iWrite], pBlock);
-    m.Publish(iSize);
-    return pEmpty;
+    const std::lock_guard l(m.ring);
+    m.Publish(pBlock, iSize);
+    return m.PopSpare();
 }
 
 bool FrameExchange::Impl::Await(uint32_t dwTimeoutMs, std::unique_lock<std::mutex>& lock)
@@ -164,7 +182,7 @@ bool FrameExchange::Read(uint8_t* pDest, int32_t iSize, uint32_t dwTimeoutMs)
     const size_t n = m.Fit(iSize), nFrame = std::min(n, m.aFrameBytes[iSlot]);
     std::memcpy(pDest, m.apSlots[iSlot], nFrame);
     std::memset(pDest + nFrame, 0, n - nFrame);
-    m.Advance();
+    m.spares.push_back(m.Remove());
     return true;
 }
 
@@ -176,13 +194,11 @@ FrameExchange::Lease FrameExchange::Take(int32_t iSize, uint32_t dwTimeoutMs)
     Lease lease;
     if (!m.Await(dwTimeoutMs, lock))
         return lease;
-    if (m.spares.empty())
-        m.spares.push_back(m.AddBlock());
+    if (m.Held() + int32_t(m.spares.size()) <= Impl::SLOTS)  // all other blocks are with readers
+        m.spares.insert(m.spares.begin(), m.AddBlock());
     const int32_t iSlot = m.iRead.load(std::memory_order_relaxed);
     const size_t n = m.Fit(iSize), nFrame = std::min(n, m.aFrameBytes[iSlot]);
-    lease.m_pFrame = std::exchange(m.apSlots[iSlot], m.spares.back());
-    m.spares.pop_back();
-    m.Advance();
+    lease.m_pFrame = m.Remove();
     lease.m_pExchange = this;
     m.iInside.fetch_add(1, std::memory_order_acq_rel);
     std::memset(lease.m_pFrame + nFrame, 0, n - nFrame);
