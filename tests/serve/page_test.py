@@ -11,6 +11,9 @@ from selenium import webdriver
 from selenium.webdriver.chrome.options import Options
 from selenium.webdriver.chrome.service import Service
 from selenium.webdriver.common.action_chains import ActionChains
+from selenium.webdriver.common.actions import interaction
+from selenium.webdriver.common.actions.action_builder import ActionBuilder
+from selenium.webdriver.common.actions.pointer_input import PointerInput
 from selenium.webdriver.common.by import By
 from selenium.webdriver.common.keys import Keys
 
@@ -56,6 +59,15 @@ class PageTest(unittest.TestCase):
         number = self.js("return frame.number")
         self.until(f"frame.number >= {number + count}", "new frames are shown")
 
+    def tap(self, selector, browser=None):
+        """A click as a person does it: where the element is on the screen."""
+        e = (browser or self.browser).find_element(By.CSS_SELECTOR, selector)
+        self.js_on(e, "arguments[0].scrollIntoView({ block: 'center' })", browser)
+        e.click()
+
+    def js_on(self, element, script, browser=None):
+        return (browser or self.browser).execute_script(script, element)
+
     def test_a_night(self):
         # A fifth of a second shows more of the sky than the 10 ms that cameras begin with.
         self.until("state && state.controls.length > 0", "the page has the state")
@@ -76,6 +88,10 @@ class PageTest(unittest.TestCase):
         self.until("state.controls.find(c => c.type === 1).value > 1400000", "the exposure is set")
         self.new_frames(3)
         self.assertGreater(self.picture().mean(), 1.5 * before)
+        brighter = self.picture().mean()
+        self.js("$('middle').value = .3; $('middle').dispatchEvent(new Event('input'))")
+        self.new_frames(4)
+        self.assertLess(self.picture().mean(), .8 * brighter)
         self.js("const r = document.querySelector('[data-type=\"1\"] input[type=range]'); r.value = Math.log(200000); r.dispatchEvent(new Event('input'))")
         self.js("$('auto').click()")
 
@@ -83,6 +99,13 @@ class PageTest(unittest.TestCase):
         stage = self.browser.find_element(By.ID, "stage")
         stage.send_keys("1")
         self.until("view.zoom === 1 && shown.w < frame.width", "a part of the picture at 1:1")
+        left = self.js("return shown.x")
+        stage.send_keys(Keys.ARROW_RIGHT)
+        self.until(f"shown.x > {left} + 50", "the part moves right")
+        stage.send_keys(Keys.SPACE)
+        self.until("state.phase === 'idle'", "the video pauses")
+        stage.send_keys(Keys.SPACE)
+        self.until("state.phase === 'live'", "and goes on")
         stage.send_keys("c")
         self.js("$('stars').click()")
         time.sleep(1)
@@ -106,7 +129,38 @@ class PageTest(unittest.TestCase):
         self.until("!state.exposure", "it is aborted", 10)
         self.js("$('seconds').value = 1; $('count').value = 2; $('expose').click()")
         self.until("$('captures').children.length === 2", "two pictures are listed")
-        self.assertEqual(len([f for f in os.listdir(self.s.folder) if f.endswith(".fits")]), 2)
+        self.assertEqual(sorted(f for f in os.listdir(self.s.folder) if f.endswith(".fits")), ["capture-0001.fits", "capture-0002.fits"])
+        self.until("[...document.querySelectorAll('#captures img')].every(i => i.naturalWidth > 100)", "both have thumbnails")
+
+        # A recording, with what it costs.
+        self.tap("#record")
+        self.until("state.recordedFrames > 3 && /GB free; .* frames, .* MB/.test($('space').textContent)", "it records and tells so")
+        self.shot("recording")
+        self.tap("#record")
+        self.until("!state.recording && /frames of 1936x1096/.test($('captures').firstChild.textContent)", "the recording is listed")
+
+        # A pulse moves the sky: 7.5 arc seconds a second, 4.4 of them a pixel.
+        self.js("$('guideBox').open = true; $('pulse').value = 4000")
+        brightest = "[...statistics.stars].sort((a, b) => b.flux - a.flux)[0]"
+        before = self.js(f"return {brightest}")
+        self.tap("[data-guide='0']")
+        self.until(f"Math.abs({brightest}.y - {before['y']}) > 4 && Math.abs({brightest}.x - {before['x']}) < 2", "the brightest star has moved")
+
+        # A dark frame: taken, shown, used; its hot pixels kept in the camera and repaired, or not.
+        self.js("$('darkBox').open = true")
+        self.tap("#takeDark")
+        self.until("state.collecting", "it is collected")
+        self.until("[...$('darkUse').options].some(o => o.value === 'dark.bmp') && !state.collecting", "it is there", 120)
+        self.until("$('captures').querySelector('img').naturalWidth > 100 && /pixels stand out/.test($('captures').firstChild.textContent)", "it is shown")
+        self.js("$('darkUse').value = 'dark.bmp'; $('darkUse').dispatchEvent(new Event('change'))")
+        self.until("state.dark", "it is in use")
+        self.tap("[data-hot=save]")
+        self.until("state.hotPixelsOn && state.hotPixels > 20 && /\\d+ hot pixels are repaired/.test($('hotText').textContent)", "its hot pixels are repaired")
+        self.js("$('darkBox').scrollIntoView()")
+        self.new_frames(2)
+        self.shot("darks")
+        self.tap("[data-hot=off]")
+        self.until("!state.hotPixelsOn", "they are not any more")
 
         # A second browser, of a phone, at night; what one does the other sees.
         phone = self.open_browser(420, 900)
@@ -118,6 +172,16 @@ class PageTest(unittest.TestCase):
             time.sleep(1)
             self.shot("phone", phone)
             self.assertLessEqual(self.js("return document.documentElement.scrollWidth - innerWidth", phone), 0, "the phone's page is too wide")
+            night = np.asarray(Image.open(io.BytesIO(phone.get_screenshot_as_png())).convert("RGB"))
+            self.assertEqual(night[:, :, 1:].max(), 0, "not only red at night")
+            # A region, drawn with the finger.
+            self.js("$('region').click()", phone)
+            finger = ActionBuilder(phone, mouse=PointerInput(interaction.POINTER_TOUCH, "finger"))
+            finger.pointer_action.move_to(phone.find_element(By.ID, "stage"), -80, -60).pointer_down().move_to(phone.find_element(By.ID, "stage"), 100, 70).pointer_up()
+            finger.perform()
+            self.until("frame.width < 1000 && frame.width === state.region.width", "the region of the finger", browser=phone)
+            self.js("$('whole').click()", phone)
+            self.until("frame.width === 1936", "the whole sensor", browser=phone)
         finally:
             phone.quit()
 
@@ -125,7 +189,8 @@ class PageTest(unittest.TestCase):
         self.js(f"choose({1 - self.quartz})")
         self.until("state && frame.number > 1 && frame.width > 4000", "the second camera's picture")
         self.js("$('coolerBox').open = true; $('target').value = 5; $('target').dispatchEvent(new Event('change')); $('coolerOn').click()")
-        self.until("state.coolerPower > 0", "it cools")
+        self.until("state.coolerPower > 0 && cooling.some(p => p[3] > 0)", "it cools, and the plot has it")
+        self.assertGreater(self.js("return Math.min(...cooling.map(p => p[1]))"), 4, "a temperature that was never measured")
         time.sleep(6)
         self.js("$('coolerBox').scrollIntoView()")
         self.shot("cooler")

@@ -432,8 +432,9 @@ double ElectronsPerAdu(const Call& c)
 
 json Temperature(const Call& c)
 {
+    ControlOf(c, CTRL_TEMPERATURE, "a temperature");
     if (!c.state->temperature)
-        NotImplemented("a temperature");
+        throw DeviceError(INVALID_OPERATION, "the temperature is not known before the camera has been open for a second");
     return *c.state->temperature;
 }
 

@@ -50,6 +50,33 @@ void WriteFile(const fs::path& path, const Frame& frame, const std::string& form
     }
 }
 
+std::shared_ptr<const std::string> MakeThumbnail(const Frame& frame, const Statistics& statistics)
+{
+    View view;
+    view.outWidth = 144;
+    return std::make_shared<std::string>(Jpeg(Render(frame, &statistics, view), 80));
+}
+
+// A dark frame as the library writes it: a bitmap of 8 bits, its first row first.
+Frame ReadDark(const fs::path& path)
+{
+    std::ifstream in(path, std::ios::binary);
+    const auto number = [&](std::streamoff at) {
+        uint8_t b[4] = {};
+        in.seekg(at);
+        in.read(reinterpret_cast<char*>(b), sizeof(b));
+        return b[0] | b[1] << 8 | b[2] << 16 | b[3] << 24;
+    };
+    Frame frame;
+    frame.type = IMG_RAW8;
+    frame.width = number(18);
+    frame.height = number(22);
+    frame.pixels.resize(static_cast<size_t>(frame.width) * static_cast<size_t>(frame.height));
+    in.seekg(number(10));
+    in.read(reinterpret_cast<char*>(frame.pixels.data()), static_cast<std::streamsize>(frame.pixels.size()));
+    return frame;
+}
+
 class SerRecorder final : public Recorder {
 public:
     SerRecorder(const fs::path& path, const Frame& first, std::function<void(int)> ended)
@@ -120,9 +147,7 @@ void Captures::Save(const Frame& frame, const CaptureOptions& options, int shot)
         WriteFile(path, frame, format, options.kind);
         item.files.push_back(kovtools::TextOf(path.filename()));
     }
-    View view;
-    view.outWidth = 144;
-    item.thumbnail = std::make_shared<std::string>(Jpeg(Render(frame, statistics.get(), view), 80));
+    item.thumbnail = MakeThumbnail(frame, *statistics);
     item.text = fmt::format("{}x{}, {:g} s, gain {}", frame.width, frame.height, frame.exposure, frame.gain);
     if (statistics->field.hfr > 0)
         item.text += fmt::format(", HFR {:.2f}", statistics->field.hfr);
@@ -177,6 +202,8 @@ void Captures::AddDark(const fs::path& path, const std::string& text)
     item.when = Clock::now();
     item.files = { item.name };
     item.text = text;
+    const Frame frame = ReadDark(path);
+    item.thumbnail = MakeThumbnail(frame, *Measure(frame));
     Add(std::move(item));
 }
 

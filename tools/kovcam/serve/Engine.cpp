@@ -429,7 +429,7 @@ void CameraEngine::Open(int id)
     }
     m_pulses.Attach(id);
     m_silentSince.reset();
-    m_lastFrame = Steady::now();
+    m_lastFrame = m_opened = Steady::now();
     m_board.SetInfo(m_device->Info());
     Refresh();
     m_board.Modify([](State& s) {
@@ -645,18 +645,25 @@ void CameraEngine::Refresh()
 {
     m_lastRefresh = Steady::now();
     Setup setup = m_device->ReadSetup();
-    m_board.SetSettings(m_device->Settings());
+    // A cooled camera measures for the first time 0.6 s after it was opened.
+    const bool measured = !m_device->Info().IsCooled || Steady::now() - m_opened > 1500ms;
+    kovtools::CameraState settings = m_device->Settings();
+    if (!measured)
+        settings.temperature.reset();
+    m_board.SetSettings(settings);
     if (m_exposure) {  // what it has changed for itself is not to be seen
         setup.region = m_live;
         setup.type = m_liveType;
     }
-    if (static_cast<const Setup&>(*GetState()) == setup)
+    const StatePtr before = GetState();
+    const bool known = measured && setup.Find(CTRL_TEMPERATURE) != nullptr;
+    if (static_cast<const Setup&>(*before) == setup && before->temperature.has_value() == known)
         return;
     m_board.Modify([&](State& s) {
         static_cast<Setup&>(s) = std::move(setup);
         s.temperature.reset();
         s.coolerPower.reset();
-        if (const ControlState* c = s.Find(CTRL_TEMPERATURE))
+        if (const ControlState* c = s.Find(CTRL_TEMPERATURE); known)
             s.temperature = c->value / 10.0;
         if (const ControlState* c = s.Find(CTRL_COOL_POWER_PERC))
             s.coolerPower = c->value;

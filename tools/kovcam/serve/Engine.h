@@ -146,7 +146,7 @@ private:
     IMG_TYPE m_liveType = IMG_RAW8;
     std::optional<int32_t> m_coolTo;  // what the cooler held when the camera was closed
     uint64_t m_sequence = 0;
-    Steady::time_point m_lastRefresh{}, m_lastFrame{}, m_rateStart{}, m_openAfter{};
+    Steady::time_point m_lastRefresh{}, m_lastFrame{}, m_rateStart{}, m_opened{}, m_openAfter{};
     std::chrono::seconds m_patience{};  // before the next try to open
     int m_rateFrames = 0;
     std::optional<Steady::time_point> m_silentSince;  // it did not answer the roll then

@@ -294,10 +294,12 @@ function onState(s) {
     if (document.activeElement !== $('target')) $('target').value = target.value;
     $('target').min = target.min;
     $('target').max = target.max;
-    $('coolerText').textContent = `${s.temperature.toFixed(1)} °C at ${s.coolerPower} %`;
-    cooling.push([Date.now() / 1000, s.temperature, s.coolerOn ? target.value : null, s.coolerPower]);
-    cooling = cooling.filter(p => p[0] > Date.now() / 1000 - 3600);
-    plotCooler();
+    if (s.temperature !== undefined) {  // known soon after the camera was opened
+      $('coolerText').textContent = `${s.temperature.toFixed(1)} °C at ${s.coolerPower} %`;
+      cooling.push([Date.now() / 1000, s.temperature, s.coolerOn ? target.value : null, s.coolerPower]);
+      cooling = cooling.filter(p => p[0] > Date.now() / 1000 - 3600);
+      plotCooler();
+    }
   }
   $('darkText').textContent = s.collecting ? `${s.collecting.done} of ${s.collecting.frames} frames` : '';
   $('takeDark').textContent = s.collecting ? 'Cancel' : 'Take';
@@ -421,18 +423,20 @@ function plotHistogram() {
   $('levels').textContent = `median ${statistics.median.toFixed(0)}, max ${statistics.max}` + (statistics.saturated > 0.0001 ? `, ${(100 * statistics.saturated).toFixed(2)} % saturated` : '');
 }
 
-function plotLines(canvas, lines, low, high, text) {
+// `right`: texts of a second scale.
+function plotLines(canvas, lines, low, high, text, right) {
   const { g, w, h, dim, line } = surface(canvas);
-  const left = 34, y = v => 8 + (h - 16) * (high - v) / Math.max(1e-9, high - low);
+  const left = 34, end = w - (right ? 40 : 0), y = v => 8 + (h - 16) * (high - v) / Math.max(1e-9, high - low);
   g.strokeStyle = line;
   g.fillStyle = dim;
   g.textAlign = 'right';
   for (const v of [low, (low + high) / 2, high]) {
     g.beginPath();
     g.moveTo(left, y(v));
-    g.lineTo(w, y(v));
+    g.lineTo(end, y(v));
     g.stroke();
     g.fillText(text(v), left - 5, y(v) + 4);
+    if (right) g.fillText(right(v), w, y(v) + 4);
   }
   for (const l of lines) {
     g.strokeStyle = l.colour;
@@ -442,7 +446,7 @@ function plotLines(canvas, lines, low, high, text) {
     let pen = false;
     l.points.forEach(([x, v]) => {
       if (v === null || v === undefined) { pen = false; return; }
-      const px = left + x * (w - left), py = y(v);
+      const px = left + x * (end - left), py = y(v);
       pen ? g.lineTo(px, py) : g.moveTo(px, py);
       pen = true;
     });
@@ -465,12 +469,13 @@ function plotCooler() {
   if (!$('coolerBox').open || cooling.length < 2) return;
   const t1 = cooling[cooling.length - 1][0], t0 = Math.min(cooling[0][0], t1 - 60);
   const values = cooling.flatMap(p => [p[1], p[2]]).filter(v => v !== null);
+  const right = v => `${Math.round((v - low) / (high - low) * 100)} %`;
   const low = Math.min(...values) - 1, high = Math.max(...values) + 1, x = t => (t - t0) / (t1 - t0);
   plotLines($('coolerPlot'), [
-    { colour: '#8c99a8', width: 1, points: cooling.map(p => [x(p[0]), low + (high - low) * p[3] / 100]) },
+    { colour: '#c9a25c', points: cooling.map(p => [x(p[0]), low + (high - low) * p[3] / 100]) },
     { colour: '#7ddc8a', dash: [4, 4], width: 1, points: cooling.map(p => [x(p[0]), p[2]]) },
     { colour: getComputedStyle(document.body).getPropertyValue('--accent'), points: cooling.map(p => [x(p[0]), p[1]]) },
-  ], low, high, v => v.toFixed(0) + '°');
+  ], low, high, v => v.toFixed(0) + '°', right);
 }
 
 function onStatistics(s) {
