@@ -101,6 +101,8 @@ const char* ChooseTarget(const std::string& wanted)
 
 int main(int argc, char** argv)
 {
+    if (argc == 2 && std::string(argv[1]) == bench::COUNT_BEHIND_LIBUSB)
+        return bench::CountBehindLibusb();
     std::string isa, tsv;
     // Whatever comes later on the command line wins.
     std::vector<std::string> words = { argv[0], "--benchmark_repetitions=5", "--benchmark_enable_random_interleaving=true",
@@ -132,6 +134,7 @@ int main(int argc, char** argv)
     }
     bench::RegisterPixelBenchmarks();
     bench::RegisterCameraBenchmarks();
+    bench::RegisterBusBenchmarks();
     Ratios reporter;
     benchmark::RunSpecifiedBenchmarks(&reporter);
     reporter.PrintTable(chosen, pTsv);

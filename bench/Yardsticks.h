@@ -30,5 +30,9 @@ inline void Register(const std::string& operation, const std::string& by, Size s
 
 void RegisterPixelBenchmarks();
 void RegisterCameraBenchmarks();
+void RegisterBusBenchmarks();
+// What a run under umockdev-wrapper does: prints the ms of one look at eight cameras behind libusb, the first and the median.
+int CountBehindLibusb();
+inline constexpr const char* COUNT_BEHIND_LIBUSB = "--count-behind-libusb";
 
 }  // namespace bench

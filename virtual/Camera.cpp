@@ -2,6 +2,7 @@
 #include "virtual/Camera.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cstring>
 #include <stdexcept>
 
@@ -12,6 +13,7 @@ using usbstack::Status;
 namespace {
 
 constexpr double ENUMERATION_US = 300000;  // from a port cycle until the device is back
+std::atomic<uint64_t> g_uPlugs = 0;        // of all buses: no two plugs have the same name
 constexpr size_t MAX_LOGGED = 1 << 18;     // the oldest vendor requests go first
 constexpr double GUIDE_ARCSEC_PER_US = 7.5e-6;
 
@@ -119,7 +121,7 @@ void Camera::Boot()
 
 void Camera::PlugIn()
 {
-    ++m_uPlug;
+    m_uPlug = ++g_uPlugs;
     m_bAddress = m_Bus.NextAddress();
     m_bPresent = true;
     m_bHalted = false;

@@ -7,6 +7,7 @@
 #include "api/DeviceTable.h"
 #include "base/Log.h"
 #include "platform/InterfaceGuids.h"
+#include "platform/UsbDriver.h"
 #include "sensors/agate/Agate.h"
 #include "sensors/beryl/Beryl.h"
 #include "sensors/cobalt/Cobalt.h"
@@ -135,12 +136,15 @@ int32_t EnumerateCameras()
 {
     int32_t aFound[DEVICE_MAX];
     int32_t n = 0;
+    const platform::BusLook look;
     for (const platform::Guid& guid : platform::g_InterfaceGuids) {
         auto pLink = std::make_unique<CUsbLink>(nullptr, guid, true);
         const int iDevices = pLink->DeviceCount();
         for (int i = 0; i < iDevices; ++i) {
             try {
-                pLink->Open(static_cast<uint8_t>(i));  // false also for a damaged configuration; the IDs are known then
+                // False also for a damaged configuration; the IDs are known then. The first one is open already.
+                if (i > 0 || !pLink->IsOpen())
+                    pLink->Open(static_cast<uint8_t>(i));
             } catch (const char* szError) {
                 // The driver does not let go of the device before. A new link has none to close.
                 KOV_LOG(Warn, "%s", szError);

@@ -8,12 +8,14 @@
 #include <deque>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <shared_mutex>
 #include <system_error>
 #include <thread>
 #include <unordered_map>
 #include <unordered_set>
 
+#include "platform/DescriptorCache.h"
 #include "platform/InterfaceGuids.h"
 #include "platform/Platform.h"
 #include "platform/UsbDriver.h"
@@ -90,7 +92,11 @@ struct Request {
 // while the stack is called and alone while the stack's device is destroyed.
 class CDevice {
 public:
-    CDevice(usbstack::IDevice* pStack, std::string sName) : m_pStack(pStack), m_sName(std::move(sName)) {}
+    // pKnown may be null: then every descriptor is asked for.
+    CDevice(std::unique_ptr<usbstack::IDevice> pStack, std::string sName, std::shared_ptr<KnownDevice> pKnown)
+        : m_pStack(std::move(pStack)), m_sName(std::move(sName)), m_pKnown(std::move(pKnown))
+    {
+    }
     ~CDevice() { Shutdown(); }
     CDevice(const CDevice&) = delete;
     CDevice& operator=(const CDevice&) = delete;
@@ -185,6 +191,7 @@ private:
     std::shared_mutex m_useMutex;
     std::unique_ptr<usbstack::IDevice> m_pStack;
     const std::string m_sName;
+    const std::shared_ptr<KnownDevice> m_pKnown;
     std::atomic<bool> m_bClosed = false;
 
     std::mutex m_mutex;
@@ -242,6 +249,11 @@ bool CDevice::Simple(uint32_t dwCode, const uint8_t* pIn, uint32_t dwIn, uint8_t
         return Out(ab, sizeof ab);
     };
     const auto Result = [](Status s) { return s == Status::Ok || Fail(ErrorOf(s).dwError); };
+    const auto Restarted = [&](Status s) {
+        if (m_pKnown)
+            m_pKnown->Clear();
+        return Result(s);
+    };
 
     switch (dwCode) {
     case IO_DRIVER_VERSION: return Out(&DRIVER_VERSION, 4);
@@ -265,8 +277,8 @@ bool CDevice::Simple(uint32_t dwCode, const uint8_t* pIn, uint32_t dwIn, uint8_t
                                                                   : 0u;
         return Out(&dwSpeed, 4);
     }
-    case IO_CYCLE_PORT: return Result(m_pStack->CyclePort());
-    case IO_RESET_PARENT_PORT: return Result(m_pStack->ResetPort());
+    case IO_CYCLE_PORT: return Restarted(m_pStack->CyclePort());
+    case IO_RESET_PARENT_PORT: return Restarted(m_pStack->ResetPort());
     case IO_RESET_PIPE:
         if (dwIn < 1)
             return Fail(ERROR_BAD_PARAMETER);
@@ -431,10 +443,16 @@ void CDevice::ControlLoop()
 Status CDevice::RunControl(Request& r, uint32_t* pdwMoved)
 {
     const SetupPacket& s = r.setup;
+    const bool bKeep = m_pKnown && KnownDevice::IsRead(s);
+    if (bKeep && m_pKnown->Answer(s, r.data.data(), pdwMoved))
+        return Status::Ok;
     const uint32_t dwTimeout = s.dwTimeout == 0 ? CONTROL_LIMIT_MS : std::min(s.dwTimeout, 3600u) * 1000;
     const std::lock_guard l(m_controlMutex);
-    return m_pStack->Control(s.bmRequestType, s.bRequest, s.wValue, s.wIndex, r.data.data(), s.wLength, dwTimeout,
-                             pdwMoved);
+    const Status status = m_pStack->Control(s.bmRequestType, s.bRequest, s.wValue, s.wIndex, r.data.data(), s.wLength,
+                                            dwTimeout, pdwMoved);
+    if (bKeep && status == Status::Ok)
+        m_pKnown->Store(s, { r.data.begin(), r.data.begin() + std::min(*pdwMoved, uint32_t(s.wLength)) });
+    return status;
 }
 
 // Done for the caller at once. What the device still has is cancelled, so that the next request need not wait behind it:
@@ -486,6 +504,9 @@ bool CDevice::GetResult(Overlapped* pOverlapped, uint32_t* pdwBytes, bool bWait)
 
 // --- the driver -----------------------------------------------------------------------------------------------------
 
+// The listing of this thread's BusLook, once it was made; nullptr without one.
+thread_local std::optional<std::vector<usbstack::DeviceInfo>>* t_pLook = nullptr;
+
 class CAdapter final : public IUsbDriver {
 public:
     DevInfo GetClassDevs(const Guid& guid) override
@@ -495,9 +516,9 @@ public:
             if (std::memcmp(&g_InterfaceGuids[i], &guid, sizeof guid) == 0)
                 iSlot = i + 1;
         auto p = std::make_unique<List>();
-        for (usbstack::DeviceInfo& d : UsbStack().Enumerate())
+        for (const usbstack::DeviceInfo& d : Listing())
             if (InterfaceSlotOf(d.wProductId) == iSlot)
-                p->push_back(std::move(d));
+                p->push_back(d);
         SetLastError(ERROR_NONE);
         return p.release();
     }
@@ -535,7 +556,7 @@ public:
             SetLastError(status == Status::Gone ? ERROR_FILE_NOT_THERE : ErrorOf(status).dwError);
             return INVALID_DEVICE;
         }
-        auto p = std::make_shared<CDevice>(pStack.release(), "KOVCamera2 camera");
+        auto p = std::make_shared<CDevice>(std::move(pStack), "KOVCamera2 camera", m_known.Find(szPath));
         const std::lock_guard l(m_mutex);
         const DeviceHandle h = m_hNext++;  // never used again: an old handle finds nothing
         m_devices.emplace(h, std::move(p));
@@ -574,6 +595,8 @@ public:
         return p ? p->GetResult(pOverlapped, pdwBytes, bWait) : Fail(ERROR_BAD_HANDLE);
     }
 
+    void Forget() { m_known.Clear(); }
+
     // There are no windows to notify.
     void* RegisterInterfaceNotice(void*, const void*) override { return Fail(ERROR_NOT_READY), nullptr; }
     void* RegisterHandleNotice(void*, const void*) override { return Fail(ERROR_NOT_READY), nullptr; }
@@ -581,6 +604,20 @@ public:
 
 private:
     using List = std::vector<usbstack::DeviceInfo>;
+
+    List Listing()
+    {
+        if (t_pLook && *t_pLook)
+            return **t_pLook;
+        usbstack::IStack& stack = UsbStack();
+        if (m_pListed.exchange(&stack) != &stack)
+            m_known.Clear();
+        List list = stack.Enumerate();
+        m_known.Update(list);
+        if (t_pLook)
+            *t_pLook = list;
+        return list;
+    }
 
     static const usbstack::DeviceInfo* At(DevInfo h, uint32_t dwIndex)
     {
@@ -600,7 +637,16 @@ private:
     std::mutex m_mutex;
     std::unordered_map<DeviceHandle, std::shared_ptr<CDevice>> m_devices;
     DeviceHandle m_hNext = 0x100;
+    DescriptorCache m_known;
+    std::atomic<usbstack::IStack*> m_pListed = nullptr;  // the stack of which m_known tells
 };
+
+CAdapter& Adapter()
+{
+    // Never destroyed: a camera that a program leaves open is closed after static objects may be gone.
+    static CAdapter& s_adapter = *new CAdapter;
+    return s_adapter;
+}
 
 thread_local uint32_t t_dwLastError = ERROR_NONE;
 std::atomic<usbstack::IStack*> g_pStack = nullptr;
@@ -636,7 +682,27 @@ usbstack::IStack& UsbStack()
     return p ? *p : NativeStack();
 }
 
-void SetUsbStack(usbstack::IStack* pStack) { g_pStack.store(pStack, std::memory_order_release); }
+void SetUsbStack(usbstack::IStack* pStack)
+{
+    g_pStack.store(pStack, std::memory_order_release);
+    Adapter().Forget();
+}
+
+struct BusLook::Listing {
+    std::optional<std::vector<usbstack::DeviceInfo>> devices;
+};
+
+BusLook::BusLook() : m_pListing(t_pLook ? nullptr : std::make_unique<Listing>())
+{
+    if (m_pListing)
+        t_pLook = &m_pListing->devices;
+}
+
+BusLook::~BusLook()
+{
+    if (m_pListing)
+        t_pLook = nullptr;
+}
 
 uint32_t LastError() { return t_dwLastError; }
 void SetLastError(uint32_t dwError) { t_dwLastError = dwError; }
@@ -648,9 +714,7 @@ IUsbDriver& UsbDriver()
     IUsbDriver* const pNative = NativeDriver();
     if (pNative && !VirtualStack())
         return *pNative;
-    // Never destroyed: a camera that a program leaves open is closed after static objects may be gone.
-    static CAdapter& s_adapter = *new CAdapter;
-    return s_adapter;
+    return Adapter();
 }
 
 void SetUsbDriver(IUsbDriver* p) { g_pDriver.store(p, std::memory_order_release); }

@@ -2,6 +2,7 @@
 // DeviceIoControl; elsewhere one adapter decodes the requests and calls a USB stack (UsbStack.h).
 #pragma once
 #include <cstdint>
+#include <memory>
 #include <string>
 
 namespace platform {
@@ -97,6 +98,20 @@ public:
     virtual void* RegisterInterfaceNotice(void* hWnd, const void* pFilter) = 0;
     virtual void* RegisterHandleNotice(void* hWnd, const void* pFilter) = 0;
     virtual bool UnregisterNotice(void* hNotice) = 0;
+};
+
+// While one lives, all device lists that its thread asks for show one moment: the bus is listed once. A driver that keeps a
+// list of its own, as that of Windows does, needs none.
+class BusLook {
+public:
+    BusLook();
+    ~BusLook();
+    BusLook(const BusLook&) = delete;
+    BusLook& operator=(const BusLook&) = delete;
+
+private:
+    struct Listing;
+    std::unique_ptr<Listing> m_pListing;  // nullptr inside another one, whose listing counts
 };
 
 // The error of the calling thread's last driver call.

@@ -149,6 +149,7 @@ uint8_t CUsbLink::DeviceCount()
 
 bool CUsbLink::CreateHandle(uint8_t dev)
 {
+    const platform::BusLook look;
     const uint8_t bCount = DeviceCount();
     if (bCount == 0 || dev > bCount - 1)
         return false;

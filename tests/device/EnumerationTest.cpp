@@ -2,6 +2,7 @@
 #include <algorithm>
 #include <climits>
 #include <cstring>
+#include <functional>
 #include <numeric>
 
 #include "api/DeviceTable.h"
@@ -91,6 +92,40 @@ TEST_F(EnumerationTest, UnknownProductIdCounts)
     for (int n = 0; n < 2; ++n)
         EXPECT_EQ(KOVOpenCamera(0), KOV_ERROR_OPEN_FAILED);
     EXPECT_EQ(KOVCloseCamera(0), KOV_SUCCESS);
+}
+
+// The bus is listed once a call, and what stays plugged is not asked again. Another device in the socket is.
+TEST_F(EnumerationTest, OneLookAtTheBus)
+{
+    RecordingStack stack;
+    platform::SetUsbStack(&stack);
+    stack.Add(0xC07A);
+    FakeUsbDevice& dev = stack.Add(0xC11A);
+    stack.Add(0xC11A);
+    const auto reads = [&] { return stack.Device(0).DescriptorReads() + dev.DescriptorReads() + stack.Device(2).DescriptorReads(); };
+    int nReads = 0;
+    const struct { const char* szWhat; std::function<void()> change; int iMiddle; bool bRead; } rows[] = {
+        { "first look", [] {}, 0xC11A, true },
+        { "nothing new", [] {}, 0xC11A, false },
+        { "another device under the same name", [&] { dev.info.wProductId = 0xC0FA; dev.deviceDescriptor[10] = 0xFA; dev.deviceDescriptor[11] = 0xC0; }, 0xC0FA, true },
+        { "another address", [&] { dev.info.bAddress = 77; dev.deviceDescriptor[10] = 0xEA; }, 0xC0EA, true },
+        { "gone and back between two listings", [&] { dev.Vanish(); EXPECT_EQ(KOVGetNumOfConnectedCameras(), 2); dev.Return(); }, 0xC0EA, true },
+        { "the stack set anew", [&] { platform::SetUsbStack(&stack); }, 0xC0EA, true },
+        { "refused to this user", [&] { stack.openStatus = usbstack::Status::Access; }, 0, false },
+        { "and granted again", [&] { stack.openStatus = usbstack::Status::Ok; }, 0xC0EA, false },
+    };
+    for (const auto& r : rows) {
+        SCOPED_TRACE(r.szWhat);
+        r.change();
+        nReads = reads();
+        stack.iListings = 0;
+        ASSERT_EQ(KOVGetNumOfConnectedCameras(), r.iMiddle != 0 ? 3 : 0);
+        EXPECT_EQ(stack.iListings, 1);
+        EXPECT_EQ(reads() > nReads, r.bRead);
+        if (r.iMiddle != 0) {
+            EXPECT_EQ(g_aProductID[1], r.iMiddle);
+        }
+    }
 }
 
 TEST_F(EnumerationTest, VariantsOfOneModelAreOneSeries)

@@ -14,6 +14,7 @@
 //   "out 182 3003 0001" (request decimal; value, index hexadecimal), then ": data" when there are any.
 // Standard requests (descriptors) are answered but not recorded. Events() tells of aborts, resets and the like.
 #pragma once
+#include <atomic>
 #include <cstdio>
 #include <cstring>
 #include <deque>
@@ -156,7 +157,15 @@ public:
     }
     // The cable falls out: every request ends, later ones fail at once, and the device leaves the list.
     void Vanish() { { const std::lock_guard l(m_mutex); m_bGone = true; } EndAll(usbstack::Status::Gone); }
-    void Return() { const std::lock_guard l(m_mutex); m_bGone = false; ++m_iGeneration; }
+    // Another plug: only that makes a host read descriptors anew.
+    void Return()
+    {
+        const std::lock_guard l(m_mutex);
+        m_bGone = false;
+        info.sPath = "fake:" + std::to_string(info.bAddress) + "@" + std::to_string(++m_iGeneration);
+    }
+    usbstack::DeviceInfo Info() const { const std::lock_guard l(m_mutex); return info; }
+    int DescriptorReads() const { return m_iStandard; }
     bool Gone() const { const std::lock_guard l(m_mutex); return m_bGone; }
 
 private:
@@ -181,6 +190,7 @@ private:
     {
         if (bType != 0x80 || bRequest != 6)
             return usbstack::Status::Stall;
+        ++m_iStandard;
         std::vector<uint8_t> d;
         const unsigned index = wValue & 0xFFu;
         switch (wValue >> 8) {
@@ -232,6 +242,7 @@ private:
     std::recursive_mutex m_bulkMutex;  // outer: an aborted request's buffer is not written any more
     mutable std::mutex m_mutex;
     std::vector<Request> m_requests;
+    std::atomic<int> m_iStandard = 0;
     std::vector<std::string> m_events;  // "abort 82", "reset 82", "size 82 100000", "resetport", "cycleport"
     std::deque<usbstack::BulkRequest*> m_queue;
     bool m_bGone = false;
@@ -338,13 +349,15 @@ public:
     }
     FakeUsbDevice& Device(size_t i) { return *m_devices.at(i); }
     usbstack::Status openStatus = usbstack::Status::Ok;  // anything else: every Open fails with it
+    std::atomic<int> iListings = 0;
 
     std::vector<usbstack::DeviceInfo> Enumerate() override
     {
         std::vector<usbstack::DeviceInfo> v;
         for (const auto& d : m_devices)
             if (!d->Gone())
-                v.push_back(d->info);
+                v.push_back(d->Info());
+        ++iListings;
         return v;
     }
     usbstack::IDevice* Open(const std::string& sPath, usbstack::Status* pStatus) override
@@ -353,7 +366,7 @@ public:
         if (openStatus != usbstack::Status::Ok)
             return nullptr;
         for (const auto& d : m_devices)
-            if (d->info.sPath == sPath && !d->Gone())
+            if (d->Info().sPath == sPath && !d->Gone())
                 return new FakeUsbDevice::Handle(*d);
         *pStatus = usbstack::Status::Gone;
         return nullptr;

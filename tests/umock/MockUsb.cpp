@@ -22,6 +22,8 @@
 #include <cstring>
 #include <stdexcept>
 
+#include "platform/posix/LibusbStack.h"
+
 using usbstack::Speed;
 using usbstack::Status;
 
@@ -109,7 +111,11 @@ MockBus::MockBus()
     m_pBed = umockdev_testbed_new();
 }
 
-MockBus::~MockBus() { g_object_unref(m_pBed); }
+MockBus::~MockBus()
+{
+    usbstack::ForgetLibusb();
+    g_object_unref(m_pBed);
+}
 
 void MockBus::SetMemoryLimit(uint64_t lBytes, bool bTold)
 {
@@ -317,6 +323,17 @@ void MockUsb::Vanish()
     umockdev_testbed_uevent(m_bus.m_pBed, node.sPath.c_str(), "remove");
     unlink(node.sFile.c_str());
     umockdev_testbed_remove_device(m_bus.m_pBed, node.sPath.c_str());
+}
+
+void MockUsb::ReplaceUnderSameAddress()
+{
+    gchar* szSys = umockdev_testbed_get_sys_dir(m_bus.m_pBed);
+    const std::string sFolder = std::string(szSys) + "/bus/usb/devices/", sName = sFolder + std::to_string(m_bBus) + "-" + m_sPorts;
+    g_free(szSys);
+    char szTarget[256] = {};
+    if (readlink(sName.c_str(), szTarget, sizeof szTarget - 1) < 0 || symlink(szTarget, (sFolder + ".new").c_str()) != 0 ||
+        rename((sFolder + ".new").c_str(), sName.c_str()) != 0)
+        throw std::runtime_error("no entry " + sName);
 }
 
 MockUsb::Counts MockUsb::Seen() const

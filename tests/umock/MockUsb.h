@@ -63,6 +63,7 @@ public:
 
     void Plug();    // does nothing while plugged
     void Vanish();  // every request ends, the node goes, the system tells it
+    void ReplaceUnderSameAddress();  // as a hub with a controller of its own does that is pulled and plugged again
     uint8_t Address() const { return m_bAddress; }
 
     // How hosts differ; to be set before the device is opened. CONTINUATION makes libusb split requests in 16 KiB.

@@ -1,10 +1,14 @@
 // The whole way: C interface, library, an unmodified libusb, and a virtual camera as its device.
+#include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <stdlib.h>
+#include <sys/types.h>
 
+#include <atomic>
 #include <cmath>
 #include <cstring>
 #include <fstream>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -20,6 +24,22 @@
 #ifdef KOV_TEST_KOVCAM
 int kovcam_main(int argc, char** argv);
 #endif
+
+static std::atomic<int> g_iInits = 0, g_iLists = 0;
+
+// In front of libusb's own.
+struct libusb_context;
+struct libusb_device;
+extern "C" int libusb_init(libusb_context** pp)
+{
+    ++g_iInits;
+    return reinterpret_cast<decltype(&libusb_init)>(dlsym(RTLD_NEXT, "libusb_init"))(pp);
+}
+extern "C" ssize_t libusb_get_device_list(libusb_context* p, libusb_device*** ppp)
+{
+    ++g_iLists;
+    return reinterpret_cast<decltype(&libusb_get_device_list)>(dlsym(RTLD_NEXT, "libusb_get_device_list"))(p, ppp);
+}
 
 namespace {
 
@@ -156,6 +176,48 @@ TEST_F(LibusbCamera, UnpluggedDuringVideo)
     ASSERT_EQ(Next(10000), KOV_SUCCESS) << m_pCam->CurrentReadout().sWhy;
     ExpectPattern();
     EXPECT_EQ(KOVStopVideoCapture(0), KOV_SUCCESS);
+}
+
+// One context, which lives until something is plugged or pulled; a listing only then; and only what is new is asked.
+TEST_F(LibusbCamera, OneLookAtTheBus)
+{
+    struct Extra {
+        std::unique_ptr<usbstack::IDevice> device;
+        std::unique_ptr<MockUsb> usb;
+    };
+    std::vector<Extra> extra;
+    for (const uint16_t id : { uint16_t(0xC07A), uint16_t(0xC04B), uint16_t(0xC11A) }) {
+        kovsim::CameraSettings s;
+        s.wProductId = id;
+        m_Virtual.Plug(s);
+        extra.emplace_back().device.reset(m_Virtual.Open(m_Virtual.Enumerate().back().sPath, nullptr));
+        extra.back().usb = std::make_unique<MockUsb>(*m_pBus, uint8_t{ 2 }, "2." + std::to_string(extra.size()), *extra.back().device);
+    }
+    const auto asked = [&] {
+        int n = m_pUsb->Seen().iControl;
+        for (const Extra& e : extra)
+            n += e.usb->Seen().iControl;
+        return n;
+    };
+    const struct { const char* szWhat; std::function<void()> change; int iCount, iInits, iLists; bool bAsked; } rows[] = {
+        { "first look", [] {}, 4, 1, 1, true },
+        { "nothing new", [] {}, 4, 0, 0, false },
+        { "one pulled", [&] { extra[1].usb->Vanish(); }, 3, 1, 1, false },
+        { "and plugged again", [&] { extra[1].usb->Plug(); }, 4, 1, 1, true },
+        { "another one under the same address", [&] { extra[0].usb->ReplaceUnderSameAddress(); }, 4, 1, 1, true },
+        { "while one is open", [&] { ASSERT_EQ(KOVOpenCamera(2), KOV_SUCCESS); extra[1].usb->Vanish(); }, 3, 0, 1, false },
+        { "nothing new then", [] {}, 3, 0, 0, false },
+        { "as a child would find it", [&] { KOVCloseCamera(2); usbstack::ForgetLibusb(); }, 3, 1, 1, false },
+    };
+    for (const auto& r : rows) {
+        SCOPED_TRACE(r.szWhat);
+        r.change();
+        const int nInits = g_iInits, nLists = g_iLists, nAsked = asked();
+        EXPECT_EQ(KOVGetNumOfConnectedCameras(), r.iCount);
+        EXPECT_EQ(g_iInits - nInits, r.iInits);
+        EXPECT_EQ(g_iLists - nLists, r.iLists);
+        EXPECT_EQ(asked() > nAsked, r.bAsked);
+    }
 }
 
 // The kernel lets one program at a time claim a camera. The other one sees it, is told that it cannot have it, and sends

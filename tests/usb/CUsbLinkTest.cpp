@@ -124,6 +124,7 @@ TEST(CUsbLink, OpenFailures)
     // Without a configuration Open is false with the file open.
     const auto config = dev.configDescriptor;
     dev.configDescriptor.clear();
+    dev.Return();
     EXPECT_FALSE(link.Open(0));
     EXPECT_TRUE(link.IsOpen());
     EXPECT_EQ(link.EndPointCount(), 0);
@@ -131,6 +132,7 @@ TEST(CUsbLink, OpenFailures)
     // A broken one shows a message and closes.
     dev.configDescriptor = config;
     dev.configDescriptor[9] = 0;
+    dev.Return();
     static std::string s_sMessage;
     platform::SetMessageSink([](const char* szText, const char* szTitle) { s_sMessage = std::string(szTitle) + ": " + szText; });
     EXPECT_FALSE(link.Open(0));
@@ -140,6 +142,7 @@ TEST(CUsbLink, OpenFailures)
     dev.configDescriptor = config;
     const auto bos = dev.bosDescriptor;
     dev.bosDescriptor[5] = 0;
+    dev.Return();
     EXPECT_FALSE(link.Open(0));
     EXPECT_EQ(s_sMessage, "Wrong BOS Descriptor: Please correct firmware BOS descriptor table");
     platform::SetMessageSink(nullptr);
@@ -147,6 +150,7 @@ TEST(CUsbLink, OpenFailures)
 
     // An absent BOS is no fault.
     dev.bosDescriptor.clear();
+    dev.Return();
     EXPECT_TRUE(link.Open(0));
     EXPECT_EQ(link.m_pBos, nullptr);
 }
@@ -178,6 +182,7 @@ TEST(CUsbLink, QuirkLanguageScanVisitsEverySecondEntry)
     CUsbLink link(nullptr, Slot(10), false);
     for (const auto& r : rows) {
         dev.languages = r.languages;
+        dev.Return();
         link.Open(0);
         EXPECT_EQ(link.m_wLanguage, r.chosen) << r.languages.size();
     }
@@ -190,6 +195,7 @@ TEST(CUsbLink, BadStringLeavesTheText)
     CUsbLink link(nullptr, Slot(10), true);
     dev.strings[1] = "";  // length 2
     dev.strings[0].assign(126, 'x');
+    dev.Return();
     link.Open(0);
     EXPECT_EQ(Utf16(link.m_szProduct), "camera");
     EXPECT_EQ(Utf16(link.m_szManufacturer), std::string(126, 'x'));

@@ -1,8 +1,10 @@
-// One object, CHost, holds what a process shares: the libusb context, the event thread, the open devices with their
-// queues. Two locks: m_csOpen around opening, closing and listing (it may be held for long); m_cs around the queues
-// (held for moments; taken inside m_csOpen, never the other way round). No callback of a caller runs under either.
+// One object, CHost, holds what a process shares: the libusb context and what it last saw of the bus, the event thread, the
+// open devices with their queues. Two locks: m_csOpen around opening, closing and listing (it may be held for long); m_cs
+// around the queues (held for moments; taken inside m_csOpen, never the other way round). No callback of a caller runs
+// under either.
 #include "platform/posix/LibusbStack.h"
 
+#include <dirent.h>
 #include <libusb.h>
 #include <pthread.h>
 #include <signal.h>
@@ -16,6 +18,7 @@
 #include <cstring>
 #include <deque>
 #include <list>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <system_error>
@@ -153,6 +156,24 @@ struct SharedDevice {
     Pipe& At(uint8_t bEndpoint) { return pipes[(bEndpoint & 15u) | (bEndpoint & 0x80u) >> 3]; }
 };
 
+// The devices of the system by name ("2-1.4"), as it shows them without any of them being asked. A device that is plugged
+// anew has another number in the file system; its address may be that of the one before.
+struct Plug {
+    int iAddress = 0;
+    uint64_t uFile = 0;
+    bool operator==(const Plug&) const = default;
+};
+using Plugs = std::map<std::string, Plug>;
+
+// A device of the vendor.
+struct Found {
+    std::unique_ptr<libusb_device, decltype(&libusb_unref_device)> device{ nullptr, libusb_unref_device };
+    libusb_device_descriptor descriptor{};
+    std::vector<uint8_t> ports;
+    uint64_t uFile = 0;  // of its Plug
+    DeviceInfo info;
+};
+
 class CHost {
 public:
     static CHost* Current();
@@ -171,10 +192,17 @@ public:
     int Quietly(SharedDevice& d, uint8_t bEndpoint, Work work);
     Status Restart(SharedDevice& d, bool bStale);
     Status Note(SharedDevice& d, Status status);
+    bool EnsureThread();
+    void Forget();
+    // Around a fork. What no device uses does not go along into the child, whose libusb would take it for its own.
+    void BeforeFork();
+    void AfterFork() { m_csOpen.unlock(); }
 
 private:
-    bool AcquireContext();
-    void ReleaseContext();
+    void Look();
+    void List(Plugs plugs);
+    const Found* Find(const std::string& sPath) const;
+    void DropContext();
     bool StartThread();
     void StopThread();
     void Run();
@@ -191,8 +219,11 @@ private:
 
     std::mutex m_csOpen;
     libusb_context* m_pContext = nullptr;
-    int m_iContextUsers = 0;
+    Plugs m_plugs;                // at the last look; empty: look again
+    std::vector<Found> m_found;   // then, in order
+    uint64_t m_uPlugs = 0;        // seen so far
     std::thread m_thread;
+    std::atomic<bool> m_bThread = false;  // set under m_csOpen
 
     std::mutex m_cs;
     std::condition_variable m_cvDone;   // a request was delivered, a control request ended, or stop
@@ -212,7 +243,7 @@ CHost* CHost::Current()
 {
     static const bool bMade = [] {
         g_pHost = new CHost;
-        pthread_atfork(nullptr, nullptr, [] { g_pHost = new CHost; });
+        pthread_atfork([] { g_pHost.load()->BeforeFork(); }, [] { g_pHost.load()->AfterFork(); }, [] { g_pHost = new CHost; });
         return true;
     }();
     (void)bMade;
@@ -221,129 +252,202 @@ CHost* CHost::Current()
 
 // --- listing, opening, closing --------------------------------------------------------------------------------------
 
-bool CHost::AcquireContext()
-{
-    if (m_iContextUsers == 0 && libusb_init(&m_pContext) != LIBUSB_SUCCESS)
-        return false;
-    ++m_iContextUsers;
-    return true;
-}
-
-void CHost::ReleaseContext()
-{
-    if (--m_iContextUsers == 0) {
-        libusb_exit(m_pContext);
-        m_pContext = nullptr;
+// Signals of the host are the business of the host's threads.
+class NoSignals {
+public:
+    NoSignals()
+    {
+        sigset_t all;
+        sigfillset(&all);
+        pthread_sigmask(SIG_SETMASK, &all, &m_old);
     }
-}
+    ~NoSignals() { pthread_sigmask(SIG_SETMASK, &m_old, nullptr); }
+    NoSignals(const NoSignals&) = delete;
+    NoSignals& operator=(const NoSignals&) = delete;
 
-struct Found {
-    libusb_device* pDevice;
-    std::vector<uint8_t> ports;
-    DeviceInfo info;
+private:
+    sigset_t m_old;
 };
 
-// The devices of the vendor, in order. The references belong to `list`, which the caller frees.
-std::vector<Found> List(libusb_context* pContext, libusb_device*** plist)
+// Empty where the system has no such place.
+Plugs PluggedDevices()
+{
+    Plugs plugs;
+    const std::string sFolder = "/sys/bus/usb/devices/";
+    const std::unique_ptr<DIR, decltype(&closedir)> folder(opendir(sFolder.c_str()), closedir);
+    while (const dirent* const p = folder ? readdir(folder.get()) : nullptr) {
+        const std::string sName = p->d_name;
+        if (sName[0] == '.' || sName.find(':') != std::string::npos)  // the others are interfaces
+            continue;
+        Plug plug{ 0, uint64_t(p->d_ino) };
+        if (FILE* f = std::fopen((sFolder + sName + "/devnum").c_str(), "re")) {
+            if (std::fscanf(f, "%d", &plug.iAddress) != 1)
+                plug.iAddress = 0;
+            std::fclose(f);
+        }
+        plugs.emplace(sName, plug);
+    }
+    return plugs;
+}
+
+std::vector<uint8_t> PortsOf(libusb_device* p)
+{
+    std::vector<uint8_t> ports(8);
+    ports.resize(size_t(std::max(0, libusb_get_port_numbers(p, ports.data(), int(ports.size())))));
+    return ports;
+}
+
+std::string PortPath(const std::vector<uint8_t>& ports)
+{
+    std::string s;
+    for (const uint8_t bPort : ports)
+        s += (s.empty() ? "" : ".") + std::to_string(bPort);
+    return s;
+}
+
+// The same plug of the same device, though perhaps seen through another context.
+bool IsSame(const Found& a, const Found& b)
+{
+    return a.info.bBus == b.info.bBus && a.ports == b.ports && a.info.bAddress == b.info.bAddress && a.uFile == b.uFile &&
+           (a.uFile != 0 || a.device == b.device) && std::memcmp(&a.descriptor, &b.descriptor, sizeof a.descriptor) == 0;
+}
+
+// Brings m_found up to date, without libusb where nothing was plugged or pulled since the last time. A context hears of
+// changes from udevd, later than the system shows them, and never where that does not run (containers). One that no device
+// uses makes room for a new one then, which looks for itself.
+void CHost::Look()
+{
+    Plugs plugs = PluggedDevices();
+    if (m_pContext && !plugs.empty() && plugs == m_plugs)
+        return;
+    m_plugs.clear();
+    if (!plugs.empty() && m_devices.empty())
+        DropContext();
+    const NoSignals noSignals;  // libusb starts a thread
+    if (!m_pContext && libusb_init(&m_pContext) != LIBUSB_SUCCESS) {
+        m_pContext = nullptr;
+        m_found.clear();
+        return;
+    }
+    List(std::move(plugs));
+}
+
+void CHost::List(Plugs plugs)
 {
     std::vector<Found> found;
-    const ssize_t n = libusb_get_device_list(pContext, plist);
+    Plugs listed;
+    libusb_device** pList = nullptr;
+    const ssize_t n = libusb_get_device_list(m_pContext, &pList);
+    const std::unique_ptr<libusb_device*, void (*)(libusb_device**)> list(
+        pList, [](libusb_device** p) { libusb_free_device_list(p, 1); });
     for (ssize_t i = 0; i < n; ++i) {
-        libusb_device* p = (*plist)[i];
-        libusb_device_descriptor d;
-        if (libusb_get_device_descriptor(p, &d) != LIBUSB_SUCCESS || d.idVendor != VENDOR_ID)
-            continue;
+        libusb_device* const pDevice = pList[i];
         Found f;
-        f.pDevice = p;
-        f.ports.resize(8);
-        f.ports.resize(size_t(std::max(0, libusb_get_port_numbers(p, f.ports.data(), int(f.ports.size())))));
-        for (const uint8_t bPort : f.ports) {
-            if (!f.info.sPortPath.empty())
-                f.info.sPortPath += '.';
-            f.info.sPortPath += std::to_string(bPort);
-        }
-        f.info.wVendorId = d.idVendor;
-        f.info.wProductId = d.idProduct;
-        f.info.bBus = libusb_get_bus_number(p);
-        f.info.bAddress = libusb_get_device_address(p);
-        f.info.sPath = std::to_string(f.info.bBus) + "-" + f.info.sPortPath + "@" + std::to_string(f.info.bAddress);
-        f.info.speed = FromSpeed(libusb_get_device_speed(p));
+        f.ports = PortsOf(pDevice);
+        f.info.sPortPath = PortPath(f.ports);
+        f.info.bBus = libusb_get_bus_number(pDevice);
+        f.info.bAddress = libusb_get_device_address(pDevice);
+        const std::string sBus = std::to_string(f.info.bBus);
+        const std::string sName = f.ports.empty() ? "usb" + sBus : sBus + "-" + f.info.sPortPath;
+        const auto plug = plugs.find(sName);
+        f.uFile = plug == plugs.end() ? 0 : plug->second.uFile;
+        listed[sName] = { f.info.bAddress, f.uFile };
+        if (libusb_get_device_descriptor(pDevice, &f.descriptor) != LIBUSB_SUCCESS || f.descriptor.idVendor != VENDOR_ID)
+            continue;
+        f.device.reset(libusb_ref_device(pDevice));
+        f.info.wVendorId = f.descriptor.idVendor;
+        f.info.wProductId = f.descriptor.idProduct;
+        f.info.speed = FromSpeed(libusb_get_device_speed(pDevice));
+        const auto old = std::find_if(m_found.begin(), m_found.end(), [&](const Found& o) { return IsSame(o, f); });
+        f.info.sPath = old != m_found.end()
+                           ? old->info.sPath
+                           : sName + "@" + std::to_string(f.info.bAddress) + "#" + std::to_string(++m_uPlugs);
         found.push_back(std::move(f));
     }
     // Compared as numbers: socket 10 comes after socket 9. The address only decides where a host tells no ports.
     std::sort(found.begin(), found.end(), [](const Found& a, const Found& b) {
         return std::tie(a.info.bBus, a.ports, a.info.bAddress) < std::tie(b.info.bBus, b.ports, b.info.bAddress);
     });
-    return found;
+    m_found = std::move(found);
+    // Kept only if libusb saw all that is there: it passes over a device whose descriptors cannot be read at the moment.
+    if (listed == plugs)
+        m_plugs = std::move(plugs);
 }
 
-void FreeList(libusb_device** list)
+const Found* CHost::Find(const std::string& sPath) const
 {
-    if (list)
-        libusb_free_device_list(list, 1);
+    const auto it = std::find_if(m_found.begin(), m_found.end(),
+                                 [&](const Found& f) { return f.device && f.info.sPath == sPath; });
+    return it == m_found.end() ? nullptr : &*it;
+}
+
+// What was found stays known by its name, to be recognised.
+void CHost::DropContext()
+{
+    for (Found& f : m_found)
+        f.device.reset();
+    m_plugs.clear();
+    if (m_pContext)
+        libusb_exit(m_pContext);
+    m_pContext = nullptr;
+}
+
+void CHost::Forget()
+{
+    // Somebody who has a device or the lock keeps it all; the process ends then, or the library goes under open cameras.
+    const std::unique_lock lock(m_csOpen, std::try_to_lock);
+    if (lock && m_devices.empty())
+        DropContext();
+}
+
+void CHost::BeforeFork()
+{
+    m_csOpen.lock();
+    if (m_devices.empty())
+        DropContext();
 }
 
 std::vector<DeviceInfo> CHost::Enumerate()
 {
     const std::lock_guard lock(m_csOpen);
+    Look();
     std::vector<DeviceInfo> v;
-    if (!AcquireContext())
-        return v;
-    libusb_device** list = nullptr;
-    for (Found& f : List(m_pContext, &list))
-        v.push_back(std::move(f.info));
-    FreeList(list);
-    ReleaseContext();
+    for (const Found& f : m_found)
+        v.push_back(f.info);
     return v;
 }
 
 SharedDevice* CHost::Open(const std::string& sPath, Status* pStatus)
 {
     const std::lock_guard lock(m_csOpen);
-    *pStatus = Status::Failed;
-    if (!AcquireContext())
+    const Found* pFound = Find(sPath);
+    if (!pFound) {
+        Look();
+        pFound = Find(sPath);
+    }
+    if (!pFound) {
+        *pStatus = m_pContext ? Status::Gone : Status::Failed;
         return nullptr;
-    libusb_device** list = nullptr;
-    libusb_device* pFound = nullptr;
-    for (const Found& f : List(m_pContext, &list))
-        if (f.info.sPath == sPath)
-            pFound = libusb_ref_device(f.pDevice);
-    FreeList(list);
-
-    SharedDevice* pResult = nullptr;
-    if (!pFound)
-        *pStatus = Status::Gone;
+    }
+    libusb_device* const pDevice = pFound->device.get();
     for (SharedDevice* p : m_devices)
-        if (pFound && p->pDevice == pFound && !p->bGone)
-            pResult = p;
-    if (pResult) {
-        libusb_unref_device(pFound);
-        ReleaseContext();
-        ++pResult->iHandles;
-        *pStatus = Status::Ok;
-        return pResult;
-    }
+        if (p->pDevice == pDevice && !p->bGone) {
+            ++p->iHandles;
+            *pStatus = Status::Ok;
+            return p;
+        }
 
-    libusb_device_handle* pHandle = nullptr;
-    int r = pFound ? libusb_open(pFound, &pHandle) : LIBUSB_ERROR_NO_DEVICE;
-    if (r == LIBUSB_SUCCESS && m_devices.empty() && !StartThread())
-        r = LIBUSB_ERROR_OTHER;
-    if (r == LIBUSB_SUCCESS) {
-        pResult = new SharedDevice;
-        pResult->pDevice = pFound;
-        pResult->pHandle = pHandle;
-        pResult->iHandles = 1;
-        const std::lock_guard lockQueues(m_cs);
-        m_devices.push_back(pResult);
-    } else {
-        if (pHandle)
-            libusb_close(pHandle);
-        if (pFound)
-            libusb_unref_device(pFound);
-        ReleaseContext();
-    }
-    *pStatus = FromError(r);
-    return pResult;
+    // All memory first: nothing may fail once it is open.
+    auto p = std::make_unique<SharedDevice>();
+    std::list<SharedDevice*> entry(1, p.get());
+    *pStatus = FromError(libusb_open(pDevice, &p->pHandle));
+    if (*pStatus != Status::Ok)
+        return nullptr;
+    p->pDevice = libusb_ref_device(pDevice);
+    p->iHandles = 1;
+    const std::lock_guard lockQueues(m_cs);
+    m_devices.splice(m_devices.end(), entry);
+    return p.release();
 }
 
 // The interface is not claimed at once: a program that only looks which cameras there are would keep another one from
@@ -353,6 +457,8 @@ Status CHost::Claim(SharedDevice& d)
     if (d.bClaimed)
         return Status::Ok;
     const std::lock_guard lock(m_csOpen);
+    if (!m_bThread && !StartThread())
+        return Status::Failed;
     if (!d.bClaimed) {
         libusb_set_auto_detach_kernel_driver(d.pHandle, 1);  // not every system has such a thing
         const Status status = FromError(libusb_claim_interface(d.pHandle, INTERFACE));
@@ -381,9 +487,8 @@ void CHost::Close(SharedDevice* p, const IDevice* pOwner)
     libusb_close(p->pHandle);
     libusb_unref_device(p->pDevice);
     delete p;
-    if (m_devices.empty())
+    if (m_devices.empty() && m_bThread)
         StopThread();
-    ReleaseContext();
 }
 
 // --- the event thread -----------------------------------------------------------------------------------------------
@@ -403,22 +508,26 @@ uint64_t MemoryLimit()
     return uint64_t{ lMiB } << 20;
 }
 
+// Started by the first request, not by opening: whoever only looks at what is known of a device needs none.
+bool CHost::EnsureThread()
+{
+    if (m_bThread)
+        return true;
+    const std::lock_guard lock(m_csOpen);
+    return m_bThread || StartThread();
+}
+
 bool CHost::StartThread()
 {
     m_bStop = false;
     m_lLimit = MemoryLimit();
-    // Signals of the host are the business of the host's threads.
-    sigset_t all, old;
-    sigfillset(&all);
-    pthread_sigmask(SIG_SETMASK, &all, &old);
-    bool bStarted = true;
+    const NoSignals noSignals;
     try {
         m_thread = std::thread([this] { Run(); });
+        m_bThread = true;
     } catch (const std::system_error&) {
-        bStarted = false;
     }
-    pthread_sigmask(SIG_SETMASK, &old, nullptr);
-    return bStarted;
+    return m_bThread;
 }
 
 void CHost::StopThread()
@@ -430,6 +539,7 @@ void CHost::StopThread()
     }
     Wake();
     m_thread.join();
+    m_bThread = false;
 }
 
 // The only place that handles events: libusb's synchronous transfers, which would do it too, are not used, so that
@@ -723,7 +833,7 @@ Status CHost::Control(SharedDevice& d, const IDevice* pOwner, const uint8_t* pSe
 {
     if (d.bGone)
         return Status::Gone;
-    if (wLength > MAX_CONTROL)
+    if (wLength > MAX_CONTROL || !EnsureThread())
         return Status::Failed;
     const bool bIn = (pSetup[0] & LIBUSB_ENDPOINT_IN) != 0;
     std::array<uint8_t, LIBUSB_CONTROL_SETUP_SIZE + MAX_CONTROL> buffer;
@@ -862,14 +972,15 @@ std::vector<uint8_t> ConfigDescriptor(libusb_device* p, uint8_t bIndex)
 
 class CDevice : public IDevice {
 public:
-    CDevice(CHost* pHost, SharedDevice* pDevice) : m_pHost(pHost), m_p(pDevice) {}
+    // On failure *pStatus tells why, and there is nothing to call but the destructor.
+    CDevice(CHost* pHost, const std::string& sPath, Status* pStatus) : m_pHost(pHost), m_p(pHost->Open(sPath, pStatus)) {}
     CDevice(const CDevice&) = delete;
     CDevice& operator=(const CDevice&) = delete;
 
     // In a forked child nothing is released: the device belongs to the parent, and closing would take it away.
     ~CDevice() override
     {
-        if (!Foreign())
+        if (m_p && !Foreign())
             m_pHost->Close(m_p, this);
     }
 
@@ -971,9 +1082,8 @@ public:
     std::vector<DeviceInfo> Enumerate() override { return CHost::Current()->Enumerate(); }
     IDevice* Open(const std::string& sPath, Status* pStatus) override
     {
-        CHost* const pHost = CHost::Current();
-        SharedDevice* const p = pHost->Open(sPath, pStatus);
-        return p ? new CDevice(pHost, p) : nullptr;
+        auto p = std::make_unique<CDevice>(CHost::Current(), sPath, pStatus);
+        return *pStatus == Status::Ok ? p.release() : nullptr;
     }
 };
 
@@ -984,5 +1094,18 @@ IStack& LibusbStack()
     static CLibusbStack& stack = *new CLibusbStack;  // never destroyed: see CHost::Current
     return stack;
 }
+
+void ForgetLibusb()
+{
+    if (CHost* const p = g_pHost)
+        p->Forget();
+}
+
+namespace {
+// When the library is unloaded libusb goes with it, and its thread must have ended.
+const struct AtUnload {
+    ~AtUnload() { ForgetLibusb(); }
+} g_atUnload;
+}  // namespace
 
 }  // namespace usbstack
