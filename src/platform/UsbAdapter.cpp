@@ -2,18 +2,19 @@
 
 #include <algorithm>
 #include <atomic>
+#include <bitset>
 #include <chrono>
 #include <condition_variable>
 #include <cstring>
 #include <deque>
 #include <memory>
 #include <mutex>
+#include <new>
 #include <optional>
 #include <shared_mutex>
 #include <system_error>
 #include <thread>
 #include <unordered_map>
-#include <unordered_set>
 
 #include "platform/DescriptorCache.h"
 #include "platform/InterfaceGuids.h"
@@ -112,7 +113,7 @@ public:
     void Shutdown()
     {
         m_bClosed = true;
-        std::unordered_set<uint8_t> endpoints;
+        std::bitset<256> endpoints;
         {
             const std::lock_guard l(m_mutex);
             endpoints = m_endpoints;
@@ -120,9 +121,9 @@ public:
         {
             const std::shared_lock use(m_useMutex);
             AbortControl();
-            for (const uint8_t ep : endpoints)
-                if (m_pStack)
-                    m_pStack->Abort(ep);
+            for (size_t ep = 0; ep < endpoints.size(); ++ep)
+                if (m_pStack && endpoints[ep])
+                    m_pStack->Abort(uint8_t(ep));
         }
         std::thread control;
         {
@@ -197,7 +198,7 @@ private:
     std::mutex m_mutex;
     std::condition_variable m_done;
     std::unordered_map<Overlapped*, std::shared_ptr<Request>> m_slots;  // the newest request of each slot
-    std::unordered_set<uint8_t> m_endpoints;                            // that ever had a bulk request
+    std::bitset<256> m_endpoints;                                       // that ever had a bulk request
 
     // Control requests are run one after another by a thread of the device, so that the caller can give up on one that
     // the camera does not answer. Started by the first.
@@ -360,7 +361,7 @@ bool CDevice::Begin(uint32_t dwCode, void* pIn, uint32_t dwIn, void* pOut, uint3
         const std::lock_guard l(m_mutex);
         m_slots[pOverlapped] = r;
         if (!r->bControl)
-            m_endpoints.insert(pRecord->bEndpointAddress);
+            m_endpoints.set(pRecord->bEndpointAddress);
     }
     if (r->bControl) {
         if (!StartControl(r))
@@ -373,7 +374,11 @@ bool CDevice::Begin(uint32_t dwCode, void* pIn, uint32_t dwIn, void* pOut, uint3
     r->bulk.OnComplete = &CDevice::OnBulk;
     r->bulk.pContext = r.get();
     r->self = r;
-    const Status status = m_pStack->SubmitBulk(&r->bulk);
+    Status status = Status::NoMemory;
+    try {
+        status = m_pStack->SubmitBulk(&r->bulk);
+    } catch (const std::bad_alloc&) {
+    }
     if (status != Status::Ok) {
         r->self.reset();
         const ErrorRow& e = ErrorOf(status);

@@ -16,7 +16,6 @@
 #include <condition_variable>
 #include <cstdio>
 #include <cstring>
-#include <deque>
 #include <list>
 #include <map>
 #include <memory>
@@ -24,6 +23,7 @@
 #include <system_error>
 #include <thread>
 #include <tuple>
+#include <utility>
 
 #include "base/Attempt.h"
 #include "base/Log.h"
@@ -90,6 +90,7 @@ struct Xfer {
     BulkRequest* pRequest = nullptr;
     libusb_transfer* pTransfer = nullptr;
     uint64_t lSequence = 0;
+    bool bCancel = false;  // to be cancelled by whoever sees it
     Status status = Status::Ok;
     uint32_t dwBytes = 0;
     std::chrono::steady_clock::time_point refused{};  // first for lack of memory while nothing of ours was in flight
@@ -101,9 +102,10 @@ struct Xfer {
 // Requests of one endpoint, oldest first. They start in this order, and those of one handle are delivered in it, in
 // whatever order cancelled ones come back.
 struct Pipe {
-    std::deque<std::unique_ptr<Xfer>> queue;
+    std::list<std::unique_ptr<Xfer>> queue;
     uint64_t lFlying = 0;  // cost of those with the kernel
     int iHold = 0;         // > 0: new requests wait, somebody resets the pipe
+    bool bFull = false;    // Pump's own: passed over for the rest of the round
 
     Xfer* FirstParked() const
     {
@@ -121,12 +123,13 @@ struct Pipe {
                 return it->get();
         return nullptr;
     }
-    std::unique_ptr<Xfer> Take(const Xfer* pXfer)
+    // As a node, so that the event thread moves it without allocating.
+    std::list<std::unique_ptr<Xfer>> Take(const Xfer* pXfer)
     {
-        const auto it = std::find_if(queue.begin(), queue.end(), [&](const auto& p) { return p.get() == pXfer; });
-        std::unique_ptr<Xfer> p = std::move(*it);
-        queue.erase(it);
-        return p;
+        std::list<std::unique_ptr<Xfer>> taken;
+        taken.splice(taken.end(), queue,
+                     std::find_if(queue.begin(), queue.end(), [&](const auto& p) { return p.get() == pXfer; }));
+        return taken;
     }
 };
 
@@ -151,7 +154,7 @@ struct SharedDevice {
     std::array<Pipe, PIPES> pipes;     // from here on guarded by m_cs
     int iCancelling = 0;
     std::list<ControlWait*> controls;
-    std::vector<std::unique_ptr<Xfer>> graveyard;  // delivered, but a canceller may still name them
+    std::list<std::unique_ptr<Xfer>> graveyard;  // delivered, but a canceller may still name them
 
     Pipe& At(uint8_t bEndpoint) { return pipes[(bEndpoint & 15u) | (bEndpoint & 0x80u) >> 3]; }
 };
@@ -274,7 +277,7 @@ Plugs PluggedDevices()
 {
     Plugs plugs;
     const std::string sFolder = "/sys/bus/usb/devices/";
-    const std::unique_ptr<DIR, decltype(&closedir)> folder(opendir(sFolder.c_str()), closedir);
+    const std::unique_ptr<DIR, void (*)(DIR*)> folder(opendir(sFolder.c_str()), [](DIR* p) { closedir(p); });
     while (const dirent* const p = folder ? readdir(folder.get()) : nullptr) {
         const std::string sName = p->d_name;
         if (sName[0] == '.' || sName.find(':') != std::string::npos)  // the others are interfaces
@@ -523,7 +526,7 @@ bool CHost::StartThread()
     m_lLimit = MemoryLimit();
     const NoSignals noSignals;
     try {
-        m_thread = std::thread([this] { Run(); });
+        m_thread = std::thread([this] { Attempt("USB events", [this] { Run(); }); });
         m_bThread = true;
     } catch (const std::system_error&) {
     }
@@ -556,7 +559,7 @@ void CHost::Run()
         lock.unlock();
         const int r = libusb_handle_events_timeout_completed(m_pContext, &tv, nullptr);
         lock.lock();
-        Attempt("starting a request", [this] { Pump(); });  // the next turn tries again
+        Pump();
         Deliver(lock);
         if (r != LIBUSB_SUCCESS && r != LIBUSB_ERROR_INTERRUPTED && !m_bStop)
             m_cvDone.wait_for(lock, RETRY);  // do not spin on an error that stays
@@ -613,13 +616,14 @@ bool CHost::CannotFit(Xfer& x) const
 // large requests would starve beside one with small ones.
 void CHost::Pump()
 {
-    std::vector<const Pipe*> full;
+    for (SharedDevice* d : m_devices)
+        for (Pipe& p : d->pipes)
+            p.bFull = false;
     while (m_iParked != 0) {
         Pipe* pNext = nullptr;
         for (SharedDevice* d : m_devices)
             for (Pipe& p : d->pipes)
-                if (p.iHold == 0 && p.FirstParked() && std::find(full.begin(), full.end(), &p) == full.end() &&
-                    (!pNext || p.lFlying < pNext->lFlying))
+                if (p.iHold == 0 && !p.bFull && p.FirstParked() && (!pNext || p.lFlying < pNext->lFlying))
                     pNext = &p;
         if (!pNext)
             return;
@@ -635,7 +639,7 @@ void CHost::Pump()
             if (CannotFit(x))
                 End(x, Status::NoMemory);
             else
-                full.push_back(pNext);
+                pNext->bFull = true;
         }
     }
 }
@@ -650,12 +654,13 @@ void CHost::Deliver(UniqueLock& lock)
             bool bAny = false;
             while (Xfer* x = p.FirstDeliverable()) {
                 lock.unlock();
+                // What it throws must not pass through libusb.
                 Attempt("completing a request", [x] { x->pRequest->OnComplete(x->pRequest, x->status, x->dwBytes); });
                 lock.lock();
                 --m_iEnded;
-                std::unique_ptr<Xfer> done = p.Take(x);
-                if (d->iCancelling != 0 && !Attempt("burying a request", [&] { d->graveyard.push_back(std::move(done)); }))
-                    static_cast<void>(done.release());  // a canceller may still name it
+                auto done = p.Take(x);
+                if (d->iCancelling != 0)
+                    d->graveyard.splice(d->graveyard.end(), done);
                 bAny = true;
             }
             if (bAny)
@@ -698,27 +703,34 @@ void CHost::Cancel(UniqueLock& lock, SharedDevice& d, const Pipe* pPipe, const I
 {
     const uint64_t lEnd = m_lSequence;
     const auto chosen = [&](const Xfer& x) { return x.lSequence < lEnd && (!pOwner || x.pOwner == pOwner); };
-    // The last first: data that still come in then fill the oldest requests, in order. The lock is let go, since every
-    // cancellation may wait for the host controller, and other cameras need the event thread.
-    std::vector<libusb_transfer*> flying;
     for (Pipe& p : d.pipes) {
         if (pPipe && pPipe != &p)
             continue;
-        for (auto it = p.queue.rbegin(); it != p.queue.rend(); ++it) {
-            Xfer& x = **it;
-            if (!chosen(x))
+        for (const auto& x : p.queue) {
+            if (!chosen(*x))
                 continue;
-            if (x.state == Xfer::State::Flying)
-                flying.push_back(x.pTransfer);
-            else if (x.state == Xfer::State::Parked)
-                End(x, Status::Cancelled);
+            if (x->state == Xfer::State::Flying)
+                x->bCancel = true;
+            else if (x->state == Xfer::State::Parked)
+                End(*x, Status::Cancelled);
         }
     }
+    // The last first: data that still come in then fill the oldest requests, in order. The lock is let go, since every
+    // cancellation may wait for the host controller, and other cameras need the event thread. No list of them is made: an
+    // abort must come through without memory.
+    const auto next = [&]() -> Xfer* {
+        for (Pipe& p : d.pipes)
+            for (auto it = p.queue.rbegin(); it != p.queue.rend(); ++it)
+                if (std::exchange((*it)->bCancel, false))
+                    return it->get();
+        return nullptr;
+    };
     ++d.iCancelling;
-    lock.unlock();
-    for (libusb_transfer* p : flying)
-        libusb_cancel_transfer(p);
-    lock.lock();
+    while (Xfer* const x = next()) {
+        lock.unlock();
+        libusb_cancel_transfer(x->pTransfer);
+        lock.lock();
+    }
     m_cvDone.wait(lock, [&] {
         for (const Pipe& p : d.pipes)
             if ((!pPipe || pPipe == &p) &&
@@ -736,7 +748,9 @@ Status CHost::Submit(SharedDevice& d, const IDevice* pOwner, BulkRequest* pReque
         return Status::Gone;
     if (pRequest->dwLength > uint32_t{ INT32_MAX })
         return Status::Failed;
-    auto x = std::make_unique<Xfer>();
+    std::list<std::unique_ptr<Xfer>> entry;  // all memory before it starts
+    entry.push_back(std::make_unique<Xfer>());
+    Xfer* const x = entry.front().get();
     x->pDevice = &d;
     x->pOwner = pOwner;
     x->pRequest = pRequest;
@@ -744,11 +758,11 @@ Status CHost::Submit(SharedDevice& d, const IDevice* pOwner, BulkRequest* pReque
     if (!x->pTransfer)
         return Status::NoMemory;
     libusb_fill_bulk_transfer(x->pTransfer, d.pHandle, pRequest->bEndpoint, pRequest->pData, int(pRequest->dwLength),
-                              OnBulk, x.get(), 0);
+                              OnBulk, x, 0);
 
     const std::lock_guard lock(m_cs);
     Pipe& p = d.At(pRequest->bEndpoint);
-    pRequest->pStack = x.get();
+    pRequest->pStack = x;
     x->lSequence = m_lSequence++;
     bool bPark = p.iHold != 0 || m_iParked != 0;
     if (!bPark) {
@@ -757,7 +771,7 @@ Status CHost::Submit(SharedDevice& d, const IDevice* pOwner, BulkRequest* pReque
             return status;
         bPark = status == Status::NoMemory;
     }
-    p.queue.push_back(std::move(x));
+    p.queue.splice(p.queue.end(), entry);
     if (bPark) {
         if (m_iParked++ == 0)
             Wake();  // from here on the thread tries again by itself, too
@@ -887,19 +901,19 @@ Status CHost::Control(SharedDevice& d, const IDevice* pOwner, const uint8_t* pSe
 void CHost::AbortControl(SharedDevice& d, const IDevice* pOwner)
 {
     UniqueLock lock(m_cs);
-    std::vector<ControlWait*> waits;
-    for (ControlWait* w : d.controls)
-        if (w->pOwner == pOwner) {
-            w->bAbort = true;
-            ++w->iNamed;
-            waits.push_back(w);
-        }
-    lock.unlock();
-    for (const ControlWait* w : waits)
+    const auto next = [&]() -> ControlWait* {
+        for (ControlWait* w : d.controls)
+            if (w->pOwner == pOwner && !std::exchange(w->bAbort, true))
+                return w;
+        return nullptr;
+    };
+    while (ControlWait* const w = next()) {
+        ++w->iNamed;
+        lock.unlock();
         libusb_cancel_transfer(w->pTransfer);
-    lock.lock();
-    for (ControlWait* w : waits)
+        lock.lock();
         --w->iNamed;
+    }
     m_cvDone.notify_all();
 }
 
