@@ -192,6 +192,12 @@ says out 'USB 3 camera on a USB 2 link of 480'
 says out 'held by capture \(process 77\)'
 says out 'kill 77'
 says out 'usbfs_memory_mb'
+says out 'Pictures come'
+echo 1 >sys/module/usbcore/parameters/usbfs_memory_mb
+"$bin/kovcam" doctor --root "$dir" >out 2>err
+says out 'PROBLEM.*usbfs memory: 1 MiB'
+says out 'NO PICTURES COME'
+says out 'sudo tee /sys/module/usbcore/parameters/usbfs_memory_mb'
 
 [ "$failures" -eq 0 ] && echo "all well"
 [ "$failures" -eq 0 ]

@@ -26,6 +26,8 @@ constexpr const char* VENDOR = "0e5a";
 constexpr const char* RULE_FILE = "70-kovcamera2.rules";
 constexpr const char* RULE = R"(SUBSYSTEM=="usb", ENV{DEVTYPE}=="usb_device", ATTR{idVendor}=="0e5a", MODE="0660", GROUP="plugdev", TAG+="uaccess")";
 
+constexpr int REQUEST_MIB = 1;  // the largest single request of the library; the cameras on USB 2 get smaller ones
+
 using Severity = Finding::Severity;
 
 class Doctor {
@@ -192,6 +194,7 @@ private:
                 Add(Severity::Problem, "model", fmt::format("camera {}: a model that this library does not know", i), "update the library");
                 continue;
             }
+            m_onlyUsb2 = (i == 0 || m_onlyUsb2) && !info.IsUSB3Camera;
             m_frame = std::max(m_frame, int64_t{ info.MaxWidth } * info.MaxHeight * 2);
             if (m_largest.empty() || m_frame == int64_t{ info.MaxWidth } * info.MaxHeight * 2)
                 m_largest = info.Name;
@@ -225,8 +228,11 @@ private:
             return;
         }
         const int advice = std::max(64, need * 3);
-        Add(Severity::Note, "memory", fmt::format("usbfs memory: {} MiB for all USB cameras together; a full frame of {} needs {} MiB. Pictures come,\n"
-                                     "              but frames may be lost at full rate", have, who, need),
+        const bool never = have <= REQUEST_MIB && !m_onlyUsb2;
+        const std::string effect = never ? "A USB 3 camera is read\n              in pieces of 1 MiB, and none fits beside what the system needs for it: NO PICTURES COME"
+                                         : "Pictures come,\n              but frames may be lost at full rate";
+        Add(never ? Severity::Problem : Severity::Note, "memory",
+            fmt::format("usbfs memory: {} MiB for all USB cameras together; a full frame of {} needs {} MiB. {}", have, who, need, effect),
             fmt::format("echo {} | sudo tee /sys/module/usbcore/parameters/usbfs_memory_mb\n"
                         "              for ever: usbcore.usbfs_memory_mb={} on the kernel's command line", advice, advice));
     }
@@ -270,7 +276,8 @@ private:
     bool m_fake, m_open, m_rule = true;
     std::vector<Device> m_devices;
     std::vector<Finding> m_findings;
-    int64_t m_frame = 0;
+    int64_t m_frame = 0;       // bytes, of the largest camera at hand; 0: none was seen
+    bool m_onlyUsb2 = false;   // all cameras seen are on USB 2 bridges
     std::string m_largest;
 };
 
