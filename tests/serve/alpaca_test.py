@@ -35,6 +35,7 @@ class AlpacaTest(unittest.TestCase):
     def setUpClass(cls):
         # Every pixel names itself, and no noise: a part is a part of the whole.
         cls.s = Server("KyaniteCol_C,QuartzMono", "--scene", "pattern", "--noise", "0", "--hot", "0")
+        cls.s.wait(lambda: "temperature" in cls.s.json("/api/cameras/0/state")["state"], "the cooled camera has measured")
 
     @classmethod
     def tearDownClass(cls):
@@ -115,7 +116,9 @@ class AlpacaTest(unittest.TestCase):
         whole = self.image()
         self.assertEqual(whole.shape, (HEIGHT, WIDTH))
         self.assertEqual(whole.dtype, np.uint16)
-        np.testing.assert_array_equal(self.image("imagearrayvariant"), whole)
+        wide = self.image("imagearrayvariant")
+        self.assertEqual(wide.dtype, np.int32)
+        np.testing.assert_array_equal(wide, whole)
         # (bin, x, y, width, height): odd starts and sizes, and the last column, which the camera's own steps do not reach
         for b, x, y, w, h in ((1, 101, 51, 63, 37), (1, WIDTH - 3, HEIGHT - 5, 3, 5), (2, 33, 21, 51, 33), (3, WIDTH // 3 - 7, HEIGHT // 3 - 5, 7, 5)):
             with self.subTest(bin=b, x=x, y=y):
@@ -137,6 +140,11 @@ class AlpacaTest(unittest.TestCase):
         for name, value in (("BinX", 1), ("StartX", 11), ("StartY", 7), ("NumX", 40), ("NumY", 30), ("ReadoutMode", len(self.s.get("readoutmodes")) - 1)):
             self.s.set(name.lower(), **{name: value})
         self.assertEqual((self.s.get("sensortype"), self.s.get("maxadu")), (1, 255))
+        self.s.set("connected", 1, Connected="true")
+        self.s.set("readoutmode", 1, ReadoutMode=self.s.get("readoutmodes", 1).index("8 bit"))
+        self.expose(camera=1)
+        mono = self.image(camera=1)
+        self.assertEqual((mono.dtype, mono.shape, self.s.get("maxadu", 1)), (np.uint8, (1096, 1936), 255))
         self.expose()
         self.assertEqual(self.image().shape, (30, 40, 3))
         as_json = json.loads(self.s.alpaca("GET", "imagearray")[1])
@@ -158,6 +166,32 @@ class AlpacaTest(unittest.TestCase):
         self.expose(0.5)
         self.assertAlmostEqual(self.s.get("lastexposureduration"), 0.5, 3)
         self.assertRegex(self.s.get("lastexposurestarttime"), r"^\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}$")
+
+    def test_clients_connect_for_themselves(self):
+        self.assertIsNone(self.s.set("connected", Connected="true", ClientID=8))
+        self.assertIsNone(self.s.set("connected", Connected="false"))
+        self.assertFalse(self.s.get("connected"))
+        self.assertIsInstance(self.s.get("gain"), int)  # the camera is there while one is connected
+        self.assertIsNone(self.s.set("connected", Connected="false", ClientID=8))
+        self.assertEqual(self.s.get("gain"), NOT_CONNECTED)
+
+    def test_the_bayer_offset_is_that_of_red(self):
+        s = Server("KyaniteCol_C,LapisCol", "--scene", "colour:300000,0,0", "--noise", "0", "--hot", "0")
+        self.s, before = s, self.s
+        try:
+            for camera in (0, 1):
+                s.set("connected", camera, Connected="true")
+                # The page's flip is none of Alpaca's business.
+                self.assertEqual(s.put(f"/api/cameras/{camera}/control", {"type": 9, "value": 3})[0], 200)
+                for start in (0, 5):
+                    for name, value in (("StartX", start), ("StartY", start), ("NumX", 200), ("NumY", 100)):
+                        s.set(name.lower(), camera, **{name: value})
+                    self.expose(camera=camera)
+                    y, x = np.unravel_index(np.argmax(self.image(camera=camera)[50:52, 100:102]), (2, 2))
+                    self.assertEqual(((x + start) % 2, (y + start) % 2), (s.get("bayeroffsetx", camera), s.get("bayeroffsety", camera)))
+        finally:
+            self.s = before
+            s.close()
 
     def test_guiding_and_cooling(self):
         self.assertIsNone(self.s.set("pulseguide", Direction=0, Duration=300))
@@ -292,8 +326,9 @@ class AlpacaTest(unittest.TestCase):
         self.assertEqual(s.put("/api/cameras/1/region", {"x": 101, "y": 50, "width": 333, "height": 201, "bin": 1, "format": "raw8"})[0], 200)
         region = s.json("/api/cameras/1/state")["state"]["region"]
         self.assertEqual((region["width"], region["height"]), (328, 200))
-        r, jpeg = s.request("GET", "/api/cameras/1/picture.jpg?after=0&out=200&stretch=0,1,0.5")
-        self.assertEqual((r.headers["X-Frame-Size"], jpeg[:2]), ("328x200", b"\xff\xd8"))
+        picture = "/api/cameras/1/picture.jpg?after=0&out=200&stretch=0,1,0.5"
+        s.wait(lambda: s.request("GET", picture)[0].headers["X-Frame-Size"] == "328x200", "frames of the region come")
+        self.assertEqual(s.request("GET", picture)[1][:2], b"\xff\xd8")
         self.assertEqual(s.request("GET", "/api/cameras/1/picture.jpg?stretch=1,x")[0].status, 400)
         # A recording while somebody looks, then a series with files.
         self.assertEqual(s.put("/api/cameras/1/record", {"on": True, "name": "run"})[0], 200)
@@ -304,6 +339,8 @@ class AlpacaTest(unittest.TestCase):
         s.wait(lambda: len(s.json("/api/captures")) == 4, "three pictures and a recording are listed")
         names = [f for c in s.json("/api/captures") for f in c["files"]]
         self.assertEqual(sorted(names), sorted(["run.ser"] + [f"m 31-000{i}.{e}" for i in (1, 2, 3) for e in ("fits", "png")]))
+        for file, magic in (("fits", b"SIMPLE  ="), ("tiff", b"II*"), ("png", b"\x89PNG")):
+            self.assertEqual(s.request("GET", f"/api/cameras/1/frame.{file}")[1][:len(magic)], magic)
         _, fits = s.request("GET", "/api/captures/m%2031-0002.fits")
         self.assertTrue(fits.startswith(b"SIMPLE  =") and len(fits) % 2880 == 0)
         self.assertEqual(s.put("/api/cameras/1/exposure", {"seconds": 1, "name": "../x"})[0], 400)

@@ -495,10 +495,13 @@ void CameraEngine::AnswerRoll(uint64_t roll)
     Roll answer = Roll::NotOpen;
     if (m_device) {
         answer = m_device->Answers() ? Roll::Here : Roll::Doubtful;
+        const bool wasSilent = m_silentSince.has_value();
         if (answer == Roll::Here)
             m_silentSince.reset();
-        else if (!m_silentSince)
+        else if (!wasSilent)
             m_silentSince = Steady::now();
+        if (wasSilent != m_silentSince.has_value())
+            m_board.Modify([&](State& s) { s.problem = wasSilent ? "" : "the camera does not answer"; });
     }
     if (m_silentSince && Steady::now() - *m_silentSince > SILENCE) {
         OnTrouble("the camera does not answer any more");

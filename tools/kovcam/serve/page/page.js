@@ -273,7 +273,7 @@ function onState(s) {
   if (s.problem) tell(s.problem);
   $('phase').textContent = s.phase;
   $('phase').className = 'badge ' + s.phase;
-  $('rate').textContent = s.phase === 'live' ? `${s.framesPerSecond.toFixed(1)} frames/s${s.dropped ? `, ${s.dropped} dropped` : ''}` : '';
+  $('rate').textContent = s.phase === 'live' && s.framesPerSecond ? `${s.framesPerSecond.toFixed(1)} frames/s${s.dropped ? `, ${s.dropped} dropped` : ''}` : '';
   $('temperature').textContent = s.temperature === undefined ? '' : `${s.temperature.toFixed(1)} °C`;
   $('pause').textContent = s.phase === 'idle' ? 'Play' : 'Pause';
   $('expose').disabled = !!s.exposure || s.recording;
@@ -281,7 +281,7 @@ function onState(s) {
   $('record').textContent = s.recording ? 'Stop recording' : 'Record SER';
   $('record').classList.toggle('on', s.recording);
   const free = s.freeBytes === undefined ? '' : `${(s.freeBytes / 1e9).toFixed(1)} GB free`;
-  $('space').textContent = free + (s.recording ? '; ' : '') + (s.recording ? `${s.recordedFrames} frames, ${(s.recordedBytes / 1e6).toFixed(0)} MB` + (s.recordingLost ? `, ${s.recordingLost} lost: the disk is too slow` : '') : '');
+  $('space').textContent = free + (s.recording ? '; ' : '') + (s.recording ? `${s.recordedFrames} frames, ${(s.recordedBytes / 1e6).toFixed(0)} MB, ${s.dropped} dropped` + (s.recordingLost ? `, ${s.recordingLost} lost: the disk is too slow` : '') : '');
   if (first || $('format').options.length === 0) fillFormats();
   $('format').value = s.format;
   $('bin').value = s.region.bin;
