@@ -136,7 +136,7 @@ private:
     OnData m_data;
 };
 
-constexpr uint16_t QUARTZ_MONO = 0xC11B, QUARTZ_COL = 0xC11A, ONYX_COL = 0xC0FA, LAPIS_MONO_C = 0xC0CD;
+constexpr uint16_t QUARTZ_MONO = 0xC11B, QUARTZ_COL = 0xC11A, NEPHRITE_COL = 0xC0EA, LAPIS_MONO_C = 0xC0CD;
 constexpr uint8_t COOLER_DA = 178, DIGITAL_TEMP = 179, THERMISTOR = 199;
 enum class View { Flat, Pattern, Dark };
 
@@ -223,7 +223,7 @@ const Plant g_plants[] = {
              std::swap_ranges(p + 1000, p + n / 2 - 1000, p + n / 2);
      } },
     { "WindowMoved", "regions.content", View::Pattern, QUARTZ_MONO, [](Readout& r) { r.iX += r.iW < 1000 ? 16 : 0; r.iX = std::min(r.iX, 1936 - r.iW); } },
-    { "WrongBin", "bins.content", View::Pattern, ONYX_COL, [](Readout& r) {
+    { "WrongBin", "bins.content", View::Pattern, NEPHRITE_COL, [](Readout& r) {
          if (r.iBin > 1)
              r.iBin = 1, r.iW = r.iOutW, r.iH = r.iOutH;
      } },

@@ -241,15 +241,15 @@ void ComplyRunner::Cooler()
     }
     Set(CTRL_COOLER_ON, 0);
     const double coldest = now;
-    Add("cooler.works", "degrees cooled", coldest <= before - 2, before - coldest, 2, "C, at least", "is the cooler's supply plugged in? Else the temperature is not the sensor's");
+    Add("cooler.works", "degrees cooled", coldest <= before - 1, before - coldest, 1, "C, at least", "is the cooler's supply plugged in? Else the temperature is not the sensor's");
     Add("cooler.power", "power told while it cooled", power > 0, power, 1, "percent, at least", "the camera does not drive its cooler");
-    if (coldest > before - 2)
+    if (coldest > before - 1)
         return;
     for (const auto start = Clock::now(); Seconds(start) < (m_o.full ? 120 : 40) && now < coldest + 1;) {
         Pause(0.4);
         now = Now(CTRL_TEMPERATURE) / 10;
     }
-    Add("cooler.off", "degrees warmer once it is off", now >= coldest + 1 && Now(CTRL_COOL_POWER_PERC) == 0, now - coldest, 1, "C, at least",
+    Add("cooler.off", "degrees warmer once it is off", now >= coldest + 0.5 && Now(CTRL_COOL_POWER_PERC) == 0, now - coldest, 0.5, "C, at least",
         "the cooler goes on, or the temperature is not the sensor's");
 }
 
@@ -267,6 +267,8 @@ void ComplyRunner::UserId()
 {
     if (!m_o.writeId)
         return Skip("id.roundtrip", "writes into the camera's flash: only when asked for");
+    if (m_info.IsUSB3Camera == KOV_FALSE)
+        return Skip("id.roundtrip", "cameras of USB 2 have no flash for it");
     KOV_ID old{}, now{};
     const bool had = KOVGetID(m_id, &old) == KOV_SUCCESS;
     int wrong = 0;

@@ -98,20 +98,28 @@ double BlockMean(const FrameView& f, int x, int y, int side)
     return sum / side / side;
 }
 
-// How well a binned picture resembles the whole one, square by square.
+// How well the middle of a binned picture resembles that of the whole one, square by square. Sensors that bin by colour shift
+// their cells by some pixels, which is theirs to do.
 double Resemblance(const Shot& whole, const Shot& binned)
 {
-    const int side = whole.state.info.IsColorCam != KOV_FALSE ? 24 : 12, bin = binned.state.bin;  // whole cells of every bin
-    std::vector<double> a, b;
-    for (int y = 0; y + side / bin <= binned.state.height; y += side / bin)
-        for (int x = 0; x + side / bin <= binned.state.width; x += side / bin) {
-            const int wx = (binned.state.startX + x) * bin - whole.state.startX, wy = (binned.state.startY + y) * bin - whole.state.startY;
-            if (wx < 0 || wy < 0 || wx + side > whole.state.width || wy + side > whole.state.height)
-                continue;
-            a.push_back(BlockMean(whole.View(), wx, wy, side));
-            b.push_back(BlockMean(binned.View(), x, y, side / bin));
+    constexpr int SIDE = 24, REACH = 1200;  // whole cells of every bin; pixels of the sensor
+    const int bin = binned.state.bin, side = SIDE / bin;
+    const int x0 = std::max(0, binned.state.width - REACH / bin) / 2, y0 = std::max(0, binned.state.height - REACH / bin) / 2;
+    double best = -1;
+    for (int dy = -2 * bin; dy <= 2 * bin; dy += bin)
+        for (int dx = -2 * bin; dx <= 2 * bin; dx += bin) {
+            std::vector<double> a, b;
+            for (int y = y0; y + side <= binned.state.height - y0; y += side)
+                for (int x = x0; x + side <= binned.state.width - x0; x += side) {
+                    const int wx = (binned.state.startX + x) * bin - whole.state.startX + dx, wy = (binned.state.startY + y) * bin - whole.state.startY + dy;
+                    if (wx < 0 || wy < 0 || wx + SIDE > whole.state.width || wy + SIDE > whole.state.height)
+                        continue;
+                    a.push_back(BlockMean(whole.View(), wx, wy, SIDE));
+                    b.push_back(BlockMean(binned.View(), x, y, side));
+                }
+            best = std::max(best, Correlation(a, b));
         }
-    return Correlation(a, b);
+    return best;
 }
 
 // Means of the red, green, green and blue pixels by the cell order that the state tells.
@@ -241,16 +249,19 @@ void ComplyRunner::Bins()
             if (!Region(m_info.MaxWidth / bin / 8 * 8, m_info.MaxHeight / bin / 2 * 2, m_type, bin))
                 continue;
             const double alike = Resemblance(whole, Take());
+            if (std::strstr(m_info.Name, "Iolite") != nullptr || (std::strstr(m_info.Name, "Onyx") != nullptr && hard && bin == 3)) {
+                Add("bins.model", "likeness in bin " + std::to_string(bin) + ", which this model does not do", false, alike, 0.7, "at least, 1 is the same",
+                    "it shows a part of the unbinned frame on every camera of this model: leave this bin alone", Verdict::Warn);
+                continue;
+            }
             if (alike < 0.7)
                 names += std::string(hard ? " hardware " : " software ") + std::to_string(bin);
             worst = std::min(worst, alike);
         }
     }
     Set(CTRL_HARDWARE_BIN, 0);
-    const bool known = std::strstr(m_info.Name, "Iolite") != nullptr;
     Add("bins.content", "likeness of binned pictures and the whole one", worst > 0.7, worst, 0.7, "at least, 1 is the same",
-        known ? "this model's bin shows the beginning of the unbinned frame: leave it alone" : "the bin covers another part of the sensor, or the scene moved:" + names,
-        known ? Verdict::Warn : Verdict::Fail);
+        "the bin covers another part of the sensor, or the scene moved:" + names);
 }
 
 void ComplyRunner::Regions()
@@ -373,7 +384,7 @@ void ComplyRunner::Gain()
     Set(CTRL_GAIN, caps.MinValue);
     const auto unit = ElectronsPerSample(ReadCameraState(m_id));
     double last = 1, worst = 0, falls = 0, ratio = 1;
-    int at = caps.MinValue;
+    int at = caps.MinValue, measured = 0;
     for (int i = 1; i <= steps; ++i) {
         const int gain = caps.MinValue + reach * i / steps;
         Set(CTRL_GAIN, gain);
@@ -395,8 +406,11 @@ void ComplyRunner::Gain()
         }
         falls = std::max(falls, 1 - ratio / last);
         last = ratio;
+        ++measured;
     }
     Set(CTRL_GAIN, caps.MinValue);
+    if (measured == 0)
+        return Skip("gain.law", "the light is too uneven or too strong");
     if (unit)
         Add("gain.law", "deviation of the level from the gain's law, up to gain " + std::to_string(caps.MinValue + reach), worst < 0.08, 100 * worst, 8, "percent",
             "the gain is another than the model's; look at gain " + std::to_string(at));
