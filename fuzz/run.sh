@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
-# fuzz/run.sh [SECONDS] [NAME...]: fuzzes every parser of outside bytes, or the named ones, that many seconds each.
-# A parser that random bytes hardly ever get into begins with the files of fuzz/seeds/NAME.
-# What was found interesting is kept in fuzz/corpus/NAME, an input that fails in build/fuzz/NAME-crash-*.
+# fuzz/run.sh [SECONDS] [NAME...]: fuzzes every parser of outside bytes, or the named ones, that many seconds each. RUNS=N ends each
+# after N runs, whichever comes first. Each begins with the files of fuzz/seeds/NAME and takes words of fuzz/NAME.dict.
+# What was found interesting is kept in fuzz/corpus/NAME, an input that fails in build/fuzz/NAME-crash-*: mend it, and put the
+# input into fuzz/seeds/NAME, which the test suite runs.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 seconds=${1:-60}
@@ -27,23 +28,31 @@ if [ ${#names[@]} -eq 0 ]; then
         names+=("$(basename "$source" .cpp)")
     done
 fi
-read -ra libs <<<"$(pkg-config --libs libusb-1.0 sqlite3 libhwy libpng)"
+read -ra libs <<<"$(pkg-config --libs libusb-1.0 sqlite3 libhwy libpng fmt)"
 failed=()
+echo "$(date -u +%F) $(git rev-parse --short HEAD 2>/dev/null || true)"
+printf '%-20s %12s %10s %10s  %s\n' parser runs runs/s branches result
 for name in "${names[@]}"; do
-    clang++ -std=c++20 -g -O1 -fsanitize=fuzzer,$sanitizers -fno-sanitize-recover=undefined -Iinclude -Isrc -I. \
-        "fuzz/$name.cpp" -o "$build/$name" $build/virtual/libkovvirtual.a $build/src/libkovcore.a "${libs[@]}" -lpthread -ldl
+    more=()
+    [ "$name" = FuzzHttp ] && more=(tools/kovcam/serve/Http.cpp tools/common/Text.cpp -Itools)
+    clang++ -std=c++20 -g -O1 -w -fsanitize=fuzzer,$sanitizers -fno-sanitize-recover=undefined -Iinclude -Isrc -I. \
+        "fuzz/$name.cpp" "${more[@]}" -o "$build/$name" $build/virtual/libkovvirtual.a $build/src/libkovcore.a "${libs[@]}" -lpthread -ldl
     mkdir -p "fuzz/corpus/$name"
-    corpora=("fuzz/corpus/$name")
-    [ -d "fuzz/seeds/$name" ] && corpora+=("fuzz/seeds/$name")
-    printf '%s: ' "$name"
+    options=("fuzz/corpus/$name")
+    [ -d "fuzz/seeds/$name" ] && options+=("fuzz/seeds/$name")
+    [ -f "fuzz/$name.dict" ] && options+=("-dict=fuzz/$name.dict")
+    [ -n "${RUNS:-}" ] && options+=("-runs=$RUNS")
     # A hang counts as a failure too; leaks are looked for at the end.
-    if ! "$build/$name" "${corpora[@]}" -max_total_time="$seconds" -timeout=10 -rss_limit_mb=2048 \
-        -artifact_prefix="$build/$name-" -print_final_stats=0 -verbosity=0 >"$build/$name.log" 2>&1; then
-        echo "FAILED, see $build/$name.log"
+    result=clean
+    "$build/$name" "${options[@]}" -max_total_time="$seconds" -timeout=20 -rss_limit_mb=2048 \
+        -artifact_prefix="$build/$name-" -print_final_stats=1 >"$build/$name.log" 2>&1 || result=FAILED
+    runs=$(awk '/stat::number_of_executed_units/ { print $2 }' "$build/$name.log")
+    rate=$(awk '/stat::average_exec_per_sec/ { print $2 }' "$build/$name.log")
+    branches=$(grep -o 'cov: [0-9]*' "$build/$name.log" | tail -n 1 | cut -d' ' -f2)
+    printf '%-20s %12s %10s %10s  %s\n' "$name" "${runs:--}" "${rate:--}" "${branches:--}" "$result"
+    if [ $result = FAILED ]; then
         tail -n 25 "$build/$name.log"
         failed+=("$name")
-    else
-        echo "nothing found, $(find "fuzz/corpus/$name" -type f | wc -l) inputs kept"
     fi
 done
 [ ${#failed[@]} -eq 0 ] || { echo "failed: ${failed[*]}" >&2; exit 1; }

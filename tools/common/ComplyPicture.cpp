@@ -282,7 +282,7 @@ void ComplyRunner::Regions()
             continue;
         }
         const Shot part = Take();
-        const std::vector<double> same = Part(whole.View(), std::min(gotX, whole.state.width - w), std::min(gotY, whole.state.height - h), part.View());
+        const std::vector<double> same = Part(whole.View(), std::clamp(gotX - whole.state.startX, 0, whole.state.width - w), std::clamp(gotY - whole.state.startY, 0, whole.state.height - h), part.View());
         double mean = 0, variance = 0;
         for (const double v : same)
             mean += v / static_cast<double>(same.size());

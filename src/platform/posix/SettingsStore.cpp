@@ -106,7 +106,11 @@ void TellNotKept(const fs::path& path, const char* szReason)
                 path.c_str(), szReason);
 }
 
-bool IsDamage(int rc) { return (rc & 0xFF) == SQLITE_CORRUPT || (rc & 0xFF) == SQLITE_NOTADB; }
+// SQLITE_ERROR: statements that fit every file of ours do not fit its tables.
+bool IsDamage(int rc) { return (rc & 0xFF) == SQLITE_CORRUPT || (rc & 0xFF) == SQLITE_NOTADB || (rc & 0xFF) == SQLITE_ERROR; }
+
+constexpr const char* REPLACE = "INSERT INTO setting VALUES (?1, ?2, ?3, ?4) ON CONFLICT DO UPDATE "
+                                "SET type = ?3, bytes = ?4 WHERE type <> ?3 OR bytes <> ?4";
 
 // Read and write even for reading: a transaction that a killed process has left behind has to be rolled back. SQLite
 // falls back to reading only where the file is write-protected.
@@ -173,7 +177,10 @@ bool IsDamagedNow(const fs::path& path)
     if (rc != SQLITE_ROW)
         return IsDamage(rc);
     const auto* const szResult = reinterpret_cast<const char*>(sqlite3_column_text(s.get(), 0));
-    return szResult && std::strcmp(szResult, "ok") != 0;
+    if (szResult && std::strcmp(szResult, "ok") != 0)
+        return true;
+    const Statement table = Prepare(db, "SELECT 1 FROM sqlite_schema WHERE name = 'setting'");
+    return table && sqlite3_step(table.get()) == SQLITE_ROW && !Prepare(db, REPLACE);
 }
 
 // The file goes to settings-DATE-TIME.damaged, with its journal; the next save begins a new one. The lock on the folder
@@ -206,22 +213,24 @@ void PutAside(const fs::path& path)
 
 // --- the writer -------------------------------------------------------------------------------------------------------
 
-// Whether the rows are in the database. Rows that keep their contents are not written, so a save without a change costs no
+// SQLITE_OK, or why the rows are not in the database; later calls, even the end of a statement, make it forget that. Rows that keep their contents are not written, so a save without a change costs no
 // disk access.
-bool WriteRows(const Db& db, const Changes& changes, const std::set<std::string, NoCase>& unread)
+int WriteRows(const Db& db, const Changes& changes, const std::set<std::string, NoCase>& unread)
 {
     // IMMEDIATE: a second process waits here, where waiting is possible, and not in the middle.
+    const auto why = [&] { return sqlite3_errcode(db.get()); };
     if (!Execute(db, "BEGIN IMMEDIATE"))
-        return false;
+        return why();
     if (!Execute(db, "CREATE TABLE IF NOT EXISTS setting (key TEXT NOT NULL COLLATE NOCASE, "
                      "name TEXT NOT NULL COLLATE NOCASE, type INTEGER NOT NULL, bytes BLOB NOT NULL, "
                      "PRIMARY KEY (key, name)) WITHOUT ROWID"))
-        return false;
-    const Statement replace = Prepare(db, "INSERT INTO setting VALUES (?1, ?2, ?3, ?4) ON CONFLICT DO UPDATE "
-                                          "SET type = ?3, bytes = ?4 WHERE type <> ?3 OR bytes <> ?4");
+        return why();
+    const Statement replace = Prepare(db, REPLACE);
+    if (!replace)
+        return why();
     const Statement add = Prepare(db, "INSERT INTO setting VALUES (?1, ?2, ?3, ?4) ON CONFLICT DO NOTHING");
-    if (!replace || !add)
-        return false;
+    if (!add)
+        return why();
     for (const auto& [sKey, values] : changes) {
         const Statement& s = unread.contains(sKey) ? add : replace;
         for (const Value& v : values) {
@@ -232,13 +241,13 @@ bool WriteRows(const Db& db, const Changes& changes, const std::set<std::string,
                 sqlite3_bind_zeroblob(s.get(), 4, 0);
             else
                 sqlite3_bind_blob(s.get(), 4, v.abData.data(), static_cast<int>(v.abData.size()), SQLITE_TRANSIENT);
-            const bool bOk = sqlite3_step(s.get()) == SQLITE_DONE;
+            const int rc = sqlite3_step(s.get());
             sqlite3_reset(s.get());
-            if (!bOk)
-                return false;
+            if (rc != SQLITE_DONE)
+                return rc;
         }
     }
-    return Execute(db, "COMMIT");  // what was not committed is rolled back when the database closes
+    return Execute(db, "COMMIT") ? SQLITE_OK : why();  // what was not committed is rolled back when the database closes
 }
 
 void Save(const fs::path& path, const Changes& changes, const std::set<std::string, NoCase>& unread)
@@ -259,10 +268,11 @@ void Save(const fs::path& path, const Changes& changes, const std::set<std::stri
         Execute(db, "PRAGMA journal_mode = WAL");
         sqlite3_busy_timeout(db.get(), WRITE_BUSY_MS);
         Execute(db, "PRAGMA synchronous = NORMAL");
-        if (WriteRows(db, changes, unread))
+        const int rc = WriteRows(db, changes, unread);
+        if (rc == SQLITE_OK)
             return;
-        if (bLast || !IsDamage(sqlite3_errcode(db.get())))
-            return TellNotKept(path, sqlite3_errmsg(db.get()));
+        if (bLast || !IsDamage(rc))
+            return TellNotKept(path, sqlite3_errstr(rc));
         PutAside(path);
     }
 }

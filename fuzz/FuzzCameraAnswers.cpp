@@ -1,0 +1,85 @@
+// What a camera answers and sends, from the opening to a frame: registers, versions, temperature, ID and table from the flash,
+// and chunks of frames. Nothing may hang, crash or write behind the host's buffer. The clock runs fast, so waits are short.
+#include <algorithm>
+#include <cstdlib>
+#include <memory>
+
+#include "KOVCamera2.h"
+#include "platform/Platform.h"
+#include "platform/UsbAdapter.h"
+#include "tests/support/RecordingStack.h"
+
+namespace {
+
+constexpr uint16_t PRODUCTS[] = { 0xC11B, 0xC07A, 0xC0CD, 0xC02B };  // with marks of all forms; the third is cooled
+
+// The input again and again.
+class Bytes {
+public:
+    Bytes(const uint8_t* data, size_t size) : m_data(data), m_size(size) {}
+    uint8_t Next() { return m_size == 0 ? 0 : m_data[m_at++ % m_size]; }
+    bool Over() const { return m_at >= m_size; }
+
+private:
+    const uint8_t* m_data;
+    size_t m_size, m_at = 0;
+};
+
+// Of each chunk of a frame: kind of the length, of the marks, and one byte of the pixels.
+int64_t Chunk(Bytes& in, uint8_t* p, uint32_t n)
+{
+    if (in.Over())
+        return -1;
+    const uint8_t length = in.Next(), marks = in.Next();
+    const uint32_t size = length < 200 ? n : n * uint32_t{ length } / 255;
+    std::fill_n(p, size, in.Next());
+    if (size < 16)
+        return size;
+    static constexpr uint8_t heads[2][4] = { { 0x7E, 0x5A, 1, 0 }, { 0x11, 0xAA, 0, 0xBB } }, tails[2][4] = { { 1, 0, 0xF0, 0x3C }, { 0xBB, 0, 0xAA, 0x11 } };
+    if (marks & 1)
+        std::copy_n(heads[marks >> 1 & 1], 4, p);
+    if (marks & 4)
+        std::copy_n(tails[marks >> 1 & 1], 4, p + size - 4);
+    return size;
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
+{
+    if (size < 2 || size > 4096)
+        return 0;
+    static const bool once = [] {
+        setenv("XDG_CONFIG_HOME", "/nonexistent", 1);  // no settings from run to run
+        platform::SetClockRate(20000);
+        return true;
+    }();
+    (void)once;
+    RecordingStack stack;
+    FakeUsbDevice& device = stack.Add(PRODUCTS[data[0] % std::size(PRODUCTS)]);
+    Bytes answers(data + 1, size - 1), frames(data + 1, size - 1);
+    device.OnIn = [&](const RecordedRequest&, uint8_t* p, uint16_t n) { std::generate_n(p, n, [&] { return answers.Next(); }); };
+    device.OnBulk = [&](uint8_t* p, uint32_t n) { return Chunk(frames, p, n); };
+    platform::SetUsbStack(&stack);
+    if (KOVGetNumOfConnectedCameras() == 1 && KOVOpenCamera(0) == KOV_SUCCESS) {
+        int32_t value = 0;
+        KOV_BOOL automatic = KOV_FALSE;
+        KOV_ID id{};
+        KOVGetID(0, &id);
+        KOVGetControlValue(0, CTRL_TEMPERATURE, &value, &automatic);
+        KOVSetControlValue(0, CTRL_EXPOSURE, 1000, KOV_FALSE);
+        const bool wide = data[0] & 4;
+        if (KOVSetROIFormat(0, 64, 64, 1, wide ? IMG_RAW16 : IMG_RAW8) == KOV_SUCCESS && KOVStartVideoCapture(0) == KOV_SUCCESS) {
+            const size_t bytes = 64 * 64 * (wide ? 2 : 1);
+            const std::unique_ptr<uint8_t[]> image(new uint8_t[bytes]);
+            for (int i = 0; i < 6; ++i) {
+                device.Pump();
+                KOVGetVideoData(0, image.get(), static_cast<int32_t>(bytes), 5);
+            }
+            KOVStopVideoCapture(0);
+        }
+        KOVCloseCamera(0);
+    }
+    platform::SetUsbStack(nullptr);
+    return 0;
+}

@@ -1,0 +1,48 @@
+// A damaged settings database: it is read, or put aside, and afterwards values are kept again.
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <string>
+
+#include "platform/SettingsStore.h"
+
+namespace fs = std::filesystem;
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
+{
+    if (size > 65536)
+        return 0;
+    static const std::string home = [] {
+        std::string dir = (fs::temp_directory_path() / "kovfuzzXXXXXX").string();
+        if (mkdtemp(dir.data()) == nullptr)
+            std::abort();
+        setenv("XDG_CONFIG_HOME", dir.c_str(), 1);
+        return dir;
+    }();
+    const fs::path folder = fs::path(home) / "kovcamera2";
+    fs::remove_all(folder);
+    fs::create_directories(folder);
+    std::ofstream(folder / "settings.db", std::ios::binary).write(reinterpret_cast<const char*>(data), static_cast<std::streamsize>(size));
+    {
+        const auto key = platform::OpenSettings(L"SOFTWARE\\KOVQuartzCol");
+        uint8_t value[64];
+        for (const wchar_t* const name : { L"Gain", L"BMPPATH" }) {
+            uint32_t n = sizeof value;
+            if (key && key->Query(name, value, &n) == platform::STORE_OK && n > sizeof value)
+                std::abort();
+        }
+    }
+    const uint32_t told = 4711;
+    if (const auto key = platform::CreateSettings(L"SOFTWARE\\KOVQuartzCol"))
+        key->Set(L"Gain", platform::SETTING_DWORD, &told, sizeof told);
+    platform::FlushSettings();
+    const auto key = platform::OpenSettings(L"SOFTWARE\\KOVQuartzCol");
+    uint32_t now = 0, n = sizeof now;
+    if (!key || key->Query(L"Gain", &now, &n) != platform::STORE_OK || now != told)
+        std::abort();
+    return 0;
+}
