@@ -203,6 +203,11 @@ public:
     // One of each kind, in order: what a process allocates once is then there.
     void WarmUp()
     {
+        // The scene of a large sensor takes longer to render than a short video lasts at a fast rate.
+        m_Data.resize(size_t(m_W) * size_t(m_H));
+        KOVStartVideoCapture(m_iId);
+        Get(120000);
+        KOVStopVideoCapture(m_iId);
         Video(true, false);
         Snap();
         Lose();
