@@ -32,8 +32,8 @@ public:
             // A benchmark that takes its own time has its reasons.
             const double ms = r.run_name.time_type.empty() ? r.GetAdjustedCPUTime() : r.GetAdjustedRealTime();
             m_times[{ name.substr(b + 1), name.substr(0, a) }][name.substr(a + 1, b - a - 1)].push_back(ms);
-            if (!r.counters.empty())
-                ConsoleReporter::ReportRuns({ r });
+            for (const auto& [counter, value] : r.counters)
+                m_figures[name.substr(0, a)][name.substr(b + 1)][counter].push_back(value);
         }
     }
 
@@ -65,13 +65,32 @@ public:
         }
     }
 
+    // What single benchmarks tell besides their time, medians too.
+    void PrintFigures()
+    {
+        for (auto& [operation, rows] : m_figures) {
+            std::printf("\n%-18s", operation.c_str());
+            for (const auto& [counter, values] : rows.begin()->second)
+                std::printf(" %*s", Wide(counter), counter.c_str());
+            std::printf("\n");
+            for (auto& [row, counters] : rows) {
+                std::printf("%-18s", row.c_str());
+                for (auto& [counter, values] : counters)
+                    std::printf(" %*.3f", Wide(counter), Median(values));
+                std::printf("\n");
+            }
+        }
+    }
+
 private:
+    static int Wide(const std::string& counter) { return std::max(static_cast<int>(counter.size()), 9); }
     static double Median(std::vector<double>& v)
     {
         const auto middle = v.begin() + static_cast<ptrdiff_t>(v.size() / 2);
         std::nth_element(v.begin(), middle, v.end());
         return *middle;
     }
+    std::map<std::string, std::map<std::string, std::map<std::string, std::vector<double>>>> m_figures;
     using Times = std::map<std::string, std::vector<double>>;          // by whom -> ms
     std::map<std::pair<std::string, std::string>, Times> m_times;      // (size, operation)
 };
@@ -138,6 +157,7 @@ int main(int argc, char** argv)
     Ratios reporter;
     benchmark::RunSpecifiedBenchmarks(&reporter);
     reporter.PrintTable(chosen, pTsv);
+    reporter.PrintFigures();
     if (pTsv)
         std::fclose(pTsv);
     return 0;

@@ -267,7 +267,7 @@ bool CCameraBase::SaveHPCTable()
 bool CCameraBase::LoadHPCTable()
 {
     const auto n = static_cast<int32_t>(SensorPixels(*this) / 8);
-    std::vector<uint8_t> ab(static_cast<size_t>(n) + PAD);
+    std::vector<uint8_t> ab(BLOCK);  // until it tells that there is a table
     const FlashAccess access(*this);
     const auto read = [&](int32_t iBlock, int32_t iLength) {
         return ReadFromSPIFlash(ab.data() + iBlock * BLOCK, static_cast<uint32_t>(iLength), BlockAddress(iBlock), REQ_FLASH_READ);
@@ -278,6 +278,7 @@ bool CCameraBase::LoadHPCTable()
     const auto L = static_cast<int32_t>(uint32_t{ab[4]} << 24 | uint32_t{ab[5]} << 16 | uint32_t{ab[6]} << 8 | ab[7]);
     if (L > n)  // signed: a negative length passes, and is an empty table
         return false;
+    ab.resize(static_cast<size_t>(n) + PAD);
     TraceLine("LoadHPC: Compressed length: %d :\n", L);
 
     const int32_t iBlocks = L / BLOCK, iRest = L % BLOCK;
