@@ -48,18 +48,23 @@ bool WorkSamples(const FramePlan& m, size_t at, size_t n, T* out)
     return now != raw;
 }
 
-// The same. A table takes about as long as memory does, so the samples `ahead` of these are asked for meanwhile; what is done
-// sooner is better left to the machine's own prefetchers.
+// The same. A table takes about as long as memory does, so what the samples from place `next` on need is asked for meanwhile;
+// what is done sooner is better left to the machine's own prefetchers.
 template <class T>
-bool WorkRow(const FramePlan& m, size_t at, size_t n, T* out, const T* ahead)
+bool WorkRow(const FramePlan& m, size_t at, size_t n, T* out, size_t next)
 {
     constexpr size_t PIECE = 1024 / sizeof(T), LINE = 64 / sizeof(T);
-    if (!ahead || (!m.gamma8 && !m.gamma16))
+    if (!m.gamma8 && !m.gamma16)
         return WorkSamples(m, at, n, out);
     for (size_t i = 0; i < n; i += PIECE) {
         const size_t piece = std::min(PIECE, n - i);
-        for (size_t k = 0; k < piece; k += LINE)
-            hwy::Prefetch(ahead + i + k);
+        for (size_t k = i; k < i + piece; k += LINE) {
+            hwy::Prefetch(reinterpret_cast<const T*>(m.raw) + next + k);
+            if (m.dark) {
+                hwy::Prefetch(m.dark + next + k);
+                hwy::Prefetch(m.dark + next + k + LINE / 2);
+            }
+        }
         WorkSamples(m, at + i, piece, out + i);
     }
     return true;
@@ -167,9 +172,8 @@ private:
         if (m_plainRows)
             return RawRow(r);
         const size_t at = static_cast<size_t>(r) * m_rawWidth;
-        const int next = m.reverseRows ? r - 1 : r + 1;
-        const T* const ahead = next >= 0 && next < m.height * m.bin ? RawRow(next) : nullptr;
-        const T* row = WorkRow(m, at, m_rawWidth, out, ahead) ? out : RawRow(r);
+        const int next = std::clamp(m.reverseRows ? r - 1 : r + 1, 0, m.height * m.bin - 1);
+        const T* row = WorkRow(m, at, m_rawWidth, out, static_cast<size_t>(next) * m_rawWidth) ? out : RawRow(r);
         auto patch = std::lower_bound(m.patches.begin(), m.patches.end(), at,
                                       [](const Patch& p, size_t place) { return p.at < place; });
         if (patch == m.patches.end() || patch->at >= at + m_rawWidth)
