@@ -116,7 +116,7 @@ class PageTest(unittest.TestCase):
         self.until("$('starBox').open && $('starTable').querySelectorAll('tr.picked').length === 1", "the table shows the star that was tapped")
         time.sleep(1)
         self.shot("zoom")
-        self.js("picked = null; $('starBox').open = false")
+        self.js("pick(null); $('starBox').open = false; $('stars').click()")
         stage.send_keys("0", "c")
         self.until("view.zoom === 0 && shown.w === frame.width", "the whole picture again")
 
@@ -130,6 +130,7 @@ class PageTest(unittest.TestCase):
         # An exposure that is aborted, and one that is kept.
         self.js("$('seconds').value = 20; $('expose').click()")
         self.until("state.exposure && state.exposure.elapsed > 0", "it exposes")
+        self.assertLess(self.js("return state.controls.find(c => c.type === 1).value"), 300000, "the video's exposure is shown as that of the exposure")
         time.sleep(1)
         self.shot("exposure")
         stage.send_keys(Keys.ESCAPE)
@@ -168,6 +169,8 @@ class PageTest(unittest.TestCase):
         self.shot("darks")
         self.tap("[data-hot=off]")
         self.until("!state.hotPixelsOn", "they are not any more")
+        self.js("$('darkUse').value = ''; $('darkUse').dispatchEvent(new Event('change'))")
+        self.until("!state.dark", "the dark frame is not used any more")
 
         # A second browser, of a phone, at night; what one does the other sees.
         phone = self.open_browser(420, 900)

@@ -654,10 +654,8 @@ void CameraEngine::Refresh()
     if (!measured)
         settings.temperature.reset();
     m_board.SetSettings(settings);
-    if (m_exposure) {  // what it has changed for itself is not to be seen
-        setup.region = m_live;
-        setup.type = m_liveType;
-    }
+    if (m_exposure)
+        m_exposure->Hide(setup, m_live, m_liveType);
     const StatePtr before = GetState();
     const bool known = measured && setup.Find(CTRL_TEMPERATURE) != nullptr;
     if (static_cast<const Setup&>(*before) == setup && before->temperature.has_value() == known)

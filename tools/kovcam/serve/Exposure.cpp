@@ -89,6 +89,23 @@ std::chrono::milliseconds Exposure::Pause() const
     return Left() > 100ms ? 20ms : 2ms;
 }
 
+void Exposure::Hide(Setup& setup, const Region& liveRegion, IMG_TYPE liveType) const
+{
+    setup.region = liveRegion;
+    setup.type = liveType;
+    const auto hide = [&](const Before& b) {
+        for (ControlState& c : setup.controls)
+            if (c.type == b.control) {
+                c.value = b.value;
+                c.automatic = b.automatic;
+            }
+    };
+    for (const Before& b : m_before)
+        hide(b);
+    if (m_liveExposure)
+        hide(*m_liveExposure);
+}
+
 void Exposure::Restore(const Region& liveRegion, IMG_TYPE liveType)
 {
     if (m_started)

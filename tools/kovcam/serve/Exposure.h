@@ -36,6 +36,8 @@ public:
     int Shot() const { return m_shot; }  // taken
     std::chrono::milliseconds Pause() const;  // until the next Step is of use
     const ExposureRequest& Request() const { return m_request; }
+    // Takes out of a setup what the exposure has changed for itself.
+    void Hide(Setup& setup, const Region& liveRegion, IMG_TYPE liveType) const;
     // Gives the camera back as it was; what it refuses is left.
     void Restore(const Region& liveRegion, IMG_TYPE liveType);
 

@@ -47,6 +47,21 @@ void FillChannels(const Frame& frame, Statistics& out)
     }
 }
 
+// Of the best stars: the brightest that are not saturated. A hot pixel that a demosaic has spread looks like a faint star.
+double BestRadius(const kovtools::StarField& field)
+{
+    constexpr size_t BEST = 10;
+    std::vector<double> radii;
+    for (const kovtools::Star& s : field.stars)  // the brightest come first
+        if (!s.saturated && radii.size() < BEST)
+            radii.push_back(s.hfr);
+    if (radii.empty())
+        return 0;
+    const auto middle = radii.begin() + static_cast<std::ptrdiff_t>(radii.size() / 2);
+    std::nth_element(radii.begin(), middle, radii.end());
+    return *middle;
+}
+
 }  // namespace
 
 StatisticsPtr Measure(const Frame& frame)
@@ -56,6 +71,7 @@ StatisticsPtr Measure(const Frame& frame)
     out->all = kovtools::MeasureFrame(frame.View());
     out->curve = kovtools::MakeCurve(out->all.histogram, kovtools::Stretch::Auto);
     out->field = kovtools::MeasureStars(frame.View(), frame);
+    out->field.hfr = BestRadius(out->field);
     FillChannels(frame, *out);
     return out;
 }

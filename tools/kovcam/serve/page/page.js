@@ -190,6 +190,12 @@ function pickedStar() {
   return near || null;
 }
 
+// The focus plot follows this star; null: the best of the picture.
+function pick(star) {
+  if (star || picked) focusHistory.length = 0;
+  picked = star ? { x: star.x, y: star.y } : null;
+}
+
 function toFrame(e) {
   const p = placement(), box = $('stage').getBoundingClientRect(), scale = window.devicePixelRatio || 1;
   return p && { x: ((e.clientX - box.left) * scale - p.left) / p.zoom, y: ((e.clientY - box.top) * scale - p.top) / p.zoom };
@@ -247,7 +253,7 @@ stage.addEventListener('pointerup', e => {
   } else if (!d.moved && statistics) {
     const at = toFrame(e);
     const near = statistics.stars.filter(s => Math.hypot(s.x - at.x, s.y - at.y) < 40).sort((a, b) => b.flux - a.flux)[0];
-    picked = near ? { x: near.x, y: near.y } : null;
+    pick(near);
     if (near) $('starBox').open = true;
     fillStars();
     drawOverlay();
@@ -498,7 +504,7 @@ function fillStars() {
     const tr = document.createElement('tr');
     tr.className = star && s.x === star.x && s.y === star.y ? 'picked' : '';
     for (const v of [i + 1, s.x.toFixed(1), s.y.toFixed(1), s.hfr.toFixed(2), s.flux.toFixed(0), s.peak.toFixed(0)]) tr.insertCell().textContent = v;
-    tr.onclick = () => { picked = { x: s.x, y: s.y }; fillStars(); drawOverlay(); };
+    tr.onclick = () => { pick(s); fillStars(); drawOverlay(); };
     return tr;
   }));
 }
