@@ -9,6 +9,8 @@
 #include <set>
 #include <utility>
 
+#include "common/Frame.h"
+
 namespace kovindi {
 
 using namespace std::chrono_literals;
@@ -30,11 +32,6 @@ std::chrono::duration<double> Seconds(double s)
 
 std::mutex g_openMutex;
 std::multiset<std::string> g_open;  // models
-
-std::string CodeText(KOV_ERROR_CODE code)
-{
-    return "error " + std::to_string(static_cast<int>(code));
-}
 
 }  // namespace
 
@@ -144,18 +141,17 @@ void Camera::LoadDark(const std::string& path)
         KOV_BOOL on = KOV_TRUE;
         const KOV_ERROR_CODE code =
             m_place < 0 ? KOV_ERROR_NOT_OPEN : m_library->EnableDarkSubtract(m_place, path.c_str(), &on);
-        m_listener.OnDark(code == KOV_SUCCESS,
-                          code == KOV_SUCCESS ? "dark frame " + path + " is subtracted from 8-bit pictures"
-                          : code == KOV_ERROR_BAD_PATH
-                              ? "cannot open the dark frame " + path + ". Take one, or set DARK_FILE"
-                              : path + " is no dark frame of this camera. Take a new one");
+        TellDark(code == KOV_SUCCESS,
+                 code == KOV_SUCCESS          ? "dark frame " + path + " is subtracted from 8-bit pictures"
+                 : code == KOV_ERROR_BAD_PATH ? "cannot open the dark frame " + path + ". Take one, or set DARK_FILE"
+                                              : path + " is no dark frame of this camera. Take a new one");
     });
 }
 void Camera::ClearDark()
 {
     Post([this] {
         if (m_place >= 0) m_library->DisableDarkSubtract(m_place);
-        m_listener.OnDark(false, "no dark frame is subtracted");
+        TellDark(true, "no dark frame is subtracted");
     });
 }
 void Camera::SetControl(KOV_CONTROL_TYPE type, int32_t value, bool automatic)
@@ -165,8 +161,7 @@ void Camera::SetControl(KOV_CONTROL_TYPE type, int32_t value, bool automatic)
             m_place < 0 ? KOV_ERROR_NOT_OPEN
                         : m_library->SetControlValue(m_place, type, value, automatic ? KOV_TRUE : KOV_FALSE);
         if (code != KOV_SUCCESS)
-            m_listener.OnRefused("the camera refused " + Name(type) + " " + std::to_string(value) + " (" +
-                                 CodeText(code) + ")");
+            m_listener.OnRefused(Name(type) + " " + std::to_string(value) + ": " + kovtools::ErrorText(code));
         m_told.clear();  // what it made of the value is told in any case
         TellControls();
     });
@@ -311,6 +306,7 @@ Opened Camera::Describe()
     opened.controls = m_controls;
     opened.states = m_told;
     opened.format = m_format;
+    opened.dark = IsDarkInUse();
     return opened;
 }
 
@@ -380,8 +376,8 @@ void Camera::DoSetFormat(const Format& wish)
     }
     if (code != KOV_SUCCESS) {
         m_listener.OnRefused("the camera takes no region of " + std::to_string(wish.region.width) + " x " +
-                             std::to_string(wish.region.height) + " at bin " + std::to_string(wish.bin) + " (" +
-                             CodeText(code) + ")");
+                             std::to_string(wish.region.height) + " at bin " + std::to_string(wish.bin) + ": " +
+                             kovtools::ErrorText(code));
         m_listener.OnFormat(m_format);
         return;
     }
@@ -409,7 +405,7 @@ void Camera::Fail(const std::string& why)
     else if (was == Doing::Video)
         m_listener.OnVideoEnded(why);
     else if (was == Doing::Dark)
-        m_listener.OnDark(false, "no dark frame: " + why);
+        TellDark(false, "no dark frame: " + why);
 }
 
 void Camera::Halt()
@@ -451,7 +447,7 @@ void Camera::StepExposure()
             m_library->GetDataAfterExp(m_place, m_image.data(), static_cast<int32_t>(m_image.size()));
         code != KOV_SUCCESS) {
         m_failed = true;
-        m_listener.OnExposureFailed(m_tag, "the picture could not be read (" + CodeText(code) + ")");
+        m_listener.OnExposureFailed(m_tag, std::string("the picture could not be read: ") + kovtools::ErrorText(code));
         return;
     }
     m_failed = false;
@@ -465,9 +461,9 @@ void Camera::DoStartVideo()
                                             : "the camera is busy with another capture. Stop that first");
         return;
     }
-    if (const KOV_ERROR_CODE code = m_library->StartVideoCapture(m_place); code != KOV_SUCCESS) {
+    if (m_library->StartVideoCapture(m_place) != KOV_SUCCESS) {
         m_failed = true;
-        m_listener.OnVideoEnded("video did not start (" + CodeText(code) + "). Is the camera still plugged in?");
+        m_listener.OnVideoEnded("video did not start. Is the camera still plugged in?");
         return;
     }
     m_doing = Doing::Video;
@@ -507,10 +503,22 @@ void Camera::StepVideo()
 
 // --- dark frames ---
 
+bool Camera::IsDarkInUse() const
+{
+    KOV_BOOL on = KOV_FALSE;
+    if (m_place >= 0) m_library->EnableDarkSubtract(m_place, "", &on);
+    return on != KOV_FALSE;
+}
+
+void Camera::TellDark(bool done, const std::string& what)
+{
+    m_listener.OnDark(done, IsDarkInUse(), what);
+}
+
 void Camera::DoTakeDark(int frames, const std::string& path)
 {
     if (m_place < 0 || m_doing != Doing::Nothing) {
-        m_listener.OnDark(false, "a dark frame is taken between captures. Stop the capture first");
+        TellDark(false, "a dark frame is taken between captures. Stop the capture first");
         return;
     }
     m_afterDark = m_format;
@@ -540,8 +548,8 @@ void Camera::FinishDark()
     ok = ok && std::rename(part.c_str(), m_darkPath.c_str()) == 0;
     DoSetFormat(m_afterDark);
     if (!ok) {
-        m_listener.OnDark(
-            false, "cannot write " + m_darkPath + ": " + std::strerror(errno) + ". Set DARK_FILE to a place with room");
+        TellDark(false,
+                 "cannot write " + m_darkPath + ": " + std::strerror(errno) + ". Set DARK_FILE to a place with room");
         return;
     }
     LoadDark(m_darkPath);

@@ -49,6 +49,7 @@ struct Opened {
     std::vector<KOV_CONTROL_CAPS> controls;
     ControlStates states;
     Format format;
+    bool dark;  // a dark frame is subtracted, since the last session
 };
 
 struct VideoCount {
@@ -73,7 +74,7 @@ public:
     virtual void OnVideoCount(const VideoCount& count) = 0;                       // about once a second
     virtual void OnVideoEnded(const std::string& why) = 0;                        // by itself, not by StopVideo
     virtual void OnPulseDone(int axis) = 0;
-    virtual void OnDark(bool inUse, const std::string& what) = 0;
+    virtual void OnDark(bool done, bool inUse, const std::string& what) = 0;
     virtual void OnVerified() = 0;
     virtual void OnEnded() = 0;
 };
@@ -126,6 +127,8 @@ private:
     void EndVideo();
     void DoTakeDark(int frames, const std::string& path);
     void FinishDark();
+    bool IsDarkInUse() const;
+    void TellDark(bool done, const std::string& what);
     void Halt();  // ends whatever runs
     void Fail(const std::string& why);
     std::string Name(KOV_CONTROL_TYPE type) const;

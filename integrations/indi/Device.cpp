@@ -219,10 +219,10 @@ void Device::MakeControls(const Opened& facts)
     m_modes.resize(0);
     for (const KOV_CONTROL_CAPS& c : facts.controls) {
         const ControlState* state = kovindi::Find(facts.states, c.ControlType);
-        const std::string name = ElementName(c), label = c.IsWritable ? c.Name : std::string(c.Name) + " (read only)";
+        const std::string name = ElementName(c);
         if (StandsElsewhere(c.ControlType)) continue;
         m_controls.resize(m_controls.size() + 1);
-        m_controls[m_controls.size() - 1].fill(name, label, "%.0f", c.MinValue, c.MaxValue, 1, state->value);
+        m_controls[m_controls.size() - 1].fill(name, c.Name, "%.0f", c.MinValue, c.MaxValue, 1, state->value);
         if (!c.IsAutoSupported) continue;
         m_modes.resize(m_modes.size() + 1);
         m_modes[m_modes.size() - 1].fill(name, std::string(c.Name) + " automatic", state->automatic ? ISS_ON : ISS_OFF);
@@ -246,11 +246,6 @@ IMG_TYPE Device::ChosenType() const
 {
     const int chosen = CaptureFormatSP.findOnSwitchIndex();
     return chosen < 0 ? IMG_RAW8 : m_info.SupportedImgTypes[chosen];
-}
-
-bool Device::IsMosaic(IMG_TYPE type) const
-{
-    return m_info.IsColorCam && (type == IMG_RAW8 || type == IMG_RAW16);
 }
 
 // --- requests of clients ---
@@ -530,7 +525,10 @@ void Device::addFITSKeywords(INDI::CCDChip* chip)
     if (!m_id.empty()) notes.more.push_back({ "CAMID", m_id, "user ID in the camera's flash" });
     if (const ControlState* s = kovindi::Find(m_shot.states, CTRL_HIGH_SPEED_MODE))
         notes.more.push_back({ "READOUT", std::string(s->value != 0 ? "high speed" : "normal"), "readout mode" });
-    for (const kovtools::FitsCard& card : MakeFitsCards(StateOfShot(), {}, notes)) {
+    kovtools::CameraState shot = StateOf(m_shot.format, m_shot.states);
+    shot.exposure = m_exposureSeconds;
+    shot.darkSubtracted = m_shot.dark && m_shot.format.type != IMG_RAW16;
+    for (const kovtools::FitsCard& card : MakeFitsCards(shot, {}, notes)) {
         const char *key = card.key.c_str(), *comment = card.comment.c_str();
         int status = 0;
         char present[FLEN_CARD];
@@ -550,16 +548,14 @@ void Device::addFITSKeywords(INDI::CCDChip* chip)
     }
 }
 
-kovtools::CameraState Device::StateOfShot() const
+kovtools::CameraState Device::StateOf(const Format& f, const ControlStates& states) const
 {
-    const auto value = [this](KOV_CONTROL_TYPE type, int neutral) {
-        const ControlState* s = kovindi::Find(m_shot.states, type);
+    const auto value = [&](KOV_CONTROL_TYPE type, int neutral) {
+        const ControlState* s = kovindi::Find(states, type);
         return s != nullptr ? s->value : neutral;
     };
     kovtools::CameraState state;
-    const Format& f = m_shot.format;
     state.info = m_info;
-    state.exposure = m_exposureSeconds;
     state.gain = value(CTRL_GAIN, 0);
     state.offset = value(CTRL_BRIGHTNESS, 0);
     state.gamma = value(CTRL_GAMMA, 50);
@@ -572,7 +568,6 @@ kovtools::CameraState Device::StateOfShot() const
     state.type = f.type;
     state.hardwareBin = value(CTRL_HARDWARE_BIN, 0) != 0;
     state.highSpeed = value(CTRL_HIGH_SPEED_MODE, 0) != 0;
-    state.darkSubtracted = m_shot.dark;
     if (m_info.IsCooled && value(CTRL_COOLER_ON, 0) != 0) {
         state.target = value(CTRL_TARGET_TEMP, 0);
         state.coolerPower = value(CTRL_COOL_POWER_PERC, 0);
@@ -649,7 +644,8 @@ void Device::ShowFormat(const Format& f)
     PrimaryCCD.setBPP(f.type == IMG_RAW16 ? 16 : 8);
     PrimaryCCD.setNAxis(f.type == IMG_RGB24 ? 3 : 2);
     const uint32_t without = GetCCDCapability() & ~uint32_t{ CCD_HAS_BAYER };
-    const uint32_t with = without | (IsMosaic(f.type) ? uint32_t{ CCD_HAS_BAYER } : 0u);
+    const kovtools::CameraState state = StateOf(f, m_states);
+    const uint32_t with = without | (kovtools::IsMosaic(state) ? uint32_t{ CCD_HAS_BAYER } : 0u);
     if (with != GetCCDCapability()) {
         SetCCDCapability(with);
         if (isConnected() && HasBayer())
@@ -657,8 +653,7 @@ void Device::ShowFormat(const Format& f)
         else if (isConnected())
             deleteProperty(BayerTP.name);
     }
-    const ControlState* flip = kovindi::Find(m_states, CTRL_FLIP);
-    const char* cell = CellText(m_info.BayerPattern, flip != nullptr ? flip->value : 0);
+    const char* cell = kovtools::PatternName(kovtools::DeliveredPattern(state));
     if (HasBayer() && (BayerT[2].text == nullptr || std::strcmp(BayerT[2].text, cell) != 0)) {
         IUSaveText(&BayerT[2], cell);
         IDSetText(&BayerTP, nullptr);
@@ -725,14 +720,12 @@ bool Device::StartStreaming()
         LOG_ERROR("A picture is being sent. Stream when it has arrived");
         return false;
     }
-    const INDI_PIXEL_FORMAT mosaic[] = { INDI_BAYER_RGGB, INDI_BAYER_BGGR, INDI_BAYER_GRBG, INDI_BAYER_GBRG };
-    INDI_PIXEL_FORMAT pixels = m_wish.type == IMG_RGB24 ? INDI_RGB : INDI_MONO;
-    if (IsMosaic(m_wish.type)) {
-        const ControlState* flip = kovindi::Find(m_states, CTRL_FLIP);
-        const std::string cell = CellText(m_info.BayerPattern, flip != nullptr ? flip->value : 0);
-        for (const BayerPattern p : { BAYER_RG, BAYER_BG, BAYER_GR, BAYER_GB })
-            if (cell == CellText(p, 0)) pixels = mosaic[p];
-    }
+    static constexpr INDI_PIXEL_FORMAT MOSAICS[] = { INDI_BAYER_RGGB, INDI_BAYER_BGGR, INDI_BAYER_GRBG,
+                                                     INDI_BAYER_GBRG };
+    const kovtools::CameraState state = StateOf(m_wish, m_states);
+    const INDI_PIXEL_FORMAT pixels = kovtools::IsMosaic(state)    ? MOSAICS[kovtools::DeliveredPattern(state)]
+                                     : m_wish.type == IMG_RGB24 ? INDI_RGB
+                                                                : INDI_MONO;
     if (!Streamer->setPixelFormat(pixels, m_wish.type == IMG_RAW16 ? 16 : 8)) {
         LOG_ERROR("The stream's encoder does not take this format. Choose RAW 8 or RGB 24");
         return false;
@@ -762,19 +755,27 @@ void Device::ToMain(std::function<void(Device&)> work)
     });
 }
 
+namespace {
+
+std::string Line(const kovtools::Finding& f)
+{
+    std::string line = f.text + (f.command.empty() ? "" : ". To mend it: " + f.command);
+    std::replace(line.begin(), line.end(), '\n', ' ');
+    return line;
+}
+
 // What keeps cameras from working well, or at all, on this machine, with what mends it.
-static std::vector<std::string> Advice(bool opened)
+std::vector<std::string> Advice(bool opened)
 {
     std::vector<std::string> advice;
     for (const kovtools::Finding& f : kovtools::Examine({ "/", false })) {
         const bool concerns = opened ? f.check == "memory" : f.severity == kovtools::Finding::Severity::Problem;
-        if (!concerns || f.severity == kovtools::Finding::Severity::Good) continue;
-        std::string line = f.text + (f.command.empty() ? "" : ". To mend it: " + f.command);
-        std::replace(line.begin(), line.end(), '\n', ' ');
-        advice.push_back(line);
+        if (concerns && f.severity != kovtools::Finding::Severity::Good) advice.push_back(Line(f));
     }
     return advice;
 }
+
+}  // namespace
 
 void Device::OnOpened(const Opened& facts)
 {
@@ -794,6 +795,7 @@ void Device::ShowOpened(const Opened& facts, const std::vector<std::string>& adv
                                      false);
     const bool slow = m_info.IsUSB3Camera && !m_info.IsUSB3Host;
     m_facts[2].setText(slow ? "USB 2, where the camera could do USB 3" : m_info.IsUSB3Host ? "USB 3" : "USB 2");
+    SetDark(facts.dark);
     m_formatsAsked = 0;
     m_wish = { { 0, 0, m_info.MaxWidth, m_info.MaxHeight }, 1, ChosenType() };
     SetCCDParams(m_info.MaxWidth, m_info.MaxHeight, m_wish.type == IMG_RAW16 ? 16 : 8,
@@ -804,11 +806,7 @@ void Device::ShowOpened(const Opened& facts, const std::vector<std::string>& adv
     ShowControls(m_states);
     AskFormat();
     for (const std::string& line : advice) LOGF_WARN("%s", line.c_str());
-    if (slow)
-        LOG_WARN(
-            "This USB 3 camera is on a USB 2 link: frames come at a tenth of the rate. Plug it into a blue or SS port "
-            "with a USB 3 "
-            "cable, and leave hubs out");
+    if (slow) LOGF_WARN("%s", Line(kovtools::SlowLink(m_model)).c_str());
 }
 
 void Device::OnOpenFailed(const std::string& why)
@@ -964,16 +962,19 @@ void Device::OnPulseDone(int axis)
     });
 }
 
-void Device::OnDark(bool inUse, const std::string& what)
+void Device::SetDark(bool inUse)
 {
-    ToMain([inUse, what](Device& d) {
+    for (size_t i = 0; i < 3; ++i) m_dark[i].setState(i == (inUse ? 1u : 2u) ? ISS_ON : ISS_OFF);
+}
+
+void Device::OnDark(bool done, bool inUse, const std::string& what)
+{
+    ToMain([done, inUse, what](Device& d) {
         if (d.m_leaving || !d.isConnected()) return;
-        const bool asked = d.m_dark[2].getState() != ISS_ON;
-        for (size_t i = 0; i < 3; ++i) d.m_dark[i].setState(i == (inUse ? 1u : 2u) ? ISS_ON : ISS_OFF);
-        d.m_dark.setState(inUse == asked ? IPS_OK : IPS_ALERT);
+        d.SetDark(inUse);
+        d.m_dark.setState(done ? IPS_OK : IPS_ALERT);
         d.m_dark.apply();
-        DEBUGFDEVICE(d.getDeviceName(), inUse == asked ? INDI::Logger::DBG_SESSION : INDI::Logger::DBG_ERROR, "%s",
-                     what.c_str());
+        DEBUGFDEVICE(d.getDeviceName(), done ? INDI::Logger::DBG_SESSION : INDI::Logger::DBG_ERROR, "%s", what.c_str());
     });
 }
 

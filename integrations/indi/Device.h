@@ -75,7 +75,7 @@ private:
     void OnVideoCount(const VideoCount& count) override;
     void OnVideoEnded(const std::string& why) override;
     void OnPulseDone(int axis) override;
-    void OnDark(bool inUse, const std::string& what) override;
+    void OnDark(bool done, bool inUse, const std::string& what) override;
     void OnVerified() override;
     void OnEnded() override;
     void ToMain(std::function<void(Device&)> work);
@@ -102,9 +102,9 @@ private:
     IPState Guide(int pin, uint32_t ms);
     bool Lists(KOV_CONTROL_TYPE type) const;
     bool TakesBin(int bin) const;
-    kovtools::CameraState StateOfShot() const;
+    kovtools::CameraState StateOf(const Format& format, const ControlStates& states) const;
+    void SetDark(bool inUse);
     IMG_TYPE ChosenType() const;
-    bool IsMosaic(IMG_TYPE type) const;
 
     const std::string m_name, m_model, m_id;
     const int m_ordinal, m_serial;

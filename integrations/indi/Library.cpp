@@ -54,8 +54,8 @@ void Bind(void* handle, const char* name, Function& function)
 std::unique_ptr<Library> Load()
 {
     static const std::string path = FindFile();
-    // Bound to itself, not to the one that this program is linked with.
-    void* handle = dlopen(CopyInMemory(path).c_str(), RTLD_NOW | RTLD_LOCAL | RTLD_DEEPBIND);
+    // The library is linked so that it calls itself and not the one that this program is linked with.
+    void* handle = dlopen(CopyInMemory(path).c_str(), RTLD_NOW | RTLD_LOCAL);
     if (handle == nullptr) Fail(dlerror());
     auto library = std::make_unique<Library>();
 #define KOV_BIND(name) Bind(handle, "KOV" #name, library->name)

@@ -109,18 +109,6 @@ int StartInForce(int asked, int reported, int bin, int size, int max)
     return std::clamp(believed ? start : asked, 0, std::max(0, max - size));
 }
 
-const char* CellText(BayerPattern pattern, int flip)
-{
-    // A horizontal flip exchanges the columns of a cell, a vertical one its rows.
-    static constexpr const char* CELLS[4][4] = {
-        { "RGGB", "GRBG", "GBRG", "BGGR" },  // BAYER_RG
-        { "BGGR", "GBRG", "GRBG", "RGGB" },  // BAYER_BG
-        { "GRBG", "RGGB", "BGGR", "GBRG" },  // BAYER_GR
-        { "GBRG", "BGGR", "RGGB", "GRBG" },  // BAYER_GB
-    };
-    return CELLS[pattern & 3][flip & 3];
-}
-
 void ToPlanes(const uint8_t* bgr, size_t pixels, uint8_t* planes)
 {
     uint8_t *red = planes, *green = planes + pixels, *blue = green + pixels;

@@ -53,9 +53,6 @@ int StartInForce(int asked, int reported, int bin, int size, int max);
 
 // --- pixels ---
 
-// "RGGB" and so on: the colour cell at the first pixel of the first row after a flip (0 none, 1 horizontal, 2 vertical,
-// 3 both) of a region of even size that begins on a cell.
-const char* CellText(BayerPattern pattern, int flip);
 // Blue, green, red of each pixel to a plane of red, one of green, one of blue.
 void ToPlanes(const uint8_t* bgr, size_t pixels, uint8_t* planes);
 // Blue, green, red to red, green, blue, in place.

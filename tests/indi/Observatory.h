@@ -40,6 +40,11 @@ struct Blob {
 
 // Values by "Device.PROPERTY.ELEMENT", states by "Device.PROPERTY".
 class Client : public INDI::BaseClient {
+    static auto Of(const std::string& format)
+    {
+        return [&format](const Blob& b) { return format.empty() || b.format == format; };
+    }
+
 public:
     bool Wait(const std::function<bool()>& condition, Seconds limit)
     {
@@ -53,7 +58,10 @@ public:
         return m_states.count(property) && m_states.at(property) == state;
     }
     bool Has(const std::string& device) const { return m_devices.count(device) != 0; }
-    size_t Blobs() const { return m_blobs.size(); }
+    size_t Blobs(const std::string& format = "") const
+    {
+        return static_cast<size_t>(std::count_if(m_blobs.begin(), m_blobs.end(), Of(format)));
+    }
     size_t Changes(const std::string& property) const { return m_changes.count(property) ? m_changes.at(property) : 0; }
     bool Said(const std::string& part) const
     {
@@ -67,9 +75,10 @@ public:
         for (const auto& m : m_messages) all += m + "\n";
         return all;
     }
-    Blob TakeBlob()
+    Blob TakeBlob(const std::string& format = "")  // and forgets what came before it
     {
         const std::lock_guard lock(m_mutex);
+        m_blobs.erase(m_blobs.begin(), std::find_if(m_blobs.begin(), m_blobs.end(), Of(format)));
         Blob b = std::move(m_blobs.front());
         m_blobs.pop_front();
         return b;
@@ -89,22 +98,30 @@ public:
         m_states.erase(property);
     }
 
+    // Both send a copy: the thread that listens writes into the property.
     void Set(const std::string& device, const std::string& property, const std::map<std::string, double>& values)
     {
-        INDI::PropertyNumber p = getDevice(device.c_str()).getNumber(property.c_str());
+        const INDI::PropertyNumber p = getDevice(device.c_str()).getNumber(property.c_str());
         ASSERT_TRUE(p.isValid()) << property;
-        for (size_t i = 0; i < p.size(); ++i)
-            if (const auto v = values.find(p[i].getName()); v != values.end()) p[i].setValue(v->second);
+        INDI::PropertyNumber wish(p.size());
+        for (size_t i = 0; i < p.size(); ++i) {
+            const auto v = values.find(p[i].getName());
+            wish[i].fill(p[i].getName(), "", "%g", 0, 0, 0, v != values.end() ? v->second : p[i].getValue());
+        }
+        wish.fill(device.c_str(), property.c_str(), "", "", IP_RW, 0, IPS_IDLE);
         Forget(device + "." + property);
-        sendNewNumber(p);
+        sendNewNumber(wish);
     }
     void Switch(const std::string& device, const std::string& property, const std::string& on)
     {
-        INDI::PropertySwitch p = getDevice(device.c_str()).getSwitch(property.c_str());
+        const INDI::PropertySwitch p = getDevice(device.c_str()).getSwitch(property.c_str());
         ASSERT_TRUE(p.isValid()) << property;
-        for (size_t i = 0; i < p.size(); ++i) p[i].setState(p[i].isNameMatch(on) ? ISS_ON : ISS_OFF);
+        INDI::PropertySwitch wish(p.size());
+        for (size_t i = 0; i < p.size(); ++i)
+            wish[i].fill(p[i].getName(), "", p[i].isNameMatch(on) ? ISS_ON : ISS_OFF);
+        wish.fill(device.c_str(), property.c_str(), "", "", IP_RW, p.getRule(), 0, IPS_IDLE);
         Forget(device + "." + property);
-        sendNewSwitch(p);
+        sendNewSwitch(wish);
     }
 
 protected:
@@ -209,10 +226,17 @@ public:
 
     std::string Pins() const { return m_home / "pins"; }
     void Tell(const std::string& command) { std::ofstream(m_home / "pipe") << command << std::endl; }
+    enum Fault { NO_FRAME = 1, STALL_BULK = 5, SLOW_CONTROL = 6 };  // as the virtual bus counts them
+    void Break(int camera, Fault fault, int times, int arg = 0)
+    {
+        Tell("fault " + std::to_string(camera) + " " + std::to_string(fault) + " " + std::to_string(times) + " " +
+             std::to_string(arg));
+    }
 
     void Dial(Client& c) const
     {
-        c.setServer("127.0.0.1", m_port);
+        // Not over TCP: where small messages go back and forth, that holds each up for 40 ms.
+        c.setServer(("localhost:" + (m_home / "socket").string()).c_str(), m_port);
         for (int i = 0; i < 200 && !c.connectServer(); ++i) std::this_thread::sleep_for(25ms);
     }
 

@@ -15,24 +15,21 @@ namespace {
 
 void Obey(kovsim::VirtualBus* bus, const std::string& path)
 {
-    for (;;) {
-        std::ifstream pipe(path);  // waits for a writer
-        if (!pipe) return;
-        for (std::string line; std::getline(pipe, line);) {
-            std::istringstream words(line);
-            std::string verb;
-            size_t n = 0;
-            uint32_t kind = 0, times = 1;
-            words >> verb >> n >> kind >> times;
-            const auto cameras = bus->Cameras();
-            if (n >= cameras.size()) continue;
-            if (verb == "unplug")
-                cameras[n]->Unplug();
-            else if (verb == "replug")
-                cameras[n]->Replug();
-            else if (verb == "fault")
-                cameras[n]->Inject({ static_cast<kovsim::FaultKind>(kind), 0, 0, times });
-        }
+    std::fstream pipe(path);  // for writing too: so it has no end when a writer closes it
+    for (std::string line; std::getline(pipe, line);) {
+        std::istringstream words(line);
+        std::string verb;
+        size_t n = 0;
+        uint32_t kind = 0, times = 1, arg = 0;
+        words >> verb >> n >> kind >> times >> arg;
+        const auto cameras = bus->Cameras();
+        if (n >= cameras.size()) continue;
+        if (verb == "unplug")
+            cameras[n]->Unplug();
+        else if (verb == "replug")
+            cameras[n]->Replug();
+        else if (verb == "fault")
+            cameras[n]->Inject({ static_cast<kovsim::FaultKind>(kind), arg, 0, times });
     }
 }
 

@@ -15,6 +15,9 @@ struct Finding {
 };
 const char* SeverityText(Finding::Severity severity);  // "ok", "note", "PROBLEM"
 
+// A USB 3 camera on a link of so many Mbit/s (0: not known).
+Finding SlowLink(const std::string& camera, int speed = 0);
+
 struct Examination {
     // The system to look at; other than / only files are looked at, and no camera is opened.
     std::filesystem::path root = "/";

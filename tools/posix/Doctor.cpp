@@ -165,16 +165,9 @@ private:
     {
         // On a USB 2 link such a camera tells version 2.10.
         if (d.speed > 0 && d.speed < 5000 && d.version >= 0x210)
-            Slow(fmt::format("{}:{} at {}", VENDOR, d.product, d.name), d.speed);
+            m_findings.push_back(SlowLink(fmt::format("{}:{} at {}", VENDOR, d.product, d.name), d.speed));
         else
             Add(Severity::Good, "link", fmt::format("camera {}:{} at {}: link of {} Mbit/s", VENDOR, d.product, d.name, d.speed));
-    }
-
-    void Slow(const std::string& camera, int speed)
-    {
-        Add(Severity::Problem, "link", fmt::format("{} is a USB 3 camera on a USB 2 link{}: frames come at a tenth of the rate", camera,
-                                    speed > 0 ? fmt::format(" of {} Mbit/s", speed) : ""),
-            "plug it into a blue or SS port with a USB 3 cable, push the plug in fully, and leave hubs out");
     }
 
     // What the library makes of the cameras; opens each for a moment.
@@ -203,7 +196,7 @@ private:
                 KOVGetCameraProperty(&info, i);
                 Add(Severity::Good, "open", fmt::format("{} opens and answers", info.Name));
                 if (info.IsUSB3Camera && !info.IsUSB3Host)
-                    Slow(info.Name, 0);
+                    m_findings.push_back(SlowLink(info.Name));
             } else {
                 Add(Severity::Problem, "open", fmt::format("{} does not open", info.Name),
                     "see the other findings; if there are none, unplug it and plug it in again");

@@ -68,8 +68,7 @@ std::vector<Finding> Look(bool openCameras)
         KOVGetCameraProperty(&info, i);
         out.push_back({ Severity::Good, "open", fmt::format("{} opens and answers", info.Name), "" });
         if (info.IsUSB3Camera && !info.IsUSB3Host)
-            out.push_back({ Severity::Problem, "link", fmt::format("{} is a USB 3 camera on a USB 2 link: frames come at a tenth of the rate", info.Name),
-                            "plug it into a blue or SS port with a USB 3 cable, push the plug in fully, and leave hubs out" });
+            out.push_back(SlowLink(info.Name));
         KOVCloseCamera(i);
     }
     return out;
