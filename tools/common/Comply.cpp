@@ -72,11 +72,9 @@ void ComplyRunner::Skip(const char* check, const std::string& why) { m_out.resul
 
 void ComplyRunner::Remember()
 {
-    int32_t n = 0;
-    KOVGetNumOfControls(m_id, &n);
-    for (int32_t i = 0; i < n; ++i) {
-        Control c{};
-        if (KOVGetControlCaps(m_id, i, &c.caps) == KOV_SUCCESS && KOVGetControlValue(m_id, c.caps.ControlType, &c.value, &c.automatic) == KOV_SUCCESS)
+    for (const KOV_CONTROL_CAPS& caps : ControlsOf(m_id)) {
+        Control c{ caps, 0, KOV_FALSE };
+        if (KOVGetControlValue(m_id, caps.ControlType, &c.value, &c.automatic) == KOV_SUCCESS)
             m_controls.push_back(c);
     }
     KOVGetROIFormat(m_id, &m_w, &m_h, &m_bin, &m_was);

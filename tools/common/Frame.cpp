@@ -68,17 +68,24 @@ std::vector<int> BinsOf(const KOV_CAMERA_INFO& info)
     return bins;
 }
 
-std::optional<int32_t> ReadControl(int32_t id, KOV_CONTROL_TYPE control)
+std::vector<KOV_CONTROL_CAPS> ControlsOf(int32_t id)
 {
     int32_t count = 0;
     KOVGetNumOfControls(id, &count);
-    for (int32_t i = 0; i < count; ++i) {
-        KOV_CONTROL_CAPS caps{};
-        int32_t value = 0;
-        KOV_BOOL automatic = KOV_FALSE;
-        if (KOVGetControlCaps(id, i, &caps) == KOV_SUCCESS && caps.ControlType == control)
+    std::vector<KOV_CONTROL_CAPS> all;
+    for (int32_t i = 0; i < count; ++i)
+        if (KOV_CONTROL_CAPS caps{}; KOVGetControlCaps(id, i, &caps) == KOV_SUCCESS)
+            all.push_back(caps);
+    return all;
+}
+
+std::optional<int32_t> ReadControl(int32_t id, KOV_CONTROL_TYPE control)
+{
+    int32_t value = 0;
+    KOV_BOOL automatic = KOV_FALSE;
+    for (const KOV_CONTROL_CAPS& caps : ControlsOf(id))
+        if (caps.ControlType == control)
             return KOVGetControlValue(id, control, &value, &automatic) == KOV_SUCCESS ? std::optional(value) : std::nullopt;
-    }
     return std::nullopt;
 }
 

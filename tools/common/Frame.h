@@ -52,6 +52,7 @@ struct CameraState {
 
 // Asks the open camera; throws std::runtime_error when it answers with an error. Any thread.
 CameraState ReadCameraState(int32_t id);
+std::vector<KOV_CONTROL_CAPS> ControlsOf(int32_t id);
 // One control; nothing where the camera has no such control.
 std::optional<int32_t> ReadControl(int32_t id, KOV_CONTROL_TYPE control);
 

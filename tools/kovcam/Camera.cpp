@@ -215,15 +215,7 @@ CCameraBase& Camera::Object() const
 
 std::vector<KOV_CONTROL_CAPS> Camera::Controls() const
 {
-    int32_t n = 0;
-    Check(KOVGetNumOfControls(m_iId, &n), "controls");
-    std::vector<KOV_CONTROL_CAPS> all;
-    for (int32_t i = 0; i < n; ++i) {
-        KOV_CONTROL_CAPS caps{};
-        Check(KOVGetControlCaps(m_iId, i, &caps), "control");
-        all.push_back(caps);
-    }
-    return all;
+    return kovtools::ControlsOf(m_iId);
 }
 
 bool Camera::Has(KOV_CONTROL_TYPE type) const

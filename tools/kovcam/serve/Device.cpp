@@ -105,11 +105,8 @@ Setup Device::ReadSetup()
 {
     const Gate::Shared inside(m_gate);
     Setup out;
-    int32_t n = 0;
-    Check(KOVGetNumOfControls(m_id, &n));
-    for (int i = 0; i < n; ++i)
-        if (KOV_CONTROL_CAPS caps{}; KOVGetControlCaps(m_id, i, &caps) == KOV_SUCCESS)
-            out.controls.push_back(StateOf(m_id, caps));
+    for (const KOV_CONTROL_CAPS& caps : kovtools::ControlsOf(m_id))
+        out.controls.push_back(StateOf(m_id, caps));
     out.region = ActualRegionInside(&out.type);
     KOV_BOOL dark = KOV_FALSE;
     KOVEnableDarkSubtract(m_id, "", &dark);
