@@ -141,25 +141,29 @@ attach 2-3 $KYANITE
 sleep 10 && touch enough
 wait $first && grep -q 'opened 2 times' first && ok "its program closes and opens it, and the video goes on: $(tail -1 first)" || { cp first out; failed "video over an unplug"; }
 
-# --- a frame that is larger than the system's USB memory
+# --- a frame that is larger than the system's USB memory; the limit is lowered, for the emulated processor's sake
 for camera in $QUARTZ $DUNITE $KYANITE; do detach $camera; done
-serve 3241 KyaniteMono --scene dark --noise 0 --hot 5000
-attach 2-1 $KYANITE 3241
+serve 3241 QuartzMono --scene dark --noise 0 --hot 5000
+attach 2-1 $QUARTZ 3241
 rm -rf /tmp/config.in
-large="-g 0 -e 900ms -f raw16 -r 4656x1840 --no-png"
-expect 0 "a frame of 16.3 MiB with $(cat /sys/module/usbcore/parameters/usbfs_memory_mb) MiB of USB memory" \
-    as in kovcam snap $large -o /tmp/usb
+limit=/sys/module/usbcore/parameters/usbfs_memory_mb
+[ "$(cat $limit)" = 16 ] && echo 3 >$limit || failed "the system's limit is $(cat $limit)"
+large="-g 0 -e 900ms -f raw16 --no-png"
+expect 0 "a frame of 4 MiB with $(cat $limit) MiB of USB memory" as in kovcam snap $large -o /tmp/usb
 # shellcheck disable=SC2086
-expect 0 "the same on the virtual bus" kovsim run --camera KyaniteMono --scene dark --noise 0 --hot 5000 --rate 0.2 -- kovcam snap $large -o /tmp/bus
-data=$(((4656 * 1840 * 2 + 2879) / 2880 * 2880))
+expect 0 "the same on the virtual bus" kovsim run --camera QuartzMono --scene dark --noise 0 --hot 5000 -- kovcam snap $large -o /tmp/bus
+data=$(((1936 * 1096 * 2 + 2879) / 2880 * 2880))
 [ -e usb.fits ] && [ "$(tail -c $data usb.fits | md5sum)" = "$(tail -c $data bus.fits | md5sum)" ] && ok "both are equal" || failed "they differ"
-detach $KYANITE
+echo 16 >$limit
+detach $QUARTZ
 
 # --- a camera in even light keeps its promises
 serve 3242 QuartzMono --scene flat:60000
 attach 2-1 $QUARTZ 3242
-expect 0 "kovcam comply" as in kovcam comply --check controls --check errors --check regions
-sed 's/^/        /' out
+for check in controls errors regions; do
+    expect 0 "kovcam comply: $check" as in kovcam comply --check $check
+    grep -q '^[1-9][0-9]* passed' out || failed "nothing was checked"
+done
 
 [ $failures -eq 0 ] && echo "all well" || { echo "$failures failed"; dmesg | tail -30; cat served.*; }
 poweroff -f
