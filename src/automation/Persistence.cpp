@@ -12,6 +12,7 @@
 
 #include "automation/HotPixels.h"
 #include "automation/MemoryFrame.h"
+#include "base/Attempt.h"
 #include "core/CCameraBase.h"
 #include "platform/Platform.h"
 
@@ -64,7 +65,7 @@ uint8_t SwapNibbles(uint8_t b) { return static_cast<uint8_t>((b & 15) << 4 | b >
 class FlashAccess {
 public:
     explicit FlashAccess(CCameraFX3& cam) : m_cam(cam) { m_cam.EnableGPIF32DQ(false); }
-    ~FlashAccess() { m_cam.EnableGPIF32DQ(true); }
+    ~FlashAccess() { Attempt("leaving the flash", [this] { m_cam.EnableGPIF32DQ(true); }); }
     FlashAccess(const FlashAccess&) = delete;
     FlashAccess& operator=(const FlashAccess&) = delete;
 

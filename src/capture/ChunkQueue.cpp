@@ -1,6 +1,7 @@
 #include "capture/ChunkQueue.h"
 
 #include <cstring>
+#include <new>
 #include <utility>
 
 #include "base/Attempt.h"
@@ -97,6 +98,8 @@ void ChunkQueue::OpenSlots()
         pEp->SetXferSize(m_dwChunk);
     for (size_t n = 0; n < m_slots.size(); ++n) {
         m_slots[n].ov.hEvent = platform::MakeEvent();
+        if (!m_slots[n].ov.hEvent)
+            throw std::bad_alloc();
         Begin(n, m_pFill);
     }
 }

@@ -28,7 +28,7 @@ double ClockRate();
 // --- auto-reset events and the semaphore of the frame exchange ------------------------------------------------------
 
 using EventHandle = void*;   // on Windows a kernel handle
-EventHandle MakeEvent();     // auto reset, not signalled
+EventHandle MakeEvent();     // auto reset, not signalled; nullptr when the system has none to give
 void FreeEvent(EventHandle);
 void SignalEvent(EventHandle);
 uint32_t WaitEvent(EventHandle, uint32_t ms);  // WAIT_SIGNALLED (and reset) or WAIT_TIMED_OUT

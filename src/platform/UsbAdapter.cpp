@@ -409,7 +409,12 @@ bool CDevice::StartControl(const std::shared_ptr<Request>& r)
         Complete(*r, status, dwMoved);
         return true;
     }
-    m_controlQueue.push_back(r);
+    try {
+        m_controlQueue.push_back(r);
+    } catch (const std::bad_alloc&) {
+        CompleteLocked(*r, Status::NoMemory, 0);
+        return true;
+    }
     m_controlWake.notify_one();
     if (ClockRate() <= 1.0)
         return false;

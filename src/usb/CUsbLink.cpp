@@ -109,9 +109,14 @@ T QueryNumber(CUsbLink& link, uint32_t dwCode)
 
 }  // namespace
 
-CUsbLink::CUsbLink(void* hWnd, const platform::Guid& guid, bool bOpen)
+CUsbLink::CUsbLink(void* hWnd, const platform::Guid& guid)
     : m_szDriverName{}, m_szFriendlyName{}, m_szManufacturer{}, m_szProduct{}, m_szSerial{}, m_szDevicePath{},
       m_szLocationPaths{}, m_szLocationInfo{}, m_abDeviceDescriptor{}, m_hWnd(hWnd), m_guid(guid)
+{
+}
+
+// In two steps, so that the destructor closes what an open without memory has left open.
+CUsbLink::CUsbLink(void* hWnd, const platform::Guid& guid, bool bOpen) : CUsbLink(hWnd, guid)
 {
     if (m_hWnd)
         RegisterForDeviceEvents(m_hWnd);

@@ -82,6 +82,7 @@ public:
     uint8_t m_bDeviceNumber = 0, m_bConfigIndex = 0, m_bIntfNumber = 0, m_bIntfIndex = 0;
 
 private:
+    CUsbLink(void* hWnd, const platform::Guid& guid);  // closed
     InterfaceObject* CurrentInterface() const;  // nullptr when there is none
     void CopyInterfaceClass();
     void FreeDescriptors();  // everything that Open built but the handle; never throws

@@ -2,6 +2,7 @@
 
 #include <cstring>
 #include <memory>
+#include <new>
 
 #include "core/Trace.h"
 #include "platform/Platform.h"
@@ -14,6 +15,22 @@ namespace {
 constexpr uint32_t RECORD_SIZE = sizeof(XferRecord);
 constexpr uint32_t ABORT_WAIT_MS = 50;
 constexpr uint32_t WAIT_FAILED = 0xFFFFFFFFu;
+
+class Event {
+public:
+    Event() : m_h(platform::MakeEvent()) {}
+    ~Event()
+    {
+        if (m_h)
+            platform::FreeEvent(m_h);
+    }
+    Event(const Event&) = delete;
+    Event& operator=(const Event&) = delete;
+    operator platform::EventHandle() const { return m_h; }
+
+private:
+    const platform::EventHandle m_h;
+};
 
 XferRecord* Record(uint8_t* pContext) { return reinterpret_cast<XferRecord*>(pContext); }
 
@@ -157,25 +174,27 @@ bool CCyUSBEndPoint::WaitOrAbortXfer(Overlapped* pOverlapped)
 
 bool CCyUSBEndPoint::XferData(uint8_t* pBuf, int32_t* piLength, IsoPacketInfo* pInfos)
 {
+    const Event event;
+    if (!event)
+        throw std::bad_alloc();
     Overlapped ov{};
-    ov.hEvent = platform::MakeEvent();
+    ov.hEvent = event;
     uint8_t* const pContext = BeginDataXfer(pBuf, *piLength, &ov);
     // Without a context no request is out, and LastError() would be that of some earlier call.
     const bool bWait = pContext && WaitOrAbortXfer(&ov);
     const bool bFinished = FinishDataXfer(pBuf, piLength, &ov, pContext, pInfos);
-    platform::FreeEvent(ov.hEvent);
     return bWait && bFinished;
 }
 
 bool CCyUSBEndPoint::Abort()
 {
+    const Event event;  // may be none: an abort must come through without memory
     Overlapped ov{};
-    ov.hEvent = platform::MakeEvent();
+    ov.hEvent = event;
     uint32_t dwBytes = 0;
     if (!UsbDriver().IoControl(m_hDevice, platform::IO_ABORT_PIPE, &m_bEndpointAddress, 1, nullptr, 0, &dwBytes, &ov) &&
-        platform::LastError() == platform::ERROR_PENDING)
-        platform::WaitEvent(ov.hEvent, platform::WAIT_FOREVER);
-    platform::FreeEvent(ov.hEvent);
+        platform::LastError() == platform::ERROR_PENDING && event)
+        platform::WaitEvent(event, platform::WAIT_FOREVER);
     return true;
 }
 

@@ -34,15 +34,15 @@ using usbstack::Status;
 // What the event thread asks for between completions: it must come through without memory.
 static thread_local bool t_bEvents = false;
 static std::atomic<int> g_iOnEventThread = 0;
-void* operator new(size_t n)
+[[gnu::noinline]] void* operator new(size_t n)
 {
     g_iOnEventThread += t_bEvents;
     if (void* const p = std::malloc(n))
         return p;
     throw std::bad_alloc();
 }
-void operator delete(void* p) noexcept { std::free(p); }
-void operator delete(void* p, size_t) noexcept { std::free(p); }
+[[gnu::noinline]] void operator delete(void* p) noexcept { std::free(p); }
+[[gnu::noinline]] void operator delete(void* p, size_t) noexcept { std::free(p); }
 
 namespace {
 

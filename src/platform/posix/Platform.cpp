@@ -11,6 +11,7 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <new>
 
 #include "base/Log.h"
 
@@ -189,7 +190,7 @@ double ClockRate()
 
 // --- events and the semaphore ---------------------------------------------------------------------------------------
 
-EventHandle MakeEvent() { return new Flag; }
+EventHandle MakeEvent() { return new (std::nothrow) Flag; }
 void FreeEvent(EventHandle h) { delete static_cast<Flag*>(h); }
 void SignalEvent(EventHandle h) { static_cast<Flag*>(h)->Set(); }
 uint32_t WaitEvent(EventHandle h, uint32_t ms) { return static_cast<Flag*>(h)->Take(ms); }
