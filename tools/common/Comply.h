@@ -25,7 +25,7 @@ struct Compliance {
 };
 
 struct ComplianceOptions {
-    bool full = false;       // longer and more of each: about twenty minutes on a slow camera
+    bool full = false;       // longer and more of each: eight minutes, more on large and cooled cameras
     bool writeId = false;    // writes the user ID in the camera's flash, and then the old one again
     std::string only;        // the checks of that group, such as "gain"; empty: all
     double clockRate = 1;    // of virtual cameras that run faster than time
