@@ -147,12 +147,16 @@ serve 3241 QuartzMono --scene dark --noise 0 --hot 5000
 attach 2-1 $QUARTZ 3241
 rm -rf /tmp/config.in
 limit=/sys/module/usbcore/parameters/usbfs_memory_mb
-[ "$(cat $limit)" = 16 ] && echo 3 >$limit || failed "the system's limit is $(cat $limit)"
-large="-g 0 -e 900ms -f raw16 --no-png"
-expect 0 "a frame of 4 MiB with $(cat $limit) MiB of USB memory" as in kovcam snap $large -o /tmp/usb
+[ "$(cat $limit)" = 16 ] && echo 2 >$limit || failed "the system's limit is $(cat $limit)"
+large="-g 0 -e 900ms -f raw16 -r 1936x600 --no-png"
 # shellcheck disable=SC2086
-expect 0 "the same on the virtual bus" kovsim run --camera QuartzMono --scene dark --noise 0 --hot 5000 -- kovcam snap $large -o /tmp/bus
-data=$(((1936 * 1096 * 2 + 2879) / 2880 * 2880))
+large_snap() { # again when the processor was too slow for the camera
+    as in kovcam snap $large -o /tmp/usb || as in kovcam snap $large -o /tmp/usb || as in kovcam snap $large -o /tmp/usb
+}
+expect 0 "a frame of 2.2 MiB with $(cat $limit) MiB of USB memory" large_snap
+# shellcheck disable=SC2086
+expect 0 "the same on the virtual bus" kovsim run --camera QuartzMono --scene dark --noise 0 --hot 5000 --rate 0.2 -- kovcam snap $large -o /tmp/bus
+data=$(((1936 * 600 * 2 + 2879) / 2880 * 2880))
 [ -e usb.fits ] && [ "$(tail -c $data usb.fits | md5sum)" = "$(tail -c $data bus.fits | md5sum)" ] && ok "both are equal" || failed "they differ"
 echo 16 >$limit
 detach $QUARTZ
