@@ -288,6 +288,12 @@ int CameraEngine::LostPlace() const
     return m_lost && m_place ? *m_place : -1;
 }
 
+std::chrono::steady_clock::time_point CameraEngine::GoneSince() const
+{
+    const std::lock_guard lock(m_mutex);
+    return m_goneSince;
+}
+
 bool CameraEngine::Hold()
 {
     const StatePtr s = GetState();
@@ -326,6 +332,10 @@ void CameraEngine::Place(std::optional<int> id)
         m_openAfter = {};
         m_patience = {};
     }
+    if (id)
+        m_goneSince = {};
+    else if (m_place && !m_lost)
+        m_goneSince = Steady::now();
     m_place = id;
     m_lost = false;
     m_held = m_restWanted = m_resting = false;
@@ -521,6 +531,8 @@ void CameraEngine::OnTrouble(const std::string& problem)
     m_patience = std::clamp<std::chrono::seconds>(2 * m_patience, FIRST_PATIENCE, LONGEST_PATIENCE);
     {
         const std::lock_guard lock(m_mutex);
+        if (lost)
+            m_goneSince = Steady::now();
         m_lost = m_lost || lost;
         m_openAfter = Steady::now() + m_patience;
         m_working = false;

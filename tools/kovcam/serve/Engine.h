@@ -73,6 +73,7 @@ public:
     Roll RollAnswer() const;
     int OpenId() const;    // -1: it is closed
     int LostPlace() const; // of a camera that answered no more; -1: it has not been lost
+    std::chrono::steady_clock::time_point GoneSince() const;  // 0: it is here
     // No command is begun from now on. False, and nothing changes, when something runs that must not be disturbed.
     bool Hold();
     void Release();
@@ -133,6 +134,7 @@ private:
     bool m_held = false, m_restWanted = false, m_resting = false;
     std::optional<int> m_place;       // in the last look
     bool m_lost = false;              // it answered no more, at m_place
+    Steady::time_point m_goneSince{};
     int m_openId = -1;
     uint64_t m_rollAsked = 0, m_rollAnswered = 0;
     Roll m_roll = Roll::NotOpen;

@@ -200,7 +200,12 @@ Observatory::Next Observatory::Look()
 void Observatory::Place(const Engines& open)
 {
     Engines closed = Those(Cameras(), [&](const auto& c) { return std::find(open.begin(), open.end(), c) == open.end(); });
-    std::stable_partition(closed.begin(), closed.end(), [](const auto& c) { return c->LostPlace() < 0 && c->GetState()->phase != Phase::Absent; });
+    // Those that are here first; of the others the one that went last, as when a look missed it.
+    std::stable_sort(closed.begin(), closed.end(), [](const auto& a, const auto& b) {
+        const auto from = a->GoneSince(), other = b->GoneSince();
+        constexpr std::chrono::steady_clock::time_point HERE{};
+        return from == HERE ? other != HERE : other != HERE && from > other;
+    });
     auto places = m_models;
     for (const auto& c : closed) {
         const auto it = std::find_if(places.begin(), places.end(), [&](const auto& m) { return m.second == c->Model(); });
