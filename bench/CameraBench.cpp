@@ -17,7 +17,7 @@
 #include "bench/Yardsticks.h"
 #include "capture/Capture.h"
 #include "platform/UsbAdapter.h"
-#include "sensors/ModelTraits.h"
+#include "camera/ModelTraits.h"
 #include "tests/support/RecordingStack.h"
 #include "usb/CUsbLink.h"
 #include "virtual/Imager.h"

@@ -1,6 +1,6 @@
 // A camera for fuzzing: no sensor, no device.
 #pragma once
-#include "core/CCameraBase.h"
+#include "camera/CCameraBase.h"
 
 class FuzzCamera final : public CCameraBase {
 public:

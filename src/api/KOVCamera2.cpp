@@ -5,7 +5,7 @@
 
 #include "api/DeviceTable.h"
 #include "base/Log.h"
-#include "thermal/CCameraCool.h"
+#include "camera/CCameraCool.h"
 
 namespace {
 

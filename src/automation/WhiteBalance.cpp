@@ -1,14 +1,14 @@
-// Auto white balance: one step a call. The present balance is multiplied by the ratio that is measured, so the measurement
-// has to show the balance in force: the raw mosaic does where the sensor applies it, a demosaiced image where the host does.
+// One step a call. The present balance is multiplied by the ratio that is measured, so the measurement has to show the
+// balance in force: the raw mosaic does where the sensor applies it, a demosaiced image where the host does.
 #include "automation/WhiteBalance.h"
 
 #include <algorithm>
 #include <cstdlib>
 
-#include "automation/MemoryFrame.h"
-#include "core/Arithmetic.h"
-#include "core/CCameraBase.h"
-#include "core/FrameSample.h"
+#include "base/Arithmetic.h"
+#include "base/FrameSample.h"
+
+namespace automation {
 
 namespace {
 
@@ -26,7 +26,7 @@ int32_t NewBalance(int32_t iOld, int32_t cG, int32_t c)
 
 }  // namespace
 
-void StepWhiteBalance(CCameraBase& cam, const WBBlocks& blocks, bool bBlock0IfFlat)
+std::optional<Balance> NextBalance(const WBBlocks& blocks, bool block0IfFlat, bool brightnessMoves, Balance now)
 {
     int32_t c[WB_COLORS];
     for (int k = 0; k < WB_COLORS; ++k) {
@@ -37,58 +37,32 @@ void StepWhiteBalance(CCameraBase& cam, const WBBlocks& blocks, bool bBlock0IfFl
         float f = 0;  // single precision, in block order: the rounding is part of the result
         for (int b = 0; b < WB_BLOCKS; ++b)
             f += static_cast<float>(pDev[b]) * static_cast<float>(pMean[b]) / static_cast<float>(iDevs + 1);
-        if (iDevs == 0 && bBlock0IfFlat)
+        if (iDevs == 0 && block0IfFlat)
             f = static_cast<float>(pMean[0]);
         c[k] = TruncToInt32(f);
     }
 
     const int32_t dR = std::abs(c[WB_GREEN] - c[WB_RED]), dB = std::abs(c[WB_GREEN] - c[WB_BLUE]);
     // While brightness is regulated too, colours move with it; a wider band keeps the two from chasing each other.
-    const int32_t iBand = cam.m_bAutoExp || cam.m_bAutoGain ? BAND_REGULATED : BAND;
+    const int32_t iBand = brightnessMoves ? BAND_REGULATED : BAND;
     if (dR < iBand && dB < iBand)
-        return;
-    cam.SetRGBBalance(NewBalance(cam.m_iWB_R, c[WB_GREEN], c[WB_RED]), NewBalance(cam.m_iWB_B, c[WB_GREEN], c[WB_BLUE]),
-                      cam.m_bAutoWB);
+        return std::nullopt;
+    return Balance{ NewBalance(now.red, c[WB_GREEN], c[WB_RED]), NewBalance(now.blue, c[WB_GREEN], c[WB_BLUE]) };
 }
 
-void CCameraBase::AutoWhiBal(uint8_t* frame)
+ColourStatistics BlockStatistics(const RawFrame& frame, const Block& block, const uint8_t cell[4], const int measure[WB_COLORS],
+                                 uint32_t scale)
 {
-    if (m_bIsColor && !m_bOutput16Bits)
-        AutoWB_RAW(frame);
-}
-
-void CCameraBase::AutoWB_RAW(uint8_t* frame)
-{
-    const auto [W, H] = MemoryFrameOf(*this);
-    WBBlocks blocks;
-    for (int j = 0; j < WB_GRID; ++j)
-        for (int k = 0; k < WB_GRID; ++k) {
-            int dev[WB_COLORS] = { 1, 1, 1 }, mean[WB_COLORS];
-            Get_variance_ave_RAW(frame, k * W / WB_GRID, j * H / WB_GRID, W / WB_GRID, H / WB_GRID, W, H, &dev[WB_RED],
-                                 &dev[WB_GREEN], &dev[WB_BLUE], &mean[WB_RED], &mean[WB_GREEN], &mean[WB_BLUE]);
-            for (int c = 0; c < WB_COLORS; ++c) {
-                blocks.aDev[c][j * WB_GRID + k] = dev[c];
-                blocks.aMean[c][j * WB_GRID + k] = mean[c];
-            }
-        }
-    StepWhiteBalance(*this, blocks, true);
-}
-
-void CCameraBase::Get_variance_ave_RAW(uint8_t* frame, int x0, int y0, int blockW, int blockH, int pitch, int /*height*/,
-                                       int* devR, int* devG, int* devB, int* meanR, int* meanG, int* meanB)
-{
-    const uint8_t* const pIndex = m_BayerIdx[m_ColorBayer];
-    const size_t nBytes = FrameBufferBytes(*this);
-    const float fStepX = static_cast<float>(blockW) / 10.0f, fStepY = static_cast<float>(blockH) / 10.0f;
+    const float fStepX = static_cast<float>(block.width) / 10.0f, fStepY = static_cast<float>(block.height) / 10.0f;
     // A block smaller than the lattice reads a little beside itself; beyond the buffer there is nothing to read.
     const auto visit = [&](auto use) {
         for (int i = 0; i < LATTICE; ++i)
             for (int j = 0; j < LATTICE; ++j)
                 for (int k = 0; k < 4; ++k) {
-                    const int y = y0 + static_cast<int>(static_cast<float>(i) * fStepY) + (k >> 1);
-                    const int x = x0 + static_cast<int>(static_cast<float>(j) * fStepX) + (k & 1);
-                    const auto index = static_cast<size_t>(int64_t{y} * pitch + x);
-                    use(pIndex[(y & 1) * 2 + (x & 1)], index < nBytes ? SampleFrame(frame, index) : uint8_t{0});
+                    const int y = block.y + static_cast<int>(static_cast<float>(i) * fStepY) + (k >> 1);
+                    const int x = block.x + static_cast<int>(static_cast<float>(j) * fStepX) + (k & 1);
+                    const auto index = static_cast<size_t>(int64_t{y} * frame.width + x);
+                    use(cell[(y & 1) * 2 + (x & 1)], index < frame.bytes ? SampleFrame(frame.data, index) : uint8_t{0});
                 }
     };
 
@@ -97,24 +71,20 @@ void CCameraBase::Get_variance_ave_RAW(uint8_t* frame, int x0, int y0, int block
         aSum[c] += v;
         ++aCount[c];
     });
-    int* const apMean[WB_COLORS] = { meanR, meanG, meanB };
+    ColourStatistics s;
     for (int c = 0; c < WB_COLORS; ++c) {
         aMean[c] = aSum[c] / (aCount[c] + 1);  // the added one serves a colour that the block does not have
-        auto dwScaled = aMean[c];
-        if (!IsHardBinRun())
-            dwScaled *= static_cast<uint32_t>(m_iBin * m_iBin);
-        if (IsHalfHardBin(*this))
-            dwScaled *= 4;
-        *apMean[c] = static_cast<int>(std::min(dwScaled, 255u));
+        s.mean[c] = static_cast<int>(std::min(aMean[c] * scale, 255u));
     }
 
     // Deviation from the mean before scaling. Between the two passes USB may have put another frame there.
-    int* const apDev[WB_COLORS] = { devR, devG, devB };
-    const bool abMeasure[WB_COLORS] = { *devR != 0, *devG != 0, *devB != 0 };
     uint32_t aDiff[WB_COLORS] = {};
     visit([&](uint8_t c, uint8_t v) {
-        aDiff[c] += abMeasure[c] ? static_cast<uint32_t>(std::abs(static_cast<int>(v) - static_cast<int>(aMean[c]))) : 1u;
+        aDiff[c] += measure[c] != 0 ? static_cast<uint32_t>(std::abs(static_cast<int>(v) - static_cast<int>(aMean[c]))) : 1u;
     });
     for (int c = 0; c < WB_COLORS; ++c)
-        *apDev[c] = static_cast<int>(aDiff[c] * 10 / (aCount[c] + 1));
+        s.dev[c] = static_cast<int>(aDiff[c] * 10 / (aCount[c] + 1));
+    return s;
 }
+
+}  // namespace automation

@@ -1,8 +1,10 @@
-// The part of auto white balance that is the same whether the raw mosaic or a demosaiced image was measured.
+// Auto white balance: what is measured of a frame, and the balance that follows from it.
 #pragma once
+#include <cstddef>
 #include <cstdint>
+#include <optional>
 
-class CCameraBase;
+#include "automation/AutoExposure.h"
 
 constexpr int WB_GRID = 16;                      // blocks in each direction
 constexpr int WB_BLOCKS = WB_GRID * WB_GRID;
@@ -14,7 +16,21 @@ struct WBBlocks {
     int32_t aMean[WB_COLORS][WB_BLOCKS];
 };
 
-// Weights each block's colour by its texture, so that sky and background count little; derives new balances from the
-// present ones and sets them unless the colours agree. bBlock0IfFlat: a colour without any texture takes the mean of
-// block 0; otherwise it counts as 0.
-void StepWhiteBalance(CCameraBase& cam, const WBBlocks& blocks, bool bBlock0IfFlat);
+namespace automation {
+
+struct Block { int x, y, width, height; };  // samples
+struct ColourStatistics { int dev[WB_COLORS], mean[WB_COLORS]; };
+
+// Mean and deviation of the colours of a block of a Bayer mosaic; rows are frame.width samples apart. `cell`: colours of the 2 by 2 cell.
+// A colour whose dev in `measure` is 0 counts points in place of deviations. `scale` multiplies the means alone, up to 255.
+ColourStatistics BlockStatistics(const RawFrame& frame, const Block& block, const uint8_t cell[4], const int measure[WB_COLORS],
+                                 uint32_t scale);
+
+struct Balance { int32_t red, blue; };
+
+// Weights each block's colour by its texture, so that sky and background count little, and derives the next balance from the
+// present one; none where the colours agree. block0IfFlat: a colour without any texture takes the mean of block 0; otherwise it
+// counts as 0. brightnessMoves: exposure or gain are regulated too.
+std::optional<Balance> NextBalance(const WBBlocks& blocks, bool block0IfFlat, bool brightnessMoves, Balance now);
+
+}  // namespace automation

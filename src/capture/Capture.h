@@ -4,7 +4,7 @@
 #include <cstdint>
 #include <memory>
 
-#include "core/CCameraBase.h"
+#include "camera/CCameraBase.h"
 
 struct ModelTraits;
 

@@ -4,7 +4,7 @@
 #include <vector>
 
 #include "capture/RunControl.h"
-#include "core/CCameraBase.h"
+#include "camera/CCameraBase.h"
 #include "usb/EndPoints.h"
 
 class ChunkQueue {

@@ -5,13 +5,13 @@
 #include <span>
 #include <vector>
 
-#include "automation/HotPixels.h"
-#include "automation/MemoryFrame.h"
+#include "camera/HotPixels.h"
+#include "camera/MemoryFrame.h"
 #include "capture/Capture.h"
 #include "imaging/Bayer.h"
 #include "imaging/Gamma.h"
 #include "imaging/Walk.h"
-#include "sensors/ModelTraits.h"
+#include "camera/ModelTraits.h"
 
 namespace {
 
@@ -259,7 +259,7 @@ imaging::FramePlan PlanSamples(CCameraBase& cam, const ModelTraits& t, const Del
             cam.FillGamma16();
             plan.gamma16 = cam.m_pGamma16;
         } else {
-            lut = imaging::SnapshotGamma8(cam);
+            lut = imaging::SnapshotGamma8(cam.m_Gamma8);
             plan.gamma8 = lut.data();
         }
     }

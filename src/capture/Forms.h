@@ -1,7 +1,7 @@
 // What the families do differently in the capture thread: one row a family, one column a difference. What a row cannot
 // say (the steps of the long exposures, the restarts) stands in SmallChunkLoop and LongExposure under the row's names.
 #pragma once
-#include "sensors/ModelTraits.h"
+#include "camera/ModelTraits.h"
 
 // How a frame names itself. The marks stand in place of image pixels.
 enum class Marks : uint8_t {

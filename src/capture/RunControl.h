@@ -4,7 +4,7 @@
 #include <atomic>
 #include <mutex>
 
-#include "core/CCameraBase.h"
+#include "camera/CCameraBase.h"
 
 class RunControl {
 public:

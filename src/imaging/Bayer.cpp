@@ -1,8 +1,5 @@
 #include "imaging/Bayer.h"
 
-#include "core/CCameraBase.h"
-#include "imaging/Kernels.h"
-
 namespace imaging {
 
 std::optional<BayerPhase> PhaseAfterFlips(BayerPattern pattern, bool flipRow, bool flipColumn)
@@ -15,12 +12,3 @@ std::optional<BayerPhase> PhaseAfterFlips(BayerPattern pattern, bool flipRow, bo
 }
 
 }  // namespace imaging
-
-void CCameraBase::Bayer2RGB24(uint8_t* src, uint8_t* dst, int width, int height)
-{
-    const auto phase = imaging::PhaseAfterFlips(m_ColorBayer, m_bFlipRow, m_bFlipColumn);
-    if (!phase)
-        return;
-    const imaging::Gains gains = imaging::SnapshotGains();
-    imaging::Demosaic({ src, width, height, *phase, &gains }, 0, height, dst);
-}

@@ -3,7 +3,7 @@
 #pragma once
 #include <cstdint>
 
-#include "core/Export.h"
+#include "base/Export.h"
 
 class KOV_CLASS CAlgorithm {
 public:

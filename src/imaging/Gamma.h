@@ -1,12 +1,19 @@
-// The 8-bit gamma table of the camera as it is now. Host threads; SetGamma may rewrite the tables meanwhile, and then a frame
-// may be mapped partly with old values.
+// The tables of a gamma. Entry i is cut(min((i / last) ^ e * last, last)), each step in single precision. A host may have a
+// table filled anew while frames are mapped with it: entries are relaxed atomics, and such a frame may be mapped partly with
+// old values.
 #pragma once
-#include "imaging/Tables.h"
+#include <atomic>
+#include <cstdint>
 
-class CCameraBase;
+#include "imaging/Tables.h"
 
 namespace imaging {
 
-ByteTable SnapshotGamma8(const CCameraBase& camera);
+// `hundredths`: the exponent times 100. 256 and 65536 entries. One thread at a time.
+void FillGamma8(std::atomic<uint8_t>* table, int hundredths);
+void FillGamma16(std::atomic<uint16_t>* table, int hundredths);
+
+// The table as it is now.
+ByteTable SnapshotGamma8(const std::atomic<uint8_t>* table);
 
 }  // namespace imaging

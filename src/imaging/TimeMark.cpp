@@ -4,8 +4,6 @@
 #include <cstddef>
 #include <cstdio>
 
-#include "core/CCameraBase.h"
-
 namespace imaging {
 
 namespace {
@@ -96,10 +94,3 @@ void DrawTimeMark(uint8_t* image, int width, int height, int bytesPerPixel, cons
 }
 
 }  // namespace imaging
-
-// The time is that of the delivery, not of the exposure. 16-bit images are never marked.
-void CCameraBase::AddTimeMark(uint8_t* image, int width, IMAGE_TYPE type)
-{
-    if (type == IMAGE_8BIT || type == IMAGE_RGB24)
-        imaging::DrawTimeMark(image, width, m_iHeight, type == IMAGE_RGB24 ? 3 : 1, platform::LocalNow());
-}

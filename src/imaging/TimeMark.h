@@ -2,7 +2,7 @@
 #pragma once
 #include <cstdint>
 
-#include "platform/Platform.h"
+#include "base/LocalTime.h"
 
 namespace imaging {
 

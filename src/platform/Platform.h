@@ -6,6 +6,8 @@
 #include <cstdio>
 #include <memory>
 
+#include "base/LocalTime.h"
+
 namespace platform {
 
 // Results of a wait, with the numbers that the driver interface uses.
@@ -18,7 +20,6 @@ constexpr uint32_t WAIT_FOREVER = 0xFFFFFFFFu;
 uint32_t Ticks();            // milliseconds since some start; wraps as an unsigned 32-bit number
 void SleepMs(uint32_t ms);   // blocks the calling thread
 
-struct LocalTime { int iYear, iMonth, iDay, iHour, iMinute, iSecond, iMillisecond; };
 LocalTime LocalNow();        // the host's wall clock; not changed by SetClockRate
 
 // Tests only: lets Ticks, SleepMs and all timed waits run `rate` times as fast. 1.0 is real time.

@@ -1,6 +1,6 @@
 // The layer between CCameraBase and the cameras with a PYTHON sensor: register routines for that sensor, and no fields.
 #pragma once
-#include "core/CCameraBase.h"
+#include "camera/CCameraBase.h"
 
 class KOV_CLASS CCameraPython : public CCameraBase {
 public:

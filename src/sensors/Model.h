@@ -11,10 +11,10 @@
 #include <utility>
 
 #include "capture/Capture.h"
-#include "core/CCameraBase.h"
-#include "sensors/ModelTraits.h"
+#include "camera/CCameraBase.h"
+#include "camera/ModelTraits.h"
 #include "sensors/RegisterTable.h"
-#include "thermal/CCameraCool.h"
+#include "camera/CCameraCool.h"
 #include "usb/CUsbLink.h"
 
 // The bodies, written once for all bases (Model.cpp).

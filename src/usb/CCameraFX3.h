@@ -3,8 +3,8 @@
 #pragma once
 #include <cstdint>
 
-#include "core/Export.h"
-#include "core/Shared.h"
+#include "base/Export.h"
+#include "base/Shared.h"
 #include "platform/Platform.h"
 #include "platform/UsbDriver.h"
 

@@ -4,7 +4,7 @@
 #include <memory>
 #include <new>
 
-#include "core/Trace.h"
+#include "base/Trace.h"
 #include "platform/Platform.h"
 
 using platform::Overlapped;

@@ -3,8 +3,8 @@
 #include <cstdint>
 #include <memory>
 
-#include "core/Export.h"
-#include "core/Shared.h"
+#include "base/Export.h"
+#include "base/Shared.h"
 #include "platform/UsbDriver.h"
 #include "platform/XferRecord.h"
 

@@ -7,7 +7,7 @@
 #include <thread>
 
 #include "device/DeviceFixture.h"
-#include "thermal/CCameraCool.h"
+#include "camera/CCameraCool.h"
 
 using Bytes = std::vector<uint8_t>;
 

@@ -13,7 +13,7 @@
 
 #include "capture/Capture.h"
 #include "platform/UsbAdapter.h"
-#include "sensors/ModelTraits.h"
+#include "camera/ModelTraits.h"
 #include "support/RecordingStack.h"
 #include "usb/CUsbLink.h"
 

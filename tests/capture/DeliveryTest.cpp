@@ -5,7 +5,7 @@
 #include <thread>
 
 #include "CaptureCamera.h"
-#include "automation/HotPixels.h"
+#include "camera/HotPixels.h"
 #include "imaging/Bayer.h"
 
 namespace {

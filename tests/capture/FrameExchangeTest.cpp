@@ -1,4 +1,4 @@
-#include "capture/FrameExchange.h"
+#include "exchange/FrameExchange.h"
 
 #include <gtest/gtest.h>
 

@@ -11,7 +11,7 @@
 #include <vector>
 
 #include "KOVCamera2.h"
-#include "core/CCameraBase.h"
+#include "camera/CCameraBase.h"
 #include "platform/Platform.h"
 #include "platform/UsbAdapter.h"
 #include "support/TempStore.h"

@@ -4,7 +4,7 @@
 #include <algorithm>
 #include <vector>
 
-#include "core/TestCamera.h"
+#include "camera/TestCamera.h"
 
 namespace {
 

@@ -7,7 +7,7 @@
 #include <memory>
 #include <type_traits>
 
-#include "core/CCameraBase.h"
+#include "camera/CCameraBase.h"
 #include "platform/Platform.h"
 #include "platform/UsbAdapter.h"
 #include "support/RecordingStack.h"

@@ -21,7 +21,7 @@
 #include <vector>
 
 #include "KOVCamera2.h"
-#include "core/CCameraBase.h"
+#include "camera/CCameraBase.h"
 #include "platform/Platform.h"
 #include "platform/UsbAdapter.h"
 #include "usb/CUsbLink.h"

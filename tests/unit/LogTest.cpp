@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "core/Trace.h"
+#include "base/Trace.h"
 #include "platform/Platform.h"
 
 namespace {

@@ -12,7 +12,7 @@
 #include "common/Files.h"
 #include "common/Host.h"
 #include "common/Text.h"
-#include "core/CCameraBase.h"
+#include "camera/CCameraBase.h"
 #include "kovcam/Json.h"
 
 namespace kovcam {

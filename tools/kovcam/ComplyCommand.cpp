@@ -4,7 +4,7 @@
 
 #include "common/Comply.h"
 #include "common/Plot.h"
-#include "core/CCameraBase.h"
+#include "camera/CCameraBase.h"
 #include "kovcam/Camera.h"
 #include "kovcam/Commands.h"
 #include "kovcam/Json.h"

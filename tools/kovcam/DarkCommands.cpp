@@ -6,7 +6,7 @@
 #include <thread>
 
 #include "common/Files.h"
-#include "core/CCameraBase.h"
+#include "camera/CCameraBase.h"
 #include "kovcam/Capture.h"
 #include "kovcam/Commands.h"
 #include "kovcam/Cooling.h"

@@ -12,7 +12,7 @@
 #include "FirmwareData.h"
 #include "common/Files.h"
 #include "common/Host.h"
-#include "core/CCameraBase.h"
+#include "camera/CCameraBase.h"
 #include "kovcam/Camera.h"
 #include "kovcam/Commands.h"
 #include "kovcam/Json.h"

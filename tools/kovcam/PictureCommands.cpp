@@ -6,7 +6,7 @@
 #include "common/Measure.h"
 #include "common/Ser.h"
 #include "common/Text.h"
-#include "core/CCameraBase.h"
+#include "camera/CCameraBase.h"
 #include "kovcam/Capture.h"
 #include "kovcam/Commands.h"
 #include "kovcam/Cooling.h"

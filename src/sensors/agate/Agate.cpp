@@ -4,8 +4,8 @@
 #include <cstdlib>
 #include <vector>
 
-#include "automation/WhiteBalance.h"
-#include "core/FrameSample.h"
+#include "camera/WhiteBalance.h"
+#include "base/FrameSample.h"
 
 struct AgateForm {
     int iBlank;       // least blanking of a line, clocks

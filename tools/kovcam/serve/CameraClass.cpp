@@ -3,7 +3,7 @@
 #include <fmt/format.h>
 
 #include "common/Files.h"
-#include "core/CCameraBase.h"
+#include "camera/CCameraBase.h"
 #include "kovcam/serve/Frame.h"
 
 namespace kovserve {

@@ -1,0 +1,256 @@
+#include "exchange/FrameExchange.h"
+
+#include <algorithm>
+#include <atomic>
+#include <cstring>
+#include <mutex>
+#include <new>
+#include <utility>
+#include <vector>
+
+#include "platform/Pages.h"
+
+namespace {
+
+// Counts a thread inside for its life.
+class Inside {
+public:
+    explicit Inside(std::atomic<int32_t>& n) : m_n(n) { m_n.fetch_add(1, std::memory_order_acq_rel); }
+    ~Inside() { m_n.fetch_sub(1, std::memory_order_acq_rel); }
+    Inside(const Inside&) = delete;
+    Inside& operator=(const Inside&) = delete;
+
+private:
+    std::atomic<int32_t>& m_n;
+};
+
+}  // namespace
+
+struct FrameExchange::Impl {
+    explicit Impl(uint32_t dwSlotBytes) : dwCapacity(dwSlotBytes)
+    {
+        for (int i = 0; i < SLOTS; ++i)
+            spares.push_back(AddBlock());
+        turn.Release();
+    }
+
+    // Fresh pages cost nothing until a frame lands in them, and hold no foreign bytes.
+    uint8_t* AddBlock()
+    {
+        const size_t bytes = dwCapacity + SLOT_PAD;
+        platform::Pages<uint8_t> p(static_cast<uint8_t*>(platform::AllocPages(bytes)), platform::PagesDeleter{ bytes });
+        if (!p)
+            throw std::bad_alloc();
+        spares.reserve(blocks.size() + 1);  // so that giving a block back never fails
+        blocks.push_back(std::move(p));
+        return blocks.back().get();
+    }
+
+    size_t Fit(int32_t iSize) const { return iSize > 0 ? std::min<size_t>(size_t(iSize), dwCapacity) : 0; }
+    int32_t Held() const { return iCount.load(std::memory_order_acquire); }
+
+    // `ring` locked. The block that was given back last is the likeliest one to lie in a cache, and those that the flow of
+    // frames does not need are never touched.
+    uint8_t* PopSpare()
+    {
+        uint8_t* const p = spares.back();
+        spares.pop_back();
+        return p;
+    }
+
+    // Producer; `ring` locked, and a slot is free.
+    void Publish(uint8_t* pBlock, int32_t iSize)
+    {
+        apSlots[iWrite] = pBlock;
+        aFrameBytes[iWrite] = Fit(iSize);
+        uint32_t dwHead = 0;
+        std::memcpy(&dwHead, pBlock, sizeof dwHead);
+        aHead[iWrite].store(dwHead, std::memory_order_relaxed);
+        iWrite ^= 1;
+        // In one step for the reader: taken before its signal is given, a frame would leave a second stale one behind.
+        if (iCount.fetch_add(1, std::memory_order_acq_rel) + 1 == 1)
+            signal.Release();
+    }
+    // Consumer. True when a frame is there, with `ring` locked.
+    bool Await(uint32_t dwTimeoutMs, std::unique_lock<std::mutex>& lock);
+    // `ring` locked. The slot of the oldest frame is empty then, and there has to be a spare for it.
+    uint8_t* Remove()
+    {
+        uint8_t* const p = apSlots[iRead.load(std::memory_order_relaxed)];
+        iRead.store(iRead.load(std::memory_order_relaxed) ^ 1, std::memory_order_relaxed);
+        iCount.fetch_sub(1, std::memory_order_acq_rel);  // only Reset could have taken it to 0, and that waits
+        return p;
+    }
+
+    static constexpr int SLOTS = 2;
+    const uint32_t dwCapacity;
+    std::vector<platform::Pages<uint8_t>> blocks;  // all memory; changed under `ring`
+    // The frames, from iRead on; slots that are free hold nothing, and a spare waits for each of them. Under `ring`.
+    uint8_t* apSlots[SLOTS] = {};
+    size_t aFrameBytes[SLOTS] = {};
+    std::atomic<uint32_t> aHead[SLOTS] = {};  // first word of each slot, readable while the slot is being filled
+    int32_t iWrite = 0;                   // producer's own
+    std::atomic<int32_t> iRead{ 0 };
+    std::atomic<int32_t> iCount{ 0 };     // a frame is published by the step up and given back by the step down
+    // Held by Read for the span of its copy and by Reset, so that after a Reset no slot is being read any more. The
+    // producer fills a spare without it and publishes under it.
+    std::mutex ring;
+    std::vector<uint8_t*> spares;         // under `ring`
+    platform::Semaphore signal;           // given on the step from 0 to 1 only
+    platform::Semaphore turn;
+    std::atomic<bool> bClosing{ false };
+    std::atomic<int32_t> iInside{ 0 };    // consumers and leases between their first and last touch of this object
+};
+
+FrameExchange::FrameExchange(uint32_t dwSlotBytes) : m_p(std::make_unique<Impl>(dwSlotBytes)) {}
+
+FrameExchange::~FrameExchange() { Shut(); }
+
+void FrameExchange::Shut()
+{
+    m_p->bClosing = true;
+    do {
+        m_p->signal.Release();
+        m_p->turn.Release();
+        if (m_p->iInside.load(std::memory_order_acquire) == 0)
+            break;
+        platform::SleepMs(1);
+    } while (true);
+}
+
+void FrameExchange::Reset()
+{
+    const std::lock_guard l(m_p->ring);
+    while (m_p->Held() != 0)
+        m_p->spares.push_back(m_p->Remove());
+    m_p->iWrite = 0;
+    m_p->iRead.store(0, std::memory_order_relaxed);
+}
+
+bool FrameExchange::Insert(const uint8_t* pData, int32_t iSize)
+{
+    Impl& m = *m_p;
+    if (!pData || m.Held() >= Impl::SLOTS)
+        return false;
+    std::unique_lock lock(m.ring);
+    uint8_t* const pBlock = m.PopSpare();
+    lock.unlock();
+    std::memcpy(pBlock, pData, m.Fit(iSize));
+    lock.lock();
+    m.Publish(pBlock, iSize);
+    return true;
+}
+
+uint8_t* FrameExchange::MakeBlock()
+{
+    const std::lock_guard l(m_p->ring);
+    return m_p->AddBlock();
+}
+
+uint8_t* FrameExchange::HandOver(uint8_t* pBlock, int32_t iSize)
+{
+    Impl& m = *m_p;
+    if (!pBlock || m.Held() >= Impl::SLOTS)
+        return nullptr;
+    const std::lock_guard l(m.ring);
+    m.Publish(pBlock, iSize);
+    return m.PopSpare();
+}
+
+bool FrameExchange::Impl::Await(uint32_t dwTimeoutMs, std::unique_lock<std::mutex>& lock)
+{
+    if (Held() == 0) {
+        if (dwTimeoutMs == 0 || signal.Wait(dwTimeoutMs) == platform::WAIT_TIMED_OUT)
+            return false;
+        // A reader that found a frame without waiting left its signal behind; such a stale one wakes the next reader
+        // early, hence the second wait.
+        if (Held() == 0 && !bClosing)
+            signal.Wait(dwTimeoutMs);
+    }
+    lock = std::unique_lock(ring);
+    return Held() != 0 && !bClosing;
+}
+
+bool FrameExchange::Read(uint8_t* pDest, int32_t iSize, uint32_t dwTimeoutMs)
+{
+    Impl& m = *m_p;
+    const Inside inside(m.iInside);
+    std::unique_lock<std::mutex> lock;
+    if (!m.Await(dwTimeoutMs, lock))
+        return false;
+    const int32_t iSlot = m.iRead.load(std::memory_order_relaxed);
+    const size_t n = m.Fit(iSize), nFrame = std::min(n, m.aFrameBytes[iSlot]);
+    std::memcpy(pDest, m.apSlots[iSlot], nFrame);
+    std::memset(pDest + nFrame, 0, n - nFrame);
+    m.spares.push_back(m.Remove());
+    return true;
+}
+
+FrameExchange::Lease FrameExchange::Take(int32_t iSize, uint32_t dwTimeoutMs)
+{
+    Impl& m = *m_p;
+    const Inside inside(m.iInside);
+    std::unique_lock<std::mutex> lock;
+    Lease lease;
+    if (!m.Await(dwTimeoutMs, lock))
+        return lease;
+    if (m.Held() + int32_t(m.spares.size()) <= Impl::SLOTS)  // all other blocks are with readers
+        m.spares.insert(m.spares.begin(), m.AddBlock());
+    const int32_t iSlot = m.iRead.load(std::memory_order_relaxed);
+    const size_t n = m.Fit(iSize), nFrame = std::min(n, m.aFrameBytes[iSlot]);
+    lease.m_pFrame = m.Remove();
+    lease.m_pExchange = this;
+    m.iInside.fetch_add(1, std::memory_order_acq_rel);
+    std::memset(lease.m_pFrame + nFrame, 0, n - nFrame);
+    return lease;
+}
+
+FrameExchange::Lease::~Lease()
+{
+    if (!m_pExchange)
+        return;
+    Impl& m = *m_pExchange->m_p;
+    {
+        const std::lock_guard l(m.ring);
+        m.spares.push_back(m_pFrame);
+    }
+    m.iInside.fetch_sub(1, std::memory_order_acq_rel);
+}
+
+FrameExchange::Lease& FrameExchange::Lease::operator=(Lease&& o) noexcept
+{
+    std::swap(m_pExchange, o.m_pExchange);
+    std::swap(m_pFrame, o.m_pFrame);
+    return *this;
+}
+
+bool FrameExchange::PeekHead(uint32_t dwExpected, uint32_t dwTimeoutMs)
+{
+    Impl& m = *m_p;
+    const Inside inside(m.iInside);
+    if (m.Held() == 0 && m.signal.Wait(dwTimeoutMs) == platform::WAIT_TIMED_OUT)
+        return false;
+    // QUIRK: woken by a stale signal it answers for the frame that lay in the slot before.
+    return m.aHead[m.iRead.load(std::memory_order_relaxed)].load(std::memory_order_relaxed) == dwExpected;
+}
+
+int32_t FrameExchange::Count() const { return m_p->Held(); }
+
+FrameExchange::Turn::Turn(FrameExchange& fx, uint32_t dwTimeoutMs) : m_fx(fx)
+{
+    Impl& m = *fx.m_p;
+    m.iInside.fetch_add(1, std::memory_order_acq_rel);
+    m_bHeld = m.turn.Wait(dwTimeoutMs) == platform::WAIT_SIGNALLED;
+    if (m_bHeld && m.bClosing) {
+        m.turn.Release();
+        m_bHeld = false;
+    }
+}
+
+FrameExchange::Turn::~Turn()
+{
+    Impl& m = *m_fx.m_p;
+    if (m_bHeld)
+        m.turn.Release();
+    m.iInside.fetch_sub(1, std::memory_order_acq_rel);
+}
