@@ -68,8 +68,15 @@ completes "kovcam firmware --to " ram eeprom flash
 completes "kovsim run --camera Quartz" QuartzCol QuartzMono
 cd "$dir" && touch picture.bmp
 completes "kovcam snap --dark pict" picture.bmp
+
+# The same in a zsh that somebody sits at: Tab completes the line, ^X shows it.
 if command -v zsh >/dev/null; then
-    for program in kovcam kovsim; do zsh -n <("$bin/$program" completion zsh) || fail "zsh refuses the completion of $program"; done
+    for program in kovcam kovsim; do "$bin/$program" completion zsh >"_$program"; done
+    for row in "kovcam snap --expo:sure " "kovcam set bright:ness " "kovcam firmware --to ee:prom " "kovsim run --camera AgateC:ol"; do
+        timeout 30 zsh -fc 'zmodload zsh/zpty; zpty z zsh -fi
+            zpty -w z "fpath=($PWD \$fpath); autoload -Uz compinit; compinit -u -D; show() print -r \"[\$BUFFER]\"; zle -N show; bindkey ^X show"
+            zpty -nw z "$1"$'"'\t\x18'"'; zpty -rm z seen "*\[$1$2*\]*"' - "${row%:*}" "${row#*:}" || fail "zsh does not complete '${row%:*}'"
+    done
 fi
 [ "$failures" -eq 0 ] && echo "all well"
 [ "$failures" -eq 0 ]
