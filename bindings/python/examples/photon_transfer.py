@@ -17,6 +17,7 @@ import kovcamera2 as kov
 
 Array = NDArray[np.float64]
 BITS = 12  # of the camera's converter: RAW16 has the sample in the upper bits
+FIT_LIMIT = 0.7 * 2**BITS  # ADU; brighter points come near saturation, where noise is cut off
 
 
 def pair(cam: kov.Camera, seconds: float) -> tuple[float, float]:
@@ -29,7 +30,7 @@ def measure(cam: kov.Camera, exposures: Array) -> Array:
     """Rows of exposure, mean above black, variance. Black is where the line through the means meets exposure 0: even the
     shortest exposure has some light."""
     curve = np.array([(t, *pair(cam, t)) for t in exposures])
-    low = curve[curve[:, 1] < 0.7 * 2**BITS]
+    low = curve[curve[:, 1] < FIT_LIMIT]
     curve[:, 1] -= np.polyfit(low[:, 0], low[:, 1], 1, w=1 / np.sqrt(low[:, 2]))[1]
     return curve
 
@@ -38,7 +39,7 @@ def fit(curve: Array) -> tuple[float, float]:
     """Gain in electrons an ADU and read noise in electrons, from the part well below saturation.
 
     The converter cuts fractions off, which adds a variance of 1/12 ADU; it is taken out."""
-    low = curve[curve[:, 1] < 0.7 * 2**BITS]
+    low = curve[curve[:, 1] < FIT_LIMIT]
     slope, offset = np.polyfit(low[:, 1], low[:, 2] - 1 / 12, 1, w=1 / low[:, 2])
     return 1 / slope, float(np.sqrt(max(offset, 0))) / slope
 
@@ -53,7 +54,8 @@ def plot(curve: Array, gain: float, noise: float, path: str) -> None:
     signal = np.geomspace(1, 2**BITS, 200)
     axes.loglog(signal, np.sqrt(signal / gain + (noise / gain) ** 2 + 1 / 12), color="0.6", label="fit")
     axes.loglog(signal, np.sqrt(signal / gain), ":", color="0.6", label="shot noise alone")
-    axes.loglog(curve[:, 1], np.sqrt(curve[:, 2]), "o", ms=5, color="tab:blue", label="measured")
+    for part, fill, label in ((curve[:, 1] < FIT_LIMIT, "tab:blue", "measured"), (curve[:, 1] >= FIT_LIMIT, "none", "near saturation, not fitted")):
+        axes.loglog(curve[part, 1], np.sqrt(curve[part, 2]), "o", ms=5, color="tab:blue", mfc=fill, label=label)
     axes.set(xlabel="signal above black, ADU", ylabel="noise, ADU", xlim=(1, 2**BITS * 1.3), ylim=(0.5, 60),
              title=f"{gain:.3f} electrons an ADU, read noise {noise:.2f} electrons")
     axes.legend(loc="upper left")
