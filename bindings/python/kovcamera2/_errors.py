@@ -1,4 +1,4 @@
-"""One exception a kind of failure. All are KOVError; its message says what to do next."""
+"""One exception an error code. All are KOVError; its message says what to do next."""
 
 
 class KOVError(RuntimeError):
@@ -10,6 +10,10 @@ class KOVError(RuntimeError):
 
 class CameraNotFoundError(KOVError):
     advice = "there is no camera of that index; cameras() lists them, and 'kovcam doctor' tells what keeps one from being seen"
+
+
+class CameraGoneError(CameraNotFoundError):
+    advice = "the camera is not in the list any more; plug it in, then call cameras() and open it anew"
 
 
 class ControlError(KOVError):
@@ -36,6 +40,10 @@ class RegionError(KOVError):
     advice = "the camera refuses this region; widths are multiples of 8, heights are even, both within the sensor"
 
 
+class StartError(RegionError):
+    advice = "the camera refuses this start; x and y are at least 0, and with width and height within the sensor"
+
+
 class FormatError(KOVError):
     advice = "the camera does not deliver this format; see cam.info.formats"
 
@@ -52,6 +60,14 @@ class BusyError(KOVError):
     advice = "another capture runs on this camera; end the video loop or the exposure first"
 
 
+class VideoActiveError(BusyError):
+    advice = "a video runs on this camera; end its loop first"
+
+
+class ExposingError(BusyError):
+    advice = "a single exposure runs on this camera; wait for it or stop it first"
+
+
 class CameraError(KOVError):
     advice = "the camera refused, or has nothing of the kind"
 
@@ -65,9 +81,9 @@ class ExposureCancelled(KOVError):
 
 
 _TYPES: dict[int, type[KOVError]] = {
-    1: CameraNotFoundError, 2: CameraNotFoundError, 3: ControlError, 4: NotOpenError, 5: OpenError, 6: DarkPathError,
-    7: DarkFileError, 8: RegionError, 9: FormatError, 10: RegionError, 11: FrameTimeoutError, 13: ImageBufferError, 14: BusyError,
-    15: BusyError, 16: CameraError,
+    1: CameraNotFoundError, 2: CameraGoneError, 3: ControlError, 4: NotOpenError, 5: OpenError, 6: DarkPathError, 7: DarkFileError,
+    8: RegionError, 9: FormatError, 10: StartError, 11: FrameTimeoutError, 13: ImageBufferError, 14: VideoActiveError,
+    15: ExposingError, 16: CameraError,
 }
 
 

@@ -9,6 +9,7 @@ import numpy as np
 import pytest
 
 import kovcamera2 as kov
+from kovcamera2._errors import make as make_error
 
 
 @pytest.fixture(autouse=True)
@@ -177,6 +178,12 @@ def test_errors_tell_what_to_do(cam, sim, tmp_path):
     assert isinstance(caught.value, kov.FrameTimeoutError) and caught.value.code == 11
     with pytest.raises(ValueError, match="QuarzCol"):
         kov.virtual("QuarzCol").__enter__()
+
+
+def test_every_error_code_has_a_type_and_advice_of_its_own():
+    errors = [make_error(code, "doing it") for code in (*range(1, 12), *range(13, 17))]
+    assert len({type(e) for e in errors}) == len({e.advice for e in errors}) == 15
+    assert all(isinstance(e, kov.KOVError) and e.advice in str(e) for e in errors)
 
 
 def test_controls(cam):
