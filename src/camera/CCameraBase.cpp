@@ -6,6 +6,7 @@
 #include <new>
 
 #include "base/Attempt.h"
+#include "base/Log.h"
 #include "platform/Pages.h"
 #include "platform/Platform.h"
 #include "thermal/Thermistor.h"
@@ -92,6 +93,15 @@ CCameraBase::~CCameraBase()
 {
     // Also a link that CloseCamera has left open.
     ReplaceLink(nullptr);
+}
+
+bool CCameraBase::ChangeFPSPerc(int percent, bool autoMode, const char* szReason)
+{
+    const int iBefore = m_iFPSPerc;
+    const bool bOk = SetFPSPerc(percent, autoMode);
+    if (m_iFPSPerc != iBefore)
+        KOV_LOG(Info, "bandwidth from %d to %d: %s", iBefore, m_iFPSPerc.Get(), szReason);
+    return bOk;
 }
 
 // --- what a model may leave as it is ---------------------------------------------------------------------------------

@@ -140,7 +140,7 @@ KOV_ERROR_CODE CCameraBase::SetControlValue(KOV_CONTROL_TYPE control, int32_t va
     case CTRL_WB_R: SetRGBBalance(value, m_iWB_B, autoMode); return KOV_SUCCESS;
     case CTRL_WB_B: SetRGBBalance(m_iWB_R, value, autoMode); return KOV_SUCCESS;
     case CTRL_BRIGHTNESS: return Tested(SetBrightness(value));
-    case CTRL_BANDWIDTH: return Tested(SetFPSPerc(value, autoMode));
+    case CTRL_BANDWIDTH: return Tested(ChangeFPSPerc(value, autoMode, "set by the host"));
     case CTRL_OVERCLK: return Tested(SetOverCLKPerc(value));
     case CTRL_FLIP:  // QUIRK: other values than 0 to 3 change nothing and succeed
         if (value >= 0 && value <= 3)

@@ -225,13 +225,18 @@ bool CaptureLoop::ReduceBandwidth(bool bRisingClearsCount, bool bMayReduce)
     m_dwLastReduction = dwNow;
     if (dwSince >= 5000)
         return false;
-    KOV_LOG(Info, "bandwidth from %d to %d: three damaged frames within 5 s", m_cam.m_iFPSPerc.Get(),
-            m_cam.m_iFPSPerc - 4);
-    m_cam.SetFPSPerc(m_cam.m_iFPSPerc - 4, m_cam.m_bAutoFPS);
+    m_cam.ChangeFPSPerc(m_cam.m_iFPSPerc - 4, m_cam.m_bAutoFPS, "three damaged frames within 5 s");
     if (m_form.bSmallChunk)
         TraceLine("time from start:%d   time_delta:%d pkg:%x\n", int(dwNow - m_dwAutoStart), int(dwSince),
                   unsigned(m_cam.m_iHMAX));
     return true;
+}
+
+void CaptureLoop::StretchLine(int32_t iClocks, const char* szReason)
+{
+    const int32_t iLine = m_cam.m_iHMAX;
+    KOV_LOG(Info, "line length from %d to %d: %s", iLine, iLine + iClocks, szReason);
+    m_cam.WriteCameraRegister(GARNET_LINE_LENGTH, uint16_t(iLine + iClocks));
 }
 
 // --- USB 3 families and the Garnet _S pair --------------------------------------------------------------------------
@@ -322,7 +327,7 @@ private:
         m_nEmpty = 0;
         ReduceBandwidth(false, true);
         if (m_form.family == Family::GarnetS && m_nBad == 5)
-            m_cam.WriteCameraRegister(GARNET_LINE_LENGTH, uint16_t(m_cam.m_iHMAX + 100));
+            StretchLine(100, "five frames damaged");
         m_queue.Resync();
     }
 
@@ -481,8 +486,7 @@ private:
         }
         if (m_nBad == 4 && HasLineLength()) {
             TraceLine("try lowing pkg!!\n");
-            KOV_LOG(Info, "line length from %d to %d: four frames incomplete", m_cam.m_iHMAX.Get(), m_cam.m_iHMAX + 30);
-            m_cam.WriteCameraRegister(GARNET_LINE_LENGTH, uint16_t(m_cam.m_iHMAX + 30));
+            StretchLine(30, "four frames incomplete");
             m_cam.ResetEndPoint(IMAGE_ENDPOINT);
         }
         if (m_result.dwReceived == 0)
@@ -565,7 +569,7 @@ private:
             m_cam.WriteCameraRegister(IOLITE_MODE, IoliteMode());
         } else {
             if (HasLineLength())
-                m_cam.WriteCameraRegister(GARNET_LINE_LENGTH, uint16_t(m_cam.m_iHMAX + 30));
+                StretchLine(30, "the stream restarts");
             else
                 m_cam.WriteCameraRegister(DUNITE_RESTART, 1);
             m_cam.ResetDevice();

@@ -66,6 +66,8 @@ protected:
     void Automate(bool bExpGain);
     // Lowers the bandwidth when frames go bad soon after it was put on auto. True when it did.
     bool ReduceBandwidth(bool bRisingClearsCount, bool bMayReduce);
+    // Gives the sensor more clocks a line until the bandwidth is set anew, which relieves the link.
+    void StretchLine(int32_t iClocks, const char* szReason);
     bool IsShort() const { return m_cam.m_lExposure < SHORT_EXPOSURE && m_lFrameTime < SHORT_EXPOSURE; }
     void Fpga(uint16_t reg, uint16_t v) { m_cam.WriteFPGAREG(reg, v); }
     void Sleep(int64_t ms) { m_run.control.Sleep(ms); }
