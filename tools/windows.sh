@@ -40,40 +40,18 @@ fresh  # the tests have saved settings
 mkdir -p "$work/bin"
 cp "$build/src/KOVCamera2.dll" "$build/virtual/kovsim.dll" "$build/tools/kovcam.exe" "$build/tools/kovsim.exe" "$work/bin"
 export XDG_CONFIG_HOME=$work
-take() {  # take NAME "OPTIONS OF KOVSIM" COMMAND [OPTIONS OF KOVCAM]
-    local name=$1 sim=$2
-    shift 2
-    # shellcheck disable=SC2086
-    "$native/tools/kovsim" run $sim -- kovcam "$@" -o "$work/linux-$name" >/dev/null
-    # shellcheck disable=SC2086
-    (cd "$work" && wine bin/kovsim.exe run $sim -- kovcam "$@" -o "windows-$name" >/dev/null)
-}
-# Headers hold the time of day; the pixels must be the same to the bit. A busy machine can lose a frame, and noise differs from
-# frame to frame: what differs is taken anew, three times at most.
-same() {  # same FILE BYTES_FROM_THE_END BYTES "OPTIONS OF KOVSIM" COMMAND [OPTIONS OF KOVCAM]
-    local file=$1 from_end=$2 bytes=$3 system
+take() {  # take SYSTEM NAME "OPTIONS OF KOVSIM" COMMAND [OPTIONS OF KOVCAM]
+    local system=$1 name=$1-$2 sim=$3
     shift 3
-    for _ in 1 2 3; do
-        take "${file%.*}" "$@"
-        for system in linux windows; do
-            # The rest is read too: a tail that nobody listens to any more would end the script.
-            tail -c "$from_end" "$work/$system-$file" | { head -c "$bytes"; cat >/dev/null; } >"$work/$system.pixels"
-        done
-        [ "$(stat -c %s "$work/linux.pixels")" -eq "$bytes" ] || { echo "$file is shorter than $bytes bytes" >&2; exit 1; }
-        if cmp "$work/linux.pixels" "$work/windows.pixels"; then
-            echo "$file: $bytes bytes alike"
-            return
-        fi
-    done
-    echo "$file differs between the systems" >&2
-    exit 1
+    # shellcheck disable=SC2086
+    if [ "$system" = native ]; then
+        "$native/tools/kovsim" run $sim -- kovcam "$@" -o "$work/$name" >/dev/null
+    else
+        (cd "$work" && wine bin/kovsim.exe run $sim -- kovcam "$@" -o "$name" >/dev/null)
+    fi
 }
-blocks() { echo $((($1 + 2879) / 2880 * 2880)); }  # of a FITS file: the image is its last
-same pattern.fits "$(blocks 614400)" 614400 "--camera QuartzCol --scene pattern --seed 7" snap -e 10ms -r 640x480 -f raw16
-same sky.fits "$(blocks 614400)" 614400 "--camera LapisMono_C --scene sky --seed 7" snap -e 200ms -g 200 -r 640x480 -f raw16
-# A SER file ends with the times of its two frames.
-same colour.ser $((320 * 240 * 3 * 2 + 16)) $((320 * 240 * 3 * 2)) \
-    "--camera GarnetCol --scene colour:9000,5000,3000 --seed 7 --noise 0" video -n 2 -e 20ms -r 320x240 -f rgb24
+. tools/same-pictures.sh
+same_pictures
 
 say "paths in any script"
 mkdir "$work/dunkel ä 暗"
@@ -82,3 +60,28 @@ cam dark -e 20ms -o "dunkel ä 暗/dark.bmp"
 cam snap -e 20ms -f raw8 --dark "dunkel ä 暗/dark.bmp" -o "dunkel ä 暗/bild"
 [ -s "$work/dunkel ä 暗/dark.bmp" ] && [ -s "$work/dunkel ä 暗/bild.png" ]
 echo "written and read"
+
+say "a ZIP for users"
+name=KOVCamera2-$(sed -n 's/^project(KOVCamera2 VERSION \([0-9.]*\).*/\1/p' CMakeLists.txt)-windows-x64
+rm -rf "${build:?}/$name" "$build/$name.zip"
+cmake --install "$build" --prefix "$build/$name" --strip >/dev/null
+cp README.md CHANGELOG.md docs/windows.md "$build/$name"
+# The licence of this project, and of each part of others that is linked in.
+mkdir "$build/$name/licences"
+cp LICENSE "$build/$name/licences/KOVCamera2.txt"
+cat data/stars/README.md data/stars/LICENSE >"$build/$name/licences/stars.txt"
+for package in libhwy-dev libcli11-dev libfmt-dev nlohmann-json3-dev libz-mingw-w64-dev gcc-mingw-w64-base mingw-w64-x86-64-dev; do
+    cp "/usr/share/doc/$package/copyright" "$build/$name/licences/$package.txt"
+done
+(cd "$build" && cmake -E tar cf "$name.zip" --format=zip "$name")
+# What is in it runs from where it was unpacked, and a program can be built with it.
+mkdir "$work/zip"
+(
+    cd "$work/zip"
+    cmake -E tar xf "$build/$name.zip"
+    x86_64-w64-mingw32-gcc -I"$name/include" "$OLDPWD/examples/list.c" "$name/lib/libKOVCamera2.dll.a" -o "$name/bin/list.exe"
+    wine "$name/bin/kovsim.exe" run --camera QuartzCol -- list.exe | grep "1936 x 1096"
+    wine "$name/bin/kovsim.exe" run --camera QuartzCol -- kovcam snap -e 20ms -o zip >/dev/null
+    [ -s zip.fits ]
+)
+echo "$build/$name.zip"

@@ -71,8 +71,8 @@ inline const std::vector<ModelRow>& Models()
 // Puts cameras on a bus of its own and takes them off again. Settings go to a store that nobody else sees.
 class DeviceTest : public testing::Test {
 protected:
-    // Sanitizers slow the large virtual sensors down; their frames must still come within the host's waits.
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    // Sanitizers and emulators slow the large virtual sensors down; their frames must still come within the host's waits.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__) || defined(KOV_EMULATED)
     static constexpr double RATE = 1, RATE_LARGE = 0.2;
 #else
     static constexpr double RATE = 4, RATE_LARGE = 4;

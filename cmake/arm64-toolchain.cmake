@@ -1,0 +1,18 @@
+# Cross-build for 64-bit ARM with Debian's compiler. Needs -DKOV_SYSROOT=FOLDER, with the libraries and headers of arm64;
+# './dev arm64' makes one. Programs that are built run under qemu.
+set(CMAKE_SYSTEM_NAME Linux)
+set(CMAKE_SYSTEM_PROCESSOR aarch64)
+set(triple aarch64-linux-gnu)
+set(CMAKE_C_COMPILER ${triple}-gcc)
+set(CMAKE_CXX_COMPILER ${triple}-g++)
+set(CMAKE_LIBRARY_ARCHITECTURE ${triple})
+list(APPEND CMAKE_TRY_COMPILE_PLATFORM_VARIABLES KOV_SYSROOT)
+set(CMAKE_SYSROOT ${KOV_SYSROOT})
+set(CMAKE_FIND_ROOT_PATH ${KOV_SYSROOT})
+set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
+set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
+set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
+set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
+set(ENV{PKG_CONFIG_SYSROOT_DIR} ${KOV_SYSROOT})
+set(ENV{PKG_CONFIG_LIBDIR} ${KOV_SYSROOT}/usr/lib/${triple}/pkgconfig:${KOV_SYSROOT}/usr/share/pkgconfig)
+set(CMAKE_CROSSCOMPILING_EMULATOR qemu-aarch64 -L ${KOV_SYSROOT})
