@@ -96,7 +96,7 @@ for item in '== findings ==' 'gain  ' 'test frame of 100 ms: .*mean' 'debug .*ve
 expect 0 "the log on request" cam QuartzCol -vv get gain
 says err 'debug .*usb: '
 expect 0 "why the bandwidth changes" cam QuartzCol -v set bandwidth 61
-says err 'info .*core: bandwidth from [0-9]+ to 61: set by the host'
+says err 'info .*camera: bandwidth from [0-9]+ to 61: set by the host'
 
 # --- mistakes
 expect 2 "unknown command" cam QuartzCol snp
