@@ -276,7 +276,7 @@ class AlpacaTest(unittest.TestCase):
         self.assertEqual([c["value"] for c in self.s.json("/api/cameras/1/state")["state"]["controls"]], before)
 
     def test_crowds(self):
-        """A thousand connections, some of which say nothing and some a letter a second, and viewers without number."""
+        """Hundreds of connections, some of which say nothing and some a letter a second, and viewers without number."""
         def connect():
             return socket.create_connection(("127.0.0.1", self.s.port), timeout=20)
 
@@ -303,7 +303,7 @@ class AlpacaTest(unittest.TestCase):
         for c in events:
             c.sendall(f"GET /api/cameras/1/events HTTP/1.1\r\nHost: 127.0.0.1:{self.s.port}\r\n\r\n".encode())
         # Those of one address are full now, and one more is told so; other addresses of this machine are not.
-        told = [connect().recv(100).split(b" ")[1] for _ in range(900)]
+        told = [connect().recv(100).split(b" ")[1] for _ in range(200)]  # well within the time that a quiet connection is kept
         self.assertEqual(set(told), {b"503"})
         other = socket.create_connection(("127.0.0.1", self.s.port), source_address=("127.0.0.2", 0), timeout=20)
         other.sendall(f"GET /api/v1/camera/0/interfaceversion HTTP/1.1\r\nHost: 127.0.0.1:{self.s.port}\r\n\r\n".encode())
