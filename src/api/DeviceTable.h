@@ -3,8 +3,8 @@
 #pragma once
 #include <cstdint>
 
-#include "camera/CCameraBase.h"
 #include "base/Shared.h"
+#include "camera/CCameraBase.h"
 
 // Ten interfaces with at most 255 devices each: no ID can leave the tables.
 constexpr int DEVICE_MAX = 2560;

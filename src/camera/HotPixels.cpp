@@ -6,9 +6,9 @@
 #include <utility>
 #include <vector>
 
+#include "camera/CCameraBase.h"
 #include "camera/HotPixels.h"
 #include "camera/MemoryFrame.h"
-#include "camera/CCameraBase.h"
 
 namespace {
 

@@ -3,8 +3,8 @@
 #include <memory>
 #include <vector>
 
-#include "capture/RunControl.h"
 #include "camera/CCameraBase.h"
+#include "capture/RunControl.h"
 #include "usb/EndPoints.h"
 
 class ChunkQueue {

@@ -7,11 +7,11 @@
 
 #include "camera/HotPixels.h"
 #include "camera/MemoryFrame.h"
+#include "camera/ModelTraits.h"
 #include "capture/Capture.h"
 #include "imaging/Bayer.h"
 #include "imaging/Gamma.h"
 #include "imaging/Walk.h"
-#include "camera/ModelTraits.h"
 
 namespace {
 

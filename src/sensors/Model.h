@@ -10,11 +10,11 @@
 #include <span>
 #include <utility>
 
-#include "capture/Capture.h"
 #include "camera/CCameraBase.h"
-#include "camera/ModelTraits.h"
-#include "sensors/RegisterTable.h"
 #include "camera/CCameraCool.h"
+#include "camera/ModelTraits.h"
+#include "capture/Capture.h"
+#include "sensors/RegisterTable.h"
 #include "usb/CUsbLink.h"
 
 // The bodies, written once for all bases (Model.cpp).

@@ -4,8 +4,8 @@
 #include <cstdlib>
 #include <vector>
 
-#include "camera/WhiteBalance.h"
 #include "base/FrameSample.h"
+#include "camera/WhiteBalance.h"
 
 struct AgateForm {
     int iBlank;       // least blanking of a line, clocks
