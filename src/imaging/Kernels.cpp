@@ -755,7 +755,11 @@ HWY_EXPORT(Flip8);
 HWY_EXPORT(Flip16);
 HWY_EXPORT(SubtractDark);
 
-void StreamCopy(const uint8_t* src, uint8_t* dst, size_t n) { HWY_DYNAMIC_DISPATCH(StreamCopy)(src, dst, n); }
+void StreamCopy(const uint8_t* src, uint8_t* dst, size_t n)
+{
+    if (n != 0)  // an empty view may have no address, which memcpy does not take
+        HWY_DYNAMIC_DISPATCH(StreamCopy)(src, dst, n);
+}
 void MapBytes(const uint8_t* src, uint8_t* dst, size_t n, const uint8_t* lut)
 {
     HWY_DYNAMIC_DISPATCH(MapBytes)(src, dst, n, lut);
