@@ -1,6 +1,7 @@
 """Every endpoint of the Alpaca camera, and the page's own interface, as clients meet them."""
 import http.client
 import json
+import re
 import socket
 import struct
 import threading
@@ -274,6 +275,58 @@ class AlpacaTest(unittest.TestCase):
                 self.assertIn(answer.status, status if isinstance(status, tuple) else (status,), reason)
                 self.assertIn(word, reason)
         self.assertEqual([c["value"] for c in self.s.json("/api/cameras/1/state")["state"]["controls"]], before)
+
+    def test_who_is_let_in(self):
+        """Programs of this machine alone, unless an address is given, and that is told in one line."""
+        for serve, told in ((), ""), (("--listen", "0.0.0.0"), "open to the network: whoever reaches 0.0.0.0:{} sees and steers the cameras\n"):
+            s = Server("QuartzMono", serve=serve)
+            try:
+                with socket.socket() as c:
+                    self.assertEqual(c.connect_ex(("127.0.0.2", s.port)) == 0, bool(told))
+            finally:
+                s.close()
+            self.assertEqual(s.told, told.format(s.port))
+
+    def test_a_slow_viewer(self):
+        """One that takes 100 KB/s of the stream skips frames, gets new ones, and costs neither the camera nor others any."""
+        s = self.s
+
+        def watch(seconds):
+            """Frames a second of the camera, and of a viewer beside the slow one."""
+            first = last = seen = 0
+            began = time.time()
+            while time.time() - began < seconds:
+                r, _ = s.request("GET", f"/api/cameras/1/picture.jpg?after={last}&out=320")
+                last = int(r.headers["X-Frame"])
+                first, seen = first or last, seen + 1
+            return (last - first) / seconds, seen / seconds, last
+
+        for control in (1, 50000), (0, 200):
+            self.assertEqual(s.put("/api/cameras/1/control", {"type": control[0], "value": control[1]})[0], 200)
+        watch(1)
+        alone, _, _ = watch(4)
+        with socket.socket() as c:
+            c.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 8192)
+            c.connect(("127.0.0.1", s.port))
+            c.sendall(f"GET /api/cameras/1/live.mjpg?out=1280 HTTP/1.1\r\nHost: 127.0.0.1:{s.port}\r\n\r\n".encode())
+            got, over = bytearray(), threading.Event()
+
+            def take():
+                while not over.wait(0.04):
+                    got.extend(c.recv(4096))
+
+            slow = threading.Thread(target=take)
+            slow.start()
+            camera, other, newest = watch(10)
+            over.set()
+            slow.join()
+        shown = [int(n) for n in re.findall(rb"X-Frame: (\d+)", got)]
+        self.assertGreater(camera, 0.7 * alone)
+        self.assertGreater(other, 0.7 * alone)
+        self.assertGreater(len(shown), 2)
+        self.assertLess(len(shown), 0.5 * 10 * camera, "that viewer was not slow")
+        self.assertEqual(shown, sorted(set(shown)))
+        self.assertGreater(shown[-1], newest - 3 * 10 * camera / len(shown) - alone, "it lags behind")
 
     def test_crowds(self):
         """Hundreds of connections, some of which say nothing and some a letter a second, and viewers without number."""

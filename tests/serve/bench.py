@@ -18,12 +18,12 @@ def free_udp_port():
 
 
 class Server:
-    def __init__(self, cameras, *options):
+    def __init__(self, cameras, *options, serve=()):
         self.folder = tempfile.mkdtemp(prefix="kov-serve-")
         self.discovery = free_udp_port()
         tools = os.environ["KOV_TOOLS"]
         command = [f"{tools}/kovsim", "run", "--camera", cameras, *options, "--", f"{tools}/kovcam", "serve", "--port", "0",
-                   "--discovery", str(self.discovery), "--folder", self.folder]
+                   "--discovery", str(self.discovery), "--folder", self.folder, *serve]
         self.process = subprocess.Popen(command, stdout=subprocess.PIPE, text=True, env={**os.environ, "XDG_CONFIG_HOME": self.folder})
         line = self.process.stdout.readline()
         self.port = int(re.search(r":(\d+)/", line).group(1))
@@ -32,6 +32,8 @@ class Server:
     def close(self):
         self.process.terminate()
         code = self.process.wait(30)
+        with self.process.stdout as rest:
+            self.told = rest.read()  # behind its first line
         shutil.rmtree(self.folder)
         assert code in (0, -15, 143), f"the server ended with {code}"
 

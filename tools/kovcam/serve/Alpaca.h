@@ -6,6 +6,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <stop_token>
 #include <string>
 #include <thread>
 
@@ -54,10 +55,9 @@ public:
     Discovery& operator=(const Discovery&) = delete;
 
 private:
-    void Run(int alpacaPort);
+    void Run(const std::stop_token& stop, int alpacaPort);
     int m_socket = -1;
-    std::atomic<bool> m_stop{ false };
-    std::thread m_thread;
+    std::jthread m_thread;
 };
 
 }  // namespace kovserve

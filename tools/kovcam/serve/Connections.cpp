@@ -1,6 +1,7 @@
 #include "kovcam/serve/Connections.h"
 
 #include <arpa/inet.h>
+#include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -26,6 +27,7 @@ using namespace std::chrono_literals;
 constexpr auto IDLE = 20s;      // between two requests
 constexpr auto READING = 10s;   // of a head, and of a body
 constexpr auto WRITING = 10s;   // without the client taking anything
+constexpr int UNSENT = 64 * 1024;   // bytes that wait in the system
 constexpr size_t HEAD = 16 * 1024;
 constexpr size_t FRAMING = 4 * 1024;  // of a body in chunks, whose sum the library does not limit
 constexpr auto LINGER = 500ms;  // a refusal is to arrive before the connection's reset
@@ -52,7 +54,11 @@ std::pair<std::string, int> AddressOf(const sockaddr_storage& from)
 // One connection, with what was read too far kept for the next request.
 class LimitedStream final : public httplib::Stream {
 public:
-    explicit LimitedStream(socket_t socket) : m_socket(socket) {}
+    explicit LimitedStream(socket_t socket) : m_socket(socket)
+    {
+        // The system would keep megabytes for a client that takes little: a stream of pictures would be seconds late.
+        setsockopt(m_socket, IPPROTO_TCP, TCP_NOTSENT_LOWAT, &UNSENT, sizeof(UNSENT));
+    }
 
     // True when the next one has begun to come; false also once `over` tells so.
     template <class Over>

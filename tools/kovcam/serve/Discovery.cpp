@@ -31,23 +31,21 @@ Discovery::Discovery(int udpPort, int alpacaPort, bool network)
         m_socket = -1;
         return;
     }
-    m_thread = std::thread([this, alpacaPort] { Run(alpacaPort); });
+    m_thread = std::jthread([this, alpacaPort](const std::stop_token& stop) { Run(stop, alpacaPort); });
 }
 
 Discovery::~Discovery()
 {
-    m_stop = true;
-    if (m_thread.joinable())
-        m_thread.join();
+    m_thread = {};  // it has ended before its socket goes
     if (m_socket >= 0)
         close(m_socket);
 }
 
-void Discovery::Run(int alpacaPort)
+void Discovery::Run(const std::stop_token& stop, int alpacaPort)
 {
     static constexpr std::string_view ASKS = "alpacadiscovery1";
     const std::string answer = fmt::format("{{\"AlpacaPort\":{}}}", alpacaPort);
-    while (!m_stop) {
+    while (!stop.stop_requested()) {
         pollfd p{ m_socket, POLLIN, 0 };
         if (poll(&p, 1, 200) <= 0)
             continue;

@@ -1,6 +1,8 @@
 #include "kovcam/serve/Gauge.h"
 
 #include <algorithm>
+#include <condition_variable>
+#include <mutex>
 
 #include "kovcam/serve/Measure.h"
 
@@ -9,24 +11,14 @@ namespace kovserve {
 using namespace std::chrono_literals;
 using Steady = std::chrono::steady_clock;
 
-Gauge::Gauge(Board& board) : m_board(board), m_thread([this] { Run(); }) {}
+Gauge::Gauge(Board& board) : m_board(board), m_thread([this](const std::stop_token& stop) { Run(stop); }) {}
 
-Gauge::~Gauge()
+void Gauge::Run(const std::stop_token& stop)
 {
-    {
-        const std::lock_guard lock(m_mutex);
-        m_stop = true;
-        m_wake.notify_all();
-    }
-    m_thread.join();
-}
-
-void Gauge::Run()
-{
-    uint64_t last = 0;
-    std::unique_lock lock(m_mutex);
-    while (!m_stop) {
-        lock.unlock();
+    std::mutex mutex;
+    std::condition_variable_any pause;
+    std::unique_lock lock(mutex);
+    for (uint64_t last = 0; !stop.stop_requested();) {
         const FramePtr frame = m_board.WaitNewer(last, 1s);
         const auto begin = Steady::now();
         if (frame) {
@@ -37,10 +29,8 @@ void Gauge::Run()
                 // out of memory: the next frame is measured
             }
         }
-        lock.lock();
         // At most five a second, and never more than a third of a core.
-        const auto pause = std::max<Steady::duration>(200ms, 2 * (Steady::now() - begin));
-        m_wake.wait_for(lock, pause, [this] { return m_stop; });
+        pause.wait_for(lock, stop, std::max<Steady::duration>(200ms, 2 * (Steady::now() - begin)), [] { return false; });
     }
 }
 

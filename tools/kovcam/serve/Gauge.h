@@ -1,7 +1,6 @@
 // Measures the newest frame beside the video, on a thread of its own.
 #pragma once
-#include <condition_variable>
-#include <mutex>
+#include <stop_token>
 #include <thread>
 
 #include "kovcam/serve/Board.h"
@@ -10,19 +9,15 @@ namespace kovserve {
 
 class Gauge {
 public:
-    explicit Gauge(Board& board);
-    ~Gauge();  // after the board's end
+    explicit Gauge(Board& board);  // goes after the board's end
     Gauge(const Gauge&) = delete;
     Gauge& operator=(const Gauge&) = delete;
 
 private:
-    void Run();
+    void Run(const std::stop_token& stop);
 
     Board& m_board;
-    std::mutex m_mutex;
-    std::condition_variable m_wake;
-    bool m_stop = false;
-    std::thread m_thread;
+    std::jthread m_thread;
 };
 
 }  // namespace kovserve

@@ -9,17 +9,7 @@ namespace kovserve {
 using namespace std::chrono_literals;
 using Steady = std::chrono::steady_clock;
 
-GuidePulses::GuidePulses(Gate& gate) : m_gate(gate), m_thread([this] { Run(); }) {}
-
-GuidePulses::~GuidePulses()
-{
-    {
-        const std::lock_guard lock(m_mutex);
-        m_stop = true;
-        m_wake.notify_all();
-    }
-    m_thread.join();
-}
+GuidePulses::GuidePulses(Gate& gate) : m_gate(gate), m_thread([this](const std::stop_token& stop) { Run(stop); }) {}
 
 void GuidePulses::Attach(int id)
 {
@@ -47,7 +37,7 @@ void GuidePulses::Detach(bool forAMoment)
 void GuidePulses::Start(KOV_GUIDE_DIRECTION direction, std::chrono::milliseconds length)
 {
     std::unique_lock lock(m_mutex);
-    m_wake.wait_for(lock, 3s, [this] { return m_id >= 0 || !m_comesBack || m_stop; });
+    m_wake.wait_for(lock, 3s, [this] { return m_id >= 0 || !m_comesBack; });
     if (m_id < 0)
         throw CommandError("the camera is not open");
     Pulse& pulse = m_pulses[static_cast<size_t>(direction >> 1)];
@@ -65,26 +55,36 @@ bool GuidePulses::AreRunning() const
     return m_pulses[0].on || m_pulses[1].on;
 }
 
-void GuidePulses::Run()
+void GuidePulses::EndThoseDue()
+{
+    for (Pulse& pulse : m_pulses)
+        if (pulse.on && pulse.end <= Steady::now()) {
+            const Gate::Shared inside(m_gate);
+            KOVPulseGuideOff(m_id, pulse.direction);
+            pulse.on = false;
+        }
+}
+
+Steady::time_point GuidePulses::NextEnd() const
+{
+    auto next = Steady::time_point::max();
+    for (const Pulse& pulse : m_pulses)
+        if (pulse.on)
+            next = std::min(next, pulse.end);
+    return next;
+}
+
+void GuidePulses::Run(const std::stop_token& stop)
 {
     std::unique_lock lock(m_mutex);
-    while (!m_stop) {
-        auto next = Steady::time_point::max();
-        for (Pulse& pulse : m_pulses) {
-            if (!pulse.on)
-                continue;
-            if (pulse.end <= Steady::now()) {
-                const Gate::Shared inside(m_gate);
-                KOVPulseGuideOff(m_id, pulse.direction);
-                pulse.on = false;
-            } else {
-                next = std::min(next, pulse.end);
-            }
-        }
+    while (!stop.stop_requested()) {
+        EndThoseDue();
+        const auto next = NextEnd();
+        const auto isOther = [&] { return NextEnd() != next; };
         if (next == Steady::time_point::max())
-            m_wake.wait(lock);
+            m_wake.wait(lock, stop, isOther);
         else
-            m_wake.wait_until(lock, next);
+            m_wake.wait_until(lock, stop, next, isOther);
     }
 }
 

@@ -4,6 +4,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <mutex>
+#include <stop_token>
 #include <thread>
 
 #include "KOVCamera2.h"
@@ -15,9 +16,6 @@ namespace kovserve {
 class GuidePulses {
 public:
     explicit GuidePulses(Gate& gate);
-    ~GuidePulses();
-    GuidePulses(const GuidePulses&) = delete;
-    GuidePulses& operator=(const GuidePulses&) = delete;
 
     void Attach(int id);             // of an open camera
     void Detach(bool forAMoment);    // before it is closed; for a moment: a pulse waits for it
@@ -27,16 +25,18 @@ public:
     bool AreRunning() const;
 
 private:
-    void Run();
+    void Run(const std::stop_token& stop);
+    void EndThoseDue();                                   // m_mutex is held
+    std::chrono::steady_clock::time_point NextEnd() const;
     struct Pulse { bool on = false; KOV_GUIDE_DIRECTION direction{}; std::chrono::steady_clock::time_point end{}; };
 
     Gate& m_gate;
     mutable std::mutex m_mutex;  // may be held while the gate is waited for
-    std::condition_variable m_wake;
+    std::condition_variable_any m_wake;
     std::array<Pulse, 2> m_pulses;  // an axis each
-    bool m_stop = false, m_comesBack = false;
+    bool m_comesBack = false;
     int m_id = -1;
-    std::thread m_thread;
+    std::jthread m_thread;
 };
 
 }  // namespace kovserve

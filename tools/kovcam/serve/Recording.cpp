@@ -12,17 +12,11 @@ constexpr size_t QUEUE = 32;  // frames that wait for the disk before some are d
 
 }  // namespace
 
-Recording::Recording(Board& board) : m_board(board), m_thread([this] { Run(); }) {}
+Recording::Recording(Board& board) : m_board(board), m_thread([this](const std::stop_token& stop) { Run(stop); }) {}
 
 Recording::~Recording()
 {
     Finish();
-    {
-        const std::lock_guard lock(m_mutex);
-        m_stop = true;
-        m_wake.notify_all();
-    }
-    m_thread.join();
 }
 
 void Recording::Start(const std::string& path, OpenFile open)
@@ -62,13 +56,10 @@ void Recording::Finish()
     m_wake.wait(lock, [this] { return m_phase == Phase::Off; });
 }
 
-void Recording::Run()
+void Recording::Run(const std::stop_token& stop)
 {
     std::unique_lock lock(m_mutex);
-    for (;;) {
-        m_wake.wait(lock, [this] { return m_stop || m_phase == Phase::Ending || !m_queue.empty(); });
-        if (m_stop && m_phase == Phase::Off)
-            return;
+    while (m_wake.wait(lock, stop, [this] { return m_phase == Phase::Ending || !m_queue.empty(); })) {
         const FramePtr frame = m_queue.empty() ? nullptr : m_queue.front();
         if (frame)
             m_queue.pop_front();

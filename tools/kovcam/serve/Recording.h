@@ -5,6 +5,7 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <stop_token>
 #include <string>
 #include <thread>
 
@@ -37,21 +38,20 @@ public:
 
 private:
     enum class Phase { Off, On, Ending };
-    void Run();
+    void Run(const std::stop_token& stop);
     void Write(const FramePtr& frame);
     void CloseFile(std::string error);
 
     Board& m_board;
     std::mutex m_mutex;  // guards what follows
-    std::condition_variable m_wake;
+    std::condition_variable_any m_wake;
     Phase m_phase = Phase::Off;
     std::deque<FramePtr> m_queue;
     OpenFile m_open;
     std::string m_path;
-    bool m_stop = false;
 
     std::unique_ptr<Recorder> m_file;  // the recording's thread alone
-    std::thread m_thread;
+    std::jthread m_thread;
 };
 
 }  // namespace kovserve

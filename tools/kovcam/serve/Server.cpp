@@ -390,7 +390,7 @@ private:
                 return true;
             *last = frame->sequence;
             const auto jpeg = m_pictures.Get(*camera, frame, view);
-            const std::string head = fmt::format("--frame\r\nContent-Type: image/jpeg\r\nContent-Length: {}\r\n\r\n", jpeg->size());
+            const std::string head = fmt::format("--frame\r\nContent-Type: image/jpeg\r\nX-Frame: {}\r\nContent-Length: {}\r\n\r\n", frame->sequence, jpeg->size());
             return sink.write(head.data(), head.size()) && sink.write(jpeg->data(), jpeg->size()) && sink.write("\r\n", 2);
         });
     }
