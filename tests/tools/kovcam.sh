@@ -68,8 +68,9 @@ has_key b.fits NAXIS1 968
 expect 0 "what is in force is told" cam LapisMono snap -o b -e 20ms --no-png
 says err 'from before: .*flip 2 \(0\)'
 has_key b.fits FLIPSTAT Flip
-expect 0 "defaults" cam LapisMono snap -o b -e 20ms --no-png --defaults
+expect 0 "defaults, and one kind of file by its ending" cam LapisMono snap -o b.fits -e 20ms --defaults
 has_key b.fits FLIPSTAT None
+[ ! -e b.png ] || fail "b.png was not asked for"
 SIM="--scene flat:90000" expect 0 "saturation at 16 bits" cam QuartzMono snap -o c -e 1s -g 400 --no-png
 says err 'every pixel is saturated'
 

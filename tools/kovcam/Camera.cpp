@@ -81,6 +81,13 @@ std::string ExposureText(int64_t us)
     return kovtools::DurationText(std::chrono::microseconds(us));
 }
 
+// With neither form the camera's own setting stays.
+static void AddSwitch(CLI::App& app, const std::string& name, std::optional<bool>& value, const char* on, const char* off)
+{
+    app.add_flag_callback("--" + name, [&value] { value = true; }, on);
+    app.add_flag_callback("--no-" + name, [&value] { value = false; }, off);
+}
+
 void PictureOptions::AddTo(CLI::App& app, unsigned groups)
 {
     if (groups & Exposure) {
@@ -90,14 +97,12 @@ void PictureOptions::AddTo(CLI::App& app, unsigned groups)
         app.add_option("--bandwidth", iBandwidth, "Percent of the USB link");
         app.add_option("--wb-r", iWB_R, "White balance, red");
         app.add_option("--wb-b", iWB_B, "White balance, blue");
-        // With neither form the camera's own setting stays.
-        app.add_flag_function("--high-speed,!--no-high-speed", [this](int64_t n) { bHighSpeed = n > 0; }, "10-bit readout, faster");
+        AddSwitch(app, "high-speed", bHighSpeed, "10-bit readout, faster", "Readout of all bits");
         app.add_flag("--defaults", bDefaults, "Start from the defaults of all controls, not from what was set last");
     }
     if (groups & Geometry) {
         app.add_option("-b,--bin", iBin, "Binning factor, one of those that 'kovcam info' lists");
-        app.add_flag_function("--hardware-bin,!--no-hardware-bin", [this](int64_t n) { bHardwareBin = n > 0; },
-                              "Bin in the camera where it can");
+        AddSwitch(app, "hardware-bin", bHardwareBin, "Bin in the camera where it can", "Bin in this computer");
         app.add_option("-r,--region", sRegion, "Region in output pixels: WxH (centred) or WxH+X+Y");
         app.add_option("--flip", iFlip, "0 none, 1 horizontal, 2 vertical, 3 both")->check(CLI::Range(0, 3));
         app.add_option("--gamma", iGamma, "1 to 100, 50 is neutral");

@@ -1,6 +1,7 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <filesystem>
 
 #include "common/Pictures.h"
 #include "common/Measure.h"
@@ -87,6 +88,21 @@ struct SnapOptions {
     bool noFits = false, noPng = false, linear = false, tiff = false;
 };
 
+// Who names one kind of file by its ending gets that one alone.
+SnapOptions ByEnding(SnapOptions o)
+{
+    const std::filesystem::path path(o.out);
+    const std::string ending = path.extension().string();
+    const bool fits = ending == ".fits" || ending == ".fit", tiff = ending == ".tif" || ending == ".tiff", png = ending == ".png";
+    if (!fits && !tiff && !png)
+        return o;
+    o.out = (path.parent_path() / path.stem()).string();
+    o.noFits = !fits;
+    o.noPng = !png;
+    o.tiff = tiff;
+    return o;
+}
+
 std::string Numbered(const std::string& stem, int i, int count)
 {
     return count == 1 ? stem : fmt::format("{}-{:04}", stem, i + 1);
@@ -136,8 +152,9 @@ void TellSnap(const Globals& g, const Camera& cam, const Picture& p, const std::
             { "notDefault", DeviationsJson(cam) } });
 }
 
-void Snap(const Globals& g, const SnapOptions& o)
+void Snap(const Globals& g, const SnapOptions& given)
 {
+    const SnapOptions o = ByEnding(given);
     kovtools::FitsNotes notes = o.notes.Notes();
     if (o.tiff && !kovtools::WRITES_TIFF)
         throw UserError("this build writes no TIFF; FITS has the same samples", 2);
@@ -179,6 +196,8 @@ void Video(const Globals& g, VideoOptions o)
     CoolFor(cam, o.picture);
     if (o.frames == 0 && seconds <= 0)
         o.frames = 100;
+    if (o.out.ends_with(".ser"))
+        o.out.resize(o.out.size() - 4);
     kovtools::SerWriter ser(o.out + ".ser", Describe(cam).state);
     Progress progress("video");
     Picture last;
@@ -246,7 +265,7 @@ void AddPictureCommands(CLI::App& app, Globals& g)
     auto* pSnap = app.add_subcommand("snap", "Take single exposures; writes FITS and PNG");
     auto s = std::make_shared<SnapOptions>();
     s->picture.AddTo(*pSnap, P::Exposure | P::Geometry | P::Format | P::Finish | P::Cooler);
-    pSnap->add_option("-o,--out", s->out, "File name without ending")->capture_default_str();
+    pSnap->add_option("-o,--out", s->out, "File name; with .fits, .tif or .png that file alone is written")->capture_default_str();
     pSnap->add_option("-n,--count", s->count, "Number of exposures")->check(CLI::PositiveNumber);
     pSnap->add_flag("--no-fits", s->noFits, "No FITS file");
     pSnap->add_flag("--no-png", s->noPng, "No PNG file");
@@ -258,7 +277,7 @@ void AddPictureCommands(CLI::App& app, Globals& g)
     auto* pVideo = app.add_subcommand("video", "Record video; writes SER and the last frame as PNG");
     auto v = std::make_shared<VideoOptions>();
     v->picture.AddTo(*pVideo, P::Exposure | P::Geometry | P::Format | P::Finish | P::Cooler | P::Automation);
-    pVideo->add_option("-o,--out", v->out, "File name without ending")->capture_default_str();
+    pVideo->add_option("-o,--out", v->out, "File name; .ser and .png are added")->capture_default_str();
     pVideo->add_option("-n,--frames", v->frames, "Stop after that many frames (100 if nothing is said)")->check(CLI::PositiveNumber);
     pVideo->add_option("-t,--time", v->time, "Stop after that time, such as 10s or 2m");
     pVideo->add_flag("--no-png", v->noPng, "No PNG file");
