@@ -4,7 +4,7 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 bin=$(realpath "$1")/tools
 shift
-all=(sky families hotpixels cooler autoexposure photon-transfer cooler-step delivery)
+all=(sky families hotpixels cooler autoexposure photon-transfer cooler-step delivery serve)
 [ $# -gt 0 ] && all=("$@")
 out=$PWD/docs/pictures
 mkdir -p "$out"
@@ -71,6 +71,17 @@ cooler-step() { example cooler_step cooler-step; }
 delivery() {
     "${bin%/tools}/bench/kovbench" --isa "${KOV_BENCH_ISA:-avx2}" --benchmark_filter='^GetImage.*4656' --tsv "$tmp/bench.tsv" >"$tmp/bench.txt"
     /usr/bin/python3 bench/ratios.py "$tmp/bench.tsv" "$out/delivery.png"
+}
+
+# By the test of the page in Chromium.
+serve() {
+    local shot
+    mkdir "$tmp/shots"
+    KOV_TOOLS=$bin KOV_SCREENSHOTS=$tmp/shots /usr/bin/python3 tests/serve/page_test.py
+    cp "$tmp/shots/page.png" "$out/serve.png"
+    for shot in slider zoom zoom4 region exposure recording cooler unplugged browsers phone night; do
+        cp "$tmp/shots/$shot.png" "$out/serve-$shot.png"
+    done
 }
 
 for picture in "${all[@]}"; do

@@ -47,13 +47,15 @@ void FillChannels(const Frame& frame, Statistics& out)
     }
 }
 
-// Of the best stars: the brightest that are not saturated. A hot pixel that a demosaic has spread looks like a faint star.
+// Of the best stars: the brightest that are not saturated. A hot pixel that a demosaic has spread looks like a faint star,
+// and a bright one like a star that is sharper than a lens can make it.
 double BestRadius(const kovtools::StarField& field)
 {
     constexpr size_t BEST = 10;
+    constexpr double SHARPEST = 0.5;  // pixels
     std::vector<double> radii;
     for (const kovtools::Star& s : field.stars)  // the brightest come first
-        if (!s.saturated && radii.size() < BEST)
+        if (!s.saturated && s.hfr >= SHARPEST && radii.size() < BEST)
             radii.push_back(s.hfr);
     if (radii.empty())
         return 0;

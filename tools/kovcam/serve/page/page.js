@@ -231,6 +231,7 @@ stage.addEventListener('pointermove', e => {
     const clip = (v, most) => Math.max(0, Math.min(most, v));
     const x0 = clip(Math.min(drag.from.x, at.x), frame.width), y0 = clip(Math.min(drag.from.y, at.y), frame.height);
     drag.rect = { x: x0, y: y0, w: clip(Math.max(drag.from.x, at.x), frame.width) - x0, h: clip(Math.max(drag.from.y, at.y), frame.height) - y0 };
+    $('where').textContent = `${Math.round(drag.rect.w)} × ${Math.round(drag.rect.h)}`;
     drawOverlay();
   } else if (drag.moved && view.zoom) {
     const scale = (window.devicePixelRatio || 1) / view.zoom;
@@ -242,6 +243,7 @@ stage.addEventListener('pointerup', e => {
   const d = drag;
   drag = null;
   if (!d) return;
+  if (d.rect) $('where').textContent = '';
   if (marks.region && d.rect && d.rect.w > 16 && d.rect.h > 16) {
     const s = state.region;
     // What is drawn is mirrored where the camera flips.
@@ -274,11 +276,13 @@ function exposureText(us) {
 
 function onState(s) {
   const first = !state;
+  if (state && state.region.bin !== s.region.bin) focusHistory.length = 0;  // radii are in pixels of the picture
   state = s;
   if (told && Date.now() - told > 8000 && !s.problem) tell('');
   if (s.problem) tell(s.problem);
   $('phase').textContent = s.phase;
   $('phase').className = 'badge ' + s.phase;
+  $('stage').classList.toggle('old', ['absent', 'failed'].includes(s.phase));
   $('rate').textContent = s.phase === 'live' && s.framesPerSecond ? `${s.framesPerSecond.toFixed(1)} frames/s${s.dropped ? `, ${s.dropped} dropped` : ''}` : '';
   $('temperature').textContent = s.temperature === undefined ? '' : `${s.temperature.toFixed(1)} °C`;
   $('pause').textContent = s.phase === 'idle' ? 'Play' : 'Pause';
