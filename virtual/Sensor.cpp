@@ -259,6 +259,7 @@ void Camera::Emit(std::shared_ptr<const std::vector<uint8_t>> pixels)
     }
     if (!send || f.uSize == 0) {
         ++m_Counters.uSpoiled;
+        m_Counters.uWithheld += !send;
         return;
     }
     if (f.bGood) {

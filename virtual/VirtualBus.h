@@ -78,6 +78,7 @@ struct FrameCounters {
     uint64_t uStarted = 0;
     uint64_t uGood = 0;           // handed to the host whole and right
     uint64_t uSpoiled = 0;        // by a fault, by a wrong transfer count, or because the host left it in the FIFO
+    uint64_t uWithheld = 0;       // of the spoiled: not a byte of it was sent (NoFrame)
     uint64_t uAborted = 0;        // cut off by the host's reset or stop, or by the unplugging
     uint64_t uContradicted = 0;   // noise, since the registers contradicted each other; counted besides, whatever its end
 };

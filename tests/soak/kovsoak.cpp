@@ -35,6 +35,9 @@ using kovsim::Marks;
 using SteadyClock = std::chrono::steady_clock;
 
 constexpr int HANG_SECONDS = 120;      // real time that no call may take
+constexpr int REST_SECONDS = 60;       // real time after which a capture has ended
+constexpr int QUIET_SECONDS = 1;       // real time in which a busy machine still hands over what has been sent
+constexpr uint8_t START_STREAM = 169;  // request
 constexpr uint32_t SILENCE = 1000000;  // frames
 
 struct Options {
@@ -222,9 +225,25 @@ private:
         return ok;
     }
 
-    // A register that is read, changed and written back (the clock of Quartz and Onyx, by SetGain) comes out wrong when the
-    // answer is lost, and the sensor sends noise until the region is set anew. Nothing else may make registers contradict
-    // each other, and no other frame may be torn.
+    // Started frames are all good, spoiled or cut off: the bridge holds none.
+    static bool IsSettled(const FrameCounters& c) { return c.uStarted == c.uGood + c.uSpoiled + c.uAborted; }
+
+    // A snap that has told its outcome is still ending: a frame that comes until its thread has stopped the sensor belongs to
+    // nobody, and to no account either. The same with a stop that a busy machine keeps from being done in its 5 s.
+    void AwaitRest()
+    {
+        const auto end = SteadyClock::now() + std::chrono::seconds(REST_SECONDS);
+        while (m_Cam.CurrentReadout().bStreaming || !IsSettled(m_Cam.Counters())) {
+            if (SteadyClock::now() > end)
+                return Fail("%s: streams on after its capture", Name());
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+    }
+
+    // Noise comes of two causes. A register that is read, changed and written back (the clock of Quartz and Onyx, by SetGain)
+    // comes out wrong when the answer is lost, and the sensor sends noise until the region is set anew. And the lock is held for
+    // one transfer: where the capture thread starts the stream anew beside a control, a register of several bytes may be
+    // mixed for a moment. Nothing else may make registers contradict each other, and no other frame may be torn.
     void Judge(const FrameCounters& before, uint64_t nTorn, const char* szWhat)
     {
         const uint64_t nNoise = m_Cam.Counters().uContradicted - before.uContradicted;
@@ -233,8 +252,11 @@ private:
         if (nNoise == 0)
             return;
         m_Sums.nNoise += nNoise;
-        if (m_Cam.LostReplies() == m_uLostReplies)
+        const std::vector<kovsim::Request> requests = m_Cam.Requests();
+        const auto nStarts = std::count_if(requests.begin(), requests.end(), [](const auto& r) { return r.bRequest == START_STREAM; });
+        if (m_Cam.LostReplies() == m_uLostReplies && nStarts <= 1)
             Fail("%s: %s of noise, no reply was lost: %s", Name(), szWhat, m_Cam.LastContradiction().c_str());
+        AwaitRest();
         if (!Shared(0, [&] { return SetRegion(); }))
             Fail("%s: the region cannot be set again", Name());
     }
@@ -303,15 +325,15 @@ private:
     void Video(bool bFaults, bool bShort)
     {
         m_Data.resize(size_t(m_W) * size_t(m_H));
+        AwaitRest();
         SetExposure(0, m_Rng, bShort);
         // The frame of a stopped snap lies in the ring until the next capture has begun.
         while (Get(0) == KOV_SUCCESS) {
         }
         const FrameCounters before = m_Cam.Counters();
+        m_Cam.ClearRequests();
         if (Shared(0, [&] { return KOVStartVideoCapture(m_iId); }) != KOV_SUCCESS)
             return Fail("%s: video does not start", Name());
-        std::atomic<bool> bEnd{ false };
-        std::thread controls([&, uSeed = m_Rng()] { Controls(uSeed, bShort, bEnd); });
         uint64_t nGot = 0, nTorn = 0;
         const auto take = [&](uint32_t ms) {
             const KOV_ERROR_CODE r = Get(ms);
@@ -321,6 +343,9 @@ private:
             }
             return r == KOV_SUCCESS;
         };
+        take(10000);  // the stream has started: until then two threads would write the same registers
+        std::atomic<bool> bEnd{ false };
+        std::thread controls([&, uSeed = m_Rng()] { Controls(uSeed, bShort, bEnd); });
         const uint32_t dwStart = platform::Ticks(), dwLength = Pick(1000, 6000);
         uint32_t dwFault = dwStart + 500;
         while (platform::Ticks() - dwStart < dwLength) {
@@ -338,7 +363,12 @@ private:
         m_Cam.ClearFaults();
         const FrameCounters mid = m_Cam.Counters();
         m_Cam.Inject({ FaultKind::NoFrame, 0, 0, SILENCE });
-        while (take(2000)) {
+        const auto limit = SteadyClock::now() + std::chrono::seconds(REST_SECONDS);
+        for (auto last = SteadyClock::now(); SteadyClock::now() < limit;) {
+            if (take(2000) || !IsSettled(m_Cam.Counters()))
+                last = SteadyClock::now();
+            else if (SteadyClock::now() - last >= std::chrono::seconds(QUIET_SECONDS))
+                break;
         }
         const FrameCounters now = m_Cam.Counters();
         int32_t dropped = 0;
@@ -356,9 +386,10 @@ private:
     void Balance(const FrameCounters& before, const FrameCounters& mid, const FrameCounters& now, int64_t got, int64_t dropped,
                  bool bShort)
     {
-        const auto good = int64_t(now.uGood - before.uGood), spoiled = int64_t(mid.uSpoiled - before.uSpoiled);
+        const auto silent = int64_t(now.uWithheld - mid.uWithheld);
+        const auto good = int64_t(now.uGood - before.uGood), spoiled = int64_t(now.uSpoiled - before.uSpoiled) - silent;
         const auto aborted = int64_t(now.uAborted - before.uAborted);
-        const int64_t started = int64_t(now.uStarted - before.uStarted) - int64_t(now.uSpoiled - mid.uSpoiled);
+        const int64_t started = int64_t(now.uStarted - before.uStarted) - silent;
         const int64_t thrown = good - got - dropped - (m_bSmall && good > 0 ? 1 : 0), open = spoiled + aborted;
         ++m_Sums.nVideos;
         m_Sums.nGood += uint64_t(good);
@@ -386,10 +417,12 @@ private:
     void Snap()
     {
         m_Data.resize(size_t(m_W) * size_t(m_H));
+        AwaitRest();
         Set(0, CTRL_EXPOSURE, int32_t(Pick(5000, 120000)));
         if (Pick(0, 2) == 0)
             m_Cam.Inject({ Pick(0, 1) ? FaultKind::BadHead : FaultKind::ShortFrame, 11, 0, Pick(1, 2) });
         const FrameCounters before = m_Cam.Counters();
+        m_Cam.ClearRequests();
         uint64_t nTorn = 0;
         if (Shared(0, [&] { return KOVStartExposure(m_iId); }) != KOV_SUCCESS)
             return Fail("%s: exposure does not start", Name());
