@@ -99,11 +99,22 @@ bool IsNews(Trouble t)
     return (s_uTold.fetch_or(uBit) & uBit) == 0;
 }
 
-void TellNotKept(const fs::path& path, const char* szReason)
+const char* WayOut(int rc)
+{
+    switch (rc & 0xFF) {
+    case SQLITE_FULL: return "Make room there";
+    case SQLITE_IOERR: return "See whether there is room, also in the quota, and whether the disk is sound";
+    case SQLITE_BUSY:
+    case SQLITE_LOCKED: return "Another program holds the file: close it";
+    case SQLITE_NOMEM: return "They are kept with the next save that finds memory";
+    default: return "Make the folder writable, or set XDG_CONFIG_HOME to one that is";
+    }
+}
+
+void TellNotKept(const fs::path& path, const char* szReason, int rc)
 {
     if (IsNews(Trouble::NotKept))
-        KOV_LOG(Error, "settings are not kept in %s: %s. Make the folder writable, or set XDG_CONFIG_HOME to one that is",
-                path.c_str(), szReason);
+        KOV_LOG(Error, "settings are not kept in %s: %s. %s", path.c_str(), szReason, WayOut(rc));
 }
 
 // SQLITE_ERROR: statements that fit every file of ours do not fit its tables.
@@ -165,6 +176,36 @@ struct NoCase {
 };
 using Changes = std::map<std::string, std::vector<Value>, NoCase>;  // key -> values
 
+// Goes through all rows in the order of the file; row(key, name, statement). SQLITE_DONE, or why it ended. SQLite searches a
+// row by that order and takes it on trust: rows that lie elsewhere would be kept and never be found again.
+template <class Row>
+int Walk(const Db& db, Row row)
+{
+    const Statement s = Prepare(db, "SELECT key, name, type, bytes FROM setting NOT INDEXED");
+    if (!s)
+        return sqlite3_errcode(db.get());
+    const auto text = [&](int column) -> std::string {
+        const auto* const p = reinterpret_cast<const char*>(sqlite3_column_text(s.get(), column));
+        return p ? p : "";
+    };
+    std::string sLastKey, sLastName;
+    for (bool bFirst = true;; bFirst = false) {
+        if (const int rc = sqlite3_step(s.get()); rc != SQLITE_ROW)
+            return rc;
+        if (sqlite3_column_type(s.get(), 0) != SQLITE_TEXT || sqlite3_column_type(s.get(), 1) != SQLITE_TEXT)
+            return SQLITE_CORRUPT;
+        std::string sKey = text(0), sName = text(1);
+        const int order = sqlite3_stricmp(sLastKey.c_str(), sKey.c_str());
+        if (!bFirst && (order > 0 || (order == 0 && sqlite3_stricmp(sLastName.c_str(), sName.c_str()) >= 0)))
+            return SQLITE_CORRUPT;
+        row(sKey, sName, s);
+        sLastKey = std::move(sKey);
+        sLastName = std::move(sName);
+    }
+}
+
+constexpr auto NOTHING = [](const std::string&, const std::string&, const Statement&) {};
+
 // --- a damaged file ---------------------------------------------------------------------------------------------------
 
 bool IsDamagedNow(const fs::path& path)
@@ -180,7 +221,7 @@ bool IsDamagedNow(const fs::path& path)
     if (szResult && std::strcmp(szResult, "ok") != 0)
         return true;
     const Statement table = Prepare(db, "SELECT 1 FROM sqlite_schema WHERE name = 'setting'");
-    return table && sqlite3_step(table.get()) == SQLITE_ROW && !Prepare(db, REPLACE);
+    return table && sqlite3_step(table.get()) == SQLITE_ROW && (!Prepare(db, REPLACE) || IsDamage(Walk(db, NOTHING)));
 }
 
 // The file goes to settings-DATE-TIME.damaged, with its journal; the next save begins a new one. The lock on the folder
@@ -213,8 +254,8 @@ void PutAside(const fs::path& path)
 
 // --- the writer -------------------------------------------------------------------------------------------------------
 
-// SQLITE_OK, or why the rows are not in the database; later calls, even the end of a statement, make it forget that. Rows that keep their contents are not written, so a save without a change costs no
-// disk access.
+// SQLITE_OK, or why the rows are not in the database; later calls, even the end of a statement, make it forget that. Rows that
+// keep their contents are not written, so a save without a change costs no disk access.
 int WriteRows(const Db& db, const Changes& changes, const std::set<std::string, NoCase>& unread)
 {
     // IMMEDIATE: a second process waits here, where waiting is possible, and not in the middle.
@@ -225,6 +266,8 @@ int WriteRows(const Db& db, const Changes& changes, const std::set<std::string, 
                      "name TEXT NOT NULL COLLATE NOCASE, type INTEGER NOT NULL, bytes BLOB NOT NULL, "
                      "PRIMARY KEY (key, name)) WITHOUT ROWID"))
         return why();
+    if (const int rc = Walk(db, NOTHING); rc != SQLITE_DONE)
+        return rc;
     const Statement replace = Prepare(db, REPLACE);
     if (!replace)
         return why();
@@ -262,7 +305,8 @@ void Save(const fs::path& path, const Changes& changes, const std::set<std::stri
     for (const bool bLast : { false, true }) {
         const Db db = OpenDatabase(path, true, WRITE_BUSY_MS);
         if (!db)
-            return TellNotKept(path, ec ? ec.message().c_str() : "the file cannot be opened");
+            return TellNotKept(path, ec ? ec.message().c_str() : "the file cannot be opened",
+                               ec == std::errc::no_space_on_device ? SQLITE_FULL : SQLITE_CANTOPEN);
         // Where the file system has no shared memory, or another program is busy, the journal stays as it was.
         sqlite3_busy_timeout(db.get(), 0);
         Execute(db, "PRAGMA journal_mode = WAL");
@@ -272,7 +316,7 @@ void Save(const fs::path& path, const Changes& changes, const std::set<std::stri
         if (rc == SQLITE_OK)
             return;
         if (bLast || !IsDamage(rc))
-            return TellNotKept(path, sqlite3_errstr(rc));
+            return TellNotKept(path, sqlite3_errstr(rc), rc);
         PutAside(path);
     }
 }
@@ -447,21 +491,15 @@ private:
         const Db db = OpenDatabase(path, false, READ_BUSY_MS);
         if (!db)
             return SQLITE_CANTOPEN;
-        const Statement s = Prepare(db, "SELECT name, type, bytes FROM setting WHERE key = ?1");
-        if (!s) {
-            const int rc = sqlite3_errcode(db.get());
-            return rc == SQLITE_ERROR ? SQLITE_DONE : rc;  // no table yet: nothing is stored
-        }
-        BindText(s, 1, m_sKey);
-        int rc;
-        while ((rc = sqlite3_step(s.get())) == SQLITE_ROW) {
-            const auto* pName = reinterpret_cast<const char*>(sqlite3_column_text(s.get(), 0));
-            const auto* pData = static_cast<const uint8_t*>(sqlite3_column_blob(s.get(), 2));
-            const auto n = static_cast<size_t>(sqlite3_column_bytes(s.get(), 2));
-            m_aValues.push_back({ pName ? pName : "", static_cast<uint32_t>(sqlite3_column_int64(s.get(), 1)),
+        const int rc = Walk(db, [this](const std::string& sKey, const std::string& sName, const Statement& s) {
+            if (sqlite3_stricmp(sKey.c_str(), m_sKey.c_str()) != 0)
+                return;
+            const auto* const pData = static_cast<const uint8_t*>(sqlite3_column_blob(s.get(), 3));
+            const auto n = static_cast<size_t>(sqlite3_column_bytes(s.get(), 3));
+            m_aValues.push_back({ sName, static_cast<uint32_t>(sqlite3_column_int64(s.get(), 2)),
                                   pData ? std::vector<uint8_t>(pData, pData + n) : std::vector<uint8_t>() });
-        }
-        return rc;
+        });
+        return rc == SQLITE_ERROR ? SQLITE_DONE : rc;  // no table yet: nothing is stored
     }
 
     const std::string m_sKey;
