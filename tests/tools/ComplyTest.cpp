@@ -9,6 +9,7 @@
 #include <sstream>
 #include <tuple>
 
+#include "camera/CCameraBase.h"
 #include "common/Comply.h"
 #include "platform/Platform.h"
 #include "platform/UsbAdapter.h"
@@ -177,8 +178,9 @@ std::vector<CheckResult> Examine(const Plant& plant, double rate, const std::str
         plant.fault(camera);
     kovtools::ComplianceOptions o;
     o.clockRate = rate;
-    o.only = only;
+    o.only.push_back(only);
     o.writeId = true;
+    o.repair = [](bool on) { return CCameraBase::FromID(0)->ChangeHPCStatus(on ? HPC_LOAD : HPC_OFF, nullptr); };
     const auto results = kovtools::RunCompliance(0, o).results;
     KOVCloseCamera(0);
     platform::SetUsbStack(nullptr);
@@ -228,6 +230,12 @@ const Plant g_plants[] = {
              r.iBin = 1, r.iW = r.iOutW, r.iH = r.iOutH;
      } },
     { "HotPixels", "hot.count", View::Dark, QUARTZ_MONO, {}, [](kovsim::CameraSettings& s) { s.iHotPixels = 40000; } },
+    { "TableOfAnotherSensor", "hot.repair", View::Dark, QUARTZ_MONO, {}, [](kovsim::CameraSettings& s) { s.iHotPixels = 1500; }, [](kovsim::VirtualCamera& c) {
+         std::vector<uint8_t> area(2048);
+         const uint8_t one[] = { 'K', 'O', 'V', 'D', 0, 0, 0, 10, 0x3A, 0x05 };
+         std::copy(std::begin(one), std::end(one), area.begin());
+         c.SetFlash(0x40000, area);
+     } },
     { "TemperatureOfAnOven", "temperature.sane", View::Flat, QUARTZ_MONO, {}, [](kovsim::CameraSettings& s) { s.dAmbient = 95; } },
     { "TemperatureJumps", "temperature.steady", View::Flat, LAPIS_MONO_C, {}, {}, {}, {}, [n = 0](uint8_t request, uint8_t* p, uint16_t) mutable {
          if (request == DIGITAL_TEMP || request == THERMISTOR)

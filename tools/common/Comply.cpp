@@ -45,8 +45,9 @@ void ComplyRunner::Run()
         const std::string name = GROUPS[i];
         if (m_o.cancelled && m_o.cancelled())
             break;
-        const bool begins = name == "light" && std::find(std::begin(lit), std::end(lit), m_o.only) != std::end(lit);
-        if (!m_o.only.empty() && m_o.only != name && !begins)
+        const auto& only = m_o.only;
+        const bool begins = name == "light" && std::find_first_of(only.begin(), only.end(), std::begin(lit), std::end(lit)) != only.end();
+        if (!only.empty() && std::find(only.begin(), only.end(), name) == only.end() && !begins)
             continue;
         if (m_o.onCheck)
             m_o.onCheck(name);

@@ -27,7 +27,7 @@ struct Compliance {
 struct ComplianceOptions {
     bool full = false;       // longer and more of each: eight minutes, more on large and cooled cameras
     bool writeId = false;    // writes the user ID in the camera's flash, and then the old one again
-    std::string only;        // the checks of that group, such as "gain"; empty: all
+    std::vector<std::string> only;  // the checks of these groups, such as "gain"; empty: all
     double clockRate = 1;    // of virtual cameras that run faster than time
     // Switches the repair by the hot-pixel table that the camera holds, which the C interface does not reach; false: there
     // is no table. Empty: not checked.

@@ -4,6 +4,7 @@
 
 #include "common/Comply.h"
 #include "common/Plot.h"
+#include "common/Text.h"
 #include "camera/CCameraBase.h"
 #include "kovcam/Camera.h"
 #include "kovcam/Commands.h"
@@ -17,7 +18,8 @@ using Verdict = kovtools::CheckResult::Verdict;
 
 struct ComplyOptions {
     bool full = false, dark = false, id = false;
-    std::string plot, only;
+    std::string plot;
+    std::vector<std::string> only;
 };
 
 std::vector<kovtools::Plot> Linearity(const std::string& camera, const kovtools::Compliance& c)
@@ -59,6 +61,17 @@ void DrawCurves(const ComplyOptions& o, const std::string& camera, const kovtool
     if (plots.empty())
         throw UserError("nothing to draw: the curves are those of the checks 'exposure' and 'noise', which need light");
     kovtools::DrawPlots(o.plot, plots, o.dark);
+}
+
+// CLI's verdict on a name: empty, or what is wrong with it.
+std::string GroupFault(const std::string& name)
+{
+    const std::vector<std::string> groups = kovtools::ComplianceGroups();
+    if (std::find(groups.begin(), groups.end(), name) != groups.end())
+        return {};
+    const std::vector<std::string> near = kovtools::Nearest(name, groups);
+    return fmt::format("no group of checks is called '{}'.{} They are {}", name,
+                       near.empty() ? "" : fmt::format(" Did you mean {}?", kovtools::Joined(near, " or ")), kovtools::Joined(groups));
 }
 
 void Comply(const Globals& g, const ComplyOptions& o)
@@ -114,7 +127,9 @@ void AddComplyCommand(CLI::App& app, Globals& g)
     auto o = std::make_shared<ComplyOptions>();
     p->add_flag("--full", o->full, "More and longer of each check");
     p->add_flag("--id", o->id, "Also write the user ID in the camera's flash, read it back and put the old one there again");
-    p->add_option("--check", o->only, "Only those of one group, see the manual page")->check(CLI::IsMember(kovtools::ComplianceGroups()));
+    p->add_option("--check", o->only, "Only those of this group, or of several with commas; see the manual page")
+        ->delimiter(',')
+        ->check(CLI::Validator(GroupFault, "GROUP"));
     if (kovtools::DRAWS_PLOTS) {
         auto* const plot = p->add_option("--plot", o->plot, "Draw linearity and noise into this PNG");
         p->add_flag("--dark-plot", o->dark, "The picture on dark ground")->needs(plot);

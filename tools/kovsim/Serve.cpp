@@ -18,6 +18,7 @@
 #include <cstring>
 #include <memory>
 #include <stdexcept>
+#include <system_error>
 #include <thread>
 #include <utility>
 
@@ -197,14 +198,19 @@ void Serve(VirtualBus& bus, const ServeOptions& options)
             continue;
         }
         ++connections;
-        std::thread([&, socket = std::move(socket), client]() mutable {
-            try {
-                Connection(exports, std::move(socket), client).Run();
-            } catch (const std::exception& e) {
-                fmt::print(stderr, "kovsim: {}: {}\n", client, e.what());
-            }
+        try {
+            std::thread([&, socket = std::move(socket), client]() mutable {
+                try {
+                    Connection(exports, std::move(socket), client).Run();
+                } catch (const std::exception& e) {
+                    fmt::print(stderr, "kovsim: {}: {}\n", client, e.what());
+                }
+                --connections;
+            }).detach();
+        } catch (const std::system_error& e) {
             --connections;
-        }).detach();
+            fmt::print(stderr, "kovsim: {} is refused, there is no thread for it: {}\n", client, e.what());
+        }
     }
 }
 
