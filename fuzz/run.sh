@@ -34,7 +34,10 @@ echo "$(date -u +%F) $(git rev-parse --short HEAD 2>/dev/null || true)"
 printf '%-20s %12s %10s %10s  %s\n' parser runs runs/s branches result
 for name in "${names[@]}"; do
     more=()
-    [ "$name" = FuzzHttp ] && more=(tools/kovcam/serve/Http.cpp tools/common/Text.cpp -Itools)
+    case $name in
+    FuzzHttp) more=(tools/kovcam/serve/Http.cpp tools/common/Text.cpp -Itools) ;;
+    FuzzAlpaca) more=(tools/kovcam/serve/{Http,Parameters}.cpp tools/common/Text.cpp -Itools) ;;
+    esac
     clang++ -std=c++20 -g -O1 -w -fsanitize=fuzzer,$sanitizers -fno-sanitize-recover=undefined -Iinclude -Isrc -I. \
         "fuzz/$name.cpp" "${more[@]}" -o "$build/$name" $build/virtual/libkovvirtual.a $build/src/libkovcore.a "${libs[@]}" -lpthread -ldl
     mkdir -p "fuzz/corpus/$name"

@@ -14,6 +14,7 @@
 
 #include "common/Text.h"
 #include "kovcam/serve/Http.h"
+#include "kovcam/serve/Parameters.h"
 
 namespace kovserve {
 
@@ -37,76 +38,6 @@ constexpr int NOT_IMPLEMENTED = 0x400, INVALID_VALUE = 0x401, NOT_CONNECTED = 0x
 enum class Transmission { Byte = 6, UInt16 = 8, Int32 = 2 };
 
 }  // namespace
-
-// The form fields of a PUT, or the query of a GET.
-class Parameters {
-public:
-    Parameters(const httplib::Request& request, bool put)
-    {
-        if (put)
-            m_values = ParseForm(request.body);
-        else
-            for (const auto& [key, value] : request.params)
-                m_values.emplace(Lower(key), value);
-        m_put = put;
-    }
-
-    // The names of a form are exact, those of a query are taken in any case.
-    const std::string* Find(const std::string& name) const
-    {
-        const auto it = m_values.find(m_put ? name : Lower(name));
-        return it == m_values.end() ? nullptr : &it->second;
-    }
-    const std::string& Text(const std::string& name) const
-    {
-        const std::string* const s = Find(name);
-        if (s == nullptr)
-            throw BadRequest(fmt::format("parameter {} is missing (names are case-sensitive)", name));
-        return *s;
-    }
-    double Number(const std::string& name) const
-    {
-        const std::string& s = Text(name);
-        double value = 0;
-        const auto [end, error] = std::from_chars(s.data(), s.data() + s.size(), value);
-        if (error != std::errc() || end != s.data() + s.size() || !std::isfinite(value))
-            throw BadRequest(fmt::format("{}: '{}' is no number", name, s));
-        return value;
-    }
-    int32_t Integer(const std::string& name) const
-    {
-        const std::string& s = Text(name);
-        int32_t value = 0;
-        const auto [end, error] = std::from_chars(s.data(), s.data() + s.size(), value);
-        if (error != std::errc() || end != s.data() + s.size())
-            throw BadRequest(fmt::format("{}: '{}' is no whole number", name, s));
-        return value;
-    }
-    bool Bool(const std::string& name) const
-    {
-        const std::string value = Lower(Text(name));
-        if (value != "true" && value != "false")
-            throw BadRequest(fmt::format("{}: '{}' is neither true nor false", name, Text(name)));
-        return value == "true";
-    }
-    // Absent: 0. Present it must be a number that fits.
-    uint32_t Id(const std::string& name, bool* present) const
-    {
-        const std::string* const s = Find(name);
-        *present = s != nullptr;
-        if (s == nullptr)
-            return 0;
-        uint32_t value = 0;
-        const auto [end, error] = std::from_chars(s->data(), s->data() + s->size(), value);
-        if (s->empty() || error != std::errc() || end != s->data() + s->size())
-            throw BadRequest(fmt::format("{}: '{}' is no number from 0 to 4294967295", name, *s));
-        return value;
-    }
-
-private:
-    bool m_put = false;
-    std::multimap<std::string, std::string> m_values;
-};
 
 // The samples of an image as ImageBytes wants them, columns one after the other; `wide` as 32-bit numbers.
 static std::string Columns(const Frame& f, bool wide);
@@ -763,7 +694,7 @@ std::shared_ptr<AlpacaCamera> Alpaca::Find(const std::string& number)
 
 void Alpaca::Device(const httplib::Request& request, httplib::Response& response, bool put)
 {
-    const Parameters parameters(request, put);
+    const Parameters parameters = put ? Parameters::OfForm(request.body) : Parameters::OfQuery(request.params);
     bool hasClient = false, hasTransaction = false;
     const uint32_t client = parameters.Id("ClientID", &hasClient);
     const uint32_t transaction = parameters.Id("ClientTransactionID", &hasTransaction);
@@ -815,7 +746,7 @@ void Alpaca::Device(const httplib::Request& request, httplib::Response& response
 
 void Alpaca::Management(const httplib::Request& request, httplib::Response& response)
 {
-    const Parameters parameters(request, false);
+    const Parameters parameters = Parameters::OfQuery(request.params);
     bool present = false;
     parameters.Id("ClientID", &present);
     const uint32_t transaction = parameters.Id("ClientTransactionID", &present);
