@@ -1,6 +1,6 @@
 # The rooms of the library, from the ground up: what a room may include is what its line names, and nothing else is on its
 # include path. docs/pictures/rooms.svg is drawn from these lines.
-kov_room(base     IS "log, shared fields, arithmetic")
+kov_room(base     IS "log, shared fields, locks, arithmetic")
 kov_room(platform IS "seams to the system: USB, settings, time, threads" BELOW base SOURCES ${KOV_PLATFORM})
 kov_room(usb      IS "vendor requests, endpoints, firmware" BELOW platform base)
 kov_room(imaging  IS "pixels: views in, views out" BELOW base)

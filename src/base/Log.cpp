@@ -8,8 +8,9 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
-#include <mutex>
 #include <string>
+
+#include "base/Mutex.h"
 
 namespace logging {
 namespace {
@@ -18,11 +19,11 @@ constexpr const char* LEVEL_NAMES[] = { "off", "error", "warn", "info", "debug",
 constexpr size_t LINE_LIMIT = 1024;  // bytes; what is longer is cut
 
 struct Log {
-    std::mutex m;
-    bool bConfigured = false;
-    std::string sRoom;           // empty: all
-    std::FILE* pFile = nullptr;  // nullptr: standard error
-    int iThreads = 0;            // that have written a line
+    Mutex m;
+    bool bConfigured KOV_TSA(guarded_by(m)) = false;
+    std::string sRoom KOV_TSA(guarded_by(m));           // empty: all
+    std::FILE* pFile KOV_TSA(guarded_by(m)) = nullptr;  // nullptr: standard error
+    int iThreads KOV_TSA(guarded_by(m)) = 0;            // that have written a line
 };
 
 Log& TheLog()
@@ -44,8 +45,7 @@ int LevelOf(std::string_view name)
     return it == std::end(LEVEL_NAMES) ? -1 : static_cast<int>(it - std::begin(LEVEL_NAMES));
 }
 
-// The log's lock is held.
-void ConfigureLocked(Log& log, const char* szLog, const char* szFile)
+void ConfigureLocked(Log& log, const char* szLog, const char* szFile) KOV_TSA(requires_capability(log.m))
 {
     if (log.pFile)
         std::fclose(log.pFile);
@@ -116,8 +116,7 @@ private:
     size_t m_uLength = 0;
 };
 
-// The log's lock is held.
-void AddLabel(Line& line, Log& log)
+void AddLabel(Line& line, Log& log) KOV_TSA(requires_capability(log.m))
 {
     if (t_Label.iNumber == 0)
         t_Label.iNumber = ++log.iThreads;
@@ -133,7 +132,7 @@ void AddLabel(Line& line, Log& log)
 void Write(LogLevel level, std::string_view room, const char* szFormat, ...)
 {
     Log& log = TheLog();
-    const std::lock_guard guard(log.m);
+    const MutexLock guard(log.m);
     if (!log.bConfigured)
         ConfigureLocked(log, std::getenv("KOV_LOG"), std::getenv("KOV_LOG_FILE"));
     if (!Enabled(level) || (!log.sRoom.empty() && log.sRoom != room))
@@ -160,7 +159,7 @@ void SetThreadName(const char* szName) { t_Label.szName = szName; }
 void Configure(const char* szLog, const char* szFile)
 {
     Log& log = TheLog();
-    const std::lock_guard guard(log.m);
+    const MutexLock guard(log.m);
     ConfigureLocked(log, szLog, szFile);
 }
 

@@ -217,7 +217,7 @@ int CCameraBase::GettingDark(bool on, uint64_t /*ignored*/)
     const uint64_t ms = m_lExposure / 1000;
     m_iDarkNum = ms <= 100 ? 5 : ms <= 325 ? 4 : ms <= 550 ? 3 : ms <= 775 ? 2 : 1;
     {
-        const std::lock_guard lock(m_Hot.mutex);
+        const MutexLock lock(m_Hot.mutex);
         m_Hot.dark.reset();
     }
     m_bGettingDark = on;  // last: the thread in GetImage acts on it
@@ -281,7 +281,7 @@ void CCameraBase::AdjustDarkBuff(uint16_t* src, uint16_t* dst)
         }
     m_lDeadPixelNum = iFound;
 
-    const std::lock_guard lock(m_Hot.mutex);
+    const MutexLock lock(m_Hot.mutex);
     m_Hot.dark.reset();
     // While a collection runs m_pDarkSum goes on changing.
     if (src == m_pDarkBuf && dst == m_pDarkSum && !m_bGettingDark)
@@ -291,7 +291,7 @@ void CCameraBase::AdjustDarkBuff(uint16_t* src, uint16_t* dst)
 void FitDarkFrame(CCameraBase& cam)
 {
     {
-        const std::lock_guard lock(cam.m_Hot.mutex);
+        const MutexLock lock(cam.m_Hot.mutex);
         if (!cam.m_bGettingDark && cam.m_Hot.dark == RegionMapping(cam))
             return;
     }
@@ -301,7 +301,7 @@ void FitDarkFrame(CCameraBase& cam)
 // The caller may have written the flags itself: what counts is what stands there.
 void CCameraBase::AdjustHPCTable(int32_t* src, int32_t* dst)
 {
-    const std::lock_guard lock(m_Hot.mutex);
+    const MutexLock lock(m_Hot.mutex);
     const size_t n = SensorPixels(*this);
     const std::vector<int32_t> sensor = SetFlags(src, n);
     std::vector<int32_t> set = SetFlags(dst, n);
@@ -314,14 +314,14 @@ void CCameraBase::AdjustHPCTable(int32_t* src, int32_t* dst)
 void FitHotPixels(CCameraBase& cam)
 {
     HotPixelState& hot = cam.m_Hot;
-    const std::lock_guard lock(hot.mutex);
+    const MutexLock lock(hot.mutex);
     MapFlags(cam, hot.sensor, cam.m_pHPCBuf2, hot.region);
     ListHotPixels(cam, hot.region);
 }
 
 void SetHotPixels(CCameraBase& cam, std::vector<int32_t> sensor)
 {
-    const std::lock_guard lock(cam.m_Hot.mutex);
+    const MutexLock lock(cam.m_Hot.mutex);
     for (const int32_t e : cam.m_Hot.sensor)
         cam.m_pHPCBuf1[e] = 0;
     for (const int32_t e : sensor)
@@ -332,7 +332,7 @@ void SetHotPixels(CCameraBase& cam, std::vector<int32_t> sensor)
 void ForgetHotPixels(CCameraBase& cam)
 {
     SetHotPixels(cam, {});
-    const std::lock_guard lock(cam.m_Hot.mutex);
+    const MutexLock lock(cam.m_Hot.mutex);
     for (const int32_t e : cam.m_Hot.region)
         cam.m_pHPCBuf2[e] = 0;
     cam.m_Hot.region.clear();

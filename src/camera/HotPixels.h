@@ -1,10 +1,11 @@
 // Hot pixels and dark frames as lists: what a frame is repaired by, and how the lists follow the region.
 #pragma once
 #include <cstdint>
-#include <mutex>
 #include <optional>
 #include <span>
 #include <vector>
+
+#include "base/Mutex.h"
 
 class CCameraBase;
 
@@ -44,10 +45,10 @@ struct RegionMapping {
 // Lists behind the flags of a CCameraBase, whose buffers of a word a pixel are neither searched nor cleared as a whole.
 // Host threads, under `mutex`.
 struct HotPixelState {
-    std::mutex mutex;
-    std::vector<int32_t> sensor;        // set flags of m_pHPCBuf1, ascending
-    std::vector<int32_t> region;        // set flags of m_pHPCBuf2, ascending, with those that older geometries have left
-    std::optional<RegionMapping> dark;  // what m_pDarkSum and the stand-out list are made for, from m_pDarkBuf
+    Mutex mutex;
+    std::vector<int32_t> sensor KOV_TSA(guarded_by(mutex));        // set flags of m_pHPCBuf1, ascending
+    std::vector<int32_t> region KOV_TSA(guarded_by(mutex));        // set flags of m_pHPCBuf2, ascending, with those that older geometries have left
+    std::optional<RegionMapping> dark KOV_TSA(guarded_by(mutex));  // what m_pDarkSum and the stand-out list are made for, from m_pDarkBuf
 };
 
 // Frame delivery: what to repair in the region in force. Ascending indices of the frame as it lies in memory, before

@@ -1,9 +1,8 @@
 #include "capture/Capture.h"
 
-#include <mutex>
-
 #include "base/Attempt.h"
 #include "base/Log.h"
+#include "base/Mutex.h"
 #include "capture/CaptureLoop.h"
 
 namespace {
@@ -33,8 +32,8 @@ void WorkingThread(void* p)
 struct CaptureSession::Impl {
     CCameraBase& cam;
     IModel& model;
-    std::mutex m;
-    std::shared_ptr<Session> pNow;
+    Mutex m;
+    std::shared_ptr<Session> pNow KOV_TSA(guarded_by(m));
 };
 
 CaptureSession::CaptureSession(CCameraBase& cam, IModel& model) : m_p(new Impl{ cam, model, {}, {} }) {}
@@ -43,7 +42,7 @@ CaptureSession::~CaptureSession() { Wait(platform::WAIT_FOREVER); }
 
 bool CaptureSession::Start(bool snap)
 {
-    const std::lock_guard l(m_p->m);
+    const MutexLock l(m_p->m);
     CCameraBase& cam = m_p->cam;
     auto pNew = std::make_shared<Session>(cam, m_p->model, snap);
     pNew->pOlder = m_p->pNow;
@@ -65,13 +64,13 @@ bool CaptureSession::Start(bool snap)
 
 bool CaptureSession::IsCapturing() const
 {
-    const std::lock_guard l(m_p->m);
+    const MutexLock l(m_p->m);
     return m_p->pNow ? m_p->pNow->run.control.IsCapturing() : m_p->cam.m_bCapturing.Get();
 }
 
 void CaptureSession::Stop()
 {
-    const std::lock_guard l(m_p->m);
+    const MutexLock l(m_p->m);
     if (m_p->pNow)
         m_p->pNow->run.control.Stop();
     m_p->cam.m_bCapturing = false;
@@ -81,7 +80,7 @@ uint32_t CaptureSession::Wait(uint32_t dwMs)
 {
     std::shared_ptr<Session> pNow;
     {
-        const std::lock_guard l(m_p->m);
+        const MutexLock l(m_p->m);
         pNow = m_p->pNow;
     }
     if (!pNow)

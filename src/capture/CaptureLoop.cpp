@@ -2,11 +2,11 @@
 
 #include <cstring>
 #include <map>
-#include <mutex>
 #include <string>
 
 #include "base/Attempt.h"
 #include "base/Log.h"
+#include "base/Mutex.h"
 
 namespace {
 
@@ -31,9 +31,9 @@ struct ClassState {
 
 ClassState& StateOf(const CCameraBase& cam, const ModelTraits& t)
 {
-    static std::mutex s_mutex;
+    static Mutex s_mutex;
     static auto* const s_pStates = new std::map<std::string, ClassState>;  // threads may outlive static destruction
-    const std::lock_guard l(s_mutex);
+    const MutexLock l(s_mutex);
     const auto [it, bNew] = s_pStates->try_emplace(t.szClass);
     if (bNew)
         it->second.bLastAuto = cam.m_bAutoFPS.Get();

@@ -2,8 +2,8 @@
 #pragma once
 #include <algorithm>
 #include <atomic>
-#include <mutex>
 
+#include "base/Mutex.h"
 #include "camera/CCameraBase.h"
 
 class RunControl {
@@ -15,7 +15,7 @@ public:
     // The thread ends when it comes to it; a run that has ended before is left alone.
     void Stop()
     {
-        const std::lock_guard l(m_mutex);
+        const MutexLock l(m_mutex);
         if (!m_bLive)
             return;
         m_bLive = false;
@@ -27,14 +27,14 @@ public:
     // than m_bCapturing it also cuts sleeps and waits short.
     void Abandon()
     {
-        const std::lock_guard l(m_mutex);
+        const MutexLock l(m_mutex);
         m_bLive = false;
         m_bAbandoned = true;
     }
     // m_bCapturing, never between the two fields that End writes.
     bool IsCapturing() const
     {
-        const std::lock_guard l(m_mutex);
+        const MutexLock l(m_mutex);
         return m_cam.m_bCapturing;
     }
 
@@ -42,7 +42,7 @@ public:
     bool IsRunning() const { return m_bLive && m_cam.m_bCapturing; }
     void Tell(KOV_EXPOSURE_STATUS status)
     {
-        const std::lock_guard l(m_mutex);
+        const MutexLock l(m_mutex);
         if (m_bLive)
             m_cam.m_ExpStatus = status;
     }
@@ -50,7 +50,7 @@ public:
     // the next exposure at once.
     void End(KOV_EXPOSURE_STATUS outcome)
     {
-        const std::lock_guard l(m_mutex);
+        const MutexLock l(m_mutex);
         if (!m_bLive)
             return;
         m_bLive = false;
@@ -62,7 +62,7 @@ public:
     template <class Insert>
     bool Deliver(Insert insert)
     {
-        const std::lock_guard l(m_mutex);
+        const MutexLock l(m_mutex);
         return m_bLive && insert();
     }
 
@@ -85,7 +85,7 @@ private:
     static constexpr int64_t SLICE = 200;  // ms; bounds how late an abandoned thread notices
     CCameraBase& m_cam;
     const bool m_bSnap;
-    mutable std::mutex m_mutex;            // a leaf lock: the run's end and the host's stop are one step each
+    mutable Mutex m_mutex;                 // a leaf lock: the run's end and the host's stop are one step each
     std::atomic<bool> m_bLive{ true };     // written under it
     std::atomic<bool> m_bAbandoned{ false };
 };

@@ -3,11 +3,11 @@
 #include <algorithm>
 #include <atomic>
 #include <cstring>
-#include <mutex>
 #include <new>
 #include <utility>
 #include <vector>
 
+#include "base/Mutex.h"
 #include "platform/Pages.h"
 
 namespace {
@@ -29,13 +29,14 @@ private:
 struct FrameExchange::Impl {
     explicit Impl(uint32_t dwSlotBytes) : dwCapacity(dwSlotBytes)
     {
+        const MutexLock lock(ring);
         for (int i = 0; i < SLOTS; ++i)
             spares.push_back(AddBlock());
         turn.Release();
     }
 
     // Fresh pages cost nothing until a frame lands in them, and hold no foreign bytes.
-    uint8_t* AddBlock()
+    uint8_t* AddBlock() KOV_TSA(requires_capability(ring))
     {
         const size_t bytes = dwCapacity + SLOT_PAD;
         platform::Pages<uint8_t> p(static_cast<uint8_t*>(platform::AllocPages(bytes)), platform::PagesDeleter{ bytes });
@@ -49,17 +50,17 @@ struct FrameExchange::Impl {
     size_t Fit(int32_t iSize) const { return iSize > 0 ? std::min<size_t>(size_t(iSize), dwCapacity) : 0; }
     int32_t Held() const { return iCount.load(std::memory_order_acquire); }
 
-    // `ring` locked. The block that was given back last is the likeliest one to lie in a cache, and those that the flow of
+    // The block that was given back last is the likeliest one to lie in a cache, and those that the flow of
     // frames does not need are never touched.
-    uint8_t* PopSpare()
+    uint8_t* PopSpare() KOV_TSA(requires_capability(ring))
     {
         uint8_t* const p = spares.back();
         spares.pop_back();
         return p;
     }
 
-    // Producer; `ring` locked, and a slot is free.
-    void Publish(uint8_t* pBlock, int32_t iSize)
+    // Producer; a slot is free.
+    void Publish(uint8_t* pBlock, int32_t iSize) KOV_TSA(requires_capability(ring))
     {
         apSlots[iWrite] = pBlock;
         aFrameBytes[iWrite] = Fit(iSize);
@@ -71,10 +72,11 @@ struct FrameExchange::Impl {
         if (iCount.fetch_add(1, std::memory_order_acq_rel) + 1 == 1)
             signal.Release();
     }
-    // Consumer. True when a frame is there, with `ring` locked.
-    bool Await(uint32_t dwTimeoutMs, std::unique_lock<std::mutex>& lock);
-    // `ring` locked. The slot of the oldest frame is empty then, and there has to be a spare for it.
-    uint8_t* Remove()
+    // Consumer. False when none has come in time; what has come may be gone again before `ring` is locked.
+    bool Await(uint32_t dwTimeoutMs);
+    bool IsThere() const KOV_TSA(requires_capability(ring)) { return Held() != 0 && !bClosing; }
+    // The slot of the oldest frame is empty then, and there has to be a spare for it.
+    uint8_t* Remove() KOV_TSA(requires_capability(ring))
     {
         uint8_t* const p = apSlots[iRead.load(std::memory_order_relaxed)];
         iRead.store(iRead.load(std::memory_order_relaxed) ^ 1, std::memory_order_relaxed);
@@ -84,18 +86,18 @@ struct FrameExchange::Impl {
 
     static constexpr int SLOTS = 2;
     const uint32_t dwCapacity;
-    std::vector<platform::Pages<uint8_t>> blocks;  // all memory; changed under `ring`
-    // The frames, from iRead on; slots that are free hold nothing, and a spare waits for each of them. Under `ring`.
-    uint8_t* apSlots[SLOTS] = {};
-    size_t aFrameBytes[SLOTS] = {};
+    std::vector<platform::Pages<uint8_t>> blocks KOV_TSA(guarded_by(ring));  // all memory
+    // The frames, from iRead on; slots that are free hold nothing, and a spare waits for each of them.
+    uint8_t* apSlots[SLOTS] KOV_TSA(guarded_by(ring)) = {};
+    size_t aFrameBytes[SLOTS] KOV_TSA(guarded_by(ring)) = {};
     std::atomic<uint32_t> aHead[SLOTS] = {};  // first word of each slot, readable while the slot is being filled
     int32_t iWrite = 0;                   // producer's own
     std::atomic<int32_t> iRead{ 0 };
     std::atomic<int32_t> iCount{ 0 };     // a frame is published by the step up and given back by the step down
     // Held by Read for the span of its copy and by Reset, so that after a Reset no slot is being read any more. The
     // producer fills a spare without it and publishes under it.
-    std::mutex ring;
-    std::vector<uint8_t*> spares;         // under `ring`
+    mutable Mutex ring;
+    std::vector<uint8_t*> spares KOV_TSA(guarded_by(ring));
     platform::Semaphore signal;           // given on the step from 0 to 1 only
     platform::Semaphore turn;
     std::atomic<bool> bClosing{ false };
@@ -120,7 +122,7 @@ void FrameExchange::Shut()
 
 void FrameExchange::Reset()
 {
-    const std::lock_guard l(m_p->ring);
+    const MutexLock l(m_p->ring);
     while (m_p->Held() != 0)
         m_p->spares.push_back(m_p->Remove());
     m_p->iWrite = 0;
@@ -132,7 +134,7 @@ bool FrameExchange::Insert(const uint8_t* pData, int32_t iSize)
     Impl& m = *m_p;
     if (!pData || m.Held() >= Impl::SLOTS)
         return false;
-    std::unique_lock lock(m.ring);
+    MutexLock lock(m.ring);
     uint8_t* const pBlock = m.PopSpare();
     lock.unlock();
     std::memcpy(pBlock, pData, m.Fit(iSize));
@@ -143,7 +145,7 @@ bool FrameExchange::Insert(const uint8_t* pData, int32_t iSize)
 
 uint8_t* FrameExchange::MakeBlock()
 {
-    const std::lock_guard l(m_p->ring);
+    const MutexLock l(m_p->ring);
     return m_p->AddBlock();
 }
 
@@ -152,12 +154,12 @@ uint8_t* FrameExchange::HandOver(uint8_t* pBlock, int32_t iSize)
     Impl& m = *m_p;
     if (!pBlock || m.Held() >= Impl::SLOTS)
         return nullptr;
-    const std::lock_guard l(m.ring);
+    const MutexLock l(m.ring);
     m.Publish(pBlock, iSize);
     return m.PopSpare();
 }
 
-bool FrameExchange::Impl::Await(uint32_t dwTimeoutMs, std::unique_lock<std::mutex>& lock)
+bool FrameExchange::Impl::Await(uint32_t dwTimeoutMs)
 {
     if (Held() == 0) {
         if (dwTimeoutMs == 0 || signal.Wait(dwTimeoutMs) == platform::WAIT_TIMED_OUT)
@@ -167,16 +169,17 @@ bool FrameExchange::Impl::Await(uint32_t dwTimeoutMs, std::unique_lock<std::mute
         if (Held() == 0 && !bClosing)
             signal.Wait(dwTimeoutMs);
     }
-    lock = std::unique_lock(ring);
-    return Held() != 0 && !bClosing;
+    return true;
 }
 
 bool FrameExchange::Read(uint8_t* pDest, int32_t iSize, uint32_t dwTimeoutMs)
 {
     Impl& m = *m_p;
     const Inside inside(m.iInside);
-    std::unique_lock<std::mutex> lock;
-    if (!m.Await(dwTimeoutMs, lock))
+    if (!m.Await(dwTimeoutMs))
+        return false;
+    const MutexLock lock(m.ring);
+    if (!m.IsThere())
         return false;
     const int32_t iSlot = m.iRead.load(std::memory_order_relaxed);
     const size_t n = m.Fit(iSize), nFrame = std::min(n, m.aFrameBytes[iSlot]);
@@ -190,9 +193,11 @@ FrameExchange::Lease FrameExchange::Take(int32_t iSize, uint32_t dwTimeoutMs)
 {
     Impl& m = *m_p;
     const Inside inside(m.iInside);
-    std::unique_lock<std::mutex> lock;
     Lease lease;
-    if (!m.Await(dwTimeoutMs, lock))
+    if (!m.Await(dwTimeoutMs))
+        return lease;
+    const MutexLock lock(m.ring);
+    if (!m.IsThere())
         return lease;
     if (m.Held() + int32_t(m.spares.size()) <= Impl::SLOTS)  // all other blocks are with readers
         m.spares.insert(m.spares.begin(), m.AddBlock());
@@ -211,7 +216,7 @@ FrameExchange::Lease::~Lease()
         return;
     Impl& m = *m_pExchange->m_p;
     {
-        const std::lock_guard l(m.ring);
+        const MutexLock l(m.ring);
         m.spares.push_back(m_pFrame);
     }
     m.iInside.fetch_sub(1, std::memory_order_acq_rel);

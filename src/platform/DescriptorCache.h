@@ -5,11 +5,11 @@
 #include <cstdint>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <tuple>
 #include <vector>
 
+#include "base/Mutex.h"
 #include "platform/UsbStack.h"
 #include "platform/XferRecord.h"
 
@@ -31,7 +31,7 @@ public:
     // The answer to a read, as the device gave it before; at most s.wLength bytes.
     bool Answer(const SetupPacket& s, uint8_t* pData, uint32_t* pdwMoved) const
     {
-        const std::lock_guard l(m_mutex);
+        const MutexLock l(m_mutex);
         const auto it = m_answers.find(KeyOf(s));
         if (it == m_answers.end())
             return false;
@@ -41,12 +41,12 @@ public:
     }
     void Store(const SetupPacket& s, std::vector<uint8_t> answer)
     {
-        const std::lock_guard l(m_mutex);
+        const MutexLock l(m_mutex);
         m_answers[KeyOf(s)] = std::move(answer);
     }
     void Clear()
     {
-        const std::lock_guard l(m_mutex);
+        const MutexLock l(m_mutex);
         m_answers.clear();
     }
 
@@ -55,8 +55,8 @@ private:
     static Key KeyOf(const SetupPacket& s) { return { s.wValue, s.wIndex, s.wLength }; }
 
     const usbstack::DeviceInfo m_info;
-    mutable std::mutex m_mutex;
-    std::map<Key, std::vector<uint8_t>> m_answers;
+    mutable Mutex m_mutex;
+    std::map<Key, std::vector<uint8_t>> m_answers KOV_TSA(guarded_by(m_mutex));
 };
 
 class DescriptorCache {
@@ -64,7 +64,7 @@ public:
     // Forgets what is not in the listing, or another device there.
     void Update(const std::vector<usbstack::DeviceInfo>& listing)
     {
-        const std::lock_guard l(m_mutex);
+        const MutexLock l(m_mutex);
         Devices present;
         for (const usbstack::DeviceInfo& d : listing) {
             const auto it = m_devices.find(d.sPath);
@@ -75,20 +75,20 @@ public:
     // nullptr for a device that the latest listing did not show.
     std::shared_ptr<KnownDevice> Find(const std::string& sPath) const
     {
-        const std::lock_guard l(m_mutex);
+        const MutexLock l(m_mutex);
         const auto it = m_devices.find(sPath);
         return it == m_devices.end() ? nullptr : it->second;
     }
     void Clear()
     {
-        const std::lock_guard l(m_mutex);
+        const MutexLock l(m_mutex);
         m_devices.clear();
     }
 
 private:
     using Devices = std::map<std::string, std::shared_ptr<KnownDevice>>;
-    mutable std::mutex m_mutex;
-    Devices m_devices;
+    mutable Mutex m_mutex;
+    Devices m_devices KOV_TSA(guarded_by(m_mutex));
 };
 
 }  // namespace platform

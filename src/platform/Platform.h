@@ -7,6 +7,7 @@
 #include <memory>
 
 #include "base/LocalTime.h"
+#include "base/Mutex.h"
 
 namespace platform {
 
@@ -49,12 +50,6 @@ private:
 };
 
 // --- the lock around one control transfer ---------------------------------------------------------------------------
-
-#if defined(__clang__)
-#  define KOV_TSA(x) __attribute__((x))
-#else
-#  define KOV_TSA(x)
-#endif
 
 // A leaf lock: no other lock but the log's may be taken while it is held.
 class KOV_TSA(capability("mutex")) CriticalSection {

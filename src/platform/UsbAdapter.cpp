@@ -8,7 +8,6 @@
 #include <cstring>
 #include <deque>
 #include <memory>
-#include <mutex>
 #include <new>
 #include <optional>
 #include <shared_mutex>
@@ -16,6 +15,7 @@
 #include <thread>
 #include <unordered_map>
 
+#include "base/Mutex.h"
 #include "platform/DescriptorCache.h"
 #include "platform/InterfaceGuids.h"
 #include "platform/Platform.h"
@@ -115,7 +115,7 @@ public:
         m_bClosed = true;
         std::bitset<256> endpoints;
         {
-            const std::lock_guard l(m_mutex);
+            const MutexLock l(m_mutex);
             endpoints = m_endpoints;
         }
         {
@@ -127,14 +127,14 @@ public:
         }
         std::thread control;
         {
-            const std::lock_guard l(m_mutex);
+            const MutexLock l(m_mutex);
             m_bStopControl = true;
             control.swap(m_control);
         }
         m_controlWake.notify_all();
         if (control.joinable())
             control.join();
-        const std::unique_lock use(m_useMutex);
+        const std::lock_guard use(m_useMutex);
         m_pStack.reset();
     }
 
@@ -161,10 +161,10 @@ private:
     }
     void Complete(Request& r, Status status, uint32_t dwMoved)
     {
-        const std::lock_guard l(m_mutex);
+        const MutexLock l(m_mutex);
         CompleteLocked(r, status, dwMoved);
     }
-    void CompleteLocked(Request& r, Status status, uint32_t dwMoved)
+    void CompleteLocked(Request& r, Status status, uint32_t dwMoved) KOV_TSA(requires_capability(m_mutex))
     {
         if (r.bDone)
             return;
@@ -195,19 +195,19 @@ private:
     const std::shared_ptr<KnownDevice> m_pKnown;
     std::atomic<bool> m_bClosed = false;
 
-    std::mutex m_mutex;
+    Mutex m_mutex;
     std::condition_variable m_done;
-    std::unordered_map<Overlapped*, std::shared_ptr<Request>> m_slots;  // the newest request of each slot
-    std::bitset<256> m_endpoints;                                       // that ever had a bulk request
+    std::unordered_map<Overlapped*, std::shared_ptr<Request>> m_slots KOV_TSA(guarded_by(m_mutex));  // the newest request of each slot
+    std::bitset<256> m_endpoints KOV_TSA(guarded_by(m_mutex));  // that ever had a bulk request
 
     // Control requests are run one after another by a thread of the device, so that the caller can give up on one that
     // the camera does not answer. Started by the first.
-    std::mutex m_controlMutex;  // around the stack's control transfer
-    std::thread m_control;
+    Mutex m_controlMutex;  // around the stack's control transfer
+    std::thread m_control KOV_TSA(guarded_by(m_mutex));
     std::condition_variable m_controlWake;
-    std::deque<std::shared_ptr<Request>> m_controlQueue;
-    std::shared_ptr<Request> m_controlRunning;
-    bool m_bStopControl = false;
+    std::deque<std::shared_ptr<Request>> m_controlQueue KOV_TSA(guarded_by(m_mutex));
+    std::shared_ptr<Request> m_controlRunning KOV_TSA(guarded_by(m_mutex));
+    bool m_bStopControl KOV_TSA(guarded_by(m_mutex)) = false;
 };
 
 bool CDevice::IoControl(uint32_t dwCode, void* pIn, uint32_t dwIn, void* pOut, uint32_t dwOut, uint32_t* pdwBytes,
@@ -309,7 +309,7 @@ bool CDevice::Begin(uint32_t dwCode, void* pIn, uint32_t dwIn, void* pOut, uint3
     if (pOverlapped) {
         // Whatever this slot was used for before is over for the caller, also when the new request fails. An older one
         // that is still out goes on in the stack and ends unheard.
-        const std::lock_guard l(m_mutex);
+        const MutexLock l(m_mutex);
         const auto it = m_slots.find(pOverlapped);
         if (it != m_slots.end()) {
             it->second->bDetached = true;
@@ -358,7 +358,7 @@ bool CDevice::Begin(uint32_t dwCode, void* pIn, uint32_t dwIn, void* pOut, uint3
         return Fail(ERROR_BAD_PARAMETER);  // bulk requests are always overlapped
 
     {
-        const std::lock_guard l(m_mutex);
+        const MutexLock l(m_mutex);
         m_slots[pOverlapped] = r;
         if (!r->bControl)
             m_endpoints.set(pRecord->bEndpointAddress);
@@ -384,7 +384,7 @@ bool CDevice::Begin(uint32_t dwCode, void* pIn, uint32_t dwIn, void* pOut, uint3
         const ErrorRow& e = ErrorOf(status);
         pRecord->dwNtStatus = e.dwNtStatus;
         pRecord->dwUsbdStatus = e.dwUsbdStatus;
-        const std::lock_guard l(m_mutex);
+        const MutexLock l(m_mutex);
         m_slots.erase(pOverlapped);
         return Fail(e.dwError);
     }
@@ -394,7 +394,7 @@ bool CDevice::Begin(uint32_t dwCode, void* pIn, uint32_t dwIn, void* pOut, uint3
 // True when the request is done already.
 bool CDevice::StartControl(const std::shared_ptr<Request>& r)
 {
-    std::unique_lock l(m_mutex);
+    MutexLock l(m_mutex);
     if (!m_bStopControl && !m_control.joinable()) {
         try {
             m_control = std::thread(&CDevice::ControlLoop, this);
@@ -418,14 +418,14 @@ bool CDevice::StartControl(const std::shared_ptr<Request>& r)
     m_controlWake.notify_one();
     if (ClockRate() <= 1.0)
         return false;
-    return m_done.wait_until(l, std::chrono::system_clock::now() + FAST_CLOCK_GRACE, [&] { return r->bDone; });
+    return WaitUntil(m_mutex, m_done, std::chrono::system_clock::now() + FAST_CLOCK_GRACE, [&] { return r->bDone; });
 }
 
 void CDevice::ControlLoop()
 {
-    std::unique_lock l(m_mutex);
+    MutexLock l(m_mutex);
     for (;;) {
-        m_controlWake.wait(l, [&] { return m_bStopControl || !m_controlQueue.empty(); });
+        WaitUntil(m_mutex, m_controlWake, [&]() KOV_TSA(requires_capability(m_mutex)) { return m_bStopControl || !m_controlQueue.empty(); });
         if (m_controlQueue.empty())
             return;
         const std::shared_ptr<Request> r = std::move(m_controlQueue.front());
@@ -457,7 +457,7 @@ Status CDevice::RunControl(Request& r, uint32_t* pdwMoved)
     if (bKeep && m_pKnown->Answer(s, r.data.data(), pdwMoved))
         return Status::Ok;
     const uint32_t dwTimeout = s.dwTimeout == 0 ? CONTROL_LIMIT_MS : std::min(s.dwTimeout, 3600u) * 1000;
-    const std::lock_guard l(m_controlMutex);
+    const MutexLock l(m_controlMutex);
     const Status status = m_pStack->Control(s.bmRequestType, s.bRequest, s.wValue, s.wIndex, r.data.data(), s.wLength,
                                             dwTimeout, pdwMoved);
     if (bKeep && status == Status::Ok)
@@ -470,7 +470,7 @@ Status CDevice::RunControl(Request& r, uint32_t* pdwMoved)
 void CDevice::AbortControl()
 {
     {
-        const std::lock_guard l(m_mutex);
+        const MutexLock l(m_mutex);
         for (const auto& r : m_controlQueue)
             CompleteLocked(*r, Status::Cancelled, 0);
         if (!m_controlRunning)
@@ -492,13 +492,13 @@ void CDevice::Abort(uint8_t bEndpoint)
 bool CDevice::GetResult(Overlapped* pOverlapped, uint32_t* pdwBytes, bool bWait)
 {
     *pdwBytes = 0;
-    std::unique_lock l(m_mutex);
+    MutexLock l(m_mutex);
     const auto it = m_slots.find(pOverlapped);
     if (it == m_slots.end())
         return Fail(ERROR_BAD_PARAMETER);
     const std::shared_ptr<Request> r = it->second;
     if (!r->bDone && bWait) {
-        m_done.wait(l, [&] { return r->bDone || r->bDetached; });
+        WaitUntil(m_mutex, m_done, [&] { return r->bDone || r->bDetached; });
         if (r->bDetached)
             return Fail(ERROR_BAD_PARAMETER);
     }
@@ -567,7 +567,7 @@ public:
             return INVALID_DEVICE;
         }
         auto p = std::make_shared<CDevice>(std::move(pStack), "KOVCamera2 camera", m_known.Find(szPath));
-        const std::lock_guard l(m_mutex);
+        const MutexLock l(m_mutex);
         const DeviceHandle h = m_hNext++;  // never used again: an old handle finds nothing
         m_devices.emplace(h, std::move(p));
         SetLastError(ERROR_NONE);
@@ -577,7 +577,7 @@ public:
     {
         std::shared_ptr<CDevice> p;
         {
-            const std::lock_guard l(m_mutex);
+            const MutexLock l(m_mutex);
             const auto it = m_devices.find(h);
             if (it == m_devices.end())
                 return Fail(ERROR_BAD_HANDLE);
@@ -639,14 +639,14 @@ private:
     }
     std::shared_ptr<CDevice> Find(DeviceHandle h)
     {
-        const std::lock_guard l(m_mutex);
+        const MutexLock l(m_mutex);
         const auto it = m_devices.find(h);
         return it == m_devices.end() ? nullptr : it->second;
     }
 
-    std::mutex m_mutex;
-    std::unordered_map<DeviceHandle, std::shared_ptr<CDevice>> m_devices;
-    DeviceHandle m_hNext = 0x100;
+    Mutex m_mutex;
+    std::unordered_map<DeviceHandle, std::shared_ptr<CDevice>> m_devices KOV_TSA(guarded_by(m_mutex));
+    DeviceHandle m_hNext KOV_TSA(guarded_by(m_mutex)) = 0x100;
     DescriptorCache m_known;
     std::atomic<usbstack::IStack*> m_pListed = nullptr;  // the stack of which m_known tells
 };

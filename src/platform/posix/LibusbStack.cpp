@@ -19,7 +19,6 @@
 #include <list>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <system_error>
 #include <thread>
 #include <tuple>
@@ -27,11 +26,11 @@
 
 #include "base/Attempt.h"
 #include "base/Log.h"
+#include "base/Mutex.h"
 
 namespace usbstack {
 namespace {
 
-using UniqueLock = std::unique_lock<std::mutex>;
 
 constexpr uint16_t VENDOR_ID = 0x0E5A;
 constexpr int INTERFACE = 0;
@@ -198,44 +197,44 @@ public:
     bool EnsureThread();
     void Forget();
     // Around a fork. What no device uses does not go along into the child, whose libusb would take it for its own.
-    void BeforeFork();
-    void AfterFork() { m_csOpen.unlock(); }
+    void BeforeFork() KOV_TSA(acquire_capability(m_csOpen));
+    void AfterFork() KOV_TSA(release_capability(m_csOpen)) { m_csOpen.unlock(); }
 
 private:
-    void Look();
-    void List(Plugs plugs);
-    const Found* Find(const std::string& sPath) const;
-    void DropContext();
-    bool StartThread();
-    void StopThread();
+    void Look() KOV_TSA(requires_capability(m_csOpen));
+    void List(Plugs plugs) KOV_TSA(requires_capability(m_csOpen));
+    const Found* Find(const std::string& sPath) const KOV_TSA(requires_capability(m_csOpen));
+    void DropContext() KOV_TSA(requires_capability(m_csOpen));
+    bool StartThread() KOV_TSA(requires_capability(m_csOpen));
+    void StopThread() KOV_TSA(requires_capability(m_csOpen));
     void Run();
-    void Pump();
-    Status Start(Xfer& x);
-    void End(Xfer& x, Status status);
-    bool CannotFit(Xfer& x) const;
-    void Deliver(UniqueLock& lock);
-    void Cancel(UniqueLock& lock, SharedDevice& d, const Pipe* pPipe, const IDevice* pOwner);
-    void MarkGone(SharedDevice& d);
+    void Pump() KOV_TSA(requires_capability(m_cs));
+    Status Start(Xfer& x) KOV_TSA(requires_capability(m_cs));
+    void End(Xfer& x, Status status) KOV_TSA(requires_capability(m_cs));
+    bool CannotFit(Xfer& x) const KOV_TSA(requires_capability(m_cs));
+    void Deliver() KOV_TSA(requires_capability(m_cs));
+    void Cancel(SharedDevice& d, const Pipe* pPipe, const IDevice* pOwner) KOV_TSA(requires_capability(m_cs));
+    void MarkGone(SharedDevice& d) KOV_TSA(requires_capability(m_cs));
     void Wake() { libusb_interrupt_event_handler(m_pContext); }
     static void LIBUSB_CALL OnBulk(libusb_transfer* pTransfer);
     static void LIBUSB_CALL OnControl(libusb_transfer* pTransfer);
 
-    std::mutex m_csOpen;
-    libusb_context* m_pContext = nullptr;
-    Plugs m_plugs;                // at the last look; empty: look again
-    std::vector<Found> m_found;   // then, in order
-    uint64_t m_uPlugs = 0;        // seen so far
-    std::thread m_thread;
+    Mutex m_csOpen;
+    libusb_context* m_pContext = nullptr;  // changed under it, and read by its thread
+    Plugs m_plugs KOV_TSA(guarded_by(m_csOpen));  // at the last look; empty: look again
+    std::vector<Found> m_found KOV_TSA(guarded_by(m_csOpen));  // then, in order
+    uint64_t m_uPlugs KOV_TSA(guarded_by(m_csOpen)) = 0;  // seen so far
+    std::thread m_thread KOV_TSA(guarded_by(m_csOpen));
     std::atomic<bool> m_bThread = false;  // set under m_csOpen
 
-    std::mutex m_cs;
+    Mutex m_cs;
     std::condition_variable m_cvDone;   // a request was delivered, a control request ended, or stop
     std::list<SharedDevice*> m_devices;  // changed under both locks
-    bool m_bStop = false;
-    uint64_t m_lSequence = 0;
-    uint64_t m_lFlying = 0;             // cost of all bulk requests with the kernel
-    uint64_t m_lLimit = 0;              // 0: none known
-    int m_iParked = 0, m_iEnded = 0;
+    bool m_bStop KOV_TSA(guarded_by(m_cs)) = false;
+    uint64_t m_lSequence KOV_TSA(guarded_by(m_cs)) = 0;
+    uint64_t m_lFlying KOV_TSA(guarded_by(m_cs)) = 0;  // cost of all bulk requests with the kernel
+    uint64_t m_lLimit KOV_TSA(guarded_by(m_cs)) = 0;   // 0: none known
+    int m_iParked KOV_TSA(guarded_by(m_cs)) = 0, m_iEnded KOV_TSA(guarded_by(m_cs)) = 0;
 };
 
 std::atomic<CHost*> g_pHost = nullptr;
@@ -246,7 +245,8 @@ CHost* CHost::Current()
 {
     static const bool bMade = [] {
         g_pHost = new CHost;
-        pthread_atfork([] { g_pHost.load()->BeforeFork(); }, [] { g_pHost.load()->AfterFork(); }, [] { g_pHost = new CHost; });
+        pthread_atfork([]() KOV_TSA(no_thread_safety_analysis) { g_pHost.load()->BeforeFork(); },
+                       []() KOV_TSA(no_thread_safety_analysis) { g_pHost.load()->AfterFork(); }, [] { g_pHost = new CHost; });
         return true;
     }();
     (void)bMade;
@@ -398,9 +398,11 @@ void CHost::DropContext()
 void CHost::Forget()
 {
     // Somebody who has a device or the lock keeps it all; the process ends then, or the library goes under open cameras.
-    const std::unique_lock lock(m_csOpen, std::try_to_lock);
-    if (lock && m_devices.empty())
+    if (!m_csOpen.try_lock())
+        return;
+    if (m_devices.empty())
         DropContext();
+    m_csOpen.unlock();
 }
 
 void CHost::BeforeFork()
@@ -412,7 +414,7 @@ void CHost::BeforeFork()
 
 std::vector<DeviceInfo> CHost::Enumerate()
 {
-    const std::lock_guard lock(m_csOpen);
+    const MutexLock lock(m_csOpen);
     Look();
     std::vector<DeviceInfo> v;
     for (const Found& f : m_found)
@@ -422,7 +424,7 @@ std::vector<DeviceInfo> CHost::Enumerate()
 
 SharedDevice* CHost::Open(const std::string& sPath, Status* pStatus)
 {
-    const std::lock_guard lock(m_csOpen);
+    const MutexLock lock(m_csOpen);
     const Found* pFound = Find(sPath);
     if (!pFound) {
         Look();
@@ -448,7 +450,7 @@ SharedDevice* CHost::Open(const std::string& sPath, Status* pStatus)
         return nullptr;
     p->pDevice = libusb_ref_device(pDevice);
     p->iHandles = 1;
-    const std::lock_guard lockQueues(m_cs);
+    const MutexLock lockQueues(m_cs);
     m_devices.splice(m_devices.end(), entry);
     return p.release();
 }
@@ -459,7 +461,7 @@ Status CHost::Claim(SharedDevice& d)
 {
     if (d.bClaimed)
         return Status::Ok;
-    const std::lock_guard lock(m_csOpen);
+    const MutexLock lock(m_csOpen);
     if (!m_bThread && !StartThread())
         return Status::Failed;
     if (!d.bClaimed) {
@@ -475,14 +477,14 @@ Status CHost::Claim(SharedDevice& d)
 void CHost::Close(SharedDevice* p, const IDevice* pOwner)
 {
     {
-        UniqueLock lock(m_cs);
-        Cancel(lock, *p, nullptr, pOwner);
+        MutexLock lock(m_cs);
+        Cancel(*p, nullptr, pOwner);
     }
-    const std::lock_guard lock(m_csOpen);
+    const MutexLock lock(m_csOpen);
     if (--p->iHandles != 0)
         return;
     {
-        const std::lock_guard lockQueues(m_cs);
+        const MutexLock lockQueues(m_cs);
         m_devices.remove(p);
     }
     if (p->bClaimed)
@@ -516,14 +518,17 @@ bool CHost::EnsureThread()
 {
     if (m_bThread)
         return true;
-    const std::lock_guard lock(m_csOpen);
+    const MutexLock lock(m_csOpen);
     return m_bThread || StartThread();
 }
 
 bool CHost::StartThread()
 {
-    m_bStop = false;
-    m_lLimit = MemoryLimit();
+    {
+        const MutexLock lock(m_cs);
+        m_bStop = false;
+        m_lLimit = MemoryLimit();
+    }
     const NoSignals noSignals;
     try {
         m_thread = std::thread([this] { Attempt("USB events", [this] { Run(); }); });
@@ -536,7 +541,7 @@ bool CHost::StartThread()
 void CHost::StopThread()
 {
     {
-        const std::lock_guard lock(m_cs);
+        const MutexLock lock(m_cs);
         m_bStop = true;
         m_cvDone.notify_all();
     }
@@ -549,7 +554,7 @@ void CHost::StopThread()
 // completions come from this thread alone.
 void CHost::Run()
 {
-    UniqueLock lock(m_cs);
+    MutexLock lock(m_cs);
     while (!m_bStop) {
         timeval tv{};
         if (m_iParked != 0)
@@ -560,9 +565,9 @@ void CHost::Run()
         const int r = libusb_handle_events_timeout_completed(m_pContext, &tv, nullptr);
         lock.lock();
         Pump();
-        Deliver(lock);
+        Deliver();
         if (r != LIBUSB_SUCCESS && r != LIBUSB_ERROR_INTERRUPTED && !m_bStop)
-            m_cvDone.wait_for(lock, RETRY);  // do not spin on an error that stays
+            WaitFor(m_cs, m_cvDone, RETRY);  // do not spin on an error that stays
     }
 }
 
@@ -644,7 +649,7 @@ void CHost::Pump()
     }
 }
 
-void CHost::Deliver(UniqueLock& lock)
+void CHost::Deliver()
 {
     if (m_iEnded == 0)
         return;
@@ -653,10 +658,10 @@ void CHost::Deliver(UniqueLock& lock)
         for (Pipe& p : d->pipes) {
             bool bAny = false;
             while (Xfer* x = p.FirstDeliverable()) {
-                lock.unlock();
+                m_cs.unlock();
                 // What it throws must not pass through libusb.
                 Attempt("completing a request", [x] { x->pRequest->OnComplete(x->pRequest, x->status, x->dwBytes); });
-                lock.lock();
+                m_cs.lock();
                 --m_iEnded;
                 auto done = p.Take(x);
                 if (d->iCancelling != 0)
@@ -672,7 +677,7 @@ void CHost::Deliver(UniqueLock& lock)
 void LIBUSB_CALL CHost::OnBulk(libusb_transfer* pTransfer)
 {
     CHost& host = *Current();
-    UniqueLock lock(host.m_cs);
+    MutexLock lock(host.m_cs);
     Xfer& x = *static_cast<Xfer*>(pTransfer->user_data);
     SharedDevice& d = *x.pDevice;
     const uint64_t lCost = x.Cost();
@@ -685,7 +690,7 @@ void LIBUSB_CALL CHost::OnBulk(libusb_transfer* pTransfer)
     if (x.status == Status::Gone && d.iResetting == 0)
         host.MarkGone(d);
     host.Pump();  // before the delivery: keep the device busy
-    host.Deliver(lock);
+    host.Deliver();
 }
 
 void CHost::MarkGone(SharedDevice& d)
@@ -699,7 +704,7 @@ void CHost::MarkGone(SharedDevice& d)
 
 // Ends the requests queued so far on a pipe (null: on all) and of one owner (null: of all). Returns when each has been
 // delivered.
-void CHost::Cancel(UniqueLock& lock, SharedDevice& d, const Pipe* pPipe, const IDevice* pOwner)
+void CHost::Cancel(SharedDevice& d, const Pipe* pPipe, const IDevice* pOwner)
 {
     const uint64_t lEnd = m_lSequence;
     const auto chosen = [&](const Xfer& x) { return x.lSequence < lEnd && (!pOwner || x.pOwner == pOwner); };
@@ -727,11 +732,11 @@ void CHost::Cancel(UniqueLock& lock, SharedDevice& d, const Pipe* pPipe, const I
     };
     ++d.iCancelling;
     while (Xfer* const x = next()) {
-        lock.unlock();
+        m_cs.unlock();
         libusb_cancel_transfer(x->pTransfer);
-        lock.lock();
+        m_cs.lock();
     }
-    m_cvDone.wait(lock, [&] {
+    WaitUntil(m_cs, m_cvDone, [&] {
         for (const Pipe& p : d.pipes)
             if ((!pPipe || pPipe == &p) &&
                 std::any_of(p.queue.begin(), p.queue.end(), [&](const auto& x) { return chosen(*x); }))
@@ -760,7 +765,7 @@ Status CHost::Submit(SharedDevice& d, const IDevice* pOwner, BulkRequest* pReque
     libusb_fill_bulk_transfer(x->pTransfer, d.pHandle, pRequest->bEndpoint, pRequest->pData, int(pRequest->dwLength),
                               OnBulk, x, 0);
 
-    const std::lock_guard lock(m_cs);
+    const MutexLock lock(m_cs);
     Pipe& p = d.At(pRequest->bEndpoint);
     pRequest->pStack = x;
     x->lSequence = m_lSequence++;
@@ -782,8 +787,8 @@ Status CHost::Submit(SharedDevice& d, const IDevice* pOwner, BulkRequest* pReque
 
 void CHost::Abort(SharedDevice& d, uint8_t bEndpoint)
 {
-    UniqueLock lock(m_cs);
-    Cancel(lock, d, &d.At(bEndpoint), nullptr);
+    MutexLock lock(m_cs);
+    Cancel(d, &d.At(bEndpoint), nullptr);
 }
 
 // --- the rest of a device -------------------------------------------------------------------------------------------
@@ -791,7 +796,7 @@ void CHost::Abort(SharedDevice& d, uint8_t bEndpoint)
 Status CHost::Note(SharedDevice& d, Status status)
 {
     if (status == Status::Gone && d.iResetting == 0) {
-        const std::lock_guard lock(m_cs);
+        const MutexLock lock(m_cs);
         MarkGone(d);
     }
     return status;
@@ -806,9 +811,9 @@ int CHost::Quietly(SharedDevice& d, uint8_t bEndpoint, Work work)
             if (!pPipe || pPipe == &p)
                 p.iHold += iStep;
     };
-    UniqueLock lock(m_cs);
+    MutexLock lock(m_cs);
     hold(1);
-    Cancel(lock, d, pPipe, nullptr);
+    Cancel(d, pPipe, nullptr);
     lock.unlock();
     const int r = work();
     lock.lock();
@@ -837,7 +842,7 @@ void LIBUSB_CALL CHost::OnControl(libusb_transfer* pTransfer)
 {
     ControlWait& w = *static_cast<ControlWait*>(pTransfer->user_data);
     CHost& host = *w.pHost;
-    const std::lock_guard lock(host.m_cs);
+    const MutexLock lock(host.m_cs);
     w.bDone = true;
     host.m_cvDone.notify_all();
 }
@@ -864,7 +869,7 @@ Status CHost::Control(SharedDevice& d, const IDevice* pOwner, const uint8_t* pSe
 
     // Bulk requests can leave no memory for a control request either. Real time: this is the driver's own limit.
     const auto start = std::chrono::steady_clock::now();
-    UniqueLock lock(m_cs);
+    MutexLock lock(m_cs);
     const auto it = d.controls.insert(d.controls.end(), &w);
     Status status;
     for (;;) {
@@ -879,14 +884,14 @@ Status CHost::Control(SharedDevice& d, const IDevice* pOwner, const uint8_t* pSe
             status = Status::TimedOut;
         if (status != Status::NoMemory)
             break;
-        m_cvDone.wait_for(lock, RETRY);
+        WaitFor(m_cs, m_cvDone, RETRY);
     }
     if (status == Status::Ok && w.bAbort) {  // it came before there was something to cancel
         lock.unlock();
         libusb_cancel_transfer(pTransfer.get());
         lock.lock();
     }
-    m_cvDone.wait(lock, [&] { return (w.bDone || status != Status::Ok) && w.iNamed == 0; });
+    WaitUntil(m_cs, m_cvDone, [&] { return (w.bDone || status != Status::Ok) && w.iNamed == 0; });
     d.controls.erase(it);
     lock.unlock();
     if (status != Status::Ok)
@@ -900,7 +905,7 @@ Status CHost::Control(SharedDevice& d, const IDevice* pOwner, const uint8_t* pSe
 
 void CHost::AbortControl(SharedDevice& d, const IDevice* pOwner)
 {
-    UniqueLock lock(m_cs);
+    MutexLock lock(m_cs);
     const auto next = [&]() -> ControlWait* {
         for (ControlWait* w : d.controls)
             if (w->pOwner == pOwner && !std::exchange(w->bAbort, true))

@@ -21,13 +21,13 @@
 #include <ctime>
 #include <filesystem>
 #include <map>
-#include <mutex>
 #include <set>
 #include <string>
 #include <vector>
 
 #include "base/Attempt.h"
 #include "base/Log.h"
+#include "base/Mutex.h"
 #include "platform/Platform.h"
 
 namespace platform {
@@ -333,9 +333,9 @@ public:
     // The database is that of the moment: the environment may change before the thread comes to it.
     void Hand(const fs::path& path, const std::string& sKey, std::vector<Value> values)
     {
-        std::unique_lock lock(m_m);
+        const MutexLock lock(m_m);
         if (path != m_path) {
-            m_idle.wait(lock, [this] { return !m_bRunning; });
+            WaitUntil(m_m, m_idle, [this]() KOV_TSA(requires_capability(m_m)) { return !m_bRunning; });
             m_path = path;
             m_unread.clear();
         }
@@ -350,13 +350,13 @@ public:
     }
     void Flush()
     {
-        std::unique_lock lock(m_m);
-        m_idle.wait(lock, [this] { return !m_bRunning; });
+        const MutexLock lock(m_m);
+        WaitUntil(m_m, m_idle, [this]() KOV_TSA(requires_capability(m_m)) { return !m_bRunning; });
     }
     // What has not reached the database yet, newest last.
     void Overlay(const std::string& sKey, std::vector<Value>& values)
     {
-        const std::lock_guard lock(m_m);
+        const MutexLock lock(m_m);
         for (const Changes* p : { &m_writing, &m_waiting })
             if (const auto it = p->find(sKey); it != p->end())
                 for (const Value& v : it->second)
@@ -364,7 +364,7 @@ public:
     }
     void MarkUnread(const std::string& sKey, bool bUnread)
     {
-        const std::lock_guard lock(m_m);
+        const MutexLock lock(m_m);
         if (bUnread)
             m_unread.insert(sKey);
         else
@@ -375,33 +375,36 @@ private:
     void Run()
     {
         logging::SetThreadName("settings");
-        const std::lock_guard lock(m_m);
+        const MutexLock lock(m_m);
         WriteAll();
         m_bRunning = false;
         m_idle.notify_all();
     }
-    // The lock is held, but not while the database is written. What is left for lack of memory waits for the next save.
-    void WriteAll()
+    // What is left for lack of memory waits for the next save.
+    void WriteAll() KOV_TSA(requires_capability(m_m))
     {
-        static constexpr char STEP[] = "saving the settings";
-        Attempt(STEP, [this] {
-            while (!m_waiting.empty()) {
-                const auto unread = m_unread;
-                m_writing.swap(m_waiting);
-                m_m.unlock();
-                Attempt(STEP, [&] { Save(m_path, m_writing, unread); });
-                m_m.lock();
-                m_writing.clear();
-            }
-        });
+        Attempt(STEP, [this]() KOV_TSA(no_thread_safety_analysis) { WriteWaiting(); });
+    }
+    // The lock is not held while the database is written; nobody changes what it is written from.
+    void WriteWaiting() KOV_TSA(requires_capability(m_m))
+    {
+        while (!m_waiting.empty()) {
+            const auto unread = m_unread;
+            m_writing.swap(m_waiting);
+            m_m.unlock();
+            Attempt(STEP, [&]() KOV_TSA(no_thread_safety_analysis) { Save(m_path, m_writing, unread); });
+            m_m.lock();
+            m_writing.clear();
+        }
     }
 
-    std::mutex m_m;
+    static constexpr char STEP[] = "saving the settings";
+    Mutex m_m;
     std::condition_variable m_idle;
-    fs::path m_path;
-    Changes m_waiting, m_writing;
-    std::set<std::string, NoCase> m_unread;
-    bool m_bRunning = false;
+    fs::path m_path KOV_TSA(guarded_by(m_m));
+    Changes m_waiting KOV_TSA(guarded_by(m_m)), m_writing KOV_TSA(guarded_by(m_m));
+    std::set<std::string, NoCase> m_unread KOV_TSA(guarded_by(m_m));
+    bool m_bRunning KOV_TSA(guarded_by(m_m)) = false;
     Thread m_thread;
 };
 
