@@ -41,6 +41,11 @@ Engines Those(const Engines& cameras, Condition condition)
     return out;
 }
 
+bool Contains(const Engines& cameras, const std::shared_ptr<CameraEngine>& camera)
+{
+    return std::find(cameras.begin(), cameras.end(), camera) != cameras.end();
+}
+
 Engines OpenOnes(const Engines& cameras)
 {
     return Those(cameras, [](const auto& c) { return c->OpenId() >= 0; });
@@ -195,26 +200,33 @@ Observatory::Next Observatory::Look()
     return m_unclear ? Next::Soon : Next::Later;
 }
 
-// Cameras of a model are told apart by their order alone. One that has gone is thought to come back behind those that
-// stayed: new devices get higher addresses.
+// Cameras of a model are told apart by their order alone, which is that of their sockets: one that comes back is thought to
+// be in its own again.
 void Observatory::Place(const Engines& open)
 {
-    Engines closed = Those(Cameras(), [&](const auto& c) { return std::find(open.begin(), open.end(), c) == open.end(); });
+    const Engines cameras = Cameras();
+    Engines closed = Those(cameras, [&](const auto& c) { return !Contains(open, c); });
     // Those that are here first; of the others the one that went last, as when a look missed it.
     std::stable_sort(closed.begin(), closed.end(), [](const auto& a, const auto& b) {
         const auto from = a->GoneSince(), other = b->GoneSince();
         constexpr std::chrono::steady_clock::time_point HERE{};
         return from == HERE ? other != HERE : other != HERE && from > other;
     });
-    auto places = m_models;
+    std::map<std::string, int> left;  // places of a model
+    for (const auto& [id, model] : m_models)
+        ++left[model];
+    Engines here;
     for (const auto& c : closed) {
-        const auto it = std::find_if(places.begin(), places.end(), [&](const auto& m) { return m.second == c->Model(); });
         // A model of which one is open can be told apart only when all are closed.
         const bool doubtful = std::any_of(open.begin(), open.end(), [&](const auto& o) { return o->Model() == c->Model(); });
-        if (it == places.end() || doubtful) {
+        if (doubtful || left[c->Model()]-- <= 0)
             c->Place(std::nullopt);
-            continue;
-        }
+        else
+            here.push_back(c);
+    }
+    auto places = m_models;
+    for (const auto& c : Those(cameras, [&](const auto& e) { return Contains(here, e); })) {
+        const auto it = std::find_if(places.begin(), places.end(), [&](const auto& m) { return m.second == c->Model(); });
         c->Place(it->first);
         places.erase(it);
     }
