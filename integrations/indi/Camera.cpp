@@ -9,6 +9,7 @@
 #include <set>
 #include <utility>
 
+#include "common/Firmware.h"
 #include "common/Frame.h"
 
 namespace kovindi {
@@ -281,9 +282,12 @@ int Camera::OpenOneOf(const std::vector<int>& places)
 {
     for (const int i : places) {
         KOV_ID id{};
+        const kovtools::OpeningOfCamera opening;
         if (m_library->OpenCamera(i) == KOV_SUCCESS &&
-            (m_id.empty() || (m_library->GetID(i, &id) == KOV_SUCCESS && IdText(id) == m_id)))
+            (m_id.empty() || (m_library->GetID(i, &id) == KOV_SUCCESS && IdText(id) == m_id))) {
+            m_firmware = opening.FirmwareVersion();
             return i;
+        }
         m_library->CloseCamera(i);  // an open that failed counts as open
     }
     return -1;
@@ -307,6 +311,7 @@ Opened Camera::Describe()
     opened.states = m_told;
     opened.format = m_format;
     opened.dark = IsDarkInUse();
+    opened.firmware = m_firmware;
     return opened;
 }
 

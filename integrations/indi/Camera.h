@@ -50,6 +50,7 @@ struct Opened {
     ControlStates states;
     Format format;
     bool dark;  // a dark frame is subtracted, since the last session
+    std::optional<int> firmware;  // version, where it can be told
 };
 
 struct VideoCount {
@@ -150,6 +151,7 @@ private:
     std::shared_ptr<const Library> m_library;
     int m_place = -1;  // ID in the copy's table; -1: closed
     KOV_CAMERA_INFO m_info{};
+    std::optional<int> m_firmware;
     std::vector<KOV_CONTROL_CAPS> m_controls;
     ControlStates m_told;
     Format m_format;

@@ -129,6 +129,7 @@ bool Device::initProperties()
     m_facts[0].fill("MODEL", "Model", m_model);
     m_facts[1].fill("CAMERA_ID", "User ID", m_id);
     m_facts[2].fill("USB_LINK", "USB link", "");
+    m_facts[3].fill("FIRMWARE", "Firmware version", "");
     m_facts.fill(dev, "CAMERA_FACTS", "Camera", INFO_TAB, IP_RO, 0, IPS_IDLE);
     m_cooler[0].fill("COOLER_ON", "On", ISS_OFF);
     m_cooler[1].fill("COOLER_OFF", "Off", ISS_ON);
@@ -337,7 +338,9 @@ bool Device::ISNewSwitch(const char* dev, const char* name, ISState* states, cha
         for (int i = 0; i < n; ++i)
             if (FindElement(CaptureFormatSP, names[i]) == nullptr) return false;
     }
-    if ((is("CCD_CAPTURE_FORMAT") || is("CCD_FRAME_RESET")) && Defer(&Device::ISNewSwitch, name, states, names, n))
+    const bool waitsForUpload =
+        is("CCD_CAPTURE_FORMAT") || is("CCD_FRAME_RESET") || is("CCD_VIDEO_STREAM") || is("RECORD_STREAM");
+    if (waitsForUpload && Defer(&Device::ISNewSwitch, name, states, names, n))
         return true;
     const bool handled = INDI::CCD::ISNewSwitch(dev, name, states, names, n);
     if (is("CCD_TRANSFER_FORMAT"))  // the framework keeps the extension of the last native picture
@@ -523,6 +526,7 @@ void Device::addFITSKeywords(INDI::CCDChip* chip)
     kovtools::FitsNotes notes;
     notes.software = "indi_kov_ccd";
     if (!m_id.empty()) notes.more.push_back({ "CAMID", m_id, "user ID in the camera's flash" });
+    if (m_firmware) notes.more.push_back({ "FWVERS", int64_t{ *m_firmware }, "version of the camera's firmware" });
     if (const ControlState* s = kovindi::Find(m_shot.states, CTRL_HIGH_SPEED_MODE))
         notes.more.push_back({ "READOUT", std::string(s->value != 0 ? "high speed" : "normal"), "readout mode" });
     kovtools::CameraState shot = StateOf(m_shot.format, m_shot.states);
@@ -716,10 +720,6 @@ bool Device::StartStreaming()
         LOG_ERROR("An exposure runs. Wait for its end or abort it, then stream");
         return false;
     }
-    if (m_uploads) {
-        LOG_ERROR("A picture is being sent. Stream when it has arrived");
-        return false;
-    }
     static constexpr INDI_PIXEL_FORMAT MOSAICS[] = { INDI_BAYER_RGGB, INDI_BAYER_BGGR, INDI_BAYER_GRBG,
                                                      INDI_BAYER_GBRG };
     const kovtools::CameraState state = StateOf(m_wish, m_states);
@@ -795,6 +795,8 @@ void Device::ShowOpened(const Opened& facts, const std::vector<std::string>& adv
                                      false);
     const bool slow = m_info.IsUSB3Camera && !m_info.IsUSB3Host;
     m_facts[2].setText(slow ? "USB 2, where the camera could do USB 3" : m_info.IsUSB3Host ? "USB 3" : "USB 2");
+    m_firmware = facts.firmware;
+    m_facts[3].setText(m_firmware ? std::to_string(*m_firmware) : "");
     SetDark(facts.dark);
     m_formatsAsked = 0;
     m_wish = { { 0, 0, m_info.MaxWidth, m_info.MaxHeight }, 1, ChosenType() };

@@ -109,6 +109,7 @@ private:
     const std::string m_name, m_model, m_id;
     const int m_ordinal, m_serial;
     KOV_CAMERA_INFO m_info;
+    std::optional<int> m_firmware;  // version
     std::vector<KOV_CONTROL_CAPS> m_caps;
     ControlStates m_states;
     Format m_wish, m_format;  // asked for, in force
@@ -141,7 +142,7 @@ private:
 
     INDI::PropertyNumber m_controls{ 0 }, m_coolerPower{ 1 }, m_videoCount{ 2 }, m_darkFrames{ 1 };
     INDI::PropertySwitch m_modes{ 0 }, m_cooler{ 2 }, m_hardwareBin{ 2 }, m_warmUpSwitch{ 2 }, m_dark{ 3 };
-    INDI::PropertyText m_darkFile{ 1 }, m_facts{ 3 };
+    INDI::PropertyText m_darkFile{ 1 }, m_facts{ 4 };
     std::unique_ptr<Camera> m_camera;  // last: it calls into all others
 };
 

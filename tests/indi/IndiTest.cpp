@@ -149,7 +149,7 @@ TEST_F(Indi, PicturesAreThoseOfKovcam)
 
 TEST_F(Indi, WhatCannotBeDoneIsRefusedAndTheNextThingWorks)
 {
-    Observatory o("QuartzCol", m_home);
+    Observatory o("QuartzCol;firmware=19", m_home);
     Client& c = o.client;
     const std::string d = "VYR KOVQuartzCol", exposure = d + ".CCD_EXPOSURE", state = d + ".CCD_";
     o.Connect(d);
@@ -191,7 +191,9 @@ TEST_F(Indi, WhatCannotBeDoneIsRefusedAndTheNextThingWorks)
     // A flip moves the colour cell.
     c.Set(d, "CCD_CONTROLS", { { "Flip", 1 } });
     ASSERT_TRUE(c.Wait([&] { return c.Is(state + "CONTROLS", IPS_OK) && c.Number(state + "CONTROLS.Flip") == 1; }, 5s));
-    EXPECT_EQ(Expose(c, d, 0.01).keys["BAYERPAT"], "GRBG");
+    Image flipped = Expose(c, d, 0.01);
+    EXPECT_EQ(flipped.keys["BAYERPAT"], "GRBG");
+    EXPECT_EQ(flipped.keys["FWVERS"], "19");
     // A dark frame of our own passes the library's reader.
     c.Set(d, "CCD_CONTROLS", { { "Exposure", 2000 } });
     c.Set(d, "DARK_FRAMES", { { "FRAMES", 3 } });

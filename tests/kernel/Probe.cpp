@@ -4,6 +4,7 @@
 //   kovprobe frames ID WIDTHxHEIGHT raw8|raw16 COUNT [snap|FILE]   the cameras look at the pattern, without noise; as a video, as
 //                            single exposures, or as a video of COUNT frames and more until there is such a file; it closes a camera that
 //                            is gone and opens it again when it has come back
+//   kovprobe firmware ID     the version that camera ID tells beside the library
 //   kovprobe calls [MODEL]   a run of calls on camera 0; with a model, on the virtual bus, whose vendor requests it prints
 #include <unistd.h>
 
@@ -18,6 +19,7 @@
 #include <vector>
 
 #include "KOVCamera2.h"
+#include "common/Firmware.h"
 #include "virtual/InProcess.h"
 #include "virtual/SimOptions.h"
 
@@ -132,6 +134,16 @@ int Frames(char** argv, int argc)
     return frames >= count && good == frames ? 0 : 1;
 }
 
+int Firmware(int32_t id)
+{
+    if (KOVGetNumOfConnectedCameras() <= id) Check(KOV_ERROR_BAD_INDEX, "KOVGetNumOfConnectedCameras");
+    const kovtools::OpeningOfCamera opening;
+    CHECK(KOVOpenCamera(id));
+    std::printf("%d\n", opening.FirmwareVersion().value_or(-1));
+    CHECK(KOVCloseCamera(id));
+    return 0;
+}
+
 void RunCalls()
 {
     Region r{ 0, 0, 320, 240, IMG_RAW8 };
@@ -191,7 +203,8 @@ int main(int argc, char** argv)
 {
     const std::string command = argc > 1 ? argv[1] : "";
     if (command == "frames" && argc >= 6) return Frames(argv + 2, argc - 2);
+    if (command == "firmware" && argc == 3) return Firmware(std::atoi(argv[2]));
     if (command == "calls") return Calls(argc > 2 ? argv[2] : nullptr);
-    std::fprintf(stderr, "kovprobe: frames or calls expected\n");
+    std::fprintf(stderr, "kovprobe: frames, firmware or calls expected\n");
     return 2;
 }

@@ -114,6 +114,13 @@ for camera in "0 Dunite" "1 Quartz" "2 Kyanite"; do
     expect 0 "${camera#* }: kovcam video" as in kovcam -c "${camera% *}" video -n 5 -e 5ms -r 320x240 -f raw8 -o "/tmp/${camera#* }"
 done
 
+# --- each tells its firmware's version to who asks beside the library, as to who asks the library
+for id in 0 1 2; do
+    expect 0 "the firmware of camera $id" as in kovprobe firmware $id
+    version=$(as in kovcam --json -c $id firmware | sed -n 's/.*"firmware": *\([0-9]*\).*/\1/p')
+    says "^${version:-none}\$"
+done
+
 # --- two programs
 as in kovprobe frames 1 320x240 raw8 20 /tmp/enough >first &
 first=$!
