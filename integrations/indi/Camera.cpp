@@ -6,9 +6,11 @@
 #include <cstdio>
 #include <cstring>
 #include <exception>
+#include <fstream>
 #include <set>
 #include <utility>
 
+#include "common/Files.h"
 #include "common/Firmware.h"
 #include "common/Frame.h"
 
@@ -546,15 +548,16 @@ void Camera::FinishDark()
     Halt();
     const std::vector<uint8_t> bmp = m_dark->Bmp();
     m_dark.reset();
-    const std::string part = m_darkPath + ".part";
-    std::FILE* file = std::fopen(part.c_str(), "wb");
-    bool ok = file != nullptr && std::fwrite(bmp.data(), 1, bmp.size(), file) == bmp.size();
-    ok = file != nullptr && std::fclose(file) == 0 && ok;
-    ok = ok && std::rename(part.c_str(), m_darkPath.c_str()) == 0;
     DoSetFormat(m_afterDark);
-    if (!ok) {
-        TellDark(false,
-                 "cannot write " + m_darkPath + ": " + std::strerror(errno) + ". Set DARK_FILE to a place with room");
+    try {
+        kovtools::WholeFile whole(m_darkPath);
+        std::ofstream file(kovtools::PathOf(whole.Temporary()), std::ios::binary | std::ios::trunc);
+        file.write(reinterpret_cast<const char*>(bmp.data()), static_cast<std::streamsize>(bmp.size()));
+        file.close();
+        if (!file) kovtools::FailToWrite(m_darkPath, std::strerror(errno));
+        whole.Commit();
+    } catch (const std::runtime_error& e) {
+        TellDark(false, std::string(e.what()) + " Else set DARK_FILE to another place");
         return;
     }
     LoadDark(m_darkPath);

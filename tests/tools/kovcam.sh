@@ -143,7 +143,7 @@ cp a.fits full.fits
 (ulimit -f 100 && trap '' XFSZ && SIM= cam QuartzCol snap -o full -e 20ms --no-png)
 [ $? -eq 1 ] || fail "full disk: another exit code than 1"
 cmp -s a.fits full.fits || fail "a failed write has touched the older file"
-[ -e full.fits.part ] && fail "a failed write left its temporary file"
+compgen -G '*.part' && fail "a failed write left its temporary file"
 
 # --- what the camera keeps in its flash
 SIM="--flash $dir/flash.bin --scene dark --hot 300"

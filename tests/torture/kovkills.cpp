@@ -61,6 +61,7 @@ void SaveFits(uint8_t generation)
     const std::vector<uint8_t> samples(WIDTH * HEIGHT, generation);
     kovtools::WholeFile whole(PathTo("snap.fits"));
     kovtools::FitsFile fits(whole.Temporary(), WIDTH, HEIGHT, 1, false);
+    whole.HoldAgain();
     fits.Plane(samples.data());
     fits.Close();
     whole.Commit();

@@ -14,6 +14,7 @@ void WriteFits(const std::string& path, const FrameView& frame, const std::vecto
 {
     WholeFile whole(path);
     FitsFile file(whole.Temporary(), frame.width, frame.height, frame.Channels(), frame.Is16());
+    whole.HoldAgain();
     for (const FitsCard& card : cards)
         file.Add(card);
     if (frame.Channels() == 3) {

@@ -77,7 +77,6 @@ void Dark(const Globals& g, const DarkOptions& o)
     CCameraBase& object = cam.Object();
     kovtools::WholeFile whole(path);
     std::error_code ec;
-    fs::remove(kovtools::PathOf(whole.Temporary()), ec);
     object.SaveBMPToFile(whole.Temporary().c_str());  // tells success in any case
     const auto pixels = static_cast<uintmax_t>(cam.Info().MaxWidth) * static_cast<uintmax_t>(cam.Info().MaxHeight);
     if (fs::file_size(kovtools::PathOf(whole.Temporary()), ec) < pixels || ec)

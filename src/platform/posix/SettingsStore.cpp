@@ -220,8 +220,10 @@ bool IsDamagedNow(const fs::path& path)
     const auto* const szResult = reinterpret_cast<const char*>(sqlite3_column_text(s.get(), 0));
     if (szResult && std::strcmp(szResult, "ok") != 0)
         return true;
+    if (const int rows = Walk(db, NOTHING); rows != SQLITE_ERROR && IsDamage(rows))  // SQLITE_ERROR: there may be no table yet
+        return true;
     const Statement table = Prepare(db, "SELECT 1 FROM sqlite_schema WHERE name = 'setting'");
-    return table && sqlite3_step(table.get()) == SQLITE_ROW && (!Prepare(db, REPLACE) || IsDamage(Walk(db, NOTHING)));
+    return table && sqlite3_step(table.get()) == SQLITE_ROW && !Prepare(db, REPLACE);
 }
 
 // The file goes to settings-DATE-TIME.damaged, with its journal; the next save begins a new one. The lock on the folder
