@@ -199,8 +199,10 @@ FrameExchange::Lease FrameExchange::Take(int32_t iSize, uint32_t dwTimeoutMs)
     const MutexLock lock(m.ring);
     if (!m.IsThere())
         return lease;
-    if (m.Held() + int32_t(m.spares.size()) <= Impl::SLOTS)  // all other blocks are with readers
-        m.spares.insert(m.spares.begin(), m.AddBlock());
+    if (m.Held() + int32_t(m.spares.size()) <= Impl::SLOTS) {  // all other blocks are with readers
+        uint8_t* const pFresh = m.AddBlock();                   // first: it may move the list
+        m.spares.insert(m.spares.begin(), pFresh);
+    }
     const int32_t iSlot = m.iRead.load(std::memory_order_relaxed);
     const size_t n = m.Fit(iSize), nFrame = std::min(n, m.aFrameBytes[iSlot]);
     lease.m_pFrame = m.Remove();
