@@ -222,7 +222,7 @@ bool IsDamagedNow(const fs::path& path)
         return true;
     if (const int rows = Walk(db, NOTHING); rows != SQLITE_ERROR && IsDamage(rows))  // SQLITE_ERROR: there may be no table yet
         return true;
-    const Statement table = Prepare(db, "SELECT 1 FROM sqlite_schema WHERE name = 'setting'");
+    const Statement table = Prepare(db, "SELECT 1 FROM sqlite_schema WHERE CAST(name AS TEXT) = 'setting'");
     return table && sqlite3_step(table.get()) == SQLITE_ROW && !Prepare(db, REPLACE);
 }
 
