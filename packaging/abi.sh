@@ -7,9 +7,10 @@ library=$1 headers=$2
 # The C++ classes are exported for this project's own tools and promise nothing.
 only=(--suppressions classes.suppr --headers-dir "$headers")
 if [ "${3:-}" = --record ]; then
-    abidw "${only[@]}" --drop-private-types --no-corpus-path --no-comp-dir-path --no-show-locs --out-file libKOVCamera2.abi "$library"
+    abidw "${only[@]}" --exported-interfaces-only --drop-private-types --no-corpus-path --no-comp-dir-path --no-show-locs "$library" |
+        sed "s| path='[^']*/src/| path='src/|" >libKOVCamera2.abi
     echo "recorded: $PWD/libKOVCamera2.abi"
 else
-    abidiff --suppressions classes.suppr --headers-dir2 "$headers" --drop-private-types --no-added-syms libKOVCamera2.abi "$library"
+    abidiff --suppressions classes.suppr --headers-dir2 "$headers" --exported-interfaces-only --drop-private-types --no-added-syms libKOVCamera2.abi "$library"
     echo "the interface is that of the last release"
 fi
