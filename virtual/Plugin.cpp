@@ -11,7 +11,6 @@
 namespace kovsim {
 namespace {
 
-// Offers are never destroyed: the library may look at one while another thread attaches the next.
 std::atomic<const usbstack::Plugin*> g_pAttached = nullptr;
 std::unique_ptr<VirtualBus> g_pOwnBus;  // of KOVSimAttach
 
@@ -31,7 +30,7 @@ const usbstack::Plugin* FromEnvironment()
     } catch (const std::exception& e) {
         std::fprintf(stderr, "KOVSIM: %s\n", e.what());
     }
-    return bus ? new usbstack::Plugin{ 1, bus, options.dRate } : nullptr;
+    return bus ? &bus->Offer() : nullptr;
 }
 
 VirtualCamera* OwnCamera(int index)
@@ -45,7 +44,7 @@ VirtualCamera* OwnCamera(int index)
 
 void Attach(VirtualBus* bus)
 {
-    g_pAttached.store(bus ? new usbstack::Plugin{ 1, bus, bus->ClockRate() } : nullptr, std::memory_order_release);
+    g_pAttached.store(bus ? &bus->Offer() : nullptr, std::memory_order_release);
 }
 
 }  // namespace kovsim

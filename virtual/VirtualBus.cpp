@@ -146,6 +146,7 @@ struct VirtualBus::Impl final : BusHooks {
     }
 
     const double dRate;
+    usbstack::Plugin offer{};
     Clock clock;
     std::atomic<uint8_t> address{ 2 };  // 1 is the root hub's
     std::mutex pump;
@@ -158,6 +159,7 @@ struct VirtualBus::Impl final : BusHooks {
 
 VirtualBus::VirtualBus(double dClockRate) : m_p(std::make_unique<Impl>(dClockRate))
 {
+    m_p->offer = { 1, this, m_p->dRate };
     m_p->events = std::thread([this] { m_p->EventThread(); });
 }
 
@@ -193,7 +195,7 @@ std::vector<VirtualCamera*> VirtualBus::Cameras()
     return out;
 }
 
-double VirtualBus::ClockRate() const { return m_p->dRate; }
+const usbstack::Plugin& VirtualBus::Offer() const { return m_p->offer; }
 
 std::vector<usbstack::DeviceInfo> VirtualBus::Enumerate()
 {

@@ -136,7 +136,7 @@ public:
     // A device that is no camera: for enumeration tests.
     void PlugForeign(uint16_t wVendorId, uint16_t wProductId);
     std::vector<VirtualCamera*> Cameras();
-    double ClockRate() const;
+    const usbstack::Plugin& Offer() const;  // for the library: this bus, at its rate; lives as long as the bus
 
     std::vector<usbstack::DeviceInfo> Enumerate() override;
     usbstack::IDevice* Open(const std::string& sPath, usbstack::Status* pStatus) override;

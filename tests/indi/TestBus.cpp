@@ -68,7 +68,7 @@ extern "C" __attribute__((visibility("default"))) const usbstack::Plugin* KOVUsb
         for (const auto& settings : options.cameras) bus->Plug(settings);
         if (const char* path = std::getenv("KOV_TESTBUS_PIPE")) std::thread(Obey, bus, std::string(path)).detach();
         if (const char* path = std::getenv("KOV_TESTBUS_PINS")) std::thread(WatchPins, bus, std::string(path)).detach();
-        return new usbstack::Plugin{ 1, bus, options.dRate };
+        return &bus->Offer();
     }();
     return plugin;
 }

@@ -41,6 +41,7 @@ static std::atomic<int> g_iOnEventThread = 0;
         return p;
     throw std::bad_alloc();
 }
+[[gnu::noinline]] void* operator new(size_t n, const std::nothrow_t&) noexcept { return std::malloc(n); }
 [[gnu::noinline]] void operator delete(void* p) noexcept { std::free(p); }
 [[gnu::noinline]] void operator delete(void* p, size_t) noexcept { std::free(p); }
 

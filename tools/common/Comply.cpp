@@ -52,8 +52,9 @@ void ComplyRunner::Run()
         if (m_o.onCheck)
             m_o.onCheck(name);
         Settle();
+        const auto check = checks[i];
         try {
-            (this->*checks[i])();
+            (this->*check)();
         } catch (const std::runtime_error& e) {
             Add(name.c_str(), e.what(), false, 0, 0, "", "the camera gave up in the midst of this check; see 'kovcam doctor'");
         }

@@ -40,6 +40,7 @@ static const std::thread::id g_Main = std::this_thread::get_id();
     void* const p = g_bNoMemory && std::this_thread::get_id() != g_Main ? nullptr : std::malloc(n);
     return p ? p : throw std::bad_alloc();
 }
+[[gnu::noinline]] void* operator new(size_t n, const std::nothrow_t&) noexcept { return std::malloc(n); }
 [[gnu::noinline]] void operator delete(void* p) noexcept { std::free(p); }
 [[gnu::noinline]] void operator delete(void* p, size_t) noexcept { std::free(p); }
 
