@@ -365,21 +365,29 @@ struct GainOf {
     }
 };
 
+// Where pixels of a row go: that of column `first` to `at`, the others before and behind it.
+template <bool kY8>
+struct PixelRow {
+    static constexpr ptrdiff_t kBytes = kY8 ? 1 : 3;
+    uint8_t* at;
+    ptrdiff_t first;
+    uint8_t* Pixel(ptrdiff_t x) const { return at + kBytes * (x - first); }
+};
+
 // What does not change along an inner row.
 template <bool kY8, GainWay kWay, bool kColourOdd>
 class InnerRow {
 public:
-    HWY_INLINE InnerRow(const BayerFrame& f, ptrdiff_t y, const Table& blueTable, const Table& redTable, uint8_t* dst)
-        : m_row(f.Row(y)), m_out(dst + y * f.width * kBytes), m_width(f.width),
-          m_ahead(std::min<ptrdiff_t>(ROWS_AHEAD, f.height - 1 - y) * f.width), m_blueRow((y & 1) == f.phase.blueY),
-          m_own{ m_blueRow ? f.gains->blueFactor : f.gains->redFactor },
+    HWY_INLINE InnerRow(const BayerFrame& f, ptrdiff_t y, const Table& blueTable, const Table& redTable)
+        : m_row(f.Row(y)), m_width(f.width), m_ahead(std::min<ptrdiff_t>(ROWS_AHEAD, f.height - 1 - y) * f.width),
+          m_blueRow((y & 1) == f.phase.blueY), m_own{ m_blueRow ? f.gains->blueFactor : f.gains->redFactor },
           m_other{ m_blueRow ? f.gains->redFactor : f.gains->blueFactor }, m_blueTable(blueTable), m_redTable(redTable)
     {
     }
 
     // A vector of pixels from column x on.
     template <bool kStream, class D8>
-    HWY_INLINE void Put(D8 d8, ptrdiff_t x) const
+    HWY_INLINE void Put(D8 d8, ptrdiff_t x, PixelRow<kY8> out) const
     {
         hn::Vec<D8> own, green, other;
         hwy::Prefetch(m_row + x + m_ahead);
@@ -390,125 +398,220 @@ public:
             red = m_redTable.Map(red);
         }
         if constexpr (kY8)
-            hn::StoreU(LuminanceOfBytes(blue, green, red), d8, m_out + x);
+            hn::StoreU(LuminanceOfBytes(blue, green, red), d8, out.Pixel(x));
         else
-            StorePixels<kStream>(blue, green, red, m_out + kBytes * x);
+            StorePixels<kStream>(blue, green, red, out.Pixel(x));
     }
-
-    // The first column from which the output is aligned: three bytes a pixel reach every even alignment within one vector.
-    ptrdiff_t FirstAligned(ptrdiff_t step) const
+    // Columns x to `end`. The last vector may begin before x, where it holds the same as what stands there.
+    template <class D8>
+    HWY_INLINE void PutAll(D8 d8, ptrdiff_t x, ptrdiff_t end, PixelRow<kY8> out) const
     {
-        ptrdiff_t x = 2;
-        while (reinterpret_cast<uintptr_t>(m_out + kBytes * x) % static_cast<uintptr_t>(step) != 0)
-            x += 2;
-        return x;
+        const ptrdiff_t step = static_cast<ptrdiff_t>(hn::Lanes(d8));
+        for (; x < end; x += step)
+            Put<false>(d8, std::min(x, end - step), out);
     }
 
 private:
-    static constexpr ptrdiff_t kBytes = kY8 ? 1 : 3;
     // Two rows at a time read two new ones; those of the next turn are asked for.
     static constexpr int ROWS_AHEAD = 3;
     const uint8_t* const m_row;
-    uint8_t* const m_out;
     const ptrdiff_t m_width, m_ahead;
     const bool m_blueRow;
     const GainOf<kWay> m_own, m_other;
     const Table &m_blueTable, &m_redTable;
 };
 
-// Columns 2 to `end` of the inner rows y and y + 1, in vectors. The first and the last vector may be overlaid by their
-// neighbours, which hold the same there. Both rows advance together: past the caches, it is the walks to the next pages
-// that take the time, and those of two streams overlap. False if the rows are shorter than a vector.
-template <bool kY8, GainWay kWay, bool kColourOdd>
-HWY_INLINE bool InnerRows(const BayerFrame& f, ptrdiff_t y, ptrdiff_t end, bool stream, const Table& blueTable,
-                          const Table& redTable, uint8_t* dst)
-{
-    const Full<uint8_t> d;
-    const ptrdiff_t step = static_cast<ptrdiff_t>(hn::Lanes(d));
-    if (end - 2 < step)
-        return false;
-    const InnerRow<kY8, kWay, kColourOdd> upper(f, y, blueTable, redTable, dst);
-    const InnerRow<kY8, kWay, !kColourOdd> lower(f, y + 1, blueTable, redTable, dst);
-    upper.template Put<false>(d, 2);
-    lower.template Put<false>(d, 2);
-    ptrdiff_t u = 2 + step, l = u;
-    if (!kY8 && stream) {
-        u = upper.FirstAligned(step);
-        l = lower.FirstAligned(step);
-        for (; std::max(u, l) + step <= end; u += step, l += step) {
-            upper.template Put<true>(d, u);
-            lower.template Put<true>(d, l);
+constexpr ptrdiff_t LINE = 64;
+// Lanes of the longest vector with which rows are written past the caches, and the shortest row.
+constexpr ptrdiff_t STREAM_LANES = 64, STREAM_WIDTH = 2 * LINE + 2;
+
+// The end of a row and the beginning of the next, between which no line of memory begins: past the caches whole lines are
+// written, since a line that is written in both ways has to be fetched and to be waited for.
+class Seam {
+public:
+    // The row's end, from column `first` on, which belongs to `to`.
+    PixelRow<false> Begin(uint8_t* to, ptrdiff_t first, ptrdiff_t pixels)
+    {
+        m_to = to;
+        m_n = 0;
+        return Add(first, pixels);
+    }
+    // The next row's beginning.
+    PixelRow<false> Join(ptrdiff_t pixels) { return Add(0, pixels); }
+    void Write() const
+    {
+        const Full<uint8_t> d;
+        const uint8_t* const from = m_bytes + SLACK;
+        if (m_n % LINE != 0 || reinterpret_cast<uintptr_t>(m_to) % LINE != 0)
+            std::memcpy(m_to, from, static_cast<size_t>(m_n));  // the first one and the last one of some rows
+        else
+            for (ptrdiff_t i = 0; i < m_n; i += static_cast<ptrdiff_t>(hn::Lanes(d)))
+                hn::Stream(hn::LoadU(d, from + i), d, m_to + i);
+    }
+
+private:
+    static constexpr ptrdiff_t SLACK = 3 * STREAM_LANES;  // what vectors write beside it
+    // An end is what two rows of different beginnings leave, and a vector.
+    static constexpr ptrdiff_t MOST = 3 * (2 * LINE + STREAM_LANES + 2);
+    PixelRow<false> Add(ptrdiff_t first, ptrdiff_t pixels)
+    {
+        const PixelRow<false> at{ m_bytes + SLACK + m_n, first };
+        m_n += 3 * pixels;
+        return at;
+    }
+    uint8_t* m_to = nullptr;
+    ptrdiff_t m_n = 0;
+    uint8_t m_bytes[2 * SLACK + MOST];
+};
+
+// Rows `from` to `to` of a frame.
+template <bool kY8, GainWay kWay>
+class RowsOfCells {
+public:
+    HWY_INLINE RowsOfCells(const BayerFrame& f, uint8_t* dst)
+        : m_f(f), m_dst(dst), m_width(f.width), m_height(f.height), m_endX((m_width - 1) & ~ptrdiff_t{ 1 }),
+          m_endY((m_height - 1) & ~ptrdiff_t{ 1 }), m_blueTable(f.gains->blue.data()), m_redTable(f.gains->red.data())
+    {
+        m_stream = !kY8 && m_width % 2 == 0 && reinterpret_cast<uintptr_t>(dst) % 2 == 0 && m_endX >= STREAM_WIDTH && m_height > 0 &&
+                   m_step <= STREAM_LANES && 3 * static_cast<size_t>(m_width) * static_cast<size_t>(m_height) >= STREAM_FROM;
+    }
+
+    HWY_INLINE void Make(ptrdiff_t from, ptrdiff_t to)
+    {
+        if constexpr (!kY8)
+            if (m_stream)
+                m_seam.Begin(Row(from).at, 0, 0);
+        for (ptrdiff_t y = from; y < to; y += 2) {
+            const bool inner = y >= 2 && y < m_endY && m_endX - 2 >= m_step;
+            if (inner && ((y & 1) == m_f.phase.blueY) == (m_f.phase.blueX == 1))
+                Inner<true>(y);
+            else if (inner)
+                Inner<false>(y);
+            else
+                Outer(y);
         }
-    } else {
-        for (; u + step <= end; u += step, l += step) {
-            upper.template Put<false>(d, u);
-            lower.template Put<false>(d, l);
+        if constexpr (!kY8) {
+            if (m_stream) {
+                m_seam.Write();
+                hwy::FlushStream();
+            }
         }
     }
-    for (; u < end; u += step)
-        upper.template Put<false>(d, std::min(u, end - step));
-    for (; l < end; l += step)
-        lower.template Put<false>(d, std::min(l, end - step));
-    return true;
-}
 
-template <bool kY8, GainWay kWay>
-HWY_INLINE void DemosaicRows(const BayerFrame& f, int from, int to, uint8_t* dst)
-{
-    const ptrdiff_t width = f.width, height = f.height;
-    // First column and row behind the inner cells.
-    const ptrdiff_t endX = (width - 1) & ~ptrdiff_t{ 1 }, endY = (height - 1) & ~ptrdiff_t{ 1 };
-    const Table blueTable(f.gains->blue.data()), redTable(f.gains->red.data());
-    const bool stream = !kY8 && width % 2 == 0 && reinterpret_cast<uintptr_t>(dst) % 2 == 0 && width > 0 && height > 0 &&
-                        3 * static_cast<size_t>(width) * static_cast<size_t>(height) >= STREAM_FROM;
+private:
+    PixelRow<kY8> Row(ptrdiff_t y) const { return { m_dst + y * m_width * PixelRow<kY8>::kBytes, 0 }; }
 
-    const auto cells = [&](ptrdiff_t y, ptrdiff_t fromX, ptrdiff_t toX) {
+    // The cells of columns fromX to toX. The lower row need not be there.
+    void Cells(ptrdiff_t y, ptrdiff_t fromX, ptrdiff_t toX, PixelRow<kY8> upper, PixelRow<kY8> lower) const
+    {
         CellPixels px;
         for (ptrdiff_t x = fromX; x < toX; x += 2) {
             const int cx = static_cast<int>(x), cy = static_cast<int>(y);
-            if (reference::IsBorderCell(f, cx, cy))
-                reference::CopyCell(f, cx, cy, px);
+            if (reference::IsBorderCell(m_f, cx, cy))
+                reference::CopyCell(m_f, cx, cy, px);
             else
-                reference::BilinearCell(f, cx, cy, px);
-            for (ptrdiff_t j = 0; j < 2 && y + j < height; ++j) {
-                for (ptrdiff_t i = 0; i < 2 && x + i < width; ++i) {
+                reference::BilinearCell(m_f, cx, cy, px);
+            for (ptrdiff_t j = 0; j < 2 && y + j < m_height; ++j) {
+                for (ptrdiff_t i = 0; i < 2 && x + i < m_width; ++i) {
                     const uint8_t* p = px[j][i];
-                    const ptrdiff_t at = (y + j) * width + x + i;
+                    uint8_t* const out = (j == 0 ? upper : lower).Pixel(x + i);
                     if constexpr (kY8)
-                        dst[at] = reference::Luminance(p[0], p[1], p[2]);
+                        *out = reference::Luminance(p[0], p[1], p[2]);
                     else
-                        std::copy_n(p, 3, dst + 3 * at);
+                        std::copy_n(p, 3, out);
                 }
             }
         }
-    };
-    for (ptrdiff_t y = from; y < to; y += 2) {
-        bool inner = y >= 2 && y < endY;
-        if (inner) {
-            const bool colourOdd = ((y & 1) == f.phase.blueY) == (f.phase.blueX == 1);
-            inner = colourOdd ? InnerRows<kY8, kWay, true>(f, y, endX, stream, blueTable, redTable, dst)
-                              : InnerRows<kY8, kWay, false>(f, y, endX, stream, blueTable, redTable, dst);
-        }
-        if (inner) {
-            cells(y, 0, 2);
-            cells(y, endX, width);
-        } else {
-            cells(y, 0, width);
+    }
+
+    void Outer(ptrdiff_t y)
+    {
+        Cells(y, 0, m_width, Row(y), Row(y + 1));
+        if constexpr (!kY8) {
+            if (m_stream) {
+                m_seam.Write();
+                m_seam.Begin(Row(y + 2).at, 0, 0);
+            }
         }
     }
-    if (stream)
-        hwy::FlushStream();
-}
+
+    // Both rows advance together: past the caches, it is the walks to the next pages that take the time, and those of two
+    // streams overlap.
+    template <bool kColourOdd>
+    HWY_INLINE void Inner(ptrdiff_t y)
+    {
+        const InnerRow<kY8, kWay, kColourOdd> upper(m_f, y, m_blueTable, m_redTable);
+        const InnerRow<kY8, kWay, !kColourOdd> lower(m_f, y + 1, m_blueTable, m_redTable);
+        const PixelRow<kY8> toUpper = Row(y), toLower = Row(y + 1);
+        if constexpr (!kY8) {
+            if (m_stream) {
+                Streamed(y, upper, lower, toUpper, toLower);
+                return;
+            }
+        }
+        ptrdiff_t x = 2;
+        for (; x + m_step <= m_endX; x += m_step) {
+            upper.template Put<false>(m_d, x, toUpper);
+            lower.template Put<false>(m_d, x, toLower);
+        }
+        upper.PutAll(m_d, x, m_endX, toUpper);
+        lower.PutAll(m_d, x, m_endX, toLower);
+        Cells(y, 0, 2, toUpper, toLower);
+        Cells(y, m_endX, m_width, toUpper, toLower);
+    }
+
+    template <class Upper, class Lower>
+    HWY_INLINE void Streamed(ptrdiff_t y, const Upper& upper, const Lower& lower, PixelRow<false> toUpper, PixelRow<false> toLower)
+    {
+        // A vector is three of itself in the output; so many make whole lines.
+        const ptrdiff_t u0 = FirstAligned(toUpper), l0 = FirstAligned(toLower), lines = LINE;
+        const ptrdiff_t columns = (m_endX - std::max(u0, l0)) / lines * lines, u1 = u0 + columns, l1 = l0 + columns;
+        Seam between;
+        const auto upperHead = m_seam.Join(u0), upperTail = between.Begin(toUpper.Pixel(u1), u1, m_width - u1);
+        const auto lowerHead = between.Join(l0);
+        upper.PutAll(m_d, 2, std::max(u0, 2 + m_step), upperHead);
+        lower.PutAll(m_d, 2, std::max(l0, 2 + m_step), lowerHead);
+        Cells(y, 0, 2, upperHead, lowerHead);
+        m_seam.Write();
+        for (ptrdiff_t u = u0, l = l0; u < u1; u += m_step, l += m_step) {
+            upper.template Put<true>(m_d, u, toUpper);
+            lower.template Put<true>(m_d, l, toLower);
+        }
+        const auto lowerTail = m_seam.Begin(toLower.Pixel(l1), l1, m_width - l1);
+        upper.PutAll(m_d, u1, m_endX, upperTail);
+        lower.PutAll(m_d, l1, m_endX, lowerTail);
+        Cells(y, m_endX, m_width, upperTail, lowerTail);
+        between.Write();
+    }
+
+    // The first column with which a line begins: three bytes a pixel reach every even place within one line of columns.
+    static ptrdiff_t FirstAligned(PixelRow<false> out)
+    {
+        ptrdiff_t x = 2;
+        while (reinterpret_cast<uintptr_t>(out.Pixel(x)) % LINE != 0)
+            x += 2;
+        return x;
+    }
+
+    const Full<uint8_t> m_d;
+    const ptrdiff_t m_step = static_cast<ptrdiff_t>(hn::Lanes(m_d));
+    const BayerFrame& m_f;
+    uint8_t* const m_dst;
+    const ptrdiff_t m_width, m_height, m_endX, m_endY;  // endX, endY: first column and row behind the inner cells
+    const Table m_blueTable, m_redTable;
+    bool m_stream;
+    Seam m_seam;  // of the row above
+};
 
 template <bool kY8>
 HWY_INLINE void DemosaicAs(const BayerFrame& f, int from, int to, uint8_t* dst)
 {
     if (f.gains->identity)
-        DemosaicRows<kY8, GainWay::None>(f, from, to, dst);
+        RowsOfCells<kY8, GainWay::None>(f, dst).Make(from, to);
     else if (f.gains->blueFactor != 0)
-        DemosaicRows<kY8, GainWay::Factor>(f, from, to, dst);
+        RowsOfCells<kY8, GainWay::Factor>(f, dst).Make(from, to);
     else
-        DemosaicRows<kY8, GainWay::Lookup>(f, from, to, dst);
+        RowsOfCells<kY8, GainWay::Lookup>(f, dst).Make(from, to);
 }
 
 void Demosaic(const BayerFrame& f, int from, int to, uint8_t* dst) { DemosaicAs<false>(f, from, to, dst); }

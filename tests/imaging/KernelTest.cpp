@@ -132,19 +132,25 @@ TEST_P(Kernels, Demosaic)
     }
 }
 
-// Large frames are written past the cache, from the first aligned address of each row on.
+// Large frames of even width are written past the cache, in whole lines across the ends of rows; also a strip at a time.
 TEST_P(Kernels, DemosaicOfLargeFrames)
 {
     const Gains gains = GainsOf(50, 50);
-    for (const auto& [w, h] : { std::pair{ 2413, 2400 }, std::pair{ 64, 90000 } }) {
+    for (const auto& [w, h] : { std::pair{ 2413, 1200 }, { 2414, 1200 }, { 128, 22000 }, { 130, 22000 }, { 132, 22001 }, { 190, 15000 } }) {
         const size_t n = static_cast<size_t>(w) * static_cast<size_t>(h);
         const std::vector<uint8_t> src = Data<uint8_t>(n, RANDOM, 9);
         const BayerFrame f = { src.data(), w, h, PHASE_GR, &gains };
         std::vector<uint8_t> want(3 * n), got(3 * n + 3);
         reference::Demosaic(f, 0, h, want.data());
         for (size_t shift : { 0, 1, 2 }) {
-            imaging::Demosaic(f, 0, h, got.data() + shift);
-            ASSERT_TRUE(std::equal(want.begin(), want.end(), got.data() + shift)) << w << " x " << h << " + " << shift;
+            for (const int strip : { h, 22 }) {
+                std::fill(got.begin(), got.end(), uint8_t{ 0x5A });
+                for (int y = 0; y < h; y += strip)
+                    imaging::Demosaic(f, y, std::min(y + strip, h), got.data() + shift);
+                ASSERT_TRUE(std::equal(want.begin(), want.end(), got.data() + shift)) << w << " x " << h << " + " << shift;
+                ASSERT_EQ(std::count(got.begin(), got.begin() + ptrdiff_t(shift), 0x5A), ptrdiff_t(shift));
+                ASSERT_EQ(std::count(got.begin() + ptrdiff_t(shift + 3 * n), got.end(), 0x5A), ptrdiff_t(3 - shift));
+            }
         }
     }
 }
