@@ -34,6 +34,7 @@ using usbstack::Status;
 // What the event thread asks for between completions: it must come through without memory.
 static thread_local bool t_bEvents = false;
 static std::atomic<int> g_iOnEventThread = 0;
+#ifndef __SANITIZE_THREAD__  // which brings its own
 [[gnu::noinline]] void* operator new(size_t n)
 {
     g_iOnEventThread += t_bEvents;
@@ -44,6 +45,7 @@ static std::atomic<int> g_iOnEventThread = 0;
 [[gnu::noinline]] void* operator new(size_t n, const std::nothrow_t&) noexcept { return std::malloc(n); }
 [[gnu::noinline]] void operator delete(void* p) noexcept { std::free(p); }
 [[gnu::noinline]] void operator delete(void* p, size_t) noexcept { std::free(p); }
+#endif
 
 namespace {
 
