@@ -132,6 +132,7 @@ void Camera::SensorThread()
                 sleepUntil(end);
             } else {
                 CountLate(m_Clock.Now() - end, PeriodUs(r));
+                m_dStreamAt = -1;  // a stream that began held has had its first exposure
                 Emit(std::move(pixels));
                 phase = Phase::Idle;
             }

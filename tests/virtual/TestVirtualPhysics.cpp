@@ -330,6 +330,13 @@ TEST(VirtualPhysics, TellsOnceThatTheMachineIsTooSlow)
         for (int i = 0; i < 3; ++i) h.Frame(1);
         h.camera.SetScene(slow ? std::make_shared<Slow>() : nullptr);
         for (int i = 0; i < 10; ++i) h.Frame(1);
+        // An exposure that is held from the stream's begin, and by far longer than a frame, is not late.
+        h.Stop();
+        h.Set(fake::HELD, 1);
+        h.Start();
+        std::this_thread::sleep_for(std::chrono::milliseconds(700));
+        h.Set(fake::HELD, 0);
+        for (int i = 0; i < 2; ++i) h.Frame(1);
         EXPECT_EQ(told, slow ? 1 : 0);
     }
 }
