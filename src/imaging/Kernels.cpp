@@ -563,9 +563,9 @@ private:
     template <class Upper, class Lower>
     HWY_INLINE void Streamed(ptrdiff_t y, const Upper& upper, const Lower& lower, PixelRow<false> toUpper, PixelRow<false> toLower)
     {
-        // A vector is three of itself in the output; so many make whole lines.
-        const ptrdiff_t u0 = FirstAligned(toUpper), l0 = FirstAligned(toLower), lines = LINE;
-        const ptrdiff_t columns = (m_endX - std::max(u0, l0)) / lines * lines, u1 = u0 + columns, l1 = l0 + columns;
+        // As many columns as a line has bytes make three whole lines.
+        const ptrdiff_t u0 = FirstAligned(toUpper), l0 = FirstAligned(toLower);
+        const ptrdiff_t columns = (m_endX - std::max(u0, l0)) / LINE * LINE, u1 = u0 + columns, l1 = l0 + columns;
         Seam between;
         const auto upperHead = m_seam.Join(u0), upperTail = between.Begin(toUpper.Pixel(u1), u1, m_width - u1);
         const auto lowerHead = between.Join(l0);

@@ -71,7 +71,8 @@ void WholeFile::Commit()
 
 void FailToWrite(const std::string& path, const std::string& reason)
 {
-    throw std::runtime_error("cannot write " + path.substr(0, IsPart(path) ? path.rfind(MIDDLE) : path.size()) + (reason.empty() ? "" : ": " + reason) +
+    const std::string name = path.substr(0, IsPart(path) ? path.rfind(MIDDLE) : path.size());
+    throw std::runtime_error("cannot write " + name + (reason.empty() ? "" : ": " + reason) +
                              ". Is the folder there and writable, and the disk not full?");
 }
 

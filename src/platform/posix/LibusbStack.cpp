@@ -31,7 +31,6 @@
 namespace usbstack {
 namespace {
 
-
 constexpr uint16_t VENDOR_ID = 0x0E5A;
 constexpr int INTERFACE = 0;
 constexpr unsigned MAX_CONTROL = 4096;          // bytes, limit of Linux and of libusb
