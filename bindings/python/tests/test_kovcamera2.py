@@ -1,6 +1,8 @@
 """What can go wrong: lifetimes, threads, interrupts, errors, shapes."""
 
+import importlib.util
 import os
+import pathlib
 import signal
 import threading
 import time
@@ -229,3 +231,21 @@ def test_dark_and_hot_pixels(tmp_path):
         at = tuple(hot.T)
         assert after[at].astype(int).mean() < 0.3 * before[at].astype(int).mean()
         assert len(kov.find_hot_pixels(kov.repair_hot_pixels(before, hot))) < 0.1 * len(hot)
+
+
+@pytest.mark.parametrize("format, planes, pattern", [("raw16", 1, "RGGB"), ("raw8", 1, "RGGB"), ("rgb24", 3, None)])
+def test_fits_example(cam, tmp_path, format, planes, pattern):
+    astropy = pytest.importorskip("astropy.io.fits")
+    path = pathlib.Path(__file__).parents[1] / "examples" / "fits.py"
+    spec = importlib.util.spec_from_file_location("fits_example", path)
+    example = importlib.util.module_from_spec(spec)
+    spec.loader.exec_module(example)
+    cam.format = format
+    frame = cam.snap(0.01)
+    example.to_fits(frame, cam).writeto(tmp_path / "a.fits")
+    with astropy.open(tmp_path / "a.fits") as opened:
+        opened.verify("exception")
+        head, pixels = opened[0].header, opened[0].data.reshape(planes, 240, 320)
+    assert np.array_equal(np.moveaxis(pixels, 0, 2), frame.reshape(240, 320, planes))
+    assert (head["EXPTIME"], head["GAIN"], head.get("BAYERPAT")) == (0.01, 0, pattern)
+    assert head["DATE-OBS"].startswith(frame.time.strftime("%Y-%m-%dT%H:%M:%S"))
