@@ -7,6 +7,7 @@
 #include "CaptureCamera.h"
 #include "camera/HotPixels.h"
 #include "imaging/Bayer.h"
+#include "support/InstructionSets.h"
 
 namespace {
 
@@ -303,14 +304,17 @@ Bytes StageByStage(CaptureCamera& cam, Bytes raw, int factor, int softBin, bool 
     return out;
 }
 
+class Walks : public OnInstructionSet {};
+INSTANTIATE_TEST_SUITE_P(InstructionSet, Walks, testing::ValuesIn(InstructionSets()), InstructionSetName);
+
 // Whatever regions and settings come together: one walk gives what the stages give one after the other.
-TEST(Delivery, OneWalkEqualsTheStages)
+TEST_P(Walks, EqualTheStages)
 {
     struct { Family family; size_t rows, head, tail; bool bRotates, bBinsInside; } families[] = {
         { Family::Quartz, 2, 4, 4, false, true }, { Family::Garnet, 2, 8, 0, true, true },
         { Family::Agate, 0, 0, 0, true, false },  { Family::Iolite, 2, 8, 0, true, true },
     };
-    std::mt19937 random(20);
+    std::mt19937_64 random{ uint64_t(GetParam()) };
     const auto below = [&](unsigned n) { return int(random() % n); };
     for (int round = 0; round < 1000; ++round) {
         const auto& f = families[below(4)];

@@ -9,8 +9,7 @@
 #include "imaging/CAlgorithm.h"
 #include "imaging/Kernels.h"
 #include "imaging/Walk.h"
-
-#include <hwy/highway.h>
+#include "support/InstructionSets.h"
 
 namespace {
 
@@ -71,16 +70,7 @@ std::string Case(int w, int h, int fill, int extra)
            std::to_string(extra);
 }
 
-class Kernels : public testing::TestWithParam<int64_t> {
-protected:
-    void SetUp() override { Choose(GetParam()); }
-    void TearDown() override { Choose(0); }
-    static void Choose(int64_t targets)
-    {
-        hwy::SetSupportedTargetsForTest(targets);
-        hwy::GetChosenTarget().Update(hwy::SupportedTargets());
-    }
-};
+class Kernels : public OnInstructionSet {};
 
 // Runs both forms on copies of the same data, in place.
 template <class T, class Reference, class Vector>
@@ -282,16 +272,6 @@ TEST_P(Kernels, Flips)
     }
 }
 
-std::vector<int64_t> Targets()
-{
-    std::vector<int64_t> out;
-    hwy::SetSupportedTargetsForTest(0);
-    for (int64_t rest = hwy::SupportedTargets() & HWY_TARGETS; rest != 0; rest &= rest - 1)
-        out.push_back(rest & -rest);
-    return out;
-}
-
-INSTANTIATE_TEST_SUITE_P(Target, Kernels, testing::ValuesIn(Targets()),
-                         [](const auto& p) { return std::string(hwy::TargetName(p.param)); });
+INSTANTIATE_TEST_SUITE_P(InstructionSet, Kernels, testing::ValuesIn(InstructionSets()), InstructionSetName);
 
 }  // namespace
