@@ -415,9 +415,12 @@ bool CDevice::StartControl(const std::shared_ptr<Request>& r)
         CompleteLocked(*r, Status::NoMemory, 0);
         return true;
     }
+    // Without the lock, which the thread would wake up into.
+    l.unlock();
     m_controlWake.notify_one();
     if (ClockRate() <= 1.0)
         return false;
+    l.lock();
     return WaitUntil(m_mutex, m_done, std::chrono::system_clock::now() + FAST_CLOCK_GRACE, [&] { return r->bDone; });
 }
 
