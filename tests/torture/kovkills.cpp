@@ -1,5 +1,7 @@
-// kovkills [N]: kills a process N times while it saves settings, dark frames, FITS files and SER videos, each save of another
-// generation. Afterwards the last save or the one before is there, whole. Every fifth file meets a full disk instead.
+// kovkills [N]: kills a process N times while it saves settings, dark frames, FITS files, SER videos, and hot-pixel tables in the
+// flash of a virtual camera, each save of another generation. Afterwards the last save or the one before is there, whole; only a
+// flash, which has to be erased before it is written, may hold nothing or the beginning of the last. Every sixth file meets a
+// full disk instead.
 #include <fcntl.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
@@ -16,17 +18,23 @@
 #include <string>
 #include <vector>
 
+#include "KOVCamera2.h"
 #include "common/Files.h"
 #include "common/Fits.h"
 #include "common/Ser.h"
 #include "fuzz/FuzzCamera.h"
+#include "platform/Platform.h"
 #include "platform/SettingsStore.h"
+#include "platform/UsbAdapter.h"
+#include "virtual/VirtualBus.h"
 
 namespace fs = std::filesystem;
 
 namespace {
 
 constexpr int WIDTH = 320, HEIGHT = 240, FRAMES = 3;
+constexpr int SPACING = 251, BEGINNING = 254, TORN = 255;  // beside generations of 1 to 250
+constexpr double FLASH_RATE = 20;
 constexpr const wchar_t* KEY = L"SOFTWARE\\KOVKills";
 constexpr const wchar_t* VALUES[] = { L"Gain", L"Exp", L"Flip" };
 std::string g_folder;
@@ -78,6 +86,31 @@ void SaveSer(uint8_t generation)
     ser.Finish();
 }
 
+// A camera whose flash is a file. It has threads, so only a process of its own opens it.
+CCameraBase& FlashCamera()
+{
+    static kovsim::VirtualBus& bus = *new kovsim::VirtualBus(FLASH_RATE);
+    platform::SetClockRate(FLASH_RATE);
+    kovsim::CameraSettings s;
+    s.wProductId = 0xC02B;
+    s.sFlashFile = PathTo("flash");
+    bus.Plug(s);
+    platform::SetUsbStack(&bus);
+    if (KOVGetNumOfConnectedCameras() != 1 || KOVOpenCamera(0) != KOV_SUCCESS)
+        _exit(TORN);
+    return *CCameraBase::FromID(0);
+}
+
+// Hot are the pixels i with i % SPACING == generation.
+void SaveTable(uint8_t generation)
+{
+    static CCameraBase& camera = FlashCamera();
+    for (int i = 0; i < camera.m_iMaxWidth * camera.m_iMaxHeight; ++i)
+        camera.m_pDarkBuf[i] = i % SPACING == generation ? 255 : 0;
+    if (!camera.SaveHPCTable())
+        _exit(TORN);
+}
+
 // The generation that all of it is of, -1 when it is torn, 0 when there is none.
 int LoadSettings()
 {
@@ -108,11 +141,37 @@ int LoadFile(const char* name, size_t size, size_t from, size_t samples)
     return static_cast<uint8_t>(b[from]);
 }
 
+// Or BEGINNING.
+int LoadTable()
+{
+    const pid_t child = fork();
+    if (child == 0) {
+        const CCameraBase& camera = FlashCamera();
+        const int pixels = camera.m_iMaxWidth * camera.m_iMaxHeight;
+        int generation = 0, expected = 0;
+        for (int i = 0; i < pixels; ++i) {
+            if (camera.m_pHPCBuf1[i] == 0)
+                continue;
+            if (generation == 0)
+                generation = expected = i;
+            if (i == expected)
+                expected += SPACING;
+            else if (i / 8 % 256 != 255)  // as which an erased record reads
+                _exit(TORN);
+        }
+        _exit(generation == 0 ? 0 : generation > 250 ? TORN : expected < pixels ? BEGINNING : generation);
+    }
+    int status = 0;
+    waitpid(child, &status, 0);
+    return WIFEXITED(status) && WEXITSTATUS(status) != TORN ? WEXITSTATUS(status) : -1;
+}
+
 struct Kind {
     const char* name;
     void (*save)(uint8_t);
     int (*load)();
-    int kills = 0, torn = 0, full = 0;
+    bool flash = false;
+    int kills = 0, torn = 0, full = 0, cut = 0;
 };
 constexpr size_t PIXELS = WIDTH * HEIGHT, FITS_SIZE = 2880 + (PIXELS + 2879) / 2880 * 2880, SER_SIZE = 178 + FRAMES * (PIXELS + 8);
 Kind g_kinds[] = {
@@ -120,6 +179,7 @@ Kind g_kinds[] = {
     { "dark frame", SaveDark, [] { return LoadFile("dark.bmp", 1078 + PIXELS, 1078, PIXELS); } },
     { "FITS", SaveFits, [] { return LoadFile("snap.fits", FITS_SIZE, 2880, PIXELS); } },
     { "SER", SaveSer, [] { return LoadFile("video.ser", SER_SIZE, 178, FRAMES * PIXELS); } },
+    { "hot pixels", SaveTable, LoadTable, true },
 };
 
 // Saves on and on; tells each generation that is done. 0 is none.
@@ -166,7 +226,7 @@ int main(int argc, char** argv)
     for (int i = 0; i < rounds; ++i) {
         Kind& kind = g_kinds[static_cast<size_t>(i) % std::size(g_kinds)];
         const int before = kind.load();
-        if (i % 5 == 4 && kind.save != SaveSettings && before > 0) {
+        if (i % 6 == 5 && kind.save != SaveSettings && !kind.flash && before > 0) {
             ++kind.full;
             kind.torn += !SaveOnFullDisk(kind, static_cast<uint8_t>(before), 1 + random() % PIXELS) || kind.load() != before;
             continue;
@@ -189,21 +249,25 @@ int main(int argc, char** argv)
         close(pipes[0]);
         const int after = kind.load();
         ++kind.kills;
-        kind.torn += after != done && after != done % 250 + 1;
+        const bool cut = kind.flash && (after == 0 || after == BEGINNING);
+        kind.cut += cut;
+        kind.torn += !cut && after != done && after != done % 250 + 1;
     }
     int torn = 0, kills = 0;
     for (const Kind& kind : g_kinds) {
-        std::printf("%-12s %6d kills, %5d full disks, %d torn or lost\n", kind.name, kind.kills, kind.full, kind.torn);
+        std::printf("%-12s %6d kills, %5d full disks, %d torn or lost", kind.name, kind.kills, kind.full, kind.torn);
+        std::printf(kind.flash ? ", %d cut short\n" : "\n", kind.cut);
         torn += kind.torn;
         kills += kind.kills;
     }
     // What a killed writer leaves is its own temporary file, which the next one of the name takes over.
     int strays = 0;
     for (const Kind& kind : g_kinds)
-        kind.save(1);
+        if (!kind.flash)
+            kind.save(1);
     for (const auto& entry : fs::directory_iterator(g_folder)) {
         const std::string name = entry.path().filename().string();
-        strays += name != "kovcamera2" && name != "dark.bmp" && name != "snap.fits" && name != "video.ser";
+        strays += name != "kovcamera2" && name != "dark.bmp" && name != "snap.fits" && name != "video.ser" && name != "flash";
     }
     for (const auto& entry : fs::directory_iterator(g_folder + "/kovcamera2"))
         strays += !entry.path().filename().string().starts_with("settings.db");
