@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cstdlib>
 #include <memory>
+#include <mutex>
+#include <vector>
 
 #include "KOVCamera2.h"
 #include "platform/Platform.h"
@@ -43,43 +45,82 @@ int64_t Chunk(Bytes& in, uint8_t* p, uint32_t n)
     return size;
 }
 
+// Cameras of all the models on one bus. Those that are open ask for their temperature at any time.
+struct Bench {
+    Bench()
+    {
+        setenv("XDG_CONFIG_HOME", "/nonexistent", 1);  // no settings from run to run
+        platform::SetClockRate(20000);
+        for (const uint16_t product : PRODUCTS) {
+            FakeUsbDevice& device = stack.Add(product);
+            device.OnIn = [this](const RecordedRequest&, uint8_t* p, uint16_t n) {
+                const std::lock_guard lock(mutex);
+                std::generate_n(p, n, [&] { return answers.Next(); });
+            };
+            device.OnBulk = [this](uint8_t* p, uint32_t n) {
+                const std::lock_guard lock(mutex);
+                return Chunk(frames, p, n);
+            };
+            devices.push_back(&device);
+        }
+    }
+    void Take(const uint8_t* data, size_t size)
+    {
+        const std::lock_guard lock(mutex);
+        answers = frames = Bytes(data, size);
+    }
+    RecordingStack stack;
+    std::vector<FakeUsbDevice*> devices;
+    std::mutex mutex;
+    Bytes answers{ nullptr, 0 }, frames{ nullptr, 0 };
+    bool open[std::size(PRODUCTS)] = {};
+    unsigned runs = 0;
+};
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
     if (size < 2 || size > 4096)
         return 0;
-    static const bool once = [] {
-        setenv("XDG_CONFIG_HOME", "/nonexistent", 1);  // no settings from run to run
-        platform::SetClockRate(20000);
-        return true;
-    }();
-    (void)once;
-    RecordingStack stack;
-    FakeUsbDevice& device = stack.Add(PRODUCTS[data[0] % std::size(PRODUCTS)]);
-    Bytes answers(data + 1, size - 1), frames(data + 1, size - 1);
-    device.OnIn = [&](const RecordedRequest&, uint8_t* p, uint16_t n) { std::generate_n(p, n, [&] { return answers.Next(); }); };
-    device.OnBulk = [&](uint8_t* p, uint32_t n) { return Chunk(frames, p, n); };
-    platform::SetUsbStack(&stack);
-    if (KOVGetNumOfConnectedCameras() == 1 && KOVOpenCamera(0) == KOV_SUCCESS) {
+    static Bench& bench = *new Bench;
+    const int id = data[0] % std::size(PRODUCTS);
+    bench.Take(data + 1, size - 1);
+    platform::SetUsbStack(&bench.stack);
+    // An opening takes longer than all the rest, so most inputs meet an open camera.
+    bool& open = bench.open[id];
+    if (bench.runs++ % 16 == 0 && open) {
+        KOVCloseCamera(id);
+        open = false;
+    }
+    if (!open) {
+        open = KOVGetNumOfConnectedCameras() == std::size(PRODUCTS) && KOVOpenCamera(id) == KOV_SUCCESS;
+        if (!open)
+            KOVCloseCamera(id);
+    }
+    if (open) {
         int32_t value = 0;
         KOV_BOOL automatic = KOV_FALSE;
-        KOV_ID id{};
-        KOVGetID(0, &id);
-        KOVGetControlValue(0, CTRL_TEMPERATURE, &value, &automatic);
-        KOVSetControlValue(0, CTRL_EXPOSURE, 1000, KOV_FALSE);
+        KOV_ID user{};
+        KOVGetID(id, &user);
+        KOVGetControlValue(id, CTRL_TEMPERATURE, &value, &automatic);
+        KOVSetControlValue(id, CTRL_EXPOSURE, 1000, KOV_FALSE);
         const bool wide = data[0] & 4;
-        if (KOVSetROIFormat(0, 64, 64, 1, wide ? IMG_RAW16 : IMG_RAW8) == KOV_SUCCESS && KOVStartVideoCapture(0) == KOV_SUCCESS) {
+        if (KOVSetROIFormat(id, 64, 64, 1, wide ? IMG_RAW16 : IMG_RAW8) == KOV_SUCCESS && KOVStartVideoCapture(id) == KOV_SUCCESS) {
             const size_t bytes = 64 * 64 * (wide ? 2 : 1);
             const std::unique_ptr<uint8_t[]> image(new uint8_t[bytes]);
             for (int i = 0; i < 6; ++i) {
-                device.Pump();
-                KOVGetVideoData(0, image.get(), static_cast<int32_t>(bytes), 5);
+                for (FakeUsbDevice* const device : bench.devices)
+                    device->Pump();
+                KOVGetVideoData(id, image.get(), static_cast<int32_t>(bytes), 5);
             }
-            KOVStopVideoCapture(0);
+            KOVStopVideoCapture(id);
         }
-        KOVCloseCamera(0);
     }
-    platform::SetUsbStack(nullptr);
+    bench.Take(nullptr, 0);
+    for (FakeUsbDevice* const device : bench.devices) {
+        device->Clear();
+        device->ClearEvents();
+    }
     return 0;
 }

@@ -3,6 +3,7 @@
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
+#include <mutex>
 #include <numbers>
 #include <set>
 
@@ -68,28 +69,9 @@ void ColourOf(double bv, double* pRed, double* pBlue)
 
 class SkyScene final : public Scene {
 public:
-    explicit SkyScene(const SkyView& v) : m_View(v)
+    explicit SkyScene(const SkyView& v)
+        : m_View(v), m_dZero(ELECTRONS_OF_MAG0 * (std::numbers::pi / 4 * v.dApertureMm * v.dApertureMm * 1e-6))
     {
-        const double ra0 = v.dRa * RAD, dec0 = v.dDec * RAD;
-        const double area = std::numbers::pi / 4 * v.dApertureMm * v.dApertureMm * 1e-6;
-        m_dZero = ELECTRONS_OF_MAG0 * area;
-        const double sinRot = std::sin(v.dRotation * RAD), cosRot = std::cos(v.dRotation * RAD);
-        for (const Star& s : Stars()) {
-            const double ra = s.dRa * RAD, dec = s.dDec * RAD;
-            const double cosC = std::sin(dec0) * std::sin(dec) + std::cos(dec0) * std::cos(dec) * std::cos(ra - ra0);
-            if (cosC < 0.2) continue;  // nothing images 78 degrees off its axis
-            const double xi = std::cos(dec) * std::sin(ra - ra0) / cosC;
-            const double eta =
-                (std::cos(dec0) * std::sin(dec) - std::sin(dec0) * std::cos(dec) * std::cos(ra - ra0)) / cosC;
-            Spot p;
-            p.dRight = -(xi * cosRot - eta * sinRot);
-            p.dDown = -(xi * sinRot + eta * cosRot);
-            double red, blue;
-            ColourOf(s.dBV, &red, &blue);
-            const double flux = m_dZero * std::pow(10, -0.4 * s.dMag);
-            p.light = { float(flux * red), float(flux), float(flux * blue) };
-            m_Spots.push_back(p);
-        }
     }
 
     bool Moves() const override { return true; }
@@ -99,7 +81,7 @@ public:
     {
         const double halfW = g.iWidth / 2.0 * g.dPixelUm / 1000, halfH = g.iHeight / 2.0 * g.dPixelUm / 1000;  // mm
         double focal = 0;  // mm, at which the first star comes onto the sensor
-        for (const Spot& s : m_Spots)
+        for (const Spot& s : Spots())
             focal = std::max(focal, std::min(halfW / std::fabs(s.dRight), halfH / std::fabs(s.dDown)));
         if (focal > m_View.dFocalMm) return {};
         const auto distance = [this](const Star& s) {
@@ -131,7 +113,7 @@ public:
         const double sigma = std::max(fwhm * SIGMA_OF_FWHM, 0.05);
         const int reach = int(std::ceil(4 * HALO_WIDTH * sigma)) + 1;
         std::vector<float> coreX(size_t(2 * reach + 1)), coreY(coreX), haloX(coreX), haloY(coreX);
-        for (const Spot& s : m_Spots) {
+        for (const Spot& s : Spots()) {
             const double x = (g.iWidth - 1) / 2.0 + s.dRight * pxPerRad + g.dShiftX / scale;
             const double y = (g.iHeight - 1) / 2.0 + s.dDown * pxPerRad + g.dShiftY / scale;
             if (x < -reach || x > g.iWidth + reach || y < firstRow - reach || y > firstRow + rows + reach) continue;
@@ -161,6 +143,33 @@ private:
         Light light;           // of the whole star
     };
 
+    // The stars in front of the lens, worked out when the first picture is made.
+    const std::vector<Spot>& Spots() const
+    {
+        std::call_once(m_Once, [this] {
+            const SkyView& v = m_View;
+            const double ra0 = v.dRa * RAD, dec0 = v.dDec * RAD;
+            const double sinRot = std::sin(v.dRotation * RAD), cosRot = std::cos(v.dRotation * RAD);
+            for (const Star& s : Stars()) {
+                const double ra = s.dRa * RAD, dec = s.dDec * RAD;
+                const double cosC = std::sin(dec0) * std::sin(dec) + std::cos(dec0) * std::cos(dec) * std::cos(ra - ra0);
+                if (cosC < 0.2) continue;  // nothing images 78 degrees off its axis
+                const double xi = std::cos(dec) * std::sin(ra - ra0) / cosC;
+                const double eta =
+                    (std::cos(dec0) * std::sin(dec) - std::sin(dec0) * std::cos(dec) * std::cos(ra - ra0)) / cosC;
+                Spot p;
+                p.dRight = -(xi * cosRot - eta * sinRot);
+                p.dDown = -(xi * sinRot + eta * cosRot);
+                double red, blue;
+                ColourOf(s.dBV, &red, &blue);
+                const double flux = m_dZero * std::pow(10, -0.4 * s.dMag);
+                p.light = { float(flux * red), float(flux), float(flux * blue) };
+                m_Spots.push_back(p);
+            }
+        });
+        return m_Spots;
+    }
+
     // What falls of a Gaussian around pos on each of the pixels centre - reach to centre + reach.
     static void Weights(double pos, int centre, double sigma, int reach, float share, std::vector<float>& w)
     {
@@ -173,9 +182,10 @@ private:
         }
     }
 
-    SkyView m_View;
-    double m_dZero;  // electrons a second of magnitude 0
-    std::vector<Spot> m_Spots;
+    const SkyView m_View;
+    const double m_dZero;  // electrons a second of magnitude 0
+    mutable std::once_flag m_Once;
+    mutable std::vector<Spot> m_Spots;
 };
 
 }  // namespace
