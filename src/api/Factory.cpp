@@ -89,7 +89,6 @@ constexpr FactoryRow g_Factory[] = {
     { 0xC11A, Make<CCameraSQuartzCol>, 0 },
     { 0xC11B, Make<CCameraSQuartzMono>, 0 },
 };
-static_assert(std::size(g_Factory) == 44);
 static_assert(std::is_sorted(std::begin(g_Factory), std::end(g_Factory),
                              [](const FactoryRow& a, const FactoryRow& b) { return a.iProductId < b.iProductId; }));
 
