@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # fuzz/run.sh [SECONDS] [NAME...]: fuzzes every parser of outside bytes, or the named ones, that many seconds each. RUNS=N ends each
 # after N runs, whichever comes first. Each begins with the files of fuzz/seeds/NAME and takes words of fuzz/NAME.dict.
+# FuzzRegisterTables is a script, since CMake reads those.
 # What was found interesting is kept in fuzz/corpus/NAME, an input that fails in build/fuzz/NAME-crash-*: mend it, and put the
 # input into fuzz/seeds/NAME, which the test suite runs.
 set -euo pipefail
@@ -27,12 +28,22 @@ if [ ${#names[@]} -eq 0 ]; then
     for source in fuzz/Fuzz*.cpp; do
         names+=("$(basename "$source" .cpp)")
     done
+    names+=(FuzzRegisterTables)
 fi
 read -ra libs <<<"$(pkg-config --libs libusb-1.0 sqlite3 libhwy libpng fmt)"
 failed=()
 echo "$(date -u +%F) $(git rev-parse --short HEAD 2>/dev/null || true)"
 printf '%-20s %12s %10s %10s  %s\n' parser runs runs/s branches result
 for name in "${names[@]}"; do
+    if [ "$name" = FuzzRegisterTables ]; then
+        start=$(date +%s)
+        result=clean
+        cmake -DSECONDS="$seconds" -DRUNS="${RUNS:-1000000000}" -DSEED="$start" -P fuzz/FuzzRegisterTables.cmake >"$build/$name.log" 2>&1 || result=FAILED
+        runs=$(sed -n 's/^-- \([0-9]*\) tables.*/\1/p' "$build/$name.log")
+        printf '%-20s %12s %10s %10s  %s\n' "$name" "${runs:--}" "$((${runs:-0} / ($(date +%s) - start + 1)))" - $result
+        [ $result = clean ] || { tail -n 25 "$build/$name.log"; failed+=("$name"); }
+        continue
+    fi
     more=()
     case $name in
     FuzzHttp) more=(tools/kovcam/serve/Http.cpp tools/common/Text.cpp -Itools) ;;
