@@ -230,10 +230,24 @@ std::vector<imaging::Patch> RepairedPixels(CCameraBase& cam, const imaging::Fram
 
     T* const p = reinterpret_cast<T*>(cam.m_pImgBuf);
     const int64_t s = cam.m_bIsColor + 1, row = s * RepairFrameOf(cam).iWidth;
-    for (const imaging::Patch& patch : patches)
+    // Each pixel and its rows lie elsewhere in memory: they are asked for in good time, not waited for one by one.
+    const auto ask = [&](const imaging::Patch& patch) {
+        for (const int64_t step : { -row, int64_t{ 0 }, row })
+            if (const int64_t at = int64_t(patch.at) + step; at >= 0 && at < lPixels) {
+                __builtin_prefetch(reinterpret_cast<const T*>(plan.raw) + at);
+                __builtin_prefetch(p + at, 1);
+                if (plan.dark)
+                    __builtin_prefetch(plan.dark + at);
+            }
+    };
+    constexpr size_t AHEAD = 8;
+    for (size_t k = 0; k < patches.size(); ++k) {
+        if (k + AHEAD < patches.size())
+            ask(patches[k + AHEAD]);
         for (const int64_t step : { int64_t{ 0 }, -row, -s, s, row })
-            if (const int64_t at = int64_t(patch.at) + step; at >= 0 && at < lRoom)
+            if (const int64_t at = int64_t(patches[k].at) + step; at >= 0 && at < lRoom)
                 p[at] = at < lPixels ? imaging::WorkedSample<T>(plan, size_t(at)) : T{ 0 };
+    }
     cam.HandleHotPixels();
     for (imaging::Patch& patch : patches)
         patch.value = p[patch.at];
