@@ -1,8 +1,12 @@
 // The capture thread against a scripted endpoint.
 #include <chrono>
+#include <cstdio>
+#include <fstream>
+#include <iterator>
 #include <thread>
 
 #include "CaptureCamera.h"
+#include "base/Log.h"
 
 namespace {
 
@@ -472,9 +476,16 @@ TEST(GarnetSLoop, FifthBadFrameStretchesTheLine)
     r.cam.StartCapture(false);
     ASSERT_TRUE(r.Waiting(1));
     r.usb.dev.Clear();
+    const std::string file = testing::TempDir() + "kov-line.log";
+    std::remove(file.c_str());
+    logging::Configure("info:capture", file.c_str());
     for (int i = 1; i <= 6; ++i)
         ASSERT_TRUE(r.SendBad(FrameB(S, 2, false)));
     EXPECT_EQ(r.Log(), "out 166 300c 06d6\n");  // 1650 + 100
+    logging::Configure(nullptr, nullptr);
+    std::ifstream in(file);
+    const std::string log(std::istreambuf_iterator<char>(in), {});
+    EXPECT_NE(log.find("line length from 1650 to 1750: five frames damaged"), log.npos) << log;
 }
 
 TEST(SmallChunkLoops, CobaltQueuesFirst)
