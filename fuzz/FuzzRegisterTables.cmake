@@ -43,6 +43,8 @@ while(run LESS RUNS AND now LESS end)
         draw(rare 40)
         if(rare EQUAL 0)
             set(address FFFF)
+        endif()
+        if(NOT kind EQUAL 0 AND address MATCHES "^[Ff][Ff][Ff][Ff]$")  # a delay has another form
             set(whole FALSE)
         endif()
         if(kind EQUAL 0)
