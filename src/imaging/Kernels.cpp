@@ -116,6 +116,30 @@ private:
     Full<uint8_t> m_d;
     hn::Vec<Full<uint8_t>> m_step[16];
 };
+#elif HWY_TARGET == HWY_NEON && HWY_ARCH_ARM_A64
+#define KOV_SHUFFLED_TABLE 1
+// 64 entries a shuffle, which leaves the lanes alone whose index is not among them.
+class Table {
+public:
+    explicit Table(const uint8_t* lut)
+    {
+        for (size_t k = 0; k < 4; ++k)
+            m_part[k] = vld1q_u8_x4(lut + 64 * k);
+    }
+    template <class V>
+    V Map(V v) const
+    {
+        uint8x16_t index = v.raw, out = vqtbl4q_u8(m_part[0], index);
+        for (size_t k = 1; k < 4; ++k) {
+            index = vsubq_u8(index, vdupq_n_u8(64));
+            out = vqtbx4q_u8(out, m_part[k], index);
+        }
+        return V(out);
+    }
+
+private:
+    uint8x16x4_t m_part[4];
+};
 #else
 #define KOV_SHUFFLED_TABLE 0
 class Table {
