@@ -1,9 +1,10 @@
 // Runs the benchmarks and prints how the library stands against its yardsticks. --isa avx2 (or another of the names that are
-// printed) measures a lesser instruction set.
+// printed) measures a lesser instruction set, --isa all one after the other, with a column for each at the end.
 #include <strings.h>
 
 #include <algorithm>
 #include <cstdio>
+#include <iterator>
 #include <map>
 #include <string>
 #include <vector>
@@ -15,6 +16,11 @@
 #include <hwy/highway.h>
 
 namespace {
+
+struct Set {
+    int64_t target;
+    const char* name;
+};
 
 // Collects the times. Their medians count: the repetitions of all benchmarks run interleaved, so that a disturbance hits
 // both sides of a ratio.
@@ -47,7 +53,7 @@ public:
             const auto own = times.find("kov"), floor = times.find(bench::FLOOR);
             if (own == times.end())
                 continue;
-            const double ms = Median(own->second), least = floor == times.end() ? 0 : Median(floor->second);
+            const double ms = m_bySet[key][isa] = Median(own->second), least = floor == times.end() ? 0 : Median(floor->second);
             for (auto& [by, theirs] : times) {
                 if (by == "kov" || by == bench::FLOOR)
                     continue;
@@ -63,6 +69,27 @@ public:
                                  other);
             }
         }
+    }
+
+    // Ours on each of the sets that were measured.
+    void PrintSets(const std::vector<Set>& sets)
+    {
+        std::printf("\nours in ms on each instruction set\n%-11s %-40s", "frame", "operation");
+        for (const Set& set : sets)
+            std::printf(" %9s", set.name);
+        for (auto& [key, ms] : m_bySet) {
+            std::printf("\n%-11s %-40s", key.first.c_str(), key.second.c_str());
+            for (const Set& set : sets)
+                std::printf(" %9.3f", ms[set.name]);
+        }
+        std::printf("\n");
+    }
+
+    // For the next set.
+    void Forget()
+    {
+        m_times.clear();
+        m_figures.clear();
     }
 
     // What single benchmarks tell besides their time, medians too.
@@ -91,29 +118,27 @@ private:
         return *middle;
     }
     std::map<std::string, std::map<std::string, std::map<std::string, std::vector<double>>>> m_figures;
-    using Times = std::map<std::string, std::vector<double>>;          // by whom -> ms
-    std::map<std::pair<std::string, std::string>, Times> m_times;      // (size, operation)
+    using Times = std::map<std::string, std::vector<double>>;  // by whom -> ms
+    using Key = std::pair<std::string, std::string>;           // size, operation
+    std::map<Key, Times> m_times;
+    std::map<Key, std::map<std::string, double>> m_bySet;      // medians of ours
 };
 
-// The name of the set that is measured; nullptr if the machine has no such.
-const char* ChooseTarget(const std::string& wanted)
+// Those that are to be measured: the best one, or what is wanted. None if the machine has no such.
+std::vector<Set> ChooseSets(const std::string& wanted)
 {
-    int64_t chosen = 0;
-    const char *name = nullptr, *best = nullptr;
+    std::vector<Set> all, chosen;
     std::printf("instruction sets:");
     for (int64_t rest = hwy::SupportedTargets() & HWY_TARGETS; rest != 0; rest &= rest - 1) {
-        const char* const here = hwy::TargetName(rest & -rest);
-        best = best ? best : here;
-        if (strcasecmp(here, wanted.c_str()) == 0) {
-            name = here;
-            chosen = rest & -rest;
-        }
-        std::printf(" %s", here);
+        all.push_back({ rest & -rest, hwy::TargetName(rest & -rest) });
+        std::printf(" %s", all.back().name);
     }
     std::printf("\n");
-    hwy::SetSupportedTargetsForTest(chosen);
-    hwy::GetChosenTarget().Update(hwy::SupportedTargets());
-    return wanted.empty() ? best : name;
+    if (wanted.empty())
+        return { all.front() };
+    std::copy_if(all.begin(), all.end(), std::back_inserter(chosen),
+                 [&](const Set& set) { return wanted == "all" || strcasecmp(set.name, wanted.c_str()) == 0; });
+    return chosen;
 }
 
 }  // namespace
@@ -141,9 +166,9 @@ int main(int argc, char** argv)
     benchmark::Initialize(&n, args.data());
     if (benchmark::ReportUnrecognizedArguments(n, args.data()))
         return 1;
-    const char* const chosen = ChooseTarget(isa);
-    if (!chosen) {
-        std::fprintf(stderr, "kovbench: this machine does not have the instruction set %s; choose one of those above\n", isa.c_str());
+    const std::vector<Set> sets = ChooseSets(isa);
+    if (sets.empty()) {
+        std::fprintf(stderr, "kovbench: this machine does not have the instruction set %s; choose one of those above, or all\n", isa.c_str());
         return 1;
     }
     std::FILE* const pTsv = tsv.empty() ? nullptr : std::fopen(tsv.c_str(), "w");
@@ -155,9 +180,16 @@ int main(int argc, char** argv)
     bench::RegisterCameraBenchmarks();
     bench::RegisterBusBenchmarks();
     Ratios reporter;
-    benchmark::RunSpecifiedBenchmarks(&reporter);
-    reporter.PrintTable(chosen, pTsv);
-    reporter.PrintFigures();
+    for (const Set& set : sets) {
+        hwy::SetSupportedTargetsForTest(set.target);
+        hwy::GetChosenTarget().Update(hwy::SupportedTargets());
+        reporter.Forget();
+        benchmark::RunSpecifiedBenchmarks(&reporter);
+        reporter.PrintTable(set.name, pTsv);
+        reporter.PrintFigures();
+    }
+    if (sets.size() > 1)
+        reporter.PrintSets(sets);
     if (pTsv)
         std::fclose(pTsv);
     return 0;
