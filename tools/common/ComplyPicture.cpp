@@ -271,7 +271,9 @@ void ComplyRunner::Regions()
     const bool structure = FindStructure(&whole);
     double worst = 0;
     const int w = m_info.MaxWidth / 4 / 8 * 8, h = m_info.MaxHeight / 4 / 2 * 2, midX = (m_info.MaxWidth - w) / 2 / 4 * 4, midY = (m_info.MaxHeight - h) / 2 / 4 * 4;
-    std::vector<std::pair<int, int>> places = { { 0, 0 }, { m_info.MaxWidth - w, 0 }, { 0, m_info.MaxHeight - h }, { m_info.MaxWidth - w, m_info.MaxHeight - h }, { midX, midY } };
+    // The whole one ends before the sensor does where its width is no multiple of eight.
+    const int right = whole.state.startX + whole.state.width - w, bottom = whole.state.startY + whole.state.height - h;
+    std::vector<std::pair<int, int>> places = { { 0, 0 }, { right, 0 }, { 0, bottom }, { right, bottom }, { midX, midY } };
     for (int i = 1; i < 16; i += m_o.full ? 1 : 5)  // every alignment
         places.emplace_back(midX + i, midY + 16 - i);
     for (const auto& [x, y] : places) {
