@@ -206,6 +206,14 @@ TEST_F(HotPixels, TableReachesSeveralBinnedPixels)
     EXPECT_EQ(cam.m_pHotPixels[1], 8 / 4 * 2);
     EXPECT_EQ(cam.m_pHotPixels[2], (5 / 4 * 2 + 1) * (W / 2) + 9 / 4 * 2 + 1);
     EXPECT_EQ(cam.m_pHotPixels[3], iOld);  // QUIRK: only a quarter is cleared
+    // The rows of the repaired frame are the binned ones.
+    cam.m_bHPCEnable = true;
+    std::fill_n(cam.m_pImgBuf, W * H, uint8_t{ 100 });
+    const uint32_t e = cam.m_pHotPixels[2];
+    cam.m_pImgBuf[e] = 200;
+    cam.m_pImgBuf[e - W / 2] = 120;
+    cam.HandleHotPixels();
+    EXPECT_EQ(cam.m_pImgBuf[e], 105);
 }
 
 TEST_F(HotPixels, ImpossibleGeometryStaysWithinTheBuffers)

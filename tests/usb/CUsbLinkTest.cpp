@@ -58,6 +58,7 @@ TEST(CUsbLink, OpenReadsEverything)
 
     link.Close();
     EXPECT_EQ(link.m_wVendorId, 0);
+    EXPECT_EQ(std::count(std::begin(link.m_abDeviceDescriptor), std::end(link.m_abDeviceDescriptor), 0), 18);
     EXPECT_EQ(link.EndPointCount(), 0);
     EXPECT_EQ(link.m_pBulkIn, nullptr);
     EXPECT_EQ(dev.OpenHandles(), 0);

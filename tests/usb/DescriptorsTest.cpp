@@ -25,14 +25,14 @@ std::unique_ptr<ConfigObject> Parse(const Bytes& b, bool bSuperSpeed)
 
 Bytes Config(std::initializer_list<Bytes> parts)
 {
-    Bytes b = { 9, 2, 0, 0, 1, 1, 0, 0x80, 50 };
+    Bytes b = { 9, 2, 0, 0, 1, 3, 4, 0x80, 50 };
     for (const Bytes& p : parts)
         b.insert(b.end(), p.begin(), p.end());
     b[2] = uint8_t(b.size());
     b[3] = uint8_t(b.size() >> 8);
     return b;
 }
-Bytes Interface(uint8_t number, uint8_t alt, uint8_t endpoints) { return { 9, 4, number, alt, endpoints, 0xFF, 1, 2, 0 }; }
+Bytes Interface(uint8_t number, uint8_t alt, uint8_t endpoints) { return { 9, 4, number, alt, endpoints, 0xFF, 1, 2, 3 }; }
 Bytes EndPoint(uint8_t address, uint8_t attributes) { return { 7, 5, address, attributes, 0, 4, 0 }; }
 const Bytes g_Companion = { 6, 0x30, 15, 0, 0, 0 };
 const Bytes g_Foreign = { 3, 0x24, 0 };
@@ -52,6 +52,17 @@ TEST(Descriptors, EndpointClassesByTheWholeAttributeByte)
     EXPECT_EQ(i.apEndPoints[3]->m_iMaxPktSize, 16384);
     EXPECT_TRUE(dynamic_cast<CCyInterruptEndPoint*>(i.apEndPoints[4]));
     EXPECT_EQ(i.apEndPoints[5], nullptr);
+}
+
+TEST(Descriptors, HeadsAreKept)
+{
+    const auto c = Parse(Config({ Interface(7, 6, 5) }), true);
+    ASSERT_TRUE(c && c->apInterfaces[0]);
+    const InterfaceObject& i = *c->apInterfaces[0];
+    EXPECT_EQ((Bytes{ c->bLength, c->bDescriptorType, uint8_t(c->wTotalLength), c->bNumInterfaces, c->bConfigurationValue, c->iConfiguration,
+                      c->bmAttributes, c->bMaxPower }), (Bytes{ 9, 2, 18, 1, 3, 4, 0x80, 50 }));
+    EXPECT_EQ((Bytes{ i.bLength, i.bDescriptorType, i.bInterfaceNumber, i.bAlternateSetting, i.bNumEndpoints, i.bInterfaceClass,
+                      i.bInterfaceSubClass, i.bInterfaceProtocol, i.iInterface }), Interface(7, 6, 5));
 }
 
 TEST(Descriptors, PlainParserSkipsCompanionsAsForeign)
@@ -135,7 +146,9 @@ TEST(Descriptors, Bos)
                 20, 16, 4, 0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16 };
     const std::unique_ptr<BosObject> o(ParseBos(b.data(), uint32_t(b.size())));
     ASSERT_TRUE(o->pUsb20 && o->pSuperSpeed && o->pContainerId);
+    EXPECT_EQ((Bytes{ o->bLength, o->bDescriptorType, uint8_t(o->wTotalLength), o->bNumDeviceCaps }), (Bytes{ 5, 15, 42, 3 }));
     EXPECT_EQ(o->pUsb20->dwAttributes, 0x12345678u);
+    EXPECT_EQ(o->pSuperSpeed->bmAttributes + 16 * o->pSuperSpeed->bFunctionalitySupport + 256 * o->pSuperSpeed->bU1DevExitLat, 0xA21);
     EXPECT_EQ(o->pSuperSpeed->wSpeedsSupported, 14);
     EXPECT_EQ(o->pSuperSpeed->wU2DevExitLat, 0x7FF);
     EXPECT_EQ(o->pContainerId->abContainerId[0], 1);
