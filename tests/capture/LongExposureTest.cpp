@@ -109,7 +109,7 @@ TEST(LongExposureEnd, ShorterExposureEndsThePauseAndTheMode)
         std::vector<std::string> asked;
     } rows[] = {
         // (1000000 * 24 - 26) / 1650 = 14545
-        { Family::Garnet, 1000000, "out 175 0000 0000\nout 175 0000 0000\nout 166 3012 38d1\n", { "brightness 7", "temp" } },
+        { Family::Garnet, 1000000, "out 175 0000 0000\nout 175 0000 0000\nout 166 3012 38d1\n", { "brightness 7", "gain 60", "temp" } },
         { Family::Garnet, 50000, "out 175 0000 0000\nout 175 0000 0000\nout 166 3012 02d7\n",
           { "brightness 7", "temp", "clock" } },
         { Family::GarnetS, 50000, "out 175 0000 0000\nout 175 0000 0000\nout 166 3012 02d7\n",
@@ -140,6 +140,8 @@ TEST(LongExposureEnd, ShorterExposureEndsThePauseAndTheMode)
             EXPECT_EQ(r.cam.m_iCMOSClk, 2320);
         }
         r.cam.m_lExposure = row.shorter;
+        if (row.shorter == 1000000)
+            r.cam.m_iGain = 60;  // changed while the clock stands
         ASSERT_TRUE(Until([&] { return r.cam.m_ExpStatus == EXP_SUCCESS; }));
         ASSERT_TRUE(r.cam.Ended());
         EXPECT_FALSE(r.cam.m_bLongExp);

@@ -132,7 +132,7 @@ def main():
     parser.add_argument("--budget", type=float, default=60, help="seconds of tests for one fault (default 60)")
     parser.add_argument("--slowest", type=float, default=20, help="leave out tests longer than this many seconds (default 20)")
     parser.add_argument("--every", action="store_true", help="do not stop at the first test that notices; tell which tests noticed nothing")
-    parser.add_argument("--again", action="store_true", help="only what survived the last run, which had the same sources")
+    parser.add_argument("--again", action="store_true", help="only what survived the last run, or is new")
     parser.add_argument("--jobs", type=int, default=os.cpu_count())
     args = parser.parse_args()
     began = time.monotonic()
@@ -143,10 +143,10 @@ def main():
     sites, mutants = seeding.seed_faults(TREE, BUILD, args.count, args.seed, args.only)
     hunted = range(len(mutants))
     if args.again:
-        before = json.loads((PLACE / "results.json").read_text())["mutants"]
-        if [(m["file"], m["old"], m["new"]) for m in before] != [(m["file"], m["old"], m["new"]) for m in mutants]:
-            sys.exit("the last run had other faults")
-        mutants, hunted = before, [n for n, m in enumerate(before) if not m["killers"]]
+        key = lambda m: (m["file"], m["old"], m["new"])
+        before = {key(m): m for m in json.loads((PLACE / "results.json").read_text())["mutants"] if m["killers"]}
+        mutants = [m | {k: before[key(m)][k] for k in ("killers", "covered")} if key(m) in before else m for m in mutants]
+        hunted = [n for n, m in enumerate(mutants) if "killers" not in m]
     say(f"{len(mutants)} of {sites} possible faults, seed {args.seed}; building")
     programs = re.findall(r"^build (test_\w+): phony", (BUILD / "build.ninja").read_text(), re.MULTILINE)
     run("cmake", "--build", BUILD, "--target", *programs)
