@@ -54,6 +54,6 @@ take() {  # take SYSTEM NAME "OPTIONS OF KOVSIM" COMMAND [OPTIONS OF KOVCAM]
 same_pictures
 # What the vector kernels of both have to agree on: demosaic with a balance, luminance, bins, flips.
 garnet="--camera GarnetCol --scene pattern --seed 7 --noise 0"
-same rgb.fits "$(blocks 921600)" 921600 "$garnet" snap -e 20ms -r 640x480 -f rgb24 --wb-r 70 --wb-b 40
-same y8.fits "$(blocks 307200)" 307200 "$garnet" snap -e 20ms -r 640x480 -f y8 --flip 3
-same bin.fits "$(blocks 76800)" 76800 "$garnet" snap -e 20ms -r 320x240 -b 2 -f raw8
+same rgb.fits "$(blocks 921600)" 921600 "$garnet" snap -e 8ms -g 0 -r 640x480 -f rgb24 --wb-r 70 --wb-b 40
+same y8.fits "$(blocks 307200)" 307200 "$garnet" snap -e 8ms -g 0 -r 640x480 -f y8 --flip 3
+same bin.fits "$(blocks 76800)" 76800 "$garnet" snap -e 2ms -g 0 -r 320x240 -b 2 -f raw8

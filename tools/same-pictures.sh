@@ -28,7 +28,7 @@ same() {
 blocks() { echo $((($1 + 2879) / 2880 * 2880)); }  # of a FITS file: the image is its last
 
 same_pictures() {
-    same pattern.fits "$(blocks 614400)" 614400 "--camera QuartzCol --scene pattern --seed 7" snap -e 10ms -r 640x480 -f raw16
+    same pattern.fits "$(blocks 614400)" 614400 "--camera QuartzCol --scene pattern --seed 7" snap -e 8ms -g 0 -r 640x480 -f raw16
     same sky.fits "$(blocks 614400)" 614400 "--camera LapisMono_C --scene sky --seed 7" snap -e 200ms -g 200 -r 640x480 -f raw16
     # A SER file ends with the times of its two frames.
     same colour.ser $((320 * 240 * 3 * 2 + 16)) $((320 * 240 * 3 * 2)) \
