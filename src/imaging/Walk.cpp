@@ -198,8 +198,31 @@ private:
         const T* rows[MAX_BIN];
         for (int j = 0; j < m.bin; ++j)
             rows[j] = BeforeBin(reference::BinSourceRow(y, j, m.height, m.bin, m.colourBin), Scratch(2 + j));
-        BinRow(rows, out, m.width, m.bin, m.colourBin);
+        const bool far = m_rawWidth * static_cast<size_t>(m.height) * static_cast<size_t>(m.bin) * sizeof(T) >= STREAM_FROM;
+        if (far && m_plainRows && !m.flipFirst && (m.width % 2 == 0 || !m.colourBin))
+            BinRawRows(rows, out, y);
+        else
+            BinRow(rows, out, m.width, m.bin, m.colourBin);
         return out;
+    }
+
+    // Piece by piece; those of the next output row are asked for meanwhile: sums take less time than memory does, and in each
+    // new page it would be waited for.
+    void BinRawRows(const T** rows, T* out, int y) const
+    {
+        constexpr int PIECE = 1024 / sizeof(T), LINE = 64 / sizeof(T);
+        const int piece = std::max(PIECE / m.bin & ~1, 2), next = std::clamp(m.reverseRows ? y - 1 : y + 1, 0, m.height - 1);
+        for (int x = 0; x < m.width; x += piece) {
+            const int n = std::min(piece, m.width - x);
+            for (int j = 0; j < m.bin; ++j) {
+                const T* const ahead = RawRow(reference::BinSourceRow(next, j, m.height, m.bin, m.colourBin)) + x * m.bin;
+                for (int k = 0; k < n * m.bin; k += LINE)
+                    hwy::Prefetch(ahead + k);
+            }
+            BinRow(rows, out + x, n, m.bin, m.colourBin);
+            for (int j = 0; j < m.bin; ++j)
+                rows[j] += n * m.bin;
+        }
     }
 
     const T* RowAt(int y, T* out) const

@@ -177,6 +177,25 @@ TEST_P(Kernels, CopiesAndWalksOfLargeFrames)
     for (size_t i = 0; i < 3 * n; ++i)
         ASSERT_EQ(grey.data()[i], want[i / 3]) << i;
     ASSERT_TRUE(rows.Guarded() && grey.Guarded());
+    for (int bin = 2; bin <= 4; ++bin)
+        for (const bool colour : { false, true }) {
+            FramePlan binned;
+            binned.raw = raw.data();
+            binned.rawWidth = 3000;
+            binned.bin = bin;
+            binned.width = binned.height = 3000 / bin;
+            binned.colourBin = colour;
+            binned.reverseRows = colour;
+            binned.bytes = static_cast<size_t>(binned.width * binned.height);
+            want = raw;
+            reference::Bin(want.data(), binned.width, binned.height, bin, colour);
+            reference::Flip(want.data(), binned.width, binned.height, colour, false);
+            want.resize(binned.bytes);
+            Block<uint8_t> got(binned.bytes);
+            Walk(binned, got.data());
+            ASSERT_EQ(got.Content(), want) << bin << colour;
+            ASSERT_TRUE(got.Guarded()) << bin << colour;
+        }
 }
 
 // All sums of the luminance, over a lattice that holds every value of each byte with every value of another.
