@@ -34,7 +34,7 @@ namespace {
 
 constexpr int WIDTH = 320, HEIGHT = 240, FRAMES = 3;
 constexpr int SPACING = 251, BEGINNING = 254, TORN = 255;  // beside generations of 1 to 250
-constexpr double FLASH_RATE = 20;
+constexpr double FLASH_RATE = 4;
 constexpr const wchar_t* KEY = L"SOFTWARE\\KOVKills";
 constexpr const wchar_t* VALUES[] = { L"Gain", L"Exp", L"Flip" };
 std::string g_folder;
@@ -166,12 +166,26 @@ int LoadTable()
     return WIFEXITED(status) && WEXITSTATUS(status) != TORN ? WEXITSTATUS(status) : -1;
 }
 
+// Until the table has been erased and this block of it is there again.
+void AwaitBlock(unsigned block)
+{
+    std::ifstream flash(PathTo("flash"), std::ios::binary);
+    for (const bool erased : { true, false })
+        for (int i = 0; i < 20000; ++i) {
+            flash.seekg(0x40000 + 2048 * block);
+            if ((flash.get() == 0xFF) == erased)
+                break;
+            flash.sync();
+            usleep(20);
+        }
+}
+
 struct Kind {
     const char* name;
     void (*save)(uint8_t);
     int (*load)();
     bool flash = false;
-    int kills = 0, torn = 0, full = 0, cut = 0;
+    int kills = 0, torn = 0, full = 0, cut = 0, gone = 0;
 };
 constexpr size_t PIXELS = WIDTH * HEIGHT, FITS_SIZE = 2880 + (PIXELS + 2879) / 2880 * 2880, SER_SIZE = 178 + FRAMES * (PIXELS + 8);
 Kind g_kinds[] = {
@@ -241,7 +255,10 @@ int main(int argc, char** argv)
         uint8_t done = 0, g = 0;
         if (read(pipes[0], &done, 1) != 1)  // the first is there
             return 2;
-        usleep(static_cast<useconds_t>(random() % 3000));
+        if (kind.flash && random() % 2 == 0)  // its writing is short beside the erasing
+            AwaitBlock(random() % 5);
+        else
+            usleep(static_cast<useconds_t>(random() % (kind.flash ? 40000 : 3000)));
         kill(child, SIGKILL);
         waitpid(child, nullptr, 0);
         while (read(pipes[0], &g, 1) == 1)
@@ -250,13 +267,14 @@ int main(int argc, char** argv)
         const int after = kind.load();
         ++kind.kills;
         const bool cut = kind.flash && (after == 0 || after == BEGINNING);
-        kind.cut += cut;
+        kind.cut += cut && after != 0;
+        kind.gone += cut && after == 0;
         kind.torn += !cut && after != done && after != done % 250 + 1;
     }
     int torn = 0, kills = 0;
     for (const Kind& kind : g_kinds) {
         std::printf("%-12s %6d kills, %5d full disks, %d torn or lost", kind.name, kind.kills, kind.full, kind.torn);
-        std::printf(kind.flash ? ", %d cut short\n" : "\n", kind.cut);
+        std::printf(kind.flash ? ", %d cut short, %d gone\n" : "\n", kind.cut, kind.gone);
         torn += kind.torn;
         kills += kind.kills;
     }
