@@ -60,6 +60,7 @@ using Short = hn::CappedTag<T, 16 / sizeof(T)>;
 
 // --- bytes through a table ------------------------------------------------------------------------------------------
 
+#undef KOV_SHUFFLED_TABLE  // of the target before
 #if HWY_TARGET == HWY_AVX3_DL
 #define KOV_SHUFFLED_TABLE 1
 // 128 entries a shuffle: two shuffles and a blend serve 64 bytes.

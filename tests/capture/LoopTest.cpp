@@ -304,7 +304,7 @@ TEST(Snap, OfADeviceThatHasGone)
 {
     const FastClock fast(20);
     for (const Family f : { Family::Quartz, Family::GarnetS, Family::Garnet, Family::Dunite })
-        for (const uint64_t exposure : { 350000, 20000 }) {
+        for (const uint64_t exposure : { 350000u, 20000u }) {
             SCOPED_TRACE(testing::Message() << int(f) << ' ' << exposure);
             Rig r(f, false);
             r.cam.m_lExposure = exposure;
@@ -412,7 +412,7 @@ TEST(GarnetLoop, QuirkFirstGoodFrameOfAVideoIsLost)
 TEST(SmallChunkLoops, QuirkBadHeadIsDeliveredAndCountedAtShortExposures)
 {
     for (const Family f : { Family::Garnet, Family::Iolite, Family::Cobalt, Family::Dunite })
-        for (const uint64_t exposure : { 99999, 100000 }) {
+        for (const uint64_t exposure : { 99999u, 100000u }) {
             Rig r(f, false);
             r.cam.m_lExposure = exposure;
             r.cam.StartCapture(false);

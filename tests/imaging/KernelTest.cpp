@@ -132,7 +132,7 @@ TEST_P(Kernels, DemosaicOfLargeFrames)
         const BayerFrame f = { src.data(), w, h, PHASE_GR, &gains };
         std::vector<uint8_t> want(3 * n), got(3 * n + 3);
         reference::Demosaic(f, 0, h, want.data());
-        for (size_t shift : { 0, 1, 2 }) {
+        for (const size_t shift : { 0u, 1u, 2u }) {
             for (const int strip : { h, 22 }) {
                 std::fill(got.begin(), got.end(), uint8_t{ 0x5A });
                 for (int y = 0; y < h; y += strip)

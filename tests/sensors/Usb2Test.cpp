@@ -708,9 +708,8 @@ TEST_F(Iolite, GainAndLongExposure)
     cam->m_bAutoBL = false;
     const std::pair<int, const char*> rows[] = { { 0, "0035:000a" }, { 37, "0035:0020" }, { 38, "0035:0051" },
                                                  { 99, "0035:0267" }, { 100, "0035:0267" } };
-    for (const auto& [g, sz] : rows) {
-        EXPECT_EQ(SENDS(cam->SetGain(g, false)), sz) << g;
-    }
+    for (const auto& row : rows)
+        EXPECT_EQ(SENDS(cam->SetGain(row.first, false)), row.second) << row.first;
     m_dev->OnFail = [](const RecordedRequest& r) { return r.wValue == 0x35; };
     EXPECT_FALSE(cam->SetGain(60, false));
     EXPECT_EQ(cam->m_iGain, 1);                   // QUIRK

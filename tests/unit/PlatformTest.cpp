@@ -95,8 +95,8 @@ TEST(Platform, CriticalSectionKeepsOthersOutAndItsOwnerIn)
     const auto fn = [](void* p) {
         auto& w = *static_cast<Work*>(p);
         for (int i = 0; i < 20000; ++i) {
-            const Lock outer(w.cs), inner(w.cs);
-            ++w.n;
+            const Lock outer(w.cs);
+            [&w] { const Lock inner(w.cs); ++w.n; }();
         }
     };
     Thread a, b;

@@ -60,7 +60,7 @@ struct Client {
         in.erase(in.begin(), in.begin() + std::ptrdiff_t(size));
         return got;
     }
-    static uint32_t Field(const Bytes& b, size_t at) { return uint32_t(b[at]) << 24 | b[at + 1] << 16 | b[at + 2] << 8 | b[at + 3]; }
+    static uint32_t Field(const Bytes& b, size_t at) { return uint32_t(b[at] << 24 | b[at + 1] << 16 | b[at + 2] << 8 | b[at + 3]); }
     uint32_t Import(const std::string& id)
     {
         Send(ImportOf(id));

@@ -30,8 +30,7 @@ public:
     DeviceError(int number, const std::string& text) : std::runtime_error(text), number(number) {}
     int number;
 };
-constexpr int NOT_IMPLEMENTED = 0x400, INVALID_VALUE = 0x401, NOT_CONNECTED = 0x407, INVALID_OPERATION = 0x40B, ACTION_UNKNOWN = 0x40C,
-              DRIVER_ERROR = 0x500;
+constexpr int NOT_IMPLEMENTED = 0x400, INVALID_VALUE = 0x401, NOT_CONNECTED = 0x407, INVALID_OPERATION = 0x40B, DRIVER_ERROR = 0x500;
 
 [[noreturn]] void NotImplemented(const std::string& what) { throw DeviceError(NOT_IMPLEMENTED, what + " is not implemented by this camera"); }
 

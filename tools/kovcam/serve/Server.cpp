@@ -625,7 +625,7 @@ private:
             r.set_content(*thumb, "image/jpeg");
         });
         m_server.Get(R"(/api/captures/([^/]+))", [this](Q q, R r) { m_captures.SendFile(q.matches[1], r); });
-        m_server.Get("/api/doctor", [this, send](Q, R r) { send(r, Doctor()); });
+        m_server.Get("/api/doctor", [send](Q, R r) { send(r, Doctor()); });
     }
 
     const ServerOptions m_options;
