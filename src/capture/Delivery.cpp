@@ -124,10 +124,10 @@ Geometry GeometryOf(const CCameraBase& cam, const DeliveryForm& f)
     return g;
 }
 
-uint32_t Word(const uint8_t* p, int64_t n)
+uint32_t Head(const uint8_t* p)
 {
     uint32_t v;
-    std::memcpy(&v, p + 4 * n, sizeof v);
+    std::memcpy(&v, p, sizeof v);
     return v;
 }
 
@@ -193,7 +193,7 @@ FrameExchange::Lease TakeFrame(CCameraBase& cam, const DeliveryForm& f, int32_t 
     while (FrameExchange::Lease lease = fx.Take(iBytes, dwWaitMs)) {
         if (!f.bTestHead)
             return lease;
-        if (Word(lease.Frame(), 0) == HEAD_B) {
+        if (Head(lease.Frame()) == HEAD_B) {
             // At short exposures a damaged successor tells that this frame is torn. QUIRK: an infinite wait becomes
             // 498 ms for the look ahead.
             if (cam.m_bSnapMode || cam.m_lExposure >= 100000 || fx.PeekHead(HEAD_B, dwWaitMs * 2 + 500))

@@ -51,35 +51,44 @@ TEST_F(Settings, StoreAnswersLikeTheRegistry)
 
 TEST_F(Settings, RoundTripButForTheQuirks)
 {
+    using C = CCameraBase;
+    Shared<int32_t> C::* const numbers[] = { &C::m_iGain, &C::m_iGamma, &C::m_iBrightness, &C::m_iCMOSClk, &C::m_iTargetTemp,
+                                             &C::m_iOverCLKPerc, &C::m_iAutoGainMax, &C::m_iDestBrightness, &C::m_iWB_R, &C::m_iWB_B };
+    Shared<uint8_t> C::* const levels[] = { &C::m_iBL_OO, &C::m_iBL_EE, &C::m_iBL_OE, &C::m_iBL_EO };
+    Shared<bool> C::* const flags[] = { &C::m_bAutoBL, &C::m_bFlipRow, &C::m_bFlipColumn, &C::m_bAutoFPS, &C::m_bAutoExp, &C::m_bAutoGain,
+                                        &C::m_bAutoWB, &C::m_bRawOutput, &C::m_bHighSpeed, &C::m_bTimeMark, &C::m_bHPCEnable, &C::m_bHardwareBin };
     TestCamera a, b;
-    a.m_lExposure = 50000;
-    a.m_iGain = 12;
-    a.m_iFPSPerc = 80;
-    a.m_bUSB3Host = true;
-    a.m_fCoolPowerPerc = 41.7f;
-    a.m_iBL_OO = 200;
-    a.m_bAutoBL = a.m_bFlipColumn = a.m_bHPCEnable = a.m_bTimeMark = true;
-    a.m_iAutoExpMax = 7;
-    a.m_iAutoGainMax = 123;
-    a.m_iWB_B = 66;
-    std::strcpy(a.m_szBMPPath, "/some/where");
-    a.SaveSetting(KEY);
+    for (const bool bSet : { true, false }) {
+        int n = bSet ? 100 : 200;
+        a.m_lExposure = 50000;
+        a.m_iFPSPerc = 80;
+        a.m_bUSB3Host = true;
+        a.m_fCoolPowerPerc = 41.7f;
+        a.m_iAutoExpMax = 7;
+        std::strcpy(a.m_szBMPPath, "/some/where");
+        for (const auto f : numbers)
+            a.*f = ++n;
+        for (const auto f : levels)
+            a.*f = uint8_t(++n);
+        for (const auto f : flags)
+            a.*f = bSet;
+        a.SaveSetting(KEY);
 
-    b.m_iFPSPerc = 40;
-    b.m_bFlipRow = true;
-    b.LoadSetting(KEY);
-    EXPECT_EQ(b.m_lExposure, 50000u);
-    EXPECT_EQ(b.m_iGain, 12);
-    EXPECT_EQ(b.m_iFPSPercUSB3, 80);  // under the name of the port in use; the other one is untouched
-    EXPECT_EQ(b.m_iFPSPerc, 40);
-    EXPECT_EQ(b.m_fCoolPowerPerc, 41.0f);
-    EXPECT_EQ(b.m_iBL_OO, 200);
-    EXPECT_TRUE(b.m_bAutoBL && b.m_bFlipColumn && b.m_bHPCEnable && b.m_bTimeMark);
-    EXPECT_FALSE(b.m_bFlipRow);
-    EXPECT_EQ(b.m_iAutoExpMax, 30);   // QUIRK: never restored
-    EXPECT_EQ(b.m_iAutoGainMax, 123);
-    EXPECT_EQ(b.m_iWB_B, 66);
-    EXPECT_STREQ(b.m_szBMPPath, "/some/where");
+        b.m_iFPSPerc = 40;
+        b.LoadSetting(KEY);
+        EXPECT_EQ(b.m_lExposure, 50000u);
+        EXPECT_EQ(b.m_iFPSPercUSB3, 80);  // under the name of the port in use; the other one is untouched
+        EXPECT_EQ(b.m_iFPSPerc, 40);
+        EXPECT_EQ(b.m_fCoolPowerPerc, 41.0f);
+        EXPECT_EQ(b.m_iAutoExpMax, 30);   // QUIRK: never restored
+        EXPECT_STREQ(b.m_szBMPPath, "/some/where");
+        for (const auto f : numbers)
+            EXPECT_EQ(b.*f, (a.*f).Get());
+        for (const auto f : levels)
+            EXPECT_EQ(b.*f, (a.*f).Get());
+        for (const auto f : flags)
+            EXPECT_EQ(b.*f, bSet);
+    }
 
     a.m_lExposure = 5000000;
     a.SaveSetting(KEY);

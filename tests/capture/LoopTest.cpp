@@ -510,14 +510,17 @@ TEST(SmallChunkLoops, IoliteFixesTheBlackLevelAfter800Ms)
     r.cam.m_bAutoBLBusy = true;
     r.usb.dev.OnIn = [](const RecordedRequest& q, uint8_t* p, uint16_t) {
         if (q.bRequest == 167)
-            p[1] = uint8_t(q.wValue == 97 ? 0xFE : q.wValue - 90);  // 6, -2, 9, 10
+            p[1] = uint8_t(q.wValue == 97 ? 0xFE : 109 - q.wValue);  // the first fails and counts as 0; -2, 10, 9
     };
+    r.usb.dev.OnFail = [](const RecordedRequest& q) { return q.bRequest == 167 && q.wValue == 96; };
+    const uint32_t dwStart = platform::Ticks();
     r.usb.Repeat(FrameB(S, 1));
     r.cam.StartCapture(false);
     ASSERT_TRUE(Until([&] { return r.cam.CountOf("offset") == 1; }));
     ASSERT_TRUE(Until([&] { return r.cam.m_bAutoBL.Get(); }));
-    EXPECT_EQ(r.cam.Notes().front(), "offset 6 10");
+    EXPECT_EQ(r.cam.Notes().front(), "offset 0 10");
     EXPECT_GT(r.cam.m_iAutoBLCount, 800);
+    EXPECT_GE(platform::Ticks() - dwStart, 800u);
     EXPECT_EQ(r.Log().substr(0, 18 * 4), "out 170 0000 0000\nout 166 aaaa 0000\nout 175 0000 0000\nout 166 001e 8000\n");
 }
 

@@ -277,6 +277,11 @@ TEST_F(Garnet, SuperSpeedBridge)
     EXPECT_FLOAT_EQ(cam->m_fMaxDataRate, 73.728f);
     EXPECT_EQ(cam->m_iHMAX, 1417);          // (1228800 * 83 * 100 / 73 / 100 + 358) / 986
     EXPECT_EQ(cam->m_iExpLines, 820);       // (14000 * 83 - 26) / 1417
+    cam->m_fMaxFPS = 1;
+    cam->m_lExposure = 100000;
+    cam->CalcMaxFPS();
+    EXPECT_EQ(cam->m_fMaxFPS, 1) << "left alone from 100 ms on";
+    cam->m_lExposure = 14000;
 
     m_dev->ClearEvents();
     ASSERT_TRUE(cam->SetResolution(1280, 960, 1, IMAGE_16BIT));
@@ -707,7 +712,7 @@ TEST_F(Iolite, GainAndLongExposure)
     auto cam = Open<CCameraSIoliteMono>(0xC09A);
     cam->m_bAutoBL = false;
     const std::pair<int, const char*> rows[] = { { 0, "0035:000a" }, { 37, "0035:0020" }, { 38, "0035:0051" },
-                                                 { 99, "0035:0267" }, { 100, "0035:0267" } };
+                                                 { 99, "0035:0267" }, { 101, "0035:0267" } };
     for (const auto& row : rows)
         EXPECT_EQ(SENDS(cam->SetGain(row.first, false)), row.second) << row.first;
     m_dev->OnFail = [](const RecordedRequest& r) { return r.wValue == 0x35; };
@@ -743,6 +748,10 @@ TEST_F(Iolite, BlackLevel)
     Sent();
     EXPECT_EQ(SENDS(cam->SetBLOffset(true, 1, 1, 1, 1)), "0062:1498");
     EXPECT_TRUE(cam->m_bAutoBLBusy);
+    cam->m_bAutoBL = true;
+    cam->m_bAutoBLBusy = false;
+    EXPECT_EQ(SENDS(cam->SetGain(0, false)), "0035:000a 0062:1498");
+    EXPECT_TRUE(cam->m_bAutoBLBusy) << "another gain, another black level";
 }
 
 }  // namespace

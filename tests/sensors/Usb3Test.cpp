@@ -851,6 +851,8 @@ TEST_F(Kyanite, HighSpeedAndHardwareBin)
     ExpectHead(sent, "F1=1 0000:0073 0000:0073");
     EXPECT_NE(sent.find("F10=0 F2=60 F6=13 F1=0 F1=1 01dc:0020"), std::string::npos);
     EXPECT_EQ(cam->m_iHMAX, 435);
+    const std::string frame = All("F1=1", Fpga(16, 3720, 3), "F1=0");
+    EXPECT_NE(sent.find(All(frame, "0057:0c67 0052:01d5 0054:0100", Line(435), frame, "0057:0b33")), std::string::npos);
     Region(*cam, 2328, 1760, 2);
     EXPECT_EQ(SENDS(cam->SetHighSpeedMode(false)), "") << "only kept in hardware bin";
     cam->SetHardwareBin(false);

@@ -48,6 +48,11 @@ TEST(CCameraFX3, EveryOperationsRequest)
     EXPECT_TRUE(cam.ReadFPGAREG(11, &b));
     EXPECT_EQ(b, 0xBC);
     EXPECT_EQ(cam.Log(), "out 189 0000 0031\nin 188 000b 0000: bc\n");
+    uint8_t aSub[4];
+    uint32_t dwVersion = 0;
+    EXPECT_TRUE(cam.GetFPGAVer(&b, aSub) && cam.GetFPGAVerVal(&b, &dwVersion));
+    EXPECT_EQ(dwVersion, 0x0B0C0B0Cu);
+    EXPECT_EQ(cam.Log(), "in 188 001d 0000: bc\nin 188 001e 0000: bc\nin 188 001f 0000: bc\n");
     EXPECT_TRUE(cam.EnableGPIF32DQ(true));
     EXPECT_TRUE(cam.EnableGPIF32DQ(false));
     EXPECT_EQ(cam.Log(), "out 190 0001 0000\nout 190 0000 0000\n");
