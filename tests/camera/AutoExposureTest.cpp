@@ -71,6 +71,12 @@ TEST(AutoExposure, LinesAndTargetAreTakenAsTheyStand)
     cam.iLinesAfterExp = 2;  // the model counts the new exposure in lines before the second gain step is decided
     cam.AutoExpGain(frame.data());
     EXPECT_EQ(cam.Asked(), (Asked{ "exp 9600 1", "gain 17 1", "gain 14 1" }));
+    cam.m_lExposure = 10000;
+    cam.m_iGain = 20;
+    cam.m_iExpLines = 100;
+    cam.iLinesAfterExp = 3;
+    cam.AutoExpGain(frame.data());
+    EXPECT_EQ(cam.Asked(), (Asked{ "exp 9600 1", "gain 17 1" }));
 
     cam.iLinesAfterExp = -1;
     cam.m_iExpLines = 100;

@@ -146,6 +146,10 @@ TEST_F(Quartz, BringUp)
     EXPECT_EQ(cam->m_iExpLines, 913);
 
     EXPECT_FALSE(CCameraSQuartzCol().InitCamera()) << "not open";
+    std::string has;
+    for (int c = HAS_GAIN; c <= HAS_TARGET_TEMP; ++c)
+        has += cam->isAvailable(Control_TYPE(c)) ? '1' : '0';
+    EXPECT_EQ(has, "11111110101000");  // all but the over clock, flips and the cooler
 }
 
 TEST_F(Quartz, BandwidthOnUsb2)
@@ -1088,6 +1092,8 @@ TEST_F(Beryl, RegionAndModes)
     cam->m_iBin = 2;
     EXPECT_EQ(SENDS(cam->SetOutput16Bits(false)), "F10=1");
     EXPECT_EQ(StartAndStop(*cam), "F0=1 F0=17");
+    EXPECT_EQ(SENDS(cam->SetBrightness(0x123)), "0080:0123");
+    EXPECT_EQ(cam->m_iBrightness, 0x123);
     ASSERT_TRUE(cam->CloseCamera());
     EXPECT_FALSE(cam->CloseCamera()) << "the link is gone";
 }

@@ -33,11 +33,12 @@ class Mutant:
     was: str
     now: str     # what stands there while it is loose
     woven: str   # the same with its switch; @ is its number
+    made: bool   # in a function that the compiler may run by itself
 
 
 class Finder:
     def __init__(self, root):
-        self.root, self.found, self.text = root, {}, {}
+        self.root, self.found, self.text, self.made = root, {}, {}, False
 
     def source(self, file):
         if file not in self.text:
@@ -56,7 +57,7 @@ class Finder:
     def add(self, file, cursor, now, woven, tail=0):
         start, end = cursor.extent.start, cursor.extent.end.offset + tail
         was = self.source(file)[start.offset:end].decode()
-        self.found.setdefault((file, start.offset, end, now), Mutant(file, start.line, start.offset, end, was, now, woven))
+        self.found.setdefault((file, start.offset, end, now), Mutant(file, start.line, start.offset, end, was, now, woven, self.made))
 
     def operator(self, file, cursor):
         parts = list(cursor.get_children())
@@ -79,7 +80,11 @@ class Finder:
                 continue
             if file:
                 self.look(file, cursor, child, constant)
+            before = self.made
+            if child.kind in (K.FUNCTION_DECL, K.CXX_METHOD, K.CONSTRUCTOR, K.FUNCTION_TEMPLATE, K.VAR_DECL):
+                self.made = self.made or "constexpr" in {t.spelling for t, _ in zip(child.get_tokens(), range(6))}
             self.visit(child, self.fixed(child, constant))
+            self.made = before
 
     @staticmethod
     def fixed(cursor, constant):
@@ -93,8 +98,7 @@ class Finder:
         if cursor.kind == K.VAR_DECL:
             words = {t.spelling for t, _ in zip(cursor.get_tokens(), range(6))}
             function = cursor.semantic_parent.kind in (K.FUNCTION_DECL, K.CXX_METHOD, K.CONSTRUCTOR, K.DESTRUCTOR, K.FUNCTION_TEMPLATE)
-            bound = cursor.type.kind == ci.TypeKind.CONSTANTARRAY and not any(t.spelling in "={" for t in cursor.get_tokens())
-            return bool({"constexpr", "constinit", "static"} & words) or not function or bound
+            return bool({"constexpr", "constinit", "static"} & words) or not function
         return constant or cursor.kind in (K.ENUM_DECL, K.CASE_STMT, K.STATIC_ASSERT, K.TEMPLATE_NON_TYPE_PARAMETER)
 
     def look(self, file, parent, cursor, constant):
@@ -105,13 +109,16 @@ class Finder:
         parts = list(parent.get_children())
         if cursor.kind in DROPPED and parent.kind in BODIES and cursor in parts[BODIES[parent.kind]]:
             # A macro's statement ends where the macro does, and a log line is nobody's behaviour.
-            if self.source(file)[b:b + 1] == b";" and not text.startswith("KOV_") and "Log" not in text:
+            if self.source(file)[b:b + 1] == b";" and not re.match("KOV_|TraceLine|Log", text):
                 self.add(file, cursor, ";", f"{{ if (!mutants::Loose(@)) {text}; }}", tail=1)
         if constant:
             return
         if cursor.kind in (K.BINARY_OPERATOR, K.COMPOUND_ASSIGNMENT_OPERATOR):
             self.operator(file, cursor)
         elif cursor.kind in (K.INTEGER_LITERAL, K.FLOATING_LITERAL) and NUMBER.match(text):
+            around = self.source(file)[:a].rstrip()[-1:] + self.source(file)[b:].lstrip()[:1]
+            if around in (b"<>", b"<,") or around == b"[]" and parent.kind in (K.VAR_DECL, K.FIELD_DECL):
+                return  # of a template or an array
             self.add(file, cursor, f"({text} + 1)", f"(mutants::Loose(@) ? {text} + 1 : {text})")
         elif cursor.kind == K.CXX_BOOL_LITERAL_EXPR and text in ("true", "false"):
             self.add(file, cursor, f"!{text}", f"(mutants::Loose(@) != {text})")
