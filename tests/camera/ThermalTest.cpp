@@ -177,6 +177,8 @@ TEST(Cooler, SmallErrorsStepOnceLargerOnesInsist)
     EXPECT_NEAR(cam.m_fCoolPowerPerc, 49.664f, 1e-3f);
     step(100, 25);     // at the limit: nothing left to do
     EXPECT_EQ(cam.m_fCoolPowerPerc, 100.0f);
+    step(100, 19);     // but to leave it, where it is too cold
+    EXPECT_LT(cam.m_fCoolPowerPerc, 100.0f);
     step(0, 10);
     EXPECT_EQ(cam.m_fCoolPowerPerc, 0.0f);
     // The code never changes for this camera because another one has sent it: the step ends at the limit.

@@ -667,6 +667,7 @@ TEST_F(Lapis, ExposureFromFirmware18)
     auto cooled = Open<CCameraSLapisMono_C>(0xC0CD);
     cooled->SetExp(2000000000, false);
     EXPECT_EQ(cooled->m_lExposure, 1000000000u);
+    EXPECT_TRUE(cam->SetCMOSClk(1)) << "an unknown clock is stored";
 }
 
 TEST_F(Lapis, ExposureOfOldFirmware)

@@ -66,6 +66,8 @@ class Finder:
         left, right = parts
         text = self.source(file)
         a, b = cursor.extent.start.offset, cursor.extent.end.offset
+        if re.search(rb"if\s+constexpr\s*\($", text[:a]):
+            return
         op = text[left.extent.end.offset:right.extent.start.offset].decode().strip()
         if op not in TURNED or left.extent.start.offset != a or right.extent.end.offset != b:
             return
