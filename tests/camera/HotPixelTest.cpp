@@ -209,7 +209,7 @@ TEST_F(HotPixels, TableReachesSeveralBinnedPixels)
     // The rows of the repaired frame are the binned ones.
     cam.m_bHPCEnable = true;
     std::fill_n(cam.m_pImgBuf, W * H, uint8_t{ 100 });
-    const uint32_t e = cam.m_pHotPixels[2];
+    const auto e = static_cast<uint32_t>(cam.m_pHotPixels[2]);
     cam.m_pImgBuf[e] = 200;
     cam.m_pImgBuf[e - W / 2] = 120;
     cam.HandleHotPixels();

@@ -148,7 +148,7 @@ protected:
     }
     void newMessage(INDI::BaseDevice d, int id) override
     {
-        Note([&] { m_messages.push_back(d.messageQueue(id)); });
+        Note([&] { m_messages.push_back(d.messageQueue(static_cast<size_t>(id))); });
     }
     void updateProperty(INDI::Property p) override
     {

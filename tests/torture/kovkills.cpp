@@ -256,7 +256,7 @@ int main(int argc, char** argv)
         if (read(pipes[0], &done, 1) != 1)  // the first is there
             return 2;
         if (kind.flash && random() % 2 == 0)  // its writing is short beside the erasing
-            AwaitBlock(random() % 5);
+            AwaitBlock(static_cast<unsigned>(random() % 5));
         else
             usleep(static_cast<useconds_t>(random() % (kind.flash ? 40000 : 3000)));
         kill(child, SIGKILL);
