@@ -15,7 +15,7 @@ string(REGEX MATCHALL "[^\n]+" lines "${text}")
 set(c "")
 set(cxx "")
 foreach(line IN LISTS lines)
-    if(line MATCHES " A KOVCamera2_1$")  # the version itself
+    if(line MATCHES " A KOVCamera2_1(@@KOVCamera2_1)?$")  # the version itself, as nm and llvm-nm tell it
         continue()
     endif()
     if(NOT LIBRARY MATCHES "\\.dll$" AND NOT line MATCHES "@@KOVCamera2_1$")
