@@ -9,6 +9,8 @@
 
 #include <atomic>
 #include <chrono>
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -85,12 +87,14 @@ int64_t LoadGeneration(const wchar_t* szKey = KEY)
     return dwFirst;
 }
 
+// The child ends as a host does, its writer with it.
 pid_t Child(void (*fn)())
 {
+    fflush(nullptr);
     const pid_t pid = fork();
     if (pid == 0) {
         fn();
-        _exit(0);
+        exit(0);
     }
     return pid;
 }
