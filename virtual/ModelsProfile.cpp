@@ -94,13 +94,14 @@ ModelFacts MakeFacts(uint16_t wProductId, const std::string& sToken)
 
 const ModelFacts* AllModels(int* piCount)
 {
-    static const auto models = [] {
-        std::vector<ModelFacts> list;
-        for (const auto& id : g_Ids) list.push_back(MakeFacts(id.wProductId, id.szToken));
+    // Never destroyed: cameras live until the process has ended.
+    static const auto* const models = [] {
+        auto* const list = new std::vector<ModelFacts>;
+        for (const auto& id : g_Ids) list->push_back(MakeFacts(id.wProductId, id.szToken));
         return list;
     }();
     if (piCount != nullptr) *piCount = MODELS;
-    return models.data();
+    return models->data();
 }
 
 // No profile differs by the speed of the host: sensor and FPGA do as their registers say, the link is the camera's affair.

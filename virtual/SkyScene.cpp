@@ -29,15 +29,16 @@ std::vector<Star> ParseStars(const char* pText)
 
 const std::vector<Star>& Stars()
 {
-    static const std::vector<Star> s_Stars = [] {
-        std::vector<Star> all;
+    // Never destroyed: sensors run until the process has ended.
+    static const auto* const s_pStars = [] {
+        auto* const all = new std::vector<Star>;
         std::set<int> seen;
         for (const char* const* pp = g_StarFiles; *pp; ++pp)
             for (const Star& s : ParseStars(*pp))
-                if (seen.insert(s.iHip).second) all.push_back(s);
+                if (seen.insert(s.iHip).second) all->push_back(s);
         return all;
     }();
-    return s_Stars;
+    return *s_pStars;
 }
 
 namespace {
