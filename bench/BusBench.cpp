@@ -15,8 +15,8 @@
 #include "virtual/VirtualBus.h"
 
 #ifdef KOV_BENCH_UMOCKDEV
-#include "platform/posix/LibusbStack.h"
-#include "umock/MockUsb.h"
+#  include "platform/posix/LibusbStack.h"
+#  include "umock/MockUsb.h"
 #endif
 
 namespace bench {
@@ -47,10 +47,14 @@ double CountMs()
 
 void RegisterLimit(const char* where)
 {
-    benchmark::RegisterBenchmark((std::string("count cameras/limit/") + where).c_str(), [](benchmark::State& state) {
-        for (auto _ : state)
-            state.SetIterationTime(LIMIT_MS / 1e3);
-    })->Unit(benchmark::kMillisecond)->UseManualTime()->Iterations(1);
+    benchmark::RegisterBenchmark((std::string("count cameras/limit/") + where).c_str(),
+                                 [](benchmark::State& state) {
+                                     for (auto _ : state)
+                                         state.SetIterationTime(LIMIT_MS / 1e3);
+                                 })
+        ->Unit(benchmark::kMillisecond)
+        ->UseManualTime()
+        ->Iterations(1);
 }
 
 }  // namespace
@@ -82,15 +86,19 @@ int CountBehindLibusb()
 
 void RegisterBusBenchmarks()
 {
-    benchmark::RegisterBenchmark("count cameras/kov/8 virtual", [](benchmark::State& state) {
-        kovsim::VirtualBus bus;
-        PlugAll(bus);
-        platform::SetUsbStack(&bus);
-        state.counters["first_ms"] = CountMs();
-        for (auto _ : state)
-            state.SetIterationTime(CountMs() / 1e3);
-        platform::SetUsbStack(nullptr);
-    })->Unit(benchmark::kMillisecond)->UseManualTime()->Iterations(20);
+    benchmark::RegisterBenchmark("count cameras/kov/8 virtual",
+                                 [](benchmark::State& state) {
+                                     kovsim::VirtualBus bus;
+                                     PlugAll(bus);
+                                     platform::SetUsbStack(&bus);
+                                     state.counters["first_ms"] = CountMs();
+                                     for (auto _ : state)
+                                         state.SetIterationTime(CountMs() / 1e3);
+                                     platform::SetUsbStack(nullptr);
+                                 })
+        ->Unit(benchmark::kMillisecond)
+        ->UseManualTime()
+        ->Iterations(20);
     RegisterLimit("8 virtual");
 #ifdef KOV_BENCH_UMOCKDEV
     if (std::system("command -v umockdev-wrapper >/dev/null") != 0)
@@ -99,18 +107,22 @@ void RegisterBusBenchmarks()
     if (readlink("/proc/self/exe", path, sizeof path - 1) < 0)
         return;
     const std::string command = "TMPDIR=/tmp umockdev-wrapper '" + std::string(path) + "' " + COUNT_BEHIND_LIBUSB;
-    benchmark::RegisterBenchmark("count cameras/kov/8 libusb", [command](benchmark::State& state) {
-        for (auto _ : state) {
-            double first = 0, ms = 0;
-            FILE* const p = popen(command.c_str(), "r");
-            if (p == nullptr || std::fscanf(p, "%lf %lf", &first, &ms) != 2)
-                state.SkipWithError("no fake system");
-            if (p != nullptr)
-                pclose(p);
-            state.counters["first_ms"] = first;
-            state.SetIterationTime(ms / 1e3);
-        }
-    })->Unit(benchmark::kMillisecond)->UseManualTime()->Iterations(1);
+    benchmark::RegisterBenchmark("count cameras/kov/8 libusb",
+                                 [command](benchmark::State& state) {
+                                     for (auto _ : state) {
+                                         double first = 0, ms = 0;
+                                         FILE* const p = popen(command.c_str(), "r");
+                                         if (p == nullptr || std::fscanf(p, "%lf %lf", &first, &ms) != 2)
+                                             state.SkipWithError("no fake system");
+                                         if (p != nullptr)
+                                             pclose(p);
+                                         state.counters["first_ms"] = first;
+                                         state.SetIterationTime(ms / 1e3);
+                                     }
+                                 })
+        ->Unit(benchmark::kMillisecond)
+        ->UseManualTime()
+        ->Iterations(1);
     RegisterLimit("8 libusb");
 #endif
 }

@@ -65,8 +65,8 @@ public:
                     std::printf("%9s %7s   ", "", "");
                 std::printf("%-28s %9.3f %7.2f\n", by.c_str(), other, other / ms);
                 if (pTsv)
-                    std::fprintf(pTsv, "%s\t%s\t%s\t%g\t%g\t%s\t%g\n", isa, key.first.c_str(), key.second.c_str(), ms, least, by.c_str(),
-                                 other);
+                    std::fprintf(pTsv, "%s\t%s\t%s\t%g\t%g\t%s\t%g\n", isa, key.first.c_str(), key.second.c_str(), ms, least,
+                                 by.c_str(), other);
             }
         }
     }
@@ -121,7 +121,7 @@ private:
     using Times = std::map<std::string, std::vector<double>>;  // by whom -> ms
     using Key = std::pair<std::string, std::string>;           // size, operation
     std::map<Key, Times> m_times;
-    std::map<Key, std::map<std::string, double>> m_bySet;      // medians of ours
+    std::map<Key, std::map<std::string, double>> m_bySet;  // medians of ours
 };
 
 // Those that are to be measured: the best one, or what is wanted. None if the machine has no such.
@@ -168,7 +168,8 @@ int main(int argc, char** argv)
         return 1;
     const std::vector<Set> sets = ChooseSets(isa);
     if (sets.empty()) {
-        std::fprintf(stderr, "kovbench: this machine does not have the instruction set %s; choose one of those above, or all\n", isa.c_str());
+        std::fprintf(stderr, "kovbench: this machine does not have the instruction set %s; choose one of those above, or all\n",
+                     isa.c_str());
         return 1;
     }
     std::FILE* const pTsv = tsv.empty() ? nullptr : std::fopen(tsv.c_str(), "w");

@@ -9,11 +9,11 @@
 #include "imaging/Kernels.h"
 
 #ifdef KOV_BENCH_OPENCV
-#include <opencv2/core.hpp>
-#include <opencv2/imgproc.hpp>
+#  include <opencv2/core.hpp>
+#  include <opencv2/imgproc.hpp>
 #endif
 #ifdef KOV_BENCH_DC1394
-#include <dc1394/dc1394.h>
+#  include <dc1394/dc1394.h>
 #endif
 
 namespace bench {
@@ -119,8 +119,14 @@ void RegisterInPlace(const std::shared_ptr<Frames>& f, const std::shared_ptr<CAl
     for (const char* op : { "gamma", "dark subtraction" })
         Register(op, "copy of the frame", s, copy8);
 
-    struct { const char* name; bool rows, mirror; int cvCode; } flips[] = {
-        { "flip left to right", false, true, 1 }, { "flip top to bottom", true, false, 0 }, { "both flips", true, true, -1 },
+    struct {
+        const char* name;
+        bool rows, mirror;
+        int cvCode;
+    } flips[] = {
+        { "flip left to right", false, true, 1 },
+        { "flip top to bottom", true, false, 0 },
+        { "both flips", true, true, -1 },
     };
     for (const auto& flip : flips) {
         Register(flip.name, "kov", s, [=] { a->SoftMisc(f->raw.data(), s.w, s.h, 1, false, flip.rows, flip.mirror); });
@@ -150,8 +156,7 @@ void RegisterInPlace(const std::shared_ptr<Frames>& f, const std::shared_ptr<CAl
         for (const char* kind : { "mono 8-bit", "colour 8-bit" })
             Register(kind + by, "copy of the frame", s, copy8);
         for (const char* kind : { "mono 16-bit", "colour 16-bit" })
-            Register(kind + by, "copy of the frame", s,
-                     [=] { std::memcpy(f->out.data(), f->raw16.data(), 2 * f->pixels); });
+            Register(kind + by, "copy of the frame", s, [=] { std::memcpy(f->out.data(), f->raw16.data(), 2 * f->pixels); });
     }
 }
 

@@ -10,7 +10,9 @@
 
 namespace bench {
 
-struct Size { int w, h; };
+struct Size {
+    int w, h;
+};
 inline constexpr Size g_Sizes[] = { { 1936, 1096 }, { 4656, 3520 } };
 
 // The yardstick that no program can beat.

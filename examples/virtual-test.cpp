@@ -7,7 +7,8 @@
 #include <vector>
 
 #define CHECK(what) \
-    if (!(what)) return std::fprintf(stderr, "line %d: %s is not so\n", __LINE__, #what), 1
+  if (!(what))      \
+  return std::fprintf(stderr, "line %d: %s is not so\n", __LINE__, #what), 1
 
 int main()
 {

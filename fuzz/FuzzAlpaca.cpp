@@ -1,5 +1,5 @@
-// The parameters of Alpaca, as the form of a PUT or the query of a GET: a first byte that says which, then name=value&... A getter
-// gives what the text says, or refuses it.
+// The parameters of Alpaca, as the form of a PUT or the query of a GET: a first byte that says which, then name=value&... A
+// getter gives what the text says, or refuses it.
 #include <cmath>
 #include <cstdlib>
 #include <string>
@@ -42,9 +42,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
                 std::abort();
             continue;
         }
-        const bool right = present && (!isNumber || std::isfinite(number)) && (!isInteger || std::strtol(s->c_str(), nullptr, 10) == integer) &&
-                           (!isId || std::strtoul(s->c_str(), nullptr, 10) == id) && (!isInteger || isNumber) && !(isFlag && isNumber) &&
-                           (!isFlag || s->size() == (flag ? 4u : 5u));
+        const bool right = present && (!isNumber || std::isfinite(number)) &&
+                           (!isInteger || std::strtol(s->c_str(), nullptr, 10) == integer) &&
+                           (!isId || std::strtoul(s->c_str(), nullptr, 10) == id) && (!isInteger || isNumber) &&
+                           !(isFlag && isNumber) && (!isFlag || s->size() == (flag ? 4u : 5u));
         if (!right)
             std::abort();
     }

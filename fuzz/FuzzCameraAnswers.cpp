@@ -37,7 +37,8 @@ int64_t Chunk(Bytes& in, uint8_t* p, uint32_t n)
     std::fill_n(p, size, in.Next());
     if (size < 16)
         return size;
-    static constexpr uint8_t heads[2][4] = { { 0x7E, 0x5A, 1, 0 }, { 0x11, 0xAA, 0, 0xBB } }, tails[2][4] = { { 1, 0, 0xF0, 0x3C }, { 0xBB, 0, 0xAA, 0x11 } };
+    static constexpr uint8_t heads[2][4] = { { 0x7E, 0x5A, 1, 0 }, { 0x11, 0xAA, 0, 0xBB } },
+                             tails[2][4] = { { 1, 0, 0xF0, 0x3C }, { 0xBB, 0, 0xAA, 0x11 } };
     if (marks & 1)
         std::copy_n(heads[marks >> 1 & 1], 4, p);
     if (marks & 4)
@@ -106,7 +107,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         KOVGetControlValue(id, CTRL_TEMPERATURE, &value, &automatic);
         KOVSetControlValue(id, CTRL_EXPOSURE, 1000, KOV_FALSE);
         const bool wide = data[0] & 4;
-        if (KOVSetROIFormat(id, 64, 64, 1, wide ? IMG_RAW16 : IMG_RAW8) == KOV_SUCCESS && KOVStartVideoCapture(id) == KOV_SUCCESS) {
+        if (KOVSetROIFormat(id, 64, 64, 1, wide ? IMG_RAW16 : IMG_RAW8) == KOV_SUCCESS &&
+            KOVStartVideoCapture(id) == KOV_SUCCESS) {
             const size_t bytes = 64 * 64 * (wide ? 2 : 1);
             const std::unique_ptr<uint8_t[]> image(new uint8_t[bytes]);
             for (int i = 0; i < 6; ++i) {

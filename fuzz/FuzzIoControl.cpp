@@ -12,10 +12,22 @@
 namespace {
 
 constexpr uint32_t CODES[] = {
-    platform::IO_CONTROL, platform::IO_BUFFERED, platform::IO_DIRECT, platform::IO_DRIVER_VERSION, platform::IO_STACK_VERSION,
-    platform::IO_ALT_SETTING, platform::IO_USB_ADDRESS, platform::IO_CYCLE_PORT, platform::IO_RESET_PIPE,
-    platform::IO_RESET_PARENT_PORT, platform::IO_SET_TRANSFER_SIZE, platform::IO_DRIVER_NAME, platform::IO_FRIENDLY_NAME,
-    platform::IO_ABORT_PIPE, platform::IO_DEVICE_SPEED, 0x220FFF,
+    platform::IO_CONTROL,
+    platform::IO_BUFFERED,
+    platform::IO_DIRECT,
+    platform::IO_DRIVER_VERSION,
+    platform::IO_STACK_VERSION,
+    platform::IO_ALT_SETTING,
+    platform::IO_USB_ADDRESS,
+    platform::IO_CYCLE_PORT,
+    platform::IO_RESET_PIPE,
+    platform::IO_RESET_PARENT_PORT,
+    platform::IO_SET_TRANSFER_SIZE,
+    platform::IO_DRIVER_NAME,
+    platform::IO_FRIENDLY_NAME,
+    platform::IO_ABORT_PIPE,
+    platform::IO_DEVICE_SPEED,
+    0x220FFF,
 };
 
 struct Device {

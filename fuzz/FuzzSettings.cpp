@@ -17,7 +17,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         return 0;
     static const std::string home = [] {
         // In memory where there is such a folder: a disk that has to be waited for is not what is tried.
-        std::string dir = ((fs::exists("/dev/shm") ? fs::path("/dev/shm") : fs::temp_directory_path()) / "kovfuzzXXXXXX").string();
+        std::string dir =
+            ((fs::exists("/dev/shm") ? fs::path("/dev/shm") : fs::temp_directory_path()) / "kovfuzzXXXXXX").string();
         if (mkdtemp(dir.data()) == nullptr)
             std::abort();
         setenv("XDG_CONFIG_HOME", dir.c_str(), 1);
@@ -26,7 +27,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     const fs::path folder = fs::path(home) / "kovcamera2";
     fs::remove_all(folder);
     fs::create_directories(folder);
-    std::ofstream(folder / "settings.db", std::ios::binary).write(reinterpret_cast<const char*>(data), static_cast<std::streamsize>(size));
+    std::ofstream(folder / "settings.db", std::ios::binary)
+        .write(reinterpret_cast<const char*>(data), static_cast<std::streamsize>(size));
     {
         const auto key = platform::OpenSettings(L"SOFTWARE\\KOVQuartzCol");
         uint8_t value[64];

@@ -10,13 +10,15 @@ void Registers::Put(uint16_t reg, uint16_t value, When when)
     Cell& cell = m_Cells[reg];
     cell.written = value;
     cell.bHeld = when == When::OnRelease;
-    if (when == When::Now) cell.live = value;
+    if (when == When::Now)
+        cell.live = value;
 }
 
 void Registers::Release()
 {
     for (auto& [reg, cell] : m_Cells) {
-        if (cell.bHeld) cell.live = cell.written;
+        if (cell.bHeld)
+            cell.live = cell.written;
         cell.bHeld = false;
     }
 }
@@ -43,7 +45,8 @@ uint16_t Registers::operator[](uint16_t reg) const
 uint32_t Registers::Bytes(uint16_t reg, int count) const
 {
     uint32_t value = 0;
-    for (int i = count - 1; i >= 0; --i) value = value << 8 | ((*this)[static_cast<uint16_t>(reg + i)] & 0xFFu);
+    for (int i = count - 1; i >= 0; --i)
+        value = value << 8 | ((*this)[static_cast<uint16_t>(reg + i)] & 0xFFu);
     return value;
 }
 
@@ -78,7 +81,8 @@ bool SensorProfile::Write(uint16_t reg, uint16_t value)
     // The hold register itself and the standby register in front of it (0x3000, 0x0200) act at once.
     const bool bAtOnce = reg == m_Wiring.iHold || reg == (m_Wiring.iHold & 0xFF00);
     m_Sensor.Put(reg, value, bHold && !bAtOnce ? When::OnRelease : When::Now);
-    if (reg == m_Wiring.iHold && value == 0) m_Sensor.Release();
+    if (reg == m_Wiring.iHold && value == 0)
+        m_Sensor.Release();
     Wrote(reg);
     return true;
 }
@@ -88,18 +92,21 @@ bool SensorProfile::WriteReg8(uint16_t reg, uint8_t value) { return m_Wiring.bBy
 
 void SensorProfile::WriteFpga(uint16_t reg, uint16_t value)
 {
-    if (!m_Wiring.bFpga) return;
+    if (!m_Wiring.bFpga)
+        return;
     // Run state, hold and long-exposure gate are never held.
     const bool bHeld = m_Wiring.bFpgaHold && m_Fpga[1] == 1 && reg != 0 && reg != 1 && reg != 11;
     m_Fpga.Put(reg, value & 0xFF, bHeld ? Registers::When::OnRelease : Registers::When::Now);
-    if (m_Wiring.bFpgaHold && reg == 1 && m_Fpga[1] == 0) m_Fpga.Release();
+    if (m_Wiring.bFpgaHold && reg == 1 && m_Fpga[1] == 0)
+        m_Fpga.Release();
 }
 
 uint8_t SensorProfile::ReadFpga(uint16_t reg)
 {
-    if (!m_Wiring.bFpga) return 0;
+    if (!m_Wiring.bFpga)
+        return 0;
     switch (reg) {
-    case 29: return 2;      // version: major, then four digits
+    case 29: return 2;  // version: major, then four digits
     case 30: return 0x17;
     case 31: return 0x04;
     default: return static_cast<uint8_t>(m_Fpga.Written(reg));
@@ -127,12 +134,13 @@ Readout SensorProfile::Current() const
     Decode(r);
     if (m_Wiring.bClockGates) {
         r.bHeld = !m_bClock;
-        r.dAfterHoldUs = r.dExposureUs;   // the lines of the shutter count only while the clock runs
+        r.dAfterHoldUs = r.dExposureUs;  // the lines of the shutter count only while the clock runs
     }
     const int W = m_Facts.iWidth, H = m_Facts.iHeight;
     if (r.iX < 0 || r.iY < 0 || r.iW <= 0 || r.iH <= 0 || r.iX + r.iW > W || r.iY + r.iH > H)
         Fail(r, "the window reaches beyond the sensor");
-    if (r.iOutW <= 0 || r.iOutH <= 0 || r.iOutW > W || r.iOutH > H) Fail(r, "the size sent is not one of this sensor");
+    if (r.iOutW <= 0 || r.iOutH <= 0 || r.iOutW > W || r.iOutH > H)
+        Fail(r, "the size sent is not one of this sensor");
     if (!r.bValid) {
         // The numbers of a contradiction may be anything; whoever makes the noise still needs usable ones.
         r.iX = std::clamp(r.iX, 0, W - 1);
@@ -148,24 +156,28 @@ Readout SensorProfile::Current() const
 
 void SensorProfile::Fail(Readout& r, const char* szWhy)
 {
-    if (r.bValid) r.sWhy = szWhy;
+    if (r.bValid)
+        r.sWhy = szWhy;
     r.bValid = false;
 }
 
 void SensorProfile::Set(std::initializer_list<std::pair<uint16_t, uint16_t>> values)
 {
-    for (const auto& [reg, value] : values) m_Sensor.Put(reg, value);
+    for (const auto& [reg, value] : values)
+        m_Sensor.Put(reg, value);
 }
 
 void SensorProfile::SetReset(std::span<const Need> needs)
 {
-    for (const Need& need : needs) m_Sensor.Put(need.reg, need.reset);
+    for (const Need& need : needs)
+        m_Sensor.Put(need.reg, need.reset);
 }
 
 void SensorProfile::Check(Readout& r, std::span<const Need> needs) const
 {
     for (const Need& need : needs)
-        if (m_Sensor[need.reg] != need.value) Fail(r, need.szWhy);
+        if (m_Sensor[need.reg] != need.value)
+            Fail(r, need.szWhy);
 }
 
 void SensorProfile::FpgaSize(Readout& r) const
@@ -178,7 +190,8 @@ void SensorProfile::FpgaGains(Readout& r, uint16_t regR, uint16_t regB) const
 {
     double green = 0;
     for (uint16_t reg = 12; reg <= 15; ++reg)
-        if (reg != regR && reg != regB) green += m_Fpga[reg] / 256.0;
+        if (reg != regR && reg != regB)
+            green += m_Fpga[reg] / 256.0;
     r.dGain *= green;
     if (green > 0) {
         r.dGainR = m_Fpga[regR] / 128.0 / green;
@@ -192,8 +205,10 @@ void SensorProfile::Timing(Readout& r, double dKHz, uint32_t line, uint32_t fram
     const double lineUs = line * 1000.0 / dKHz;
     r.dFrameUs = lineUs * frame;
     r.dReadoutUs = std::min(r.dFrameUs, lineUs * r.iH);
-    if (frame <= shutter + lead) Fail(r, "the shutter opens after the end of the frame");
-    else r.dExposureUs = lineUs * (frame - shutter - lead) + t0;
+    if (frame <= shutter + lead)
+        Fail(r, "the shutter opens after the end of the frame");
+    else
+        r.dExposureUs = lineUs * (frame - shutter - lead) + t0;
 }
 
 }  // namespace kovsim

@@ -16,30 +16,36 @@ public:
 
     void Clear() { m_Cells.clear(); }
     void Put(uint16_t reg, uint16_t value, When when = When::Now);
-    void Release();                 // held values come into force, all at once
-    void Lose(uint16_t reg);        // the value in force falls back to 0; what was written still reads back
+    void Release();           // held values come into force, all at once
+    void Lose(uint16_t reg);  // the value in force falls back to 0; what was written still reads back
     uint16_t Written(uint16_t reg) const;
-    uint16_t operator[](uint16_t reg) const;          // in force
-    uint32_t Bytes(uint16_t reg, int count) const;    // consecutive byte registers in force, low byte first
+    uint16_t operator[](uint16_t reg) const;        // in force
+    uint32_t Bytes(uint16_t reg, int count) const;  // consecutive byte registers in force, low byte first
 
 private:
-    struct Cell { uint16_t written = 0, live = 0; bool bHeld = false; };
+    struct Cell {
+        uint16_t written = 0, live = 0;
+        bool bHeld = false;
+    };
     std::map<uint16_t, Cell> m_Cells;
 };
 
 // A register that bring-up has to set; with another value the sensor gives no usable picture. The reset value differs, so
 // that a missing write shows.
-struct Need { uint16_t reg, value, reset; const char* szWhy; };
+struct Need {
+    uint16_t reg, value, reset;
+    const char* szWhy;
+};
 
 // How the sensor of a family hangs on the bridge.
 struct Wiring {
     bool bBytes = false, bWords = false;  // access forms that the sensor answers; the others stall
     int iHold = -1;                       // hold register of the sensor: 1 holds, 0 releases
     bool bFpga = false;
-    bool bFpgaHold = false;               // FPGA register 1 is the hold
+    bool bFpgaHold = false;    // FPGA register 1 is the hold
     bool bClockGates = false;  // the sensor lives on the bridge's clock: stopped, it holds its read-out and takes no writes
-    bool bClockRuns = true;               // at power on
-    int iMHz = 24;                        // bridge clock at power on
+    bool bClockRuns = true;    // at power on
+    int iMHz = 24;             // bridge clock at power on
 };
 
 class SensorProfile : public Profile {
@@ -57,11 +63,11 @@ public:
     Readout Current() const override;
 
 protected:
-    virtual void Reset() {}                       // puts reset values that are not 0
-    virtual void Wrote(uint16_t /*reg*/) {}       // after a write to the sensor
-    virtual void Decode(Readout& r) const = 0;    // fills r; contradictions go to Fail
+    virtual void Reset() {}                     // puts reset values that are not 0
+    virtual void Wrote(uint16_t /*reg*/) {}     // after a write to the sensor
+    virtual void Decode(Readout& r) const = 0;  // fills r; contradictions go to Fail
 
-    static void Fail(Readout& r, const char* szWhy);   // the first reason stays
+    static void Fail(Readout& r, const char* szWhy);  // the first reason stays
     void Set(std::initializer_list<std::pair<uint16_t, uint16_t>> values);
     void SetReset(std::span<const Need> needs);
     void Check(Readout& r, std::span<const Need> needs) const;
@@ -69,7 +75,7 @@ protected:
     // FPGA. Register 0: bit 0 frames enabled, bit 4 stopped, bit 5 out of reset, bit 1 binning sensor, bits 6 and 7 long
     // exposure, which change nothing here: the gate in register 11 does the holding.
     bool FpgaRuns() const { return (m_Fpga[0] & 0x31) == 0x21; }
-    void FpgaSize(Readout& r) const;              // registers 4, 5 and 8, 9: what is sent
+    void FpgaSize(Readout& r) const;                                 // registers 4, 5 and 8, 9: what is sent
     void FpgaGains(Readout& r, uint16_t regR, uint16_t regB) const;  // registers 12 to 15, the other two are green
     uint32_t FpgaLine() const { return m_Fpga.Bytes(19, 2); }
     uint32_t FpgaFrame() const { return m_Fpga.Bytes(16, 3); }
@@ -78,10 +84,10 @@ protected:
 
     Registers m_Sensor, m_Fpga;
     const uint8_t m_bFirmware;
-    bool m_bUsb = false;           // requests 169, 170
-    bool m_bClock = true;          // requests 174, 175
-    bool m_b16 = false;            // requests 171, 172
-    int m_iMHz = 24;               // requests 163, 164
+    bool m_bUsb = false;   // requests 169, 170
+    bool m_bClock = true;  // requests 174, 175
+    bool m_b16 = false;    // requests 171, 172
+    int m_iMHz = 24;       // requests 163, 164
     uint32_t m_uTransferUnits = 0;
 
 private:
@@ -91,13 +97,13 @@ private:
 
 double FromDb(double dB);
 
-std::unique_ptr<Profile> MakeSony(const ModelFacts& facts, uint8_t bFirmware);      // Quartz Onyx Pyrite Nephrite Jasper Marble Lapis
+std::unique_ptr<Profile> MakeSony(const ModelFacts& facts, uint8_t bFirmware);  // Quartz Onyx Pyrite Nephrite Jasper Marble Lapis
 std::unique_ptr<Profile> MakeEbonyGroup(const ModelFacts& facts, uint8_t bFirmware);  // Ebony Flint Halite
 std::unique_ptr<Profile> MakeKyanite(const ModelFacts& facts, uint8_t bFirmware);
 std::unique_ptr<Profile> MakeBeryl(const ModelFacts& facts, uint8_t bFirmware);
 std::unique_ptr<Profile> MakeGarnet(const ModelFacts& facts, uint8_t bFirmware);
 std::unique_ptr<Profile> MakeCobalt(const ModelFacts& facts, uint8_t bFirmware);
-std::unique_ptr<Profile> MakeDunite(const ModelFacts& facts, uint8_t bFirmware);    // and Agate
+std::unique_ptr<Profile> MakeDunite(const ModelFacts& facts, uint8_t bFirmware);  // and Agate
 std::unique_ptr<Profile> MakeIolite(const ModelFacts& facts, uint8_t bFirmware);
 
 }  // namespace kovsim

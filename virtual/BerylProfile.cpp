@@ -10,10 +10,10 @@ enum Reg : uint16_t {
     REG_BLACK = 0x0080,
     REG_EXPOSURE = 0x00C9,  // units of 1000 / 72 us
     REG_ANALOG = 0x00CC,
-    REG_DIGITAL = 0x00CD,   // 128 is unity
-    REG_ROI_X = 0x0100,     // bits 0 to 6 first column / 8, from bit 7 on end / 4 with 16 columns beyond the picture
+    REG_DIGITAL = 0x00CD,  // 128 is unity
+    REG_ROI_X = 0x0100,    // bits 0 to 6 first column / 8, from bit 7 on end / 4 with 16 columns beyond the picture
     REG_ROI_Y0 = 0x0101,
-    REG_ROI_Y1 = 0x0102,    // end; in the high byte when binned, where only its low 8 bits fit
+    REG_ROI_Y1 = 0x0102,  // end; in the high byte when binned, where only its low 8 bits fit
 };
 
 constexpr double LINE_US = 1100 / 72.0;
@@ -36,7 +36,8 @@ private:
         r.bStreaming = m_bUsb && (m_Fpga[0] & 0x11) == 0x01;
         FpgaSize(r);
         const int skipX = static_cast<int>(m_Fpga.Bytes(2, 2)), skipY = static_cast<int>(m_Fpga.Bytes(6, 2));
-        if (skipY != 0 && skipY != 5) Fail(r, "the vertical constant belongs to another mode");
+        if (skipY != 0 && skipY != 5)
+            Fail(r, "the vertical constant belongs to another mode");
         r.iBin = skipY == 5 ? 2 : 1;
         r.iX = (s[REG_ROI_X] & 0x7F) * 8;
         r.iW = (s[REG_ROI_X] >> 7) * 4 - 16 - r.iX;
@@ -45,11 +46,14 @@ private:
         // FPGA takes the rows that it was told.
         const int end = r.iBin == 2 && (s[REG_ROI_Y1] & 0xFF) == 0 ? m_Facts.iHeight : s[REG_ROI_Y1];
         r.iH = r.iOutH * r.iBin;
-        if (r.iW != r.iOutW * r.iBin) Fail(r, "sensor and FPGA are told different widths");
-        if (r.iBin == 1 ? end - r.iY != r.iH : end - r.iY < r.iH) Fail(r, "sensor and FPGA are told different heights");
+        if (r.iW != r.iOutW * r.iBin)
+            Fail(r, "sensor and FPGA are told different widths");
+        if (r.iBin == 1 ? end - r.iY != r.iH : end - r.iY < r.iH)
+            Fail(r, "sensor and FPGA are told different heights");
         r.iX += (skipX - (r.iBin == 2 ? 2 : 0)) * r.iBin;
 
-        if (m_Fpga[10] != 0 && m_Fpga[10] != 1 && m_Fpga[10] != 17) Fail(r, "unknown output format");
+        if (m_Fpga[10] != 0 && m_Fpga[10] != 1 && m_Fpga[10] != 17)
+            Fail(r, "unknown output format");
         r.samples = m_Fpga[10] == 17 ? Samples::Bits16 : Samples::Bits8;
 
         r.dExposureUs = s[REG_EXPOSURE] * 1000.0 / 72;

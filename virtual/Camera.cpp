@@ -19,10 +19,12 @@ constexpr double GUIDE_ARCSEC_PER_US = 7.5e-6;
 
 std::string SerialOf(const CameraSettings& s)
 {
-    if (!s.sSerial.empty()) return s.sSerial;
+    if (!s.sSerial.empty())
+        return s.sSerial;
     static constexpr char HEX[] = "0123456789ABCDEF";
     std::string out;
-    for (uint64_t x = Mix(s.uSeed ^ s.wProductId); out.size() < 8; x >>= 4) out += HEX[x & 15];
+    for (uint64_t x = Mix(s.uSeed ^ s.wProductId); out.size() < 8; x >>= 4)
+        out += HEX[x & 15];
     return out;
 }
 
@@ -33,7 +35,8 @@ void FrameInFlight::Copy(uint8_t* to, uint32_t from, uint32_t length) const
     std::memcpy(to, pixels->data() + from, length);
     const auto overlay = [&](const uint8_t* mark, uint32_t at, uint32_t size) {
         const uint32_t lo = std::max(at, from), hi = std::min(at + size, from + length);
-        if (lo < hi) std::memcpy(to + (lo - from), mark + (lo - at), hi - lo);
+        if (lo < hi)
+            std::memcpy(to + (lo - from), mark + (lo - at), hi - lo);
     };
     overlay(head, 0, uHead);
     overlay(tail, uFull - uTail, uTail);
@@ -49,11 +52,13 @@ std::shared_ptr<std::vector<uint8_t>> FramePool::Take()
             m_Free.pop_back();
         }
     }
-    if (!v) v = std::make_unique<std::vector<uint8_t>>();
+    if (!v)
+        v = std::make_unique<std::vector<uint8_t>>();
     return { v.release(), [pool = shared_from_this()](std::vector<uint8_t>* p) {
                 std::unique_ptr<std::vector<uint8_t>> back(p);
                 std::lock_guard lock(pool->m_Mutex);
-                if (pool->m_Free.size() < KEPT) pool->m_Free.push_back(std::move(back));
+                if (pool->m_Free.size() < KEPT)
+                    pool->m_Free.push_back(std::move(back));
             } };
 }
 
@@ -61,24 +66,18 @@ std::unique_ptr<Profile> Camera::NewProfile(uint8_t bFirmware) const
 {
     auto p = m_Settings.profile ? m_Settings.profile(bFirmware, m_Settings.bUSB3Host)
                                 : MakeProfile(m_Settings.wProductId, bFirmware, m_Settings.bUSB3Host);
-    if (!p) throw std::invalid_argument("no virtual camera has this product ID");
+    if (!p)
+        throw std::invalid_argument("no virtual camera has this product ID");
     return p;
 }
 
 Camera::Camera(const CameraSettings& settings, uint16_t wVendorId, const Clock& clock, BusHooks& bus, uint8_t bBus,
                std::string sPort)
-    : m_Settings(settings),
-      m_wVendorId(wVendorId),
-      m_Clock(clock),
-      m_Bus(bus),
-      m_bBus(bBus),
-      m_sPort(std::move(sPort)),
+    : m_Settings(settings), m_wVendorId(wVendorId), m_Clock(clock), m_Bus(bus), m_bBus(bBus), m_sPort(std::move(sPort)),
       m_Facts(NewProfile(uint8_t(settings.iFirmware < 0 ? 20 : settings.iFirmware))->Facts()),
       m_Imager(m_Facts, settings.uSeed, settings.dNoise, settings.iHotPixels),
-      m_Scene(settings.scene ? settings.scene : Scene::Sky()),
-      m_Thermal(settings.dAmbient, m_Facts.bCooled),
-      m_Flash(m_Facts.bUSB3 ? settings.sFlashFile : ""),
-      m_Eeprom(0x10000, 0xFF)
+      m_Scene(settings.scene ? settings.scene : Scene::Sky()), m_Thermal(settings.dAmbient, m_Facts.bCooled),
+      m_Flash(m_Facts.bUSB3 ? settings.sFlashFile : ""), m_Eeprom(0x10000, 0xFF)
 {
     Boot();
     PlugIn();
@@ -102,7 +101,8 @@ void Camera::Boot()
     m_Memory = {};  // what was loaded into the processor is lost
     m_bFirmware = m_Settings.iFirmware < 0 ? m_Facts.bFirmware : uint8_t(m_Settings.iFirmware);
     if (m_Facts.bUSB3) {
-        if (m_Settings.bBootLoader && !m_bLoaded) m_Memory.SetState(Cpu::BootLoader);
+        if (m_Settings.bBootLoader && !m_bLoaded)
+            m_Memory.SetState(Cpu::BootLoader);
     } else if (m_bEepromWritten) {
         if (IsC2Image(m_Eeprom)) {
             m_bFirmware = VersionIn(m_Eeprom).value_or(m_Facts.bFirmware);
@@ -146,15 +146,20 @@ void Camera::Changed()
 {
     const bool held = m_Now.bHeld, on = m_Now.bStreaming;
     m_Now = Running() ? m_Profile->Current() : Readout{};
-    if (m_Now.bHeld != held) (m_Now.bHeld ? m_dHeldAt : m_dReleasedAt) = m_Clock.Now();
-    if (on && !m_Now.bStreaming) ++m_uStops;
-    if (on != m_Now.bStreaming) m_dStreamAt = m_Now.bStreaming ? m_Clock.Now() : -1;
-    if (m_Now.bHeld != held || m_Now.bStreaming != on) m_Wake.notify_all();
+    if (m_Now.bHeld != held)
+        (m_Now.bHeld ? m_dHeldAt : m_dReleasedAt) = m_Clock.Now();
+    if (on && !m_Now.bStreaming)
+        ++m_uStops;
+    if (on != m_Now.bStreaming)
+        m_dStreamAt = m_Now.bStreaming ? m_Clock.Now() : -1;
+    if (m_Now.bHeld != held || m_Now.bStreaming != on)
+        m_Wake.notify_all();
 }
 
 void Camera::Used()
 {
-    if (m_bUsed) return;
+    if (m_bUsed)
+        return;
     m_bUsed = true;
     m_Wake.notify_all();
 }
@@ -162,7 +167,8 @@ void Camera::Used()
 void Camera::Unplug()
 {
     Lock lock(m_Mutex);
-    if (m_bPresent) Drop(-1);
+    if (m_bPresent)
+        Drop(-1);
     m_dReturnAt = -1;
     m_bLoaded = false;  // without power the bridge forgets what the boot loader was given
 }
@@ -170,7 +176,8 @@ void Camera::Unplug()
 void Camera::Replug()
 {
     Lock lock(m_Mutex);
-    if (m_bPresent) return;
+    if (m_bPresent)
+        return;
     Boot();
     PlugIn();
 }
@@ -184,7 +191,8 @@ void Camera::PowerCycle()
 void Camera::PowerCycle(uint64_t uPlug)
 {
     Lock lock(m_Mutex);
-    if (!m_bPresent || uPlug != m_uPlug) return;
+    if (!m_bPresent || uPlug != m_uPlug)
+        return;
     Drop(-1);
     m_bLoaded = false;
     Boot();
@@ -194,7 +202,8 @@ void Camera::PowerCycle(uint64_t uPlug)
 bool Camera::Info(usbstack::DeviceInfo* pInfo, uint64_t* puPlug, Status* pOpen) const
 {
     Lock lock(m_Mutex);
-    if (!m_bPresent) return false;
+    if (!m_bPresent)
+        return false;
     pInfo->wVendorId = m_wVendorId;
     pInfo->wProductId = m_Facts.wProductId;
     pInfo->bBus = m_bBus;
@@ -228,7 +237,8 @@ uint8_t Camera::GetAddress() const
 Status Camera::Claim(uint64_t uPlug) const
 {
     Lock lock(m_Mutex);
-    if (!m_bPresent || uPlug != m_uPlug) return Status::Gone;
+    if (!m_bPresent || uPlug != m_uPlug)
+        return Status::Gone;
     return m_OpenStatus == Status::Busy ? Status::Busy : Status::Ok;
 }
 
@@ -236,8 +246,8 @@ int Camera::GetAltSetting(uint64_t uPlug) const { return IsCurrent(uPlug) ? 0 : 
 
 DescriptorFacts Camera::Descriptors() const
 {
-    return { m_wVendorId, m_Facts.wProductId, m_bFirmware, m_Facts.bUSB3, m_Settings.bUSB3Host, "S" + m_Facts.sToken,
-             SerialOf(m_Settings) };
+    return { m_wVendorId,          m_Facts.wProductId,   m_bFirmware,         m_Facts.bUSB3,
+             m_Settings.bUSB3Host, "S" + m_Facts.sToken, SerialOf(m_Settings) };
 }
 
 // --- image pipe ---
@@ -248,10 +258,13 @@ Status Camera::Submit(uint64_t uPlug, const void* pOwner, usbstack::BulkRequest*
         return Status::Failed;
     {
         Lock lock(m_Mutex);
-        if (!m_bPresent || uPlug != m_uPlug) return Status::Gone;
-        if (m_OpenStatus == Status::Busy) return Status::Busy;
+        if (!m_bPresent || uPlug != m_uPlug)
+            return Status::Gone;
+        if (m_OpenStatus == Status::Busy)
+            return Status::Busy;
         m_Pending.push_back({ request, pOwner, uPlug, uPacket });
-        if (m_Frames.empty() && !m_bHalted) return Status::Ok;
+        if (m_Frames.empty() && !m_bHalted)
+            return Status::Ok;
     }
     m_Bus.Pump();
     return Status::Ok;
@@ -268,14 +281,16 @@ void Camera::Cancel(const void* pOwner, const usbstack::BulkRequest* pOnly)
             ((!pOwner || p.pOwner == pOwner) && (!pOnly || p.request == pOnly) ? out : keep).push_back(p);
         m_Pending.swap(keep);
     }
-    for (const Pending& p : out) p.request->OnComplete(p.request, Status::Cancelled, 0);
+    for (const Pending& p : out)
+        p.request->OnComplete(p.request, Status::Cancelled, 0);
 }
 
 Status Camera::ResetPipe(uint64_t uPlug, const void* pOwner)
 {
     Cancel(pOwner);
     Lock lock(m_Mutex);
-    if (!m_bPresent || uPlug != m_uPlug) return Status::Gone;
+    if (!m_bPresent || uPlug != m_uPlug)
+        return Status::Gone;
     m_bHalted = false;
     Flush();
     return Status::Ok;
@@ -283,7 +298,8 @@ Status Camera::ResetPipe(uint64_t uPlug, const void* pOwner)
 
 Status Camera::ResetPort(uint64_t uPlug)
 {
-    if (!IsCurrent(uPlug)) return Status::Gone;
+    if (!IsCurrent(uPlug))
+        return Status::Gone;
     Cancel(nullptr);
     // A bus reset leaves sensor and firmware running; only what the bridge held for the host is gone.
     Lock lock(m_Mutex);
@@ -295,7 +311,8 @@ Status Camera::ResetPort(uint64_t uPlug)
 Status Camera::CyclePort(uint64_t uPlug)
 {
     Lock lock(m_Mutex);
-    if (!m_bPresent || uPlug != m_uPlug) return Status::Gone;
+    if (!m_bPresent || uPlug != m_uPlug)
+        return Status::Gone;
     Drop(m_Clock.Now() + ENUMERATION_US);
     return Status::Ok;
 }
@@ -304,7 +321,8 @@ Status Camera::CyclePort(uint64_t uPlug)
 void Camera::Flush()
 {
     for (const FrameInFlight& f : m_Frames)
-        if (f.bGood && !f.bStall) ++m_Counters.uAborted;
+        if (f.bGood && !f.bStall)
+            ++m_Counters.uAborted;
     m_Frames.clear();
 }
 
@@ -318,7 +336,8 @@ void Camera::Complete()
         uint32_t from = 0, n = 0;
         {
             Lock lock(m_Mutex);
-            if (m_Pending.empty()) return;
+            if (m_Pending.empty())
+                return;
             p = m_Pending.front();
             if (!m_bPresent || p.uPlug != m_uPlug) {
                 status = Status::Gone;
@@ -343,7 +362,8 @@ void Camera::Complete()
                         const uint32_t part = n % p.uPacket;
                         n -= part;
                         f.uSent += std::min(p.uPacket - part, left - n - part);
-                        if (f.bGood) ++m_Counters.uSpoiled;
+                        if (f.bGood)
+                            ++m_Counters.uSpoiled;
                         f.bGood = false;
                     }
                     frame = f;
@@ -355,17 +375,20 @@ void Camera::Complete()
             }
             m_Pending.pop_front();
         }
-        if (n) frame.Copy(p.request->pData, from, n);
+        if (n)
+            frame.Copy(p.request->pData, from, n);
         p.request->OnComplete(p.request, status, n);
     }
 }
 
 void Camera::EndFrame(const FrameInFlight& frame)
 {
-    if (!frame.bGood) return;
+    if (!frame.bGood)
+        return;
     ++m_Counters.uGood;
     for (Fault& f : m_Faults)
-        if (f.kind >= FaultKind::SlowControl && f.uAfterFrames) --f.uAfterFrames;
+        if (f.kind >= FaultKind::SlowControl && f.uAfterFrames)
+            --f.uAfterFrames;
     CheckVanish();
 }
 
@@ -374,9 +397,12 @@ void Camera::EndFrame(const FrameInFlight& frame)
 bool Camera::TakeFault(FaultKind kind, const std::function<bool(uint32_t)>& fits, uint32_t* puArg)
 {
     for (auto it = m_Faults.begin(); it != m_Faults.end(); ++it) {
-        if (it->kind != kind || it->uAfterFrames || (fits && !fits(it->uArg))) continue;
-        if (puArg) *puArg = it->uArg;
-        if (--it->uTimes == 0) m_Faults.erase(it);
+        if (it->kind != kind || it->uAfterFrames || (fits && !fits(it->uArg)))
+            continue;
+        if (puArg)
+            *puArg = it->uArg;
+        if (--it->uTimes == 0)
+            m_Faults.erase(it);
         return true;
     }
     return false;
@@ -392,7 +418,8 @@ void Camera::CheckVanish()
 void Camera::Inject(const Fault& fault)
 {
     Lock lock(m_Mutex);
-    if (fault.uTimes) m_Faults.push_back(fault);
+    if (fault.uTimes)
+        m_Faults.push_back(fault);
     CheckVanish();
 }
 
@@ -418,7 +445,8 @@ void Camera::ClearRequests()
 
 void Camera::Log(const Setup& s, const std::vector<uint8_t>& data)
 {
-    if (m_Requests.size() == MAX_LOGGED) m_Requests.pop_front();
+    if (m_Requests.size() == MAX_LOGGED)
+        m_Requests.pop_front();
     m_Requests.push_back({ s.bIn, s.bRequest, s.wValue, s.wIndex, s.wLength, data, uint64_t(m_Clock.Now()) });
 }
 

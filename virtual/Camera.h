@@ -39,8 +39,8 @@ private:
 class BusHooks {
 public:
     virtual ~BusHooks() = default;
-    virtual void Pump() = 0;             // have the event thread look at the cameras' requests
-    virtual uint8_t NextAddress() = 0;   // of a device that enumerates now
+    virtual void Pump() = 0;            // have the event thread look at the cameras' requests
+    virtual uint8_t NextAddress() = 0;  // of a device that enumerates now
 };
 
 // A frame on its way to the host.
@@ -52,7 +52,7 @@ struct FrameInFlight {
     uint32_t uSize = 0;             // what is sent
     uint32_t uSent = 0;
     bool bGood = true;
-    bool bStall = false;            // no frame: the endpoint halts here
+    bool bStall = false;  // no frame: the endpoint halts here
     // Bytes from uSent on, marks included.
     void Copy(uint8_t* to, uint32_t from, uint32_t length) const;
 };
@@ -117,10 +117,10 @@ public:
     // The same without waiting for the answer, which the firmware has after dDelayUs of device time. data: what the host
     // sends.
     struct Answer {
-        usbstack::Status status;      // Ok, Stall or Gone
+        usbstack::Status status;  // Ok, Stall or Gone
         std::vector<uint8_t> data;
         double dDelayUs;
-        uint64_t uAborts;             // how many had been given up before
+        uint64_t uAborts;  // how many had been given up before
     };
     Answer Ask(uint64_t uPlug, uint8_t bRequestType, uint8_t bRequest, uint16_t wValue, uint16_t wIndex, uint16_t wLength,
                std::vector<uint8_t> data);
@@ -208,9 +208,9 @@ private:
     std::unique_ptr<Profile> m_Profile;
     std::shared_ptr<const Scene> m_Scene, m_Prepared;
     bool m_bQuit = false, m_bPresent = false, m_bHalted = false;
-    bool m_bUsed = false;              // some host has written a register: frames are likely to be wanted
-    bool m_bLoaded = false;            // the boot loader was given a firmware
-    double m_dReturnAt = -1;           // device time at which a vanished camera comes back; -1: never
+    bool m_bUsed = false;     // some host has written a register: frames are likely to be wanted
+    bool m_bLoaded = false;   // the boot loader was given a firmware
+    double m_dReturnAt = -1;  // device time at which a vanished camera comes back; -1: never
     uint64_t m_uPlug = 0;
     uint8_t m_bAddress = 0, m_bConfiguration = 1;
     uint8_t m_bFirmware = 0;
@@ -219,18 +219,18 @@ private:
     std::vector<Fault> m_Faults;
     FrameCounters m_Counters;
     std::string m_sContradiction;
-    bool m_bNoise = false;             // the latest frame was
+    bool m_bNoise = false;  // the latest frame was
     // Of the frames since the sensor last stood still.
     uint64_t m_uRunFrames = 0;
-    double m_dRunLostUs = 0;           // device time by which frames came too late to be made up for
+    double m_dRunLostUs = 0;  // device time by which frames came too late to be made up for
     double m_dSlowRate = 0, m_dAskedRate = 0;
     enum class Slow : uint8_t { No, Seen, Told } m_Slow = Slow::No;
 
-    Readout m_Now;                     // the profile's, after the last change
+    Readout m_Now;  // the profile's, after the last change
     double m_dHeldAt = 0, m_dReleasedAt = 0;
-    double m_dStreamAt = -1;           // when streaming began, until its first exposure does
-    uint64_t m_uStops = 0;             // how often streaming ended
-    double m_dReplyUs = 0;             // how long the answer of the request in work takes
+    double m_dStreamAt = -1;  // when streaming began, until its first exposure does
+    uint64_t m_uStops = 0;    // how often streaming ended
+    double m_dReplyUs = 0;    // how long the answer of the request in work takes
     uint32_t m_uTransferCount = 0;
     std::deque<FrameInFlight> m_Frames;
     std::deque<Pending> m_Pending;
@@ -241,10 +241,10 @@ private:
     mutable Thermal m_Thermal;
     bool m_Pins[4] = {};
     double m_dGuideX = 0, m_dGuideY = 0, m_dGuideAt = 0;
-    SpiFlash m_Flash;                  // of the USB 3 bridge
-    std::vector<uint8_t> m_Eeprom;     // of the USB 2 bridge
+    SpiFlash m_Flash;               // of the USB 3 bridge
+    std::vector<uint8_t> m_Eeprom;  // of the USB 2 bridge
     bool m_bEepromWritten = false;
-    std::map<uint32_t, uint8_t> m_I2c; // of the USB 3 bridge: device << 16 | address
+    std::map<uint32_t, uint8_t> m_I2c;  // of the USB 3 bridge: device << 16 | address
     BridgeMemory m_Memory;
 
     std::thread m_Thread;

@@ -14,12 +14,12 @@ constexpr const char* szAnalog = "the analog stages are not set up";
 
 // 0x000D bit 5 reads the columns backwards: these boards carry the sensor mirrored.
 constexpr Need g_DuniteNeeds[] = {
-    { 0x00AF, 0, 3, szAuto }, { 0x009A, 752, 0, szTiles }, { 0x00A0, 480, 0, szTiles }, { 0x002C, 0, 4, szAnalog },
-    { 0x000D, 800, 0x300, szFlip },
+    { 0x00AF, 0, 3, szAuto },   { 0x009A, 752, 0, szTiles },    { 0x00A0, 480, 0, szTiles },
+    { 0x002C, 0, 4, szAnalog }, { 0x000D, 800, 0x300, szFlip },
 };
 constexpr Need g_AgateNeeds[] = { { 0x0070, 0, 20, szAnalog } };
 constexpr Need g_IoliteNeeds[] = {
-    { 0x0029, 0, 0x61, szAnalog }, { 0x003F, 3, 0, szAnalog },   { 0x0040, 6, 0, szAnalog },
+    { 0x0029, 0, 0x61, szAnalog }, { 0x003F, 3, 0, szAnalog },  { 0x0040, 6, 0, szAnalog },
     { 0x004A, 96, 0, szAnalog },   { 0x004E, 12, 0, szAnalog },
 };
 
@@ -38,10 +38,18 @@ private:
     void Reset() override
     {
         SetReset(g_DuniteNeeds);
-        if (m_bAgate) SetReset(g_AgateNeeds);
+        if (m_bAgate)
+            SetReset(g_AgateNeeds);
         const auto w = static_cast<uint16_t>(m_Facts.iWidth);
-        Set({ { 0x0001, 1 }, { 0x0002, 4 }, { 0x0003, 480 }, { 0x0004, w }, { 0x0005, 94 }, { 0x0006, 45 }, { 0x000B, 480 },
-              { 0x0035, 16 }, { 0x0080, 0x4F4 } });
+        Set({ { 0x0001, 1 },
+              { 0x0002, 4 },
+              { 0x0003, 480 },
+              { 0x0004, w },
+              { 0x0005, 94 },
+              { 0x0006, 45 },
+              { 0x000B, 480 },
+              { 0x0035, 16 },
+              { 0x0080, 0x4F4 } });
     }
 
     void Decode(Readout& r) const override
@@ -49,15 +57,18 @@ private:
         const Registers& s = m_Sensor;
         r.bStreaming = m_bUsb;
         Check(r, g_DuniteNeeds);
-        if (m_bAgate) Check(r, g_AgateNeeds);
+        if (m_bAgate)
+            Check(r, g_AgateNeeds);
         r.iW = r.iOutW = s[0x0004];
         r.iH = r.iOutH = s[0x0003];
-        r.iX = m_Facts.iWidth + 1 - s[0x0001] - r.iW;     // counted from the right
+        r.iX = m_Facts.iWidth + 1 - s[0x0001] - r.iW;  // counted from the right
         r.iY = s[0x0002] - 4;
         r.samples = m_b16 ? Samples::Bits12Wire : Samples::Bits8;
         const int blank = s[0x0005], lines = s[0x000B];
-        if (blank < (m_bAgate ? 94 : 61) || blank + r.iW < 660) Fail(r, "the line is too short for the window");
-        if (lines == 0) Fail(r, "no exposure is set");
+        if (blank < (m_bAgate ? 94 : 61) || blank + r.iW < 660)
+            Fail(r, "the line is too short for the window");
+        if (lines == 0)
+            Fail(r, "no exposure is set");
         const double lineUs = 1.0 * (r.iW + blank) / m_iMHz;
         r.dFrameUs = std::max(r.iH + s[0x0006], lines + 1) * lineUs;
         r.dExposureUs = lines * lineUs + 4.0 / m_iMHz;
@@ -79,27 +90,35 @@ public:
 
     void Command(uint8_t request) override
     {
-        if (request == 172 && m_bFirmware < 2) return;    // unknown to those
+        if (request == 172 && m_bFirmware < 2)
+            return;  // unknown to those
         SensorProfile::Command(request);
     }
 
 private:
     static constexpr uint16_t CALIBRATE = 5272, MANUAL = 1177;
-    static constexpr uint16_t g_Offsets[] = { 0x0060, 0x0061, 0x0063, 0x0064 };   // sign in bit 8
+    static constexpr uint16_t g_Offsets[] = { 0x0060, 0x0061, 0x0063, 0x0064 };  // sign in bit 8
     static constexpr int NATURAL_BLACK = 8, BLACK_TARGET = 24;
 
     void Reset() override
     {
         SetReset(g_IoliteNeeds);
-        Set({ { 0x0001, 12 }, { 0x0002, 20 }, { 0x0003, 1023 }, { 0x0004, 1279 }, { 0x0009, 1049 }, { 0x001E, 0x8000 },
-              { 0x0035, 8 }, { 0x0062, MANUAL } });
+        Set({ { 0x0001, 12 },
+              { 0x0002, 20 },
+              { 0x0003, 1023 },
+              { 0x0004, 1279 },
+              { 0x0009, 1049 },
+              { 0x001E, 0x8000 },
+              { 0x0035, 8 },
+              { 0x0062, MANUAL } });
     }
 
     // The automatic calibration leaves its result in the offset registers.
     void Wrote(uint16_t reg) override
     {
         if (reg == 0x0062 && m_Sensor[reg] == CALIBRATE)
-            for (uint16_t offset : g_Offsets) m_Sensor.Put(offset, BLACK_TARGET - NATURAL_BLACK);
+            for (uint16_t offset : g_Offsets)
+                m_Sensor.Put(offset, BLACK_TARGET - NATURAL_BLACK);
     }
 
     // To 0x20 eighths; bit 6 doubles; from 0x61 on 9, 10 and so on; bits 8 up are a digital factor less one.
@@ -122,9 +141,11 @@ private:
         r.iW = r.iOutW = s[0x0004] + 1;
         r.iH = r.iOutH = s[0x0003] + 1;
         r.samples = m_b16 ? Samples::Bits12Wire : Samples::Bits8;
-        if (m_b16 && m_iMHz != 24) Fail(r, "two bytes a pixel are too many at 48 MHz");
+        if (m_b16 && m_iMHz != 24)
+            Fail(r, "two bytes a pixel are too many at 48 MHz");
         const int lines = s[0x0009];
-        if (lines == 0) Fail(r, "no exposure is set");
+        if (lines == 0)
+            Fail(r, "no exposure is set");
         const double line = r.iW + 244;
         r.dFrameUs = std::max(r.iH + 26, lines + 1) * line / m_iMHz;
         r.dExposureUs = (lines * line - 180) / m_iMHz;

@@ -29,7 +29,8 @@ const std::array<float, GAUSS_SIZE>& Gauss()
             sum2 += lo * lo;
         }
         std::array<float, GAUSS_SIZE> table;
-        for (size_t i = 0; i < table.size(); ++i) table[i] = float(q[i] / std::sqrt(sum2 / GAUSS_SIZE));
+        for (size_t i = 0; i < table.size(); ++i)
+            table[i] = float(q[i] / std::sqrt(sum2 / GAUSS_SIZE));
         return table;
     }();
     return s_Table;
@@ -62,7 +63,8 @@ void Store(Samples samples, int bits, const int* numbers, int count, uint8_t* ou
 {
     switch (samples) {
     case Samples::Bits8:
-        for (int i = 0; i < count; ++i) out[i] = uint8_t(numbers[i] >> (bits - 8));
+        for (int i = 0; i < count; ++i)
+            out[i] = uint8_t(numbers[i] >> (bits - 8));
         break;
     case Samples::Bits16:
         for (int i = 0; i < count; ++i) {
@@ -91,10 +93,12 @@ void AddNoise(float* e, int count, float gain2, float floor, uint64_t& rng)
     for (int at = 0; at < count; at += BLOCK) {
         for (int i = 0; i < BLOCK; i += DRAWS) {
             rng = rng * 6364136223846793005u + 1442695040888963407u;
-            for (int k = 0; k < DRAWS; ++k) drawn[i + k] = gauss[rng >> (64 - GAUSS_BITS * (k + 1)) & (GAUSS_SIZE - 1)];
+            for (int k = 0; k < DRAWS; ++k)
+                drawn[i + k] = gauss[rng >> (64 - GAUSS_BITS * (k + 1)) & (GAUSS_SIZE - 1)];
         }
         const int n = std::min(BLOCK, count - at);
-        for (int i = 0; i < n; ++i) e[at + i] += std::sqrt(e[at + i] * gain2 + floor) * drawn[i];
+        for (int i = 0; i < n; ++i)
+            e[at + i] += std::sqrt(e[at + i] * gain2 + floor) * drawn[i];
     }
 }
 
@@ -110,7 +114,8 @@ uint64_t Mix(uint64_t x)
 
 uint32_t FrameBytes(const Readout& r)
 {
-    if (r.iOutW <= 0 || r.iOutH <= 0) return 0;
+    if (r.iOutW <= 0 || r.iOutH <= 0)
+        return 0;
     return uint32_t(r.iOutW) * uint32_t(r.iOutH) * (r.samples == Samples::Bits8 ? 1u : 2u);
 }
 
@@ -124,14 +129,13 @@ Imager::Imager(const ModelFacts& facts, uint64_t seed, double noise, int hotPixe
         const uint64_t at = (s = Mix(s)) % uint64_t(pixels);
         const double u = double((s = Mix(s)) >> 11) / 9007199254740992.0;
         // From barely seen to saturated within seconds, as many in each octave.
-        m_Hot.push_back({ int(at % uint64_t(facts.iWidth)), int(at / uint64_t(facts.iWidth)),
-                          200 * std::pow(100.0, u) });
+        m_Hot.push_back({ int(at % uint64_t(facts.iWidth)), int(at / uint64_t(facts.iWidth)), 200 * std::pow(100.0, u) });
     }
     std::sort(m_Hot.begin(), m_Hot.end(),
               [](const HotPixel& a, const HotPixel& b) { return a.y != b.y ? a.y < b.y : a.x < b.x; });
-    m_Hot.erase(std::unique(m_Hot.begin(), m_Hot.end(),
-                            [](const HotPixel& a, const HotPixel& b) { return a.x == b.x && a.y == b.y; }),
-                m_Hot.end());
+    m_Hot.erase(
+        std::unique(m_Hot.begin(), m_Hot.end(), [](const HotPixel& a, const HotPixel& b) { return a.x == b.x && a.y == b.y; }),
+        m_Hot.end());
 }
 
 void Imager::RenderScene(const std::shared_ptr<const Scene>& scene, double shiftX, double shiftY)
@@ -171,15 +175,19 @@ void Imager::RenderScene(const std::shared_ptr<const Scene>& scene, double shift
 void Imager::FillRow(int y, int x0, int n, float t, float dark, float hot, float* e) const
 {
     std::fill_n(e, n, 0.0f);
-    if (y < 0 || y >= m_Facts.iHeight) return;
+    if (y < 0 || y >= m_Facts.iHeight)
+        return;
     const int from = std::max(x0, 0), to = std::min(x0 + n, m_Facts.iWidth);
     const float* light = &m_Light[size_t(y) * size_t(m_Facts.iWidth)];
-    for (int x = from; x < to; ++x) e[x - x0] = light[x] * t + dark;
+    for (int x = from; x < to; ++x)
+        e[x - x0] = light[x] * t + dark;
     auto it = std::lower_bound(m_Hot.begin(), m_Hot.end(), y, [](const HotPixel& p, int row) { return p.y < row; });
     for (; it != m_Hot.end() && it->y == y; ++it)
-        if (it->x >= from && it->x < to) e[it->x - x0] += float(it->dElectronsPerSecond) * hot;
+        if (it->x >= from && it->x < to)
+            e[it->x - x0] += float(it->dElectronsPerSecond) * hot;
     const float well = float(m_Facts.dFullWell);
-    for (int i = 0; i < n; ++i) e[i] = std::min(e[i], well);
+    for (int i = 0; i < n; ++i)
+        e[i] = std::min(e[i], well);
 }
 
 float Imager::ChannelGain(int x, int y, const Readout& r) const
@@ -188,8 +196,7 @@ float Imager::ChannelGain(int x, int y, const Readout& r) const
     return float(filter == 0 ? r.dGainR : filter == 2 ? r.dGainB : 1.0);
 }
 
-void Imager::Expose(const Readout& r, const Shot& shot, const std::shared_ptr<const Scene>& scene,
-                    std::vector<uint8_t>& out)
+void Imager::Expose(const Readout& r, const Shot& shot, const std::shared_ptr<const Scene>& scene, std::vector<uint8_t>& out)
 {
     out.resize(FrameBytes(r));
     uint64_t rng = Mix(m_uSeed ^ Mix(shot.uFrame));
@@ -218,7 +225,8 @@ void Imager::Expose(const Readout& r, const Shot& shot, const std::shared_ptr<co
     const int margin = MAX_SHIFT, span = cellsW * bin + 2 * bin + 2 * margin;
     std::vector<float> pixelsRow, cells(size_t(cellsW) + 1);  // an even number is converted
     std::vector<int> numbers(size_t(cellsW) + 1);
-    if (bin > 1) pixelsRow.resize(size_t(span));
+    if (bin > 1)
+        pixelsRow.resize(size_t(span));
 
     for (int cy = 0; cy < r.iOutH; ++cy) {
         uint8_t* row = out.data() + size_t(cy) * size_t(r.iOutW) * size_t(bytes);
@@ -239,11 +247,13 @@ void Imager::Expose(const Readout& r, const Shot& shot, const std::shared_ptr<co
                     FillRow(y0 + j * step, r.iX - margin, span, t, dark, warm, pixelsRow.data());
                     for (int cx = 0; cx < cellsW; ++cx) {
                         const float* e = &pixelsRow[size_t(margin + CellStart(cx, bin, colour, r.iShiftX))];
-                        for (int i = 0; i < bin; ++i) cells[size_t(cx)] += e[i * step];
+                        for (int i = 0; i < bin; ++i)
+                            cells[size_t(cx)] += e[i * step];
                     }
                 }
             }
-            if (noise2 > 0) AddNoise(cells.data(), cellsW, noise2, read2, rng);
+            if (noise2 > 0)
+                AddNoise(cells.data(), cellsW, noise2, read2, rng);
             for (int x = 0; x < cellsW; x += 2) {
                 numbers[size_t(x)] = int(std::clamp(black + cells[size_t(x)] * k[0], 0.0f, float(top)));
                 numbers[size_t(x) + 1] = int(std::clamp(black + cells[size_t(x) + 1] * k[1], 0.0f, float(top)));
@@ -251,7 +261,8 @@ void Imager::Expose(const Readout& r, const Shot& shot, const std::shared_ptr<co
             Store(r.samples, bits, numbers.data(), cellsW, row);
         }
         const int pad = int(std::clamp(float(r.dBlack), 0.0f, float(top)));
-        for (int x = filled; x < r.iOutW; ++x) Store(r.samples, bits, &pad, 1, row + x * bytes);
+        for (int x = filled; x < r.iOutW; ++x)
+            Store(r.samples, bits, &pad, 1, row + x * bytes);
     }
 }
 

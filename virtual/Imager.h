@@ -25,8 +25,8 @@
 
 namespace kovsim {
 
-constexpr double DARK_AT_20 = 0.2;  // electrons a second
-constexpr double DARK_DOUBLING = 6; // degrees
+constexpr double DARK_AT_20 = 0.2;   // electrons a second
+constexpr double DARK_DOUBLING = 6;  // degrees
 
 // Cheap and good enough to spread seeds (splitmix64).
 uint64_t Mix(uint64_t x);
@@ -60,8 +60,8 @@ private:
     ModelFacts m_Facts;
     uint64_t m_uSeed;
     double m_dNoise;
-    std::vector<HotPixel> m_Hot;       // by row, then column
-    std::vector<float> m_Light;        // electrons a second behind the filters
+    std::vector<HotPixel> m_Hot;           // by row, then column
+    std::vector<float> m_Light;            // electrons a second behind the filters
     std::shared_ptr<const Scene> m_Scene;  // what m_Light shows
     double m_dShiftX = 0, m_dShiftY = 0;
 };

@@ -30,7 +30,7 @@ extern "C" {
 
 /* text: the models, then options, as kovsim takes them (kovsim run --help): "QuartzCol;seed=7;noise=0". Cameras that an
  * earlier call attached go. 0, or -1 with the reason in error, which has room for size bytes and is always zero-ended. */
-KOVSIM_API int KOVSimAttach(const char *text, char *error, int size);
+KOVSIM_API int KOVSimAttach(const char* text, char* error, int size);
 
 /* Back to the cameras on USB. */
 KOVSIM_API void KOVSimDetach(void);

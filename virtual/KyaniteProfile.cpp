@@ -6,15 +6,17 @@ namespace kovsim {
 namespace {
 
 enum Reg : uint16_t {
-    REG_POWER = 0x0000,     // 0 asleep, 0x73 up, 0x173 up and sending
+    REG_POWER = 0x0000,  // 0 asleep, 0x73 up, 0x173 up and sending
     REG_INIT = 0x0001,
-    REG_WAKE = 0x0011,      // 0x3C40 asleep, 0x3C43 awake
-    REG_GAIN_A = 0x0052,    // 256 is unity, 0.09375 dB a step
+    REG_WAKE = 0x0011,    // 0x3C40 asleep, 0x3C43 awake
+    REG_GAIN_A = 0x0052,  // 256 is unity, 0.09375 dB a step
     REG_GAIN_B = 0x0054,
     REG_SHUTTER = 0x0057,
-    REG_WAKE_A = 0x005F, REG_WAKE_B = 0x0061,   // 13 and 0 once awake
+    REG_WAKE_A = 0x005F,
+    REG_WAKE_B = 0x0061,  // 13 and 0 once awake
     REG_BLACK = 0x01CC,
-    REG_TOP = 0x01DC, REG_END = 0x01DD,
+    REG_TOP = 0x01DC,
+    REG_END = 0x01DD,
 };
 
 class KyaniteProfile final : public SensorProfile {
@@ -42,14 +44,17 @@ private:
 
     void Reset() override
     {
-        for (uint16_t reg = 12; reg <= 15; ++reg) m_Fpga.Put(reg, 128);   // bring-up leaves them
+        for (uint16_t reg = 12; reg <= 15; ++reg)
+            m_Fpga.Put(reg, 128);  // bring-up leaves them
     }
 
     // What a host sets frame by frame does not survive the sleep.
     void Wrote(uint16_t) override
     {
-        if (!Asleep() || Gated()) return;
-        for (Reg reg : { REG_GAIN_A, REG_GAIN_B, REG_SHUTTER, REG_BLACK, REG_TOP, REG_END }) m_Sensor.Lose(reg);
+        if (!Asleep() || Gated())
+            return;
+        for (Reg reg : { REG_GAIN_A, REG_GAIN_B, REG_SHUTTER, REG_BLACK, REG_TOP, REG_END })
+            m_Sensor.Lose(reg);
     }
 
     void Decode(Readout& r) const override
@@ -58,7 +63,8 @@ private:
         const bool bAwake = s[REG_WAKE] == 0x3C43 && s[REG_POWER] == 0x173 && s[REG_WAKE_A] == 13 && s[REG_WAKE_B] == 0;
         r.bHeld = Gated();
         r.bStreaming = m_bUsb && FpgaRuns() && (bAwake || r.bHeld);
-        if (s[REG_INIT] == 0) Fail(r, "the sensor was never set up");
+        if (s[REG_INIT] == 0)
+            Fail(r, "the sensor was never set up");
 
         FpgaSize(r);
         r.iY = s[REG_TOP] - 32;
@@ -67,16 +73,21 @@ private:
         // and format have to agree with it.
         const int skip = static_cast<int>(m_Fpga.Bytes(6, 2));
         for (int bin : { 2, 3 })
-            if (r.iOutH > 0 && r.iH == bin * r.iOutH) r.iBin = bin;
+            if (r.iOutH > 0 && r.iH == bin * r.iOutH)
+                r.iBin = bin;
         const bool bBin = r.iBin != 1;
-        if (r.iH != r.iBin * r.iOutH) Fail(r, "sensor and FPGA are told different heights");
-        if (FpgaRuns() && ((m_Fpga[0] & 2) != 0) != bBin) Fail(r, "run state and binning differ");
+        if (r.iH != r.iBin * r.iOutH)
+            Fail(r, "sensor and FPGA are told different heights");
+        if (FpgaRuns() && ((m_Fpga[0] & 2) != 0) != bBin)
+            Fail(r, "run state and binning differ");
         if (skip < (bBin ? 5 : 13) || skip > (r.iBin == 3 ? 6 : bBin ? 8 : 13))
             Fail(r, "the vertical constant belongs to another mode");
         const uint16_t path = m_Fpga[10] & ~0x10;
-        if (path > (bBin ? 0 : 1)) Fail(r, "output format does not fit the mode");
+        if (path > (bBin ? 0 : 1))
+            Fail(r, "output format does not fit the mode");
         r.samples = (m_Fpga[10] & 0x10) != 0 ? Samples::Bits16 : Samples::Bits8;
-        if (m_Fpga[10] == 16 && !bBin) Fail(r, "the fast output carries 8 bits only");
+        if (m_Fpga[10] == 16 && !bBin)
+            Fail(r, "the fast output carries 8 bits only");
         r.iX = (static_cast<int>(m_Fpga.Bytes(2, 2)) - 60) * r.iBin;
         r.iW = r.iOutW * r.iBin;
 
@@ -91,12 +102,14 @@ private:
             r.iShiftY[0] = (r.iBin == 3 ? 4 : 2) + moved;
             r.iShiftY[1] = (r.iBin == 3 ? 6 : 2) + moved;
         }
-        if (line < (bBin ? 397u : path == 0 ? 435u : 680u)) Fail(r, "the line is too short for the mode");
-        if (frame < static_cast<uint32_t>(r.iOutH) + 200) Fail(r, "the frame is too short for the window");
+        if (line < (bBin ? 397u : path == 0 ? 435u : 680u))
+            Fail(r, "the line is too short for the mode");
+        if (frame < static_cast<uint32_t>(r.iOutH) + 200)
+            Fail(r, "the frame is too short for the window");
         Timing(r, 37125, line, frame, s[REG_SHUTTER], 0, 0);
 
         r.dGain = FromDb((s[REG_GAIN_A] + s[REG_GAIN_B] - 512) * 0.09375);
-        FpgaGains(r, 13, 14);    // of the cell G R / B G
+        FpgaGains(r, 13, 14);  // of the cell G R / B G
         r.dBlack = s[REG_BLACK];
     }
 };

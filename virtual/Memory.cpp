@@ -8,7 +8,8 @@ namespace kovsim {
 
 SpiFlash::SpiFlash(std::string sFile) : m_sFile(std::move(sFile)), m_Bytes(SIZE, 0xFF)
 {
-    if (m_sFile.empty()) return;
+    if (m_sFile.empty())
+        return;
     if (std::FILE* f = std::fopen(m_sFile.c_str(), "rb")) {
         const size_t got = std::fread(m_Bytes.data(), 1, SIZE, f);
         (void)got;  // a shorter file leaves the rest erased
@@ -20,36 +21,44 @@ SpiFlash::SpiFlash(std::string sFile) : m_sFile(std::move(sFile)), m_Bytes(SIZE,
 
 void SpiFlash::Save(uint32_t address, uint32_t length)
 {
-    if (m_sFile.empty()) return;
+    if (m_sFile.empty())
+        return;
     std::FILE* f = std::fopen(m_sFile.c_str(), "r+b");
     if (!f) {
         f = std::fopen(m_sFile.c_str(), "wb");
         address = 0;
         length = SIZE;
     }
-    if (!f) return;
-    if (std::fseek(f, long(address), SEEK_SET) == 0) std::fwrite(&m_Bytes[address], 1, length, f);
+    if (!f)
+        return;
+    if (std::fseek(f, long(address), SEEK_SET) == 0)
+        std::fwrite(&m_Bytes[address], 1, length, f);
     std::fclose(f);
 }
 
 bool SpiFlash::Read(uint32_t address, uint32_t length, double now, std::vector<uint8_t>* out) const
 {
-    if (Busy(now) || address > SIZE || length > SIZE - address) return false;
+    if (Busy(now) || address > SIZE || length > SIZE - address)
+        return false;
     out->assign(m_Bytes.begin() + address, m_Bytes.begin() + address + length);
     return true;
 }
 
 bool SpiFlash::Write(uint32_t address, const std::vector<uint8_t>& bytes, double now)
 {
-    if (Busy(now) || address > SIZE || bytes.size() > SIZE - address) return false;
-    for (size_t i = 0; i < bytes.size(); ++i) m_Bytes[address + i] &= bytes[i];
-    if (!bytes.empty()) Save(address, uint32_t(bytes.size()));
+    if (Busy(now) || address > SIZE || bytes.size() > SIZE - address)
+        return false;
+    for (size_t i = 0; i < bytes.size(); ++i)
+        m_Bytes[address + i] &= bytes[i];
+    if (!bytes.empty())
+        Save(address, uint32_t(bytes.size()));
     return true;
 }
 
 bool SpiFlash::Erase(uint32_t sector, double now)
 {
-    if (Busy(now) || sector >= SIZE / SECTOR) return false;
+    if (Busy(now) || sector >= SIZE / SECTOR)
+        return false;
     std::fill_n(m_Bytes.begin() + sector * SECTOR, SECTOR, uint8_t(0xFF));
     Save(sector * SECTOR, SECTOR);
     m_dBusyUntil = now + ERASE_US;
@@ -65,7 +74,8 @@ std::vector<uint8_t> SpiFlash::Peek(uint32_t address, uint32_t length) const
 
 void SpiFlash::Poke(uint32_t address, const std::vector<uint8_t>& bytes)
 {
-    if (address >= SIZE || bytes.empty()) return;
+    if (address >= SIZE || bytes.empty())
+        return;
     const size_t n = std::min<size_t>(bytes.size(), SIZE - address);
     std::copy_n(bytes.begin(), n, m_Bytes.begin() + address);
     Save(address, uint32_t(n));
@@ -79,7 +89,8 @@ bool BridgeMemory::LoadFx2(uint16_t address, const std::vector<uint8_t>& bytes, 
             m_Loads.clear();
             return false;
         }
-        if (m_Cpu != Cpu::Reset) return false;
+        if (m_Cpu != Cpu::Reset)
+            return false;
         // The loader is known by its two pieces; what it consists of is the host's affair.
         const std::vector<std::pair<uint16_t, size_t>> loader = { { uint16_t(0), 2048 }, { uint16_t(0x0800), 1427 } };
         if (m_Loads == loader) {
@@ -87,18 +98,21 @@ bool BridgeMemory::LoadFx2(uint16_t address, const std::vector<uint8_t>& bytes, 
             return false;
         }
         m_Cpu = Cpu::Firmware;
-        if (m_Loads.empty()) return false;  // the old program starts again
+        if (m_Loads.empty())
+            return false;  // the old program starts again
         *pVersion = VersionIn(Read(0, 0x10000));
         return true;
     }
     m_Loads.emplace_back(address, bytes.size());
-    for (size_t i = 0; i < bytes.size(); ++i) m_Ram[uint16_t(address + i)] = bytes[i];
+    for (size_t i = 0; i < bytes.size(); ++i)
+        m_Ram[uint16_t(address + i)] = bytes[i];
     return false;
 }
 
 void BridgeMemory::LoadFx3(uint32_t address, const std::vector<uint8_t>& bytes)
 {
-    for (size_t i = 0; i < bytes.size(); ++i) m_Ram[address + uint32_t(i)] = bytes[i];
+    for (size_t i = 0; i < bytes.size(); ++i)
+        m_Ram[address + uint32_t(i)] = bytes[i];
 }
 
 std::vector<uint8_t> BridgeMemory::Read(uint32_t address, uint32_t length) const
@@ -113,19 +127,23 @@ std::optional<uint8_t> VersionIn(const std::vector<uint8_t>& bytes)
 {
     static constexpr char MARK[] = "KOVFW";
     const auto it = std::search(bytes.begin(), bytes.end(), MARK, MARK + 5);
-    if (it == bytes.end() || bytes.end() - it <= 5) return std::nullopt;
+    if (it == bytes.end() || bytes.end() - it <= 5)
+        return std::nullopt;
     return it[5];
 }
 
 bool IsC2Image(const std::vector<uint8_t>& bytes)
 {
-    if (bytes.size() < 8 || bytes[0] != 0xC2) return false;
+    if (bytes.size() < 8 || bytes[0] != 0xC2)
+        return false;
     for (size_t at = 8; at + 4 <= bytes.size();) {
         const size_t length = size_t(bytes[at]) << 8 | bytes[at + 1];
         const size_t address = size_t(bytes[at + 2]) << 8 | bytes[at + 3];
         // The end record starts the processor.
-        if (length == 0x8001 && address == 0xE600) return at > 8 && at + 5 <= bytes.size() && (bytes[at + 4] & 1) == 0;
-        if (length == 0 || length > 0x7FFF) return false;
+        if (length == 0x8001 && address == 0xE600)
+            return at > 8 && at + 5 <= bytes.size() && (bytes[at + 4] & 1) == 0;
+        if (length == 0 || length > 0x7FFF)
+            return false;
         at += 4 + length;
     }
     return false;

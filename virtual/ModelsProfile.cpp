@@ -13,11 +13,11 @@ struct Family {
     const char* szName;
     int iWidth, iHeight;
     double dPixelUm;
-    Cfa cfa;                 // of the colour models
+    Cfa cfa;  // of the colour models
     bool bUSB3;
     int iAdcBits;
-    double dFullWell;        // electrons at full scale, unity gain; where electrons per ADU are published, those times 2^bits
-    double dReadNoise;       // electrons; typical of such sensors, not measured
+    double dFullWell;   // electrons at full scale, unity gain; where electrons per ADU are published, those times 2^bits
+    double dReadNoise;  // electrons; typical of such sensors, not measured
     Marks marks;
     ModelFacts::Temp temp;
     std::unique_ptr<Profile> (*Make)(const ModelFacts&, uint8_t);
@@ -46,18 +46,21 @@ constexpr Family g_Families[] = {
     { "Halite", 6036, 4032, 5.97, Cfa::RG, true, 14, 60000, 5, Marks::A, Temp::Thermistor, MakeEbonyGroup },
 };
 
-constexpr struct { uint16_t wProductId; const char* szToken; } g_Ids[] = {
-    { 0xC01A, "AgateCol" },      { 0xC02A, "BerylCol" },      { 0xC02B, "BerylMono" },     { 0xC03A, "CobaltCol-A" },
-    { 0xC03B, "CobaltCol" },     { 0xC03C, "CobaltCol-B" },   { 0xC04A, "DuniteMono" },    { 0xC04B, "DuniteCol" },
-    { 0xC04C, "DuniteMono-A" },  { 0xC04D, "DuniteMono-B" },  { 0xC04E, "DuniteCol-A" },   { 0xC04F, "DuniteCol-B" },
-    { 0xC05A, "EbonyCol" },      { 0xC06A, "FlintCol" },      { 0xC07A, "GarnetMono" },    { 0xC07B, "GarnetCol" },
-    { 0xC07D, "GarnetMono_S" },  { 0xC07E, "GarnetCol_S" },   { 0xC08A, "HaliteCol" },     { 0xC09A, "IoliteMono" },
-    { 0xC0AA, "JasperCol" },     { 0xC0AC, "JasperCol-A" },   { 0xC0AD, "JasperCol-B" },   { 0xC0B0, "KyaniteCol" },
-    { 0xC0B1, "KyaniteCol_C" },  { 0xC0B2, "KyaniteMono" },   { 0xC0B3, "KyaniteMono_C" }, { 0xC0CA, "LapisCol" },
-    { 0xC0CB, "LapisMono" },     { 0xC0CC, "LapisCol_C" },    { 0xC0CD, "LapisMono_C" },   { 0xC0CE, "LapisMono-A" },
-    { 0xC0CF, "LapisMono-B" },   { 0xC0DA, "MarbleCol" },     { 0xC0DB, "MarbleCol_C" },   { 0xC0DC, "MarbleMono" },
-    { 0xC0DD, "MarbleMono_C" },  { 0xC0EA, "NephriteCol" },   { 0xC0EB, "NephriteCol_C" }, { 0xC0FA, "OnyxCol" },
-    { 0xC0FB, "OnyxCol_C" },     { 0xC10A, "PyriteCol" },     { 0xC11A, "QuartzCol" },     { 0xC11B, "QuartzMono" },
+constexpr struct {
+    uint16_t wProductId;
+    const char* szToken;
+} g_Ids[] = {
+    { 0xC01A, "AgateCol" },     { 0xC02A, "BerylCol" },     { 0xC02B, "BerylMono" },     { 0xC03A, "CobaltCol-A" },
+    { 0xC03B, "CobaltCol" },    { 0xC03C, "CobaltCol-B" },  { 0xC04A, "DuniteMono" },    { 0xC04B, "DuniteCol" },
+    { 0xC04C, "DuniteMono-A" }, { 0xC04D, "DuniteMono-B" }, { 0xC04E, "DuniteCol-A" },   { 0xC04F, "DuniteCol-B" },
+    { 0xC05A, "EbonyCol" },     { 0xC06A, "FlintCol" },     { 0xC07A, "GarnetMono" },    { 0xC07B, "GarnetCol" },
+    { 0xC07D, "GarnetMono_S" }, { 0xC07E, "GarnetCol_S" },  { 0xC08A, "HaliteCol" },     { 0xC09A, "IoliteMono" },
+    { 0xC0AA, "JasperCol" },    { 0xC0AC, "JasperCol-A" },  { 0xC0AD, "JasperCol-B" },   { 0xC0B0, "KyaniteCol" },
+    { 0xC0B1, "KyaniteCol_C" }, { 0xC0B2, "KyaniteMono" },  { 0xC0B3, "KyaniteMono_C" }, { 0xC0CA, "LapisCol" },
+    { 0xC0CB, "LapisMono" },    { 0xC0CC, "LapisCol_C" },   { 0xC0CD, "LapisMono_C" },   { 0xC0CE, "LapisMono-A" },
+    { 0xC0CF, "LapisMono-B" },  { 0xC0DA, "MarbleCol" },    { 0xC0DB, "MarbleCol_C" },   { 0xC0DC, "MarbleMono" },
+    { 0xC0DD, "MarbleMono_C" }, { 0xC0EA, "NephriteCol" },  { 0xC0EB, "NephriteCol_C" }, { 0xC0FA, "OnyxCol" },
+    { 0xC0FB, "OnyxCol_C" },    { 0xC10A, "PyriteCol" },    { 0xC11A, "QuartzCol" },     { 0xC11B, "QuartzMono" },
 };
 constexpr int MODELS = static_cast<int>(std::size(g_Ids));
 
@@ -65,9 +68,10 @@ const Family& FamilyOf(const std::string& sToken)
 {
     for (const Family& family : g_Families) {
         const std::string sName = family.szName;
-        if (sName == "Garnet_S" ? sToken.starts_with("Garnet") && sToken.ends_with("_S") : sToken.starts_with(sName)) return family;
+        if (sName == "Garnet_S" ? sToken.starts_with("Garnet") && sToken.ends_with("_S") : sToken.starts_with(sName))
+            return family;
     }
-    return g_Families[0];   // not reached: every token begins with a family
+    return g_Families[0];  // not reached: every token begins with a family
 }
 
 ModelFacts MakeFacts(uint16_t wProductId, const std::string& sToken)
@@ -97,10 +101,12 @@ const ModelFacts* AllModels(int* piCount)
     // Never destroyed: cameras live until the process has ended.
     static const auto* const models = [] {
         auto* const list = new std::vector<ModelFacts>;
-        for (const auto& id : g_Ids) list->push_back(MakeFacts(id.wProductId, id.szToken));
+        for (const auto& id : g_Ids)
+            list->push_back(MakeFacts(id.wProductId, id.szToken));
         return list;
     }();
-    if (piCount != nullptr) *piCount = MODELS;
+    if (piCount != nullptr)
+        *piCount = MODELS;
     return models->data();
 }
 

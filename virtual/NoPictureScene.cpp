@@ -5,7 +5,8 @@ namespace kovsim {
 
 std::shared_ptr<const Scene> Scene::Picture(const std::string& path, float, std::string* error)
 {
-    if (error) *error = path + ": this build cannot read pictures";
+    if (error)
+        *error = path + ": this build cannot read pictures";
     return nullptr;
 }
 

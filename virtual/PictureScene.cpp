@@ -16,7 +16,8 @@ public:
     {
         for (int y = firstRow; y < firstRow + rows; ++y) {
             const Light* row = &m_Pixels[size_t(int64_t(y) * m_iH / g.iHeight) * size_t(m_iW)];
-            for (int x = 0; x < g.iWidth; ++x) *out++ = row[int64_t(x) * m_iW / g.iWidth];
+            for (int x = 0; x < g.iWidth; ++x)
+                *out++ = row[int64_t(x) * m_iW / g.iWidth];
         }
     }
 
@@ -32,14 +33,16 @@ std::shared_ptr<const Scene> Scene::Picture(const std::string& path, float white
     png_image image{};
     image.version = PNG_IMAGE_VERSION;
     if (!png_image_begin_read_from_file(&image, path.c_str())) {
-        if (error) *error = path + ": " + image.message;
+        if (error)
+            *error = path + ": " + image.message;
         return nullptr;
     }
     // The linear 16-bit form: a picture's gamma is undone, so that its numbers are light.
     image.format = PNG_FORMAT_LINEAR_RGB;
     std::vector<uint16_t> samples(PNG_IMAGE_SIZE(image) / 2);
     if (!png_image_finish_read(&image, nullptr, samples.data(), 0, nullptr)) {
-        if (error) *error = path + ": " + image.message;
+        if (error)
+            *error = path + ": " + image.message;
         png_image_free(&image);
         return nullptr;
     }

@@ -17,7 +17,8 @@ std::unique_ptr<VirtualBus> g_pOwnBus;  // of KOVSimAttach
 const usbstack::Plugin* FromEnvironment()
 {
     const char* szText = std::getenv("KOVSIM");
-    if (!szText || !*szText) return nullptr;
+    if (!szText || !*szText)
+        return nullptr;
     SimOptions options;
     std::string error;
     VirtualBus* bus = nullptr;
@@ -25,7 +26,8 @@ const usbstack::Plugin* FromEnvironment()
         const bool ok = ParseSimOptions(szText, &options, &error);
         // Who asked for virtual cameras never gets real ones instead: a mistake leaves an empty bus.
         bus = new VirtualBus(options.dRate);
-        if (!ok) std::fprintf(stderr, "KOVSIM: %s\n", error.c_str());
+        if (!ok)
+            std::fprintf(stderr, "KOVSIM: %s\n", error.c_str());
         PlugAll(*bus, options);
     } catch (const std::exception& e) {
         std::fprintf(stderr, "KOVSIM: %s\n", e.what());
@@ -35,17 +37,15 @@ const usbstack::Plugin* FromEnvironment()
 
 VirtualCamera* OwnCamera(int index)
 {
-    if (!g_pOwnBus) return nullptr;
+    if (!g_pOwnBus)
+        return nullptr;
     const auto cameras = g_pOwnBus->Cameras();
     return index >= 0 && size_t(index) < cameras.size() ? cameras[size_t(index)] : nullptr;
 }
 
 }  // namespace
 
-void Attach(VirtualBus* bus)
-{
-    g_pAttached.store(bus ? &bus->Offer() : nullptr, std::memory_order_release);
-}
+void Attach(VirtualBus* bus) { g_pAttached.store(bus ? &bus->Offer() : nullptr, std::memory_order_release); }
 
 }  // namespace kovsim
 
@@ -53,7 +53,8 @@ extern "C" {
 
 KOV_PLUGIN_EXPORT const usbstack::Plugin* KOVUsbStackPlugin()
 {
-    if (const usbstack::Plugin* const p = kovsim::g_pAttached.load(std::memory_order_acquire)) return p;
+    if (const usbstack::Plugin* const p = kovsim::g_pAttached.load(std::memory_order_acquire))
+        return p;
     // Lives to the end of the process: its threads must not meet destructors that run at exit.
     static const usbstack::Plugin* const s_pPlugin = kovsim::FromEnvironment();
     return s_pPlugin;
@@ -73,7 +74,8 @@ int KOVSimAttach(const char* text, char* error, int size)
     } catch (const std::exception& e) {
         why = e.what();
     }
-    if (size > 0) std::snprintf(error, size_t(size), "%s", why.c_str());
+    if (size > 0)
+        std::snprintf(error, size_t(size), "%s", why.c_str());
     return why.empty() ? 0 : -1;
 }
 
@@ -86,14 +88,16 @@ void KOVSimDetach(void)
 int KOVSimUnplug(int index)
 {
     kovsim::VirtualCamera* const camera = kovsim::OwnCamera(index);
-    if (camera) camera->Unplug();
+    if (camera)
+        camera->Unplug();
     return camera ? 0 : -1;
 }
 
 int KOVSimReplug(int index)
 {
     kovsim::VirtualCamera* const camera = kovsim::OwnCamera(index);
-    if (camera) camera->Replug();
+    if (camera)
+        camera->Replug();
     return camera ? 0 : -1;
 }
 

@@ -42,41 +42,48 @@ enum VendorRequest : uint8_t {
     THERMISTOR = 199,
 };
 
-constexpr double POLL_US = 1000;               // the firmware asks the flash before it answers
-constexpr uint32_t FPGA_REGISTER = 0x10000;    // in the argument of FailRegister
+constexpr double POLL_US = 1000;             // the firmware asks the flash before it answers
+constexpr uint32_t FPGA_REGISTER = 0x10000;  // in the argument of FailRegister
 
 }  // namespace
 
 Camera::Answer Camera::Ask(uint64_t uPlug, uint8_t bRequestType, uint8_t bRequest, uint16_t wValue, uint16_t wIndex,
-                          uint16_t wLength, std::vector<uint8_t> data)
+                           uint16_t wLength, std::vector<uint8_t> data)
 {
     const Setup s{ (bRequestType & 0x80) != 0, bRequest, wValue, wIndex, wLength };
     const bool vendor = (bRequestType & 0x60) == 0x40;
     bool ok;
     Lock lock(m_Mutex);
-    if (!m_bPresent || uPlug != m_uPlug) return { Status::Gone, {}, 0, m_uControlAborts };
+    if (!m_bPresent || uPlug != m_uPlug)
+        return { Status::Gone, {}, 0, m_uControlAborts };
     m_dReplyUs = 0;
     if (vendor) {
         uint32_t ms = 0;
-        if (TakeFault(FaultKind::SlowControl, nullptr, &ms)) m_dReplyUs = ms * 1000.0;
+        if (TakeFault(FaultKind::SlowControl, nullptr, &ms))
+            m_dReplyUs = ms * 1000.0;
         ok = !TakeFault(FaultKind::FailControl, [&](uint32_t a) { return a == 0 || a == bRequest; }) && Vendor(s, data);
-        if (!ok && s.bIn) data.clear();
-        if (s.bIn && data.size() > wLength) data.resize(wLength);
+        if (!ok && s.bIn)
+            data.clear();
+        if (s.bIn && data.size() > wLength)
+            data.resize(wLength);
         Log(s, data);
     } else {
         ok = Standard(bRequestType, s, data);
-        if (s.bIn && data.size() > wLength) data.resize(wLength);
+        if (s.bIn && data.size() > wLength)
+            data.resize(wLength);
     }
     return { ok ? Status::Ok : Status::Stall, std::move(data), m_dReplyUs, m_uControlAborts };
 }
 
-Status Camera::Control(uint64_t uPlug, uint8_t bRequestType, uint8_t bRequest, uint16_t wValue, uint16_t wIndex,
-                       uint8_t* pData, uint16_t wLength, uint32_t dwTimeoutMs, uint32_t* pdwMoved)
+Status Camera::Control(uint64_t uPlug, uint8_t bRequestType, uint8_t bRequest, uint16_t wValue, uint16_t wIndex, uint8_t* pData,
+                       uint16_t wLength, uint32_t dwTimeoutMs, uint32_t* pdwMoved)
 {
-    if (pdwMoved) *pdwMoved = 0;
+    if (pdwMoved)
+        *pdwMoved = 0;
     const bool in = (bRequestType & 0x80) != 0;
     std::vector<uint8_t> sent;
-    if (!in && wLength) sent.assign(pData, pData + wLength);
+    if (!in && wLength)
+        sent.assign(pData, pData + wLength);
     const Answer answer = Ask(uPlug, bRequestType, bRequest, wValue, wIndex, wLength, std::move(sent));
     const double limit = dwTimeoutMs * 1000.0, delay = answer.dDelayUs;
     if (delay > 0) {
@@ -89,17 +96,21 @@ Status Camera::Control(uint64_t uPlug, uint8_t bRequestType, uint8_t bRequest, u
             return given_up ? Status::Cancelled : Status::TimedOut;
         }
     }
-    if (answer.status != Status::Ok) return answer.status;
+    if (answer.status != Status::Ok)
+        return answer.status;
     const uint32_t moved = in ? uint32_t(answer.data.size()) : wLength;
-    if (in && moved) std::memcpy(pData, answer.data.data(), moved);
-    if (pdwMoved) *pdwMoved = moved;
+    if (in && moved)
+        std::memcpy(pData, answer.data.data(), moved);
+    if (pdwMoved)
+        *pdwMoved = moved;
     return Status::Ok;
 }
 
 void Camera::AbortControl(uint64_t uPlug)
 {
     Lock lock(m_Mutex);
-    if (uPlug == m_uPlug) ++m_uControlAborts;
+    if (uPlug == m_uPlug)
+        ++m_uControlAborts;
     m_ControlWake.notify_all();
 }
 
@@ -111,36 +122,44 @@ void Camera::NoteLostReply()
 
 bool Camera::Standard(uint8_t bRequestType, const Setup& s, std::vector<uint8_t>& data)
 {
-    enum { GET_STATUS = 0, CLEAR_FEATURE = 1, SET_FEATURE = 3, GET_DESCRIPTOR = 6, GET_CONFIGURATION = 8,
-           SET_CONFIGURATION = 9, GET_INTERFACE = 10, SET_INTERFACE = 11, SET_SEL = 48, SET_ISOCH_DELAY = 49 };
+    enum {
+        GET_STATUS = 0,
+        CLEAR_FEATURE = 1,
+        SET_FEATURE = 3,
+        GET_DESCRIPTOR = 6,
+        GET_CONFIGURATION = 8,
+        SET_CONFIGURATION = 9,
+        GET_INTERFACE = 10,
+        SET_INTERFACE = 11,
+        SET_SEL = 48,
+        SET_ISOCH_DELAY = 49
+    };
     enum { U1_ENABLE = 48, U2_ENABLE = 49 };
     const bool super = GetSpeed() == usbstack::Speed::Super;
     const int recipient = bRequestType & 0x1F;  // 0 device, 1 interface, 2 endpoint
     switch (s.bRequest) {
-    case GET_STATUS:
-        data = { uint8_t(recipient == 2 && uint8_t(s.wIndex) == BULK_IN && m_bHalted), 0 };
-        return s.bIn;
+    case GET_STATUS: data = { uint8_t(recipient == 2 && uint8_t(s.wIndex) == BULK_IN && m_bHalted), 0 }; return s.bIn;
     case CLEAR_FEATURE:
     case SET_FEATURE:
-        if (!s.bIn && recipient == 0 && super && (s.wValue == U1_ENABLE || s.wValue == U2_ENABLE)) return true;
-        if (s.bIn || recipient != 2 || s.wIndex != BULK_IN || s.wValue != 0) return false;
+        if (!s.bIn && recipient == 0 && super && (s.wValue == U1_ENABLE || s.wValue == U2_ENABLE))
+            return true;
+        if (s.bIn || recipient != 2 || s.wIndex != BULK_IN || s.wValue != 0)
+            return false;
         m_bHalted = s.bRequest == SET_FEATURE;
         Flush();
-        if (m_bHalted) m_Bus.Pump();
+        if (m_bHalted)
+            m_Bus.Pump();
         return true;
     case GET_DESCRIPTOR:
         data = Descriptor(Descriptors(), uint8_t(s.wValue >> 8), uint8_t(s.wValue));
         return s.bIn && !data.empty();
-    case GET_CONFIGURATION:
-        data = { m_bConfiguration };
-        return s.bIn;
+    case GET_CONFIGURATION: data = { m_bConfiguration }; return s.bIn;
     case SET_CONFIGURATION:
-        if (s.bIn || s.wValue > 1) return false;
+        if (s.bIn || s.wValue > 1)
+            return false;
         m_bConfiguration = uint8_t(s.wValue);
         return true;
-    case GET_INTERFACE:
-        data = { 0 };
-        return s.bIn && s.wIndex == 0;
+    case GET_INTERFACE: data = { 0 }; return s.bIn && s.wIndex == 0;
     case SET_INTERFACE: return !s.bIn && s.wIndex == 0 && s.wValue == 0;
     case SET_SEL: return super && !s.bIn && s.wLength == 6;
     case SET_ISOCH_DELAY: return super && !s.bIn && s.wLength == 0;
@@ -150,9 +169,11 @@ bool Camera::Standard(uint8_t bRequestType, const Setup& s, std::vector<uint8_t>
 
 bool Camera::Vendor(const Setup& s, std::vector<uint8_t>& data)
 {
-    if (s.bRequest == RAM) return VendorLoad(s, data);
+    if (s.bRequest == RAM)
+        return VendorLoad(s, data);
     if (m_Memory.State() == Cpu::Loader && s.bRequest == START_USB) {
-        if (uint32_t(s.wValue) + s.wLength > m_Eeprom.size() || s.wLength > 4096) return false;
+        if (uint32_t(s.wValue) + s.wLength > m_Eeprom.size() || s.wLength > 4096)
+            return false;
         if (s.bIn) {
             data.assign(m_Eeprom.begin() + s.wValue, m_Eeprom.begin() + s.wValue + s.wLength);
         } else {
@@ -161,20 +182,21 @@ bool Camera::Vendor(const Setup& s, std::vector<uint8_t>& data)
         }
         return true;
     }
-    if (m_Memory.State() != Cpu::Firmware) return false;
+    if (m_Memory.State() != Cpu::Firmware)
+        return false;
 
     // Requests that answer something, and all others: none does both.
     const bool asks = s.bRequest == READ_REG16 || s.bRequest == VERSION || s.bRequest == DIGITAL_TEMP ||
                       s.bRequest == HOST_IS_USB3 || s.bRequest == READ_REG8 || s.bRequest == I2C_READ ||
                       s.bRequest == READ_FPGA || s.bRequest == FLASH_READ || s.bRequest == THERMISTOR;
-    if (asks != s.bIn && s.bRequest != FLASH_ERASE) return false;
-    const auto broken = [&](uint32_t reg) {
-        return TakeFault(FaultKind::FailRegister, [reg](uint32_t a) { return a == reg; });
-    };
+    if (asks != s.bIn && s.bRequest != FLASH_ERASE)
+        return false;
+    const auto broken = [&](uint32_t reg) { return TakeFault(FaultKind::FailRegister, [reg](uint32_t a) { return a == reg; }); };
 
     switch (s.bRequest) {
     case START_USB:
-        if (s.wLength) return false;  // no loader runs
+        if (s.wLength)
+            return false;  // no loader runs
         [[fallthrough]];
     case CLOCK_24:
     case CLOCK_48:
@@ -192,7 +214,8 @@ bool Camera::Vendor(const Setup& s, std::vector<uint8_t>& data)
         return true;
     case WRITE_REG16:
     case WRITE_REG8: {
-        if (broken(s.wValue)) return false;
+        if (broken(s.wValue))
+            return false;
         Used();
         const bool ok = s.bRequest == WRITE_REG16 ? m_Profile->WriteReg16(s.wValue, s.wIndex)
                                                   : m_Profile->WriteReg8(s.wValue, uint8_t(s.wIndex));
@@ -207,7 +230,8 @@ bool Camera::Vendor(const Setup& s, std::vector<uint8_t>& data)
     }
     case READ_REG8: data = { m_Profile->ReadReg8(s.wValue) }; return true;
     case WRITE_FPGA:
-        if (broken(FPGA_REGISTER | s.wValue)) return false;
+        if (broken(FPGA_REGISTER | s.wValue))
+            return false;
         Used();
         m_Profile->WriteFpga(s.wValue, s.wIndex);
         Changed();
@@ -216,19 +240,22 @@ bool Camera::Vendor(const Setup& s, std::vector<uint8_t>& data)
     case VERSION: data = { 'V', m_bFirmware }; return true;
     case GUIDE_ON:
     case GUIDE_OFF:
-        if (s.wValue > 3) return false;
+        if (s.wValue > 3)
+            return false;
         MoveGuide();
         m_Pins[s.wValue] = s.bRequest == GUIDE_ON;
         return true;
     case COOLER_DA: m_Thermal.SetDA(uint8_t(s.wValue), m_Clock.Now() / 1e6); return true;
     case DIGITAL_TEMP: {
-        if (m_Facts.temp != ModelFacts::Temp::Digital) return false;
+        if (m_Facts.temp != ModelFacts::Temp::Digital)
+            return false;
         const uint16_t raw = DigitalReading(Celsius());
         data = { uint8_t((raw & 0xF) << 4), uint8_t(raw >> 4) };
         return true;
     }
     case THERMISTOR: {
-        if (m_Facts.temp != ModelFacts::Temp::Thermistor) return false;
+        if (m_Facts.temp != ModelFacts::Temp::Thermistor)
+            return false;
         const uint8_t ad = ThermistorReading(Celsius());
         data = { uint8_t((ad & 0xF) << 4), uint8_t(ad >> 4) };
         return true;
@@ -242,9 +269,11 @@ bool Camera::Vendor(const Setup& s, std::vector<uint8_t>& data)
     case I2C_WRITE:
     case I2C_READ: {
         const uint32_t base = uint32_t(s.wValue) << 16 | s.wIndex;
-        if (!m_Facts.bUSB3 || s.wValue > 7 || uint32_t(s.wIndex) + s.wLength > 0x10000) return false;
+        if (!m_Facts.bUSB3 || s.wValue > 7 || uint32_t(s.wIndex) + s.wLength > 0x10000)
+            return false;
         if (!s.bIn) {
-            for (size_t i = 0; i < data.size(); ++i) m_I2c[base + uint32_t(i)] = data[i];
+            for (size_t i = 0; i < data.size(); ++i)
+                m_I2c[base + uint32_t(i)] = data[i];
             return true;
         }
         data.assign(s.wLength, 0xFF);
@@ -270,11 +299,13 @@ bool Camera::VendorLoad(const Setup& s, std::vector<uint8_t>& data)
             return true;
         }
         std::optional<uint8_t> version;
-        if (m_Memory.LoadFx2(s.wValue, data, &version)) m_bFirmware = version.value_or(m_Facts.bFirmware);
+        if (m_Memory.LoadFx2(s.wValue, data, &version))
+            m_bFirmware = version.value_or(m_Facts.bFirmware);
         Changed();
         return true;
     }
-    if (m_Memory.State() != Cpu::BootLoader) return false;
+    if (m_Memory.State() != Cpu::BootLoader)
+        return false;
     const uint32_t address = uint32_t(s.wIndex) << 16 | s.wValue;
     if (s.bIn) {
         data = m_Memory.Read(address, s.wLength);
@@ -293,19 +324,23 @@ bool Camera::VendorLoad(const Setup& s, std::vector<uint8_t>& data)
 // USB 2 bridges have the EEPROM of their firmware and no other memory.
 bool Camera::VendorFlash(const Setup& s, std::vector<uint8_t>& data)
 {
-    if (!m_Facts.bUSB3) return false;
+    if (!m_Facts.bUSB3)
+        return false;
     const double now = m_Clock.Now();
     const uint32_t address = uint32_t(s.wIndex) << 8;
-    if (s.bRequest == FLASH_READ) return m_Flash.Read(address, s.wLength, now, &data);
+    if (s.bRequest == FLASH_READ)
+        return m_Flash.Read(address, s.wLength, now, &data);
     if (s.bRequest == FLASH_WRITE)
         return TakeFault(FaultKind::FlashWriteFails, nullptr) || m_Flash.Write(address, data, now);
     if (s.bIn) {
         const bool busy = m_Flash.Busy(now);
-        if (busy) m_dReplyUs += POLL_US;
+        if (busy)
+            m_dReplyUs += POLL_US;
         data = { uint8_t(busy) };
         return s.wValue == 0;
     }
-    if (s.wValue != 1 || TakeFault(FaultKind::FlashEraseFails, nullptr)) return false;
+    if (s.wValue != 1 || TakeFault(FaultKind::FlashEraseFails, nullptr))
+        return false;
     return m_Flash.Erase(s.wIndex, now);
 }
 

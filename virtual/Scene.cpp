@@ -36,10 +36,7 @@ public:
 
 }  // namespace
 
-std::shared_ptr<const Scene> Scene::Colour(float r, float g, float b)
-{
-    return std::make_shared<EvenScene>(Light{ r, g, b });
-}
+std::shared_ptr<const Scene> Scene::Colour(float r, float g, float b) { return std::make_shared<EvenScene>(Light{ r, g, b }); }
 std::shared_ptr<const Scene> Scene::Flat(float e) { return Colour(e, e, e); }
 std::shared_ptr<const Scene> Scene::Dark() { return Flat(0); }
 std::shared_ptr<const Scene> Scene::Pattern() { return std::make_shared<PatternScene>(); }
@@ -51,11 +48,14 @@ std::shared_ptr<const Scene> Scene::Parse(const std::string& text, std::string* 
     const std::string args = colon == std::string::npos ? "" : text.substr(colon + 1);
     char tail;
     const auto fail = [&](const char* form) {
-        if (error) *error = "scene \"" + text + "\": expected " + form;
+        if (error)
+            *error = "scene \"" + text + "\": expected " + form;
         return nullptr;
     };
-    if (kind == "dark") return args.empty() ? Dark() : fail("dark");
-    if (kind == "pattern") return args.empty() ? Pattern() : fail("pattern");
+    if (kind == "dark")
+        return args.empty() ? Dark() : fail("dark");
+    if (kind == "pattern")
+        return args.empty() ? Pattern() : fail("pattern");
     if (kind == "flat") {
         float e;
         if (std::sscanf(args.c_str(), "%f%c", &e, &tail) != 1 || !(e >= 0))
@@ -78,7 +78,8 @@ std::shared_ptr<const Scene> Scene::Parse(const std::string& text, std::string* 
         return Sky(v);
     }
     // A flux that fills most sensors' wells in about 50 ms.
-    if (text.size() > 4 && text.compare(text.size() - 4, 4, ".png") == 0) return Picture(text, 200000, error);
+    if (text.size() > 4 && text.compare(text.size() - 4, 4, ".png") == 0)
+        return Picture(text, 200000, error);
     return fail("sky[:RA,DEC[,FOCAL]], flat:N, colour:R,G,B, dark, pattern or the path of a .png file");
 }
 

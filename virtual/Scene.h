@@ -21,13 +21,13 @@ struct ScreenGeometry {
 };
 
 struct SkyView {
-    double dRa = 56.75, dDec = 24.12;   // degrees; the Pleiades
+    double dRa = 56.75, dDec = 24.12;  // degrees; the Pleiades
     double dFocalMm = 135;
-    double dRotation = 0;               // degrees, east of north
-    double dSeeing = 4;                 // arc seconds, full width at half maximum
+    double dRotation = 0;  // degrees, east of north
+    double dSeeing = 4;    // arc seconds, full width at half maximum
     double dApertureMm = 50;
-    double dSkyMag = 20.5;              // magnitudes a square arc second
-    double dBlurUm = 8;                 // spot of the lens, full width at half maximum; adds to the seeing in square
+    double dSkyMag = 20.5;  // magnitudes a square arc second
+    double dBlurUm = 8;     // spot of the lens, full width at half maximum; adds to the seeing in square
 };
 
 class Scene {
@@ -48,8 +48,8 @@ public:
     // (H - 1) / 2 - eta * f / pitch, pixel centres at whole numbers. Green light of magnitude 0 is 5e9 electrons a
     // second and square metre; the other colours follow a black body of the star's B-V.
     static std::shared_ptr<const Scene> Sky(const SkyView& view = {});
-    static std::shared_ptr<const Scene> Flat(float electronsPerSecond);                   // grey
-    static std::shared_ptr<const Scene> Colour(float r, float g, float b);                // electrons a second
+    static std::shared_ptr<const Scene> Flat(float electronsPerSecond);     // grey
+    static std::shared_ptr<const Scene> Colour(float r, float g, float b);  // electrons a second
     static std::shared_ptr<const Scene> Dark();
     // Each pixel names itself: value (x * 7 + y * 13) mod 251 of 256, scaled so that 10 ms at gain 1 gives that 8-bit
     // number, the same in all colours.

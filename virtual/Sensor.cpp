@@ -30,7 +30,8 @@ void Put32(uint8_t* p, uint32_t v)
 double Camera::PeriodUs(const Readout& r) const
 {
     double us = std::max({ r.dFrameUs, r.dExposureUs, MIN_PERIOD_US });
-    if (m_Settings.dLinkMBs > 0) us = std::max(us, FrameBytes(r) / m_Settings.dLinkMBs);
+    if (m_Settings.dLinkMBs > 0)
+        us = std::max(us, FrameBytes(r) / m_Settings.dLinkMBs);
     return us;
 }
 
@@ -43,8 +44,8 @@ void Camera::SensorThread()
     Lock lock(m_Mutex);
     Readout r;
     std::shared_ptr<const std::vector<uint8_t>> pixels;
-    double start = 0, end = 0;    // of the exposure in work
-    double counted = 0;           // of it before the clock stopped
+    double start = 0, end = 0;  // of the exposure in work
+    double counted = 0;         // of it before the clock stopped
     uint64_t plug = 0, stops = 0;
 
     const auto sleepUntil = [&](double us) { m_Wake.wait_until(lock, m_Clock.RealTime(us)); };
@@ -59,7 +60,8 @@ void Camera::SensorThread()
     };
 
     while (!m_bQuit) {
-        if (m_Slow == Slow::Seen) TellSlow(lock);
+        if (m_Slow == Slow::Seen)
+            TellSlow(lock);
         if (!m_bPresent) {
             phase = Phase::Idle;
             if (m_dReturnAt < 0) {
@@ -75,7 +77,8 @@ void Camera::SensorThread()
         const bool on = m_Now.bStreaming, held = m_Now.bHeld;
         // Streaming ended, if only for a moment: the exposure in work is lost. A hold survives it, since some
         // cameras put the sensor's output to sleep meanwhile.
-        if (plug != m_uPlug || (phase != Phase::Held && stops != m_uStops)) phase = Phase::Idle;
+        if (plug != m_uPlug || (phase != Phase::Held && stops != m_uStops))
+            phase = Phase::Idle;
         switch (phase) {
         case Phase::Idle:
             plug = m_uPlug;
@@ -87,10 +90,10 @@ void Camera::SensorThread()
                 phase = Phase::Held;
             else if (on) {
                 // The scene may still have been in work when the host began.
-                if (m_dStreamAt >= 0) CountLate(m_Clock.Now() - std::exchange(m_dStreamAt, -1), PeriodUs(m_Now));
+                if (m_dStreamAt >= 0)
+                    CountLate(m_Clock.Now() - std::exchange(m_dStreamAt, -1), PeriodUs(m_Now));
                 begin(m_Clock.Now());
-            }
-            else if (m_bUsed && m_Prepared != m_Scene)
+            } else if (m_bUsed && m_Prepared != m_Scene)
                 Prepare(lock);
             else
                 m_Wake.wait(lock);
@@ -120,9 +123,10 @@ void Camera::SensorThread()
                 const double whole = std::max(0.0, m_dReleasedAt - m_dHeldAt) + r.dAfterHoldUs;
                 // Where the release ends the exposure the rows are read out; where a clock was stopped the rest of the
                 // frame follows.
-                end = m_dReleasedAt + (r.dAfterHoldUs > 0 ? std::max(0.0, r.dAfterHoldUs - counted) +
-                                                                std::max(0.0, r.dFrameUs - r.dExposureUs)
-                                                          : r.dReadoutUs > 0 ? r.dReadoutUs : r.dFrameUs);
+                end = m_dReleasedAt + (r.dAfterHoldUs > 0
+                                           ? std::max(0.0, r.dAfterHoldUs - counted) + std::max(0.0, r.dFrameUs - r.dExposureUs)
+                                       : r.dReadoutUs > 0 ? r.dReadoutUs
+                                                          : r.dFrameUs);
                 phase = Phase::ReadOut;
                 pixels = Develop(lock, r, whole);
             }
@@ -144,10 +148,12 @@ void Camera::SensorThread()
 void Camera::CountLate(double lateUs, double periodUs)
 {
     ++m_uRunFrames;
-    if (lateUs < periodUs) return;
+    if (lateUs < periodUs)
+        return;
     m_dRunLostUs += lateUs;
     const double due = double(m_uRunFrames) * periodUs;
-    if (m_Slow != Slow::No || m_dRunLostUs < SLOW_US * m_Clock.Rate() || m_dRunLostUs < SLOW_SHARE * due) return;
+    if (m_Slow != Slow::No || m_dRunLostUs < SLOW_US * m_Clock.Rate() || m_dRunLostUs < SLOW_SHARE * due)
+        return;
     m_Slow = Slow::Seen;
     m_dAskedRate = 1e6 / periodUs;
     m_dSlowRate = double(m_uRunFrames) * 1e6 / (due + m_dRunLostUs);
@@ -156,7 +162,8 @@ void Camera::CountLate(double lateUs, double periodUs)
 void Camera::TellSlow(Lock& lock)
 {
     m_Slow = Slow::Told;
-    if (!m_Settings.onSlow) return;
+    if (!m_Settings.onSlow)
+        return;
     const double rate = m_dSlowRate, asked = m_dAskedRate;
     lock.unlock();
     m_Settings.onSlow(m_Facts, rate, asked);
@@ -185,7 +192,8 @@ std::shared_ptr<const std::vector<uint8_t>> Camera::Develop(Lock& lock, const Re
         m_sContradiction = r.sWhy;
     }
     lock.unlock();
-    if (tell) m_Settings.onNoise(m_Facts, r.sWhy);
+    if (tell)
+        m_Settings.onNoise(m_Facts, r.sWhy);
     auto pixels = m_Pool->Take();
     m_Imager.Expose(r, shot, scene, *pixels);
     lock.lock();
@@ -196,21 +204,25 @@ void Camera::Emit(std::shared_ptr<const std::vector<uint8_t>> pixels)
 {
     // What the host has not fetched of the older frames by now must fit into the FIFO; what does not is gone, newest first.
     uint64_t waiting = 0;
-    for (const FrameInFlight& f : m_Frames) waiting += f.uSize - f.uSent;
+    for (const FrameInFlight& f : m_Frames)
+        waiting += f.uSize - f.uSent;
     while (waiting > FIFO_BYTES && !m_Frames.empty()) {
         FrameInFlight& f = m_Frames.back();
         const uint32_t cut = uint32_t(std::min<uint64_t>(waiting - FIFO_BYTES, f.uSize - f.uSent));
         f.uSize -= cut;
         waiting -= cut;
-        if (f.bGood && !f.bStall) ++m_Counters.uSpoiled;
+        if (f.bGood && !f.bStall)
+            ++m_Counters.uSpoiled;
         f.bGood = false;
-        if (f.uSize == f.uSent) m_Frames.pop_back();
+        if (f.uSize == f.uSent)
+            m_Frames.pop_back();
     }
 
     FrameInFlight f;
     f.uFull = f.uSize = uint32_t(pixels->size());
     f.pixels = std::move(pixels);
-    if (f.uFull < 8) return;  // the marks would not fit on it
+    if (f.uFull < 8)
+        return;  // the marks would not fit on it
     ++m_Counters.uStarted;
 
     // Frame faults first: their count runs by frames.
@@ -225,7 +237,8 @@ void Camera::Emit(std::shared_ptr<const std::vector<uint8_t>> pixels)
     }
     bool send = true;
     uint32_t missing = 0;
-    if (fault(FaultKind::NoFrame)) send = false;
+    if (fault(FaultKind::NoFrame))
+        send = false;
     if (fault(FaultKind::ShortFrame, &missing)) {
         f.uSize -= std::min(missing, f.uSize);
         f.bGood = false;
@@ -265,7 +278,8 @@ void Camera::Emit(std::shared_ptr<const std::vector<uint8_t>> pixels)
     }
     if (f.bGood) {
         for (Fault& x : m_Faults)
-            if (x.kind < FaultKind::SlowControl && x.uAfterFrames) --x.uAfterFrames;
+            if (x.kind < FaultKind::SlowControl && x.uAfterFrames)
+                --x.uAfterFrames;
     } else {
         ++m_Counters.uSpoiled;
     }

@@ -1,9 +1,9 @@
 #include "virtual/SimOptions.h"
 
+#include <strings.h>
 #include <cstdio>
 #include <cstdlib>
 #include <limits>
-#include <strings.h>
 
 namespace kovsim {
 namespace {
@@ -12,7 +12,8 @@ std::vector<std::string> Split(const std::string& text, char at)
 {
     std::vector<std::string> out;
     size_t from = 0;
-    for (size_t to; (to = text.find(at, from)) != std::string::npos; from = to + 1) out.push_back(text.substr(from, to - from));
+    for (size_t to; (to = text.find(at, from)) != std::string::npos; from = to + 1)
+        out.push_back(text.substr(from, to - from));
     out.push_back(text.substr(from));
     return out;
 }
@@ -29,7 +30,8 @@ const ModelFacts* FindModel(const std::string& token)
     int count;
     const ModelFacts* models = AllModels(&count);
     for (int i = 0; i < count; ++i)
-        if (strcasecmp(models[i].sToken.c_str(), token.c_str()) == 0) return &models[i];
+        if (strcasecmp(models[i].sToken.c_str(), token.c_str()) == 0)
+            return &models[i];
     return nullptr;
 }
 
@@ -72,7 +74,8 @@ std::string SimHelp()
 bool ParseSimOptions(const std::string& text, SimOptions* options, std::string* error)
 {
     const auto fail = [&](const std::string& what) {
-        if (error) *error = what + "\n" + SimHelp();
+        if (error)
+            *error = what + "\n" + SimHelp();
         return false;
     };
     const auto parts = Split(text, ';');
@@ -80,7 +83,8 @@ bool ParseSimOptions(const std::string& text, SimOptions* options, std::string* 
     SimOptions result;
     std::string flash, serial;
     for (size_t i = 1; i < parts.size(); ++i) {
-        if (parts[i].empty()) continue;
+        if (parts[i].empty())
+            continue;
         const size_t eq = parts[i].find('=');
         const std::string name = parts[i].substr(0, eq), value = eq == std::string::npos ? "" : parts[i].substr(eq + 1);
         double number = 0;
@@ -89,21 +93,26 @@ bool ParseSimOptions(const std::string& text, SimOptions* options, std::string* 
         } else if (name == "scene") {
             std::string why;
             common.scene = Scene::Parse(value, &why);
-            if (!common.scene) return fail(why);
+            if (!common.scene)
+                return fail(why);
         } else if (name == "flash" && !value.empty()) {
             flash = value;
         } else if (name == "serial" && !value.empty() && value.size() <= 60) {
             serial = value;
         } else if (name == "rate") {
-            if (!Number(value, 0.001, 10000, &result.dRate)) return fail("rate: a number from 0.001 to 10000 expected");
+            if (!Number(value, 0.001, 10000, &result.dRate))
+                return fail("rate: a number from 0.001 to 10000 expected");
         } else if (name == "vanish") {
-            if (!Number(value, 1, 1e9, &number)) return fail("vanish: a number of frames from 1 on expected");
+            if (!Number(value, 1, 1e9, &number))
+                return fail("vanish: a number of frames from 1 on expected");
             result.uVanishAfter = uint32_t(number);
         } else {
             const NumberOption* known = nullptr;
             for (const NumberOption& o : g_Numbers)
-                if (name == o.szName) known = &o;
-            if (!known) return fail("unknown option \"" + parts[i] + "\"");
+                if (name == o.szName)
+                    known = &o;
+            if (!known)
+                return fail("unknown option \"" + parts[i] + "\"");
             if (!Number(value, known->dMin, known->dMax, &number))
                 return fail(name + ": \"" + value + "\" is no number within its limits");
             known->Set(common, number);
@@ -112,14 +121,17 @@ bool ParseSimOptions(const std::string& text, SimOptions* options, std::string* 
     const auto tokens = Split(parts[0], ',');
     for (size_t i = 0; i < tokens.size(); ++i) {
         const ModelFacts* model = FindModel(tokens[i]);
-        if (!model) return fail("unknown model \"" + tokens[i] + "\"");
+        if (!model)
+            return fail("unknown model \"" + tokens[i] + "\"");
         CameraSettings s = common;
         s.wProductId = model->wProductId;
         // Cameras that are alike must still be told apart.
         const std::string suffix = tokens.size() > 1 ? "." + std::to_string(i + 1) : "";
         s.uSeed += i;
-        if (!flash.empty()) s.sFlashFile = flash + suffix;
-        if (!serial.empty()) s.sSerial = serial + suffix;
+        if (!flash.empty())
+            s.sFlashFile = flash + suffix;
+        if (!serial.empty())
+            s.sSerial = serial + suffix;
         result.cameras.push_back(std::move(s));
     }
     *options = std::move(result);
@@ -134,15 +146,17 @@ void PlugAll(VirtualBus& bus, SimOptions options)
                          why.c_str());
         };
         settings.onSlow = [](const ModelFacts& facts, double rate, double asked) {
-            std::fprintf(stderr, "KOVSIM: this machine is too slow for %s: %.2g frames a second come, its registers ask for %.2g. "
-                                 "A smaller region, a longer exposure or a slower clock (rate=0.5) helps.\n",
+            std::fprintf(stderr,
+                         "KOVSIM: this machine is too slow for %s: %.2g frames a second come, its registers ask for %.2g. "
+                         "A smaller region, a longer exposure or a slower clock (rate=0.5) helps.\n",
                          facts.sToken.c_str(), rate, asked);
         };
         VirtualCamera& camera = bus.Plug(settings);
         const ModelFacts& facts = camera.Facts();
         const std::string warning =
             settings.scene ? settings.scene->Warning({ facts.iWidth, facts.iHeight, facts.dPixelUm }) : "";
-        if (!warning.empty()) std::fprintf(stderr, "KOVSIM: %s: %s\n", facts.sToken.c_str(), warning.c_str());
+        if (!warning.empty())
+            std::fprintf(stderr, "KOVSIM: %s: %s\n", facts.sToken.c_str(), warning.c_str());
         if (options.uVanishAfter > 0)
             camera.Inject({ FaultKind::Vanish, VANISH_MS, options.uVanishAfter, 1 });
     }

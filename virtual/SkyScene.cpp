@@ -17,7 +17,8 @@ std::vector<Star> ParseStars(const char* pText)
     std::vector<Star> stars;
     while (*pText) {
         const char* pEnd = pText;
-        while (*pEnd && *pEnd != '\n') ++pEnd;
+        while (*pEnd && *pEnd != '\n')
+            ++pEnd;
         const std::string sLine(pText, pEnd);
         Star s{ 0, 0, 0, 0, 0.6 };  // an unknown colour is taken as the sun's
         if (std::sscanf(sLine.c_str(), "%d,%lf,%lf,%lf,%lf", &s.iHip, &s.dRa, &s.dDec, &s.dMag, &s.dBV) >= 4)
@@ -35,7 +36,8 @@ const std::vector<Star>& Stars()
         std::set<int> seen;
         for (const char* const* pp = g_StarFiles; *pp; ++pp)
             for (const Star& s : ParseStars(*pp))
-                if (seen.insert(s.iHip).second) all->push_back(s);
+                if (seen.insert(s.iHip).second)
+                    all->push_back(s);
         return all;
     }();
     return *s_pStars;
@@ -45,18 +47,15 @@ namespace {
 
 constexpr double RAD = std::numbers::pi / 180;
 constexpr double ARCSEC = RAD / 3600;
-constexpr double SIGMA_OF_FWHM = 0.42466;        // 1 / (2 sqrt(2 ln 2))
-constexpr double ELECTRONS_OF_MAG0 = 5e9;        // a second and square metre, in green light
+constexpr double SIGMA_OF_FWHM = 0.42466;  // 1 / (2 sqrt(2 ln 2))
+constexpr double ELECTRONS_OF_MAG0 = 5e9;  // a second and square metre, in green light
 // Part of a star's light lies in a wider Gaussian: it stands for the wings that air and glass give a real star.
 constexpr float HALO_SHARE = 0.08f;
-constexpr double HALO_WIDTH = 3.5;               // over the core
+constexpr double HALO_WIDTH = 3.5;  // over the core
 constexpr double R_NM = 620, G_NM = 530, B_NM = 460;
 
 // Photons of a black body, any scale.
-double Planck(double nm, double kelvin)
-{
-    return 1 / (std::pow(nm, 4) * std::expm1(1.43878e7 / (nm * kelvin)));
-}
+double Planck(double nm, double kelvin) { return 1 / (std::pow(nm, 4) * std::expm1(1.43878e7 / (nm * kelvin))); }
 
 // Red and blue over green for a colour index; a star of 6000 K is white.
 void ColourOf(double bv, double* pRed, double* pBlue)
@@ -84,28 +83,29 @@ public:
         double focal = 0;  // mm, at which the first star comes onto the sensor
         for (const Spot& s : Spots())
             focal = std::max(focal, std::min(halfW / std::fabs(s.dRight), halfH / std::fabs(s.dDown)));
-        if (focal > m_View.dFocalMm) return {};
+        if (focal > m_View.dFocalMm)
+            return {};
         const auto distance = [this](const Star& s) {
             const double dec0 = m_View.dDec * RAD, dec = s.dDec * RAD;
-            return std::acos(std::clamp(std::sin(dec0) * std::sin(dec) +
-                                            std::cos(dec0) * std::cos(dec) * std::cos((s.dRa - m_View.dRa) * RAD), -1.0, 1.0)) / RAD;
+            return std::acos(std::clamp(
+                       std::sin(dec0) * std::sin(dec) + std::cos(dec0) * std::cos(dec) * std::cos((s.dRa - m_View.dRa) * RAD),
+                       -1.0, 1.0)) /
+                   RAD;
         };
-        const Star& nearest = *std::min_element(Stars().begin(), Stars().end(), [&](const Star& a, const Star& b) {
-            return distance(a) < distance(b);
-        });
+        const Star& nearest = *std::min_element(Stars().begin(), Stars().end(),
+                                                [&](const Star& a, const Star& b) { return distance(a) < distance(b); });
         char text[300];
         std::snprintf(text, sizeof text,
                       "no star known here falls on the sensor, %.2f x %.2f degrees at %g mm of focal length. The nearest, of "
                       "magnitude %.1f, is %.2f degrees away: take sky:%.3f,%.3f,%g, or a focal length of %g mm or less",
-                      2 * std::atan(halfW / m_View.dFocalMm) / RAD, 2 * std::atan(halfH / m_View.dFocalMm) / RAD,
-                      m_View.dFocalMm, nearest.dMag, distance(nearest), nearest.dRa, nearest.dDec, m_View.dFocalMm,
-                      std::floor(focal));
+                      2 * std::atan(halfW / m_View.dFocalMm) / RAD, 2 * std::atan(halfH / m_View.dFocalMm) / RAD, m_View.dFocalMm,
+                      nearest.dMag, distance(nearest), nearest.dRa, nearest.dDec, m_View.dFocalMm, std::floor(focal));
         return text;
     }
 
     void Render(const ScreenGeometry& g, int firstRow, int rows, Light* out) const override
     {
-        const double scale = PixelScale(g.dPixelUm);                       // arc seconds a pixel
+        const double scale = PixelScale(g.dPixelUm);  // arc seconds a pixel
         const double pxPerRad = m_View.dFocalMm * 1000 / g.dPixelUm;
         const float sky = float(m_dZero * std::pow(10, -0.4 * m_View.dSkyMag) * scale * scale);
         std::fill_n(out, size_t(rows) * size_t(g.iWidth), Light{ sky, sky, sky * 1.1f });  // a moonless sky is bluish
@@ -117,7 +117,8 @@ public:
         for (const Spot& s : Spots()) {
             const double x = (g.iWidth - 1) / 2.0 + s.dRight * pxPerRad + g.dShiftX / scale;
             const double y = (g.iHeight - 1) / 2.0 + s.dDown * pxPerRad + g.dShiftY / scale;
-            if (x < -reach || x > g.iWidth + reach || y < firstRow - reach || y > firstRow + rows + reach) continue;
+            if (x < -reach || x > g.iWidth + reach || y < firstRow - reach || y > firstRow + rows + reach)
+                continue;
             const int cx = int(std::lround(x)), cy = int(std::lround(y));
             Weights(x, cx, sigma, reach, 1 - HALO_SHARE, coreX);
             Weights(y, cy, sigma, reach, 1, coreY);
@@ -154,10 +155,10 @@ private:
             for (const Star& s : Stars()) {
                 const double ra = s.dRa * RAD, dec = s.dDec * RAD;
                 const double cosC = std::sin(dec0) * std::sin(dec) + std::cos(dec0) * std::cos(dec) * std::cos(ra - ra0);
-                if (cosC < 0.2) continue;  // nothing images 78 degrees off its axis
+                if (cosC < 0.2)
+                    continue;  // nothing images 78 degrees off its axis
                 const double xi = std::cos(dec) * std::sin(ra - ra0) / cosC;
-                const double eta =
-                    (std::cos(dec0) * std::sin(dec) - std::sin(dec0) * std::cos(dec) * std::cos(ra - ra0)) / cosC;
+                const double eta = (std::cos(dec0) * std::sin(dec) - std::sin(dec0) * std::cos(dec) * std::cos(ra - ra0)) / cosC;
                 Spot p;
                 p.dRight = -(xi * cosRot - eta * sinRot);
                 p.dDown = -(xi * sinRot + eta * cosRot);

@@ -6,37 +6,51 @@ namespace kovsim {
 namespace {
 
 // A register whose value follows the read-out mode: 12 or 14 bits, binned by the sensor, fast with 10 bits.
-struct ModeReg { uint16_t reg; uint8_t full, bin, fast; };
+struct ModeReg {
+    uint16_t reg;
+    uint8_t full, bin, fast;
+};
 
 // Codes of the clock-select register. The clock is the one that line lengths are counted in; a line shorter than the
 // converter needs gives no picture.
-struct ClockRow { uint8_t code; bool bBin; double dKHz; uint16_t minLine, minLineFast; };
+struct ClockRow {
+    uint8_t code;
+    bool bBin;
+    double dKHz;
+    uint16_t minLine, minLineFast;
+};
 
 enum class Format : uint8_t { Fpga10, Jasper, LapisOld };
 
 struct SonyTraits {
     Format format = Format::Fpga10;
-    uint16_t x = 0, y = 0, w = 0, h = 0;           // window, two bytes each
-    uint16_t hold = 0;                             // its page holds the standby register too
-    uint16_t shutter = 0;   int shutterBytes = 0;
-    uint32_t lead = 0;                             // lines at the end of a frame that never expose
-    double t0 = 0, t016 = 0, t0Fast = 0;           // us of exposure beyond whole lines: 8 bits, 16 bits, fast
-    uint16_t gain = 0;      int gainBytes = 0;  double gainDb = 0;   // dB a step
-    uint16_t gain2 = 0;                            // second amplifier in the same steps
-    bool bBoost = false;                           // bit 4 of the clock register adds 6 dB
+    uint16_t x = 0, y = 0, w = 0, h = 0;  // window, two bytes each
+    uint16_t hold = 0;                    // its page holds the standby register too
+    uint16_t shutter = 0;
+    int shutterBytes = 0;
+    uint32_t lead = 0;                    // lines at the end of a frame that never expose
+    double t0 = 0, t016 = 0, t0Fast = 0;  // us of exposure beyond whole lines: 8 bits, 16 bits, fast
+    uint16_t gain = 0;
+    int gainBytes = 0;
+    double gainDb = 0;    // dB a step
+    uint16_t gain2 = 0;   // second amplifier in the same steps
+    bool bBoost = false;  // bit 4 of the clock register adds 6 dB
     uint16_t black = 0;
-    uint16_t clock = 0;     uint8_t clockMask = 0xFF;
-    uint16_t clock2 = 0;                           // has to repeat the clock register
-    uint16_t frameReg = 0;  int frameBytes = 0;  uint16_t lineReg = 0;   // 0: the FPGA's
-    uint16_t syncStop = 0, syncOut = 0;            // master: started by 0 and 10; 0: slave of the FPGA
-    bool bBridgeClock = false;                     // clocked by the bridge, request 175
-    uint32_t blank = 0;                            // lines of a frame beyond those sent
-    int skipX = 0, skipXBin = 0, skipY = 0, skipYBin = 0;   // due in FPGA 2, 3 and 6, 7; another value shifts; -1: unused
-    int binMargin = 0;                             // columns that the window has to be wider when binned
-    bool bCuts = false;                            // the FPGA may be told a third of the window, see DecodeWindow
+    uint16_t clock = 0;
+    uint8_t clockMask = 0xFF;
+    uint16_t clock2 = 0;  // has to repeat the clock register
+    uint16_t frameReg = 0;
+    int frameBytes = 0;
+    uint16_t lineReg = 0;                                  // 0: the FPGA's
+    uint16_t syncStop = 0, syncOut = 0;                    // master: started by 0 and 10; 0: slave of the FPGA
+    bool bBridgeClock = false;                             // clocked by the bridge, request 175
+    uint32_t blank = 0;                                    // lines of a frame beyond those sent
+    int skipX = 0, skipXBin = 0, skipY = 0, skipYBin = 0;  // due in FPGA 2, 3 and 6, 7; another value shifts; -1: unused
+    int binMargin = 0;                                     // columns that the window has to be wider when binned
+    bool bCuts = false;                                    // the FPGA may be told a third of the window, see DecodeWindow
     int binShiftX = 0;
     uint16_t fpgaR = 12, fpgaB = 15;
-    std::span<const Need> bins = {};               // registers and values of 2x2
+    std::span<const Need> bins = {};  // registers and values of 2x2
     std::span<const Need> needs = {};
     std::span<const ModeReg> modes = {};
     std::span<const ClockRow> clocks = {};
@@ -57,13 +71,12 @@ constexpr Need g_QuartzNeeds[] = {
     { 0x3007, 0x40, 0, szCrop },     { 0x3002, 1, 0, szSlave },       { 0x304B, 0, 10, szSlave },
 };
 constexpr Need g_OnyxNeeds[] = {
-    { 0x3003, 1, 0, szReset },   { 0x3036, 8, 20, szMargin }, { 0x3007, 0x40, 0, szCrop },
-    { 0x3002, 1, 0, szSlave },   { 0x3049, 0, 10, szSlave },
+    { 0x3003, 1, 0, szReset }, { 0x3036, 8, 20, szMargin }, { 0x3007, 0x40, 0, szCrop },
+    { 0x3002, 1, 0, szSlave }, { 0x3049, 0, 10, szSlave },
 };
 constexpr Need g_NephriteNeeds[] = {
-    { 0x3003, 1, 0, szReset },   { 0x305E, 0x20, 0x10, szInput }, { 0x3063, 0x74, 0x54, szInput },
-    { 0x3036, 12, 20, szMargin }, { 0x3007, 0x40, 0, szCrop },    { 0x3002, 1, 0, szSlave },
-    { 0x3049, 0, 10, szSlave },
+    { 0x3003, 1, 0, szReset },   { 0x305E, 0x20, 0x10, szInput }, { 0x3063, 0x74, 0x54, szInput }, { 0x3036, 12, 20, szMargin },
+    { 0x3007, 0x40, 0, szCrop }, { 0x3002, 1, 0, szSlave },       { 0x3049, 0, 10, szSlave },
 };
 constexpr Need g_JasperNeeds[] = { { 0x3003, 1, 0, szReset }, { 0x3007, 0x40, 0, szCrop } };
 constexpr Need g_MarbleNeeds[] = {
@@ -71,42 +84,56 @@ constexpr Need g_MarbleNeeds[] = {
     { 0x31A5, 1, 0, szCrop },  { 0x3008, 1, 0, szSlave }, { 0x305E, 0, 10, szSlave },
 };
 constexpr Need g_LapisNeeds[] = {
-    { 0x0300, 3, 0, szCrop }, { 0x0213, 0, 1, szReset }, { 0x0212, 1, 0, szSlave }, { 0x022E, 0, 10, szSlave },
+    { 0x0300, 3, 0, szCrop },
+    { 0x0213, 0, 1, szReset },
+    { 0x0212, 1, 0, szSlave },
+    { 0x022E, 0, 10, szSlave },
 };
 constexpr Need g_LapisOldNeeds[] = { { 0x0300, 3, 0, szCrop }, { 0x0213, 0, 1, szReset } };
 
 constexpr ModeReg g_QuartzModes[] = {
-    { 0x3046, 0xF1, 0xF1, 0xF0 }, { 0x3005, 1, 0, 0 },       { 0x3129, 0, 0, 0x1D },
+    { 0x3046, 0xF1, 0xF1, 0xF0 }, { 0x3005, 1, 0, 0 },          { 0x3129, 0, 0, 0x1D },
     { 0x317C, 0, 0, 0x12 },       { 0x31EC, 0x0E, 0x0E, 0x37 },
 };
 constexpr ModeReg g_OnyxModes[] = { { 0x3044, 0xE1, 0xE1, 0xE0 }, { 0x3005, 1, 0, 0 } };
 constexpr ModeReg g_NephriteModes[] = { { 0x3044, 0x61, 0x61, 0x60 }, { 0x3005, 1, 0, 0 } };
 constexpr ModeReg g_MarbleModes[] = { { 0x300D, 2, 9, 0 }, { 0x3059, 2, 2, 0 } };
 constexpr ModeReg g_LapisModes[] = {
-    { 0x021C, 0x11, 0x11, 0x10 }, { 0x0214, 1, 1, 0 },          { 0x02BC, 0x10, 0x10, 0x30 },
-    { 0x02BF, 0x20, 0x20, 0x40 }, { 0x02C0, 2, 2, 1 },          { 0x02C6, 3, 3, 1 },
-    { 0x02D2, 0x0F, 0x0F, 5 },    { 0x0412, 0x20, 0x20, 0x40 }, { 0x0413, 0x20, 0x20, 0x40 },
-    { 0x041A, 8, 8, 0x0F },       { 0x0568, 0x11, 0x11, 0x22 }, { 0x0575, 0x0F, 0x0F, 0x0B },
+    { 0x021C, 0x11, 0x11, 0x10 }, { 0x0214, 1, 1, 0 },    { 0x02BC, 0x10, 0x10, 0x30 }, { 0x02BF, 0x20, 0x20, 0x40 },
+    { 0x02C0, 2, 2, 1 },          { 0x02C6, 3, 3, 1 },    { 0x02D2, 0x0F, 0x0F, 5 },    { 0x0412, 0x20, 0x20, 0x40 },
+    { 0x0413, 0x20, 0x20, 0x40 }, { 0x041A, 8, 8, 0x0F }, { 0x0568, 0x11, 0x11, 0x22 }, { 0x0575, 0x0F, 0x0F, 0x0B },
 };
 
 constexpr ClockRow g_QuartzClocks[] = {
-    { 0, false, 37124, 406, 196 }, { 1, false, 18562, 203, 98 }, { 2, false, 9281, 203, 98 }, { 0, true, 9281, 145, 145 },
+    { 0, false, 37124, 406, 196 },
+    { 1, false, 18562, 203, 98 },
+    { 2, false, 9281, 203, 98 },
+    { 0, true, 9281, 145, 145 },
 };
 constexpr ClockRow g_OnyxClocks[] = {
-    { 0, false, 37124, 584, 249 }, { 1, false, 18562, 292, 125 }, { 2, false, 9281, 292, 125 }, { 0, true, 9281, 145, 145 },
+    { 0, false, 37124, 584, 249 },
+    { 1, false, 18562, 292, 125 },
+    { 2, false, 9281, 292, 125 },
+    { 0, true, 9281, 145, 145 },
 };
 constexpr ClockRow g_NephriteClocks[] = {
-    { 0, false, 18560, 276, 138 }, { 1, false, 9280, 138, 69 }, { 2, false, 4640, 138, 69 }, { 0, true, 4640, 69, 69 },
+    { 0, false, 18560, 276, 138 },
+    { 1, false, 9280, 138, 69 },
+    { 2, false, 4640, 138, 69 },
+    { 0, true, 4640, 69, 69 },
 };
 // Lines count periods of 148.5 MHz whatever the code; the code only says how short a line may be.
 constexpr ClockRow g_JasperClocks[] = {
-    { 0, false, 148500, 2200, 1100 }, { 1, false, 148500, 2200, 2200 }, { 2, false, 148500, 4400, 4400 },
+    { 0, false, 148500, 2200, 1100 },
+    { 1, false, 148500, 2200, 2200 },
+    { 2, false, 148500, 4400, 4400 },
     { 0, true, 148500, 2200, 2200 },
 };
 constexpr ClockRow g_MarbleClocks[] = { { 0x30, false, 27000, 419, 210 }, { 0x32, true, 6750, 73, 73 } };
 constexpr ClockRow g_LapisClocks[] = { { 0x20, false, 37125, 230, 181 } };
 constexpr ClockRow g_LapisOldClocks[] = { { 0x20, false, 74250, 462, 360 }, { 5, false, 13920, 462, 360 } };
 
+// clang-format off
 constexpr SonyTraits g_Quartz = {
     .format = Format::Fpga10, .x = 0x3040, .y = 0x303C, .w = 0x3042, .h = 0x303E, .hold = 0x3001,
     .shutter = 0x3020, .shutterBytes = 3, .lead = 1, .gain = 0x3014, .gainBytes = 1, .gainDb = 0.3, .bBoost = true,
@@ -114,6 +141,7 @@ constexpr SonyTraits g_Quartz = {
     .skipX = 0, .skipXBin = 0, .skipY = 9, .skipYBin = 9, .fpgaR = 12, .fpgaB = 15,
     .bins = g_Bin3006, .needs = g_QuartzNeeds, .modes = g_QuartzModes, .clocks = g_QuartzClocks,
 };
+// clang-format on
 constexpr SonyTraits MakeOnyx(bool bPyrite)
 {
     SonyTraits t = g_Quartz;
@@ -145,11 +173,12 @@ constexpr SonyTraits MakeJasper()
     t.syncStop = 0x3002, t.syncOut = 0x3049;
     t.bBridgeClock = false, t.blank = 21;
     t.skipXBin = 4, t.skipY = 13, t.skipYBin = 7, t.binMargin = 4;
-    t.fpgaR = 14, t.fpgaB = 13;   // its cell begins with the row of the blue pixels
+    t.fpgaR = 14, t.fpgaB = 13;  // its cell begins with the row of the blue pixels
     t.needs = g_JasperNeeds, t.modes = g_NephriteModes, t.clocks = g_JasperClocks;
     return t;
 }
 constexpr SonyTraits g_Jasper = MakeJasper();
+// clang-format off
 constexpr SonyTraits g_Marble = {
     .format = Format::Fpga10, .x = 0x319C, .y = 0x31A0, .w = 0x319E, .h = 0x31A2, .hold = 0x3007,
     .shutter = 0x3034, .shutterBytes = 3, .t0 = 0.36, .t016 = 0.28, .t0Fast = 0.36,
@@ -167,6 +196,7 @@ constexpr SonyTraits g_Lapis = {
     .skipX = 0, .skipXBin = 0, .skipY = 11, .skipYBin = 11, .fpgaR = 12, .fpgaB = 15,
     .needs = g_LapisNeeds, .modes = g_LapisModes, .clocks = g_LapisClocks,
 };
+// clang-format on
 constexpr SonyTraits MakeLapisOld()
 {
     SonyTraits t = g_Lapis;
@@ -183,7 +213,10 @@ class SonyProfile final : public SensorProfile {
 public:
     SonyProfile(const ModelFacts& facts, uint8_t bFirmware, const SonyTraits& t)
         : SensorProfile(facts, bFirmware,
-                        { .bBytes = true, .iHold = t.hold, .bFpga = true, .bFpgaHold = t.format == Format::Fpga10,
+                        { .bBytes = true,
+                          .iHold = t.hold,
+                          .bFpga = true,
+                          .bFpgaHold = t.format == Format::Fpga10,
                           .bClockRuns = !t.bBridgeClock }),
           t(t)
     {
@@ -197,8 +230,9 @@ private:
     void Reset() override
     {
         SetReset(t.needs);
-        m_Sensor.Put(t.hold & 0xFF00, 1);   // standby
-        if (t.syncStop != 0) m_Sensor.Put(t.syncStop, 1);
+        m_Sensor.Put(t.hold & 0xFF00, 1);  // standby
+        if (t.syncStop != 0)
+            m_Sensor.Put(t.syncStop, 1);
     }
 
     void Decode(Readout& r) const override
@@ -213,7 +247,8 @@ private:
         for (const ModeReg& mode : t.modes)
             if (s[mode.reg] != (bFast ? mode.fast : r.iBin == 2 ? mode.bin : mode.full))
                 Fail(r, "converter and output format disagree on the bits");
-        if (bFast && r.iBin == 2) Fail(r, "the fast output cannot carry binned samples");
+        if (bFast && r.iBin == 2)
+            Fail(r, "the fast output cannot carry binned samples");
         DecodeTiming(r, bFast);
         const uint32_t steps = s.Bytes(t.gain, t.gainBytes) + (t.gain2 != 0 ? s[t.gain2] : 0u);
         r.dGain = FromDb(steps * t.gainDb + (t.bBoost && (s[t.clock] & 0x10) != 0 ? 6 : 0));
@@ -225,10 +260,13 @@ private:
     bool DecodeFormat(Readout& r) const
     {
         uint16_t format = t.format == Format::Fpga10 ? m_Fpga[10] : m_Fpga[1];
-        if (t.format == Format::Jasper && format == 5) format = 17;
-        if (format != 0 && format != 1 && format != 17) Fail(r, "unknown output format");
+        if (t.format == Format::Jasper && format == 5)
+            format = 17;
+        if (format != 0 && format != 1 && format != 17)
+            Fail(r, "unknown output format");
         r.samples = format == 17 ? Samples::Bits16 : Samples::Bits8;
-        if (t.format != Format::Fpga10 && m_Fpga[10] != (format == 17 ? 1 : 0)) Fail(r, "output format and word width disagree");
+        if (t.format != Format::Fpga10 && m_Fpga[10] != (format == 17 ? 1 : 0))
+            Fail(r, "output format and word width disagree");
         return format == 0;
     }
 
@@ -240,7 +278,8 @@ private:
             nOff += m_Sensor[bin.reg] == 0;
         }
         r.iBin = nSet == t.bins.size() && nSet != 0 ? 2 : 1;
-        if (r.iBin == 1 && nOff != t.bins.size()) Fail(r, "unknown binning mode");
+        if (r.iBin == 1 && nOff != t.bins.size())
+            Fail(r, "unknown binning mode");
         const bool bBin = r.iBin == 2;
         r.iX = static_cast<int>(m_Sensor.Bytes(t.x, 2));
         r.iY = static_cast<int>(m_Sensor.Bytes(t.y, 2));
@@ -256,12 +295,14 @@ private:
         // Onyx keeps the FPGA at a third of the window when a host asks for bins of 3 with the hardware path chosen: the
         // FPGA sends the corner of the full-resolution picture.
         const bool bCut = t.bCuts && !bBin && r.iW == 3 * r.iOutW && r.iH == 3 * r.iOutH;
-        if (!bCut && (r.iW != r.iOutW * r.iBin || r.iH != r.iOutH * r.iBin)) Fail(r, "sensor and FPGA are told different sizes");
+        if (!bCut && (r.iW != r.iOutW * r.iBin || r.iH != r.iOutH * r.iBin))
+            Fail(r, "sensor and FPGA are told different sizes");
         if (t.skipX >= 0) {
             r.iX += (static_cast<int>(m_Fpga.Bytes(2, 2)) - (bBin ? t.skipXBin : t.skipX)) * r.iBin;
             r.iY += (static_cast<int>(m_Fpga.Bytes(6, 2)) - (bBin ? t.skipYBin : t.skipY)) * r.iBin;
         }
-        if (bBin) r.iShiftX[0] = r.iShiftX[1] = t.binShiftX;
+        if (bBin)
+            r.iShiftX[0] = r.iShiftX[1] = t.binShiftX;
     }
 
     void DecodeTiming(Readout& r, bool bFast) const
@@ -272,13 +313,19 @@ private:
         const double t0 = bFast ? t.t0Fast : r.samples == Samples::Bits16 ? t.t016 : t.t0;
         const ClockRow* pClock = nullptr;
         for (const ClockRow& row : t.clocks)
-            if (row.code == (s[t.clock] & t.clockMask) && row.bBin == (r.iBin == 2)) pClock = &row;
-        if (pClock == nullptr) return Fail(r, "the clock does not fit the mode");
-        if (t.clock2 != 0 && s[t.clock2] != s[t.clock]) Fail(r, "the two clock dividers differ");
-        if (line < (bFast ? pClock->minLineFast : pClock->minLine)) Fail(r, "the line is too short for the converter");
-        if (frame < static_cast<uint32_t>(r.iOutH) + t.blank) Fail(r, "the frame is too short for the window");
+            if (row.code == (s[t.clock] & t.clockMask) && row.bBin == (r.iBin == 2))
+                pClock = &row;
+        if (pClock == nullptr)
+            return Fail(r, "the clock does not fit the mode");
+        if (t.clock2 != 0 && s[t.clock2] != s[t.clock])
+            Fail(r, "the two clock dividers differ");
+        if (line < (bFast ? pClock->minLineFast : pClock->minLine))
+            Fail(r, "the line is too short for the converter");
+        if (frame < static_cast<uint32_t>(r.iOutH) + t.blank)
+            Fail(r, "the frame is too short for the window");
         Timing(r, pClock->dKHz, line, frame, s.Bytes(t.shutter, t.shutterBytes), t.lead, t0);
-        if (m_Facts.sToken.starts_with("Lapis") && s[0x022A] == 1) CheckPulses(r, frame);
+        if (m_Facts.sToken.starts_with("Lapis") && s[0x022A] == 1)
+            CheckPulses(r, frame);
     }
 
     // The shutter pulses of long frames: two pairs of first and last line.
@@ -286,8 +333,8 @@ private:
     {
         const uint32_t first = static_cast<uint32_t>(r.iH) + 38, last = frame - 18 > 0xFFFFF ? 0xFFFFF : frame - 18;
         const Registers& s = m_Sensor;
-        if (s[0x025C] != 0xFF || s.Bytes(0x0244, 3) != first || s.Bytes(0x024A, 3) != first ||
-            s.Bytes(0x0247, 3) != last || s.Bytes(0x024D, 3) != last)
+        if (s[0x025C] != 0xFF || s.Bytes(0x0244, 3) != first || s.Bytes(0x024A, 3) != first || s.Bytes(0x0247, 3) != last ||
+            s.Bytes(0x024D, 3) != last)
             Fail(r, "the shutter pulses do not fit the frame");
     }
 
@@ -298,12 +345,21 @@ private:
 
 std::unique_ptr<Profile> MakeSony(const ModelFacts& facts, uint8_t bFirmware)
 {
-    const struct { const char* szFamily; const SonyTraits& t; } families[] = {
-        { "Quartz", g_Quartz }, { "Onyx", g_Onyx },     { "Pyrite", g_Pyrite }, { "Nephrite", g_Nephrite },
-        { "Jasper", g_Jasper }, { "Marble", g_Marble }, { "Lapis", bFirmware < 18 ? g_LapisOld : g_Lapis },
+    const struct {
+        const char* szFamily;
+        const SonyTraits& t;
+    } families[] = {
+        { "Quartz", g_Quartz },
+        { "Onyx", g_Onyx },
+        { "Pyrite", g_Pyrite },
+        { "Nephrite", g_Nephrite },
+        { "Jasper", g_Jasper },
+        { "Marble", g_Marble },
+        { "Lapis", bFirmware < 18 ? g_LapisOld : g_Lapis },
     };
     for (const auto& family : families)
-        if (facts.sToken.starts_with(family.szFamily)) return std::make_unique<SonyProfile>(facts, bFirmware, family.t);
+        if (facts.sToken.starts_with(family.szFamily))
+            return std::make_unique<SonyProfile>(facts, bFirmware, family.t);
     return nullptr;
 }
 

@@ -35,15 +35,13 @@ uint8_t ThermistorReading(double celsius)
     int best = 1;
     for (int ad = 1; ad < 256; ++ad) {
         const auto off = [&](int v) { return std::fabs(s_Curve.Celsius(10.0 * v / (256 - v)) - celsius); };
-        if (off(ad) < off(best)) best = ad;
+        if (off(ad) < off(best))
+            best = ad;
     }
     return uint8_t(best);
 }
 
-uint16_t DigitalReading(double celsius)
-{
-    return uint16_t(int(std::lround(std::clamp(celsius, -128.0, 127.9) * 16)) & 0xFFF);
-}
+uint16_t DigitalReading(double celsius) { return uint16_t(int(std::lround(std::clamp(celsius, -128.0, 127.9) * 16)) & 0xFFF); }
 
 double Thermal::At(double seconds)
 {

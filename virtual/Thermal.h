@@ -4,8 +4,8 @@
 
 namespace kovsim {
 
-constexpr double COOLER_KELVIN = 40;      // below the surroundings at full power
-constexpr double COOLER_SECONDS = 60;     // time constant of the cold side
+constexpr double COOLER_KELVIN = 40;   // below the surroundings at full power
+constexpr double COOLER_SECONDS = 60;  // time constant of the cold side
 constexpr int DA_OFF = 255, DA_FULL = 40;
 
 // Share of the full power that a code of the cooler's converter gives: a lower code drives more.

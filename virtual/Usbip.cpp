@@ -80,9 +80,20 @@ struct DeviceRecord {
         const auto d = GetDescriptor(source, 1, 18), c = GetDescriptor(source, 2, 18);
         const auto word = [&](size_t at) { return uint32_t(d[at] | d[at + 1] << 8); };
         Writer w;
-        w.Text("/sys/devices/kovsim/" + e.sBusId, PATH).Text(e.sBusId, BUS_ID).U32(e.info.bBus).U32(e.info.bAddress)
-            .U32(e.info.speed == usbstack::Speed::Super ? SUPER : HIGH).U16(word(8)).U16(word(10)).U16(word(12))
-            .U8(d[4]).U8(d[5]).U8(d[6]).U8(c[5]).U8(d[17]).U8(c[4]);
+        w.Text("/sys/devices/kovsim/" + e.sBusId, PATH)
+            .Text(e.sBusId, BUS_ID)
+            .U32(e.info.bBus)
+            .U32(e.info.bAddress)
+            .U32(e.info.speed == usbstack::Speed::Super ? SUPER : HIGH)
+            .U16(word(8))
+            .U16(word(10))
+            .U16(word(12))
+            .U8(d[4])
+            .U8(d[5])
+            .U8(d[6])
+            .U8(c[5])
+            .U8(d[17])
+            .U8(c[4]);
         device = w.bytes;
         firstInterface = { c[14], c[15], c[16], 0 };
     }
@@ -129,7 +140,8 @@ UsbipSession::UsbipSession(UsbipExports& exports, std::function<void()> wake) : 
 
 UsbipSession::~UsbipSession()
 {
-    if (!m_Device) return;
+    if (!m_Device)
+        return;
     m_Device->Replug();
     m_Device.reset();  // from here on nothing completes any more
     std::lock_guard lock(m_Exports.m_Mutex);
@@ -138,7 +150,8 @@ UsbipSession::~UsbipSession()
 
 bool UsbipSession::End(std::string sWhy)
 {
-    if (m_sEnded.empty()) m_sEnded = std::move(sWhy);
+    if (m_sEnded.empty())
+        m_sEnded = std::move(sWhy);
     return false;
 }
 
@@ -149,7 +162,8 @@ bool UsbipSession::Receive(std::span<const uint8_t> bytes)
     while (m_sEnded.empty()) {
         const std::span<const uint8_t> rest(m_In.data() + at, m_In.size() - at);
         const size_t n = m_Device ? TakeCommand(rest) : TakeOperation(rest);
-        if (n == 0) break;
+        if (n == 0)
+            break;
         at += n;
     }
     m_In.erase(m_In.begin(), m_In.begin() + std::ptrdiff_t(at));
@@ -160,15 +174,19 @@ bool UsbipSession::Receive(std::span<const uint8_t> bytes)
 
 size_t UsbipSession::TakeOperation(std::span<const uint8_t> in)
 {
-    if (in.size() < OPERATION) return 0;
+    if (in.size() < OPERATION)
+        return 0;
     const unsigned version = Get16(&in[0]), code = Get16(&in[2]);
-    if (version != VERSION) return End("does not speak USB/IP 1.1.1");
+    if (version != VERSION)
+        return End("does not speak USB/IP 1.1.1");
     if (code == REQ_DEVLIST) {
         AnswerList();
         return OPERATION;
     }
-    if (code != REQ_IMPORT) return End("asks for the unknown operation " + std::to_string(code));
-    if (in.size() < OPERATION + BUS_ID) return 0;
+    if (code != REQ_IMPORT)
+        return End("asks for the unknown operation " + std::to_string(code));
+    if (in.size() < OPERATION + BUS_ID)
+        return 0;
     const char* const id = reinterpret_cast<const char*>(&in[OPERATION]);
     Import(std::string(id, strnlen(id, BUS_ID)));
     return OPERATION + BUS_ID;
@@ -180,7 +198,8 @@ void UsbipSession::AnswerList()
     uint32_t count = 0;
     for (const auto& e : m_Exports.List()) {
         const auto device = e.bTaken ? nullptr : m_Exports.m_Bus.OpenDevice(e.info.sPath);
-        if (!device) continue;
+        if (!device)
+            continue;
         const DeviceRecord record(e, *device);
         w.bytes.insert(w.bytes.end(), record.device.begin(), record.device.end());
         w.bytes.insert(w.bytes.end(), record.firstInterface.begin(), record.firstInterface.end());
@@ -201,7 +220,8 @@ void UsbipSession::Import(const std::string& sBusId)
         status = m_Exports.m_Taken.insert(sBusId).second ? ST_OK : ST_BUSY;
     }
     Put(Writer().U16(VERSION).U16(REQ_IMPORT & REPLY).U32(status).bytes);
-    if (status != ST_OK) return;
+    if (status != ST_OK)
+        return;
     m_Device = std::move(device);
     m_sBusId = sBusId;
     m_uDeviceId = uint32_t(e->info.bBus) << 16 | e->info.bAddress;
@@ -212,31 +232,42 @@ void UsbipSession::Import(const std::string& sBusId)
 
 size_t UsbipSession::TakeCommand(std::span<const uint8_t> in)
 {
-    if (in.size() < HEADER) return 0;
+    if (in.size() < HEADER)
+        return 0;
     const auto field = [&](size_t i) { return Get32(&in[4 * i]); };
     const uint32_t command = field(0), sequence = field(1), isIn = field(3), endpoint = field(4), flags = field(5),
                    length = field(6), packets = field(8);
     const auto refuse = [&](const char* szWhat) { return End("request " + std::to_string(sequence) + " " + szWhat); };
-    if (field(2) != m_uDeviceId) return refuse("is for another device");
+    if (field(2) != m_uDeviceId)
+        return refuse("is for another device");
     if (command == CMD_UNLINK) {
         Unlink(sequence, field(5));
         return HEADER;
     }
-    if (command != CMD_SUBMIT) return refuse("is neither submit nor unlink");
-    if (isIn > 1) return refuse("has no direction");
-    if (packets != 0 && packets != NO_PACKETS) return refuse("is isochronous");
+    if (command != CMD_SUBMIT)
+        return refuse("is neither submit nor unlink");
+    if (isIn > 1)
+        return refuse("has no direction");
+    if (packets != 0 && packets != NO_PACKETS)
+        return refuse("is isochronous");
     if (endpoint == 0) {
         const uint8_t* const setup = &in[SETUP];
         const uint32_t wanted = uint32_t(setup[6] | setup[7] << 8);
-        if (length != wanted || (length && isIn != uint32_t(setup[0] >> 7))) return refuse("contradicts its own setup packet");
+        if (length != wanted || (length && isIn != uint32_t(setup[0] >> 7)))
+            return refuse("contradicts its own setup packet");
         const size_t data = isIn ? 0 : length;
-        if (in.size() < HEADER + data) return 0;
-        if (m_Late.size() >= MAX_WAITING) return refuse("is one too many");
+        if (in.size() < HEADER + data)
+            return 0;
+        if (m_Late.size() >= MAX_WAITING)
+            return refuse("is one too many");
         return SubmitControl(in.first(HEADER), in.subspan(HEADER, data)) ? HEADER + data : 0;
     }
-    if (endpoint != BULK_NUMBER || !isIn) return refuse("is for an endpoint that there is not");
-    if (length > MAX_TRANSFER) return refuse("asks for more than 64 MiB");
-    if (m_Waiting.size() + m_Transfers.size() >= MAX_WAITING) return refuse("is one too many");
+    if (endpoint != BULK_NUMBER || !isIn)
+        return refuse("is for an endpoint that there is not");
+    if (length > MAX_TRANSFER)
+        return refuse("asks for more than 64 MiB");
+    if (m_Waiting.size() + m_Transfers.size() >= MAX_WAITING)
+        return refuse("is one too many");
     m_Waiting.push_back({ sequence, length, (flags & SHORT_NOT_OK) != 0 });
     return HEADER;
 }
@@ -247,7 +278,8 @@ bool UsbipSession::SubmitControl(std::span<const uint8_t> header, std::span<cons
     std::copy_n(header.begin() + SETUP, setup.size(), setup.begin());
     const uint32_t sequence = Get32(&header[4]), length = Get32(&header[24]);
     UsbDevice::Answer answer = m_Device->Control(setup, { data.begin(), data.end() });
-    if (answer.status == Status::Gone) return End("the camera was pulled out");
+    if (answer.status == Status::Gone)
+        return End("the camera was pulled out");
     const bool asks = (setup[0] & 0x80) != 0, ok = answer.status == Status::Ok;
     const bool is_short = asks && answer.data.size() < length && (Get32(&header[20]) & SHORT_NOT_OK);
     const uint32_t moved = !ok ? 0 : asks ? uint32_t(answer.data.size()) : length;
@@ -263,16 +295,19 @@ bool UsbipSession::SubmitControl(std::span<const uint8_t> header, std::span<cons
 // True: the request had not completed, and now never will.
 bool UsbipSession::TakeBack(uint32_t uVictim)
 {
-    if (std::erase_if(m_Waiting, [&](const Waiting& w) { return w.uSequence == uVictim; })) return true;
+    if (std::erase_if(m_Waiting, [&](const Waiting& w) { return w.uSequence == uVictim; }))
+        return true;
     for (auto it = m_Late.begin(); it != m_Late.end(); ++it) {
-        if (it->uSequence != uVictim) continue;
+        if (it->uSequence != uVictim)
+            continue;
         m_Device->NoteLostReply();
         m_uMoving -= it->reply.size();
         m_Late.erase(it);
         return true;
     }
     const auto it = std::find_if(m_Transfers.begin(), m_Transfers.end(), [&](const auto& t) { return t->uSequence == uVictim; });
-    if (it == m_Transfers.end()) return false;
+    if (it == m_Transfers.end())
+        return false;
     Transfer& t = **it;
     m_Device->Unlink(&t.request);
     return t.status == Status::Cancelled;
@@ -309,7 +344,8 @@ void UsbipSession::Reap()
     }
     for (Transfer* t : ready) {
         const auto it = std::find_if(m_Transfers.begin(), m_Transfers.end(), [&](const auto& p) { return p.get() == t; });
-        if (t->status == Status::Gone) End("the camera was pulled out");
+        if (t->status == Status::Gone)
+            End("the camera was pulled out");
         if (t->status == Status::Cancelled || t->status == Status::Gone) {
             m_uMoving -= t->Cost();
         } else {
@@ -328,7 +364,8 @@ void UsbipSession::Refill()
         auto& t = *m_Transfers.emplace_back(std::make_unique<Transfer>(this, m_Waiting.front()));
         m_Waiting.pop_front();
         m_uMoving += t.Cost();
-        if (m_Device->SubmitBulk(&t.request) == Status::Ok) continue;
+        if (m_Device->SubmitBulk(&t.request) == Status::Ok)
+            continue;
         m_uMoving -= t.Cost();
         m_Transfers.pop_back();
         End("the camera was pulled out");
@@ -338,7 +375,8 @@ void UsbipSession::Refill()
 
 bool UsbipSession::Step()
 {
-    if (!m_Device || !m_sEnded.empty()) return m_sEnded.empty();
+    if (!m_Device || !m_sEnded.empty())
+        return m_sEnded.empty();
     Reap();
     const auto now = std::chrono::steady_clock::now();
     while (!m_Late.empty() && m_Late.front().due <= now) {
@@ -347,13 +385,15 @@ bool UsbipSession::Step()
         m_Late.pop_front();
     }
     Refill();
-    if (!m_Device->Present()) End("the camera was pulled out");
+    if (!m_Device->Present())
+        End("the camera was pulled out");
     return m_sEnded.empty();
 }
 
 std::optional<std::chrono::steady_clock::time_point> UsbipSession::Due() const
 {
-    if (m_Late.empty()) return {};
+    if (m_Late.empty())
+        return {};
     return m_Late.front().due;
 }
 
@@ -361,7 +401,8 @@ std::optional<std::chrono::steady_clock::time_point> UsbipSession::Due() const
 
 void UsbipSession::Put(const std::vector<uint8_t>& bytes)
 {
-    if (bytes.empty()) return;
+    if (bytes.empty())
+        return;
     Block b{ std::unique_ptr<uint8_t[]>(new uint8_t[bytes.size()]), bytes.size(), bytes.size() };
     std::copy(bytes.begin(), bytes.end(), b.bytes.get());
     m_uMoving += b.uCost;
@@ -370,14 +411,16 @@ void UsbipSession::Put(const std::vector<uint8_t>& bytes)
 
 std::span<const uint8_t> UsbipSession::Output() const
 {
-    if (m_Out.empty()) return {};
+    if (m_Out.empty())
+        return {};
     return { m_Out.front().bytes.get() + m_uOutAt, m_Out.front().uSize - m_uOutAt };
 }
 
 void UsbipSession::Sent(size_t bytes)
 {
     m_uOutAt += bytes;
-    if (m_Out.empty() || m_uOutAt < m_Out.front().uSize) return;
+    if (m_Out.empty() || m_uOutAt < m_Out.front().uSize)
+        return;
     m_uMoving -= m_Out.front().uCost;
     m_Out.pop_front();
     m_uOutAt = 0;

@@ -38,9 +38,9 @@ private:
 // All functions are called by one thread. Memory is bounded: WINDOW of data on their way, a record for each waiting request.
 class UsbipSession {
 public:
-    static constexpr size_t WINDOW = 16u << 20;        // bytes with the camera or not yet sent; one request may exceed it
+    static constexpr size_t WINDOW = 16u << 20;  // bytes with the camera or not yet sent; one request may exceed it
     static constexpr uint32_t MAX_TRANSFER = 64u << 20;
-    static constexpr size_t MAX_WAITING = 65536;       // requests
+    static constexpr size_t MAX_WAITING = 65536;  // requests
 
     // wake is called from any thread when Step has work.
     UsbipSession(UsbipExports& exports, std::function<void()> wake);
@@ -98,11 +98,11 @@ private:
     uint32_t m_uDeviceId = 0;
     std::vector<uint8_t> m_In;
     std::deque<Block> m_Out;
-    size_t m_uOutAt = 0;     // bytes of the first block that have been sent
-    size_t m_uMoving = 0;    // bytes of m_Transfers and m_Out
+    size_t m_uOutAt = 0;   // bytes of the first block that have been sent
+    size_t m_uMoving = 0;  // bytes of m_Transfers and m_Out
     std::deque<Waiting> m_Waiting;
     std::deque<std::unique_ptr<Transfer>> m_Transfers;  // with the camera, oldest first
-    std::deque<Late> m_Late; // by due
+    std::deque<Late> m_Late;                            // by due
 
     std::mutex m_Mutex;
     std::deque<Transfer*> m_Ready;  // guarded by it: completed, still in m_Transfers

@@ -39,15 +39,16 @@ public:
     }
     ~Handle() override { m_Camera.Cancel(this); }
 
-    Status Control(uint8_t bRequestType, uint8_t bRequest, uint16_t wValue, uint16_t wIndex, uint8_t* pData,
-                   uint16_t wLength, uint32_t dwTimeoutMs, uint32_t* pdwMoved) override
+    Status Control(uint8_t bRequestType, uint8_t bRequest, uint16_t wValue, uint16_t wIndex, uint8_t* pData, uint16_t wLength,
+                   uint32_t dwTimeoutMs, uint32_t* pdwMoved) override
     {
         return m_Camera.Control(m_uPlug, bRequestType, bRequest, wValue, wIndex, pData, wLength, dwTimeoutMs, pdwMoved);
     }
     Status SubmitBulk(usbstack::BulkRequest* request) override { return m_Camera.Submit(m_uPlug, this, request); }
     void Abort(uint8_t bEndpoint) override
     {
-        if (bEndpoint == BULK_IN) m_Camera.Cancel(this);
+        if (bEndpoint == BULK_IN)
+            m_Camera.Cancel(this);
     }
     Status ResetPipe(uint8_t bEndpoint) override
     {
@@ -81,7 +82,8 @@ public:
     {
         const auto word = [&](size_t at) { return uint16_t(setup[at] | setup[at + 1] << 8); };
         Camera::Answer a = m_Camera.Ask(m_uPlug, setup[0], setup[1], word(2), word(4), word(6), std::move(data));
-        if (!(setup[0] & 0x80) || a.status != Status::Ok) a.data.clear();
+        if (!(setup[0] & 0x80) || a.status != Status::Ok)
+            a.data.clear();
         return { a.status, std::move(a.data), m_Camera.RealTimeIn(a.dDelayUs) };
     }
     void NoteLostReply() override { m_Camera.NoteLostReply(); }
@@ -120,10 +122,12 @@ struct VirtualBus::Impl final : BusHooks {
         std::unique_lock lock(pump);
         for (;;) {
             wake.wait(lock, [this] { return bPump || bQuit; });
-            if (bQuit) return;
+            if (bQuit)
+                return;
             bPump = false;
             lock.unlock();
-            for (Camera* camera : All()) camera->Complete();
+            for (Camera* camera : All())
+                camera->Complete();
             lock.lock();
         }
     }
@@ -132,7 +136,8 @@ struct VirtualBus::Impl final : BusHooks {
     {
         std::lock_guard lock(list);
         std::vector<Camera*> out;
-        for (const auto& c : cameras) out.push_back(c.get());
+        for (const auto& c : cameras)
+            out.push_back(c.get());
         return out;
     }
 
@@ -140,8 +145,7 @@ struct VirtualBus::Impl final : BusHooks {
     {
         std::lock_guard lock(list);
         const std::string port = std::to_string(cameras.size() + 1);
-        cameras.push_back(std::make_unique<Camera>(settings, wVendorId, clock, *this,
-                                                   uint8_t(settings.bUSB3Host ? 2 : 1), port));
+        cameras.push_back(std::make_unique<Camera>(settings, wVendorId, clock, *this, uint8_t(settings.bUSB3Host ? 2 : 1), port));
         return *cameras.back();
     }
 
@@ -191,7 +195,8 @@ std::vector<VirtualCamera*> VirtualBus::Cameras()
 {
     std::vector<VirtualCamera*> out;
     for (Camera* c : m_p->All())
-        if (c->Facts().sToken != "Foreign") out.push_back(c);
+        if (c->Facts().sToken != "Foreign")
+            out.push_back(c);
     return out;
 }
 
@@ -204,7 +209,8 @@ std::vector<usbstack::DeviceInfo> VirtualBus::Enumerate()
         usbstack::DeviceInfo info;
         uint64_t plug;
         Status open;
-        if (c->Info(&info, &plug, &open) && info.wVendorId == VENDOR_ID) out.push_back(info);
+        if (c->Info(&info, &plug, &open) && info.wVendorId == VENDOR_ID)
+            out.push_back(info);
     }
     // Ports count up with the plugs, so only the bus number is out of order.
     std::stable_sort(out.begin(), out.end(), [](const auto& a, const auto& b) { return a.bBus < b.bBus; });
@@ -217,7 +223,8 @@ Camera* VirtualBus::Find(const std::string& sPath, uint64_t* puPlug, Status* pSt
     *pStatus = Status::Gone;
     for (Camera* c : m_p->All()) {
         usbstack::DeviceInfo info;
-        if (c->Info(&info, puPlug, pStatus) && info.sPath == sPath) return *pStatus == Status::Ok ? c : nullptr;
+        if (c->Info(&info, puPlug, pStatus) && info.sPath == sPath)
+            return *pStatus == Status::Ok ? c : nullptr;
         *pStatus = Status::Gone;
     }
     return nullptr;
@@ -228,7 +235,8 @@ usbstack::IDevice* VirtualBus::Open(const std::string& sPath, Status* pStatus)
     uint64_t plug;
     Status status;
     Camera* const camera = Find(sPath, &plug, &status);
-    if (pStatus) *pStatus = status;
+    if (pStatus)
+        *pStatus = status;
     return camera ? new Handle(*camera, plug) : nullptr;
 }
 

@@ -22,16 +22,12 @@ namespace {
 
 constexpr auto LOOK_AT_CONTROLS = 1s;
 constexpr auto FRAME_WAIT = 100ms;  // a wish of a client is looked at that often while no frame comes
-constexpr auto PATIENCE =
-    15s;  // beyond the exposure; the library itself waits for ever for a camera that sends nothing
+constexpr auto PATIENCE = 15s;      // beyond the exposure; the library itself waits for ever for a camera that sends nothing
 constexpr auto VERIFY_PATIENCE = 5s;
 constexpr int32_t VERIFY_US = 10000;
 constexpr const char* NO_FRAME = "the camera sent no good frame. Check cable, port and hub; 'kovcam doctor' tells more";
 
-std::chrono::duration<double> Seconds(double s)
-{
-    return std::chrono::duration<double>(s);
-}
+std::chrono::duration<double> Seconds(double s) { return std::chrono::duration<double>(s); }
 
 std::mutex g_openMutex;
 std::multiset<std::string> g_open;  // models
@@ -51,10 +47,7 @@ Camera::Camera(std::string model, std::string id, int ordinal, Listener& listene
     m_worker = std::thread([this] { Work(); });
 }
 
-Camera::~Camera()
-{
-    m_worker.join();
-}
+Camera::~Camera() { m_worker.join(); }
 
 std::mutex& OpeningMutex()
 {
@@ -82,7 +75,8 @@ void Camera::Open()
 void Camera::Verify()
 {
     Post([this] {
-        if (m_place < 0 || m_doing != Doing::Nothing) return;
+        if (m_place < 0 || m_doing != Doing::Nothing)
+            return;
         const ControlState* before = Find(m_told, CTRL_EXPOSURE);
         m_library->SetControlValue(m_place, CTRL_EXPOSURE, VERIFY_US, KOV_FALSE);
         m_library->StartExposure(m_place);
@@ -121,7 +115,8 @@ void Camera::StartExposure(double seconds, int tag)
 void Camera::StopExposure()
 {
     Post([this] {
-        if (m_doing == Doing::Exposure) Halt();
+        if (m_doing == Doing::Exposure)
+            Halt();
     });
 }
 void Camera::StartVideo()
@@ -131,7 +126,8 @@ void Camera::StartVideo()
 void Camera::StopVideo()
 {
     Post([this] {
-        if (m_doing == Doing::Video) Halt();
+        if (m_doing == Doing::Video)
+            Halt();
     });
 }
 void Camera::TakeDark(int frames, const std::string& path)
@@ -142,18 +138,18 @@ void Camera::LoadDark(const std::string& path)
 {
     Post([this, path] {
         KOV_BOOL on = KOV_TRUE;
-        const KOV_ERROR_CODE code =
-            m_place < 0 ? KOV_ERROR_NOT_OPEN : m_library->EnableDarkSubtract(m_place, path.c_str(), &on);
-        TellDark(code == KOV_SUCCESS,
-                 code == KOV_SUCCESS          ? "dark frame " + path + " is subtracted from 8-bit pictures"
-                 : code == KOV_ERROR_BAD_PATH ? "cannot open the dark frame " + path + ". Take one, or set DARK_FILE"
-                                              : path + " is no dark frame of this camera. Take a new one");
+        const KOV_ERROR_CODE code = m_place < 0 ? KOV_ERROR_NOT_OPEN : m_library->EnableDarkSubtract(m_place, path.c_str(), &on);
+        TellDark(code == KOV_SUCCESS, code == KOV_SUCCESS ? "dark frame " + path + " is subtracted from 8-bit pictures"
+                                      : code == KOV_ERROR_BAD_PATH
+                                          ? "cannot open the dark frame " + path + ". Take one, or set DARK_FILE"
+                                          : path + " is no dark frame of this camera. Take a new one");
     });
 }
 void Camera::ClearDark()
 {
     Post([this] {
-        if (m_place >= 0) m_library->DisableDarkSubtract(m_place);
+        if (m_place >= 0)
+            m_library->DisableDarkSubtract(m_place);
         TellDark(true, "no dark frame is subtracted");
     });
 }
@@ -161,8 +157,7 @@ void Camera::SetControl(KOV_CONTROL_TYPE type, int32_t value, bool automatic)
 {
     Post([this, type, value, automatic] {
         const KOV_ERROR_CODE code =
-            m_place < 0 ? KOV_ERROR_NOT_OPEN
-                        : m_library->SetControlValue(m_place, type, value, automatic ? KOV_TRUE : KOV_FALSE);
+            m_place < 0 ? KOV_ERROR_NOT_OPEN : m_library->SetControlValue(m_place, type, value, automatic ? KOV_TRUE : KOV_FALSE);
         if (code != KOV_SUCCESS)
             m_listener.OnRefused(Name(type) + " " + std::to_string(value) + ": " + kovtools::ErrorText(code));
         m_told.clear();  // what it made of the value is told in any case
@@ -205,7 +200,8 @@ void Camera::Work()
                 m_listener.OnRefused(e.what());
             }
         }
-        if (!m_ending) wait = Step();
+        if (!m_ending)
+            wait = Step();
     }
     {
         const std::lock_guard lock(m_pulseMutex);
@@ -221,17 +217,13 @@ void Camera::Work()
 std::chrono::milliseconds Camera::Step()
 {
     try {
-        if (m_place >= 0 && m_doing != Doing::Dark && Clock::now() - m_lastLook > LOOK_AT_CONTROLS) TellControls();
+        if (m_place >= 0 && m_doing != Doing::Dark && Clock::now() - m_lastLook > LOOK_AT_CONTROLS)
+            TellControls();
         switch (m_doing) {
-            case Doing::Nothing:
-                return LOOK_AT_CONTROLS;
-            case Doing::Exposure:
-                StepExposure();
-                return m_doing == Doing::Nothing ? 0ms : m_exposure > 1 ? 20ms : 2ms;
-            case Doing::Video:
-            case Doing::Dark:
-                StepVideo();
-                return 0ms;
+        case Doing::Nothing: return LOOK_AT_CONTROLS;
+        case Doing::Exposure: StepExposure(); return m_doing == Doing::Nothing ? 0ms : m_exposure > 1 ? 20ms : 2ms;
+        case Doing::Video:
+        case Doing::Dark: StepVideo(); return 0ms;
         }
     } catch (const std::exception& e) {
         Fail(e.what());
@@ -247,12 +239,14 @@ void Camera::DoOpen()
         m_listener.OnOpened(Describe());
         return;
     }
-    if (m_library == nullptr) m_library = BorrowLibrary();
+    if (m_library == nullptr)
+        m_library = BorrowLibrary();
     const int count = m_library->GetNumOfConnectedCameras();
     std::vector<int> places;
     for (int i = 0; i < count; ++i) {
         KOV_CAMERA_INFO info{};
-        if (m_library->GetCameraProperty(&info, i) == KOV_SUCCESS && m_model == info.Name) places.push_back(i);
+        if (m_library->GetCameraProperty(&info, i) == KOV_SUCCESS && m_model == info.Name)
+            places.push_back(i);
     }
     // The one at its own place first: equal cameras keep their names as long as none of them is plugged elsewhere.
     if (m_ordinal <= static_cast<int>(places.size()))
@@ -260,11 +254,10 @@ void Camera::DoOpen()
     m_place = OpenOneOf(places);
     if (m_place < 0) {
         m_failed = true;
-        m_listener.OnOpenFailed(places.empty()
-                                    ? m_model + " is not on the bus any more. Is it plugged in?"
-                                    : m_model +
-                                          " does not open: another program may hold it, or you may not write its "
-                                          "device. 'kovcam doctor' tells which, and what mends it");
+        m_listener.OnOpenFailed(places.empty() ? m_model + " is not on the bus any more. Is it plugged in?"
+                                               : m_model +
+                                                     " does not open: another program may hold it, or you may not write its "
+                                                     "device. 'kovcam doctor' tells which, and what mends it");
         return;
     }
     m_failed = false;
@@ -302,7 +295,8 @@ Opened Camera::Describe()
     int32_t count = 0;
     m_library->GetNumOfControls(m_place, &count);
     m_controls.assign(static_cast<size_t>(count), {});
-    for (int i = 0; i < count; ++i) m_library->GetControlCaps(m_place, i, &m_controls[static_cast<size_t>(i)]);
+    for (int i = 0; i < count; ++i)
+        m_library->GetControlCaps(m_place, i, &m_controls[static_cast<size_t>(i)]);
     int32_t width = 0, height = 0, bin = 1;
     m_library->GetROIFormat(m_place, &width, &height, &bin, &m_format.type);
     m_format.bin = std::max(1, bin);
@@ -319,7 +313,8 @@ Opened Camera::Describe()
 
 void Camera::DoClose()
 {
-    if (m_place < 0) return;
+    if (m_place < 0)
+        return;
     Halt();
     {
         const std::lock_guard lock(m_portMutex);
@@ -339,7 +334,8 @@ void Camera::DoClose()
 std::string Camera::Name(KOV_CONTROL_TYPE type) const
 {
     for (const KOV_CONTROL_CAPS& c : m_controls)
-        if (c.ControlType == type) return ElementName(c);
+        if (c.ControlType == type)
+            return ElementName(c);
     return "control " + std::to_string(static_cast<int>(type));
 }
 
@@ -358,9 +354,11 @@ ControlStates Camera::ReadControls()
 
 void Camera::TellControls()
 {
-    if (m_place < 0) return;
+    if (m_place < 0)
+        return;
     ControlStates states = ReadControls();
-    if (states == m_told) return;
+    if (states == m_told)
+        return;
     m_told = states;
     m_listener.OnControls(states);
 }
@@ -375,7 +373,8 @@ void Camera::DoSetFormat(const Format& wish)
     KOV_ERROR_CODE code = KOV_ERROR_BAD_SIZE;
     for (const auto& [width, height] : SizesToTry(wish.region, wish.bin, m_info.MaxWidth, m_info.MaxHeight)) {
         code = m_library->SetROIFormat(m_place, width, height, wish.bin, wish.type);
-        if (code != KOV_SUCCESS) continue;
+        if (code != KOV_SUCCESS)
+            continue;
         m_format = wish;
         m_format.region.width = width * wish.bin;
         m_format.region.height = height * wish.bin;
@@ -443,15 +442,15 @@ void Camera::StepExposure()
 {
     KOV_EXPOSURE_STATUS status = EXP_FAILED;
     m_library->GetExpStatus(m_place, &status);
-    if (status == EXP_WORKING && Clock::now() - m_started < Seconds(m_exposure) + PATIENCE) return;
+    if (status == EXP_WORKING && Clock::now() - m_started < Seconds(m_exposure) + PATIENCE)
+        return;
     if (status != EXP_SUCCESS) {
         Fail(NO_FRAME);
         return;
     }
     m_doing = Doing::Nothing;
     m_image.resize(m_format.Bytes());
-    if (const KOV_ERROR_CODE code =
-            m_library->GetDataAfterExp(m_place, m_image.data(), static_cast<int32_t>(m_image.size()));
+    if (const KOV_ERROR_CODE code = m_library->GetDataAfterExp(m_place, m_image.data(), static_cast<int32_t>(m_image.size()));
         code != KOV_SUCCESS) {
         m_failed = true;
         m_listener.OnExposureFailed(m_tag, std::string("the picture could not be read: ") + kovtools::ErrorText(code));
@@ -492,7 +491,8 @@ void Camera::StepVideo()
             m_listener.OnFrame(m_format, m_image);
         } else {
             m_dark->Add(m_image.data());
-            if (m_dark->Count() == m_darkWanted) FinishDark();
+            if (m_dark->Count() == m_darkWanted)
+                FinishDark();
         }
     } else {
         const ControlState* exposure = Find(m_told, CTRL_EXPOSURE);
@@ -513,14 +513,12 @@ void Camera::StepVideo()
 bool Camera::IsDarkInUse() const
 {
     KOV_BOOL on = KOV_FALSE;
-    if (m_place >= 0) m_library->EnableDarkSubtract(m_place, "", &on);
+    if (m_place >= 0)
+        m_library->EnableDarkSubtract(m_place, "", &on);
     return on != KOV_FALSE;
 }
 
-void Camera::TellDark(bool done, const std::string& what)
-{
-    m_listener.OnDark(done, IsDarkInUse(), what);
-}
+void Camera::TellDark(bool done, const std::string& what) { m_listener.OnDark(done, IsDarkInUse(), what); }
 
 void Camera::DoTakeDark(int frames, const std::string& path)
 {
@@ -530,13 +528,13 @@ void Camera::DoTakeDark(int frames, const std::string& path)
     }
     m_afterDark = m_format;
     m_library->DisableDarkSubtract(m_place);
-    for (const KOV_CONTROL_TYPE type :
-         { CTRL_EXPOSURE, CTRL_GAIN })  // what changes by itself between frames is no dark frame
+    for (const KOV_CONTROL_TYPE type : { CTRL_EXPOSURE, CTRL_GAIN })  // what changes by itself between frames is no dark frame
         if (const ControlState* s = Find(m_told, type); s != nullptr && s->automatic)
             m_library->SetControlValue(m_place, type, s->value, KOV_FALSE);
     DoSetFormat({ { 0, 0, m_info.MaxWidth, m_info.MaxHeight }, 1, IMG_RAW8 });
     DoStartVideo();
-    if (m_doing != Doing::Video) return;
+    if (m_doing != Doing::Video)
+        return;
     m_doing = Doing::Dark;
     m_dark.emplace(m_info.MaxWidth, m_info.MaxHeight);
     m_darkWanted = std::max(1, frames);
@@ -554,7 +552,8 @@ void Camera::FinishDark()
         std::ofstream file(kovtools::PathOf(whole.Temporary()), std::ios::binary | std::ios::trunc);
         file.write(reinterpret_cast<const char*>(bmp.data()), static_cast<std::streamsize>(bmp.size()));
         file.close();
-        if (!file) kovtools::FailToWrite(m_darkPath, std::strerror(errno));
+        if (!file)
+            kovtools::FailToWrite(m_darkPath, std::strerror(errno));
         whole.Commit();
     } catch (const std::runtime_error& e) {
         TellDark(false, std::string(e.what()) + " Else set DARK_FILE to another place");
@@ -588,7 +587,8 @@ void Camera::WorkPulses()
     while (!m_pulsesEnd) {
         auto next = Clock::time_point::max();
         for (const auto& r : running)
-            if (r) next = std::min(next, r->end);
+            if (r)
+                next = std::min(next, r->end);
         const auto asked = [this] { return m_pulsesEnd || m_asked[0] || m_asked[1]; };
         if (next == Clock::time_point::max())
             m_pulseWake.wait(lock, asked);
@@ -601,7 +601,8 @@ void Camera::WorkPulses()
             if (r && (wish || r->end <= Clock::now())) {
                 SetPin(r->pin, false);
                 r.reset();
-                if (!wish) m_listener.OnPulseDone(static_cast<int>(axis));
+                if (!wish)
+                    m_listener.OnPulseDone(static_cast<int>(axis));
             }
             if (wish && wish->second > 0ms) {
                 SetPin(wish->first, true);

@@ -49,7 +49,7 @@ struct Opened {
     std::vector<KOV_CONTROL_CAPS> controls;
     ControlStates states;
     Format format;
-    bool dark;  // a dark frame is subtracted, since the last session
+    bool dark;                    // a dark frame is subtracted, since the last session
     std::optional<int> firmware;  // version, where it can be told
 };
 

@@ -45,8 +45,8 @@ const FormatName& NameOf(IMG_TYPE type)
 // These have a property of their own, where clients look for them.
 bool StandsElsewhere(KOV_CONTROL_TYPE type)
 {
-    return type == CTRL_TEMPERATURE || type == CTRL_COOL_POWER_PERC || type == CTRL_TARGET_TEMP ||
-           type == CTRL_COOLER_ON || type == CTRL_HARDWARE_BIN;
+    return type == CTRL_TEMPERATURE || type == CTRL_COOL_POWER_PERC || type == CTRL_TARGET_TEMP || type == CTRL_COOLER_ON ||
+           type == CTRL_HARDWARE_BIN;
 }
 
 // As the property's own search, which complains to the log when there is none.
@@ -54,7 +54,8 @@ template <class Property>
 auto* FindElement(Property& property, const std::string& name)
 {
     for (size_t i = 0; i < property.size(); ++i)
-        if (property[i].isNameMatch(name)) return &property[i];
+        if (property[i].isNameMatch(name))
+            return &property[i];
     return static_cast<std::remove_reference_t<decltype(property[0])>*>(nullptr);
 }
 
@@ -67,7 +68,8 @@ int NextSerial()
 bool IsOn(const char* wanted, ISState* states, char* names[], int n)
 {
     for (int i = 0; i < n; ++i)
-        if (std::strcmp(names[i], wanted) == 0) return states[i] == ISS_ON;
+        if (std::strcmp(names[i], wanted) == 0)
+            return states[i] == ISS_ON;
     return false;
 }
 
@@ -80,13 +82,8 @@ void SetOnOff(INDI::PropertySwitch& s, bool on)
 }  // namespace
 
 Device::Device(const KOV_CAMERA_INFO& info, const std::string& id, int ordinal)
-    : m_name(DeviceName(info.Name, id, ordinal)),
-      m_model(info.Name),
-      m_id(id),
-      m_ordinal(ordinal),
-      m_serial(NextSerial()),
-      m_info(info),
-      m_camera(std::make_unique<Camera>(info.Name, id, ordinal, static_cast<Listener&>(*this)))
+    : m_name(DeviceName(info.Name, id, ordinal)), m_model(info.Name), m_id(id), m_ordinal(ordinal), m_serial(NextSerial()),
+      m_info(info), m_camera(std::make_unique<Camera>(info.Name, id, ordinal, static_cast<Listener&>(*this)))
 {
     setDeviceName(m_name.c_str());
     setVersion(1, 0);
@@ -94,10 +91,7 @@ Device::Device(const KOV_CAMERA_INFO& info, const std::string& id, int ordinal)
 
 Device::~Device() = default;
 
-const char* Device::getDefaultName()
-{
-    return "KOV CCD";
-}
+const char* Device::getDefaultName() { return "KOV CCD"; }
 
 KnownCamera Device::Known() const
 {
@@ -110,8 +104,10 @@ bool Device::initProperties()
 {
     INDI::CCD::initProperties();
     uint32_t capability = CCD_CAN_BIN | CCD_CAN_SUBFRAME | CCD_CAN_ABORT | CCD_HAS_ST4_PORT | CCD_HAS_STREAMING;
-    if (m_info.IsCooled) capability |= CCD_HAS_COOLER;
-    if (m_info.IsColorCam) capability |= CCD_HAS_BAYER;
+    if (m_info.IsCooled)
+        capability |= CCD_HAS_COOLER;
+    if (m_info.IsColorCam)
+        capability |= CCD_HAS_BAYER;
     SetCCDCapability(capability);
     Streamer->setStreamingExposureEnabled(true);
 
@@ -164,7 +160,8 @@ bool Device::initProperties()
 
 void Device::ISGetProperties(const char* dev)
 {
-    if (!m_leaving && (dev == nullptr || m_name == dev)) INDI::CCD::ISGetProperties(dev);
+    if (!m_leaving && (dev == nullptr || m_name == dev))
+        INDI::CCD::ISGetProperties(dev);
 }
 
 bool Device::updateProperties()
@@ -172,7 +169,8 @@ bool Device::updateProperties()
     INDI::CCD::updateProperties();
     const bool on = isConnected();
     const auto show = [&](INDI::Property& p, bool has = true) {
-        if (!has) return;
+        if (!has)
+            return;
         if (on)
             defineProperty(p);
         else
@@ -197,7 +195,8 @@ bool Device::updateProperties()
         else
             deleteProperty(TemperatureNP.name);
     }
-    if (on) SetTimer(getCurrentPollingPeriod());
+    if (on)
+        SetTimer(getCurrentPollingPeriod());
     return true;
 }
 
@@ -205,9 +204,12 @@ bool Device::saveConfigItems(FILE* file)
 {
     INDI::CCD::saveConfigItems(file);
     m_controls.save(file);
-    if (m_modes.size() > 0) m_modes.save(file);
-    if (Lists(CTRL_HARDWARE_BIN)) m_hardwareBin.save(file);
-    if (m_info.IsCooled) m_warmUpSwitch.save(file);
+    if (m_modes.size() > 0)
+        m_modes.save(file);
+    if (Lists(CTRL_HARDWARE_BIN))
+        m_hardwareBin.save(file);
+    if (m_info.IsCooled)
+        m_warmUpSwitch.save(file);
     m_darkFrames.save(file);
     m_darkFile.save(file);
     return true;
@@ -221,10 +223,12 @@ void Device::MakeControls(const Opened& facts)
     for (const KOV_CONTROL_CAPS& c : facts.controls) {
         const ControlState* state = kovindi::Find(facts.states, c.ControlType);
         const std::string name = ElementName(c);
-        if (StandsElsewhere(c.ControlType)) continue;
+        if (StandsElsewhere(c.ControlType))
+            continue;
         m_controls.resize(m_controls.size() + 1);
         m_controls[m_controls.size() - 1].fill(name, c.Name, "%.0f", c.MinValue, c.MaxValue, 1, state->value);
-        if (!c.IsAutoSupported) continue;
+        if (!c.IsAutoSupported)
+            continue;
         m_modes.resize(m_modes.size() + 1);
         m_modes[m_modes.size() - 1].fill(name, std::string(c.Name) + " automatic", state->automatic ? ISS_ON : ISS_OFF);
     }
@@ -239,8 +243,8 @@ bool Device::Lists(KOV_CONTROL_TYPE type) const
 
 bool Device::TakesBin(int bin) const
 {
-    return bin > 0 && std::find(std::begin(m_info.SupportedBins), std::end(m_info.SupportedBins), bin) !=
-                          std::end(m_info.SupportedBins);
+    return bin > 0 &&
+           std::find(std::begin(m_info.SupportedBins), std::end(m_info.SupportedBins), bin) != std::end(m_info.SupportedBins);
 }
 
 IMG_TYPE Device::ChosenType() const
@@ -253,14 +257,16 @@ IMG_TYPE Device::ChosenType() const
 
 // A request that would change the picture which the upload thread reads is taken up when that has ended.
 template <class Value>
-bool Device::Defer(bool (Device::*handler)(const char*, const char*, Value*, char**, int), const char* name,
-                   Value* values, char** names, int n)
+bool Device::Defer(bool (Device::*handler)(const char*, const char*, Value*, char**, int), const char* name, Value* values,
+                   char** names, int n)
 {
-    if (!m_uploads) return false;
+    if (!m_uploads)
+        return false;
     m_deferred.push_back([this, handler, property = std::string(name), v = std::vector<Value>(values, values + n),
                           elements = std::vector<std::string>(names, names + n)]() mutable {
         std::vector<char*> pointers;
-        for (std::string& e : elements) pointers.push_back(e.data());
+        for (std::string& e : elements)
+            pointers.push_back(e.data());
         (this->*handler)(getDeviceName(), property.c_str(), v.data(), pointers.data(), static_cast<int>(v.size()));
     });
     return true;
@@ -268,20 +274,22 @@ bool Device::Defer(bool (Device::*handler)(const char*, const char*, Value*, cha
 
 bool Device::ISNewNumber(const char* dev, const char* name, double values[], char* names[], int n)
 {
-    if (dev == nullptr || m_name != dev || m_leaving) return false;
-    if (m_controls.isNameMatch(name)) return NewControls(values, names, n);
+    if (dev == nullptr || m_name != dev || m_leaving)
+        return false;
+    if (m_controls.isNameMatch(name))
+        return NewControls(values, names, n);
     if (m_darkFrames.isNameMatch(name)) {
         m_darkFrames.setState(m_darkFrames.update(values, names, n) ? IPS_OK : IPS_ALERT);
         m_darkFrames.apply();
         return true;
     }
     static constexpr const char* OF_A_PICTURE[] = { "CCD_EXPOSURE", "CCD_FRAME", "CCD_BINNING" };
-    if (std::any_of(std::begin(OF_A_PICTURE), std::end(OF_A_PICTURE),
-                    [=](const char* p) { return std::strcmp(p, name) == 0; }) &&
+    if (std::any_of(std::begin(OF_A_PICTURE), std::end(OF_A_PICTURE), [=](const char* p) { return std::strcmp(p, name) == 0; }) &&
         Defer(&Device::ISNewNumber, name, values, names, n))
         return true;
     if (std::strcmp(name, "CCD_TEMPERATURE") == 0 && n > 0) {
-        if (!m_info.IsCooled) return false;
+        if (!m_info.IsCooled)
+            return false;
         values[0] = std::round(values[0]);  // the cooler regulates to whole degrees
     }
     return INDI::CCD::ISNewNumber(dev, name, values, names, n);
@@ -289,10 +297,13 @@ bool Device::ISNewNumber(const char* dev, const char* name, double values[], cha
 
 bool Device::ISNewSwitch(const char* dev, const char* name, ISState* states, char* names[], int n)
 {
-    if (dev == nullptr || m_name != dev || m_leaving) return false;
+    if (dev == nullptr || m_name != dev || m_leaving)
+        return false;
     const auto is = [=](const char* other) { return std::strcmp(name, other) == 0; };
-    if (is("CONNECTION")) return NewConnection(states, names, n);
-    if (m_modes.isNameMatch(name)) return NewModes(states, names, n);
+    if (is("CONNECTION"))
+        return NewConnection(states, names, n);
+    if (m_modes.isNameMatch(name))
+        return NewModes(states, names, n);
     if (m_cooler.isNameMatch(name)) {
         m_warmUp.runs = false;
         m_camera->SetControl(CTRL_COOLER_ON, IsOn("COOLER_ON", states, names, n), false);
@@ -336,7 +347,8 @@ bool Device::ISNewSwitch(const char* dev, const char* name, ISState* states, cha
     }
     if (is("CCD_CAPTURE_FORMAT")) {  // the framework trusts the name
         for (int i = 0; i < n; ++i)
-            if (FindElement(CaptureFormatSP, names[i]) == nullptr) return false;
+            if (FindElement(CaptureFormatSP, names[i]) == nullptr)
+                return false;
     }
     const bool waitsForUpload =
         is("CCD_CAPTURE_FORMAT") || is("CCD_FRAME_RESET") || is("CCD_VIDEO_STREAM") || is("RECORD_STREAM");
@@ -350,7 +362,8 @@ bool Device::ISNewSwitch(const char* dev, const char* name, ISState* states, cha
 
 bool Device::ISNewText(const char* dev, const char* name, char* texts[], char* names[], int n)
 {
-    if (dev == nullptr || m_name != dev || m_leaving) return false;
+    if (dev == nullptr || m_name != dev || m_leaving)
+        return false;
     if (m_darkFile.isNameMatch(name)) {
         m_darkFile.update(texts, names, n);
         m_darkFile.setState(IPS_OK);
@@ -369,10 +382,11 @@ bool Device::NewControls(double values[], char* names[], int n)
     };
     std::vector<Request> requests;
     for (int i = 0; i < n; ++i) {
-        const auto cap = std::find_if(m_caps.begin(), m_caps.end(),
-                                      [&](const KOV_CONTROL_CAPS& c) { return ElementName(c) == names[i]; });
+        const auto cap =
+            std::find_if(m_caps.begin(), m_caps.end(), [&](const KOV_CONTROL_CAPS& c) { return ElementName(c) == names[i]; });
         const auto* shown = FindElement(m_controls, names[i]);
-        if (cap == m_caps.end() || shown == nullptr || !cap->IsWritable || values[i] == shown->getValue()) continue;
+        if (cap == m_caps.end() || shown == nullptr || !cap->IsWritable || values[i] == shown->getValue())
+            continue;
         if (!(values[i] >= cap->MinValue && values[i] <= cap->MaxValue)) {
             LOGF_ERROR("%s takes %d to %d; nothing was changed", names[i], cap->MinValue, cap->MaxValue);
             m_controls.setState(IPS_ALERT);
@@ -381,7 +395,8 @@ bool Device::NewControls(double values[], char* names[], int n)
         }
         requests.push_back({ cap->ControlType, static_cast<int32_t>(std::lround(values[i])) });
     }
-    for (const Request& r : requests) m_camera->SetControl(r.type, r.value, false);
+    for (const Request& r : requests)
+        m_camera->SetControl(r.type, r.value, false);
     m_controls.setState(requests.empty() ? IPS_OK : IPS_BUSY);
     m_controls.apply();
     return true;
@@ -391,10 +406,11 @@ bool Device::NewModes(ISState* states, char* names[], int n)
 {
     bool asked = false;
     for (int i = 0; i < n; ++i) {
-        const auto cap = std::find_if(m_caps.begin(), m_caps.end(),
-                                      [&](const KOV_CONTROL_CAPS& c) { return ElementName(c) == names[i]; });
+        const auto cap =
+            std::find_if(m_caps.begin(), m_caps.end(), [&](const KOV_CONTROL_CAPS& c) { return ElementName(c) == names[i]; });
         const auto* shown = FindElement(m_modes, names[i]);
-        if (cap == m_caps.end() || shown == nullptr || states[i] == shown->getState()) continue;
+        if (cap == m_caps.end() || shown == nullptr || states[i] == shown->getState())
+            continue;
         const ControlState* state = kovindi::Find(m_states, cap->ControlType);
         m_camera->SetControl(cap->ControlType, state->value, states[i] == ISS_ON);
         asked = true;
@@ -442,12 +458,14 @@ void Device::StopAll(const char* why)
         PrimaryCCD.setExposureFailed();
         InExposure = false;
     }
-    if (m_streaming && Streamer != nullptr) Streamer->setStream(false);
+    if (m_streaming && Streamer != nullptr)
+        Streamer->setStream(false);
 }
 
 bool Device::IsBusy(const char* what)
 {
-    if (!m_exposing && !m_streaming) return false;
+    if (!m_exposing && !m_streaming)
+        return false;
     LOGF_ERROR("%s between captures. %s", what,
                m_exposing ? "Wait for the exposure to end, or abort it" : "Stop the stream first");
     return true;
@@ -481,8 +499,10 @@ bool Device::AbortExposure()
 
 void Device::ShowImage(int tag, const Format& format)
 {
-    if (!m_exposing || tag != m_tag || m_leaving) return;
-    if (format != m_format) ShowFormat(format);
+    if (!m_exposing || tag != m_tag || m_leaving)
+        return;
+    if (format != m_format)
+        ShowFormat(format);
     m_exposing = false;
     InExposure = false;
     m_uploads = true;
@@ -491,7 +511,8 @@ void Device::ShowImage(int tag, const Format& format)
     m_shot.format = format;
     m_shot.dark = m_dark[1].getState() == ISS_ON;
     PrimaryCCD.setExposureLeft(0);
-    if (Devices::Instance().TakeTurn(m_serial)) UploadTurn();
+    if (Devices::Instance().TakeTurn(m_serial))
+        UploadTurn();
 }
 
 void Device::UploadTurn()
@@ -507,7 +528,8 @@ void Device::UploadComplete(INDI::CCDChip*)
 
 void Device::EndUpload()
 {
-    if (!m_uploads) return;
+    if (!m_uploads)
+        return;
     m_uploads = false;
     Devices::Instance().GiveTurn();
     if (m_leaving && m_ended) {
@@ -516,7 +538,8 @@ void Device::EndUpload()
     }
     std::vector<std::function<void()>> requests;
     requests.swap(m_deferred);
-    for (const auto& r : requests) r();
+    for (const auto& r : requests)
+        r();
 }
 
 void Device::addFITSKeywords(INDI::CCDChip* chip)
@@ -525,8 +548,10 @@ void Device::addFITSKeywords(INDI::CCDChip* chip)
     fitsfile* file = *chip->fitsFilePointer();
     kovtools::FitsNotes notes;
     notes.software = "indi_kov_ccd";
-    if (!m_id.empty()) notes.more.push_back({ "CAMID", m_id, "user ID in the camera's flash" });
-    if (m_firmware) notes.more.push_back({ "FWVERS", int64_t{ *m_firmware }, "version of the camera's firmware" });
+    if (!m_id.empty())
+        notes.more.push_back({ "CAMID", m_id, "user ID in the camera's flash" });
+    if (m_firmware)
+        notes.more.push_back({ "FWVERS", int64_t{ *m_firmware }, "version of the camera's firmware" });
     if (const ControlState* s = kovindi::Find(m_shot.states, CTRL_HIGH_SPEED_MODE))
         notes.more.push_back({ "READOUT", std::string(s->value != 0 ? "high speed" : "normal"), "readout mode" });
     kovtools::CameraState shot = StateOf(m_shot.format, m_shot.states);
@@ -596,9 +621,7 @@ bool Device::UpdateCCDFrame(int x, int y, int w, int h)
 
 bool Device::UpdateCCDBin(int hor, int ver)
 {
-    const auto restore = [this] {
-        PrimaryCCD.setBin(static_cast<uint8_t>(m_format.bin), static_cast<uint8_t>(m_format.bin));
-    };
+    const auto restore = [this] { PrimaryCCD.setBin(static_cast<uint8_t>(m_format.bin), static_cast<uint8_t>(m_format.bin)); };
     if (hor != ver || !TakesBin(hor)) {
         std::string list;
         for (const int* bin = m_info.SupportedBins; *bin != 0; ++bin)
@@ -624,7 +647,8 @@ bool Device::UpdateCCDFrameType(INDI::CCDChip::CCD_FRAME type)
 
 bool Device::SetCaptureFormat(uint8_t index)
 {
-    if (IsBusy("The format is set")) return false;
+    if (IsBusy("The format is set"))
+        return false;
     m_wish.type = m_info.SupportedImgTypes[index];
     AskFormat();
     return true;
@@ -670,8 +694,8 @@ int Device::SetTemperature(double temperature)
 {
     m_warmUp.runs = false;
     const auto target = static_cast<int32_t>(std::lround(temperature));
-    const auto cap = std::find_if(m_caps.begin(), m_caps.end(),
-                                  [](const KOV_CONTROL_CAPS& c) { return c.ControlType == CTRL_TARGET_TEMP; });
+    const auto cap =
+        std::find_if(m_caps.begin(), m_caps.end(), [](const KOV_CONTROL_CAPS& c) { return c.ControlType == CTRL_TARGET_TEMP; });
     if (cap == m_caps.end() || target < cap->MinValue || target > cap->MaxValue) {
         LOGF_ERROR("The cooler takes targets from %d to %d degrees", cap == m_caps.end() ? 0 : cap->MinValue,
                    cap == m_caps.end() ? 0 : cap->MaxValue);
@@ -694,8 +718,7 @@ void Device::StepWarmUp()
     const double slope = TemperatureRampNP[RAMP_SLOPE].getValue() > 0 ? TemperatureRampNP[RAMP_SLOPE].getValue() : 5;
     const double minutes = std::chrono::duration<double, std::ratio<60>>(steady_clock::now() - m_warmUp.began).count();
     const int target = WarmUpTarget(m_warmUp.start, minutes, slope);
-    const ControlState *set = kovindi::Find(m_states, CTRL_TARGET_TEMP),
-                       *power = kovindi::Find(m_states, CTRL_COOL_POWER_PERC);
+    const ControlState *set = kovindi::Find(m_states, CTRL_TARGET_TEMP), *power = kovindi::Find(m_states, CTRL_COOL_POWER_PERC);
     if (target >= WARM || (minutes > 1 && power != nullptr && power->value == 0)) {
         m_camera->SetControl(CTRL_COOLER_ON, 0, false);
         DisconnectNow();
@@ -720,10 +743,9 @@ bool Device::StartStreaming()
         LOG_ERROR("An exposure runs. Wait for its end or abort it, then stream");
         return false;
     }
-    static constexpr INDI_PIXEL_FORMAT MOSAICS[] = { INDI_BAYER_RGGB, INDI_BAYER_BGGR, INDI_BAYER_GRBG,
-                                                     INDI_BAYER_GBRG };
+    static constexpr INDI_PIXEL_FORMAT MOSAICS[] = { INDI_BAYER_RGGB, INDI_BAYER_BGGR, INDI_BAYER_GRBG, INDI_BAYER_GBRG };
     const kovtools::CameraState state = StateOf(m_wish, m_states);
-    const INDI_PIXEL_FORMAT pixels = kovtools::IsMosaic(state)    ? MOSAICS[kovtools::DeliveredPattern(state)]
+    const INDI_PIXEL_FORMAT pixels = kovtools::IsMosaic(state)  ? MOSAICS[kovtools::DeliveredPattern(state)]
                                      : m_wish.type == IMG_RGB24 ? INDI_RGB
                                                                 : INDI_MONO;
     if (!Streamer->setPixelFormat(pixels, m_wish.type == IMG_RAW16 ? 16 : 8)) {
@@ -751,7 +773,8 @@ bool Device::StopStreaming()
 void Device::ToMain(std::function<void(Device&)> work)
 {
     OnMainThread([serial = m_serial, work = std::move(work)] {
-        if (Device* d = Devices::Instance().Find(serial)) work(*d);
+        if (Device* d = Devices::Instance().Find(serial))
+            work(*d);
     });
 }
 
@@ -770,7 +793,8 @@ std::vector<std::string> Advice(bool opened)
     std::vector<std::string> advice;
     for (const kovtools::Finding& f : kovtools::Examine({ "/", false })) {
         const bool concerns = opened ? f.check == "memory" : f.severity == kovtools::Finding::Severity::Problem;
-        if (concerns && f.severity != kovtools::Finding::Severity::Good) advice.push_back(Line(f));
+        if (concerns && f.severity != kovtools::Finding::Severity::Good)
+            advice.push_back(Line(f));
     }
     return advice;
 }
@@ -784,15 +808,15 @@ void Device::OnOpened(const Opened& facts)
 
 void Device::ShowOpened(const Opened& facts, const std::vector<std::string>& advice)
 {
-    if (m_leaving) return;
+    if (m_leaving)
+        return;
     m_info = facts.info;
     m_caps = facts.controls;
     m_states = facts.states;
     MakeControls(facts);
     for (const KOV_CONTROL_CAPS& c : m_caps)
         if (c.ControlType == CTRL_EXPOSURE)
-            PrimaryCCD.setMinMaxStep("CCD_EXPOSURE", "CCD_EXPOSURE_VALUE", c.MinValue / 1e6, c.MaxValue / 1e6, 1e-6,
-                                     false);
+            PrimaryCCD.setMinMaxStep("CCD_EXPOSURE", "CCD_EXPOSURE_VALUE", c.MinValue / 1e6, c.MaxValue / 1e6, 1e-6, false);
     const bool slow = m_info.IsUSB3Camera && !m_info.IsUSB3Host;
     m_facts[2].setText(slow ? "USB 2, where the camera could do USB 3" : m_info.IsUSB3Host ? "USB 3" : "USB 2");
     m_firmware = facts.firmware;
@@ -800,27 +824,31 @@ void Device::ShowOpened(const Opened& facts, const std::vector<std::string>& adv
     SetDark(facts.dark);
     m_formatsAsked = 0;
     m_wish = { { 0, 0, m_info.MaxWidth, m_info.MaxHeight }, 1, ChosenType() };
-    SetCCDParams(m_info.MaxWidth, m_info.MaxHeight, m_wish.type == IMG_RAW16 ? 16 : 8,
-                 static_cast<float>(m_info.PixelSize), static_cast<float>(m_info.PixelSize));
+    SetCCDParams(m_info.MaxWidth, m_info.MaxHeight, m_wish.type == IMG_RAW16 ? 16 : 8, static_cast<float>(m_info.PixelSize),
+                 static_cast<float>(m_info.PixelSize));
     ShowFormat({ m_wish.region, 1, m_wish.type });
     setConnected(true, IPS_OK);
     updateProperties();
     ShowControls(m_states);
     AskFormat();
-    for (const std::string& line : advice) LOGF_WARN("%s", line.c_str());
-    if (slow) LOGF_WARN("%s", Line(kovtools::SlowLink(m_model)).c_str());
+    for (const std::string& line : advice)
+        LOGF_WARN("%s", line.c_str());
+    if (slow)
+        LOGF_WARN("%s", Line(kovtools::SlowLink(m_model)).c_str());
 }
 
 void Device::OnOpenFailed(const std::string& why)
 {
     ToMain([why, advice = Advice(false)](Device& d) {
-        if (d.m_leaving) return;
+        if (d.m_leaving)
+            return;
         DEBUGFDEVICE(d.getDeviceName(), INDI::Logger::DBG_ERROR, "%s", why.c_str());
         for (const std::string& line : advice)
             DEBUGFDEVICE(d.getDeviceName(), INDI::Logger::DBG_WARNING, "%s", line.c_str());
         const bool wasConnected = d.isConnected();
         d.setConnected(false, IPS_ALERT);
-        if (wasConnected) d.updateProperties();
+        if (wasConnected)
+            d.updateProperties();
         LookAgain();
     });
 }
@@ -828,7 +856,8 @@ void Device::OnOpenFailed(const std::string& why)
 void Device::OnClosed()
 {
     ToMain([](Device& d) {
-        if (d.m_leaving) return;
+        if (d.m_leaving)
+            return;
         d.setConnected(false, IPS_IDLE);
         d.updateProperties();
     });
@@ -841,8 +870,8 @@ void Device::OnFormat(const Format& inForce)
             return;  // more than one was asked for: the last answer counts
         d.m_formatsAsked = 0;
         if (inForce.region.width != d.m_wish.region.width || inForce.region.height != d.m_wish.region.height)
-            DEBUGFDEVICE(d.getDeviceName(), INDI::Logger::DBG_SESSION, "The camera takes %d x %d at %d, %d",
-                         inForce.region.width, inForce.region.height, inForce.region.x, inForce.region.y);
+            DEBUGFDEVICE(d.getDeviceName(), INDI::Logger::DBG_SESSION, "The camera takes %d x %d at %d, %d", inForce.region.width,
+                         inForce.region.height, inForce.region.x, inForce.region.y);
         d.ShowFormat(inForce);
     });
 }
@@ -851,7 +880,8 @@ void Device::OnControls(const ControlStates& states)
 {
     ToMain([states](Device& d) {
         d.m_states = states;
-        if (!d.m_leaving && d.isConnected()) d.ShowControls(states);
+        if (!d.m_leaving && d.isConnected())
+            d.ShowControls(states);
     });
 }
 
@@ -860,12 +890,16 @@ void Device::ShowControls(const ControlStates& states)
     const IPState state = std::exchange(m_refused, false) ? IPS_ALERT : IPS_OK;
     for (const KOV_CONTROL_CAPS& c : m_caps) {
         const ControlState* s = kovindi::Find(states, c.ControlType);
-        if (s == nullptr) continue;
-        if (auto* number = FindElement(m_controls, ElementName(c))) number->setValue(s->value);
-        if (auto* mode = FindElement(m_modes, ElementName(c))) mode->setState(s->automatic ? ISS_ON : ISS_OFF);
+        if (s == nullptr)
+            continue;
+        if (auto* number = FindElement(m_controls, ElementName(c)))
+            number->setValue(s->value);
+        if (auto* mode = FindElement(m_modes, ElementName(c)))
+            mode->setState(s->automatic ? ISS_ON : ISS_OFF);
     }
     const auto apply = [&](auto& property, bool has) {
-        if (!has) return;
+        if (!has)
+            return;
         property.setState(state);
         property.apply();
     };
@@ -894,7 +928,8 @@ void Device::OnRefused(const std::string& why)
 {
     ToMain([why](Device& d) {
         d.m_refused = true;
-        if (!d.m_leaving) DEBUGFDEVICE(d.getDeviceName(), INDI::Logger::DBG_ERROR, "%s", why.c_str());
+        if (!d.m_leaving)
+            DEBUGFDEVICE(d.getDeviceName(), INDI::Logger::DBG_ERROR, "%s", why.c_str());
     });
 }
 
@@ -915,7 +950,8 @@ void Device::OnExposed(int tag, const Format& format, const std::vector<uint8_t>
 void Device::OnExposureFailed(int tag, const std::string& why)
 {
     ToMain([tag, why](Device& d) {
-        if (!d.m_exposing || tag != d.m_tag || d.m_leaving) return;
+        if (!d.m_exposing || tag != d.m_tag || d.m_leaving)
+            return;
         d.m_exposing = false;
         d.InExposure = false;
         d.PrimaryCCD.setExposureFailed();
@@ -926,12 +962,14 @@ void Device::OnExposureFailed(int tag, const std::string& why)
 
 void Device::OnFrame(const Format& format, std::vector<uint8_t>& image)
 {
-    if (!m_streaming) return;
+    if (!m_streaming)
+        return;
     if (m_streamBegins.exchange(false) || format != m_streamFormat) {
         m_streamFormat = format;  // only now it is sure what the camera made of the client's wish
         Streamer->setSize(static_cast<uint16_t>(format.Width()), static_cast<uint16_t>(format.Height()));
     }
-    if (format.type == IMG_RGB24) SwapRedBlue(image.data(), format.Pixels());
+    if (format.type == IMG_RGB24)
+        SwapRedBlue(image.data(), format.Pixels());
     const std::unique_lock guard(ccdBufferLock);
     Streamer->newFrame(image.data(), static_cast<uint32_t>(format.Bytes()));
 }
@@ -939,7 +977,8 @@ void Device::OnFrame(const Format& format, std::vector<uint8_t>& image)
 void Device::OnVideoCount(const VideoCount& count)
 {
     ToMain([count](Device& d) {
-        if (d.m_leaving || !d.isConnected()) return;
+        if (d.m_leaving || !d.isConnected())
+            return;
         d.m_videoCount[0].setValue(count.frames / count.seconds);
         d.m_videoCount[1].setValue(count.dropped);
         d.m_videoCount.setState(d.m_streaming ? IPS_BUSY : IPS_IDLE);
@@ -950,7 +989,8 @@ void Device::OnVideoCount(const VideoCount& count)
 void Device::OnVideoEnded(const std::string& why)
 {
     ToMain([why](Device& d) {
-        if (d.m_leaving || !d.m_streaming) return;
+        if (d.m_leaving || !d.m_streaming)
+            return;
         DEBUGFDEVICE(d.getDeviceName(), INDI::Logger::DBG_ERROR, "The stream has ended: %s", why.c_str());
         d.Streamer->setStream(false);
         LookAgain();
@@ -960,19 +1000,22 @@ void Device::OnVideoEnded(const std::string& why)
 void Device::OnPulseDone(int axis)
 {
     ToMain([axis](Device& d) {
-        if (!d.m_leaving && d.isConnected()) d.GuideComplete(axis == 0 ? AXIS_DE : AXIS_RA);
+        if (!d.m_leaving && d.isConnected())
+            d.GuideComplete(axis == 0 ? AXIS_DE : AXIS_RA);
     });
 }
 
 void Device::SetDark(bool inUse)
 {
-    for (size_t i = 0; i < 3; ++i) m_dark[i].setState(i == (inUse ? 1u : 2u) ? ISS_ON : ISS_OFF);
+    for (size_t i = 0; i < 3; ++i)
+        m_dark[i].setState(i == (inUse ? 1u : 2u) ? ISS_ON : ISS_OFF);
 }
 
 void Device::OnDark(bool done, bool inUse, const std::string& what)
 {
     ToMain([done, inUse, what](Device& d) {
-        if (d.m_leaving || !d.isConnected()) return;
+        if (d.m_leaving || !d.isConnected())
+            return;
         d.SetDark(inUse);
         d.m_dark.setState(done ? IPS_OK : IPS_ALERT);
         d.m_dark.apply();
@@ -982,7 +1025,8 @@ void Device::OnDark(bool done, bool inUse, const std::string& what)
 
 void Device::Leave()
 {
-    if (m_leaving) return;
+    if (m_leaving)
+        return;
     LOG_ERROR("The camera was unplugged");
     StopAll("the camera was unplugged");
     if (isConnected()) {
@@ -1006,13 +1050,15 @@ void Device::OnEnded()
 {
     m_ended = true;
     ToMain([](Device& d) {
-        if (!d.m_uploads) Devices::Instance().Remove(d.m_serial);
+        if (!d.m_uploads)
+            Devices::Instance().Remove(d.m_serial);
     });
 }
 
 void Device::TimerHit()
 {
-    if (m_leaving || !isConnected()) return;
+    if (m_leaving || !isConnected())
+        return;
     if (m_exposing) {
         const std::chrono::duration<double> gone = steady_clock::now() - m_exposureBegan.load();
         PrimaryCCD.setExposureLeft(std::max(0.0, m_exposureSeconds - gone.count()));
@@ -1021,8 +1067,10 @@ void Device::TimerHit()
         m_streamExposure = Streamer->getTargetExposure();
         m_camera->SetControl(CTRL_EXPOSURE, static_cast<int32_t>(std::lround(m_streamExposure * 1e6)), false);
     }
-    if (m_uploads && steady_clock::now() - m_uploadBegan > UPLOAD_PATIENCE) EndUpload();
-    if (m_warmUp.runs) StepWarmUp();
+    if (m_uploads && steady_clock::now() - m_uploadBegan > UPLOAD_PATIENCE)
+        EndUpload();
+    if (m_warmUp.runs)
+        StepWarmUp();
     SetTimer(getCurrentPollingPeriod());
 }
 

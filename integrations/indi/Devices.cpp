@@ -20,8 +20,10 @@ Devices& Devices::Instance()
 void Devices::Update(const std::vector<Sighting>& seen)
 {
     std::set<std::string> models;
-    for (const Sighting& s : seen) models.insert(s.info.Name);
-    for (const auto& d : m_devices) models.insert(d->Model());
+    for (const Sighting& s : seen)
+        models.insert(s.info.Name);
+    for (const auto& d : m_devices)
+        models.insert(d->Model());
     for (const std::string& model : models) {
         std::vector<Device*> mine;
         std::vector<KnownCamera> known;
@@ -38,10 +40,13 @@ void Devices::Update(const std::vector<Sighting>& seen)
                 info = &s.info;
             }
         const Changes changes = Compare(known, ids);
-        for (const size_t i : changes.gone) mine[i]->Leave();
-        for (const size_t i : changes.doubtful) mine[i]->Verify();
+        for (const size_t i : changes.gone)
+            mine[i]->Leave();
+        for (const size_t i : changes.doubtful)
+            mine[i]->Verify();
         if (changes.doubtful.empty())
-            for (Device* d : mine) d->ForgetVerified();
+            for (Device* d : mine)
+                d->ForgetVerified();
         for (const KnownCamera& k : changes.appeared) {
             m_devices.push_back(std::make_unique<Device>(*info, k.id, k.ordinal));
             m_devices.back()->ISGetProperties(nullptr);
@@ -51,8 +56,7 @@ void Devices::Update(const std::vector<Sighting>& seen)
 
 Device* Devices::Find(int serial)
 {
-    const auto it =
-        std::find_if(m_devices.begin(), m_devices.end(), [=](const auto& d) { return d->Serial() == serial; });
+    const auto it = std::find_if(m_devices.begin(), m_devices.end(), [=](const auto& d) { return d->Serial() == serial; });
     return it == m_devices.end() ? nullptr : it->get();
 }
 
@@ -77,7 +81,8 @@ void Devices::GiveTurn()
     while (!m_waiting.empty() && m_turn == 0) {
         Device* next = Find(m_waiting.front());
         m_waiting.erase(m_waiting.begin());
-        if (next == nullptr) continue;
+        if (next == nullptr)
+            continue;
         m_turn = next->Serial();
         next->UploadTurn();
     }
@@ -86,7 +91,8 @@ void Devices::GiveTurn()
 void Devices::EndAll()
 {
     for (const auto& d : m_devices)
-        if (!d->HasLeft()) d->EndCamera();
+        if (!d->HasLeft())
+            d->EndCamera();
     const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(3);
     const auto ended = [](const auto& d) { return d->HasEnded(); };
     while (!std::all_of(m_devices.begin(), m_devices.end(), ended) && std::chrono::steady_clock::now() < limit)

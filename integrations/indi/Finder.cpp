@@ -22,7 +22,8 @@ std::vector<Sighting> Models(const Library& library)
     const int count = library.GetNumOfConnectedCameras();
     for (int i = 0; i < count; ++i) {
         Sighting s{};
-        if (library.GetCameraProperty(&s.info, i) == KOV_SUCCESS) seen.push_back(s);
+        if (library.GetCameraProperty(&s.info, i) == KOV_SUCCESS)
+            seen.push_back(s);
     }
     return seen;
 }
@@ -30,20 +31,19 @@ std::vector<Sighting> Models(const Library& library)
 void ReadIds(const Library& library, std::vector<Sighting>& seen)
 {
     for (Sighting& s : seen) {
-        if (IsOneOpen(s.info.Name)) continue;  // which one, nothing tells: none is touched
+        if (IsOneOpen(s.info.Name))
+            continue;  // which one, nothing tells: none is touched
         const int id = s.info.CameraID;
         KOV_ID text{};
-        if (library.OpenCamera(id) == KOV_SUCCESS) s.id = library.GetID(id, &text) == KOV_SUCCESS ? IdText(text) : "";
+        if (library.OpenCamera(id) == KOV_SUCCESS)
+            s.id = library.GetID(id, &text) == KOV_SUCCESS ? IdText(text) : "";
         library.CloseCamera(id);
     }
 }
 
 }  // namespace
 
-void LookAgain()
-{
-    g_again = true;
-}
+void LookAgain() { g_again = true; }
 
 void StartFinder(std::function<void(std::vector<Sighting>)> onChange, std::function<void(std::string)> onError)
 {
@@ -57,8 +57,10 @@ void StartFinder(std::function<void(std::vector<Sighting>)> onChange, std::funct
                     const std::lock_guard opening(OpeningMutex());
                     seen = Models(*library);
                     std::vector<std::string> names;
-                    for (const Sighting& s : seen) names.emplace_back(s.info.Name);
-                    if (!g_again.exchange(false) && names == before) continue;
+                    for (const Sighting& s : seen)
+                        names.emplace_back(s.info.Name);
+                    if (!g_again.exchange(false) && names == before)
+                        continue;
                     before = names;
                     ReadIds(*library, seen);
                 }

@@ -25,7 +25,8 @@ namespace {
 std::string FindFile()
 {
     Dl_info facts{};
-    if (dladdr(reinterpret_cast<void*>(&KOVGetNumOfConnectedCameras), &facts) == 0) Fail("its file is not known");
+    if (dladdr(reinterpret_cast<void*>(&KOVGetNumOfConnectedCameras), &facts) == 0)
+        Fail("its file is not known");
     return facts.dli_fname;
 }
 
@@ -36,7 +37,8 @@ std::string CopyInMemory(const std::string& path)
     const int from = open(path.c_str(), O_RDONLY | O_CLOEXEC);
     const int to = memfd_create("KOVCamera2", MFD_CLOEXEC);
     struct stat facts {};
-    if (from < 0 || to < 0 || fstat(from, &facts) != 0) Fail("no copy of " + path + " can be made");
+    if (from < 0 || to < 0 || fstat(from, &facts) != 0)
+        Fail("no copy of " + path + " can be made");
     for (off_t done = 0; done < facts.st_size;)
         if (sendfile(to, from, &done, static_cast<size_t>(facts.st_size - done)) <= 0)
             Fail("no copy of " + path + " can be made");
@@ -48,7 +50,8 @@ template <class Function>
 void Bind(void* handle, const char* name, Function& function)
 {
     function = reinterpret_cast<Function>(dlsym(handle, name));
-    if (function == nullptr) Fail(std::string("it has no ") + name);
+    if (function == nullptr)
+        Fail(std::string("it has no ") + name);
 }
 
 std::unique_ptr<Library> Load()
@@ -56,7 +59,8 @@ std::unique_ptr<Library> Load()
     static const std::string path = FindFile();
     // The library is linked so that it calls itself and not the one that this program is linked with.
     void* handle = dlopen(CopyInMemory(path).c_str(), RTLD_NOW | RTLD_LOCAL);
-    if (handle == nullptr) Fail(dlerror());
+    if (handle == nullptr)
+        Fail(dlerror());
     auto library = std::make_unique<Library>();
 #define KOV_BIND(name) Bind(handle, "KOV" #name, library->name)
     KOV_BIND(GetNumOfConnectedCameras);

@@ -58,7 +58,8 @@ Changes Compare(const std::vector<KnownCamera>& known, const std::vector<std::op
         if (surplus > 0 && id && !id->empty() &&
             std::none_of(known.begin(), known.end(), [&](const KnownCamera& k) { return k.id == *id; }))
             add(*id);
-    while (surplus > 0) add("");
+    while (surplus > 0)
+        add("");
 
     size_t missing = known.size() > ids.size() ? known.size() - ids.size() : 0;
     const auto remove = [&](auto&& which) {
@@ -68,19 +69,23 @@ Changes Compare(const std::vector<KnownCamera>& known, const std::vector<std::op
                 --missing;
             }
     };
-    if (ids.empty()) remove([](const KnownCamera&) { return true; });
+    if (ids.empty())
+        remove([](const KnownCamera&) { return true; });
     remove([](const KnownCamera& k) { return k.failed; });
     if (std::find(ids.begin(), ids.end(), std::nullopt) == ids.end())
         remove([&](const KnownCamera& k) { return !isOnBus(k); });
     for (size_t i = 0; i < known.size() && missing > 0; ++i)
-        if (known[i].open && !known[i].failed && !known[i].verified) c.doubtful.push_back(i);
-    if (c.doubtful.empty()) remove([](const KnownCamera& k) { return !k.open; });  // all that are open have answered
+        if (known[i].open && !known[i].failed && !known[i].verified)
+            c.doubtful.push_back(i);
+    if (c.doubtful.empty())
+        remove([](const KnownCamera& k) { return !k.open; });  // all that are open have answered
     return c;
 }
 
 std::string ElementName(const KOV_CONTROL_CAPS& caps)
 {
-    if (caps.ControlType == CTRL_BRIGHTNESS) return "Offset";
+    if (caps.ControlType == CTRL_BRIGHTNESS)
+        return "Offset";
     std::string name = caps.Name;
     std::erase(name, ' ');
     return name;
@@ -121,7 +126,8 @@ void ToPlanes(const uint8_t* bgr, size_t pixels, uint8_t* planes)
 
 void SwapRedBlue(uint8_t* bgr, size_t pixels)
 {
-    for (size_t i = 0; i < pixels; ++i) std::swap(bgr[3 * i], bgr[3 * i + 2]);
+    for (size_t i = 0; i < pixels; ++i)
+        std::swap(bgr[3 * i], bgr[3 * i + 2]);
 }
 
 DarkMean::DarkMean(int width, int height)
@@ -131,7 +137,8 @@ DarkMean::DarkMean(int width, int height)
 
 void DarkMean::Add(const uint8_t* frame)
 {
-    for (size_t i = 0; i < m_sum.size(); ++i) m_sum[i] += frame[i];
+    for (size_t i = 0; i < m_sum.size(); ++i)
+        m_sum[i] += frame[i];
     ++m_count;
 }
 
@@ -141,7 +148,8 @@ std::vector<uint8_t> DarkMean::Bmp() const
     const auto pixels = static_cast<uint32_t>(m_sum.size());
     std::vector<uint8_t> file(HEADER + PALETTE);
     const auto put = [&](size_t at, uint32_t value, int bytes) {
-        for (int i = 0; i < bytes; ++i) file[at + static_cast<size_t>(i)] = static_cast<uint8_t>(value >> (8 * i));
+        for (int i = 0; i < bytes; ++i)
+            file[at + static_cast<size_t>(i)] = static_cast<uint8_t>(value >> (8 * i));
     };
     std::memcpy(file.data(), "BM", 2);
     put(2, HEADER + PALETTE + pixels, 4);
@@ -153,16 +161,14 @@ std::vector<uint8_t> DarkMean::Bmp() const
     put(28, 8, 2);
     put(34, pixels, 4);
     put(46, 256, 4);
-    for (uint32_t i = 0; i < 256; ++i) put(HEADER + 4 * i, i * 0x010101, 4);
+    for (uint32_t i = 0; i < 256; ++i)
+        put(HEADER + 4 * i, i * 0x010101, 4);
     file.reserve(file.size() + pixels);
     for (const uint32_t sum : m_sum)
         file.push_back(static_cast<uint8_t>(m_count == 0 ? 0 : sum / static_cast<uint32_t>(m_count)));
     return file;
 }
 
-int WarmUpTarget(double start, double minutes, double slope)
-{
-    return static_cast<int>(std::floor(start + minutes * slope));
-}
+int WarmUpTarget(double start, double minutes, double slope) { return static_cast<int>(std::floor(start + minutes * slope)); }
 
 }  // namespace kovindi

@@ -33,15 +33,13 @@ void Drain(int fd, void*)
         const std::lock_guard lock(TheQueue().mutex);
         work.swap(TheQueue().work);
     }
-    for (const auto& w : work) w();
+    for (const auto& w : work)
+        w();
 }
 
 }  // namespace
 
-void StartMainThreadQueue()
-{
-    addCallback(TheQueue().fd, Drain, nullptr);
-}
+void StartMainThreadQueue() { addCallback(TheQueue().fd, Drain, nullptr); }
 
 void OnMainThread(std::function<void()> work)
 {

@@ -94,8 +94,8 @@ static_assert(std::is_sorted(std::begin(g_Factory), std::end(g_Factory),
 
 const FactoryRow* FindRow(int32_t iProductId)
 {
-    const auto it = std::find_if(std::begin(g_Factory), std::end(g_Factory),
-                                 [=](const FactoryRow& r) { return r.iProductId == iProductId; });
+    const auto it =
+        std::find_if(std::begin(g_Factory), std::end(g_Factory), [=](const FactoryRow& r) { return r.iProductId == iProductId; });
     return it == std::end(g_Factory) ? nullptr : it;
 }
 

@@ -20,10 +20,7 @@ KOV_ERROR_CODE Guarded(Body body) noexcept
     }
 }
 
-bool IsKnown(int id)
-{
-    return id >= 0 && id < g_iCameraCount;
-}
+bool IsKnown(int id) { return id >= 0 && id < g_iCameraCount; }
 
 // The checks that every function shares: ID, then slot.
 template <class Body>
@@ -40,10 +37,7 @@ KOV_ERROR_CODE WithCamera(int id, Body body) noexcept
     });
 }
 
-KOV_ERROR_CODE OkOr(bool ok, KOV_ERROR_CODE error)
-{
-    return ok ? KOV_SUCCESS : error;
-}
+KOV_ERROR_CODE OkOr(bool ok, KOV_ERROR_CODE error) { return ok ? KOV_SUCCESS : error; }
 
 void Destroy(int id)
 {
@@ -68,7 +62,11 @@ KOV_ERROR_CODE SetCooler(CCameraBase& cam, KOV_CONTROL_TYPE control, int32_t val
 }
 
 // The format that the model layer works with, and the bytes of a delivered pixel.
-struct Format { bool bRaw; IMAGE_TYPE type; int iBytes; };
+struct Format {
+    bool bRaw;
+    IMAGE_TYPE type;
+    int iBytes;
+};
 constexpr Format g_Formats[] = {
     { true, IMAGE_8BIT, 1 },    // IMG_RAW8
     { false, IMAGE_RGB24, 3 },  // IMG_RGB24
@@ -78,10 +76,7 @@ constexpr Format g_Formats[] = {
 
 }  // namespace
 
-CCameraBase* CCameraBase::FromID(int id)
-{
-    return IsKnown(id) ? g_apCamera[id].Get() : nullptr;
-}
+CCameraBase* CCameraBase::FromID(int id) { return IsKnown(id) ? g_apCamera[id].Get() : nullptr; }
 
 extern "C" {
 
@@ -191,9 +186,8 @@ KOV_ERROR_CODE KOVGetControlCaps(int32_t id, int32_t index, KOV_CONTROL_CAPS* ca
 
 KOV_ERROR_CODE KOVGetControlValue(int32_t id, KOV_CONTROL_TYPE control, int32_t* value, KOV_BOOL* automatic)
 {
-    return WithCamera(id, [&](CCameraBase& cam) {
-        return OkOr(cam.GetControlValue(control, value, automatic), KOV_ERROR_BAD_CONTROL);
-    });
+    return WithCamera(
+        id, [&](CCameraBase& cam) { return OkOr(cam.GetControlValue(control, value, automatic), KOV_ERROR_BAD_CONTROL); });
 }
 
 KOV_ERROR_CODE KOVSetControlValue(int32_t id, KOV_CONTROL_TYPE control, int32_t value, KOV_BOOL automatic)
@@ -253,8 +247,7 @@ KOV_ERROR_CODE KOVGetStartPos(int32_t id, int32_t* x, int32_t* y)
     return WithCamera(id, [&](CCameraBase& cam) {
         *x = cam.m_iStartX / cam.m_iBin;
         // QUIRK: counted from the bottom, the stored start row enters unscaled.
-        *y = cam.m_bBottomUp ? cam.m_iMaxHeight / cam.m_iBin - cam.m_iHeight - cam.m_iStartY
-                             : cam.m_iStartY / cam.m_iBin;
+        *y = cam.m_bBottomUp ? cam.m_iMaxHeight / cam.m_iBin - cam.m_iHeight - cam.m_iStartY : cam.m_iStartY / cam.m_iBin;
         return KOV_SUCCESS;
     });
 }
@@ -275,7 +268,8 @@ KOV_ERROR_CODE KOVEnableDarkSubtract(int32_t id, const char* path, KOV_BOOL* fla
             return KOV_SUCCESS;
         }
         switch (cam.LoadBMPFromFile(path)) {
-        case 0: case 7: return KOV_ERROR_BAD_FILE;
+        case 0:
+        case 7: return KOV_ERROR_BAD_FILE;
         case 6: return KOV_ERROR_BAD_PATH;
         default: return KOV_SUCCESS;
         }

@@ -15,7 +15,7 @@ constexpr uint64_t LONG_EXPOSURE = 100000;  // us; above, gain moves before expo
 
 struct Step {
     IExposureControl& cam;
-    int B;                 // measured
+    int B;  // measured
     int T = cam.TargetBrightness();
     // QUIRK: a range below 100 (Agate and Dunite: 1 to 100) gives a small step of 0: automatic gain never comes down.
     int iRange = cam.GainMax() - cam.GainMin();
@@ -43,14 +43,14 @@ struct Step {
     void ExposureUp() const
     {
         // QUIRK: the product wraps in 32 bits. From 2148 to 4294 seconds it is negative, and no ceiling at all.
-        const auto lCeiling = static_cast<uint64_t>(int64_t{MulWrap(cam.ExposureCeiling(), 1000000)});
+        const auto lCeiling = static_cast<uint64_t>(int64_t{ MulWrap(cam.ExposureCeiling(), 1000000) });
         const uint64_t E = cam.Exposure();
-        cam.SetExposure(std::min(lCeiling, E + E * static_cast<uint64_t>(int64_t{T} - B) / 200));
+        cam.SetExposure(std::min(lCeiling, E + E * static_cast<uint64_t>(int64_t{ T } - B) / 200));
     }
     void ExposureDown() const
     {
         const uint64_t E = cam.Exposure();
-        cam.SetExposure(E - E * static_cast<uint64_t>(int64_t{B} - T) / 400);
+        cam.SetExposure(E - E * static_cast<uint64_t>(int64_t{ B } - T) / 400);
     }
 
     // The two orders differ on purpose: going up, gain moves before and after exposure; going down, only after it. Long

@@ -25,7 +25,7 @@ public:
     virtual int32_t GainCeiling() const = 0;
     virtual int32_t ExposureCeiling() const = 0;  // s
     virtual int32_t Gain() const = 0;
-    virtual uint64_t Exposure() const = 0;        // us
+    virtual uint64_t Exposure() const = 0;  // us
     virtual uint32_t ExposureLines() const = 0;
     virtual bool AutoGain() const = 0;
     virtual bool AutoExposure() const = 0;

@@ -12,10 +12,10 @@ namespace automation {
 
 namespace {
 
-constexpr int LATTICE = 10;          // points a block in each direction; at each a 2 by 2 square is read
-constexpr int BAND_REGULATED = 11;   // dead band while brightness is regulated too
+constexpr int LATTICE = 10;         // points a block in each direction; at each a 2 by 2 square is read
+constexpr int BAND_REGULATED = 11;  // dead band while brightness is regulated too
 constexpr int BAND = 5;
-constexpr int LOW_BALANCE = 5;       // below, truncation alone could never raise the value
+constexpr int LOW_BALANCE = 5;  // below, truncation alone could never raise the value
 
 // New balance of one colour.
 int32_t NewBalance(int32_t iOld, int32_t cG, int32_t c)
@@ -61,8 +61,8 @@ ColourStatistics BlockStatistics(const RawFrame& frame, const Block& block, cons
                 for (int k = 0; k < 4; ++k) {
                     const int y = block.y + static_cast<int>(static_cast<float>(i) * fStepY) + (k >> 1);
                     const int x = block.x + static_cast<int>(static_cast<float>(j) * fStepX) + (k & 1);
-                    const auto index = static_cast<size_t>(int64_t{y} * frame.width + x);
-                    use(cell[(y & 1) * 2 + (x & 1)], index < frame.bytes ? SampleFrame(frame.data, index) : uint8_t{0});
+                    const auto index = static_cast<size_t>(int64_t{ y } * frame.width + x);
+                    use(cell[(y & 1) * 2 + (x & 1)], index < frame.bytes ? SampleFrame(frame.data, index) : uint8_t{ 0 });
                 }
     };
 

@@ -6,7 +6,7 @@
 
 #include "automation/AutoExposure.h"
 
-constexpr int WB_GRID = 16;                      // blocks in each direction
+constexpr int WB_GRID = 16;  // blocks in each direction
 constexpr int WB_BLOCKS = WB_GRID * WB_GRID;
 enum { WB_RED, WB_GREEN, WB_BLUE, WB_COLORS };
 
@@ -18,15 +18,22 @@ struct WBBlocks {
 
 namespace automation {
 
-struct Block { int x, y, width, height; };  // samples
-struct ColourStatistics { int dev[WB_COLORS], mean[WB_COLORS]; };
+struct Block {
+    int x, y, width, height;
+};  // samples
+struct ColourStatistics {
+    int dev[WB_COLORS], mean[WB_COLORS];
+};
 
-// Mean and deviation of the colours of a block of a Bayer mosaic; rows are frame.width samples apart. `cell`: colours of the 2 by 2 cell.
-// A colour whose dev in `measure` is 0 counts points in place of deviations. `scale` multiplies the means alone, up to 255.
+// Mean and deviation of the colours of a block of a Bayer mosaic; rows are frame.width samples apart. `cell`: colours of the 2 by
+// 2 cell. A colour whose dev in `measure` is 0 counts points in place of deviations. `scale` multiplies the means alone, up to
+// 255.
 ColourStatistics BlockStatistics(const RawFrame& frame, const Block& block, const uint8_t cell[4], const int measure[WB_COLORS],
                                  uint32_t scale);
 
-struct Balance { int32_t red, blue; };
+struct Balance {
+    int32_t red, blue;
+};
 
 // Weights each block's colour by its texture, so that sky and background count little, and derives the next balance from the
 // present one; none where the colours agree. block0IfFlat: a colour without any texture takes the mean of block 0; otherwise it

@@ -7,7 +7,8 @@
 #if defined(__clang__) || defined(__GNUC__)
 __attribute__((no_sanitize("thread")))
 #endif
-inline uint8_t SampleFrame(const uint8_t* pFrame, size_t index)
+inline uint8_t
+SampleFrame(const uint8_t* pFrame, size_t index)
 {
     return *static_cast<const volatile uint8_t*>(pFrame + index);
 }

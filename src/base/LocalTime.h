@@ -3,6 +3,8 @@
 
 namespace platform {
 
-struct LocalTime { int iYear, iMonth, iDay, iHour, iMinute, iSecond, iMillisecond; };
+struct LocalTime {
+    int iYear, iMonth, iDay, iHour, iMinute, iSecond, iMillisecond;
+};
 
 }  // namespace platform

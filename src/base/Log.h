@@ -20,11 +20,11 @@ enum class LogLevel { Off, Error, Warn, Info, Debug, Trace };
 
 // KOV_LOG(Info, "frame %d dropped", n): a macro, so that arguments cost nothing while the level is off, and so that the room
 // is that of the calling file.
-#define KOV_LOG(level, ...)                                                                    \
-    do {                                                                                       \
-        if (logging::Enabled(LogLevel::level))                                                 \
-            logging::Write(LogLevel::level, logging::RoomOf(__FILE__), __VA_ARGS__);           \
-    } while (false)
+#define KOV_LOG(level, ...)                                                    \
+  do {                                                                         \
+    if (logging::Enabled(LogLevel::level))                                     \
+      logging::Write(LogLevel::level, logging::RoomOf(__FILE__), __VA_ARGS__); \
+  } while (false)
 
 namespace logging {
 

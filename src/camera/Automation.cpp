@@ -12,8 +12,8 @@ namespace {
 // QUIRK: of these models' 16-bit words the low byte is measured, of all others the high byte: auto exposure of the
 // former settles at another brightness. The last two names belong to no camera.
 constexpr const char* LOW_BYTE_NAMES[] = {
-    "VYR KOVGarnetCol",    "VYR KOVGarnetMono",    "VYR KOVGarnetCol-S",   "VYR KOVGarnetMono-S",
-    "VYR KOVIoliteMono",   "VYR KOVGarnetCol-SC",  "VYR KOVGarnetMono-SC",
+    "VYR KOVGarnetCol",  "VYR KOVGarnetMono",   "VYR KOVGarnetCol-S",   "VYR KOVGarnetMono-S",
+    "VYR KOVIoliteMono", "VYR KOVGarnetCol-SC", "VYR KOVGarnetMono-SC",
 };
 
 automation::RawFrame RawFrameOf(CCameraBase& cam, const uint8_t* data)
@@ -64,7 +64,8 @@ void CCameraBase::AutoExpGain(uint8_t* frame)
 
 void StepWhiteBalance(CCameraBase& cam, const WBBlocks& blocks, bool block0IfFlat)
 {
-    if (const auto next = automation::NextBalance(blocks, block0IfFlat, cam.m_bAutoExp || cam.m_bAutoGain, { cam.m_iWB_R, cam.m_iWB_B }))
+    if (const auto next =
+            automation::NextBalance(blocks, block0IfFlat, cam.m_bAutoExp || cam.m_bAutoGain, { cam.m_iWB_R, cam.m_iWB_B }))
         cam.SetRGBBalance(next->red, next->blue, cam.m_bAutoWB);
 }
 
@@ -91,8 +92,8 @@ void CCameraBase::AutoWB_RAW(uint8_t* frame)
     StepWhiteBalance(*this, blocks, true);
 }
 
-void CCameraBase::Get_variance_ave_RAW(uint8_t* frame, int x0, int y0, int blockW, int blockH, int pitch, int height,
-                                       int* devR, int* devG, int* devB, int* meanR, int* meanG, int* meanB)
+void CCameraBase::Get_variance_ave_RAW(uint8_t* frame, int x0, int y0, int blockW, int blockH, int pitch, int height, int* devR,
+                                       int* devG, int* devB, int* meanR, int* meanG, int* meanB)
 {
     const int measure[WB_COLORS] = { *devR, *devG, *devB };
     const auto s = automation::BlockStatistics({ frame, FrameBufferBytes(*this), pitch, height }, { x0, y0, blockW, blockH },

@@ -14,8 +14,8 @@
 
 namespace {
 
-constexpr size_t BUFFER_PAD = 64;          // bytes that a vector kernel may read past the end
-constexpr uint32_t TRANSFER_UNIT = 49152;  // bytes; the camera counts a frame in these
+constexpr size_t BUFFER_PAD = 64;                                 // bytes that a vector kernel may read past the end
+constexpr uint32_t TRANSFER_UNIT = 49152;                         // bytes; the camera counts a frame in these
 constexpr uint32_t RECONNECT_FIRST = 50, RECONNECT_AGAIN = 1000;  // ms
 
 constexpr uint8_t BAYER_INDEX[4][4] = {
@@ -182,8 +182,8 @@ bool CCameraBase::SetTransferCount(long bytes)
     const auto dwBytes = static_cast<uint32_t>(bytes);  // a long has 32 bits to the camera
     const uint32_t dwCount = dwBytes / TRANSFER_UNIT + (dwBytes % TRANSFER_UNIT != 0);
     int32_t iLength = 0;
-    return SendCMD(REQ_TRANSFER_COUNT, static_cast<uint16_t>(dwCount >> 16), static_cast<uint16_t>(dwCount), false,
-                   nullptr, &iLength);
+    return SendCMD(REQ_TRANSFER_COUNT, static_cast<uint16_t>(dwCount >> 16), static_cast<uint16_t>(dwCount), false, nullptr,
+                   &iLength);
 }
 
 bool CCameraBase::ReConnectCamera()
@@ -250,10 +250,7 @@ void CCameraBase::StopExposure()
     m_ExpStatus = EXP_IDLE;
 }
 
-bool CCameraBase::GetImageAfterExp(uint8_t* buffer, int size)
-{
-    return GetImage(buffer, size, platform::WAIT_FOREVER);
-}
+bool CCameraBase::GetImageAfterExp(uint8_t* buffer, int size) { return GetImage(buffer, size, platform::WAIT_FOREVER); }
 
 void CCameraBase::GetCameraProperty(KOV_CAMERA_INFO* info)
 {

@@ -13,17 +13,37 @@
 
 // Numbers of isAvailable.
 enum Control_TYPE {
-    HAS_GAIN, HAS_EXPOSURE, HAS_GAMMA, HAS_WB_R, HAS_WB_B, HAS_BRIGHTNESS, HAS_BANDWIDTH, HAS_OVERCLK, HAS_TEMPERATURE,
-    HAS_FLIP, HAS_AUTO, HAS_COOLER, HAS_COOL_POWER, HAS_TARGET_TEMP,
+    HAS_GAIN,
+    HAS_EXPOSURE,
+    HAS_GAMMA,
+    HAS_WB_R,
+    HAS_WB_B,
+    HAS_BRIGHTNESS,
+    HAS_BANDWIDTH,
+    HAS_OVERCLK,
+    HAS_TEMPERATURE,
+    HAS_FLIP,
+    HAS_AUTO,
+    HAS_COOLER,
+    HAS_COOL_POWER,
+    HAS_TARGET_TEMP,
 };
 
 using GuideD = KOV_GUIDE_DIRECTION;
 enum HPCStatus { HPC_STOP = 0, HPC_LOAD = 1, HPC_OFF = 2, HPC_QUERY = 3 };
 
 class KOV_CLASS CCameraBase : public CCameraFX3,
-                              public RegionState, public ExposureState, public GainState, public BalanceState,
-                              public AutomationState, public CaptureState, public DarkState, public HotPixelFields,
-                              public ThermalState, public Capabilities, public DeviceState {
+                              public RegionState,
+                              public ExposureState,
+                              public GainState,
+                              public BalanceState,
+                              public AutomationState,
+                              public CaptureState,
+                              public DarkState,
+                              public HotPixelFields,
+                              public ThermalState,
+                              public Capabilities,
+                              public DeviceState {
 public:
     // Size of the sensor in pixels. Allocates all working buffers, for the full sensor, once.
     CCameraBase(int width, int height);
@@ -76,7 +96,12 @@ public:
     void UsingDark(bool on) { m_bUsingDark = on; }
     uint32_t GetDroppedFrame() const { return m_iDroppedFrames; }
     int GetNumOfControls() const { return m_iNumOfControls; }
-    bool GetStartPos(int* x, int* y) const { *x = m_iStartX; *y = m_iStartY; return true; }
+    bool GetStartPos(int* x, int* y) const
+    {
+        *x = m_iStartX;
+        *y = m_iStartY;
+        return true;
+    }
     bool IsHighSpeedMode() const { return m_bHighSpeed; }
     char* GetBMPPath() { return m_szBMPPath; }
     int GetCMOSClk() const { return m_iCMOSClk; }
@@ -92,13 +117,29 @@ public:
     bool IsHardwareBin() const { return m_bHardwareBin; }
     // QUIRK: true while the dark capture still runs, contrary to the name.
     bool IsGetDarkOver() const { return m_bGettingDark; }
-    void GetDarkCount(int* done, int* wanted) const { *done = m_iDarkCount; *wanted = m_iDarkNum; }
-    void GetHPSum(int* inDark, int* inTable) const { *inDark = m_lDeadPixelNum; *inTable = m_iHPCNum; }
+    void GetDarkCount(int* done, int* wanted) const
+    {
+        *done = m_iDarkCount;
+        *wanted = m_iDarkNum;
+    }
+    void GetHPSum(int* inDark, int* inTable) const
+    {
+        *inDark = m_lDeadPixelNum;
+        *inTable = m_iHPCNum;
+    }
     uint32_t GetExp(bool* autoMode) const;  // low 32 bits
     void GetRGBBalance(int* red, int* blue, bool* autoMode) const;
     bool GetMaxFPS(float* dataRate, float* frames) const;  // MB/s, frames/s
-    void SetMisc(bool flipRow, bool flipColumn) { m_bFlipRow = flipRow; m_bFlipColumn = flipColumn; }
-    void GetMisc(bool* flipRow, bool* flipColumn) const { *flipRow = m_bFlipRow; *flipColumn = m_bFlipColumn; }
+    void SetMisc(bool flipRow, bool flipColumn)
+    {
+        m_bFlipRow = flipRow;
+        m_bFlipColumn = flipColumn;
+    }
+    void GetMisc(bool* flipRow, bool* flipColumn) const
+    {
+        *flipRow = m_bFlipRow;
+        *flipColumn = m_bFlipColumn;
+    }
     void SetAutoPara(int maxGain, int maxExp, int destBrightness);
     void GetAutoPara(int* maxGain, int* maxExp, int* destBrightness) const;
 
@@ -136,8 +177,8 @@ public:
     void AutoExpGain(uint8_t* frame);
     void AutoWhiBal(uint8_t* frame);
     void AutoWB_RAW(uint8_t* frame);
-    void Get_variance_ave_RAW(uint8_t* frame, int x0, int y0, int blockW, int blockH, int pitch, int height, int* devR,
-                              int* devG, int* devB, int* meanR, int* meanG, int* meanB);
+    void Get_variance_ave_RAW(uint8_t* frame, int x0, int y0, int blockW, int blockH, int pitch, int height, int* devR, int* devG,
+                              int* devB, int* meanR, int* meanG, int* meanB);
     void HandleHotPixels();
     bool DeNoiseHPC(int x, int y, int W, int H);
     bool AutoGetHPC(int* found, int minNum, int maxNum, unsigned long* running, uint8_t* buf, int bufLen);

@@ -9,9 +9,9 @@
 
 namespace {
 
-constexpr float KP = 0.2f, KI = 0, KD = 0.6f;   // a PD regulator: the integral is summed and not used
+constexpr float KP = 0.2f, KI = 0, KD = 0.6f;  // a PD regulator: the integral is summed and not used
 
-constexpr uint32_t SLICE_MS = 10;               // latency of a stop
+constexpr uint32_t SLICE_MS = 10;  // latency of a stop
 constexpr uint32_t START_DELAY_MS = 200;
 constexpr int SLICES_BEFORE_READ = 20, SLICES_AFTER_READ = 159, READS_PER_STEP = 2;
 constexpr uint32_t STOP_LIMIT_MS = 500;

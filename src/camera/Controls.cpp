@@ -49,9 +49,9 @@ bool CCameraBase::GetControlCaps(int index, KOV_CONTROL_CAPS* caps)
     // QUIRK: the identifier is written before the index is checked: a host with a wrong index sees what lies in that
     // place of the list, or the field beside it. Places further off, which are not this object's to read, give 0.
     const int32_t iId = index >= 0 && index < static_cast<int>(std::size(m_ControlList)) ? m_ControlList[index]
-                        : index == -1                                                   ? m_iFPSPercUSB3
-                        : index == static_cast<int>(std::size(m_ControlList))           ? m_iNumOfControls
-                                                                                        : 0;
+                        : index == -1                                                    ? m_iFPSPercUSB3
+                        : index == static_cast<int>(std::size(m_ControlList))            ? m_iNumOfControls
+                                                                                         : 0;
     static_assert(sizeof caps->ControlType == sizeof iId);
     std::memcpy(&caps->ControlType, &iId, sizeof iId);  // any number, also none of the enumeration
 
@@ -101,8 +101,14 @@ bool CCameraBase::GetControlValue(KOV_CONTROL_TYPE control, int32_t* value, KOV_
     case CTRL_GAIN: *value = GetGain(&bAuto); break;
     case CTRL_EXPOSURE: *value = static_cast<int32_t>(GetExp(&bAuto)); break;
     case CTRL_GAMMA: *value = GetGamma(); break;
-    case CTRL_WB_R: *value = m_iWB_R; bAuto = m_bAutoWB; break;
-    case CTRL_WB_B: *value = m_iWB_B; bAuto = m_bAutoWB; break;
+    case CTRL_WB_R:
+        *value = m_iWB_R;
+        bAuto = m_bAutoWB;
+        break;
+    case CTRL_WB_B:
+        *value = m_iWB_B;
+        bAuto = m_bAutoWB;
+        break;
     case CTRL_BRIGHTNESS: *value = m_iBrightness; break;
     // QUIRK: a camera without bandwidth control leaves the caller's value alone and reports success.
     case CTRL_BANDWIDTH: GetFPSPerc(value, &bAuto); break;
@@ -135,7 +141,7 @@ KOV_ERROR_CODE CCameraBase::SetControlValue(KOV_CONTROL_TYPE control, int32_t va
     // and what lands in a field is taken as it is.
     switch (Number(control)) {
     case CTRL_GAIN: return Tested(SetGain(value, autoMode));
-    case CTRL_EXPOSURE: return Tested(SetExp(static_cast<uint64_t>(int64_t{value}), autoMode));
+    case CTRL_EXPOSURE: return Tested(SetExp(static_cast<uint64_t>(int64_t{ value }), autoMode));
     case CTRL_GAMMA: return Tested(SetGamma(value));
     case CTRL_WB_R: SetRGBBalance(value, m_iWB_B, autoMode); return KOV_SUCCESS;
     case CTRL_WB_B: SetRGBBalance(m_iWB_R, value, autoMode); return KOV_SUCCESS;

@@ -125,9 +125,7 @@ bool CCameraBase::SetHPCStates(bool on)
 bool CCameraBase::ChangeHPCStatus(HPCStatus status, unsigned long* count)
 {
     switch (status) {
-    case HPC_STOP:
-        m_bHPCRun = false;
-        return false;
+    case HPC_STOP: m_bHPCRun = false; return false;
     case HPC_LOAD:
         m_bHPCEnable = true;
         if (!LoadHPCTable()) {

@@ -12,7 +12,7 @@
 
 namespace {
 
-constexpr int PAIRS = 8, ROWS = 5;     // BinPhaseTable
+constexpr int PAIRS = 8, ROWS = 5;  // BinPhaseTable
 constexpr int8_t NO_ENTRY = 127;
 
 constexpr uint32_t HOT_8BIT = 30, HOT_16BIT = 7680;  // a hot pixel exceeds its neighbours by more
@@ -116,8 +116,8 @@ void ListHotPixels(CCameraBase& cam, std::span<const int32_t> set)
 template <class T>
 struct Frame {
     T* p;
-    size_t n;    // elements of the buffer
-    int W, H, s; // s: distance of the neighbours of one colour
+    size_t n;     // elements of the buffer
+    int W, H, s;  // s: distance of the neighbours of one colour
 
     Frame(CCameraBase& cam, int w, int h)
         : p(reinterpret_cast<T*>(cam.m_pImgBuf)), n(FrameBufferBytes(cam) / sizeof(T)), W(w), H(h), s(cam.m_bIsColor + 1)
@@ -136,7 +136,7 @@ struct Frame {
                 inner(e, x, y);
                 continue;
             }
-            const size_t from = bFirst ? size_t{e} + static_cast<size_t>(s) : size_t{e} - static_cast<size_t>(s);
+            const size_t from = bFirst ? size_t{ e } + static_cast<size_t>(s) : size_t{ e } - static_cast<size_t>(s);
             if (e < n && from < n)
                 p[e] = p[from];
         }
@@ -148,7 +148,7 @@ bool DeNoise(CCameraBase& cam, const Frame<T>& f, int x, int y)
 {
     constexpr uint32_t LIMIT = sizeof(T) == 1 ? HOT_8BIT : HOT_16BIT;
     const size_t nFlags = SensorPixels(cam);
-    const auto place = [&](int px, int py) { return static_cast<size_t>(int64_t{py} * f.W + px); };
+    const auto place = [&](int px, int py) { return static_cast<size_t>(int64_t{ py } * f.W + px); };
     const size_t centre = place(x, y);
     if (centre >= f.n)
         return false;
@@ -188,7 +188,7 @@ void Handle(CCameraBase& cam)
         });
     if (cam.m_bUsingDark)
         f.Repair(DarkPixelsOfRegion(cam), [&](uint32_t e, int, int) {
-            const size_t left = size_t{e} - static_cast<size_t>(f.s), right = size_t{e} + static_cast<size_t>(f.s);
+            const size_t left = size_t{ e } - static_cast<size_t>(f.s), right = size_t{ e } + static_cast<size_t>(f.s);
             if (right < f.n)
                 f.p[e] = static_cast<T>((f.p[left] + f.p[right]) >> 1);
         });
@@ -197,17 +197,10 @@ void Handle(CCameraBase& cam)
 }  // namespace
 
 RegionMapping::RegionMapping(CCameraBase& cam)
-    : sensorWidth(cam.m_iMaxWidth),
-      rows(cam.m_iBin * cam.m_iHeight),
-      columns(cam.m_iBin * cam.m_iWidth),
-      rowOffset(cam.m_bBottomUp ? cam.m_iMaxHeight - cam.m_iStartY - rows : cam.m_iStartY.Get()),
-      columnOffset(cam.m_iStartX),
-      bin(cam.m_iBin),
-      divisor(IsHalfHardBin(cam) ? 2 : bin),
-      hardBin(cam.IsHardBinRun()),
-      keepsSum(cam.m_bDDR),
-      pitch(hardBin ? cam.m_iWidth * (bin == 4 ? 2 : 1) : columns),
-      height(hardBin ? cam.m_iHeight * (bin == 4 ? 2 : 1) : rows),
+    : sensorWidth(cam.m_iMaxWidth), rows(cam.m_iBin * cam.m_iHeight), columns(cam.m_iBin * cam.m_iWidth),
+      rowOffset(cam.m_bBottomUp ? cam.m_iMaxHeight - cam.m_iStartY - rows : cam.m_iStartY.Get()), columnOffset(cam.m_iStartX),
+      bin(cam.m_iBin), divisor(IsHalfHardBin(cam) ? 2 : bin), hardBin(cam.IsHardBinRun()), keepsSum(cam.m_bDDR),
+      pitch(hardBin ? cam.m_iWidth * (bin == 4 ? 2 : 1) : columns), height(hardBin ? cam.m_iHeight * (bin == 4 ? 2 : 1) : rows),
       elements(std::min(static_cast<size_t>(pitch) * static_cast<size_t>(height), SensorPixels(cam)))
 {
 }
@@ -246,7 +239,8 @@ void CCameraBase::AdjustDarkBuff(uint16_t* src, uint16_t* dst)
     }
     for (int i = 0; i < m.rows; ++i) {
         const int64_t lRow = m.Source(i);
-        const int64_t first = std::clamp<int64_t>(-lRow, 0, m.columns), end = std::clamp(nSensor - lRow, first, int64_t{m.columns});
+        const int64_t first = std::clamp<int64_t>(-lRow, 0, m.columns),
+                      end = std::clamp(nSensor - lRow, first, int64_t{ m.columns });
         if (!m.hardBin) {
             const auto to = static_cast<int64_t>(m.Place(i, 0));
             const int64_t room = std::clamp(static_cast<int64_t>(m.elements) - to, first, end);
@@ -268,7 +262,7 @@ void CCameraBase::AdjustDarkBuff(uint16_t* src, uint16_t* dst)
         for (size_t k = 0; k < m.elements; ++k)
             m_pDarkSum[k] = static_cast<uint16_t>(m_pDarkSum[k] / m.divisor / m.divisor);
     // The sum wraps on very bright dark frames of large sensors.
-    const uint32_t dwSum = std::accumulate(m_pDarkSum, m_pDarkSum + m.elements, uint32_t{0});
+    const uint32_t dwSum = std::accumulate(m_pDarkSum, m_pDarkSum + m.elements, uint32_t{ 0 });
     const uint32_t dwAve = m.elements != 0 ? dwSum / static_cast<uint32_t>(m.elements) : 0;
     m_iDarkAve = dwAve;
 

@@ -21,7 +21,7 @@ struct RegionMapping {
     bool operator==(const RegionMapping&) const = default;
 
     // Index in the full sensor of the first pixel of a row of the window.
-    int64_t Source(int row) const { return int64_t{sensorWidth} * (row + rowOffset) + columnOffset; }
+    int64_t Source(int row) const { return int64_t{ sensorWidth } * (row + rowOffset) + columnOffset; }
     // Binned place of a row or column, with the colour phase of the sensor pixel kept.
     int Target(int i, int shift) const { return (i + shift) / (2 * divisor) * 2 + (i & 1); }
     size_t Place(int row, int column) const
@@ -36,7 +36,7 @@ struct RegionMapping {
     int sensorWidth;
     int rows, columns;  // window in sensor pixels
     int rowOffset, columnOffset;
-    int bin, divisor;   // divisor of hardware binning; the host bins the rest of a 4
+    int bin, divisor;  // divisor of hardware binning; the host bins the rest of a 4
     bool hardBin, keepsSum;
     int pitch, height;  // of the target
     size_t elements;    // of the target; never more than the sensor has, whatever the fields of the camera say
@@ -46,9 +46,11 @@ struct RegionMapping {
 // Host threads, under `mutex`.
 struct HotPixelState {
     Mutex mutex;
-    std::vector<int32_t> sensor KOV_TSA(guarded_by(mutex));        // set flags of m_pHPCBuf1, ascending
-    std::vector<int32_t> region KOV_TSA(guarded_by(mutex));        // set flags of m_pHPCBuf2, ascending, with those that older geometries have left
-    std::optional<RegionMapping> dark KOV_TSA(guarded_by(mutex));  // what m_pDarkSum and the stand-out list are made for, from m_pDarkBuf
+    std::vector<int32_t> sensor KOV_TSA(guarded_by(mutex));  // set flags of m_pHPCBuf1, ascending
+    std::vector<int32_t> region
+        KOV_TSA(guarded_by(mutex));  // set flags of m_pHPCBuf2, ascending, with those that older geometries have left
+    std::optional<RegionMapping> dark
+        KOV_TSA(guarded_by(mutex));  // what m_pDarkSum and the stand-out list are made for, from m_pDarkBuf
 };
 
 // Frame delivery: what to repair in the region in force. Ascending indices of the frame as it lies in memory, before

@@ -29,10 +29,7 @@ void CCameraBase::FillGamma16()
     }
 }
 
-int CCameraBase::GetGamma()
-{
-    return m_iGamma;
-}
+int CCameraBase::GetGamma() { return m_iGamma; }
 
 void CCameraBase::Bayer2RGB24(uint8_t* src, uint8_t* dst, int width, int height)
 {

@@ -6,32 +6,46 @@
 
 #include "KOVCamera2.h"
 
+// clang-format off
 enum class Family : uint8_t {
     Garnet, GarnetS, Cobalt, Agate, Dunite, Iolite, Beryl, Jasper, Nephrite, Onyx, Pyrite, Quartz, Lapis, Marble, Kyanite,
     Ebony, Flint, Halite,
 };
+// clang-format on
 
 struct ProductName {
-    uint16_t wProductId;   // 0 ends the list
-    const char* szName;    // name after open, or nullptr: the constructor's stays
+    uint16_t wProductId;  // 0 ends the list
+    const char* szName;   // name after open, or nullptr: the constructor's stays
 };
 
 struct PhaseRow {
-    uint8_t bin;           // 0 ends the list
-    int8_t x1, y1, x2, y2; // shifts of an even and of an odd coordinate, sensor pixels
+    uint8_t bin;            // 0 ends the list
+    int8_t x1, y1, x2, y2;  // shifts of an even and of an odd coordinate, sensor pixels
 };
 
-struct Range { int32_t iMin, iMax, iDef; };
+struct Range {
+    int32_t iMin, iMax, iDef;
+};
 
 // Availability flags; gain, exposure and gamma are always there.
 enum : uint16_t {
-    CAP_BRIGHTNESS = 1, CAP_BANDWIDTH = 2, CAP_WB_R = 4, CAP_WB_B = 8, CAP_BANDWIDTH_AUTO = 16, CAP_OVERCLK = 32,
-    CAP_TEMPERATURE = 64, CAP_FLIP = 128, CAP_AUTO = 256,
+    CAP_BRIGHTNESS = 1,
+    CAP_BANDWIDTH = 2,
+    CAP_WB_R = 4,
+    CAP_WB_B = 8,
+    CAP_BANDWIDTH_AUTO = 16,
+    CAP_OVERCLK = 32,
+    CAP_TEMPERATURE = 64,
+    CAP_FLIP = 128,
+    CAP_AUTO = 256,
     CAP_WB = CAP_WB_R | CAP_WB_B,
     CAP_COMMON = CAP_BRIGHTNESS | CAP_BANDWIDTH | CAP_BANDWIDTH_AUTO | CAP_TEMPERATURE,  // of most models
 };
 enum : uint8_t {
-    TYPE_RAW8 = 1, TYPE_RGB24 = 2, TYPE_Y8 = 4, TYPE_RAW16 = 8,
+    TYPE_RAW8 = 1,
+    TYPE_RGB24 = 2,
+    TYPE_Y8 = 4,
+    TYPE_RAW16 = 8,
     TYPES_COLOR = TYPE_RAW8 | TYPE_RGB24 | TYPE_Y8 | TYPE_RAW16,
 };
 // Start values that differ.
@@ -52,28 +66,27 @@ struct ModelTraits {
     bool bColor = true, bUSB3 = true, bCooler = false;
     float fElecPerADU = 0;
     int32_t iPropA = 0, iPropB = 0, iPropC = -1, iPropD = -1;
-    Range gain, exposure;           // exposure in us
+    Range gain, exposure;  // exposure in us
     int32_t iWB_R, iWB_B, iWBMin = 1, iWBMax = 99;
     Range brightness;
     int32_t iBandwidthMin = 40, iBandwidthMax = 100;
     int32_t iFPSPerc = 80, iFPSPercUSB3 = 80;
-    int32_t iClk, iHMAX;            // start values; clock in kHz or MHz by family
-    int32_t iMaxExposure;           // us
-    int32_t iAutoGainMax = 0;       // 0: the base's stays
-    int32_t iAutoExpMaxCap = -1;    // s; -1: none
-    uint16_t wCaps;                 // CAP_
-    uint8_t bTypes = TYPES_COLOR;   // TYPE_
-    uint8_t bStart;                 // START_
+    int32_t iClk, iHMAX;           // start values; clock in kHz or MHz by family
+    int32_t iMaxExposure;          // us
+    int32_t iAutoGainMax = 0;      // 0: the base's stays
+    int32_t iAutoExpMaxCap = -1;   // s; -1: none
+    uint16_t wCaps;                // CAP_
+    uint8_t bTypes = TYPES_COLOR;  // TYPE_
+    uint8_t bStart;                // START_
     uint8_t bClose = CLOSE_LINK | CLOSE_CLEARS_POINTER;
-    int8_t aBins[5];                // supported bins, zero-ended
-    int8_t aControls[20];           // control list, ended by -1
-    PhaseRow aPhase[4] = {};        // hot-pixel shifts of hardware binning
-    bool bDDR = false;              // hardware binning sums
+    int8_t aBins[5];          // supported bins, zero-ended
+    int8_t aControls[20];     // control list, ended by -1
+    PhaseRow aPhase[4] = {};  // hot-pixel shifts of hardware binning
+    bool bDDR = false;        // hardware binning sums
 };
 
 // Another model's row under names of its own. Variants of the product ID stay accepted.
-constexpr ModelTraits Named(ModelTraits t, const char* szClass, const char* szName, const wchar_t* szKey,
-                            uint16_t wProductId)
+constexpr ModelTraits Named(ModelTraits t, const char* szClass, const char* szName, const wchar_t* szKey, uint16_t wProductId)
 {
     t.szClass = szClass;
     t.szName = szName;

@@ -27,7 +27,7 @@ struct FileClose {
 };
 using File = std::unique_ptr<std::FILE, FileClose>;
 
-uint32_t Get16(const uint8_t* p) { return p[0] | uint32_t{p[1]} << 8; }
+uint32_t Get16(const uint8_t* p) { return p[0] | uint32_t{ p[1] } << 8; }
 uint32_t Get32(const uint8_t* p) { return Get16(p) | Get16(p + 2) << 16; }
 void Put16(uint8_t* p, uint32_t v)
 {
@@ -65,7 +65,10 @@ uint8_t SwapNibbles(uint8_t b) { return static_cast<uint8_t>((b & 15) << 4 | b >
 class FlashAccess {
 public:
     explicit FlashAccess(CCameraFX3& cam) : m_cam(cam) { m_cam.EnableGPIF32DQ(false); }
-    ~FlashAccess() { Attempt("leaving the flash", [this] { m_cam.EnableGPIF32DQ(true); }); }
+    ~FlashAccess()
+    {
+        Attempt("leaving the flash", [this] { m_cam.EnableGPIF32DQ(true); });
+    }
     FlashAccess(const FlashAccess&) = delete;
     FlashAccess& operator=(const FlashAccess&) = delete;
 
@@ -149,7 +152,7 @@ int CCameraBase::LoadBMPFromFile(const char* path)
 int CCameraBase::SaveBMPToFile(const char* path)
 {
     // As many bytes as CreateBMP takes, which is more where a width is not a multiple of four.
-    std::vector<uint8_t> abPixels(std::max(SensorPixels(*this), size_t{ImageBytes(m_iMaxWidth, m_iMaxHeight)}));
+    std::vector<uint8_t> abPixels(std::max(SensorPixels(*this), size_t{ ImageBytes(m_iMaxWidth, m_iMaxHeight) }));
     for (size_t i = 0; i < SensorPixels(*this); ++i)
         abPixels[i] = static_cast<uint8_t>(m_pDarkBuf[i]);
     CreateBMP(m_iMaxWidth, m_iMaxHeight, abPixels.data(), path);
@@ -170,10 +173,10 @@ int CCameraBase::CreateBMP(int width, int height, uint8_t* pixels, const char* p
     Put32(pInfo, INFO_HEADER);
     Put32(pInfo + 4, static_cast<uint32_t>(width));
     Put32(pInfo + 8, static_cast<uint32_t>(height));
-    Put16(pInfo + 12, 1);   // planes
-    Put16(pInfo + 14, 8);   // bits a pixel
+    Put16(pInfo + 12, 1);  // planes
+    Put16(pInfo + 14, 8);  // bits a pixel
     Put32(pInfo + 20, dwImage);
-    Put32(pInfo + 32, 256); // colours used
+    Put32(pInfo + 32, 256);  // colours used
     for (uint32_t i = 0; i < 256; ++i)
         std::memset(ab + FILE_HEADER + INFO_HEADER + 4 * i, static_cast<int>(i), 3);
 
@@ -260,7 +263,8 @@ bool CCameraBase::SaveHPCTable()
         }
     SetHotPixels(*this, std::move(hot));
     int iLength = 0;
-    const std::unique_ptr<uint8_t, void (*)(void*)> pTable(Compress(abBits.data(), static_cast<int>(nBytes), &iLength), &std::free);
+    const std::unique_ptr<uint8_t, void (*)(void*)> pTable(Compress(abBits.data(), static_cast<int>(nBytes), &iLength),
+                                                           &std::free);
     return WriteTable(*this, pTable.get(), iLength);
 }
 
@@ -276,7 +280,7 @@ bool CCameraBase::LoadHPCTable()
     bool bRead = read(0, BLOCK);
     if (std::memcmp(ab.data(), MAGIC, sizeof MAGIC) != 0)
         return false;
-    const auto L = static_cast<int32_t>(uint32_t{ab[4]} << 24 | uint32_t{ab[5]} << 16 | uint32_t{ab[6]} << 8 | ab[7]);
+    const auto L = static_cast<int32_t>(uint32_t{ ab[4] } << 24 | uint32_t{ ab[5] } << 16 | uint32_t{ ab[6] } << 8 | ab[7]);
     if (L > n)  // signed: a negative length passes, and is an empty table
         return false;
     ab.resize(static_cast<size_t>(n) + PAD);

@@ -64,7 +64,7 @@ void CCameraBase::LoadSetting(const wchar_t* key)
         uint64_t lExposure = m_lExposure;
         auto dwLow = static_cast<uint32_t>(lExposure);
         r.Read(L"Exposure", &dwLow, 4);
-        lExposure = (lExposure & ~uint64_t{0xFFFFFFFF}) | dwLow;
+        lExposure = (lExposure & ~uint64_t{ 0xFFFFFFFF }) | dwLow;
         m_lExposure = std::min(lExposure, MAX_LOADED_EXPOSURE);
         r.Read(L"Gain", m_iGain);
         r.Read(L"Gamma", m_iGamma);

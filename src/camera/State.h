@@ -16,7 +16,7 @@
 
 // Format that SetResolution receives and m_ImgType keeps.
 enum IMAGE_TYPE {
-    IMAGE_8BIT = 0,       // raw if m_bRawOutput is set, else luminance
+    IMAGE_8BIT = 0,  // raw if m_bRawOutput is set, else luminance
     IMAGE_RGB24 = 1,
     IMAGE_YUV = 2,        // not reachable from the C interface
     IMAGE_16BIT_ALT = 3,  // not reachable from the C interface
@@ -29,30 +29,30 @@ struct RegionState {
     int32_t m_iMaxWidth = 0, m_iMaxHeight = 0;  // sensor pixels; constructor
     Shared<int32_t> m_iWidth, m_iHeight;        // output pixels
     Shared<int32_t> m_iBin;
-    Shared<int32_t> m_iStartX, m_iStartY;       // sensor pixels
+    Shared<int32_t> m_iStartX, m_iStartY;  // sensor pixels
     Shared<bool> m_bHardwareBin;
     Shared<IMAGE_TYPE> m_ImgType;
     Shared<bool> m_bRawOutput;
     Shared<bool> m_bOutput16Bits;
     Shared<bool> m_bFlipRow, m_bFlipColumn;
     Shared<bool> m_bTimeMark;
-    bool m_bBottomUp = false;                   // the sensor's rows count from below; constructor
+    bool m_bBottomUp = false;  // the sensor's rows count from below; constructor
 };
 
 // Exposure, clock and line length. Host and automation write, all threads read.
 struct ExposureState {
-    Shared<uint64_t> m_lExposure;   // us
+    Shared<uint64_t> m_lExposure;  // us
     Shared<int32_t> m_iExpLines;
     Shared<bool> m_bLongExp;
     Shared<bool> m_bSnapMode;
-    Shared<int32_t> m_iCMOSClk;     // kHz or MHz, by family
+    Shared<int32_t> m_iCMOSClk;  // kHz or MHz, by family
     Shared<bool> m_bSensorHighBits;
     Shared<bool> m_bHighSpeed;
     Shared<bool> m_bSensorCLKStopped;
-    Shared<int32_t> m_iHMAX;        // line length, sensor clocks
-    Shared<int32_t> m_iFrameTime;   // us
+    Shared<int32_t> m_iHMAX;       // line length, sensor clocks
+    Shared<int32_t> m_iFrameTime;  // us
     Shared<int32_t> m_iFPSPerc;
-    int32_t m_iFPSPercUSB3 = 0;     // host
+    int32_t m_iFPSPercUSB3 = 0;  // host
     Shared<bool> m_bAutoFPS;
     Shared<int32_t> m_iOverCLKPerc;
     Shared<float> m_fMaxDataRate, m_fMaxFPS;  // MB/s, frames/s
@@ -78,7 +78,7 @@ struct GainState {
 struct BalanceState {
     Shared<int32_t> m_iWB_R, m_iWB_B;
     Shared<bool> m_bAutoWB;
-    uint8_t m_BayerIdx[4][4];       // 0 red, 1 green, 2 blue; constructor
+    uint8_t m_BayerIdx[4][4];  // 0 red, 1 green, 2 blue; constructor
     CAlgorithm m_Algorithm;
 };
 
@@ -92,7 +92,7 @@ struct AutomationState {
 
 // A running capture and its frames. m_bCapturing and m_ExpStatus change together, under RunControl's lock.
 struct CaptureState {
-    Shared<bool> m_bCapturing;      // host writes, WorkingThread and automation poll
+    Shared<bool> m_bCapturing;  // host writes, WorkingThread and automation poll
     Shared<bool> m_bStopping;
     Shared<KOV_EXPOSURE_STATUS> m_ExpStatus;
     Shared<uint32_t> m_iDroppedFrames;
@@ -101,8 +101,8 @@ struct CaptureState {
     // Written by WorkingThread.
     Shared<uint8_t*> m_pAuxBuf1, m_pAuxBuf2;
     // Of the reader that has the exchange's turn.
-    uint8_t* m_pImgBuf = nullptr;      // 2 bytes a sensor pixel; delivery works in the frame itself and uses only single places of it
-    uint8_t* m_pRGBBuf = nullptr;      // 3 bytes a sensor pixel
+    uint8_t* m_pImgBuf = nullptr;  // 2 bytes a sensor pixel; delivery works in the frame itself and uses only single places of it
+    uint8_t* m_pRGBBuf = nullptr;  // 3 bytes a sensor pixel
     uint8_t* m_pQuarterBuf = nullptr;  // 3/4 of a byte; nothing of the library needs it
 };
 
@@ -123,20 +123,20 @@ struct DarkState {
 struct HotPixelFields {
     Shared<bool> m_bHPCEnable;
     Shared<bool> m_bHPCRun;
-    Shared<int32_t> m_iHPCNum;       // entries of m_pHotPixels
+    Shared<int32_t> m_iHPCNum;  // entries of m_pHotPixels
     int32_t* m_pHotPixels = nullptr;
     int32_t *m_pHPCBuf1 = nullptr, *m_pHPCBuf2 = nullptr;  // flags: full sensor; current region
     HotPixelState m_Hot;
-    int8_t* m_pTable80 = nullptr;    // BinPhaseTable: 5 rows of 8 pairs (x, y); 127 is no entry
+    int8_t* m_pTable80 = nullptr;  // BinPhaseTable: 5 rows of 8 pairs (x, y); 127 is no entry
 };
 
 // Temperature and cooler. Host and cooler write.
 struct ThermalState {
-    Shared<bool> m_bTempThrRun;      // while set, readers take m_fSensorTemp instead of asking the sensor
+    Shared<bool> m_bTempThrRun;  // while set, readers take m_fSensorTemp instead of asking the sensor
     Shared<float> m_fCoolPowerPerc;
     Shared<bool> m_bAutoTemp;
-    Shared<float> m_fSensorTemp;     // degrees Celsius
-    Shared<int32_t> m_iTargetTemp;   // degrees Celsius
+    Shared<float> m_fSensorTemp;           // degrees Celsius
+    Shared<int32_t> m_iTargetTemp;         // degrees Celsius
     int32_t m_iLUTMax = 0, m_iLUTMin = 0;  // degrees Celsius; constructor
 };
 
@@ -146,11 +146,11 @@ struct Capabilities {
     bool m_bUSB3Camera = true;
     float m_fElecPerADU = 0;
     int32_t m_iPropA = 0, m_iPropB = 0;
-    bool m_bDDR = false;             // hardware binning of this sensor sums
+    bool m_bDDR = false;  // hardware binning of this sensor sums
     int32_t m_iPropC = -1, m_iPropD = -1;
     int32_t m_iFPSMin = 0, m_iFPSMax = 0;
-    int32_t m_iMaxExposure = 0;      // us
-    double m_dPixelSize = 0;         // um
+    int32_t m_iMaxExposure = 0;  // us
+    double m_dPixelSize = 0;     // um
     BayerPattern m_ColorBayer = BAYER_RG;
     int8_t m_szBins[16];
     bool m_bHasGain = false, m_bHasExposure = false, m_bHasGamma = false, m_bHasBrightness = false;
@@ -176,5 +176,5 @@ struct DeviceState {
     Shared<bool> m_bUSB3Host;
     Shared<uint8_t> m_FirmwareVer;
     uint8_t m_FPGAVer[2] = {};
-    bool m_bOwnedByFrame = false;    // destroyed by the C interface: the destructor neither saves nor closes
+    bool m_bOwnedByFrame = false;  // destroyed by the C interface: the destructor neither saves nor closes
 };

@@ -10,10 +10,7 @@ Shared<float> s_fLastGoodTemp;
 
 }  // namespace
 
-float CCameraBase::GetTemp()
-{
-    return m_bTempThrRun ? m_fSensorTemp.Get() : GetSensorTemp();
-}
+float CCameraBase::GetTemp() { return m_bTempThrRun ? m_fSensorTemp.Get() : GetSensorTemp(); }
 
 float CCameraBase::GetADTemp()
 {

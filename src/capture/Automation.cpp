@@ -40,8 +40,7 @@ public:
         if (!m_p)
             m_p.reset(static_cast<uint8_t*>(std::calloc(dwRoom + 64, 1)));
         if (m_p)
-            CopyUnsynchronised(m_p.get(), cam.m_pAuxBuf1,
-                               std::min(size_t(std::max(m_run.model.GetRealImageSize(), 0)), dwRoom));
+            CopyUnsynchronised(m_p.get(), cam.m_pAuxBuf1, std::min(size_t(std::max(m_run.model.GetRealImageSize(), 0)), dwRoom));
         return m_p.get();
     }
 
@@ -79,8 +78,7 @@ void RunAutomation(CaptureRun& run)
                 run.model.ApplyExp();
                 run.model.ApplyGain();
             }
-        } else if (lExp < SHORT_EXPOSURE && lFrameTime < SHORT_EXPOSURE &&
-                   !(kind == Automation::Iolite && cam.m_bLongExp)) {
+        } else if (lExp < SHORT_EXPOSURE && lFrameTime < SHORT_EXPOSURE && !(kind == Automation::Iolite && cam.m_bLongExp)) {
             if (WantsExpGain(cam) && frame())
                 cam.AutoExpGain(p);
             if (kind == Automation::Common && cam.m_bAutoWB && ++nBalancePass % 4 == 0 && CanBalance(cam) && frame())

@@ -17,27 +17,27 @@ public:
 
     virtual bool StartSensorStreaming() { return true; }  // where a family has the pair
     virtual bool StopSensorStreaming() { return true; }
-    virtual int32_t GetRealImageSize() = 0;               // bytes of one raw frame at the current settings
+    virtual int32_t GetRealImageSize() = 0;  // bytes of one raw frame at the current settings
     virtual bool SetOutput16Bits(bool on) = 0;
     virtual bool Cam_SetResolution() { return true; }
-    virtual bool SetCMOSClk() { return true; }            // chooses the clock from the mode
+    virtual bool SetCMOSClk() { return true; }  // chooses the clock from the mode
     virtual bool SetCMOSClk(int /*clock*/) { return true; }
     virtual void CalcMaxFPS() {}
-    virtual bool FirmwareStep() { return true; }          // last step of OpenCamera
+    virtual bool FirmwareStep() { return true; }  // last step of OpenCamera
 
-    virtual bool WakeUpSensor() { return true; }          // Kyanite
-    virtual bool SleepSensor() { return true; }           // Kyanite
-    virtual bool ApplyExp() { return true; }              // Cobalt: the inner SetExp()
-    virtual bool ApplyGain() { return true; }             // Cobalt: the inner SetGain()
+    virtual bool WakeUpSensor() { return true; }                                           // Kyanite
+    virtual bool SleepSensor() { return true; }                                            // Kyanite
+    virtual bool ApplyExp() { return true; }                                               // Cobalt: the inner SetExp()
+    virtual bool ApplyGain() { return true; }                                              // Cobalt: the inner SetGain()
     virtual bool SetBLOffset(bool /*automatic*/, char, char, char, char) { return true; }  // Iolite
-    virtual void ModelWhiteBalance(uint8_t* /*frame*/) {} // Agate, DuniteCol: AutoWhiBal of the class
+    virtual void ModelWhiteBalance(uint8_t* /*frame*/) {}  // Agate, DuniteCol: AutoWhiBal of the class
 };
 
 // The capture thread of one camera with its auxiliary thread. Start and Wait: host.
 class CaptureSession {
 public:
     CaptureSession(CCameraBase& cam, IModel& model);
-    ~CaptureSession();                    // waits for the threads; stopped
+    ~CaptureSession();  // waits for the threads; stopped
     // Starts a capture: its fields, an empty exchange, the thread. An earlier thread that is still in its end sequence is
     // waited for by the new thread, not by the caller. False when the system has no thread; a snap has failed then.
     bool Start(bool snap);

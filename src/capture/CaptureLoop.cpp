@@ -53,16 +53,11 @@ int64_t FrameTime(const CCameraBase& cam, const CaptureForm& form)
     switch (form.family) {
     case Family::Garnet:
     case Family::GarnetS:
-    case Family::Cobalt:
-        return Per((h + 26) * cam.m_iHMAX - 358, cam.m_iCMOSClk);
-    case Family::Iolite:
-        return Per(h * (w + 244), cam.m_iCMOSClk);
-    case Family::Agate:
-        return Per(h * (w + std::max<int64_t>(660 - w, 94)), cam.m_iCMOSClk);
-    case Family::Dunite:
-        return Per(h * (w + std::max<int64_t>(660 - w, 61)), cam.m_iCMOSClk);
-    default:
-        return cam.m_iFrameTime;
+    case Family::Cobalt: return Per((h + 26) * cam.m_iHMAX - 358, cam.m_iCMOSClk);
+    case Family::Iolite: return Per(h * (w + 244), cam.m_iCMOSClk);
+    case Family::Agate: return Per(h * (w + std::max<int64_t>(660 - w, 94)), cam.m_iCMOSClk);
+    case Family::Dunite: return Per(h * (w + std::max<int64_t>(660 - w, 61)), cam.m_iCMOSClk);
+    default: return cam.m_iFrameTime;
     }
 }
 
@@ -70,16 +65,11 @@ int64_t ExposureLines(const CCameraBase& cam, Family family, int64_t lClock)
 {
     const int64_t lExp = int64_t(cam.m_lExposure.Get()), w = int64_t{ cam.m_iWidth } * cam.m_iBin;
     switch (family) {
-    case Family::Cobalt:
-        return std::max<int64_t>(Per(lClock * lExp - 29, cam.m_iHMAX), 1);
-    case Family::Iolite:
-        return std::max<int64_t>(Per(lClock * lExp + 180, w + 244), 1);
-    case Family::Agate:
-        return std::max<int64_t>(Per(lClock * lExp - 4, w + std::max<int64_t>(660 - w, 94)), 1);
-    case Family::Dunite:
-        return std::max<int64_t>(Per(lClock * lExp - 4, w + std::max<int64_t>(660 - w, 61)), 1);
-    default:
-        return Per(lExp * lClock - 26, cam.m_iHMAX);
+    case Family::Cobalt: return std::max<int64_t>(Per(lClock * lExp - 29, cam.m_iHMAX), 1);
+    case Family::Iolite: return std::max<int64_t>(Per(lClock * lExp + 180, w + 244), 1);
+    case Family::Agate: return std::max<int64_t>(Per(lClock * lExp - 4, w + std::max<int64_t>(660 - w, 94)), 1);
+    case Family::Dunite: return std::max<int64_t>(Per(lClock * lExp - 4, w + std::max<int64_t>(660 - w, 61)), 1);
+    default: return Per(lExp * lClock - 26, cam.m_iHMAX);
     }
 }
 
@@ -94,7 +84,10 @@ CaptureLoop::CaptureLoop(CaptureRun& run)
 
 void CaptureLoop::Run()
 {
-    if (!Attempt("capture", [this] { Start(); Frames(); }))
+    if (!Attempt("capture", [this] {
+            Start();
+            Frames();
+        }))
         m_run.control.End(EXP_FAILED);
     if (!m_bLost)
         Attempt("end of capture", [this] { End(); });
@@ -172,7 +165,7 @@ CaptureLoop::Verdict CaptureLoop::Check() const
         if (Get<uint16_t>(p, 0) != HEAD_A)
             return Verdict::BadHead;
         return Get<uint16_t>(p, S - 2) == TAIL_A && Get<uint16_t>(p, S - 4) == Get<uint16_t>(p, 2) ? Verdict::Good
-                                                                                                    : Verdict::BadTail;
+                                                                                                   : Verdict::BadTail;
     }
     if (Get<uint32_t>(p, 0) != HEAD_B)
         return Verdict::BadHead;
@@ -273,8 +266,7 @@ private:
     ChunkQueue::Waits FrameWaits() const override
     {
         const int64_t lExp = int64_t(m_cam.m_lExposure.Get());
-        const int64_t first = lExp >= m_lFrameTime ? lExp / 1000 + (lExp < 1000000 ? 1000 : 2000)
-                                                   : m_lFrameTime * 2 / 1000 + 50;
+        const int64_t first = lExp >= m_lFrameTime ? lExp / 1000 + (lExp < 1000000 ? 1000 : 2000) : m_lFrameTime * 2 / 1000 + 50;
         const int64_t share = Per(m_lFrameTime / 1000, m_queue.Count()) + 100;
         return { uint32_t(first), m_form.bCapChunkWait ? 100u : uint32_t(share), m_form.bCapChunkWait, 0, 0 };
     }
@@ -372,10 +364,7 @@ private:
 
 class SmallChunkLoop final : public CaptureLoop {
 public:
-    explicit SmallChunkLoop(CaptureRun& run)
-        : CaptureLoop(run), m_Passes(StateOf(run.cam, run.model.Traits()).nPasses)
-    {
-    }
+    explicit SmallChunkLoop(CaptureRun& run) : CaptureLoop(run), m_Passes(StateOf(run.cam, run.model.Traits()).nPasses) {}
 
 private:
     bool Is(Family f) const { return m_form.family == f; }
@@ -491,8 +480,8 @@ private:
         }
         if (m_result.dwReceived == 0)
             return Next::Pass;
-        TraceLine("get len:0x%x drop:%d reset! frametime:%d waittime:%d\n", m_result.dwReceived, int(m_nBad),
-                  int(m_lFrameTime), int(m_result.dwWait));
+        TraceLine("get len:0x%x drop:%d reset! frametime:%d waittime:%d\n", m_result.dwReceived, int(m_nBad), int(m_lFrameTime),
+                  int(m_result.dwWait));
         ++m_cam.m_iDroppedFrames;
         return Next::BadFrame;
     }

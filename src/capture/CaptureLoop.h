@@ -13,7 +13,7 @@ struct CaptureRun {
     CCameraBase& cam;
     IModel& model;
     const CaptureForm& form;
-    const bool bSnap;         // m_bSnapMode at the start: the next capture may set the field before this one has ended
+    const bool bSnap;  // m_bSnapMode at the start: the next capture may set the field before this one has ended
     RunControl control;
     platform::Thread main, aux;
     std::atomic<bool> bAuxBusy{ false };
@@ -57,7 +57,7 @@ protected:
     void PrepareFrame();  // frame size, counters, exchange
     void OpenQueue() { m_queue.Open(m_form.dwChunk, m_iFrameBytes, !m_form.bSmallChunk); }
     void StartAutomation();
-    void Finish();        // last steps of an ordinary end
+    void Finish();  // last steps of an ordinary end
     Verdict Check() const;
     void LogDamage(Verdict v) const;
     void CountUnread();
@@ -90,8 +90,8 @@ protected:
     void SleepReadoutAware(int64_t wait);
     void SleepWhole();
 
-    static constexpr int64_t SHORT_EXPOSURE = 100000;     // us; below it the automation runs beside the loop
-    static constexpr uint64_t SNAP_LIMIT = 1000000;       // us of exposure lost in bad frames
+    static constexpr int64_t SHORT_EXPOSURE = 100000;  // us; below it the automation runs beside the loop
+    static constexpr uint64_t SNAP_LIMIT = 1000000;    // us of exposure lost in bad frames
 
     CaptureRun& m_run;
     CCameraBase& m_cam;
@@ -99,15 +99,15 @@ protected:
     const CaptureForm& m_form;
     ChunkQueue m_queue;
     int32_t m_iFrameBytes = 0;
-    int64_t m_lFrameTime = 0;          // us
+    int64_t m_lFrameTime = 0;  // us
     ChunkQueue::Result m_result{};
     uint32_t m_nBad = 0;
     bool m_bSwap = false;
-    bool m_bHandedOver = false;        // m_queue.Frame() is no frame any more
-    bool m_bLost = false;              // device gone for good: no end sequence
+    bool m_bHandedOver = false;                 // m_queue.Frame() is no frame any more
+    bool m_bLost = false;                       // device gone for good: no end sequence
     uint32_t m_dwAutoStart, m_dwLastReduction;  // ticks
-    std::atomic<bool>& m_bLastAuto;    // bandwidth was on auto at the last look; one for all cameras of a class
-    uint64_t m_lKept = 0;              // us, exposure that the long branch times
+    std::atomic<bool>& m_bLastAuto;             // bandwidth was on auto at the last look; one for all cameras of a class
+    uint64_t m_lKept = 0;                       // us, exposure that the long branch times
 };
 
 std::unique_ptr<CaptureLoop> MakeCaptureLoop(CaptureRun& run);

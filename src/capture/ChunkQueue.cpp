@@ -31,15 +31,9 @@ ChunkQueue::~ChunkQueue()
 
 // Asked for afresh each time: the link can be missing after a failed reconnection. Nobody replaces it behind this
 // thread's back, since closing a camera waits for the thread first.
-CCyUSBEndPoint* ChunkQueue::EndPoint() const
-{
-    return m_cam.m_pUsbLink ? m_cam.m_pUsbLink->m_pBulkIn : nullptr;
-}
+CCyUSBEndPoint* ChunkQueue::EndPoint() const { return m_cam.m_pUsbLink ? m_cam.m_pUsbLink->m_pBulkIn : nullptr; }
 
-int32_t ChunkQueue::Size(size_t n) const
-{
-    return int32_t(std::min(m_dwChunk, m_dwFrameBytes - Offset(n)));
-}
+int32_t ChunkQueue::Size(size_t n) const { return int32_t(std::min(m_dwChunk, m_dwFrameBytes - Offset(n))); }
 
 uint8_t* ChunkQueue::Other() const
 {

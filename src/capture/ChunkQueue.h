@@ -22,11 +22,11 @@ public:
     void Reopen();
 
     struct Waits {
-        uint32_t dwFirst;  // ms, first chunk
-        uint32_t dwNext;   // ms, after a chunk that came
-        bool bCap;         // dwNext is only an upper limit of the current wait
-        uint32_t dwFailed; // ms, after one that did not come
-        uint32_t dwGrace;  // ms that a chunk still on its way gets on top
+        uint32_t dwFirst;    // ms, first chunk
+        uint32_t dwNext;     // ms, after a chunk that came
+        bool bCap;           // dwNext is only an upper limit of the current wait
+        uint32_t dwFailed;   // ms, after one that did not come
+        uint32_t dwGrace;    // ms that a chunk still on its way gets on top
         bool bLong = false;  // long exposure: its trace line names no wait
     };
     struct Result {
@@ -43,10 +43,10 @@ public:
     // buffer afterwards.
     bool HandOver();
 
-    void Resync();        // abort and reset of the endpoint, then all chunks into the next buffer
-    void Flush();         // takes what lies there (2 ms a chunk) and queues again
-    void KeepAlive();     // as Resync with 1 ms a chunk
-    void Close();         // ends all requests; nothing writes into the buffers afterwards
+    void Resync();     // abort and reset of the endpoint, then all chunks into the next buffer
+    void Flush();      // takes what lies there (2 ms a chunk) and queues again
+    void KeepAlive();  // as Resync with 1 ms a chunk
+    void Close();      // ends all requests; nothing writes into the buffers afterwards
 
     uint32_t Count() const { return uint32_t(m_slots.size()); }
 
@@ -77,7 +77,7 @@ private:
     uint32_t m_dwChunk = 0;
     uint32_t m_dwFrameBytes = 0;
     bool m_bTwoBuffers = true;
-    uint8_t* m_pFill = nullptr;   // where the queued requests write
-    uint8_t* m_pNext = nullptr;   // where a resync queues
+    uint8_t* m_pFill = nullptr;  // where the queued requests write
+    uint8_t* m_pNext = nullptr;  // where a resync queues
     uint8_t* m_pFrame = nullptr;
 };

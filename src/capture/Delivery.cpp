@@ -20,17 +20,17 @@ constexpr uint64_t DARK_MIN_EXPOSURE = 500000;  // us; with automatic exposure n
 
 // At which bins the camera bins by itself while m_bHardwareBin is set, and what that leaves to the host.
 enum class HardBin : uint8_t {
-    All,         // frames of m_iWidth x m_iHeight at every bin
-    TwoThreeFour,// as All, but bin 4 is 2 in the camera and 2 on the host
-    TwoFour,     // bin 2, and bin 4 as 2 and 2; bin 3 on the host alone
-    Three,       // bin 3; others on the host alone
-    Never,       // m_iBin squared pixels at every bin
+    All,           // frames of m_iWidth x m_iHeight at every bin
+    TwoThreeFour,  // as All, but bin 4 is 2 in the camera and 2 on the host
+    TwoFour,       // bin 2, and bin 4 as 2 and 2; bin 3 on the host alone
+    Three,         // bin 3; others on the host alone
+    Never,         // m_iBin squared pixels at every bin
 };
 // What the marks have taken is replaced by pixels from further down.
 enum class Repair : uint8_t {
-    FourBytes,   // first and last 32-bit word, from two rows away
-    EightBytes,  // the first two words
-    EightAndTail,// and the last
+    FourBytes,     // first and last 32-bit word, from two rows away
+    EightBytes,    // the first two words
+    EightAndTail,  // and the last
     None,
 };
 enum class Flips : uint8_t { AfterBin, BeforeBin, NoBin };
@@ -40,10 +40,10 @@ struct DeliveryForm {
     Family family;
     HardBin hardBin;
     Repair repair;
-    bool bTestHead;       // frames with a wrong head may lie in the exchange
-    bool bRotate12;       // 16-bit samples are 12 bits, low byte first, and go to the top of the word
+    bool bTestHead;  // frames with a wrong head may lie in the exchange
+    bool bRotate12;  // 16-bit samples are 12 bits, low byte first, and go to the top of the word
     Flips flips;
-    bool bCopyFirstRow;   // the first row is damaged and takes the third's place
+    bool bCopyFirstRow;  // the first row is damaged and takes the third's place
 };
 
 // clang-format off
@@ -80,9 +80,9 @@ const DeliveryForm& FormOf(const ModelTraits& t)
 
 // Geometry of one frame, read once: the host's setters may change it meanwhile, and nothing here may then leave a buffer.
 struct Geometry {
-    int w, h, bin;         // output pixels
-    int rawW, rawH;        // pixels of the frame as it came
-    int softBin;           // what the host bins; 1 is nothing
+    int w, h, bin;   // output pixels
+    int rawW, rawH;  // pixels of the frame as it came
+    int softBin;     // what the host bins; 1 is nothing
     bool is16, bHardBin;
     int64_t Pixels() const { return int64_t{ rawW } * rawH; }
     int64_t Bytes() const { return Pixels() * (is16 ? 2 : 1); }
@@ -263,8 +263,7 @@ imaging::FramePlan PlanSamples(CCameraBase& cam, const ModelTraits& t, const Del
     plan.rawWidth = g.rawW;
     plan.is16 = g.is16;
     plan.rotate12 = g.is16 && f.bRotate12;
-    if (!g.is16 && cam.m_bUsingDark &&
-        (!cam.m_bAutoExp || cam.m_lExposure >= DARK_MIN_EXPOSURE || IgnoresDarkExposure(t))) {
+    if (!g.is16 && cam.m_bUsingDark && (!cam.m_bAutoExp || cam.m_lExposure >= DARK_MIN_EXPOSURE || IgnoresDarkExposure(t))) {
         plan.dark = cam.m_pDarkSum;
         plan.darkOffset = cam.m_iDarkAve;
     }
@@ -281,7 +280,8 @@ imaging::FramePlan PlanSamples(CCameraBase& cam, const ModelTraits& t, const Del
 }
 
 // The stages behind the hot pixels: flips and bin.
-void PlanGeometry(imaging::FramePlan& plan, const CCameraBase& cam, const ModelTraits& t, const DeliveryForm& f, const Geometry& g)
+void PlanGeometry(imaging::FramePlan& plan, const CCameraBase& cam, const ModelTraits& t, const DeliveryForm& f,
+                  const Geometry& g)
 {
     plan.reverseRows = cam.m_bFlipColumn;
     plan.mirrorRows = cam.m_bFlipRow;
@@ -335,8 +335,9 @@ void PutImage(CCameraBase& cam, const ModelTraits& t, imaging::FramePlan plan, u
         return;
     }
     const bool bColour = type == IMAGE_RGB24 || type == IMAGE_YUV;
-    const Output output = bColour ? (t.bColor ? Output::Colour24 : Output::Grey24)
-                          : type == IMAGE_8BIT && t.bColor && !cam.m_bRawOutput ? Output::Luminance : Output::Samples;
+    const Output output = bColour                                               ? (t.bColor ? Output::Colour24 : Output::Grey24)
+                          : type == IMAGE_8BIT && t.bColor && !cam.m_bRawOutput ? Output::Luminance
+                                                                                : Output::Samples;
     const auto phase = imaging::PhaseAfterFlips(cam.m_ColorBayer, plan.mirrorRows, plan.reverseRows);
     if (output != Output::Samples && plan.is16)  // the depth is being changed: these take bytes for samples
         plan = FinishInImgBuf(cam, plan, plan.width, plan.height, false);
@@ -346,7 +347,10 @@ void PutImage(CCameraBase& cam, const ModelTraits& t, imaging::FramePlan plan, u
     plan.phase = phase.value_or(imaging::PHASE_RG);
     plan.bytes = size_t(lLength);
     const bool bNoPattern = !phase && (output == Output::Colour24 || output == Output::Luminance);
-    const int h = plan.width > 0 ? int(std::min<int64_t>(plan.height, lLength / (int64_t{ plan.width } * (type == IMAGE_YUV ? 2 : bColour ? 3 : 1)))) : 0;
+    const int h = plan.width > 0 ? int(std::min<int64_t>(plan.height, lLength / (int64_t{ plan.width } * (type == IMAGE_YUV ? 2
+                                                                                                          : bColour         ? 3
+                                                                                                                    : 1))))
+                                 : 0;
     if (type == IMAGE_YUV) {
         plan.bytes = size_t(h) * size_t(std::max(plan.width, 0)) * 3;
         if (!bNoPattern)
@@ -382,7 +386,8 @@ bool DeliverImage(CCameraBase& cam, IModel& model, uint8_t* pBuffer, int iLength
 
     imaging::ByteTable gamma;
     imaging::FramePlan plan = PlanSamples(cam, t, f, g, pRaw, gamma);
-    const auto patches = g.is16 ? RepairedPixels<uint16_t>(cam, plan, g.Pixels()) : RepairedPixels<uint8_t>(cam, plan, g.Pixels());
+    const auto patches =
+        g.is16 ? RepairedPixels<uint16_t>(cam, plan, g.Pixels()) : RepairedPixels<uint8_t>(cam, plan, g.Pixels());
     plan.patches = patches;
     PlanGeometry(plan, cam, t, f, g);
     // QUIRK: where flips and no bin is the rule, bin 2 shows the beginning of the unbinned frame.

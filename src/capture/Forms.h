@@ -5,9 +5,9 @@
 
 // How a frame names itself. The marks stand in place of image pixels.
 enum class Marks : uint8_t {
-    A,        // words 0x5A7E, tag ... tag, 0x3CF0; cleared before the frame is handed over
-    B,        // first 32-bit word 0xBB00AA11
-    BAndTail, // and last 32-bit word 0x11AA00BB
+    A,         // words 0x5A7E, tag ... tag, 0x3CF0; cleared before the frame is handed over
+    B,         // first 32-bit word 0xBB00AA11
+    BAndTail,  // and last 32-bit word 0x11AA00BB
 };
 
 // What runs beside the loop for the automation.
@@ -23,15 +23,15 @@ enum class LongWay : uint8_t { Kyanite, Gate, Lapis, Ebony, Jasper, Garnet, Coba
 
 struct CaptureForm {
     Family family;
-    bool bSmallChunk;           // loop of the USB 2 families: one buffer, other thresholds, frames with a bad head delivered
-    uint32_t dwChunk;           // bytes of one bulk request
+    bool bSmallChunk;  // loop of the USB 2 families: one buffer, other thresholds, frames with a bad head delivered
+    uint32_t dwChunk;  // bytes of one bulk request
     Marks marks;
-    bool bCapChunkWait;         // next chunk's wait: min(current, 100) ms; else frame time / N + 100
+    bool bCapChunkWait;  // next chunk's wait: min(current, 100) ms; else frame time / N + 100
     Automation automation;
-    bool bQueueFirst;           // requests are queued before the stream starts; sensor clock on first
+    bool bQueueFirst;  // requests are queued before the stream starts; sensor clock on first
     LongWay longWay;
-    uint32_t dwLongFirst;       // ms for the first chunk after a long exposure; 0: max(frame time, 2000)
-    uint32_t dwLongFixed;       // ms for the later ones; 0: frame time / N + dwLongShare
+    uint32_t dwLongFirst;  // ms for the first chunk after a long exposure; 0: max(frame time, 2000)
+    uint32_t dwLongFixed;  // ms for the later ones; 0: frame time / N + dwLongShare
     uint32_t dwLongShare;
 };
 

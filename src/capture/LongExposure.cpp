@@ -7,10 +7,10 @@ namespace {
 constexpr uint16_t FPGA_HOLD = 1, FPGA_GATE = 11, FPGA_LINE_LENGTH = 19;
 constexpr uint16_t GARNET_SHUTTER = 0x3012, IOLITE_SHUTTER = 9, IOLITE_RESTART = 11, IOLITE_MODE = 30;
 constexpr uint16_t DUNITE_SHUTTER = 11, DUNITE_RESTART = 12, EBONY_MODE = 0x0200, EBONY_STATE = 0x8200;
-constexpr uint16_t LONG_SHUTTER = 12287;    // lines that the sensor counts itself while the host keeps the clock
-constexpr uint64_t LONG_FROM = 4000000;     // us; Garnet and Jasper
+constexpr uint16_t LONG_SHUTTER = 12287;        // lines that the sensor counts itself while the host keeps the clock
+constexpr uint64_t LONG_FROM = 4000000;         // us; Garnet and Jasper
 constexpr uint64_t LONG_FROM_SMALL = 10000000;  // us; Iolite, Agate, Dunite
-constexpr int SLOW_CLOCK = 24;              // MHz
+constexpr int SLOW_CLOCK = 24;                  // MHz
 
 }  // namespace
 
@@ -34,9 +34,8 @@ ChunkQueue::Result CaptureLoop::LongFrame()
         w.dwFirst = m_form.dwLongFirst != 0 ? m_form.dwLongFirst : uint32_t(std::max<int64_t>(m_lFrameTime / 1000, 2000));
     if (m_form.longWay != LongWay::Ebony) {
         w.bCap = false;
-        w.dwNext = m_form.dwLongFixed != 0
-                       ? m_form.dwLongFixed
-                       : uint32_t(Per(m_lFrameTime / 1000, m_queue.Count())) + m_form.dwLongShare;
+        w.dwNext = m_form.dwLongFixed != 0 ? m_form.dwLongFixed
+                                           : uint32_t(Per(m_lFrameTime / 1000, m_queue.Count())) + m_form.dwLongShare;
     }
     w.dwFailed = m_form.dwLongFixed != 0 ? m_form.dwLongFixed : 1;
     const ChunkQueue::Result r = m_queue.ReadFrame(w);
@@ -241,8 +240,7 @@ ChunkQueue::Result CaptureLoop::LongIolite()
     m_cam.SendCMD(REQ_STOP_SENSOR_CLOCK);
     SleepWhole();
     m_cam.SendCMD(REQ_START_SENSOR_CLOCK);
-    const ChunkQueue::Result r =
-        m_queue.ReadFrame({ m_form.dwLongFirst, m_form.dwLongFixed, false, m_form.dwLongFixed, 0 });
+    const ChunkQueue::Result r = m_queue.ReadFrame({ m_form.dwLongFirst, m_form.dwLongFixed, false, m_form.dwLongFixed, 0 });
 
     const int64_t lines = ExposureLines(m_cam, m_form.family, m_cam.m_iCMOSClk);
     if (lines < 16383 && m_cam.m_lExposure < LONG_FROM_SMALL) {
@@ -262,8 +260,7 @@ ChunkQueue::Result CaptureLoop::LongDunite()
     SleepWhole();
     m_cam.SendCMD(REQ_START_SENSOR_CLOCK);
     Sleep(100);
-    const ChunkQueue::Result r =
-        m_queue.ReadFrame({ m_form.dwLongFirst, m_form.dwLongFixed, false, m_form.dwLongFixed, 20 });
+    const ChunkQueue::Result r = m_queue.ReadFrame({ m_form.dwLongFirst, m_form.dwLongFixed, false, m_form.dwLongFixed, 20 });
 
     const int64_t lines = ExposureLines(m_cam, m_form.family, m_cam.m_iCMOSClk);
     if (lines < 32767 && m_cam.m_lExposure < LONG_FROM_SMALL) {

@@ -85,7 +85,7 @@ private:
     static constexpr int64_t SLICE = 200;  // ms; bounds how late an abandoned thread notices
     CCameraBase& m_cam;
     const bool m_bSnap;
-    mutable Mutex m_mutex;                 // a leaf lock: the run's end and the host's stop are one step each
-    std::atomic<bool> m_bLive{ true };     // written under it
+    mutable Mutex m_mutex;              // a leaf lock: the run's end and the host's stop are one step each
+    std::atomic<bool> m_bLive{ true };  // written under it
     std::atomic<bool> m_bAbandoned{ false };
 };

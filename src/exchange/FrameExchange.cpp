@@ -91,17 +91,17 @@ struct FrameExchange::Impl {
     uint8_t* apSlots[SLOTS] KOV_TSA(guarded_by(ring)) = {};
     size_t aFrameBytes[SLOTS] KOV_TSA(guarded_by(ring)) = {};
     std::atomic<uint32_t> aHead[SLOTS] = {};  // first word of each slot, readable while the slot is being filled
-    int32_t iWrite = 0;                   // producer's own
+    int32_t iWrite = 0;                       // producer's own
     std::atomic<int32_t> iRead{ 0 };
-    std::atomic<int32_t> iCount{ 0 };     // a frame is published by the step up and given back by the step down
+    std::atomic<int32_t> iCount{ 0 };  // a frame is published by the step up and given back by the step down
     // Held by Read for the span of its copy and by Reset, so that after a Reset no slot is being read any more. The
     // producer fills a spare without it and publishes under it.
     mutable Mutex ring;
     std::vector<uint8_t*> spares KOV_TSA(guarded_by(ring));
-    platform::Semaphore signal;           // given on the step from 0 to 1 only
+    platform::Semaphore signal;  // given on the step from 0 to 1 only
     platform::Semaphore turn;
     std::atomic<bool> bClosing{ false };
-    std::atomic<int32_t> iInside{ 0 };    // consumers and leases between their first and last touch of this object
+    std::atomic<int32_t> iInside{ 0 };  // consumers and leases between their first and last touch of this object
 };
 
 FrameExchange::FrameExchange(uint32_t dwSlotBytes) : m_p(std::make_unique<Impl>(dwSlotBytes)) {}
@@ -200,7 +200,7 @@ FrameExchange::Lease FrameExchange::Take(int32_t iSize, uint32_t dwTimeoutMs)
     if (!m.IsThere())
         return lease;
     if (m.Held() + int32_t(m.spares.size()) <= Impl::SLOTS) {  // all other blocks are with readers
-        uint8_t* const pFresh = m.AddBlock();                   // first: it may move the list
+        uint8_t* const pFresh = m.AddBlock();                  // first: it may move the list
         m.spares.insert(m.spares.begin(), pFresh);
     }
     const int32_t iSlot = m.iRead.load(std::memory_order_relaxed);

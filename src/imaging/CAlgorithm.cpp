@@ -118,15 +118,9 @@ void CAlgorithm::RGB2YUV2(uint8_t* src, uint8_t* dst, int width, int height, boo
     reference::RGB2YUV2(src, dst, width, height, bottomUp);
 }
 
-void CAlgorithm::RGB2Y8(uint8_t* src, uint8_t* dst, int width, int height)
-{
-    Luminance(src, dst, Pixels(width, height));
-}
+void CAlgorithm::RGB2Y8(uint8_t* src, uint8_t* dst, int width, int height) { Luminance(src, dst, Pixels(width, height)); }
 
-void CAlgorithm::RGB2R8(uint8_t* src, uint8_t* dst, int width, int height)
-{
-    FirstBytes(src, dst, Pixels(width, height));
-}
+void CAlgorithm::RGB2R8(uint8_t* src, uint8_t* dst, int width, int height) { FirstBytes(src, dst, Pixels(width, height)); }
 
 void CAlgorithm::MonoBin(uint8_t* buf8, uint16_t* buf16, int outWidth, int outHeight, int bin, bool is16)
 {
@@ -152,10 +146,7 @@ void CAlgorithm::SoftMisc(uint8_t* buf, int width, int height, int bin, bool is1
         Flip8(buf, width * bin, height * bin, reverseRows, mirrorRows);
 }
 
-void CAlgorithm::Gamma(uint8_t* buf, uint8_t* lut, int width, int height)
-{
-    MapBytes(buf, buf, Pixels(width, height), lut);
-}
+void CAlgorithm::Gamma(uint8_t* buf, uint8_t* lut, int width, int height) { MapBytes(buf, buf, Pixels(width, height), lut); }
 
 void CAlgorithm::Gamma(uint16_t* buf, uint16_t* lut, int width, int height)
 {
@@ -169,19 +160,19 @@ void CAlgorithm::SubtractDark(uint8_t* buf, int width, int height, uint32_t offs
 }
 
 // The frame operations carry the name of the sensor's cell, the cell operations that of the byte order they make.
-#define KOV_BAYER(frameName, cellName, phase)                                                              \
-    void CAlgorithm::Bayer2RGB24_##frameName(uint8_t* src, uint8_t* dst, int width, int height)            \
-    {                                                                                                      \
-        DemosaicWith(phase, src, dst, width, height);                                                      \
-    }                                                                                                      \
-    void CAlgorithm::BayerCopy_##cellName(uint8_t* src, uint8_t* dst, int x, int y, int width)             \
-    {                                                                                                      \
-        OneCell(reference::CopyCell, phase, src, dst, x, y, width);                                        \
-    }                                                                                                      \
-    void CAlgorithm::BayerBilinear_##cellName(uint8_t* src, uint8_t* dst, int x, int y, int width)         \
-    {                                                                                                      \
-        OneCell(reference::BilinearCell, phase, src, dst, x, y, width);                                    \
-    }
+#define KOV_BAYER(frameName, cellName, phase)                                                    \
+  void CAlgorithm::Bayer2RGB24_##frameName(uint8_t* src, uint8_t* dst, int width, int height)    \
+  {                                                                                              \
+    DemosaicWith(phase, src, dst, width, height);                                                \
+  }                                                                                              \
+  void CAlgorithm::BayerCopy_##cellName(uint8_t* src, uint8_t* dst, int x, int y, int width)     \
+  {                                                                                              \
+    OneCell(reference::CopyCell, phase, src, dst, x, y, width);                                  \
+  }                                                                                              \
+  void CAlgorithm::BayerBilinear_##cellName(uint8_t* src, uint8_t* dst, int x, int y, int width) \
+  {                                                                                              \
+    OneCell(reference::BilinearCell, phase, src, dst, x, y, width);                              \
+  }
 KOV_BAYER(RG, BG, PHASE_RG)
 KOV_BAYER(BG, RG, PHASE_BG)
 KOV_BAYER(GR, GB, PHASE_GR)

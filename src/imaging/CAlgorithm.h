@@ -7,8 +7,8 @@
 
 class KOV_CLASS CAlgorithm {
 public:
-    void RGBYUV_Init();                       // fills the colour tables, gain tables to identity
-    void SetRGBWB(int wbRed, int wbBlue);     // 50 is unity; process-wide
+    void RGBYUV_Init();                    // fills the colour tables, gain tables to identity
+    void SetRGBWB(int wbRed, int wbBlue);  // 50 is unity; process-wide
 
     void RGB2YUV2(uint8_t* src, uint8_t* dst, int width, int height, bool bottomUp);
     void RGB2Y8(uint8_t* src, uint8_t* dst, int width, int height);

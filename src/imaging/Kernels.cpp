@@ -7,8 +7,8 @@
 
 #undef HWY_TARGET_INCLUDE
 #define HWY_TARGET_INCLUDE "imaging/Kernels.cpp"
-#include <hwy/foreach_target.h>
 #include <hwy/cache_control.h>
+#include <hwy/foreach_target.h>
 #include <hwy/highway.h>
 
 HWY_BEFORE_NAMESPACE();
@@ -40,8 +40,14 @@ void Triple(const uint8_t* grey, uint8_t* dst, size_t n)
 }
 void Demosaic(const BayerFrame& f, int from, int to, uint8_t* dst) { reference::Demosaic(f, from, to, dst); }
 void DemosaicY8(const BayerFrame& f, int from, int to, uint8_t* dst) { reference::DemosaicY8(f, from, to, dst); }
-void BinRow8(const uint8_t* const* rows, uint8_t* out, int w, int bin, bool colour) { reference::BinRow(rows, out, w, bin, colour); }
-void BinRow16(const uint16_t* const* rows, uint16_t* out, int w, int bin, bool colour) { reference::BinRow(rows, out, w, bin, colour); }
+void BinRow8(const uint8_t* const* rows, uint8_t* out, int w, int bin, bool colour)
+{
+    reference::BinRow(rows, out, w, bin, colour);
+}
+void BinRow16(const uint16_t* const* rows, uint16_t* out, int w, int bin, bool colour)
+{
+    reference::BinRow(rows, out, w, bin, colour);
+}
 void Flip8(uint8_t* buf, int w, int h, bool rows, bool mirror) { reference::Flip(buf, w, h, rows, mirror); }
 void Flip16(uint16_t* buf, int w, int h, bool rows, bool mirror) { reference::Flip(buf, w, h, rows, mirror); }
 void Rotate12(const uint16_t* src, uint16_t* dst, size_t n) { std::transform(src, src + n, dst, reference::Rotate12); }
@@ -60,9 +66,9 @@ using Short = hn::CappedTag<T, 16 / sizeof(T)>;
 
 // --- bytes through a table ------------------------------------------------------------------------------------------
 
-#undef KOV_SHUFFLED_TABLE  // of the target before
-#if HWY_TARGET == HWY_AVX3_DL
-#define KOV_SHUFFLED_TABLE 1
+#  undef KOV_SHUFFLED_TABLE  // of the target before
+#  if HWY_TARGET == HWY_AVX3_DL
+#    define KOV_SHUFFLED_TABLE 1
 // 128 entries a shuffle: two shuffles and a blend serve 64 bytes.
 class Table {
 public:
@@ -82,8 +88,8 @@ public:
 private:
     __m512i m_part[4];
 };
-#elif HWY_TARGET == HWY_AVX2 || HWY_TARGET == HWY_AVX3
-#define KOV_SHUFFLED_TABLE 1
+#  elif HWY_TARGET == HWY_AVX2 || HWY_TARGET == HWY_AVX3
+#    define KOV_SHUFFLED_TABLE 1
 // 16 entries a shuffle, which gives 0 to lanes with bit 7 set. Index i, less 16 a step without wrapping, takes part in the
 // steps up to its own; each holds by what its part differs from the one before, so the last one taken is what remains. The
 // upper half of the indices goes its own way with bit 7 turned.
@@ -115,10 +121,10 @@ public:
 
 private:
     Full<uint8_t> m_d;
-    hn::Vec<Full<uint8_t>> m_step[16];
+    hn::Vec<Full<uint8_t> > m_step[16];
 };
-#elif HWY_TARGET == HWY_NEON && HWY_ARCH_ARM_A64
-#define KOV_SHUFFLED_TABLE 1
+#  elif HWY_TARGET == HWY_NEON && HWY_ARCH_ARM_A64
+#    define KOV_SHUFFLED_TABLE 1
 // 64 entries a shuffle, which leaves the lanes alone whose index is not among them.
 class Table {
 public:
@@ -141,8 +147,8 @@ public:
 private:
     uint8x16x4_t m_part[4];
 };
-#else
-#define KOV_SHUFFLED_TABLE 0
+#  else
+#    define KOV_SHUFFLED_TABLE 0
 class Table {
 public:
     explicit Table(const uint8_t* lut) : m_lut(lut) {}
@@ -160,19 +166,19 @@ public:
 private:
     const uint8_t* m_lut;
 };
-#endif
+#  endif
 
 void MapBytes(const uint8_t* src, uint8_t* dst, size_t n, const uint8_t* lut)
 {
     size_t i = 0;
-#if KOV_SHUFFLED_TABLE
+#  if KOV_SHUFFLED_TABLE
     const Full<uint8_t> d;
     if (n >= hn::Lanes(d)) {
         const Table table(lut);
         for (; i + hn::Lanes(d) <= n; i += hn::Lanes(d))
             hn::StoreU(table.Map(hn::LoadU(d, src + i)), d, dst + i);
     }
-#endif
+#  endif
     for (; i + 8 <= n; i += 8) {
         const uint8_t* p = src + i;
         uint8_t* q = dst + i;
@@ -289,7 +295,7 @@ void StreamCopy(const uint8_t* src, uint8_t* dst, size_t n)
 
 // --- demosaic -------------------------------------------------------------------------------------------------------
 
-#if HWY_TARGET == HWY_AVX3_DL
+#  if HWY_TARGET == HWY_AVX3_DL
 struct Interleave {
     uint8_t first[3][64];  // of blue (0 to 63) and green (64 to 127)
     uint8_t red[3][64];
@@ -314,15 +320,15 @@ HWY_INLINE void StorePixels(V8 blue, V8 green, V8 red, uint8_t* dst)
 {
     for (size_t k = 0; k < 3; ++k) {
         const __m512i first = _mm512_permutex2var_epi8(blue.raw, _mm512_load_si512(g_Interleave.first[k]), green.raw);
-        const __m512i all = _mm512_mask_permutexvar_epi8(first, g_Interleave.isRed[k],
-                                                         _mm512_load_si512(g_Interleave.red[k]), red.raw);
+        const __m512i all =
+            _mm512_mask_permutexvar_epi8(first, g_Interleave.isRed[k], _mm512_load_si512(g_Interleave.red[k]), red.raw);
         if constexpr (kStream)
             _mm512_stream_si512(reinterpret_cast<__m512i*>(dst + 64 * k), all);
         else
             _mm512_storeu_si512(dst + 64 * k, all);
     }
 }
-#else
+#  else
 template <bool kStream, class V8>
 HWY_INLINE void StorePixels(V8 blue, V8 green, V8 red, uint8_t* dst)
 {
@@ -337,7 +343,7 @@ HWY_INLINE void StorePixels(V8 blue, V8 green, V8 red, uint8_t* dst)
         hn::StoreInterleaved3(blue, green, red, d, dst);
     }
 }
-#endif
+#  endif
 
 // Two pixels a lane: a word holds the even column below, the odd column above. `kColourOdd` tells which of them is the
 // colour site of the row; `own` is the colour of the row's sites, `other` that of the rows above and below.
@@ -497,8 +503,9 @@ public:
         : m_f(f), m_dst(dst), m_width(f.width), m_height(f.height), m_endX((m_width - 1) & ~ptrdiff_t{ 1 }),
           m_endY((m_height - 1) & ~ptrdiff_t{ 1 }), m_blueTable(f.gains->blue.data()), m_redTable(f.gains->red.data())
     {
-        m_stream = !kY8 && m_width % 2 == 0 && reinterpret_cast<uintptr_t>(dst) % 2 == 0 && m_endX >= STREAM_WIDTH && m_height > 0 &&
-                   m_step <= STREAM_LANES && 3 * static_cast<size_t>(m_width) * static_cast<size_t>(m_height) >= STREAM_FROM;
+        m_stream = !kY8 && m_width % 2 == 0 && reinterpret_cast<uintptr_t>(dst) % 2 == 0 && m_endX >= STREAM_WIDTH &&
+                   m_height > 0 && m_step <= STREAM_LANES &&
+                   3 * static_cast<size_t>(m_width) * static_cast<size_t>(m_height) >= STREAM_FROM;
     }
 
     HWY_INLINE void Make(ptrdiff_t from, ptrdiff_t to)
@@ -586,7 +593,8 @@ private:
     }
 
     template <class Upper, class Lower>
-    HWY_INLINE void Streamed(ptrdiff_t y, const Upper& upper, const Lower& lower, PixelRow<false> toUpper, PixelRow<false> toLower)
+    HWY_INLINE void Streamed(ptrdiff_t y, const Upper& upper, const Lower& lower, PixelRow<false> toUpper,
+                             PixelRow<false> toLower)
     {
         // As many columns as a line has bytes make three whole lines.
         const ptrdiff_t u0 = FirstAligned(toUpper), l0 = FirstAligned(toLower);
@@ -654,10 +662,9 @@ HWY_INLINE size_t Bin8Loop(D8 d8, const uint8_t* a, const uint8_t* b, uint8_t* o
     const size_t lanes = hn::Lanes(d8);
     for (; x + lanes <= n; x += lanes) {
         const auto s0 = hn::BitCast(du, hn::SaturatedAdd(hn::LoadU(d8, a + 2 * x), hn::LoadU(d8, b + 2 * x)));
-        const auto s1 =
-            hn::BitCast(du, hn::SaturatedAdd(hn::LoadU(d8, a + 2 * x + lanes), hn::LoadU(d8, b + 2 * x + lanes)));
-        hn::StoreU(hn::SaturatedAdd(hn::BitCast(d8, hn::ConcatEven(du, s1, s0)), hn::BitCast(d8, hn::ConcatOdd(du, s1, s0))),
-                   d8, out + x);
+        const auto s1 = hn::BitCast(du, hn::SaturatedAdd(hn::LoadU(d8, a + 2 * x + lanes), hn::LoadU(d8, b + 2 * x + lanes)));
+        hn::StoreU(hn::SaturatedAdd(hn::BitCast(d8, hn::ConcatEven(du, s1, s0)), hn::BitCast(d8, hn::ConcatOdd(du, s1, s0))), d8,
+                   out + x);
     }
     return x;
 }
@@ -919,7 +926,8 @@ void MapWords(const uint16_t* src, uint16_t* dst, size_t n, const std::atomic<ui
     const auto at = [=](size_t i) { return lut[src[i]].load(std::memory_order_relaxed); };
     size_t i = 0;
     for (; i + 8 <= n; i += 8) {
-        const uint16_t a = at(i), b = at(i + 1), c = at(i + 2), e = at(i + 3), f = at(i + 4), g = at(i + 5), h = at(i + 6), j = at(i + 7);
+        const uint16_t a = at(i), b = at(i + 1), c = at(i + 2), e = at(i + 3), f = at(i + 4), g = at(i + 5), h = at(i + 6),
+                       j = at(i + 7);
         uint16_t* const q = dst + i;
         q[0] = a, q[1] = b, q[2] = c, q[3] = e, q[4] = f, q[5] = g, q[6] = h, q[7] = j;
     }

@@ -24,7 +24,7 @@ void DemosaicY8(const BayerFrame& f, int from, int to, uint8_t* dst);  // what R
 void Luminance(const uint8_t* rgb, uint8_t* dst, size_t n);
 void FirstBytes(const uint8_t* rgb, uint8_t* dst, size_t n);
 void StreamCopy(const uint8_t* src, uint8_t* dst, size_t n);  // past the caches
-void Triple(const uint8_t* grey, uint8_t* dst, size_t n);  // each byte three times
+void Triple(const uint8_t* grey, uint8_t* dst, size_t n);     // each byte three times
 
 // One output row of `bin` input rows of outWidth * bin samples. The output may be the beginning of the first row.
 void BinRow(const uint8_t* const* rows, uint8_t* out, int outWidth, int bin, bool colour);

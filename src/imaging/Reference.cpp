@@ -8,10 +8,7 @@ namespace imaging::reference {
 namespace {
 
 // The coordinate itself, or the nearest one of the same parity inside; 0 where there is none.
-int Inside(int i, int size)
-{
-    return i < size ? i : i >= 2 ? i - 2 : 0;
-}
+int Inside(int i, int size) { return i < size ? i : i >= 2 ? i - 2 : 0; }
 
 int InsideFrom(int i, int size)
 {
@@ -20,10 +17,7 @@ int InsideFrom(int i, int size)
     return i;
 }
 
-uint8_t Saturate(uint32_t v)
-{
-    return static_cast<uint8_t>(std::min(v, 255u));
-}
+uint8_t Saturate(uint32_t v) { return static_cast<uint8_t>(std::min(v, 255u)); }
 
 template <class PutCell>
 void WalkCells(const BayerFrame& f, int from, int to, PutCell put)
@@ -43,10 +37,7 @@ void WalkCells(const BayerFrame& f, int from, int to, PutCell put)
 }
 
 // First sample of output place i. Mono blocks are dense; colour blocks take every second row and column.
-int FirstOf(int i, int bin, bool colour)
-{
-    return colour ? i / 2 * 2 * bin + (i & 1) : i * bin;
-}
+int FirstOf(int i, int bin, bool colour) { return colour ? i / 2 * 2 * bin + (i & 1) : i * bin; }
 
 // 8-bit frames add up and saturate; 16-bit frames are averaged.
 // QUIRK: of a 16-bit colour frame each sample is divided before it is added, which loses its low bits; mono frames divide
@@ -73,16 +64,11 @@ void SumBlocks(RowAt rowAt, T* out, int outWidth, int bin, bool colour)
 
 }  // namespace
 
-bool IsBorderCell(const BayerFrame& f, int x, int y)
-{
-    return x == 0 || y == 0 || x + 2 >= f.width || y + 2 >= f.height;
-}
+bool IsBorderCell(const BayerFrame& f, int x, int y) { return x == 0 || y == 0 || x + 2 >= f.width || y + 2 >= f.height; }
 
 void CopyCell(const BayerFrame& f, int x, int y, CellPixels out)
 {
-    const auto at = [&](int i, int j) {
-        return f.Row(Inside(y + j, f.height))[Inside(x + i, f.width)];
-    };
+    const auto at = [&](int i, int j) { return f.Row(Inside(y + j, f.height))[Inside(x + i, f.width)]; };
     const int bx = f.phase.blueX, by = f.phase.blueY;
     const uint8_t blue = f.gains->blue[at(bx, by)];
     const uint8_t red = f.gains->red[at(1 - bx, 1 - by)];

@@ -22,7 +22,7 @@ struct BayerFrame {
     int width, height;  // of the whole frame
     BayerPhase phase;
     const Gains* gains;
-    int top = 0;        // the row that `src` begins with, where only a strip of the frame is there
+    int top = 0;  // the row that `src` begins with, where only a strip of the frame is there
 
     const uint8_t* Row(ptrdiff_t y) const { return src + (y - top) * width; }
 };
@@ -60,10 +60,7 @@ void Flip(T* buf, int width, int height, bool reverseRows, bool mirrorRows);
 void Gamma8(uint8_t* buf, size_t n, const uint8_t* lut);
 void SubtractDark(const uint8_t* src, uint8_t* dst, size_t n, uint32_t offset, const uint16_t* dark);
 // 12 bits, low byte first on the wire, to the top of the word.
-constexpr uint16_t Rotate12(uint16_t w)
-{
-    return static_cast<uint16_t>((((w & 0xFFu) * 16) + ((w & 0xF00u) >> 8)) * 16);
-}
+constexpr uint16_t Rotate12(uint16_t w) { return static_cast<uint16_t>((((w & 0xFFu) * 16) + ((w & 0xF00u) >> 8)) * 16); }
 
 }  // namespace reference
 }  // namespace imaging

@@ -31,7 +31,9 @@ constexpr uint8_t g_Font[11][GLYPH_HEIGHT] = {
 class Canvas {
 public:
     Canvas(uint8_t* image, int width, int height, int bytesPerPixel)
-        : m_image(image), m_width(width), m_height(height), m_bytes(bytesPerPixel) {}
+        : m_image(image), m_width(width), m_height(height), m_bytes(bytesPerPixel)
+    {
+    }
 
     // QUIRK: rows follow each other without a gap, so on an image narrower than 200 columns the mark begins in the row
     // above. nullptr outside the image.

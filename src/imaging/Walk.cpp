@@ -174,8 +174,8 @@ private:
         const size_t at = static_cast<size_t>(r) * m_rawWidth;
         const int next = std::clamp(m.reverseRows ? r - 1 : r + 1, 0, m.height * m.bin - 1);
         const T* row = WorkRow(m, at, m_rawWidth, out, static_cast<size_t>(next) * m_rawWidth) ? out : RawRow(r);
-        auto patch = std::lower_bound(m.patches.begin(), m.patches.end(), at,
-                                      [](const Patch& p, size_t place) { return p.at < place; });
+        auto patch =
+            std::lower_bound(m.patches.begin(), m.patches.end(), at, [](const Patch& p, size_t place) { return p.at < place; });
         if (patch == m.patches.end() || patch->at >= at + m_rawWidth)
             return row;
         if (row != out)

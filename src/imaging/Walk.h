@@ -30,8 +30,8 @@ struct FramePlan {
     bool is16 = false;             // samples of 2 bytes, aligned
 
     // Of each sample by itself.
-    bool rotate12 = false;                           // 16 bits
-    const uint16_t* dark = nullptr;                  // 8 bits; one entry a raw sample
+    bool rotate12 = false;           // 16 bits
+    const uint16_t* dark = nullptr;  // 8 bits; one entry a raw sample
     uint32_t darkOffset = 0;
     const uint8_t* gamma8 = nullptr;                 // 256 entries
     const std::atomic<uint16_t>* gamma16 = nullptr;  // 65536 entries
@@ -39,16 +39,16 @@ struct FramePlan {
 
     // Of the geometry.
     bool reverseRows = false, mirrorRows = false;
-    bool flipFirst = false;                          // before the bin, which is not the same where sizes are odd
-    int bin = 1;                                     // 1 to MAX_BIN
+    bool flipFirst = false;  // before the bin, which is not the same where sizes are odd
+    int bin = 1;             // 1 to MAX_BIN
     bool colourBin = false;
-    int width = 0, height = 0;                       // after the bin
+    int width = 0, height = 0;  // after the bin
 
     Output output = Output::Samples;
-    BayerPhase phase = PHASE_RG;                     // after the flips
+    BayerPhase phase = PHASE_RG;  // after the flips
     const Gains* gains = nullptr;
-    size_t bytes = 0;                                // room of the output; rows that do not fit are left out, but of
-                                                     // Samples the last one is cut
+    size_t bytes = 0;  // room of the output; rows that do not fit are left out, but of
+                       // Samples the last one is cut
 };
 inline constexpr int MAX_BIN = 16;
 

@@ -18,15 +18,21 @@ const Guid g_InterfaceGuids[GUID_COUNT] = {
 int InterfaceSlotOf(uint16_t wProductId)
 {
     switch (wProductId) {
-    case 0xC07A: return 1;                                      // GarnetMono
-    case 0xC07B: return 2;                                      // GarnetCol
-    case 0xC09A: return 3;                                      // IoliteMono
-    case 0xC04B: case 0xC04E: case 0xC04F: return 4;            // DuniteCol
-    case 0xC04A: case 0xC04C: case 0xC04D: return 5;            // DuniteMono
-    case 0xC01A: return 6;                                      // AgateCol
-    case 0xC03A: case 0xC03B: case 0xC03C: return 7;            // CobaltCol
-    case 0xC07D: return 8;                                      // GarnetMono_S
-    case 0xC07E: return 9;                                      // GarnetCol_S
+    case 0xC07A: return 1;  // GarnetMono
+    case 0xC07B: return 2;  // GarnetCol
+    case 0xC09A: return 3;  // IoliteMono
+    case 0xC04B:
+    case 0xC04E:
+    case 0xC04F: return 4;  // DuniteCol
+    case 0xC04A:
+    case 0xC04C:
+    case 0xC04D: return 5;  // DuniteMono
+    case 0xC01A: return 6;  // AgateCol
+    case 0xC03A:
+    case 0xC03B:
+    case 0xC03C: return 7;  // CobaltCol
+    case 0xC07D: return 8;  // GarnetMono_S
+    case 0xC07E: return 9;  // GarnetCol_S
     default: return GUID_COUNT;
     }
 }

@@ -18,10 +18,10 @@ constexpr uint32_t WAIT_FOREVER = 0xFFFFFFFFu;
 
 // --- time (any thread) ---------------------------------------------------------------------------------------------
 
-uint32_t Ticks();            // milliseconds since some start; wraps as an unsigned 32-bit number
-void SleepMs(uint32_t ms);   // blocks the calling thread
+uint32_t Ticks();           // milliseconds since some start; wraps as an unsigned 32-bit number
+void SleepMs(uint32_t ms);  // blocks the calling thread
 
-LocalTime LocalNow();        // the host's wall clock; not changed by SetClockRate
+LocalTime LocalNow();  // the host's wall clock; not changed by SetClockRate
 
 // Tests only: lets Ticks, SleepMs and all timed waits run `rate` times as fast. 1.0 is real time.
 void SetClockRate(double rate);
@@ -29,8 +29,8 @@ double ClockRate();
 
 // --- auto-reset events and the semaphore of the frame exchange ------------------------------------------------------
 
-using EventHandle = void*;   // on Windows a kernel handle
-EventHandle MakeEvent();     // auto reset, not signalled; nullptr when the system has none to give
+using EventHandle = void*;  // on Windows a kernel handle
+EventHandle MakeEvent();    // auto reset, not signalled; nullptr when the system has none to give
 void FreeEvent(EventHandle);
 void SignalEvent(EventHandle);
 uint32_t WaitEvent(EventHandle, uint32_t ms);  // WAIT_SIGNALLED (and reset) or WAIT_TIMED_OUT
@@ -60,6 +60,7 @@ public:
     CriticalSection& operator=(const CriticalSection&) = delete;
     void Enter() KOV_TSA(acquire_capability());
     void Leave() KOV_TSA(release_capability());
+
 private:
     struct Impl;
     std::unique_ptr<Impl> m_p;
@@ -71,6 +72,7 @@ public:
     ~Lock() KOV_TSA(release_capability()) { m_cs.Leave(); }
     Lock(const Lock&) = delete;
     Lock& operator=(const Lock&) = delete;
+
 private:
     CriticalSection& m_cs;
 };
@@ -87,8 +89,8 @@ public:
     Thread& operator=(const Thread&) = delete;
     // False when the system has no thread to give. Waits first for an earlier thread of this object.
     bool Start(void (*fn)(void*), void* arg);
-    bool Started() const;            // a thread has been started, running or ended
-    uint32_t Wait(uint32_t ms);      // WAIT_SIGNALLED once it has ended (or none was started), or WAIT_TIMED_OUT
+    bool Started() const;        // a thread has been started, running or ended
+    uint32_t Wait(uint32_t ms);  // WAIT_SIGNALLED once it has ended (or none was started), or WAIT_TIMED_OUT
 private:
     struct Impl;
     std::unique_ptr<Impl> m_p;

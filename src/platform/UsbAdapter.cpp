@@ -40,17 +40,20 @@ constexpr uint32_t CONTROL_LIMIT_MS = 10'000;
 constexpr auto FAST_CLOCK_GRACE = std::chrono::milliseconds(100);
 
 // What a stack's result looks like to the callers of a Windows driver.
-struct ErrorRow { Status status; uint32_t dwError, dwNtStatus, dwUsbdStatus; };
+struct ErrorRow {
+    Status status;
+    uint32_t dwError, dwNtStatus, dwUsbdStatus;
+};
 constexpr ErrorRow g_Errors[] = {
-    { Status::Ok,        ERROR_NONE,            0,          0 },
-    { Status::Cancelled, ERROR_CANCELLED_IO,    0xC0000120, 0xC0010000 },
-    { Status::Stall,     ERROR_GENERAL_FAILURE, 0xC0000001, 0xC0000004 },
-    { Status::TimedOut,  ERROR_TIMED_OUT,       0xC00000B5, 0xC0006000 },
-    { Status::Gone,      ERROR_GONE,            0xC000009D, 0xC0007000 },
-    { Status::Busy,      ERROR_SHARED,          0xC0000043, 0xC0000500 },
-    { Status::Access,    ERROR_NO_ACCESS,       0xC0000022, 0xC0000500 },
-    { Status::NoMemory,  8,                     0xC000009A, 0x80000100 },
-    { Status::Failed,    ERROR_GENERAL_FAILURE, 0xC0000001, 0xC0000500 },
+    { Status::Ok, ERROR_NONE, 0, 0 },
+    { Status::Cancelled, ERROR_CANCELLED_IO, 0xC0000120, 0xC0010000 },
+    { Status::Stall, ERROR_GENERAL_FAILURE, 0xC0000001, 0xC0000004 },
+    { Status::TimedOut, ERROR_TIMED_OUT, 0xC00000B5, 0xC0006000 },
+    { Status::Gone, ERROR_GONE, 0xC000009D, 0xC0007000 },
+    { Status::Busy, ERROR_SHARED, 0xC0000043, 0xC0000500 },
+    { Status::Access, ERROR_NO_ACCESS, 0xC0000022, 0xC0000500 },
+    { Status::NoMemory, 8, 0xC000009A, 0x80000100 },
+    { Status::Failed, ERROR_GENERAL_FAILURE, 0xC0000001, 0xC0000500 },
 };
 
 const ErrorRow& ErrorOf(Status status)
@@ -78,13 +81,13 @@ struct Request {
     std::shared_ptr<Request> self;  // keeps it alive while the stack has it
     EventHandle hEvent = nullptr;
     XferRecord* pRecord = nullptr;
-    SetupPacket setup{};            // control only
-    std::vector<uint8_t> data;      // control and buffered; a direct transfer lands in the caller's buffer
-    uint32_t dwHead = 0;            // bytes of the result that precede the data
+    SetupPacket setup{};        // control only
+    std::vector<uint8_t> data;  // control and buffered; a direct transfer lands in the caller's buffer
+    uint32_t dwHead = 0;        // bytes of the result that precede the data
     bool bControl = false;
     // Under the device's mutex:
     bool bDone = false;
-    bool bDetached = false;         // its slot is given up or serves a newer request: no event any more
+    bool bDetached = false;  // its slot is given up or serves a newer request: no event any more
     Status status = Status::Ok;
     uint32_t dwMoved = 0;
 };
@@ -197,7 +200,8 @@ private:
 
     Mutex m_mutex;
     std::condition_variable m_done;
-    std::unordered_map<Overlapped*, std::shared_ptr<Request>> m_slots KOV_TSA(guarded_by(m_mutex));  // the newest request of each slot
+    std::unordered_map<Overlapped*, std::shared_ptr<Request>> m_slots
+        KOV_TSA(guarded_by(m_mutex));                           // the newest request of each slot
     std::bitset<256> m_endpoints KOV_TSA(guarded_by(m_mutex));  // that ever had a bulk request
 
     // Control requests are run one after another by a thread of the device, so that the caller can give up on one that
@@ -220,10 +224,8 @@ bool CDevice::IoControl(uint32_t dwCode, void* pIn, uint32_t dwIn, void* pOut, u
     switch (dwCode) {
     case IO_CONTROL:
     case IO_BUFFERED:
-    case IO_DIRECT:
-        return Begin(dwCode, pIn, dwIn, pOut, dwOut, pdwBytes, pOverlapped);
-    default:
-        break;
+    case IO_DIRECT: return Begin(dwCode, pIn, dwIn, pOut, dwOut, pdwBytes, pOverlapped);
+    default: break;
     }
     // These are done at once, whether overlapped or not.
     const bool bOk = Simple(dwCode, static_cast<uint8_t*>(pIn), dwIn, static_cast<uint8_t*>(pOut), dwOut, pdwBytes);
@@ -234,8 +236,7 @@ bool CDevice::IoControl(uint32_t dwCode, void* pIn, uint32_t dwIn, void* pOut, u
     return bOk;
 }
 
-bool CDevice::Simple(uint32_t dwCode, const uint8_t* pIn, uint32_t dwIn, uint8_t* pOut, uint32_t dwOut,
-                     uint32_t* pdwBytes)
+bool CDevice::Simple(uint32_t dwCode, const uint8_t* pIn, uint32_t dwIn, uint8_t* pOut, uint32_t dwOut, uint32_t* pdwBytes)
 {
     const auto Out = [&](const void* p, uint32_t n) {
         if (dwOut < n)
@@ -272,7 +273,7 @@ bool CDevice::Simple(uint32_t dwCode, const uint8_t* pIn, uint32_t dwIn, uint8_t
     }
     case IO_DEVICE_SPEED: {
         const usbstack::Speed speed = m_pStack->GetSpeed();
-        const uint32_t dwSpeed = speed == usbstack::Speed::Super ? 4u
+        const uint32_t dwSpeed = speed == usbstack::Speed::Super  ? 4u
                                  : speed == usbstack::Speed::High ? 2u
                                  : speed == usbstack::Speed::Full ? 1u
                                                                   : 0u;
@@ -298,8 +299,7 @@ bool CDevice::Simple(uint32_t dwCode, const uint8_t* pIn, uint32_t dwIn, uint8_t
         *pdwBytes = 5;
         return true;
     }
-    default:
-        return Fail(ERROR_BAD_PARAMETER);
+    default: return Fail(ERROR_BAD_PARAMETER);
     }
 }
 
@@ -428,7 +428,8 @@ void CDevice::ControlLoop()
 {
     MutexLock l(m_mutex);
     for (;;) {
-        WaitUntil(m_mutex, m_controlWake, [&]() KOV_TSA(requires_capability(m_mutex)) { return m_bStopControl || !m_controlQueue.empty(); });
+        WaitUntil(m_mutex, m_controlWake,
+                  [&]() KOV_TSA(requires_capability(m_mutex)) { return m_bStopControl || !m_controlQueue.empty(); });
         if (m_controlQueue.empty())
             return;
         const std::shared_ptr<Request> r = std::move(m_controlQueue.front());
@@ -461,8 +462,8 @@ Status CDevice::RunControl(Request& r, uint32_t* pdwMoved)
         return Status::Ok;
     const uint32_t dwTimeout = s.dwTimeout == 0 ? CONTROL_LIMIT_MS : std::min(s.dwTimeout, 3600u) * 1000;
     const MutexLock l(m_controlMutex);
-    const Status status = m_pStack->Control(s.bmRequestType, s.bRequest, s.wValue, s.wIndex, r.data.data(), s.wLength,
-                                            dwTimeout, pdwMoved);
+    const Status status =
+        m_pStack->Control(s.bmRequestType, s.bRequest, s.wValue, s.wIndex, r.data.data(), s.wLength, dwTimeout, pdwMoved);
     if (bKeep && status == Status::Ok)
         m_pKnown->Store(s, { r.data.begin(), r.data.begin() + std::min(*pdwMoved, uint32_t(s.wLength)) });
     return status;
@@ -596,8 +597,8 @@ public:
         const std::shared_ptr<CDevice> p = Find(h);
         return p ? p->Claim() : Fail(ERROR_BAD_HANDLE);
     }
-    bool IoControl(DeviceHandle h, uint32_t dwCode, void* pIn, uint32_t dwIn, void* pOut, uint32_t dwOut,
-                   uint32_t* pdwBytes, Overlapped* pOverlapped) override
+    bool IoControl(DeviceHandle h, uint32_t dwCode, void* pIn, uint32_t dwIn, void* pOut, uint32_t dwOut, uint32_t* pdwBytes,
+                   Overlapped* pOverlapped) override
     {
         const std::shared_ptr<CDevice> p = Find(h);
         return p ? p->IoControl(dwCode, pIn, dwIn, pOut, dwOut, pdwBytes, pOverlapped) : Fail(ERROR_BAD_HANDLE);

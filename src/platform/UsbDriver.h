@@ -24,7 +24,7 @@ struct Overlapped {
     uintptr_t Internal;      // the driver's own
     uintptr_t InternalHigh;  // the driver's own
     uint32_t Offset, OffsetHigh;
-    void* hEvent;            // platform::EventHandle, signalled on completion
+    void* hEvent;  // platform::EventHandle, signalled on completion
 };
 static_assert(sizeof(void*) != 8 || sizeof(Overlapped) == 32);
 
@@ -35,14 +35,14 @@ constexpr uint32_t ERROR_NO_ACCESS = 5;
 constexpr uint32_t ERROR_BAD_HANDLE = 6;
 constexpr uint32_t ERROR_NOT_READY = 21;
 constexpr uint32_t ERROR_GENERAL_FAILURE = 31;
-constexpr uint32_t ERROR_SHARED = 32;          // in use by another process
+constexpr uint32_t ERROR_SHARED = 32;  // in use by another process
 constexpr uint32_t ERROR_BAD_PARAMETER = 87;
 constexpr uint32_t ERROR_TIMED_OUT = 121;
 constexpr uint32_t ERROR_NO_MORE = 259;
 constexpr uint32_t ERROR_CANCELLED_IO = 995;
-constexpr uint32_t ERROR_INCOMPLETE = 996;     // GetOverlappedResult without waiting: not yet done
+constexpr uint32_t ERROR_INCOMPLETE = 996;  // GetOverlappedResult without waiting: not yet done
 constexpr uint32_t ERROR_PENDING = 997;
-constexpr uint32_t ERROR_GONE = 1167;          // device not connected
+constexpr uint32_t ERROR_GONE = 1167;  // device not connected
 
 // Request codes of the driver. Sizes and directions are told at the callers.
 enum IoCode : uint32_t {
@@ -71,8 +71,8 @@ public:
 
     // Device information: a snapshot of the present devices of one interface GUID, in a stable order.
     using DevInfo = void*;
-    virtual DevInfo GetClassDevs(const Guid& guid) = 0;                        // nullptr on failure
-    virtual bool EnumInterface(DevInfo, uint32_t dwIndex) = 0;                 // ERROR_NO_MORE past the end
+    virtual DevInfo GetClassDevs(const Guid& guid) = 0;         // nullptr on failure
+    virtual bool EnumInterface(DevInfo, uint32_t dwIndex) = 0;  // ERROR_NO_MORE past the end
     virtual bool EnumInfo(DevInfo, uint32_t dwIndex) = 0;
     virtual bool GetProperty(DevInfo, uint32_t dwIndex, uint32_t dwProperty, char* pOut, uint32_t dwSize) = 0;
     virtual bool GetInterfacePath(DevInfo, uint32_t dwIndex, std::string* psPath) = 0;
@@ -118,7 +118,7 @@ private:
 uint32_t LastError();
 void SetLastError(uint32_t dwError);
 
-IUsbDriver& UsbDriver();               // the driver of this process
-void SetUsbDriver(IUsbDriver*);        // tests only: nullptr brings the default back
+IUsbDriver& UsbDriver();         // the driver of this process
+void SetUsbDriver(IUsbDriver*);  // tests only: nullptr brings the default back
 
 }  // namespace platform

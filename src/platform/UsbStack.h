@@ -9,14 +9,14 @@ namespace usbstack {
 
 enum class Status {
     Ok,
-    Cancelled,   // ended by Abort or by closing the handle
-    Stall,       // endpoint halted, or the device refused the control request
+    Cancelled,  // ended by Abort or by closing the handle
+    Stall,      // endpoint halted, or the device refused the control request
     TimedOut,
-    Gone,        // device has vanished; every later call on the handle gives this too
-    Busy,        // claimed by another process
-    Access,      // no permission for the device node
+    Gone,    // device has vanished; every later call on the handle gives this too
+    Busy,    // claimed by another process
+    Access,  // no permission for the device node
     NoMemory,
-    Failed       // anything else
+    Failed  // anything else
 };
 
 enum class Speed { Unknown, Full, High, Super };
@@ -26,21 +26,21 @@ struct DeviceInfo {
     uint16_t wVendorId = 0, wProductId = 0;
     uint8_t bBus = 0;
     uint8_t bAddress = 0;
-    std::string sPortPath;   // "1.4.2"; with the bus it names the socket, not the device
-    std::string sPath;       // opaque name for Open; changes with every plug
+    std::string sPortPath;  // "1.4.2"; with the bus it names the socket, not the device
+    std::string sPath;      // opaque name for Open; changes with every plug
     Speed speed = Speed::Unknown;
 };
 
 // One outstanding bulk request. Owned by the caller, who keeps it and the buffer alive until OnComplete was called.
 struct BulkRequest {
     uint8_t bEndpoint = 0;
-    uint8_t* pData = nullptr;   // data land here directly
+    uint8_t* pData = nullptr;  // data land here directly
     uint32_t dwLength = 0;
     // Called exactly once for every request that SubmitBulk accepted, on the stack's event thread (or inside Abort or
     // the handle's destructor), with the bytes moved. It must not call into the handle and must not block.
     void (*OnComplete)(BulkRequest* request, Status status, uint32_t dwBytes) = nullptr;
-    void* pContext = nullptr;   // the caller's own
-    void* pStack = nullptr;     // the stack's own
+    void* pContext = nullptr;  // the caller's own
+    void* pStack = nullptr;    // the stack's own
 };
 
 // An open device. Calls may come from several threads; control requests are already serialised by the caller.
@@ -66,8 +66,8 @@ public:
     virtual Status ResetPipe(uint8_t bEndpoint) = 0;
 
     virtual void SetTransferSize(uint8_t bEndpoint, uint32_t dwSize) = 0;  // hint of the largest single request
-    virtual Status ResetPort() = 0;   // resets the device in place; outstanding requests are cancelled
-    virtual Status CyclePort() = 0;   // the device re-enumerates; the handle is stale afterwards
+    virtual Status ResetPort() = 0;  // resets the device in place; outstanding requests are cancelled
+    virtual Status CyclePort() = 0;  // the device re-enumerates; the handle is stale afterwards
     virtual Speed GetSpeed() = 0;
     virtual uint8_t GetAddress() = 0;
     virtual int GetAltSetting() = 0;  // of interface 0; -1 when unknown
@@ -84,7 +84,7 @@ public:
 class IStack {
 public:
     virtual ~IStack() = default;
-    virtual std::vector<DeviceInfo> Enumerate() = 0;                      // all present devices of the vendor 0x0E5A
+    virtual std::vector<DeviceInfo> Enumerate() = 0;  // all present devices of the vendor 0x0E5A
     // The caller owns the result. nullptr: *pStatus tells why. Opening takes nothing away from another process that uses
     // the device (Claim does); the handles of one process share it.
     virtual IDevice* Open(const std::string& sPath, Status* pStatus) = 0;
@@ -100,9 +100,9 @@ public:
 // linkage) in the process and asks it at each enumeration and open; a non-null result takes the place of libusb. It may
 // change while no device is open. On Windows the library looks in the program itself and in kovsim.dll, if that is loaded.
 struct Plugin {
-    uint32_t dwVersion;   // 1
-    IStack* pStack;       // lives until every device of it has been closed and the entry tells another
-    double dClockRate;    // how many times faster than real time the library's clock is to run
+    uint32_t dwVersion;  // 1
+    IStack* pStack;      // lives until every device of it has been closed and the entry tells another
+    double dClockRate;   // how many times faster than real time the library's clock is to run
 };
 using PluginEntry = const Plugin* (*)();
 

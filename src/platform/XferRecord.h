@@ -12,11 +12,11 @@ struct SetupPacket {
     uint32_t dwTimeout;  // seconds
 };
 struct XferRecord {
-    SetupPacket setup;           // control only
+    SetupPacket setup;  // control only
     uint8_t bReserved;
-    uint8_t bEndpointAddress;    // 0 for control
-    uint32_t dwNtStatus;         // filled by the driver
-    uint32_t dwUsbdStatus;       // filled by the driver
+    uint8_t bEndpointAddress;  // 0 for control
+    uint32_t dwNtStatus;       // filled by the driver
+    uint32_t dwUsbdStatus;     // filled by the driver
     uint32_t dwIsoPacketOffset;
     uint32_t dwIsoPacketLength;  // bytes, 8 a packet
     uint32_t dwBufferOffset;     // 38 when data follow, 0 for direct transfers

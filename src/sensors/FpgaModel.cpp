@@ -75,8 +75,7 @@ bool CFpgaModel<Base>::SetFPSPerc(int percent, bool autoMode)
     this->TakePercentage(percent, autoMode, AutoPerc());
 
     const int32_t iBudget = this->m_iFPSPerc * m_Vars.iBandwidthUnit;
-    const float fps =
-        float(iBudget) * 10.0f / float(this->m_bOutput16Bits + 1) / float(SensorH()) / float(SensorW());
+    const float fps = float(iBudget) * 10.0f / float(this->m_bOutput16Bits + 1) / float(SensorH()) / float(SensorW());
     const float lineTime = 1e6f / fps / float(SensorLines() + m_Fpga.iVBlank);
     this->m_iHMAX = std::min(std::max(LineFromTime(lineTime), m_Vars.iMinHMAX.load()), 65535);
     WriteHMAX();

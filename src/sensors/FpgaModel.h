@@ -8,27 +8,35 @@
 
 // FPGA registers.
 enum FpgaReg : uint16_t {
-    FPGA_RUN = 0,           // streaming control, values below
-    FPGA_HOLD = 1,          // 1 keeps writes back until 0; then they take effect together
-    FPGA_START_X = 2,       // 2 bytes
-    FPGA_WIDTH = 4,         // 2 bytes, pixels
-    FPGA_START_Y = 6,       // 2 bytes, a constant of the mode
-    FPGA_HEIGHT = 8,        // 2 bytes, lines
-    FPGA_FORMAT = 10,       // 0 fast 8-bit path, 1 8-bit, 16 and 17 16-bit
-    FPGA_LONG_GATE = 11,    // long exposure gate
-    FPGA_GAIN_A = 12, FPGA_GAIN_B = 13, FPGA_GAIN_C = 14, FPGA_GAIN_D = 15,  // channel gains, 128 is unity
-    FPGA_VMAX = 16,         // frame length, lines, 3 bytes
-    FPGA_HMAX = 19,         // line length, sensor clocks, 2 bytes
+    FPGA_RUN = 0,         // streaming control, values below
+    FPGA_HOLD = 1,        // 1 keeps writes back until 0; then they take effect together
+    FPGA_START_X = 2,     // 2 bytes
+    FPGA_WIDTH = 4,       // 2 bytes, pixels
+    FPGA_START_Y = 6,     // 2 bytes, a constant of the mode
+    FPGA_HEIGHT = 8,      // 2 bytes, lines
+    FPGA_FORMAT = 10,     // 0 fast 8-bit path, 1 8-bit, 16 and 17 16-bit
+    FPGA_LONG_GATE = 11,  // long exposure gate
+    FPGA_GAIN_A = 12,
+    FPGA_GAIN_B = 13,
+    FPGA_GAIN_C = 14,
+    FPGA_GAIN_D = 15,  // channel gains, 128 is unity
+    FPGA_VMAX = 16,    // frame length, lines, 3 bytes
+    FPGA_HMAX = 19,    // line length, sensor clocks, 2 bytes
 };
 enum FpgaRun : uint8_t {
-    RUN_RESET = 0x00, RUN_IDLE = 0x30, RUN_STOP = 0x31, RUN_STOP_LONG = 0xF1, RUN_GO = 0x21, RUN_GO_LONG = 0xE1,
+    RUN_RESET = 0x00,
+    RUN_IDLE = 0x30,
+    RUN_STOP = 0x31,
+    RUN_STOP_LONG = 0xF1,
+    RUN_GO = 0x21,
+    RUN_GO_LONG = 0xE1,
 };
 
 // Shared by all cameras of one class, as the field's hosts know it: the last camera that changed its mode decides.
 struct ClassVars {
-    std::atomic<int32_t> iBandwidthUnit;  // bytes a second at one percent, divided by 10
-    std::atomic<int32_t> iMinHMAX;        // smallest line length of the sensor mode, clocks
-    std::atomic<int32_t> iSavedHMAX{ 0 }; // Lapis: line length before a long exposure
+    std::atomic<int32_t> iBandwidthUnit;   // bytes a second at one percent, divided by 10
+    std::atomic<int32_t> iMinHMAX;         // smallest line length of the sensor mode, clocks
+    std::atomic<int32_t> iSavedHMAX{ 0 };  // Lapis: line length before a long exposure
 };
 
 // Where a sensor with byte registers keeps what most families write alike. 0: the family writes it itself.
@@ -47,12 +55,12 @@ struct RegBytes {
 
 // One row a family.
 struct FpgaTraits {
-    int iVBlank;                    // lines that a frame needs beyond the picture
-    int32_t iUnitUSB2, iUnitUSB3;   // iBandwidthUnit by host port
-    int32_t iClockFloor;            // below it a slow long-exposure clock runs and bandwidth is left alone
-    int iAutoPercUSB3;              // bandwidth on auto; 80 on a USB 2 host everywhere
-    uint64_t lFPSLimit;             // us; CalcMaxFPS only below it, 0: always
-    bool bRateCounts16Bits;         // the data rate counts two bytes a pixel in 16-bit mode
+    int iVBlank;                   // lines that a frame needs beyond the picture
+    int32_t iUnitUSB2, iUnitUSB3;  // iBandwidthUnit by host port
+    int32_t iClockFloor;           // below it a slow long-exposure clock runs and bandwidth is left alone
+    int iAutoPercUSB3;             // bandwidth on auto; 80 on a USB 2 host everywhere
+    uint64_t lFPSLimit;            // us; CalcMaxFPS only below it, 0: always
+    bool bRateCounts16Bits;        // the data rate counts two bytes a pixel in 16-bit mode
     SensorRegs regs = {};
 };
 
@@ -79,28 +87,28 @@ public:
 
 protected:
     // --- steps of a family ---
-    virtual void InitSensor() = 0;                        // register table and the sequence after it
-    virtual void InitControls() {}                        // after gamma, balance and brightness
+    virtual void InitSensor() = 0;  // register table and the sequence after it
+    virtual void InitControls() {}  // after gamma, balance and brightness
     virtual void InitClock() { this->SetCMOSClk(); }
-    virtual void ResolutionClock() { InitClock(); }       // SetResolution's choice of the clock
-    virtual void InitDone() {}                            // last step of InitCamera
-    virtual bool WriteStart(int x, int y);                // sensor pixels, rounded and in range; by SensorRegs
-    virtual bool WriteHMAX();                             // m_iHMAX to its register
-    virtual int32_t LineFromTime(float lineTime) const;   // us to the unit of m_iHMAX, before the limits
+    virtual void ResolutionClock() { InitClock(); }      // SetResolution's choice of the clock
+    virtual void InitDone() {}                           // last step of InitCamera
+    virtual bool WriteStart(int x, int y);               // sensor pixels, rounded and in range; by SensorRegs
+    virtual bool WriteHMAX();                            // m_iHMAX to its register
+    virtual int32_t LineFromTime(float lineTime) const;  // us to the unit of m_iHMAX, before the limits
     virtual bool AcceptsSize(int width, int height) const { return height % 2 == 0 && width % 4 == 0; }
-    virtual int RoundX(int x) const { return x & ~3; }    // x >= 0
+    virtual int RoundX(int x) const { return x & ~3; }             // x >= 0
     virtual bool BinMatters() const { return this->m_iBin != 1; }  // hardware binning plays a part at this bin
     // High speed plays a part in the mode in force.
     virtual bool SpeedMatters() const { return !InHardBin2(); }
     // The hardware path is in use as far as the frame size goes.
     virtual bool IsHardSize() const { return this->m_bHardwareBin; }
-    virtual int HardSizeFactor() const { return 1; }      // the sensor sends that many times m_iWidth then
-    virtual int SensorLines() const { return SensorH(); } // lines in the frame-length sum
-    virtual float MaxFPSNow();                            // frames a second for CalcMaxFPS
+    virtual int HardSizeFactor() const { return 1; }       // the sensor sends that many times m_iWidth then
+    virtual int SensorLines() const { return SensorH(); }  // lines in the frame-length sum
+    virtual float MaxFPSNow();                             // frames a second for CalcMaxFPS
     virtual int32_t ClockFloor() const { return m_Fpga.iClockFloor; }
     virtual FpgaReg RedGain() const { return FPGA_GAIN_A; }
     virtual FpgaReg BlueGain() const { return FPGA_GAIN_D; }
-    virtual bool BalanceHolds() const { return true; }    // white balance is written inside an FPGA hold
+    virtual bool BalanceHolds() const { return true; }  // white balance is written inside an FPGA hold
     virtual void AfterSetFPS() { this->SetExp(this->m_lExposure, this->m_bAutoExp); }
 
     // --- tools for a family ---
@@ -123,8 +131,16 @@ protected:
     bool WriteHeld(std::initializer_list<RegBytes> writes);
     bool Write8(uint16_t reg, uint32_t value) { return this->WriteSONYREG(reg, static_cast<uint8_t>(value)); }
     bool Fpga(uint16_t reg, uint32_t value) { return this->WriteFPGAREG(reg, static_cast<uint16_t>(value)); }
-    void UnityGains() { for (uint16_t r = FPGA_GAIN_A; r <= FPGA_GAIN_D; ++r) Fpga(r, 128); }
-    void WriteSensorSizeToFpga() { WriteFpga(FPGA_WIDTH, uint32_t(SensorW()), 2); WriteFpga(FPGA_HEIGHT, uint32_t(SensorH()), 2); }
+    void UnityGains()
+    {
+        for (uint16_t r = FPGA_GAIN_A; r <= FPGA_GAIN_D; ++r)
+            Fpga(r, 128);
+    }
+    void WriteSensorSizeToFpga()
+    {
+        WriteFpga(FPGA_WIDTH, uint32_t(SensorW()), 2);
+        WriteFpga(FPGA_HEIGHT, uint32_t(SensorH()), 2);
+    }
     // Starts and stops the FPGA's stream, in the form of the exposure.
     bool Go() { return Fpga(FPGA_RUN, this->m_bLongExp ? RUN_GO_LONG : RUN_GO); }
     bool Halt() { return Fpga(FPGA_RUN, this->m_bLongExp ? RUN_STOP_LONG : RUN_STOP); }
@@ -171,10 +187,7 @@ protected:
 };
 
 // Truncates like the processor's own conversion; out of range gives the most negative number instead of undefined.
-inline int32_t TruncToInt(float f)
-{
-    return f >= -2147483648.0f && f < 2147483648.0f ? static_cast<int32_t>(f) : INT32_MIN;
-}
+inline int32_t TruncToInt(float f) { return f >= -2147483648.0f && f < 2147483648.0f ? static_cast<int32_t>(f) : INT32_MIN; }
 
 extern template class CFpgaModel<CCameraBase>;
 extern template class CFpgaModel<CCameraCool>;

@@ -102,12 +102,18 @@ void FinishConstruction(CCameraBase& cam, const ModelTraits& t)
 static bool KeepsIndex(Family f)
 {
     switch (f) {
-    case Family::Beryl: case Family::Ebony: case Family::Flint: case Family::Halite: case Family::Kyanite:
-    case Family::Lapis: case Family::Marble: case Family::Nephrite: case Family::Onyx: case Family::Pyrite:
-    case Family::Quartz:
-        return true;
-    default:
-        return false;
+    case Family::Beryl:
+    case Family::Ebony:
+    case Family::Flint:
+    case Family::Halite:
+    case Family::Kyanite:
+    case Family::Lapis:
+    case Family::Marble:
+    case Family::Nephrite:
+    case Family::Onyx:
+    case Family::Pyrite:
+    case Family::Quartz: return true;
+    default: return false;
     }
 }
 

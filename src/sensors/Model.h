@@ -133,9 +133,9 @@ public:
 
 // Declares the final class of a model. Its destructor cannot move to CWhole: threads, the host's among them, may still call
 // virtual operations then, and the destructor of a base changes the class of the object under them.
-#define KOV_MODEL(name, family)                           \
-    class KOV_CLASS name final : public CWhole<family> {  \
-    public:                                               \
-        explicit name(void* handle = nullptr);            \
-        ~name() override { this->Shutdown(); }            \
-    }
+#define KOV_MODEL(name, family)                        \
+  class KOV_CLASS name final : public CWhole<family> { \
+public:                                                \
+    explicit name(void* handle = nullptr);             \
+    ~name() override { this->Shutdown(); }             \
+  }

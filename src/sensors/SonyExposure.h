@@ -4,15 +4,15 @@
 
 // How a family counts lines. n is the exposure in whole lines.
 struct ExposureLaw {
-    int iFrameLines;     // lines beyond the picture in the frame time
-    int iMinVMAX;        // lines beyond the picture in the shortest frame
-    int iShsBias;        // SHS = VMAX - n - iShsBias in a frame that is not stretched
-    int iShsMin;         // lowest SHS there
-    int iShsMaxLines;    // highest SHS there, lines beyond the picture
-    int iLongBias;       // VMAX = n + iLongBias in a stretched frame
+    int iFrameLines;   // lines beyond the picture in the frame time
+    int iMinVMAX;      // lines beyond the picture in the shortest frame
+    int iShsBias;      // SHS = VMAX - n - iShsBias in a frame that is not stretched
+    int iShsMin;       // lowest SHS there
+    int iShsMaxLines;  // highest SHS there, lines beyond the picture
+    int iLongBias;     // VMAX = n + iLongBias in a stretched frame
     uint32_t lVMAXCap;
-    int iExpLinesBias;   // m_iExpLines = VMAX - SHS - iExpLinesBias
-    int iLongShs = 0;    // SHS in a stretched frame
+    int iExpLinesBias;  // m_iExpLines = VMAX - SHS - iExpLinesBias
+    int iLongShs = 0;   // SHS in a stretched frame
 };
 
 struct ExposureRegs {

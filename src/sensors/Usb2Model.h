@@ -44,8 +44,5 @@ protected:
 
     static bool IsType16(IMAGE_TYPE type) { return type == IMAGE_16BIT_ALT || type == IMAGE_16BIT; }
     // Truncates; what lies outside (or is no number) gives the nearer end, the lower one for no number.
-    static int32_t TruncClamp(double v, int32_t lo, int32_t hi)
-    {
-        return v > lo ? static_cast<int32_t>(v < hi ? v : hi) : lo;
-    }
+    static int32_t TruncClamp(double v, int32_t lo, int32_t hi) { return v > lo ? static_cast<int32_t>(v < hi ? v : hi) : lo; }
 };

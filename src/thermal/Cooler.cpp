@@ -18,8 +18,8 @@ constexpr DACurrentRow g_DACurrentTable[] = {
     { 120, 0.81 }, { 100, 1.03 }, { 80, 1.29 },  { 60, 1.55 },  { 47.3, 1.73 }, { 40, 1.83 },
 };
 
-constexpr float RATE_LIMIT = 2.0f;              // degrees per second; a faster change is a false reading
-constexpr double CALM_ERROR = 0.4;              // degrees
+constexpr float RATE_LIMIT = 2.0f;  // degrees per second; a faster change is a false reading
+constexpr double CALM_ERROR = 0.4;  // degrees
 
 // Looks x up in column From and gives what stands in column To: interpolated in the first interval whose middle is no
 // further than half its width, else the row whose From is nearest.

@@ -3,16 +3,20 @@
 
 namespace thermal {
 
-struct Span { float fMin, fMax; };
-Span CodeSpan();       // 8-bit output codes; the higher the code, the lower the current
-Span CurrentSpan();    // ampere
+struct Span {
+    float fMin, fMax;
+};
+Span CodeSpan();     // 8-bit output codes; the higher the code, the lower the current
+Span CurrentSpan();  // ampere
 
 double CodeOfCurrent(double current);
 double CurrentOfCode(double code);
 
 inline constexpr float NO_ERROR_YET = -200;  // last error of a regulator that has not run
 
-struct RegulatorGains { float fKp, fKi, fKd; };
+struct RegulatorGains {
+    float fKp, fKi, fKd;
+};
 // What a step makes of the error, target - temperature in degrees: by how much, in percent, the power has to fall.
 float RegulatorOutput(const RegulatorGains& gains, float error, float lastError, float integral);
 

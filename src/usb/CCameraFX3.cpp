@@ -64,8 +64,8 @@ const char* NameOf(uint8_t request)
 }
 
 // Register or address, value, and of the data as many bytes as a register has, or the first of a block.
-void LogRequest(bool bIn, uint8_t request, uint16_t wValue, uint16_t wIndex, const uint8_t* pData, int32_t iLength,
-                bool bOk, uint32_t dwError)
+void LogRequest(bool bIn, uint8_t request, uint16_t wValue, uint16_t wIndex, const uint8_t* pData, int32_t iLength, bool bOk,
+                uint32_t dwError)
 {
     if (!logging::Enabled(LogLevel::Debug))
         return;
@@ -107,8 +107,7 @@ bool CCameraFX3::HasLink()
     return m_pUsbLink != nullptr;
 }
 
-bool CCameraFX3::Transfer(bool bIn, uint8_t request, uint16_t wValue, uint16_t wIndex, uint8_t* pData,
-                          int32_t* piLength)
+bool CCameraFX3::Transfer(bool bIn, uint8_t request, uint16_t wValue, uint16_t wIndex, uint8_t* pData, int32_t* piLength)
 {
     bool bOk = false;
     uint32_t dwError = platform::ERROR_GONE;

@@ -12,12 +12,12 @@ class CUsbLink;
 
 // Vendor requests. The device side of the same table stands in the firmware of the bridge.
 enum VendorRequest : uint8_t {
-    REQ_FX2_RAM = 160,            // RAM load; IN: boot loader probe
+    REQ_FX2_RAM = 160,  // RAM load; IN: boot loader probe
     REQ_CLOCK_24MHZ = 163,
     REQ_CLOCK_48MHZ = 164,
     REQ_WRITE_REG16 = 166,
     REQ_READ_REG16 = 167,
-    REQ_START_STREAM = 169,       // with the RAM loader running: EEPROM access
+    REQ_START_STREAM = 169,  // with the RAM loader running: EEPROM access
     REQ_STOP_STREAM = 170,
     REQ_MODE_8BIT = 171,
     REQ_MODE_16BIT = 172,
@@ -45,13 +45,13 @@ enum VendorRequest : uint8_t {
 
 enum FX3_FWDWNLOAD_ERROR_CODE {
     FX3_FW_SUCCESS = 0,
-    FX3_FW_FAILED = 1,            // transfer failed or camera closed
+    FX3_FW_FAILED = 1,  // transfer failed or camera closed
     FX3_FW_BAD_MEDIA_TYPE = 2,
     FX3_FW_BAD_SIGNATURE = 3,     // image does not begin with C, Y
     FX3_FW_SECTION_TOO_LONG = 5,  // section runs past the image end
     FX3_FW_NO_FILE = 6,           // file cannot be opened, or empty, or no memory
     FX3_FW_ERASE_FAILED = 7,
-    FX3_FW_BLOCK_TOO_LONG = 8,    // a block would run past the image end
+    FX3_FW_BLOCK_TOO_LONG = 8,  // a block would run past the image end
     FX3_FW_BAD_I2C_SIZE = 9,
 };
 enum FX3_FWDWNLOAD_MEDIA_TYPE { FX3_MEDIA_RAM = 1, FX3_MEDIA_I2C = 2, FX3_MEDIA_SPI = 3 };
@@ -66,7 +66,7 @@ public:
     bool SendCMD(uint8_t opcode);
     bool SendCMD(uint8_t opcode, uint16_t wValue, uint16_t wIndex, bool bIn, uint8_t* pData, int32_t* piLength);
     bool WriteCameraRegister(uint16_t reg, uint16_t value);
-    bool ReadCameraRegister(uint16_t reg, uint16_t* pOut);   // *pOut 0 when closed or failed
+    bool ReadCameraRegister(uint16_t reg, uint16_t* pOut);  // *pOut 0 when closed or failed
     bool WriteCameraRegisterByte(uint16_t reg, uint8_t value);
     bool ReadCameraRegisterByte(uint16_t reg, uint8_t* pOut);
     // Read, change, write; not one step. The 16-bit form covers bits first to last inclusive.
@@ -111,9 +111,9 @@ public:
     // Under m_csUsb, for a thread beside one that may be reconnecting.
     bool HasLink();
 
-    Shared<bool> m_bOpen;        // a device is selected
-    platform::Guid m_guid;       // interface that ReConnectCamera searches
-    CUsbLink* m_pUsbLink = nullptr;  // owned
+    Shared<bool> m_bOpen;               // a device is selected
+    platform::Guid m_guid;              // interface that ReConnectCamera searches
+    CUsbLink* m_pUsbLink = nullptr;     // owned
     platform::CriticalSection m_csUsb;  // leaf lock, held across one control transfer and never across two
     // As last read by GetFirmwareVer and GetFPGAVer.
     Shared<uint8_t> m_iFWVer;
@@ -125,8 +125,7 @@ private:
     // False also when no link is there. pData holds *piLength readable bytes, for IN too.
     bool Transfer(bool bIn, uint8_t request, uint16_t wValue, uint16_t wIndex, uint8_t* pData, int32_t* piLength);
     // The same for a fixed length, with the test of m_bOpen; true when the transfer succeeded, whatever it moved.
-    bool Command(bool bIn, uint8_t request, uint16_t wValue, uint16_t wIndex, void* pData = nullptr,
-                 int32_t iLength = 0);
+    bool Command(bool bIn, uint8_t request, uint16_t wValue, uint16_t wIndex, void* pData = nullptr, int32_t iLength = 0);
     bool StartEepromLoader();
     bool HaltProcessor(bool bHalt);
 };

@@ -302,8 +302,7 @@ void CUsbLink::SelectConfig(uint8_t cfg)
     m_bConfigIndex = 0;
     // QUIRK: compared with iConfiguration, the number of a string, not with the configuration's value. A number that
     // names no configuration of ours leaves the first one.
-    const bool bNamed =
-        m_apConfig[0]->iConfiguration == cfg || (m_apConfig[1] && m_apConfig[1]->iConfiguration == cfg);
+    const bool bNamed = m_apConfig[0]->iConfiguration == cfg || (m_apConfig[1] && m_apConfig[1]->iConfiguration == cfg);
     if (bNamed && cfg < std::size(m_apConfig) && m_apConfig[cfg])
         m_bConfigIndex = cfg;
     const ConfigObject& c = *m_apConfig[m_bConfigIndex];
@@ -426,8 +425,8 @@ bool CUsbLink::Open(uint8_t dev)
         for (uint8_t i = 0; i < m_bConfigCount && i < std::size(m_apConfig); ++i) {
             GetConfigDescriptor(i);
             if (m_apRawConfig[i])
-                m_apConfig[i] = ParseConfig(m_hDevice, m_apRawConfig[i]->data(), uint32_t(m_apRawConfig[i]->size()),
-                                            bUsbMajor != 2);
+                m_apConfig[i] =
+                    ParseConfig(m_hDevice, m_apRawConfig[i]->data(), uint32_t(m_apRawConfig[i]->size()), bUsbMajor != 2);
         }
     } catch (const char*) {
         platform::ShowMessage("Please correct firmware descriptor table", "Wrong Device Configuration");

@@ -83,7 +83,7 @@ public:
 
 private:
     CUsbLink(void* hWnd, const platform::Guid& guid);  // closed
-    InterfaceObject* CurrentInterface() const;  // nullptr when there is none
+    InterfaceObject* CurrentInterface() const;         // nullptr when there is none
     void CopyInterfaceClass();
     void FreeDescriptors();  // everything that Open built but the handle; never throws
 };

@@ -38,8 +38,7 @@ CCyUSBEndPoint* MakeEndPoint(platform::DeviceHandle hDevice, const EndPointDescr
 }
 
 // dwAt: place of the interface head, which fits.
-std::unique_ptr<InterfaceObject> ParseInterface(platform::DeviceHandle hDevice, const Block& b, uint32_t dwAt,
-                                                bool bSuperSpeed)
+std::unique_ptr<InterfaceObject> ParseInterface(platform::DeviceHandle hDevice, const Block& b, uint32_t dwAt, bool bSuperSpeed)
 {
     auto o = std::make_unique<InterfaceObject>();
     const uint8_t* const h = b.p + dwAt;

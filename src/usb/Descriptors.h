@@ -9,9 +9,9 @@ struct InterfaceObject {
     CCyUSBEndPoint* apEndPoints[32] = {};  // entry 0 belongs to the control endpoint, which CUsbLink owns
     uint8_t bLength = 0, bDescriptorType = 0, bInterfaceNumber = 0, bAlternateSetting = 0, bNumEndpoints = 0;
     uint8_t bInterfaceClass = 0, bInterfaceSubClass = 0, bInterfaceProtocol = 0, iInterface = 0;
-    uint8_t bAltSettings = 0;  // interface objects with the same number
-    uint16_t wTotalLength = 0; // head and endpoint descriptors
-    ~InterfaceObject();        // deletes entries 1 and up
+    uint8_t bAltSettings = 0;   // interface objects with the same number
+    uint16_t wTotalLength = 0;  // head and endpoint descriptors
+    ~InterfaceObject();         // deletes entries 1 and up
 };
 
 struct ConfigObject {
@@ -23,14 +23,20 @@ struct ConfigObject {
     ~ConfigObject();
 };
 
-struct BosUsb20Extension { uint8_t bLength, bDescriptorType, bDevCapabilityType; uint32_t dwAttributes; };
+struct BosUsb20Extension {
+    uint8_t bLength, bDescriptorType, bDevCapabilityType;
+    uint32_t dwAttributes;
+};
 struct BosSuperSpeed {
     uint8_t bLength, bDescriptorType, bDevCapabilityType, bmAttributes;
     uint16_t wSpeedsSupported;
     uint8_t bFunctionalitySupport, bU1DevExitLat;
     uint16_t wU2DevExitLat;
 };
-struct BosContainerId { uint8_t bLength, bDescriptorType, bDevCapabilityType; uint8_t abContainerId[16]; };
+struct BosContainerId {
+    uint8_t bLength, bDescriptorType, bDevCapabilityType;
+    uint8_t abContainerId[16];
+};
 
 struct BosObject {
     std::unique_ptr<BosContainerId> pContainerId;

@@ -49,8 +49,7 @@ uint8_t* Begin(CCyUSBEndPoint& ep, uint32_t dwCode, std::unique_ptr<uint8_t[]> p
 
 }  // namespace
 
-CCyUSBEndPoint::CCyUSBEndPoint(platform::DeviceHandle hDevice, const EndPointDescriptor* pDesc,
-                               const CompanionDescriptor* pComp)
+CCyUSBEndPoint::CCyUSBEndPoint(platform::DeviceHandle hDevice, const EndPointDescriptor* pDesc, const CompanionDescriptor* pComp)
     : m_hDevice(hDevice)
 {
     if (!pDesc)
@@ -84,8 +83,7 @@ uint8_t* CCyUSBEndPoint::BeginDirectXfer(uint8_t* pBuf, int32_t iLength, Overlap
     TraceLine("Begin direct:0x%x Newbuf:0x%x\n", Low(pOverlapped), Low(p.get()));
     XferRecord* const r = Record(p.get());
     r->bEndpointAddress = m_bEndpointAddress;
-    uint8_t* const pContext =
-        Begin(*this, platform::IO_DIRECT, std::move(p), RECORD_SIZE, pBuf, uint32_t(iLength), pOverlapped);
+    uint8_t* const pContext = Begin(*this, platform::IO_DIRECT, std::move(p), RECORD_SIZE, pBuf, uint32_t(iLength), pOverlapped);
     m_uUsbdStatus = r->dwUsbdStatus;
     m_uNtStatus = r->dwNtStatus;
     return pContext;
@@ -104,8 +102,8 @@ uint8_t* CCyUSBEndPoint::BeginBufXfer(uint8_t* pBuf, int32_t iLength, Overlapped
     r->dwBufferLength = uint32_t(iLength);
     if (iLength != 0)
         std::memcpy(p.get() + RECORD_SIZE, pBuf, size_t(iLength));
-    uint8_t* const pContext = Begin(*this, platform::IO_BUFFERED, std::move(p), dwSize, reinterpret_cast<uint8_t*>(r),
-                                    dwSize, pOverlapped);
+    uint8_t* const pContext =
+        Begin(*this, platform::IO_BUFFERED, std::move(p), dwSize, reinterpret_cast<uint8_t*>(r), dwSize, pOverlapped);
     m_uUsbdStatus = r->dwUsbdStatus;
     m_uNtStatus = r->dwNtStatus;
     return pContext;
@@ -138,8 +136,8 @@ bool CCyUSBEndPoint::FinishDataXfer(uint8_t* pBuf, int32_t* piLength, Overlapped
         std::memset(pInfos, 0, r->dwIsoPacketLength);
         std::memcpy(pInfos, pContext + r->dwIsoPacketOffset, r->dwIsoPacketLength);
     }
-    TraceLine("Finish :0x%x Delete:0x%x rResult:%d USBstatus:%d Ntstatus:%d\n", Low(pOverlapped), Low(pContext),
-              int(bResult), int(m_uUsbdStatus), int(m_uNtStatus));
+    TraceLine("Finish :0x%x Delete:0x%x rResult:%d USBstatus:%d Ntstatus:%d\n", Low(pOverlapped), Low(pContext), int(bResult),
+              int(m_uUsbdStatus), int(m_uNtStatus));
     return bResult && m_uUsbdStatus == 0 && m_uNtStatus == 0;
 }
 
@@ -213,15 +211,18 @@ void CCyUSBEndPoint::SetXferSize(uint32_t dwSize)
     if (m_hDevice == platform::INVALID_DEVICE || m_iMaxPktSize == 0)
         return;
 #pragma pack(push, 1)
-    struct { uint8_t bAddress; uint32_t dwSize; } block;
+    struct {
+        uint8_t bAddress;
+        uint32_t dwSize;
+    } block;
 #pragma pack(pop)
     static_assert(sizeof block == 5);
     block.bAddress = m_bEndpointAddress;
     const uint32_t dwRest = dwSize % m_iMaxPktSize;
     block.dwSize = dwRest == 0 ? dwSize : dwSize + (m_iMaxPktSize - dwRest);
     uint32_t dwBytes = 0;
-    if (!UsbDriver().IoControl(m_hDevice, platform::IO_SET_TRANSFER_SIZE, &block, sizeof block, &block, sizeof block,
-                               &dwBytes, nullptr))
+    if (!UsbDriver().IoControl(m_hDevice, platform::IO_SET_TRANSFER_SIZE, &block, sizeof block, &block, sizeof block, &dwBytes,
+                               nullptr))
         m_uLastError = platform::LastError();
 }
 
@@ -304,8 +305,7 @@ uint8_t* CCyIsocEndPoint::BeginIsoc(uint8_t* pBuf, int32_t iLength, Overlapped* 
         std::memcpy(p.get() + dwHead, pBuf, size_t(iLength));
     }
     uint8_t* const pContext =
-        bBuffered ? Begin(*this, platform::IO_BUFFERED, std::move(p), dwSize, reinterpret_cast<uint8_t*>(r), dwSize,
-                          pOverlapped)
+        bBuffered ? Begin(*this, platform::IO_BUFFERED, std::move(p), dwSize, reinterpret_cast<uint8_t*>(r), dwSize, pOverlapped)
                   : Begin(*this, platform::IO_DIRECT, std::move(p), dwSize, pBuf, uint32_t(iLength), pOverlapped);
     m_uUsbdStatus = r->dwUsbdStatus;
     m_uNtStatus = r->dwNtStatus;

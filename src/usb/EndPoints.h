@@ -18,7 +18,9 @@ struct CompanionDescriptor {
     uint8_t bLength, bDescriptorType, bMaxBurst, bmAttributes;
     uint16_t wBytesPerInterval;
 };
-struct IsoPacketInfo { uint32_t dwLength, dwStatus; };
+struct IsoPacketInfo {
+    uint32_t dwLength, dwStatus;
+};
 #pragma pack(pop)
 static_assert(sizeof(EndPointDescriptor) == 7);
 

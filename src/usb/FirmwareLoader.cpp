@@ -13,7 +13,7 @@
 
 namespace {
 
-constexpr uint16_t CPU_CONTROL = 0xE600;      // of the FX2; 1 holds the processor
+constexpr uint16_t CPU_CONTROL = 0xE600;  // of the FX2; 1 holds the processor
 constexpr uint16_t LOADER_PART2_AT = 0x0800;
 constexpr uint8_t REQ_EEPROM = REQ_START_STREAM;  // with the loader running, the same number reaches the EEPROM
 constexpr int32_t EEPROM_BLOCK = 4096;
@@ -23,8 +23,8 @@ constexpr int ATTEMPTS = 3;
 constexpr int32_t C2_HEAD = 8, C2_RECORD_HEAD = 4;
 constexpr uint8_t C2_END[4] = { 0x80, 0x01, 0xE6, 0x00 };
 
-constexpr uint32_t PAGE = 2048;               // of all the USB 3 loaders
-constexpr uint32_t FLASH_GRAIN = 256;         // flash addresses go out in units of this
+constexpr uint32_t PAGE = 2048;        // of all the USB 3 loaders
+constexpr uint32_t FLASH_GRAIN = 256;  // flash addresses go out in units of this
 constexpr uint32_t I2C_GRAIN = 64;
 constexpr uint32_t ERASE_LIMIT_MS = 60'000;
 
@@ -39,8 +39,12 @@ void CopyWithin(uint8_t* pOut, const uint8_t* pImage, uint32_t dwLength, uint32_
     std::memset(pOut + dwHave, 0, n - dwHave);
 }
 
-struct FreeDeleter { void operator()(uint8_t* p) const { std::free(p); } };
-struct FileCloser { void operator()(std::FILE* f) const { std::fclose(f); } };
+struct FreeDeleter {
+    void operator()(uint8_t* p) const { std::free(p); }
+};
+struct FileCloser {
+    void operator()(std::FILE* f) const { std::fclose(f); }
+};
 
 }  // namespace
 
@@ -104,7 +108,7 @@ bool CCameraFX3::UpdateFW2RAM(const uint8_t* pImage, int32_t iLength)
     const auto Fits = [&](int64_t llEnd) { return iLength <= 0 || llEnd <= iLength; };
     HaltProcessor(true);
     std::vector<uint8_t> data;
-    for (int64_t at = C2_HEAD; Fits(at + C2_RECORD_HEAD); ) {
+    for (int64_t at = C2_HEAD; Fits(at + C2_RECORD_HEAD);) {
         const uint8_t* const r = pImage + at;
         if (std::equal(C2_END, C2_END + sizeof C2_END, r))
             break;
@@ -261,7 +265,7 @@ FX3_FWDWNLOAD_ERROR_CODE CCameraFX3::DownloadBuftoI2CE2PROM(uint8_t* pData, int3
     uint8_t staging[PAGE];
     uint16_t wDevice = 0, wAddress = 0;
     uint32_t dwDone = 0;
-    for (; uint32_t(length) - dwDone >= PAGE; ) {
+    for (; uint32_t(length) - dwDone >= PAGE;) {
         std::memcpy(staging, pData + dwDone, PAGE);
         if (!Command(false, request, wDevice, wAddress, staging, PAGE))
             return FX3_FW_FAILED;

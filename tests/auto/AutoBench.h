@@ -6,8 +6,8 @@
 #include <functional>
 #include <thread>
 
-#include "device/DeviceFixture.h"
 #include "camera/CCameraCool.h"
+#include "device/DeviceFixture.h"
 
 using Bytes = std::vector<uint8_t>;
 
@@ -55,11 +55,7 @@ protected:
         ASSERT_EQ(KOVSetROIFormat(m_iId, w, h, bin, type), KOV_SUCCESS);
         m_iW = w;
         m_iH = h;
-        m_Frame.assign(static_cast<size_t>(w) * static_cast<size_t>(h) *
-                           (type == IMG_RGB24   ? 3
-                            : type == IMG_RAW16 ? 2
-                                                : 1),
-                       0);
+        m_Frame.assign(static_cast<size_t>(w) * static_cast<size_t>(h) * (type == IMG_RGB24 ? 3 : type == IMG_RAW16 ? 2 : 1), 0);
     }
     void Start() { ASSERT_EQ(KOVStartVideoCapture(m_iId), KOV_SUCCESS); }
     void Stop() { ASSERT_EQ(KOVStopVideoCapture(m_iId), KOV_SUCCESS); }

@@ -29,10 +29,7 @@ protected:
         EXPECT_FALSE(m_pCam->IsGetDarkOver());
         Stop();
     }
-    std::string Path(const char* szName) const
-    {
-        return testing::TempDir() + "kov-auto-" + std::to_string(getpid()) + szName;
-    }
+    std::string Path(const char* szName) const { return testing::TempDir() + "kov-auto-" + std::to_string(getpid()) + szName; }
     static Bytes ReadFile(const std::string& sPath)
     {
         std::ifstream in(sPath, std::ios::binary);
@@ -119,8 +116,7 @@ TEST_F(DarkTest, CollectedSavedLoadedAndSubtracted)
         ASSERT_TRUE(TakeSnap());
         for (int y = 1; y < 239; ++y)
             for (int x = 0; x < 320; ++x)
-                ASSERT_EQ(At(x, y), Less(part[static_cast<size_t>(y * 320 + x)], darkAt(x, y), iPartMean))
-                    << x << ' ' << y;
+                ASSERT_EQ(At(x, y), Less(part[static_cast<size_t>(y * 320 + x)], darkAt(x, y), iPartMean)) << x << ' ' << y;
     }
     std::remove(sPath.c_str());
 }

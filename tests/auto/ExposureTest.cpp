@@ -93,7 +93,10 @@ protected:
     // The settings have not moved for a second of the camera's time, and the picture is right.
     bool Settles()
     {
-        struct { int32_t iExp = -1, iGain = -1; uint32_t dwSince = 0; } last;
+        struct {
+            int32_t iExp = -1, iGain = -1;
+            uint32_t dwSince = 0;
+        } last;
         return Until([&] {
             if (!Next())
                 return false;
@@ -107,14 +110,12 @@ protected:
 
     void Run(Mode mode, int32_t iExposure, int32_t iGain, const char* szScene)
     {
-        SCOPED_TRACE(testing::Message() << szScene << ", " << NameOf(mode) << ", from " << iExposure << " us, gain "
-                                        << iGain);
+        SCOPED_TRACE(testing::Message() << szScene << ", " << NameOf(mode) << ", from " << iExposure << " us, gain " << iGain);
         m_Mode = mode;
         Set(CTRL_EXPOSURE, iExposure, (mode & EXPOSURE) != 0);
         Set(CTRL_GAIN, iGain, (mode & GAIN) != 0);
         Start();
-        ASSERT_TRUE(Settles()) << "stands at " << m_iBrightness << ", " << Now(CTRL_EXPOSURE) << " us, gain "
-                               << Now(CTRL_GAIN);
+        ASSERT_TRUE(Settles()) << "stands at " << m_iBrightness << ", " << Now(CTRL_EXPOSURE) << " us, gain " << Now(CTRL_GAIN);
         const int32_t iExp = Now(CTRL_EXPOSURE), iGainNow = Now(CTRL_GAIN);
         if (!(mode & EXPOSURE)) {
             EXPECT_EQ(iExp, iExposure);
@@ -142,8 +143,10 @@ TEST_P(ExposureTest, Settles)
     const int32_t iRange = Row().gain[1] - Row().gain[0], iGain = Row().gain[0] + iRange * 2 / 5;
     const double dLight = LightFor(8000, iGain);
     m_pDevice->SetScene(kovsim::Scene::Flat(static_cast<float>(dLight)));
-    for (const auto& [mode, iExp, iG] : { std::tuple{ EXPOSURE, 800, iGain }, { EXPOSURE, 60000, iGain },
-                                          { GAIN, 8000, Row().gain[0] }, { GAIN, 8000, Row().gain[1] },
+    for (const auto& [mode, iExp, iG] : { std::tuple{ EXPOSURE, 800, iGain },
+                                          { EXPOSURE, 60000, iGain },
+                                          { GAIN, 8000, Row().gain[0] },
+                                          { GAIN, 8000, Row().gain[1] },
                                           { BOTH, 1000, Row().gain[0] + iRange / 5 } })
         if (mode != GAIN || iG != Row().gain[1] || GainComesDown()) {
             ASSERT_NO_FATAL_FAILURE(Run(mode, iExp, iG, "flat"));
@@ -195,7 +198,10 @@ protected:
     void Balances(double dBand)
     {
         double a[3] = {};
-        struct { int32_t iR = -1, iB = -1; uint32_t dwSince = 0; } last;
+        struct {
+            int32_t iR = -1, iB = -1;
+            uint32_t dwSince = 0;
+        } last;
         EXPECT_TRUE(Until([&] {
             if (!Next())
                 return false;
@@ -215,8 +221,8 @@ TEST_P(BalanceTest, ColouredFlat)
     ASSERT_NO_FATAL_FAILURE(Prepare(Row(), 8));
     const double dLight = LightFor(8000, Row().gain[0] + 5);
     const auto coloured = [&](double r, double b) {
-        m_pDevice->SetScene(kovsim::Scene::Colour(static_cast<float>(r * dLight), static_cast<float>(dLight),
-                                                  static_cast<float>(b * dLight)));
+        m_pDevice->SetScene(
+            kovsim::Scene::Colour(static_cast<float>(r * dLight), static_cast<float>(dLight), static_cast<float>(b * dLight)));
     };
     // Balance in software shows after the demosaic only.
     if (InSoftware())

@@ -5,7 +5,9 @@ namespace {
 
 class GuideTest : public AutoTest {
 protected:
-    struct Spot { double x = 0, y = 0; };
+    struct Spot {
+        double x = 0, y = 0;
+    };
     // Centre of the brightest star: mean place of what is over half of the maximum near it.
     Spot Star() const
     {

@@ -82,7 +82,9 @@ protected:
     }
     // Pixels that are off the level of their phase: above by what the repair looks for, or below. The border is left
     // out: cells there reach over the edge of the region.
-    struct Off { int iHot = 0, iHoles = 0; };
+    struct Off {
+        int iHot = 0, iHoles = 0;
+    };
     Off Uneven() const
     {
         Off off;
@@ -92,8 +94,7 @@ protected:
                 for (int x = 6 + phase % 2; x < m_iW - 6; x += 2)
                     v.push_back(At(x, y));
             Bytes sorted = v;
-            std::nth_element(sorted.begin(), sorted.begin() + static_cast<std::ptrdiff_t>(sorted.size() / 2),
-                             sorted.end());
+            std::nth_element(sorted.begin(), sorted.begin() + static_cast<std::ptrdiff_t>(sorted.size() / 2), sorted.end());
             const int iLevel = sorted[sorted.size() / 2];
             for (const int p : v) {
                 off.iHot += p - iLevel > 30 && iLevel <= p * 7 / 10;
@@ -168,7 +169,11 @@ TEST_F(HotTableTest, SearchedSavedAndLoaded)
 
 // --- the table through the geometries
 
-struct Shape { uint16_t wProductId; std::vector<int> hardBins, softBins; bool bFull; };
+struct Shape {
+    uint16_t wProductId;
+    std::vector<int> hardBins, softBins;
+    bool bFull;
+};
 std::string NameOf(const Shape& s)
 {
     for (const ModelRow& m : Models())

@@ -21,7 +21,10 @@ TEST_F(ThermalTest, EveryFormTellsTheTemperature)
 {
     // Half a step of each sensor, and the tenth of a degree that the control cuts off. The thermistor's converter has
     // 8 bits: 0.4 degrees a step at 20, 1 at -18.
-    const struct { uint16_t wProductId; double dTolerance; std::vector<double> ambients;
+    const struct {
+        uint16_t wProductId;
+        double dTolerance;
+        std::vector<double> ambients;
     } rows[] = {
         { 0xC11A, 0.14, { -17.7, 3.1, 24.6, 41.3 } },
         { 0xC02B, 0.14, { -0.6 } },
@@ -69,7 +72,8 @@ TEST_P(CoolerTest, ReachesAndHolds)
         if (!near())
             dwSince = platform::Ticks();
         return platform::Ticks() - dwSince >= 120000;
-    })) << Real() << " degrees at " << Now(CTRL_COOL_POWER_PERC) << " %";
+    })) << Real()
+        << " degrees at " << Now(CTRL_COOL_POWER_PERC) << " %";
     EXPECT_NEAR(Told(), Real(), dTolerance);
     // 30 of 40 kelvin.
     EXPECT_NEAR(m_pDevice->CoolerPower(), 0.75, 0.05);
@@ -103,8 +107,7 @@ TEST_P(CoolerTest, ReachesAndHolds)
 }
 
 INSTANTIATE_TEST_SUITE_P(Models, CoolerTest,
-                         testing::Values(std::pair<uint16_t, double>{ 0xC0B1, 0.5 },
-                                         std::pair<uint16_t, double>{ 0xC08A, 1.2 }),
+                         testing::Values(std::pair<uint16_t, double>{ 0xC0B1, 0.5 }, std::pair<uint16_t, double>{ 0xC08A, 1.2 }),
                          [](const auto& info) { return info.param.first == 0xC0B1 ? "KyaniteCol_C" : "HaliteCol"; });
 
 }  // namespace

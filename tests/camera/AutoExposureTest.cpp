@@ -82,7 +82,7 @@ TEST(AutoExposure, LinesAndTargetAreTakenAsTheyStand)
     cam.m_iExpLines = 100;
     cam.m_bAutoGain = false;
     cam.m_iDestBrightness = 0;  // black is too bright
-    std::fill(frame.begin(), frame.end(), uint8_t{0});
+    std::fill(frame.begin(), frame.end(), uint8_t{ 0 });
     cam.AutoExpGain(frame.data());
     EXPECT_EQ(cam.Asked(), Asked{ "exp 9576 1" });
 
@@ -132,17 +132,17 @@ TEST(AutoExposure, BinningAndDepth)
     cam.m_iWidth = 80;
     cam.m_iHeight = 60;
     EXPECT_EQ(measure(), Asked{ "exp 10800 1" });
-    std::fill(frame.begin(), frame.end(), uint8_t{200});
+    std::fill(frame.begin(), frame.end(), uint8_t{ 200 });
     EXPECT_EQ(measure(), Asked{ "exp 6125 1" });  // limited to 255
     // The sensor has binned already.
     cam.m_bHardwareBin = true;
-    std::fill(frame.begin(), frame.end(), uint8_t{83});
+    std::fill(frame.begin(), frame.end(), uint8_t{ 83 });
     EXPECT_EQ(measure(), Asked{ "exp 10800 1" });
     // 2 by sensor, 2 by host.
     cam.m_iBin = 4;
     cam.m_iWidth = 40;
     cam.m_iHeight = 30;
-    std::fill(frame.begin(), frame.end(), uint8_t{20});
+    std::fill(frame.begin(), frame.end(), uint8_t{ 20 });
     EXPECT_EQ(measure(), Asked{ "exp 10800 1" });
 
     cam.m_bHardwareBin = false;
@@ -154,7 +154,7 @@ TEST(AutoExposure, BinningAndDepth)
         frame[i] = i % 2 ? 83 : 115;
     EXPECT_EQ(measure(), Asked{ "exp 10800 1" });  // high byte
     cam.m_pszName = "VYR KOVGarnetMono-S";
-    EXPECT_EQ(measure(), Asked{ "exp 9600 1" });   // QUIRK: low byte
+    EXPECT_EQ(measure(), Asked{ "exp 9600 1" });  // QUIRK: low byte
     cam.m_pszName = "VYR KOVGarnetMono-SX";
     EXPECT_EQ(measure(), Asked{ "exp 10800 1" });
 }

@@ -23,7 +23,7 @@ TEST(CameraBase, PropertiesStayWithinTheRecord)
     TestCamera cam;
     const std::string sLong(100, 'x');
     cam.m_pszName = sLong.c_str();
-    std::fill(std::begin(cam.m_szBins), std::end(cam.m_szBins), int8_t{3});  // no end mark
+    std::fill(std::begin(cam.m_szBins), std::end(cam.m_szBins), int8_t{ 3 });  // no end mark
     cam.m_bImgRAW8 = cam.m_bImgRGB24 = cam.m_bImgY8 = cam.m_bImgRAW16 = true;
     KOV_CAMERA_INFO info;
     std::memset(&info, 0x55, sizeof info);
@@ -63,9 +63,10 @@ TEST(CameraBase, Commands)
     EXPECT_FALSE(cam.m_bSensorCLKStopped);
     for (const long bytes : { 0L, 49152L, 49153L, 49152L * 65537 })
         EXPECT_TRUE(cam.SetTransferCount(bytes));
-    EXPECT_EQ(usb.dev.Log(), "out 169 0000 0000\nout 170 0000 0000\nout 174 0000 0000\nout 175 0000 0000\n"
-                             "out 175 0000 0000\n"
-                             "out 181 0000 0000\nout 181 0000 0001\nout 181 0000 0002\nout 181 0001 0001\n");
+    EXPECT_EQ(usb.dev.Log(),
+              "out 169 0000 0000\nout 170 0000 0000\nout 174 0000 0000\nout 175 0000 0000\n"
+              "out 175 0000 0000\n"
+              "out 181 0000 0000\nout 181 0000 0001\nout 181 0000 0002\nout 181 0001 0001\n");
 }
 
 TEST(CameraBase, ReconnectBuildsANewLinkAndTriesTwice)

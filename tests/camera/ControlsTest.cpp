@@ -23,9 +23,13 @@ TEST(Controls, QuirkCapsWriteTheIdentifierBeforeTheCheck)
     cam.m_ControlList[2] = 12;
     cam.m_iFPSPercUSB3 = 17;
     KOV_CONTROL_CAPS caps{};
-    const struct { int index; bool bOk; int iId; } rows[] = {
-        { 0, true, CTRL_GAIN }, { 1, true, CTRL_FLIP }, { 2, false, 12 }, { -1, false, 17 }, { 64, false, 2 },
-        { 1 << 20, false, 0 },  { INT32_MIN, false, 0 },
+    const struct {
+        int index;
+        bool bOk;
+        int iId;
+    } rows[] = {
+        { 0, true, CTRL_GAIN }, { 1, true, CTRL_FLIP }, { 2, false, 12 },        { -1, false, 17 },
+        { 64, false, 2 },       { 1 << 20, false, 0 },  { INT32_MIN, false, 0 },
     };
     for (const auto& r : rows) {
         caps.ControlType = CTRL_COOLER_ON;
@@ -63,9 +67,14 @@ TEST(Controls, Read)
     cam.m_iTargetTemp = -10;
     cam.m_bIsCooler = true;
 
-    const struct { int iId; int32_t iValue; KOV_BOOL bAuto; } rows[] = {
-        { CTRL_EXPOSURE, 5, KOV_TRUE }, { CTRL_WB_B, 77, KOV_TRUE }, { CTRL_GAIN, 0, KOV_FALSE },
-        { CTRL_TEMPERATURE, 215, KOV_FALSE }, { CTRL_FLIP, 3, KOV_FALSE }, { CTRL_COOL_POWER_PERC, 33, KOV_FALSE },
+    const struct {
+        int iId;
+        int32_t iValue;
+        KOV_BOOL bAuto;
+    } rows[] = {
+        { CTRL_EXPOSURE, 5, KOV_TRUE },       { CTRL_WB_B, 77, KOV_TRUE },
+        { CTRL_GAIN, 0, KOV_FALSE },          { CTRL_TEMPERATURE, 215, KOV_FALSE },
+        { CTRL_FLIP, 3, KOV_FALSE },          { CTRL_COOL_POWER_PERC, 33, KOV_FALSE },
         { CTRL_TARGET_TEMP, -10, KOV_FALSE }, { CTRL_COOLER_ON, 0, KOV_FALSE },
         { CTRL_BANDWIDTH, 4711, KOV_FALSE },  // QUIRK: no such control, value left alone
     };
@@ -102,16 +111,17 @@ TEST(Controls, Write)
     TestCamera cam;
     cam.m_iWB_R = 11;
     cam.m_iWB_B = 22;
-    const struct { int iId; int32_t iValue; bool bAuto; const char* szAsked; } rows[] = {
-        { CTRL_GAIN, 500, true, "gain 500 1" },
-        { CTRL_EXPOSURE, 1000, false, "exp 1000 0" },
+    const struct {
+        int iId;
+        int32_t iValue;
+        bool bAuto;
+        const char* szAsked;
+    } rows[] = {
+        { CTRL_GAIN, 500, true, "gain 500 1" },        { CTRL_EXPOSURE, 1000, false, "exp 1000 0" },
         { CTRL_EXPOSURE, -1, false, "exp -1 0" },  // sign-extended: a huge unsigned number for the model to clamp
-        { CTRL_WB_R, 60, true, "wb 60 22" },
-        { CTRL_WB_B, 70, false, "wb 60 70" },
-        { CTRL_BRIGHTNESS, 9, false, "brightness 9" },
-        { CTRL_HARDWARE_BIN, -1, false, "hardbin 0" },
-        { CTRL_HARDWARE_BIN, 5, false, "hardbin 1" },
-        { CTRL_HIGH_SPEED_MODE, 0, false, "highspeed 0" },
+        { CTRL_WB_R, 60, true, "wb 60 22" },           { CTRL_WB_B, 70, false, "wb 60 70" },
+        { CTRL_BRIGHTNESS, 9, false, "brightness 9" }, { CTRL_HARDWARE_BIN, -1, false, "hardbin 0" },
+        { CTRL_HARDWARE_BIN, 5, false, "hardbin 1" },  { CTRL_HIGH_SPEED_MODE, 0, false, "highspeed 0" },
     };
     for (const auto& r : rows) {
         EXPECT_EQ(cam.SetControlValue(Id(r.iId), r.iValue, r.bAuto), KOV_SUCCESS) << r.iId;
@@ -120,7 +130,7 @@ TEST(Controls, Write)
     cam.bResult = false;
     EXPECT_EQ(cam.SetControlValue(CTRL_GAIN, 1, false), KOV_ERROR_GENERAL);
     EXPECT_EQ(cam.SetControlValue(CTRL_WB_R, 1, false), KOV_SUCCESS);
-    EXPECT_EQ(cam.SetControlValue(CTRL_OVERCLK, 1, false), KOV_ERROR_GENERAL);   // not this model's
+    EXPECT_EQ(cam.SetControlValue(CTRL_OVERCLK, 1, false), KOV_ERROR_GENERAL);  // not this model's
     EXPECT_EQ(cam.SetControlValue(CTRL_BANDWIDTH, 1, false), KOV_ERROR_GENERAL);
     cam.Asked();
 

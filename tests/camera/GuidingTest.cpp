@@ -9,9 +9,8 @@ constexpr uint32_t ID_ADDRESS = 0x70000;
 size_t Count(FakeUsbDevice& dev, bool bIn, uint8_t bRequest)
 {
     const auto v = dev.Requests();
-    return static_cast<size_t>(std::count_if(v.begin(), v.end(), [&](const RecordedRequest& r) {
-        return r.bIn == bIn && r.bRequest == bRequest;
-    }));
+    return static_cast<size_t>(
+        std::count_if(v.begin(), v.end(), [&](const RecordedRequest& r) { return r.bIn == bIn && r.bRequest == bRequest; }));
 }
 
 }  // namespace
@@ -52,10 +51,11 @@ TEST(Guiding, UserIdRoundTrip)
     EXPECT_EQ(Count(usb.dev, false, REQ_GPIF_32DQ), 2u);
     usb.dev.Clear();
     EXPECT_TRUE(cam.WriteIDToSPI(id));
-    EXPECT_EQ(usb.dev.Log(), "out 190 0000 0000\nout 196 0001 0007\nin 196 0000 0007: 00\n"
-                             "out 194 0000 0700: 49 44 01 02 03 04 05 06 07 08 00 00 00 00 00 00 ... (256)\n"
-                             "in 195 0000 0700: 49 44 01 02 03 04 05 06 07 08 00 00 00 00 00 00 ... (256)\n"
-                             "out 190 0001 0000\n");
+    EXPECT_EQ(usb.dev.Log(),
+              "out 190 0000 0000\nout 196 0001 0007\nin 196 0000 0007: 00\n"
+              "out 194 0000 0700: 49 44 01 02 03 04 05 06 07 08 00 00 00 00 00 00 ... (256)\n"
+              "in 195 0000 0700: 49 44 01 02 03 04 05 06 07 08 00 00 00 00 00 00 ... (256)\n"
+              "out 190 0001 0000\n");
     EXPECT_TRUE(cam.ReadIDFromSPI(&back));
     EXPECT_EQ(back.id[7], 8);
 }

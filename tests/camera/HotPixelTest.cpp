@@ -10,7 +10,7 @@ constexpr int W = 32, H = 16;
 
 class HotPixels : public testing::Test {
 protected:
-    HotPixels() { std::fill_n(cam.m_pImgBuf, 2 * W * H, uint8_t{0}); }
+    HotPixels() { std::fill_n(cam.m_pImgBuf, 2 * W * H, uint8_t{ 0 }); }
     uint8_t& At(int x, int y) { return cam.m_pImgBuf[y * W + x]; }
     uint16_t& At16(int x, int y) { return reinterpret_cast<uint16_t*>(cam.m_pImgBuf)[y * W + x]; }
     void List(std::initializer_list<std::pair<int, int>> pixels)
@@ -28,19 +28,20 @@ protected:
         At(x + 1, y) = static_cast<uint8_t>(right);
         At(x, y + 1) = static_cast<uint8_t>(down);
     }
-    TestCamera cam{W, H};
+    TestCamera cam{ W, H };
 };
 
 }  // namespace
 
 TEST_F(HotPixels, APixelIsRepairedOnlyIfItLooksHot)
 {
-    const struct { int n[4]; int iAfter; } rows[] = {
-        { { 120, 130, 120, 120 }, 122 },
-        { { 120, 171, 120, 120 }, 200 },  // 29 below
-        { { 120, 120, 150, 120 }, 200 },  // above seven tenths
-        { { 140, 140, 140, 140 }, 140 },
-        { { 120, 120, 120, 201 }, 200 },
+    const struct {
+        int n[4];
+        int iAfter;
+    } rows[] = {
+        { { 120, 130, 120, 120 }, 122 }, { { 120, 171, 120, 120 }, 200 },  // 29 below
+        { { 120, 120, 150, 120 }, 200 },                                   // above seven tenths
+        { { 140, 140, 140, 140 }, 140 }, { { 120, 120, 120, 201 }, 200 },
     };
     List({ { 10, 5 } });
     for (const auto& r : rows) {
@@ -92,7 +93,7 @@ TEST_F(HotPixels, SixteenBitsKeepTheAdcPattern)
         At16(10, 5) = 60000;
         At16(10, 4) = At16(9, 5) = At16(11, 5) = At16(10, 6) = static_cast<uint16_t>(n);
         cam.HandleHotPixels();
-        return int{At16(10, 5)};
+        return int{ At16(10, 5) };
     };
     EXPECT_EQ(repaired("VYR KOVQuartzCol", 1007), 992);
     for (const char* const szName : { "VYR KOVMarbleMono-C", "VYR KOVEbonyCol", "VYR KOVFlintCol", "VYR KOVHaliteCol" })
@@ -107,7 +108,7 @@ TEST_F(HotPixels, SixteenBitsKeepTheAdcPattern)
 
 TEST_F(HotPixels, StandOutOfADarkFrame)
 {
-    std::fill_n(cam.m_pDarkBuf, W * H, uint16_t{10});
+    std::fill_n(cam.m_pDarkBuf, W * H, uint16_t{ 10 });
     cam.m_pDarkBuf[5 * W + 9] = 40;
     cam.m_pDarkBuf[6 * W + 9] = 41;
     cam.AdjustDarkBuff(cam.m_pDarkBuf, cam.m_pDarkSum);
@@ -143,7 +144,7 @@ TEST_F(HotPixels, HardwareBinningFollowsThePhaseTable)
     cam.m_iWidth = W / 2;
     cam.m_iHeight = H / 2;
     cam.m_pTable80[2 * 16 + 2] = 2;  // odd columns shift by 2
-    std::fill_n(cam.m_pDarkBuf, W * H, uint16_t{8});
+    std::fill_n(cam.m_pDarkBuf, W * H, uint16_t{ 8 });
     cam.m_pDarkBuf[1 * W + 3] = 408;
     cam.AdjustDarkBuff(cam.m_pDarkBuf, cam.m_pDarkSum);
     // Four sensor pixels of one colour to each: column 3 + 2 belongs to the second odd one; row 1 to the first.
@@ -192,11 +193,11 @@ TEST_F(HotPixels, TableReachesSeveralBinnedPixels)
     cam.m_iWidth = W / 2;
     cam.m_iHeight = H / 2;
     int8_t* const pRow = cam.m_pTable80 + 2 * 16;
-    pRow[0] = 0;                // even columns: shifts 0 and -4, then the list ends
+    pRow[0] = 0;  // even columns: shifts 0 and -4, then the list ends
     pRow[4] = -4;
-    pRow[12] = 8;               // behind the end
+    pRow[12] = 8;  // behind the end
     const int iOld = (W / 2) * (H / 2) - 1;
-    cam.m_pHPCBuf2[iOld] = 1;   // of an older geometry
+    cam.m_pHPCBuf2[iOld] = 1;  // of an older geometry
     cam.m_pHPCBuf2[2] = 1;
     cam.m_pHPCBuf1[0 * W + 8] = 1;
     cam.m_pHPCBuf1[5 * W + 9] = 1;  // odd and odd: no entries, shift 0
@@ -228,7 +229,7 @@ TEST_F(HotPixels, ImpossibleGeometryStaysWithinTheBuffers)
             cam.m_iStartY = -3;
             cam.m_bUsingDark = cam.m_bHPCEnable = true;
             std::fill_n(cam.m_pHPCBuf1, W * H, 1);
-            std::fill_n(cam.m_pDarkBuf, W * H, uint16_t{1});
+            std::fill_n(cam.m_pDarkBuf, W * H, uint16_t{ 1 });
             cam.m_pDarkBuf[77] = 60000;
             cam.AdjustDarkBuff(cam.m_pDarkBuf, cam.m_pDarkSum);
             cam.AdjustHPCTable(cam.m_pHPCBuf1, cam.m_pHPCBuf2);
@@ -242,7 +243,10 @@ TEST_F(HotPixels, ImpossibleGeometryStaysWithinTheBuffers)
 
 TEST_F(HotPixels, DarkFramesWantedByExposure)
 {
-    const struct { uint64_t us; int n; } rows[] = {
+    const struct {
+        uint64_t us;
+        int n;
+    } rows[] = {
         { 100999, 5 }, { 101000, 4 }, { 325000, 4 }, { 326000, 3 }, { 550000, 3 }, { 551000, 2 }, { 775999, 2 }, { 776000, 1 },
     };
     for (const auto& r : rows) {

@@ -33,13 +33,13 @@ protected:
     void Dark(int z)
     {
         cam.m_iDarkAve = 10;
-        std::fill_n(cam.m_pDarkBuf, 640 * 480, uint16_t{40});
+        std::fill_n(cam.m_pDarkBuf, 640 * 480, uint16_t{ 40 });
         for (int i = 0; i < z; ++i)
             cam.m_pDarkBuf[8 * i] = 41;
     }
     FakeUsb usb;
     FakeFlash flash;
-    TestCamera cam{640, 480};  // a bitmap of 38400 bytes, 150 pages
+    TestCamera cam{ 640, 480 };  // a bitmap of 38400 bytes, 150 pages
 };
 
 class DarkFile : public testing::Test {
@@ -49,7 +49,8 @@ protected:
     int Load(size_t at, uint8_t value, size_t length = 1078 + 160 * 120)
     {
         std::vector<char> f(length, 3);
-        const uint8_t aHead[54] = { 'B', 'M', 0, 0, 0, 0, 0, 0, 0, 0, 0x36, 4, 0, 0, 40, 0, 0, 0, 160, 0, 0, 0, 120, 0, 0, 0, 1, 0, 8 };
+        const uint8_t aHead[54] = { 'B', 'M', 0, 0,   0, 0, 0, 0,   0, 0, 0x36, 4, 0, 0, 40,
+                                    0,   0,   0, 160, 0, 0, 0, 120, 0, 0, 0,    1, 0, 8 };
         std::copy_n(aHead, std::min(length, sizeof aHead), f.begin());
         if (at < length)
             f[at] = static_cast<char>(value);
@@ -57,7 +58,7 @@ protected:
         return cam.LoadBMPFromFile(sPath.c_str());
     }
     TempStore store;
-    TestCamera cam{160, 120};
+    TestCamera cam{ 160, 120 };
     std::string sPath = (store.Dir() / "dark.bmp").string();
 };
 
@@ -179,7 +180,7 @@ TEST_F(Table, LoadRefusesWhatIsNoTable)
 
     uint8_t* const p = flash.At(TABLE);
     const auto head = [&](uint32_t L) {
-        std::fill_n(p, 64, uint8_t{0});
+        std::fill_n(p, 64, uint8_t{ 0 });
         std::memcpy(p, "KOVD", 4);
         for (int i = 0; i < 4; ++i)
             p[4 + i] = static_cast<uint8_t>(L >> (24 - 8 * i));
@@ -220,7 +221,9 @@ TEST_F(Table, AFailedReadStopsTheReadingAndDecodesTheRest)
     ASSERT_TRUE(cam.SaveHPCTable());
     usb.dev.Clear();
     int iReads = 0, iLastFailed = 5;
-    usb.dev.OnFail = [&](const RecordedRequest& r) { return r.bRequest == REQ_FLASH_READ && ++iReads >= 3 && iReads <= iLastFailed; };
+    usb.dev.OnFail = [&](const RecordedRequest& r) {
+        return r.bRequest == REQ_FLASH_READ && ++iReads >= 3 && iReads <= iLastFailed;
+    };
     EXPECT_FALSE(cam.LoadHPCTable());
     EXPECT_EQ(iReads, 5);  // blocks 0 and 1, then block 2 three times
     EXPECT_GT(cam.m_iHPCNum, 1000);
@@ -236,9 +239,14 @@ TEST_F(DarkFile, Codes)
     EXPECT_EQ(cam.LoadBMPFromFile("/nowhere/x.bmp"), 6);
     EXPECT_FALSE(cam.m_bUsingDark);
     cam.m_bUsingDark = true;
-    const struct { size_t at; uint8_t value; size_t length; int iCode; } rows[] = {
-        { 0, 'X', 20000, 0 }, { 28, 24, 20000, 0 }, { 18, 164, 20000, 7 }, { 22, 60, 20000, 7 },
-        { 22, 136, 20000, 7 }, { 99999, 0, 13, 0 }, { 99999, 0, 53, 0 },
+    const struct {
+        size_t at;
+        uint8_t value;
+        size_t length;
+        int iCode;
+    } rows[] = {
+        { 0, 'X', 20000, 0 },  { 28, 24, 20000, 0 }, { 18, 164, 20000, 7 }, { 22, 60, 20000, 7 },
+        { 22, 136, 20000, 7 }, { 99999, 0, 13, 0 },  { 99999, 0, 53, 0 },
     };
     for (const auto& r : rows) {
         EXPECT_EQ(Load(r.at, r.value, r.length), r.iCode) << r.at << ' ' << r.length;
@@ -282,8 +290,9 @@ TEST_F(DarkFile, RoundTrip)
     std::ifstream file(sPath, std::ios::binary);
     std::vector<char> ab((std::istreambuf_iterator<char>(file)), {});
     ASSERT_EQ(ab.size(), 1078u + 160 * 120);
-    const uint8_t aHead[54] = { 'B',  'M', 0x36, 0x4F, 0, 0, 0, 0, 0, 0, 0x36, 4, 0, 0, 40,   0,    0, 0, 160, 0, 0, 0, 120, 0, 0, 0, 1, 0,
-                                8,    0,   0,    0,    0, 0, 0, 0x4B, 0, 0, 0, 0, 0, 0, 0,    0,    0, 0, 0,   1, 0, 0, 0,   0, 0, 0 };
+    const uint8_t aHead[54] = { 'B', 'M', 0x36, 0x4F, 0,   0, 0, 0, 0, 0, 0x36, 4, 0, 0, 40, 0, 0, 0,
+                                160, 0,   0,    0,    120, 0, 0, 0, 1, 0, 8,    0, 0, 0, 0,  0, 0, 0x4B,
+                                0,   0,   0,    0,    0,   0, 0, 0, 0, 0, 0,    1, 0, 0, 0,  0, 0, 0 };
     EXPECT_EQ(std::memcmp(ab.data(), aHead, sizeof aHead), 0);
     EXPECT_EQ(std::memcmp(ab.data() + 54 + 4 * 200, "\xC8\xC8\xC8\0", 4), 0);
 

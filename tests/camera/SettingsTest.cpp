@@ -52,11 +52,13 @@ TEST_F(Settings, StoreAnswersLikeTheRegistry)
 TEST_F(Settings, RoundTripButForTheQuirks)
 {
     using C = CCameraBase;
-    Shared<int32_t> C::* const numbers[] = { &C::m_iGain, &C::m_iGamma, &C::m_iBrightness, &C::m_iCMOSClk, &C::m_iTargetTemp,
-                                             &C::m_iOverCLKPerc, &C::m_iAutoGainMax, &C::m_iDestBrightness, &C::m_iWB_R, &C::m_iWB_B };
-    Shared<uint8_t> C::* const levels[] = { &C::m_iBL_OO, &C::m_iBL_EE, &C::m_iBL_OE, &C::m_iBL_EO };
-    Shared<bool> C::* const flags[] = { &C::m_bAutoBL, &C::m_bFlipRow, &C::m_bFlipColumn, &C::m_bAutoFPS, &C::m_bAutoExp, &C::m_bAutoGain,
-                                        &C::m_bAutoWB, &C::m_bRawOutput, &C::m_bHighSpeed, &C::m_bTimeMark, &C::m_bHPCEnable, &C::m_bHardwareBin };
+    Shared<int32_t> C::*const numbers[] = { &C::m_iGain,       &C::m_iGamma,       &C::m_iBrightness,  &C::m_iCMOSClk,
+                                            &C::m_iTargetTemp, &C::m_iOverCLKPerc, &C::m_iAutoGainMax, &C::m_iDestBrightness,
+                                            &C::m_iWB_R,       &C::m_iWB_B };
+    Shared<uint8_t> C::*const levels[] = { &C::m_iBL_OO, &C::m_iBL_EE, &C::m_iBL_OE, &C::m_iBL_EO };
+    Shared<bool> C::*const flags[] = { &C::m_bAutoBL,    &C::m_bFlipRow,  &C::m_bFlipColumn, &C::m_bAutoFPS,
+                                       &C::m_bAutoExp,   &C::m_bAutoGain, &C::m_bAutoWB,     &C::m_bRawOutput,
+                                       &C::m_bHighSpeed, &C::m_bTimeMark, &C::m_bHPCEnable,  &C::m_bHardwareBin };
     TestCamera a, b;
     for (const bool bSet : { true, false }) {
         int n = bSet ? 100 : 200;
@@ -80,7 +82,7 @@ TEST_F(Settings, RoundTripButForTheQuirks)
         EXPECT_EQ(b.m_iFPSPercUSB3, 80);  // under the name of the port in use; the other one is untouched
         EXPECT_EQ(b.m_iFPSPerc, 40);
         EXPECT_EQ(b.m_fCoolPowerPerc, 41.0f);
-        EXPECT_EQ(b.m_iAutoExpMax, 30);   // QUIRK: never restored
+        EXPECT_EQ(b.m_iAutoExpMax, 30);  // QUIRK: never restored
         EXPECT_STREQ(b.m_szBMPPath, "/some/where");
         for (const auto f : numbers)
             EXPECT_EQ(b.*f, (a.*f).Get());

@@ -7,9 +7,9 @@
 #include <vector>
 
 #include "camera/CCameraBase.h"
+#include "camera/CCameraCool.h"
 #include "platform/UsbAdapter.h"
 #include "support/RecordingStack.h"
-#include "camera/CCameraCool.h"
 #include "usb/CUsbLink.h"
 
 template <class Base>
@@ -24,7 +24,11 @@ public:
         this->m_iExpLines = 100;
     }
 
-    bool OpenCamera(int deviceIndex) override { Note("open", deviceIndex); return bResult; }
+    bool OpenCamera(int deviceIndex) override
+    {
+        Note("open", deviceIndex);
+        return bResult;
+    }
     bool InitCamera() override { return true; }
     bool CloseCamera() override { return true; }
     bool SetResolution(int, int, int, IMAGE_TYPE) override { return true; }
@@ -50,9 +54,21 @@ public:
         this->m_iWB_B = blue;
         this->m_bAutoWB = autoMode;
     }
-    bool SetBrightness(int value) override { Note("brightness", value); return bResult; }
-    bool SetHardwareBin(bool on) override { Note("hardbin", on); return bResult; }
-    bool SetHighSpeedMode(bool on) override { Note("highspeed", on); return bResult; }
+    bool SetBrightness(int value) override
+    {
+        Note("brightness", value);
+        return bResult;
+    }
+    bool SetHardwareBin(bool on) override
+    {
+        Note("hardbin", on);
+        return bResult;
+    }
+    bool SetHighSpeedMode(bool on) override
+    {
+        Note("highspeed", on);
+        return bResult;
+    }
     bool GetImage(uint8_t*, int, uint32_t) override
     {
         Note("image");
@@ -66,7 +82,11 @@ public:
         this->m_ExpStatus = snapResult;
         return bResult;
     }
-    bool StopCapture() override { Note("stop"); return true; }
+    bool StopCapture() override
+    {
+        Note("stop");
+        return true;
+    }
     float GetSensorTemp() override
     {
         ++iTempReads;
@@ -83,9 +103,9 @@ public:
     int iLinesAfterExp = -1;
     KOV_EXPOSURE_STATUS snapResult = EXP_SUCCESS;
     std::function<void()> OnImage;
-    Shared<float> fTemp{0.0f};
-    Shared<int> iTempReads{0};
-    Shared<bool> bThrows{false};
+    Shared<float> fTemp{ 0.0f };
+    Shared<int> iTempReads{ 0 };
+    Shared<bool> bThrows{ false };
 
 private:
     template <class... Args>
@@ -130,7 +150,7 @@ public:
             if (r.bRequest == REQ_FLASH_ERASE && bEraseFails)
                 return true;
             if (!r.bIn && r.bRequest == REQ_FLASH_ERASE)
-                std::fill_n(m_bytes.begin() + r.wIndex * 0x10000, 0x10000, uint8_t{0xFF});
+                std::fill_n(m_bytes.begin() + r.wIndex * 0x10000, 0x10000, uint8_t{ 0xFF });
             if (!r.bIn && r.bRequest == REQ_FLASH_WRITE && iDeadWrites-- <= 0)
                 std::copy(r.data.begin(), r.data.end(), m_bytes.begin() + r.wIndex * 256);
             return false;

@@ -10,10 +10,7 @@ using CoolCamera = TestCameraOf<CCameraCool>;
 namespace {
 
 // The code sent last is one for the process; makes sure that the next one differs from it.
-void Forget(CCameraCool& cam)
-{
-    cam.SetDA(-1);
-}
+void Forget(CCameraCool& cam) { cam.SetDA(-1); }
 
 void Reply(FakeUsbDevice& dev, uint8_t b0, uint8_t b1)
 {
@@ -46,7 +43,8 @@ TEST(Thermal, Thermistor)
 
     // The curve is smooth: an error of a thousandth in any row is a kink.
     for (size_t i = 1; i + 1 < g_ThermistorTable.size(); ++i) {
-        const double ln[] = { std::log(g_ThermistorTable[i - 1].dKOhm), std::log(g_ThermistorTable[i].dKOhm), std::log(g_ThermistorTable[i + 1].dKOhm) };
+        const double ln[] = { std::log(g_ThermistorTable[i - 1].dKOhm), std::log(g_ThermistorTable[i].dKOhm),
+                              std::log(g_ThermistorTable[i + 1].dKOhm) };
         EXPECT_NEAR(ln[0] - 2 * ln[1] + ln[2], 2e-4, 2.5e-4) << g_ThermistorTable[i].iDegrees;
     }
 
@@ -65,9 +63,12 @@ TEST(Thermal, DigitalForm)
     TestCamera cam;
     EXPECT_EQ(cam.ReadDigitalTemp(), 0.0f);
     usb.Connect(cam);
-    const struct { uint8_t b0, b1; float f; } rows[] = {
-        { 0x0F, 0x19, 25.0f }, { 0x00, 0xFF, -1.0f }, { 0xF0, 0x7F, 127.9375f }, { 0x00, 0x80, -128.0f }, { 0x10, 0x00, 0.0625f },
-        { 0x0F, 0x00, 0.0625f },  // QUIRK: zero is no reading
+    const struct {
+        uint8_t b0, b1;
+        float f;
+    } rows[] = {
+        { 0x0F, 0x19, 25.0f },   { 0x00, 0xFF, -1.0f },   { 0xF0, 0x7F, 127.9375f },
+        { 0x00, 0x80, -128.0f }, { 0x10, 0x00, 0.0625f }, { 0x0F, 0x00, 0.0625f },  // QUIRK: zero is no reading
     };
     for (const auto& r : rows) {
         Reply(usb.dev, r.b0, r.b1);
@@ -88,7 +89,11 @@ TEST(Cooler, PowerToCode)
     EXPECT_EQ(cam.m_fDAMax, 255.0f);
     EXPECT_EQ(cam.m_fCurrentMax, 1.83f);
     EXPECT_EQ(cam.m_fLastTemp, -100.0f);
-    const struct { float fPercent; int iCode; float fStored; } rows[] = {
+    const struct {
+        float fPercent;
+        int iCode;
+        float fStored;
+    } rows[] = {
         { 100, 40, 100 }, { 0, 255, 0 }, { 50, 110, 50 }, { 150, 40, 100 }, { -5, 255, 0 }, { 33.9f, 139, 33.9f }, { 6, 217, 6 },
     };
     for (const auto& r : rows) {
@@ -104,7 +109,9 @@ TEST(Cooler, PowerToCode)
     }
     cam.SetPowerPerc(33.9f);
     EXPECT_EQ(cam.GetPowerPerc(), 33);
-    const struct { int iCode, iPercent; } codes[] = { { 255, 0 }, { 40, 100 }, { 110, 50 }, { 300, 0 }, { 0, 100 } };
+    const struct {
+        int iCode, iPercent;
+    } codes[] = { { 255, 0 }, { 40, 100 }, { 110, 50 }, { 300, 0 }, { 0, 100 } };
     for (const auto& r : codes)
         EXPECT_EQ(cam.CalculIPerc(r.iCode), r.iPercent) << r.iCode;
     for (float f = -0.5f; f < 3; f += 0.01f) {
@@ -175,9 +182,9 @@ TEST(Cooler, SmallErrorsStepOnceLargerOnesInsist)
     step(50, 19.58f);  // e = 0.42: steps of 0.084 until the code changes
     EXPECT_EQ(cam.m_iCurDA, 111);
     EXPECT_NEAR(cam.m_fCoolPowerPerc, 49.664f, 1e-3f);
-    step(100, 25);     // at the limit: nothing left to do
+    step(100, 25);  // at the limit: nothing left to do
     EXPECT_EQ(cam.m_fCoolPowerPerc, 100.0f);
-    step(100, 19);     // but to leave it, where it is too cold
+    step(100, 19);  // but to leave it, where it is too cold
     EXPECT_LT(cam.m_fCoolPowerPerc, 100.0f);
     step(0, 10);
     EXPECT_EQ(cam.m_fCoolPowerPerc, 0.0f);

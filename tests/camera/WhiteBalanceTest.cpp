@@ -38,7 +38,7 @@ protected:
         StepWhiteBalance(cam, *p, bFallback);
         return cam.Asked();
     }
-    TestCamera cam{320, 320};
+    TestCamera cam{ 320, 320 };
 };
 
 }  // namespace
@@ -90,8 +90,8 @@ TEST_F(WhiteBalance, OneBlock)
     EXPECT_EQ(dev[2], 0);
     cam.m_iBin = 4;
     measure(20);
-    EXPECT_EQ(mean[0], 255);            // 19 * 16, limited
-    EXPECT_EQ(dev[0], 1000 * 10 / 101); // of the unscaled mean
+    EXPECT_EQ(mean[0], 255);             // 19 * 16, limited
+    EXPECT_EQ(dev[0], 1000 * 10 / 101);  // of the unscaled mean
     cam.m_bHardwareBin = true;
     measure(20);
     EXPECT_EQ(mean[0], 76);

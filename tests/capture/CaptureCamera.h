@@ -11,9 +11,9 @@
 #include <string>
 #include <vector>
 
+#include "camera/ModelTraits.h"
 #include "capture/Capture.h"
 #include "platform/UsbAdapter.h"
-#include "camera/ModelTraits.h"
 #include "support/RecordingStack.h"
 #include "usb/CUsbLink.h"
 
@@ -77,13 +77,39 @@ public:
     bool InitCamera() override { return true; }
     bool CloseCamera() override { return true; }
     bool SetResolution(int, int, int, IMAGE_TYPE) override { return true; }
-    bool SetStartPos(int x, int y) override { Note("start " + std::to_string(x) + " " + std::to_string(y)); return true; }
-    bool SetGain(int gain, bool) override { Note("gain " + std::to_string(gain)); m_iGain = gain; return true; }
-    bool SetBrightness(int v) override { Note("brightness " + std::to_string(v)); return true; }
-    bool SetFPSPerc(int v, bool) override { Note("fps " + std::to_string(v)); m_iFPSPerc = v; return true; }
+    bool SetStartPos(int x, int y) override
+    {
+        Note("start " + std::to_string(x) + " " + std::to_string(y));
+        return true;
+    }
+    bool SetGain(int gain, bool) override
+    {
+        Note("gain " + std::to_string(gain));
+        m_iGain = gain;
+        return true;
+    }
+    bool SetBrightness(int v) override
+    {
+        Note("brightness " + std::to_string(v));
+        return true;
+    }
+    bool SetFPSPerc(int v, bool) override
+    {
+        Note("fps " + std::to_string(v));
+        m_iFPSPerc = v;
+        return true;
+    }
     void SetRGBBalance(int, int, bool) override { Note("balance"); }
-    bool SetExp(uint64_t us, bool) override { Note("exp " + std::to_string(us)); return true; }
-    float GetSensorTemp() override { Note("temp"); return 0; }
+    bool SetExp(uint64_t us, bool) override
+    {
+        Note("exp " + std::to_string(us));
+        return true;
+    }
+    float GetSensorTemp() override
+    {
+        Note("temp");
+        return 0;
+    }
 
     const ModelTraits& Traits() const override { return m_Traits; }
     bool StartSensorStreaming() override
@@ -96,11 +122,23 @@ public:
     bool StopSensorStreaming() override { return WriteCameraRegister(0xAAAA, 0); }
     int32_t GetRealImageSize() override { return m_iWidth * m_iHeight * m_iBin * m_iBin * (m_bOutput16Bits ? 2 : 1); }
     bool SetOutput16Bits(bool on) override { return SendCMD(on ? REQ_MODE_16BIT : REQ_MODE_8BIT); }
-    bool SetCMOSClk() override { Note("clock"); return true; }
+    bool SetCMOSClk() override
+    {
+        Note("clock");
+        return true;
+    }
     bool WakeUpSensor() override { return WriteCameraRegister(0xBBBB, 1); }
     bool SleepSensor() override { return WriteCameraRegister(0xBBBB, 0); }
-    bool ApplyExp() override { Note("apply exp"); return true; }
-    bool ApplyGain() override { Note("apply gain"); return true; }
+    bool ApplyExp() override
+    {
+        Note("apply exp");
+        return true;
+    }
+    bool ApplyGain() override
+    {
+        Note("apply gain");
+        return true;
+    }
     bool SetBLOffset(bool, char a, char, char c, char) override
     {
         Note("offset " + std::to_string(a) + " " + std::to_string(c));
@@ -111,7 +149,10 @@ public:
 
     void Note(const std::string& s)
     {
-        { const std::lock_guard l(m_mutex); m_notes.push_back(s); }
+        {
+            const std::lock_guard l(m_mutex);
+            m_notes.push_back(s);
+        }
         MayThrow(s);
     }
     void MayThrow(const std::string& s)
@@ -119,7 +160,11 @@ public:
         if (!sThrowsAt.empty() && s.rfind(sThrowsAt, 0) == 0 && nThrows.fetch_sub(1) > 0)
             throw std::bad_alloc();
     }
-    std::vector<std::string> Notes() const { const std::lock_guard l(m_mutex); return m_notes; }
+    std::vector<std::string> Notes() const
+    {
+        const std::lock_guard l(m_mutex);
+        return m_notes;
+    }
     size_t CountOf(const std::string& sPrefix) const
     {
         const auto v = Notes();
@@ -141,8 +186,7 @@ private:
 // The camera's side of the bulk endpoint. A frame that is shorter than asked for ends in a short request.
 class FakeCamera {
 public:
-    explicit FakeCamera(bool bUSB2 = false)
-        : dev(stack.Add(0xFFFF, bUSB2 ? usbstack::Speed::High : usbstack::Speed::Super))
+    explicit FakeCamera(bool bUSB2 = false) : dev(stack.Add(0xFFFF, bUSB2 ? usbstack::Speed::High : usbstack::Speed::Super))
     {
         platform::SetUsbStack(&stack);
         dev.OnBulk = [this](uint8_t* p, uint32_t n) { return Next(p, n); };
@@ -156,17 +200,32 @@ public:
     // Into requests that wait already, or into later ones.
     void Send(std::vector<uint8_t> frame)
     {
-        { const std::lock_guard l(m_mutex); m_frames.push_back(std::move(frame)); }
+        {
+            const std::lock_guard l(m_mutex);
+            m_frames.push_back(std::move(frame));
+        }
         dev.Pump();
     }
     // Sends a frame time and again. The script's frames go first.
     void Repeat(std::vector<uint8_t> frame)
     {
-        { const std::lock_guard l(m_mutex); m_endless = std::move(frame); }
+        {
+            const std::lock_guard l(m_mutex);
+            m_endless = std::move(frame);
+        }
         dev.Pump();
     }
-    void Drop() { const std::lock_guard l(m_mutex); m_frames.clear(); m_at = 0; }
-    size_t Left() const { const std::lock_guard l(m_mutex); return m_frames.size(); }
+    void Drop()
+    {
+        const std::lock_guard l(m_mutex);
+        m_frames.clear();
+        m_at = 0;
+    }
+    size_t Left() const
+    {
+        const std::lock_guard l(m_mutex);
+        return m_frames.size();
+    }
 
     RecordingStack stack;
     FakeUsbDevice& dev;
@@ -219,8 +278,8 @@ bool Until(Cond cond, uint32_t realMs = 20000)
 // A camera on its endpoint, opened.
 struct Rig {
     explicit Rig(Family family, bool bColor, int w = 64, int h = 32, const char* szClass = "Test")
-        : usb(family == Family::Garnet || family == Family::Cobalt || family == Family::Iolite ||
-              family == Family::Agate || family == Family::Dunite),
+        : usb(family == Family::Garnet || family == Family::Cobalt || family == Family::Iolite || family == Family::Agate ||
+              family == Family::Dunite),
           cam(family, bColor, w, h, szClass)
     {
         usb.Connect(cam);
@@ -243,7 +302,10 @@ struct Rig {
         const auto v = usb.dev.Events();
         return size_t(std::count(v.begin(), v.end(), s));
     }
-    bool Waiting(size_t n) { return Until([&] { return usb.dev.Outstanding() == n; }); }
+    bool Waiting(size_t n)
+    {
+        return Until([&] { return usb.dev.Outstanding() == n; });
+    }
     // Sends a frame that the thread throws away, and waits until it asks for the next one.
     bool SendBad(std::vector<uint8_t> frame, size_t nResets = 1)
     {

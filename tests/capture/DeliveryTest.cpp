@@ -16,19 +16,32 @@ using Bytes = std::vector<uint8_t>;
 
 struct Shot {
     explicit Shot(Family family, bool bColor, int w = W, int h = H) : cam(family, bColor, w, h) { cam.m_bAutoExp = false; }
-    void Size(int w, int h, int bin) { cam.m_iWidth = w; cam.m_iHeight = h; cam.m_iBin = bin; }
+    void Size(int w, int h, int bin)
+    {
+        cam.m_iWidth = w;
+        cam.m_iHeight = h;
+        cam.m_iBin = bin;
+    }
     void Put(const Bytes& raw) { ASSERT_TRUE(cam.m_pFrameExchange->Insert(raw.data(), int32_t(raw.size()))); }
     Bytes Get(size_t n, uint32_t ms = 0)
     {
         Bytes out(n, 0xEE);
         return DeliverImage(cam, cam, out.data(), int(n), ms) ? out : Bytes{};
     }
-    Bytes Get(const Bytes& raw, size_t n) { Put(raw); return Get(n); }
+    Bytes Get(const Bytes& raw, size_t n)
+    {
+        Put(raw);
+        return Get(n);
+    }
     CaptureCamera cam;
 };
 
 uint16_t W16(const Bytes& v, size_t i) { return uint16_t(v[2 * i] | v[2 * i + 1] << 8); }
-void Set16(Bytes& v, size_t i, unsigned w) { v[2 * i] = uint8_t(w); v[2 * i + 1] = uint8_t(w >> 8); }
+void Set16(Bytes& v, size_t i, unsigned w)
+{
+    v[2 * i] = uint8_t(w);
+    v[2 * i + 1] = uint8_t(w >> 8);
+}
 
 // The bytes of the marks by those of `rows` rows away.
 Bytes Repaired(Bytes v, size_t rowBytes, size_t rows, size_t head, size_t tail)
@@ -42,7 +55,11 @@ Bytes Repaired(Bytes v, size_t rowBytes, size_t rows, size_t head, size_t tail)
 
 TEST(Delivery, MarksAreRepairedFromTheRowsThatEachModelTakes)
 {
-    struct { Family family; bool bColor; size_t rows, head, tail; } rows[] = {
+    struct {
+        Family family;
+        bool bColor;
+        size_t rows, head, tail;
+    } rows[] = {
         { Family::Quartz, true, 2, 4, 4 },  { Family::Quartz, false, 2, 4, 4 }, { Family::Garnet, false, 1, 8, 0 },
         { Family::Garnet, true, 2, 8, 0 },  { Family::Cobalt, true, 2, 8, 0 },  { Family::Iolite, false, 2, 8, 0 },
         { Family::GarnetS, true, 2, 8, 4 }, { Family::Agate, true, 0, 0, 0 },   { Family::Dunite, false, 0, 0, 0 },
@@ -184,10 +201,16 @@ TEST(Delivery, DarkIsCollectedAveragedAndSubtracted)
 
 TEST(Delivery, AutomaticExposureBelowHalfASecondSuspendsTheDark)
 {
-    struct { Family family; bool bColor; bool bAuto; uint64_t exposure; bool bSubtracts; } rows[] = {
-        { Family::Quartz, true, false, 1000, true },    { Family::Quartz, true, true, 499999, false },
-        { Family::Quartz, true, true, 500000, true },   { Family::Quartz, false, true, 1000, true },
-        { Family::Lapis, false, true, 1000, true },     { Family::Beryl, false, true, 1000, true },
+    struct {
+        Family family;
+        bool bColor;
+        bool bAuto;
+        uint64_t exposure;
+        bool bSubtracts;
+    } rows[] = {
+        { Family::Quartz, true, false, 1000, true },   { Family::Quartz, true, true, 499999, false },
+        { Family::Quartz, true, true, 500000, true },  { Family::Quartz, false, true, 1000, true },
+        { Family::Lapis, false, true, 1000, true },    { Family::Beryl, false, true, 1000, true },
         { Family::Kyanite, false, true, 1000, false },
     };
     for (const auto& row : rows) {
@@ -310,9 +333,15 @@ INSTANTIATE_TEST_SUITE_P(InstructionSet, Walks, testing::ValuesIn(InstructionSet
 // Whatever regions and settings come together: one walk gives what the stages give one after the other.
 TEST_P(Walks, EqualTheStages)
 {
-    struct { Family family; size_t rows, head, tail; bool bRotates, bBinsInside; } families[] = {
-        { Family::Quartz, 2, 4, 4, false, true }, { Family::Garnet, 2, 8, 0, true, true },
-        { Family::Agate, 0, 0, 0, true, false },  { Family::Iolite, 2, 8, 0, true, true },
+    struct {
+        Family family;
+        size_t rows, head, tail;
+        bool bRotates, bBinsInside;
+    } families[] = {
+        { Family::Quartz, 2, 4, 4, false, true },
+        { Family::Garnet, 2, 8, 0, true, true },
+        { Family::Agate, 0, 0, 0, true, false },
+        { Family::Iolite, 2, 8, 0, true, true },
     };
     std::mt19937_64 random{ uint64_t(GetParam()) };
     const auto below = [&](unsigned n) { return int(random() % n); };
@@ -398,8 +427,10 @@ TEST(Delivery, RepairsFollowTheRegion)
             cam.m_pHPCBuf1[e] = kind == 1 || (kind == 0 && y <= 12);
         }
     cam.AdjustHPCTable(cam.m_pHPCBuf1, cam.m_pHPCBuf2);
-    const struct { int x, y, w, h; } regions[] = { { 0, 0, W, H },     { 8, 4, 24, 12 },  { 0, 0, 24, 12 }, { 20, 10, 28, 14 },
-                                                   { 4, 10, 20, 14 }, { 2, 2, 44, 20 }, { 0, 0, W, H } };
+    const struct {
+        int x, y, w, h;
+    } regions[] = { { 0, 0, W, H },    { 8, 4, 24, 12 }, { 0, 0, 24, 12 }, { 20, 10, 28, 14 },
+                    { 4, 10, 20, 14 }, { 2, 2, 44, 20 }, { 0, 0, W, H } };
     for (const auto& r : regions) {
         cam.m_iStartX = r.x;
         cam.m_iStartY = r.y;

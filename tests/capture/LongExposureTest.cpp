@@ -11,7 +11,7 @@ struct LongRow {
     uint64_t exposure;  // us
     int clock;
     uint8_t firmware;
-    const char* szPass; // log of one pass, without the start of the thread
+    const char* szPass;  // log of one pass, without the start of the thread
     uint32_t msLeast, msMost;
     friend void PrintTo(const LongRow& r, std::ostream* p) { *p << r.szName; }
 };
@@ -36,8 +36,7 @@ const LongRow g_Rows[] = {
     { "Cobalt", Family::Cobalt, 61000000, 24, 3, "out 166 3012 2fff\nout 174 0000 0000\nout 175 0000 0000\n", 59000, 62000 },
     { "Iolite", Family::Iolite, 12300000, 24, 3,
       "out 166 0009 3000\nout 166 001e 8100\nout 166 000b 0001\nout 174 0000 0000\nout 175 0000 0000\n", 12400, 13400 },
-    { "Dunite", Family::Dunite, 12300000, 24, 3,
-      "out 166 000b 6000\nout 174 0000 0000\nout 175 0000 0000\n", 12500, 13500 },
+    { "Dunite", Family::Dunite, 12300000, 24, 3, "out 166 000b 6000\nout 174 0000 0000\nout 175 0000 0000\n", 12500, 13500 },
 };
 
 class LongExposure : public testing::TestWithParam<LongRow> {};
@@ -105,14 +104,21 @@ TEST(LongExposureEnd, ShorterExposureEndsThePauseAndTheMode)
     struct {
         Family family;
         uint64_t shorter;
-        std::string sTail;                // log after the pause
+        std::string sTail;  // log after the pause
         std::vector<std::string> asked;
     } rows[] = {
         // (1000000 * 24 - 26) / 1650 = 14545
-        { Family::Garnet, 1000000, "out 175 0000 0000\nout 175 0000 0000\nout 166 3012 38d1\n", { "brightness 7", "gain 60", "temp" } },
-        { Family::Garnet, 50000, "out 175 0000 0000\nout 175 0000 0000\nout 166 3012 02d7\n",
+        { Family::Garnet,
+          1000000,
+          "out 175 0000 0000\nout 175 0000 0000\nout 166 3012 38d1\n",
+          { "brightness 7", "gain 60", "temp" } },
+        { Family::Garnet,
+          50000,
+          "out 175 0000 0000\nout 175 0000 0000\nout 166 3012 02d7\n",
           { "brightness 7", "temp", "clock" } },
-        { Family::GarnetS, 50000, "out 175 0000 0000\nout 175 0000 0000\nout 166 3012 02d7\n",
+        { Family::GarnetS,
+          50000,
+          "out 175 0000 0000\nout 175 0000 0000\nout 166 3012 02d7\n",
           { "brightness 7", "temp", "clock", "fps 80" } },
         // (24 * 50000 + 180) / (64 + 244) = 3896
         { Family::Iolite, 50000, "out 175 0000 0000\nout 163 0000 0000\nout 166 001e 8000\nout 166 0009 0f38\n", {} },

@@ -113,7 +113,12 @@ TEST(ModernLoop, FourEmptyFramesRestartTheStream)
 // In the small-chunk form the first bad frame after the switch to automatic only starts the count.
 TEST(AnyLoop, BadFramesOnAutoLowerTheBandwidth)
 {
-    const struct { Family family; bool bAuto; int nBad; std::vector<std::string> asked; } rows[] = {
+    const struct {
+        Family family;
+        bool bAuto;
+        int nBad;
+        std::vector<std::string> asked;
+    } rows[] = {
         { Family::Onyx, true, 7, { "fps 76", "fps 72" } }, { Family::Onyx, false, 4, {} },
         { Family::GarnetS, true, 3, { "fps 76" } },        { Family::Garnet, true, 3, {} },
         { Family::Garnet, true, 4, { "fps 76" } },         { Family::Iolite, true, 8, {} },
@@ -248,10 +253,14 @@ TEST(Snap, StopAtTheMomentOfSuccess)
 // What throws ends the capture or the automation's step, never the process, and the next try works.
 TEST(AnyLoop, NothingThrownEndsTheProcess)
 {
-    struct { Family f; const char* szAt; bool bSnap, bEnds; } rows[] = {
-        { Family::Quartz, "stream", true, true },        { Family::Quartz, "stream", false, true },
-        { Family::Garnet, "stream", false, true },       { Family::Quartz, "gain", false, false },
-        { Family::Cobalt, "apply exp", false, false },   { Family::Agate, "model balance", false, false },
+    struct {
+        Family f;
+        const char* szAt;
+        bool bSnap, bEnds;
+    } rows[] = {
+        { Family::Quartz, "stream", true, true },      { Family::Quartz, "stream", false, true },
+        { Family::Garnet, "stream", false, true },     { Family::Quartz, "gain", false, false },
+        { Family::Cobalt, "apply exp", false, false }, { Family::Agate, "model balance", false, false },
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(testing::Message() << int(row.f) << ' ' << row.szAt);
@@ -278,7 +287,10 @@ TEST(AnyLoop, NothingThrownEndsTheProcess)
 
 TEST(Snap, FailsAfterASecondOfLostExposure)
 {
-    struct { uint64_t exposure; size_t mayFail; } rows[] = { { 2000000, 0 }, { 500000, 2 }, { 1000000, 1 } };
+    struct {
+        uint64_t exposure;
+        size_t mayFail;
+    } rows[] = { { 2000000, 0 }, { 500000, 2 }, { 1000000, 1 } };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.exposure);
         Rig r(Family::Marble, true);
@@ -379,8 +391,9 @@ TEST(GarnetLoop, StartAndEndInOrder)
         r.cam.m_bOutput16Bits = true;
         r.cam.StartCapture(false);
         ASSERT_TRUE(r.Waiting(1));
-        EXPECT_EQ(r.Log(), "out 170 0000 0000\nout 166 aaaa 0000\nout 175 0000 0000\nout 169 0000 0000\nout 172 0000 0000\n"
-                           "out 166 aaaa 0001\n");
+        EXPECT_EQ(r.Log(),
+                  "out 170 0000 0000\nout 166 aaaa 0000\nout 175 0000 0000\nout 169 0000 0000\nout 172 0000 0000\n"
+                  "out 166 aaaa 0001\n");
         const char* const szSize = f == Family::Garnet ? "size 82 4b000" : "size 82 75400";
         EXPECT_EQ(r.usb.dev.Events(), (std::vector<std::string>{ "abort 82", "reset 82", szSize }));
         r.usb.dev.Clear();
@@ -429,7 +442,12 @@ TEST(SmallChunkLoops, QuirkBadHeadIsDeliveredAndCountedAtShortExposures)
 // At the fourth the line is stretched where it can be; past the limit the camera is reset, and the count starts anew.
 TEST(SmallChunkLoops, RunsOfBadFramesResetTheCamera)
 {
-    const struct { Family family; int limit; std::string sFourth, sReset; size_t nPorts; } rows[] = {
+    const struct {
+        Family family;
+        int limit;
+        std::string sFourth, sReset;
+        size_t nPorts;
+    } rows[] = {
         { Family::Garnet, 20, "out 166 300c 0690\n", "out 166 300c 0690\nout 169 0000 0000\n", 1 },  // 1650 + 30
         { Family::Cobalt, 20, "out 166 300c 0690\n", "out 166 300c 0690\nout 169 0000 0000\n", 1 },
         { Family::Dunite, 20, "", "out 166 000c 0001\nout 169 0000 0000\n", 1 },

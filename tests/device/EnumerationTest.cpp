@@ -102,14 +102,38 @@ TEST_F(EnumerationTest, OneLookAtTheBus)
     stack.Add(0xC07A);
     FakeUsbDevice& dev = stack.Add(0xC11A);
     stack.Add(0xC11A);
-    const auto reads = [&] { return stack.Device(0).DescriptorReads() + dev.DescriptorReads() + stack.Device(2).DescriptorReads(); };
+    const auto reads = [&] {
+        return stack.Device(0).DescriptorReads() + dev.DescriptorReads() + stack.Device(2).DescriptorReads();
+    };
     int nReads = 0;
-    const struct { const char* szWhat; std::function<void()> change; int iMiddle; bool bRead; } rows[] = {
+    const struct {
+        const char* szWhat;
+        std::function<void()> change;
+        int iMiddle;
+        bool bRead;
+    } rows[] = {
         { "first look", [] {}, 0xC11A, true },
         { "nothing new", [] {}, 0xC11A, false },
-        { "another device under the same name", [&] { dev.info.wProductId = 0xC0FA; dev.deviceDescriptor[10] = 0xFA; dev.deviceDescriptor[11] = 0xC0; }, 0xC0FA, true },
-        { "another address", [&] { dev.info.bAddress = 77; dev.deviceDescriptor[10] = 0xEA; }, 0xC0EA, true },
-        { "gone and back between two listings", [&] { dev.Vanish(); EXPECT_EQ(KOVGetNumOfConnectedCameras(), 2); dev.Return(); }, 0xC0EA, true },
+        { "another device under the same name",
+          [&] {
+              dev.info.wProductId = 0xC0FA;
+              dev.deviceDescriptor[10] = 0xFA;
+              dev.deviceDescriptor[11] = 0xC0;
+          },
+          0xC0FA, true },
+        { "another address",
+          [&] {
+              dev.info.bAddress = 77;
+              dev.deviceDescriptor[10] = 0xEA;
+          },
+          0xC0EA, true },
+        { "gone and back between two listings",
+          [&] {
+              dev.Vanish();
+              EXPECT_EQ(KOVGetNumOfConnectedCameras(), 2);
+              dev.Return();
+          },
+          0xC0EA, true },
         { "the stack set anew", [&] { platform::SetUsbStack(&stack); }, 0xC0EA, true },
         { "refused to this user", [&] { stack.openStatus = usbstack::Status::Access; }, 0, false },
         { "and granted again", [&] { stack.openStatus = usbstack::Status::Ok; }, 0xC0EA, false },

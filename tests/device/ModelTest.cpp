@@ -48,7 +48,11 @@ Image Binned(int w, int h, int bin, bool colour, const int shiftX[2], const int 
 
 // Holds measured = a * expected + b in each of the four phases of the cell and tells a of the worst one. Border cells are
 // left out: marks stand there, and shifted cells reach over the window's edge.
-struct Fit { double dSlope, dWorst; int iX, iY; size_t nUsed; };
+struct Fit {
+    double dSlope, dWorst;
+    int iX, iY;
+    size_t nUsed;
+};
 Fit Compare(const Image& expected, const std::vector<double>& measured, double top, int border)
 {
     Fit worst{ 0, 0, 0, 0, 0 };
@@ -162,21 +166,23 @@ protected:
         ASSERT_EQ(inCamera * onHost, bUnbinned ? 1 : s.bin);
         static constexpr int none[2] = { 0, 0 };
         const bool colour = Row().bColor;
-        const Image sensor = inCamera == 1 ? Window(x0, y0, s.w * onHost, s.h * onHost)
-                                           : Binned(s.w * onHost, s.h * onHost, inCamera, colour, r.iShiftX, r.iShiftY,
-                                                    [&](int x, int y) { return Light(std::max(0, x0 + x), std::max(0, y0 + y)); });
+        const Image sensor = inCamera == 1
+                                 ? Window(x0, y0, s.w * onHost, s.h * onHost)
+                                 : Binned(s.w * onHost, s.h * onHost, inCamera, colour, r.iShiftX, r.iShiftY,
+                                          [&](int x, int y) { return Light(std::max(0, x0 + x), std::max(0, y0 + y)); });
         const Image whole = Row().Is("Iolite") ? Window(x0, y0, s.w * s.bin, s.h * s.bin) : Image{};
         const Image expected = Row().Is("Iolite") ? Image{ s.w, s.h, { whole.v.begin(), whole.v.begin() + s.w * s.h } }
-                               : onHost == 1 ? sensor
-                                           : Binned(s.w, s.h, onHost, colour, none, none,
-                                                    [&](int x, int y) { return sensor.At(x, y); });
+                               : onHost == 1
+                                   ? sensor
+                                   : Binned(s.w, s.h, onHost, colour, none, none, [&](int x, int y) { return sensor.At(x, y); });
         const Fit fit = Compare(expected, measured, 245, 8);
         EXPECT_GT(fit.nUsed, measured.size() / 4) << "too many saturated pixels";
         // Every truncation on the way costs up to one step of a sample.
         const double tolerance = s.b16 ? 0.6 : bSums ? s.bin * s.bin * 1.1 + 0.5 : 1.1;
         EXPECT_LE(fit.dWorst, tolerance) << "at " << fit.iX << ", " << fit.iY << ", slope " << fit.dSlope;
         // Exposure, gain and the kind of binning: within what line times and unity settings leave open.
-        const double gain = scale * (bSums && (onHost > 1 || r.bBinSums) ? (r.bBinSums || !bHard ? s.bin * s.bin : onHost * onHost) : 1);
+        const double gain =
+            scale * (bSums && (onHost > 1 || r.bBinSums) ? (r.bBinSums || !bHard ? s.bin * s.bin : onHost * onHost) : 1);
         const double hard16 = s.b16 && bHard && r.bBinSums ? inCamera * inCamera : 1;
         EXPECT_NEAR(fit.dSlope / (gain * hard16), 1.0, 0.35);
     }
@@ -216,7 +222,10 @@ TEST_P(ModelTest, TellsWhatItIs)
     ASSERT_EQ(KOVOpenCamera(0), KOV_SUCCESS);
     ASSERT_EQ(KOVGetNumOfControls(0, &count), KOV_SUCCESS);
     ASSERT_EQ(static_cast<size_t>(count), m.controls.size());
-    struct Limits { int iMin, iMax, iDef; bool bAuto; };
+    struct Limits {
+        int iMin, iMax, iDef;
+        bool bAuto;
+    };
     const auto limits = [&](int c) -> Limits {
         switch (c) {
         case CTRL_GAIN: return { m.gain[0], m.gain[1], m.gain[2], true };

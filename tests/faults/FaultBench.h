@@ -23,9 +23,9 @@
 struct FormRow {
     const char* szName;
     uint16_t wProductId;
-    int iFirmware;          // -1: the default
-    bool bSmallChunk;       // loop of the USB 2 cameras
-    bool bTag, bTail;       // marks beside the head
+    int iFirmware;     // -1: the default
+    bool bSmallChunk;  // loop of the USB 2 cameras
+    bool bTag, bTail;  // marks beside the head
     int w, h;
     friend void PrintTo(const FormRow& f, std::ostream* p) { *p << f.szName; }
 };

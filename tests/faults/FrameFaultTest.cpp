@@ -19,7 +19,10 @@ TEST_P(FormTest, DamagedFramesAreCountedAndNotDelivered)
     Reader reader(0, m_iBytes);
     ASSERT_TRUE(reader.WaitFor(2)) << m_pCam->CurrentReadout().sWhy;
 
-    struct Damage { FaultKind kind; uint32_t arg; };
+    struct Damage {
+        FaultKind kind;
+        uint32_t arg;
+    };
     // Cut inside a chunk: without a tail mark, a frame cut at a chunk's end joins the next one and looks whole.
     const auto bytes = uint32_t(m_iBytes);
     std::vector<Damage> damages = { { FaultKind::ShortFrame, 8 },

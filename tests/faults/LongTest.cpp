@@ -21,11 +21,9 @@ struct LongRow {
 };
 constexpr uint8_t FPGA = 189;  // register 11, the gate
 constexpr LongRow g_Rows[] = {
-    { "KyaniteCol_C", 0xC0B1, -1, FPGA, FPGA, 16 },
-    { "LapisCol18", 0xC0CA, 18, FPGA, FPGA, 16 },
-    { "LapisCol17", 0xC0CA, 17, 0, 0, 16 },  // the sensor counts by itself
-    { "HaliteCol", 0xC08A, -1, FPGA, FPGA, 16 },
-    { "GarnetMono", 0xC07A, -1, 174, 175, 8 },  // the clock stands still
+    { "KyaniteCol_C", 0xC0B1, -1, FPGA, FPGA, 16 }, { "LapisCol18", 0xC0CA, 18, FPGA, FPGA, 16 },
+    { "LapisCol17", 0xC0CA, 17, 0, 0, 16 },                                                     // the sensor counts by itself
+    { "HaliteCol", 0xC08A, -1, FPGA, FPGA, 16 },    { "GarnetMono", 0xC07A, -1, 174, 175, 8 },  // the clock stands still
 };
 
 class LongTest : public FaultTest, public testing::WithParamInterface<LongRow> {

@@ -110,7 +110,8 @@ TEST_P(FormTest, RefusesRequestsDuringBringUp)
     Speed(20);
     Plug(Form(), std::make_shared<TimedPattern>(US));
     std::vector<uint8_t> data(size_t(Form().w) * size_t(Form().h) * 16);
-    for (const uint32_t request : { 0u, 163u, 164u, 166u, 167u, 169u, 170u, 173u, 175u, 180u, 181u, 182u, 183u, 187u, 188u, 189u }) {
+    for (const uint32_t request :
+         { 0u, 163u, 164u, 166u, 167u, 169u, 170u, 173u, 175u, 180u, 181u, 182u, 183u, 187u, 188u, 189u }) {
         SCOPED_TRACE(request);
         Fault(FaultKind::FailControl, request, 0, 1000000);
         ASSERT_EQ(KOVGetNumOfConnectedCameras(), 1);

@@ -45,8 +45,8 @@ private:
     class Device final : public usbstack::IDevice {
     public:
         Device(Tap& tap, usbstack::IDevice* p) : m_Tap(tap), m_p(p) {}
-        usbstack::Status Control(uint8_t type, uint8_t bRequest, uint16_t wValue, uint16_t wIndex, uint8_t* p,
-                                 uint16_t wLength, uint32_t ms, uint32_t* pdwMoved) override
+        usbstack::Status Control(uint8_t type, uint8_t bRequest, uint16_t wValue, uint16_t wIndex, uint8_t* p, uint16_t wLength,
+                                 uint32_t ms, uint32_t* pdwMoved) override
         {
             if ((type & 0x60) == 0x40 && m_Tap.OnControl) {
                 const auto status = m_Tap.OnControl({ (type & 0x80) != 0, bRequest, wValue, wIndex, wLength });
@@ -86,8 +86,8 @@ struct FirmwareRow {
     const char* szName;
     uint16_t wProductId;
     FirmwareId id;
-    int32_t iSize;      // bytes of the image
-    uint8_t bNeeded;    // versions below are updated
+    int32_t iSize;    // bytes of the image
+    uint8_t bNeeded;  // versions below are updated
     friend void PrintTo(const FirmwareRow& m, std::ostream* p) { *p << m.szName; }
 };
 
@@ -251,9 +251,8 @@ TEST_P(Update, BringsTheCameraUpToDateOnce)
     std::snprintf(szRest, sizeof szRest, " %d", n - 4096);
     std::snprintf(szLast, sizeof szLast, " %d", n - 18 - 3 * (4 + 0x3FF) - 4 - 4 - 0x3FF - 5);
     EXPECT_EQ(Loads(*m_pCam),
-              (Lines{ "out 160 e600 1", "out 160 0000 2048", "out 160 0800 1427", "out 160 e600 1",
-                      "out 169 0000 4096", std::string("out 169 1000") + szRest,
-                      "in 169 0000 4096", std::string("in 169 1000") + szRest,
+              (Lines{ "out 160 e600 1", "out 160 0000 2048", "out 160 0800 1427", "out 160 e600 1", "out 169 0000 4096",
+                      std::string("out 169 1000") + szRest, "in 169 0000 4096", std::string("in 169 1000") + szRest,
                       "out 160 e600 1", "out 160 0100 6", "out 160 0200 1023", "out 160 05ff 1023", "out 160 09fe 1023",
                       "out 160 0dfd 1023", std::string("out 160 11fc") + szLast, "out 160 e600 1" }));
     // A second lies between the restart and the next request, which asks for the version again.
@@ -275,9 +274,15 @@ TEST_P(Update, BringsTheCameraUpToDateOnce)
 
 TEST_P(Update, NotWhenNewEnoughNorWithoutAPartOfIt)
 {
-    const struct { int iFirmware; std::optional<FirmwareId> absent; } rows[] = {
-        { Model().bNeeded, {} }, { 20, {} }, { Model().bNeeded - 1, Model().id },
-        { Model().bNeeded - 1, FirmwareId::LoaderPart1 }, { Model().bNeeded - 1, FirmwareId::LoaderPart2 },
+    const struct {
+        int iFirmware;
+        std::optional<FirmwareId> absent;
+    } rows[] = {
+        { Model().bNeeded, {} },
+        { 20, {} },
+        { Model().bNeeded - 1, Model().id },
+        { Model().bNeeded - 1, FirmwareId::LoaderPart1 },
+        { Model().bNeeded - 1, FirmwareId::LoaderPart2 },
     };
     for (const auto& r : rows) {
         SCOPED_TRACE(testing::Message() << "firmware " << r.iFirmware << ", absent " << int(r.absent.value_or(FirmwareId{})));

@@ -38,5 +38,5 @@ void Replay(const char* name, Fuzzer fuzzer)
 }  // namespace
 
 #define FUZZER(name) \
-    TEST(Fuzz, name) { Replay(#name, name); }
+  TEST(Fuzz, name) { Replay(#name, name); }
 #include "Fuzzers.inc"

@@ -26,7 +26,7 @@ TEST(Gamma, Tables)
     EXPECT_EQ(cam.m_pGamma16[1], 255);  // 255.998
     EXPECT_EQ(cam.m_pGamma16[16384], 32767);
     EXPECT_EQ(cam.m_pGamma16[65535], 65535);
-    EXPECT_TRUE(cam.SetGamma(1));  // exponent 1.98
+    EXPECT_TRUE(cam.SetGamma(1));      // exponent 1.98
     EXPECT_EQ(cam.m_Gamma8[128], 65);  // 65.15
     EXPECT_EQ(cam.m_Gamma8[255], 255);
     cam.FillGamma16();

@@ -66,8 +66,7 @@ Gains GainsOf(int red, int blue)
 
 std::string Case(int w, int h, int fill, int extra)
 {
-    return std::to_string(w) + " x " + std::to_string(h) + " fill " + std::to_string(fill) + " case " +
-           std::to_string(extra);
+    return std::to_string(w) + " x " + std::to_string(h) + " fill " + std::to_string(fill) + " case " + std::to_string(extra);
 }
 
 class Kernels : public OnInstructionSet {};
@@ -126,7 +125,8 @@ TEST_P(Kernels, Demosaic)
 TEST_P(Kernels, DemosaicOfLargeFrames)
 {
     const Gains gains = GainsOf(50, 50);
-    for (const auto& [w, h] : { std::pair{ 2413, 1200 }, { 2414, 1200 }, { 128, 22000 }, { 130, 22000 }, { 132, 22001 }, { 190, 15000 } }) {
+    for (const auto& [w, h] :
+         { std::pair{ 2413, 1200 }, { 2414, 1200 }, { 128, 22000 }, { 130, 22000 }, { 132, 22001 }, { 190, 15000 } }) {
         const size_t n = static_cast<size_t>(w) * static_cast<size_t>(h);
         const std::vector<uint8_t> src = Data<uint8_t>(n, RANDOM, 9);
         const BayerFrame f = { src.data(), w, h, PHASE_GR, &gains };

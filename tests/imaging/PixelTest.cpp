@@ -44,12 +44,12 @@ TEST_F(Pixels, SixBySixHasOneInterpolatedCell)
     const auto s = [&](int x, int y) { return int{ src[static_cast<size_t>(6 * y + x)] }; };
     a.Bayer2RGB24_BG(src.data(), out.data(), 6, 6);
     // Cell (2, 2): B G / G R.
-    EXPECT_EQ(At(out, 6, 2, 2), (Pixel{ s(2, 2), (s(2, 1) + s(2, 3) + s(1, 2) + s(3, 2)) / 4,
-                                        (s(1, 1) + s(3, 1) + s(1, 3) + s(3, 3)) / 4 }));
+    EXPECT_EQ(At(out, 6, 2, 2),
+              (Pixel{ s(2, 2), (s(2, 1) + s(2, 3) + s(1, 2) + s(3, 2)) / 4, (s(1, 1) + s(3, 1) + s(1, 3) + s(3, 3)) / 4 }));
     EXPECT_EQ(At(out, 6, 3, 2), (Pixel{ (s(2, 2) + s(4, 2)) / 2, s(3, 2), (s(3, 1) + s(3, 3)) / 2 }));
     EXPECT_EQ(At(out, 6, 2, 3), (Pixel{ (s(2, 2) + s(2, 4)) / 2, s(2, 3), (s(1, 3) + s(3, 3)) / 2 }));
-    EXPECT_EQ(At(out, 6, 3, 3), (Pixel{ (s(2, 2) + s(4, 2) + s(2, 4) + s(4, 4)) / 4,
-                                        (s(3, 2) + s(3, 4) + s(2, 3) + s(4, 3)) / 4, s(3, 3) }));
+    EXPECT_EQ(At(out, 6, 3, 3),
+              (Pixel{ (s(2, 2) + s(4, 2) + s(2, 4) + s(4, 4)) / 4, (s(3, 2) + s(3, 4) + s(2, 3) + s(4, 3)) / 4, s(3, 3) }));
     // All other cells take their own blue and red, and the mean of their greens where there is none.
     for (int y = 0; y < 6; y += 2) {
         for (int x = 0; x < 6; x += 2) {
@@ -67,9 +67,14 @@ TEST_F(Pixels, SixBySixHasOneInterpolatedCell)
 // A scene with one value a colour, laid out for each sensor: each member has to give the colours back.
 TEST_F(Pixels, FourPatternsFindTheirColours)
 {
-    struct { const char* cell; void (CAlgorithm::*frame)(uint8_t*, uint8_t*, int, int); } patterns[] = {
-        { "RGGB", &CAlgorithm::Bayer2RGB24_RG }, { "BGGR", &CAlgorithm::Bayer2RGB24_BG },
-        { "GRBG", &CAlgorithm::Bayer2RGB24_GR }, { "GBRG", &CAlgorithm::Bayer2RGB24_GB },
+    struct {
+        const char* cell;
+        void (CAlgorithm::*frame)(uint8_t*, uint8_t*, int, int);
+    } patterns[] = {
+        { "RGGB", &CAlgorithm::Bayer2RGB24_RG },
+        { "BGGR", &CAlgorithm::Bayer2RGB24_BG },
+        { "GRBG", &CAlgorithm::Bayer2RGB24_GR },
+        { "GBRG", &CAlgorithm::Bayer2RGB24_GB },
     };
     for (const auto& p : patterns) {
         Bytes src(100 * 8), out(3 * src.size());

@@ -25,7 +25,9 @@ std::string Glyph(const Bytes& image, int width, int left, uint8_t level)
 
 TEST(TimeMark, LevelStandsOutFromTheBackground)
 {
-    struct { uint8_t background, level; } rows[] = { { 0, 180 }, { 129, 180 }, { 130, 220 }, { 179, 220 }, { 180, 120 }, { 255, 120 } };
+    struct {
+        uint8_t background, level;
+    } rows[] = { { 0, 180 }, { 129, 180 }, { 130, 220 }, { 179, 220 }, { 180, 120 }, { 255, 120 } };
     for (const auto& row : rows) {
         for (int bytes : { 1, 3 }) {
             const int width = 640, height = 40;
@@ -39,7 +41,8 @@ TEST(TimeMark, LevelStandsOutFromTheBackground)
             for (int c = 0; c < 8; ++c)
                 for (int k = 0; k < bytes; ++k)
                     ASSERT_EQ(image[static_cast<size_t>((9 * width + width - 200 + c) * bytes + k)],
-                              c == 0 ? row.background : row.level) << int{ row.background } << ' ' << bytes;
+                              c == 0 ? row.background : row.level)
+                        << int{ row.background } << ' ' << bytes;
         }
     }
 }
@@ -69,7 +72,8 @@ TEST(TimeMark, DrawsDateAndTime)
         for (size_t j = 0; j < time.size(); ++j)
             EXPECT_EQ(Glyph(image, width, 100 + 8 * static_cast<int>(i), 180) ==
                           Glyph(image, width, 172 + 8 * static_cast<int>(j), 180),
-                      date[i] == time[j]) << i << ' ' << j;
+                      date[i] == time[j])
+                << i << ' ' << j;
     for (int x : { 164, 171, 268, 299 })
         for (int y = 7; y < 23; ++y)
             EXPECT_EQ(image[static_cast<size_t>(y * width + x)], 10);  // the gap and the right edge stay free
@@ -86,7 +90,8 @@ TEST(TimeMark, QuirkNarrowImagesTakeTheRowAbove)
     imaging::DrawTimeMark(image.data(), width, 40, 1, g_Time);
     for (int y = 7; y < 23; ++y)
         for (int x = -200; x < -32; ++x)
-            ASSERT_EQ(image[static_cast<size_t>(y * width + width + x)], wide[static_cast<size_t>(y * 640 + 640 + x)]) << x << ' ' << y;
+            ASSERT_EQ(image[static_cast<size_t>(y * width + width + x)], wide[static_cast<size_t>(y * 640 + 640 + x)])
+                << x << ' ' << y;
 }
 
 // What does not fit is left out; nothing outside the image is touched.
@@ -101,8 +106,8 @@ TEST(TimeMark, SmallImages)
                 ASSERT_TRUE(image[i] == 10 && image[n + guard + i] == 10) << w << " x " << h;
             for (int y = 0; y < h; ++y)
                 for (int x = 0; x < w; ++x)
-                    ASSERT_TRUE(y * w + x >= 7 * w + w - 200 ||
-                                image[guard + static_cast<size_t>((y * w + x) * bytes)] == 10) << w << " x " << h;
+                    ASSERT_TRUE(y * w + x >= 7 * w + w - 200 || image[guard + static_cast<size_t>((y * w + x) * bytes)] == 10)
+                        << w << " x " << h;
         }
     }
 }

@@ -16,10 +16,7 @@ namespace fs = std::filesystem;
 // A folder for one test, with settings of nobody else.
 class Indi : public testing::Test {
 protected:
-    Indi() : m_home(fs::temp_directory_path() / ("kovindi." + std::to_string(getpid())))
-    {
-        fs::create_directories(m_home);
-    }
+    Indi() : m_home(fs::temp_directory_path() / ("kovindi." + std::to_string(getpid()))) { fs::create_directories(m_home); }
     ~Indi() override
     {
         std::error_code ignored;
@@ -41,8 +38,7 @@ Image Read(fitsfile* file, int status)
     fits_get_img_dim(file, &axes, &status);
     fits_get_img_size(file, 3, image.axes, &status);
     image.pixels.resize(static_cast<size_t>(image.axes[0] * image.axes[1] * image.axes[2]));
-    fits_read_img(file, TUSHORT, 1, static_cast<LONGLONG>(image.pixels.size()), nullptr, image.pixels.data(), nullptr,
-                  &status);
+    fits_read_img(file, TUSHORT, 1, static_cast<LONGLONG>(image.pixels.size()), nullptr, image.pixels.data(), nullptr, &status);
     fits_get_hdrspace(file, &keys, nullptr, &status);
     for (int i = 1; i <= keys; ++i) {
         char name[FLEN_KEYWORD], value[FLEN_VALUE];
@@ -80,9 +76,8 @@ Image Expose(Client& c, const std::string& device, double seconds)
 {
     c.Set(device, "CCD_EXPOSURE", { { "CCD_EXPOSURE_VALUE", seconds } });
     const auto come = [&] { return c.Blobs(".fits") > 0; };
-    EXPECT_TRUE(c.Wait([&] { return come() && c.Is(device + ".CCD_EXPOSURE", IPS_OK); }, Seconds(seconds + 20)))
-        << device << "\n"
-        << c.Messages();
+    EXPECT_TRUE(c.Wait([&] { return come() && c.Is(device + ".CCD_EXPOSURE", IPS_OK); }, Seconds(seconds + 20))) << device << "\n"
+                                                                                                                 << c.Messages();
     return c.Wait(come, 0s) ? ReadBlob(c.TakeBlob(".fits")) : Image{};
 }
 
@@ -109,18 +104,22 @@ constexpr PictureRow PICTURES[] = {
 TEST_F(Indi, PicturesAreThoseOfKovcam)
 {
     std::set<std::string> tokens;
-    for (const PictureRow& row : PICTURES) tokens.insert(row.token);
+    for (const PictureRow& row : PICTURES)
+        tokens.insert(row.token);
     std::string cameras;
-    for (const std::string& t : tokens) cameras += (cameras.empty() ? "" : ",") + t;
+    for (const std::string& t : tokens)
+        cameras += (cameras.empty() ? "" : ",") + t;
     Observatory o(cameras + ";scene=pattern;noise=0;hot=0", m_home);
     Client& c = o.client;
     for (const PictureRow& row : PICTURES) {
         SCOPED_TRACE(std::string(row.token) + " " + row.kovcam);
         const std::string d = row.device;
         o.Connect(d);
-        if (HasFatalFailure()) return;
+        if (HasFatalFailure())
+            return;
         c.Switch(d, "CCD_CAPTURE_FORMAT", row.format);
-        if (row.bin > 1) c.Set(d, "CCD_BINNING", { { "HOR_BIN", row.bin }, { "VER_BIN", row.bin } });
+        if (row.bin > 1)
+            c.Set(d, "CCD_BINNING", { { "HOR_BIN", row.bin }, { "VER_BIN", row.bin } });
         c.Set(d, "CCD_FRAME", { { "X", 48 }, { "Y", 24 }, { "WIDTH", 384 }, { "HEIGHT", 192 } });
         const Image got = Expose(c, d, 0.01);
         const fs::path stem = m_home / "snap";
@@ -128,8 +127,8 @@ TEST_F(Indi, PicturesAreThoseOfKovcam)
                                  std::to_string(48 / row.bin) + "+" + std::to_string(24 / row.bin);
         const std::string command =
             "XDG_CONFIG_HOME=" + (m_home / "kovcam").string() + " " KOV_TOOLS "/kovsim run --camera " + row.token +
-            " --scene pattern --noise 0 --hot 0 -- kovcam snap --no-png --exposure 10ms --format " + row.kovcam +
-            " --bin " + std::to_string(row.bin) + " --region " + size + " -o " + stem.string() + " >/dev/null";
+            " --scene pattern --noise 0 --hot 0 -- kovcam snap --no-png --exposure 10ms --format " + row.kovcam + " --bin " +
+            std::to_string(row.bin) + " --region " + size + " -o " + stem.string() + " >/dev/null";
         ASSERT_EQ(std::system(command.c_str()), 0) << command;
         Image wanted = ReadFile(stem.string() + ".fits");
         ASSERT_TRUE(std::equal(got.axes, got.axes + 3, wanted.axes))
@@ -137,10 +136,8 @@ TEST_F(Indi, PicturesAreThoseOfKovcam)
             << wanted.axes[1] << "\n"
             << c.Messages();
         EXPECT_EQ(got.pixels == wanted.pixels, true) << "pixels differ";
-        for (const char* key :
-             { "GAIN", "OFFSET", "EGAIN", "BAYERPAT", "XBAYROFF", "INSTRUME", "XBINNING", "ROWORDER" })
-            EXPECT_EQ(got.keys.count(key) ? got.keys.at(key) : "none",
-                      wanted.keys.count(key) ? wanted.keys.at(key) : "none")
+        for (const char* key : { "GAIN", "OFFSET", "EGAIN", "BAYERPAT", "XBAYROFF", "INSTRUME", "XBINNING", "ROWORDER" })
+            EXPECT_EQ(got.keys.count(key) ? got.keys.at(key) : "none", wanted.keys.count(key) ? wanted.keys.at(key) : "none")
                 << key;
         EXPECT_NEAR(std::stod(got.keys.at("EXPTIME")), 0.01, 1e-6);
         c.Switch(d, "CONNECTION", "DISCONNECT");
@@ -157,11 +154,9 @@ TEST_F(Indi, WhatCannotBeDoneIsRefusedAndTheNextThingWorks)
     c.Set(d, "CCD_EXPOSURE", { { "CCD_EXPOSURE_VALUE", 60 } });
     ASSERT_TRUE(c.Wait([&] { return c.Number(exposure + ".CCD_EXPOSURE_VALUE") < 59.5; }, 5s)) << "no countdown";
     c.Switch(d, "CCD_VIDEO_STREAM", "STREAM_ON");
-    EXPECT_TRUE(c.Wait([&] { return c.Is(d + ".CCD_VIDEO_STREAM", IPS_ALERT) && c.Said("exposure runs"); }, 5s))
-        << c.Messages();
+    EXPECT_TRUE(c.Wait([&] { return c.Is(d + ".CCD_VIDEO_STREAM", IPS_ALERT) && c.Said("exposure runs"); }, 5s)) << c.Messages();
     c.Set(d, "CCD_BINNING", { { "HOR_BIN", 2 }, { "VER_BIN", 2 } });
-    EXPECT_TRUE(
-        c.Wait([&] { return c.Is(state + "BINNING", IPS_ALERT) && c.Number(state + "BINNING.HOR_BIN") == 1; }, 5s))
+    EXPECT_TRUE(c.Wait([&] { return c.Is(state + "BINNING", IPS_ALERT) && c.Number(state + "BINNING.HOR_BIN") == 1; }, 5s))
         << "busy";
     const auto before = std::chrono::steady_clock::now();
     c.Switch(d, "CCD_ABORT_EXPOSURE", "ABORT");
@@ -169,12 +164,10 @@ TEST_F(Indi, WhatCannotBeDoneIsRefusedAndTheNextThingWorks)
     EXPECT_LT(std::chrono::steady_clock::now() - before, 500ms);
     // Bins that are not listed, controls out of range, names that do not exist.
     c.Set(d, "CCD_BINNING", { { "HOR_BIN", 3 }, { "VER_BIN", 3 } });
-    EXPECT_TRUE(
-        c.Wait([&] { return c.Is(state + "BINNING", IPS_ALERT) && c.Number(state + "BINNING.HOR_BIN") == 1; }, 5s))
+    EXPECT_TRUE(c.Wait([&] { return c.Is(state + "BINNING", IPS_ALERT) && c.Number(state + "BINNING.HOR_BIN") == 1; }, 5s))
         << "bin 3";
     c.Set(d, "CCD_CONTROLS", { { "Gain", 5000 } });
-    EXPECT_TRUE(
-        c.Wait([&] { return c.Is(state + "CONTROLS", IPS_ALERT) && c.Number(state + "CONTROLS.Gain") == 200; }, 5s))
+    EXPECT_TRUE(c.Wait([&] { return c.Is(state + "CONTROLS", IPS_ALERT) && c.Number(state + "CONTROLS.Gain") == 200; }, 5s))
         << "gain";
     INDI::PropertySwitch wrong(1);
     wrong[0].fill("INDI_NONSENSE", "", ISS_ON);
@@ -182,8 +175,7 @@ TEST_F(Indi, WhatCannotBeDoneIsRefusedAndTheNextThingWorks)
     c.sendNewSwitch(wrong);
     // An odd region: the client sees what it got, and gets that.
     c.Set(d, "CCD_FRAME", { { "X", 101 }, { "Y", 51 }, { "WIDTH", 333 }, { "HEIGHT", 111 } });
-    ASSERT_TRUE(
-        c.Wait([&] { return c.Number(state + "FRAME.WIDTH") == 328 && c.Number(state + "FRAME.X") == 100; }, 5s));
+    ASSERT_TRUE(c.Wait([&] { return c.Number(state + "FRAME.WIDTH") == 328 && c.Number(state + "FRAME.X") == 100; }, 5s));
     EXPECT_EQ(c.Get(state + "FRAME.HEIGHT"), 110);
     const Image image = Expose(c, d, 0.05);
     EXPECT_EQ(image.axes[0], 328);
@@ -198,8 +190,7 @@ TEST_F(Indi, WhatCannotBeDoneIsRefusedAndTheNextThingWorks)
     c.Set(d, "CCD_CONTROLS", { { "Exposure", 2000 } });
     c.Set(d, "DARK_FRAMES", { { "FRAMES", 3 } });
     c.Switch(d, "DARK_FRAME", "DARK_TAKE");
-    EXPECT_TRUE(
-        c.Wait([&] { return c.Is(d + ".DARK_FRAME", IPS_OK) && c.Number(d + ".DARK_FRAME.DARK_LOAD") == 1; }, 10s))
+    EXPECT_TRUE(c.Wait([&] { return c.Is(d + ".DARK_FRAME", IPS_OK) && c.Number(d + ".DARK_FRAME.DARK_LOAD") == 1; }, 10s))
         << c.Messages();
     const Image unlike = Expose(c, d, 0.01);
     EXPECT_EQ(unlike.axes[0], 328) << "the region comes back after the dark frame";
@@ -262,8 +253,7 @@ TEST_F(Indi, StreamsAtTheRateOfTheCamera)
     // Recording to a file, which the framework ends from the thread that brings the frames.
     c.Set(d, "RECORD_OPTIONS", { { "RECORD_FRAME_TOTAL", 10 } });
     c.Switch(d, "RECORD_STREAM", "RECORD_FRAME_ON");
-    EXPECT_TRUE(
-        c.Wait([&] { return c.Is(d + ".RECORD_STREAM", IPS_IDLE) && c.Changes(d + ".RECORD_STREAM") > 1; }, 20s));
+    EXPECT_TRUE(c.Wait([&] { return c.Is(d + ".RECORD_STREAM", IPS_IDLE) && c.Changes(d + ".RECORD_STREAM") > 1; }, 20s));
     // As JPEG pictures.
     c.Switch(d, "CCD_STREAM_ENCODER", "MJPEG");
     c.Switch(d, "CCD_VIDEO_STREAM", "STREAM_ON");
@@ -273,7 +263,8 @@ TEST_F(Indi, StreamsAtTheRateOfTheCamera)
     EXPECT_NEAR(MeanOfJpeg(picture.bytes, 320, 240), mean, 2);
     uintmax_t bytes = 0;
     for (const auto& e : fs::recursive_directory_iterator(m_home))
-        if (e.path().extension() == ".ser") bytes = e.file_size();
+        if (e.path().extension() == ".ser")
+            bytes = e.file_size();
     EXPECT_GE(bytes, 178u + 10 * 320 * 240);
     EXPECT_EQ(Expose(c, d, 0.01).axes[0], 320);
 }
@@ -292,7 +283,8 @@ TEST_F(Indi, ExposuresAndStreamsFollowOneAnotherAtOnce)
     c.Set(d, "CCD_EXPOSURE", { { "CCD_EXPOSURE_VALUE", 0.2 } });
     ASSERT_TRUE(c.Wait([&] { return c.Blobs() >= SERIES; }, 20s)) << c.Blobs() << "\n" << c.Messages();
     std::this_thread::sleep_for(300ms);
-    for (size_t i = 0; i < SERIES; ++i) EXPECT_EQ(ReadBlob(c.TakeBlob()).axes[0], 320);
+    for (size_t i = 0; i < SERIES; ++i)
+        EXPECT_EQ(ReadBlob(c.TakeBlob()).axes[0], 320);
     EXPECT_TRUE(c.Wait([&] { return c.Blobs() == 0 && c.Is(d + ".CCD_EXPOSURE", IPS_OK); }, 1s)) << "no more than that";
     c.Switch(d, "CCD_FAST_TOGGLE", "INDI_DISABLED");
     for (int i = 0; i < 3; ++i) {
@@ -352,10 +344,11 @@ TEST_F(Indi, AStuckCameraHoldsUpNobody)
                 std::this_thread::sleep_for(3ms);
             }
             worst[row] = std::min(worst[row], worstNow);
-            if (row > 0 && row + 1 < std::size(rows)) continue;
+            if (row > 0 && row + 1 < std::size(rows))
+                continue;
             ASSERT_TRUE(c.Wait([&] { return c.Is(d + ".CONNECTION", IPS_BUSY); }, 0s)) << "it does not hang";
-            ASSERT_TRUE(c.Wait(
-                [&] { return row == 0 ? c.Is(d + ".CCD_CONTROLS", IPS_OK) : c.Is(d + ".CONNECTION", IPS_IDLE); }, 15s));
+            ASSERT_TRUE(
+                c.Wait([&] { return row == 0 ? c.Is(d + ".CCD_CONTROLS", IPS_OK) : c.Is(d + ".CONNECTION", IPS_IDLE); }, 15s));
         }
     for (size_t row = 0; row < std::size(rows); ++row) {
         std::printf("%-26s %5.1f ms\n", rows[row].property, worst[row]);
@@ -384,13 +377,15 @@ TEST_F(Indi, UnpluggedInEachStateTheOthersDoNotNotice)
         o.Dial(c);
         ASSERT_TRUE(c.Wait([&] { return c.Has(d); }, 10s)) << c.Messages();
         o.Connect(other, c);
-        if (row.property != nullptr) o.Connect(d, c);
+        if (row.property != nullptr)
+            o.Connect(d, c);
         if (!row.values.empty())
             c.Set(d, row.property, row.values);
         else if (row.property != nullptr && *row.property != 0)
             c.Switch(d, row.property, "STREAM_ON");
         c.Set(other, "CCD_EXPOSURE", { { "CCD_EXPOSURE_VALUE", 1 } });
-        if (HasFatalFailure()) return;
+        if (HasFatalFailure())
+            return;
         std::this_thread::sleep_for(300ms);
         o.Tell("unplug 0");
         ASSERT_TRUE(c.Wait([&] { return !c.Has(d); }, 15s)) << c.Messages();
@@ -412,7 +407,8 @@ TEST_F(Indi, OfTwinsTheRightOneGoes)
     const std::string first = "VYR KOVQuartzMono", second = "VYR KOVQuartzMono 2";
     o.Connect(first);
     o.Connect(second);
-    if (HasFatalFailure()) return;
+    if (HasFatalFailure())
+        return;
     o.Tell("unplug 0");
     ASSERT_TRUE(c.Wait([&] { return !c.Has(first); }, 15s)) << c.Messages();
     EXPECT_EQ(Expose(c, second, 0.01).axes[0], 1936);
@@ -432,7 +428,8 @@ TEST_F(Indi, TwinsWithAnIdKeepTheirNamesHoweverTheyArePlugged)
         o.Tell(std::string("unplug ") + guider);
         ASSERT_TRUE(c.Wait([&] { return !c.Has(named); }, 15s)) << c.Messages();
         EXPECT_TRUE(c.Wait([&] { return c.Has(plain); }, 0s));
-        if (fs::exists(flash + ".2")) fs::rename(flash + ".2", flash + ".1");
+        if (fs::exists(flash + ".2"))
+            fs::rename(flash + ".2", flash + ".1");
     }
 }
 
@@ -449,7 +446,8 @@ TEST_F(Indi, SeveralCamerasAtOnceOneFailingOneHanging)
         std::string device;
         int begun = 0, good = 0, failed = 0;
     } cameras[] = { { "VYR KOVQuartzCol" }, { "VYR KOVGarnetMono" } };
-    for (auto& camera : cameras) o.Connect(camera.device);
+    for (auto& camera : cameras)
+        o.Connect(camera.device);
     o.Connect(hanging);
     o.Break(2, Observatory::NO_FRAME, 1'000'000);
     const auto end = std::chrono::steady_clock::now() + length;
@@ -459,20 +457,21 @@ TEST_F(Indi, SeveralCamerasAtOnceOneFailingOneHanging)
             c.Set(hanging, "CCD_EXPOSURE", { { "CCD_EXPOSURE_VALUE", 0.2 } });
             ++hung;
         }
-        if (cameras[1].begun % 4 == 1) o.Break(1, Observatory::STALL_BULK, 2);
+        if (cameras[1].begun % 4 == 1)
+            o.Break(1, Observatory::STALL_BULK, 2);
         for (auto& camera : cameras) {
             c.Set(camera.device, "CCD_EXPOSURE", { { "CCD_EXPOSURE_VALUE", 0.2 } });
             ++camera.begun;
         }
         for (auto& camera : cameras) {
             const std::string key = camera.device + ".CCD_EXPOSURE";
-            ASSERT_TRUE(c.Wait([&] { return c.Is(key, IPS_OK) || c.Is(key, IPS_ALERT); }, 30s))
-                << camera.device << " stays busy";
+            ASSERT_TRUE(c.Wait([&] { return c.Is(key, IPS_OK) || c.Is(key, IPS_ALERT); }, 30s)) << camera.device << " stays busy";
             ++(c.Wait([&] { return c.Is(key, IPS_OK); }, 0s) ? camera.good : camera.failed);
         }
         const int due = cameras[0].good + cameras[1].good - blobs;
         ASSERT_TRUE(c.Wait([&] { return static_cast<int>(c.Blobs()) >= due; }, 10s)) << "a picture is lost";
-        for (; c.Wait([&] { return c.Blobs() > 0; }, 0s); ++blobs) c.TakeBlob();
+        for (; c.Wait([&] { return c.Blobs() > 0; }, 0s); ++blobs)
+            c.TakeBlob();
         ASSERT_FALSE(c.Wait([&] { return c.Is(hangs, IPS_OK); }, 0s));
     }
     c.Switch(hanging, "CCD_ABORT_EXPOSURE", "ABORT");
@@ -492,13 +491,13 @@ TEST_F(Indi, ConfigurationSurvivesARestart)
         o.Connect(d);
         o.client.Set(d, "CCD_CONTROLS", { { "Gain", 33 }, { "Offset", 7 } });
         INDI::PropertySwitch modes = o.client.getDevice(d.c_str()).getSwitch("CCD_CONTROLS_MODE");
-        for (size_t i = 0; i < modes.size(); ++i) modes[i].setState(modes[i].isNameMatch("WB_R") ? ISS_ON : ISS_OFF);
+        for (size_t i = 0; i < modes.size(); ++i)
+            modes[i].setState(modes[i].isNameMatch("WB_R") ? ISS_ON : ISS_OFF);
         o.client.sendNewSwitch(modes);
         o.client.Switch(d, "CCD_HARDWARE_BIN", "HARDWARE_BIN_OFF");
         ASSERT_TRUE(o.client.Wait(
             [&] {
-                return o.client.Number(d + ".CCD_CONTROLS.Gain") == 33 &&
-                       o.client.Number(d + ".CCD_CONTROLS_MODE.WB_R") == 1 &&
+                return o.client.Number(d + ".CCD_CONTROLS.Gain") == 33 && o.client.Number(d + ".CCD_CONTROLS_MODE.WB_R") == 1 &&
                        o.client.Number(d + ".CCD_HARDWARE_BIN.HARDWARE_BIN_OFF") == 1;
             },
             5s));
@@ -512,8 +511,7 @@ TEST_F(Indi, ConfigurationSurvivesARestart)
     o.client.Switch(d, "CONFIG_PROCESS", "CONFIG_LOAD");
     EXPECT_TRUE(o.client.Wait(
         [&] {
-            return o.client.Number(d + ".CCD_CONTROLS.Gain") == 33 &&
-                   o.client.Number(d + ".CCD_CONTROLS.Offset") == 7 &&
+            return o.client.Number(d + ".CCD_CONTROLS.Gain") == 33 && o.client.Number(d + ".CCD_CONTROLS.Offset") == 7 &&
                    o.client.Number(d + ".CCD_CONTROLS_MODE.WB_R") == 1 &&
                    o.client.Number(d + ".CCD_HARDWARE_BIN.HARDWARE_BIN_OFF") == 1;
         },
@@ -535,10 +533,7 @@ TEST_F(Indi, GuidePulsesAreAsLongAsAskedWhileFramesDownload)
         c.Set(d, "TELESCOPE_TIMED_GUIDE_NS", { { "TIMED_GUIDE_N", one }, { "TIMED_GUIDE_S", other } });
         c.Set(d, "TELESCOPE_TIMED_GUIDE_WE", { { "TIMED_GUIDE_W", one }, { "TIMED_GUIDE_E", other } });
         ASSERT_TRUE(c.Wait(
-            [&] {
-                return c.Is(d + ".TELESCOPE_TIMED_GUIDE_NS", IPS_IDLE) &&
-                       c.Is(d + ".TELESCOPE_TIMED_GUIDE_WE", IPS_IDLE);
-            },
+            [&] { return c.Is(d + ".TELESCOPE_TIMED_GUIDE_NS", IPS_IDLE) && c.Is(d + ".TELESCOPE_TIMED_GUIDE_WE", IPS_IDLE); },
             5s));
     }
     std::vector<double> errors;
@@ -573,8 +568,7 @@ TEST_F(Indi, TheCoolerReachesItsTargetAndWarmsUpBeforeDisconnect)
     o.Connect(d);
     c.Set(d, "CCD_TEMPERATURE", { { "CCD_TEMPERATURE_VALUE", 15.6 } });
     ASSERT_TRUE(c.Wait([&] { return c.Is(t, IPS_BUSY); }, 5s)) << c.Messages();
-    ASSERT_TRUE(
-        c.Wait([&] { return c.Is(t, IPS_OK) && std::abs(c.Number(t + ".CCD_TEMPERATURE_VALUE") - 16) < 0.6; }, 40s))
+    ASSERT_TRUE(c.Wait([&] { return c.Is(t, IPS_OK) && std::abs(c.Number(t + ".CCD_TEMPERATURE_VALUE") - 16) < 0.6; }, 40s))
         << c.Get(t + ".CCD_TEMPERATURE_VALUE");
     EXPECT_EQ(c.Get(d + ".CCD_COOLER.COOLER_ON"), 1);
     EXPECT_GT(c.Get(d + ".CCD_COOLER_POWER.CCD_COOLER_VALUE"), 0);

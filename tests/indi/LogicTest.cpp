@@ -31,24 +31,15 @@ TEST(IndiLogic, CamerasThatComeAndGo)
           {},
           { 1 },
           {} },
-        { "two open ones, nothing known: both are asked",
-          { { "", 1, true }, { "", 2, true } },
-          { inUse },
-          {},
-          {},
-          { 0, 1 } },
-        { "an open and a closed one: the open one is asked first",
-          { { "", 1, true }, { "", 2 } },
-          { inUse },
-          {},
-          {},
-          { 0 } },
+        { "two open ones, nothing known: both are asked", { { "", 1, true }, { "", 2, true } }, { inUse }, {}, {}, { 0, 1 } },
+        { "an open and a closed one: the open one is asked first", { { "", 1, true }, { "", 2 } }, { inUse }, {}, {}, { 0 } },
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.what);
         const Changes c = Compare(row.known, row.ids);
         std::vector<std::string> names;
-        for (const KnownCamera& k : c.appeared) names.push_back(DeviceName("M", k.id, k.ordinal));
+        for (const KnownCamera& k : c.appeared)
+            names.push_back(DeviceName("M", k.id, k.ordinal));
         EXPECT_EQ(names, row.appeared);
         EXPECT_EQ(c.gone, row.gone);
         EXPECT_EQ(c.doubtful, row.doubtful);
@@ -59,8 +50,7 @@ TEST(IndiLogic, RegionsThatCamerasTake)
 {
     using Sizes = std::vector<std::pair<int, int>>;
     EXPECT_EQ(SizesToTry({ 0, 0, 728, 512 }, 1, 728, 512).front(), std::pair(728, 512)) << "the whole sensor as it is";
-    EXPECT_EQ(SizesToTry({ 3, 3, 1000, 701 }, 3, 1280, 960), (Sizes{ { 328, 232 }, { 320, 224 } }))
-        << "equal sizes once";
+    EXPECT_EQ(SizesToTry({ 3, 3, 1000, 701 }, 3, 1280, 960), (Sizes{ { 328, 232 }, { 320, 224 } })) << "equal sizes once";
     EXPECT_TRUE(SizesToTry({ 0, 0, 5, 1 }, 1, 1280, 960).empty());
     EXPECT_EQ(StartInForce(101, 50, 2, 400, 1280), 100);
     EXPECT_EQ(StartInForce(100, 900, 2, 400, 1280), 100) << "a start that was not scaled is not believed";

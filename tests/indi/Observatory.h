@@ -72,7 +72,8 @@ public:
     {
         const std::lock_guard lock(m_mutex);
         std::string all;
-        for (const auto& m : m_messages) all += m + "\n";
+        for (const auto& m : m_messages)
+            all += m + "\n";
         return all;
     }
     Blob TakeBlob(const std::string& format = "")  // and forgets what came before it
@@ -88,10 +89,7 @@ public:
         const std::lock_guard lock(m_mutex);
         return Number(key);
     }
-    bool Knows(const std::string& property) const
-    {
-        return m_states.count(property) && m_states.at(property) != IPS_BUSY;
-    }
+    bool Knows(const std::string& property) const { return m_states.count(property) && m_states.at(property) != IPS_BUSY; }
     void Forget(const std::string& property)  // a state that was told before
     {
         const std::lock_guard lock(m_mutex);
@@ -133,14 +131,14 @@ protected:
     {
         Note([&] {
             m_devices.erase(d.getDeviceName());
-            std::erase_if(m_states,
-                          [&](const auto& s) { return s.first.starts_with(std::string(d.getDeviceName()) + "."); });
+            std::erase_if(m_states, [&](const auto& s) { return s.first.starts_with(std::string(d.getDeviceName()) + "."); });
         });
     }
     void newProperty(INDI::Property p) override
     {
         Note([&] { m_devices.insert(p.getDeviceName()); });  // one that comes back is no new device to the framework
-        if (p.getType() != INDI_BLOB) updateProperty(p);
+        if (p.getType() != INDI_BLOB)
+            updateProperty(p);
     }
     void removeProperty(INDI::Property p) override
     {
@@ -157,9 +155,11 @@ protected:
             m_states[key] = p.getState();
             ++m_changes[key];
             if (p.getType() == INDI_NUMBER)
-                for (const auto& w : *p.getNumber()) m_numbers[key + "." + w.getName()] = w.getValue();
+                for (const auto& w : *p.getNumber())
+                    m_numbers[key + "." + w.getName()] = w.getValue();
             else if (p.getType() == INDI_SWITCH)
-                for (const auto& w : *p.getSwitch()) m_numbers[key + "." + w.getName()] = w.getState() == ISS_ON;
+                for (const auto& w : *p.getSwitch())
+                    m_numbers[key + "." + w.getName()] = w.getState() == ISS_ON;
             else if (p.getType() == INDI_BLOB)
                 for (const auto& w : *p.getBLOB())
                     if (w.getSize() > 0) {
@@ -209,7 +209,8 @@ public:
             setenv("KOV_TESTBUS_PIPE", pipe.c_str(), 1);
             setenv("KOV_TESTBUS_PINS", pins.c_str(), 1);
             setenv("LD_PRELOAD", KOV_TESTBUS, 1);
-            if (std::freopen((home / "server.log").c_str(), "a", stderr) == nullptr) _exit(126);
+            if (std::freopen((home / "server.log").c_str(), "a", stderr) == nullptr)
+                _exit(126);
             execlp("indiserver", "indiserver", "-r", "0", "-m", "1000", "-u", socket.c_str(), "-p", port.c_str(), "-v",
                    KOV_DRIVER, nullptr);
             _exit(127);
@@ -237,15 +238,15 @@ public:
     {
         // Not over TCP: where small messages go back and forth, that holds each up for 40 ms.
         c.setServer(("localhost:" + (m_home / "socket").string()).c_str(), m_port);
-        for (int i = 0; i < 200 && !c.connectServer(); ++i) std::this_thread::sleep_for(25ms);
+        for (int i = 0; i < 200 && !c.connectServer(); ++i)
+            std::this_thread::sleep_for(25ms);
     }
 
     // Connects the device and switches its pictures on.
     void Connect(const std::string& device) { Connect(device, client); }
     static void Connect(const std::string& device, Client& client)
     {
-        ASSERT_TRUE(client.Wait([&] { return client.Has(device) && client.Knows(device + ".CONNECTION"); }, 15s))
-            << device;
+        ASSERT_TRUE(client.Wait([&] { return client.Has(device) && client.Knows(device + ".CONNECTION"); }, 15s)) << device;
         if (!client.Wait([&] { return client.Is(device + ".CONNECTION", IPS_OK); }, 0s)) {
             client.Forget(device + ".CCD_CONTROLS");
             client.Switch(device, "CONNECTION", "CONNECT");

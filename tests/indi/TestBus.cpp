@@ -23,7 +23,8 @@ void Obey(kovsim::VirtualBus* bus, const std::string& path)
         uint32_t kind = 0, times = 1, arg = 0;
         words >> verb >> n >> kind >> times >> arg;
         const auto cameras = bus->Cameras();
-        if (n >= cameras.size()) continue;
+        if (n >= cameras.size())
+            continue;
         if (verb == "unplug")
             cameras[n]->Unplug();
         else if (verb == "replug")
@@ -36,7 +37,8 @@ void Obey(kovsim::VirtualBus* bus, const std::string& path)
 void WatchPins(kovsim::VirtualBus* bus, const std::string& path)
 {
     std::FILE* file = std::fopen(path.c_str(), "w");
-    if (file == nullptr) return;
+    if (file == nullptr)
+        return;
     const auto cameras = bus->Cameras();
     std::vector<unsigned> before(cameras.size());
     const auto start = std::chrono::steady_clock::now();
@@ -44,7 +46,8 @@ void WatchPins(kovsim::VirtualBus* bus, const std::string& path)
         for (size_t n = 0; n < cameras.size(); ++n)
             for (int pin = 0; pin < 4; ++pin) {
                 const unsigned bit = 1u << pin, now = cameras[n]->GuidePin(pin) ? bit : 0;
-                if ((before[n] & bit) == now) continue;
+                if ((before[n] & bit) == now)
+                    continue;
                 before[n] ^= bit;
                 const std::chrono::duration<double, std::milli> t = std::chrono::steady_clock::now() - start;
                 std::fprintf(file, "%zu %d %d %.2f\n", n, pin, now != 0, t.count());
@@ -65,9 +68,12 @@ extern "C" __attribute__((visibility("default"))) const usbstack::Plugin* KOVUsb
             return nullptr;
         }
         auto* bus = new kovsim::VirtualBus(options.dRate);
-        for (const auto& settings : options.cameras) bus->Plug(settings);
-        if (const char* path = std::getenv("KOV_TESTBUS_PIPE")) std::thread(Obey, bus, std::string(path)).detach();
-        if (const char* path = std::getenv("KOV_TESTBUS_PINS")) std::thread(WatchPins, bus, std::string(path)).detach();
+        for (const auto& settings : options.cameras)
+            bus->Plug(settings);
+        if (const char* path = std::getenv("KOV_TESTBUS_PIPE"))
+            std::thread(Obey, bus, std::string(path)).detach();
+        if (const char* path = std::getenv("KOV_TESTBUS_PINS"))
+            std::thread(WatchPins, bus, std::string(path)).detach();
         return &bus->Offer();
     }();
     return plugin;

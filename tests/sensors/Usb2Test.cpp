@@ -4,11 +4,11 @@
 #include <cstdlib>
 
 #include "platform/SettingsStore.h"
+#include "sensors/SensorBench.h"
 #include "sensors/agate/Agate.h"
 #include "sensors/cobalt/Cobalt.h"
 #include "sensors/garnet/Garnet.h"
 #include "sensors/iolite/Iolite.h"
-#include "sensors/SensorBench.h"
 #include "usb/FirmwareImages.h"
 
 namespace {
@@ -61,7 +61,7 @@ TEST_F(Garnet, BringUp)
     EXPECT_EQ(Words({ all.begin(), all.begin() + 6 }), "cmd164 cmd171 cmd170 301a:0001 3088:8000 3088:8000");
     EXPECT_EQ(Words({ all.begin() + 119, all.end() }),
               "?30c6: ?30c8: ?30b2: "
-              "305a:0022 3058:003e 301e:0000 "         // word 2 * 50 - 64 = 36: 52 * 36 / 55, 95 * 36 / 55
+              "305a:0022 3058:003e 301e:0000 "  // word 2 * 50 - 64 = 36: 52 * 36 / 55, 95 * 36 / 55
               "3012:03e7 301a:10da 302c:0001 302a:0008 302e:0003 3030:0019 301a:10dc "  // (50 * 33000 - 26) / 1650
               // (1228800 * 50 * 100 / 42 / 80 + 358) / 986 = 1854.9; 1649974 / 1854
               "300c:073e 3012:0379 3012:0379 "
@@ -76,7 +76,7 @@ TEST_F(Garnet, RegionSetsWindowThenClockThenLine)
 {
     auto cam = Open<CCameraSGarnetCol>(0xC07B);
     EXPECT_EQ(SENDS(cam->SetResolution(640, 480, 1, IMAGE_8BIT)),
-              "3002:00f2 3004:0140 3006:02d1 3008:03bf cmd171 "  // centred at 320, 240
+              "3002:00f2 3004:0140 3006:02d1 3008:03bf cmd171 "                         // centred at 320, 240
               "3012:058f 301a:10da 302c:0001 302a:0008 302e:0006 3030:0050 301a:10dc "  // (80 * 33000 - 26) / 1854
               // (307200 * 80 * 100 / 42 / 80 + 358) / 506 = 1446.2; 2639974 / 1446
               "300c:05a6 3012:0721 3012:0721 300c:05a6 3012:0721 "
@@ -163,10 +163,14 @@ TEST_F(Garnet, ExposureClockAndLongMode)
 
 TEST_F(Garnet, GainStages)
 {
-    struct { int iGain; const char* szCol; const char* szMono; } rows[] = {
-        { 0, "1300 0020", "1300 0020" },  { 15, "1300 003e", "1300 003e" }, { 16, "1310 0020", "1310 0020" },
-        { 47, "1320 003e", "1320 003e" }, { 63, "1330 003e", "1330 003e" },
-        { 64, "1330 0040", "1330 0040" }, { 79, "1330 005e", "1330 007c" },  // 4 * 79 - 192
+    struct {
+        int iGain;
+        const char* szCol;
+        const char* szMono;
+    } rows[] = {
+        { 0, "1300 0020", "1300 0020" },  { 15, "1300 003e", "1300 003e" },  { 16, "1310 0020", "1310 0020" },
+        { 47, "1320 003e", "1320 003e" }, { 63, "1330 003e", "1330 003e" },  { 64, "1330 0040", "1330 0040" },
+        { 79, "1330 005e", "1330 007c" },                                     // 4 * 79 - 192
         { 80, "1330 0060", "1330 0080" }, { 101, "1330 0088", "1330 00f8" },  // clamped; 6 * 20 + 128
     };
     auto col = Open<CCameraSGarnetCol>(0xC07B);
@@ -221,7 +225,9 @@ TEST_F(Garnet, Bandwidth)
 TEST_F(Garnet, ClockFollowsTheWidth)
 {
     auto cam = Open<CCameraSGarnetCol>(0xC07B);
-    const struct { int w, clk8, clk16; } rows[] = {
+    const struct {
+        int w, clk8, clk16;
+    } rows[] = {
         { 1280, 50, 25 }, { 1026, 50, 25 }, { 1024, 62, 31 }, { 962, 62, 31 }, { 960, 66, 33 }, { 802, 66, 33 },
         { 800, 80, 40 },  { 482, 80, 40 },  { 480, 80, 50 },  { 322, 80, 50 }, { 320, 80, 80 },
     };
@@ -273,10 +279,10 @@ TEST_F(Garnet, SuperSpeedBridge)
     auto cam = Open<CCameraSGarnetCol_S>(0xC07E, Speed::Super);
     EXPECT_EQ(cam->m_iFPSPerc, 100);
     EXPECT_EQ(cam->m_iCMOSClk, 83);
-    EXPECT_EQ(cam->m_fMaxFPS, 60.0f);       // 83000000 / (960 * 1390 + 35782), integer
+    EXPECT_EQ(cam->m_fMaxFPS, 60.0f);  // 83000000 / (960 * 1390 + 35782), integer
     EXPECT_FLOAT_EQ(cam->m_fMaxDataRate, 73.728f);
-    EXPECT_EQ(cam->m_iHMAX, 1417);          // (1228800 * 83 * 100 / 73 / 100 + 358) / 986
-    EXPECT_EQ(cam->m_iExpLines, 820);       // (14000 * 83 - 26) / 1417
+    EXPECT_EQ(cam->m_iHMAX, 1417);     // (1228800 * 83 * 100 / 73 / 100 + 358) / 986
+    EXPECT_EQ(cam->m_iExpLines, 820);  // (14000 * 83 - 26) / 1417
     cam->m_fMaxFPS = 1;
     cam->m_lExposure = 100000;
     cam->CalcMaxFPS();
@@ -286,20 +292,21 @@ TEST_F(Garnet, SuperSpeedBridge)
     m_dev->ClearEvents();
     ASSERT_TRUE(cam->SetResolution(1280, 960, 1, IMAGE_16BIT));
     const auto requests = m_dev->Take();
-    EXPECT_EQ(Words(requests), "3002:0002 3004:0000 3006:03c1 3008:04ff cmd172 cmd181 "
-                               "300c:057f 3012:0339 300a:03da");  // divisor 147; 1161974 / 1407
-    EXPECT_EQ(requests[5].wIndex, 50);      // 2457600 / 49152
+    EXPECT_EQ(Words(requests),
+              "3002:0002 3004:0000 3006:03c1 3008:04ff cmd172 cmd181 "
+              "300c:057f 3012:0339 300a:03da");  // divisor 147; 1161974 / 1407
+    EXPECT_EQ(requests[5].wIndex, 50);           // 2457600 / 49152
     EXPECT_EQ(m_dev->Events(), (std::vector<std::string>{ "abort 82", "reset 82" }));
 
-    ASSERT_TRUE(cam->SetOverCLKPerc(40));   // 83 * 1.3 = 107.9
+    ASSERT_TRUE(cam->SetOverCLKPerc(40));  // 83 * 1.3 = 107.9
     EXPECT_EQ(cam->m_iOverCLKPerc, 30);
     EXPECT_EQ(cam->m_iCMOSClk, 107);
     EXPECT_NE(Sent().find("302c:0001 302a:0004 302e:0006 3030:006b"), std::string::npos);
     ASSERT_TRUE(cam->SetHighSpeedMode(false));
-    EXPECT_EQ(cam->m_iCMOSClk, 53);         // 41 * 1.3 = 53.3
+    EXPECT_EQ(cam->m_iCMOSClk, 53);  // 41 * 1.3 = 53.3
     Sent();
 
-    m_regs[0x30B0] = 0x1330;                // the slow clock lives in the sensor alone, and the long shutter is shorter
+    m_regs[0x30B0] = 0x1330;  // the slow clock lives in the sensor alone, and the long shutter is shorter
     EXPECT_EQ(SENDS(cam->SetExp(20000000, false)), "?30b0: 301a:10d8 30b0:5330 301a:10dc 3012:1fff");
     EXPECT_TRUE(cam->m_bLongExp);
     EXPECT_FALSE(cam->SetOverCLKPerc(5));
@@ -352,7 +359,7 @@ TEST_F(Cobalt, BringUp)
               "fc00:2800 0040:8100 ?0040: 0040:8101 ?0040: ?fc00: "
               "3056:20a3 305c:20a3 305a:207a 3058:20e1 "  // gain 9: 35.4; red 7.38: 58.1; blue 16.92: 33.3
               "305a:207a 3058:20e1 301e:0000 "
-              "300c:0246 3012:0550 3040:0041");           // 1164 / 2; (48 * 33000 - 29) / 1164
+              "300c:0246 3012:0550 3040:0041");  // 1164 / 2; (48 * 33000 - 29) / 1164
 }
 
 TEST_F(Cobalt, RegionAndLineLength)
@@ -360,8 +367,9 @@ TEST_F(Cobalt, RegionAndLineLength)
     auto cam = Open<CCameraSCobaltCol>(0xC03B);
     EXPECT_STREQ(cam->m_pszName, "VYR KOVCobaltCol");
     ASSERT_TRUE(cam->SetResolution(640, 480, 1, IMAGE_8BIT));
-    EXPECT_EQ(Sent(), "3002:0010 3004:002c 3006:01ef 3008:02ab cmd171 3002:0010 3004:002c 300a:01fd 3006:01ef 3008:02ab "
-                      "300c:01fe 3012:0610 3012:0610");  // (48 * 307200 * 100 / 35.5 / 80 + 210) / 509 = 1020
+    EXPECT_EQ(Sent(),
+              "3002:0010 3004:002c 3006:01ef 3008:02ab cmd171 3002:0010 3004:002c 300a:01fd 3006:01ef 3008:02ab "
+              "300c:01fe 3012:0610 3012:0610");  // (48 * 307200 * 100 / 35.5 / 80 + 210) / 509 = 1020
     EXPECT_EQ(SENDS(cam->SetStartPos(11, 7)), "3002:0006 3004:000a 3006:01e5 3008:0289");
     EXPECT_FALSE(cam->SetResolution(640, 481, 1, IMAGE_8BIT));
 
@@ -371,8 +379,8 @@ TEST_F(Cobalt, RegionAndLineLength)
     EXPECT_TRUE(cam->SetStartPos(10, 10));  // QUIRK: nothing at full size
     EXPECT_EQ(Sent(), "");
     EXPECT_TRUE(cam->SetFPSPerc(100, true));
-    EXPECT_EQ(cam->m_iFPSPerc, 80);         // auto is always being switched on, because
-    EXPECT_FALSE(cam->m_bAutoFPS);          // QUIRK: it never stays
+    EXPECT_EQ(cam->m_iFPSPerc, 80);  // auto is always being switched on, because
+    EXPECT_FALSE(cam->m_bAutoFPS);   // QUIRK: it never stays
     EXPECT_TRUE(cam->SetFPSPerc(100, false));
     EXPECT_EQ(cam->m_iHMAX, 938);
     EXPECT_NE(Sent().find("300c:01d5"), std::string::npos);
@@ -386,7 +394,7 @@ TEST_F(Cobalt, SlowClockAndBack)
     EXPECT_FALSE(cam->SetFPSPerc(90, false));
     EXPECT_EQ(cam->m_iFPSPerc, 80);
     Sent();
-    EXPECT_TRUE(cam->SetExp(500000, false));          // lines capped at 4095 by the bandwidth, then whole
+    EXPECT_TRUE(cam->SetExp(500000, false));  // lines capped at 4095 by the bandwidth, then whole
     EXPECT_EQ(Sent(), "cmd164 300c:0246 3012:0fff 300c:0246 3012:508a");
     EXPECT_TRUE(cam->SetExp(100000000, false));
     EXPECT_EQ(cam->m_lExposure, 64000000u);
@@ -429,8 +437,8 @@ TEST_F(Cobalt, CaptureDefersExposureAndGain)
 TEST_F(Cobalt, GainWords)
 {
     const std::pair<float, int> rows[] = {
-        { 0.5f, 0x101F }, { 1, 0x101F }, { 2, 0x103F }, { 2.01f, 0x201F }, { 4, 0x203F }, { 8, 0x207F },
-        { 16, 0x20BF }, { 32, 0x20FF }, { 33, 0x40E0 }, { 64, 0x40FF }, { 66, 0x80E0 }, { 500, 0x80FF },
+        { 0.5f, 0x101F }, { 1, 0x101F },  { 2, 0x103F },  { 2.01f, 0x201F }, { 4, 0x203F },  { 8, 0x207F },
+        { 16, 0x20BF },   { 32, 0x20FF }, { 33, 0x40E0 }, { 64, 0x40FF },    { 66, 0x80E0 }, { 500, 0x80FF },
     };
     for (const auto& [g, word] : rows)
         EXPECT_EQ(CCameraSCobaltCol::GainValue2Reg(g), word) << g;
@@ -471,7 +479,7 @@ TEST_F(Cobalt, Mailbox)
     m_dev->OnFail = nullptr;
     Sent();
     EXPECT_EQ(cam->WriteVar16(0x12, 0x34, 0x5678), 1);
-    EXPECT_EQ(Sent(), "c834:5678");      // 0x8000 + 0x12 * 0x400 + 0x34
+    EXPECT_EQ(Sent(), "c834:5678");  // 0x8000 + 0x12 * 0x400 + 0x34
     EXPECT_EQ(SENDS(cam->ResetFrame()), "");
 }
 
@@ -482,13 +490,15 @@ using Agate = Usb2;
 TEST_F(Agate, BringUp)
 {
     auto cam = Open<CCameraSAgateCol>(0xC01A, Speed::High, false);
-    EXPECT_EQ(SENDS(cam->InitCamera()), "00af:0000 009a:02f0 00a0:01e0 002c:0000 000d:0320 0070:0000 in173 "
-                      "0035:003a 000b:0437 cmd163");  // entry 29; (24 * 33000 - 4) / 734
+    EXPECT_EQ(SENDS(cam->InitCamera()),
+              "00af:0000 009a:02f0 00a0:01e0 002c:0000 000d:0320 0070:0000 in173 "
+              "0035:003a 000b:0437 cmd163");  // entry 29; (24 * 33000 - 4) / 734
 
     auto dunite = Open<CCameraSDuniteMono>(0xC04D, Speed::High, false);
     EXPECT_STREQ(dunite->m_pszName, "TORMELD KOVDuniteMono-B");
-    EXPECT_EQ(SENDS(dunite->InitCamera()), "00af:0000 009a:02f0 00a0:01e0 002c:0000 000d:0320 in173 "
-                      "0035:003a 000b:04c1");         // (30 * 33000 - 4) / 813; QUIRK: clock 30 switches nothing
+    EXPECT_EQ(SENDS(dunite->InitCamera()),
+              "00af:0000 009a:02f0 00a0:01e0 002c:0000 000d:0320 in173 "
+              "0035:003a 000b:04c1");  // (30 * 33000 - 4) / 813; QUIRK: clock 30 switches nothing
     EXPECT_TRUE(dunite->SetCMOSClk(48));
     EXPECT_FALSE(dunite->SetCMOSClk(25));
     EXPECT_EQ(dunite->m_iCMOSClk, 48);
@@ -501,11 +511,11 @@ TEST_F(Agate, GainParksTheOtherRegister)
     auto cam = Open<CCameraSAgateCol>(0xC01A);
     EXPECT_EQ(SENDS(cam->SetGain(1, false)), "0035:0010");
     EXPECT_EQ(SENDS(cam->SetGain(1000, false)), "0035:006f 0080:04ff");
-    cam->SetGain(80, false);                   // entry 47
+    cam->SetGain(80, false);  // entry 47
     EXPECT_EQ(Sent(), "0080:04f4 0035:006f");
-    cam->SetGain(82, false);                   // entry 48
+    cam->SetGain(82, false);  // entry 48
     EXPECT_EQ(Sent(), "0035:006f 0080:04f4");
-    cam->SetGain(65, false);                   // entry 38; from 48 there is nothing to park
+    cam->SetGain(65, false);  // entry 38; from 48 there is nothing to park
     EXPECT_EQ(Sent(), "0035:004c");
     EXPECT_EQ(cam->m_iGain, 65);
 }
@@ -513,18 +523,18 @@ TEST_F(Agate, GainParksTheOtherRegister)
 TEST_F(Agate, ExposureLines)
 {
     auto cam = Open<CCameraSAgateCol>(0xC01A);
-    EXPECT_EQ(SENDS(cam->SetExp(1000000, false)), "000b:7fb9");            // 23999996 / 734
-    cam->SetExp(1003000, false);               // 32795 lines
+    EXPECT_EQ(SENDS(cam->SetExp(1000000, false)), "000b:7fb9");  // 23999996 / 734
+    cam->SetExp(1003000, false);                                 // 32795 lines
     EXPECT_TRUE(cam->m_bLongExp);
     EXPECT_EQ(Sent(), "");
-    cam->SetExp(100, false);                   // only the capture thread leaves the mode
+    cam->SetExp(100, false);  // only the capture thread leaves the mode
     EXPECT_TRUE(cam->m_bLongExp);
     EXPECT_EQ(Sent(), "");
     cam->SetExp(2000000000, false);
     EXPECT_EQ(cam->m_lExposure, 30000000u);
 
     auto dunite = Open<CCameraSDuniteCol>(0xC04B);
-    dunite->SetExp(200000000, false);          // 30 * 2e8 wraps to 1705032704
+    dunite->SetExp(200000000, false);  // 30 * 2e8 wraps to 1705032704
     EXPECT_EQ(dunite->m_iExpLines, 2097211);
     EXPECT_TRUE(dunite->m_bLongExp);
 }
@@ -533,13 +543,15 @@ TEST_F(Agate, RegionAndQuirkMirroredStart)
 {
     auto cam = Open<CCameraSAgateCol>(0xC01A);
     ASSERT_TRUE(cam->SetResolution(320, 240, 1, IMAGE_8BIT));
-    EXPECT_EQ(Sent(), "0002:007c 0001:00a1 cmd171 0002:007c 0001:00a1 0003:00f0 0004:0140 0005:0154 000c:0001 "
-                      "000b:04af");            // (24 * 33000 - 4) / 660
+    EXPECT_EQ(Sent(),
+              "0002:007c 0001:00a1 cmd171 0002:007c 0001:00a1 0003:00f0 0004:0140 0005:0154 000c:0001 "
+              "000b:04af");                                              // (24 * 33000 - 4) / 660
     EXPECT_EQ(SENDS(cam->SetStartPos(100, 50)), "0002:0036 0001:00dd");  // 640 + 1 - 100 - 320
-    cam->m_bLongExp = true;                    // the sensor clock may stand
+    cam->m_bLongExp = true;                                              // the sensor clock may stand
     ASSERT_TRUE(cam->SetResolution(640, 480, 1, IMAGE_8BIT));
-    EXPECT_EQ(Sent(), "cmd171 0002:0004 0001:0001 0003:01e0 0004:0280 0005:005e 000c:0001 "
-                      "cmd175 000c:0001 0007:0188 0002:0004 0001:0001 0003:01e0 0004:0280 0005:005e 000c:0001");
+    EXPECT_EQ(Sent(),
+              "cmd171 0002:0004 0001:0001 0003:01e0 0004:0280 0005:005e 000c:0001 "
+              "cmd175 000c:0001 0007:0188 0002:0004 0001:0001 0003:01e0 0004:0280 0005:005e 000c:0001");
     EXPECT_TRUE(cam->m_bLongExp);
     EXPECT_EQ(SENDS(cam->SetStartPos(100, 50)), "");
 }
@@ -673,17 +685,19 @@ TEST_F(Iolite, BringUpDropsSixteenBitsOnOldFirmware)
     m_dev->Clear();
     ASSERT_TRUE(cam->InitCamera());
     EXPECT_FALSE(cam->m_bOutput16Bits);
-    EXPECT_EQ(Sent(), "in173 0029:0000 003f:0003 0040:0006 004a:0060 004e:000c 0062:1498 "
-                      "0035:0058 0062:1498 "      // entry 30; the gain starts the black level anew
-                      "0009:040f cmd164");        // (48 * 33000 + 180) / 1524
+    EXPECT_EQ(Sent(),
+              "in173 0029:0000 003f:0003 0040:0006 004a:0060 004e:000c 0062:1498 "
+              "0035:0058 0062:1498 "  // entry 30; the gain starts the black level anew
+              "0009:040f cmd164");    // (48 * 33000 + 180) / 1524
 }
 
 TEST_F(Iolite, SixteenBitsAndQuirkClockStaysSlow)
 {
     auto cam = Open<CCameraSIoliteMono>(0xC09A);
-    EXPECT_EQ(SENDS(cam->SetResolution(640, 512, 1, IMAGE_16BIT)), "0001:010c 0002:0154 cmd163 0009:0380 cmd172 "
-                      "0001:010c 0002:0154 0003:01ff 0004:027f 000b:0001 0009:0380");  // (24 * 33000 + 180) / 884
-    EXPECT_EQ(SENDS(cam->SetGain(100, false)), "0035:025d 0062:1498");     // 50 entries in this mode
+    EXPECT_EQ(SENDS(cam->SetResolution(640, 512, 1, IMAGE_16BIT)),
+              "0001:010c 0002:0154 cmd163 0009:0380 cmd172 "
+              "0001:010c 0002:0154 0003:01ff 0004:027f 000b:0001 0009:0380");  // (24 * 33000 + 180) / 884
+    EXPECT_EQ(SENDS(cam->SetGain(100, false)), "0035:025d 0062:1498");         // 50 entries in this mode
     ASSERT_TRUE(cam->SetResolution(640, 512, 2, IMAGE_8BIT));
     EXPECT_EQ(Sent(), "cmd171 cmd163 0001:000c 0002:0014 0003:03ff 0004:04ff 000b:0001 0009:0207");
     EXPECT_EQ(cam->GetRealImageSize(), 1310720);
@@ -699,11 +713,11 @@ TEST_F(Iolite, BandwidthIsAClock)
     auto cam = Open<CCameraSIoliteMono>(0xC09A);
     int percent;
     bool bAuto = true;
-    EXPECT_EQ(SENDS(cam->SetFPSPerc(1, true)), "cmd163 0009:0207");        // (24 * 33000 + 180) / 1524
+    EXPECT_EQ(SENDS(cam->SetFPSPerc(1, true)), "cmd163 0009:0207");  // (24 * 33000 + 180) / 1524
     EXPECT_FALSE(cam->SetFPSPerc(50, false));
     EXPECT_EQ(Sent(), "");
     EXPECT_TRUE(cam->GetFPSPerc(&percent, &bAuto));
-    EXPECT_EQ(percent, 50);                       // QUIRK: stored although refused
+    EXPECT_EQ(percent, 50);  // QUIRK: stored although refused
     EXPECT_FALSE(bAuto);
 }
 
@@ -711,21 +725,22 @@ TEST_F(Iolite, GainAndLongExposure)
 {
     auto cam = Open<CCameraSIoliteMono>(0xC09A);
     cam->m_bAutoBL = false;
-    const std::pair<int, const char*> rows[] = { { 0, "0035:000a" }, { 37, "0035:0020" }, { 38, "0035:0051" },
-                                                 { 99, "0035:0267" }, { 101, "0035:0267" } };
+    const std::pair<int, const char*> rows[] = {
+        { 0, "0035:000a" }, { 37, "0035:0020" }, { 38, "0035:0051" }, { 99, "0035:0267" }, { 101, "0035:0267" }
+    };
     for (const auto& row : rows)
         EXPECT_EQ(SENDS(cam->SetGain(row.first, false)), row.second) << row.first;
     m_dev->OnFail = [](const RecordedRequest& r) { return r.wValue == 0x35; };
     EXPECT_FALSE(cam->SetGain(60, false));
-    EXPECT_EQ(cam->m_iGain, 1);                   // QUIRK
+    EXPECT_EQ(cam->m_iGain, 1);  // QUIRK
     m_dev->OnFail = nullptr;
     Sent();
 
-    EXPECT_EQ(SENDS(cam->SetExp(520000, false)), "0009:3ffa");               // 24960180 / 1524 = 16378
-    cam->SetExp(521000, false);                   // 16409 lines: beyond the register
+    EXPECT_EQ(SENDS(cam->SetExp(520000, false)), "0009:3ffa");  // 24960180 / 1524 = 16378
+    cam->SetExp(521000, false);                                 // 16409 lines: beyond the register
     EXPECT_EQ(Sent(), "cmd163");
     EXPECT_TRUE(cam->m_bLongExp);
-    EXPECT_EQ(cam->m_iCMOSClk, 48);               // QUIRK
+    EXPECT_EQ(cam->m_iCMOSClk, 48);  // QUIRK
     ASSERT_TRUE(cam->SetResolution(1280, 1024, 1, IMAGE_8BIT));
     EXPECT_EQ(Sent(), "cmd171 cmd164 cmd175 000b:0001 001e:8000 0001:000c 0002:0014 0003:03ff 0004:04ff 000b:0001");
 }
@@ -743,7 +758,7 @@ TEST_F(Iolite, BlackLevel)
     EXPECT_FALSE(bAuto);
     EXPECT_EQ(a, 7);
     EXPECT_EQ(b, 0);
-    EXPECT_EQ(d, char(-128));                     // the saved one
+    EXPECT_EQ(d, char(-128));  // the saved one
     m_dev->OnFail = nullptr;
     Sent();
     EXPECT_EQ(SENDS(cam->SetBLOffset(true, 1, 1, 1, 1)), "0062:1498");

@@ -1,5 +1,6 @@
 // The cameras with an FPGA: what their classes send. The expected numbers are worked out by hand from the sensors' laws;
 // the working stands beside them. "line" is m_iHMAX * 1000 / m_iCMOSClk in us, n the exposure in whole lines.
+#include "sensors/SensorBench.h"
 #include "sensors/beryl/Beryl.h"
 #include "sensors/ebony/Ebony.h"
 #include "sensors/jasper/Jasper.h"
@@ -7,7 +8,6 @@
 #include "sensors/lapis/Lapis.h"
 #include "sensors/marble/Marble.h"
 #include "sensors/quartz/Quartz.h"
-#include "sensors/SensorBench.h"
 
 namespace {
 
@@ -101,7 +101,8 @@ protected:
         EXPECT_TRUE(cam.InitCamera());
         auto all = Requests();
         // Before them: host speed, hot-pixel table, firmware version and, last, the three reads of the FPGA's version.
-        const auto first = std::find_if(all.rbegin(), all.rend(), [](const RecordedRequest& r) { return r.bRequest == 188; }).base();
+        const auto first =
+            std::find_if(all.rbegin(), all.rend(), [](const RecordedRequest& r) { return r.bRequest == 188; }).base();
         EXPECT_GT(size_t(all.end() - first), nTable);
         const auto table = first + std::ptrdiff_t(std::min(nTable, size_t(all.end() - first)));
         return { Words({ first, table }), Words({ table, all.end() }) };
@@ -112,10 +113,7 @@ protected:
     uint16_t m_wTemp = 0;
 };
 
-void ExpectHead(const std::string& sent, const std::string& head)
-{
-    EXPECT_EQ(sent.substr(0, head.size()), head);
-}
+void ExpectHead(const std::string& sent, const std::string& head) { EXPECT_EQ(sent.substr(0, head.size()), head); }
 // The table's first rows, and how many rows of it go out.
 void ExpectTable(const std::string& sent, const std::string& first, size_t nRows)
 {
@@ -137,7 +135,7 @@ TEST_F(Quartz, BringUp)
                         "F0=48 F10=1 F1=1 F12=128 F13=128 F14=128 F15=128 F1=0",
                         "F1=1 F12=133 F15=243 F1=0",  // 52 and 95 percent of 256
                         "300b=00 300a=01",
-                        "3009=11",                    // 18562 kHz; gain 200 keeps the high-gain bit
+                        "3009=11",                                // 18562 kHz; gain 200 keeps the high-gain bit
                         "3001=01 ?3009 3009=11 3014=2e 3001=00",  // (200 - 60) / 3 = 46
                         // line 203000 / 18562 = 10.936: 1113 lines last 12172 us; n = 914; 1114 - 914 - 1 = 199
                         "3001=01", Frame(1114), Bytes(0x3020, 199, 3), "3001=00"));
@@ -198,9 +196,7 @@ TEST_F(Quartz, Exposure)
 {
     m_bUsb3 = false;
     auto cam = Open<CCameraSQuartzCol>(0xC11A);
-    const auto regs = [](unsigned vmax, unsigned shs) {
-        return All("3001=01", Frame(vmax), Bytes(0x3020, shs, 3), "3001=00");
-    };
+    const auto regs = [](unsigned vmax, unsigned shs) { return All("3001=01", Frame(vmax), Bytes(0x3020, shs, 3), "3001=00"); };
     // line 55.005; the frame of 1113 lines lasts 61220 us
     EXPECT_EQ(Exp(*cam, 31), regs(1114, 1112)) << "n = 0 gives 1113, one above the top";
     EXPECT_EQ(cam->m_lExposure, 32u);
@@ -242,9 +238,8 @@ TEST_F(Quartz, Region)
     const std::string exposure = All("3001=01", Frame(915), Bytes(0x3020, 0, 3), "3001=00");
     EXPECT_EQ(Region(*cam, 1000, 600, 1),
               All("3001=01", Bytes(0x3040, 468, 2), Bytes(0x303C, 248, 2), "3001=00",
-                  "3046=f1 3005=01 F10=1 3129=00 317c=00 31ec=0e",
-                  "F1=1 3006=00 F2=0 F6=9", Bytes(0x3042, 1000, 2), Bytes(0x303E, 600, 2), Size(1000, 600), "F1=0",
-                  "3009=11", Line(203), exposure, exposure));
+                  "3046=f1 3005=01 F10=1 3129=00 317c=00 31ec=0e", "F1=1 3006=00 F2=0 F6=9", Bytes(0x3042, 1000, 2),
+                  Bytes(0x303E, 600, 2), Size(1000, 600), "F1=0", "3009=11", Line(203), exposure, exposure));
     EXPECT_EQ(SENDS(cam->SetStartPos(103, 51)), All("3001=01", Bytes(0x3040, 100, 2), Bytes(0x303C, 50, 2), "3001=00"));
     ASSERT_TRUE(cam->SetStartPos(-5, -5));
     EXPECT_EQ(cam->m_iStartX, 0);
@@ -255,9 +250,11 @@ TEST_F(Quartz, Region)
     Region(*cam, 1000, 600, 1);
     EXPECT_EQ(cam->m_iStartX, 468) << "QUIRK: the same region again recentres";
 
-    struct { int w, h, bin, type; } const refused[] = {
+    struct {
+        int w, h, bin, type;
+    } const refused[] = {
         { 1002, 600, 1, 0 }, { 1000, 601, 1, 0 }, { 1940, 600, 1, 0 }, { 1000, 1098, 1, 0 }, { 972, 600, 2, 0 },
-        { 1000, 600, 1, 5 }, { 0, 600, 1, 0 }, { 1000, 600, 0, 0 }, { 1 << 30, 4, 4, 0 },
+        { 1000, 600, 1, 5 }, { 0, 600, 1, 0 },    { 1000, 600, 0, 0 }, { 1 << 30, 4, 4, 0 },
     };
     for (const auto& r : refused)
         EXPECT_FALSE(cam->SetResolution(r.w, r.h, r.bin, IMAGE_TYPE(r.type))) << r.w << " x " << r.h << " bin " << r.bin;
@@ -282,8 +279,9 @@ TEST_F(Quartz, OutputModes)
     EXPECT_EQ(SENDS(cam->SetHardwareBin(true)), "") << "nothing to do at bin 1";
     const std::string binned = Region(*cam, 968, 548, 2);
     EXPECT_NE(binned.find("3046=f1 3005=00 F10=1 "), std::string::npos);
-    EXPECT_NE(binned.find(All("F1=1 3006=22 F2=0 F6=9", Bytes(0x3042, 1936, 2), Bytes(0x303E, 1096, 2),
-                              Size(968, 548), "F1=0 3009=10", Line(145))), std::string::npos);
+    EXPECT_NE(binned.find(All("F1=1 3006=22 F2=0 F6=9", Bytes(0x3042, 1936, 2), Bytes(0x303E, 1096, 2), Size(968, 548),
+                              "F1=0 3009=10", Line(145))),
+              std::string::npos);
     EXPECT_EQ(cam->m_iCMOSClk, 9281);
     EXPECT_EQ(SENDS(cam->SetHighSpeedMode(false)), "") << "only kept in hardware bin 2";
     EXPECT_FALSE(cam->m_bHighSpeed);
@@ -382,13 +380,14 @@ TEST_F(Onyx, BinsAndHighSpeed)
     auto cam = Open<CCameraSOnyxCol>(0xC0FA);
     // line 145000 / 9281 = 15.623: 505 lines last 7889 us, so n + 1 = 641 lines
     const std::string exposure = All("3001=01", Frame(641), Bytes(0x3020, 0, 3), "3001=00");
-    EXPECT_EQ(Region(*cam, 652, 488, 2),
-              All("3001=01", Bytes(0x303C, 0, 2), Bytes(0x3038, 0, 2), "3001=00 3044=e1 3005=00 F10=1",
-                  "F1=1 3006=22 F2=2 F6=5", Bytes(0x303E, 1304, 2), Bytes(0x303A, 976, 2), Size(652, 488), "F1=0",
-                  "3009=10", Line(145), exposure, exposure));
+    EXPECT_EQ(Region(*cam, 652, 488, 2), All("3001=01", Bytes(0x303C, 0, 2), Bytes(0x3038, 0, 2), "3001=00 3044=e1 3005=00 F10=1",
+                                             "F1=1 3006=22 F2=2 F6=5", Bytes(0x303E, 1304, 2), Bytes(0x303A, 976, 2),
+                                             Size(652, 488), "F1=0", "3009=10", Line(145), exposure, exposure));
     // QUIRK: with the wish for hardware binning the FPGA is told the binned size at bin 3 too, where no binning runs.
-    EXPECT_NE(Region(*cam, 432, 324, 3).find(All("F1=1 3006=00 F2=4 F6=9", Bytes(0x303E, 1296, 2),
-                                                 Bytes(0x303A, 972, 2), Size(432, 324), "F1=0 3009=11")), std::string::npos);
+    EXPECT_NE(
+        Region(*cam, 432, 324, 3)
+            .find(All("F1=1 3006=00 F2=4 F6=9", Bytes(0x303E, 1296, 2), Bytes(0x303A, 972, 2), Size(432, 324), "F1=0 3009=11")),
+        std::string::npos);
     // Without it everything goes out. The start survives the switch.
     ASSERT_TRUE(cam->SetStartPos(4, 2));
     EXPECT_NE(SENDS(cam->SetHardwareBin(false)).find(Size(1296, 972)), std::string::npos);
@@ -418,12 +417,10 @@ TEST_F(Nephrite, BringUp)
 TEST_F(Nephrite, ExposureGainAndModes)
 {
     auto cam = Open<CCameraSNephriteCol>(0xC0EA);
-    const auto regs = [](unsigned vmax, unsigned shs) {
-        return All("3001=01", Frame(vmax), Bytes(0x3020, shs, 3), "3001=00");
-    };
-    EXPECT_EQ(Exp(*cam, 32), regs(1245, 1242));     // n = 2
-    EXPECT_EQ(Exp(*cam, 18499), regs(1245, 1));     // 1244 lines last 18499 us; n = 1243
-    EXPECT_EQ(Exp(*cam, 18500), regs(1245, 0));     // n + 1
+    const auto regs = [](unsigned vmax, unsigned shs) { return All("3001=01", Frame(vmax), Bytes(0x3020, shs, 3), "3001=00"); };
+    EXPECT_EQ(Exp(*cam, 32), regs(1245, 1242));  // n = 2
+    EXPECT_EQ(Exp(*cam, 18499), regs(1245, 1));  // 1244 lines last 18499 us; n = 1243
+    EXPECT_EQ(Exp(*cam, 18500), regs(1245, 0));  // n + 1
     EXPECT_EQ(Exp(*cam, 1000000), All("0000=e1", regs(67247, 0)));
     EXPECT_EQ(Exp(*cam, 10000), All("0000=21 3009=01", regs(1245, 572)));
     EXPECT_EQ(Gain(*cam, 481), "3014=a0");
@@ -466,10 +463,10 @@ TEST_F(Jasper, ExposureAndItsClock)
     };
     // 86.4 frames: halves 690 * ratio 2 / 2 = 1380, so the shortest line, 2200: 14.815 us; t0 = 3.85
     ASSERT_EQ(cam->m_iHMAX, 2200);
-    EXPECT_EQ(Exp(*cam, 32), regs(1245, 1244));     // n = 1
-    EXPECT_EQ(Exp(*cam, 10000), regs(1245, 571));   // n = 674
-    EXPECT_EQ(Exp(*cam, 18433), regs(1245, 2));     // 1244 lines + t0 = 18433; n = 1243
-    EXPECT_EQ(Exp(*cam, 18434), regs(1245, 0));     // n = 1244, stretched
+    EXPECT_EQ(Exp(*cam, 32), regs(1245, 1244));    // n = 1
+    EXPECT_EQ(Exp(*cam, 10000), regs(1245, 571));  // n = 674
+    EXPECT_EQ(Exp(*cam, 18433), regs(1245, 2));    // 1244 lines + t0 = 18433; n = 1243
+    EXPECT_EQ(Exp(*cam, 18434), regs(1245, 0));    // n = 1244, stretched
     EXPECT_EQ(Exp(*cam, 499999), regs(33750, 0));
     // From half a second on the slow clock, and a line of 4400 to it: 29.63 us.
     EXPECT_EQ(Exp(*cam, 500000), All("3009=02 3001=01 301b=30 301c=11 3001=00", regs(16875, 0)));
@@ -487,17 +484,19 @@ TEST_F(Jasper, ModesRegionsAndClocks)
     EXPECT_EQ(SENDS(cam->SetOutput16Bits(false)), "3044=61 3005=01 F1=1 F10=0");
     cam->SetHighSpeedMode(true);
     // 148500 kHz, ratio 1; line 1380 -> 9.293 us; t0 = 2.64; n = 1075. The bandwidth leaves the exposure to its caller.
-    EXPECT_EQ(Sent(), All("3044=60 3005=00 F1=0 F10=0 3009=00 3001=01 301b=64 301c=05 3001=00",
-                          "3001=01", Bytes(0x3018, 1245, 3), Bytes(0x3020, 170, 3), "3001=00 300b=00 300a=01"));
+    EXPECT_EQ(Sent(), All("3044=60 3005=00 F1=0 F10=0 3009=00 3001=01 301b=64 301c=05 3001=00", "3001=01", Bytes(0x3018, 1245, 3),
+                          Bytes(0x3020, 170, 3), "3001=00 300b=00 300a=01"));
     cam->SetHighSpeedMode(false);
     // No hold around the region.
     EXPECT_NE(Region(*cam, 1000, 600, 1)
                   .find(All("3001=01", Bytes(0x303C, 472, 2), Bytes(0x3038, 312, 2), "3001=00 3044=61 3005=01 F1=1 F10=0",
-                            "3006=00 F2=4 F6=13", Bytes(0x303E, 1000, 2), Bytes(0x303A, 600, 2), Size(1000, 600),
-                            "3009=01")), std::string::npos);
+                            "3006=00 F2=4 F6=13", Bytes(0x303E, 1000, 2), Bytes(0x303A, 600, 2), Size(1000, 600), "3009=01")),
+              std::string::npos);
     cam->SetHardwareBin(true);
-    EXPECT_NE(Region(*cam, 972, 612, 2).find(All("3005=00 F1=1 F10=0 3006=22 F2=4 F6=7", Bytes(0x303E, 1948, 2),
-                                                 Bytes(0x303A, 1224, 2), Size(972, 612), "3009=00")), std::string::npos);
+    EXPECT_NE(Region(*cam, 972, 612, 2)
+                  .find(All("3005=00 F1=1 F10=0 3006=22 F2=4 F6=7", Bytes(0x303E, 1948, 2), Bytes(0x303A, 1224, 2),
+                            Size(972, 612), "3009=00")),
+              std::string::npos);
     EXPECT_EQ(cam->m_iCMOSClk, 37125);
     EXPECT_EQ(cam->m_iHMAX, 2200) << "hardware bin 2 has its own shortest line";
     m_dev->Clear();
@@ -541,7 +540,7 @@ TEST_F(Marble, Exposure)
     EXPECT_EQ(Exp(*cam, 32961), MarbleExp(2125, 2));   // n = 2123
     EXPECT_EQ(cam->m_iFrameTime, 32961);
     EXPECT_EQ(cam->m_iExpLines, 2122);
-    EXPECT_EQ(Exp(*cam, 32962), MarbleExp(2125, 0));   // n = 2124, stretched
+    EXPECT_EQ(Exp(*cam, 32962), MarbleExp(2125, 0));  // n = 2124, stretched
     EXPECT_EQ(Exp(*cam, 1000000), All("0000=e1", MarbleExp(64440, 0)));
     EXPECT_EQ(Exp(*cam, 1200000000), MarbleExp(0xFFFFF, 0));
     EXPECT_EQ(cam->m_lExposure, 1024000000u);
@@ -571,16 +570,17 @@ TEST_F(Marble, BinsAndModes)
     // 6750 kHz, 143.5 frames: the shortest line, 73: 10.815 us; n = 924; 2125 - 924 = 1201
     EXPECT_EQ(Region(*cam, 1548, 1040, 2),
               All("3007=01", Bytes(0x319C, 0, 2), Bytes(0x31A0, 0, 2), "3007=00 300d=09 3059=02 F10=1",
-                  "F1=1 300e=23 3010=01 F2=0 F6=11", Bytes(0x31A2, 2080, 2), Bytes(0x319E, 3096, 2),
-                  Size(1548, 1040), "F1=0 3101=32", Line(73), MarbleExp(2125, 1201), MarbleExp(2125, 1201)));
+                  "F1=1 300e=23 3010=01 F2=0 F6=11", Bytes(0x31A2, 2080, 2), Bytes(0x319E, 3096, 2), Size(1548, 1040),
+                  "F1=0 3101=32", Line(73), MarbleExp(2125, 1201), MarbleExp(2125, 1201)));
     EXPECT_EQ(cam->GetRealImageSize(), 1548 * 1040);
     // Bin 4: twice the output leaves the sensor.
     EXPECT_NE(Region(*cam, 772, 520, 4, IMAGE_16BIT).find(Size(1544, 1040)), std::string::npos);
     EXPECT_EQ(cam->GetRealImageSize(), 1544 * 1040 * 2);
     EXPECT_TRUE(cam->IsHardBinRun());
     // Bin 3 is none of the sensor's.
-    EXPECT_NE(Region(*cam, 1032, 692, 3).find(All("300d=02 3059=02 F10=1 F1=1 300e=00 3010=00 F2=0 F6=15",
-                                                  Bytes(0x31A2, 2076, 2), Bytes(0x319E, 3096, 2), Size(3096, 2076))),
+    EXPECT_NE(Region(*cam, 1032, 692, 3)
+                  .find(All("300d=02 3059=02 F10=1 F1=1 300e=00 3010=00 F2=0 F6=15", Bytes(0x31A2, 2076, 2),
+                            Bytes(0x319E, 3096, 2), Size(3096, 2076))),
               std::string::npos);
     EXPECT_FALSE(cam->IsHardBinRun());
     EXPECT_EQ(SENDS(cam->SetHardwareBin(false)), "") << "bin 3 does not care";
@@ -589,8 +589,8 @@ TEST_F(Marble, BinsAndModes)
     m_dev->Clear();
     cam->SetHighSpeedMode(true);
     // 356, above the shortest line 210: 13.185 us; n = 758; 2109 - 758 = 1351
-    EXPECT_EQ(Sent(), All("300d=00 F10=0 3059=00 3101=30", Line(356), MarbleExp(2109, 1351), MarbleExp(2109, 1351),
-                          "3016=00 3015=0a"));
+    EXPECT_EQ(Sent(),
+              All("300d=00 F10=0 3059=00 3101=30", Line(356), MarbleExp(2109, 1351), MarbleExp(2109, 1351), "3016=00 3015=0a"));
     Region(*cam, 3096, 2080, 1, IMAGE_16BIT);
     EXPECT_EQ(SENDS(cam->SetHighSpeedMode(false)), "") << "only kept in 16 bits";
     EXPECT_EQ(StartAndStop(*cam), "3000=06 3000=00 F0=33 F0=49 3000=01");
@@ -600,7 +600,8 @@ TEST_F(Marble, BinsAndModes)
 
 using Lapis = Usb3;
 
-const char* const LAPIS_NORMAL = "021c=11 0214=01 02bc=10 02bf=20 02c0=02 02c6=03 02d2=0f 0412=20 0413=20 041a=08 0568=11 0575=0f";
+const char* const LAPIS_NORMAL =
+    "021c=11 0214=01 02bc=10 02bf=20 02c0=02 02c6=03 02d2=0f 0412=20 0413=20 041a=08 0568=11 0575=0f";
 const char* const LAPIS_FAST = "021c=10 0214=00 02bc=30 02bf=40 02c0=01 02c6=01 02d2=05 0412=40 0413=40 041a=0f 0568=22 0575=0b";
 
 std::string LapisExp(unsigned lines, unsigned svr, const std::string& pulse = "022a=00")
@@ -624,8 +625,7 @@ TEST_F(Lapis, BringUpFromFirmware18)
     ExpectTable(table, "0200=01 0228=30 0292=20", 30);
     EXPECT_EQ(rest, All("021c=00 0214=00 0300=03 0213=00 F0=0 0212=01 022e=00",
                         "F1=1 F0=48 F10=1 F12=128 F13=128 F14=128 F15=128 F1=0 cmd174",
-                        "F1=1 F12=153 F15=253 F1=0 0459=00 0458=01", LAPIS_NORMAL, "F10=1",
-                        "0221=00 0292=20 0294=20",
+                        "F1=1 F12=153 F15=253 F1=0 0459=00 0458=01", LAPIS_NORMAL, "F10=1", "0221=00 0292=20 0294=20",
                         // 80 * 390000 * 10 / 1216 / 1936 = 132.5 frames would need 223; shortest 230: 6.195 us.
                         // 1254 lines and 13.73 last 7782 us: n + 10 = 1621
                         Line(230), LapisExp(1621, 10), "020c=01 0404=c8 0405=00 020c=00", LapisExp(1621, 10)));
@@ -641,16 +641,16 @@ TEST_F(Lapis, BringUpOfOldFirmware)
                         "F1=1 F10=1 F12=128 F13=128 F14=128 F15=128 cmd174",  // FPGA 1 is no hold here
                         "0459=00 0458=01", LAPIS_NORMAL, "F1=1 F10=0", "0221=00 0292=20 0294=20",
                         // 74250 kHz: 446, shortest 462: 6.222 us; 7816 us a frame: n + 10 = 1614
-                        "020c=01 021a=ce 021b=01 020c=00", OldLapisExp(1614, 10),
-                        "020c=01 0404=c8 0405=00 020c=00", OldLapisExp(1614, 10)));
+                        "020c=01 021a=ce 021b=01 020c=00", OldLapisExp(1614, 10), "020c=01 0404=c8 0405=00 020c=00",
+                        OldLapisExp(1614, 10)));
 }
 
 TEST_F(Lapis, ExposureFromFirmware18)
 {
     auto cam = Open<CCameraSLapisCol>(0xC0CA);
-    EXPECT_EQ(Exp(*cam, 32), LapisExp(1254, 1252));    // n = 18.27 / 6.195 = 2
+    EXPECT_EQ(Exp(*cam, 32), LapisExp(1254, 1252));  // n = 18.27 / 6.195 = 2
     EXPECT_EQ(cam->m_iExpLines, 2);
-    EXPECT_EQ(Exp(*cam, 7782), LapisExp(1254, 10));    // n = 1253 leaves 1; at least 10
+    EXPECT_EQ(Exp(*cam, 7782), LapisExp(1254, 10));  // n = 1253 leaves 1; at least 10
     EXPECT_EQ(Exp(*cam, 7783), LapisExp(1264, 10));
     EXPECT_EQ(Exp(*cam, 107782), LapisExp(17405, 10)) << "100000 us beyond the frame is not more than 100000";
     EXPECT_EQ(Exp(*cam, 200000), LapisExp(32290, 10, Pulse(1254, 32272)));
@@ -676,11 +676,14 @@ TEST_F(Lapis, ExposureOfOldFirmware)
     auto cam = Open<CCameraSLapisCol>(0xC0CA);
     EXPECT_EQ(Exp(*cam, 399999), OldLapisExp(64293, 10, Pulse(1254, 64275)));
     // 13920 kHz from 0.4 s on; the line doubles with the exposure. 2048: 147.126 us; n = 2718.
-    EXPECT_EQ(Exp(*cam, 400000), All("0292=05 0294=05 020c=01 021a=00 021b=08 020c=00",
-                                     OldLapisExp(2728, 10, Pulse(1254, 2710))));
-    struct { uint64_t us; int line; } const steps[] = {
-        { 8999999, 2048 }, { 9000000, 4096 }, { 17999999, 4096 }, { 18000000, 8192 }, { 36000000, 16384 },
-        { 72000000, 32768 }, { 143999999, 32768 }, { 144000000, 65535 },
+    EXPECT_EQ(Exp(*cam, 400000),
+              All("0292=05 0294=05 020c=01 021a=00 021b=08 020c=00", OldLapisExp(2728, 10, Pulse(1254, 2710))));
+    struct {
+        uint64_t us;
+        int line;
+    } const steps[] = {
+        { 8999999, 2048 },   { 9000000, 4096 },   { 17999999, 4096 },   { 18000000, 8192 },
+        { 36000000, 16384 }, { 72000000, 32768 }, { 143999999, 32768 }, { 144000000, 65535 },
     };
     for (const auto& s : steps) {
         Exp(*cam, s.us);
@@ -709,10 +712,10 @@ TEST_F(Lapis, ModesAndRegion)
 {
     auto cam = Open<CCameraSLapisCol>(0xC0CA);
     // Written bottom up: the sensor's frame and window, then the FPGA's. No clock.
-    ExpectHead(Region(*cam, 1000, 600, 1, IMAGE_16BIT),
-               All("020c=01", Bytes(0x0301, 468, 2), Bytes(0x0303, 308, 2), "020c=00", LAPIS_NORMAL, "F10=17",
-                   Bytes(0x0217, 638, 2), Bytes(0x0307, 600, 2), Bytes(0x0305, 1000, 2), "F1=1 F2=0 F3=0 F6=11 F7=0",
-                   Size(1000, 600), "F1=0", Line(230)));
+    ExpectHead(
+        Region(*cam, 1000, 600, 1, IMAGE_16BIT),
+        All("020c=01", Bytes(0x0301, 468, 2), Bytes(0x0303, 308, 2), "020c=00", LAPIS_NORMAL, "F10=17", Bytes(0x0217, 638, 2),
+            Bytes(0x0307, 600, 2), Bytes(0x0305, 1000, 2), "F1=1 F2=0 F3=0 F6=11 F7=0", Size(1000, 600), "F1=0", Line(230)));
     // The FPGA is told the size before binning.
     EXPECT_NE(Region(*cam, 968, 608, 2).find(Size(1936, 1216)), std::string::npos);
     Region(*cam, 1936, 1216, 1);
@@ -775,7 +778,8 @@ TEST_F(Kyanite, BringUpEndsAsleep)
     const std::string tail = All("F10=1 F2=60 F6=13 F1=0 0052:01d5 0054:0100", KyaniteExp(3720, 3175), KYANITE_SLEEP);
     ASSERT_GT(rest.size(), tail.size());
     EXPECT_EQ(rest.substr(rest.size() - tail.size()), tail);
-    EXPECT_EQ(size_t(std::count(rest.begin(), rest.end(), ' ')) + 1, 9u + 75 + size_t(std::count(tail.begin(), tail.end(), ' ')) + 1);
+    EXPECT_EQ(size_t(std::count(rest.begin(), rest.end(), ' ')) + 1,
+              9u + 75 + size_t(std::count(tail.begin(), tail.end(), ' ')) + 1);
 }
 
 TEST_F(Kyanite, Exposure)
@@ -783,8 +787,8 @@ TEST_F(Kyanite, Exposure)
     auto cam = Open<CCameraSKyaniteCol>(0xC0B0);
     ASSERT_EQ(cam->m_iHMAX, 680);  // 23.85 frames would need 418
     EXPECT_EQ(Exp(*cam, 32), KyaniteExp(3720, 3719));
-    EXPECT_EQ(Exp(*cam, 68119), KyaniteExp(3720, 2));    // 3719 lines last 68119 us; n = 3718
-    EXPECT_EQ(Exp(*cam, 68120), KyaniteExp(3720, 1));    // n + 1
+    EXPECT_EQ(Exp(*cam, 68119), KyaniteExp(3720, 2));  // 3719 lines last 68119 us; n = 3718
+    EXPECT_EQ(Exp(*cam, 68120), KyaniteExp(3720, 1));  // n + 1
     EXPECT_EQ(cam->m_iExpLines, 3717);
     EXPECT_EQ(Exp(*cam, 1000000), All("F0=161", KyaniteExp(54596, 1)));
     EXPECT_EQ(Exp(*cam, 1100000), KyaniteExp(60056, 1));
@@ -821,16 +825,17 @@ TEST_F(Kyanite, RegionWakesAndSleeps)
     // 651 frames would need 70. 799 lines last 14634 us; n = 545: 800 - 545 = 255
     const std::string exposure = KyaniteExp(800, 255);
     EXPECT_EQ(Region(*cam, 1000, 600, 1),
-              All(KYANITE_WAKE, "F1=1", Fpga(2, 1888, 2), "F1=0", Reg16(0x1DC, 1492), Reg16(0x1DD, 1460 + 600 + 36),
-                  "F1=1", Reg16(0x1DC, 1492), Reg16(0x1DD, 600 + 1460 + 36), Reg16(0x118, 647), Reg16(0x11E, 647),
-                  Reg16(0x11C, 648), Reg16(0x109, 799), Size(1000, 600), "F1=0", Line(680), exposure, exposure, KYANITE_SLEEP));
+              All(KYANITE_WAKE, "F1=1", Fpga(2, 1888, 2), "F1=0", Reg16(0x1DC, 1492), Reg16(0x1DD, 1460 + 600 + 36), "F1=1",
+                  Reg16(0x1DC, 1492), Reg16(0x1DD, 600 + 1460 + 36), Reg16(0x118, 647), Reg16(0x11E, 647), Reg16(0x11C, 648),
+                  Reg16(0x109, 799), Size(1000, 600), "F1=0", Line(680), exposure, exposure, KYANITE_SLEEP));
     // Bin 4 in hardware: 2000 x 1600 leave the sensor. The mode's 75 rows are loaded because the bin changes.
     const std::string bin4 = Region(*cam, 1000, 800, 4);
     EXPECT_EQ(cam->GetRealImageSize(), 3200000);
     EXPECT_NE(bin4.find("F2=60 F6=8 F10=0 F1=0"), std::string::npos);
     // Start 328, 160: column 328 / 2 + 60. QUIRK: Cam_SetResolution scales the start row by the bin, SetStartPos does not.
-    EXPECT_NE(bin4.find(All("F1=1", Fpga(2, 224, 2), "F1=0", Reg16(0x1DC, 192), Reg16(0x1DD, 160 + 3200 + 36),
-                            "F1=1", Reg16(0x1DC, 672), Reg16(0x1DD, (800 + 160) * 4 + 36))), std::string::npos);
+    EXPECT_NE(bin4.find(All("F1=1", Fpga(2, 224, 2), "F1=0", Reg16(0x1DC, 192), Reg16(0x1DD, 160 + 3200 + 36), "F1=1",
+                            Reg16(0x1DC, 672), Reg16(0x1DD, (800 + 160) * 4 + 36))),
+              std::string::npos);
     EXPECT_NE(bin4.find(Size(2000, 1600)), std::string::npos);
     EXPECT_NE(bin4.find(Line(397)), std::string::npos);
     const auto rows = [](const std::string& s) {  // of a mode table, as all of them start with this one
@@ -905,8 +910,8 @@ TEST_F(Ebony, BringUp)
     const auto [table, rest] = BringUp(*cam, 33);
     ExpectTable(table, "0201=22 020e=02 0223=07 023e=33", 33);
     // Gain 200: green 4095 - 409.5 = 0xE65; red + 0.83 dB = 0xEA9, shifted by 4; blue + 5.93 dB = 0xF30
-    const std::string gain = All("F12=4", Bytes(0x0230, 0xF30, 2), Bytes(0x022C, 0xEA90, 2), Bytes(0x0232, 0xE65, 2),
-                                 Bytes(0x022E, 0xE65, 2));
+    const std::string gain =
+        All("F12=4", Bytes(0x0230, 0xF30, 2), Bytes(0x022C, 0xEA90, 2), Bytes(0x0232, 0xE65, 2), Bytes(0x022E, 0xE65, 2));
     // line 585000 / 20250 = 28.889: n = 346; 3302 - 346 = 2956
     EXPECT_EQ(rest, All("F0=0 F0=49 F10=1", gain, "0220=00 021f=00", gain, EbonyExp(3302, 2956)));
     EXPECT_TRUE(cam->m_bTempThrRun);
@@ -926,19 +931,19 @@ TEST_F(Ebony, BringUp)
 TEST_F(Ebony, Exposure)
 {
     auto cam = Open<CCameraSEbonyCol>(0xC05A);
-    EXPECT_EQ(Exp(*cam, 32), EbonyExp(3302, 3301));       // n = 1
-    EXPECT_EQ(Exp(*cam, 95362), EbonyExp(3302, 2));       // n = 3300
+    EXPECT_EQ(Exp(*cam, 32), EbonyExp(3302, 3301));  // n = 1
+    EXPECT_EQ(Exp(*cam, 95362), EbonyExp(3302, 2));  // n = 3300
     EXPECT_EQ(cam->m_iExpLines, 3300);
-    EXPECT_EQ(Exp(*cam, 95363), EbonyExp(3301, 1));       // n, and no line more
+    EXPECT_EQ(Exp(*cam, 95363), EbonyExp(3301, 1));  // n, and no line more
     EXPECT_EQ(Exp(*cam, 1999999), EbonyExp(69230, 1));
     EXPECT_EQ(Exp(*cam, 2000000), All("0000=a1", EbonyExp(69230, 1)));
     EXPECT_EQ(Exp(*cam, 10000), All("0000=21", EbonyExp(3302, 2956)));
     auto flint = Open<CCameraSFlintCol>(0xC06A);
     EXPECT_EQ(Exp(*flint, 32), EbonyExp(4942, 4941)) << "n = 0 gives the frame length, so one less";
-    EXPECT_EQ(Exp(*flint, 209352), EbonyExp(4942, 1));    // line 42.37; n = 4941
+    EXPECT_EQ(Exp(*flint, 209352), EbonyExp(4942, 1));  // line 42.37; n = 4941
     EXPECT_EQ(Exp(*flint, 209353), EbonyExp(4941, 1));
     auto halite = Open<CCameraSHaliteCol>(0xC08A);
-    EXPECT_EQ(Exp(*halite, 141374), EbonyExp(4056, 2));   // line 34.864; n = 4054
+    EXPECT_EQ(Exp(*halite, 141374), EbonyExp(4056, 2));  // line 34.864; n = 4054
     EXPECT_EQ(Exp(*halite, 141375), EbonyExp(4055, 1));
 }
 
@@ -951,13 +956,13 @@ TEST_F(Ebony, GainAndBalance)
     };
     // 24 dB: 4095 - 4095 / 15.849 = 3836; the offsets of red 60 and blue 99 are 20 lg 1.2 and 20 lg 1.98
     EXPECT_EQ(Gain(*halite, 240), regs(4, 0xF7C, 0xF27, 0xEFC));
-    EXPECT_EQ(Gain(*halite, 241), regs(4, 0xF7C, 0xF27, 0xEFC));   // 4 * 1.0116
-    EXPECT_EQ(Gain(*halite, 600), regs(252, 0xF7C, 0xF27, 0xEFC)); // 4 * 63.1
+    EXPECT_EQ(Gain(*halite, 241), regs(4, 0xF7C, 0xF27, 0xEFC));    // 4 * 1.0116
+    EXPECT_EQ(Gain(*halite, 600), regs(252, 0xF7C, 0xF27, 0xEFC));  // 4 * 63.1
     EXPECT_EQ(Gain(*halite, 0), regs(4, 0x7EA, 0x2AA, 0));
     // Below 51 the balance counts from a half: 1 is 0.51, less than the word can say.
     EXPECT_EQ(SENDS(halite->SetRGBBalance(1, 50, false)), regs(4, 0, 0, 0));
     halite->SetGain(200, false);
-    EXPECT_EQ(SENDS(halite->SetRGBBalance(51, 25, false)), regs(4, 0xDDD, 0xE6D, 0xE65));               // 1.02 and 0.75
+    EXPECT_EQ(SENDS(halite->SetRGBBalance(51, 25, false)), regs(4, 0xDDD, 0xE6D, 0xE65));  // 1.02 and 0.75
 
     // Bin 3 in hardware leaves all 24 dB to Halite, 18 to Ebony and Flint.
     Region(*halite, 1200, 800, 3);
@@ -976,7 +981,8 @@ TEST_F(Ebony, RegionsAndBins)
     std::string sent = Region(*cam, 1200, 800, 1);
     ExpectHead(sent, All("F1=1", Fpga(2, 1880, 2), "F1=0", Bytes(0x0208, 1300, 2), "F10=1 F1=1 F6=1 0200=04 0200=04"));
     EXPECT_NE(sent.find(All(Bytes(0x020A, 804, 2), Size(1200, 800), "F1=0", Line(585), EbonyExp(818, 472), EbonyExp(818, 472),
-                            "F12=4")), std::string::npos);
+                            "F12=4")),
+              std::string::npos);
     // Bin 3 in hardware: 672, 442; column 672 / 3 + 4; row + 52. The exposure counts all 2400 lines: 310 clocks = 15.309 us;
     // n = 653; 2418 - 653 = 1765
     sent = Region(*cam, 1200, 800, 3);
@@ -991,7 +997,8 @@ TEST_F(Ebony, RegionsAndBins)
     EXPECT_TRUE(cam->m_bHighSpeed);
 
     auto flint = Open<CCameraSFlintCol>(0xC06A);
-    // 1890, rounded to 1888, and 1264; column 1888 / 3 + 2; row + 24. Frame and bandwidth count 1600 lines: 240 clocks; n = 843; 1614 - 843 = 771
+    // 1890, rounded to 1888, and 1264; column 1888 / 3 + 2; row + 24. Frame and bandwidth count 1600 lines: 240 clocks; n = 843;
+    // 1614 - 843 = 771
     sent = Region(*flint, 1200, 800, 3, IMAGE_16BIT);
     ExpectHead(sent, All("F1=1", Fpga(2, 631, 2), "F1=0", Bytes(0x0208, 1288, 2), "F10=16 F1=1 F6=0 0213=42"));
     EXPECT_NE(sent.find(All(Bytes(0x020A, 802, 2), Size(1200, 800), "F1=0", Line(240), EbonyExp(1614, 771))), std::string::npos);
@@ -1058,9 +1065,11 @@ TEST_F(Beryl, ExposureAndGain)
     EXPECT_EQ(cam->m_iFrameTime, 0);
     EXPECT_EQ(Gain(*cam, 101), "") << "QUIRK: above 100 nothing is sent";
     EXPECT_EQ(cam->m_iGain, 101);
-    struct { int gain, stage, digital; } const steps[] = {
-        { 0, 483, 128 }, { 15, 483, 368 }, { 16, 35, 128 }, { 31, 35, 368 }, { 32, 33, 128 }, { 47, 33, 368 },
-        { 48, 65, 128 }, { 63, 65, 368 }, { 64, 65, 128 }, { 100, 65, 704 },
+    struct {
+        int gain, stage, digital;
+    } const steps[] = {
+        { 0, 483, 128 }, { 15, 483, 368 }, { 16, 35, 128 }, { 31, 35, 368 }, { 32, 33, 128 },
+        { 47, 33, 368 }, { 48, 65, 128 },  { 63, 65, 368 }, { 64, 65, 128 }, { 100, 65, 704 },
     };
     for (const auto& s : steps)
         EXPECT_EQ(Gain(*cam, s.gain), All(Reg16(0xCC, unsigned(s.stage)), Reg16(0xCD, unsigned(s.digital)))) << s.gain;
@@ -1078,9 +1087,8 @@ TEST_F(Beryl, RegionAndModes)
 {
     auto cam = Open<CCameraSBerylCol>(0xC02A);
     // 320 x 240 at 160, 120: ((320 + 160 + 16) << 8 | 160) / 8 = 0x3E14
-    EXPECT_EQ(Region(*cam, 320, 240, 1),
-              All("0100:3e14 0101:0078 0102:0168 F10=1 F1=1 F2=0 F6=0 0102:0168 0100:3e14 0101:0078", Size(320, 240),
-                  "F1=0 00c9:02d0 00c9:02d0"));
+    EXPECT_EQ(Region(*cam, 320, 240, 1), All("0100:3e14 0101:0078 0102:0168 F10=1 F1=1 F2=0 F6=0 0102:0168 0100:3e14 0101:0078",
+                                             Size(320, 240), "F1=0 00c9:02d0 00c9:02d0"));
     EXPECT_EQ(cam->m_iHMAX, 1100) << "kept, and written nowhere";
     EXPECT_EQ(SENDS(cam->SetStartPos(15, 3)), "0100:2b01 0101:0002 0102:00f2");  // (344 << 8 | 8) / 8
     // Hardware bin 2 shifts the last row: 480 << 8 loses its top bit.
@@ -1108,8 +1116,9 @@ TEST_F(Python, FieldsKeepTheOtherBits)
     auto cam = Open<CCameraSBerylCol>(0xC02A);
     m_regs[32] = 0xFFFF;
     cam->EnableClockMngmnt1();
-    EXPECT_EQ(Sent(), "?0002: 0002:0000 ?0002: 0002:0000 ?0020: 0020:fff7 ?0020: 0020:fff3 ?0020: 0020:8ff3 ?0020: 0020:aff3 "
-                      "?0020: 0020:afc3 ?0014: 0014:0001 ?0010: 0010:0004 ?0010: 0010:0005 ?0010: 0010:0007");
+    EXPECT_EQ(Sent(),
+              "?0002: 0002:0000 ?0002: 0002:0000 ?0020: 0020:fff7 ?0020: 0020:fff3 ?0020: 0020:8ff3 ?0020: 0020:aff3 "
+              "?0020: 0020:afc3 ?0014: 0014:0001 ?0010: 0010:0004 ?0010: 0010:0005 ?0010: 0010:0007");
     m_regs[9] = 0x12F;
     m_regs[128] = 0xFFFF;
     EXPECT_EQ(SENDS(cam->EnableClockMngmnt2()), "?0009: 0009:0120 ?0020: 0020:afc3 ?0022: 0022:0001 ?0080: 0080:7fff");
@@ -1195,7 +1204,10 @@ TEST_F(Python, ProgramInSixSections)
     EXPECT_EQ(m_regs[221], 84);
 
     // Each program fills its registers to the last; the readout offsets point into them.
-    const struct { void (CCameraPython::*pInit)(); unsigned uLast; } programs[] = {
+    const struct {
+        void (CCameraPython::*pInit)();
+        unsigned uLast;
+    } programs[] = {
         { &CCameraPython::InitializeCDSwithNROT, 474 },     { &CCameraPython::InitializeCDSwithZROT, 478 },
         { &CCameraPython::InitializeUDSwithNROT, 481 },     { &CCameraPython::InitializeUDSwithZROT, 485 },
         { &CCameraPython::InitializeCDSwithNROT_LTN, 481 }, { &CCameraPython::InitializeMSCwithNROT, 493 },

@@ -45,17 +45,21 @@ public:
         }
         kovsim::Attach(&m_bus);
         m_observatory = std::make_unique<kovserve::Observatory>();
-    
+
         for (size_t i = 0; i < products.size(); ++i) {  // twins stand in the order in which they were plugged in
             const std::string token = m_cameras[i]->Facts().sToken;
             const auto all = m_observatory->Cameras();
             const auto it = std::find_if(all.begin(), all.end(), [&](const auto& e) {
-                return e->Model().find(token) != std::string::npos && std::find(m_engines.begin(), m_engines.end(), e) == m_engines.end();
+                return e->Model().find(token) != std::string::npos &&
+                       std::find(m_engines.begin(), m_engines.end(), e) == m_engines.end();
             });
             EXPECT_NE(it, all.end()) << token;
             m_engines.push_back(*it);
         }
-        EXPECT_TRUE(Until([this] { return std::all_of(m_engines.begin(), m_engines.end(), [](const auto& e) { return e->GetState()->phase == Phase::Idle; }); }));
+        EXPECT_TRUE(Until([this] {
+            return std::all_of(m_engines.begin(), m_engines.end(),
+                               [](const auto& e) { return e->GetState()->phase == Phase::Idle; });
+        }));
         // Frames that cost little: a machine that cannot compute them is slow to answer, too.
         for (const auto& e : m_engines) {
             e->SetControl("test", CTRL_GAIN, 0, false);
@@ -94,7 +98,8 @@ public:
     int Openings(size_t i) const
     {
         const auto journal = m_engines[i]->Journal();
-        return static_cast<int>(std::count_if(journal.begin(), journal.end(), [](const auto& e) { return e.what.starts_with("opened"); }));
+        return static_cast<int>(
+            std::count_if(journal.begin(), journal.end(), [](const auto& e) { return e.what.starts_with("opened"); }));
     }
     bool IsPhase(size_t i, Phase phase) const { return m_engines[i]->GetState()->phase == phase; }
 
@@ -156,7 +161,9 @@ TEST(Serve, OneOfThreeGoesAndComesBack)
         // Whoever stands behind the one that goes has to be opened at another place.
         std::vector<size_t> behind;
         for (size_t i = 0; i < house.Count(); ++i) {
-            const Phase phase = i == row.gone || row.watched ? Phase::Live : i == 0 && row.firstExposes ? Phase::Exposing : Phase::Idle;
+            const Phase phase = i == row.gone || row.watched ? Phase::Live
+                                : i == 0 && row.firstExposes ? Phase::Exposing
+                                                             : Phase::Idle;
             EXPECT_TRUE(Until([&] { return house.IsPhase(i, phase); })) << i;
             if (house.Engine(i).OpenId() > house.Engine(row.gone).OpenId())
                 behind.push_back(i);
@@ -202,7 +209,8 @@ TEST(Serve, OneThatCannotBeUsedLeavesTheOthersAlone)
     EXPECT_NE(house.Engine(1).GetState()->problem, "");
     const auto problems = [&] {
         const auto journal = house.Engine(1).Journal();
-        return std::count_if(journal.begin(), journal.end(), [](const auto& e) { return e.what == "camera" && !e.result.empty(); });
+        return std::count_if(journal.begin(), journal.end(),
+                             [](const auto& e) { return e.what == "camera" && !e.result.empty(); });
     };
     house.Camera(1).SetOpenStatus(usbstack::Status::Busy);
     const auto before = problems();

@@ -180,7 +180,10 @@ public:
                    return SetRegion();
                });
     }
-    void Close() { Alone([&] { return KOVCloseCamera(m_iId); }); }
+    void Close()
+    {
+        Alone([&] { return KOVCloseCamera(m_iId); });
+    }
 
     void Run()
     {
@@ -253,7 +256,8 @@ private:
             return;
         m_Sums.nNoise += nNoise;
         const std::vector<kovsim::Request> requests = m_Cam.Requests();
-        const auto nStarts = std::count_if(requests.begin(), requests.end(), [](const auto& r) { return r.bRequest == START_STREAM; });
+        const auto nStarts =
+            std::count_if(requests.begin(), requests.end(), [](const auto& r) { return r.bRequest == START_STREAM; });
         if (m_Cam.LostReplies() == m_uLostReplies && nStarts <= 1)
             Fail("%s: %s of noise, no reply was lost: %s", Name(), szWhat, m_Cam.LastContradiction().c_str());
         AwaitRest();
@@ -529,8 +533,8 @@ void Line(std::vector<std::unique_ptr<Soaked>>& all, int64_t seconds)
         s += "  " + std::string(p->Name()) + " " + std::to_string(p->Sums().nDelivered.load()) + " of " +
              std::to_string(p->Sums().nGood.load());
     const Held h;
-    std::printf("%5llds%s  threads %d  files %d  resident %ld MB\n", (long long)seconds, s.c_str(), h.iThreads - 2,
-                h.iFiles - 3, h.lResidentKB / 1024);
+    std::printf("%5llds%s  threads %d  files %d  resident %ld MB\n", (long long)seconds, s.c_str(), h.iThreads - 2, h.iFiles - 3,
+                h.lResidentKB / 1024);
     std::fflush(stdout);
 }
 
@@ -546,8 +550,10 @@ uint16_t ProductOf(const std::string& sToken)
 
 int Usage(const char* szWhy)
 {
-    std::fprintf(stderr, "kovsoak: %s\nkovsoak [--minutes N] [--cameras NAME,NAME...] [--seed S] [--rate R]\n"
-                         "  --rate  how many times as fast as real time the cameras and the library live (2)\n", szWhy);
+    std::fprintf(stderr,
+                 "kovsoak: %s\nkovsoak [--minutes N] [--cameras NAME,NAME...] [--seed S] [--rate R]\n"
+                 "  --rate  how many times as fast as real time the cameras and the library live (2)\n",
+                 szWhy);
     return 2;
 }
 
@@ -653,8 +659,8 @@ int main(int argc, char** argv)
         t.join();
     const Held last = Settle(all, first.iThreads);
 
-    std::printf("\n%-14s %7s %7s %9s %9s %8s %8s %8s %6s %6s %6s %9s\n", "camera", "videos", "exact", "good",
-                "delivered", "dropped", "damaged", "cut off", "noise", "snaps", "losses", "controls");
+    std::printf("\n%-14s %7s %7s %9s %9s %8s %8s %8s %6s %6s %6s %9s\n", "camera", "videos", "exact", "good", "delivered",
+                "dropped", "damaged", "cut off", "noise", "snaps", "losses", "controls");
     for (const auto& p : all) {
         const Soaked::Totals& t = p->Sums();
         std::printf("%-14s %7llu %7llu %9llu %9llu %8llu %8llu %8llu %6llu %6llu %6llu %9llu\n", p->Name(),
@@ -665,9 +671,8 @@ int main(int argc, char** argv)
         if (t.nGood == 0 && o.dMinutes >= 1)
             Fail("%s: no frames at all", p->Name());
     }
-    std::printf("threads %d -> %d, files %d -> %d, heap %zu -> %zu KiB, resident %ld -> %ld KiB\n", first.iThreads,
-                last.iThreads, first.iFiles, last.iFiles, first.nHeap / 1024, last.nHeap / 1024, first.lResidentKB,
-                last.lResidentKB);
+    std::printf("threads %d -> %d, files %d -> %d, heap %zu -> %zu KiB, resident %ld -> %ld KiB\n", first.iThreads, last.iThreads,
+                first.iFiles, last.iFiles, first.nHeap / 1024, last.nHeap / 1024, first.lResidentKB, last.lResidentKB);
     if (last.iThreads != first.iThreads)
         Fail("threads are left over");
     if (last.iFiles != first.iFiles)

@@ -6,9 +6,9 @@
 #include <vector>
 
 #ifndef _WIN32
-#include "imaging/Kernels.h"
+#  include "imaging/Kernels.h"
 
-#include <hwy/highway.h>
+#  include <hwy/highway.h>
 #endif
 
 class OnInstructionSet : public testing::TestWithParam<int64_t> {

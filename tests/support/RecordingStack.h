@@ -78,16 +78,29 @@ public:
         const bool bSuper = speed == usbstack::Speed::Super;
         const auto lo = [](uint16_t w) { return uint8_t(w & 0xFF); };
         const auto hi = [](uint16_t w) { return uint8_t(w >> 8); };
-        deviceDescriptor = { 18, 1, 0, uint8_t(bSuper ? 3 : 2), 0, 0, 0, uint8_t(bSuper ? 9 : 64),
-                             lo(wVendorId), hi(wVendorId), lo(wProductId), hi(wProductId), 0, 1, 1, 2, 3, 1 };
-        configDescriptor = { 9, 2, uint8_t(bSuper ? 31 : 25), 0, 1, 1, 0, 0x80, 100,
-                             9, 4, 0, 0, 1, 0xFF, 0, 0, 0,
-                             7, 5, 0x82, 2, 0, uint8_t(bSuper ? 4 : 2), 0 };
+        deviceDescriptor = { 18,
+                             1,
+                             0,
+                             uint8_t(bSuper ? 3 : 2),
+                             0,
+                             0,
+                             0,
+                             uint8_t(bSuper ? 9 : 64),
+                             lo(wVendorId),
+                             hi(wVendorId),
+                             lo(wProductId),
+                             hi(wProductId),
+                             0,
+                             1,
+                             1,
+                             2,
+                             3,
+                             1 };
+        configDescriptor = { 9, 2, uint8_t(bSuper ? 31 : 25), 0, 1, 1, 0, 0x80, 100, 9, 4, 0, 0, 1, 0xFF, 0, 0, 0, 7, 5, 0x82,
+                             2, 0, uint8_t(bSuper ? 4 : 2),   0 };
         if (bSuper) {
             configDescriptor.insert(configDescriptor.end(), { 6, 0x30, 15, 0, 0, 0 });
-            bosDescriptor = { 5, 15, 22, 0, 2,
-                              7, 16, 2, 2, 0, 0, 0,
-                              10, 16, 3, 0, 0x0E, 0, 3, 10, 0xFF, 0x07 };
+            bosDescriptor = { 5, 15, 22, 0, 2, 7, 16, 2, 2, 0, 0, 0, 10, 16, 3, 0, 0x0E, 0, 3, 10, 0xFF, 0x07 };
         }
         strings = { "maker", "camera", "0001" };
     }
@@ -105,8 +118,16 @@ public:
     std::function<int64_t(uint8_t* pData, uint32_t dwLength)> OnBulk;
 
     // --- what was seen --------------------------------------------------------------------------------------------
-    std::vector<Request> Requests() const { const std::lock_guard l(m_mutex); return m_requests; }
-    std::vector<Request> Take() { const std::lock_guard l(m_mutex); return std::exchange(m_requests, {}); }
+    std::vector<Request> Requests() const
+    {
+        const std::lock_guard l(m_mutex);
+        return m_requests;
+    }
+    std::vector<Request> Take()
+    {
+        const std::lock_guard l(m_mutex);
+        return std::exchange(m_requests, {});
+    }
     void Clear() { Take(); }
     std::string Log() const  // one line a request
     {
@@ -115,10 +136,26 @@ public:
             s += r.Text() + "\n";
         return s;
     }
-    std::vector<std::string> Events() const { const std::lock_guard l(m_mutex); return m_events; }
-    void ClearEvents() { const std::lock_guard l(m_mutex); m_events.clear(); }
-    size_t Outstanding() const { const std::lock_guard l(m_mutex); return m_queue.size(); }
-    int OpenHandles() const { const std::lock_guard l(m_mutex); return m_iOpen; }
+    std::vector<std::string> Events() const
+    {
+        const std::lock_guard l(m_mutex);
+        return m_events;
+    }
+    void ClearEvents()
+    {
+        const std::lock_guard l(m_mutex);
+        m_events.clear();
+    }
+    size_t Outstanding() const
+    {
+        const std::lock_guard l(m_mutex);
+        return m_queue.size();
+    }
+    int OpenHandles() const
+    {
+        const std::lock_guard l(m_mutex);
+        return m_iOpen;
+    }
 
     // --- what a test makes happen -----------------------------------------------------------------------------------
     // Completes waiting bulk requests, oldest first, as long as OnBulk has data. Returns how many.
@@ -156,7 +193,14 @@ public:
         return true;
     }
     // The cable falls out: every request ends, later ones fail at once, and the device leaves the list.
-    void Vanish() { { const std::lock_guard l(m_mutex); m_bGone = true; } EndAll(usbstack::Status::Gone); }
+    void Vanish()
+    {
+        {
+            const std::lock_guard l(m_mutex);
+            m_bGone = true;
+        }
+        EndAll(usbstack::Status::Gone);
+    }
     // Another plug: only that makes a host read descriptors anew.
     void Return()
     {
@@ -164,16 +208,32 @@ public:
         m_bGone = false;
         info.sPath = "fake:" + std::to_string(info.bAddress) + "@" + std::to_string(++m_iGeneration);
     }
-    usbstack::DeviceInfo Info() const { const std::lock_guard l(m_mutex); return info; }
+    usbstack::DeviceInfo Info() const
+    {
+        const std::lock_guard l(m_mutex);
+        return info;
+    }
     int DescriptorReads() const { return m_iStandard; }
-    bool Gone() const { const std::lock_guard l(m_mutex); return m_bGone; }
+    bool Gone() const
+    {
+        const std::lock_guard l(m_mutex);
+        return m_bGone;
+    }
 
 private:
     friend class RecordingStack;
     class Handle;
 
-    void Event(std::string s) { const std::lock_guard l(m_mutex); m_events.push_back(std::move(s)); }
-    void EndAll(usbstack::Status status) { while (Complete(status, 0)) {} }
+    void Event(std::string s)
+    {
+        const std::lock_guard l(m_mutex);
+        m_events.push_back(std::move(s));
+    }
+    void EndAll(usbstack::Status status)
+    {
+        while (Complete(status, 0)) {
+        }
+    }
 
     static std::vector<uint8_t> StringDescriptor(const std::string& s)
     {
@@ -195,7 +255,10 @@ private:
         const unsigned index = wValue & 0xFFu;
         switch (wValue >> 8) {
         case 1: d = deviceDescriptor; break;
-        case 2: if (index == 0) d = configDescriptor; break;
+        case 2:
+            if (index == 0)
+                d = configDescriptor;
+            break;
         case 3:
             if (index == 0)
                 d = languages;
@@ -213,8 +276,8 @@ private:
         return usbstack::Status::Ok;
     }
 
-    usbstack::Status Vendor(uint8_t bType, uint8_t bRequest, uint16_t wValue, uint16_t wIndex, uint8_t* pData,
-                            uint16_t wLength, uint32_t dwTimeoutMs, uint32_t* pdwMoved)
+    usbstack::Status Vendor(uint8_t bType, uint8_t bRequest, uint16_t wValue, uint16_t wIndex, uint8_t* pData, uint16_t wLength,
+                            uint32_t dwTimeoutMs, uint32_t* pdwMoved)
     {
         Request r;
         r.bIn = (bType & 0x80) != 0;
@@ -266,8 +329,8 @@ public:
     Handle(const Handle&) = delete;
     Handle& operator=(const Handle&) = delete;
 
-    usbstack::Status Control(uint8_t bType, uint8_t bRequest, uint16_t wValue, uint16_t wIndex, uint8_t* pData,
-                             uint16_t wLength, uint32_t dwTimeoutMs, uint32_t* pdwMoved) override
+    usbstack::Status Control(uint8_t bType, uint8_t bRequest, uint16_t wValue, uint16_t wIndex, uint8_t* pData, uint16_t wLength,
+                             uint32_t dwTimeoutMs, uint32_t* pdwMoved) override
     {
         *pdwMoved = 0;
         if (Stale())
@@ -320,7 +383,12 @@ public:
     int GetAltSetting() override { return m_dev.iAltSetting; }
 
 private:
-    static std::string Hex(uint32_t v) { char sz[12]; std::snprintf(sz, sizeof sz, "%x", v); return sz; }
+    static std::string Hex(uint32_t v)
+    {
+        char sz[12];
+        std::snprintf(sz, sizeof sz, "%x", v);
+        return sz;
+    }
     usbstack::Status Restart(const char* sz)
     {
         m_dev.Event(sz);

@@ -16,7 +16,10 @@ using namespace kovtools;
 
 TEST(Text, DurationsCarryTheirUnitAndAnglesTheirKind)
 {
-    struct { const char* text; int64_t us; } const good[] = { { "500us", 500 }, { "2.5s", 2500000 }, { "1 ms", 1000 }, { "2m", 120000000 } };
+    struct {
+        const char* text;
+        int64_t us;
+    } const good[] = { { "500us", 500 }, { "2.5s", 2500000 }, { "1 ms", 1000 }, { "2m", 120000000 } };
     for (const auto& g : good)
         EXPECT_EQ(ParseDuration(g.text).count(), g.us) << g.text;
     for (const char* bad : { "1", "", "s", "-1s", "1e30s", "nan s", "10lightyears" })
@@ -34,7 +37,9 @@ TEST(Text, DurationsCarryTheirUnitAndAnglesTheirKind)
 
 namespace {
 
-struct Level { double mean, variance; };
+struct Level {
+    double mean, variance;
+};
 
 // Mean and noise of a flat field: from the difference of two frames, so that the pattern of the sensor drops out.
 Level MeasureLevel(int id, int exposureUs, std::vector<uint8_t> (&frames)[2], const CameraState& state)
@@ -46,7 +51,8 @@ Level MeasureLevel(int id, int exposureUs, std::vector<uint8_t> (&frames)[2], co
         EXPECT_EQ(KOVGetVideoData(id, f.data(), static_cast<int32_t>(f.size()), 20000), KOV_SUCCESS);
     }
     KOVStopVideoCapture(id);
-    const FrameView a{ frames[0].data(), state.width, state.height, state.type }, b{ frames[1].data(), state.width, state.height, state.type };
+    const FrameView a{ frames[0].data(), state.width, state.height, state.type },
+        b{ frames[1].data(), state.width, state.height, state.type };
     double sum = 0, difference = 0, squares = 0;
     for (size_t i = 0; i < a.Samples(); ++i) {
         const double d = a.At(i) - b.At(i);
@@ -64,9 +70,14 @@ Level MeasureLevel(int id, int exposureUs, std::vector<uint8_t> (&frames)[2], co
 TEST(Frame, ElectronsPerSampleByPhotonTransfer)
 {
     const TempStore store;
-    struct { const char* model; int gain; IMG_TYPE type; int bin; } const rows[] = {
-        { "QuartzMono", 0, IMG_RAW16, 1 },  { "QuartzMono", 100, IMG_RAW16, 1 }, { "QuartzMono", 100, IMG_RAW8, 1 },
-        { "MarbleMono", 0, IMG_RAW16, 1 },  { "MarbleMono", 85, IMG_RAW16, 1 },  { "MarbleMono", 0, IMG_RAW8, 2 },
+    struct {
+        const char* model;
+        int gain;
+        IMG_TYPE type;
+        int bin;
+    } const rows[] = {
+        { "QuartzMono", 0, IMG_RAW16, 1 },   { "QuartzMono", 100, IMG_RAW16, 1 },  { "QuartzMono", 100, IMG_RAW8, 1 },
+        { "MarbleMono", 0, IMG_RAW16, 1 },   { "MarbleMono", 85, IMG_RAW16, 1 },   { "MarbleMono", 0, IMG_RAW8, 2 },
         { "GarnetMono_S", 0, IMG_RAW16, 1 }, { "GarnetMono_S", 20, IMG_RAW16, 1 }, { "LapisMono", 60, IMG_RAW16, 2 },
         { "KyaniteMono", 50, IMG_RAW16, 1 },
     };
@@ -97,7 +108,9 @@ TEST(Measure, StarsAreFoundWhereTheyAreAndAsWideAsTheyAre)
 {
     constexpr int W = 400, H = 300;
     constexpr double SIGMA = 2.0;
-    struct { double x, y, flux; } const stars[] = { { 50.3, 60.7, 90000 }, { 200.0, 150.0, 30000 }, { 330.5, 220.2, 12000 }, { 120, 250, 6000 } };
+    struct {
+        double x, y, flux;
+    } const stars[] = { { 50.3, 60.7, 90000 }, { 200.0, 150.0, 30000 }, { 330.5, 220.2, 12000 }, { 120, 250, 6000 } };
     std::mt19937 random(5);
     std::normal_distribution<double> noise(0, 12);
     std::vector<uint8_t> data(2 * W * H);
@@ -111,7 +124,8 @@ TEST(Measure, StarsAreFoundWhereTheyAreAndAsWideAsTheyAre)
         for (int x = 0; x < W; ++x) {
             double v = 1000 + 0.5 * x + noise(random);  // a gradient, as of the moon
             for (const auto& s : stars)
-                v += s.flux / (2 * M_PI * SIGMA * SIGMA) * std::exp(-(std::pow(x - s.x, 2) + std::pow(y - s.y, 2)) / (2 * SIGMA * SIGMA));
+                v += s.flux / (2 * M_PI * SIGMA * SIGMA) *
+                     std::exp(-(std::pow(x - s.x, 2) + std::pow(y - s.y, 2)) / (2 * SIGMA * SIGMA));
             put(x, y, v);
         }
     put(300, 50, 30000);  // a hot pixel

@@ -24,7 +24,8 @@ using kovtools::CheckResult;
 // A sensor that does another thing than its registers say.
 class Twisted final : public kovsim::Profile {
 public:
-    Twisted(std::unique_ptr<Profile> good, std::function<void(Readout&)> twist, std::optional<kovsim::Cfa> cell) : m_good(std::move(good)), m_twist(std::move(twist))
+    Twisted(std::unique_ptr<Profile> good, std::function<void(Readout&)> twist, std::optional<kovsim::Cfa> cell)
+        : m_good(std::move(good)), m_twist(std::move(twist))
     {
         m_Facts = m_good->Facts();
         m_Facts.cfa = cell.value_or(m_Facts.cfa);
@@ -71,8 +72,9 @@ private:
 };
 
 // A stack whose wires do something to what a camera sends.
-using OnReply = std::function<bool(uint8_t request, uint8_t* data, uint16_t size)>;  // false: the request does not reach the camera
-using OnData = std::function<void(uint8_t* data, uint32_t size)>;                     // of one chunk
+using OnReply =
+    std::function<bool(uint8_t request, uint8_t* data, uint16_t size)>;  // false: the request does not reach the camera
+using OnData = std::function<void(uint8_t* data, uint32_t size)>;        // of one chunk
 class Wires final : public usbstack::IStack {
 public:
     Wires(IStack& good, OnReply reply, OnData data) : m_good(good), m_reply(std::move(reply)), m_data(std::move(data)) {}
@@ -87,11 +89,16 @@ private:
     using IDevice = usbstack::IDevice;
     using Status = usbstack::Status;
     using BulkRequest = usbstack::BulkRequest;
-    struct Shadow { BulkRequest mine; BulkRequest* theirs; Wires* wires; };
+    struct Shadow {
+        BulkRequest mine;
+        BulkRequest* theirs;
+        Wires* wires;
+    };
     class Device final : public IDevice {
     public:
         Device(Wires& wires, IDevice* good) : m_wires(wires), m_good(good) {}
-        Status Control(uint8_t type, uint8_t request, uint16_t value, uint16_t index, uint8_t* data, uint16_t size, uint32_t ms, uint32_t* moved) override
+        Status Control(uint8_t type, uint8_t request, uint16_t value, uint16_t index, uint8_t* data, uint16_t size, uint32_t ms,
+                       uint32_t* moved) override
         {
             if ((type & 0x60) == 0x40 && !(type & 0x80) && m_wires.m_reply && !m_wires.m_reply(request, data, size)) {
                 *moved = size;
@@ -162,7 +169,9 @@ std::vector<CheckResult> Examine(const Plant& plant, double rate, const std::str
     kovsim::VirtualBus bus(rate);
     kovsim::CameraSettings s;
     s.wProductId = plant.product;
-    s.scene = plant.view == View::Flat ? kovsim::Scene::Flat(60000) : plant.view == View::Pattern ? kovsim::Scene::Pattern() : kovsim::Scene::Dark();
+    s.scene = plant.view == View::Flat      ? kovsim::Scene::Flat(60000)
+              : plant.view == View::Pattern ? kovsim::Scene::Pattern()
+                                            : kovsim::Scene::Dark();
     if (plant.settings)
         plant.settings(s);
     if (plant.twist || plant.cell)
@@ -194,6 +203,7 @@ void Spoil(kovsim::VirtualCamera& c, kovsim::FaultKind kind, uint32_t arg, uint3
         c.Inject({ kind, arg, after, 1 });
 }
 
+// clang-format off
 const Plant g_plants[] = {
     { "GainSquared", "gain.law", View::Flat, QUARTZ_MONO, [](Readout& r) { r.dGain *= r.dGain; } },
     { "GainWithoutEffect", "gain.law", View::Flat, QUARTZ_MONO, [](Readout& r) { r.dGain = 1; } },
@@ -252,6 +262,7 @@ const Plant g_plants[] = {
     { "DeafCooler", "cooler.works", View::Flat, LAPIS_MONO_C, {}, {}, {}, {}, [](uint8_t request, uint8_t*, uint16_t) { return request != COOLER_DA; } },
     { "ForgetfulFlash", "id.roundtrip", View::Flat, QUARTZ_MONO, {}, {}, [](kovsim::VirtualCamera& c) { Spoil(c, kovsim::FaultKind::FlashWriteFails, 0, 0, 100); } },
 };
+// clang-format on
 
 // Sanitizers slow the virtual sensors down; their frames must still come within the waits.
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
@@ -267,7 +278,8 @@ TEST_P(Planted, IsFound)
     const std::string check = GetParam().check;
     std::string told;
     for (const CheckResult& r : Examine(GetParam(), RATE, check.substr(0, check.find('.')))) {
-        told += r.check + " " + kovtools::VerdictText(r.verdict) + " (" + r.what + ": " + std::to_string(r.measured) + ", limit " + std::to_string(r.limit) + ") ";
+        told += r.check + " " + kovtools::VerdictText(r.verdict) + " (" + r.what + ": " + std::to_string(r.measured) +
+                ", limit " + std::to_string(r.limit) + ") ";
         if (r.check == check && r.verdict == CheckResult::Verdict::Fail) {
             EXPECT_NE(r.hint, "");
             return;
@@ -275,7 +287,8 @@ TEST_P(Planted, IsFound)
     }
     ADD_FAILURE() << check << " did not fail: " << told;
 }
-INSTANTIATE_TEST_SUITE_P(Comply, Planted, testing::ValuesIn(g_plants), [](const auto& info) { return std::string(info.param.name); });
+INSTANTIATE_TEST_SUITE_P(Comply, Planted, testing::ValuesIn(g_plants),
+                         [](const auto& info) { return std::string(info.param.name); });
 
 }  // namespace
 
@@ -292,7 +305,9 @@ TEST(Comply, PassesAGoodCamera)
             const double rate = named == nullptr ? RATE : facts.iWidth > 3000 ? 1 : 4;  // what a machine can compute
             for (const CheckResult& r : Examine(plant, rate, ""))
                 // Whether a virtual camera keeps its pace is a matter of the machine.
-                EXPECT_FALSE(r.verdict == CheckResult::Verdict::Fail && r.check != "stream.rate" && r.check != "stream.lost" && r.check != "clock.exposure" && r.check != "long.exposure")
-                    << model << (view == View::Flat ? " flat " : " pattern ") << r.check << " (" << r.what << ": " << r.measured << ", limit " << r.limit << ")";
+                EXPECT_FALSE(r.verdict == CheckResult::Verdict::Fail && r.check != "stream.rate" && r.check != "stream.lost" &&
+                             r.check != "clock.exposure" && r.check != "long.exposure")
+                    << model << (view == View::Flat ? " flat " : " pattern ") << r.check << " (" << r.what << ": " << r.measured
+                    << ", limit " << r.limit << ")";
         }
 }

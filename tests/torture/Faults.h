@@ -49,8 +49,8 @@ public:
 private:
     const bool m_bBefore;
 };
-int64_t LibraryBlocks();    // that are allocated now
-bool CountsAllocations();   // not beside a sanitizer, which has the allocator
+int64_t LibraryBlocks();   // that are allocated now
+bool CountsAllocations();  // not beside a sanitizer, which has the allocator
 
 // Passes everything on to the virtual bus, unless g_UsbCalls says otherwise. The completion of a bulk request counts as a
 // call of its own.

@@ -20,7 +20,8 @@ public:
     {
         const InLibrary virtualSide(false);
         *pdwMoved = 0;
-        return g_UsbCalls.Fails() ? Status::Stall : m_p->Control(bType, bRequest, wValue, wIndex, pData, wLength, dwTimeoutMs, pdwMoved);
+        return g_UsbCalls.Fails() ? Status::Stall
+                                  : m_p->Control(bType, bRequest, wValue, wIndex, pData, wLength, dwTimeoutMs, pdwMoved);
     }
     Status SubmitBulk(BulkRequest* p) override
     {
@@ -40,19 +41,33 @@ public:
             delete s;
         return status;
     }
-    void Abort(uint8_t bEndpoint) override { const InLibrary virtualSide(false); m_p->Abort(bEndpoint); }
-    Status ResetPipe(uint8_t bEndpoint) override { return Try([&] { return m_p->ResetPipe(bEndpoint); }); }
+    void Abort(uint8_t bEndpoint) override
+    {
+        const InLibrary virtualSide(false);
+        m_p->Abort(bEndpoint);
+    }
+    Status ResetPipe(uint8_t bEndpoint) override
+    {
+        return Try([&] { return m_p->ResetPipe(bEndpoint); });
+    }
     void SetTransferSize(uint8_t, uint32_t) override {}
-    Status ResetPort() override { return Try([&] { return m_p->ResetPort(); }); }
-    Status CyclePort() override { return Try([&] { return m_p->CyclePort(); }); }
+    Status ResetPort() override
+    {
+        return Try([&] { return m_p->ResetPort(); });
+    }
+    Status CyclePort() override
+    {
+        return Try([&] { return m_p->CyclePort(); });
+    }
     usbstack::Speed GetSpeed() override { return m_p->GetSpeed(); }
     uint8_t GetAddress() override { return m_p->GetAddress(); }
     int GetAltSetting() override { return g_UsbCalls.Fails() ? -1 : m_p->GetAltSetting(); }
-    Status Claim() override
+    Status Claim() override { return g_UsbCalls.Fails() ? Status::Busy : m_p->Claim(); }
+    void AbortControl() override
     {
-        return g_UsbCalls.Fails() ? Status::Busy : m_p->Claim();
+        const InLibrary virtualSide(false);
+        m_p->AbortControl();
     }
-    void AbortControl() override { const InLibrary virtualSide(false); m_p->AbortControl(); }
 
 private:
     struct Sent {

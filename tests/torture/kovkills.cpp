@@ -187,7 +187,8 @@ struct Kind {
     bool flash = false;
     int kills = 0, torn = 0, full = 0, cut = 0, gone = 0;
 };
-constexpr size_t PIXELS = WIDTH * HEIGHT, FITS_SIZE = 2880 + (PIXELS + 2879) / 2880 * 2880, SER_SIZE = 178 + FRAMES * (PIXELS + 8);
+constexpr size_t PIXELS = WIDTH * HEIGHT, FITS_SIZE = 2880 + (PIXELS + 2879) / 2880 * 2880,
+                 SER_SIZE = 178 + FRAMES * (PIXELS + 8);
 Kind g_kinds[] = {
     { "settings", SaveSettings, LoadSettings },
     { "dark frame", SaveDark, [] { return LoadFile("dark.bmp", 1078 + PIXELS, 1078, PIXELS); } },

@@ -23,11 +23,15 @@
 
 namespace {
 
-struct FamilyRow { const char* szName; uint16_t wProductId; };
+struct FamilyRow {
+    const char* szName;
+    uint16_t wProductId;
+};
 constexpr FamilyRow g_Families[] = {
-    { "Quartz", 0xC11A },  { "Garnet", 0xC07A },   { "Kyanite", 0xC0B0 },  { "Pyrite", 0xC10A }, { "Marble", 0xC0DA }, { "Nephrite", 0xC0EA },
-    { "Onyx", 0xC0FA },    { "Beryl", 0xC02A },    { "Lapis", 0xC0CA },    { "Ebony", 0xC05A },  { "Flint", 0xC06A },  { "Halite", 0xC08A },
-    { "Jasper", 0xC0AA },  { "GarnetS", 0xC07E },  { "Iolite", 0xC09A },   { "Cobalt", 0xC03A }, { "Dunite", 0xC04B }, { "Agate", 0xC01A },
+    { "Quartz", 0xC11A },   { "Garnet", 0xC07A }, { "Kyanite", 0xC0B0 }, { "Pyrite", 0xC10A },  { "Marble", 0xC0DA },
+    { "Nephrite", 0xC0EA }, { "Onyx", 0xC0FA },   { "Beryl", 0xC02A },   { "Lapis", 0xC0CA },   { "Ebony", 0xC05A },
+    { "Flint", 0xC06A },    { "Halite", 0xC08A }, { "Jasper", 0xC0AA },  { "GarnetS", 0xC07E }, { "Iolite", 0xC09A },
+    { "Cobalt", 0xC03A },   { "Dunite", 0xC04B }, { "Agate", 0xC01A },
 };
 
 constexpr const char* STEPS[] = { "open", "video", "snap", "close" };
@@ -89,7 +93,7 @@ public:
 
 private:
     struct Row {
-        int nCases = 0, nTold = 0;   // cases; with another code than success
+        int nCases = 0, nTold = 0;  // cases; with another code than success
         std::map<std::string, uint32_t> worst;
     };
 
@@ -100,8 +104,8 @@ private:
         const int nBefore = m_nProblems;
         uint64_t uLast = 0;
         for (uint64_t u = m_o.uAt ? m_o.uAt : 1;; u += m_o.uEvery) {
-            std::snprintf(g_szCase, sizeof g_szCase, "%s %s %s %s %llu", m_family.szName, STEPS[step], szKind, bForever ? "from" : "at",
-                          static_cast<unsigned long long>(u));
+            std::snprintf(g_szCase, sizeof g_szCase, "%s %s %s %s %llu", m_family.szName, STEPS[step], szKind,
+                          bForever ? "from" : "at", static_cast<unsigned long long>(u));
             g_tCase = time(nullptr);
             m_bMemory = *szKind == 'm';
             if (step != OPEN && !Open())
@@ -117,8 +121,8 @@ private:
             if (m_o.uAt)
                 break;
         }
-        std::printf("%-9s %-6s %-7s %-8s %6d %6d %5d  ", m_family.szName, STEPS[step], szKind, bForever ? "for ever" : "once", row.nCases, row.nTold,
-                    m_nProblems - nBefore);
+        std::printf("%-9s %-6s %-7s %-8s %6d %6d %5d  ", m_family.szName, STEPS[step], szKind, bForever ? "for ever" : "once",
+                    row.nCases, row.nTold, m_nProblems - nBefore);
         for (const auto& [name, ms] : row.worst)
             std::printf(" %s %u", name.c_str(), ms);
         std::printf("\n");
@@ -154,24 +158,35 @@ private:
     bool Open()
     {
         const int n = Call("count", 1000, { 0, 1 }, [] { return KOVGetNumOfConnectedCameras() == 1 ? 0 : 1; });
-        const int r = Call("open", 60000, { KOV_SUCCESS, KOV_ERROR_OPEN_FAILED, KOV_ERROR_BAD_ID }, [] { return KOVOpenCamera(0); });
+        const int r =
+            Call("open", 60000, { KOV_SUCCESS, KOV_ERROR_OPEN_FAILED, KOV_ERROR_BAD_ID }, [] { return KOVOpenCamera(0); });
         if (n != 0 || r != KOV_SUCCESS)
             return false;
         const std::initializer_list<int> any = { KOV_SUCCESS, KOV_ERROR_BAD_SIZE };
         if (Call("region", 60000, any, [&] { return KOVSetROIFormat(0, m_w, m_h, 1, IMG_RAW8); }) != KOV_SUCCESS)
             return false;
         Call("control", 10000, { KOV_SUCCESS, KOV_ERROR_GENERAL }, [] { return KOVSetControlValue(0, CTRL_GAIN, 0, KOV_FALSE); });
-        return Call("control", 10000, { KOV_SUCCESS, KOV_ERROR_GENERAL }, [] { return KOVSetControlValue(0, CTRL_EXPOSURE, 5000, KOV_FALSE); }) == KOV_SUCCESS;
+        return Call("control", 10000, { KOV_SUCCESS, KOV_ERROR_GENERAL },
+                    [] { return KOVSetControlValue(0, CTRL_EXPOSURE, 5000, KOV_FALSE); }) == KOV_SUCCESS;
     }
-    void Close() { Call("close", 10000, { KOV_SUCCESS, KOV_ERROR_BAD_ID }, [] { return KOVCloseCamera(0); }); }
+    void Close()
+    {
+        Call("close", 10000, { KOV_SUCCESS, KOV_ERROR_BAD_ID }, [] { return KOVCloseCamera(0); });
+    }
     int Frame(uint32_t uWait = WAIT)
     {
         m_frame.assign(size_t(m_w) * size_t(m_h), 0);
         return Call("frame", 4 * uWait + 1000, { KOV_SUCCESS, KOV_ERROR_TIMEOUT },
                     [&] { return KOVGetVideoData(0, m_frame.data(), int32_t(m_frame.size()), int32_t(uWait)); });
     }
-    int Stop() { return Call("stop", 6000, { KOV_SUCCESS, KOV_ERROR_NOT_OPEN }, [] { return KOVStopVideoCapture(0); }); }
-    int Start() { return Call("start", 60000, { KOV_SUCCESS, KOV_ERROR_NOT_OPEN }, [] { return KOVStartVideoCapture(0); }); }
+    int Stop()
+    {
+        return Call("stop", 6000, { KOV_SUCCESS, KOV_ERROR_NOT_OPEN }, [] { return KOVStopVideoCapture(0); });
+    }
+    int Start()
+    {
+        return Call("start", 60000, { KOV_SUCCESS, KOV_ERROR_NOT_OPEN }, [] { return KOVStartVideoCapture(0); });
+    }
 
     void Do(Step step)
     {
@@ -180,7 +195,8 @@ private:
         case OPEN: Open(); break;
         case VIDEO:
             if (Start() == KOV_SUCCESS)
-                for (int i = 0; i < 2 && Frame() == KOV_SUCCESS; ++i) {}
+                for (int i = 0; i < 2 && Frame() == KOV_SUCCESS; ++i) {
+                }
             Stop();
             break;
         case SNAP: {
@@ -274,8 +290,9 @@ private:
 
 int Usage()
 {
-    std::puts("kovtorture [--family NAME,...|all] [--kind usb,memory] [--step open,video,snap,close] [--every N] [--at N] [--rate R]\n"
-              "--every 10 tries each tenth position, --at one alone. KOV_LOG shows what the library says.");
+    std::puts(
+        "kovtorture [--family NAME,...|all] [--kind usb,memory] [--step open,video,snap,close] [--every N] [--at N] [--rate R]\n"
+        "--every 10 tries each tenth position, --at one alone. KOV_LOG shows what the library says.");
     return 2;
 }
 
@@ -318,7 +335,8 @@ int main(int argc, char** argv)
                 Die("hangs");
     }).detach();
 
-    std::printf("%-9s %-6s %-7s %-8s %6s %6s %5s   slowest calls, ms of the camera's clock\n", "family", "step", "fails", "", "cases", "told", "wrong");
+    std::printf("%-9s %-6s %-7s %-8s %6s %6s %5s   slowest calls, ms of the camera's clock\n", "family", "step", "fails", "",
+                "cases", "told", "wrong");
     int nProblems = 0;
     bool bAny = false;
     for (const FamilyRow& f : g_Families) {

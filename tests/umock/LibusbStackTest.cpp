@@ -125,7 +125,11 @@ public:
         std::unique_lock l(m_mutex);
         return m_cv.wait_for(l, limit, [&] { return m_order.size() >= n; });
     }
-    std::vector<size_t> Order() const { const std::lock_guard l(m_mutex); return m_order; }
+    std::vector<size_t> Order() const
+    {
+        const std::lock_guard l(m_mutex);
+        return m_order;
+    }
     size_t Count(Status s) const
     {
         const std::lock_guard l(m_mutex);
@@ -136,7 +140,11 @@ public:
     }
     Request& operator[](size_t i) { return m_requests[i]; }
     bool bThrows = false;
-    std::set<std::thread::id> Threads() const { const std::lock_guard l(m_mutex); return m_threads; }
+    std::set<std::thread::id> Threads() const
+    {
+        const std::lock_guard l(m_mutex);
+        return m_threads;
+    }
 
 private:
     void Done(BulkRequest* p, Status status, uint32_t dwBytes)
@@ -366,7 +374,7 @@ TEST_F(Libusb, ShortAndEmptyRequests)
     ASSERT_TRUE(r.Wait(3));
     EXPECT_EQ(r[0].dwBytes, 0u);
     EXPECT_EQ(r[1].dwBytes, 100u);
-    EXPECT_EQ(r[1].data[99], 0);     // byte 3 of word 24
+    EXPECT_EQ(r[1].data[99], 0);  // byte 3 of word 24
     EXPECT_EQ(r[1].data[100], 0xEE);
     EXPECT_EQ(r[2].dwBytes, 4096u);
     EXPECT_EQ(r.Count(Status::Ok), 3u);
@@ -388,8 +396,8 @@ TEST_F(Libusb, AbortReturnsWhenAllAreDoneAndNothingIsWrittenLater)
     EXPECT_EQ(r.Order(), Ascending(N));
     EXPECT_EQ(r.Count(Status::Ok), 3u);
     EXPECT_EQ(r.Count(Status::Cancelled), N - 3);
-    EXPECT_EQ(device.Queued(), 2u);          // the other endpoint goes on
-    p->Abort(EP);                            // nothing to do
+    EXPECT_EQ(device.Queued(), 2u);  // the other endpoint goes on
+    p->Abort(EP);                    // nothing to do
     for (size_t i = 3; i < N; ++i)
         std::fill(r[i].data.begin(), r[i].data.end(), uint8_t(0x5A));
 
@@ -826,8 +834,8 @@ TEST_F(Libusb, ForkAndExitWithAnOpenDevice)
         alarm(20);
         uint32_t dwMoved = 0;
         Requests own(1, 512);
-        const bool bGood = p->Control(0xC0, 0xB5, 0, 0, nullptr, 0, 0, &dwMoved) == Status::Gone &&
-                           p->SubmitBulk(&own[0].bulk) == Status::Gone;
+        const bool bGood =
+            p->Control(0xC0, 0xB5, 0, 0, nullptr, 0, 0, &dwMoved) == Status::Gone && p->SubmitBulk(&own[0].bulk) == Status::Gone;
         p->Abort(EP);
         p.reset();
         _exit(bGood ? 0 : 1);

@@ -44,11 +44,11 @@ void AddDevice(UMockdevTestbed* pBed, const std::string& sName, uint8_t bBus, ui
     const std::string sBus = std::to_string(bBus), sAddress = std::to_string(bAddress);
     const std::string sNode = "/dev/bus/usb/" + Number(bBus) + "/" + Number(bAddress);
     const std::string sSpeed = speed == Speed::Super ? "5000" : speed == Speed::High ? "480" : "12";
-    const char* attributes[] = { "busnum", sBus.c_str(), "devnum", sAddress.c_str(), "speed", sSpeed.c_str(),
-                                 "bConfigurationValue", "1", nullptr };
+    const char* attributes[] = { "busnum",       sBus.c_str(),          "devnum", sAddress.c_str(), "speed",
+                                 sSpeed.c_str(), "bConfigurationValue", "1",      nullptr };
     const std::string sBusNumber = Number(bBus), sDevNumber = Number(bAddress);
-    const char* properties[] = { "DEVTYPE", "usb_device", "DEVNAME", sNode.c_str(), "BUSNUM", sBusNumber.c_str(),
-                                 "DEVNUM", sDevNumber.c_str(), nullptr };
+    const char* properties[] = { "DEVTYPE",          "usb_device", "DEVNAME",          sNode.c_str(), "BUSNUM",
+                                 sBusNumber.c_str(), "DEVNUM",     sDevNumber.c_str(), nullptr };
     gchar* sz = umockdev_testbed_add_devicev(pBed, "usb", sName.c_str(), nullptr, const_cast<gchar**>(attributes),
                                              const_cast<gchar**>(properties));
     if (!sz)
@@ -134,9 +134,21 @@ void MockBus::SetMemoryLimit(uint64_t lBytes, bool bTold)
     }
 }
 
-uint64_t MockBus::MemoryPeak() const { const std::lock_guard lock(m_mutex); return m_lPeak; }
-int MockBus::MemoryRefusals() const { const std::lock_guard lock(m_mutex); return m_iRefusals; }
-void MockBus::Reserve(int64_t lBytes) { const std::lock_guard lock(m_mutex); m_lUsed += uint64_t(lBytes); }
+uint64_t MockBus::MemoryPeak() const
+{
+    const std::lock_guard lock(m_mutex);
+    return m_lPeak;
+}
+int MockBus::MemoryRefusals() const
+{
+    const std::lock_guard lock(m_mutex);
+    return m_iRefusals;
+}
+void MockBus::Reserve(int64_t lBytes)
+{
+    const std::lock_guard lock(m_mutex);
+    m_lUsed += uint64_t(lBytes);
+}
 
 bool MockBus::Take(uint64_t lBytes)
 {
@@ -150,16 +162,19 @@ bool MockBus::Take(uint64_t lBytes)
     return true;
 }
 
-void MockBus::Give(uint64_t lBytes) { const std::lock_guard lock(m_mutex); m_lUsed -= lBytes; }
+void MockBus::Give(uint64_t lBytes)
+{
+    const std::lock_guard lock(m_mutex);
+    m_lUsed -= lBytes;
+}
 
 // libusb knows a port path only where all hubs on the way are known.
 void MockBus::AddHub(uint8_t bBus, const std::string& sName, Speed speed)
 {
     if (!m_hubs.insert(sName).second)
         return;
-    const std::vector<uint8_t> descriptors = { 18, 1, 0, 3, 9, 0, 3, 9, 0x6B, 0x1D, 3, 0, 0, 1, 0, 0, 0, 1,
-                                               9, 2, 18, 0, 1, 1, 0, 0xE0, 0,
-                                               9, 4, 0, 0, 0, 9, 0, 0, 0 };
+    const std::vector<uint8_t> descriptors = { 18, 1, 0,  3, 9, 0, 3, 9,    0x6B, 0x1D, 3, 0, 0, 1, 0, 0, 0, 1,
+                                               9,  2, 18, 0, 1, 1, 0, 0xE0, 0,    9,    4, 0, 0, 0, 9, 0, 0, 0 };
     std::string sPath;
     AddDevice(m_pBed, sName, bBus, NextAddress(), speed, descriptors, &sPath);
     umockdev_testbed_uevent(m_pBed, sPath.c_str(), "add");
@@ -196,7 +211,9 @@ struct MockIoctl {
     MockUsb* pUsb;
     void* pNode;
 };
-struct MockIoctlClass { UMockdevIoctlBaseClass base; };
+struct MockIoctlClass {
+    UMockdevIoctlBaseClass base;
+};
 
 struct MockUsb::Ioctl {
     static gboolean Handle(UMockdevIoctlBase* pSelf, UMockdevIoctlClient* pClient)
@@ -206,16 +223,12 @@ struct MockUsb::Ioctl {
         std::memcpy(&pArg, umockdev_ioctl_client_get_arg(pClient)->data, sizeof pArg);
         int iErrno = 0;
         EnterIoctl();
-        const long r = p->pUsb->Handle(*static_cast<Node*>(p->pNode), umockdev_ioctl_client_get_request(pClient), pArg,
-                                       &iErrno);
+        const long r = p->pUsb->Handle(*static_cast<Node*>(p->pNode), umockdev_ioctl_client_get_request(pClient), pArg, &iErrno);
         LeaveIoctl();
         umockdev_ioctl_client_complete(pClient, r, iErrno);
         return TRUE;
     }
-    static void ClassInit(void* pClass, void*)
-    {
-        static_cast<UMockdevIoctlBaseClass*>(pClass)->handle_ioctl = Handle;
-    }
+    static void ClassInit(void* pClass, void*) { static_cast<UMockdevIoctlBaseClass*>(pClass)->handle_ioctl = Handle; }
     static GType Type()
     {
         static const GType type = [] {
@@ -328,7 +341,8 @@ void MockUsb::Vanish()
 void MockUsb::ReplaceUnderSameAddress()
 {
     gchar* szSys = umockdev_testbed_get_sys_dir(m_bus.m_pBed);
-    const std::string sFolder = std::string(szSys) + "/bus/usb/devices/", sName = sFolder + std::to_string(m_bBus) + "-" + m_sPorts;
+    const std::string sFolder = std::string(szSys) + "/bus/usb/devices/",
+                      sName = sFolder + std::to_string(m_bBus) + "-" + m_sPorts;
     g_free(szSys);
     char szTarget[256] = {};
     if (readlink(sName.c_str(), szTarget, sizeof szTarget - 1) < 0 || symlink(szTarget, (sFolder + ".new").c_str()) != 0 ||
@@ -382,8 +396,7 @@ long MockUsb::Handle(Node& node, unsigned long lRequest, void* pArg, int* piErrn
     case USBDEVFS_SETINTERFACE: {
         const auto* p = static_cast<const usbdevfs_setinterface*>(pArg);
         uint32_t dwMoved = 0;
-        const Status s = m_device.Control(1, 11, uint16_t(p->altsetting), uint16_t(p->interface), nullptr, 0, 1000,
-                                          &dwMoved);
+        const Status s = m_device.Control(1, 11, uint16_t(p->altsetting), uint16_t(p->interface), nullptr, 0, 1000, &dwMoved);
         return fail(s == Status::Ok ? 0 : EINVAL);
     }
     case USBDEVFS_CLEAR_HALT: {
@@ -391,9 +404,8 @@ long MockUsb::Handle(Node& node, unsigned long lRequest, void* pArg, int* piErrn
         {
             const std::lock_guard lock(m_mutex);
             // Host controllers do not clear a halt under queued requests.
-            if (std::any_of(node.urbs.begin(), node.urbs.end(), [&](const auto& u) {
-                    return u->pUrb->endpoint == bEndpoint && u->state != Urb::State::Done;
-                })) {
+            if (std::any_of(node.urbs.begin(), node.urbs.end(),
+                            [&](const auto& u) { return u->pUrb->endpoint == bEndpoint && u->state != Urb::State::Done; })) {
                 ++m_counts.iRefusedHalts;
                 return fail(EBUSY);
             }
@@ -570,8 +582,7 @@ void MockUsb::ControlLoop()
         lock.unlock();
         // Into memory of our own: the client may discard the request in the meantime.
         uint32_t dwMoved = 0;
-        const Status s = m_device.Control(p->setup[0], p->setup[1], word(2), word(4), p->setup.data() + 8, word(6), 0,
-                                          &dwMoved);
+        const Status s = m_device.Control(p->setup[0], p->setup[1], word(2), word(4), p->setup.data() + 8, word(6), 0, &dwMoved);
         lock.lock();
         if (p->state == Urb::State::Done)
             continue;

@@ -33,9 +33,9 @@ public:
 
     // 0: unlimited. bTold: the limit also stands where the system tells it, in whole MiB.
     void SetMemoryLimit(uint64_t lBytes, bool bTold = false);
-    uint64_t MemoryPeak() const;                 // most that was in use
+    uint64_t MemoryPeak() const;  // most that was in use
     int MemoryRefusals() const;
-    void Reserve(int64_t lBytes);                // what another process takes (or, negative, gives back)
+    void Reserve(int64_t lBytes);  // what another process takes (or, negative, gives back)
 
 private:
     friend class MockUsb;
@@ -61,19 +61,19 @@ public:
     MockUsb(const MockUsb&) = delete;
     MockUsb& operator=(const MockUsb&) = delete;
 
-    void Plug();    // does nothing while plugged
-    void Vanish();  // every request ends, the node goes, the system tells it
+    void Plug();                     // does nothing while plugged
+    void Vanish();                   // every request ends, the node goes, the system tells it
     void ReplaceUnderSameAddress();  // as a hub with a controller of its own does that is pulled and plugged again
     uint8_t Address() const { return m_bAddress; }
 
     // How hosts differ; to be set before the device is opened. CONTINUATION makes libusb split requests in 16 KiB.
     void SetCapabilities(uint32_t dw) { m_dwCapabilities = dw; }
-    void SetClaimError(int iErrno) { m_iClaimError = iErrno; }     // 0: none
-    void SetResetError(int iErrno) { m_iResetError = iErrno; }     // ENODEV: comes back as another device
+    void SetClaimError(int iErrno) { m_iClaimError = iErrno; }  // 0: none
+    void SetResetError(int iErrno) { m_iResetError = iErrno; }  // ENODEV: comes back as another device
 
     struct Counts {
-        int iClaims = 0, iReleases = 0, iResets = 0, iClearHalts = 0, iRefusedHalts = 0, iDiscards = 0, iBulk = 0,
-            iControl = 0, iOutstanding = 0, iAtReset = 0;  // iAtReset: requests outstanding at the last reset
+        int iClaims = 0, iReleases = 0, iResets = 0, iClearHalts = 0, iRefusedHalts = 0, iDiscards = 0, iBulk = 0, iControl = 0,
+            iOutstanding = 0, iAtReset = 0;  // iAtReset: requests outstanding at the last reset
     };
     Counts Seen() const;
 
@@ -107,5 +107,5 @@ private:
     std::list<std::shared_ptr<Urb>> m_control;
     Counts m_counts;
     bool m_bStop = false;
-    std::thread m_thread;        // control requests, which may take time
+    std::thread m_thread;  // control requests, which may take time
 };

@@ -14,19 +14,36 @@
 class StreamDevice : public usbstack::IDevice {
 public:
     using Status = usbstack::Status;
-    struct Setup { uint8_t bType, bRequest; uint16_t wValue, wIndex, wLength; std::vector<uint8_t> data; };
+    struct Setup {
+        uint8_t bType, bRequest;
+        uint16_t wValue, wIndex, wLength;
+        std::vector<uint8_t> data;
+    };
 
     explicit StreamDevice(uint16_t wProductId, usbstack::Speed speed = usbstack::Speed::Super, uint16_t wVendorId = 0x0E5A)
         : m_speed(speed)
     {
         const bool bSuper = speed == usbstack::Speed::Super;
-        device = { 18, 1, 0, uint8_t(bSuper ? 3 : 2), 0, 0, 0, uint8_t(bSuper ? 9 : 64), uint8_t(wVendorId & 0xFF),
-                   uint8_t(wVendorId >> 8), uint8_t(wProductId & 0xFF), uint8_t(wProductId >> 8), 0x34, 0x12, 1, 2, 3, 1 };
-        config = { 9, 2, 57, 0, 1, 1, 0, 0x80, 100,
-                   9, 4, 0, 0, 2, 0xFF, 0, 0, 0,
-                   7, 5, 0x81, 2, 0, 4, 0,  6, 0x30, 15, 0, 0, 0,
-                   7, 5, 0x02, 2, 0, 4, 0,  6, 0x30, 0, 0, 0, 0,
-                   6, 0x24, 1, 2, 3, 4 };
+        device = { 18,
+                   1,
+                   0,
+                   uint8_t(bSuper ? 3 : 2),
+                   0,
+                   0,
+                   0,
+                   uint8_t(bSuper ? 9 : 64),
+                   uint8_t(wVendorId & 0xFF),
+                   uint8_t(wVendorId >> 8),
+                   uint8_t(wProductId & 0xFF),
+                   uint8_t(wProductId >> 8),
+                   0x34,
+                   0x12,
+                   1,
+                   2,
+                   3,
+                   1 };
+        config = { 9, 2,    57, 0, 1, 1, 0, 0x80, 100,  9, 4, 0, 0, 2, 0xFF, 0, 0, 0, 7, 5, 0x81, 2, 0, 4, 0,
+                   6, 0x30, 15, 0, 0, 0, 7, 5,    0x02, 2, 0, 4, 0, 6, 0x30, 0, 0, 0, 0, 6, 0x24, 1, 2, 3, 4 };
         config[2] = uint8_t(config.size());
     }
 
@@ -34,7 +51,12 @@ public:
     bool bRefuseConfig = false;  // the control read of the configuration stalls
     bool bMute = false;          // control requests are never answered (until Unmute)
 
-    void Unmute() { const std::lock_guard l(m_mutex); bMute = false; m_cv.notify_all(); }
+    void Unmute()
+    {
+        const std::lock_guard l(m_mutex);
+        bMute = false;
+        m_cv.notify_all();
+    }
     // Lets the next n requests end with this many bytes (-1: full).
     void Allow(int n, int64_t lBytes = -1)
     {
@@ -49,11 +71,19 @@ public:
         m_bHalted = true;
         Serve();
     }
-    size_t Queued() const { const std::lock_guard l(m_mutex); return m_queue.size(); }
-    std::vector<Setup> Seen() const { const std::lock_guard l(m_mutex); return m_seen; }
+    size_t Queued() const
+    {
+        const std::lock_guard l(m_mutex);
+        return m_queue.size();
+    }
+    std::vector<Setup> Seen() const
+    {
+        const std::lock_guard l(m_mutex);
+        return m_seen;
+    }
 
-    Status Control(uint8_t bType, uint8_t bRequest, uint16_t wValue, uint16_t wIndex, uint8_t* pData, uint16_t wLength,
-                   uint32_t, uint32_t* pdwMoved) override
+    Status Control(uint8_t bType, uint8_t bRequest, uint16_t wValue, uint16_t wIndex, uint8_t* pData, uint16_t wLength, uint32_t,
+                   uint32_t* pdwMoved) override
     {
         std::unique_lock l(m_mutex);
         Setup s{ bType, bRequest, wValue, wIndex, wLength, {} };
@@ -99,7 +129,12 @@ public:
         }
         m_queue.swap(rest);
     }
-    Status ResetPipe(uint8_t) override { const std::lock_guard l(m_mutex); m_bHalted = false; return Status::Ok; }
+    Status ResetPipe(uint8_t) override
+    {
+        const std::lock_guard l(m_mutex);
+        m_bHalted = false;
+        return Status::Ok;
+    }
     void SetTransferSize(uint8_t, uint32_t) override {}
     Status ResetPort() override { return Status::Ok; }
     Status CyclePort() override { return Status::Ok; }

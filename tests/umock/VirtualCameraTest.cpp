@@ -16,8 +16,8 @@
 #include "KOVCamera2.h"
 #include "camera/CCameraBase.h"
 #include "platform/Platform.h"
-#include "platform/posix/LibusbStack.h"
 #include "platform/UsbAdapter.h"
+#include "platform/posix/LibusbStack.h"
 #include "umock/MockUsb.h"
 #include "virtual/VirtualBus.h"
 
@@ -97,7 +97,8 @@ protected:
             const auto each = [&](auto f) {
                 for (int y = 4 + (phase >> 1); y < H - 4; y += 2)
                     for (int x = 4 + (phase & 1); x < W - 4; x += 2)
-                        f(double(((cam.m_iStartX + x) * 7 + (cam.m_iStartY + y) * 13) % 251), double(m_Data[size_t(y) * W + size_t(x)]));
+                        f(double(((cam.m_iStartX + x) * 7 + (cam.m_iStartY + y) * 13) % 251),
+                          double(m_Data[size_t(y) * W + size_t(x)]));
             };
             each([&](double e, double m) {
                 n += 1;
@@ -191,7 +192,8 @@ TEST_F(LibusbCamera, OneLookAtTheBus)
         s.wProductId = id;
         m_Virtual.Plug(s);
         extra.emplace_back().device.reset(m_Virtual.Open(m_Virtual.Enumerate().back().sPath, nullptr));
-        extra.back().usb = std::make_unique<MockUsb>(*m_pBus, uint8_t{ 2 }, "2." + std::to_string(extra.size()), *extra.back().device);
+        extra.back().usb =
+            std::make_unique<MockUsb>(*m_pBus, uint8_t{ 2 }, "2." + std::to_string(extra.size()), *extra.back().device);
     }
     const auto asked = [&] {
         int n = m_pUsb->Seen().iControl;
@@ -199,15 +201,30 @@ TEST_F(LibusbCamera, OneLookAtTheBus)
             n += e.usb->Seen().iControl;
         return n;
     };
-    const struct { const char* szWhat; std::function<void()> change; int iCount, iInits, iLists; bool bAsked; } rows[] = {
+    const struct {
+        const char* szWhat;
+        std::function<void()> change;
+        int iCount, iInits, iLists;
+        bool bAsked;
+    } rows[] = {
         { "first look", [] {}, 4, 1, 1, true },
         { "nothing new", [] {}, 4, 0, 0, false },
         { "one pulled", [&] { extra[1].usb->Vanish(); }, 3, 1, 1, false },
         { "and plugged again", [&] { extra[1].usb->Plug(); }, 4, 1, 1, true },
         { "another one under the same address", [&] { extra[0].usb->ReplaceUnderSameAddress(); }, 4, 1, 1, true },
-        { "while one is open", [&] { ASSERT_EQ(KOVOpenCamera(2), KOV_SUCCESS); extra[1].usb->Vanish(); }, 3, 0, 1, false },
+        { "while one is open",
+          [&] {
+              ASSERT_EQ(KOVOpenCamera(2), KOV_SUCCESS);
+              extra[1].usb->Vanish();
+          },
+          3, 0, 1, false },
         { "nothing new then", [] {}, 3, 0, 0, false },
-        { "as a child would find it", [&] { KOVCloseCamera(2); usbstack::ForgetLibusb(); }, 3, 1, 1, false },
+        { "as a child would find it",
+          [&] {
+              KOVCloseCamera(2);
+              usbstack::ForgetLibusb();
+          },
+          3, 1, 1, false },
     };
     for (const auto& r : rows) {
         SCOPED_TRACE(r.szWhat);

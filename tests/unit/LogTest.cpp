@@ -29,8 +29,7 @@ protected:
             a.push_back(s);
         return a;
     }
-    const std::filesystem::path m_path =
-        std::filesystem::temp_directory_path() / ("kovlog-" + std::to_string(::getpid()));
+    const std::filesystem::path m_path = std::filesystem::temp_directory_path() / ("kovlog-" + std::to_string(::getpid()));
 };
 
 }  // namespace
@@ -40,8 +39,8 @@ TEST_F(LogTest, LevelsAndRoomsChooseTheLines)
     const struct {
         const char* szLog;
         size_t uLines;
-    } rows[] = { { nullptr, 0 }, { "", 0 },           { "off", 0 },      { "error", 1 },     { "warn", 2 },
-                 { "info", 3 },  { "debug", 4 },      { "trace", 5 },    { "loud", 0 },      { "trace:usb", 1 } };
+    } rows[] = { { nullptr, 0 }, { "", 0 },      { "off", 0 },   { "error", 1 }, { "warn", 2 },
+                 { "info", 3 },  { "debug", 4 }, { "trace", 5 }, { "loud", 0 },  { "trace:usb", 1 } };
     for (const auto& row : rows) {
         logging::Configure(nullptr, nullptr);  // an open file cannot be removed on Windows
         std::filesystem::remove(m_path);
@@ -68,11 +67,13 @@ TEST_F(LogTest, LinesAreWholeAndNameThreadAndCamera)
         const logging::CameraScope scope({ 3, "QuartzCol" });
         platform::Thread a[4];
         for (auto& thread : a)
-            thread.Start([](void*) {
-                logging::SetThreadName("worker");
-                for (int i = 0; i < 200; ++i)
-                    KOV_LOG(Info, "two\nparts %s\n", std::string(1200, 'x').c_str());
-            }, nullptr);
+            thread.Start(
+                [](void*) {
+                    logging::SetThreadName("worker");
+                    for (int i = 0; i < 200; ++i)
+                        KOV_LOG(Info, "two\nparts %s\n", std::string(1200, 'x').c_str());
+                },
+                nullptr);
     }
     KOV_LOG(Info, "outside");
     const auto lines = Lines();

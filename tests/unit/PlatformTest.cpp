@@ -63,7 +63,7 @@ TEST(Platform, ThreadIsWaitedForAndMayStartAgain)
 {
     struct Job {
         EventHandle go = MakeEvent();
-        std::atomic<int> runs{0};
+        std::atomic<int> runs{ 0 };
         ~Job() { FreeEvent(go); }
     } job;
     const auto fn = [](void* p) {
@@ -91,12 +91,18 @@ TEST(Platform, ThreadIsWaitedForAndMayStartAgain)
 TEST(Platform, CriticalSectionKeepsOthersOutAndItsOwnerIn)
 {
     CriticalSection cs;
-    struct Work { CriticalSection& cs; int n = 0; } work{cs};
+    struct Work {
+        CriticalSection& cs;
+        int n = 0;
+    } work{ cs };
     const auto fn = [](void* p) {
         auto& w = *static_cast<Work*>(p);
         for (int i = 0; i < 20000; ++i) {
             const Lock outer(w.cs);
-            [&w] { const Lock inner(w.cs); ++w.n; }();
+            [&w] {
+                const Lock inner(w.cs);
+                ++w.n;
+            }();
         }
     };
     Thread a, b;

@@ -18,7 +18,12 @@ struct Camera : StackScope, CCameraFX3 {
         m_bOpen = true;
     }
     ~Camera() { ReplaceLink(nullptr); }  // before the stack goes
-    std::string Log() { const std::string s = dev.Log(); dev.Clear(); return s; }
+    std::string Log()
+    {
+        const std::string s = dev.Log();
+        dev.Clear();
+        return s;
+    }
 };
 
 TEST(CCameraFX3, EveryOperationsRequest)
@@ -69,22 +74,31 @@ TEST(CCameraFX3, EveryOperationsRequest)
 
 TEST(CCameraFX3, BitFields)
 {
-    const struct { uint8_t first, last; uint16_t value; const char* szWritten; } words[] = {
-        { 5, 5, 1, "out 166 0010 a525\n" },    // inclusive
-        { 4, 7, 0, "out 166 0010 a505\n" },
-        { 0, 15, 0x1234, "out 166 0010 1234\n" },
+    const struct {
+        uint8_t first, last;
+        uint16_t value;
+        const char* szWritten;
+    } words[] = {
+        { 5, 5, 1, "out 166 0010 a525\n" },  // inclusive
+        { 4, 7, 0, "out 166 0010 a505\n" },     { 0, 15, 0x1234, "out 166 0010 1234\n" },
         { 8, 11, 0xFF, "out 166 0010 af05\n" },  // excess bits of the value stay out
-        { 7, 6, 0xFF, "out 166 0010 a505\n" },
-        { 40, 50, 1, "out 166 0010 a505\n" },
+        { 7, 6, 0xFF, "out 166 0010 a505\n" },  { 40, 50, 1, "out 166 0010 a505\n" },
         { 12, 255, 0, "out 166 0010 0505\n" },
     };
     Camera cam;
-    cam.dev.OnIn = [](const RecordedRequest&, uint8_t* p, uint16_t n) { p[0] = 0xA5; if (n > 1) p[1] = 0x05; };
+    cam.dev.OnIn = [](const RecordedRequest&, uint8_t* p, uint16_t n) {
+        p[0] = 0xA5;
+        if (n > 1)
+            p[1] = 0x05;
+    };
     for (const auto& r : words) {
         EXPECT_TRUE(cam.WriteCameraRegister_B(0x10, r.first, r.last, r.value));
         EXPECT_EQ(cam.Log(), std::string("in 167 0010 0000: a5 05\n") + r.szWritten);
     }
-    const struct { uint8_t first, end, value; const char* szWritten; } bytes[] = {
+    const struct {
+        uint8_t first, end, value;
+        const char* szWritten;
+    } bytes[] = {
         { 1, 2, 1, "out 182 0010 00a7\n" },
         { 5, 5, 1, "out 182 0010 00a5\n" },  // QUIRK: empty field, old value written back
         { 4, 8, 3, "out 182 0010 0035\n" },

@@ -83,8 +83,8 @@ TEST(CUsbLink, WalkOverDevices)
     s.stack.Add(0xC11A);
     s.stack.Add(0xC11B, Speed::Super, 0x1234);  // another vendor's on the same interface
     FakeUsbDevice& third = s.stack.Add(0xC0EA);
-    s.stack.Add(0xC07A, Speed::High);           // another interface
-    s.stack.Add(0xCFFF);                        // unknown product: the tenth interface
+    s.stack.Add(0xC07A, Speed::High);  // another interface
+    s.stack.Add(0xCFFF);               // unknown product: the tenth interface
     CUsbLink link(nullptr, Slot(10), false);
     EXPECT_EQ(link.DeviceCount(), 4);
     std::vector<uint32_t> ids;
@@ -173,7 +173,10 @@ TEST(CUsbLink, QuirkLanguageScanVisitsEverySecondEntry)
 {
     StackScope s;
     FakeUsbDevice& dev = s.stack.Add(0xC11A);
-    const struct { std::vector<uint8_t> languages; uint16_t chosen; } rows[] = {
+    const struct {
+        std::vector<uint8_t> languages;
+        uint16_t chosen;
+    } rows[] = {
         { { 6, 3, 0x07, 0x04, 0x09, 0x04 }, 0x407 },
         { { 8, 3, 0x07, 0x04, 0x11, 0x04, 0x09, 0x04 }, 0x409 },
         { { 4, 3, 0x07, 0x04 }, 0x407 },

@@ -39,8 +39,9 @@ const Bytes g_Foreign = { 3, 0x24, 0 };
 
 TEST(Descriptors, EndpointClassesByTheWholeAttributeByte)
 {
-    const auto c = Parse(Config({ Interface(0, 0, 5), EndPoint(0x81, 0), g_Companion, EndPoint(0x82, 1),
-                                  EndPoint(0x83, 2), g_Companion, EndPoint(0x84, 3), EndPoint(0x85, 6) }), true);
+    const auto c = Parse(Config({ Interface(0, 0, 5), EndPoint(0x81, 0), g_Companion, EndPoint(0x82, 1), EndPoint(0x83, 2),
+                                  g_Companion, EndPoint(0x84, 3), EndPoint(0x85, 6) }),
+                         true);
     ASSERT_TRUE(c);
     const InterfaceObject& i = *c->apInterfaces[0];
     EXPECT_EQ(i.wTotalLength, 9 + 5 * 7 + 2 * 6);
@@ -59,10 +60,12 @@ TEST(Descriptors, HeadsAreKept)
     const auto c = Parse(Config({ Interface(7, 6, 5) }), true);
     ASSERT_TRUE(c && c->apInterfaces[0]);
     const InterfaceObject& i = *c->apInterfaces[0];
-    EXPECT_EQ((Bytes{ c->bLength, c->bDescriptorType, uint8_t(c->wTotalLength), c->bNumInterfaces, c->bConfigurationValue, c->iConfiguration,
-                      c->bmAttributes, c->bMaxPower }), (Bytes{ 9, 2, 18, 1, 3, 4, 0x80, 50 }));
+    EXPECT_EQ((Bytes{ c->bLength, c->bDescriptorType, uint8_t(c->wTotalLength), c->bNumInterfaces, c->bConfigurationValue,
+                      c->iConfiguration, c->bmAttributes, c->bMaxPower }),
+              (Bytes{ 9, 2, 18, 1, 3, 4, 0x80, 50 }));
     EXPECT_EQ((Bytes{ i.bLength, i.bDescriptorType, i.bInterfaceNumber, i.bAlternateSetting, i.bNumEndpoints, i.bInterfaceClass,
-                      i.bInterfaceSubClass, i.bInterfaceProtocol, i.iInterface }), Interface(7, 6, 5));
+                      i.bInterfaceSubClass, i.bInterfaceProtocol, i.iInterface }),
+              Interface(7, 6, 5));
 }
 
 TEST(Descriptors, PlainParserSkipsCompanionsAsForeign)
@@ -140,15 +143,14 @@ TEST(Descriptors, WhatIsCutOffIsAbsentWhatCannotBeWalkedThrows)
 
 TEST(Descriptors, Bos)
 {
-    Bytes b = { 5, 15, 42, 0, 3,
-                7, 16, 2, 0x78, 0x56, 0x34, 0x12,
-                10, 16, 3, 1, 0x0E, 0x00, 2, 10, 0xFF, 0x07,
-                20, 16, 4, 0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16 };
+    Bytes b = { 5,    15, 42, 0, 3, 7, 16, 2, 0x78, 0x56, 0x34, 0x12, 10, 16, 3,  1,  0x0E, 0x00, 2,  10, 0xFF,
+                0x07, 20, 16, 4, 0, 1, 2,  3, 4,    5,    6,    7,    8,  9,  10, 11, 12,   13,   14, 15, 16 };
     const std::unique_ptr<BosObject> o(ParseBos(b.data(), uint32_t(b.size())));
     ASSERT_TRUE(o->pUsb20 && o->pSuperSpeed && o->pContainerId);
     EXPECT_EQ((Bytes{ o->bLength, o->bDescriptorType, uint8_t(o->wTotalLength), o->bNumDeviceCaps }), (Bytes{ 5, 15, 42, 3 }));
     EXPECT_EQ(o->pUsb20->dwAttributes, 0x12345678u);
-    EXPECT_EQ(o->pSuperSpeed->bmAttributes + 16 * o->pSuperSpeed->bFunctionalitySupport + 256 * o->pSuperSpeed->bU1DevExitLat, 0xA21);
+    EXPECT_EQ(o->pSuperSpeed->bmAttributes + 16 * o->pSuperSpeed->bFunctionalitySupport + 256 * o->pSuperSpeed->bU1DevExitLat,
+              0xA21);
     EXPECT_EQ(o->pSuperSpeed->wSpeedsSupported, 14);
     EXPECT_EQ(o->pSuperSpeed->wU2DevExitLat, 0x7FF);
     EXPECT_EQ(o->pContainerId->abContainerId[0], 1);

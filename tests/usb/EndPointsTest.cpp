@@ -28,13 +28,18 @@ struct EventSlot : Overlapped {
 
 TEST(EndPoints, MaximumPacketSize)
 {
-    const struct { EndPointDescriptor d; CompanionDescriptor c; bool bComp; uint16_t wMax, wMult; } rows[] = {
+    const struct {
+        EndPointDescriptor d;
+        CompanionDescriptor c;
+        bool bComp;
+        uint16_t wMax, wMult;
+    } rows[] = {
         { Desc(0x82, 2, 512), {}, false, 512, 1 },
-        { Desc(0x82, 1, 0x1400), {}, false, 3072, 3 },                     // 1024, three a microframe
+        { Desc(0x82, 1, 0x1400), {}, false, 3072, 3 },  // 1024, three a microframe
         { Desc(0x82, 2, 1024), { 6, 0x30, 15, 0, 0 }, true, 16384, 1 },
-        { Desc(0x82, 1, 1024), { 6, 0x30, 3, 2, 0 }, true, 12288, 1 },     // times burst, times packets
-        { Desc(0x82, 2, 1024), { 6, 0x30, 3, 2, 0 }, true, 4096, 1 },      // the latter for isochronous only
-        { Desc(0x82, 2, 1024), { 6, 0x30, 63, 0, 0 }, true, 0, 1 },        // 16 bits
+        { Desc(0x82, 1, 1024), { 6, 0x30, 3, 2, 0 }, true, 12288, 1 },  // times burst, times packets
+        { Desc(0x82, 2, 1024), { 6, 0x30, 3, 2, 0 }, true, 4096, 1 },   // the latter for isochronous only
+        { Desc(0x82, 2, 1024), { 6, 0x30, 63, 0, 0 }, true, 0, 1 },     // 16 bits
     };
     for (const auto& r : rows) {
         CCyBulkEndPoint ep(5, &r.d, r.bComp ? &r.c : nullptr);
@@ -101,7 +106,9 @@ TEST(EndPoints, ControlRecord)
     ep.m_iReqCode = 0xB7;
     ep.m_iValue = 0x3012;
     ep.m_iIndex = 0x0405;
-    const struct { uint32_t ms, s; } limits[] = { { 500, 1 }, { 1000, 1 }, { 2500, 2 }, { 0, 0 }, { 1, 1 }, { 999, 1 } };
+    const struct {
+        uint32_t ms, s;
+    } limits[] = { { 500, 1 }, { 1000, 1 }, { 2500, 2 }, { 0, 0 }, { 1, 1 }, { 999, 1 } };
     for (const auto& l : limits) {
         ep.m_iTimeOut = l.ms;
         uint8_t* const ctx = ep.BeginDataXfer(buf, 3, &ov);
@@ -242,7 +249,9 @@ TEST(EndPoints, TransferSizeIsWholePackets)
 {
     FakeDriver driver;
     CCyBulkEndPoint ep(5, &g_BulkIn, nullptr);
-    const struct { uint32_t asked, sent; } rows[] = { { 0x100000, 0x100000 }, { 1000, 1024 }, { 1025, 2048 }, { 0, 0 } };
+    const struct {
+        uint32_t asked, sent;
+    } rows[] = { { 0x100000, 0x100000 }, { 1000, 1024 }, { 1025, 2048 }, { 0, 0 } };
     for (const auto& r : rows) {
         ep.SetXferSize(r.asked);
         const DriverCall& c = driver.calls.back();

@@ -7,8 +7,8 @@
 #include <vector>
 
 #include "platform/Platform.h"
-#include "platform/UsbDriver.h"
 #include "platform/UsbAdapter.h"
+#include "platform/UsbDriver.h"
 #include "tests/support/RecordingStack.h"
 
 struct DriverCall {
@@ -44,8 +44,9 @@ public:
         c.bOverlapped = pOverlapped != nullptr;
         calls.push_back(c);
         *pdwBytes = dwOut;
-        const uint32_t dwError =
-            onIo ? onIo(c, static_cast<uint8_t*>(pOut), pOverlapped) : pOverlapped ? platform::ERROR_PENDING : 0u;
+        const uint32_t dwError = onIo          ? onIo(c, static_cast<uint8_t*>(pOut), pOverlapped)
+                                 : pOverlapped ? platform::ERROR_PENDING
+                                               : 0u;
         platform::SetLastError(dwError);
         return dwError == 0;
     }
@@ -81,9 +82,13 @@ public:
     uint32_t dwSpeed = 0xFFFFFFFF;        // stands in for the real one
     std::vector<std::string> log;
     std::vector<uint8_t> interfaceFilter, handleFilter;
-    int controls = 0;                     // synchronous control requests
+    int controls = 0;  // synchronous control requests
 
-    DevInfo GetClassDevs(const platform::Guid& g) override { log.push_back("list"); return m_next.GetClassDevs(g); }
+    DevInfo GetClassDevs(const platform::Guid& g) override
+    {
+        log.push_back("list");
+        return m_next.GetClassDevs(g);
+    }
     bool EnumInterface(DevInfo h, uint32_t i) override
     {
         log.push_back("interface " + std::to_string(i));
@@ -93,7 +98,11 @@ public:
         }
         return m_next.EnumInterface(h, i - (i > dwEnumFailsAt ? 1 : 0));
     }
-    bool EnumInfo(DevInfo h, uint32_t i) override { log.push_back("info"); return m_next.EnumInfo(h, i); }
+    bool EnumInfo(DevInfo h, uint32_t i) override
+    {
+        log.push_back("info");
+        return m_next.EnumInfo(h, i);
+    }
     bool GetProperty(DevInfo h, uint32_t i, uint32_t p, char* pOut, uint32_t n) override
     {
         log.push_back("property " + std::to_string(p) + " " + std::to_string(n));
@@ -104,8 +113,16 @@ public:
         log.push_back("path");
         return m_next.GetInterfacePath(h, i, s);
     }
-    void DestroyList(DevInfo h) override { log.push_back("destroy"); m_next.DestroyList(h); }
-    platform::DeviceHandle Open(const char* sz) override { log.push_back("open"); return m_next.Open(sz); }
+    void DestroyList(DevInfo h) override
+    {
+        log.push_back("destroy");
+        m_next.DestroyList(h);
+    }
+    platform::DeviceHandle Open(const char* sz) override
+    {
+        log.push_back("open");
+        return m_next.Open(sz);
+    }
     bool Close(platform::DeviceHandle h) override
     {
         log.push_back("close");
@@ -115,8 +132,8 @@ public:
         }
         return m_next.Close(h);
     }
-    bool IoControl(platform::DeviceHandle h, uint32_t c, void* pIn, uint32_t dwIn, void* pOut, uint32_t dwOut,
-                   uint32_t* pdwBytes, platform::Overlapped* o) override
+    bool IoControl(platform::DeviceHandle h, uint32_t c, void* pIn, uint32_t dwIn, void* pOut, uint32_t dwOut, uint32_t* pdwBytes,
+                   platform::Overlapped* o) override
     {
         controls += c == platform::IO_CONTROL && !o;
         if (c == dwFailCode) {

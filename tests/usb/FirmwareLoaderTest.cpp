@@ -73,16 +73,14 @@ struct Loader : testing::Test, StackScope, CCameraFX3 {
         std::vector<std::string> v;
         for (const RecordedRequest& r : dev.Take()) {
             char sz[64];
-            std::snprintf(sz, sizeof sz, "%s %u %04x %04x %u", r.bIn ? "in" : "out", r.bRequest, r.wValue, r.wIndex,
-                          r.wLength);
+            std::snprintf(sz, sizeof sz, "%s %u %04x %04x %u", r.bIn ? "in" : "out", r.bRequest, r.wValue, r.wIndex, r.wLength);
             v.push_back(sz);
         }
         return v;
     }
 };
 using Lines = std::vector<std::string>;
-const Lines g_LoaderStart = { "out 160 e600 0000 1", "out 160 0000 0000 2048", "out 160 0800 0000 1427",
-                              "out 160 e600 0000 1" };
+const Lines g_LoaderStart = { "out 160 e600 0000 1", "out 160 0000 0000 2048", "out 160 0800 0000 1427", "out 160 e600 0000 1" };
 
 Lines operator+(Lines a, const Lines& b)
 {
@@ -103,11 +101,10 @@ TEST_F(Loader, UpdateWritesComparesAndStartsTheImage)
     EXPECT_EQ(requests[9].wValue, 0x100);  // the first record, behind the hold
     EXPECT_EQ(requests[9].data, Bytes(image.begin() + 12, image.begin() + 12 + 0x3FF));
     const Lines got = Shapes();
-    const Lines expected = g_LoaderStart +
-                           Lines{ "out 169 0000 0000 4096", "out 169 1000 0000 203", "in 169 0000 0000 4096",
-                                  "in 169 1000 0000 203", "out 160 e600 0000 1", "out 160 0100 0000 1023",
-                                  "out 160 04ff 0000 1023", "out 160 08fe 0000 1023", "out 160 0cfd 0000 1023",
-                                  "out 160 10fc 0000 174", "out 160 e600 0000 1" };
+    const Lines expected = g_LoaderStart + Lines{ "out 169 0000 0000 4096", "out 169 1000 0000 203",  "in 169 0000 0000 4096",
+                                                  "in 169 1000 0000 203",   "out 160 e600 0000 1",    "out 160 0100 0000 1023",
+                                                  "out 160 04ff 0000 1023", "out 160 08fe 0000 1023", "out 160 0cfd 0000 1023",
+                                                  "out 160 10fc 0000 174",  "out 160 e600 0000 1" };
     EXPECT_EQ(got, expected);
 }
 
@@ -317,8 +314,9 @@ TEST_F(Loader, RamImage)
 {
     bReadRequest = 160;
     memory.resize(0x110000);
-    Bytes image = { 'C', 'Y', 0, 0, 2, 0, 0, 0, 0x00, 0x01, 0x03, 0x00, 1, 2, 3, 4, 5, 6, 7, 8,
-                    0, 0, 0, 0, 0x45, 0x23, 0x01, 0x40 };
+    Bytes image = {
+        'C', 'Y', 0, 0, 2, 0, 0, 0, 0x00, 0x01, 0x03, 0x00, 1, 2, 3, 4, 5, 6, 7, 8, 0, 0, 0, 0, 0x45, 0x23, 0x01, 0x40
+    };
     const auto Load = [&] { return DownloadFwToRam(image.data(), uint32_t(image.size()), 160); };
     EXPECT_EQ(Load(), FX3_FW_SUCCESS);
     const Lines tries = { "out 160 0100 0003 8", "in 160 0100 0003 8" };
@@ -364,7 +362,8 @@ TEST_F(Loader, RamImageThatEndsTooEarly)
         image.assign(whole.begin(), whole.begin() + ptrdiff_t(n));
         image.shrink_to_fit();
         EXPECT_EQ(DownloadFwToRam(image.data(), uint32_t(n), 160),
-                  n >= 28 && n < 2048 ? FX3_FW_BLOCK_TOO_LONG : FX3_FW_SECTION_TOO_LONG) << n;
+                  n >= 28 && n < 2048 ? FX3_FW_BLOCK_TOO_LONG : FX3_FW_SECTION_TOO_LONG)
+            << n;
     }
     // The count of bytes wraps: the last of these sections is one word long, and zeros behind it end the image.
     for (const uint8_t b : { uint8_t{ 0x3F }, uint8_t{ 0xFF }, uint8_t{ 0x40 } }) {
@@ -390,8 +389,8 @@ TEST_F(Loader, FromFile)
     EXPECT_EQ(DownloadFw(szPath, FX3_MEDIA_RAM), FX3_FW_SUCCESS);
     EXPECT_EQ(DownloadFw(szPath, FX3_MEDIA_I2C), FX3_FW_SUCCESS);
     EXPECT_EQ(DownloadFw(szPath, FX3_MEDIA_SPI), FX3_FW_SUCCESS);
-    EXPECT_EQ(Shapes(), (Lines{ "out 160 2345 4001 0", "out 186 0000 0000 64", "in 187 0000 0000 64",
-                                "out 196 0001 0000 0", "in 196 0000 0000 1", "out 194 0000 0000 256" }));
+    EXPECT_EQ(Shapes(), (Lines{ "out 160 2345 4001 0", "out 186 0000 0000 64", "in 187 0000 0000 64", "out 196 0001 0000 0",
+                                "in 196 0000 0000 1", "out 194 0000 0000 256" }));
     std::filesystem::remove(sPath);
     EXPECT_EQ(DownloadFw(szPath, FX3_MEDIA_RAM), FX3_FW_NO_FILE);
     EXPECT_EQ(DownloadFw(sFolder.c_str(), FX3_MEDIA_RAM), FX3_FW_NO_FILE);

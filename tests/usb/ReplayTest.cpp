@@ -44,7 +44,7 @@ std::vector<uint8_t> Bytes(const std::string& hex)
     std::vector<uint8_t> out;
     for (size_t i = 0; hex != "-" && i + 1 < hex.size();) {
         if (hex[i] == '(') {
-            out.insert(out.end(), size_t(std::stoi(hex.substr(i + 1))), uint8_t{0});
+            out.insert(out.end(), size_t(std::stoi(hex.substr(i + 1))), uint8_t{ 0 });
             i = hex.find(')', i) + 1;
         } else {
             out.push_back(uint8_t(std::stoi(hex.substr(i, 2), nullptr, 16)));
@@ -65,8 +65,8 @@ std::string Asked(uint32_t dwCode, bool bLater, const void* pIn, uint32_t dwIn, 
 class Recorder : public ForwardDriver {
 public:
     std::string sText;
-    bool IoControl(platform::DeviceHandle h, uint32_t c, void* pIn, uint32_t dwIn, void* pOut, uint32_t dwOut,
-                   uint32_t* pdwBytes, platform::Overlapped* o) override
+    bool IoControl(platform::DeviceHandle h, uint32_t c, void* pIn, uint32_t dwIn, void* pOut, uint32_t dwOut, uint32_t* pdwBytes,
+                   platform::Overlapped* o) override
     {
         const std::string sAsked = Asked(c, o != nullptr, pIn, dwIn, dwOut);
         const bool bOk = ForwardDriver::IoControl(h, c, pIn, dwIn, pOut, dwOut, pdwBytes, o);
@@ -106,12 +106,13 @@ public:
     }
     bool GetInterfacePath(DevInfo, uint32_t, std::string* ps) override { return *ps = "recorded", true; }
     platform::DeviceHandle Open(const char*) override { return 0x77; }
-    bool IoControl(platform::DeviceHandle, uint32_t c, void* pIn, uint32_t dwIn, void* pOut, uint32_t dwOut,
-                   uint32_t* pdwBytes, platform::Overlapped* o) override
+    bool IoControl(platform::DeviceHandle, uint32_t c, void* pIn, uint32_t dwIn, void* pOut, uint32_t dwOut, uint32_t* pdwBytes,
+                   platform::Overlapped* o) override
     {
         std::string sCode, sWhen, sIn, sSize, sError, sOut;
         m_text >> sCode >> sWhen >> sIn >> sSize >> sError >> sOut;
-        EXPECT_EQ(Asked(c, o != nullptr, pIn, dwIn, dwOut), sCode + ' ' + sWhen + ' ' + sIn + ' ' + sSize) << "request " << iRequests;
+        EXPECT_EQ(Asked(c, o != nullptr, pIn, dwIn, dwOut), sCode + ' ' + sWhen + ' ' + sIn + ' ' + sSize)
+            << "request " << iRequests;
         ++iRequests;
         const std::vector<uint8_t> out = Bytes(sOut);
         if (out.size() <= dwOut && !out.empty())

@@ -70,7 +70,11 @@ TEST_F(Adapter, ManyOutstandingCompleteInOrder)
 
 TEST_F(Adapter, ResultsOfTheStackBecomeErrorsAndStatuses)
 {
-    const struct { usbstack::Status status; uint32_t dwBytes, dwError; bool bOk; } rows[] = {
+    const struct {
+        usbstack::Status status;
+        uint32_t dwBytes, dwError;
+        bool bOk;
+    } rows[] = {
         { usbstack::Status::Ok, 700, 0, true },
         { usbstack::Status::Ok, 0, 0, true },
         { usbstack::Status::Cancelled, 3, platform::ERROR_CANCELLED_IO, false },
@@ -201,7 +205,10 @@ TEST_F(Adapter, BufferedReadAndTransferSize)
 {
     ep.m_bDirect = 0;
     Chunk a(100);
-    dev.OnBulk = [](uint8_t* p, uint32_t n) -> int64_t { std::memset(p, 3, n); return 60; };
+    dev.OnBulk = [](uint8_t* p, uint32_t n) -> int64_t {
+        std::memset(p, 3, n);
+        return 60;
+    };
     a.Begin(ep);
     EXPECT_TRUE(ep.WaitForXfer(&a, 0));
     EXPECT_TRUE(a.Finish(ep));

@@ -37,8 +37,10 @@ public:
     uint8_t ReadFpga(uint16_t reg) override { return m_Fpga[reg & 31]; }
     void Command(uint8_t request) override
     {
-        if (request == 169) m_bUsb = true;
-        if (request == 170) m_bUsb = false;
+        if (request == 169)
+            m_bUsb = true;
+        if (request == 170)
+            m_bUsb = false;
     }
     void SetTransferCount(uint32_t) override {}
     void SetTemperature(double) override {}
@@ -55,7 +57,8 @@ public:
         r.dExposureUs = 10000;
         r.dFrameUs = m_Reg[FRAME_100US] * 100.0;
         r.bValid = m_Reg[X] + m_Reg[W] <= m_Facts.iWidth;
-        if (!r.bValid) r.sWhy = "X " + std::to_string(m_Reg[X]);
+        if (!r.bValid)
+            r.sWhy = "X " + std::to_string(m_Reg[X]);
         return r;
     }
 
@@ -143,9 +146,11 @@ public:
     {
         const auto list = bus.Enumerate();
         usbstack::Status status = usbstack::Status::Failed;
-        if (list.empty()) throw std::runtime_error("no camera");
+        if (list.empty())
+            throw std::runtime_error("no camera");
         auto* p = bus.Open(list.at(0).sPath, &status);
-        if (!p) throw std::runtime_error("not opened");
+        if (!p)
+            throw std::runtime_error("not opened");
         return std::unique_ptr<usbstack::IDevice>(p);
     }
     usbstack::Status Out(uint8_t request, uint16_t value = 0, uint16_t index = 0, std::vector<uint8_t> data = {})
@@ -164,7 +169,8 @@ public:
     }
     void Set(Reg reg, uint16_t value)
     {
-        if (Out(166, reg, value) != usbstack::Status::Ok) throw std::runtime_error("register");
+        if (Out(166, reg, value) != usbstack::Status::Ok)
+            throw std::runtime_error("register");
     }
     void Start()
     {

@@ -17,7 +17,10 @@ struct Device {
     std::unique_ptr<Profile> p;
     bool bWords;
 
-    Device(uint16_t id, bool bWords, uint8_t bFirmware = 20) : p(MakeProfile(id, bFirmware, true)), bWords(bWords) { p->PowerOn(); }
+    Device(uint16_t id, bool bWords, uint8_t bFirmware = 20) : p(MakeProfile(id, bFirmware, true)), bWords(bWords)
+    {
+        p->PowerOn();
+    }
 
     Device& Do(const std::string& sScript)
     {
@@ -35,9 +38,12 @@ struct Device {
             const int bytes = slash == std::string::npos ? 0 : std::stoi(word.substr(slash + 1));
             for (int i = 0; i < std::max(bytes, 1); ++i, ++reg, value >>= 8) {
                 const auto v = static_cast<uint16_t>(bytes != 0 ? value & 0xFF : value);
-                if (bFpga) p->WriteFpga(reg, v);
-                else if (bWords) EXPECT_TRUE(p->WriteReg16(reg, v)) << word;
-                else EXPECT_TRUE(p->WriteReg8(reg, static_cast<uint8_t>(v))) << word;
+                if (bFpga)
+                    p->WriteFpga(reg, v);
+                else if (bWords)
+                    EXPECT_TRUE(p->WriteReg16(reg, v)) << word;
+                else
+                    EXPECT_TRUE(p->WriteReg8(reg, static_cast<uint8_t>(v))) << word;
             }
         }
         return *this;
@@ -60,7 +66,8 @@ const std::string g_Quartz =
 const std::string g_Onyx =
     "3003=1 305C=20 305D=0 305E=20 305F=0 3044=E1 3005=1 3036=8 3007=40 f0=0 c175 3002=1 3049=0 " + g_FpgaInit +
     "303C=0/2 3038=0/2 303E=518/2 303A=3D0/2 f2=4 f6=9 3006=0 f4=1304/2 f8=976/2 f10=1 3009=11 f19=292/2 f16=994/3 3020=0/3 "
-    "3014=8C/2 " + g_SonyStart;
+    "3014=8C/2 " +
+    g_SonyStart;
 const std::string g_Nephrite =
     "3003=1 305E=20 3063=74 3044=E1 3005=1 3036=C 3007=40 f0=0 c175 3002=1 3049=0 " + g_FpgaInit +
     "3044=61 303E=798/2 303A=4C8/2 f2=4 f6=9 f4=1944/2 f8=1224/2 3009=1 f19=138/2 f16=1245/3 3020=2/3 3014=42 " + g_SonyStart;
@@ -75,20 +82,21 @@ const std::string g_Marble =
 const std::string g_LapisFull =
     "200=1 21C=0 214=0 300=3 213=0 21C=11 214=1 2BC=10 2BF=20 2C0=2 2C6=3 2D2=F 412=20 413=20 41A=8 568=11 575=F "
     "20C=1 301=0/2 303=0/2 20C=0 217=4E6/2 307=4C0/2 305=790/2 221=0 292=20 294=20 ";
-const std::string g_Lapis18 = g_LapisFull +
+const std::string g_Lapis18 =
+    g_LapisFull +
     "f0=0 212=1 22E=0 f1=1 f0=48 f10=1 f12=128 f13=128 f14=128 f15=128 f1=0 c174 f1=1 f2=0 f3=0 f6=11 f7=0 f4=1936/2 f8=1216/2 "
     "f19=500/2 f1=0 20C=1 f1=1 f16=1254/3 f1=0 22A=0 29A=201/2 404=C8/2 20C=0 459=0 458=F0 c169 200=0 f0=33 ";
-const std::string g_Lapis17 = g_LapisFull +
+const std::string g_Lapis17 =
+    g_LapisFull +
     "f0=0 f1=1 f10=1 f12=128 f13=128 f14=128 f15=128 c174 f1=1 f10=0 20C=1 21A=1CE/2 20C=0 20C=1 217=4E6/2 22A=0 29A=A/2 404=0/2 "
     "20C=0 c169 200=0 212=0 22E=A ";
 const std::string g_Wake = "11=3C43 0=73 5F=D 61=0 0=173 ";
-const std::string g_KyaniteInit =
-    "A=1 1=2C 2=3 3=7E9 f0=0 f0=48 f10=1 f1=1 0=73 f10=1 f2=60 f6=13 f1=0 11=3C40 0=0 " + g_Wake +
-    "118=DEF 11E=DEF 11C=DF0 109=E87 f4=4656/2 f8=3520/2 f1=1 f19=680/2 f1=0 11=3C40 0=0 ";
+const std::string g_KyaniteInit = "A=1 1=2C 2=3 3=7E9 f0=0 f0=48 f10=1 f1=1 0=73 f10=1 f2=60 f6=13 f1=0 11=3C40 0=0 " + g_Wake +
+                                  "118=DEF 11E=DEF 11C=DF0 109=E87 f4=4656/2 f8=3520/2 f1=1 f19=680/2 f1=0 11=3C40 0=0 ";
 const std::string g_KyaniteFrame = "f1=1 f16=3720/3 f1=0 57=C67 52=1D5 54=100 1CC=1 f1=1 f2=60/2 1DC=20 1DD=DE4 f1=0 ";
 const std::string g_Kyanite = g_KyaniteInit + g_Wake + g_KyaniteFrame + "c169 f0=33 ";
-const std::string g_Kyanite2 = g_Kyanite +
-    "f0=49 f1=1 0=73 f2=60 f6=8 f10=16 f1=0 0=173 f4=2328/2 f8=1760/2 f19=397/2 f16=1960/3 57=1 f0=35 ";
+const std::string g_Kyanite2 =
+    g_Kyanite + "f0=49 f1=1 0=73 f2=60 f6=8 f10=16 f1=0 0=173 f4=2328/2 f8=1760/2 f19=397/2 f16=1960/3 57=1 f0=35 ";
 const std::string g_Ebony =
     "201=22 f0=0 f0=49 f10=1 f1=1 f2=8/2 208=3A/2 f6=1 f4=4944/2 f8=3284/2 20A=CD8/2 f19=585/2 f16=3302/3 f1=0 206=B8C/2 f12=4 "
     "230=E65/2 22C=EA90/2 232=E65/2 22E=E65/2 21F=64/2 c169 200=4 f0=33 ";
@@ -172,7 +180,10 @@ const Script g_Scripts[] = {
 
 class ProfileTest : public testing::TestWithParam<Script> {
 protected:
-    Device Fresh() const { return std::move(Device(GetParam().id, GetParam().bWords, GetParam().bFirmware).Do(GetParam().sScript)); }
+    Device Fresh() const
+    {
+        return std::move(Device(GetParam().id, GetParam().bWords, GetParam().bFirmware).Do(GetParam().sScript));
+    }
 };
 
 TEST_P(ProfileTest, SetupAndWhatSpoilsIt)
@@ -225,7 +236,7 @@ TEST(ProfileQuartz, HoldsMakeGroupsOfWrites)
     Device d = Quartz();
     const Readout before = d.Now();
     d.Do("3001=1 3020=0/3 3014=0");
-    EXPECT_EQ(d.p->ReadReg8(0x3014), 0);                // reads back what was written
+    EXPECT_EQ(d.p->ReadReg8(0x3014), 0);  // reads back what was written
     EXPECT_EQ(d.Now().dExposureUs, before.dExposureUs);
     EXPECT_EQ(d.Now().dGain, before.dGain);
     d.Do("3001=0");
@@ -235,7 +246,7 @@ TEST(ProfileQuartz, HoldsMakeGroupsOfWrites)
     EXPECT_EQ(d.p->ReadFpga(12), 200);
     EXPECT_EQ(d.Now().dFrameUs, before.dFrameUs);
     EXPECT_EQ(d.Now().dGainR, 1);
-    EXPECT_TRUE(d.Streams("f0=49 f0=33"));              // run state and gate are not held
+    EXPECT_TRUE(d.Streams("f0=49 f0=33"));  // run state and gate are not held
     d.Do("f1=0");
     EXPECT_NEAR(d.Now().dFrameUs, 2000 * 55.005, 1);
     EXPECT_NEAR(d.Now().dGainR, 200 / 128.0, 1e-9);
@@ -253,13 +264,13 @@ TEST(ProfileKyanite, SleepsUntilWokenAndForgets)
 {
     Device d(0xC0B0, true);
     d.Do(g_KyaniteInit + g_KyaniteFrame + "c169 f0=33");
-    EXPECT_FALSE(d.Now().bStreaming);                   // asleep; the frame settings did not reach it
+    EXPECT_FALSE(d.Now().bStreaming);  // asleep; the frame settings did not reach it
     EXPECT_FALSE(d.Now().bValid);
     EXPECT_TRUE(d.Streams(g_Wake));
-    EXPECT_FALSE(d.Now().bValid);                       // awake without its window
+    EXPECT_FALSE(d.Now().bValid);  // awake without its window
     EXPECT_TRUE(d.Valid(g_KyaniteFrame));
     EXPECT_NEAR(d.Do("f13=192").Now().dGainR, 1.5, 1e-9);
-    EXPECT_FALSE(d.Streams("0=73"));                    // without bit 8, or awake by half
+    EXPECT_FALSE(d.Streams("0=73"));  // without bit 8, or awake by half
     EXPECT_FALSE(d.Streams("0=173 5F=0"));
     // Under the gate of a long exposure the sleeping sensor keeps everything.
     EXPECT_TRUE(d.Do("5F=D f0=225 f11=1 11=3C40 0=0 f11=17").Now().bHeld);
@@ -285,7 +296,7 @@ TEST(ProfileEbonyGroup, GainsAndGate)
 {
     Device d(0xC05A, false);
     const Readout r = d.Do(g_Ebony).Now();
-    EXPECT_NEAR(r.dGainR, 1.2, 0.01);                   // red 3753, shifted up by 4 bits
+    EXPECT_NEAR(r.dGainR, 1.2, 0.01);  // red 3753, shifted up by 4 bits
     EXPECT_NEAR(r.dGainB, 1, 1e-9);
     EXPECT_EQ(r.dBlack, 100);
     EXPECT_NEAR(Db(d.Do("f12=252").Now().dGain), 20 + Db(63), 0.05);
@@ -297,8 +308,9 @@ TEST(ProfileEbonyGroup, GainsAndGate)
     EXPECT_TRUE(d.Now().bValid) << d.Now().sWhy;
 
     // Bins of 3 whose table and mode differ.
-    const std::string halite = "201=A2 21E=2 f2=4/2 208=20/2 f6=0 f4=2010/2 f8=1340/2 20A=540/2 f19=368/2 f10=16 f16=4000/3 206=1/2 "
-                               "f12=4 c169 f0=33 200=";
+    const std::string halite =
+        "201=A2 21E=2 f2=4/2 208=20/2 f6=0 f4=2010/2 f8=1340/2 20A=540/2 f19=368/2 f10=16 f16=4000/3 206=1/2 "
+        "f12=4 c169 f0=33 200=";
     EXPECT_TRUE(Device(0xC08A, false).Valid(halite + "24"));
     EXPECT_FALSE(Device(0xC08A, false).Valid(halite + "4"));
 }
@@ -334,7 +346,7 @@ TEST(ProfileGarnet, StoppedClockHoldsAndHearsNothing)
     d.p->SetTemperature(25);
     EXPECT_EQ(d.p->ReadReg16(0x30B2), 0);
     EXPECT_EQ(d.Do("305E=40").Now().dGain, 1);
-    EXPECT_EQ(d.Do("c175").Now().dGain, 1);             // the write is lost for good
+    EXPECT_EQ(d.Do("c175").Now().dGain, 1);  // the write is lost for good
     EXPECT_EQ(d.Do("305E=40").Now().dGain, 2);
     EXPECT_FALSE(d.Now().bHeld);
 }
@@ -358,13 +370,14 @@ TEST(ProfileCobalt, StreamsOnlyAfterItsController)
     EXPECT_FALSE(d.Now().bStreaming);
     const auto issue = [&](uint16_t command) {
         d.p->WriteReg16(0x0040, command);
-        EXPECT_GE(d.p->ReadReg16(0x0040), 0x8000);      // busy for a while
+        EXPECT_GE(d.p->ReadReg16(0x0040), 0x8000);  // busy for a while
         for (int i = 0; i < 100; ++i)
-            if (const uint16_t v = d.p->ReadReg16(0x0040); v < 0x8000) return v;
+            if (const uint16_t v = d.p->ReadReg16(0x0040); v < 0x8000)
+                return v;
         return uint16_t{ 6 };
     };
     d.Do("FC00=3100");
-    EXPECT_NE(issue(0x8100), 0);                        // no state to be asked for
+    EXPECT_NE(issue(0x8100), 0);  // no state to be asked for
     EXPECT_EQ(issue(0x8101), 0);
     EXPECT_NE(d.p->ReadReg16(0xFC00) >> 8, 0x31);
     d.Do("FC00=2800");
@@ -372,22 +385,24 @@ TEST(ProfileCobalt, StreamsOnlyAfterItsController)
     EXPECT_EQ(issue(0x8101), 9);
     EXPECT_FALSE(d.Now().bStreaming);
     int polls = 1;
-    while (issue(0x8101) == 9) ASSERT_LT(++polls, 100);
+    while (issue(0x8101) == 9)
+        ASSERT_LT(++polls, 100);
     EXPECT_EQ(d.p->ReadReg16(0xFC00), 0x3100);
     Readout r = d.Now();
     EXPECT_TRUE(r.bStreaming);
-    EXPECT_NEAR(r.dFrameUs, 541 * 938 / 48.0, 1);       // 0x300C counts pairs
+    EXPECT_NEAR(r.dFrameUs, 541 * 938 / 48.0, 1);  // 0x300C counts pairs
     EXPECT_NEAR(r.dExposureUs, (100 * 938 + 29) / 48.0, 0.1);
     // Stage words of gains 1.5, 3, 6, 12, 24, 48, 96.
-    const std::pair<uint16_t, double> gains[] = { { 0x102F, 1.5 }, { 0x202F, 3 },   { 0x206F, 6 },  { 0x20AF, 12 },
+    const std::pair<uint16_t, double> gains[] = { { 0x102F, 1.5 }, { 0x202F, 3 },  { 0x206F, 6 }, { 0x20AF, 12 },
                                                   { 0x20EF, 24 },  { 0x40EF, 48 }, { 0x80EF, 96 } };
     for (const auto& [word, gain] : gains) {
-        for (uint16_t reg : std::initializer_list<uint16_t>{ 0x3056, 0x3058, 0x305A, 0x305C }) d.p->WriteReg16(reg, word);
+        for (uint16_t reg : std::initializer_list<uint16_t>{ 0x3056, 0x3058, 0x305A, 0x305C })
+            d.p->WriteReg16(reg, word);
         EXPECT_NEAR(d.Now().dGain, gain, gain * 0.02) << std::hex << word;
     }
-    EXPECT_TRUE(d.p->WriteReg8(0xC850, 3));             // both widths
+    EXPECT_TRUE(d.p->WriteReg8(0xC850, 3));  // both widths
     EXPECT_TRUE(d.Do("c174").Now().bHeld);
-    EXPECT_FALSE(d.Do("c175 300C=1D4").Now().bValid);   // 936 clocks for 938
+    EXPECT_FALSE(d.Do("c175 300C=1D4").Now().bValid);  // 936 clocks for 938
 }
 
 TEST(ProfileDunite, MirroredStartAndGainWords)
@@ -397,9 +412,14 @@ TEST(ProfileDunite, MirroredStartAndGainWords)
     const Readout r = d.Do(g_Dunite + "2=40 1=14D 3=F0 4=140 5=154").Now();
     EXPECT_TRUE(r.bValid) << r.sWhy;
     EXPECT_EQ((std::vector{ r.iX, r.iY, r.iW, r.iH }), (std::vector{ 100, 60, 320, 240 }));
-    const std::pair<const char*, double> gains[] = { { "35=10", 1 },    { "35=1F", 31 / 16.0 }, { "35=4E", 78 / 16.0 },
-                                                     { "35=6F", 111 / 16.0 }, { "80=4FF", 111 / 16.0 * 15 / 4 }, { "80=4F4", 111 / 16.0 } };
-    for (const auto& [szWrite, gain] : gains) EXPECT_NEAR(d.Do(szWrite).Now().dGain, gain, 1e-9) << szWrite;
+    const std::pair<const char*, double> gains[] = { { "35=10", 1 },
+                                                     { "35=1F", 31 / 16.0 },
+                                                     { "35=4E", 78 / 16.0 },
+                                                     { "35=6F", 111 / 16.0 },
+                                                     { "80=4FF", 111 / 16.0 * 15 / 4 },
+                                                     { "80=4F4", 111 / 16.0 } };
+    for (const auto& [szWrite, gain] : gains)
+        EXPECT_NEAR(d.Do(szWrite).Now().dGain, gain, 1e-9) << szWrite;
 }
 
 TEST(ProfileIolite, OffsetsAndGains)
@@ -407,12 +427,13 @@ TEST(ProfileIolite, OffsetsAndGains)
     Device d(0xC09A, true);
     const double black = d.Do(g_Iolite).Now().dBlack;
     EXPECT_NEAR(d.Do("60=108 61=108 63=104 64=104").Now().dBlack, black - 6, 1e-9);
-    d.Do("62=1498");                                    // calibrates itself and shows what it found
+    d.Do("62=1498");  // calibrates itself and shows what it found
     EXPECT_GT(d.p->ReadReg16(0x0060), 0);
     EXPECT_GT(d.Now().dBlack, black);
-    const std::pair<const char*, double> gains[] = { { "35=20", 4 }, { "35=51", 4.25 }, { "35=60", 8 }, { "35=61", 9 }, { "35=67", 15 },
-                                                     { "35=267", 45 } };
-    for (const auto& [szWrite, gain] : gains) EXPECT_NEAR(d.Do(szWrite).Now().dGain, gain, 1e-9) << szWrite;
+    const std::pair<const char*, double> gains[] = { { "35=20", 4 }, { "35=51", 4.25 }, { "35=60", 8 },
+                                                     { "35=61", 9 }, { "35=67", 15 },   { "35=267", 45 } };
+    for (const auto& [szWrite, gain] : gains)
+        EXPECT_NEAR(d.Do(szWrite).Now().dGain, gain, 1e-9) << szWrite;
     EXPECT_EQ(d.Do("c172 c163").Now().samples, Samples::Bits12Wire);
     EXPECT_TRUE(d.Now().bValid);
     EXPECT_EQ(Device(0xC09A, true, 1).Do("c172").Now().samples, Samples::Bits8);

@@ -1,7 +1,6 @@
 // The virtual bus as a host sees it: enumeration, descriptors, the image pipe. Faults of frames: tests/faults.
 #include <gtest/gtest.h>
 
-
 #include "FakeProfile.h"
 
 using namespace kovsim;
@@ -20,7 +19,8 @@ template <class Condition>
 bool Eventually(Condition condition, int ms = 5000)
 {
     for (int i = 0; i < ms; ++i) {
-        if (condition()) return true;
+        if (condition())
+            return true;
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
     return condition();
@@ -68,7 +68,13 @@ TEST(VirtualBusEnumeration, DescriptorsFollowTheLink)
     const auto get = [](Host& h, uint8_t type, uint8_t index, uint16_t length) {
         return h.In(6, uint16_t(type << 8 | index), 0, length, 0x80);
     };
-    struct Case { bool device3, host3; uint16_t usb; size_t config; bool bos; uint16_t packet; };
+    struct Case {
+        bool device3, host3;
+        uint16_t usb;
+        size_t config;
+        bool bos;
+        uint16_t packet;
+    };
     for (const Case& c : { Case{ true, true, 0x0300, 31, true, 1024 }, Case{ true, false, 0x0210, 25, true, 512 },
                            Case{ false, true, 0x0200, 25, false, 512 } }) {
         auto facts = fake::Facts();
@@ -114,7 +120,8 @@ TEST(VirtualBusPipe, RequestsFillInOrderAndEndWithTheFrame)
     }
     EXPECT_FALSE(reads[0]->Done());
     h.Start();
-    for (auto& r : reads) ASSERT_TRUE(r->Wait());
+    for (auto& r : reads)
+        ASSERT_TRUE(r->Wait());
     for (size_t i = 0; i < reads.size(); ++i) {
         EXPECT_EQ(reads[i]->status, Status::Ok);
         EXPECT_EQ(reads[i]->moved, i == 3 ? 72u : 1000u);
@@ -226,7 +233,8 @@ TEST(VirtualBusPipe, FramePeriodFollowsRegistersClockRateAndLink)
         h.Frame(40960);
         const uint64_t from = h.camera.Counters().uStarted;
         const auto until = std::chrono::steady_clock::now() + std::chrono::milliseconds(200);
-        while (std::chrono::steady_clock::now() < until) h.Frame(40960);
+        while (std::chrono::steady_clock::now() < until)
+            h.Frame(40960);
         return int(h.camera.Counters().uStarted - from);
     };
     // The upper bounds are sharp; a loaded machine may fall behind.

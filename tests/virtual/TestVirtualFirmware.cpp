@@ -23,8 +23,8 @@ CameraSettings Usb2()
 std::vector<uint8_t> Image(uint8_t version)
 {
     constexpr size_t FILLER = 4200;
-    const uint8_t head[] = { 0xC2, 0x47, 0x05, 0x31, 0x21, 0, 0, 4, 0, 6, 0x01, 0x00, 'K', 'O', 'V', 'F', 'W', version,
-                             FILLER >> 8, FILLER & 0xFF, 0x02, 0x00 };
+    const uint8_t head[] = { 0xC2, 0x47, 0x05,    0x31,        0x21,          0,    0,   4, 0, 6, 0x01, 0x00, 'K', 'O', 'V',
+                             'F',  'W',  version, FILLER >> 8, FILLER & 0xFF, 0x02, 0x00 };
     const uint8_t end[] = { 0x80, 0x01, 0xE6, 0x00, 0 };
     std::vector<uint8_t> d(sizeof head + FILLER + sizeof end, 0x55);
     std::copy(std::begin(head), std::end(head), d.begin());
@@ -43,8 +43,7 @@ void RunEepromLoader(Host& h)
 void Write(Host& h, const std::vector<uint8_t>& image)
 {
     for (size_t at = 0; at < image.size(); at += 4096) {
-        const std::vector<uint8_t> block(image.begin() + long(at),
-                                         image.begin() + long(std::min(at + 4096, image.size())));
+        const std::vector<uint8_t> block(image.begin() + long(at), image.begin() + long(std::min(at + 4096, image.size())));
         EXPECT_EQ(h.Out(169, uint16_t(at), 0, block), Status::Ok);
         EXPECT_EQ(h.In(169, uint16_t(at), 0, uint16_t(block.size())), block);
     }
@@ -78,7 +77,8 @@ TEST(VirtualFirmware, FlashClearsBitsAndErasesSectors)
         ASSERT_EQ(h.Out(196, 1, 7), Status::Ok);
         EXPECT_EQ(h.Out(194, 0, 1792, a), Status::Stall);  // busy
         int polls = 0;
-        while (h.In(196, 0, 7, 1) == std::vector<uint8_t>{ 1 }) ++polls;
+        while (h.In(196, 0, 7, 1) == std::vector<uint8_t>{ 1 })
+            ++polls;
         EXPECT_GT(polls, 0);
         EXPECT_LT(polls, 100);
         EXPECT_EQ(h.In(195, 0, 1792, 2), (std::vector<uint8_t>{ 0xFF, 0xFF }));
@@ -186,10 +186,10 @@ TEST(VirtualThermal, PowerFollowsTheCode)
     EXPECT_EQ(PowerOfDA(255), 0);
     EXPECT_EQ(PowerOfDA(40), 1);
     EXPECT_EQ(PowerOfDA(0), 1);
-    for (int code = 41; code < 256; ++code) EXPECT_GT(PowerOfDA(uint8_t(code - 1)), PowerOfDA(uint8_t(code)) - 1e-12);
+    for (int code = 41; code < 256; ++code)
+        EXPECT_GT(PowerOfDA(uint8_t(code - 1)), PowerOfDA(uint8_t(code)) - 1e-12);
     // Half the current at about a third of the way down.
     EXPECT_NEAR(PowerOfDA(140), 0.34, 0.02);
-
 }
 
 // Published points of the thermistor: kilohms at whole degrees.

@@ -12,8 +12,8 @@ TEST(VirtualOptions, CamerasWithTheirSettings)
 {
     SimOptions o;
     std::string error;
-    ASSERT_TRUE(ParseSimOptions("quartzcol,QuartzMono;scene=flat:9;rate=2.5;seed=7;usb2;firmware=17;flash=/x;noise=0", &o,
-                                &error))
+    ASSERT_TRUE(
+        ParseSimOptions("quartzcol,QuartzMono;scene=flat:9;rate=2.5;seed=7;usb2;firmware=17;flash=/x;noise=0", &o, &error))
         << error;
     ASSERT_EQ(o.cameras.size(), 2u);
     EXPECT_EQ(o.dRate, 2.5);

@@ -32,12 +32,11 @@ std::vector<uint8_t> Take(Imager& imager, const Readout& r, const std::shared_pt
 }
 
 // 16-bit samples back to numbers of the converter.
-int Adu(const std::vector<uint8_t>& d, size_t i, int bits = 12)
-{
-    return (d[2 * i] | d[2 * i + 1] << 8) >> (16 - bits);
-}
+int Adu(const std::vector<uint8_t>& d, size_t i, int bits = 12) { return (d[2 * i] | d[2 * i + 1] << 8) >> (16 - bits); }
 
-struct Stats { double mean, variance; };
+struct Stats {
+    double mean, variance;
+};
 Stats StatsOf(const std::vector<uint8_t>& d)
 {
     const size_t n = d.size() / 2;
@@ -205,7 +204,9 @@ TEST(VirtualHeld, ReleaseWithoutStreamingLosesTheExposure)
 TEST(VirtualSky, StarsLieWhereThePinholeSaysAndHaveTheirLight)
 {
     // The projection once more, by vectors: the direction's components along the camera's axes.
-    struct V { double x, y, z; };
+    struct V {
+        double x, y, z;
+    };
     const auto dir = [](double ra, double dec) {
         const double a = ra * M_PI / 180, d = dec * M_PI / 180;
         return V{ std::cos(d) * std::cos(a), std::cos(d) * std::sin(a), std::sin(d) };
@@ -213,7 +214,8 @@ TEST(VirtualSky, StarsLieWhereThePinholeSaysAndHaveTheirLight)
     const auto dot = [](V a, V b) { return a.x * b.x + a.y * b.y + a.z * b.z; };
     const auto find = [](int hip) {
         for (const Star& s : Stars())
-            if (s.iHip == hip) return s;
+            if (s.iHip == hip)
+                return s;
         ADD_FAILURE() << hip;
         return Star{};
     };
@@ -259,8 +261,12 @@ TEST(VirtualSky, StarsLieWhereThePinholeSaysAndHaveTheirLight)
     EXPECT_EQ(warning("sky:0.25,0.25,150"), "");
     const std::string starless = warning("sky:0.25,0.25,3000");
     double magnitude = 0, away = 0, ra = 0, dec = 0, focal = 0;
-    ASSERT_EQ(std::sscanf(starless.c_str(), "%*[^T]The nearest, of magnitude %lf, is %lf degrees away: take sky:%lf,%lf,%*f, or a "
-                                            "focal length of %lf", &magnitude, &away, &ra, &dec, &focal), 5) << starless;
+    ASSERT_EQ(std::sscanf(starless.c_str(),
+                          "%*[^T]The nearest, of magnitude %lf, is %lf degrees away: take sky:%lf,%lf,%*f, or a "
+                          "focal length of %lf",
+                          &magnitude, &away, &ra, &dec, &focal),
+              5)
+        << starless;
     EXPECT_NEAR(away, std::acos(dot(dir(0.25, 0.25), dir(ra, dec))) * 180 / M_PI, 0.006);
     EXPECT_EQ(warning("sky:" + std::to_string(ra) + "," + std::to_string(dec) + ",3000"), "");
     EXPECT_EQ(warning("sky:0.25,0.25," + std::to_string(focal)), "");
@@ -281,12 +287,11 @@ TEST(VirtualScenes, TextFormsAndPictures)
         EXPECT_FALSE(error.empty()) << bad;
     }
     // Two pixels, red and blue.
-    static const unsigned char png[] = {
-        0x89, 0x50, 0x4E, 0x47, 0x0D, 0x0A, 0x1A, 0x0A, 0x00, 0x00, 0x00, 0x0D, 0x49, 0x48, 0x44, 0x52,
-        0x00, 0x00, 0x00, 0x02, 0x00, 0x00, 0x00, 0x01, 0x08, 0x02, 0x00, 0x00, 0x00, 0x7B, 0x40, 0xE8,
-        0xDD, 0x00, 0x00, 0x00, 0x0D, 0x49, 0x44, 0x41, 0x54, 0x78, 0x9C, 0x63, 0xF8, 0xCF, 0x00, 0x04,
-        0xFF, 0x01, 0x07, 0x00, 0x01, 0xFF, 0xE2, 0x23, 0x9E, 0x59, 0x00, 0x00, 0x00, 0x00, 0x49, 0x45,
-        0x4E, 0x44, 0xAE, 0x42, 0x60, 0x82 };
+    static const unsigned char png[] = { 0x89, 0x50, 0x4E, 0x47, 0x0D, 0x0A, 0x1A, 0x0A, 0x00, 0x00, 0x00, 0x0D, 0x49, 0x48,
+                                         0x44, 0x52, 0x00, 0x00, 0x00, 0x02, 0x00, 0x00, 0x00, 0x01, 0x08, 0x02, 0x00, 0x00,
+                                         0x00, 0x7B, 0x40, 0xE8, 0xDD, 0x00, 0x00, 0x00, 0x0D, 0x49, 0x44, 0x41, 0x54, 0x78,
+                                         0x9C, 0x63, 0xF8, 0xCF, 0x00, 0x04, 0xFF, 0x01, 0x07, 0x00, 0x01, 0xFF, 0xE2, 0x23,
+                                         0x9E, 0x59, 0x00, 0x00, 0x00, 0x00, 0x49, 0x45, 0x4E, 0x44, 0xAE, 0x42, 0x60, 0x82 };
     const std::string path = testing::TempDir() + "kov_scene.png";
     for (size_t size : { sizeof png, size_t(40) }) {
         std::FILE* f = std::fopen(path.c_str(), "wb");
@@ -319,7 +324,8 @@ TEST(VirtualPhysics, TellsOnceThatTheMachineIsTooSlow)
     };
     for (const bool slow : { true, false }) {
         auto settings = fake::Settings(fake::Facts());
-        if (slow) settings.scene = std::make_shared<Slow>();
+        if (slow)
+            settings.scene = std::make_shared<Slow>();
         std::atomic<int> told = 0;
         settings.onSlow = [&](const ModelFacts&, double rate, double asked) {
             ++told;
@@ -327,16 +333,19 @@ TEST(VirtualPhysics, TellsOnceThatTheMachineIsTooSlow)
         };
         Host h(settings);
         h.Start();
-        for (int i = 0; i < 3; ++i) h.Frame(1);
+        for (int i = 0; i < 3; ++i)
+            h.Frame(1);
         h.camera.SetScene(slow ? std::make_shared<Slow>() : nullptr);
-        for (int i = 0; i < 10; ++i) h.Frame(1);
+        for (int i = 0; i < 10; ++i)
+            h.Frame(1);
         // An exposure that is held from the stream's begin, and by far longer than a frame, is not late.
         h.Stop();
         h.Set(fake::HELD, 1);
         h.Start();
         std::this_thread::sleep_for(std::chrono::milliseconds(700));
         h.Set(fake::HELD, 0);
-        for (int i = 0; i < 2; ++i) h.Frame(1);
+        for (int i = 0; i < 2; ++i)
+            h.Frame(1);
         EXPECT_EQ(told, slow ? 1 : 0);
     }
 }

@@ -14,7 +14,8 @@ constexpr uint32_t SMALL = 64 * 48;
 Bytes Words(std::initializer_list<uint32_t> words)
 {
     Bytes b;
-    for (uint32_t w : words) b.insert(b.end(), { uint8_t(w >> 24), uint8_t(w >> 16), uint8_t(w >> 8), uint8_t(w) });
+    for (uint32_t w : words)
+        b.insert(b.end(), { uint8_t(w >> 24), uint8_t(w >> 16), uint8_t(w >> 8), uint8_t(w) });
     return b;
 }
 
@@ -40,7 +41,8 @@ struct Client {
     bool Send(const Bytes& bytes, size_t piece = 1)
     {
         for (size_t at = 0; at < bytes.size(); at += piece)
-            if (!session.Receive(std::span(bytes).subspan(at, std::min(piece, bytes.size() - at)))) return false;
+            if (!session.Receive(std::span(bytes).subspan(at, std::min(piece, bytes.size() - at))))
+                return false;
         return true;
     }
     // Up to 5 s for that many bytes.
@@ -53,14 +55,19 @@ struct Client {
                 in.insert(in.end(), out.begin(), out.begin() + std::ptrdiff_t(part));
                 session.Sent(part);
             }
-            if (in.size() < size) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+            if (in.size() < size)
+                std::this_thread::sleep_for(std::chrono::milliseconds(1));
         }
-        if (in.size() < size) throw std::runtime_error("no answer: " + session.Ended());
+        if (in.size() < size)
+            throw std::runtime_error("no answer: " + session.Ended());
         const Bytes got(in.begin(), in.begin() + std::ptrdiff_t(size));
         in.erase(in.begin(), in.begin() + std::ptrdiff_t(size));
         return got;
     }
-    static uint32_t Field(const Bytes& b, size_t at) { return uint32_t(b[at] << 24 | b[at + 1] << 16 | b[at + 2] << 8 | b[at + 3]); }
+    static uint32_t Field(const Bytes& b, size_t at)
+    {
+        return uint32_t(b[at] << 24 | b[at + 1] << 16 | b[at + 2] << 8 | b[at + 3]);
+    }
     uint32_t Import(const std::string& id)
     {
         Send(ImportOf(id));
@@ -93,17 +100,24 @@ struct Client {
         EXPECT_EQ(Field(b, 0), kind);
         EXPECT_EQ(Field(b, 4), sequence);
         Reply r{ int32_t(Field(b, 20)), kind == 3 ? Field(b, 24) : 0, {} };
-        if (data) r.data = Get(r.moved);
+        if (data)
+            r.data = Get(r.moved);
         return r;
     }
     Reply In(uint8_t type, uint8_t request, uint16_t value, uint16_t index, uint16_t length, uint32_t flags = 0)
     {
-        Submit(77, 0, true, length, { type, request, uint8_t(value), uint8_t(value >> 8), uint8_t(index), uint8_t(index >> 8), uint8_t(length), uint8_t(length >> 8) }, {}, flags);
+        Submit(77, 0, true, length,
+               { type, request, uint8_t(value), uint8_t(value >> 8), uint8_t(index), uint8_t(index >> 8), uint8_t(length),
+                 uint8_t(length >> 8) },
+               {}, flags);
         return Await(77);
     }
     int32_t Out(uint8_t type, uint8_t request, uint16_t value, uint16_t index = 0, const Bytes& data = {})
     {
-        Submit(78, 0, false, uint32_t(data.size()), { type, request, uint8_t(value), uint8_t(value >> 8), uint8_t(index), uint8_t(index >> 8), uint8_t(data.size()), uint8_t(data.size() >> 8) }, data);
+        Submit(78, 0, false, uint32_t(data.size()),
+               { type, request, uint8_t(value), uint8_t(value >> 8), uint8_t(index), uint8_t(index >> 8), uint8_t(data.size()),
+                 uint8_t(data.size() >> 8) },
+               data);
         return Await(78, false).status;
     }
     void Stream()
@@ -121,11 +135,15 @@ struct Client {
 void ExpectPattern(const Bytes& frame)
 {
     ASSERT_EQ(frame.size(), SMALL);
-    for (uint32_t i = 4; i < SMALL - 4; ++i) ASSERT_EQ(frame[i], (7 * (i % 64) + 13 * (i / 64)) % 251) << i;
+    for (uint32_t i = 4; i < SMALL - 4; ++i)
+        ASSERT_EQ(frame[i], (7 * (i % 64) + 13 * (i / 64)) % 251) << i;
 }
 
 struct Served {
-    explicit Served(bool bUsb2 = false) : camera(bus.Plug(Settings(bUsb2))), exports(bus), client(exports) { client.Import(bUsb2 ? "1-1" : "2-1"); }
+    explicit Served(bool bUsb2 = false) : camera(bus.Plug(Settings(bUsb2))), exports(bus), client(exports)
+    {
+        client.Import(bUsb2 ? "1-1" : "2-1");
+    }
     static CameraSettings Settings(bool bUsb2)
     {
         CameraSettings s = fake::Settings(fake::Facts());
@@ -213,7 +231,8 @@ TEST(VirtualUsbip, BulkReadsEndAsOnTheWire)
         c.Unlink(2, 1);  // nothing has come: it never will be answered
         EXPECT_EQ(c.Await(2, false, 4).status, -104);
 
-        for (uint32_t i = 10; i < 14; ++i) c.Read(i, i & 1 ? 4096 : SMALL);
+        for (uint32_t i = 10; i < 14; ++i)
+            c.Read(i, i & 1 ? 4096 : SMALL);
         c.Stream();
         for (uint32_t i = 10; i < 14; ++i) {
             const Reply r = c.Await(i);
@@ -275,8 +294,10 @@ TEST(VirtualUsbip, EndsConnectionsThatBreakTheProtocol)
         { "is neither submit nor unlink", submit({ 3, 5, ours, 1, 0, 0, 0, 0, 0, 0 }), true },
         { "has no direction", submit({ 1, 5, ours, 2, 0, 0, 0, 0, 0, 0 }), true },
         { "is isochronous", submit({ 1, 5, ours, 1, 2, 0, 64, 0, 3, 0 }), true },
-        { "contradicts its own setup packet", submit({ 1, 5, ours, 1, 0, 0, 0x10000, 0, 0, 0 }, { 0x80, 6, 0, 1, 0, 0, 18, 0 }), true },
-        { "contradicts its own setup packet", submit({ 1, 5, ours, 0, 0, 0, 18, 0, 0, 0 }, { 0x80, 6, 0, 1, 0, 0, 18, 0 }), true },
+        { "contradicts its own setup packet", submit({ 1, 5, ours, 1, 0, 0, 0x10000, 0, 0, 0 }, { 0x80, 6, 0, 1, 0, 0, 18, 0 }),
+          true },
+        { "contradicts its own setup packet", submit({ 1, 5, ours, 0, 0, 0, 18, 0, 0, 0 }, { 0x80, 6, 0, 1, 0, 0, 18, 0 }),
+          true },
         { "is for an endpoint that there is not", submit({ 1, 5, ours, 0, 2, 0, 64, 0, 0, 0 }), true },
         { "is for an endpoint that there is not", submit({ 1, 5, ours, 1, 3, 0, 64, 0, 0, 0 }), true },
         { "asks for more than 64 MiB", submit({ 1, 5, ours, 1, 2, 0, 0x7FFFFFFF, 0, 0, 0 }), true },
@@ -291,7 +312,8 @@ TEST(VirtualUsbip, EndsConnectionsThatBreakTheProtocol)
         Bytes bytes = t.bytes;
         if (t.imported) {
             ASSERT_EQ(c.Import("2-1"), 0u);
-            if (Client::Field(bytes, 8) == ours) std::copy_n(Words({ c.device }).begin(), 4, bytes.begin() + 8);
+            if (Client::Field(bytes, 8) == ours)
+                std::copy_n(Words({ c.device }).begin(), 4, bytes.begin() + 8);
         }
         EXPECT_FALSE(c.Send(bytes, 13));
         EXPECT_TRUE(c.session.Ended().ends_with(t.why)) << c.session.Ended();

@@ -5,13 +5,13 @@
 #include <string.h>
 
 static int g_failures;
-#define EXPECT(condition)                                                    \
-    do {                                                                     \
-        if (!(condition)) {                                                  \
-            printf("%s:%d: not so: %s\n", __FILE__, __LINE__, #condition);   \
-            ++g_failures;                                                    \
-        }                                                                    \
-    } while (0)
+#define EXPECT(condition)                                            \
+  do {                                                               \
+    if (!(condition)) {                                              \
+      printf("%s:%d: not so: %s\n", __FILE__, __LINE__, #condition); \
+      ++g_failures;                                                  \
+    }                                                                \
+  } while (0)
 
 /* No camera is plugged in: every function answers, with the code for an ID that does not exist. */
 static void CallAllWithoutCamera(void)
@@ -59,7 +59,7 @@ static void TakePictures(void)
 {
     KOV_CAMERA_INFO info;
     const int32_t size = 640 * 480;
-    uint8_t *image = malloc((size_t)size);
+    uint8_t* image = malloc((size_t)size);
     int32_t width = 0, height = 0, bin = 0, dropped = -1;
     IMG_TYPE type = IMG_END;
     int same = 1, i;

@@ -28,8 +28,8 @@ protected:
     Driver()
     {
         ov.hEvent = platform::MakeEvent();
-        m_h = reinterpret_cast<DeviceHandle>(CreateNamedPipeA(PIPE, PIPE_ACCESS_DUPLEX | FILE_FLAG_OVERLAPPED, 0, 1, 256,
-                                                              256, 0, nullptr));
+        m_h = reinterpret_cast<DeviceHandle>(
+            CreateNamedPipeA(PIPE, PIPE_ACCESS_DUPLEX | FILE_FLAG_OVERLAPPED, 0, 1, 256, 256, 0, nullptr));
     }
     ~Driver() override
     {
@@ -56,10 +56,7 @@ protected:
 
 }  // namespace
 
-TEST_F(Driver, IsTheDefault)
-{
-    EXPECT_EQ(&platform::UsbDriver(), &driver);
-}
+TEST_F(Driver, IsTheDefault) { EXPECT_EQ(&platform::UsbDriver(), &driver); }
 
 TEST_F(Driver, AnAbsentClassHasNoDevices)
 {

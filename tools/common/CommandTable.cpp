@@ -183,13 +183,15 @@ std::string Plain(const std::string& text) { return Quoted(text, "\\*_"); }
 
 std::string DefaultOf(const CLI::Option& option)
 {
-    return TakesValue(option) && !option.get_default_str().empty() ? fmt::format(" Default: {}.", Plain(option.get_default_str())) : "";
+    return TakesValue(option) && !option.get_default_str().empty() ? fmt::format(" Default: {}.", Plain(option.get_default_str()))
+                                                                   : "";
 }
 
 std::string ManualOption(const CLI::Option& option)
 {
     std::string names;
-    for (const std::string& name : option.get_positional() && !option.nonpositional() ? std::vector{ option.get_name(true) } : Names(option))
+    for (const std::string& name :
+         option.get_positional() && !option.nonpositional() ? std::vector{ option.get_name(true) } : Names(option))
         names += fmt::format("{}*{}*", names.empty() ? "" : ", ", Plain(name));
     const bool bValue = TakesValue(option) && option.nonpositional();
     std::string text = Plain(option.get_description());
@@ -237,7 +239,8 @@ void PrintManual(const CLI::App& app, const std::string& command, bool bPageEach
         if (bPageEach)
             fmt::print("*{}-{}*(1)\n\t{}.\n\n", page, sub->get_name(), Plain(sub->get_description()));
         else
-            fmt::print("## {}\n\n{}.\n\n{}", Usage(*sub, command + " " + sub->get_name()), Plain(sub->get_description()), ManualSection(*sub));
+            fmt::print("## {}\n\n{}.\n\n{}", Usage(*sub, command + " " + sub->get_name()), Plain(sub->get_description()),
+                       ManualSection(*sub));
     }
     fmt::print("@MORE@\n");
 }

@@ -16,8 +16,8 @@ const char* VerdictText(CheckResult::Verdict verdict)
 namespace {
 
 constexpr const char* GROUPS[] = {
-    "controls", "errors", "formats", "bins", "regions", "light", "exposure", "gain", "noise", "lines", "bits", "flips", "colours",
-    "dark", "hot", "black", "clock", "long", "snap", "stream", "temperature", "cooler", "guide", "id",
+    "controls", "errors", "formats", "bins",  "regions", "light", "exposure", "gain",   "noise",       "lines",  "bits",  "flips",
+    "colours",  "dark",   "hot",     "black", "clock",   "long",  "snap",     "stream", "temperature", "cooler", "guide", "id",
 };
 
 }  // namespace
@@ -27,12 +27,12 @@ std::vector<std::string> ComplianceGroups() { return { std::begin(GROUPS), std::
 void ComplyRunner::Run()
 {
     static constexpr void (ComplyRunner::*checks[])() = {
-        &ComplyRunner::Controls, &ComplyRunner::Errors,    &ComplyRunner::Formats, &ComplyRunner::Bins,
-        &ComplyRunner::Regions,  &ComplyRunner::Light,     &ComplyRunner::Exposure, &ComplyRunner::Gain,
-        &ComplyRunner::Noise,    &ComplyRunner::Lines,     &ComplyRunner::Bits,    &ComplyRunner::Flips,
-        &ComplyRunner::Colours,  &ComplyRunner::Dark,      &ComplyRunner::HotPixels, &ComplyRunner::Black,
-        &ComplyRunner::Duration, &ComplyRunner::LongExposure, &ComplyRunner::Repeat, &ComplyRunner::Stream,
-        &ComplyRunner::Temperature, &ComplyRunner::Cooler, &ComplyRunner::Guide,   &ComplyRunner::UserId,
+        &ComplyRunner::Controls,    &ComplyRunner::Errors,       &ComplyRunner::Formats,   &ComplyRunner::Bins,
+        &ComplyRunner::Regions,     &ComplyRunner::Light,        &ComplyRunner::Exposure,  &ComplyRunner::Gain,
+        &ComplyRunner::Noise,       &ComplyRunner::Lines,        &ComplyRunner::Bits,      &ComplyRunner::Flips,
+        &ComplyRunner::Colours,     &ComplyRunner::Dark,         &ComplyRunner::HotPixels, &ComplyRunner::Black,
+        &ComplyRunner::Duration,    &ComplyRunner::LongExposure, &ComplyRunner::Repeat,    &ComplyRunner::Stream,
+        &ComplyRunner::Temperature, &ComplyRunner::Cooler,       &ComplyRunner::Guide,     &ComplyRunner::UserId,
     };
     static_assert(std::size(checks) == std::size(GROUPS));
     // What others of them begin with.
@@ -46,7 +46,8 @@ void ComplyRunner::Run()
         if (m_o.cancelled && m_o.cancelled())
             break;
         const auto& only = m_o.only;
-        const bool begins = name == "light" && std::find_first_of(only.begin(), only.end(), std::begin(lit), std::end(lit)) != only.end();
+        const bool begins =
+            name == "light" && std::find_first_of(only.begin(), only.end(), std::begin(lit), std::end(lit)) != only.end();
         if (!only.empty() && std::find(only.begin(), only.end(), name) == only.end() && !begins)
             continue;
         if (m_o.onCheck)
@@ -64,13 +65,16 @@ void ComplyRunner::Run()
     Restore();
 }
 
-void ComplyRunner::Add(const char* check, const std::string& what, bool good, double measured, double limit, const char* unit, const std::string& hint,
-                       Verdict otherwise)
+void ComplyRunner::Add(const char* check, const std::string& what, bool good, double measured, double limit, const char* unit,
+                       const std::string& hint, Verdict otherwise)
 {
     m_out.results.push_back({ good ? Verdict::Pass : otherwise, check, what, measured, limit, unit, good ? "" : hint });
 }
 
-void ComplyRunner::Skip(const char* check, const std::string& why) { m_out.results.push_back({ Verdict::Skipped, check, why, 0, 0, "", "" }); }
+void ComplyRunner::Skip(const char* check, const std::string& why)
+{
+    m_out.results.push_back({ Verdict::Skipped, check, why, 0, 0, "", "" });
+}
 
 void ComplyRunner::Remember()
 {
@@ -98,11 +102,15 @@ void ComplyRunner::Restore()
 
 const ComplyRunner::Control* ComplyRunner::Find(KOV_CONTROL_TYPE type) const
 {
-    const auto c = std::find_if(m_controls.begin(), m_controls.end(), [=](const Control& k) { return k.caps.ControlType == type; });
+    const auto c =
+        std::find_if(m_controls.begin(), m_controls.end(), [=](const Control& k) { return k.caps.ControlType == type; });
     return c == m_controls.end() ? nullptr : &*c;
 }
 
-void ComplyRunner::Pause(double seconds) const { std::this_thread::sleep_for(std::chrono::duration<double>(seconds / m_o.clockRate)); }
+void ComplyRunner::Pause(double seconds) const
+{
+    std::this_thread::sleep_for(std::chrono::duration<double>(seconds / m_o.clockRate));
+}
 
 void ComplyRunner::Middle() { Region(std::min(480, m_info.MaxWidth / 8 * 8), std::min(320, m_info.MaxHeight / 2 * 2), m_type); }
 

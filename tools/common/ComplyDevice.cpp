@@ -38,7 +38,9 @@ public:
     // Whether there is noise to tell frames by.
     bool Even() const
     {
-        return std::all_of(m_bands.begin(), m_bands.end(), [](const auto& b) { return static_cast<size_t>(std::count(b.begin(), b.end(), b[0])) > b.size() / 10 * 9; });
+        return std::all_of(m_bands.begin(), m_bands.end(), [](const auto& b) {
+            return static_cast<size_t>(std::count(b.begin(), b.end(), b[0])) > b.size() / 10 * 9;
+        });
     }
 
 private:
@@ -46,7 +48,8 @@ private:
     std::vector<std::vector<int>> m_bands;
 };
 
-// Frames of which one part is of this exposure and another is not: bands that differ far beyond what is usual, beside bands that do not.
+// Frames of which one part is of this exposure and another is not: bands that differ far beyond what is usual, beside bands that
+// do not.
 int CountTorn(const std::vector<std::vector<double>>& apart)
 {
     if (apart.size() < 4)
@@ -100,7 +103,8 @@ void ComplyRunner::Controls()
         Set(t, c.caps.DefaultValue);  // gamma answers the first call after a value beyond its limits with its highest
     }
     Add("controls.readback", "controls that do not read back as set", wrong == 0, wrong, 0, "", "look at:" + names);
-    Add("controls.limits", "controls that pass their limits", loose == 0, loose, 0, "", "a host must not rely on the limits told", Verdict::Warn);
+    Add("controls.limits", "controls that pass their limits", loose == 0, loose, 0, "", "a host must not rely on the limits told",
+        Verdict::Warn);
 }
 
 void ComplyRunner::Errors()
@@ -126,7 +130,8 @@ void ComplyRunner::Duration()
         worst = std::max(worst, over);
         good = good && over > -0.1 * s && over < 2 + s;
     }
-    Add("clock.exposure", "time of a snap over its exposure", good, worst, 2, "s", "frames come late or early: cable, port, or a busy machine");
+    Add("clock.exposure", "time of a snap over its exposure", good, worst, 2, "s",
+        "frames come late or early: cable, port, or a busy machine");
 }
 
 void ComplyRunner::LongExposure()
@@ -137,8 +142,8 @@ void ComplyRunner::LongExposure()
     const auto start = Clock::now();
     const bool taken = Snap(2 * s + 30);
     const double took = Seconds(start);
-    Add("long.exposure", "time of a long exposure, asked for " + std::to_string(static_cast<int>(s)) + " s", taken && took > 0.95 * s && took < 2 * s + 3,
-        took, 2 * s + 3, "s", "the exposure was given up, cut short or came late");
+    Add("long.exposure", "time of a long exposure, asked for " + std::to_string(static_cast<int>(s)) + " s",
+        taken && took > 0.95 * s && took < 2 * s + 3, took, 2 * s + 3, "s", "the exposure was given up, cut short or came late");
     Set(CTRL_EXPOSURE, static_cast<int32_t>(std::min(longest, 30.0) * 1e6));
     KOVStartExposure(m_id);
     Pause(0.5);
@@ -147,10 +152,12 @@ void ComplyRunner::LongExposure()
     const double waited = Seconds(stop);
     KOV_EXPOSURE_STATUS status = EXP_WORKING;
     KOVGetExpStatus(m_id, &status);
-    Add("long.abort", "time to stop an exposure of half a minute", stopped && status == EXP_IDLE && waited < 6, waited, 6, "s", "the exposure does not end when it is stopped");
+    Add("long.abort", "time to stop an exposure of half a minute", stopped && status == EXP_IDLE && waited < 6, waited, 6, "s",
+        "the exposure does not end when it is stopped");
     Set(CTRL_EXPOSURE, 5000);
     const bool again = Snap(10);
-    Add("long.after", "snaps that fail after the stop", again, !again, 0, "", "the camera is stuck after a stop: unplug it and plug it in again");
+    Add("long.after", "snaps that fail after the stop", again, !again, 0, "",
+        "the camera is stuck after a stop: unplug it and plug it in again");
 }
 
 void ComplyRunner::Repeat()
@@ -166,7 +173,8 @@ void ComplyRunner::Repeat()
         Set(CTRL_EXPOSURE, 5000);
         failed += !Snap(10);
     }
-    Add("snap.repeat", "failures in " + std::to_string(rounds) + " rounds of start, abort, snap", failed == 0, failed, 0, "", "try another port and cable");
+    Add("snap.repeat", "failures in " + std::to_string(rounds) + " rounds of start, abort, snap", failed == 0, failed, 0, "",
+        "try another port and cable");
 }
 
 void ComplyRunner::Stream()
@@ -195,18 +203,22 @@ void ComplyRunner::Stream()
     KOVGetDroppedFrames(m_id, &dropped);
     KOVStopVideoCapture(m_id);
     const auto n = static_cast<double>(arrivals.size());
-    Add("stream.rate", "full frames a second", n >= 2, n / length, 2 / length, "a second, at least", "no stream: cable, port, bandwidth");
+    Add("stream.rate", "full frames a second", n >= 2, n / length, 2 / length, "a second, at least",
+        "no stream: cable, port, bandwidth");
     const double lost = n + dropped > 0 ? 100 * dropped / (n + dropped) : 100;
     Add("stream.lost", "frames lost", lost <= 2, lost, 2, "percent", "lower the bandwidth, use another port, leave hubs out");
-    Add("stream.frozen", "frames that repeat the one before", frozen == 0, frozen, 0, "", "the camera sends the same picture again");
+    Add("stream.frozen", "frames that repeat the one before", frozen == 0, frozen, 0, "",
+        "the camera sends the same picture again");
     const int torn = CountTorn(apart);
-    Add("stream.torn", "frames of which a part is of another picture", torn == 0, torn, 0, "", "parts of frames are lost or changed places: cable, port; or something moves in view");
+    Add("stream.torn", "frames of which a part is of another picture", torn == 0, torn, 0, "",
+        "parts of frames are lost or changed places: cable, port; or something moves in view");
     std::vector<double> gaps;
     for (size_t i = 1; i < arrivals.size(); ++i)
         gaps.push_back(arrivals[i] - arrivals[i - 1]);
     std::sort(gaps.begin(), gaps.end());
     if (gaps.size() > 4)
-        Add("stream.pace", "longest gap over the usual one", gaps.back() < 6 * gaps[gaps.size() / 2] + 0.2, gaps.back() / gaps[gaps.size() / 2], 6, "times", "a busy machine, or a link that stalls", Verdict::Warn);
+        Add("stream.pace", "longest gap over the usual one", gaps.back() < 6 * gaps[gaps.size() / 2] + 0.2,
+            gaps.back() / gaps[gaps.size() / 2], 6, "times", "a busy machine, or a link that stalls", Verdict::Warn);
 }
 
 void ComplyRunner::Temperature()
@@ -221,7 +233,8 @@ void ComplyRunner::Temperature()
         high = std::max(high, now);
         Pause(0.5);
     }
-    Add("temperature.sane", "temperature of the sensor", low > -50 && high < 70, high, 70, "C, at most", "the sensor tells nonsense, or is far too hot");
+    Add("temperature.sane", "temperature of the sensor", low > -50 && high < 70, high, 70, "C, at most",
+        "the sensor tells nonsense, or is far too hot");
     Add("temperature.steady", "spread of the reading over ten seconds", high - low < 3, high - low, 3, "C", "the reading jumps");
 }
 
@@ -241,16 +254,18 @@ void ComplyRunner::Cooler()
     }
     Set(CTRL_COOLER_ON, 0);
     const double coldest = now;
-    Add("cooler.works", "degrees cooled", coldest <= before - 1, before - coldest, 1, "C, at least", "is the cooler's supply plugged in? Else the temperature is not the sensor's");
-    Add("cooler.power", "power told while it cooled", power > 0, power, 1, "percent, at least", "the camera does not drive its cooler");
+    Add("cooler.works", "degrees cooled", coldest <= before - 1, before - coldest, 1, "C, at least",
+        "is the cooler's supply plugged in? Else the temperature is not the sensor's");
+    Add("cooler.power", "power told while it cooled", power > 0, power, 1, "percent, at least",
+        "the camera does not drive its cooler");
     if (coldest > before - 1)
         return;
     for (const auto start = Clock::now(); Seconds(start) < (m_o.full ? 120 : 40) && now < coldest + 1;) {
         Pause(0.4);
         now = Now(CTRL_TEMPERATURE) / 10;
     }
-    Add("cooler.off", "degrees warmer once it is off", now >= coldest + 0.5 && Now(CTRL_COOL_POWER_PERC) == 0, now - coldest, 0.5, "C, at least",
-        "the cooler goes on, or the temperature is not the sensor's");
+    Add("cooler.off", "degrees warmer once it is off", now >= coldest + 0.5 && Now(CTRL_COOL_POWER_PERC) == 0, now - coldest, 0.5,
+        "C, at least", "the cooler goes on, or the temperature is not the sensor's");
 }
 
 void ComplyRunner::Guide()
@@ -276,7 +291,9 @@ void ComplyRunner::UserId()
         wrong += KOVSetID(m_id, id) != KOV_SUCCESS;
         wrong += KOVGetID(m_id, &now) != KOV_SUCCESS || !std::equal(id.id, id.id + sizeof id.id, now.id);
     }
-    Add("id.roundtrip", had ? "answers that differ from the ID written" : "answers that differ from the ID written; it had none and now has zeros",
+    Add("id.roundtrip",
+        had ? "answers that differ from the ID written"
+            : "answers that differ from the ID written; it had none and now has zeros",
         wrong == 0, wrong, 0, "", "the camera's flash does not keep what is written");
 }
 

@@ -23,7 +23,10 @@ double MeanOf(const FrameView& f)
 
 namespace {
 
-int Sample(const FrameView& f, int x, int y) { return f.At(static_cast<size_t>(y) * static_cast<size_t>(f.width) + static_cast<size_t>(x)); }
+int Sample(const FrameView& f, int x, int y)
+{
+    return f.At(static_cast<size_t>(y) * static_cast<size_t>(f.width) + static_cast<size_t>(x));
+}
 
 // Mean of squared differences over the variance of `a`: near 0 for the same picture, near 2 for pictures that share nothing.
 double Difference(const FrameView& a, const std::vector<double>& b)
@@ -49,7 +52,8 @@ Shot Cells(const Shot& s)
     c.state.width /= 2, c.state.height /= 2, c.state.type = IMG_RAW16;
     for (int y = 0; y < c.state.height; ++y)
         for (int x = 0; x < c.state.width; ++x) {
-            const int sum = Sample(s.View(), 2 * x, 2 * y) + Sample(s.View(), 2 * x + 1, 2 * y) + Sample(s.View(), 2 * x, 2 * y + 1) + Sample(s.View(), 2 * x + 1, 2 * y + 1);
+            const int sum = Sample(s.View(), 2 * x, 2 * y) + Sample(s.View(), 2 * x + 1, 2 * y) +
+                            Sample(s.View(), 2 * x, 2 * y + 1) + Sample(s.View(), 2 * x + 1, 2 * y + 1);
             c.data.push_back(static_cast<uint8_t>(sum / 4));
             c.data.push_back(static_cast<uint8_t>(sum / 4 >> 8));
         }
@@ -111,7 +115,8 @@ double Resemblance(const Shot& whole, const Shot& binned)
             std::vector<double> a, b;
             for (int y = y0; y + side <= binned.state.height - y0; y += side)
                 for (int x = x0; x + side <= binned.state.width - x0; x += side) {
-                    const int wx = (binned.state.startX + x) * bin - whole.state.startX + dx, wy = (binned.state.startY + y) * bin - whole.state.startY + dy;
+                    const int wx = (binned.state.startX + x) * bin - whole.state.startX + dx,
+                              wy = (binned.state.startY + y) * bin - whole.state.startY + dy;
                     if (wx < 0 || wy < 0 || wx + SIDE > whole.state.width || wy + SIDE > whole.state.height)
                         continue;
                     a.push_back(BlockMean(whole.View(), wx, wy, SIDE));
@@ -128,7 +133,8 @@ std::array<double, 4> CellMeans(const Shot& s)
     std::array<double, 4> sites{};  // first row left and right, second row
     for (int y = 0; y < s.state.height; ++y)
         for (int x = 0; x < s.state.width; ++x)
-            sites[static_cast<size_t>(y % 2 * 2 + x % 2)] += Sample(s.View(), x, y) * 4.0 / static_cast<double>(s.View().Samples());
+            sites[static_cast<size_t>(y % 2 * 2 + x % 2)] +=
+                Sample(s.View(), x, y) * 4.0 / static_cast<double>(s.View().Samples());
     switch (DeliveredPattern(s.state)) {
     case BAYER_RG: return { sites[0], sites[1], sites[2], sites[3] };
     case BAYER_BG: return { sites[3], sites[1], sites[2], sites[0] };
@@ -150,7 +156,8 @@ std::string StepBitmap(int width, int height, uint8_t step)
     put(26, 1, 2), put(28, 8, 2), put(34, width * height, 4), put(46, 256, 4);
     for (int i = 0; i < 256; ++i)
         put(54 + 4 * static_cast<size_t>(i), i * 0x010101, 3);
-    const std::string row = std::string(static_cast<size_t>(width / 2), '\0') + std::string(static_cast<size_t>(width - width / 2), static_cast<char>(step));
+    const std::string row = std::string(static_cast<size_t>(width / 2), '\0') +
+                            std::string(static_cast<size_t>(width - width / 2), static_cast<char>(step));
     for (int y = 0; y < height; ++y)
         file += row;
     return file;
@@ -162,7 +169,8 @@ int OddLines(const std::vector<double>& means, double dark, int* first)
     int odd = 0;
     for (size_t i = 2; i + 2 < means.size(); ++i) {
         const double around = (means[i - 2] + means[i + 2]) / 2;
-        if (std::abs(means[i] - around) > 0.25 * std::max(around - dark, 1.0) && std::abs(means[i - 2] - means[i + 2]) < 0.1 * std::max(around, 1.0)) {
+        if (std::abs(means[i] - around) > 0.25 * std::max(around - dark, 1.0) &&
+            std::abs(means[i - 2] - means[i + 2]) < 0.1 * std::max(around, 1.0)) {
             *first = odd == 0 ? static_cast<int>(i) : *first;
             ++odd;
         }
@@ -191,7 +199,9 @@ void ComplyRunner::Formats()
                 const Shot s = Take(&other);
                 slowest = std::min(slowest, 4 / Seconds(start));
                 // What a frame does not reach is as it was: 0 in the one, A5 in the other.
-                const auto untouched = [](const Shot& shot, uint8_t v) { return std::all_of(shot.data.end() - 64, shot.data.end(), [v](uint8_t b) { return b == v; }); };
+                const auto untouched = [](const Shot& shot, uint8_t v) {
+                    return std::all_of(shot.data.end() - 64, shot.data.end(), [v](uint8_t b) { return b == v; });
+                };
                 if (untouched(s, 0) && untouched(other, 0xA5))
                     throw std::runtime_error("cut off");
                 const double level = MeanOf(s.View()) / TopSample(type);
@@ -203,12 +213,16 @@ void ComplyRunner::Formats()
                 names += std::string(" ") + TypeName(type) + "/" + std::to_string(bin);
             }
         }
-    Add("formats.frames", "formats and bins that bring no whole frame", missing == 0, missing, 0, "", "lower the bandwidth; look at:" + names);
-    Add("formats.rate", "frames a second of the slowest, start and stop included", slowest > 0.5, slowest, 0.5, "a second, at least", "cable, port, bandwidth", Verdict::Warn);
-    Add("formats.steady", "change of the level from frame to frame", unsteady < 0.02, 100 * unsteady, 2, "percent of the top", "the light flickers, or the frames do", Verdict::Warn);
+    Add("formats.frames", "formats and bins that bring no whole frame", missing == 0, missing, 0, "",
+        "lower the bandwidth; look at:" + names);
+    Add("formats.rate", "frames a second of the slowest, start and stop included", slowest > 0.5, slowest, 0.5,
+        "a second, at least", "cable, port, bandwidth", Verdict::Warn);
+    Add("formats.steady", "change of the level from frame to frame", unsteady < 0.02, 100 * unsteady, 2, "percent of the top",
+        "the light flickers, or the frames do", Verdict::Warn);
     if (levels[IMG_RAW8] >= 0 && levels[IMG_RAW16] >= 0) {
         const double apart = std::abs(levels[IMG_RAW8] - levels[IMG_RAW16]);
-        Add("formats.level", "level of 8 bits against that of 16", apart < 0.02, 100 * apart, 2, "percent of the top", "samples of 8 and 16 bits are scaled differently");
+        Add("formats.level", "level of 8 bits against that of 16", apart < 0.02, 100 * apart, 2, "percent of the top",
+            "samples of 8 and 16 bits are scaled differently");
     }
 }
 
@@ -249,8 +263,10 @@ void ComplyRunner::Bins()
             if (!Region(m_info.MaxWidth / bin / 8 * 8, m_info.MaxHeight / bin / 2 * 2, m_type, bin))
                 continue;
             const double alike = Resemblance(whole, Take());
-            if (std::strstr(m_info.Name, "Iolite") != nullptr || (std::strstr(m_info.Name, "Onyx") != nullptr && hard && bin == 3)) {
-                Add("bins.model", "likeness in bin " + std::to_string(bin) + ", which this model does not do", false, alike, 0.7, "at least, 1 is the same",
+            if (std::strstr(m_info.Name, "Iolite") != nullptr ||
+                (std::strstr(m_info.Name, "Onyx") != nullptr && hard && bin == 3)) {
+                Add("bins.model", "likeness in bin " + std::to_string(bin) + ", which this model does not do", false, alike, 0.7,
+                    "at least, 1 is the same",
                     "it shows a part of the unbinned frame on every camera of this model: leave this bin alone", Verdict::Warn);
                 continue;
             }
@@ -270,7 +286,8 @@ void ComplyRunner::Regions()
     Shot whole;
     const bool structure = FindStructure(&whole);
     double worst = 0;
-    const int w = m_info.MaxWidth / 4 / 8 * 8, h = m_info.MaxHeight / 4 / 2 * 2, midX = (m_info.MaxWidth - w) / 2 / 4 * 4, midY = (m_info.MaxHeight - h) / 2 / 4 * 4;
+    const int w = m_info.MaxWidth / 4 / 8 * 8, h = m_info.MaxHeight / 4 / 2 * 2, midX = (m_info.MaxWidth - w) / 2 / 4 * 4,
+              midY = (m_info.MaxHeight - h) / 2 / 4 * 4;
     // The whole one ends before the sensor does where its width is no multiple of eight.
     const int right = whole.state.startX + whole.state.width - w, bottom = whole.state.startY + whole.state.height - h;
     std::vector<std::pair<int, int>> places = { { 0, 0 }, { right, 0 }, { 0, bottom }, { right, bottom }, { midX, midY } };
@@ -278,13 +295,14 @@ void ComplyRunner::Regions()
         places.emplace_back(midX + i, midY + 16 - i);
     for (const auto& [x, y] : places) {
         int32_t gotX = -1, gotY = -1;
-        if (!Region(w, h, m_type) || KOVSetStartPos(m_id, x, y) != KOV_SUCCESS || KOVGetStartPos(m_id, &gotX, &gotY) != KOV_SUCCESS ||
-            std::abs(gotX - x) > 8 || std::abs(gotY - y) > 4) {
+        if (!Region(w, h, m_type) || KOVSetStartPos(m_id, x, y) != KOV_SUCCESS ||
+            KOVGetStartPos(m_id, &gotX, &gotY) != KOV_SUCCESS || std::abs(gotX - x) > 8 || std::abs(gotY - y) > 4) {
             ++off;
             continue;
         }
         const Shot part = Take();
-        const std::vector<double> same = Part(whole.View(), std::clamp(gotX - whole.state.startX, 0, whole.state.width - w), std::clamp(gotY - whole.state.startY, 0, whole.state.height - h), part.View());
+        const std::vector<double> same = Part(whole.View(), std::clamp(gotX - whole.state.startX, 0, whole.state.width - w),
+                                              std::clamp(gotY - whole.state.startY, 0, whole.state.height - h), part.View());
         double mean = 0, variance = 0;
         for (const double v : same)
             mean += v / static_cast<double>(same.size());
@@ -293,14 +311,18 @@ void ComplyRunner::Regions()
         if (structure && variance > 4 * std::max(mean, 16.0))
             worst = std::max(worst, Difference(part.View(), same));
     }
-    for (const auto& [width, height] : { std::pair{ m_info.MaxWidth, m_info.MaxHeight }, { m_info.MaxWidth / 2 / 8 * 8, m_info.MaxHeight / 2 / 2 * 2 }, { 320, 240 }, { 64, 64 } }) {
+    for (const auto& [width, height] : { std::pair{ m_info.MaxWidth, m_info.MaxHeight },
+                                         { m_info.MaxWidth / 2 / 8 * 8, m_info.MaxHeight / 2 / 2 * 2 },
+                                         { 320, 240 },
+                                         { 64, 64 } }) {
         int32_t gotW = 0, gotH = 0, bin = 0;
         IMG_TYPE type = IMG_END;
         const bool set = Region(width, height, m_type) && KOVGetROIFormat(m_id, &gotW, &gotH, &bin, &type) == KOV_SUCCESS;
         wrong += !set || gotW != width || gotH != height;
         Take();
     }
-    Add("regions.places", "corners and alignments that a region does not reach", off == 0, off, 0, "", "the camera moves regions; read the start position back");
+    Add("regions.places", "corners and alignments that a region does not reach", off == 0, off, 0, "",
+        "the camera moves regions; read the start position back");
     Add("regions.sizes", "sizes that are not as asked for", wrong == 0, wrong, 0, "", "the camera changes sizes; read them back");
     if (!structure)
         Skip("regions.content", "needs something with structure in view");
@@ -325,7 +347,8 @@ void ComplyRunner::Light()
         }
     }
     if (m_exposure == 0)
-        Add("light", "light to measure with", false, 0, 15, "percent", "point the camera at something evenly bright; the checks that need light are skipped", Verdict::Warn);
+        Add("light", "light to measure with", false, 0, 15, "percent",
+            "point the camera at something evenly bright; the checks that need light are skipped", Verdict::Warn);
     else
         Add("light", "exposure to a seventh of the range", true, m_exposure / 1000, 2000, "ms", "");
 }
@@ -362,7 +385,8 @@ void ComplyRunner::Exposure()
     if (n < 4 && saturated && m_out.levels.size() > 0 && m_out.levels.back() < 0.4 * top)
         return Skip("exposure.linear", "the light is too uneven");
     if (n < 4)
-        return Add("exposure.linear", "points of the line before the top", false, n, 4, "at least", "the level rises faster than the exposure, or the light is not steady");
+        return Add("exposure.linear", "points of the line before the top", false, n, 4, "at least",
+                   "the level rises faster than the exposure, or the light is not steady");
     const double slope = (n * sxy - sx * sy) / (n * sxx - sx * sx), zero = (sy - slope * sx) / n;
     double worst = 0;
     for (size_t i = 0; i < m_out.levels.size(); ++i)
@@ -370,8 +394,8 @@ void ComplyRunner::Exposure()
     m_out.slope = slope * 1000;
     m_out.zero = zero;
     const double range = std::max(m_out.levels.back() - m_out.levels.front(), 1e-9);
-    Add("exposure.linear", "deviation of the level from a line", worst < 0.02 * range, 100 * worst / range, 2, "percent of the range",
-        "the light is not steady, or the camera's exposures are not what it tells");
+    Add("exposure.linear", "deviation of the level from a line", worst < 0.02 * range, 100 * worst / range, 2,
+        "percent of the range", "the light is not steady, or the camera's exposures are not what it tells");
     Add("exposure.zero", "level that no exposure would give, less the darkest", std::abs(zero - m_dark) < 0.03 * top,
         100 * (zero - m_dark) / top, 3, "percent of the top", "exposures are longer or shorter by a fixed time");
 }
@@ -414,11 +438,13 @@ void ComplyRunner::Gain()
     if (measured == 0)
         return Skip("gain.law", "the light is too uneven or too strong");
     if (unit)
-        Add("gain.law", "deviation of the level from the gain's law, up to gain " + std::to_string(caps.MinValue + reach), worst < 0.08, 100 * worst, 8, "percent",
-            "the gain is another than the model's; look at gain " + std::to_string(at));
+        Add("gain.law", "deviation of the level from the gain's law, up to gain " + std::to_string(caps.MinValue + reach),
+            worst < 0.08, 100 * worst, 8, "percent", "the gain is another than the model's; look at gain " + std::to_string(at));
     else
-        Add("gain.law", "level ratio of a third of the gain's range", ratio > 1.05, ratio, 1.05, "times, at least", "the gain does nothing");
-    Add("gain.steps", "fall of the level at a higher gain", falls < 0.03, 100 * falls, 3, "percent", "a step of the gain goes the wrong way");
+        Add("gain.law", "level ratio of a third of the gain's range", ratio > 1.05, ratio, 1.05, "times, at least",
+            "the gain does nothing");
+    Add("gain.steps", "fall of the level at a higher gain", falls < 0.03, 100 * falls, 3, "percent",
+        "a step of the gain goes the wrong way");
 }
 
 void ComplyRunner::Noise()
@@ -448,9 +474,12 @@ void ComplyRunner::Noise()
     m_out.electronsPerSample = told.value_or(0);
     const double limit = IsMosaic(state) ? 0.6 : 0.12;
     if (!told)
-        Add("noise.transfer", "samples of level per sample of variance: the model tells no electrons", std::isfinite(found) && found > 0, found, 0, "more than", "there is no noise of light in the pictures");
+        Add("noise.transfer", "samples of level per sample of variance: the model tells no electrons",
+            std::isfinite(found) && found > 0, found, 0, "more than", "there is no noise of light in the pictures");
     else
-        Add("noise.transfer", "electrons per sample by photon transfer, told against found", std::abs(*told / found - 1) < limit, 100 * std::abs(*told / found - 1), 100 * limit, "percent apart", "flicker of the light, or the gain is another than told");
+        Add("noise.transfer", "electrons per sample by photon transfer, told against found", std::abs(*told / found - 1) < limit,
+            100 * std::abs(*told / found - 1), 100 * limit, "percent apart",
+            "flicker of the light, or the gain is another than told");
 }
 
 void ComplyRunner::Lines()
@@ -467,10 +496,12 @@ void ComplyRunner::Lines()
             rows[static_cast<size_t>(y)] += static_cast<double>(v) / s.state.width;
             columns[static_cast<size_t>(x)] += static_cast<double>(v) / s.state.height;
         }
-    for (const auto& [check, name, means] : { std::tuple{ "lines.rows", "row", &rows }, std::tuple{ "lines.columns", "column", &columns } }) {
+    for (const auto& [check, name, means] :
+         { std::tuple{ "lines.rows", "row", &rows }, std::tuple{ "lines.columns", "column", &columns } }) {
         int first = -1;
         const int odd = OddLines(*means, m_dark, &first);
-        Add(check, std::string(name) + "s that differ from their neighbours", odd == 0, odd, 0, "", "look at " + std::string(name) + " " + std::to_string(first));
+        Add(check, std::string(name) + "s that differ from their neighbours", odd == 0, odd, 0, "",
+            "look at " + std::string(name) + " " + std::to_string(first));
     }
 }
 
@@ -501,7 +532,8 @@ void ComplyRunner::Bits()
             ++stuck;
             names += " " + std::to_string(bit);
         }
-    Add("bits.alive", "bits of the samples that never change from dark to bright", stuck == 0, stuck, 0, "", "look at bit" + names);
+    Add("bits.alive", "bits of the samples that never change from dark to bright", stuck == 0, stuck, 0, "",
+        "look at bit" + names);
 }
 
 void ComplyRunner::Flips()
@@ -516,11 +548,13 @@ void ComplyRunner::Flips()
         std::vector<double> turned;
         for (int y = 0; y < s.state.height; ++y)
             for (int x = 0; x < s.state.width; ++x)
-                turned.push_back(Sample(whole.View(), flip & 1 ? s.state.width - 1 - x : x, flip & 2 ? s.state.height - 1 - y : y));
+                turned.push_back(
+                    Sample(whole.View(), flip & 1 ? s.state.width - 1 - x : x, flip & 2 ? s.state.height - 1 - y : y));
         worst = std::max(worst, Difference(s.View(), turned));
     }
     Set(CTRL_FLIP, 0);
-    Add("flips.mirror", "difference of flipped pictures from the mirrored one", worst < 0.5, worst, 0.5, "of the variance", "a flip does another thing, or the scene moved");
+    Add("flips.mirror", "difference of flipped pictures from the mirrored one", worst < 0.5, worst, 0.5, "of the variance",
+        "a flip does another thing, or the scene moved");
 }
 
 // Green pixels are alike and the others not, wherever a flip has put them.
@@ -555,8 +589,10 @@ void ComplyRunner::Colours()
     const double apart = std::max(std::abs(straight[0] - straight[1]), std::abs(straight[3] - straight[1])) / straight[1];
     if (apart < 0.1 && green < 0.05)
         return Skip("colours.green", "red, green and blue pixels are alike in this light");
-    Add("colours.green", "difference of the two green pixels of a cell", green < 0.05, 100 * green, 5, "percent", "the colour cell is another than the model's, or the light is uneven");
-    Add("colours.flips", "change of a colour's level by flips", moved < 0.05, 100 * moved, 5, "percent", "flips do not move the colour cell as they should");
+    Add("colours.green", "difference of the two green pixels of a cell", green < 0.05, 100 * green, 5, "percent",
+        "the colour cell is another than the model's, or the light is uneven");
+    Add("colours.flips", "change of a colour's level by flips", moved < 0.05, 100 * moved, 5, "percent",
+        "flips do not move the colour cell as they should");
 }
 
 // Level of the left half less that of the right one.
@@ -587,12 +623,15 @@ void ComplyRunner::Dark()
     std::error_code ignored;
     std::filesystem::remove(path, ignored);
     if (code != KOV_SUCCESS)
-        return Add("dark.subtract", ErrorText(code), false, code, 0, "", "the dark frame was not taken; is the folder for temporary files writable?");
+        return Add("dark.subtract", ErrorText(code), false, code, 0, "",
+                   "the dark frame was not taken; is the folder for temporary files writable?");
     const double step = HalvesApart() - before;
     KOVDisableDarkSubtract(m_id);
     const double after = HalvesApart();
-    Add("dark.subtract", "error of what a dark frame takes away", std::abs(step - STEP) < 1.5, std::abs(step - STEP), 1.5, "samples", "dark frames are not subtracted pixel by pixel");
-    Add("dark.off", "what is left of it when it is off", std::abs(after - before) < 1.5, std::abs(after - before), 1.5, "samples", "dark subtraction does not end");
+    Add("dark.subtract", "error of what a dark frame takes away", std::abs(step - STEP) < 1.5, std::abs(step - STEP), 1.5,
+        "samples", "dark frames are not subtracted pixel by pixel");
+    Add("dark.off", "what is left of it when it is off", std::abs(after - before) < 1.5, std::abs(after - before), 1.5, "samples",
+        "dark subtraction does not end");
 }
 
 // Pixels that stand out by themselves in two pictures; stars and edges cover several.
@@ -605,7 +644,8 @@ size_t ComplyRunner::CountHot(double* level)
     for (size_t i = 0; i < a.Samples(); i += 7)
         squares += std::pow(std::min(a.At(i), b.At(i)) - std::max(a.At(i), b.At(i)), 2);
     *level = MeanOf(a);
-    const double out = *level + std::max(0.01 * TopSample(m_type), 6 * std::sqrt(squares * 7 / static_cast<double>(a.Samples()) / 2));
+    const double out =
+        *level + std::max(0.01 * TopSample(m_type), 6 * std::sqrt(squares * 7 / static_cast<double>(a.Samples()) / 2));
     const auto hot = [&](int x, int y) { return Sample(a, x, y) > out && Sample(b, x, y) > out; };
     size_t n = 0;
     for (int y = 1; y + 1 < a.height; ++y)
@@ -623,14 +663,16 @@ void ComplyRunner::HotPixels()
     if (level - m_dark > 0.05 * TopSample(m_type))
         return Skip("hot.count", "needs darkness: put the cap on and run again with '--check hot'");
     const double share = 1e6 * static_cast<double>(n) / (static_cast<double>(m_info.MaxWidth) * m_info.MaxHeight);
-    Add("hot.count", "pixels that stand out alone in the dark", share < 1000, share, 1000, "of a million", "a worn or overheated sensor; make a table: kovcam hotpixels search");
+    Add("hot.count", "pixels that stand out alone in the dark", share < 1000, share, 1000, "of a million",
+        "a worn or overheated sensor; make a table: kovcam hotpixels search");
     if (!m_o.repair)
         return;
     if (!m_o.repair(true))
         return Skip("hot.repair", "the camera holds no table of hot pixels: kovcam hotpixels search");
     const size_t left = CountHot(&level);
     m_o.repair(false);
-    Add("hot.repair", "of them left with the camera's table", n < 10 || left < n / 2 + 1, static_cast<double>(left), static_cast<double>(n) / 2, "pixels",
+    Add("hot.repair", "of them left with the camera's table", n < 10 || left < n / 2 + 1, static_cast<double>(left),
+        static_cast<double>(n) / 2, "pixels",
         "the table is of another sensor or too old; make a new one: kovcam hotpixels search");
 }
 
@@ -646,7 +688,8 @@ void ComplyRunner::Black()
         Pause(m_o.full ? 2 : 0.5);
     }
     const double top = TopSample(m_type);
-    Add("black.steady", "drift of the dark level", high - low < 0.01 * top, 100 * (high - low) / top, 1, "percent of the top", "the black level wanders; let the camera warm up and shade it");
+    Add("black.steady", "drift of the dark level", high - low < 0.01 * top, 100 * (high - low) / top, 1, "percent of the top",
+        "the black level wanders; let the camera warm up and shade it");
     const Control* const c = Find(CTRL_BRIGHTNESS);
     if (c == nullptr)
         return Skip("black.level", "the camera has no such control");
@@ -655,7 +698,8 @@ void ComplyRunner::Black()
     Set(CTRL_BRIGHTNESS, c->caps.MinValue + (c->caps.MaxValue - c->caps.MinValue) / 2);
     high = MeanOf(Take().View());
     Set(CTRL_BRIGHTNESS, c->caps.DefaultValue);
-    Add("black.level", "rise of the level by half of the range", high > low + 0.001 * top, high - low, 0.001 * top, "samples, at least", "the black level does nothing");
+    Add("black.level", "rise of the level by half of the range", high > low + 0.001 * top, high - low, 0.001 * top,
+        "samples, at least", "the black level does nothing");
 }
 
 }  // namespace kovtools

@@ -27,7 +27,11 @@ public:
 private:
     using Verdict = CheckResult::Verdict;
     using Clock = std::chrono::steady_clock;
-    struct Control { KOV_CONTROL_CAPS caps; int32_t value; KOV_BOOL automatic; };
+    struct Control {
+        KOV_CONTROL_CAPS caps;
+        int32_t value;
+        KOV_BOOL automatic;
+    };
 
     // --- the checks, in their order -----------------------------------------------------------------------------
     void Controls();
@@ -56,27 +60,30 @@ private:
     void UserId();
 
     // --- what they share ----------------------------------------------------------------------------------------
-    void Add(const char* check, const std::string& what, bool good, double measured, double limit, const char* unit, const std::string& hint,
-             Verdict otherwise = Verdict::Fail);
+    void Add(const char* check, const std::string& what, bool good, double measured, double limit, const char* unit,
+             const std::string& hint, Verdict otherwise = Verdict::Fail);
     void Skip(const char* check, const std::string& why);
     void Remember();
     void Restore();
     const Control* Find(KOV_CONTROL_TYPE type) const;
     void Set(KOV_CONTROL_TYPE type, int32_t value) { KOVSetControlValue(m_id, type, value, KOV_FALSE); }
     double Now(KOV_CONTROL_TYPE type) const { return ReadControl(m_id, type).value_or(0); }
-    double Seconds(Clock::time_point since) const { return m_o.clockRate * std::chrono::duration<double>(Clock::now() - since).count(); }
+    double Seconds(Clock::time_point since) const
+    {
+        return m_o.clockRate * std::chrono::duration<double>(Clock::now() - since).count();
+    }
     void Pause(double seconds) const;  // of the camera's time
     bool Region(int w, int h, IMG_TYPE type, int bin = 1) { return KOVSetROIFormat(m_id, w, h, bin, type) == KOV_SUCCESS; }
     void Whole() { Region(m_info.MaxWidth / 8 * 8, m_info.MaxHeight / 2 * 2, m_type); }
     void Middle();
     void Settle();
-    Shot Blank() const;                // room for a picture of what is in force
+    Shot Blank() const;  // room for a picture of what is in force
     // The last of a few frames, so that what was set is in it; with `other` the one before too. Throws std::runtime_error.
     Shot Take(Shot* other = nullptr);
     double LevelAt(double exposureUs);
     bool Snap(double patience);
     bool NeedsLight(const char* check);
-    bool FindStructure(Shot* whole);   // an exposure that shows a scene with structure in it; false: there is none
+    bool FindStructure(Shot* whole);  // an exposure that shows a scene with structure in it; false: there is none
     size_t CountHot(double* level);
     double HalvesApart();
 

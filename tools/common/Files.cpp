@@ -12,7 +12,10 @@ namespace {
 
 constexpr char MIDDLE[] = ".kov", SUFFIX[] = ".part";
 
-std::string NameOfPart(const std::string& path, int number) { return path + MIDDLE + (number > 1 ? std::to_string(number) : "") + SUFFIX; }
+std::string NameOfPart(const std::string& path, int number)
+{
+    return path + MIDDLE + (number > 1 ? std::to_string(number) : "") + SUFFIX;
+}
 
 // "x.fits.kov.part", "x.fits.kov2.part"; of other programs none is called so.
 bool IsPart(const std::string& name)

@@ -88,11 +88,13 @@ FitsCard ParseFitsCard(const std::string& text)
     const size_t at = text.find('=');
     FitsCard card;
     card.key = text.substr(0, at);
-    std::transform(card.key.begin(), card.key.end(), card.key.begin(), [](unsigned char c) { return static_cast<char>(std::toupper(c)); });
+    std::transform(card.key.begin(), card.key.end(), card.key.begin(),
+                   [](unsigned char c) { return static_cast<char>(std::toupper(c)); });
     const bool allowed = !card.key.empty() && card.key.size() <= 8 &&
                          card.key.find_first_not_of("ABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789-_") == std::string::npos;
     if (at == std::string::npos || !allowed)
-        throw std::invalid_argument(fmt::format("'{}' is no keyword; write KEY=VALUE, the key 1 to 8 of A-Z, 0-9, - and _", text));
+        throw std::invalid_argument(
+            fmt::format("'{}' is no keyword; write KEY=VALUE, the key 1 to 8 of A-Z, 0-9, - and _", text));
     static constexpr const char* own[] = { "SIMPLE", "BITPIX", "EXTEND", "BZERO", "BSCALE", "END", "CONTINUE" };
     if (card.key.starts_with("NAXIS") || std::find(std::begin(own), std::end(own), card.key) != std::end(own))
         throw std::invalid_argument(fmt::format("the keyword {} belongs to the image itself", card.key));

@@ -23,13 +23,15 @@ struct FitsCard {
 // What a person tells of the picture.
 struct FitsNotes {
     std::string imageType = "Light Frame", object, telescope, software;
-    std::optional<double> focalLength;       // mm
-    std::optional<double> ra, dec;           // degrees
+    std::optional<double> focalLength;  // mm
+    std::optional<double> ra, dec;      // degrees
     std::vector<std::string> history;
-    std::vector<FitsCard> more;              // come last and replace cards of the same key
+    std::vector<FitsCard> more;  // come last and replace cards of the same key
 };
 
-struct FrameTimes { std::chrono::system_clock::time_point start, end; };  // of the exposure
+struct FrameTimes {
+    std::chrono::system_clock::time_point start, end;
+};  // of the exposure
 
 // All but what the image itself needs (SIMPLE, BITPIX, NAXIS...).
 std::vector<FitsCard> MakeFitsCards(const CameraState& state, const FrameTimes& times, const FitsNotes& notes);

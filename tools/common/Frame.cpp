@@ -127,8 +127,10 @@ const std::array<uint8_t, 4>& CellColours(BayerPattern pattern)
 BayerPattern Exchanged(BayerPattern pattern, bool columns, bool rows)
 {
     static constexpr BayerPattern table[4][4] = {
-        { BAYER_RG, BAYER_GR, BAYER_GB, BAYER_BG }, { BAYER_BG, BAYER_GB, BAYER_GR, BAYER_RG },
-        { BAYER_GR, BAYER_RG, BAYER_BG, BAYER_GB }, { BAYER_GB, BAYER_BG, BAYER_RG, BAYER_GR },
+        { BAYER_RG, BAYER_GR, BAYER_GB, BAYER_BG },
+        { BAYER_BG, BAYER_GB, BAYER_GR, BAYER_RG },
+        { BAYER_GR, BAYER_RG, BAYER_BG, BAYER_GB },
+        { BAYER_GB, BAYER_BG, BAYER_RG, BAYER_GR },
     };
     return table[pattern & 3][(columns ? 1 : 0) | (rows ? 2 : 0)];
 }
@@ -175,8 +177,8 @@ std::optional<double> ElectronsPerSample(const CameraState& s)
     for (const GainLaw& law : g_laws) {
         if (std::string_view(s.info.Name).find(law.family) == std::string_view::npos)
             continue;
-        const double gain = law.tenthsOfDb == 0 ? GarnetGain(s.gain, colour)
-                                                : std::pow(10.0, s.gain / law.tenthsOfDb * law.tenthsOfDb / 200.0);
+        const double gain =
+            law.tenthsOfDb == 0 ? GarnetGain(s.gain, colour) : std::pow(10.0, s.gain / law.tenthsOfDb * law.tenthsOfDb / 200.0);
         const double fullScale = static_cast<double>(s.info.ElecPerADU) * (1 << law.adcBits) / gain;
         // Binning in software sums samples of 8 bits and averages those of 16.
         return fullScale / (TopSample(s.type) + 1) * (s.type == IMG_RAW16 ? s.bin * s.bin : 1);

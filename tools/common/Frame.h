@@ -45,9 +45,9 @@ struct CameraState {
     int startX = 0, startY = 0;          // of the region, output pixels
     IMG_TYPE type = IMG_RAW8;
     bool hardwareBin = false, highSpeed = false, darkSubtracted = false;
-    std::optional<double> temperature;   // degrees Celsius; a cooled camera first knows it 0.6 s after it was opened
-    std::optional<double> target;        // of the cooler, while it is on
-    std::optional<double> coolerPower;   // percent
+    std::optional<double> temperature;  // degrees Celsius; a cooled camera first knows it 0.6 s after it was opened
+    std::optional<double> target;       // of the cooler, while it is on
+    std::optional<double> coolerPower;  // percent
 };
 
 // Asks the open camera; throws std::runtime_error when it answers with an error. Any thread.

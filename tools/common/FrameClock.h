@@ -22,7 +22,11 @@ public:
     std::vector<Time> Starts() const;
 
 private:
-    struct Frame { double arrival; int64_t number; double exposure; };  // s since the first
+    struct Frame {
+        double arrival;
+        int64_t number;
+        double exposure;
+    };  // s since the first
     // Arrival of each frame of [first, last) on the line of that stretch.
     void Fit(size_t first, size_t last, std::vector<double>& line) const;
     bool BeginsAnew(size_t i, double usual) const;

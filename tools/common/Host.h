@@ -11,8 +11,8 @@ namespace kovtools {
 
 // The command line after the program's name, in UTF-8; the terminal is set to show that.
 std::vector<std::string> Arguments(int argc, char** argv);
-std::filesystem::path ProgramFolder();  // where this program's own file stands; empty when that cannot be told
-const usbstack::Plugin* LoadedPlugin(); // of virtual cameras, when this process runs with them
+std::filesystem::path ProgramFolder();   // where this program's own file stands; empty when that cannot be told
+const usbstack::Plugin* LoadedPlugin();  // of virtual cameras, when this process runs with them
 void SetVariable(const char* name, const std::string& value);  // of the environment, for this process
 bool IsTerminal(std::FILE*);
 extern const char* const HOW_TO_SEE_A_CAMERA;  // "that 'lsusb ...' lists the camera"

@@ -70,8 +70,8 @@ Plane MakePlane(const FrameView& f, bool mosaic)
     for (int y = 0; y < p.height; ++y)
         for (int x = 0; x < p.width; ++x) {
             const size_t i = static_cast<size_t>(y * p.cell) * pitch + static_cast<size_t>(x * p.cell);
-            const int sum = mosaic ? f.At(i) + f.At(i + 1) + f.At(i + pitch) + f.At(i + pitch + 1)
-                                   : f.At(f.Channels() == 3 ? 3 * i + 1 : i);
+            const int sum =
+                mosaic ? f.At(i) + f.At(i + 1) + f.At(i + pitch) + f.At(i + pitch + 1) : f.At(f.Channels() == 3 ? 3 * i + 1 : i);
             p.v.push_back(static_cast<float>(mosaic ? sum / 4.0 : sum));
         }
     return p;
@@ -84,7 +84,9 @@ float MedianOf(std::vector<float>& v)
     return *middle;
 }
 
-struct Sky { float level, noise; };
+struct Sky {
+    float level, noise;
+};
 
 // Median and spread of every k-th cell of a tile, so that each tile costs the same.
 Sky MeasureSky(const Plane& p, int x0, int y0, int x1, int y1)
@@ -134,7 +136,8 @@ Star MeasureStar(const Plane& p, int px, int py, Sky sky)
         int count = 0;
         for (int y = std::max(0, py - radius); y <= std::min(p.height - 1, py + radius); ++y)
             for (int x = std::max(0, px - radius); x <= std::min(p.width - 1, px + radius); ++x)
-                if (const int d = (x - px) * (x - px) + (y - py) * (y - py); d > (radius - 1) * (radius - 1) && d <= radius * radius) {
+                if (const int d = (x - px) * (x - px) + (y - py) * (y - py);
+                    d > (radius - 1) * (radius - 1) && d <= radius * radius) {
                     ring += p.At(x, y) - sky.level;
                     ++count;
                 }
@@ -186,7 +189,11 @@ StarField MeasureStars(const FrameView& frame, const CameraState& state, double 
 
     std::vector<uint8_t> taken(p.v.size());
     const float saturated = static_cast<float>(SaturatedSample(frame.type));
-    struct Peak { float height; int x, y; Sky sky; };
+    struct Peak {
+        float height;
+        int x, y;
+        Sky sky;
+    };
     std::vector<Peak> peaks;
     for (int ty = 0; ty < p.height; ty += TILE)
         for (int tx = 0; tx < p.width; tx += TILE) {

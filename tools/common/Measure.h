@@ -7,8 +7,8 @@
 
 namespace kovtools {
 
-std::vector<uint32_t> Histogram(const FrameView& frame);                     // 256 or 65536 values, of all channels together
-double Quantile(const std::vector<uint32_t>& histogram, double share);       // the smallest value that so many lie at or below
+std::vector<uint32_t> Histogram(const FrameView& frame);                // 256 or 65536 values, of all channels together
+double Quantile(const std::vector<uint32_t>& histogram, double share);  // the smallest value that so many lie at or below
 
 struct FrameStatistics {
     int min = 0, max = 0;
@@ -19,10 +19,10 @@ struct FrameStatistics {
 FrameStatistics MeasureFrame(const FrameView& frame);
 
 struct Star {
-    double x = 0, y = 0;    // centre, pixels of the frame; the centre of the first pixel is 0
-    double flux = 0;        // samples above the background
-    double peak = 0;        // above the background
-    double hfr = 0;         // radius around the centre that holds half of the flux, pixels
+    double x = 0, y = 0;  // centre, pixels of the frame; the centre of the first pixel is 0
+    double flux = 0;      // samples above the background
+    double peak = 0;      // above the background
+    double hfr = 0;       // radius around the centre that holds half of the flux, pixels
     bool saturated = false;
 };
 struct StarField {

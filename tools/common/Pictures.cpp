@@ -51,7 +51,8 @@ void WriteTiff(const std::string& path, const FrameView& frame, const CameraStat
     const std::string about = fmt::format("{}, exposure {} s, gain {}, bin {}{}, from {} UTC", state.info.Name, state.exposure,
                                           state.gain, state.bin, mosaic, UtcText(times.start));
     WholeFile whole(path);
-    WriteTiffFile(whole.Temporary(), { frame.width, frame.height, frame.Channels(), frame.Is16() ? 16 : 8, state.info.Name, about }, samples);
+    WriteTiffFile(whole.Temporary(),
+                  { frame.width, frame.height, frame.Channels(), frame.Is16() ? 16 : 8, state.info.Name, about }, samples);
     whole.Commit();
 }
 

@@ -28,9 +28,11 @@ struct Plot {
 void DrawPlots(const std::string& path, const std::vector<Plot>& plots, bool dark = false);
 
 struct Sheet {
-    struct Picture { std::string file, caption; };  // of a PNG
+    struct Picture {
+        std::string file, caption;
+    };  // of a PNG
     std::vector<Picture> pictures;
-    int columns = 3, tileWidth = 320, tileHeight = 240;  // a picture keeps its shape
+    int columns = 3, tileWidth = 320, tileHeight = 240;       // a picture keeps its shape
     int cropX = 0, cropY = 0, cropWidth = 0, cropHeight = 0;  // the part that is shown; no width: all
     bool dark = false;
     bool keepStars = false;  // shrinks by the brightest spot instead of the mean, which swallows stars

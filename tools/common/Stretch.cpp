@@ -12,15 +12,9 @@ namespace kovtools {
 namespace {
 
 // Keeps 0 and 1, brings `middle` to one half, and is smooth between.
-double Midtones(double x, double middle)
-{
-    return (middle - 1) * x / ((2 * middle - 1) * x - middle);
-}
+double Midtones(double x, double middle) { return (middle - 1) * x / ((2 * middle - 1) * x - middle); }
 // The middle for which Midtones brings x to y.
-double MiddleFor(double x, double y)
-{
-    return x * (1 - y) / (x + y - 2 * x * y);
-}
+double MiddleFor(double x, double y) { return x * (1 - y) / (x + y - 2 * x * y); }
 
 }  // namespace
 
@@ -42,7 +36,8 @@ std::vector<uint8_t> MakeCurve(const std::vector<uint32_t>& histogram, Stretch s
     const auto share = [&](double v) { return std::clamp((v - black) / (white - black), 1e-6, 1.0); };
     // The sky to a dark grey, but no further than the brightest hundredth bears; never darker than it is.
     constexpr double SKY = 0.14, BRIGHT = 0.75;
-    const double middle = std::min(0.5, std::max(MiddleFor(share(median), SKY), MiddleFor(share(Quantile(histogram, 0.99)), BRIGHT)));
+    const double middle =
+        std::min(0.5, std::max(MiddleFor(share(median), SKY), MiddleFor(share(Quantile(histogram, 0.99)), BRIGHT)));
     for (size_t i = 0; i < n; ++i) {
         const double x = std::clamp((static_cast<double>(i) - black) / (white - black), 0.0, 1.0);
         curve[i] = static_cast<uint8_t>(Midtones(x, middle) * 255.0 + 0.5);

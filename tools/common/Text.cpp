@@ -20,7 +20,10 @@ std::chrono::microseconds ParseDuration(const std::string& text)
         value = std::stod(text, &used);
     } catch (const std::exception&) {
     }
-    struct Unit { const char* name; double microseconds; };
+    struct Unit {
+        const char* name;
+        double microseconds;
+    };
     static constexpr Unit units[] = { { "us", 1 }, { "ms", 1e3 }, { "s", 1e6 }, { "m", 6e7 }, { "min", 6e7 }, { "h", 3.6e9 } };
     const std::string name = text.substr(std::min(text.find_first_not_of(' ', used), text.size()));
     const Unit* const unit = std::find_if(std::begin(units), std::end(units), [&](const Unit& u) { return name == u.name; });
@@ -37,8 +40,9 @@ std::chrono::microseconds ParseDuration(const std::string& text)
 std::string DurationText(std::chrono::microseconds duration)
 {
     const double us = static_cast<double>(duration.count());
-    return us < 1e3 ? fmt::format("{} us", duration.count()) : us < 1e6 ? fmt::format("{:.4g} ms", us / 1e3)
-                                                                        : fmt::format("{:.4g} s", us / 1e6);
+    return us < 1e3   ? fmt::format("{} us", duration.count())
+           : us < 1e6 ? fmt::format("{:.4g} ms", us / 1e3)
+                      : fmt::format("{:.4g} s", us / 1e6);
 }
 
 double ParseAngle(const std::string& text, bool hours)
@@ -54,16 +58,20 @@ double ParseAngle(const std::string& text, bool hours)
     const double size = std::abs(part[0]) + part[1] / 60 + part[2] / 3600;
     const double degrees = (negative ? -size : size) * (hours && count > 1 ? 15 : 1);
     if (!good || !std::isfinite(degrees) || degrees < (hours ? 0 : -90) || degrees > (hours ? 360 : 90))
-        throw std::invalid_argument(hours ? fmt::format("'{}' is no right ascension; write 05:35:17 (hours) or 83.822 (degrees)", text)
-                                          : fmt::format("'{}' is no declination; write -05:23:28 or -5.391 (degrees)", text));
+        throw std::invalid_argument(
+            hours ? fmt::format("'{}' is no right ascension; write 05:35:17 (hours) or 83.822 (degrees)", text)
+                  : fmt::format("'{}' is no declination; write -05:23:28 or -5.391 (degrees)", text));
     return degrees;
 }
 
 std::string SexagesimalText(double degrees, bool hours)
 {
     const int64_t hundredths = std::llround(std::abs(degrees) / (hours ? 15 : 1) * 360000);
-    return fmt::format("{}{:02} {:02} {:02}.{:02}", hours ? "" : degrees < 0 ? "-" : "+", hundredths / 360000,
-                       hundredths / 6000 % 60, hundredths / 100 % 60, hundredths % 100);
+    return fmt::format("{}{:02} {:02} {:02}.{:02}",
+                       hours         ? ""
+                       : degrees < 0 ? "-"
+                                     : "+",
+                       hundredths / 360000, hundredths / 6000 % 60, hundredths / 100 % 60, hundredths % 100);
 }
 
 std::string Lower(std::string text)

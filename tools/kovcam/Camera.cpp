@@ -9,10 +9,10 @@
 #include <limits>
 #include <thread>
 
+#include "camera/CCameraBase.h"
 #include "common/Files.h"
 #include "common/Host.h"
 #include "common/Text.h"
-#include "camera/CCameraBase.h"
 #include "kovcam/Json.h"
 
 namespace kovcam {
@@ -24,12 +24,24 @@ void Check(KOV_ERROR_CODE code, const std::string& what)
 }
 
 const std::vector<ControlName> g_Controls = {
-    { CTRL_GAIN, "gain" }, { CTRL_EXPOSURE, "exposure" }, { CTRL_GAMMA, "gamma" }, { CTRL_WB_R, "wb-r" }, { CTRL_WB_B, "wb-b" },
-    { CTRL_BRIGHTNESS, "brightness" }, { CTRL_BANDWIDTH, "bandwidth" }, { CTRL_OVERCLK, "overclock" },
-    { CTRL_TEMPERATURE, "temperature" }, { CTRL_FLIP, "flip" }, { CTRL_AUTOEXP_MAX_GAIN, "auto-max-gain" },
-    { CTRL_AUTOEXP_MAX_EXP, "auto-max-exposure" }, { CTRL_AUTOEXP_MAX_BRIGHTNESS, "auto-brightness" },
-    { CTRL_HARDWARE_BIN, "hardware-bin" }, { CTRL_HIGH_SPEED_MODE, "high-speed" }, { CTRL_COOL_POWER_PERC, "cooler-power" },
-    { CTRL_TARGET_TEMP, "target-temperature" }, { CTRL_COOLER_ON, "cooler" },
+    { CTRL_GAIN, "gain" },
+    { CTRL_EXPOSURE, "exposure" },
+    { CTRL_GAMMA, "gamma" },
+    { CTRL_WB_R, "wb-r" },
+    { CTRL_WB_B, "wb-b" },
+    { CTRL_BRIGHTNESS, "brightness" },
+    { CTRL_BANDWIDTH, "bandwidth" },
+    { CTRL_OVERCLK, "overclock" },
+    { CTRL_TEMPERATURE, "temperature" },
+    { CTRL_FLIP, "flip" },
+    { CTRL_AUTOEXP_MAX_GAIN, "auto-max-gain" },
+    { CTRL_AUTOEXP_MAX_EXP, "auto-max-exposure" },
+    { CTRL_AUTOEXP_MAX_BRIGHTNESS, "auto-brightness" },
+    { CTRL_HARDWARE_BIN, "hardware-bin" },
+    { CTRL_HIGH_SPEED_MODE, "high-speed" },
+    { CTRL_COOL_POWER_PERC, "cooler-power" },
+    { CTRL_TARGET_TEMP, "target-temperature" },
+    { CTRL_COOLER_ON, "cooler" },
 };
 
 KOV_CONTROL_TYPE ParseControl(const std::string& name)
@@ -43,7 +55,8 @@ KOV_CONTROL_TYPE ParseControl(const std::string& name)
     const std::vector<std::string> near = kovtools::Nearest(name, names);
     throw UserError(fmt::format("unknown control '{}'.{} Controls are: {}", name,
                                 near.empty() ? "" : fmt::format(" Did you mean {}?", kovtools::Joined(near, " or ")),
-                                kovtools::Joined(names)), 2);
+                                kovtools::Joined(names)),
+                    2);
 }
 
 const char* NameOf(KOV_CONTROL_TYPE type)
@@ -63,10 +76,7 @@ std::chrono::microseconds ParseTime(const std::string& text)
     }
 }
 
-double ParseSeconds(const std::string& text)
-{
-    return static_cast<double>(ParseTime(text).count()) / 1e6;
-}
+double ParseSeconds(const std::string& text) { return static_cast<double>(ParseTime(text).count()) / 1e6; }
 
 int32_t ParseExposure(const std::string& text)
 {
@@ -76,16 +86,15 @@ int32_t ParseExposure(const std::string& text)
     return static_cast<int32_t>(us);
 }
 
-std::string ExposureText(int64_t us)
-{
-    return kovtools::DurationText(std::chrono::microseconds(us));
-}
+std::string ExposureText(int64_t us) { return kovtools::DurationText(std::chrono::microseconds(us)); }
 
 // With neither form the camera's own setting stays.
 static void AddSwitch(CLI::App& app, const std::string& name, std::optional<bool>& value, const char* on, const char* off)
 {
-    app.add_flag_callback("--" + name, [&value] { value = true; }, on);
-    app.add_flag_callback("--no-" + name, [&value] { value = false; }, off);
+    app.add_flag_callback(
+        "--" + name, [&value] { value = true; }, on);
+    app.add_flag_callback(
+        "--no-" + name, [&value] { value = false; }, off);
 }
 
 void PictureOptions::AddTo(CLI::App& app, unsigned groups)
@@ -114,7 +123,8 @@ void PictureOptions::AddTo(CLI::App& app, unsigned groups)
         app.add_flag("--time-mark", bTimeMark, "Draw date and time into the picture (8-bit formats)");
     }
     if (groups & Cooler)
-        app.add_option("--cool", iCool, "Cool to that many degrees first and hold it (cooled cameras)")->check(CLI::Range(-80, 50));
+        app.add_option("--cool", iCool, "Cool to that many degrees first and hold it (cooled cameras)")
+            ->check(CLI::Range(-80, 50));
     if (groups & Automation) {
         app.add_flag("--auto-exposure", bAutoExposure, "Let the camera regulate the exposure");
         app.add_flag("--auto-gain", bAutoGain, "Let the camera regulate the gain");
@@ -148,13 +158,13 @@ int CountCameras()
 {
     const int n = KOVGetNumOfConnectedCameras();
     if (n == 0)
-        throw UserError(
-            fmt::format("no camera found.\n"
-                        "  Looked for USB devices of vendor 0E5A on all ports.\n"
-                        "  Check the cable and that {}; if it does, run 'kovcam doctor': it tells\n"
-                        "  missing rights and whether another program holds the camera.\n"
-                        "  To try without a camera: kovsim run --camera QuartzCol -- kovcam list", kovtools::HOW_TO_SEE_A_CAMERA),
-            3);
+        throw UserError(fmt::format("no camera found.\n"
+                                    "  Looked for USB devices of vendor 0E5A on all ports.\n"
+                                    "  Check the cable and that {}; if it does, run 'kovcam doctor': it tells\n"
+                                    "  missing rights and whether another program holds the camera.\n"
+                                    "  To try without a camera: kovsim run --camera QuartzCol -- kovcam list",
+                                    kovtools::HOW_TO_SEE_A_CAMERA),
+                        3);
     return n;
 }
 
@@ -189,8 +199,10 @@ int FindCamera(const std::string& which)
     if (iHits == 0)
         throw UserError(fmt::format("no camera '{}'. There are:{}", which, names), 3);
     if (iHits > 1)
-        throw UserError(which.empty() ? fmt::format("more than one camera; choose one with --camera:{}", names)
-                                      : fmt::format("more than one camera fits '{}'; choose one with --camera INDEX:{}", which, names), 2);
+        throw UserError(which.empty()
+                            ? fmt::format("more than one camera; choose one with --camera:{}", names)
+                            : fmt::format("more than one camera fits '{}'; choose one with --camera INDEX:{}", which, names),
+                        2);
     return iFound;
 }
 
@@ -213,15 +225,9 @@ Camera::~Camera()
         KOVCloseCamera(m_iId);
 }
 
-CCameraBase& Camera::Object() const
-{
-    return *CCameraBase::FromID(m_iId);
-}
+CCameraBase& Camera::Object() const { return *CCameraBase::FromID(m_iId); }
 
-std::vector<KOV_CONTROL_CAPS> Camera::Controls() const
-{
-    return kovtools::ControlsOf(m_iId);
-}
+std::vector<KOV_CONTROL_CAPS> Camera::Controls() const { return kovtools::ControlsOf(m_iId); }
 
 bool Camera::Has(KOV_CONTROL_TYPE type) const
 {
@@ -249,7 +255,8 @@ std::vector<Camera::Deviation> Camera::Deviations() const
         bool automatic = false;
         const int32_t value = Get(caps.ControlType, &automatic);
         // Where the camera can choose the bandwidth, it does so from the start.
-        const bool usual = caps.ControlType == CTRL_BANDWIDTH && caps.IsAutoSupported ? automatic : value == caps.DefaultValue && !automatic;
+        const bool usual =
+            caps.ControlType == CTRL_BANDWIDTH && caps.IsAutoSupported ? automatic : value == caps.DefaultValue && !automatic;
         if (!usual)
             out.push_back({ NameOf(caps.ControlType), value, caps.DefaultValue, automatic });
     }
@@ -376,10 +383,7 @@ void Camera::KeepSettings()
     Check(KOVStopVideoCapture(m_iId), "keeping the settings");
 }
 
-int Camera::ImageBytes() const
-{
-    return m_iWidth * m_iHeight * (m_Type == IMG_RGB24 ? 3 : m_Type == IMG_RAW16 ? 2 : 1);
-}
+int Camera::ImageBytes() const { return m_iWidth * m_iHeight * (m_Type == IMG_RGB24 ? 3 : m_Type == IMG_RAW16 ? 2 : 1); }
 
 double ClockRate()
 {
@@ -399,10 +403,7 @@ void Sleep(double seconds)
 
 static std::atomic<bool> g_bInterrupted{ false };
 
-bool Interrupted()
-{
-    return g_bInterrupted;
-}
+bool Interrupted() { return g_bInterrupted; }
 
 void CatchInterrupts()
 {
@@ -414,17 +415,11 @@ void CatchInterrupts()
     std::signal(SIGTERM, handler);
 }
 
-void Print(const Json& json)
-{
-    fmt::print("{}\n", json.dump(2, ' ', false, Json::error_handler_t::replace));
-}
+void Print(const Json& json) { fmt::print("{}\n", json.dump(2, ' ', false, Json::error_handler_t::replace)); }
 
 Progress::Progress(std::string label) : m_sLabel(std::move(label)), m_bTerminal(kovtools::IsTerminal(stderr)) {}
 
-Progress::~Progress()
-{
-    End();
-}
+Progress::~Progress() { End(); }
 
 void Progress::Show(double done, const std::string& text)
 {

@@ -26,7 +26,10 @@ public:
 void Check(KOV_ERROR_CODE code, const std::string& what);
 
 // All controls by the names that users type: "gain", "exposure", "wb-r"...
-struct ControlName { KOV_CONTROL_TYPE type; const char* szName; };
+struct ControlName {
+    KOV_CONTROL_TYPE type;
+    const char* szName;
+};
 extern const std::vector<ControlName> g_Controls;
 KOV_CONTROL_TYPE ParseControl(const std::string& name);
 const char* NameOf(KOV_CONTROL_TYPE type);
@@ -41,9 +44,9 @@ std::string ExposureText(int64_t us);
 struct PictureOptions {
     std::string sExposure;
     int iGain = -1, iBrightness = -1, iGamma = -1, iBandwidth = -1, iFlip = -1, iBin = 1;
-    std::string sRegion;   // "WxH" or "WxH+X+Y", output pixels
-    std::string sFormat;   // raw8, raw16, rgb24, y8; empty: the command's choice
-    std::string sDark;     // BMP file
+    std::string sRegion;  // "WxH" or "WxH+X+Y", output pixels
+    std::string sFormat;  // raw8, raw16, rgb24, y8; empty: the command's choice
+    std::string sDark;    // BMP file
     bool bAutoExposure = false, bAutoGain = false, bAutoBalance = false, bTimeMark = false, bDefaults = false;
     std::optional<bool> bHardwareBin, bHighSpeed;
     int iWB_R = -1, iWB_B = -1;
@@ -96,7 +99,11 @@ public:
     // The control's limits; a control that the camera lacks is a UserError with the list of those that it has.
     KOV_CONTROL_CAPS Caps(KOV_CONTROL_TYPE type) const;
     // Controls whose value is not the default, or that the camera regulates itself; read-only ones left out.
-    struct Deviation { std::string name; int32_t value, standard; bool automatic; };
+    struct Deviation {
+        std::string name;
+        int32_t value, standard;
+        bool automatic;
+    };
     std::vector<Deviation> Deviations() const;
 
     // The format in force.

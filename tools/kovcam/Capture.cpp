@@ -42,12 +42,14 @@ bool TakeSnap(Camera& cam, Picture& p, const std::string& label)
             break;
         }
         if (exposure > 1)
-            progress.Show(t / exposure, t < exposure ? fmt::format("{:.0f} of {:.0f} s, {:.0f} s to go", t, exposure, exposure - t)
-                                                     : "reading out");
+            progress.Show(t / exposure, t < exposure
+                                            ? fmt::format("{:.0f} of {:.0f} s, {:.0f} s to go", t, exposure, exposure - t)
+                                            : "reading out");
         std::this_thread::sleep_for(std::chrono::milliseconds(exposure > 1 ? 20 : 2));
     }
     progress.End();
-    p.times.end = p.times.start + std::chrono::duration_cast<std::chrono::system_clock::duration>(std::chrono::duration<double>(exposure));
+    p.times.end =
+        p.times.start + std::chrono::duration_cast<std::chrono::system_clock::duration>(std::chrono::duration<double>(exposure));
     if (status != EXP_SUCCESS)
         return false;
     Check(KOVGetDataAfterExp(cam.Id(), p.data.data(), static_cast<int32_t>(p.data.size())), "reading the image");

@@ -24,7 +24,10 @@ Picture Describe(const Camera& cam);
 // One exposure, with a bar on exposures over a second. Ctrl-C throws. false: the camera gave up.
 bool TakeSnap(Camera& cam, Picture& p, const std::string& label = "exposing");
 
-struct VideoResult { int frames = 0, dropped = 0, timeouts = 0; double seconds = 0; };
+struct VideoResult {
+    int frames = 0, dropped = 0, timeouts = 0;
+    double seconds = 0;
+};
 // Video until onFrame returns false, Ctrl-C, or three time-outs in a row (then a UserError).
 VideoResult RunVideo(Camera& cam, const std::function<bool(Picture&)>& onFrame);
 

@@ -2,10 +2,10 @@
 
 #include <algorithm>
 
+#include "camera/CCameraBase.h"
 #include "common/Comply.h"
 #include "common/Plot.h"
 #include "common/Text.h"
-#include "camera/CCameraBase.h"
 #include "kovcam/Camera.h"
 #include "kovcam/Commands.h"
 #include "kovcam/Json.h"
@@ -32,9 +32,16 @@ std::vector<kovtools::Plot> Linearity(const std::string& camera, const kovtools:
         line.push_back(c.zero + c.slope * c.exposures[i]);
         off.push_back(100 * (c.levels[i] - line[i]) / range);
     }
-    return { { camera + ": level against exposure", "exposure, ms", "mean of the samples", "",
-               { { "straight line", Ink::Grey, false, c.exposures, line }, { "measured", Ink::Blue, false, c.exposures, c.levels, Form::Points } } },
-             { camera + ": deviation from the straight line", "exposure, ms", "percent of the range", "",
+    return { { camera + ": level against exposure",
+               "exposure, ms",
+               "mean of the samples",
+               "",
+               { { "straight line", Ink::Grey, false, c.exposures, line },
+                 { "measured", Ink::Blue, false, c.exposures, c.levels, Form::Points } } },
+             { camera + ": deviation from the straight line",
+               "exposure, ms",
+               "percent of the range",
+               "",
                { { "", Ink::Blue, false, c.exposures, off }, { "", Ink::Blue, false, c.exposures, off, Form::Points } } } };
 }
 
@@ -46,7 +53,8 @@ kovtools::Plot Noise(const std::string& camera, const kovtools::Compliance& c)
         std::vector<double> told;
         for (const double mean : c.means)
             told.push_back(c.variances.front() + (mean - c.means.front()) / c.electronsPerSample);
-        curves.insert(curves.begin(), { fmt::format("{:.3g} electrons a sample, as told", c.electronsPerSample), kovtools::Ink::Grey, false, c.means, told });
+        curves.insert(curves.begin(), { fmt::format("{:.3g} electrons a sample, as told", c.electronsPerSample),
+                                        kovtools::Ink::Grey, false, c.means, told });
     }
     return { camera + ": noise against level", "mean of the samples", "variance", "", curves };
 }
@@ -71,7 +79,8 @@ std::string GroupFault(const std::string& name)
         return {};
     const std::vector<std::string> near = kovtools::Nearest(name, groups);
     return fmt::format("no group of checks is called '{}'.{} They are {}", name,
-                       near.empty() ? "" : fmt::format(" Did you mean {}?", kovtools::Joined(near, " or ")), kovtools::Joined(groups));
+                       near.empty() ? "" : fmt::format(" Did you mean {}?", kovtools::Joined(near, " or ")),
+                       kovtools::Joined(groups));
 }
 
 void Comply(const Globals& g, const ComplyOptions& o)
@@ -96,14 +105,20 @@ void Comply(const Globals& g, const ComplyOptions& o)
     for (const kovtools::CheckResult& r : c.results) {
         ++counts[static_cast<size_t>(r.verdict)];
         if (g.json) {
-            list.push_back({ { "check", r.check }, { "verdict", VerdictText(r.verdict) }, { "what", r.what }, { "measured", r.measured },
-                             { "limit", r.limit }, { "unit", r.unit }, { "hint", r.hint } });
+            list.push_back({ { "check", r.check },
+                             { "verdict", VerdictText(r.verdict) },
+                             { "what", r.what },
+                             { "measured", r.measured },
+                             { "limit", r.limit },
+                             { "unit", r.unit },
+                             { "hint", r.hint } });
             continue;
         }
         if (r.verdict == Verdict::Skipped)
             fmt::print("{:<5} {:<18} {}\n", VerdictText(r.verdict), r.check, r.what);
         else
-            fmt::print("{:<5} {:<18} {}: {:.4g}, limit {:.4g} {}\n", VerdictText(r.verdict), r.check, r.what, r.measured, r.limit, r.unit);
+            fmt::print("{:<5} {:<18} {}: {:.4g}, limit {:.4g} {}\n", VerdictText(r.verdict), r.check, r.what, r.measured, r.limit,
+                       r.unit);
         if (!r.hint.empty())
             fmt::print("      {:<18} {}\n", "", r.hint);
     }

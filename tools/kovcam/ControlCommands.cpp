@@ -12,10 +12,7 @@ namespace kovcam {
 
 namespace {
 
-std::string Bins(const KOV_CAMERA_INFO& info)
-{
-    return fmt::format("{}", fmt::join(kovtools::BinsOf(info), ", "));
-}
+std::string Bins(const KOV_CAMERA_INFO& info) { return fmt::format("{}", fmt::join(kovtools::BinsOf(info), ", ")); }
 
 std::vector<std::string> Types(const KOV_CAMERA_INFO& info)
 {
@@ -30,11 +27,23 @@ const char* YesNo(KOV_BOOL b) { return b ? "yes" : "no"; }
 Json InfoJson(const KOV_CAMERA_INFO& i)
 {
     const auto yes = [](KOV_BOOL b) { return b != KOV_FALSE; };
-    return { { "index", i.CameraID }, { "name", i.Name }, { "width", i.MaxWidth }, { "height", i.MaxHeight }, { "color", yes(i.IsColorCam) },
-             { "bayer", kovtools::PatternName(i.BayerPattern) }, { "bins", kovtools::BinsOf(i) }, { "types", Types(i) },
-             { "pixelSize", i.PixelSize }, { "shutter", yes(i.HasShutter) }, { "guidePort", yes(i.HasGuidePort) },
-             { "cooled", yes(i.IsCooled) }, { "usb3Host", yes(i.IsUSB3Host) }, { "usb3Camera", yes(i.IsUSB3Camera) },
-             { "elecPerADU", i.ElecPerADU }, { "sensorParamA", i.SensorParamA }, { "sensorParamB", i.SensorParamB } };
+    return { { "index", i.CameraID },
+             { "name", i.Name },
+             { "width", i.MaxWidth },
+             { "height", i.MaxHeight },
+             { "color", yes(i.IsColorCam) },
+             { "bayer", kovtools::PatternName(i.BayerPattern) },
+             { "bins", kovtools::BinsOf(i) },
+             { "types", Types(i) },
+             { "pixelSize", i.PixelSize },
+             { "shutter", yes(i.HasShutter) },
+             { "guidePort", yes(i.HasGuidePort) },
+             { "cooled", yes(i.IsCooled) },
+             { "usb3Host", yes(i.IsUSB3Host) },
+             { "usb3Camera", yes(i.IsUSB3Camera) },
+             { "elecPerADU", i.ElecPerADU },
+             { "sensorParamA", i.SensorParamA },
+             { "sensorParamB", i.SensorParamB } };
 }
 
 void List(const Globals& g)
@@ -88,9 +97,16 @@ void Controls(const Globals& g)
         bool automatic = false;
         const int32_t value = cam.Get(c.ControlType, &automatic);
         if (g.json)
-            list.push_back({ { "name", NameOf(c.ControlType) }, { "type", static_cast<int>(c.ControlType) }, { "label", c.Name },
-                             { "description", c.Description }, { "value", value }, { "auto", automatic }, { "min", c.MinValue },
-                             { "max", c.MaxValue }, { "default", c.DefaultValue }, { "autoSupported", c.IsAutoSupported != KOV_FALSE },
+            list.push_back({ { "name", NameOf(c.ControlType) },
+                             { "type", static_cast<int>(c.ControlType) },
+                             { "label", c.Name },
+                             { "description", c.Description },
+                             { "value", value },
+                             { "auto", automatic },
+                             { "min", c.MinValue },
+                             { "max", c.MaxValue },
+                             { "default", c.DefaultValue },
+                             { "autoSupported", c.IsAutoSupported != KOV_FALSE },
                              { "writable", c.IsWritable != KOV_FALSE } });
         else
             fmt::print("{:<20} {:>11} {:>11} {:>11} {:>11}  {}{}{}\n", NameOf(c.ControlType), value, c.MinValue, c.MaxValue,

@@ -63,7 +63,8 @@ void CoolFor(Camera& cam, const PictureOptions& o)
         throw UserError("interrupted while cooling", 130);
     if (!IsStable(samples, *o.iCool))
         throw UserError(fmt::format("{} C is not reached: {} after half an hour. Choose a warmer target", *o.iCool,
-                                    Live(samples.back(), *o.iCool)), 4);
+                                    Live(samples.back(), *o.iCool)),
+                        4);
 }
 
 namespace {
@@ -99,8 +100,12 @@ void PlotCooler(const PlotOptions& o, const std::string& camera, int target, con
         power.x.push_back(s.dSeconds / 60);
         power.y.push_back(s.dPower);
     }
-    const kovtools::Curve goal{ fmt::format("target {}{} °C", target < 0 ? "−" : "", std::abs(target)), kovtools::Ink::Grey, false, { 0, temperature.x.back() },
-                                { double(target), double(target) }, kovtools::Curve::Form::Dashes };
+    const kovtools::Curve goal{ fmt::format("target {}{} °C", target < 0 ? "−" : "", std::abs(target)),
+                                kovtools::Ink::Grey,
+                                false,
+                                { 0, temperature.x.back() },
+                                { double(target), double(target) },
+                                kovtools::Curve::Form::Dashes };
     kovtools::Plot plot{ camera + ": cooling", "minutes", "sensor, °C", "cooler power, percent", { goal, power, temperature } };
     plot.rightMax = 100;
     kovtools::DrawPlots(o.file, { plot }, o.dark);
@@ -130,15 +135,20 @@ void Cool(const Globals& g, const CoolOptions& o)
     if (!o.plot.file.empty())
         PlotCooler(o.plot, cam.Info().Name, target, samples);
     if (g.json) {
-        Print({ { "seconds", last.dSeconds }, { "temperature", last.dCelsius }, { "target", target }, { "power", last.dPower },
+        Print({ { "seconds", last.dSeconds },
+                { "temperature", last.dCelsius },
+                { "target", target },
+                { "power", last.dPower },
                 { "stable", bStable } });
     } else {
         if (!o.plot.file.empty())
             fmt::print("{}\n", o.plot.file);
         fmt::print("{:.1f} C after {:.1f} minutes, power {:.0f} %: {}\n", last.dCelsius, last.dSeconds / 60, last.dPower,
                    bStable ? fmt::format("stable within {} degrees for {:.0f} s", STABLE_WITHIN, STABLE_FOR) : "not stable yet");
-        fmt::print("the cooler goes off now: it works only while a program holds the camera.\n"
-                   "  For cold pictures: kovcam snap --cool {}, or leave 'kovcam cool' running\n", target);
+        fmt::print(
+            "the cooler goes off now: it works only while a program holds the camera.\n"
+            "  For cold pictures: kovcam snap --cool {}, or leave 'kovcam cool' running\n",
+            target);
     }
     if (o.bUntilStable && !bStable)
         throw UserError(Interrupted() ? "interrupted before the temperature was stable" : "the temperature is not stable yet",
@@ -153,7 +163,11 @@ struct AutoOptions {
     PlotOptions plot;
 };
 
-struct AutoStep { double dSeconds; int32_t iExposure, iGain; double dMean; };
+struct AutoStep {
+    double dSeconds;
+    int32_t iExposure, iGain;
+    double dMean;
+};
 
 // The step after which neither exposure nor gain moved any more, or the size of the list. Frames alone do not tell: the
 // camera measures a few times a second, whatever the rate.
@@ -179,9 +193,11 @@ void PlotCourse(const PlotOptions& o, const std::string& camera, int target, con
         brightness.y.push_back(steps[i].dMean);
         gain.y.push_back(steps[i].iGain);
     }
-    const kovtools::Curve goal{ fmt::format("target {}", target), kovtools::Ink::Grey, true, { 1, exposure.x.back() },
+    const kovtools::Curve goal{ fmt::format("target {}", target),   kovtools::Ink::Grey, true, { 1, exposure.x.back() },
                                 { double(target), double(target) }, Form::Dashes };
-    kovtools::Plot plot{ camera + ": auto exposure", "frames", "exposure, ms", "brightness, gain", { goal, gain, brightness, exposure } };
+    kovtools::Plot plot{
+        camera + ": auto exposure", "frames", "exposure, ms", "brightness, gain", { goal, gain, brightness, exposure }
+    };
     plot.logLeft = true;
     kovtools::DrawPlots(o.file, { plot }, o.dark);
 }
@@ -212,8 +228,8 @@ void AutoExposure(const Globals& g, AutoOptions o)
         steps.push_back({ watch.Seconds(), cam.Get(CTRL_EXPOSURE), cam.Get(CTRL_GAIN),
                           static_cast<double>(sum) / static_cast<double>(p.data.size()) });
         const AutoStep& s = steps.back();
-        progress.Show(-1, fmt::format("frame {}: exposure {}, gain {}, brightness {:.0f}", steps.size(), ExposureText(s.iExposure),
-                                      s.iGain, s.dMean));
+        progress.Show(-1, fmt::format("frame {}: exposure {}, gain {}, brightness {:.0f}", steps.size(),
+                                      ExposureText(s.iExposure), s.iGain, s.dMean));
         return SettledAt(steps, QUIET) == steps.size() && steps.size() < static_cast<size_t>(o.iFrames);
     });
     progress.End();
@@ -229,8 +245,13 @@ void AutoExposure(const Globals& g, AutoOptions o)
         Json list = Json::array();
         for (const AutoStep& s : steps)
             list.push_back({ s.dSeconds, s.iExposure, s.iGain, s.dMean });
-        Print({ { "settled", bSettled }, { "frames", n }, { "exposure", last.iExposure }, { "gain", last.iGain },
-                { "brightness", last.dMean }, { "target", target }, { "steps", list } });
+        Print({ { "settled", bSettled },
+                { "frames", n },
+                { "exposure", last.iExposure },
+                { "gain", last.iGain },
+                { "brightness", last.dMean },
+                { "target", target },
+                { "steps", list } });
     } else {
         if (!o.plot.file.empty())
             fmt::print("{}\n", o.plot.file);
@@ -248,8 +269,9 @@ void AutoExposure(const Globals& g, AutoOptions o)
             fmt::print("not settled after {} frames; brightness {:.0f}, target {}\n", steps.size(), last.dMean, target);
     }
     if (!bSettled)
-        throw UserError(Interrupted() ? "interrupted" : "auto exposure did not settle; is there light, and is the target within reach?",
-                        Interrupted() ? 130 : 4);
+        throw UserError(
+            Interrupted() ? "interrupted" : "auto exposure did not settle; is there light, and is the target within reach?",
+            Interrupted() ? 130 : 4);
 }
 
 }  // namespace
@@ -272,7 +294,9 @@ void AddCoolCommands(CLI::App& app, Globals& g)
     auto* pAuto = app.add_subcommand("autoexposure", "Let the camera find exposure and gain, and show the course");
     auto a = std::make_shared<AutoOptions>();
     a->picture.AddTo(*pAuto, PictureOptions::Exposure | PictureOptions::Geometry | PictureOptions::Format);
-    pAuto->add_option("-n,--frames", a->iFrames, "Give up after that many frames")->check(CLI::PositiveNumber)->capture_default_str();
+    pAuto->add_option("-n,--frames", a->iFrames, "Give up after that many frames")
+        ->check(CLI::PositiveNumber)
+        ->capture_default_str();
     pAuto->add_option("--target", a->iTarget, "Brightness to reach")->check(CLI::Range(0, 255));
     pAuto->add_option("--max-gain", a->iMaxGain, "Highest gain");
     pAuto->add_option("--max-exposure", a->sMaxExposure, "Longest exposure, whole seconds, such as 2s");

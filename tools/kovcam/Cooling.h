@@ -7,7 +7,9 @@
 
 namespace kovcam {
 
-struct CoolSample { double dSeconds, dCelsius, dPower; };
+struct CoolSample {
+    double dSeconds, dCelsius, dPower;
+};
 
 constexpr double STABLE_WITHIN = 0.5, STABLE_FOR = 60;  // degrees, seconds
 

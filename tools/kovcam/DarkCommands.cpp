@@ -5,8 +5,8 @@
 #include <filesystem>
 #include <thread>
 
-#include "common/Files.h"
 #include "camera/CCameraBase.h"
+#include "common/Files.h"
 #include "kovcam/Capture.h"
 #include "kovcam/Commands.h"
 #include "kovcam/Cooling.h"
@@ -44,8 +44,8 @@ bool Collect(Camera& cam)
     RunVideo(cam, [&](Picture&) {
         int done = 0, number = 0;
         object.GetDarkCount(&done, &number);
-        progress.Show(static_cast<double>(done) / wanted, fmt::format("{} of {}, about {:.0f} s to go", done, wanted,
-                                                                     exposure * (wanted - done)));
+        progress.Show(static_cast<double>(done) / wanted,
+                      fmt::format("{} of {}, about {:.0f} s to go", done, wanted, exposure * (wanted - done)));
         return object.IsGetDarkOver();  // true as long as it collects
     });
     return !object.IsGetDarkOver();
@@ -87,8 +87,12 @@ void Dark(const Globals& g, const DarkOptions& o)
     const double mean = MeanOfDark(object);
     const std::string exposure = ExposureText(cam.Get(CTRL_EXPOSURE));
     if (g.json) {
-        Print({ { "file", o.sOut }, { "frames", object.m_iDarkNum.Get() }, { "exposure", cam.Get(CTRL_EXPOSURE) / 1e6 },
-                { "gain", cam.Get(CTRL_GAIN) }, { "mean", mean }, { "standOut", inDark } });
+        Print({ { "file", o.sOut },
+                { "frames", object.m_iDarkNum.Get() },
+                { "exposure", cam.Get(CTRL_EXPOSURE) / 1e6 },
+                { "gain", cam.Get(CTRL_GAIN) },
+                { "mean", mean },
+                { "standOut", inDark } });
         return;
     }
     fmt::print("{}\n", o.sOut);
@@ -176,11 +180,16 @@ void Search(const Globals& g, const SearchOptions& o)
     if (!ok && Interrupted())
         throw UserError("interrupted; the table in the camera is as it was", 130);
     if (!ok && bAway)
-        throw UserError(fmt::format("more than {} pixels stand out at every exposure that was tried, and the search left its range."
-                                    " Begin with a longer exposure and a lower gain, or raise --max", o.iMax), 4);
+        throw UserError(
+            fmt::format("more than {} pixels stand out at every exposure that was tried, and the search left its range."
+                        " Begin with a longer exposure and a lower gain, or raise --max",
+                        o.iMax),
+            4);
     if (!ok && bLate)
         throw UserError(fmt::format("no exposure with {} to {} hot pixels within {}. Is the cap on? Widen the range,"
-                                    " or begin with another exposure or gain", o.iMin, o.iMax, o.sFor), 4);
+                                    " or begin with another exposure or gain",
+                                    o.iMin, o.iMax, o.sFor),
+                        4);
     if (!ok)
         throw UserError("the table could not be saved in the camera's flash", 4);
     LoadTable(cam);

@@ -10,9 +10,9 @@
 #include <iterator>
 
 #include "FirmwareData.h"
+#include "camera/CCameraBase.h"
 #include "common/Files.h"
 #include "common/Host.h"
-#include "camera/CCameraBase.h"
 #include "kovcam/Camera.h"
 #include "kovcam/Commands.h"
 #include "kovcam/Json.h"
@@ -28,7 +28,8 @@ void Guide(const Globals& g, int direction, const std::string& what)
     if (what == "on" || what == "off") {
         Check(what == "on" ? KOVPulseGuideOn(cam.Id(), pin) : KOVPulseGuideOff(cam.Id(), pin), "guiding");
         if (!g.json)
-            fmt::print("pin {} is {}{}\n", direction, what, what == "on" ? "; it stays so until 'off' or the next power cycle" : "");
+            fmt::print("pin {} is {}{}\n", direction, what,
+                       what == "on" ? "; it stays so until 'off' or the next power cycle" : "");
         return;
     }
     const double seconds = ParseSeconds(what);
@@ -102,7 +103,12 @@ KOV_ID ParseId(const std::string& text, bool bHex)
 }
 
 // Models whose firmware the library itself brings up to date when it opens them, given an image at build time.
-struct Updatable { const char* szName; FirmwareId image; int iNeeded; const char* szFile; };
+struct Updatable {
+    const char* szName;
+    FirmwareId image;
+    int iNeeded;
+    const char* szFile;
+};
 constexpr Updatable g_Updatable[] = {
     { "VYR KOVGarnetMono", FirmwareId::GarnetMono, 3, "garnet-mono.bin" },
     { "VYR KOVGarnetCol", FirmwareId::GarnetCol, 3, "garnet-col.bin" },
@@ -118,15 +124,9 @@ const Updatable* FindUpdatable(const std::string& name)
     return nullptr;
 }
 
-bool Have(FirmwareId id)
-{
-    return static_cast<bool>(g_FirmwareData[static_cast<size_t>(id)]);
-}
+bool Have(FirmwareId id) { return static_cast<bool>(g_FirmwareData[static_cast<size_t>(id)]); }
 
-bool CanUpdate(const Updatable& u)
-{
-    return Have(u.image) && Have(FirmwareId::LoaderPart1) && Have(FirmwareId::LoaderPart2);
-}
+bool CanUpdate(const Updatable& u) { return Have(u.image) && Have(FirmwareId::LoaderPart1) && Have(FirmwareId::LoaderPart2); }
 
 struct FirmwareOptions {
     bool bWrite = false, bYes = false;
@@ -168,12 +168,18 @@ void TellVersions(const Globals& g, Camera& cam, const Updatable* u)
     else if (firmware >= u->iNeeded)
         fmt::print("  update        not needed: the library asks for version {} or later\n", u->iNeeded);
     else
-        fmt::print("  update        the library asks for version {} or later, but was built without an image and leaves the camera\n"
-                   "                as it is. With data/firmware/{}, loader-part1.bin and loader-part2.bin in the sources, a new\n"
-                   "                build writes it when the camera is opened.\n", u->iNeeded, u->szFile);
+        fmt::print(
+            "  update        the library asks for version {} or later, but was built without an image and leaves the camera\n"
+            "                as it is. With data/firmware/{}, loader-part1.bin and loader-part2.bin in the sources, a new\n"
+            "                build writes it when the camera is opened.\n",
+            u->iNeeded, u->szFile);
 }
 
-struct Target { const char* szName; FX3_FWDWNLOAD_MEDIA_TYPE media; const char* szWhat; };
+struct Target {
+    const char* szName;
+    FX3_FWDWNLOAD_MEDIA_TYPE media;
+    const char* szWhat;
+};
 constexpr Target g_Targets[] = {
     { "ram", FX3_MEDIA_RAM, "runs it from memory; it is gone with the next power cycle" },
     { "eeprom", FX3_MEDIA_I2C, "replaces the start image in the I2C EEPROM" },
@@ -198,7 +204,8 @@ const char* ResultText(FX3_FWDWNLOAD_ERROR_CODE code)
 
 void LoadFile(const Globals& g, const FirmwareOptions& o)
 {
-    const Target* t = std::find_if(std::begin(g_Targets), std::end(g_Targets), [&](const Target& k) { return o.sTo == k.szName; });
+    const Target* t =
+        std::find_if(std::begin(g_Targets), std::end(g_Targets), [&](const Target& k) { return o.sTo == k.szName; });
     std::ifstream in(kovtools::PathOf(o.sFile), std::ios::binary);
     const std::vector<char> bytes(std::istreambuf_iterator<char>(in), {});
     if (!in.is_open() || bytes.size() < 4)
@@ -207,7 +214,8 @@ void LoadFile(const Globals& g, const FirmwareOptions& o)
         throw UserError(fmt::format("{} is no firmware image: it does not begin with CY", o.sFile), 2);
     constexpr size_t TABLE = 0x40000;  // where the hot-pixel table begins in the flash; the ID lies behind it
     if (t->media == FX3_MEDIA_SPI && bytes.size() > TABLE)
-        throw UserError(fmt::format("{} has {} bytes; beyond {} lie the hot-pixel table and the ID", o.sFile, bytes.size(), TABLE), 2);
+        throw UserError(
+            fmt::format("{} has {} bytes; beyond {} lie the hot-pixel table and the ID", o.sFile, bytes.size(), TABLE), 2);
     fmt::print("{}: {} bytes to the {}: {}\n", o.sFile, bytes.size(), t->szName, t->szWhat);
     if (t->media == FX3_MEDIA_SPI)
         fmt::print("erases sectors 0 to {}; the hot-pixel table and the ID stay\n", (bytes.size() + 0xFFFF) / 0x10000 - 1);
@@ -237,16 +245,19 @@ void Firmware(const Globals& g, const FirmwareOptions& o)
     if (bOpeningWrites && !o.bWrite && u->image != FirmwareId::CobaltCol) {
         // To ask for the version the camera would have to be opened, and that is what updates it.
         if (g.json)
-            Print({ { "firmware", nullptr }, { "fpga", nullptr }, { "update", fmt::format("when opened, below {}", u->iNeeded) } });
+            Print(
+                { { "firmware", nullptr }, { "fpga", nullptr }, { "update", fmt::format("when opened, below {}", u->iNeeded) } });
         else
-            fmt::print("{}\n  update        this build carries {} ({} bytes). Opening the camera, with any program, writes it if the\n"
-                       "                camera's version is below {}. Not opened now; to do it: kovcam firmware --write\n",
-                       info.Name, u->szFile, g_FirmwareData[static_cast<size_t>(u->image)].iSize, u->iNeeded);
+            fmt::print(
+                "{}\n  update        this build carries {} ({} bytes). Opening the camera, with any program, writes it if the\n"
+                "                camera's version is below {}. Not opened now; to do it: kovcam firmware --write\n",
+                info.Name, u->szFile, g_FirmwareData[static_cast<size_t>(u->image)].iSize, u->iNeeded);
         return;
     }
     if (o.bWrite && !bOpeningWrites)
         throw UserError(u != nullptr ? fmt::format("this build carries no image for {}; see 'kovcam firmware'", info.Name)
-                                     : fmt::format("the library updates no firmware of {}; load a file with --file", info.Name), 2);
+                                     : fmt::format("the library updates no firmware of {}; load a file with --file", info.Name),
+                        2);
     if (o.bWrite)
         Confirm(o, "update");
     Camera cam(std::to_string(iId));
@@ -261,7 +272,8 @@ void AddDeviceCommands(CLI::App& app, Globals& g)
     auto direction = std::make_shared<int>(0);
     auto what = std::make_shared<std::string>();
     pGuide->add_option("direction", *direction, "Pin, 0 to 3; which way it moves the mount depends on the wiring")
-        ->required()->check(CLI::Range(0, 3));
+        ->required()
+        ->check(CLI::Range(0, 3));
     pGuide->add_option("pulse", *what, "A time such as 500ms, or on, or off")->required();
     pGuide->callback([&g, direction, what] { Guide(g, *direction, *what); });
 
@@ -291,7 +303,8 @@ void AddDeviceCommands(CLI::App& app, Globals& g)
     pFirmware->add_flag("--write", f->bWrite, "Do it");
     pFirmware->add_flag("--yes", f->bYes, "Do not ask");
     pFirmware->add_option("--file", f->sFile, "Load this image (begins with CY) into a USB 3 camera");
-    pFirmware->add_option("--to", f->sTo, "Where to: ram, eeprom or flash")->check(CLI::IsMember({ "ram", "eeprom", "flash" }))
+    pFirmware->add_option("--to", f->sTo, "Where to: ram, eeprom or flash")
+        ->check(CLI::IsMember({ "ram", "eeprom", "flash" }))
         ->capture_default_str();
     pFirmware->callback([&g, f] { Firmware(g, *f); });
 }

@@ -29,7 +29,8 @@ void Tell(const Globals& g, const std::vector<Finding>& findings)
     Json list = Json::array();
     for (const Finding& f : findings) {
         if (g.json) {
-            list.push_back({ { "state", SeverityText(f.severity) }, { "check", f.check }, { "text", f.text }, { "command", f.command } });
+            list.push_back(
+                { { "state", SeverityText(f.severity) }, { "check", f.check }, { "text", f.text }, { "command", f.command } });
             continue;
         }
         fmt::print("{:<8} {}\n", SeverityText(f.severity), Indented(f.text, 9));

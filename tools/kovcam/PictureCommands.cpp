@@ -3,11 +3,11 @@
 #include <algorithm>
 #include <filesystem>
 
-#include "common/Pictures.h"
+#include "camera/CCameraBase.h"
 #include "common/Measure.h"
+#include "common/Pictures.h"
 #include "common/Ser.h"
 #include "common/Text.h"
-#include "camera/CCameraBase.h"
 #include "kovcam/Capture.h"
 #include "kovcam/Commands.h"
 #include "kovcam/Cooling.h"
@@ -28,8 +28,9 @@ void TellDeviations(const Globals& g, const Camera& cam, const PictureOptions& o
         if (std::find(given.begin(), given.end(), d.name) != given.end())
             continue;
         const bool time = d.name == NameOf(CTRL_EXPOSURE);
-        parts.push_back(d.automatic ? d.name + " auto" : fmt::format("{} {} ({})", d.name, time ? ExposureText(d.value) : std::to_string(d.value),
-                                                                     time ? ExposureText(d.standard) : std::to_string(d.standard)));
+        parts.push_back(d.automatic ? d.name + " auto"
+                                    : fmt::format("{} {} ({})", d.name, time ? ExposureText(d.value) : std::to_string(d.value),
+                                                  time ? ExposureText(d.standard) : std::to_string(d.standard)));
     }
     if (!parts.empty() && !g.json)
         fmt::print(stderr, "still set from before: {}. --defaults starts from the values in brackets\n", kovtools::Joined(parts));
@@ -108,7 +109,8 @@ std::string Numbered(const std::string& stem, int i, int count)
     return count == 1 ? stem : fmt::format("{}-{:04}", stem, i + 1);
 }
 
-std::vector<std::string> WriteFiles(const std::string& stem, const SnapOptions& o, const Picture& p, const kovtools::FitsNotes& notes)
+std::vector<std::string> WriteFiles(const std::string& stem, const SnapOptions& o, const Picture& p,
+                                    const kovtools::FitsNotes& notes)
 {
     std::vector<std::string> files;
     if (!o.noFits) {
@@ -146,9 +148,17 @@ void TellSnap(const Globals& g, const Camera& cam, const Picture& p, const std::
         WarnOfLevel(s);
         return;
     }
-    Print({ { "files", files }, { "width", p.state.width }, { "height", p.state.height },
-            { "type", kovtools::TypeName(p.state.type) }, { "exposure", p.state.exposure }, { "gain", p.state.gain },
-            { "min", s.min }, { "max", s.max }, { "mean", s.mean }, { "median", s.median }, { "saturated", s.saturated },
+    Print({ { "files", files },
+            { "width", p.state.width },
+            { "height", p.state.height },
+            { "type", kovtools::TypeName(p.state.type) },
+            { "exposure", p.state.exposure },
+            { "gain", p.state.gain },
+            { "min", s.min },
+            { "max", s.max },
+            { "mean", s.mean },
+            { "median", s.median },
+            { "saturated", s.saturated },
             { "notDefault", DeviationsJson(cam) } });
 }
 
@@ -177,7 +187,8 @@ void Snap(const Globals& g, const SnapOptions& given)
         TellSnap(g, cam, p, WriteFiles(Numbered(o.out, i, o.count), o, p, notes));
     }
     if (failed > 0)
-        throw UserError(fmt::format("{} of {} exposures failed; check cable and port, or try 'kovcam doctor'", failed, o.count), 4);
+        throw UserError(fmt::format("{} of {} exposures failed; check cable and port, or try 'kovcam doctor'", failed, o.count),
+                        4);
 }
 
 struct VideoOptions {
@@ -209,7 +220,8 @@ void Video(const Globals& g, VideoOptions o)
         const double t = watch.Seconds();
         const double done = o.frames > 0 ? static_cast<double>(ser.Frames()) / o.frames : t / seconds;
         progress.Show(done, fmt::format("{} frames, {:.1f} a second, {} dropped, exposure {}, gain {}", ser.Frames(),
-                                        ser.Frames() / std::max(t, 1e-3), p.dropped, ExposureText(cam.Get(CTRL_EXPOSURE)), cam.Get(CTRL_GAIN)));
+                                        ser.Frames() / std::max(t, 1e-3), p.dropped, ExposureText(cam.Get(CTRL_EXPOSURE)),
+                                        cam.Get(CTRL_GAIN)));
         return (o.frames == 0 || ser.Frames() < o.frames) && (seconds <= 0 || t < seconds);
     });
     progress.End();
@@ -221,7 +233,11 @@ void Video(const Globals& g, VideoOptions o)
     }
     const double fps = r.frames / std::max(r.seconds, 1e-3);
     if (g.json) {
-        Print({ { "files", files }, { "frames", r.frames }, { "seconds", r.seconds }, { "fps", fps }, { "dropped", r.dropped },
+        Print({ { "files", files },
+                { "frames", r.frames },
+                { "seconds", r.seconds },
+                { "fps", fps },
+                { "dropped", r.dropped },
                 { "notDefault", DeviationsJson(cam) } });
         return;
     }
@@ -249,7 +265,8 @@ void Bench(const Globals& g, PictureOptions picture, const std::string& time)
         const VideoResult r = RunVideo(cam, [&](Picture&) { return watch.Seconds() < seconds; });
         const double fps = r.frames / std::max(r.seconds, 1e-3), rate = fps * cam.ImageBytes();
         if (g.json)
-            list.push_back({ { "format", picture.sFormat }, { "fps", fps }, { "bytesPerSecond", rate }, { "dropped", r.dropped } });
+            list.push_back(
+                { { "format", picture.sFormat }, { "fps", fps }, { "bytesPerSecond", rate }, { "dropped", r.dropped } });
         else
             fmt::print("{:<8} {:>10.2f} {:>12.1f} {:>9}\n", picture.sFormat, fps, rate / 1e6, r.dropped);
     }
@@ -265,7 +282,8 @@ void AddPictureCommands(CLI::App& app, Globals& g)
     auto* pSnap = app.add_subcommand("snap", "Take single exposures; writes FITS and PNG");
     auto s = std::make_shared<SnapOptions>();
     s->picture.AddTo(*pSnap, P::Exposure | P::Geometry | P::Format | P::Finish | P::Cooler);
-    pSnap->add_option("-o,--out", s->out, "File name; with .fits, .tif or .png that file alone is written")->capture_default_str();
+    pSnap->add_option("-o,--out", s->out, "File name; with .fits, .tif or .png that file alone is written")
+        ->capture_default_str();
     pSnap->add_option("-n,--count", s->count, "Number of exposures")->check(CLI::PositiveNumber);
     pSnap->add_flag("--no-fits", s->noFits, "No FITS file");
     pSnap->add_flag("--no-png", s->noPng, "No PNG file");
@@ -278,7 +296,8 @@ void AddPictureCommands(CLI::App& app, Globals& g)
     auto v = std::make_shared<VideoOptions>();
     v->picture.AddTo(*pVideo, P::Exposure | P::Geometry | P::Format | P::Finish | P::Cooler | P::Automation);
     pVideo->add_option("-o,--out", v->out, "File name; .ser and .png are added")->capture_default_str();
-    pVideo->add_option("-n,--frames", v->frames, "Stop after that many frames (100 if nothing is said)")->check(CLI::PositiveNumber);
+    pVideo->add_option("-n,--frames", v->frames, "Stop after that many frames (100 if nothing is said)")
+        ->check(CLI::PositiveNumber);
     pVideo->add_option("-t,--time", v->time, "Stop after that time, such as 10s or 2m");
     pVideo->add_flag("--no-png", v->noPng, "No PNG file");
     pVideo->add_flag("--linear", v->linear, "PNG without stretching the faint end");

@@ -42,9 +42,11 @@ std::string DescribeCamera(int index)
     const Stopwatch watch;
     if (TakeSnap(cam, p)) {
         const kovtools::FrameStatistics s = kovtools::MeasureFrame(p.View());
-        out += fmt::format("test frame of 100 ms: {:.2f} s, samples {} to {}, mean {:.2f}, median {:.0f}, deviation {:.2f}, "
-                           "saturated {:.4f} %, {} stars\n", watch.Seconds(), s.min, s.max, s.mean, s.median, s.deviation,
-                           100 * s.saturated, kovtools::MeasureStars(p.View(), p.state).stars.size());
+        out += fmt::format(
+            "test frame of 100 ms: {:.2f} s, samples {} to {}, mean {:.2f}, median {:.0f}, deviation {:.2f}, "
+            "saturated {:.4f} %, {} stars\n",
+            watch.Seconds(), s.min, s.max, s.mean, s.median, s.deviation, 100 * s.saturated,
+            kovtools::MeasureStars(p.View(), p.state).stars.size());
     } else {
         out += "test frame of 100 ms: the camera sent no good frame\n";
     }

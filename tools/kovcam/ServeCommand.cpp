@@ -13,7 +13,9 @@ void AddServeCommand(CLI::App& app, Globals&)
     o->version = KOV_VERSION;
     auto folder = std::make_shared<std::string>(".");
     p->add_option("--listen", o->listen, "Address to listen at; 0.0.0.0 opens the cameras to the network")->capture_default_str();
-    p->add_option("--port", o->port, "Port of page and Alpaca; 0 takes a free one")->check(CLI::Range(0, 65535))->capture_default_str();
+    p->add_option("--port", o->port, "Port of page and Alpaca; 0 takes a free one")
+        ->check(CLI::Range(0, 65535))
+        ->capture_default_str();
     p->add_option("--discovery", o->discoveryPort, "UDP port on which Alpaca clients look for servers; 0 for none")
         ->check(CLI::Range(0, 65535))
         ->capture_default_str();

@@ -29,8 +29,10 @@ static void CheckVerb(const CLI::App& app, const std::vector<std::string>& argum
         if (std::find(verbs.begin(), verbs.end(), word) != verbs.end())
             return;
         const std::vector<std::string> near = kovtools::Nearest(word, verbs);
-        throw UserError(fmt::format("unknown command '{}'. {}", word, near.empty() ? "Commands are: " + kovtools::Joined(verbs)
-                                                                              : "Did you mean " + kovtools::Joined(near, " or ") + "?"), 2);
+        throw UserError(fmt::format("unknown command '{}'. {}", word,
+                                    near.empty() ? "Commands are: " + kovtools::Joined(verbs)
+                                                 : "Did you mean " + kovtools::Joined(near, " or ") + "?"),
+                        2);
     }
 }
 
@@ -38,8 +40,10 @@ static void CheckVerb(const CLI::App& app, const std::vector<std::string>& argum
 
 int main(int argc, char** argv)
 {
-    CLI::App app("kovcam - astronomy cameras from the command line\n"
-                 "Try it without a camera: kovsim run --camera QuartzCol -- kovcam snap", "kovcam");
+    CLI::App app(
+        "kovcam - astronomy cameras from the command line\n"
+        "Try it without a camera: kovsim run --camera QuartzCol -- kovcam snap",
+        "kovcam");
     app.set_version_flag("--version", "kovcam " KOV_VERSION);
     app.require_subcommand(1);
     app.fallthrough();
@@ -48,10 +52,14 @@ int main(int argc, char** argv)
     app.add_flag("--json", g.json, "Output for scripts");
     // Before any command runs: the library looks at the environment at its first line.
     int verbose = 0;
-    app.add_flag_function("-v,--verbose", [&](int64_t) {
-        static constexpr const char* levels[] = { "info", "debug", "trace" };
-        kovtools::SetVariable("KOV_LOG", levels[std::min(verbose++, 2)]);
-    }, "The library's log on standard error: restarts and lost frames; -vv each request too, -vvv everything")->trigger_on_parse();
+    app.add_flag_function(
+           "-v,--verbose",
+           [&](int64_t) {
+               static constexpr const char* levels[] = { "info", "debug", "trace" };
+               kovtools::SetVariable("KOV_LOG", levels[std::min(verbose++, 2)]);
+           },
+           "The library's log on standard error: restarts and lost frames; -vv each request too, -vvv everything")
+        ->trigger_on_parse();
     kovcam::AddControlCommands(app, g);
     kovcam::AddPictureCommands(app, g);
     kovcam::AddDarkCommands(app, g);

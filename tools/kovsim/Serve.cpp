@@ -32,7 +32,7 @@ using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 
 constexpr int MAX_CONNECTIONS = 64;
-constexpr milliseconds LOOK{ 250 };          // how late an unplugged camera is noticed that nobody asks anything
+constexpr milliseconds LOOK{ 250 };           // how late an unplugged camera is noticed that nobody asks anything
 constexpr std::chrono::seconds DECIDE{ 30 };  // until a client has to have imported a camera
 
 class Descriptor {
@@ -157,8 +157,8 @@ Descriptor Listen(const ServeOptions& o, std::string* pName)
     const int on = 1;
     setsockopt(socket.Get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
     if (bind(socket.Get(), list->ai_addr, list->ai_addrlen) != 0 || listen(socket.Get(), 16) != 0)
-        throw std::runtime_error(fmt::format("cannot listen at {}, port {}: {}. Another port is taken with --port.", o.sAddress, o.iPort,
-                                             std::strerror(errno)));
+        throw std::runtime_error(fmt::format("cannot listen at {}, port {}: {}. Another port is taken with --port.", o.sAddress,
+                                             o.iPort, std::strerror(errno)));
     sockaddr_storage address{};
     socklen_t size = sizeof address;
     getsockname(socket.Get(), reinterpret_cast<sockaddr*>(&address), &size);
@@ -177,10 +177,12 @@ void Serve(VirtualBus& bus, const ServeOptions& options)
     const auto models = bus.Cameras();
     fmt::print("kovsim: {} at {}\n", cameras.size() == 1 ? "a camera" : fmt::format("{} cameras", cameras.size()), name);
     for (const auto& e : cameras) {
-        const auto it = std::find_if(models.begin(), models.end(), [&](const auto* m) { return m->Facts().wProductId == e.info.wProductId; });
+        const auto it =
+            std::find_if(models.begin(), models.end(), [&](const auto* m) { return m->Facts().wProductId == e.info.wProductId; });
         fmt::print("  {}  {:04x}:{:04x}  {}\n", e.sBusId, e.info.wVendorId, e.info.wProductId, (*it)->Facts().sToken);
     }
-    fmt::print("A Linux system takes one with: modprobe vhci-hcd; usbip attach --remote ADDRESS --busid {}\n", cameras.front().sBusId);
+    fmt::print("A Linux system takes one with: modprobe vhci-hcd; usbip attach --remote ADDRESS --busid {}\n",
+               cameras.front().sBusId);
     std::fflush(stdout);
 
     std::atomic<int> connections = 0;

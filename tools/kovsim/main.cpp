@@ -12,7 +12,7 @@
 #include "common/Host.h"
 #include "common/Text.h"
 #ifdef KOV_SERVES
-#include "kovsim/Serve.h"
+#  include "kovsim/Serve.h"
 #endif
 #include "virtual/SimOptions.h"
 
@@ -55,7 +55,8 @@ fs::path FindPlugin()
             return p;
         looked += "\n  " + p.string();
     }
-    throw std::runtime_error(fmt::format("{} is missing. Looked for:{}\nInstall it with './dev install'.", kovtools::PLUGIN_FILE, looked));
+    throw std::runtime_error(
+        fmt::format("{} is missing. Looked for:{}\nInstall it with './dev install'.", kovtools::PLUGIN_FILE, looked));
 }
 
 struct CameraOptions {
@@ -118,10 +119,11 @@ void PrintModels(bool bJson)
     for (const kovsim::ModelFacts& m : Models()) {
         const char* szCell = cells[static_cast<size_t>(m.cfa)];
         if (bJson)
-            json += fmt::format(R"({}{{"model": "{}", "productId": {}, "width": {}, "height": {}, "pixelSize": {}, "cell": "{}", )"
-                                R"("cooled": {}, "usb": {}, "bits": {}}})",
-                                json.empty() ? "" : ",\n ", m.sToken, m.wProductId, m.iWidth, m.iHeight, m.dPixelUm, szCell,
-                                m.bCooled, m.bUSB3 ? 3 : 2, m.iAdcBits);
+            json +=
+                fmt::format(R"({}{{"model": "{}", "productId": {}, "width": {}, "height": {}, "pixelSize": {}, "cell": "{}", )"
+                            R"("cooled": {}, "usb": {}, "bits": {}}})",
+                            json.empty() ? "" : ",\n ", m.sToken, m.wProductId, m.iWidth, m.iHeight, m.dPixelUm, szCell,
+                            m.bCooled, m.bUSB3 ? 3 : 2, m.iAdcBits);
         else
             fmt::print("{:<16} {:04x}  {:>5} x {:>5} {:>6.2f}  {:<7} {:<7} USB {}  {} bits\n", m.sToken, m.wProductId, m.iWidth,
                        m.iHeight, m.dPixelUm, szCell, m.bCooled ? "yes" : "-", m.bUSB3 ? 3 : 2, m.iAdcBits);
@@ -146,8 +148,10 @@ constexpr const char* SCENES =
 
 int main(int argc, char** argv)
 {
-    CLI::App app("kovsim - virtual cameras for any program that uses libKOVCamera2\n"
-                 "Example: kovsim run --camera QuartzCol,LapisMono_C --scene sky -- kovcam list", "kovsim");
+    CLI::App app(
+        "kovsim - virtual cameras for any program that uses libKOVCamera2\n"
+        "Example: kovsim run --camera QuartzCol,LapisMono_C --scene sky -- kovcam list",
+        "kovsim");
     app.set_version_flag("--version", "kovsim " KOV_VERSION);
     app.require_subcommand(1);
     int iExit = 0;
@@ -164,10 +168,12 @@ int main(int argc, char** argv)
     });
 
 #ifdef KOV_SERVES
-    auto* pServe = app.add_subcommand("serve", "Virtual cameras as USB/IP devices, for a system that takes them for real ones; Ctrl-C ends it");
+    auto* pServe = app.add_subcommand(
+        "serve", "Virtual cameras as USB/IP devices, for a system that takes them for real ones; Ctrl-C ends it");
     const auto pServed = AddCameraOptions(*pServe);
     kovsim::ServeOptions serve;
-    pServe->add_option("--listen", serve.sAddress, "Address to listen at; 0.0.0.0 offers the cameras to the network")->capture_default_str();
+    pServe->add_option("--listen", serve.sAddress, "Address to listen at; 0.0.0.0 offers the cameras to the network")
+        ->capture_default_str();
     pServe->add_option("--port", serve.iPort, "Port; 0 takes a free one")->check(CLI::Range(0, 65535))->capture_default_str();
     pServe->callback([&] {
         kovsim::SimOptions parsed;
@@ -188,7 +194,8 @@ int main(int argc, char** argv)
             fmt::print("This build cannot read pictures: it knows no PNG library for this system.\n");
     });
 
-    kovtools::AddTableCommands(app, false, { { "--camera", "$(kovsim models | sed '1d;s/ .*//')" }, { "--scene", "sky flat: colour: pattern dark" } });
+    kovtools::AddTableCommands(
+        app, false, { { "--camera", "$(kovsim models | sed '1d;s/ .*//')" }, { "--scene", "sky flat: colour: pattern dark" } });
 
     try {
         std::vector<std::string> arguments = kovtools::Arguments(argc, argv);

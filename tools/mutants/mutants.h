@@ -2,11 +2,11 @@
 // mutants were passed by, a byte each, so that a killed process leaves its notes too.
 #pragma once
 #ifdef __cplusplus
-#include <fcntl.h>
-#include <sys/mman.h>
-#include <unistd.h>
+#  include <fcntl.h>
+#  include <sys/mman.h>
+#  include <unistd.h>
 
-#include <cstdlib>
+#  include <cstdlib>
 
 namespace mutants {
 

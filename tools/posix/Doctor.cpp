@@ -24,7 +24,8 @@ namespace {
 
 constexpr const char* VENDOR = "0e5a";
 constexpr const char* RULE_FILE = "70-kovcamera2.rules";
-constexpr const char* RULE = R"(SUBSYSTEM=="usb", ENV{DEVTYPE}=="usb_device", ATTR{idVendor}=="0e5a", MODE="0660", GROUP="plugdev", TAG+="uaccess")";
+constexpr const char* RULE =
+    R"(SUBSYSTEM=="usb", ENV{DEVTYPE}=="usb_device", ATTR{idVendor}=="0e5a", MODE="0660", GROUP="plugdev", TAG+="uaccess")";
 
 constexpr int REQUEST_MIB = 1;  // the largest single request of the library; the cameras on USB 2 get smaller ones
 
@@ -54,7 +55,7 @@ public:
 private:
     struct Device {
         std::string name, product, node;  // "1-4.2", "c11a", "/dev/bus/usb/001/005"
-        int speed = 0, version = 0;        // Mbit/s; BCD of the USB version that the camera speaks
+        int speed = 0, version = 0;       // Mbit/s; BCD of the USB version that the camera speaks
     };
 
     void Add(Severity severity, const char* check, std::string text, std::string command = {})
@@ -95,8 +96,8 @@ private:
     void CheckRule()
     {
         std::error_code ec;
-        for (const char* dir : { "etc/udev/rules.d", "run/udev/rules.d", "usr/local/lib/udev/rules.d", "usr/lib/udev/rules.d",
-                                 "lib/udev/rules.d" })
+        for (const char* dir :
+             { "etc/udev/rules.d", "run/udev/rules.d", "usr/local/lib/udev/rules.d", "usr/lib/udev/rules.d", "lib/udev/rules.d" })
             for (const auto& e : fs::directory_iterator(m_root / dir, ec)) {
                 std::ifstream in(e.path());
                 const std::string text(std::istreambuf_iterator<char>(in), {});
@@ -104,7 +105,8 @@ private:
                 for (size_t at = text.find(VENDOR); at != std::string::npos; at = text.find(VENDOR, at + 1)) {
                     const size_t line = at == 0 ? 0 : text.rfind('\n', at) + 1;
                     if (text[line] != '#') {
-                        Add(Severity::Good, "rule", fmt::format("udev rule: {}", (fs::path("/") / dir / e.path().filename()).string()));
+                        Add(Severity::Good, "rule",
+                            fmt::format("udev rule: {}", (fs::path("/") / dir / e.path().filename()).string()));
                         return;
                     }
                 }
@@ -113,7 +115,8 @@ private:
         Add(geteuid() == 0 && !m_fake && m_devices.empty() ? Severity::Note : Severity::Problem, "rule",
             fmt::format("no udev rule for vendor {}: only root may open the cameras", VENDOR),
             fmt::format("echo '{}' | sudo tee /etc/udev/rules.d/{} && sudo udevadm control --reload && sudo udevadm trigger "
-                        "--subsystem-match=usb", RULE, RULE_FILE));
+                        "--subsystem-match=usb",
+                        RULE, RULE_FILE));
     }
 
     // Programs that have the node open, as "name (pid 12)".
@@ -140,21 +143,26 @@ private:
     {
         const fs::path node = m_root / d.node.substr(1);
         if (access(node.c_str(), F_OK) != 0) {
-            Add(Severity::Problem, "node", fmt::format("camera {}:{} at {}: its device node {} is missing", VENDOR, d.product, d.name, d.node),
+            Add(Severity::Problem, "node",
+                fmt::format("camera {}:{} at {}: its device node {} is missing", VENDOR, d.product, d.name, d.node),
                 "sudo udevadm trigger --subsystem-match=usb; in a container, pass /dev/bus/usb into it");
             return;
         }
         if (access(node.c_str(), R_OK | W_OK) != 0)
-            Add(Severity::Problem, "node", fmt::format("camera {}:{} at {}: you may not write {}", VENDOR, d.product, d.name, d.node),
-                m_rule ? fmt::format("unplug the camera and plug it in again, so that the rule takes hold. Over ssh: sudo usermod -aG plugdev {},\n"
-                                     "then log in anew. For this once: sudo chmod a+rw {}", std::getenv("USER") ? std::getenv("USER") : "$USER", d.node)
+            Add(Severity::Problem, "node",
+                fmt::format("camera {}:{} at {}: you may not write {}", VENDOR, d.product, d.name, d.node),
+                m_rule ? fmt::format("unplug the camera and plug it in again, so that the rule takes hold. Over ssh: sudo "
+                                     "usermod -aG plugdev {},\n"
+                                     "then log in anew. For this once: sudo chmod a+rw {}",
+                                     std::getenv("USER") ? std::getenv("USER") : "$USER", d.node)
                        : "the udev rule above; for this once: sudo chmod a+rw " + d.node);
         else
             Add(Severity::Good, "node", fmt::format("camera {}:{} at {}: {} may be opened", VENDOR, d.product, d.name, d.node));
         bool hidden = false;
         const auto holders = Holders(d.node, &hidden);
         for (const auto& [pid, name] : holders)
-            Add(Severity::Problem, "holder", fmt::format("{} is held by {} (process {}): a camera serves one program at a time", d.node, name, pid),
+            Add(Severity::Problem, "holder",
+                fmt::format("{} is held by {} (process {}): a camera serves one program at a time", d.node, name, pid),
                 fmt::format("close that program, or: kill {}", pid));
         if (hidden && holders.empty())
             Add(Severity::Note, "holder", "programs of other users cannot be looked into", "sudo kovcam doctor");
@@ -184,7 +192,8 @@ private:
         for (int i = 0; i < n; ++i) {
             KOV_CAMERA_INFO info{};
             if (KOVGetCameraProperty(&info, i) != KOV_SUCCESS) {
-                Add(Severity::Problem, "model", fmt::format("camera {}: a model that this library does not know", i), "update the library");
+                Add(Severity::Problem, "model", fmt::format("camera {}: a model that this library does not know", i),
+                    "update the library");
                 continue;
             }
             m_onlyUsb2 = (i == 0 || m_onlyUsb2) && !info.IsUSB3Camera;
@@ -217,17 +226,21 @@ private:
         const int need = static_cast<int>((frame + 0xFFFFF) / 0x100000) + 1;
         const std::string who = m_frame > 0 ? m_largest : std::string("the largest model");
         if (have == 0 || have >= need) {
-            Add(Severity::Good, "memory", fmt::format("usbfs memory: {}", have == 0 ? std::string("without limit") : fmt::format("{} MiB", have)));
+            Add(Severity::Good, "memory",
+                fmt::format("usbfs memory: {}", have == 0 ? std::string("without limit") : fmt::format("{} MiB", have)));
             return;
         }
         const int advice = std::max(64, need * 3);
         const bool never = have <= REQUEST_MIB && !m_onlyUsb2;
-        const std::string effect = never ? "A USB 3 camera is read\n              in pieces of 1 MiB, and none fits beside what the system needs for it: NO PICTURES COME"
+        const std::string effect = never ? "A USB 3 camera is read\n              in pieces of 1 MiB, and none fits beside what "
+                                           "the system needs for it: NO PICTURES COME"
                                          : "Pictures come,\n              but frames may be lost at full rate";
         Add(never ? Severity::Problem : Severity::Note, "memory",
-            fmt::format("usbfs memory: {} MiB for all USB cameras together; a full frame of {} needs {} MiB. {}", have, who, need, effect),
+            fmt::format("usbfs memory: {} MiB for all USB cameras together; a full frame of {} needs {} MiB. {}", have, who, need,
+                        effect),
             fmt::format("echo {} | sudo tee /sys/module/usbcore/parameters/usbfs_memory_mb\n"
-                        "              for ever: usbcore.usbfs_memory_mb={} on the kernel's command line", advice, advice));
+                        "              for ever: usbcore.usbfs_memory_mb={} on the kernel's command line",
+                        advice, advice));
     }
 
     // The library keeps what was set in a database there.
@@ -249,19 +262,23 @@ private:
         while (!fs::exists(standing, ec) && standing.has_relative_path())
             standing = standing.parent_path();
         const fs::path file = folder / "settings.db";
-        const bool good = access(standing.c_str(), W_OK | X_OK) == 0 && (!fs::exists(file, ec) || access(file.c_str(), R_OK | W_OK) == 0);
+        const bool good =
+            access(standing.c_str(), W_OK | X_OK) == 0 && (!fs::exists(file, ec) || access(file.c_str(), R_OK | W_OK) == 0);
         if (!good)
-            Add(Severity::Problem, "settings", fmt::format("settings cannot be kept in {}: what is set is lost with the program", folder.string()),
-                fmt::format("sudo chown -R {} {}, or set XDG_CONFIG_HOME to a folder of your own", user != nullptr ? user->pw_name : "$USER",
-                            standing.string()));
+            Add(Severity::Problem, "settings",
+                fmt::format("settings cannot be kept in {}: what is set is lost with the program", folder.string()),
+                fmt::format("sudo chown -R {} {}, or set XDG_CONFIG_HOME to a folder of your own",
+                            user != nullptr ? user->pw_name : "$USER", standing.string()));
         else if (const fs::space_info space = fs::space(standing, ec); !ec && space.available < 1 << 20)
             Add(Severity::Problem, "settings", fmt::format("the disk of {} is full: settings cannot be kept", folder.string()),
                 fmt::format("make room: df -h {}", standing.string()));
         else
             Add(Severity::Good, "settings", fmt::format("settings are kept in {}", folder.string()));
         for (const auto& e : fs::directory_iterator(folder, ec))
-            if (const std::string name = e.path().filename(); name.starts_with("settings") && name.find("damaged") != std::string::npos)
-                Add(Severity::Note, "settings", fmt::format("{} was damaged and put aside; settings began anew", e.path().string()),
+            if (const std::string name = e.path().filename();
+                name.starts_with("settings") && name.find("damaged") != std::string::npos)
+                Add(Severity::Note, "settings",
+                    fmt::format("{} was damaged and put aside; settings began anew", e.path().string()),
                     fmt::format("rm {}", e.path().string()));
     }
 
@@ -269,8 +286,8 @@ private:
     bool m_fake, m_open, m_rule = true;
     std::vector<Device> m_devices;
     std::vector<Finding> m_findings;
-    int64_t m_frame = 0;       // bytes, of the largest camera at hand; 0: none was seen
-    bool m_onlyUsb2 = false;   // all cameras seen are on USB 2 bridges
+    int64_t m_frame = 0;      // bytes, of the largest camera at hand; 0: none was seen
+    bool m_onlyUsb2 = false;  // all cameras seen are on USB 2 bridges
     std::string m_largest;
 };
 
@@ -291,7 +308,8 @@ std::string DescribeSystem()
     for (std::string s; std::getline(release, s);)
         if (s.starts_with("PRETTY_NAME="))
             out += s.substr(12) + '\n';
-    out += fmt::format("usbfs memory, MiB: {}\nuser {}root, groups:", line("/sys/module/usbcore/parameters/usbfs_memory_mb"), geteuid() == 0 ? "" : "not ");
+    out += fmt::format("usbfs memory, MiB: {}\nuser {}root, groups:", line("/sys/module/usbcore/parameters/usbfs_memory_mb"),
+                       geteuid() == 0 ? "" : "not ");
     gid_t groups[64];
     for (int i = 0, n = getgroups(64, groups); i < n; ++i)
         if (const struct group* g = getgrgid(groups[i]); g != nullptr)
@@ -302,7 +320,8 @@ std::string DescribeSystem()
         if (line(e.path() / "idVendor") != VENDOR)
             continue;
         out += fmt::format("device {}:", e.path().filename().string());
-        for (const char* name : { "idVendor", "idProduct", "bcdDevice", "version", "speed", "busnum", "devnum", "bMaxPower", "manufacturer", "product" })
+        for (const char* name : { "idVendor", "idProduct", "bcdDevice", "version", "speed", "busnum", "devnum", "bMaxPower",
+                                  "manufacturer", "product" })
             out += fmt::format(" {}={}", name, line(e.path() / name));
         out += "\n  descriptors";
         std::ifstream in(e.path() / "descriptors", std::ios::binary);
@@ -313,9 +332,6 @@ std::string DescribeSystem()
     return out;
 }
 
-std::vector<Finding> Examine(const Examination& examination)
-{
-    return Doctor(examination).Run();
-}
+std::vector<Finding> Examine(const Examination& examination) { return Doctor(examination).Run(); }
 
 }  // namespace kovtools

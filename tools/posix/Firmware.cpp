@@ -9,10 +9,10 @@
 #include "common/Host.h"
 
 #ifdef __linux__
-#include <fcntl.h>
-#include <linux/usbdevice_fs.h>
-#include <sys/ioctl.h>
-#include <unistd.h>
+#  include <fcntl.h>
+#  include <linux/usbdevice_fs.h>
+#  include <sys/ioctl.h>
+#  include <unistd.h>
 #endif
 
 namespace fs = std::filesystem;
@@ -24,12 +24,11 @@ namespace {
 constexpr uint8_t VENDOR_IN = 0xC0, VERSION = 173;
 constexpr uint32_t LIMIT_MS = 500;
 
-struct Answer { uint8_t letter = 0, version = 0; };  // 'V' and the version
+struct Answer {
+    uint8_t letter = 0, version = 0;
+};  // 'V' and the version
 
-std::optional<int> Read(const Answer& answer)
-{
-    return answer.letter == 'V' ? std::optional<int>(answer.version) : std::nullopt;
-}
+std::optional<int> Read(const Answer& answer) { return answer.letter == 'V' ? std::optional<int>(answer.version) : std::nullopt; }
 
 std::vector<std::string> OpenNodes()
 {
@@ -66,7 +65,9 @@ std::optional<int> AskVirtual(usbstack::IStack& stack)
         const std::unique_ptr<usbstack::IDevice> device(stack.Open(info.sPath, &status));
         uint8_t bytes[2] = {};
         uint32_t moved = 0;
-        if (device == nullptr || device->Control(VENDOR_IN, VERSION, 0, 0, bytes, sizeof(bytes), LIMIT_MS, &moved) != usbstack::Status::Ok || moved != sizeof(bytes))
+        if (device == nullptr ||
+            device->Control(VENDOR_IN, VERSION, 0, 0, bytes, sizeof(bytes), LIMIT_MS, &moved) != usbstack::Status::Ok ||
+            moved != sizeof(bytes))
             return std::nullopt;
         const std::optional<int> version = Read({ bytes[0], bytes[1] });
         if (!version || (common && common != version))

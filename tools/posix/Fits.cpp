@@ -31,7 +31,7 @@ FitsFile::FitsFile(const std::string& path, int width, int height, int planes, b
     m_impl->path = path;
     m_impl->is16 = is16;
     m_impl->pixels = LONGLONG{ width } * height;
-    std::remove(path.c_str());                                                   // CFITSIO refuses to replace a file
+    std::remove(path.c_str());                                           // CFITSIO refuses to replace a file
     fits_create_diskfile(&m_impl->file, path.c_str(), &m_impl->status);  // the path as it stands, without its own syntax
     m_impl->Test();
     long axes[3] = { width, height, planes };
@@ -72,7 +72,8 @@ void FitsFile::Add(const FitsCard& card)
 
 void FitsFile::Plane(const void* samples)
 {
-    fits_write_img(m_impl->file, m_impl->is16 ? TUSHORT : TBYTE, m_impl->next, m_impl->pixels, const_cast<void*>(samples), &m_impl->status);
+    fits_write_img(m_impl->file, m_impl->is16 ? TUSHORT : TBYTE, m_impl->next, m_impl->pixels, const_cast<void*>(samples),
+                   &m_impl->status);
     m_impl->next += m_impl->pixels;
 }
 

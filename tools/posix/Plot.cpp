@@ -17,13 +17,22 @@ extern const bool DRAWS_PLOTS = true;
 
 namespace {
 
-struct Colour { double r, g, b; };
+struct Colour {
+    double r, g, b;
+};
 constexpr Colour Rgb(unsigned code) { return { (code >> 16) / 255.0, (code >> 8 & 255) / 255.0, (code & 255) / 255.0 }; }
 
-struct Theme { Colour ground, text, faint, grid; std::array<Colour, 4> inks; };
+struct Theme {
+    Colour ground, text, faint, grid;
+    std::array<Colour, 4> inks;
+};
 // The inks differ in lightness too, and for eyes that tell no red from green.
-constexpr Theme LIGHT{ Rgb(0xffffff), Rgb(0x1c1c20), Rgb(0x5c5c64), Rgb(0xe2e2e6), { Rgb(0x1f5fae), Rgb(0xc2410c), Rgb(0x0f766e), Rgb(0x7a7a82) } };
-constexpr Theme DARK{ Rgb(0x17171b), Rgb(0xececf0), Rgb(0xa8a8b2), Rgb(0x34343c), { Rgb(0x6cb0ff), Rgb(0xff9a5c), Rgb(0x4fd1b5), Rgb(0x9a9aa4) } };
+constexpr Theme LIGHT{
+    Rgb(0xffffff), Rgb(0x1c1c20), Rgb(0x5c5c64), Rgb(0xe2e2e6), { Rgb(0x1f5fae), Rgb(0xc2410c), Rgb(0x0f766e), Rgb(0x7a7a82) }
+};
+constexpr Theme DARK{
+    Rgb(0x17171b), Rgb(0xececf0), Rgb(0xa8a8b2), Rgb(0x34343c), { Rgb(0x6cb0ff), Rgb(0xff9a5c), Rgb(0x4fd1b5), Rgb(0x9a9aa4) }
+};
 
 // A surface with its context.
 class Page {
@@ -41,7 +50,8 @@ public:
     enum class Align { Left, Middle, Right };
     void Font(double size, bool bold = false) const
     {
-        cairo_select_font_face(*this, "sans-serif", CAIRO_FONT_SLANT_NORMAL, bold ? CAIRO_FONT_WEIGHT_BOLD : CAIRO_FONT_WEIGHT_NORMAL);
+        cairo_select_font_face(*this, "sans-serif", CAIRO_FONT_SLANT_NORMAL,
+                               bold ? CAIRO_FONT_WEIGHT_BOLD : CAIRO_FONT_WEIGHT_NORMAL);
         cairo_set_font_size(*this, size);
     }
     double WidthOf(const std::string& text) const
@@ -173,7 +183,9 @@ constexpr int WIDTH = 1200, HEIGHT = 700;
 // Sizes that stay legible when the picture is shown half as large.
 constexpr double TITLE = 30, LABEL = 25, TICK = 23, LINE = 3.5;
 
-struct Frame { double left, top, right, bottom; };
+struct Frame {
+    double left, top, right, bottom;
+};
 
 void DrawCurve(const Page& page, const Theme& theme, const Curve& c, const Frame& f, const Scale& sx, const Scale& sy)
 {
@@ -236,7 +248,8 @@ void DrawPlot(const Page& page, const Theme& theme, const Plot& plot, double top
             w = std::max(w, page.WidthOf(s.Label(v)));
         return w;
     };
-    const Frame f{ 34 + LABEL + widest(sl) + 26, top + 108, hasRight ? WIDTH - 34 - LABEL - widest(sr) - 22 : WIDTH - 40.0, top + HEIGHT - 104 };
+    const Frame f{ 34 + LABEL + widest(sl) + 26, top + 108, hasRight ? WIDTH - 34 - LABEL - widest(sr) - 22 : WIDTH - 40.0,
+                   top + HEIGHT - 104 };
     page.Font(TITLE, true);
     page.Use(theme.text);
     page.Text(f.left, top + 46, plot.title);
@@ -314,7 +327,8 @@ Surface ShrunkByStars(cairo_surface_t* picture, int width, int height)
                         std::copy(sum, sum + 3, best);
                     }
                 }
-            unsigned char* const pixel = cairo_image_surface_get_data(to.get()) + y * cairo_image_surface_get_stride(to.get()) + x * 4;
+            unsigned char* const pixel =
+                cairo_image_surface_get_data(to.get()) + y * cairo_image_surface_get_stride(to.get()) + x * 4;
             for (int c = 0; c < 3; ++c)
                 pixel[c] = static_cast<unsigned char>(best[c] / (BLOCK * BLOCK));
         }
@@ -337,7 +351,8 @@ void DrawSheet(const std::string& path, const Sheet& s)
 {
     constexpr int GAP = 10, CAPTION = 38;
     const Theme& theme = s.dark ? DARK : LIGHT;
-    const int n = static_cast<int>(s.pictures.size()), columns = std::max(1, std::min(s.columns, n)), rows = (n + columns - 1) / columns;
+    const int n = static_cast<int>(s.pictures.size()), columns = std::max(1, std::min(s.columns, n)),
+              rows = (n + columns - 1) / columns;
     const bool captions = std::any_of(s.pictures.begin(), s.pictures.end(), [](const auto& p) { return !p.caption.empty(); });
     const int below = captions ? CAPTION : 0;
     const Page page(GAP + columns * (s.tileWidth + GAP), GAP + rows * (s.tileHeight + below + GAP), theme);
@@ -362,7 +377,8 @@ void DrawSheet(const std::string& path, const Sheet& s)
         cairo_clip(page);
         cairo_scale(page, scale, scale);
         cairo_set_source_surface(page, picture.get(), part ? -s.cropX : 0, part ? -s.cropY : 0);
-        cairo_pattern_set_filter(cairo_get_source(page), scale > 1 ? CAIRO_FILTER_NEAREST : CAIRO_FILTER_GOOD);  // enlarged pixels stay pixels
+        cairo_pattern_set_filter(cairo_get_source(page),
+                                 scale > 1 ? CAIRO_FILTER_NEAREST : CAIRO_FILTER_GOOD);  // enlarged pixels stay pixels
         cairo_paint(page);
         cairo_restore(page);
         double size = 24;

@@ -31,7 +31,8 @@ void WriteTiffFile(const std::string& path, const TiffShape& shape, const uint8_
     TIFFSetField(f, TIFFTAG_IMAGEDESCRIPTION, shape.description.c_str());
     TIFFSetField(f, TIFFTAG_ROWSPERSTRIP, static_cast<uint32_t>(shape.height));
     // One strip of the whole image; the machine's order is that of the samples.
-    if (TIFFWriteRawStrip(f, 0, const_cast<uint8_t*>(samples), static_cast<tmsize_t>(size)) != static_cast<tmsize_t>(size) || !TIFFFlush(f))
+    if (TIFFWriteRawStrip(f, 0, const_cast<uint8_t*>(samples), static_cast<tmsize_t>(size)) != static_cast<tmsize_t>(size) ||
+        !TIFFFlush(f))
         FailToWrite(path);
 }
 

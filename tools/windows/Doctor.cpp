@@ -49,15 +49,18 @@ std::vector<Finding> Look(bool openCameras)
         return out;
     const int n = KOVGetNumOfConnectedCameras();
     if (n == 0 && with > 0)
-        out.push_back({ Severity::Problem, "driver", fmt::format("{} device(s) of vendor 0E5A have a driver, but not the cameras' one", with),
+        out.push_back({ Severity::Problem, "driver",
+                        fmt::format("{} device(s) of vendor 0E5A have a driver, but not the cameras' one", with),
                         "install the camera driver over it" });
     else if (n == 0 && without == 0)
         out.push_back({ Severity::Problem, "bus", "no camera on the bus: no USB device of vendor 0E5A",
-                        "check plug, cable and power of the hub. To try without a camera: kovsim run --camera QuartzCol -- kovcam doctor" });
+                        "check plug, cable and power of the hub. To try without a camera: kovsim run --camera QuartzCol -- "
+                        "kovcam doctor" });
     for (int i = 0; i < n; ++i) {
         KOV_CAMERA_INFO info{};
         if (KOVGetCameraProperty(&info, i) != KOV_SUCCESS) {
-            out.push_back({ Severity::Problem, "model", fmt::format("camera {}: a model that this library does not know", i), "update the library" });
+            out.push_back({ Severity::Problem, "model", fmt::format("camera {}: a model that this library does not know", i),
+                            "update the library" });
             continue;
         }
         if (KOVOpenCamera(i) != KOV_SUCCESS) {
@@ -83,9 +86,6 @@ std::string DescribeSystem()
     return fmt::format("Windows; devices of vendor 0E5A: {} with a driver, {} without\n", with, without);
 }
 
-std::vector<Finding> Examine(const Examination& examination)
-{
-    return Look(examination.openCameras);
-}
+std::vector<Finding> Examine(const Examination& examination) { return Look(examination.openCameras); }
 
 }  // namespace kovtools

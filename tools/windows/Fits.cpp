@@ -91,7 +91,9 @@ void FitsFile::Add(const FitsCard& card)
         std::string quoted = "'";
         for (const char c : text->substr(0, LONGEST_TEXT))
             quoted += c == '\'' ? std::string("''") : std::string(1, c);
-        m_impl->Card(key, Padded(Padded(quoted, std::max<size_t>(quoted.size(), 9)) + "'", std::max<size_t>(quoted.size() + 1, 20)), comment);
+        m_impl->Card(key,
+                     Padded(Padded(quoted, std::max<size_t>(quoted.size(), 9)) + "'", std::max<size_t>(quoted.size() + 1, 20)),
+                     comment);
     } else if (const auto* real = std::get_if<double>(&card.value)) {
         char buffer[64];
         if (card.decimals < 0)

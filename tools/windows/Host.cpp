@@ -57,8 +57,8 @@ bool Inject(HANDLE hProcess, const std::wstring& sLibrary)
         return false;
     // kernel32 stands at one address in all processes of a width.
     const FARPROC load = GetProcAddress(GetModuleHandleW(L"kernel32.dll"), "LoadLibraryW");
-    const HANDLE h = CreateRemoteThread(hProcess, nullptr, 0, reinterpret_cast<LPTHREAD_START_ROUTINE>(reinterpret_cast<void*>(load)),
-                                        p, 0, nullptr);
+    const HANDLE h = CreateRemoteThread(hProcess, nullptr, 0,
+                                        reinterpret_cast<LPTHREAD_START_ROUTINE>(reinterpret_cast<void*>(load)), p, 0, nullptr);
     if (!h)
         return false;
     WaitForSingleObject(h, INFINITE);
@@ -98,11 +98,7 @@ const usbstack::Plugin* LoadedPlugin()
     return p ? reinterpret_cast<usbstack::PluginEntry>(reinterpret_cast<void*>(p))() : nullptr;
 }
 
-void SetVariable(const char* name, const std::string& value)
-{
-
-    _putenv_s(name, value.c_str());
-}
+void SetVariable(const char* name, const std::string& value) { _putenv_s(name, value.c_str()); }
 
 bool IsTerminal(std::FILE* f) { return _isatty(_fileno(f)) != 0; }
 

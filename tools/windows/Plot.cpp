@@ -12,9 +12,6 @@ void DrawPlots(const std::string&, const std::vector<Plot>&, bool)
     throw std::runtime_error("plots are drawn on Linux only; --json gives the numbers");
 }
 
-void DrawSheet(const std::string&, const Sheet&)
-{
-    throw std::runtime_error("sheets are drawn on Linux only");
-}
+void DrawSheet(const std::string&, const Sheet&) { throw std::runtime_error("sheets are drawn on Linux only"); }
 
 }  // namespace kovtools

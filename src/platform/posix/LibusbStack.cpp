@@ -33,8 +33,8 @@ namespace {
 
 constexpr uint16_t VENDOR_ID = 0x0E5A;
 constexpr int INTERFACE = 0;
-constexpr unsigned MAX_CONTROL = 4096;          // bytes, limit of Linux and of libusb
-constexpr unsigned PIPES = 32;                  // 16 endpoint numbers, two directions
+constexpr unsigned MAX_CONTROL = 4096;           // bytes, limit of Linux and of libusb
+constexpr unsigned PIPES = 32;                   // 16 endpoint numbers, two directions
 constexpr std::chrono::milliseconds RETRY{ 5 };  // for memory that another process holds
 constexpr std::chrono::seconds GIVE_UP{ 5 };     // and no longer
 
@@ -144,12 +144,12 @@ struct ControlWait {
 struct SharedDevice {
     libusb_device* pDevice = nullptr;  // with a reference
     libusb_device_handle* pHandle = nullptr;
-    int iHandles = 0;                  // guarded by m_csOpen
+    int iHandles = 0;  // guarded by m_csOpen
     std::atomic<bool> bGone = false;
-    std::atomic<int> iResetting = 0;   // "no such device" is no news then
+    std::atomic<int> iResetting = 0;  // "no such device" is no news then
     std::atomic<int> iAltSetting = 0;
     std::atomic<bool> bClaimed = false;  // set under m_csOpen
-    std::array<Pipe, PIPES> pipes;     // from here on guarded by m_cs
+    std::array<Pipe, PIPES> pipes;       // from here on guarded by m_cs
     int iCancelling = 0;
     std::list<ControlWait*> controls;
     std::list<std::unique_ptr<Xfer>> graveyard;  // delivered, but a canceller may still name them
@@ -219,15 +219,15 @@ private:
     static void LIBUSB_CALL OnControl(libusb_transfer* pTransfer);
 
     Mutex m_csOpen;
-    libusb_context* m_pContext = nullptr;  // changed under it, and read by its thread
-    Plugs m_plugs KOV_TSA(guarded_by(m_csOpen));  // at the last look; empty: look again
+    libusb_context* m_pContext = nullptr;                      // changed under it, and read by its thread
+    Plugs m_plugs KOV_TSA(guarded_by(m_csOpen));               // at the last look; empty: look again
     std::vector<Found> m_found KOV_TSA(guarded_by(m_csOpen));  // then, in order
-    uint64_t m_uPlugs KOV_TSA(guarded_by(m_csOpen)) = 0;  // seen so far
+    uint64_t m_uPlugs KOV_TSA(guarded_by(m_csOpen)) = 0;       // seen so far
     std::thread m_thread KOV_TSA(guarded_by(m_csOpen));
     std::atomic<bool> m_bThread = false;  // set under m_csOpen
 
     Mutex m_cs;
-    std::condition_variable m_cvDone;   // a request was delivered, a control request ended, or stop
+    std::condition_variable m_cvDone;    // a request was delivered, a control request ended, or stop
     std::list<SharedDevice*> m_devices;  // changed under both locks
     bool m_bStop KOV_TSA(guarded_by(m_cs)) = false;
     uint64_t m_lSequence KOV_TSA(guarded_by(m_cs)) = 0;
@@ -361,9 +361,8 @@ void CHost::List(Plugs plugs)
         f.info.wProductId = f.descriptor.idProduct;
         f.info.speed = FromSpeed(libusb_get_device_speed(pDevice));
         const auto old = std::find_if(m_found.begin(), m_found.end(), [&](const Found& o) { return IsSame(o, f); });
-        f.info.sPath = old != m_found.end()
-                           ? old->info.sPath
-                           : sName + "@" + std::to_string(f.info.bAddress) + "#" + std::to_string(++m_uPlugs);
+        f.info.sPath = old != m_found.end() ? old->info.sPath
+                                            : sName + "@" + std::to_string(f.info.bAddress) + "#" + std::to_string(++m_uPlugs);
         found.push_back(std::move(f));
     }
     // Compared as numbers: socket 10 comes after socket 9. The address only decides where a host tells no ports.
@@ -378,8 +377,8 @@ void CHost::List(Plugs plugs)
 
 const Found* CHost::Find(const std::string& sPath) const
 {
-    const auto it = std::find_if(m_found.begin(), m_found.end(),
-                                 [&](const Found& f) { return f.device && f.info.sPath == sPath; });
+    const auto it =
+        std::find_if(m_found.begin(), m_found.end(), [&](const Found& f) { return f.device && f.info.sPath == sPath; });
     return it == m_found.end() ? nullptr : &*it;
 }
 
@@ -610,7 +609,8 @@ bool CHost::CannotFit(Xfer& x) const
         x.refused = now;
     if (!bNever && now - x.refused < GIVE_UP)
         return false;
-    KOV_LOG(Error, "a request of %u bytes finds no USB memory: the system's limit is %llu MiB. Raise it: "
+    KOV_LOG(Error,
+            "a request of %u bytes finds no USB memory: the system's limit is %llu MiB. Raise it: "
             "echo 256 | sudo tee /sys/module/usbcore/parameters/usbfs_memory_mb",
             x.pRequest->dwLength, static_cast<unsigned long long>(m_lLimit >> 20));
     return true;
@@ -737,8 +737,7 @@ void CHost::Cancel(SharedDevice& d, const Pipe* pPipe, const IDevice* pOwner)
     }
     WaitUntil(m_cs, m_cvDone, [&] {
         for (const Pipe& p : d.pipes)
-            if ((!pPipe || pPipe == &p) &&
-                std::any_of(p.queue.begin(), p.queue.end(), [&](const auto& x) { return chosen(*x); }))
+            if ((!pPipe || pPipe == &p) && std::any_of(p.queue.begin(), p.queue.end(), [&](const auto& x) { return chosen(*x); }))
                 return false;
         return true;
     });
@@ -761,8 +760,8 @@ Status CHost::Submit(SharedDevice& d, const IDevice* pOwner, BulkRequest* pReque
     x->pTransfer = libusb_alloc_transfer(0);
     if (!x->pTransfer)
         return Status::NoMemory;
-    libusb_fill_bulk_transfer(x->pTransfer, d.pHandle, pRequest->bEndpoint, pRequest->pData, int(pRequest->dwLength),
-                              OnBulk, x, 0);
+    libusb_fill_bulk_transfer(x->pTransfer, d.pHandle, pRequest->bEndpoint, pRequest->pData, int(pRequest->dwLength), OnBulk, x,
+                              0);
 
     const MutexLock lock(m_cs);
     Pipe& p = d.At(pRequest->bEndpoint);
@@ -860,7 +859,7 @@ Status CHost::Control(SharedDevice& d, const IDevice* pOwner, const uint8_t* pSe
         std::memcpy(buffer.data() + LIBUSB_CONTROL_SETUP_SIZE, pData, wLength);
 
     const std::unique_ptr<libusb_transfer, decltype(&libusb_free_transfer)> pTransfer(libusb_alloc_transfer(0),
-                                                                                       libusb_free_transfer);
+                                                                                      libusb_free_transfer);
     if (!pTransfer)
         return Status::NoMemory;
     ControlWait w{ this, pOwner, pTransfer.get() };
@@ -957,21 +956,20 @@ std::vector<uint8_t> ConfigDescriptor(libusb_device* p, uint8_t bIndex)
     std::vector<uint8_t> v;
     if (libusb_get_config_descriptor(p, bIndex, &c) != LIBUSB_SUCCESS)
         return v;
-    v = { LIBUSB_DT_CONFIG_SIZE, LIBUSB_DT_CONFIG, 0, 0, c->bNumInterfaces, c->bConfigurationValue, c->iConfiguration,
-          c->bmAttributes, c->MaxPower };
+    v = { LIBUSB_DT_CONFIG_SIZE, LIBUSB_DT_CONFIG, 0,          0, c->bNumInterfaces, c->bConfigurationValue,
+          c->iConfiguration,     c->bmAttributes,  c->MaxPower };
     PutExtra(v, c->extra, c->extra_length);
     for (unsigned i = 0; i < c->bNumInterfaces; ++i) {
         for (int a = 0; a < c->interface[i].num_altsetting; ++a) {
             const libusb_interface_descriptor& f = c->interface[i].altsetting[a];
             v.insert(v.end(), { LIBUSB_DT_INTERFACE_SIZE, LIBUSB_DT_INTERFACE, f.bInterfaceNumber, f.bAlternateSetting,
-                                f.bNumEndpoints, f.bInterfaceClass, f.bInterfaceSubClass, f.bInterfaceProtocol,
-                                f.iInterface });
+                                f.bNumEndpoints, f.bInterfaceClass, f.bInterfaceSubClass, f.bInterfaceProtocol, f.iInterface });
             PutExtra(v, f.extra, f.extra_length);
             for (unsigned e = 0; e < f.bNumEndpoints; ++e) {
                 const libusb_endpoint_descriptor& ep = f.endpoint[e];
                 const bool bAudio = ep.bLength == LIBUSB_DT_ENDPOINT_AUDIO_SIZE;
-                v.insert(v.end(), { uint8_t(bAudio ? LIBUSB_DT_ENDPOINT_AUDIO_SIZE : LIBUSB_DT_ENDPOINT_SIZE),
-                                    LIBUSB_DT_ENDPOINT, ep.bEndpointAddress, ep.bmAttributes });
+                v.insert(v.end(), { uint8_t(bAudio ? LIBUSB_DT_ENDPOINT_AUDIO_SIZE : LIBUSB_DT_ENDPOINT_SIZE), LIBUSB_DT_ENDPOINT,
+                                    ep.bEndpointAddress, ep.bmAttributes });
                 Put16(v, ep.wMaxPacketSize);
                 v.push_back(ep.bInterval);
                 if (bAudio)
@@ -1002,8 +1000,8 @@ public:
             m_pHost->Close(m_p, this);
     }
 
-    Status Control(uint8_t bRequestType, uint8_t bRequest, uint16_t wValue, uint16_t wIndex, uint8_t* pData,
-                   uint16_t wLength, uint32_t dwTimeoutMs, uint32_t* pdwMoved) override
+    Status Control(uint8_t bRequestType, uint8_t bRequest, uint16_t wValue, uint16_t wIndex, uint8_t* pData, uint16_t wLength,
+                   uint32_t dwTimeoutMs, uint32_t* pdwMoved) override
     {
         *pdwMoved = 0;
         if (Foreign() || m_p->bGone)
@@ -1014,9 +1012,7 @@ public:
                 std::memcpy(pData, v.data(), *pdwMoved);
             return Status::Ok;
         };
-        const auto is = [&](uint8_t bType, uint8_t bStandard) {
-            return bRequestType == bType && bRequest == bStandard;
-        };
+        const auto is = [&](uint8_t bType, uint8_t bStandard) { return bRequestType == bType && bRequest == bStandard; };
         const bool bDescriptor = is(LIBUSB_ENDPOINT_IN, LIBUSB_REQUEST_GET_DESCRIPTOR);
         if (bDescriptor && wValue >> 8 == LIBUSB_DT_DEVICE) {
             const std::vector<uint8_t> v = DeviceDescriptor(m_p->pDevice);
@@ -1027,8 +1023,8 @@ public:
         if (is(LIBUSB_RECIPIENT_INTERFACE, LIBUSB_REQUEST_SET_INTERFACE)) {
             if (const Status status = Claim(); status != Status::Ok)
                 return status;
-            const int r = m_pHost->Quietly(
-                *m_p, 0, [&] { return libusb_set_interface_alt_setting(m_p->pHandle, wIndex, wValue); });
+            const int r =
+                m_pHost->Quietly(*m_p, 0, [&] { return libusb_set_interface_alt_setting(m_p->pHandle, wIndex, wValue); });
             if (r == LIBUSB_SUCCESS && wIndex == INTERFACE)
                 m_p->iAltSetting = wValue;
             return m_pHost->Note(*m_p, r == LIBUSB_ERROR_NOT_FOUND ? Status::Stall : FromError(r));

@@ -24,7 +24,7 @@ int64_t SteadyNs()
 {
     timespec t;
     clock_gettime(CLOCK_MONOTONIC, &t);
-    return int64_t{t.tv_sec} * NS_PER_S + t.tv_nsec;
+    return int64_t{ t.tv_sec } * NS_PER_S + t.tv_nsec;
 }
 
 class Mutex {
@@ -166,8 +166,8 @@ LocalTime LocalNow()
     clock_gettime(CLOCK_REALTIME, &t);
     tm local = {};
     localtime_r(&t.tv_sec, &local);
-    return { local.tm_year + 1900, local.tm_mon + 1, local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec,
-             int(t.tv_nsec / NS_PER_MS) };
+    return { local.tm_year + 1900, local.tm_mon + 1,          local.tm_mday, local.tm_hour, local.tm_min,
+             local.tm_sec,         int(t.tv_nsec / NS_PER_MS) };
 }
 
 void SetClockRate(double rate)
@@ -272,10 +272,7 @@ uint32_t Thread::Wait(uint32_t ms)
 
 // --- messages -------------------------------------------------------------------------------------------------------
 
-void ShowNativeMessage(const char* szText, const char* szTitle)
-{
-    std::fprintf(stderr, "%s: %s\n", szTitle, szText);
-}
+void ShowNativeMessage(const char* szText, const char* szTitle) { std::fprintf(stderr, "%s: %s\n", szTitle, szText); }
 
 // --- files ----------------------------------------------------------------------------------------------------------
 

@@ -120,8 +120,9 @@ void TellNotKept(const fs::path& path, const char* szReason, int rc)
 // SQLITE_ERROR: statements that fit every file of ours do not fit its tables.
 bool IsDamage(int rc) { return (rc & 0xFF) == SQLITE_CORRUPT || (rc & 0xFF) == SQLITE_NOTADB || (rc & 0xFF) == SQLITE_ERROR; }
 
-constexpr const char* REPLACE = "INSERT INTO setting VALUES (?1, ?2, ?3, ?4) ON CONFLICT DO UPDATE "
-                                "SET type = ?3, bytes = ?4 WHERE type <> ?3 OR bytes <> ?4";
+constexpr const char* REPLACE =
+    "INSERT INTO setting VALUES (?1, ?2, ?3, ?4) ON CONFLICT DO UPDATE "
+    "SET type = ?3, bytes = ?4 WHERE type <> ?3 OR bytes <> ?4";
 
 // Read and write even for reading: a transaction that a killed process has left behind has to be rolled back. SQLite
 // falls back to reading only where the file is write-protected.
@@ -264,9 +265,10 @@ int WriteRows(const Db& db, const Changes& changes, const std::set<std::string, 
     const auto why = [&] { return sqlite3_errcode(db.get()); };
     if (!Execute(db, "BEGIN IMMEDIATE"))
         return why();
-    if (!Execute(db, "CREATE TABLE IF NOT EXISTS setting (key TEXT NOT NULL COLLATE NOCASE, "
-                     "name TEXT NOT NULL COLLATE NOCASE, type INTEGER NOT NULL, bytes BLOB NOT NULL, "
-                     "PRIMARY KEY (key, name)) WITHOUT ROWID"))
+    if (!Execute(db,
+                 "CREATE TABLE IF NOT EXISTS setting (key TEXT NOT NULL COLLATE NOCASE, "
+                 "name TEXT NOT NULL COLLATE NOCASE, type INTEGER NOT NULL, bytes BLOB NOT NULL, "
+                 "PRIMARY KEY (key, name)) WITHOUT ROWID"))
         return why();
     if (const int rc = Walk(db, NOTHING); rc != SQLITE_DONE)
         return rc;
@@ -299,7 +301,8 @@ void Save(const fs::path& path, const Changes& changes, const std::set<std::stri
 {
     if (path.empty()) {
         if (IsNews(Trouble::NoFolder))
-            KOV_LOG(Error, "settings are not kept: the user has no home folder. Set XDG_CONFIG_HOME to a folder that is writable");
+            KOV_LOG(Error,
+                    "settings are not kept: the user has no home folder. Set XDG_CONFIG_HOME to a folder that is writable");
         return;
     }
     std::error_code ec;

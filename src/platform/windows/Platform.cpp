@@ -102,8 +102,8 @@ void SleepMs(uint32_t ms)
     // With the clock running fast most sleeps are shorter than the millisecond that Sleep counts in. The system's own call
     // below it counts 100 ns; how fine it really is depends on the system's timer.
     using Delay = LONG(__stdcall*)(BOOLEAN bAlertable, const LARGE_INTEGER* pTime);
-    static const auto s_delay = reinterpret_cast<Delay>(
-        reinterpret_cast<void*>(GetProcAddress(GetModuleHandleW(L"ntdll.dll"), "NtDelayExecution")));
+    static const auto s_delay =
+        reinterpret_cast<Delay>(reinterpret_cast<void*>(GetProcAddress(GetModuleHandleW(L"ntdll.dll"), "NtDelayExecution")));
     LARGE_INTEGER time;
     time.QuadPart = -LONGLONG(double(ms) / dRate * 10000.0 + 0.5);  // negative: from now
     if (s_delay)

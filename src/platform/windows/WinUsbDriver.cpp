@@ -97,8 +97,8 @@ public:
     {
         SP_DEVINFO_DATA data{};
         return FindInfo(ListOf(h), dwIndex, &data) &&
-               Told(SetupDiGetDeviceRegistryPropertyA(ListOf(h).h, &data, dwProperty, nullptr,
-                                                      reinterpret_cast<BYTE*>(pOut), dwSize, nullptr) != 0);
+               Told(SetupDiGetDeviceRegistryPropertyA(ListOf(h).h, &data, dwProperty, nullptr, reinterpret_cast<BYTE*>(pOut),
+                                                      dwSize, nullptr) != 0);
     }
     bool GetInterfacePath(DevInfo h, uint32_t dwIndex, std::string* psPath) override
     {
@@ -148,14 +148,14 @@ public:
         return bOk;
     }
 
-    bool IoControl(DeviceHandle h, uint32_t dwCode, void* pIn, uint32_t dwIn, void* pOut, uint32_t dwOut,
-                   uint32_t* pdwBytes, Overlapped* pOverlapped) override
+    bool IoControl(DeviceHandle h, uint32_t dwCode, void* pIn, uint32_t dwIn, void* pOut, uint32_t dwOut, uint32_t* pdwBytes,
+                   Overlapped* pOverlapped) override
     {
         DWORD dwBytes = 0;
         // An abort is waited for by its caller to the end, without fetching a result.
         if (!pOverlapped || dwCode == IO_ABORT_PIPE) {
-            const BOOL bOk = DeviceIoControl(File(h), dwCode, pIn, dwIn, pOut, dwOut, &dwBytes,
-                                             reinterpret_cast<OVERLAPPED*>(pOverlapped));
+            const BOOL bOk =
+                DeviceIoControl(File(h), dwCode, pIn, dwIn, pOut, dwOut, &dwBytes, reinterpret_cast<OVERLAPPED*>(pOverlapped));
             Told(bOk != 0);
             *pdwBytes = dwBytes;
             return bOk != 0;
@@ -172,8 +172,8 @@ public:
             const std::lock_guard l(m_mutex);
             m_slots[pOverlapped] = std::move(owner);
         }
-        const BOOL bOk = DeviceIoControl(File(h), dwCode, r.block.data(), dwIn, pOut == pIn ? r.block.data() : pOut,
-                                         dwOut, &dwBytes, &r.ov);
+        const BOOL bOk =
+            DeviceIoControl(File(h), dwCode, r.block.data(), dwIn, pOut == pIn ? r.block.data() : pOut, dwOut, &dwBytes, &r.ov);
         const DWORD dwError = bOk ? ERROR_NONE : ::GetLastError();
         if (dwError != ERROR_PENDING)
             r.GiveBack();

@@ -16,24 +16,28 @@ struct AgateForm {
 namespace {
 
 enum Reg : uint16_t {
-    REG_LEFT = 0x01,     // 1 more than the column
-    REG_TOP = 0x02,      // 4 more than the row
-    REG_HEIGHT = 0x03, REG_WIDTH = 0x04, REG_BLANK = 0x05,
+    REG_LEFT = 0x01,  // 1 more than the column
+    REG_TOP = 0x02,   // 4 more than the row
+    REG_HEIGHT = 0x03,
+    REG_WIDTH = 0x04,
+    REG_BLANK = 0x05,
     REG_UNK_07 = 0x07,   // 392 brings it back from the long-exposure mode
     REG_SHUTTER = 0x0B,  // lines
     REG_RESTART = 0x0C,
-    REG_ANALOG = 0x35, REG_DIGITAL = 0x80,  // gain
+    REG_ANALOG = 0x35,
+    REG_DIGITAL = 0x80,  // gain
 };
-constexpr uint64_t EXP_REGISTER = 10'000'000;           // us; above it the host times the exposure
+constexpr uint64_t EXP_REGISTER = 10'000'000;  // us; above it the host times the exposure
 constexpr uint32_t LINES_MAX = 32767;
-constexpr int LINE_CLOCKS = 660;                        // shortest line
-constexpr int DIGITAL_FROM = 48;                        // index of the first digital gain
+constexpr int LINE_CLOCKS = 660;  // shortest line
+constexpr int DIGITAL_FROM = 48;  // index of the first digital gain
 constexpr int ANALOG_PARKED = 111, DIGITAL_PARKED = 1268;
 constexpr int WB_MIN = 1, WB_TOP = 99;
 
-constexpr ModelTraits Row(const char* szClass, const char* szName, const wchar_t* szKey, int iSlot, int iWidth,
-                          bool bColor, int iWBMax, int32_t iExpMax, int32_t iMaxExposure, int32_t iClk)
+constexpr ModelTraits Row(const char* szClass, const char* szName, const wchar_t* szKey, int iSlot, int iWidth, bool bColor,
+                          int iWBMax, int32_t iExpMax, int32_t iMaxExposure, int32_t iClk)
 {
+    // clang-format off
     const ModelTraits t = {
         .family = iWidth == 640 ? Family::Agate : Family::Dunite, .szClass = szClass, .szName = szName, .szKey = szKey,
         .iGuidSlot = iSlot, .iWidth = iWidth, .iHeight = 480, .dPixelSize = 6.00, .bayer = BAYER_BG, .bUSB3 = false,
@@ -43,6 +47,7 @@ constexpr ModelTraits Row(const char* szClass, const char* szName, const wchar_t
         .bTypes = TYPE_RAW8 | TYPE_RGB24 | TYPE_Y8, .bStart = 0, .aBins = { 1 },
         .aControls = { 0, 1, 2, 3, 4, 9, 10, 11, 12, -1 },
     };
+    // clang-format on
     return bColor ? t : Mono(t);
 }
 constexpr ModelTraits With(ModelTraits t, std::initializer_list<ProductName> products)
@@ -52,17 +57,15 @@ constexpr ModelTraits With(ModelTraits t, std::initializer_list<ProductName> pro
 }
 
 // Behind the key: slot, width, colour, upper balance, control limit of exposure, longest exposure, MHz.
-constexpr ModelTraits g_AgateCol = With(
-    Row("CCameraSAgateCol", "VYR KOVAgateCol", L"SOFTWARE\\KOVAgateCol", 6, 640, true, 99, 30000000, 4000000, 24),
-    { { 0xC01A, nullptr } });
-constexpr ModelTraits g_DuniteMono = With(
-    Row("CCameraSDuniteMono", "VYR KOVDuniteMono", L"SOFTWARE\\KOVDuniteMono", 5, 752, false, 0, 999000000,
-        1000000000, 30),
-    { { 0xC04A, nullptr }, { 0xC04C, "TORMELD KOVDuniteMono-A" }, { 0xC04D, "TORMELD KOVDuniteMono-B" } });
-constexpr ModelTraits g_DuniteCol = With(
-    Row("CCameraSDuniteCol", "VYR KOVDuniteCol", L"SOFTWARE\\KOVDuniteCol", 4, 752, true, 100, 999000000,
-        1000000000, 30),
-    { { 0xC04B, nullptr }, { 0xC04E, "TORMELD KOVDuniteCol-A" }, { 0xC04F, "TORMELD KOVDuniteCol-B" } });
+constexpr ModelTraits g_AgateCol =
+    With(Row("CCameraSAgateCol", "VYR KOVAgateCol", L"SOFTWARE\\KOVAgateCol", 6, 640, true, 99, 30000000, 4000000, 24),
+         { { 0xC01A, nullptr } });
+constexpr ModelTraits g_DuniteMono =
+    With(Row("CCameraSDuniteMono", "VYR KOVDuniteMono", L"SOFTWARE\\KOVDuniteMono", 5, 752, false, 0, 999000000, 1000000000, 30),
+         { { 0xC04A, nullptr }, { 0xC04C, "TORMELD KOVDuniteMono-A" }, { 0xC04D, "TORMELD KOVDuniteMono-B" } });
+constexpr ModelTraits g_DuniteCol =
+    With(Row("CCameraSDuniteCol", "VYR KOVDuniteCol", L"SOFTWARE\\KOVDuniteCol", 4, 752, true, 100, 999000000, 1000000000, 30),
+         { { 0xC04B, nullptr }, { 0xC04E, "TORMELD KOVDuniteCol-A" }, { 0xC04F, "TORMELD KOVDuniteCol-B" } });
 
 constexpr AgateForm g_Agate = { 94, true, 99 };
 // QUIRK: the colour model takes a stored balance of 100 as it is; set by the host, 100 becomes 99.
@@ -73,8 +76,7 @@ std::atomic<int> g_AgateIndex, g_DuniteMonoIndex, g_DuniteColIndex;
 // Word of the gain register: four runs.
 constexpr int GainWord(int i)
 {
-    return i < 16 ? 0x10 + i : i < 40 ? 0x20 + 2 * (i - 16) : i < DIGITAL_FROM ? 0x68 + i - 40
-                                                                               : 0x4F4 + i - DIGITAL_FROM;
+    return i < 16 ? 0x10 + i : i < 40 ? 0x20 + 2 * (i - 16) : i < DIGITAL_FROM ? 0x68 + i - 40 : 0x4F4 + i - DIGITAL_FROM;
 }
 static_assert(GainWord(39) == 0x4E && GainWord(47) == ANALOG_PARKED);
 static_assert(GainWord(48) == DIGITAL_PARKED && GainWord(59) == 0x4FF);
@@ -130,10 +132,7 @@ bool CAgate::SetOutput16Bits(bool on)
     return SettleAndSendTransferMode(on);
 }
 
-int32_t CAgate::GetRealImageSize()
-{
-    return SensorW() * SensorH() * BytesPerPixel();
-}
+int32_t CAgate::GetRealImageSize() { return SensorW() * SensorH() * BytesPerPixel(); }
 
 bool CAgate::SetResolution(int width, int height, int bin, IMAGE_TYPE type)
 {
@@ -239,8 +238,8 @@ void CAgate::AutoWB(uint8_t* rgb)
     StepWhiteBalance(*this, b, false);
 }
 
-void CAgate::Get_variance_ave(uint8_t* rgb, int x0, int y0, int blockW, int blockH, int* dev0, int* dev1, int* dev2,
-                              int* mean0, int* mean1, int* mean2)
+void CAgate::Get_variance_ave(uint8_t* rgb, int x0, int y0, int blockW, int blockH, int* dev0, int* dev1, int* dev2, int* mean0,
+                              int* mean1, int* mean2)
 {
     int* const apDev[] = { dev0, dev1, dev2 };
     int* const apMean[] = { mean0, mean1, mean2 };

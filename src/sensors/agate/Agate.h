@@ -31,8 +31,8 @@ public:
     void AutoWB(uint8_t* rgb);
     // Mean and mean deviation of each byte position (0 blue, 1 green, 2 red) over a block of pixels. A deviation that
     // comes in as 0 is not measured: each pixel counts 1.
-    void Get_variance_ave(uint8_t* rgb, int x0, int y0, int blockW, int blockH, int* dev0, int* dev1, int* dev2,
-                          int* mean0, int* mean1, int* mean2);
+    void Get_variance_ave(uint8_t* rgb, int x0, int y0, int blockW, int blockH, int* dev0, int* dev1, int* dev2, int* mean0,
+                          int* mean1, int* mean2);
 
 protected:
     void WriteStart() override;

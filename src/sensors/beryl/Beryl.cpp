@@ -8,14 +8,18 @@ namespace {
 
 enum Reg : uint16_t {
     REG_BLACK = 0x0080,
-    REG_EXPOSURE = 0x00C9,      // in 1/72 ms
-    REG_ANALOG_GAIN = 0x00CC, REG_DIGITAL_GAIN = 0x00CD,
-    REG_COLUMNS = 0x0100, REG_FIRST_ROW = 0x0101, REG_LAST_ROW = 0x0102,
+    REG_EXPOSURE = 0x00C9,  // in 1/72 ms
+    REG_ANALOG_GAIN = 0x00CC,
+    REG_DIGITAL_GAIN = 0x00CD,
+    REG_COLUMNS = 0x0100,
+    REG_FIRST_ROW = 0x0101,
+    REG_LAST_ROW = 0x0102,
 };
 
 constexpr FpgaTraits g_Fpga = { 18, 43272, 190906, 72, 100, 100000, false };
 constexpr int32_t HMAX_MIN = 1100;
 
+// clang-format off
 constexpr ModelTraits g_Col = {
     .family = Family::Beryl, .szClass = "CCameraSBerylCol", .szName = "VYR KOVBerylCol",
     .szKey = L"SOFTWARE\\KOVBerylCol", .aProducts = { { 0xC02A, nullptr } },
@@ -26,6 +30,7 @@ constexpr ModelTraits g_Col = {
     .bStart = START_AUTO_FPS | START_HARDWARE_BIN,
     .aBins = { 1, 2 }, .aControls = { 0, 1, 2, 3, 4, 5, 6, 8, 9, 10, 11, 12, 13, 14, -1 },
 };
+// clang-format on
 
 // QUIRK: the monochrome model offers the colour formats and both white balances, which do nothing, and starts with
 // CTRL_AUTOEXP_MAX_EXP at 0.
@@ -84,7 +89,9 @@ bool CBeryl::SetGain(int gain, bool autoMode)
     // QUIRK: the colour model's range goes to 600, but above 100 nothing reaches the sensor.
     if (g > 100)
         return true;
-    struct Step { int iBelow, iStage, iOffset; };
+    struct Step {
+        int iBelow, iStage, iOffset;
+    };
     static constexpr Step steps[] = { { 16, 483, 8 }, { 32, 35, -8 }, { 48, 33, -24 }, { 64, 65, -40 }, { 101, 65, -56 } };
     const Step& s = *std::find_if(std::begin(steps), std::end(steps), [=](const Step& x) { return g < x.iBelow; });
     WriteCameraRegister(REG_ANALOG_GAIN, static_cast<uint16_t>(s.iStage));

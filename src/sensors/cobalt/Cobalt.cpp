@@ -8,33 +8,40 @@
 namespace {
 
 enum Reg : uint16_t {
-    REG_MAILBOX = 0x0040,      // a write starts a command; bit 15 reads as set while it runs, else the result
-    REG_PARAMETER = 0xFC00,    // byte argument or result in the high byte
-    REG_TOP = 0x3002, REG_LEFT = 0x3004, REG_BOTTOM = 0x3006, REG_RIGHT = 0x3008,
+    REG_MAILBOX = 0x0040,    // a write starts a command; bit 15 reads as set while it runs, else the result
+    REG_PARAMETER = 0xFC00,  // byte argument or result in the high byte
+    REG_TOP = 0x3002,
+    REG_LEFT = 0x3004,
+    REG_BOTTOM = 0x3006,
+    REG_RIGHT = 0x3008,
     REG_FRAME_LINES = 0x300A,
     REG_LINE_CLOCKS = 0x300C,  // half of m_iHMAX
     REG_SHUTTER = 0x3012,      // lines
     REG_BLACK = 0x301E,        // 16 a step of brightness
     REG_UNK_3040 = 0x3040,     // 65 as the last step of the bring-up; meaning not known
-    REG_GREEN_1 = 0x3056, REG_BLUE = 0x3058, REG_RED = 0x305A, REG_GREEN_2 = 0x305C,
+    REG_GREEN_1 = 0x3056,
+    REG_BLUE = 0x3058,
+    REG_RED = 0x305A,
+    REG_GREEN_2 = 0x305C,
 };
 enum : uint16_t { CMD_SET_STATE = 0x8100, CMD_GET_STATE = 0x8101, CMD_BUSY = 0x8000 };
 enum : uint8_t { STATE_CHANGE_CONFIG = 0x28, STATE_STREAMING = 0x31 };
 constexpr int RESULT_BUSY = 9;
 constexpr int MAILBOX_POLLS = 100;  // no delay between them: each is a control transfer
 
-constexpr uint64_t EXP_SLOW = 600'000;                  // us; from here on the slow clock
-constexpr uint64_t EXP_REGISTER = 60'000'000;           // us; above it the host times the exposure
+constexpr uint64_t EXP_SLOW = 600'000;         // us; from here on the slow clock
+constexpr uint64_t EXP_REGISTER = 60'000'000;  // us; above it the host times the exposure
 constexpr int64_t LINES_MAX = 65535;
-constexpr int LINES_LONG = 12287;                       // shutter of the host-timed mode
-constexpr int32_t CLK_SLOW = 24, CLK_NORMAL = 48;       // MHz
-constexpr int32_t HMAX_SLOW = 4095;                     // clocks; also tells that the slow clock is in use
+constexpr int LINES_LONG = 12287;                  // shutter of the host-timed mode
+constexpr int32_t CLK_SLOW = 24, CLK_NORMAL = 48;  // MHz
+constexpr int32_t HMAX_SLOW = 4095;                // clocks; also tells that the slow clock is in use
 constexpr int LINE_EXTRA_CLOCKS = 210, FRAME_EXTRA_LINES = 29;
-constexpr double LINK_RATE = 35.5;                      // megabytes per second
+constexpr double LINK_RATE = 35.5;  // megabytes per second
 
 // Addresses of the init table that are one byte wide.
 constexpr uint16_t g_ByteRegs[] = { 0xC962, 0xC86C, 0x9427, 0xC850, 0xC83D, 0xC83C, 0xC864, 0xC8FF };
 
+// clang-format off
 constexpr ModelTraits g_Col = {
     .family = Family::Cobalt, .szClass = "CCameraSCobaltCol", .szName = "VYR KOVCobaltCol",
     .szKey = L"SOFTWARE\\KOVCobaltCol", .iGuidSlot = 7,
@@ -45,20 +52,15 @@ constexpr ModelTraits g_Col = {
     .iMaxExposure = 60000000, .wCaps = CAP_BRIGHTNESS | CAP_BANDWIDTH | CAP_WB, .bStart = 0,
     .aBins = { 1, 2 }, .aControls = { 0, 1, 2, 3, 4, 5, 6, 9, 10, 11, 12, -1 },
 };
+// clang-format on
 
 std::atomic<int32_t> s_iLastGain{ -1 };  // gain in force; shared by all cameras of the class
 
-constexpr uint16_t VarAddress(uint16_t driver, uint16_t offset)
-{
-    return static_cast<uint16_t>((driver | ~31u) << 10 | offset);
-}
+constexpr uint16_t VarAddress(uint16_t driver, uint16_t offset) { return static_cast<uint16_t>((driver | ~31u) << 10 | offset); }
 
 }  // namespace
 
-CCameraSCobaltCol::CCameraSCobaltCol(void* handle) : CUsb2Model(g_Col, handle)
-{
-    FinishConstruction();
-}
+CCameraSCobaltCol::CCameraSCobaltCol(void* handle) : CUsb2Model(g_Col, handle) { FinishConstruction(); }
 
 bool CCameraSCobaltCol::InitCamera()
 {
@@ -132,15 +134,9 @@ void CCameraSCobaltCol::WriteStart()
         SendCMD(REQ_START_STREAM);
 }
 
-void CCameraSCobaltCol::WriteLineClocks()
-{
-    Write(REG_LINE_CLOCKS, m_iHMAX / 2);
-}
+void CCameraSCobaltCol::WriteLineClocks() { Write(REG_LINE_CLOCKS, m_iHMAX / 2); }
 
-bool CCameraSCobaltCol::SetFPSPerc(int percent, bool autoMode)
-{
-    return FitLine(percent, autoMode) && Reexpose();
-}
+bool CCameraSCobaltCol::SetFPSPerc(int percent, bool autoMode) { return FitLine(percent, autoMode) && Reexpose(); }
 
 bool CCameraSCobaltCol::Reexpose()
 {
@@ -156,8 +152,8 @@ bool CCameraSCobaltCol::FitLine(int percent, bool autoMode)
     m_bAutoFPS = false;  // QUIRK: never on, whatever was asked
     const double dClocks = static_cast<double>(int64_t{ BytesPerPixel() } * m_iCMOSClk * SensorW() * SensorH());
     const int iLines = SensorH() + FRAME_EXTRA_LINES;
-    m_iHMAX = TruncClamp((dClocks * 100.0 / LINK_RATE / m_iFPSPerc + LINE_EXTRA_CLOCKS) / iLines,
-                         SensorW() + LINE_EXTRA_CLOCKS, INT32_MAX);
+    m_iHMAX = TruncClamp((dClocks * 100.0 / LINK_RATE / m_iFPSPerc + LINE_EXTRA_CLOCKS) / iLines, SensorW() + LINE_EXTRA_CLOCKS,
+                         INT32_MAX);
     WriteLineClocks();
     m_iExpLines = static_cast<int32_t>(std::clamp<int64_t>(ShutterLines(), 1, 4095));
     Write(REG_SHUTTER, m_iExpLines);
@@ -232,8 +228,12 @@ bool CCameraSCobaltCol::SetGain(int gain, bool autoMode)
 float CCameraSCobaltCol::GainFactor() const
 {
     const int g = m_iGain;
-    const double f = g <= 16 ? g * 0.0625 + 1 : g <= 32 ? g * 0.125 : g <= 48 ? (g - 32.0) * 0.25 + 4
-                   : g <= 64 ? (g - 48.0) * 0.5 + 8 : g <= 80 ? g + 16.0 - 64 : (g - 80.0) * 1.6 + 32;
+    const double f = g <= 16   ? g * 0.0625 + 1
+                     : g <= 32 ? g * 0.125
+                     : g <= 48 ? (g - 32.0) * 0.25 + 4
+                     : g <= 64 ? (g - 48.0) * 0.5 + 8
+                     : g <= 80 ? g + 16.0 - 64
+                               : (g - 80.0) * 1.6 + 32;
     return static_cast<float>(f);
 }
 

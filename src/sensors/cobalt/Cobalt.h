@@ -50,7 +50,7 @@ private:
     bool Reexpose();                           // the same exposure again, after a change of line or clock
     bool WriteBalance();
     int64_t ShutterLines() const;  // m_lExposure; not limited
-    float GainFactor() const;  // of m_iGain
+    float GainFactor() const;      // of m_iGain
 
     Shared<uint64_t> m_lLastExp;    // exposure in force, us
     Shared<int32_t> m_iNormalHMAX;  // line length before the slow clock

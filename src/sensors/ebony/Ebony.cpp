@@ -8,10 +8,10 @@
 namespace {
 
 enum Reg : uint16_t {
-    REG_STANDBY = 0x0200,       // 1 sleeps; else the read-out mode
-    REG_SHS = 0x0206,           // 2 bytes
-    REG_TOP = 0x0208,           // 2 bytes
-    REG_LINES = 0x020A,         // 2 bytes
+    REG_STANDBY = 0x0200,  // 1 sleeps; else the read-out mode
+    REG_SHS = 0x0206,      // 2 bytes
+    REG_TOP = 0x0208,      // 2 bytes
+    REG_LINES = 0x020A,    // 2 bytes
 };
 
 constexpr uint64_t EXP_LONG = 2'000'000;  // us
@@ -19,11 +19,9 @@ constexpr int GAIN_LIMIT = 240;           // 0.1 dB of analog gain; beyond it: d
 constexpr int32_t CLK = 20250;            // kHz
 
 // { frame time, shortest frame, bias, lowest SHS, highest SHS, stretched VMAX, cap, m_iExpLines, SHS when stretched }
-constexpr ExposureLaw Law(int lines)
-{
-    return { lines, lines + 1, 0, 0, lines, 0, 0xFFFFFF, 0, 1 };
-}
+constexpr ExposureLaw Law(int lines) { return { lines, lines + 1, 0, 0, lines, 0, 0xFFFFFF, 0, 1 }; }
 
+// clang-format off
 constexpr EbonyTraits g_Ebony = {
     .fpga = { 18, 43272, 325643, CLK, 80, 100000, true, { .wBlack = 0x021F } }, .law = Law(17),
     .initTable = g_EbonyInit, .modeFull = g_EbonyModeFull, .modeBin3 = g_EbonyModeBin3, .bFormatFollowsBin = false,
@@ -40,6 +38,7 @@ constexpr EbonyTraits g_Flint = {
     .aRegBlue = 0x0226, .aRegRed = 0x0222, .aRegGreen1 = 0x0228, .aRegGreen2 = 0x0224, .iRedShift = 0,
     .iExpLinesBin3 = 2, .iFPSLinesBin3 = 2,
 };
+// clang-format on
 constexpr EbonyTraits g_Halite = [] {
     EbonyTraits e = g_Flint;
     e.fpga.iVBlank = 24;
@@ -59,6 +58,7 @@ constexpr EbonyTraits g_Halite = [] {
     return e;
 }();
 
+// clang-format off
 constexpr ModelTraits g_EbonyCol = {
     .family = Family::Ebony, .szClass = "CCameraSEbonyCol", .szName = "VYR KOVEbonyCol-Cool",
     .szKey = L"SOFTWARE\\KOVEbonyCol", .aProducts = { { 0xC05A, nullptr } },
@@ -70,6 +70,7 @@ constexpr ModelTraits g_EbonyCol = {
     .aBins = { 1, 2, 3 }, .aControls = { 0, 1, 2, 3, 4, 5, 6, 8, 9, 10, 11, 12, 13, 15, 16, 17, -1 },
     .aPhase = { { 3, -2, 0, -4, -2 } },
 };
+// clang-format on
 constexpr ModelTraits g_FlintCol = [] {
     ModelTraits t = Named(g_EbonyCol, "CCameraSFlintCol", "VYR KOVFlintCol-Cool", L"SOFTWARE\\KOVFlintCol", 0xC06A);
     t.family = Family::Flint;
@@ -95,10 +96,7 @@ template <const EbonyTraits& e>
 ClassVars g_Vars{ { e.fpga.iUnitUSB2 }, { e.iMinFull } };
 
 // White balance as an offset of the analog gain, dB.
-double BalanceDb(int x)
-{
-    return 20 * std::log10(x < 51 ? x / 100.0 + 0.5 : x / 50.0);
-}
+double BalanceDb(int x) { return 20 * std::log10(x < 51 ? x / 100.0 + 0.5 : x / 50.0); }
 
 // Analog gain word for tenths of dB.
 uint32_t GainWord(double tenths)
@@ -108,8 +106,7 @@ uint32_t GainWord(double tenths)
 
 }  // namespace
 
-CEbony::CEbony(const ModelTraits& t, const EbonyTraits& e, ClassVars& v, void* handle)
-    : CFpgaModel(t, e.fpga, v, handle), m_E(e)
+CEbony::CEbony(const ModelTraits& t, const EbonyTraits& e, ClassVars& v, void* handle) : CFpgaModel(t, e.fpga, v, handle), m_E(e)
 {
 }
 
@@ -148,10 +145,7 @@ bool CEbony::SetHighSpeedMode(bool on)
     return true;
 }
 
-bool CEbony::SetCMOSClk()
-{
-    return SetCMOSClk(CLK);
-}
+bool CEbony::SetCMOSClk() { return SetCMOSClk(CLK); }
 
 bool CEbony::SetCMOSClk(int clock)
 {
@@ -204,10 +198,7 @@ float CEbony::GetSensorTemp()
     return m_fSensorTemp;
 }
 
-int CEbony::RoundX(int x) const
-{
-    return m_E.iRoundBin3 != 0 && m_iBin == 3 ? x / m_E.iRoundBin3 * m_E.iRoundBin3 : x & ~3;
-}
+int CEbony::RoundX(int x) const { return m_E.iRoundBin3 != 0 && m_iBin == 3 ? x / m_E.iRoundBin3 * m_E.iRoundBin3 : x & ~3; }
 
 bool CEbony::WriteStart(int x, int y)
 {
@@ -251,7 +242,4 @@ bool CEbony::StopSensorStreaming()
     return Write8(REG_STANDBY, 1);
 }
 
-float CEbony::MaxFPSNow()
-{
-    return FPSFromLine(Lines(m_E.iExpLinesBin3));
-}
+float CEbony::MaxFPSNow() { return FPSFromLine(Lines(m_E.iExpLinesBin3)); }

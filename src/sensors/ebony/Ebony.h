@@ -8,19 +8,19 @@ struct EbonyTraits {
     FpgaTraits fpga;
     ExposureLaw law;
     std::span<const RegEntry> initTable, modeFull, modeBin3;
-    bool bFormatFollowsBin;          // FPGA 10 is 16 or 0 in hardware bin 3
-    int32_t iMinFull, iMinBin3;      // shortest line, clocks
-    uint8_t bFpgaYFull, bFpgaYBin3;  // FPGA 6
-    int iLineMargin;                 // lines beyond the picture that the sensor sends
-    int iColumnOffset;               // first column in FPGA 2, 3
-    int iTopFull, iTopBin3;          // first row of the sensor
-    int iRoundBin3;                  // start column at bin 3 is a multiple of it; 0: of 4 as ever
-    uint8_t bModeBin3;               // standby register when streaming in hardware bin 3
-    int iGainLimitBin3;              // 0.1 dB of analog gain in hardware bin 3
+    bool bFormatFollowsBin;                              // FPGA 10 is 16 or 0 in hardware bin 3
+    int32_t iMinFull, iMinBin3;                          // shortest line, clocks
+    uint8_t bFpgaYFull, bFpgaYBin3;                      // FPGA 6
+    int iLineMargin;                                     // lines beyond the picture that the sensor sends
+    int iColumnOffset;                                   // first column in FPGA 2, 3
+    int iTopFull, iTopBin3;                              // first row of the sensor
+    int iRoundBin3;                                      // start column at bin 3 is a multiple of it; 0: of 4 as ever
+    uint8_t bModeBin3;                                   // standby register when streaming in hardware bin 3
+    int iGainLimitBin3;                                  // 0.1 dB of analog gain in hardware bin 3
     uint16_t aRegBlue, aRegRed, aRegGreen1, aRegGreen2;  // analog gain words, 2 bytes each
     int iRedShift;
-    int iExpLinesBin3;               // lines counted for an output line in hardware bin 3, by exposure and frame rate
-    int iFPSLinesBin3;               // the same, by the bandwidth
+    int iExpLinesBin3;  // lines counted for an output line in hardware bin 3, by exposure and frame rate
+    int iFPSLinesBin3;  // the same, by the bandwidth
 };
 
 class CEbony : public CFpgaModel<CCameraCool> {

@@ -7,38 +7,51 @@
 namespace {
 
 enum Reg : uint16_t {
-    REG_TOP = 0x3002, REG_LEFT = 0x3004, REG_BOTTOM = 0x3006, REG_RIGHT = 0x3008,
+    REG_TOP = 0x3002,
+    REG_LEFT = 0x3004,
+    REG_BOTTOM = 0x3006,
+    REG_RIGHT = 0x3008,
     REG_FRAME_LINES = 0x300A,
     REG_LINE_CLOCKS = 0x300C,
-    REG_SHUTTER = 0x3012,      // lines
-    REG_RUN = 0x301A,          // RUN_ values
-    REG_BLACK = 0x301E,        // 16 a step of brightness
-    REG_VT_PIX_DIV = 0x302A, REG_VT_SYS_DIV = 0x302C, REG_PRE_DIV = 0x302E, REG_PLL_MULT = 0x3030,
+    REG_SHUTTER = 0x3012,  // lines
+    REG_RUN = 0x301A,      // RUN_ values
+    REG_BLACK = 0x301E,    // 16 a step of brightness
+    REG_VT_PIX_DIV = 0x302A,
+    REG_VT_SYS_DIV = 0x302C,
+    REG_PRE_DIV = 0x302E,
+    REG_PLL_MULT = 0x3030,
     REG_BIN_MODE = 0x3032,
     REG_DATAPATH = 0x306E,
-    REG_GREEN_1 = 0x3056, REG_BLUE = 0x3058, REG_RED = 0x305A, REG_GREEN_2 = 0x305C,
+    REG_GREEN_1 = 0x3056,
+    REG_BLUE = 0x3058,
+    REG_RED = 0x305A,
+    REG_GREEN_2 = 0x305C,
     REG_GLOBAL_GAIN = 0x305E,
-    REG_ANALOG = 0x30B0,       // bits 5..4 amplifier stage; the rest goes with the clock
-    REG_TEMP = 0x30B2, REG_TEMP_70 = 0x30C6, REG_TEMP_55 = 0x30C8,
+    REG_ANALOG = 0x30B0,  // bits 5..4 amplifier stage; the rest goes with the clock
+    REG_TEMP = 0x30B2,
+    REG_TEMP_70 = 0x30C6,
+    REG_TEMP_55 = 0x30C8,
 };
 enum : uint16_t {
-    RUN_GO = 4316, RUN_STOP = 4312,
-    RUN_STOP_AT_END = 4314,    // finishes the frame
+    RUN_GO = 4316,
+    RUN_STOP = 4312,
+    RUN_STOP_AT_END = 4314,  // finishes the frame
 };
 constexpr int ANALOG_SLOW = 0x5300, ANALOG_NORMAL = 0x1300;  // REG_ANALOG at the slow clock and else
 
-constexpr uint64_t EXP_SLOW = 100'000;                       // us; from here on the slow clock
-constexpr uint64_t EXP_REGISTER = 4'000'000;                 // us; above it the host times the exposure
-constexpr int64_t LINES_MAX = 65535;                         // shutter register
-constexpr int32_t CLK_SLOW = 24, CLK_START = 48;             // MHz
-constexpr int32_t HMAX_MIN = 1390, HMAX_MAX = 12287;         // clocks
+constexpr uint64_t EXP_SLOW = 100'000;                // us; from here on the slow clock
+constexpr uint64_t EXP_REGISTER = 4'000'000;          // us; above it the host times the exposure
+constexpr int64_t LINES_MAX = 65535;                  // shutter register
+constexpr int32_t CLK_SLOW = 24, CLK_START = 48;      // MHz
+constexpr int32_t HMAX_MIN = 1390, HMAX_MAX = 12287;  // clocks
 constexpr int FRAME_EXTRA_LINES = 26, FRAME_EXTRA_CLOCKS = 358;
-constexpr double LINK_USB2 = 42.0;                           // megabytes per second
+constexpr double LINK_USB2 = 42.0;  // megabytes per second
 constexpr int IMAGE_ENDPOINT = 0x82;
 
 constexpr ModelTraits Row(const char* szClass, const char* szName, const wchar_t* szKey, int iSlot, uint16_t wId,
                           BayerPattern bayer, bool bColor, bool bUSB3, int32_t iClk)
 {
+    // clang-format off
     ModelTraits t = {
         .family = bUSB3 ? Family::GarnetS : Family::Garnet, .szClass = szClass, .szName = szName, .szKey = szKey,
         .iGuidSlot = iSlot, .aProducts = { { wId, nullptr } }, .iWidth = 1280, .iHeight = 960, .dPixelSize = 3.75,
@@ -49,6 +62,7 @@ constexpr ModelTraits Row(const char* szClass, const char* szName, const wchar_t
         .wCaps = CAP_COMMON | CAP_AUTO | CAP_WB, .bStart = START_HIGH_SPEED | START_AUTO_FPS, .aBins = { 1, 2 },
         .aControls = { 0, 1, 2, 3, 4, 5, 6, 8, 9, 7, 10, 11, 12, 14, -1 },  // the over clock in the middle
     };
+    // clang-format on
     if (bUSB3)
         t.wCaps |= CAP_OVERCLK;
     else
@@ -57,19 +71,22 @@ constexpr ModelTraits Row(const char* szClass, const char* szName, const wchar_t
 }
 
 // Behind the key: GUID slot, product ID, cell, colour, USB 3, clock in MHz.
-constexpr ModelTraits g_Mono = Row("CCameraSGarnetMono", "VYR KOVGarnetMono", L"SOFTWARE\\KOVGarnetMono", 1, 0xC07A,
-                                   BAYER_RG, false, false, 0);
-constexpr ModelTraits g_Col = Row("CCameraSGarnetCol", "VYR KOVGarnetCol", L"SOFTWARE\\KOVGarnetCol", 2, 0xC07B,
-                                  BAYER_GR, true, false, 50);
-constexpr ModelTraits g_MonoS = Row("CCameraSGarnetMono_S", "VYR KOVGarnetMono-S", L"SOFTWARE\\KOVGarnetMono-S", 8,
-                                    0xC07D, BAYER_GR, false, true, 100);
-constexpr ModelTraits g_ColS = Row("CCameraSGarnetCol_S", "VYR KOVGarnetCol-S", L"SOFTWARE\\KOVGarnetCol-S", 9, 0xC07E,
-                                   BAYER_GR, true, true, 100);
+constexpr ModelTraits g_Mono =
+    Row("CCameraSGarnetMono", "VYR KOVGarnetMono", L"SOFTWARE\\KOVGarnetMono", 1, 0xC07A, BAYER_RG, false, false, 0);
+constexpr ModelTraits g_Col =
+    Row("CCameraSGarnetCol", "VYR KOVGarnetCol", L"SOFTWARE\\KOVGarnetCol", 2, 0xC07B, BAYER_GR, true, false, 50);
+constexpr ModelTraits g_MonoS =
+    Row("CCameraSGarnetMono_S", "VYR KOVGarnetMono-S", L"SOFTWARE\\KOVGarnetMono-S", 8, 0xC07D, BAYER_GR, false, true, 100);
+constexpr ModelTraits g_ColS =
+    Row("CCameraSGarnetCol_S", "VYR KOVGarnetCol-S", L"SOFTWARE\\KOVGarnetCol-S", 9, 0xC07E, BAYER_GR, true, true, 100);
 
 GarnetVars g_MonoVars, g_ColVars, g_MonoSVars, g_ColSVars;
 
 // PLL of the sensor by requested rate in MHz; two columns for the third register: high speed, and half the clock.
-struct PllRow { int iRate; uint16_t wSysDiv, wPixDiv, wPreDivFast, wPreDiv, wMult; };
+struct PllRow {
+    int iRate;
+    uint16_t wSysDiv, wPixDiv, wPreDivFast, wPreDiv, wMult;
+};
 constexpr PllRow g_Pll[] = {
     { 6, 16, 4, 2, 4, 16 },  { 25, 2, 8, 3, 6, 25 },  { 27, 2, 10, 2, 4, 23 }, { 31, 2, 8, 6, 12, 63 },
     { 33, 2, 8, 6, 12, 66 }, { 40, 2, 8, 3, 6, 40 },  { 50, 1, 8, 3, 6, 25 },  { 55, 1, 10, 2, 4, 23 },
@@ -84,18 +101,15 @@ int64_t GainWord(int64_t gain)  // wide, because a stored setting may hold anyth
     return 2 * gain + offset[StageOf(static_cast<int>(gain))];
 }
 // The monochrome models go on digitally, more steeply, where the amplifier ends.
-int64_t MonoGainWord(int gain)
-{
-    return gain > 79 ? 6 * (gain - 80) + 128 : gain > 63 ? 4 * gain - 192 : GainWord(gain);
-}
+int64_t MonoGainWord(int gain) { return gain > 79 ? 6 * (gain - 80) + 128 : gain > 63 ? 4 * gain - 192 : GainWord(gain); }
 
 }  // namespace
 
 struct GarnetForm {
     std::span<const RegEntry> initTable;
-    int iLongLines;       // shutter of the host-timed mode
+    int iLongLines;  // shutter of the host-timed mode
     int iAutoPerc, iAutoPercUSB3;
-    uint8_t bFirmware;    // oldest firmware that needs no update; 0: the model carries none
+    uint8_t bFirmware;  // oldest firmware that needs no update; 0: the model carries none
 };
 static constexpr GarnetForm g_Usb2 = { g_GarnetUsb2Init, 12287, 80, 80, 3 };
 static constexpr GarnetForm g_S = { g_GarnetSInit, 8191, 86, 100, 0 };
@@ -112,8 +126,7 @@ CCameraSGarnetCol_S::CCameraSGarnetCol_S(void* handle) : CWhole(g_ColS, g_S, g_C
 
 bool CGarnet::FirmwareStep()
 {
-    return m_Form.bFirmware == 0 ||
-           UpdateTo(m_Form.bFirmware, m_bIsColor ? FirmwareId::GarnetCol : FirmwareId::GarnetMono);
+    return m_Form.bFirmware == 0 || UpdateTo(m_Form.bFirmware, m_bIsColor ? FirmwareId::GarnetCol : FirmwareId::GarnetMono);
 }
 
 bool CGarnet::InitCamera()
@@ -221,8 +234,8 @@ bool CGarnet::SetFPSPerc(int percent, bool autoMode)
     }
     // The product is a 32-bit number and wraps.
     const uint32_t dwSize = static_cast<uint32_t>(BytesPerPixel()) * static_cast<uint32_t>(m_iWidth) *
-                            static_cast<uint32_t>(m_iHeight) * static_cast<uint32_t>(m_iBin) *
-                            static_cast<uint32_t>(m_iBin) * static_cast<uint32_t>(m_iCMOSClk);
+                            static_cast<uint32_t>(m_iHeight) * static_cast<uint32_t>(m_iBin) * static_cast<uint32_t>(m_iBin) *
+                            static_cast<uint32_t>(m_iCMOSClk);
     const int iLines = SensorH() + FRAME_EXTRA_LINES;
     m_iHMAX = TruncClamp((dwSize * 100.0 / dLink / m_iFPSPerc + FRAME_EXTRA_CLOCKS) / iLines, HMAX_MIN, HMAX_MAX);
     // QUIRK: refused after the percentage and the line length were stored: the host reads back what it set.
@@ -254,8 +267,7 @@ void CGarnet::CalcMaxFPS()
     const int iClocks = SensorH() * HMAX_MIN + 35782;
     const float fps = static_cast<float>(static_cast<int32_t>(static_cast<uint32_t>(m_iCMOSClk) * 1000000u) / iClocks);
     m_fMaxFPS = fps;
-    m_Vars.iBandwidthDivisor =
-        m_bUSB3Host ? static_cast<int32_t>(fps * 1.2288e6 * BytesPerPixel() / 1000.0 / 1000.0) : 43;
+    m_Vars.iBandwidthDivisor = m_bUSB3Host ? static_cast<int32_t>(fps * 1.2288e6 * BytesPerPixel() / 1000.0 / 1000.0) : 43;
     m_fMaxDataRate = static_cast<float>(static_cast<float>(SensorW() * SensorH()) * fps / 1000.0 / 1000.0);
 }
 
@@ -268,8 +280,12 @@ bool CGarnet::SetCMOSClk()
         return SetFPSPerc(m_iFPSPerc, m_bAutoFPS);
     }
     const int w = SensorW(), d = BytesPerPixel();
-    const int iRate = w > 1024 ? 50 / d : w > 960 ? 62 / d : w > 800 ? 66 / d : w > 480 ? 80 / d
-                    : w > 320 && m_bOutput16Bits ? 50 : 80;
+    const int iRate = w > 1024                     ? 50 / d
+                      : w > 960                    ? 62 / d
+                      : w > 800                    ? 66 / d
+                      : w > 480                    ? 80 / d
+                      : w > 320 && m_bOutput16Bits ? 50
+                                                   : 80;
     SetCMOSClk(iRate);
     SetFPSPerc(m_iFPSPerc, m_bAutoFPS);
     return SetExp(m_lExposure, m_bAutoExp);
@@ -319,8 +335,7 @@ void CGarnet::WritePll(int rate)
 {
     PllRow row = { rate, 1, 4, 6, 6, static_cast<uint16_t>(rate) };  // _S above 32 MHz: any rate
     if (!m_Traits.bUSB3 || rate <= 32) {
-        const auto* p =
-            std::find_if(std::begin(g_Pll), std::end(g_Pll), [=](const PllRow& r) { return r.iRate == rate; });
+        const auto* p = std::find_if(std::begin(g_Pll), std::end(g_Pll), [=](const PllRow& r) { return r.iRate == rate; });
         if (p == std::end(g_Pll)) {
             TraceLine("set clk %d error!\n", rate);
             return;

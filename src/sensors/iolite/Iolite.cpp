@@ -5,23 +5,25 @@
 namespace {
 
 enum Reg : uint16_t {
-    REG_TOP = 0x01,      // 12 more than the row
-    REG_LEFT = 0x02,     // 20 more than the column
-    REG_HEIGHT = 0x03, REG_WIDTH = 0x04,  // less 1
+    REG_TOP = 0x01,   // 12 more than the row
+    REG_LEFT = 0x02,  // 20 more than the column
+    REG_HEIGHT = 0x03,
+    REG_WIDTH = 0x04,    // less 1
     REG_SHUTTER = 0x09,  // lines
     REG_RESTART = 0x0B,
-    REG_UNK_1E = 0x1E,   // 0x8000 in normal running
+    REG_UNK_1E = 0x1E,  // 0x8000 in normal running
     REG_GAIN = 0x35,
     REG_BLACK_MODE = 0x62,
 };
 constexpr uint16_t g_BlackRegs[] = { 0x60, 0x61, 0x63, 0x64 };  // offsets of the four pixel phases
 enum : uint16_t { BLACK_AUTO = 5272, BLACK_MANUAL = 1177 };
 
-constexpr uint64_t EXP_REGISTER = 10'000'000;            // us; above it the host times the exposure
+constexpr uint64_t EXP_REGISTER = 10'000'000;  // us; above it the host times the exposure
 constexpr uint32_t LINES_MAX = 16383;
-constexpr int32_t CLK_SLOW = 24, CLK_NORMAL = 48;        // MHz
-constexpr uint8_t FIRMWARE_16BIT = 2;                    // first one that can send 16 bits
+constexpr int32_t CLK_SLOW = 24, CLK_NORMAL = 48;  // MHz
+constexpr uint8_t FIRMWARE_16BIT = 2;              // first one that can send 16 bits
 
+// clang-format off
 constexpr ModelTraits g_Mono = {
     .family = Family::Iolite, .szClass = "CCameraSIoliteMono", .szName = "VYR KOVIoliteMono",
     .szKey = L"SOFTWARE\\KOVIoliteMono", .iGuidSlot = 3, .aProducts = { { 0xC09A, nullptr } },
@@ -31,12 +33,10 @@ constexpr ModelTraits g_Mono = {
     .iHMAX = 0, .iMaxExposure = 1000000000, .wCaps = CAP_AUTO, .bTypes = TYPE_RAW8 | TYPE_RAW16, .bStart = 0,
     .aBins = { 1, 2 }, .aControls = { 0, 1, 2, 9, 10, 11, 12, 14, -1 },
 };
+// clang-format on
 
 // Word of the gain register: three runs.
-constexpr int GainWord(int i)
-{
-    return i < 23 ? 0x0A + i : i < 46 ? 0x51 + i - 23 : 0x25A + i - 46;
-}
+constexpr int GainWord(int i) { return i < 23 ? 0x0A + i : i < 46 ? 0x51 + i - 23 : 0x25A + i - 46; }
 static_assert(GainWord(22) == 0x20 && GainWord(45) == 0x67 && GainWord(59) == 0x267);
 
 }  // namespace
@@ -145,10 +145,7 @@ bool CCameraSIoliteMono::SetHighSpeedMode(bool on)
     return true;
 }
 
-void CCameraSIoliteMono::SetRGBBalance(int /*red*/, int /*blue*/, bool autoMode)
-{
-    m_bAutoWB = autoMode;
-}
+void CCameraSIoliteMono::SetRGBBalance(int /*red*/, int /*blue*/, bool autoMode) { m_bAutoWB = autoMode; }
 
 bool CCameraSIoliteMono::SetExp(uint64_t microseconds, bool autoMode)
 {

@@ -5,16 +5,24 @@
 namespace {
 
 enum Reg : uint16_t {
-    REG_STANDBY = 0x3000, REG_HOLD = 0x3001, REG_MASTER_STOP = 0x3002, REG_RESET = 0x3003, REG_ADC_BITS = 0x3005,
-    REG_READ_MODE = 0x3006, REG_WINDOW_MODE = 0x3007,
-    REG_CLOCK = 0x3009,     // 0 148.5 MHz, 1 half, 2 a quarter
-    REG_BLACK = 0x300A,     // 2 bytes
-    REG_GAIN = 0x3014,      // 2 bytes, 0.1 dB
-    REG_VMAX = 0x3018,      // 3 bytes
-    REG_HMAX = 0x301B,      // 2 bytes
-    REG_SHS = 0x3020,       // 3 bytes
-    REG_WINDOW_TOP = 0x3038, REG_WINDOW_HEIGHT = 0x303A, REG_WINDOW_LEFT = 0x303C, REG_WINDOW_WIDTH = 0x303E,
-    REG_OUTPUT = 0x3044,    // 0x60 fast 8-bit path, 0x61 normal
+    REG_STANDBY = 0x3000,
+    REG_HOLD = 0x3001,
+    REG_MASTER_STOP = 0x3002,
+    REG_RESET = 0x3003,
+    REG_ADC_BITS = 0x3005,
+    REG_READ_MODE = 0x3006,
+    REG_WINDOW_MODE = 0x3007,
+    REG_CLOCK = 0x3009,  // 0 148.5 MHz, 1 half, 2 a quarter
+    REG_BLACK = 0x300A,  // 2 bytes
+    REG_GAIN = 0x3014,   // 2 bytes, 0.1 dB
+    REG_VMAX = 0x3018,   // 3 bytes
+    REG_HMAX = 0x301B,   // 2 bytes
+    REG_SHS = 0x3020,    // 3 bytes
+    REG_WINDOW_TOP = 0x3038,
+    REG_WINDOW_HEIGHT = 0x303A,
+    REG_WINDOW_LEFT = 0x303C,
+    REG_WINDOW_WIDTH = 0x303E,
+    REG_OUTPUT = 0x3044,  // 0x60 fast 8-bit path, 0x61 normal
     REG_SYNC = 0x3049,
     REG_INPUT_CLOCK = 0x305D,  // 13 slow clock of long exposures, 6 normal
 };
@@ -22,12 +30,13 @@ enum Reg : uint16_t {
 // On this family FPGA register 1 is the output format and register 10 its width.
 constexpr uint16_t FPGA_OUTPUT = 1;
 
-constexpr uint64_t EXP_SLOW_CLOCK = 500'000;  // us
+constexpr uint64_t EXP_SLOW_CLOCK = 500'000;                                                    // us
 constexpr int32_t CLK_SLOWEST = 2320, CLK_SLOW = 37125, CLK_NORMAL = 74250, CLK_FAST = 148500;  // kHz
 
-constexpr FpgaTraits g_Fpga = { 21, 42830, 256981, CLK_SLOW, 80, 500000, false,
-                                { REG_HOLD, REG_WINDOW_LEFT, REG_WINDOW_TOP, REG_BLACK } };
+constexpr FpgaTraits g_Fpga = { 21, 42830,  256981, CLK_SLOW,
+                                80, 500000, false,  { REG_HOLD, REG_WINDOW_LEFT, REG_WINDOW_TOP, REG_BLACK } };
 
+// clang-format off
 constexpr ModelTraits g_Col = {
     .family = Family::Jasper, .szClass = "CCameraSJasperCol", .szName = "VYR KOVJasperCol",
     .szKey = L"SOFTWARE\\KOVJasperCol",
@@ -39,15 +48,13 @@ constexpr ModelTraits g_Col = {
     .iAutoGainMax = 240, .iAutoExpMaxCap = 4, .wCaps = CAP_COMMON | CAP_AUTO | CAP_WB, .bStart = START_AUTO_FPS,
     .aBins = { 1, 2 }, .aControls = { 0, 1, 2, 3, 4, 5, 6, 8, 9, 10, 11, 12, 14, -1 },
 };
+// clang-format on
 
 ClassVars g_Vars{ { g_Fpga.iUnitUSB3 }, { 4400 } };
 
 }  // namespace
 
-CCameraSJasperCol::CCameraSJasperCol(void* handle) : CFpgaModel(g_Col, g_Fpga, g_Vars, handle)
-{
-    FinishConstruction();
-}
+CCameraSJasperCol::CCameraSJasperCol(void* handle) : CFpgaModel(g_Col, g_Fpga, g_Vars, handle) { FinishConstruction(); }
 
 void CCameraSJasperCol::InitSensor()
 {
@@ -113,10 +120,7 @@ int32_t CCameraSJasperCol::LineFromTime(float lineTime) const
     return int32_t(uint32_t(std::min(halves, 4e9f)) * uint32_t(Ratio()) >> 1);
 }
 
-bool CCameraSJasperCol::WriteHMAX()
-{
-    return WriteHeld({ { REG_HMAX, uint32_t(m_iHMAX), 2 } });
-}
+bool CCameraSJasperCol::WriteHMAX() { return WriteHeld({ { REG_HMAX, uint32_t(m_iHMAX), 2 } }); }
 
 float CCameraSJasperCol::MaxFPSNow()
 {

@@ -7,15 +7,22 @@
 namespace {
 
 enum Reg16 : uint16_t {
-    REG_POWER = 0x0000,        // 0 asleep, 0x73 awake, 0x173 awake and running
-    REG_UNK_06 = 0x0006, REG_UNK_0A = 0x000A,  // deep sleep
-    REG_CLOCKS = 0x0011,       // 0x3C40 off, 0x3C43 on
-    REG_GAIN = 0x0052, REG_GAIN2 = 0x0054,     // 256 is unity, 1 dB a 16 / 0.9375 steps
-    REG_SHUTTER = 0x0057,      // lines
-    REG_UNK_5F = 0x005F, REG_UNK_61 = 0x0061,  // written at every wake-up
-    REG_FRAME = 0x0109, REG_V_END1 = 0x0118, REG_V_END2 = 0x011C, REG_V_END3 = 0x011E,
+    REG_POWER = 0x0000,  // 0 asleep, 0x73 awake, 0x173 awake and running
+    REG_UNK_06 = 0x0006,
+    REG_UNK_0A = 0x000A,  // deep sleep
+    REG_CLOCKS = 0x0011,  // 0x3C40 off, 0x3C43 on
+    REG_GAIN = 0x0052,
+    REG_GAIN2 = 0x0054,    // 256 is unity, 1 dB a 16 / 0.9375 steps
+    REG_SHUTTER = 0x0057,  // lines
+    REG_UNK_5F = 0x005F,
+    REG_UNK_61 = 0x0061,  // written at every wake-up
+    REG_FRAME = 0x0109,
+    REG_V_END1 = 0x0118,
+    REG_V_END2 = 0x011C,
+    REG_V_END3 = 0x011E,
     REG_BLACK = 0x01CC,
-    REG_FIRST_ROW = 0x01DC, REG_LAST_ROW = 0x01DD,
+    REG_FIRST_ROW = 0x01DC,
+    REG_LAST_ROW = 0x01DD,
 };
 
 constexpr uint64_t EXP_LONG = 1'000'000;                             // us
@@ -25,6 +32,7 @@ constexpr int32_t HMAX_BIN = 397, HMAX_FAST = 435, HMAX_FULL = 680;  // clocks
 
 constexpr FpgaTraits g_Fpga = { 200, 43272, 390906, CLK, 100, 0, true };
 
+// clang-format off
 constexpr ModelTraits g_Col = {
     .family = Family::Kyanite, .szClass = "CCameraSKyaniteCol", .szName = "VYR KOVKyaniteCol",
     .szKey = L"SOFTWARE\\KOVKyaniteCol", .aProducts = { { 0xC0B0, nullptr } },
@@ -38,12 +46,13 @@ constexpr ModelTraits g_Col = {
     .aBins = { 1, 2, 3, 4 }, .aControls = { 0, 1, 2, 3, 4, 5, 6, 8, 9, 10, 11, 12, 13, 14, -1 },
     .aPhase = { { 2, 0, -2, 0, -2 }, { 3, 0, -4, -2, -6 }, { 4, 0, 2, 0, 2 } }, .bDDR = true,
 };
-constexpr ModelTraits g_Mono = Named(Mono(g_Col), "CCameraSKyaniteMono", "VYR KOVKyaniteMono",
-                                     L"SOFTWARE\\KOVKyaniteMono", 0xC0B2);
-constexpr ModelTraits g_Col_C = Cooled(g_Col, "CCameraSKyaniteCol_C", "VYR KOVKyaniteCol-Cool",
-                                       L"SOFTWARE\\KOVKyaniteCol-C", 0xC0B1);
-constexpr ModelTraits g_Mono_C = Cooled(g_Mono, "CCameraSKyaniteMono_C", "VYR KOVKyaniteMono-Cool",
-                                        L"SOFTWARE\\KOVKyaniteMono-C", 0xC0B3);
+// clang-format on
+constexpr ModelTraits g_Mono =
+    Named(Mono(g_Col), "CCameraSKyaniteMono", "VYR KOVKyaniteMono", L"SOFTWARE\\KOVKyaniteMono", 0xC0B2);
+constexpr ModelTraits g_Col_C =
+    Cooled(g_Col, "CCameraSKyaniteCol_C", "VYR KOVKyaniteCol-Cool", L"SOFTWARE\\KOVKyaniteCol-C", 0xC0B1);
+constexpr ModelTraits g_Mono_C =
+    Cooled(g_Mono, "CCameraSKyaniteMono_C", "VYR KOVKyaniteMono-Cool", L"SOFTWARE\\KOVKyaniteMono-C", 0xC0B3);
 
 template <const ModelTraits& t>
 ClassVars g_Vars{ { g_Fpga.iUnitUSB3 }, { HMAX_FULL } };

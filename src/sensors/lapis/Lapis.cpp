@@ -7,34 +7,50 @@
 namespace {
 
 enum Reg : uint16_t {
-    REG_STANDBY = 0x0200, REG_HOLD = 0x020C, REG_MASTER_STOP = 0x0212,
-    REG_ADC = 0x0214, REG_VMAX = 0x0217, REG_HMAX = 0x021A, REG_OUTPUT = 0x021C, REG_CLOCK = 0x0221,
-    REG_PULSE = 0x022A,         // 1: the sensor's own shutter pulse generator
+    REG_STANDBY = 0x0200,
+    REG_HOLD = 0x020C,
+    REG_MASTER_STOP = 0x0212,
+    REG_ADC = 0x0214,
+    REG_VMAX = 0x0217,
+    REG_HMAX = 0x021A,
+    REG_OUTPUT = 0x021C,
+    REG_CLOCK = 0x0221,
+    REG_PULSE = 0x022A,  // 1: the sensor's own shutter pulse generator
     REG_SYNC = 0x022E,
-    REG_PULSE_UP1 = 0x0244, REG_PULSE_DOWN1 = 0x0247, REG_PULSE_UP2 = 0x024A, REG_PULSE_DOWN2 = 0x024D,  // 3 bytes each
+    REG_PULSE_UP1 = 0x0244,
+    REG_PULSE_DOWN1 = 0x0247,
+    REG_PULSE_UP2 = 0x024A,
+    REG_PULSE_DOWN2 = 0x024D,  // 3 bytes each
     REG_PULSE_MASK = 0x025C,
-    REG_CLOCK_A = 0x0292, REG_CLOCK_B = 0x0294,
-    REG_SVR = 0x029A,           // 2 bytes, shutter line
-    REG_WINDOW_LEFT = 0x0301, REG_WINDOW_TOP = 0x0303, REG_WINDOW_WIDTH = 0x0305, REG_WINDOW_HEIGHT = 0x0307,
-    REG_GAIN = 0x0404,          // 2 bytes, 0.1 dB
-    REG_BLACK = 0x0458,         // 2 bytes
+    REG_CLOCK_A = 0x0292,
+    REG_CLOCK_B = 0x0294,
+    REG_SVR = 0x029A,  // 2 bytes, shutter line
+    REG_WINDOW_LEFT = 0x0301,
+    REG_WINDOW_TOP = 0x0303,
+    REG_WINDOW_WIDTH = 0x0305,
+    REG_WINDOW_HEIGHT = 0x0307,
+    REG_GAIN = 0x0404,   // 2 bytes, 0.1 dB
+    REG_BLACK = 0x0458,  // 2 bytes
 };
 
 constexpr float T0 = 13.73f;  // us, part of the exposure outside the counted lines
 constexpr int32_t CLK_LONG = 13920;
 
-constexpr FpgaTraits g_Fpga = { 38, 43272, 390000, 37125, 80, 0, true,
-                                { REG_HOLD, REG_WINDOW_LEFT, REG_WINDOW_TOP, REG_BLACK } };
+constexpr FpgaTraits g_Fpga = { 38, 43272, 390000, 37125, 80, 0, true, { REG_HOLD, REG_WINDOW_LEFT, REG_WINDOW_TOP, REG_BLACK } };
 
 // The two output modes: 10-bit fast and 12-bit normal. Addresses without a name are in no document at hand.
-struct ModeRow { uint16_t wReg; uint8_t bFast, bNormal; };
+struct ModeRow {
+    uint16_t wReg;
+    uint8_t bFast, bNormal;
+};
 constexpr ModeRow g_Modes[] = {
-    { REG_OUTPUT, 0x10, 0x11 }, { REG_ADC, 0, 1 }, { 0x02BC, 0x30, 0x10 }, { 0x02BF, 0x40, 0x20 }, { 0x02C0, 1, 2 },
-    { 0x02C6, 1, 3 }, { 0x02D2, 5, 0x0F }, { 0x0412, 0x40, 0x20 }, { 0x0413, 0x40, 0x20 }, { 0x041A, 0x0F, 8 },
-    { 0x0568, 0x22, 0x11 }, { 0x0575, 0x0B, 0x0F },
+    { REG_OUTPUT, 0x10, 0x11 }, { REG_ADC, 0, 1 },   { 0x02BC, 0x30, 0x10 }, { 0x02BF, 0x40, 0x20 },
+    { 0x02C0, 1, 2 },           { 0x02C6, 1, 3 },    { 0x02D2, 5, 0x0F },    { 0x0412, 0x40, 0x20 },
+    { 0x0413, 0x40, 0x20 },     { 0x041A, 0x0F, 8 }, { 0x0568, 0x22, 0x11 }, { 0x0575, 0x0B, 0x0F },
 };
 
 // QUIRK: all four classes accept the product IDs of the two LapisMono variants and take their names.
+// clang-format off
 constexpr ModelTraits g_Col = {
     .family = Family::Lapis, .szClass = "CCameraSLapisCol", .szName = "VYR KOVLapisCol",
     .szKey = L"SOFTWARE\\KOVLapisCol",
@@ -46,6 +62,7 @@ constexpr ModelTraits g_Col = {
     .wCaps = CAP_COMMON | CAP_AUTO | CAP_WB, .bStart = START_AUTO_FPS, .bClose = CLOSE_CLEARS_POINTER,
     .aBins = { 1, 2 }, .aControls = { 0, 1, 2, 3, 4, 5, 6, 8, 9, 10, 11, 12, 14, -1 },
 };
+// clang-format on
 constexpr ModelTraits g_Mono = [] {
     ModelTraits t = Named(Mono(g_Col), "CCameraSLapisMono", "VYR KOVLapisMono", L"SOFTWARE\\KOVLapisMono", 0xC0CB);
     t.bayer = BAYER_GR;
@@ -60,10 +77,10 @@ constexpr ModelTraits CooledLapis(const ModelTraits& base, const char* szClass, 
     t.exposure.iMax = t.iMaxExposure = 1000000000;
     return t;
 }
-constexpr ModelTraits g_Col_C = CooledLapis(g_Col, "CCameraSLapisCol_C", "VYR KOVLapisCol-Cool",
-                                            L"SOFTWARE\\KOVLapisCol-C", 0xC0CC);
-constexpr ModelTraits g_Mono_C = CooledLapis(g_Mono, "CCameraSLapisMono_C", "VYR KOVLapisMono-Cool",
-                                             L"SOFTWARE\\KOVLapisMono-C", 0xC0CD);
+constexpr ModelTraits g_Col_C =
+    CooledLapis(g_Col, "CCameraSLapisCol_C", "VYR KOVLapisCol-Cool", L"SOFTWARE\\KOVLapisCol-C", 0xC0CC);
+constexpr ModelTraits g_Mono_C =
+    CooledLapis(g_Mono, "CCameraSLapisMono_C", "VYR KOVLapisMono-Cool", L"SOFTWARE\\KOVLapisMono-C", 0xC0CD);
 
 template <const ModelTraits& t>
 ClassVars g_Vars{ { g_Fpga.iUnitUSB2 }, { 462 } };
@@ -187,10 +204,13 @@ void CLapis<Base>::SwitchLong()
         }
     }
     if (IsOld()) {
-        struct Step { uint64_t lBelow; int32_t iHMAX; };
+        struct Step {
+            uint64_t lBelow;
+            int32_t iHMAX;
+        };
         static constexpr Step steps[] = {
-            { 9'000'000, 2048 }, { 18'000'000, 4096 }, { 36'000'000, 8192 }, { 72'000'000, 16384 }, { 144'000'000, 32768 },
-            { UINT64_MAX, 65535 },
+            { 9'000'000, 2048 },   { 18'000'000, 4096 },   { 36'000'000, 8192 },
+            { 72'000'000, 16384 }, { 144'000'000, 32768 }, { UINT64_MAX, 65535 },
         };
         this->m_iHMAX = std::find_if(std::begin(steps), std::end(steps), [=](const Step& s) { return us < s.lBelow; })->iHMAX;
     } else {

@@ -8,18 +8,24 @@
 namespace {
 
 enum Reg : uint16_t {
-    REG_STANDBY = 0x3000, REG_HOLD = 0x3007, REG_MASTER_STOP = 0x3008,
-    REG_OUTPUT_BITS = 0x300D,   // 0 fast 8-bit path, 2 normal, 9 binned
-    REG_READ_MODE = 0x300E,     // 0x23 bins 2 x 2, with 0x3010 = 1
+    REG_STANDBY = 0x3000,
+    REG_HOLD = 0x3007,
+    REG_MASTER_STOP = 0x3008,
+    REG_OUTPUT_BITS = 0x300D,  // 0 fast 8-bit path, 2 normal, 9 binned
+    REG_READ_MODE = 0x300E,    // 0x23 bins 2 x 2, with 0x3010 = 1
     REG_READ_MODE2 = 0x3010,
-    REG_BLACK = 0x3015,         // 2 bytes
-    REG_HIGH_GAIN = 0x301B,     // 30 above gain 30
-    REG_GAIN = 0x301F,          // 2 bytes, 0.1 dB
-    REG_SHS = 0x3034,           // 3 bytes
-    REG_UNK_3041 = 0x3041, REG_UNK_3042 = 0x3042,
-    REG_OUTPUT_PATH = 0x3059,   // 0 fast, 2 normal
-    REG_CLOCK = 0x3101,         // 0x30 27 MHz, 0x32 a quarter
-    REG_WINDOW_LEFT = 0x319C, REG_WINDOW_WIDTH = 0x319E, REG_WINDOW_TOP = 0x31A0, REG_WINDOW_HEIGHT = 0x31A2,
+    REG_BLACK = 0x3015,      // 2 bytes
+    REG_HIGH_GAIN = 0x301B,  // 30 above gain 30
+    REG_GAIN = 0x301F,       // 2 bytes, 0.1 dB
+    REG_SHS = 0x3034,        // 3 bytes
+    REG_UNK_3041 = 0x3041,
+    REG_UNK_3042 = 0x3042,
+    REG_OUTPUT_PATH = 0x3059,  // 0 fast, 2 normal
+    REG_CLOCK = 0x3101,        // 0x30 27 MHz, 0x32 a quarter
+    REG_WINDOW_LEFT = 0x319C,
+    REG_WINDOW_WIDTH = 0x319E,
+    REG_WINDOW_TOP = 0x31A0,
+    REG_WINDOW_HEIGHT = 0x31A2,
 };
 
 constexpr uint64_t EXP_LONG = 1'000'000;                              // us
@@ -27,10 +33,11 @@ constexpr int GAIN_HIGH_ABOVE = 30;                                   // 0.1 dB
 constexpr int32_t CLK_BIN = 6750, CLK_NORMAL = 27000;                 // kHz
 constexpr int32_t HMAX_BIN = 73, HMAX_FAST = 210, HMAX_NORMAL = 419;  // clocks
 
-constexpr FpgaTraits g_Fpga = { 29, 43000, 385000, CLK_BIN, 60, 600000, true,
-                                { REG_HOLD, REG_WINDOW_LEFT, REG_WINDOW_TOP, REG_BLACK } };
+constexpr FpgaTraits g_Fpga = { 29, 43000,  385000, CLK_BIN,
+                                60, 600000, true,   { REG_HOLD, REG_WINDOW_LEFT, REG_WINDOW_TOP, REG_BLACK } };
 constexpr ExposureLaw g_Law = { 28, 29, 0, 0, 28, 1, 0xFFFFF, 1 };
 
+// clang-format off
 constexpr ModelTraits g_Col = {
     .family = Family::Marble, .szClass = "CCameraSMarbleCol", .szName = "VYR KOVMarbleCol",
     .szKey = L"SOFTWARE\\KOVMarbleCol", .aProducts = { { 0xC0DA, nullptr } },
@@ -42,12 +49,12 @@ constexpr ModelTraits g_Col = {
     .bStart = START_AUTO_FPS | START_HARDWARE_BIN,
     .aBins = { 1, 2, 3, 4 }, .aControls = { 0, 1, 2, 3, 4, 5, 6, 8, 9, 10, 11, 12, 13, 14, -1 },
 };
-constexpr ModelTraits g_Mono = Named(Mono(g_Col), "CCameraSMarbleMono", "VYR KOVMarbleMono",
-                                     L"SOFTWARE\\KOVMarbleMono", 0xC0DC);
-constexpr ModelTraits g_Col_C = Cooled(g_Col, "CCameraSMarbleCol_C", "VYR KOVMarbleCol-Cool",
-                                       L"SOFTWARE\\KOVMarbleCol-C", 0xC0DB);
-constexpr ModelTraits g_Mono_C = Cooled(g_Mono, "CCameraSMarbleMono_C", "VYR KOVMarbleMono-Cool",
-                                        L"SOFTWARE\\KOVMarbleMono-C", 0xC0DD);
+// clang-format on
+constexpr ModelTraits g_Mono = Named(Mono(g_Col), "CCameraSMarbleMono", "VYR KOVMarbleMono", L"SOFTWARE\\KOVMarbleMono", 0xC0DC);
+constexpr ModelTraits g_Col_C =
+    Cooled(g_Col, "CCameraSMarbleCol_C", "VYR KOVMarbleCol-Cool", L"SOFTWARE\\KOVMarbleCol-C", 0xC0DB);
+constexpr ModelTraits g_Mono_C =
+    Cooled(g_Mono, "CCameraSMarbleMono_C", "VYR KOVMarbleMono-Cool", L"SOFTWARE\\KOVMarbleMono-C", 0xC0DD);
 
 template <const ModelTraits& t>
 ClassVars g_Vars{ { g_Fpga.iUnitUSB3 }, { HMAX_NORMAL } };

@@ -7,25 +7,27 @@
 namespace {
 
 enum Reg : uint16_t {
-    REG_STANDBY = 0x3000,      // 1 sleeps
-    REG_HOLD = 0x3001,         // 1 keeps sensor writes back until 0
+    REG_STANDBY = 0x3000,  // 1 sleeps
+    REG_HOLD = 0x3001,     // 1 keeps sensor writes back until 0
     REG_MASTER_STOP = 0x3002,
-    REG_ADC_BITS = 0x3005,     // 0 10-bit, 1 12-bit
-    REG_READ_MODE = 0x3006,    // 0x22 bins 2 x 2
+    REG_ADC_BITS = 0x3005,   // 0 10-bit, 1 12-bit
+    REG_READ_MODE = 0x3006,  // 0x22 bins 2 x 2
     REG_WINDOW_MODE = 0x3007,
-    REG_CLOCK = 0x3009,        // bits 1..0 divider, bit 4 high conversion gain
-    REG_BLACK = 0x300A,        // 2 bytes
+    REG_CLOCK = 0x3009,  // bits 1..0 divider, bit 4 high conversion gain
+    REG_BLACK = 0x300A,  // 2 bytes
     REG_GAIN = 0x3014,
-    REG_SHS = 0x3020,          // 3 bytes
+    REG_SHS = 0x3020,  // 3 bytes
     // Not in any document at hand; the values belong to the ADC width.
-    REG_UNK_3129 = 0x3129, REG_UNK_317C = 0x317C, REG_UNK_31EC = 0x31EC,
+    REG_UNK_3129 = 0x3129,
+    REG_UNK_317C = 0x317C,
+    REG_UNK_31EC = 0x31EC,
 };
 
 constexpr uint64_t EXP_LONG = 1'000'000;  // us
 
 constexpr RegEntry g_QuartzAfter[] = {
-    { 0x305C, 0x20 }, { 0x305D, 0x00 }, { 0x305E, 0x20 }, { 0x305F, 0x00 }, { 0x3046, 0xF1 }, { REG_ADC_BITS, 1 },
-    { 0x303A, 8 }, { REG_WINDOW_MODE, 0x40 },
+    { 0x305C, 0x20 }, { 0x305D, 0x00 },    { 0x305E, 0x20 }, { 0x305F, 0x00 },
+    { 0x3046, 0xF1 }, { REG_ADC_BITS, 1 }, { 0x303A, 8 },    { REG_WINDOW_MODE, 0x40 },
 };
 constexpr RegEntry g_OnyxAfter[] = { { 0x3044, 0xE1 }, { REG_ADC_BITS, 1 }, { 0x3036, 8 }, { REG_WINDOW_MODE, 0x40 } };
 constexpr RegEntry g_NephriteAfter[] = {
@@ -34,6 +36,7 @@ constexpr RegEntry g_NephriteAfter[] = {
 
 // --- one row a family ---
 
+// clang-format off
 constexpr QuartzTraits g_Quartz = {
     .fpga = { 18, 43272, 360715, 9281, 100, 100000, false,
               { .wHold = REG_HOLD, .wLeft = 0x3040, .wTop = 0x303C, .wBlack = REG_BLACK } },
@@ -56,6 +59,7 @@ constexpr QuartzTraits g_Onyx = {
     .bFpgaXBin = 2, .bFpgaYBin = 5, .bFpgaX = 4, .bFpgaY = 9,
     .iHighGainAbove = 60, .iGainStep = 1, .iGainBytes = 2, .bGainHeld = true, .bFPSFromLine = false,
 };
+// clang-format on
 // QUIRK: SetGain leaves the high-gain bit alone on Pyrite, but a clock change sets it above gain 60.
 constexpr QuartzTraits g_Pyrite = [] {
     QuartzTraits q = g_Onyx;
@@ -63,6 +67,7 @@ constexpr QuartzTraits g_Pyrite = [] {
     q.bFPSFromLine = true;
     return q;
 }();
+// clang-format off
 constexpr QuartzTraits g_Nephrite = {
     .fpga = { 21, 42830, 256981, 4640, 80, 500000, false,
               { .wHold = REG_HOLD, .wLeft = 0x303C, .wTop = 0x3038, .wBlack = REG_BLACK } },
@@ -88,6 +93,7 @@ constexpr ModelTraits g_QuartzCol = {
     .bStart = START_AUTO_FPS, .bClose = CLOSE_CLEARS_POINTER,
     .aBins = { 1 }, .aControls = { 0, 1, 2, 3, 4, 5, 6, 8, 9, 10, 11, 12, 14, -1 },
 };
+// clang-format on
 
 // QUIRK: the monochrome model lists CTRL_WB_B but not CTRL_WB_R.
 constexpr ModelTraits g_QuartzMono = [] {
@@ -98,6 +104,7 @@ constexpr ModelTraits g_QuartzMono = [] {
     return t;
 }();
 
+// clang-format off
 constexpr ModelTraits g_OnyxCol = {
     .family = Family::Onyx, .szClass = "CCameraSOnyxCol", .szName = "VYR KOVOnyxCol",
     .szKey = L"SOFTWARE\\KOVOnyxCol", .aProducts = { { 0xC0FA, nullptr } },
@@ -109,8 +116,9 @@ constexpr ModelTraits g_OnyxCol = {
     .bStart = START_AUTO_FPS | START_HARDWARE_BIN,
     .aBins = { 1, 2, 3 }, .aControls = { 0, 1, 2, 3, 4, 5, 6, 8, 9, 10, 11, 12, 13, 14, -1 },
 };
-constexpr ModelTraits g_OnyxCol_C = Cooled(g_OnyxCol, "CCameraSOnyxCol_C", "VYR KOVOnyxCol-Cool",
-                                           L"SOFTWARE\\KOVOnyxCol-C", 0xC0FB);
+// clang-format on
+constexpr ModelTraits g_OnyxCol_C =
+    Cooled(g_OnyxCol, "CCameraSOnyxCol_C", "VYR KOVOnyxCol-Cool", L"SOFTWARE\\KOVOnyxCol-C", 0xC0FB);
 constexpr ModelTraits g_PyriteCol = [] {
     ModelTraits t = Named(g_OnyxCol, "CCameraSPyriteCol", "VYR KOVPyriteCol", L"SOFTWARE\\KOVPyriteCol", 0xC10A);
     t.family = Family::Pyrite;
@@ -122,6 +130,7 @@ constexpr ModelTraits g_PyriteCol = [] {
     return t;
 }();
 
+// clang-format off
 constexpr ModelTraits g_NephriteCol = {
     .family = Family::Nephrite, .szClass = "CCameraSNephriteCol", .szName = "VYR KOVNephriteCol",
     .szKey = L"SOFTWARE\\KOVNephriteCol", .aProducts = { { 0xC0EA, nullptr } },
@@ -134,8 +143,9 @@ constexpr ModelTraits g_NephriteCol = {
     .aBins = { 1, 2 }, .aControls = { 0, 1, 2, 3, 4, 5, 6, 8, 9, 10, 11, 12, 13, 14, -1 },
     .aPhase = { { 2, -4, 0, -4, 0 } },
 };
-constexpr ModelTraits g_NephriteCol_C = Cooled(g_NephriteCol, "CCameraSNephriteCol_C", "VYR KOVNephriteCol-Cool",
-                                               L"SOFTWARE\\KOVNephriteCol-C", 0xC0EB);
+// clang-format on
+constexpr ModelTraits g_NephriteCol_C =
+    Cooled(g_NephriteCol, "CCameraSNephriteCol_C", "VYR KOVNephriteCol-Cool", L"SOFTWARE\\KOVNephriteCol-C", 0xC0EB);
 
 // One pair a class.
 template <const ModelTraits& t, const QuartzTraits& q>
@@ -143,23 +153,11 @@ ClassVars g_Vars{ { q.fpga.iUnitUSB3 }, { q.iMinNormal } };
 
 }  // namespace
 
-CCameraSQuartzCol::CCameraSQuartzCol(void* handle)
-    : CWhole(g_QuartzCol, g_Quartz, g_Vars<g_QuartzCol, g_Quartz>, handle)
-{
-}
-CCameraSQuartzMono::CCameraSQuartzMono(void* handle)
-    : CWhole(g_QuartzMono, g_Quartz, g_Vars<g_QuartzMono, g_Quartz>, handle)
-{
-}
+CCameraSQuartzCol::CCameraSQuartzCol(void* handle) : CWhole(g_QuartzCol, g_Quartz, g_Vars<g_QuartzCol, g_Quartz>, handle) {}
+CCameraSQuartzMono::CCameraSQuartzMono(void* handle) : CWhole(g_QuartzMono, g_Quartz, g_Vars<g_QuartzMono, g_Quartz>, handle) {}
 CCameraSOnyxCol::CCameraSOnyxCol(void* handle) : CWhole(g_OnyxCol, g_Onyx, g_Vars<g_OnyxCol, g_Onyx>, handle) {}
-CCameraSOnyxCol_C::CCameraSOnyxCol_C(void* handle)
-    : CWhole(g_OnyxCol_C, g_Onyx, g_Vars<g_OnyxCol_C, g_Onyx>, handle)
-{
-}
-CCameraSPyriteCol::CCameraSPyriteCol(void* handle)
-    : CWhole(g_PyriteCol, g_Pyrite, g_Vars<g_PyriteCol, g_Pyrite>, handle)
-{
-}
+CCameraSOnyxCol_C::CCameraSOnyxCol_C(void* handle) : CWhole(g_OnyxCol_C, g_Onyx, g_Vars<g_OnyxCol_C, g_Onyx>, handle) {}
+CCameraSPyriteCol::CCameraSPyriteCol(void* handle) : CWhole(g_PyriteCol, g_Pyrite, g_Vars<g_PyriteCol, g_Pyrite>, handle) {}
 CCameraSNephriteCol::CCameraSNephriteCol(void* handle)
     : CWhole(g_NephriteCol, g_Nephrite, g_Vars<g_NephriteCol, g_Nephrite>, handle)
 {

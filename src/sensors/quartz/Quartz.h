@@ -10,17 +10,17 @@ struct QuartzTraits {
     std::span<const RegEntry> initTable, initAfter;  // register table, and the bytes after it
     uint16_t wRegTail;                               // byte cleared after the clock has started
     uint16_t wRegOutput;
-    uint8_t bOutputFast, bOutputNormal;              // 8-bit high speed, and all else
-    bool bReadoutTrim;                               // three more bytes follow the output mode
-    int32_t iClkBin, iClkNormal, iClkFast;           // kHz
-    int32_t iMinBin, iMinNormal, iMinFast;           // shortest line, clocks
-    bool bClockKeepsGain;                            // the clock register carries the high-gain bit
+    uint8_t bOutputFast, bOutputNormal;     // 8-bit high speed, and all else
+    bool bReadoutTrim;                      // three more bytes follow the output mode
+    int32_t iClkBin, iClkNormal, iClkFast;  // kHz
+    int32_t iMinBin, iMinNormal, iMinFast;  // shortest line, clocks
+    bool bClockKeepsGain;                   // the clock register carries the high-gain bit
     uint16_t wRegWidth, wRegHeight;
-    uint8_t bFpgaXBin, bFpgaYBin, bFpgaX, bFpgaY;    // FPGA 2 and 6 in hardware bin 2, and otherwise
-    int iHighGainAbove;                              // 0.1 dB; 0: no second amplifier range
-    int iGainStep, iGainBytes;                       // 0.1 dB a step of the gain register, and its width
+    uint8_t bFpgaXBin, bFpgaYBin, bFpgaX, bFpgaY;  // FPGA 2 and 6 in hardware bin 2, and otherwise
+    int iHighGainAbove;                            // 0.1 dB; 0: no second amplifier range
+    int iGainStep, iGainBytes;                     // 0.1 dB a step of the gain register, and its width
     bool bGainHeld;
-    bool bFPSFromLine;                               // CalcMaxFPS counts lines instead of the frame time
+    bool bFPSFromLine;  // CalcMaxFPS counts lines instead of the frame time
 };
 
 template <class Base>

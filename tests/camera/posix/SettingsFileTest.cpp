@@ -188,8 +188,14 @@ TEST_F(SettingsFile, SixProcessesSavingAtOnceLoseNothing)
 
 TEST_F(SettingsFile, TwoProcessesSavingAtOnceNeverMix)
 {
-    const pid_t a = Child([] { for (uint32_t i = 1; i <= 60; ++i) SaveGeneration(2 * i); });
-    const pid_t b = Child([] { for (uint32_t i = 1; i <= 60; ++i) SaveGeneration(2 * i + 1); });
+    const pid_t a = Child([] {
+        for (uint32_t i = 1; i <= 60; ++i)
+            SaveGeneration(2 * i);
+    });
+    const pid_t b = Child([] {
+        for (uint32_t i = 1; i <= 60; ++i)
+            SaveGeneration(2 * i + 1);
+    });
     int iStatus = 0, iRunning = 2;
     while (iRunning > 0) {
         ASSERT_NE(LoadGeneration(), -1);
@@ -207,7 +213,10 @@ TEST_F(SettingsFile, AKilledProcessLeavesTheOldValues)
     SaveGeneration(1);
     for (int i = 0; i < 4; ++i) {
         const int64_t lBefore = LoadGeneration();
-        const pid_t pid = Child([] { for (auto n = static_cast<uint32_t>(LoadGeneration()) + 1;; ++n) SaveGeneration(n); });
+        const pid_t pid = Child([] {
+            for (auto n = static_cast<uint32_t>(LoadGeneration()) + 1;; ++n)
+                SaveGeneration(n);
+        });
         const auto t0 = std::chrono::steady_clock::now();
         while (LoadGeneration() == lBefore && std::chrono::steady_clock::now() - t0 < std::chrono::seconds(20))
             usleep(1000);

@@ -65,9 +65,9 @@ TEST_F(Registry, TypesAndSizesOfASave)
     EXPECT_EQ(all.size(), 32u);
     for (const auto& [sName, v] : all) {
         const std::string sShown(sName.begin(), sName.end());
-        static const std::wstring flags[] = { L"AutoBL", L"FlipRow", L"FlipColumn", L"AutoFPS", L"AutoExp", L"AutoGain",
-                                              L"AutoWB", L"RawOutput", L"HighSpeed", L"TimeMark", L"HPC", L"HardwareBin",
-                                              L"CutDark" };
+        static const std::wstring flags[] = { L"AutoBL",   L"FlipRow",     L"FlipColumn", L"AutoFPS",   L"AutoExp",
+                                              L"AutoGain", L"AutoWB",      L"RawOutput",  L"HighSpeed", L"TimeMark",
+                                              L"HPC",      L"HardwareBin", L"CutDark" };
         static const std::wstring levels[] = { L"OO", L"EE", L"OE", L"EO" };
         const bool bFlag = std::find(std::begin(flags), std::end(flags), sName) != std::end(flags);
         const bool bLevel = std::find(std::begin(levels), std::end(levels), sName) != std::end(levels);

@@ -30,9 +30,13 @@ public:
     DeviceError(int number, const std::string& text) : std::runtime_error(text), number(number) {}
     int number;
 };
-constexpr int NOT_IMPLEMENTED = 0x400, INVALID_VALUE = 0x401, NOT_CONNECTED = 0x407, INVALID_OPERATION = 0x40B, DRIVER_ERROR = 0x500;
+constexpr int NOT_IMPLEMENTED = 0x400, INVALID_VALUE = 0x401, NOT_CONNECTED = 0x407, INVALID_OPERATION = 0x40B,
+              DRIVER_ERROR = 0x500;
 
-[[noreturn]] void NotImplemented(const std::string& what) { throw DeviceError(NOT_IMPLEMENTED, what + " is not implemented by this camera"); }
+[[noreturn]] void NotImplemented(const std::string& what)
+{
+    throw DeviceError(NOT_IMPLEMENTED, what + " is not implemented by this camera");
+}
 
 enum class Transmission { Byte = 6, UInt16 = 8, Int32 = 2 };
 
@@ -44,10 +48,22 @@ static std::string Columns(const Frame& f, bool wide);
 // What the interface keeps for one camera beside the engine: the values for the next exposure, and the last image.
 class AlpacaCamera : public std::enable_shared_from_this<AlpacaCamera> {
 public:
-    AlpacaCamera(std::shared_ptr<CameraEngine> engine, std::string uniqueId) : m_engine(std::move(engine)), m_uniqueId(std::move(uniqueId)) {}
+    AlpacaCamera(std::shared_ptr<CameraEngine> engine, std::string uniqueId)
+        : m_engine(std::move(engine)), m_uniqueId(std::move(uniqueId))
+    {
+    }
 
-    struct ReadoutMode { std::string name; IMG_TYPE type; std::optional<bool> highSpeed; };
-    struct Image { FramePtr frame; std::shared_ptr<const std::string> columns; bool ready = false; std::string error; };
+    struct ReadoutMode {
+        std::string name;
+        IMG_TYPE type;
+        std::optional<bool> highSpeed;
+    };
+    struct Image {
+        FramePtr frame;
+        std::shared_ptr<const std::string> columns;
+        bool ready = false;
+        std::string error;
+    };
 
     CameraEngine& Engine() const { return *m_engine; }
     const std::string& UniqueId() const { return m_uniqueId; }
@@ -62,7 +78,8 @@ public:
         if (on && m_engine->GetState()->controls.empty()) {
             const StatePtr s = m_engine->GetState();
             // A camera that is just being opened gets the time for it.
-            for (int i = 0; i < 100 && m_engine->GetState()->controls.empty() && m_engine->GetState()->phase != Phase::Failed; ++i)
+            for (int i = 0; i < 100 && m_engine->GetState()->controls.empty() && m_engine->GetState()->phase != Phase::Failed;
+                 ++i)
                 std::this_thread::sleep_for(std::chrono::milliseconds(50));
             if (m_engine->GetState()->controls.empty())
                 throw DeviceError(DRIVER_ERROR, s->problem.empty() ? "the camera does not open" : s->problem);
@@ -169,7 +186,9 @@ public:
         return m_mode;
     }
     // Values for the next exposure, in binned pixels; checked only at its start.
-    struct Frame { int bin = 1, startX = 0, startY = 0, sizeX = 0, sizeY = 0; };
+    struct Frame {
+        int bin = 1, startX = 0, startY = 0, sizeX = 0, sizeY = 0;
+    };
     Frame GetFrame() const
     {
         const KOV_CAMERA_INFO info = m_engine->Info();
@@ -224,13 +243,16 @@ void AlpacaCamera::StartExposure(const std::string& who, double seconds, bool li
     const ControlState& exposure = Control(s, CTRL_EXPOSURE, "exposure");
     const double us = std::round(seconds * 1e6);
     if (seconds < 0 || us > exposure.max || (light && us < exposure.min))
-        throw DeviceError(INVALID_VALUE, fmt::format("Duration {} s is out of range {} to {} s", seconds, exposure.min / 1e6, exposure.max / 1e6));
+        throw DeviceError(INVALID_VALUE, fmt::format("Duration {} s is out of range {} to {} s", seconds, exposure.min / 1e6,
+                                                     exposure.max / 1e6));
     const Frame f = GetFrame();
     const int width = info.MaxWidth / f.bin, height = info.MaxHeight / f.bin;
     if (f.sizeX < 1 || f.startX < 0 || int64_t{ f.startX } + f.sizeX > width)
-        throw DeviceError(INVALID_VALUE, fmt::format("StartX {} and NumX {} do not fit the {} binned pixels of a row", f.startX, f.sizeX, width));
+        throw DeviceError(INVALID_VALUE, fmt::format("StartX {} and NumX {} do not fit the {} binned pixels of a row", f.startX,
+                                                     f.sizeX, width));
     if (f.sizeY < 1 || f.startY < 0 || int64_t{ f.startY } + f.sizeY > height)
-        throw DeviceError(INVALID_VALUE, fmt::format("StartY {} and NumY {} do not fit the {} binned rows", f.startY, f.sizeY, height));
+        throw DeviceError(INVALID_VALUE,
+                          fmt::format("StartY {} and NumY {} do not fit the {} binned rows", f.startY, f.sizeY, height));
     const ReadoutMode readout = Mode();
     ExposureRequest request;
     request.us = static_cast<int64_t>(std::max<double>(us, exposure.min));
@@ -291,7 +313,11 @@ struct Call {
     const uint32_t* client;
 };
 using Handler = json (*)(const Call&);
-struct Command { const char* name; Handler get, put; bool connected = true; };
+struct Command {
+    const char* name;
+    Handler get, put;
+    bool connected = true;
+};
 
 json None(const Call&) { return nullptr; }
 
@@ -302,7 +328,10 @@ int32_t InRange(const char* name, int32_t value, int32_t min, int32_t max)
     return value;
 }
 
-const ControlState& ControlOf(const Call& c, KOV_CONTROL_TYPE type, const char* name) { return c.camera.Control(c.state, type, name); }
+const ControlState& ControlOf(const Call& c, KOV_CONTROL_TYPE type, const char* name)
+{
+    return c.camera.Control(c.state, type, name);
+}
 
 json SetBin(const Call& c, const char* name)
 {
@@ -377,17 +406,46 @@ void RequireCooler(const Call& c)
 const Command COMMANDS[] = {
     // common to all devices
     { "connected", [](const Call& c) -> json { return c.camera.IsConnected(c.client); },
-      [](const Call& c) -> json { c.camera.Connect(c.client ? *c.client : 0, c.parameters.Bool("Connected")); return nullptr; }, false },
+      [](const Call& c) -> json {
+          c.camera.Connect(c.client ? *c.client : 0, c.parameters.Bool("Connected"));
+          return nullptr;
+      },
+      false },
     { "description", [](const Call& c) -> json { return c.camera.Engine().Key() + " USB camera"; }, nullptr, false },
     { "driverinfo", [](const Call&) -> json { return "KOVCamera2: kovcam serve, " KOV_VERSION; }, nullptr, false },
-    { "driverversion", [](const Call&) -> json { const std::string v = KOV_VERSION; return v.substr(0, v.find('.', v.find('.') + 1)); }, nullptr, false },
+    { "driverversion",
+      [](const Call&) -> json {
+          const std::string v = KOV_VERSION;
+          return v.substr(0, v.find('.', v.find('.') + 1));
+      },
+      nullptr, false },
     { "interfaceversion", [](const Call&) -> json { return 3; }, nullptr, false },
     { "name", [](const Call& c) -> json { return c.camera.Engine().Key(); }, nullptr, false },
     { "supportedactions", [](const Call&) -> json { return json::array(); }, nullptr, false },
-    { "action", nullptr, [](const Call& c) -> json { c.parameters.Text("Action"); c.parameters.Text("Parameters"); NotImplemented("an action"); } },
-    { "commandblind", nullptr, [](const Call& c) -> json { c.parameters.Text("Command"); c.parameters.Bool("Raw"); NotImplemented("a raw command"); } },
-    { "commandbool", nullptr, [](const Call& c) -> json { c.parameters.Text("Command"); c.parameters.Bool("Raw"); NotImplemented("a raw command"); } },
-    { "commandstring", nullptr, [](const Call& c) -> json { c.parameters.Text("Command"); c.parameters.Bool("Raw"); NotImplemented("a raw command"); } },
+    { "action", nullptr,
+      [](const Call& c) -> json {
+          c.parameters.Text("Action");
+          c.parameters.Text("Parameters");
+          NotImplemented("an action");
+      } },
+    { "commandblind", nullptr,
+      [](const Call& c) -> json {
+          c.parameters.Text("Command");
+          c.parameters.Bool("Raw");
+          NotImplemented("a raw command");
+      } },
+    { "commandbool", nullptr,
+      [](const Call& c) -> json {
+          c.parameters.Text("Command");
+          c.parameters.Bool("Raw");
+          NotImplemented("a raw command");
+      } },
+    { "commandstring", nullptr,
+      [](const Call& c) -> json {
+          c.parameters.Text("Command");
+          c.parameters.Bool("Raw");
+          NotImplemented("a raw command");
+      } },
 
     // sensor
     { "cameraxsize", [](const Call& c) -> json { return c.info.MaxWidth; }, nullptr },
@@ -398,12 +456,16 @@ const Command COMMANDS[] = {
     { "maxbinx", [](const Call& c) -> json { return MaxBin(c); }, nullptr },
     { "maxbiny", [](const Call& c) -> json { return MaxBin(c); }, nullptr },
     { "sensorname", [](const Call&) -> json { return ""; }, nullptr },
-    { "sensortype", [](const Call& c) -> json { return !c.info.IsColorCam ? 0 : IsColourMode(c) ? 1 : 2; }, nullptr },
+    { "sensortype", [](const Call& c) -> json { return !c.info.IsColorCam ? 0
+                                                       : IsColourMode(c)  ? 1
+                                                                          : 2; }, nullptr },
     { "bayeroffsetx", [](const Call& c) -> json { return BayerOffset(c, false); }, nullptr },
     { "bayeroffsety", [](const Call& c) -> json { return BayerOffset(c, true); }, nullptr },
     { "electronsperadu", [](const Call& c) -> json { return ElectronsPerAdu(c); }, nullptr },
-    { "fullwellcapacity", [](const Call& c) -> json { return ElectronsPerAdu(c) * (c.camera.Mode().type == IMG_RAW16 ? 65535 : 255); }, nullptr },
-    { "exposuremin", [](const Call& c) -> json { return std::max(1, ControlOf(c, CTRL_EXPOSURE, "exposure").min) / 1e6; }, nullptr },
+    { "fullwellcapacity",
+      [](const Call& c) -> json { return ElectronsPerAdu(c) * (c.camera.Mode().type == IMG_RAW16 ? 65535 : 255); }, nullptr },
+    { "exposuremin", [](const Call& c) -> json { return std::max(1, ControlOf(c, CTRL_EXPOSURE, "exposure").min) / 1e6; },
+      nullptr },
     { "exposuremax", [](const Call& c) -> json { return ControlOf(c, CTRL_EXPOSURE, "exposure").max / 1e6; }, nullptr },
     { "exposureresolution", [](const Call&) -> json { return 1e-6; }, nullptr },
     { "hasshutter", [](const Call&) -> json { return false; }, nullptr },
@@ -416,23 +478,38 @@ const Command COMMANDS[] = {
     { "cansetccdtemperature", [](const Call& c) -> json { return c.info.IsCooled != KOV_FALSE; }, nullptr },
 
     // binning and sub-frame
-    { "binx", [](const Call& c) -> json { return c.camera.GetFrame().bin; }, [](const Call& c) -> json { return SetBin(c, "BinX"); } },
-    { "biny", [](const Call& c) -> json { return c.camera.GetFrame().bin; }, [](const Call& c) -> json { return SetBin(c, "BinY"); } },
-    { "numx", [](const Call& c) -> json { return c.camera.GetFrame().sizeX; }, [](const Call& c) -> json { return SetField(c, "NumX", &AlpacaCamera::Frame::sizeX); } },
-    { "numy", [](const Call& c) -> json { return c.camera.GetFrame().sizeY; }, [](const Call& c) -> json { return SetField(c, "NumY", &AlpacaCamera::Frame::sizeY); } },
-    { "startx", [](const Call& c) -> json { return c.camera.GetFrame().startX; }, [](const Call& c) -> json { return SetField(c, "StartX", &AlpacaCamera::Frame::startX); } },
-    { "starty", [](const Call& c) -> json { return c.camera.GetFrame().startY; }, [](const Call& c) -> json { return SetField(c, "StartY", &AlpacaCamera::Frame::startY); } },
+    { "binx", [](const Call& c) -> json { return c.camera.GetFrame().bin; },
+      [](const Call& c) -> json { return SetBin(c, "BinX"); } },
+    { "biny", [](const Call& c) -> json { return c.camera.GetFrame().bin; },
+      [](const Call& c) -> json { return SetBin(c, "BinY"); } },
+    { "numx", [](const Call& c) -> json { return c.camera.GetFrame().sizeX; },
+      [](const Call& c) -> json { return SetField(c, "NumX", &AlpacaCamera::Frame::sizeX); } },
+    { "numy", [](const Call& c) -> json { return c.camera.GetFrame().sizeY; },
+      [](const Call& c) -> json { return SetField(c, "NumY", &AlpacaCamera::Frame::sizeY); } },
+    { "startx", [](const Call& c) -> json { return c.camera.GetFrame().startX; },
+      [](const Call& c) -> json { return SetField(c, "StartX", &AlpacaCamera::Frame::startX); } },
+    { "starty", [](const Call& c) -> json { return c.camera.GetFrame().startY; },
+      [](const Call& c) -> json { return SetField(c, "StartY", &AlpacaCamera::Frame::startY); } },
 
     // gain, offset, modes
-    { "gain", [](const Call& c) -> json { return ControlOf(c, CTRL_GAIN, "gain").value; }, [](const Call& c) -> json { return SetControl(c, "Gain", CTRL_GAIN); } },
+    { "gain", [](const Call& c) -> json { return ControlOf(c, CTRL_GAIN, "gain").value; },
+      [](const Call& c) -> json { return SetControl(c, "Gain", CTRL_GAIN); } },
     { "gainmin", [](const Call& c) -> json { return ControlOf(c, CTRL_GAIN, "gain").min; }, nullptr },
     { "gainmax", [](const Call& c) -> json { return ControlOf(c, CTRL_GAIN, "gain").max; }, nullptr },
     { "gains", [](const Call&) -> json { NotImplemented("a list of gains (gain is a value)"); }, nullptr },
-    { "offset", [](const Call& c) -> json { return ControlOf(c, CTRL_BRIGHTNESS, "offset").value; }, [](const Call& c) -> json { return SetControl(c, "Offset", CTRL_BRIGHTNESS); } },
+    { "offset", [](const Call& c) -> json { return ControlOf(c, CTRL_BRIGHTNESS, "offset").value; },
+      [](const Call& c) -> json { return SetControl(c, "Offset", CTRL_BRIGHTNESS); } },
     { "offsetmin", [](const Call& c) -> json { return ControlOf(c, CTRL_BRIGHTNESS, "offset").min; }, nullptr },
     { "offsetmax", [](const Call& c) -> json { return ControlOf(c, CTRL_BRIGHTNESS, "offset").max; }, nullptr },
     { "offsets", [](const Call&) -> json { NotImplemented("a list of offsets (offset is a value)"); }, nullptr },
-    { "readoutmodes", [](const Call& c) -> json { json names = json::array(); for (const auto& m : c.camera.Modes()) names.push_back(m.name); return names; }, nullptr },
+    { "readoutmodes",
+      [](const Call& c) -> json {
+          json names = json::array();
+          for (const auto& m : c.camera.Modes())
+              names.push_back(m.name);
+          return names;
+      },
+      nullptr },
     { "readoutmode", [](const Call& c) -> json { return c.camera.GetMode(); },
       [](const Call& c) -> json {
           const auto last = static_cast<int32_t>(c.camera.Modes().size()) - 1;
@@ -440,31 +517,51 @@ const Command COMMANDS[] = {
           return nullptr;
       } },
     { "fastreadout", [](const Call&) -> json { NotImplemented("fast readout (readout modes are)"); },
-      [](const Call& c) -> json { c.parameters.Bool("FastReadout"); NotImplemented("fast readout (readout modes are)"); } },
+      [](const Call& c) -> json {
+          c.parameters.Bool("FastReadout");
+          NotImplemented("fast readout (readout modes are)");
+      } },
     { "subexposureduration", [](const Call&) -> json { NotImplemented("stacking in the camera"); },
-      [](const Call& c) -> json { c.parameters.Number("SubExposureDuration"); NotImplemented("stacking in the camera"); } },
+      [](const Call& c) -> json {
+          c.parameters.Number("SubExposureDuration");
+          NotImplemented("stacking in the camera");
+      } },
 
     // cooling
     { "ccdtemperature", Temperature, nullptr },
     { "heatsinktemperature", [](const Call&) -> json { NotImplemented("the heat sink's temperature"); }, nullptr },
-    { "setccdtemperature", [](const Call& c) -> json { RequireCooler(c); return ControlOf(c, CTRL_TARGET_TEMP, "cooling").value; },
+    { "setccdtemperature",
+      [](const Call& c) -> json {
+          RequireCooler(c);
+          return ControlOf(c, CTRL_TARGET_TEMP, "cooling").value;
+      },
       [](const Call& c) -> json {
           const double target = c.parameters.Number("SetCCDTemperature");
           RequireCooler(c);
           const ControlState& control = ControlOf(c, CTRL_TARGET_TEMP, "cooling");
           if (target < control.min || target > control.max)
-              throw DeviceError(INVALID_VALUE, fmt::format("SetCCDTemperature {} is out of range {} to {}", target, control.min, control.max));
+              throw DeviceError(INVALID_VALUE,
+                                fmt::format("SetCCDTemperature {} is out of range {} to {}", target, control.min, control.max));
           c.camera.Engine().SetControl(c.who, CTRL_TARGET_TEMP, static_cast<int32_t>(std::lround(target)), false);
           return nullptr;
       } },
-    { "cooleron", [](const Call& c) -> json { RequireCooler(c); return c.state->coolerOn; },
+    { "cooleron",
+      [](const Call& c) -> json {
+          RequireCooler(c);
+          return c.state->coolerOn;
+      },
       [](const Call& c) -> json {
           const bool on = c.parameters.Bool("CoolerOn");
           RequireCooler(c);
           c.camera.Engine().SetControl(c.who, CTRL_COOLER_ON, on ? 1 : 0, false);
           return nullptr;
       } },
-    { "coolerpower", [](const Call& c) -> json { RequireCooler(c); return c.state->coolerOn ? c.state->coolerPower.value_or(0) : 0.0; }, nullptr },
+    { "coolerpower",
+      [](const Call& c) -> json {
+          RequireCooler(c);
+          return c.state->coolerOn ? c.state->coolerPower.value_or(0) : 0.0;
+      },
+      nullptr },
 
     // exposures
     { "camerastate", [](const Call& c) -> json { return c.camera.CameraState(); }, nullptr },
@@ -479,7 +576,11 @@ const Command COMMANDS[] = {
           return nullptr;
       } },
     { "stopexposure", nullptr, [](const Call&) -> json { NotImplemented("stopping with a readout (aborting is)"); } },
-    { "abortexposure", nullptr, [](const Call& c) -> json { c.camera.Abort(c.who); return nullptr; } },
+    { "abortexposure", nullptr,
+      [](const Call& c) -> json {
+          c.camera.Abort(c.who);
+          return nullptr;
+      } },
     { "ispulseguiding", [](const Call& c) -> json { return c.camera.Engine().IsPulseGuiding(); }, nullptr },
     { "pulseguide", nullptr,
       [](const Call& c) -> json {
@@ -536,7 +637,8 @@ void TransposeColour(const uint8_t* from, int width, int height, To* to)
         for (int x0 = 0; x0 < width; x0 += TILE)
             for (int x = x0; x < std::min(x0 + TILE, width); ++x)
                 for (int y = y0; y < std::min(y0 + TILE, height); ++y) {
-                    const uint8_t* const bgr = from + (static_cast<size_t>(y) * static_cast<size_t>(width) + static_cast<size_t>(x)) * 3;
+                    const uint8_t* const bgr =
+                        from + (static_cast<size_t>(y) * static_cast<size_t>(width) + static_cast<size_t>(x)) * 3;
                     To* const rgb = to + (static_cast<size_t>(x) * static_cast<size_t>(height) + static_cast<size_t>(y)) * 3;
                     rgb[0] = bgr[2];
                     rgb[1] = bgr[1];
@@ -548,17 +650,25 @@ void TransposeColour(const uint8_t* from, int width, int height, To* to)
 void SendImageBytes(httplib::Response& response, const AlpacaCamera::Image& image, uint32_t client, uint32_t server, bool wide)
 {
     const Frame& f = *image.frame;
-    Header h{ .client = client, .server = server, .element = 2, .rank = f.type == IMG_RGB24 ? 3 : 2, .size1 = f.width, .size2 = f.height,
+    Header h{ .client = client,
+              .server = server,
+              .element = 2,
+              .rank = f.type == IMG_RGB24 ? 3 : 2,
+              .size1 = f.width,
+              .size2 = f.height,
               .size3 = f.type == IMG_RGB24 ? 3 : 0 };
-    h.transmission = static_cast<int32_t>(wide ? Transmission::Int32 : f.type == IMG_RAW16 ? Transmission::UInt16 : Transmission::Byte);
+    h.transmission = static_cast<int32_t>(wide                  ? Transmission::Int32
+                                          : f.type == IMG_RAW16 ? Transmission::UInt16
+                                                                : Transmission::Byte);
     const std::string head(reinterpret_cast<const char*>(&h), sizeof(h));
     const auto columns = wide ? std::make_shared<const std::string>(Columns(f, true)) : image.columns;
-    response.set_content_provider(head.size() + columns->size(), "application/imagebytes", [head, columns](size_t offset, size_t, httplib::DataSink& sink) {
-        if (offset < head.size())
-            return sink.write(head.data() + offset, head.size() - offset);
-        const size_t at = offset - head.size();
-        return sink.write(columns->data() + at, std::min<size_t>(columns->size() - at, 1 << 20));
-    });
+    response.set_content_provider(head.size() + columns->size(), "application/imagebytes",
+                                  [head, columns](size_t offset, size_t, httplib::DataSink& sink) {
+                                      if (offset < head.size())
+                                          return sink.write(head.data() + offset, head.size() - offset);
+                                      const size_t at = offset - head.size();
+                                      return sink.write(columns->data() + at, std::min<size_t>(columns->size() - at, 1 << 20));
+                                  });
 }
 
 void AppendColumn(const Frame& f, int x, std::string& out)
@@ -607,7 +717,9 @@ void SendJsonImage(httplib::Response& response, const FramePtr& frame, uint32_t 
         }
         const bool over = *column >= frame->width;
         if (over)
-            text += fmt::format("],\"ClientTransactionID\":{},\"ServerTransactionID\":{},\"ErrorNumber\":0,\"ErrorMessage\":\"\"}}", client, server);
+            text +=
+                fmt::format("],\"ClientTransactionID\":{},\"ServerTransactionID\":{},\"ErrorNumber\":0,\"ErrorMessage\":\"\"}}",
+                            client, server);
         if (!sink.write(text.data(), text.size()))
             return false;
         if (over)
@@ -616,9 +728,12 @@ void SendJsonImage(httplib::Response& response, const FramePtr& frame, uint32_t 
     });
 }
 
-void SendJson(httplib::Response& response, json value, bool hasValue, uint32_t client, uint32_t server, int error, const std::string& text)
+void SendJson(httplib::Response& response, json value, bool hasValue, uint32_t client, uint32_t server, int error,
+              const std::string& text)
 {
-    json out{ { "ClientTransactionID", client }, { "ServerTransactionID", server }, { "ErrorNumber", error }, { "ErrorMessage", text } };
+    json out{
+        { "ClientTransactionID", client }, { "ServerTransactionID", server }, { "ErrorNumber", error }, { "ErrorMessage", text }
+    };
     if (hasValue && error == 0)
         out["Value"] = std::move(value);
     response.set_content(out.dump(), "application/json");
@@ -629,7 +744,8 @@ void SendJson(httplib::Response& response, json value, bool hasValue, uint32_t c
 static std::string Columns(const Frame& f, bool wide)
 {
     const size_t sample = wide ? 4 : f.type == IMG_RAW16 ? 2 : 1;
-    std::string out(static_cast<size_t>(f.width) * static_cast<size_t>(f.height) * static_cast<size_t>(f.View().Channels()) * sample, '\0');
+    std::string out(
+        static_cast<size_t>(f.width) * static_cast<size_t>(f.height) * static_cast<size_t>(f.View().Channels()) * sample, '\0');
     char* const to = out.data();
     const uint8_t* const bytes = f.pixels.data();
     const auto* const words = reinterpret_cast<const uint16_t*>(bytes);
@@ -667,8 +783,8 @@ std::string Alpaca::UniqueId(const std::string& key)
     if (!id.empty())
         return id;
     std::random_device random;
-    id = fmt::format("{:08x}-{:04x}-4{:03x}-{:04x}-{:08x}{:04x}", random(), random() & 0xFFFF, random() & 0xFFF, (random() & 0x3FFF) | 0x8000, random(),
-                     random() & 0xFFFF);
+    id = fmt::format("{:08x}-{:04x}-4{:03x}-{:04x}-{:08x}{:04x}", random(), random() & 0xFFFF, random() & 0xFFF,
+                     (random() & 0x3FFF) | 0x8000, random(), random() & 0xFFFF);
     std::error_code ec;
     std::filesystem::create_directories(m_file.parent_path(), ec);
     const std::filesystem::path beside = m_file.string() + ".new";
@@ -718,12 +834,18 @@ void Alpaca::Device(const httplib::Request& request, httplib::Response& response
         const StatePtr state = camera->Engine().GetState();
         if (command->connected && state->controls.empty())
             throw DeviceError(NOT_CONNECTED, state->problem.empty() ? "the camera is not open" : state->problem);
-        const Call call{ *camera, parameters, state, camera->Engine().Info(), fmt::format("Alpaca client {}", client), hasClient ? &client : nullptr };
+        const Call call{ *camera,
+                         parameters,
+                         state,
+                         camera->Engine().Info(),
+                         fmt::format("Alpaca client {}", client),
+                         hasClient ? &client : nullptr };
         value = handler(call);
         if (image) {
             const AlpacaCamera::Image last = camera->LastImage();
             if (!last.ready || camera->IsExposing())
-                throw DeviceError(last.error.empty() ? INVALID_OPERATION : DRIVER_ERROR, last.error.empty() ? "no image is ready" : last.error);
+                throw DeviceError(last.error.empty() ? INVALID_OPERATION : DRIVER_ERROR,
+                                  last.error.empty() ? "no image is ready" : last.error);
             if (bytes)
                 SendImageBytes(response, last, transaction, server, command->name == std::string("imagearrayvariant"));
             else
@@ -753,13 +875,18 @@ void Alpaca::Management(const httplib::Request& request, httplib::Response& resp
     if (request.path == "/management/apiversions") {
         value = json::array({ 1 });
     } else if (request.path == "/management/v1/description") {
-        value = { { "ServerName", "kovcam serve" }, { "Manufacturer", "KOVCamera2" }, { "ManufacturerVersion", m_version }, { "Location", HostName() } };
+        value = { { "ServerName", "kovcam serve" },
+                  { "Manufacturer", "KOVCamera2" },
+                  { "ManufacturerVersion", m_version },
+                  { "Location", HostName() } };
     } else {
         value = json::array();
         Find("0");
         const std::lock_guard lock(m_mutex);
         for (size_t i = 0; i < m_cameras.size(); ++i)
-            value.push_back({ { "DeviceName", m_cameras[i]->Engine().Key() }, { "DeviceType", "Camera" }, { "DeviceNumber", i },
+            value.push_back({ { "DeviceName", m_cameras[i]->Engine().Key() },
+                              { "DeviceType", "Camera" },
+                              { "DeviceNumber", i },
                               { "UniqueID", m_cameras[i]->UniqueId() } });
     }
     SendJson(response, std::move(value), true, transaction, ++m_transaction, 0, "");
@@ -773,10 +900,13 @@ void Alpaca::AddRoutes(httplib::Server& server)
     for (const char* path : { "/management/apiversions", "/management/v1/description", "/management/v1/configureddevices" })
         server.Get(path, [this](const httplib::Request& q, httplib::Response& r) { Management(q, r); });
     server.Get("/setup", [this](const httplib::Request&, httplib::Response& r) {
-        r.set_content(fmt::format("<!doctype html><html lang=en><meta charset=utf-8><title>kovcam serve</title><h1>KOVCamera2: kovcam serve {}</h1>"
-                                  "<p>The port and the discovery port are options of <code>kovcam serve</code>. The cameras are set on <a href=\"/\">their page</a>.",
-                                  m_version),
-                      "text/html");
+        r.set_content(
+            fmt::format(
+                "<!doctype html><html lang=en><meta charset=utf-8><title>kovcam serve</title><h1>KOVCamera2: kovcam serve {}</h1>"
+                "<p>The port and the discovery port are options of <code>kovcam serve</code>. The cameras are set on <a "
+                "href=\"/\">their page</a>.",
+                m_version),
+            "text/html");
     });
     server.Get(R"(/setup/v1/camera/(\d+)/setup)", [this](const httplib::Request& q, httplib::Response& r) {
         if (Find(q.matches[1]) == nullptr) {

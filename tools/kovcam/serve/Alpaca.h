@@ -16,7 +16,7 @@ namespace httplib {
 class Server;
 struct Request;
 struct Response;
-}
+}  // namespace httplib
 
 namespace kovserve {
 
@@ -30,7 +30,10 @@ public:
     void AddRoutes(httplib::Server& server);
 
 private:
-    struct Ids { uint32_t client = 0, transaction = 0; bool hasClient = false; };
+    struct Ids {
+        uint32_t client = 0, transaction = 0;
+        bool hasClient = false;
+    };
     void Device(const httplib::Request& request, httplib::Response& response, bool put);
     void Management(const httplib::Request& request, httplib::Response& response);
     std::shared_ptr<AlpacaCamera> Find(const std::string& number);

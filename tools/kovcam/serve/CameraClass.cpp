@@ -2,18 +2,15 @@
 
 #include <fmt/format.h>
 
-#include "common/Files.h"
 #include "camera/CCameraBase.h"
+#include "common/Files.h"
 #include "kovcam/serve/Frame.h"
 
 namespace kovserve {
 
 namespace fs = std::filesystem;
 
-CCameraBase* ObjectOf(int id)
-{
-    return CCameraBase::FromID(id);
-}
+CCameraBase* ObjectOf(int id) { return CCameraBase::FromID(id); }
 
 bool Answers(CCameraBase& camera)
 {
@@ -39,10 +36,7 @@ void DarkState(int id, int* hotPixels, bool* hotPixelsOn)
     *hotPixelsOn = CCameraBase::FromID(id)->IsHPCEnable();
 }
 
-void BeginDark(int id)
-{
-    CCameraBase::FromID(id)->GettingDark(true, 0);
-}
+void BeginDark(int id) { CCameraBase::FromID(id)->GettingDark(true, 0); }
 
 bool IsCollecting(int id, int* done, int* frames)
 {
@@ -51,10 +45,7 @@ bool IsCollecting(int id, int* done, int* frames)
     return camera.IsGetDarkOver();  // true as long as it collects
 }
 
-void DropDark(int id)
-{
-    CCameraBase::FromID(id)->GettingDark(false, 0);
-}
+void DropDark(int id) { CCameraBase::FromID(id)->GettingDark(false, 0); }
 
 std::string SaveDark(int id, const fs::path& path)
 {
@@ -64,7 +55,8 @@ std::string SaveDark(int id, const fs::path& path)
     std::error_code ec;
     const auto pixels = static_cast<uintmax_t>(camera.m_iMaxWidth) * static_cast<uintmax_t>(camera.m_iMaxHeight);
     if (fs::file_size(kovtools::PathOf(whole.Temporary()), ec) < pixels || ec)
-        throw CommandError(fmt::format("cannot write {}: is the folder writable, and the disk not full?", kovtools::TextOf(path)));
+        throw CommandError(
+            fmt::format("cannot write {}: is the folder writable, and the disk not full?", kovtools::TextOf(path)));
     whole.Commit();
     int inDark = 0, inTable = 0;
     camera.GetHPSum(&inDark, &inTable);

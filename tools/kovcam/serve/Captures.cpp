@@ -27,9 +27,10 @@ constexpr size_t LISTED = 200;  // pictures
 
 void CheckName(const std::string& name)
 {
-    const bool plain = !name.empty() && name.size() <= 100 && name[0] != '.' && std::all_of(name.begin(), name.end(), [](unsigned char c) {
-        return std::isalnum(c) != 0 || c == '-' || c == '_' || c == '.' || c == ' ' || c == '+' || c >= 0x80;
-    });
+    const bool plain =
+        !name.empty() && name.size() <= 100 && name[0] != '.' && std::all_of(name.begin(), name.end(), [](unsigned char c) {
+            return std::isalnum(c) != 0 || c == '-' || c == '_' || c == '.' || c == ' ' || c == '+' || c >= 0x80;
+        });
     if (!plain)
         throw BadRequest(fmt::format("'{}' is no file name: letters, digits, blank, - _ + . are allowed, no folder", name));
 }
@@ -80,7 +81,8 @@ Frame ReadDark(const fs::path& path)
 class SerRecorder final : public Recorder {
 public:
     SerRecorder(const fs::path& path, const Frame& first, std::function<void(int)> ended)
-        : m_writer(kovtools::TextOf(path), first), m_width(first.width), m_height(first.height), m_type(first.type), m_ended(std::move(ended))
+        : m_writer(kovtools::TextOf(path), first), m_width(first.width), m_height(first.height), m_type(first.type),
+          m_ended(std::move(ended))
     {
     }
     void Write(const Frame& frame) override
@@ -178,14 +180,15 @@ std::string Captures::Encode(const Frame& frame, const std::string& format) cons
 
 std::unique_ptr<Recorder> Captures::OpenSer(const fs::path& path, const Frame& first)
 {
-    return std::make_unique<SerRecorder>(path, first, [this, path, state = static_cast<const kovtools::CameraState&>(first)](int frames) {
-        Item item;
-        item.name = kovtools::TextOf(path.stem());
-        item.when = Clock::now();
-        item.files = { kovtools::TextOf(path.filename()) };
-        item.text = fmt::format("{} frames of {}x{}", frames, state.width, state.height);
-        Add(std::move(item));
-    });
+    return std::make_unique<SerRecorder>(path, first,
+                                         [this, path, state = static_cast<const kovtools::CameraState&>(first)](int frames) {
+                                             Item item;
+                                             item.name = kovtools::TextOf(path.stem());
+                                             item.when = Clock::now();
+                                             item.files = { kovtools::TextOf(path.filename()) };
+                                             item.text = fmt::format("{} frames of {}x{}", frames, state.width, state.height);
+                                             Add(std::move(item));
+                                         });
 }
 
 uintmax_t Captures::FreeBytes() const
@@ -212,7 +215,11 @@ json Captures::List() const
     const std::lock_guard lock(m_mutex);
     json out = json::array();
     for (const Item& i : m_items)
-        out.push_back({ { "name", i.name }, { "time", kovtools::UtcText(i.when) }, { "files", i.files }, { "thumbnail", i.thumbnail != nullptr }, { "text", i.text } });
+        out.push_back({ { "name", i.name },
+                        { "time", kovtools::UtcText(i.when) },
+                        { "files", i.files },
+                        { "thumbnail", i.thumbnail != nullptr },
+                        { "text", i.text } });
     return out;
 }
 
@@ -228,7 +235,9 @@ void Captures::SendFile(const std::string& name, httplib::Response& response) co
 {
     {
         const std::lock_guard lock(m_mutex);
-        const bool listed = std::any_of(m_items.begin(), m_items.end(), [&](const Item& i) { return std::find(i.files.begin(), i.files.end(), name) != i.files.end(); });
+        const bool listed = std::any_of(m_items.begin(), m_items.end(), [&](const Item& i) {
+            return std::find(i.files.begin(), i.files.end(), name) != i.files.end();
+        });
         if (!listed)
             throw BadRequest(fmt::format("there is no file '{}'", name));
     }
@@ -239,13 +248,14 @@ void Captures::SendFile(const std::string& name, httplib::Response& response) co
     if (ec || !*in)
         throw BadRequest(fmt::format("the file '{}' has been taken away", name));
     response.set_header("Content-Disposition", fmt::format("attachment; filename=\"{}\"", name));
-    response.set_content_provider(static_cast<size_t>(size), "application/octet-stream", [in](size_t offset, size_t length, httplib::DataSink& sink) {
-        char block[65536];
-        in->clear();
-        in->seekg(static_cast<std::streamoff>(offset));
-        in->read(block, static_cast<std::streamsize>(std::min(length, sizeof(block))));
-        return in->gcount() > 0 && sink.write(block, static_cast<size_t>(in->gcount()));
-    });
+    response.set_content_provider(static_cast<size_t>(size), "application/octet-stream",
+                                  [in](size_t offset, size_t length, httplib::DataSink& sink) {
+                                      char block[65536];
+                                      in->clear();
+                                      in->seekg(static_cast<std::streamoff>(offset));
+                                      in->read(block, static_cast<std::streamsize>(std::min(length, sizeof(block))));
+                                      return in->gcount() > 0 && sink.write(block, static_cast<size_t>(in->gcount()));
+                                  });
 }
 
 }  // namespace kovserve

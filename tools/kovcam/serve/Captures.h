@@ -17,9 +17,9 @@ struct Response;
 namespace kovserve {
 
 struct CaptureOptions {
-    std::string name = "capture";         // of the files; a running number is added where one exists
-    std::string kind = "Light Frame";     // as FITS has it
-    std::vector<std::string> formats;     // fits, tiff, png
+    std::string name = "capture";      // of the files; a running number is added where one exists
+    std::string kind = "Light Frame";  // as FITS has it
+    std::vector<std::string> formats;  // fits, tiff, png
 };
 
 class Captures {
@@ -27,7 +27,7 @@ public:
     explicit Captures(std::filesystem::path folder);
     void CheckOptions(const CaptureOptions& options) const;  // throws BadRequest
     // Throws std::runtime_error when a file cannot be written.
-    void Save(const Frame& frame, const CaptureOptions& options, int shot);  // shot: number in a series, 0 outside of one
+    void Save(const Frame& frame, const CaptureOptions& options, int shot);   // shot: number in a series, 0 outside of one
     std::string Encode(const Frame& frame, const std::string& format) const;  // the bytes of a file
     std::filesystem::path NewPath(const std::string& name, const std::string& extension) const;
     std::filesystem::path PathOf(const std::string& name) const;  // of a file in the folder; throws BadRequest
@@ -40,7 +40,13 @@ public:
     uint64_t Version() const { return m_version.load(); }
 
 private:
-    struct Item { std::string name; Clock::time_point when; std::vector<std::string> files; std::shared_ptr<const std::string> thumbnail; std::string text; };
+    struct Item {
+        std::string name;
+        Clock::time_point when;
+        std::vector<std::string> files;
+        std::shared_ptr<const std::string> thumbnail;
+        std::string text;
+    };
     void Add(Item item);
 
     const std::filesystem::path m_folder;

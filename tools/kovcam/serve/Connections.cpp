@@ -24,13 +24,13 @@ namespace {
 using Steady = std::chrono::steady_clock;
 using namespace std::chrono_literals;
 
-constexpr auto IDLE = 20s;      // between two requests
-constexpr auto READING = 10s;   // of a head, and of a body
-constexpr auto WRITING = 10s;   // without the client taking anything
-constexpr int UNSENT = 64 * 1024;   // bytes that wait in the system
+constexpr auto IDLE = 20s;         // between two requests
+constexpr auto READING = 10s;      // of a head, and of a body
+constexpr auto WRITING = 10s;      // without the client taking anything
+constexpr int UNSENT = 64 * 1024;  // bytes that wait in the system
 constexpr size_t HEAD = 16 * 1024;
 constexpr size_t FRAMING = 4 * 1024;  // of a body in chunks, whose sum the library does not limit
-constexpr auto LINGER = 500ms;  // a refusal is to arrive before the connection's reset
+constexpr auto LINGER = 500ms;        // a refusal is to arrive before the connection's reset
 
 bool WaitFor(socket_t socket, short what, Steady::duration limit)
 {
@@ -82,7 +82,10 @@ public:
         m_left = longest + FRAMING;
     }
 
-    bool is_readable() const override { return m_from < m_buffer.size() || WaitFor(m_socket, POLLIN, m_deadline - Steady::now()); }
+    bool is_readable() const override
+    {
+        return m_from < m_buffer.size() || WaitFor(m_socket, POLLIN, m_deadline - Steady::now());
+    }
     bool is_writable() const override { return WaitFor(m_socket, POLLOUT, WRITING); }
     ssize_t read(char* to, size_t size) override
     {
@@ -157,7 +160,10 @@ public:
     }
 
 private:
-    struct Entry { std::thread thread; std::atomic<bool> over{ false }; };
+    struct Entry {
+        std::thread thread;
+        std::atomic<bool> over{ false };
+    };
     std::mutex m_mutex;
     std::list<Entry> m_threads;
 };
@@ -220,12 +226,14 @@ bool LimitedServer::Serve(socket_t socket)
     stream.get_remote_ip_and_port(address, port);
     const Place place(*this, address);
     if (!place) {
-        static constexpr std::string_view FULL = "HTTP/1.1 503 Service Unavailable\r\nConnection: close\r\nContent-Type: text/plain\r\n"
-                                                 "Content-Length: 21\r\n\r\ntoo many connections\n";
+        static constexpr std::string_view FULL =
+            "HTTP/1.1 503 Service Unavailable\r\nConnection: close\r\nContent-Type: text/plain\r\n"
+            "Content-Length: 21\r\n\r\ntoo many connections\n";
         stream.write(FULL.data(), FULL.size());
         return false;
     }
-    for (bool closed = false; !closed && !stream.IsClosing() && stream.WaitForRequest([this] { return svr_sock_ == INVALID_SOCKET; });) {
+    for (bool closed = false;
+         !closed && !stream.IsClosing() && stream.WaitForRequest([this] { return svr_sock_ == INVALID_SOCKET; });) {
         stream.BeginHead();
         if (!process_request(stream, false, closed, [&](httplib::Request&) { stream.BeginBody(payload_max_length_); }))
             return false;

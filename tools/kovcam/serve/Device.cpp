@@ -20,10 +20,7 @@ void Check(KOV_ERROR_CODE code)
         throw CommandError(kovtools::ErrorText(code));
 }
 
-size_t BytesOf(IMG_TYPE type)
-{
-    return type == IMG_RGB24 ? 3 : type == IMG_RAW16 ? 2 : 1;
-}
+size_t BytesOf(IMG_TYPE type) { return type == IMG_RGB24 ? 3 : type == IMG_RAW16 ? 2 : 1; }
 
 ControlState StateOf(int id, const KOV_CONTROL_CAPS& caps)
 {
@@ -214,9 +211,11 @@ void CutFrame(Frame& frame, const Device::Cut& cut)
         return;
     const size_t pixel = BytesOf(frame.type), row = static_cast<size_t>(part.width) * pixel;
     for (int y = 0; y < part.height; ++y)
-        std::memmove(frame.pixels.data() + static_cast<size_t>(y) * row,
-                     frame.pixels.data() + (static_cast<size_t>(y + part.y) * static_cast<size_t>(frame.width) + static_cast<size_t>(part.x)) * pixel,
-                     row);
+        std::memmove(
+            frame.pixels.data() + static_cast<size_t>(y) * row,
+            frame.pixels.data() +
+                (static_cast<size_t>(y + part.y) * static_cast<size_t>(frame.width) + static_cast<size_t>(part.x)) * pixel,
+            row);
     frame.pixels.resize(row * static_cast<size_t>(part.height));
     if (frame.mosaic)
         frame.mosaic = kovtools::Exchanged(*frame.mosaic, (part.x & 1) != 0, (part.y & 1) != 0);
@@ -278,7 +277,8 @@ std::shared_ptr<Frame> Device::NextFrame(std::chrono::milliseconds limit)
 {
     const Gate::Shared inside(m_gate);
     std::shared_ptr<Frame> frame = NewFrameInside();
-    const KOV_ERROR_CODE code = KOVGetVideoData(m_id, frame->pixels.data(), static_cast<int32_t>(frame->pixels.size()), static_cast<int32_t>(limit.count()));
+    const KOV_ERROR_CODE code = KOVGetVideoData(m_id, frame->pixels.data(), static_cast<int32_t>(frame->pixels.size()),
+                                                static_cast<int32_t>(limit.count()));
     if (code == KOV_ERROR_TIMEOUT)
         return nullptr;
     Check(code);
@@ -323,7 +323,8 @@ void Device::UseDark(const std::filesystem::path& path)
 {
     const Gate::Shared inside(m_gate);
     KOV_BOOL on = KOV_TRUE;
-    Check(path.empty() ? KOVDisableDarkSubtract(m_id) : KOVEnableDarkSubtract(m_id, std::filesystem::absolute(path).string().c_str(), &on));
+    Check(path.empty() ? KOVDisableDarkSubtract(m_id)
+                       : KOVEnableDarkSubtract(m_id, std::filesystem::absolute(path).string().c_str(), &on));
 }
 
 void Device::BeginDark()

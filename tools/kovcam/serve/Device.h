@@ -36,7 +36,10 @@ public:
     void ApplyRegion(const Region& region, IMG_TYPE type);
     // A region to the pixel is the next larger one that the model takes, from which the frame is cut. Where its alignment
     // leaves the edge of the sensor out of reach, the sensor is read unbinned and binned here, by the library's own rule.
-    struct Cut { Region part; bool binHere = false; };
+    struct Cut {
+        Region part;
+        bool binHere = false;
+    };
     Cut ApplyExact(const Region& region, IMG_TYPE type);
 
     void StartVideo();

@@ -24,7 +24,9 @@ Discovery::Discovery(int udpPort, int alpacaPort, bool network)
     address.sin_port = htons(static_cast<uint16_t>(udpPort));
     address.sin_addr.s_addr = htonl(network ? INADDR_ANY : INADDR_LOOPBACK);
     if (m_socket < 0 || bind(m_socket, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0) {
-        fmt::print(stderr, "clients will not find this server by themselves: UDP port {}: {}. Give them the address, or another --discovery port\n",
+        fmt::print(stderr,
+                   "clients will not find this server by themselves: UDP port {}: {}. Give them the address, or another "
+                   "--discovery port\n",
                    udpPort, std::strerror(errno));
         if (m_socket >= 0)
             close(m_socket);

@@ -24,7 +24,8 @@ constexpr auto FIRST_PATIENCE = 2s, LONGEST_PATIENCE = 60s;  // between two trie
 }  // namespace
 
 CameraEngine::CameraEngine(Gate& gate, std::string model, std::string key, int place, std::function<void()> attention)
-    : m_gate(gate), m_model(std::move(model)), m_key(std::move(key)), m_attention(std::move(attention)), m_place(place), m_thread([this] { Run(); })
+    : m_gate(gate), m_model(std::move(model)), m_key(std::move(key)), m_attention(std::move(attention)), m_place(place),
+      m_thread([this] { Run(); })
 {
 }
 
@@ -190,7 +191,9 @@ void CameraEngine::StartExposure(const std::string& who, ExposureRequest request
         }
     };
     try {
-        Post(who, request.count == 1 ? fmt::format("exposure of {:g} s", seconds) : fmt::format("{} exposures of {:g} s", request.count, seconds),
+        Post(who,
+             request.count == 1 ? fmt::format("exposure of {:g} s", seconds)
+                                : fmt::format("{} exposures of {:g} s", request.count, seconds),
              post, Wait::No);
     } catch (const CommandError&) {
         ForgetExposure();

@@ -71,13 +71,13 @@ public:
     void CallRoll();
     enum class Roll { Asked, Here, Doubtful, NotOpen };
     Roll RollAnswer() const;
-    int OpenId() const;    // -1: it is closed
-    int LostPlace() const; // of a camera that answered no more; -1: it has not been lost
+    int OpenId() const;                                       // -1: it is closed
+    int LostPlace() const;                                    // of a camera that answered no more; -1: it has not been lost
     std::chrono::steady_clock::time_point GoneSince() const;  // 0: it is here
     // No command is begun from now on. False, and nothing changes, when something runs that must not be disturbed.
     bool Hold();
     void Release();
-    void Rest();           // of a camera that is held: closes it
+    void Rest();  // of a camera that is held: closes it
     bool IsResting() const;
     // Where the camera stood in the last look. It is released, and opened.
     void Place(std::optional<int> id);
@@ -112,9 +112,9 @@ private:
     FramePtr Publish(std::shared_ptr<Frame> frame);
     void CountFrame(int dropped);
     void Refresh();
-    Device& RequireOpen() const;     // throws CommandError
-    void RequireNothingRuns() const; // throws CommandError
-    bool HasWork() const;            // m_mutex is held
+    Device& RequireOpen() const;      // throws CommandError
+    void RequireNothingRuns() const;  // throws CommandError
+    bool HasWork() const;             // m_mutex is held
     void Idle(std::chrono::milliseconds time);
 
     using Steady = std::chrono::steady_clock;
@@ -129,11 +129,11 @@ private:
     std::deque<Command> m_commands;
     Steady::time_point m_lastViewer{};
     bool m_stop = false;
-    bool m_working = false;           // a command is being carried out, or the camera opened
+    bool m_working = false;  // a command is being carried out, or the camera opened
     bool m_exposureAccepted = false;
     bool m_held = false, m_restWanted = false, m_resting = false;
-    std::optional<int> m_place;       // in the last look
-    bool m_lost = false;              // it answered no more, at m_place
+    std::optional<int> m_place;  // in the last look
+    bool m_lost = false;         // it answered no more, at m_place
     Steady::time_point m_goneSince{};
     int m_openId = -1;
     uint64_t m_rollAsked = 0, m_rollAnswered = 0;

@@ -7,7 +7,10 @@ namespace kovserve {
 
 using namespace std::chrono_literals;
 
-Exposure::Exposure(Device& device, Board& board, ExposureRequest request) : m_device(device), m_board(board), m_request(std::move(request)) {}
+Exposure::Exposure(Device& device, Board& board, ExposureRequest request)
+    : m_device(device), m_board(board), m_request(std::move(request))
+{
+}
 
 // Where the camera has the control, and only if it stands otherwise.
 void Exposure::Change(KOV_CONTROL_TYPE control, int32_t value)
@@ -84,10 +87,7 @@ std::shared_ptr<Frame> Exposure::Step()
     return frame;
 }
 
-std::chrono::milliseconds Exposure::Pause() const
-{
-    return Left() > 100ms ? 20ms : 2ms;
-}
+std::chrono::milliseconds Exposure::Pause() const { return Left() > 100ms ? 20ms : 2ms; }
 
 void Exposure::Hide(Setup& setup, const Region& liveRegion, IMG_TYPE liveType) const
 {

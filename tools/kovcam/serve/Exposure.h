@@ -13,7 +13,7 @@ namespace kovserve {
 
 struct ExposureRequest {
     int64_t us = 0;
-    Region region;               // width 0: the whole frame at this bin
+    Region region;  // width 0: the whole frame at this bin
     IMG_TYPE type = IMG_RAW16;
     std::optional<bool> highSpeed;
     int count = 1;
@@ -29,11 +29,11 @@ class Exposure {
 public:
     Exposure(Device& device, Board& board, ExposureRequest request);
 
-    void Begin();                     // throws CommandError; Restore is needed then too
+    void Begin();  // throws CommandError; Restore is needed then too
     // What is next: starts a shot, or looks for its frame. The frame once it is there. Throws CommandError.
     std::shared_ptr<Frame> Step();
     bool IsOver() const { return m_shot >= m_request.count; }
-    int Shot() const { return m_shot; }  // taken
+    int Shot() const { return m_shot; }       // taken
     std::chrono::milliseconds Pause() const;  // until the next Step is of use
     const ExposureRequest& Request() const { return m_request; }
     // Takes out of a setup what the exposure has changed for itself.
@@ -54,7 +54,11 @@ private:
     bool m_started = false;
     Steady::time_point m_start;
     Clock::time_point m_startUtc;
-    struct Before { KOV_CONTROL_TYPE control; int32_t value; bool automatic; };
+    struct Before {
+        KOV_CONTROL_TYPE control;
+        int32_t value;
+        bool automatic;
+    };
     std::vector<Before> m_before;
     std::optional<Before> m_liveExposure;
 };

@@ -25,11 +25,11 @@ public:
 
 // One picture as the library delivered it, with what was in force. The region is on the unflipped sensor.
 struct Frame : kovtools::CameraState {
-    uint64_t sequence = 0;              // counts the camera's frames from 1
-    std::optional<BayerPattern> mosaic; // cell at the first pixel of a raw colour frame, after region and flip
-    Clock::time_point start, end;       // of the exposure, as well as a host can tell
+    uint64_t sequence = 0;                          // counts the camera's frames from 1
+    std::optional<BayerPattern> mosaic;             // cell at the first pixel of a raw colour frame, after region and flip
+    Clock::time_point start, end;                   // of the exposure, as well as a host can tell
     std::chrono::steady_clock::time_point arrival;  // when the library handed it over
-    int dropped = 0;                    // frames lost since the video began
+    int dropped = 0;                                // frames lost since the video began
     std::vector<uint8_t> pixels;
 
     kovtools::FrameView View() const { return { pixels.data(), width, height, type }; }
@@ -37,12 +37,15 @@ struct Frame : kovtools::CameraState {
 using FramePtr = std::shared_ptr<const Frame>;
 
 struct Statistics {
-    uint64_t sequence = 0;         // of the frame
-    kovtools::FrameStatistics all; // of all channels together
+    uint64_t sequence = 0;          // of the frame
+    kovtools::FrameStatistics all;  // of all channels together
     kovtools::StarField field;
-    std::vector<uint8_t> curve;    // the automatic stretch: from a sample to a byte of the screen
-    int channels = 1;              // 1, or 3: red, green, blue
-    struct Channel { std::array<uint32_t, 256> histogram{}; double median = 0; };  // over the range of the samples
+    std::vector<uint8_t> curve;  // the automatic stretch: from a sample to a byte of the screen
+    int channels = 1;            // 1, or 3: red, green, blue
+    struct Channel {
+        std::array<uint32_t, 256> histogram{};
+        double median = 0;
+    };  // over the range of the samples
     std::array<Channel, 3> channel;
 };
 using StatisticsPtr = std::shared_ptr<const Statistics>;
@@ -70,7 +73,7 @@ struct Setup {
     std::vector<ControlState> controls;
     bool darkInUse = false;
     bool hotPixelsOn = false;
-    int hotPixels = 0;              // in the table that is in use
+    int hotPixels = 0;  // in the table that is in use
     bool operator==(const Setup&) const = default;
 
     const ControlState* Find(KOV_CONTROL_TYPE type) const;
@@ -79,7 +82,7 @@ struct Setup {
 // Everything that a client can ask about a camera without disturbing it.
 struct State : Setup {
     Phase phase = Phase::Closed;
-    std::string problem;            // of phase Failed or Absent: what to do, in words
+    std::string problem;  // of phase Failed or Absent: what to do, in words
     double framesPerSecond = 0;
     int64_t frames = 0, dropped = 0;
     int darkDone = 0, darkFrames = 0;  // of a dark frame that is being collected; 0 frames: none is
@@ -95,7 +98,11 @@ struct State : Setup {
     bool coolerOn = false;
 };
 // A point of the cooler's course.
-struct CoolingPoint { Clock::time_point when; double temperature = 0, power = 0; std::optional<double> target; };
+struct CoolingPoint {
+    Clock::time_point when;
+    double temperature = 0, power = 0;
+    std::optional<double> target;
+};
 using StatePtr = std::shared_ptr<const State>;
 
 // A line of what was asked of a camera and how it ended.

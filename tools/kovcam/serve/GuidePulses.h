@@ -17,8 +17,8 @@ class GuidePulses {
 public:
     explicit GuidePulses(Gate& gate);
 
-    void Attach(int id);             // of an open camera
-    void Detach(bool forAMoment);    // before it is closed; for a moment: a pulse waits for it
+    void Attach(int id);           // of an open camera
+    void Detach(bool forAMoment);  // before it is closed; for a moment: a pulse waits for it
 
     // A pulse on an axis ends the one that runs there; the other axis is left alone. Throws CommandError.
     void Start(KOV_GUIDE_DIRECTION direction, std::chrono::milliseconds length);
@@ -26,9 +26,13 @@ public:
 
 private:
     void Run(const std::stop_token& stop);
-    void EndThoseDue();                                   // m_mutex is held
+    void EndThoseDue();  // m_mutex is held
     std::chrono::steady_clock::time_point NextEnd() const;
-    struct Pulse { bool on = false; KOV_GUIDE_DIRECTION direction{}; std::chrono::steady_clock::time_point end{}; };
+    struct Pulse {
+        bool on = false;
+        KOV_GUIDE_DIRECTION direction{};
+        std::chrono::steady_clock::time_point end{};
+    };
 
     Gate& m_gate;
     mutable std::mutex m_mutex;  // may be held while the gate is waited for

@@ -73,8 +73,9 @@ bool IsOwn(const std::string& host, const std::string& origin, const std::string
     in6_addr six{};
     in_addr four{};
     const std::string own = Lower(HostName());
-    const bool known = name == "localhost" || inet_pton(AF_INET, name.c_str(), &four) == 1 || inet_pton(AF_INET6, name.c_str(), &six) == 1 ||
-                       name == own || name == own + ".local" || (!named.empty() && name == Lower(named));
+    const bool known = name == "localhost" || inet_pton(AF_INET, name.c_str(), &four) == 1 ||
+                       inet_pton(AF_INET6, name.c_str(), &six) == 1 || name == own || name == own + ".local" ||
+                       (!named.empty() && name == Lower(named));
     return known && (origin.empty() || Lower(origin) == "http://" + Lower(host));
 }
 

@@ -25,7 +25,10 @@ struct View {
     bool operator<(const View& o) const;
 };
 
-struct Picture { int width = 0, height = 0; std::vector<uint8_t> rgb; };
+struct Picture {
+    int width = 0, height = 0;
+    std::vector<uint8_t> rgb;
+};
 // Stretched and scaled; mosaics in colour.
 Picture Render(const Frame& frame, const Statistics* statistics, const View& view);
 std::string Jpeg(const Picture& picture, int quality);  // throws std::runtime_error

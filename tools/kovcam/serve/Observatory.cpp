@@ -122,7 +122,8 @@ bool Observatory::AllAnswer(const Engines& cameras)
             return false;
         std::this_thread::sleep_for(5ms);
     }
-    return std::none_of(cameras.begin(), cameras.end(), [](const auto& c) { return c->RollAnswer() == CameraEngine::Roll::Doubtful; });
+    return std::none_of(cameras.begin(), cameras.end(),
+                        [](const auto& c) { return c->RollAnswer() == CameraEngine::Roll::Doubtful; });
 }
 
 // Closes cameras that are held. False at the end of the server.
@@ -156,7 +157,8 @@ void Observatory::Enumerate(const Engines& open)
 bool Observatory::IsClear(const Engines& open) const
 {
     return std::none_of(open.begin(), open.end(), [this](const auto& c) {
-        return c->OpenId() >= m_count || std::any_of(m_models.begin(), m_models.end(), [&](const auto& m) { return m.second == c->Model(); });
+        return c->OpenId() >= m_count ||
+               std::any_of(m_models.begin(), m_models.end(), [&](const auto& m) { return m.second == c->Model(); });
     });
 }
 
@@ -175,7 +177,8 @@ Observatory::Next Observatory::Look()
     // Should another that is not open have gone, too, these would lose their IDs.
     const auto isAtRisk = [&, n = static_cast<int>(open.size())](const auto& c) { return c->OpenId() >= n || isBehind(c); };
     // Those that are closed are held as well: none may open a place that is just being given away.
-    const Engines held = Those(cameras, [&](const auto& c) { return m_unclear || c->OpenId() < 0 || isAtRisk(c); }), behind = Those(open, isBehind);
+    const Engines held = Those(cameras, [&](const auto&c) { return m_unclear || c->OpenId() < 0 || isAtRisk(c); }),
+                  behind = Those(open, isBehind);
     if (!HoldAll(held))
         return Next::Soon;
     if (!Rest(behind))
@@ -234,8 +237,10 @@ void Observatory::Place(const Engines& open)
         return;
     const std::lock_guard lock(m_mutex);
     for (const auto& [id, model] : places) {
-        const auto n = 1 + std::count_if(m_cameras.begin(), m_cameras.end(), [&, &model = model](const auto& c) { return c->Model() == model; });
-        m_cameras.push_back(std::make_shared<CameraEngine>(m_gate, model, n == 1 ? model : fmt::format("{} #{}", model, n), id, [this] { LookSoon(); }));
+        const auto n = 1 + std::count_if(m_cameras.begin(), m_cameras.end(),
+                                         [&, &model = model](const auto& c) { return c->Model() == model; });
+        m_cameras.push_back(std::make_shared<CameraEngine>(m_gate, model, n == 1 ? model : fmt::format("{} #{}", model, n), id,
+                                                           [this] { LookSoon(); }));
     }
 }
 

@@ -14,10 +14,7 @@ constexpr size_t QUEUE = 32;  // frames that wait for the disk before some are d
 
 Recording::Recording(Board& board) : m_board(board), m_thread([this](const std::stop_token& stop) { Run(stop); }) {}
 
-Recording::~Recording()
-{
-    Finish();
-}
+Recording::~Recording() { Finish(); }
 
 void Recording::Start(const std::string& path, OpenFile open)
 {

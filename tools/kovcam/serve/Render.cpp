@@ -40,7 +40,10 @@ struct Source {
     int width, height;
     const uint8_t* colours;  // of the mosaic's cell; null: grey
 
-    uint32_t At(int x, int y) const { return pixels[static_cast<size_t>(y) * static_cast<size_t>(width) + static_cast<size_t>(x)]; }
+    uint32_t At(int x, int y) const
+    {
+        return pixels[static_cast<size_t>(y) * static_cast<size_t>(width) + static_cast<size_t>(x)];
+    }
 };
 
 // The mean of up to four by four samples of each colour in a cell of the source.
@@ -128,7 +131,8 @@ void FillColour(const Frame& f, const Curve& curve, double left, double top, dou
             uint32_t sum[3] = {}, n = 0;
             for (int py = y0; py < y1; py += sy)
                 for (int px = x0; px < x1; px += sx, ++n) {
-                    const uint8_t* p = f.pixels.data() + (static_cast<size_t>(py) * static_cast<size_t>(f.width) + static_cast<size_t>(px)) * 3;
+                    const uint8_t* p =
+                        f.pixels.data() + (static_cast<size_t>(py) * static_cast<size_t>(f.width) + static_cast<size_t>(px)) * 3;
                     sum[0] += p[2];
                     sum[1] += p[1];
                     sum[2] += p[0];
@@ -197,12 +201,13 @@ Picture Render(const Frame& frame, const Statistics* statistics, const View& vie
     out.height = std::max(1, static_cast<int>(height / scale));
     out.rgb.resize(static_cast<size_t>(out.width) * static_cast<size_t>(out.height) * 3);
     const Curve curve = CurveOf(frame, statistics, view);
-    const uint8_t* const colours = frame.mosaic && frame.width > 1 && frame.height > 1 ? kovtools::CellColours(*frame.mosaic).data() : nullptr;
+    const uint8_t* const colours =
+        frame.mosaic && frame.width > 1 && frame.height > 1 ? kovtools::CellColours(*frame.mosaic).data() : nullptr;
     if (frame.type == IMG_RGB24)
         FillColour(frame, curve, left, top, scale, out);
     else if (frame.type == IMG_RAW16)
-        Fill(Source<uint16_t>{ reinterpret_cast<const uint16_t*>(frame.pixels.data()), frame.width, frame.height, colours }, curve,
-             left, top, scale, out);
+        Fill(Source<uint16_t>{ reinterpret_cast<const uint16_t*>(frame.pixels.data()), frame.width, frame.height, colours },
+             curve, left, top, scale, out);
     else
         Fill(Source<uint8_t>{ frame.pixels.data(), frame.width, frame.height, colours }, curve, left, top, scale, out);
     return out;
@@ -216,7 +221,8 @@ struct JpegError {
 };
 
 // Everything that a jump leaves behind lives outside of it.
-bool Compress(jpeg_compress_struct& c, JpegError& error, const Picture& picture, int quality, unsigned char** memory, unsigned long* size)
+bool Compress(jpeg_compress_struct& c, JpegError& error, const Picture& picture, int quality, unsigned char** memory,
+              unsigned long* size)
 {
     if (setjmp(error.jump) != 0)
         return false;

@@ -19,9 +19,9 @@
 #include "kovcam/serve/Alpaca.h"
 #include "kovcam/serve/Captures.h"
 #include "kovcam/serve/Connections.h"
-#include "kovcam/serve/Observatory.h"
 #include "kovcam/serve/Http.h"
 #include "kovcam/serve/Measure.h"
+#include "kovcam/serve/Observatory.h"
 #include "kovcam/serve/Page.h"  // made by CMake from page/
 
 namespace kovserve {
@@ -31,9 +31,9 @@ using json = nlohmann::json;
 
 namespace {
 
-constexpr int STREAMS = 48;                // endless answers at once: the rest is left for commands
-constexpr size_t BODY = 64 * 1024;         // bytes of a request
-constexpr int CONFLICT = 409;              // understood, and refused by the camera
+constexpr int STREAMS = 48;         // endless answers at once: the rest is left for commands
+constexpr size_t BODY = 64 * 1024;  // bytes of a request
+constexpr int CONFLICT = 409;       // understood, and refused by the camera
 constexpr auto PICTURE_PATIENCE = 5s;
 
 double ToNumber(const std::string& text, const char* name)
@@ -93,8 +93,14 @@ json Describe(const CameraEngine& camera, size_t index)
         json types = json::array();
         for (const IMG_TYPE t : kovtools::TypesOf(info))
             types.push_back(kovtools::TypeName(t));
-        j["sensor"] = { { "width", info.MaxWidth }, { "height", info.MaxHeight }, { "pixelSize", info.PixelSize }, { "colour", info.IsColorCam != KOV_FALSE },
-                        { "cooled", info.IsCooled != KOV_FALSE }, { "usb3", info.IsUSB3Host != KOV_FALSE }, { "bins", kovtools::BinsOf(info) }, { "formats", types } };
+        j["sensor"] = { { "width", info.MaxWidth },
+                        { "height", info.MaxHeight },
+                        { "pixelSize", info.PixelSize },
+                        { "colour", info.IsColorCam != KOV_FALSE },
+                        { "cooled", info.IsCooled != KOV_FALSE },
+                        { "usb3", info.IsUSB3Host != KOV_FALSE },
+                        { "bins", kovtools::BinsOf(info) },
+                        { "formats", types } };
     }
     return j;
 }
@@ -103,21 +109,48 @@ json Describe(const State& s)
 {
     json controls = json::array();
     for (const ControlState& c : s.controls)
-        controls.push_back({ { "type", c.type }, { "name", c.name }, { "description", c.description }, { "value", c.value }, { "min", c.min },
-                             { "max", c.max }, { "default", c.standard }, { "auto", c.automatic }, { "canBeAuto", c.canBeAutomatic }, { "writable", c.writable } });
-    json j{ { "phase", NameOf(s.phase) }, { "problem", s.problem }, { "controls", controls }, { "format", kovtools::TypeName(s.type) },
-            { "region", { { "x", s.region.x }, { "y", s.region.y }, { "width", s.region.width }, { "height", s.region.height }, { "bin", s.region.bin } } },
-            { "framesPerSecond", s.framesPerSecond }, { "dropped", s.dropped }, { "dark", s.darkInUse }, { "collecting", s.darkFrames > 0 ? json{ { "done", s.darkDone }, { "frames", s.darkFrames } } : json() },
-            { "hotPixelsOn", s.hotPixelsOn }, { "hotPixels", s.hotPixels }, { "recording", s.recording },
-            { "recordedFrames", s.recordedFrames }, { "recordedBytes", s.recordedBytes }, { "recordingLost", s.recordingLost }, { "recordingName", std::filesystem::path(s.recordingPath).filename().string() },
+        controls.push_back({ { "type", c.type },
+                             { "name", c.name },
+                             { "description", c.description },
+                             { "value", c.value },
+                             { "min", c.min },
+                             { "max", c.max },
+                             { "default", c.standard },
+                             { "auto", c.automatic },
+                             { "canBeAuto", c.canBeAutomatic },
+                             { "writable", c.writable } });
+    json j{ { "phase", NameOf(s.phase) },
+            { "problem", s.problem },
+            { "controls", controls },
+            { "format", kovtools::TypeName(s.type) },
+            { "region",
+              { { "x", s.region.x },
+                { "y", s.region.y },
+                { "width", s.region.width },
+                { "height", s.region.height },
+                { "bin", s.region.bin } } },
+            { "framesPerSecond", s.framesPerSecond },
+            { "dropped", s.dropped },
+            { "dark", s.darkInUse },
+            { "collecting", s.darkFrames > 0 ? json{ { "done", s.darkDone }, { "frames", s.darkFrames } } : json() },
+            { "hotPixelsOn", s.hotPixelsOn },
+            { "hotPixels", s.hotPixels },
+            { "recording", s.recording },
+            { "recordedFrames", s.recordedFrames },
+            { "recordedBytes", s.recordedBytes },
+            { "recordingLost", s.recordingLost },
+            { "recordingName", std::filesystem::path(s.recordingPath).filename().string() },
             { "coolerOn", s.coolerOn } };
     if (s.temperature)
         j["temperature"] = *s.temperature;
     if (s.coolerPower)
         j["coolerPower"] = *s.coolerPower;
     if (s.shots > 0)
-        j["exposure"] = { { "seconds", static_cast<double>(s.exposureUs) / 1e6 }, { "shot", s.shot }, { "shots", s.shots },
-                          { "elapsed", std::chrono::duration<double>(std::chrono::steady_clock::now() - s.exposureStart).count() } };
+        j["exposure"] = { { "seconds", static_cast<double>(s.exposureUs) / 1e6 },
+                          { "shot", s.shot },
+                          { "shots", s.shots },
+                          { "elapsed",
+                            std::chrono::duration<double>(std::chrono::steady_clock::now() - s.exposureStart).count() } };
     return j;
 }
 
@@ -128,11 +161,25 @@ json Describe(const Statistics& s, IMG_TYPE type)
         channels.push_back({ { "median", s.channel[c].median }, { "histogram", s.channel[c].histogram } });
     for (size_t i = 0; i < std::min<size_t>(s.field.stars.size(), 200); ++i) {
         const kovtools::Star& star = s.field.stars[i];
-        stars.push_back({ { "x", star.x }, { "y", star.y }, { "hfr", star.hfr }, { "flux", star.flux }, { "peak", star.peak }, { "saturated", star.saturated } });
+        stars.push_back({ { "x", star.x },
+                          { "y", star.y },
+                          { "hfr", star.hfr },
+                          { "flux", star.flux },
+                          { "peak", star.peak },
+                          { "saturated", star.saturated } });
     }
-    return { { "frame", s.sequence }, { "scale", kovtools::TopSample(type) }, { "min", s.all.min }, { "max", s.all.max }, { "mean", s.all.mean },
-             { "median", s.all.median }, { "deviation", s.all.deviation }, { "saturated", s.all.saturated }, { "channels", channels }, { "stars", stars },
-             { "starCount", s.field.stars.size() }, { "hfr", s.field.hfr > 0 ? json(s.field.hfr) : json() } };
+    return { { "frame", s.sequence },
+             { "scale", kovtools::TopSample(type) },
+             { "min", s.all.min },
+             { "max", s.all.max },
+             { "mean", s.all.mean },
+             { "median", s.all.median },
+             { "deviation", s.all.deviation },
+             { "saturated", s.all.saturated },
+             { "channels", channels },
+             { "stars", stars },
+             { "starCount", s.field.stars.size() },
+             { "hfr", s.field.hfr > 0 ? json(s.field.hfr) : json() } };
 }
 
 json Describe(const std::vector<JournalEntry>& journal, uint64_t after)
@@ -140,7 +187,11 @@ json Describe(const std::vector<JournalEntry>& journal, uint64_t after)
     json out = json::array();
     for (const JournalEntry& e : journal)
         if (e.number > after)
-            out.push_back({ { "number", e.number }, { "time", kovtools::UtcText(e.when) }, { "who", e.who }, { "what", e.what }, { "result", e.result } });
+            out.push_back({ { "number", e.number },
+                            { "time", kovtools::UtcText(e.when) },
+                            { "who", e.who },
+                            { "what", e.what },
+                            { "result", e.result } });
     return out;
 }
 
@@ -162,7 +213,8 @@ public:
         std::shared_ptr<Entry> entry;
         {
             const std::lock_guard lock(m_mutex);
-            std::erase_if(m_entries, [&](const auto& e) { return e.first.camera == &camera && e.first.sequence + 2 < frame->sequence; });
+            std::erase_if(m_entries,
+                          [&](const auto& e) { return e.first.camera == &camera && e.first.sequence + 2 < frame->sequence; });
             std::shared_ptr<Entry>& slot = m_entries[key];
             if (!slot)
                 slot = std::make_shared<Entry>();
@@ -226,7 +278,8 @@ public:
         m_server.set_payload_max_length(BODY);
         m_server.set_tcp_nodelay(true);
         m_server.set_pre_routing_handler([this](const httplib::Request& q, httplib::Response& r) { return Guard(q, r); });
-        m_server.set_exception_handler([](const httplib::Request&, httplib::Response& r, std::exception_ptr error) { Explain(r, error); });
+        m_server.set_exception_handler(
+            [](const httplib::Request&, httplib::Response& r, std::exception_ptr error) { Explain(r, error); });
         m_server.set_error_handler([](const httplib::Request& q, httplib::Response& r) {
             // A body that was not read must not be taken for the next request.
             if (r.status != CONFLICT)
@@ -252,10 +305,13 @@ public:
         else if (!m_server.bind_to_port(m_options.listen, port))
             port = -1;
         if (port < 0)
-            throw std::runtime_error(fmt::format("port {} at {} cannot be had: another program has it, or the address is not of this machine. "
-                                                 "Choose another with --port", m_options.port, m_options.listen));
+            throw std::runtime_error(
+                fmt::format("port {} at {} cannot be had: another program has it, or the address is not of this machine. "
+                            "Choose another with --port",
+                            m_options.port, m_options.listen));
         const bool any = m_options.listen == "0.0.0.0" || m_options.listen == "::";
-        fmt::print("{} cameras; the page: http://{}:{}/\n", m_observatory.Cameras().size(), any ? HostName() : m_options.listen, port);
+        fmt::print("{} cameras; the page: http://{}:{}/\n", m_observatory.Cameras().size(), any ? HostName() : m_options.listen,
+                   port);
         if (network)
             fmt::print("open to the network: whoever reaches {}:{} sees and steers the cameras\n", m_options.listen, port);
         std::fflush(stdout);
@@ -292,13 +348,15 @@ private:
         case 413: return fmt::format("the body of a request has {} bytes at most\n", BODY);
         case 414: return "the address is too long\n";
         default:
-            return fmt::format("the request could not be read. Its head has 16 KiB at most, a line of it 8 KiB, its body {} bytes\n", BODY);
+            return fmt::format(
+                "the request could not be read. Its head has 16 KiB at most, a line of it 8 KiB, its body {} bytes\n", BODY);
         }
     }
 
     httplib::Server::HandlerResponse Guard(const httplib::Request& q, httplib::Response& r) const
     {
-        if (q.get_header_value_count("Host") > 1 || q.has_header("Content-Encoding") || (q.method == "GET" && q.get_header_value("Content-Length", 0).find_first_not_of("0") != std::string::npos)) {
+        if (q.get_header_value_count("Host") > 1 || q.has_header("Content-Encoding") ||
+            (q.method == "GET" && q.get_header_value("Content-Length", 0).find_first_not_of("0") != std::string::npos)) {
             r.status = 400;
             r.set_content("a request has one Host, no compressed body, and a GET has no body\n", "text/plain");
             return httplib::Server::HandlerResponse::Handled;
@@ -306,8 +364,10 @@ private:
         if (IsOwn(q.get_header_value("Host"), q.get_header_value("Origin"), m_options.hostName))
             return httplib::Server::HandlerResponse::Unhandled;
         r.status = 403;
-        r.set_content("this server answers only its own page and programs that call it by an address. If you call it by a name, "
-                      "start it with --host NAME\n", "text/plain");
+        r.set_content(
+            "this server answers only its own page and programs that call it by an address. If you call it by a name, "
+            "start it with --host NAME\n",
+            "text/plain");
         return httplib::Server::HandlerResponse::Handled;
     }
 
@@ -338,7 +398,8 @@ private:
         for (const PageFile& f : PAGE_FILES)
             m_server.Get(f.path, [f](const httplib::Request&, httplib::Response& r) {
                 r.set_header("Cache-Control", "no-cache");
-                r.set_header("Content-Security-Policy", "default-src 'self'; img-src 'self' blob: data:; style-src 'self' 'unsafe-inline'");
+                r.set_header("Content-Security-Policy",
+                             "default-src 'self'; img-src 'self' blob: data:; style-src 'self' 'unsafe-inline'");
                 r.set_content(f.data, f.size, f.type);
             });
     }
@@ -368,7 +429,8 @@ private:
         const auto jpeg = m_pictures.Get(*camera, frame, view);
         r.set_header("X-Frame", std::to_string(frame->sequence));
         r.set_header("X-Frame-Size", fmt::format("{}x{}", frame->width, frame->height));
-        r.set_header("X-Frame-End", fmt::format("{:.3f}", std::chrono::duration<double, std::milli>(frame->end.time_since_epoch()).count()));
+        r.set_header("X-Frame-End",
+                     fmt::format("{:.3f}", std::chrono::duration<double, std::milli>(frame->end.time_since_epoch()).count()));
         r.set_header("Cache-Control", "no-store");
         r.set_content(*jpeg, "image/jpeg");
     }
@@ -390,7 +452,9 @@ private:
                 return true;
             *last = frame->sequence;
             const auto jpeg = m_pictures.Get(*camera, frame, view);
-            const std::string head = fmt::format("--frame\r\nContent-Type: image/jpeg\r\nX-Frame: {}\r\nContent-Length: {}\r\n\r\n", frame->sequence, jpeg->size());
+            const std::string head =
+                fmt::format("--frame\r\nContent-Type: image/jpeg\r\nX-Frame: {}\r\nContent-Length: {}\r\n\r\n", frame->sequence,
+                            jpeg->size());
             return sink.write(head.data(), head.size()) && sink.write(jpeg->data(), jpeg->size()) && sink.write("\r\n", 2);
         });
     }
@@ -401,19 +465,26 @@ private:
         const auto place = Stream(r);
         if (!place)
             return;
-        struct Seen { uint64_t version = 0, statistics = 0, journal = 0, captures = 0; std::string state; int quiet = 0; };
+        struct Seen {
+            uint64_t version = 0, statistics = 0, journal = 0, captures = 0;
+            std::string state;
+            int quiet = 0;
+        };
         auto seen = std::make_shared<Seen>();
         const std::string number = q.matches[1];
         r.set_header("Cache-Control", "no-store");
         r.set_chunked_content_provider("text/event-stream", [=, this](size_t, httplib::DataSink& sink) {
             (void)place;
-            for (int i = 0; i < 10 && camera->Version() == seen->version && m_captures.Version() == seen->captures && !m_stopping; ++i)
+            for (int i = 0; i < 10 && camera->Version() == seen->version && m_captures.Version() == seen->captures && !m_stopping;
+                 ++i)
                 std::this_thread::sleep_for(50ms);
             if (m_stopping)
                 return false;
             seen->version = camera->Version();
             std::string out;
-            const auto event = [&](const char* name, const json& data) { out += fmt::format("event: {}\ndata: {}\n\n", name, data.dump(-1, ' ', false, json::error_handler_t::replace)); };
+            const auto event = [&](const char* name, const json& data) {
+                out += fmt::format("event: {}\ndata: {}\n\n", name, data.dump(-1, ' ', false, json::error_handler_t::replace));
+            };
             const StatePtr s = camera->GetState();
             json described = Describe(*s);
             described["freeBytes"] = m_captures.FreeBytes() / 10'000'000 * 10'000'000;  // coarse, or each look would be a change
@@ -446,7 +517,11 @@ private:
 
     // Commands, by the last part of the path.
     using Action = void (Site::*)(CameraEngine& camera, const std::string& who, const json& body);
-    struct ActionRow { const char* name; Action action; const char* takes; };
+    struct ActionRow {
+        const char* name;
+        Action action;
+        const char* takes;
+    };
     static const std::vector<ActionRow>& Actions()
     {
         static const std::vector<ActionRow> rows = {
@@ -466,7 +541,8 @@ private:
 
     void SetControl(CameraEngine& camera, const std::string& who, const json& body)
     {
-        camera.SetControl(who, static_cast<KOV_CONTROL_TYPE>(Field<int>(body, "type")), Field<int>(body, "value"), Field<bool>(body, "auto", false));
+        camera.SetControl(who, static_cast<KOV_CONTROL_TYPE>(Field<int>(body, "type")), Field<int>(body, "value"),
+                          Field<bool>(body, "auto", false));
     }
     void SetRegion(CameraEngine& camera, const std::string& who, const json& body)
     {
@@ -486,7 +562,10 @@ private:
         const std::vector<int> bins = kovtools::BinsOf(camera.Info());
         return std::find(bins.begin(), bins.end(), bin) != bins.end();
     }
-    void SetVideo(CameraEngine& camera, const std::string& who, const json& body) { camera.SetVideo(who, Field<bool>(body, "on")); }
+    void SetVideo(CameraEngine& camera, const std::string& who, const json& body)
+    {
+        camera.SetVideo(who, Field<bool>(body, "on"));
+    }
     void Abort(CameraEngine& camera, const std::string& who, const json&) { camera.Abort(who); }
     void Guide(CameraEngine& camera, const std::string& who, const json& body)
     {
@@ -544,7 +623,8 @@ private:
     void TakeDark(CameraEngine& camera, const std::string& who, const json& body)
     {
         const std::string name = Field<std::string>(body, "name");
-        camera.TakeDark(who, m_captures.PathOf(name + ".bmp"), [this](const std::filesystem::path& path, const std::string& text) { m_captures.AddDark(path, text); });
+        camera.TakeDark(who, m_captures.PathOf(name + ".bmp"),
+                        [this](const std::filesystem::path& path, const std::string& text) { m_captures.AddDark(path, text); });
     }
     void Dark(CameraEngine& camera, const std::string& who, const json& body)
     {
@@ -583,7 +663,9 @@ private:
     {
         using Q = const httplib::Request&;
         using R = httplib::Response&;
-        const auto send = [](R r, const json& j) { r.set_content(j.dump(-1, ' ', false, json::error_handler_t::replace), "application/json"); };
+        const auto send = [](R r, const json& j) {
+            r.set_content(j.dump(-1, ' ', false, json::error_handler_t::replace), "application/json");
+        };
         m_server.Get("/api/cameras", [this, send](Q, R r) {
             json list = json::array();
             const auto cameras = m_observatory.Cameras();
