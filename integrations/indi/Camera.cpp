@@ -29,8 +29,17 @@ constexpr const char* NO_FRAME = "the camera sent no good frame. Check cable, po
 
 std::chrono::duration<double> Seconds(double s) { return std::chrono::duration<double>(s); }
 
-std::mutex g_openMutex;
-std::multiset<std::string> g_open;  // models
+// Of the models that are open; never destroyed, since cameras are closed while the process ends.
+struct OpenModels {
+    std::mutex mutex;
+    std::multiset<std::string> names;
+};
+
+OpenModels& TheOpenModels()
+{
+    static auto* models = new OpenModels;
+    return *models;
+}
 
 }  // namespace
 
@@ -57,8 +66,9 @@ std::mutex& OpeningMutex()
 
 bool IsOneOpen(const std::string& model)
 {
-    const std::lock_guard lock(g_openMutex);
-    return g_open.count(model) != 0;
+    OpenModels& open = TheOpenModels();
+    const std::lock_guard lock(open.mutex);
+    return open.names.count(model) != 0;
 }
 
 void Camera::Open()
@@ -262,8 +272,9 @@ void Camera::DoOpen()
     }
     m_failed = false;
     {
-        const std::lock_guard lock(g_openMutex);
-        g_open.insert(m_model);
+        OpenModels& open = TheOpenModels();
+        const std::lock_guard lock(open.mutex);
+        open.names.insert(m_model);
     }
     Opened opened = Describe();
     {
@@ -325,8 +336,9 @@ void Camera::DoClose()
     }
     m_library->CloseCamera(m_place);
     m_place = -1;
-    const std::lock_guard lock(g_openMutex);
-    g_open.erase(g_open.find(m_model));
+    OpenModels& open = TheOpenModels();
+    const std::lock_guard lock(open.mutex);
+    open.names.erase(open.names.find(m_model));
 }
 
 // --- settings ---

@@ -56,9 +56,9 @@ void Bind(void* handle, const char* name, Function& function)
 
 std::unique_ptr<Library> Load()
 {
-    static const std::string path = FindFile();
+    static const auto* const path = new std::string(FindFile());
     // The library is linked so that it calls itself and not the one that this program is linked with.
-    void* handle = dlopen(CopyInMemory(path).c_str(), RTLD_NOW | RTLD_LOCAL);
+    void* handle = dlopen(CopyInMemory(*path).c_str(), RTLD_NOW | RTLD_LOCAL);
     if (handle == nullptr)
         Fail(dlerror());
     auto library = std::make_unique<Library>();

@@ -1,6 +1,9 @@
 // The framework brings main(); this is what makes it a driver of these cameras.
 #include <indidevapi.h>
 
+#include <unistd.h>
+
+#include <cstdio>
 #include <cstdlib>
 #include <string>
 
@@ -21,7 +24,18 @@ struct Loader {
             [](const std::string& why) {
                 kovindi::OnMainThread([why] { IDMessage(nullptr, "indi_kov_ccd: %s", why.c_str()); });
             });
-        std::atexit([] { kovindi::Devices::Instance().EndAll(); });
+        // Handlers run from the last to the first: a second thread that ends the process too, since the server does not read
+        // what it writes, waits here for the one that closes the cameras.
+        std::atexit([] {
+            for (;;)
+                pause();
+        });
+        std::atexit([] {
+            kovindi::Devices::Instance().EndAll();
+            // No statics are destroyed under the threads that look for cameras or hang in one.
+            std::fflush(nullptr);
+            _exit(EXIT_SUCCESS);
+        });
     }
 } g_loader;
 

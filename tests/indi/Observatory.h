@@ -200,6 +200,12 @@ public:
         const std::string pipe = home / "pipe", pins = Pins(), socket = home / "socket";
         std::filesystem::remove(pipe);
         mkfifo(pipe.c_str(), 0600);
+        // As the server starts it, and how it ends.
+        const std::string driver = home / "indi_kov_ccd";
+        std::filesystem::remove(m_ending);
+        std::ofstream(driver) << "#!/bin/sh\n" KOV_DRIVER "\necho $? >" << m_ending.string() << ".part\nmv " << m_ending.string()
+                              << ".part " << m_ending.string() << "\n";
+        std::filesystem::permissions(driver, std::filesystem::perms::owner_all);
         m_server = fork();
         if (m_server == 0) {
             prctl(PR_SET_PDEATHSIG, SIGTERM);
@@ -212,7 +218,7 @@ public:
             if (std::freopen((home / "server.log").c_str(), "a", stderr) == nullptr)
                 _exit(126);
             execlp("indiserver", "indiserver", "-r", "0", "-m", "1000", "-u", socket.c_str(), "-p", port.c_str(), "-v",
-                   KOV_DRIVER, nullptr);
+                   driver.c_str(), nullptr);
             _exit(127);
         }
         m_port = static_cast<unsigned>(s_port);
@@ -223,6 +229,10 @@ public:
         client.disconnectServer();
         kill(m_server, SIGTERM);
         waitpid(m_server, nullptr, 0);
+        int status = -1;
+        for (int i = 0; i < 400 && !(std::ifstream(m_ending) >> status); ++i)
+            std::this_thread::sleep_for(25ms);
+        EXPECT_EQ(status, 0) << "of the driver";
     }
 
     std::string Pins() const { return m_home / "pins"; }
@@ -260,7 +270,7 @@ public:
     Client client;
 
 private:
-    std::filesystem::path m_home;
+    const std::filesystem::path m_home, m_ending = m_home / "ending";
     pid_t m_server;
     unsigned m_port = 0;
 };
