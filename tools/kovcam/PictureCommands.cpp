@@ -19,7 +19,7 @@ namespace {
 
 using kovtools::Stretch;
 
-// Settings outlive a program, which surprises whoever set them an hour ago.
+// Settings outlive a program, which surprises whoever set them an hour ago; and some models start otherwise than they list.
 void TellDeviations(const Globals& g, const Camera& cam, const PictureOptions& o)
 {
     std::vector<std::string> parts;
@@ -33,7 +33,7 @@ void TellDeviations(const Globals& g, const Camera& cam, const PictureOptions& o
                                                   time ? ExposureText(d.standard) : std::to_string(d.standard)));
     }
     if (!parts.empty() && !g.json)
-        fmt::print(stderr, "still set from before: {}. --defaults starts from the values in brackets\n", kovtools::Joined(parts));
+        fmt::print(stderr, "not at its default: {}. --defaults starts from the values in brackets\n", kovtools::Joined(parts));
 }
 
 Json DeviationsJson(const Camera& cam)
