@@ -17,6 +17,9 @@ def free_udp_port():
         return s.getsockname()[1]
 
 
+PATIENCE = float(os.environ.get("KOV_PATIENCE", 1))  # a server under a sanitizer takes longer for everything
+
+
 class Server:
     def __init__(self, cameras, *options, serve=()):
         self.folder = tempfile.mkdtemp(prefix="kov-serve-")
@@ -39,7 +42,7 @@ class Server:
 
     @staticmethod
     def wait(condition, what, seconds=60):
-        end = time.time() + seconds
+        end = time.time() + seconds * PATIENCE
         while not condition():
             assert time.time() < end, f"in vain waited until {what}"
             time.sleep(0.05)
