@@ -61,6 +61,7 @@ TEST(Controls, Read)
     cam.fTemp = 21.57f;
     cam.m_lExposure = 0x1'0000'0005ull;
     cam.m_bAutoExp = cam.m_bAutoWB = true;
+    cam.m_iWB_R = 66;
     cam.m_iWB_B = 77;
     cam.m_bFlipRow = cam.m_bFlipColumn = true;
     cam.m_fCoolPowerPerc = 33.9f;
@@ -72,10 +73,15 @@ TEST(Controls, Read)
         int32_t iValue;
         KOV_BOOL bAuto;
     } rows[] = {
-        { CTRL_EXPOSURE, 5, KOV_TRUE },       { CTRL_WB_B, 77, KOV_TRUE },
-        { CTRL_GAIN, 0, KOV_FALSE },          { CTRL_TEMPERATURE, 215, KOV_FALSE },
-        { CTRL_FLIP, 3, KOV_FALSE },          { CTRL_COOL_POWER_PERC, 33, KOV_FALSE },
-        { CTRL_TARGET_TEMP, -10, KOV_FALSE }, { CTRL_COOLER_ON, 0, KOV_FALSE },
+        { CTRL_EXPOSURE, 5, KOV_TRUE },
+        { CTRL_WB_B, 77, KOV_TRUE },
+        { CTRL_WB_R, 66, KOV_TRUE },
+        { CTRL_GAIN, 0, KOV_FALSE },
+        { CTRL_TEMPERATURE, 215, KOV_FALSE },
+        { CTRL_FLIP, 3, KOV_FALSE },
+        { CTRL_COOL_POWER_PERC, 33, KOV_FALSE },
+        { CTRL_TARGET_TEMP, -10, KOV_FALSE },
+        { CTRL_COOLER_ON, 0, KOV_FALSE },
         { CTRL_BANDWIDTH, 4711, KOV_FALSE },  // QUIRK: no such control, value left alone
     };
     for (const auto& r : rows) {

@@ -201,12 +201,14 @@ TEST_F(HotPixels, TableReachesSeveralBinnedPixels)
     cam.m_pHPCBuf2[2] = 1;
     cam.m_pHPCBuf1[0 * W + 8] = 1;
     cam.m_pHPCBuf1[5 * W + 9] = 1;  // odd and odd: no entries, shift 0
+    cam.m_pHPCBuf1[9 * W] = 1;      // shifted it falls off the row's beginning
     cam.AdjustHPCTable(cam.m_pHPCBuf1, cam.m_pHPCBuf2);
-    ASSERT_EQ(cam.m_iHPCNum, 4);
+    ASSERT_EQ(cam.m_iHPCNum, 5);
     EXPECT_EQ(cam.m_pHotPixels[0], 4 / 4 * 2);
     EXPECT_EQ(cam.m_pHotPixels[1], 8 / 4 * 2);
     EXPECT_EQ(cam.m_pHotPixels[2], (5 / 4 * 2 + 1) * (W / 2) + 9 / 4 * 2 + 1);
-    EXPECT_EQ(cam.m_pHotPixels[3], iOld);  // QUIRK: only a quarter is cleared
+    EXPECT_EQ(cam.m_pHotPixels[3], (9 / 4 * 2 + 1) * (W / 2));
+    EXPECT_EQ(cam.m_pHotPixels[4], iOld);  // QUIRK: only a quarter is cleared
     // The rows of the repaired frame are the binned ones.
     cam.m_bHPCEnable = true;
     std::fill_n(cam.m_pImgBuf, W * H, uint8_t{ 100 });

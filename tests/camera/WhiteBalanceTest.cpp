@@ -27,12 +27,12 @@ protected:
         return frame;
     }
     // What a step asks for, given these colours of all blocks.
-    Asked StepFor(int r, int g, int b, bool bFallback = true)
+    Asked StepFor(int r, int g, int b, bool bFallback = true, int iTexture0 = 0)
     {
         auto p = std::make_unique<WBBlocks>();
         for (int c = 0; c < 3; ++c)
             for (int k = 0; k < WB_BLOCKS; ++k) {
-                p->aDev[c][k] = 0;
+                p->aDev[c][k] = k != 0 ? 0 : iTexture0;
                 p->aMean[c][k] = k != 0 ? 1 : std::array{ r, g, b }[static_cast<size_t>(c)];
             }
         StepWhiteBalance(cam, *p, bFallback);
@@ -113,6 +113,7 @@ TEST_F(WhiteBalance, Decision)
     EXPECT_EQ(StepFor(100, 200, 200), Asked{ "wb 99 49" });  // 50 * 200 / 101, / 201
     cam.m_iWB_R = cam.m_iWB_B = 50;
     EXPECT_EQ(StepFor(100, 104, 100), Asked{});
+    EXPECT_EQ(StepFor(100, 106, 100, true, 2), Asked{});  // 2 / (2 + 1) of it: 66 and 70
     EXPECT_EQ(StepFor(100, 105, 100), (Asked{ "wb 51 51" }));
     cam.m_iWB_R = cam.m_iWB_B = 50;
     cam.m_bAutoGain = true;

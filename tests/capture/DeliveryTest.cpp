@@ -86,11 +86,13 @@ TEST(Delivery, MarksAreRepairedFromTheRowsThatEachModelTakes)
 
 TEST(Delivery, MarbleTakesTheThirdRowForTheFirst)
 {
-    Shot s(Family::Marble, true);
-    const Bytes raw = FrameA(W * H, 3);
-    Bytes expected = raw;
-    std::copy_n(raw.begin() + 2 * W, W, expected.begin());
-    EXPECT_EQ(s.Get(raw, raw.size()), Repaired(expected, W, 2, 0, 4));
+    for (const int h : { H, 3 }) {
+        Shot s(Family::Marble, true, W, h);
+        const Bytes raw = FrameA(size_t(W * h), 3);
+        Bytes expected = raw;
+        std::copy_n(raw.begin() + 2 * W, W, expected.begin());
+        EXPECT_EQ(s.Get(raw, raw.size()), Repaired(expected, W, 2, 0, 4)) << h;
+    }
 }
 
 TEST(Delivery, MonochromeFormats)

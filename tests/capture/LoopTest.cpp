@@ -7,6 +7,7 @@
 
 #include "CaptureCamera.h"
 #include "base/Log.h"
+#include "capture/CaptureLoop.h"
 
 namespace {
 
@@ -89,6 +90,25 @@ TEST(AnyLoop, DamagedFramesAreDroppedAndResynchronised)
         r.usb.Send(FrameOf(f, S, 4));
         EXPECT_TRUE(r.cam.Ended());
         EXPECT_EQ(r.cam.m_iDroppedFrames, 0u);
+    }
+}
+
+// By the lines and the clocks of each sensor; others are told by their model.
+TEST(AnyLoop, FrameTime)
+{
+    const struct {
+        Family family;
+        int w, h, bin, us;
+    } rows[] = {
+        { Family::Garnet, 64, 32, 1, 1986 }, { Family::Garnet, 64, 32, 2, 3086 },  // ((32 + 26) * 1650 - 358) / 48
+        { Family::Iolite, 64, 32, 1, 205 },  { Family::Iolite, 64, 32, 2, 496 },   // 32 * (64 + 244) / 48
+        { Family::Agate, 64, 32, 1, 440 },   { Family::Agate, 620, 32, 1, 476 },   // 660 clocks, or 94 more than the width
+        { Family::Dunite, 620, 32, 1, 454 }, { Family::Quartz, 64, 32, 1, 500 },
+    };
+    for (const auto& r : rows) {
+        CaptureCamera cam(r.family, true, r.w, r.h);
+        cam.m_iBin = r.bin;
+        EXPECT_EQ(FrameTime(cam, FormOf(r.family)), r.us) << int(r.family) << ' ' << r.w << " bin " << r.bin;
     }
 }
 

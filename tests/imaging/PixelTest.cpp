@@ -92,13 +92,14 @@ TEST_F(Pixels, FourPatternsFindTheirColours)
 
 TEST_F(Pixels, QuirkCellOperationsCarryTheOppositeName)
 {
-    Bytes src = Ramp(), frame(108), cell(108);
+    Bytes src = Ramp(), frame(108), cell(108, 9);
     a.Bayer2RGB24_GR(src.data(), frame.data(), 6, 6);
     a.BayerBilinear_GB(src.data(), cell.data(), 2, 2, 6);
     a.BayerCopy_GB(src.data(), cell.data(), 4, 0, 6);
     for (const auto& [x, y] : { std::pair{ 2, 2 }, { 3, 3 }, { 4, 0 }, { 5, 0 }, { 4, 1 }, { 5, 1 } })
         EXPECT_EQ(At(cell, 6, x, y), At(frame, 6, x, y));
-    EXPECT_EQ(At(cell, 6, 0, 0), (Pixel{ 0, 0, 0 }));
+    for (const auto& [x, y] : { std::pair{ 0, 0 }, { 2, 1 }, { 2, 4 } })
+        EXPECT_EQ(At(cell, 6, x, y), (Pixel{ 9, 9, 9 })) << "beside the cells";
     a.BayerCopy_RG(src.data(), cell.data(), 0, 0, 6);
     EXPECT_EQ(cell[0], src[0]);  // the cell begins with blue
 }

@@ -523,8 +523,8 @@ TEST_F(Agate, GainParksTheOtherRegister)
 TEST_F(Agate, ExposureLines)
 {
     auto cam = Open<CCameraSAgateCol>(0xC01A);
-    EXPECT_EQ(SENDS(cam->SetExp(1000000, false)), "000b:7fb9");  // 23999996 / 734
-    cam->SetExp(1003000, false);                                 // 32795 lines
+    EXPECT_EQ(SENDS(cam->SetExp(1002125, false)), "000b:7fff");  // 24050996 / 734
+    cam->SetExp(1002155, false);                                 // one line more
     EXPECT_TRUE(cam->m_bLongExp);
     EXPECT_EQ(Sent(), "");
     cam->SetExp(100, false);  // only the capture thread leaves the mode
@@ -560,11 +560,11 @@ TEST_F(Agate, WhiteBalanceMeasuresTheDemosaicedImage)
 {
     CCameraSAgateCol cam;
     cam.m_bAutoWB = true;
-    // Columns 10 below and above blue 50, green 100, red 80. Every block: means 51, 101, 81, deviation 10; weighted
-    // 256 * 10 * mean / 2561: 50, 100, 80.
+    // Columns 10 below and above blue 50, green 100, red 80 in the upper half and 40 in the lower one. Every block: means 51,
+    // 101, 81 and 41, deviation 10; weighted, 256 * 10 * mean / 2561: 50, 100, 60.
     std::vector<uint8_t> rgb(3 * 640 * 480);
     for (size_t i = 0; i < rgb.size(); ++i) {
-        const int base[] = { 50, 100, 80 };
+        const int base[] = { 50, 100, i < rgb.size() / 2 ? 80 : 40 };
         rgb[i] = uint8_t(base[i % 3] + (i / 3 % 2 ? 10 : -10));
     }
     int dev[] = { 1, 1, 0 }, mean[3];
@@ -574,7 +574,7 @@ TEST_F(Agate, WhiteBalanceMeasuresTheDemosaicedImage)
     EXPECT_EQ(dev[0], 10);
     EXPECT_EQ(dev[2], 1);
     cam.AutoWB(rgb.data());
-    EXPECT_EQ(cam.m_iWB_R, 55);  // 45 * 100 / 81
+    EXPECT_EQ(cam.m_iWB_R, 73);  // 45 * 100 / 61
     EXPECT_EQ(cam.m_iWB_B, 99);  // 70 * 100 / 51, clamped
 
     // Red 80 with one 79 a block: mean 80 and no deviation. Without texture the colour counts as 0.

@@ -1036,6 +1036,9 @@ TEST_F(Ebony, Streaming)
     Region(*ebony, 1200, 800, 3);
     EXPECT_EQ(pair(*ebony), "0200=74 F0=33 F0=49 0200=01");
     EXPECT_EQ(SENDS(ebony->SetBrightness(0x123)), "0220=01 021f=23");
+    ebony->m_bCapturing = true;
+    EXPECT_EQ(SENDS(ebony->SetStartPos(0, 0)), All("F1=1", Fpga(2, 4, 2), "F1=0 F0=49", Bytes(0x0208, 52, 2), "F0=33"));
+    ebony->m_bCapturing = false;
     // QUIRK: these three keep their link pointer, so that they can be closed twice.
     EXPECT_TRUE(ebony->CloseCamera());
     EXPECT_TRUE(ebony->CloseCamera());

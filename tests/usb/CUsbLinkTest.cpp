@@ -98,6 +98,7 @@ TEST(CUsbLink, WalkOverDevices)
     EXPECT_FALSE(link.IsOpen());
     CUsbLink none(nullptr, Slot(4), true);
     EXPECT_EQ(none.DeviceCount(), 0);
+    EXPECT_EQ(none.m_bConfigValue | none.m_bConfigAttributes | none.m_bMaxPower, 0);
     EXPECT_FALSE(none.IsOpen());
 }
 
