@@ -125,7 +125,7 @@ TEST_F(Settings, TheCountOfOneReadServesTheNext)
     b.LoadSetting(KEY);
     EXPECT_EQ(b.m_iAutoExpMax, 30);
     // Values of odd sizes: neither the fields nor their neighbours are overrun.
-    SetValue(L"Exposure", std::vector<uint8_t>(1000, 1));
+    SetValue(L"Exposure", std::vector<uint8_t>(5, 1));
     SetValue(L"Gain", std::vector<uint8_t>(300, 2));
     SetValue(L"Gamma", std::vector<uint8_t>(200, 3));
     SetValue(L"Brightness", { 7 });

@@ -93,22 +93,27 @@ TEST(AnyLoop, DamagedFramesAreDroppedAndResynchronised)
     }
 }
 
-// By the lines and the clocks of each sensor; others are told by their model.
-TEST(AnyLoop, FrameTime)
+// By the lines and the clocks of each sensor; the time of others is told by their model.
+TEST(AnyLoop, TimeOfAFrameAndLinesOfAnExposure)
 {
     const struct {
         Family family;
-        int w, h, bin, us;
+        int w, bin, us, exposure, lines;
     } rows[] = {
-        { Family::Garnet, 64, 32, 1, 1986 }, { Family::Garnet, 64, 32, 2, 3086 },  // ((32 + 26) * 1650 - 358) / 48
-        { Family::Iolite, 64, 32, 1, 205 },  { Family::Iolite, 64, 32, 2, 496 },   // 32 * (64 + 244) / 48
-        { Family::Agate, 64, 32, 1, 440 },   { Family::Agate, 620, 32, 1, 476 },   // 660 clocks, or 94 more than the width
-        { Family::Dunite, 620, 32, 1, 454 }, { Family::Quartz, 64, 32, 1, 500 },
+        { Family::Garnet, 64, 1, 1986, 4976, 3 },  // ((32 + 26) * 1650 - 358) / 48; (4976 - 26) / 1650
+        { Family::Garnet, 64, 2, 3086, 4975, 2 }, { Family::Cobalt, 64, 1, 1986, 4979, 3 },
+        { Family::Iolite, 64, 1, 205, 436, 2 },  // 32 * (64 + 244) / 48; (436 + 180) / 308
+        { Family::Iolite, 64, 2, 496, 563, 1 },   { Family::Agate, 64, 1, 440, 1324, 2 },    // 660 clocks,
+        { Family::Agate, 620, 1, 476, 1431, 1 },  { Family::Dunite, 620, 1, 454, 1366, 2 },  // or 94 and 61 more than the width
+        { Family::Quartz, 64, 1, 500, 4976, 3 },
     };
     for (const auto& r : rows) {
-        CaptureCamera cam(r.family, true, r.w, r.h);
+        SCOPED_TRACE(testing::Message() << int(r.family) << ' ' << r.w << " bin " << r.bin);
+        CaptureCamera cam(r.family, true, r.w, 32);
         cam.m_iBin = r.bin;
-        EXPECT_EQ(FrameTime(cam, FormOf(r.family)), r.us) << int(r.family) << ' ' << r.w << " bin " << r.bin;
+        cam.m_lExposure = uint64_t(r.exposure);
+        EXPECT_EQ(FrameTime(cam, FormOf(r.family)), r.us);
+        EXPECT_EQ(ExposureLines(cam, r.family, 1), r.lines);
     }
 }
 

@@ -442,6 +442,15 @@ TEST_F(Cobalt, GainWords)
     };
     for (const auto& [g, word] : rows)
         EXPECT_EQ(CCameraSCobaltCol::GainValue2Reg(g), word) << g;
+    auto cam = Open<CCameraSCobaltCol>(0xC03A);  // gains 1.5, 3, 6, 12, 24, 48, 64
+    for (const auto& [gain, szWord] : { std::pair{ 8, "102f" },
+                                        { 24, "202f" },
+                                        { 40, "206f" },
+                                        { 56, "20af" },
+                                        { 72, "20ef" },
+                                        { 90, "40ef" },
+                                        { 100, "40ff" } })
+        EXPECT_EQ(SENDS(cam->SetGain(gain, false)).substr(0, 9), std::string("3056:") + szWord) << gain;
 }
 
 TEST_F(Cobalt, Mailbox)

@@ -29,7 +29,7 @@ struct Camera : StackScope, CCameraFX3 {
 TEST(CCameraFX3, EveryOperationsRequest)
 {
     Camera cam;
-    uint8_t b = 0;
+    uint8_t b = 0, out[3] = { 1, 2, 3 };
     uint16_t w = 0;
     cam.dev.OnIn = [](const RecordedRequest& r, uint8_t* p, uint16_t n) {
         for (uint16_t i = 0; i < n; ++i)
@@ -55,13 +55,14 @@ TEST(CCameraFX3, EveryOperationsRequest)
     EXPECT_EQ(cam.Log(), "out 189 0000 0031\nin 188 000b 0000: bc\n");
     uint8_t aSub[4];
     uint32_t dwVersion = 0;
-    EXPECT_TRUE(cam.GetFPGAVer(&b, aSub) && cam.GetFPGAVerVal(&b, &dwVersion));
+    EXPECT_TRUE(cam.GetFPGAVer(&b, aSub) && cam.GetFPGAVerVal(&out[0], &dwVersion));
     EXPECT_EQ(dwVersion, 0x0B0C0B0Cu);
+    EXPECT_EQ(out[0], 0xBC);
     EXPECT_EQ(cam.Log(), "in 188 001d 0000: bc\nin 188 001e 0000: bc\nin 188 001f 0000: bc\n");
     EXPECT_TRUE(cam.EnableGPIF32DQ(true));
     EXPECT_TRUE(cam.EnableGPIF32DQ(false));
     EXPECT_EQ(cam.Log(), "out 190 0001 0000\nout 190 0000 0000\n");
-    uint8_t out[3] = { 1, 2, 3 };
+    out[0] = 1;
     int32_t n = 3;
     EXPECT_TRUE(cam.SendCMD(194, 5, 6, false, out, &n));
     EXPECT_EQ(n, 3);

@@ -234,6 +234,7 @@ TEST(CUsbLink, AlternateSettingChoosesTheTable)
     const uint8_t more[] = { 9, 4, 0, 1, 2, 0xFE, 3, 4, 0, 7, 5, 0x02, 2, 0, 4, 0, 7, 5, 0x83, 1, 0, 4, 1 };
     dev.configDescriptor.insert(dev.configDescriptor.end(), std::begin(more), std::end(more));
     dev.configDescriptor[2] = uint8_t(dev.configDescriptor.size());
+    dev.configDescriptor[6] = 9;
     dev.iAltSetting = 1;
     CUsbLink link(nullptr, Slot(10), true);
     EXPECT_EQ(link.m_bIntfClass, 0xFE);
@@ -245,8 +246,10 @@ TEST(CUsbLink, AlternateSettingChoosesTheTable)
     link.SelectAltSetting(0);
     EXPECT_TRUE(link.m_pBulkIn);
     EXPECT_EQ(link.m_pIsocIn, nullptr);
-    link.SelectConfig(9);  // names no configuration
-    EXPECT_EQ(link.m_bConfigIndex, 0);
+    for (const int cfg : { 8, 9 }) {  // names no configuration; names one that is not there
+        link.SelectConfig(uint8_t(cfg));
+        EXPECT_EQ(link.m_bConfigIndex, 0);
+    }
 }
 
 TEST(CUsbLink, ClosePathsThrowStringsTheDestructorDoesNot)
