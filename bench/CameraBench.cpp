@@ -439,6 +439,7 @@ public:
         return p ? new Device(*this, p) : nullptr;
     }
     double dWall = 0, dCpu = 0;  // seconds in transfers
+    unsigned uTransfers = 0;
 
 private:
     class Device final : public usbstack::IDevice {
@@ -451,6 +452,7 @@ private:
             const auto status = m_p->Control(type, request, value, index, p, n, ms, moved);
             m_Stack.dWall += Seconds(CLOCK_MONOTONIC) - wall;
             m_Stack.dCpu += Seconds(CLOCK_THREAD_CPUTIME_ID) - cpu;
+            ++m_Stack.uTransfers;
             return status;
         }
         usbstack::Status SubmitBulk(usbstack::BulkRequest* r) override { return m_p->SubmitBulk(r); }
@@ -494,6 +496,7 @@ void RegisterOpen(uint16_t wProductId, const std::string& token)
                                              std::abort();
                                          const uint64_t uBefore = g_uToldMs;
                                          stack.dWall = stack.dCpu = 0;
+                                         stack.uTransfers = 0;
                                          const double start = Seconds(CLOCK_MONOTONIC), cpu = Seconds(CLOCK_THREAD_CPUTIME_ID);
                                          if (KOVOpenCamera(0) != KOV_SUCCESS)
                                              std::abort();
@@ -504,6 +507,7 @@ void RegisterOpen(uint16_t wProductId, const std::string& token)
                                          state.SetIterationTime(took);
                                          state.counters["sleeps_ms"] = sleeps * 1e3;
                                          state.counters["transfers_ms"] = stack.dWall * 1e3;
+                                         state.counters["transfers"] = stack.uTransfers;
                                          state.counters["own_CPU_ms"] = own * 1e3;
                                          state.counters["own_%"] = own / *told * 100;
                                      }

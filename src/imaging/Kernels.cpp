@@ -230,16 +230,36 @@ HWY_INLINE V16 LuminanceOf(D16 d, V16 b0, V16 b1, V16 b2)
     return hn::ShiftRight<8>(hn::Add(upper, hn::ShiftRight<8>(lower)));
 }
 
+// A vector of pixels, two columns a word.
+template <class V16>
+struct Columns {
+    V16 even, odd;
+};
+template <class V16>
+using BytesOf = hn::Vec<hn::Repartition<uint8_t, hn::DFromV<V16> > >;
+
+template <class V16>
+HWY_INLINE BytesOf<V16> Join(Columns<V16> v)
+{
+    return hn::BitCast(hn::Repartition<uint8_t, hn::DFromV<V16> >(), hn::Or(v.even, hn::ShiftLeft<8>(v.odd)));
+}
+
+template <class V16>
+HWY_INLINE Columns<V16> LuminanceOfColumns(Columns<V16> b0, Columns<V16> b1, Columns<V16> b2)
+{
+    const hn::DFromV<V16> d;
+    return { LuminanceOf(d, b0.even, b1.even, b2.even), LuminanceOf(d, b0.odd, b1.odd, b2.odd) };
+}
+
 template <class V8>
 HWY_INLINE V8 LuminanceOfBytes(V8 b0, V8 b1, V8 b2)
 {
-    const hn::DFromV<V8> d8;
-    const hn::RepartitionToWide<decltype(d8)> d16;
-    const auto low = hn::Set(d16, 0x00FF);
-    const auto w0 = hn::BitCast(d16, b0), w1 = hn::BitCast(d16, b1), w2 = hn::BitCast(d16, b2);
-    const auto even = LuminanceOf(d16, hn::And(w0, low), hn::And(w1, low), hn::And(w2, low));
-    const auto odd = LuminanceOf(d16, hn::ShiftRight<8>(w0), hn::ShiftRight<8>(w1), hn::ShiftRight<8>(w2));
-    return hn::BitCast(d8, hn::Or(even, hn::ShiftLeft<8>(odd)));
+    const hn::RepartitionToWide<hn::DFromV<V8> > d16;
+    const auto split = [d16](V8 v) HWY_ATTR {
+        const auto w = hn::BitCast(d16, v);
+        return Columns<hn::Vec<decltype(d16)> >{ hn::And(w, hn::Set(d16, 0x00FF)), hn::ShiftRight<8>(w) };
+    };
+    return Join(LuminanceOfColumns(split(b0), split(b1), split(b2)));
 }
 
 void Luminance(const uint8_t* rgb, uint8_t* dst, size_t n)
@@ -295,7 +315,10 @@ void StreamCopy(const uint8_t* src, uint8_t* dst, size_t n)
 
 // --- demosaic -------------------------------------------------------------------------------------------------------
 
+// JoinForPixels: bytes as StorePixels takes them. StorePixels<kStream>: past the caches, to an address aligned for a vector.
+#  undef KOV_JOIN_CUTS  // words above 255 become 255
 #  if HWY_TARGET == HWY_AVX3_DL
+#    define KOV_JOIN_CUTS 0
 struct Interleave {
     uint8_t first[3][64];  // of blue (0 to 63) and green (64 to 127)
     uint8_t red[3][64];
@@ -314,7 +337,6 @@ constexpr Interleave MakeInterleave()
 }
 alignas(64) constexpr Interleave g_Interleave = MakeInterleave();
 
-// `kStream`: past the caches, to an address aligned for a vector.
 template <bool kStream, class V8>
 HWY_INLINE void StorePixels(V8 blue, V8 green, V8 red, uint8_t* dst)
 {
@@ -328,7 +350,52 @@ HWY_INLINE void StorePixels(V8 blue, V8 green, V8 red, uint8_t* dst)
             _mm512_storeu_si512(dst + 64 * k, all);
     }
 }
+#  elif HWY_TARGET == HWY_AVX2
+#    define KOV_JOIN_CUTS 1
+// Half a vector is 16 pixels, as joined the even columns before the odd ones, and three blocks of 16 bytes: byte j of block k
+// belongs to channel (k + j) % 3. So one shuffle brings all of a channel to its bytes of the three blocks.
+struct Interleave {
+    uint8_t source[3][32];
+    uint8_t second[32], third[32];  // FF: the channel after that of the block's byte 0, the one after that
+};
+constexpr Interleave MakeInterleave()
+{
+    Interleave t{};
+    for (unsigned j = 0; j < 32; ++j) {
+        for (unsigned channel = 0; channel < 3; ++channel) {
+            const unsigned byte = j % 16, block = (channel + 2 * byte) % 3, pixel = (16 * block + byte) / 3;
+            t.source[channel][j] = static_cast<uint8_t>(pixel % 2 * 8 + pixel / 2);
+        }
+        t.second[j] = j % 16 % 3 == 1 ? 0xFF : 0;
+        t.third[j] = j % 16 % 3 == 2 ? 0xFF : 0;
+    }
+    return t;
+}
+alignas(64) constexpr Interleave g_Interleave = MakeInterleave();
+
+template <bool kStream, class V8>
+HWY_INLINE void StorePixels(V8 blue, V8 green, V8 red, uint8_t* dst)
+{
+    const auto load = [](const uint8_t* p) HWY_ATTR { return _mm256_load_si256(reinterpret_cast<const __m256i*>(p)); };
+    const __m256i second = load(g_Interleave.second), third = load(g_Interleave.third);
+    const __m256i b = _mm256_shuffle_epi8(blue.raw, load(g_Interleave.source[0]));
+    const __m256i g = _mm256_shuffle_epi8(green.raw, load(g_Interleave.source[1]));
+    const __m256i r = _mm256_shuffle_epi8(red.raw, load(g_Interleave.source[2]));
+    const __m256i block0 = _mm256_blendv_epi8(_mm256_blendv_epi8(b, g, second), r, third);
+    const __m256i block1 = _mm256_blendv_epi8(_mm256_blendv_epi8(g, r, second), b, third);
+    const __m256i block2 = _mm256_blendv_epi8(_mm256_blendv_epi8(r, b, second), g, third);
+    const auto store = [=](ptrdiff_t at, __m256i v) HWY_ATTR {
+        if constexpr (kStream)
+            _mm256_stream_si256(reinterpret_cast<__m256i*>(dst + at), v);
+        else
+            _mm256_storeu_si256(reinterpret_cast<__m256i*>(dst + at), v);
+    };
+    store(0, _mm256_permute2x128_si256(block0, block1, 0x20));
+    store(32, _mm256_blend_epi32(block2, block0, 0xF0));
+    store(64, _mm256_permute2x128_si256(block1, block2, 0x31));
+}
 #  else
+#    define KOV_JOIN_CUTS 0
 template <bool kStream, class V8>
 HWY_INLINE void StorePixels(V8 blue, V8 green, V8 red, uint8_t* dst)
 {
@@ -345,18 +412,25 @@ HWY_INLINE void StorePixels(V8 blue, V8 green, V8 red, uint8_t* dst)
 }
 #  endif
 
-// Two pixels a lane: a word holds the even column below, the odd column above. `kColourOdd` tells which of them is the
-// colour site of the row; `own` is the colour of the row's sites, `other` that of the rows above and below.
-// `ownGain` and `otherGain` are applied to the lanes of one column each.
-template <bool kColourOdd, class D8, class Gain>
-HWY_INLINE void Interpolate(D8 d8, const uint8_t* p, ptrdiff_t pitch, Gain ownGain, Gain otherGain, hn::Vec<D8>& own,
-                            hn::Vec<D8>& green, hn::Vec<D8>& other)
+template <class V16>
+HWY_INLINE BytesOf<V16> JoinForPixels(Columns<V16> v)
+{
+#  if HWY_TARGET == HWY_AVX2
+    return BytesOf<V16>{ _mm256_packus_epi16(v.even.raw, v.odd.raw) };
+#  else
+    return Join(v);
+#  endif
+}
+
+// `kColourOdd` tells which of the columns has the colour sites of the row; `own` is the colour of the row's sites, `other` that
+// of the rows above and below.
+template <bool kColourOdd, class D8, class V16>
+HWY_INLINE void Interpolate(D8 d8, const uint8_t* p, ptrdiff_t pitch, Columns<V16>& own, Columns<V16>& green, Columns<V16>& other)
 {
     const hn::RepartitionToWide<D8> d16;
     const auto load = [&](const uint8_t* q) HWY_ATTR { return hn::BitCast(d16, hn::LoadU(d8, q)); };
     const auto low = [&](auto v) HWY_ATTR { return hn::And(v, hn::Set(d16, 0x00FF)); };
     const auto high = [&](auto v) HWY_ATTR { return hn::ShiftRight<8>(v); };
-    const auto join = [&](auto even, auto odd) HWY_ATTR { return hn::BitCast(d8, hn::Or(even, hn::ShiftLeft<8>(odd))); };
 
     const auto here = load(p), left = load(p - 1), right = load(p + 1);
     const auto north = load(p - pitch), south = load(p + pitch);
@@ -366,35 +440,36 @@ HWY_INLINE void Interpolate(D8 d8, const uint8_t* p, ptrdiff_t pitch, Gain ownGa
         const auto nextColumn = hn::Add(high(load(p - pitch + 1)), high(load(p + pitch + 1)));
         const auto cross = hn::ShiftRight<2>(hn::Add(columnOdd, hn::Add(even, high(right))));
         const auto diagonal = hn::ShiftRight<2>(hn::Add(columnEven, nextColumn));
-        own = join(ownGain(hn::ShiftRight<1>(hn::Add(low(left), odd))), ownGain(odd));
-        green = join(even, cross);
-        other = join(otherGain(hn::ShiftRight<1>(columnEven)), otherGain(diagonal));
+        own = { hn::ShiftRight<1>(hn::Add(low(left), odd)), odd };
+        green = { even, cross };
+        other = { hn::ShiftRight<1>(columnEven), diagonal };
     } else {
         const auto previousColumn = hn::Add(low(load(p - pitch - 1)), low(load(p + pitch - 1)));
         const auto cross = hn::ShiftRight<2>(hn::Add(columnEven, hn::Add(low(left), odd)));
         const auto diagonal = hn::ShiftRight<2>(hn::Add(previousColumn, columnOdd));
-        own = join(ownGain(even), ownGain(hn::ShiftRight<1>(hn::Add(even, high(right)))));
-        green = join(cross, odd);
-        other = join(otherGain(diagonal), otherGain(hn::ShiftRight<1>(columnOdd)));
+        own = { even, hn::ShiftRight<1>(hn::Add(even, high(right))) };
+        green = { cross, odd };
+        other = { diagonal, hn::ShiftRight<1>(columnOdd) };
     }
 }
 
 // How red and blue get their gains.
 enum class GainWay { None, Factor, Lookup };
 
-template <GainWay kWay>
-struct GainOf {
-    uint16_t factor;
-    template <class V>
-    HWY_INLINE V operator()(V v) const
-    {
-        const hn::DFromV<V> d;
-        if constexpr (kWay == GainWay::Factor)
-            return hn::Min(hn::MulHigh(hn::ShiftLeft<16 - GAIN_SHIFT>(v), hn::Set(d, factor)), hn::Set(d, uint16_t{ 255 }));
-        else
-            return v;
-    }
-};
+// `kCut`: what the gain makes too large is cut here.
+template <GainWay kWay, bool kCut, class V16>
+HWY_INLINE Columns<V16> WithGain(Columns<V16> v, uint16_t factor)
+{
+    const hn::DFromV<V16> d;
+    const auto of = [=](V16 w) HWY_ATTR {
+        const V16 product = hn::MulHigh(hn::ShiftLeft<16 - GAIN_SHIFT>(w), hn::Set(d, factor));
+        return kCut ? hn::Min(product, hn::Set(d, uint16_t{ 255 })) : product;
+    };
+    if constexpr (kWay == GainWay::Factor)
+        return { of(v.even), of(v.odd) };
+    else
+        return v;
+}
 
 // Where pixels of a row go: that of column `first` to `at`, the others before and behind it.
 template <bool kY8>
@@ -406,13 +481,12 @@ struct PixelRow {
 };
 
 // What does not change along an inner row.
-template <bool kY8, GainWay kWay, bool kColourOdd>
+template <bool kY8, GainWay kWay, bool kColourOdd, bool kBlueRow>
 class InnerRow {
 public:
     HWY_INLINE InnerRow(const BayerFrame& f, ptrdiff_t y, const Table& blueTable, const Table& redTable)
         : m_row(f.Row(y)), m_width(f.width), m_ahead(std::min<ptrdiff_t>(ROWS_AHEAD, f.height - 1 - y) * f.width),
-          m_blueRow((y & 1) == f.phase.blueY), m_own{ m_blueRow ? f.gains->blueFactor : f.gains->redFactor },
-          m_other{ m_blueRow ? f.gains->redFactor : f.gains->blueFactor }, m_blueTable(blueTable), m_redTable(redTable)
+          m_blueFactor(f.gains->blueFactor), m_redFactor(f.gains->redFactor), m_blueTable(blueTable), m_redTable(redTable)
     {
     }
 
@@ -420,18 +494,21 @@ public:
     template <bool kStream, class D8>
     HWY_INLINE void Put(D8 d8, ptrdiff_t x, PixelRow<kY8> out) const
     {
-        hn::Vec<D8> own, green, other;
+        constexpr bool kCut = kY8 || !KOV_JOIN_CUTS;
+        Columns<hn::Vec<hn::RepartitionToWide<D8> > > blue, green, red;
         hwy::Prefetch(m_row + x + m_ahead);
-        Interpolate<kColourOdd>(d8, m_row + x, m_width, m_own, m_other, own, green, other);
-        auto blue = m_blueRow ? own : other, red = m_blueRow ? other : own;
-        if constexpr (kWay == GainWay::Lookup) {
-            blue = m_blueTable.Map(blue);
-            red = m_redTable.Map(red);
-        }
-        if constexpr (kY8)
-            hn::StoreU(LuminanceOfBytes(blue, green, red), d8, out.Pixel(x));
+        Interpolate<kColourOdd>(d8, m_row + x, m_width, kBlueRow ? blue : red, green, kBlueRow ? red : blue);
+        blue = WithGain<kWay, kCut>(blue, m_blueFactor);
+        red = WithGain<kWay, kCut>(red, m_redFactor);
+        if constexpr (kWay == GainWay::Lookup && kY8)
+            hn::StoreU(LuminanceOfBytes(m_blueTable.Map(Join(blue)), Join(green), m_redTable.Map(Join(red))), d8, out.Pixel(x));
+        else if constexpr (kY8)
+            hn::StoreU(Join(LuminanceOfColumns(blue, green, red)), d8, out.Pixel(x));
+        else if constexpr (kWay == GainWay::Lookup)
+            StorePixels<kStream>(m_blueTable.Map(JoinForPixels(blue)), JoinForPixels(green), m_redTable.Map(JoinForPixels(red)),
+                                 out.Pixel(x));
         else
-            StorePixels<kStream>(blue, green, red, out.Pixel(x));
+            StorePixels<kStream>(JoinForPixels(blue), JoinForPixels(green), JoinForPixels(red), out.Pixel(x));
     }
     // Columns x to `end`. The last vector may begin before x, where it holds the same as what stands there.
     template <class D8>
@@ -447,8 +524,7 @@ private:
     static constexpr int ROWS_AHEAD = 3;
     const uint8_t* const m_row;
     const ptrdiff_t m_width, m_ahead;
-    const bool m_blueRow;
-    const GainOf<kWay> m_own, m_other;
+    const uint16_t m_blueFactor, m_redFactor;
     const Table &m_blueTable, &m_redTable;
 };
 
@@ -515,12 +591,12 @@ public:
                 m_seam.Begin(Row(from).at, 0, 0);
         for (ptrdiff_t y = from; y < to; y += 2) {
             const bool inner = y >= 2 && y < m_endY && m_endX - 2 >= m_step;
-            if (inner && ((y & 1) == m_f.phase.blueY) == (m_f.phase.blueX == 1))
-                Inner<true>(y);
-            else if (inner)
-                Inner<false>(y);
-            else
+            if (!inner)
                 Outer(y);
+            else if (m_f.phase.blueY == 0)
+                m_f.phase.blueX == 1 ? Inner<true, true>(y) : Inner<false, true>(y);
+            else
+                m_f.phase.blueX == 0 ? Inner<true, false>(y) : Inner<false, false>(y);
         }
         if constexpr (!kY8) {
             if (m_stream) {
@@ -569,11 +645,11 @@ private:
 
     // Both rows advance together: past the caches, it is the walks to the next pages that take the time, and those of two
     // streams overlap.
-    template <bool kColourOdd>
+    template <bool kColourOdd, bool kBlueRow>
     HWY_INLINE void Inner(ptrdiff_t y)
     {
-        const InnerRow<kY8, kWay, kColourOdd> upper(m_f, y, m_blueTable, m_redTable);
-        const InnerRow<kY8, kWay, !kColourOdd> lower(m_f, y + 1, m_blueTable, m_redTable);
+        const InnerRow<kY8, kWay, kColourOdd, kBlueRow> upper(m_f, y, m_blueTable, m_redTable);
+        const InnerRow<kY8, kWay, !kColourOdd, !kBlueRow> lower(m_f, y + 1, m_blueTable, m_redTable);
         const PixelRow<kY8> toUpper = Row(y), toLower = Row(y + 1);
         if constexpr (!kY8) {
             if (m_stream) {
