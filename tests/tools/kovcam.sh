@@ -66,7 +66,7 @@ expect 0 "binned snap, in force what was set before" cam LapisMono snap -o b -e 
 has_key b.fits XPIXSZ 11.720
 has_key b.fits NAXIS1 968
 expect 0 "what is in force is told" cam LapisMono snap -o b -e 20ms --no-png
-says err 'from before: .*flip 2 \(0\)'
+says err 'not at its default: .*flip 2 \(0\)'
 has_key b.fits FLIPSTAT Flip
 expect 0 "defaults, and one kind of file by its ending" cam LapisMono snap -o b.fits -e 20ms --defaults
 has_key b.fits FLIPSTAT None
