@@ -2,7 +2,6 @@
 #pragma once
 #include <chrono>
 #include <cmath>
-#include <cstring>
 #include <functional>
 #include <thread>
 
@@ -34,14 +33,6 @@ protected:
         ASSERT_EQ(KOVOpenCamera(m_iId), KOV_SUCCESS);
         m_pCam = CCameraBase::FromID(m_iId);
         ASSERT_NE(m_pCam, nullptr);
-    }
-    void Reopen()
-    {
-        const Patience patience;
-        ASSERT_EQ(KOVCloseCamera(m_iId), KOV_SUCCESS);
-        ASSERT_GT(KOVGetNumOfConnectedCameras(), m_iId);
-        ASSERT_EQ(KOVOpenCamera(m_iId), KOV_SUCCESS);
-        m_pCam = CCameraBase::FromID(m_iId);
     }
     void Set(KOV_CONTROL_TYPE c, int32_t v, bool bAuto = false)
     {

@@ -1,4 +1,4 @@
-// Guide pins move the sky by what they should, the user ID outlives the power.
+// Guide pins move the sky by what they should.
 #include "auto/AutoBench.h"
 
 namespace {
@@ -78,37 +78,6 @@ TEST_F(GuideTest, PinsMoveTheSky)
     m_pDevice->ClearRequests();
     EXPECT_EQ(KOVPulseGuideOn(0, static_cast<KOV_GUIDE_DIRECTION>(4)), KOV_SUCCESS);
     EXPECT_TRUE(m_pDevice->Requests().empty());
-}
-
-TEST_F(GuideTest, UserIdOutlivesThePower)
-{
-    kovsim::CameraSettings s = Quiet(0xC0FA);
-    s.scene = kovsim::Scene::Dark();
-    Open(s);
-    KOV_ID id = { { 9, 9, 9, 9, 9, 9, 9, 9 } };
-    EXPECT_EQ(KOVGetID(0, &id), KOV_ERROR_GENERAL) << "a new camera has none";
-    EXPECT_EQ(id.id[0], 9);
-    // What stood in the sector has to be erased: a flash only clears bits.
-    m_pDevice->SetFlash(0x70000, Bytes(0x10000, 0));
-    const KOV_ID want = { { 'p', 'i', 'e', 'r', 0, 1, 2, 255 } };
-    ASSERT_EQ(KOVSetID(0, want), KOV_SUCCESS);
-    ASSERT_EQ(KOVCloseCamera(0), KOV_SUCCESS);
-    m_pDevice->PowerCycle();
-    ASSERT_EQ(KOVGetNumOfConnectedCameras(), 1);
-    ASSERT_EQ(KOVOpenCamera(0), KOV_SUCCESS);
-    ASSERT_EQ(KOVGetID(0, &id), KOV_SUCCESS);
-    EXPECT_EQ(std::memcmp(id.id, want.id, sizeof want.id), 0);
-    // The page holds the record and zeros, the rest of the sector is erased.
-    Bytes page = m_pDevice->Flash(0x70000, 512), expected(512, 0xFF);
-    std::fill_n(expected.begin(), 256, uint8_t{ 0 });
-    std::memcpy(expected.data(), "ID", 2);
-    std::memcpy(expected.data() + 2, want.id, 8);
-    EXPECT_EQ(page, expected);
-
-    // The image path works again afterwards.
-    Region(320, 240);
-    Set(CTRL_EXPOSURE, 1000);
-    EXPECT_TRUE(TakeSnap());
 }
 
 }  // namespace

@@ -1,5 +1,4 @@
-// The hot-pixel table: searched on a sensor whose hot pixels are known, kept in the camera's flash, followed by the
-// repair through regions and bins.
+// The hot-pixel table in the camera's flash, followed by the repair through regions and bins.
 #include <set>
 
 #include "auto/AutoBench.h"
@@ -26,59 +25,43 @@ Bytes Encode(const std::set<int>& hot, int pixels)
     return t;
 }
 
-std::set<int> Decode(const Bytes& t)
+struct Shape {
+    uint16_t wProductId;
+    std::vector<int> hardBins, softBins;
+    bool bFull;
+};
+std::string NameOf(const Shape& s)
 {
-    std::set<int> hot;
-    const size_t length = size_t{ t[4] } << 24 | size_t{ t[5] } << 16 | size_t{ t[6] } << 8 | t[7];
-    size_t page = 0;
-    for (size_t at = 8; at + 1 < std::min(length, t.size()); at += 2) {
-        if (t[at] == 0 && t[at + 1] == 0) {
-            ++page;
-            continue;
-        }
-        for (int b = 0; b < 8; ++b)
-            if (t[at + 1] >> b & 1)
-                hot.insert(static_cast<int>(page * 2048 + static_cast<size_t>(t[at] % 16 * 16 + t[at] / 16) * 8) + b);
-    }
-    return hot;
+    for (const ModelRow& m : Models())
+        if (m.wProductId == s.wProductId)
+            return m.sClass.substr(8);
+    return "unknown";
 }
+void PrintTo(const Shape& s, std::ostream* p) { *p << NameOf(s); }
 
-class HotTableTest : public AutoTest {
+class HotShapeTest : public AutoTest, public testing::WithParamInterface<Shape> {
 protected:
-    void OpenDark(uint16_t wProductId, int iHotPixels, bool bTable)
+    // One pixel in 1500 is hot, and all of them stand in the table.
+    void OpenDark(uint16_t wProductId)
     {
         kovsim::CameraSettings s = Quiet(wProductId);
         s.scene = kovsim::Scene::Dark();
-        s.iHotPixels = iHotPixels;
+        for (const ModelRow& m : Models())
+            if (m.wProductId == wProductId)
+                s.iHotPixels = m.iWidth * m.iHeight / 1500;
         const Patience patience;
-        if (bTable) {
-            kovsim::VirtualCamera& device = Plug(s);
-            const int w = device.Facts().iWidth;
-            std::set<int> hot;
-            for (const kovsim::HotPixel& p : device.HotPixels())
-                hot.insert(p.y * w + p.x);
-            device.SetFlash(TABLE, Encode(hot, w * device.Facts().iHeight));
-            m_pDevice = &device;
-            ASSERT_EQ(KOVGetNumOfConnectedCameras(), 1);
-            ASSERT_EQ(KOVOpenCamera(0), KOV_SUCCESS);
-            m_pCam = CCameraBase::FromID(0);
-            EXPECT_EQ(InTable(), static_cast<int>(hot.size()));
-        } else {
-            Open(s);
-        }
-    }
-    int InTable() const
-    {
-        int inDark = 0, inTable = -1;
-        m_pCam->GetHPSum(&inDark, &inTable);
-        return inTable;
-    }
-    std::set<int> HotPlaces() const
-    {
+        m_pDevice = &Plug(s);
+        const int w = m_pDevice->Facts().iWidth;
         std::set<int> hot;
         for (const kovsim::HotPixel& p : m_pDevice->HotPixels())
-            hot.insert(p.y * m_pCam->m_iMaxWidth + p.x);
-        return hot;
+            hot.insert(p.y * w + p.x);
+        m_pDevice->SetFlash(TABLE, Encode(hot, w * m_pDevice->Facts().iHeight));
+        ASSERT_EQ(KOVGetNumOfConnectedCameras(), 1);
+        ASSERT_EQ(KOVOpenCamera(0), KOV_SUCCESS);
+        m_pCam = CCameraBase::FromID(0);
+        int inDark = 0, inTable = -1;
+        m_pCam->GetHPSum(&inDark, &inTable);
+        EXPECT_EQ(inTable, static_cast<int>(hot.size()));
     }
     // Pixels that are off the level of their phase: above by what the repair looks for, or below. The border is left
     // out: cells there reach over the edge of the region.
@@ -105,95 +88,11 @@ protected:
     }
 };
 
-TEST_F(HotTableTest, SearchedSavedAndLoaded)
-{
-    NewBus(20);
-    ASSERT_NO_FATAL_FAILURE(OpenDark(0xC11B, 300, false));
-    EXPECT_FALSE(m_pCam->IsHPCEnable()) << "a new camera has no table";
-    Region(m_pCam->m_iMaxWidth, m_pCam->m_iMaxHeight);
-    Set(CTRL_GAIN, 200);
-    Set(CTRL_EXPOSURE, 200000);
-
-    const auto StandOuts = [&] {
-        std::set<int> hot;
-        for (int i = 0; i < m_iW * m_iH; ++i)
-            if (m_pCam->m_pDarkBuf[i] > m_pCam->m_iDarkAve + 30)
-                hot.insert(i);
-        return hot;
-    };
-    const std::set<int> real = HotPlaces();
-    // The exposure is lowered until as many stand out as are wanted.
-    int iFound = 0;
-    unsigned long uRunning = 0;
-    Bytes frame(m_Frame.size());
-    const auto search = [&](int iMin, int iMax) {
-        return m_pCam->AutoGetHPC(&iFound, iMin, iMax, &uRunning, frame.data(), static_cast<int>(frame.size()));
-    };
-    m_pDevice->SetFlash(TABLE, Bytes(0x30000, 0));  // only an erased flash takes a table
-    ASSERT_TRUE(search(120, 160));
-    EXPECT_GE(iFound, 120);
-    EXPECT_LE(iFound, 160);
-    EXPECT_EQ(uRunning, static_cast<unsigned long>(iFound));
-    EXPECT_LT(Now(CTRL_EXPOSURE), 200000);
-
-    const Bytes flash = m_pDevice->Flash(TABLE, 0x30000);
-    const std::set<int> table = Decode(flash);
-    EXPECT_EQ(table, StandOuts());
-    EXPECT_EQ(static_cast<int>(table.size()), iFound);
-    EXPECT_TRUE(std::includes(real.begin(), real.end(), table.begin(), table.end())) << "no pixel but hot ones";
-
-    // It travels with the camera, and is at work from the start.
-    ASSERT_EQ(KOVCloseCamera(0), KOV_SUCCESS);
-    m_pDevice->PowerCycle();
-    ASSERT_NO_FATAL_FAILURE(Reopen());
-    EXPECT_TRUE(m_pCam->IsHPCEnable());
-    unsigned long uCount = 0;
-    EXPECT_TRUE(m_pCam->ChangeHPCStatus(HPC_QUERY, &uCount));
-    EXPECT_EQ(uCount, table.size());
-    // Repaired to the neighbours' level; hot pixels that the table does not know stay.
-    Set(CTRL_GAIN, 200);
-    Set(CTRL_EXPOSURE, 200000);
-    m_pDevice->SetScene(kovsim::Scene::Flat(600));
-    ASSERT_TRUE(TakeSnap());
-    ASSERT_TRUE(TakeSnap());
-    const int iFlat = At(m_iW / 2 + 1, m_iH / 2 + 1);
-    ASSERT_GT(iFlat, 10);
-    int nLeft = 0;
-    for (const int i : real)
-        if (table.count(i) != 0)
-            EXPECT_NEAR(m_Frame[static_cast<size_t>(i)], iFlat, 1) << i % m_iW << ' ' << i / m_iW;
-        else
-            nLeft += m_Frame[static_cast<size_t>(i)] > iFlat + 30;
-    EXPECT_GT(nLeft, 10);
-}
-
-// --- the table through the geometries
-
-struct Shape {
-    uint16_t wProductId;
-    std::vector<int> hardBins, softBins;
-    bool bFull;
-};
-std::string NameOf(const Shape& s)
-{
-    for (const ModelRow& m : Models())
-        if (m.wProductId == s.wProductId)
-            return m.sClass.substr(8);
-    return "unknown";
-}
-void PrintTo(const Shape& s, std::ostream* p) { *p << NameOf(s); }
-
-class HotShapeTest : public HotTableTest, public testing::WithParamInterface<Shape> {};
-
 TEST_P(HotShapeTest, EvenPictureInEveryMode)
 {
     const Shape& shape = GetParam();
     NewBus(10);
-    int iPixels = 0;
-    for (const ModelRow& m : Models())
-        if (m.wProductId == shape.wProductId)
-            iPixels = m.iWidth * m.iHeight;
-    ASSERT_NO_FATAL_FAILURE(OpenDark(shape.wProductId, iPixels / 1500, true));
+    ASSERT_NO_FATAL_FAILURE(OpenDark(shape.wProductId));
     m_pDevice->SetScene(kovsim::Scene::Flat(50));
     const auto check = [&](int w, int h, int bin, bool bHard, bool bStart) {
         SCOPED_TRACE(testing::Message() << w << " x " << h << ", bin " << bin << (bHard ? " in hardware" : "")

@@ -292,6 +292,8 @@ struct Rig {
         cam.Ended(platform::WAIT_FOREVER);
         cam.ReplaceLink(nullptr);
     }
+    // A video, whose first request waits.
+    bool Starts() { return cam.StartCapture(false) && Waiting(1); }
     std::vector<uint8_t> Read(uint32_t ms = 3000)
     {
         std::vector<uint8_t> v(size_t(cam.GetRealImageSize()));

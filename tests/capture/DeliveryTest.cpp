@@ -95,19 +95,6 @@ TEST(Delivery, MarbleTakesTheThirdRowForTheFirst)
     }
 }
 
-TEST(Delivery, MonochromeFormats)
-{
-    Shot s(Family::Kyanite, false);
-    const Bytes raw = Body(W * H, 1), fixed = Repaired(raw, W, 2, 4, 4);
-    s.cam.m_bRawOutput = false;
-    EXPECT_EQ(s.Get(raw, raw.size()), fixed);
-    s.cam.m_ImgType = IMAGE_RGB24;
-    const Bytes rgb = s.Get(raw, 3 * raw.size());
-    ASSERT_EQ(rgb.size(), 3 * raw.size());
-    for (size_t i = 0; i < rgb.size(); ++i)
-        ASSERT_EQ(rgb[i], fixed[i / 3]) << i;
-}
-
 TEST(Delivery, SixteenBitFormats)
 {
     Shot s(Family::Lapis, true);
@@ -224,23 +211,6 @@ TEST(Delivery, AutomaticExposureBelowHalfASecondSuspendsTheDark)
         const Bytes out = s.Get(Bytes(W * H, 50), W * H);
         EXPECT_EQ(out[200] == 43, row.bSubtracts) << int(row.family) << ' ' << int(out[200]);
     }
-}
-
-TEST(Delivery, GammaUnlessNeutral)
-{
-    Shot s(Family::Onyx, true);
-    s.cam.SetGamma(100);  // square root
-    const Bytes out = s.Get(Bytes(W * H, 64), W * H);
-    EXPECT_EQ(out[500], uint8_t(std::sqrt(64 / 255.0) * 255.0));
-    s.cam.m_iGamma = 50;  // the tables stay, unused
-    EXPECT_EQ(s.Get(Bytes(W * H, 64), W * H)[500], 64);
-    s.cam.m_iGamma = 100;
-    s.cam.m_bOutput16Bits = true;
-    s.cam.m_ImgType = IMAGE_16BIT;
-    Bytes raw(2 * W * H);
-    for (size_t i = 0; i < W * H; ++i)
-        Set16(raw, i, 16384);
-    EXPECT_NEAR(W16(s.Get(raw, raw.size()), 500), std::sqrt(16384 / 65535.0) * 65535.0, 1.0);
 }
 
 TEST(Delivery, HeadTestPassesOverDamagedFrames)

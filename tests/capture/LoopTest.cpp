@@ -25,8 +25,7 @@ TEST(ModernLoop, StartsDeliversAndEndsInOrder)
 {
     Rig r(Family::Quartz, true);
     r.cam.m_iDroppedFrames = 7;  // of the last capture
-    ASSERT_TRUE(r.cam.StartCapture(false));
-    ASSERT_TRUE(r.Waiting(1));
+    ASSERT_TRUE(r.Starts());
     EXPECT_EQ(r.Log(), "out 170 0000 0000\nout 166 aaaa 0000\nout 169 0000 0000\nout 166 aaaa 0001\n");
     EXPECT_EQ(r.usb.dev.Events(), (std::vector<std::string>{ "abort 82", "reset 82", "size 82 100000" }));
     r.usb.dev.Clear();
@@ -57,8 +56,7 @@ TEST(AnyLoop, DamagedFramesAreDroppedAndResynchronised)
         SCOPED_TRACE(int(f));
         Rig r(f, false, W, H, "Damaged");
         r.cam.m_lExposure = PATIENT;
-        r.cam.StartCapture(false);
-        ASSERT_TRUE(r.Waiting(1));
+        ASSERT_TRUE(r.Starts());
         const bool bA = HasMarksA(f);
         const auto send = [&](unsigned seed) {
             r.usb.Send(FrameOf(f, S, seed));
@@ -153,8 +151,7 @@ TEST(AnyLoop, BadFramesOnAutoLowerTheBandwidth)
         const std::string sClass = "Bandwidth" + std::to_string(&row - rows);
         Rig r(row.family, true, W, H, sClass.c_str());
         r.cam.m_lExposure = PATIENT;
-        r.cam.StartCapture(false);
-        ASSERT_TRUE(r.Waiting(1));
+        ASSERT_TRUE(r.Starts());
         r.cam.m_bAutoFPS = row.bAuto;
         auto bad = FrameOf(row.family, S, 1);
         bad[0] = 0;
@@ -167,8 +164,7 @@ TEST(AnyLoop, BadFramesOnAutoLowerTheBandwidth)
 TEST(ModernLoop, FullRingCountsDropsAndLeavesTheStreamAlone)
 {
     Rig r(Family::Quartz, true);
-    r.cam.StartCapture(false);
-    ASSERT_TRUE(r.Waiting(1));
+    ASSERT_TRUE(r.Starts());
     r.usb.dev.ClearEvents();
     for (unsigned i = 0; i < 6; ++i) {
         r.usb.Send(FrameA(S, i));
@@ -365,8 +361,7 @@ TEST(AnyLoop, EndsWhenTheDeviceHasGoneOrTheCameraCloses)
     const FastClock fast(20);
     for (const Family f : { Family::Kyanite, Family::Garnet, Family::Dunite, Family::Cobalt, Family::Iolite }) {
         Rig r(f, true);
-        r.cam.StartCapture(false);
-        ASSERT_TRUE(r.Waiting(1));
+        ASSERT_TRUE(r.Starts());
         r.usb.dev.Vanish();
         platform::SleepMs(3000);
         EXPECT_TRUE(r.cam.m_bCapturing);  // goes on until it is stopped
@@ -376,8 +371,7 @@ TEST(AnyLoop, EndsWhenTheDeviceHasGoneOrTheCameraCloses)
     // A wait of minutes does not hold up the closing.
     Rig r(Family::Marble, true);
     r.cam.m_lExposure = 100000000;
-    r.cam.StartCapture(false);
-    ASSERT_TRUE(r.Waiting(1));
+    ASSERT_TRUE(r.Starts());
     EXPECT_FALSE(r.cam.StopCapture());  // gives up after 5 s
     // The next capture sees to it that the old thread goes.
     r.cam.m_lExposure = 1000;
@@ -414,8 +408,7 @@ TEST(GarnetLoop, StartAndEndInOrder)
     for (const Family f : { Family::Garnet, Family::Agate, Family::Dunite }) {
         Rig r(f, false);
         r.cam.m_bOutput16Bits = true;
-        r.cam.StartCapture(false);
-        ASSERT_TRUE(r.Waiting(1));
+        ASSERT_TRUE(r.Starts());
         EXPECT_EQ(r.Log(),
                   "out 170 0000 0000\nout 166 aaaa 0000\nout 175 0000 0000\nout 169 0000 0000\nout 172 0000 0000\n"
                   "out 166 aaaa 0001\n");
@@ -430,8 +423,7 @@ TEST(GarnetLoop, StartAndEndInOrder)
 TEST(GarnetLoop, QuirkFirstGoodFrameOfAVideoIsLost)
 {
     Rig r(Family::Garnet, false);
-    r.cam.StartCapture(false);
-    ASSERT_TRUE(r.Waiting(1));
+    ASSERT_TRUE(r.Starts());
     r.usb.Send(FrameB(S, 1));
     ASSERT_TRUE(Until([&] { return r.Events("reset 82") == 2; }));
     ASSERT_TRUE(r.Waiting(1));
@@ -454,8 +446,7 @@ TEST(SmallChunkLoops, QuirkBadHeadIsDeliveredAndCountedAtShortExposures)
         for (const uint64_t exposure : { 99999u, 100000u }) {
             Rig r(f, false);
             r.cam.m_lExposure = exposure;
-            r.cam.StartCapture(false);
-            ASSERT_TRUE(r.Waiting(1));
+            ASSERT_TRUE(r.Starts());
             auto bad = FrameB(S, 1);
             bad[3] = 0;
             ASSERT_TRUE(r.SendBad(bad));
@@ -482,8 +473,7 @@ TEST(SmallChunkLoops, RunsOfBadFramesResetTheCamera)
         SCOPED_TRACE(int(row.family));
         Rig r(row.family, false, W, H, "Runs");
         r.cam.m_lExposure = PATIENT;
-        r.cam.StartCapture(false);
-        ASSERT_TRUE(r.Waiting(1));
+        ASSERT_TRUE(r.Starts());
         ASSERT_TRUE(Until([&] { return r.Log().find("out 169") != std::string::npos; }));
         r.usb.dev.Clear();
         for (int i = 1; i <= row.limit; ++i)
@@ -507,8 +497,7 @@ TEST(GarnetLoop, SilenceResetsTheDeviceAfterFiftyOnePasses)
     const FastClock fast(50);
     Rig r(Family::Garnet, false);
     r.cam.m_lExposure = 0;  // short waits: frame time is 2 ms
-    r.cam.StartCapture(false);
-    ASSERT_TRUE(r.Waiting(1));
+    ASSERT_TRUE(r.Starts());
     ASSERT_TRUE(Until([&] { return r.usb.dev.Requests().size() >= 8; }, 10000));
     EXPECT_EQ(r.Log().substr(5 * 18, 3 * 18), "out 166 300c 0690\nout 175 0000 0000\nout 169 0000 0000\n");
 }
@@ -517,8 +506,7 @@ TEST(GarnetSLoop, FifthBadFrameStretchesTheLine)
 {
     Rig r(Family::GarnetS, false);
     r.cam.m_lExposure = PATIENT;
-    r.cam.StartCapture(false);
-    ASSERT_TRUE(r.Waiting(1));
+    ASSERT_TRUE(r.Starts());
     r.usb.dev.Clear();
     const std::string file = testing::TempDir() + "kov-line.log";
     std::remove(file.c_str());
@@ -580,8 +568,7 @@ TEST(Automation, ShortExposuresBesideTheLoopLongOnesInIt)
         r.cam.m_iDestBrightness = 250;  // far away: each step sets the gain
         r.cam.m_lExposure = bLong ? 100000 : 99999;
         const size_t before = r.cam.CountOf("gain");
-        r.cam.StartCapture(false);
-        ASSERT_TRUE(r.Waiting(1));
+        ASSERT_TRUE(r.Starts());
         if (!bLong) {
             EXPECT_TRUE(Until([&] { return r.cam.CountOf("gain") > before + 2; }));  // without any frame
             continue;
@@ -610,8 +597,7 @@ TEST(Automation, QuirkGarnetColStandsStillFrom100Ms)
         r.cam.m_bAutoGain = true;
         r.cam.m_iDestBrightness = 250;
         r.cam.m_lExposure = 100000;
-        r.cam.StartCapture(false);
-        ASSERT_TRUE(r.Waiting(1));
+        ASSERT_TRUE(r.Starts());
         ASSERT_TRUE(r.SendBad(FrameB(S, 1)));  // the first good one
         for (unsigned i = 0; i < 3; ++i) {     // each after the step on the one before
             r.usb.Send(FrameB(S, i));
@@ -626,8 +612,7 @@ TEST(Automation, AgateTakesAOneShotThreadForShortExposures)
     Rig r(Family::Agate, true, W, H, "AgateAuto");
     r.cam.m_bAutoWB = true;
     r.cam.m_lExposure = 150000;  // two frames pass 200 ms
-    r.cam.StartCapture(false);
-    ASSERT_TRUE(r.Waiting(1));
+    ASSERT_TRUE(r.Starts());
     for (unsigned i = 0; i < 5; ++i) {
         r.usb.Send(FrameB(S, i));
         ASSERT_TRUE(Until([&] { return r.usb.Left() == 0; }) && r.Waiting(1));

@@ -55,29 +55,12 @@ inline const std::vector<ModelRow>& Models()
                     v.push_back(n);
                 return v;
             };
-            rows.push_back({ static_cast<uint16_t>(std::stoi(f.at(0), nullptr, 16)),
-                             f[1],
-                             f[2],
-                             std::stoi(f[3]),
-                             std::stoi(f[4]),
-                             std::stod(f[5]),
-                             std::stoi(f[6]),
-                             f[7] == "1",
-                             f[8] == "1",
-                             f[9] == "1",
-                             std::stof(f[10]),
-                             std::stoi(f[11]),
-                             std::stoi(f[12]),
-                             ints(13),
-                             ints(14),
-                             ints(15),
-                             ints(16),
-                             ints(17),
-                             ints(18),
-                             ints(19),
-                             ints(20),
-                             f.at(21),
-                             f.at(22) == "1" });
+            // clang-format off
+            rows.push_back({ static_cast<uint16_t>(std::stoi(f.at(0), nullptr, 16)), f[1], f[2], std::stoi(f[3]), std::stoi(f[4]),
+                             std::stod(f[5]), std::stoi(f[6]), f[7] == "1", f[8] == "1", f[9] == "1", std::stof(f[10]),
+                             std::stoi(f[11]), std::stoi(f[12]), ints(13), ints(14), ints(15), ints(16), ints(17), ints(18),
+                             ints(19), ints(20), f.at(21), f.at(22) == "1" });
+            // clang-format on
         }
         return rows;
     }();

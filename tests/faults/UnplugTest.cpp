@@ -103,36 +103,4 @@ TEST_P(SomeFormsTest, UnpluggedDuringStopAndClose)
     ExpectUsable(W, H, US);
 }
 
-// Bring-up against a camera that refuses all, or one kind of request: the open succeeds as long as the device is there,
-// and nothing hangs whatever is tried then.
-TEST_P(FormTest, RefusesRequestsDuringBringUp)
-{
-    Speed(20);
-    Plug(Form(), std::make_shared<TimedPattern>(US));
-    std::vector<uint8_t> data(size_t(Form().w) * size_t(Form().h) * 16);
-    for (const uint32_t request :
-         { 0u, 163u, 164u, 166u, 167u, 169u, 170u, 173u, 175u, 180u, 181u, 182u, 183u, 187u, 188u, 189u }) {
-        SCOPED_TRACE(request);
-        Fault(FaultKind::FailControl, request, 0, 1000000);
-        ASSERT_EQ(KOVGetNumOfConnectedCameras(), 1);
-        const Limit limit("bring-up of a camera that refuses requests");
-        EXPECT_EQ(KOVOpenCamera(0), KOV_SUCCESS);
-        KOVSetControlValue(0, CTRL_EXPOSURE, US, KOV_FALSE);
-        EXPECT_EQ(KOVStartVideoCapture(0), KOV_SUCCESS);
-        const KOV_ERROR_CODE r = KOVGetVideoData(0, data.data(), int32_t(data.size()), 500);
-        if (request == 0) {
-            EXPECT_EQ(r, KOV_ERROR_TIMEOUT);
-        }
-        EXPECT_EQ(KOVStopVideoCapture(0), KOV_SUCCESS);
-        EXPECT_EQ(KOVStartExposure(0), KOV_SUCCESS);
-        EXPECT_EQ(KOVStopExposure(0), KOV_SUCCESS);
-        EXPECT_EQ(KOVCloseCamera(0), KOV_SUCCESS);
-        m_pCam->ClearFaults();
-        m_pCam->PowerCycle();
-    }
-    Speed(4);
-    Plug(Form(), std::make_shared<TimedPattern>(US));
-    ExpectUsable(W, H, US);
-}
-
 }  // namespace

@@ -1,15 +1,11 @@
 // The cameras without an FPGA: what their classes send. The expected numbers are worked out by hand from the sensors'
 // laws; the working stands beside them.
-#include <array>
-#include <cstdlib>
-
 #include "platform/SettingsStore.h"
 #include "sensors/SensorBench.h"
 #include "sensors/agate/Agate.h"
 #include "sensors/cobalt/Cobalt.h"
 #include "sensors/garnet/Garnet.h"
 #include "sensors/iolite/Iolite.h"
-#include "usb/FirmwareImages.h"
 
 namespace {
 
@@ -18,7 +14,6 @@ using usbstack::Speed;
 class Usb2 : public SensorTest {
 protected:
     Usb2() : SensorTest(10000) { m_ver = 3; }
-    ~Usb2() override { ClearFirmware(); }
 
     // A camera on a device of its own, found and brought up. Registers read as m_regs tells, else as 0; firmware m_ver.
     template <class T>
@@ -310,34 +305,6 @@ TEST_F(Garnet, SuperSpeedBridge)
     EXPECT_EQ(SENDS(cam->SetExp(20000000, false)), "?30b0: 301a:10d8 30b0:5330 301a:10dc 3012:1fff");
     EXPECT_TRUE(cam->m_bLongExp);
     EXPECT_FALSE(cam->SetOverCLKPerc(5));
-}
-
-TEST_F(Garnet, FirmwareIsUpdatedOnlyWhenOldAndAtHand)
-{
-    static const uint8_t image[] = { 0xC2, 0x47, 0x05, 0x31, 0x21, 0, 0, 4, 0x80, 0x01, 0xE6, 0x00, 0 };
-    static const std::array<uint8_t, 2048> loader{};
-    const auto loads = [this] {
-        int n = 0;
-        for (const auto& r : m_dev->Take())
-            n += r.bRequest == 160;
-        return n;
-    };
-    m_ver = 2;
-    Open<CCameraSGarnetMono>(0xC07A, Speed::High, false);
-    EXPECT_EQ(loads(), 0);  // no image: opened as it is
-    m_dev->Vanish();
-
-    SetFirmware(FirmwareId::GarnetMono, { image, sizeof image });
-    SetFirmware(FirmwareId::LoaderPart1, { loader.data(), 2048 });
-    SetFirmware(FirmwareId::LoaderPart2, { loader.data(), 1427 });
-    Open<CCameraSGarnetMono>(0xC07A, Speed::High, false);
-    EXPECT_GT(loads(), 0);
-    EXPECT_NE(std::ranges::count(m_dev->Events(), "cycleport"), 0);
-    m_dev->Vanish();
-
-    m_ver = 3;
-    Open<CCameraSGarnetMono>(0xC07A, Speed::High, false);
-    EXPECT_EQ(loads(), 0);
 }
 
 // --- Cobalt --------------------------------------------------------------------------------------------------------

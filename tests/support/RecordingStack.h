@@ -27,6 +27,7 @@
 #include <vector>
 
 #include "platform/UsbStack.h"
+#include "tests/support/DeviceDescriptor.h"
 
 struct RecordedRequest {
     bool bIn = false;
@@ -76,26 +77,7 @@ public:
         info.speed = speed;
 
         const bool bSuper = speed == usbstack::Speed::Super;
-        const auto lo = [](uint16_t w) { return uint8_t(w & 0xFF); };
-        const auto hi = [](uint16_t w) { return uint8_t(w >> 8); };
-        deviceDescriptor = { 18,
-                             1,
-                             0,
-                             uint8_t(bSuper ? 3 : 2),
-                             0,
-                             0,
-                             0,
-                             uint8_t(bSuper ? 9 : 64),
-                             lo(wVendorId),
-                             hi(wVendorId),
-                             lo(wProductId),
-                             hi(wProductId),
-                             0,
-                             1,
-                             1,
-                             2,
-                             3,
-                             1 };
+        deviceDescriptor = DeviceDescriptor(bSuper, wVendorId, wProductId, 0x0100);
         configDescriptor = { 9, 2, uint8_t(bSuper ? 31 : 25), 0, 1, 1, 0, 0x80, 100, 9, 4, 0, 0, 1, 0xFF, 0, 0, 0, 7, 5, 0x82,
                              2, 0, uint8_t(bSuper ? 4 : 2),   0 };
         if (bSuper) {

@@ -17,6 +17,7 @@
 #include <memory>
 #include <mutex>
 #include <new>
+#include <optional>
 #include <set>
 #include <thread>
 
@@ -226,6 +227,29 @@ protected:
     std::unique_ptr<MockBus> m_pBus;
 };
 
+// With one device, which the test has open.
+class Opened : public Libusb {
+protected:
+    void SetUp() override
+    {
+        Libusb::SetUp();
+        if (IsSkipped())
+            return;
+        usb.emplace(*m_pBus, uint8_t{ 2 }, "1", device);
+        p = OpenFirst();
+        ASSERT_TRUE(p);
+    }
+    void TearDown() override
+    {
+        p.reset();
+        usb.reset();
+        Libusb::TearDown();
+    }
+    StreamDevice device{ 0xA001 };
+    std::optional<MockUsb> usb;
+    std::unique_ptr<IDevice> p;
+};
+
 }  // namespace
 
 TEST_F(Libusb, ListsOwnVendorByBusThenPortAsNumbers)
@@ -255,12 +279,8 @@ TEST_F(Libusb, ListsOwnVendorByBusThenPortAsNumbers)
     }
 }
 
-TEST_F(Libusb, ControlBothWays)
+TEST_F(Opened, ControlBothWays)
 {
-    StreamDevice device(0xA001);
-    MockUsb usb(*m_pBus, 2, "1", device);
-    const auto p = OpenFirst();
-    ASSERT_TRUE(p);
     const size_t nBefore = device.Seen().size();
     uint8_t data[4096];
     uint32_t dwMoved = 99;
@@ -309,12 +329,8 @@ TEST_F(Libusb, ControlBothWays)
     EXPECT_EQ(data[0], 0x11);
 }
 
-TEST_F(Libusb, DescriptorsComeWithoutTheDeviceWhereItRefuses)
+TEST_F(Opened, DescriptorsComeWithoutTheDeviceWhereItRefuses)
 {
-    StreamDevice device(0xA001);
-    MockUsb usb(*m_pBus, 2, "1", device);
-    const auto p = OpenFirst();
-    ASSERT_TRUE(p);
     const size_t nBefore = device.Seen().size();
     uint8_t data[256];
     uint32_t dwMoved = 0;
@@ -334,13 +350,9 @@ TEST_F(Libusb, DescriptorsComeWithoutTheDeviceWhereItRefuses)
     EXPECT_EQ(p->Control(0x80, 6, 0x0F00, 0, data, 255, 1000, &dwMoved), Status::Stall);
 }
 
-TEST_F(Libusb, StreamKeepsAFullFrameInFlight)
+TEST_F(Opened, StreamKeepsAFullFrameInFlight)
 {
     constexpr size_t N = 33, FRAMES = 3;
-    StreamDevice device(0xA001);
-    MockUsb usb(*m_pBus, 2, "1", device);
-    const auto p = OpenFirst();
-    ASSERT_TRUE(p);
     Requests r(N, MIB);
     r.bThrows = true;  // which must not pass through libusb, and disturbs nothing
     r.Submit(*p);
@@ -357,15 +369,11 @@ TEST_F(Libusb, StreamKeepsAFullFrameInFlight)
     }
     EXPECT_EQ(r.Threads().size(), 1u);
     EXPECT_EQ(r.Threads().count(std::this_thread::get_id()), 0u);
-    EXPECT_EQ(usb.Seen().iBulk, int(N * (FRAMES + 1)));  // one request each: nothing is split or copied together
+    EXPECT_EQ(usb->Seen().iBulk, int(N * (FRAMES + 1)));  // one request each: nothing is split or copied together
 }
 
-TEST_F(Libusb, ShortAndEmptyRequests)
+TEST_F(Opened, ShortAndEmptyRequests)
 {
-    StreamDevice device(0xA001);
-    MockUsb usb(*m_pBus, 2, "1", device);
-    const auto p = OpenFirst();
-    ASSERT_TRUE(p);
     Requests r(4, 4096);
     r.Submit(*p);
     device.Allow(1, 0);
@@ -380,13 +388,9 @@ TEST_F(Libusb, ShortAndEmptyRequests)
     EXPECT_EQ(r.Count(Status::Ok), 3u);
 }
 
-TEST_F(Libusb, AbortReturnsWhenAllAreDoneAndNothingIsWrittenLater)
+TEST_F(Opened, AbortReturnsWhenAllAreDoneAndNothingIsWrittenLater)
 {
     constexpr size_t N = 33;
-    StreamDevice device(0xA001);
-    MockUsb usb(*m_pBus, 2, "1", device);
-    const auto p = OpenFirst();
-    ASSERT_TRUE(p);
     Requests r(N, MIB), other(2, 512, 0x82);
     r.Submit(*p);
     other.Submit(*p);
@@ -413,12 +417,8 @@ TEST_F(Libusb, AbortReturnsWhenAllAreDoneAndNothingIsWrittenLater)
         ASSERT_EQ(std::count(r[i].data.begin(), r[i].data.end(), 0x5A), long(MIB));
 }
 
-TEST_F(Libusb, StallEndsEachRequestAndResetClearsIt)
+TEST_F(Opened, StallEndsEachRequestAndResetClearsIt)
 {
-    StreamDevice device(0xA001);
-    MockUsb usb(*m_pBus, 2, "1", device);
-    const auto p = OpenFirst();
-    ASSERT_TRUE(p);
     Requests r(5, 4096);
     r.Submit(*p);
     device.Halt();
@@ -435,20 +435,16 @@ TEST_F(Libusb, StallEndsEachRequestAndResetClearsIt)
     EXPECT_EQ(again.Count(Status::Cancelled), 1u);
     uint32_t dwMoved = 0;
     EXPECT_EQ(p->Control(0x02, 1, 0, EP, nullptr, 0, 1000, &dwMoved), Status::Ok);  // the same by its standard request
-    EXPECT_EQ(usb.Seen().iClearHalts, 3);
-    EXPECT_EQ(usb.Seen().iRefusedHalts, 0);
+    EXPECT_EQ(usb->Seen().iClearHalts, 3);
+    EXPECT_EQ(usb->Seen().iRefusedHalts, 0);
 }
 
-TEST_F(Libusb, VanishEndsAllAndReplugOpensAgain)
+TEST_F(Opened, VanishEndsAllAndReplugOpensAgain)
 {
-    StreamDevice device(0xA001);
-    MockUsb usb(*m_pBus, 2, "1", device);
-    auto p = OpenFirst();
-    ASSERT_TRUE(p);
     const std::string sOld = usbstack::LibusbStack().Enumerate().at(0).sPath;
     Requests r(33, MIB);
     r.Submit(*p);
-    usb.Vanish();
+    usb->Vanish();
     ASSERT_TRUE(r.Wait(33, 2s));
     EXPECT_EQ(r.Count(Status::Gone), 33u);
     uint8_t data[18];
@@ -464,7 +460,7 @@ TEST_F(Libusb, VanishEndsAllAndReplugOpensAgain)
     EXPECT_TRUE(Until([] { return usbstack::LibusbStack().Enumerate().empty(); }));
 
     // Back again while the old handle is still open.
-    usb.Plug();
+    usb->Plug();
     std::vector<DeviceInfo> v;
     ASSERT_TRUE(Until([&] { return (v = usbstack::LibusbStack().Enumerate()).size() == 1; }));
     EXPECT_EQ(v[0].sPortPath, "1");
@@ -480,15 +476,11 @@ TEST_F(Libusb, VanishEndsAllAndReplugOpensAgain)
     device.Allow(1);
     ASSERT_TRUE(again.Wait(1));
     EXPECT_EQ(again.Count(Status::Ok), 1u);
-    EXPECT_EQ(usb.Seen().iOutstanding, 0);
+    EXPECT_EQ(usb->Seen().iOutstanding, 0);
 }
 
-TEST_F(Libusb, VanishInTheMidstOfAControlRequest)
+TEST_F(Opened, VanishInTheMidstOfAControlRequest)
 {
-    StreamDevice device(0xA001);
-    MockUsb usb(*m_pBus, 2, "1", device);
-    const auto p = OpenFirst();
-    ASSERT_TRUE(p);
     device.bMute = true;
     const size_t nBefore = device.Seen().size();
     std::atomic<int> iStatus = -1;
@@ -499,7 +491,7 @@ TEST_F(Libusb, VanishInTheMidstOfAControlRequest)
     });
     EXPECT_TRUE(Until([&] { return device.Seen().size() > nBefore; }));
     EXPECT_EQ(iStatus, -1);
-    usb.Vanish();
+    usb->Vanish();
     t.join();
     EXPECT_EQ(iStatus, int(Status::Gone));
     device.Unmute();
@@ -697,12 +689,8 @@ TEST_F(Libusb, OpenCloseAndListFromManyThreads)
     EXPECT_EQ(n.iOutstanding, 0);
 }
 
-TEST_F(Libusb, SubmitAndAbortFromTwoThreads)
+TEST_F(Opened, SubmitAndAbortFromTwoThreads)
 {
-    StreamDevice device(0xA001);
-    MockUsb usb(*m_pBus, 2, "1", device);
-    const auto p = OpenFirst();
-    ASSERT_TRUE(p);
     std::atomic<bool> bStop = false;
     std::thread t([&] {
         while (!bStop)
@@ -724,18 +712,14 @@ TEST_F(Libusb, SubmitAndAbortFromTwoThreads)
     EXPECT_EQ(nDone, 160u);
 }
 
-TEST_F(Libusb, RestartsOfThePort)
+TEST_F(Opened, RestartsOfThePort)
 {
-    StreamDevice device(0xA001);
-    MockUsb usb(*m_pBus, 2, "1", device);
-    auto p = OpenFirst();
-    ASSERT_TRUE(p);
     Requests r(8, 4096);
     r.Submit(*p);
     EXPECT_EQ(p->ResetPort(), Status::Ok);
     EXPECT_EQ(r.Count(Status::Cancelled), 8u);
-    EXPECT_EQ(usb.Seen().iResets, 1);
-    EXPECT_EQ(usb.Seen().iAtReset, 0);
+    EXPECT_EQ(usb->Seen().iResets, 1);
+    EXPECT_EQ(usb->Seen().iAtReset, 0);
     Requests again(1, 4096);
     again.Submit(*p);
     device.Allow(1);
@@ -753,7 +737,7 @@ TEST_F(Libusb, RestartsOfThePort)
     auto q = OpenFirst();  // the stale handle is still there
     ASSERT_TRUE(q);
     EXPECT_EQ(q->Control(0x40, 0xB5, 0, 0, nullptr, 0, 1000, &dwMoved), Status::Ok);
-    usb.SetResetError(ENODEV);  // comes back as another device
+    usb->SetResetError(ENODEV);  // comes back as another device
     EXPECT_EQ(q->ResetPort(), Status::Gone);
     EXPECT_EQ(q->Control(0x40, 0xB5, 0, 0, nullptr, 0, 1000, &dwMoved), Status::Gone);
 }
@@ -821,12 +805,8 @@ TEST_F(Libusb, NothingStaysBehind)
 }
 
 // A child made while the parent streams has its own stack, can drop what it inherited, and ends cleanly.
-TEST_F(Libusb, ForkAndExitWithAnOpenDevice)
+TEST_F(Opened, ForkAndExitWithAnOpenDevice)
 {
-    StreamDevice device(0xA001);
-    MockUsb usb(*m_pBus, 2, "1", device);
-    auto p = OpenFirst();
-    ASSERT_TRUE(p);
     Requests r(4, 4096);
     r.Submit(*p);
     const pid_t pid = fork();

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "platform/UsbStack.h"
+#include "tests/support/DeviceDescriptor.h"
 
 class StreamDevice : public usbstack::IDevice {
 public:
@@ -23,25 +24,7 @@ public:
     explicit StreamDevice(uint16_t wProductId, usbstack::Speed speed = usbstack::Speed::Super, uint16_t wVendorId = 0x0E5A)
         : m_speed(speed)
     {
-        const bool bSuper = speed == usbstack::Speed::Super;
-        device = { 18,
-                   1,
-                   0,
-                   uint8_t(bSuper ? 3 : 2),
-                   0,
-                   0,
-                   0,
-                   uint8_t(bSuper ? 9 : 64),
-                   uint8_t(wVendorId & 0xFF),
-                   uint8_t(wVendorId >> 8),
-                   uint8_t(wProductId & 0xFF),
-                   uint8_t(wProductId >> 8),
-                   0x34,
-                   0x12,
-                   1,
-                   2,
-                   3,
-                   1 };
+        device = DeviceDescriptor(speed == usbstack::Speed::Super, wVendorId, wProductId, 0x1234);
         config = { 9, 2,    57, 0, 1, 1, 0, 0x80, 100,  9, 4, 0, 0, 2, 0xFF, 0, 0, 0, 7, 5, 0x81, 2, 0, 4, 0,
                    6, 0x30, 15, 0, 0, 0, 7, 5,    0x02, 2, 0, 4, 0, 6, 0x30, 0, 0, 0, 0, 6, 0x24, 1, 2, 3, 4 };
         config[2] = uint8_t(config.size());

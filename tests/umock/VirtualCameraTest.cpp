@@ -156,29 +156,6 @@ TEST_F(LibusbCamera, SnapAndVideoShowTheScene)
     EXPECT_EQ(m_pUsb->Seen().iOutstanding, 0) << "requests are left with the host";
 }
 
-// The cable falls out of a running video: time-outs, no hang, and the camera is found and opened again.
-TEST_F(LibusbCamera, UnpluggedDuringVideo)
-{
-    ASSERT_NO_FATAL_FAILURE(Open());
-    ASSERT_EQ(KOVStartVideoCapture(0), KOV_SUCCESS);
-    ASSERT_EQ(Next(10000), KOV_SUCCESS);
-    m_pUsb->Vanish();
-    // What was on its way still comes: two frames in the exchange and one that was complete.
-    int nLate = 0;
-    while (nLate < 4 && Next(1000) == KOV_SUCCESS)
-        ++nLate;
-    EXPECT_LT(nLate, 4);
-    EXPECT_EQ(KOVStopVideoCapture(0), KOV_SUCCESS);
-    EXPECT_EQ(KOVCloseCamera(0), KOV_SUCCESS);
-    EXPECT_EQ(KOVGetNumOfConnectedCameras(), 0);
-    m_pUsb->Plug();
-    ASSERT_NO_FATAL_FAILURE(Open());
-    ASSERT_EQ(KOVStartVideoCapture(0), KOV_SUCCESS);
-    ASSERT_EQ(Next(10000), KOV_SUCCESS) << m_pCam->CurrentReadout().sWhy;
-    ExpectPattern();
-    EXPECT_EQ(KOVStopVideoCapture(0), KOV_SUCCESS);
-}
-
 // One context, which lives until something is plugged or pulled; a listing only then; and only what is new is asked.
 TEST_F(LibusbCamera, OneLookAtTheBus)
 {

@@ -252,14 +252,6 @@ TEST(ProfileQuartz, HoldsMakeGroupsOfWrites)
     EXPECT_NEAR(d.Now().dGainR, 200 / 128.0, 1e-9);
 }
 
-// The hardware path asked for with bins of 3: the FPGA cuts the corner of the plain picture.
-TEST(ProfileSony, OnyxCutsACorner)
-{
-    const Readout cut = Device(0xC0FA, false).Do(g_Onyx + "303E=510/2 303A=3CC/2 f4=432/2 f8=324/2").Now();
-    EXPECT_TRUE(cut.bValid) << cut.sWhy;
-    EXPECT_EQ((std::vector{ cut.iBin, cut.iW, cut.iOutW }), (std::vector{ 1, 1296, 432 }));
-}
-
 TEST(ProfileKyanite, SleepsUntilWokenAndForgets)
 {
     Device d(0xC0B0, true);
@@ -280,16 +272,6 @@ TEST(ProfileKyanite, SleepsUntilWokenAndForgets)
     // Without it they are gone, though they read back.
     EXPECT_FALSE(d.Valid("11=3C40 0=0 " + g_Wake));
     EXPECT_EQ(d.p->ReadReg16(0x0057), 0xC67);
-}
-
-// The constant drops a row less in a stretched frame; a wrong one shows another place.
-TEST(ProfileKyanite, ConstantsShiftTheBins)
-{
-    Device d(0xC0B0, true);
-    EXPECT_EQ(d.Do(g_Kyanite2).Now().iShiftY[0], 2);
-    EXPECT_EQ(d.Do("f16=3568/3 f6=7").Now().iShiftY[1], 2);
-    EXPECT_EQ(d.Do("f16=1960/3").Now().iShiftY[0], 0);
-    EXPECT_EQ(Device(0xC0B1, true).Do(g_Kyanite + "f4=1000/2 f8=800/2 f2=800/2 1DC=84 1DD=3A8").Now().iX, 740);
 }
 
 TEST(ProfileEbonyGroup, GainsAndGate)
@@ -349,18 +331,6 @@ TEST(ProfileGarnet, StoppedClockHoldsAndHearsNothing)
     EXPECT_EQ(d.Do("c175").Now().dGain, 1);  // the write is lost for good
     EXPECT_EQ(d.Do("305E=40").Now().dGain, 2);
     EXPECT_FALSE(d.Now().bHeld);
-}
-
-TEST(ProfileGarnet, ThermometerFitsItsCalibration)
-{
-    Device d(0xC07D, true);
-    const double t70 = d.p->ReadReg16(0x30C6), t55 = d.p->ReadReg16(0x30C8), slope = 15 / (t70 - t55);
-    EXPECT_GE(slope, 0.5);
-    EXPECT_LE(slope, 1.0);
-    for (double celsius : { -20.0, 0.0, 21.3, 60.0 }) {
-        d.p->SetTemperature(celsius);
-        EXPECT_NEAR(55 + (d.p->ReadReg16(0x30B2) - t55) * slope, celsius, slope / 2 + 1e-9);
-    }
 }
 
 TEST(ProfileCobalt, StreamsOnlyAfterItsController)

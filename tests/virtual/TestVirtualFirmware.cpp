@@ -1,4 +1,4 @@
-// What the bridge of a virtual camera keeps and answers: memories, loaders, temperatures, cooler, guide port.
+// What the bridge of a virtual camera keeps and answers. The EEPROM of the USB 2 models: tests/firmware.
 #include <gtest/gtest.h>
 
 #include <cstdio>
@@ -9,56 +9,6 @@
 using namespace kovsim;
 using fake::Host;
 using usbstack::Status;
-
-namespace {
-
-CameraSettings Usb2()
-{
-    auto facts = fake::Facts();
-    facts.bUSB3 = false;
-    return fake::Settings(facts);
-}
-
-// An image in the C2 format that says its version; padded by one more record to a size above 4096.
-std::vector<uint8_t> Image(uint8_t version)
-{
-    constexpr size_t FILLER = 4200;
-    const uint8_t head[] = { 0xC2, 0x47, 0x05,    0x31,        0x21,          0,    0,   4, 0, 6, 0x01, 0x00, 'K', 'O', 'V',
-                             'F',  'W',  version, FILLER >> 8, FILLER & 0xFF, 0x02, 0x00 };
-    const uint8_t end[] = { 0x80, 0x01, 0xE6, 0x00, 0 };
-    std::vector<uint8_t> d(sizeof head + FILLER + sizeof end, 0x55);
-    std::copy(std::begin(head), std::end(head), d.begin());
-    std::copy(std::begin(end), std::end(end), d.end() - sizeof end);
-    return d;
-}
-
-void RunEepromLoader(Host& h)
-{
-    EXPECT_EQ(h.Out(160, 0xE600, 0, { 1 }), Status::Ok);
-    EXPECT_EQ(h.Out(160, 0, 0, std::vector<uint8_t>(2048, 1)), Status::Ok);
-    EXPECT_EQ(h.Out(160, 0x0800, 0, std::vector<uint8_t>(1427, 2)), Status::Ok);
-    EXPECT_EQ(h.Out(160, 0xE600, 0, { 0 }), Status::Ok);
-}
-
-void Write(Host& h, const std::vector<uint8_t>& image)
-{
-    for (size_t at = 0; at < image.size(); at += 4096) {
-        const std::vector<uint8_t> block(image.begin() + long(at), image.begin() + long(std::min(at + 4096, image.size())));
-        EXPECT_EQ(h.Out(169, uint16_t(at), 0, block), Status::Ok);
-        EXPECT_EQ(h.In(169, uint16_t(at), 0, uint16_t(block.size())), block);
-    }
-}
-
-void Cycle(Host& h)
-{
-    EXPECT_EQ(h.device->CyclePort(), Status::Ok);
-    EXPECT_EQ(h.Out(169), Status::Gone);
-    for (int i = 0; i < 2000 && h.bus.Enumerate().empty(); ++i)
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    h.device = h.Open();
-}
-
-}  // namespace
 
 TEST(VirtualFirmware, FlashClearsBitsAndErasesSectors)
 {
@@ -96,39 +46,6 @@ TEST(VirtualFirmware, FlashClearsBitsAndErasesSectors)
     Host again(settings);
     EXPECT_EQ(again.In(195, 0, 0x400, 3), (std::vector<uint8_t>{ 'K', 'O', 0xFF }));
     std::remove(path.c_str());
-}
-
-TEST(VirtualFirmware, EepromNeedsTheLoaderAndDecidesTheNextFirmware)
-{
-    auto settings = Usb2();
-    settings.iFirmware = 1;
-    Host h(settings, 5);
-    EXPECT_EQ(h.In(173, 0, 0, 2), (std::vector<uint8_t>{ 'V', 1 }));
-    EXPECT_EQ(h.Out(169, 0, 0, { 1, 2, 3 }), Status::Stall);  // streaming takes no data
-    EXPECT_EQ(h.In(160, 0, 0, 1).size(), 1u);                 // served in hardware
-    EXPECT_EQ(h.Out(196, 1, 7), Status::Stall);               // no flash
-    EXPECT_TRUE(h.In(195, 0, 1792, 256).empty());
-
-    EXPECT_EQ(h.Out(160, 0xE600, 0, { 1 }), Status::Ok);
-    EXPECT_TRUE(h.In(173, 0, 0, 2).empty());  // the processor stands still
-    EXPECT_EQ(h.Out(160, 0xE600, 0, { 0 }), Status::Ok);
-    EXPECT_EQ(h.In(173, 0, 0, 2).size(), 2u);
-
-    RunEepromLoader(h);
-    EXPECT_TRUE(h.In(173, 0, 0, 2).empty());  // the loader knows nothing else
-    Write(h, Image(9));
-    EXPECT_EQ(h.camera.Firmware(), 1);
-    Cycle(h);
-    EXPECT_EQ(h.In(173, 0, 0, 2), (std::vector<uint8_t>{ 'V', 9 }));
-
-    // Erased: the head stays, the program is gone, only the boot loader answers.
-    RunEepromLoader(h);
-    std::vector<uint8_t> erased(4096, 0);
-    erased[0] = 0xC2;
-    Write(h, erased);
-    Cycle(h);
-    EXPECT_TRUE(h.In(173, 0, 0, 2).empty());
-    EXPECT_EQ(h.In(160, 0, 0, 1).size(), 1u);
 }
 
 TEST(VirtualFirmware, Usb3BootLoaderAndI2cEeprom)

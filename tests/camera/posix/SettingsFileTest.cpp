@@ -1,7 +1,6 @@
 // The store as a file that several processes share.
 #include <gtest/gtest.h>
 #include <pwd.h>
-#include <signal.h>
 #include <sqlite3.h>
 #include <stdlib.h>
 #include <sys/wait.h>
@@ -206,25 +205,6 @@ TEST_F(SettingsFile, TwoProcessesSavingAtOnceNeverMix)
     }
     const int64_t lLast = LoadGeneration();
     EXPECT_TRUE(lLast == 120 || lLast == 121) << lLast << ", of " << a << " and " << b;
-}
-
-TEST_F(SettingsFile, AKilledProcessLeavesTheOldValues)
-{
-    SaveGeneration(1);
-    for (int i = 0; i < 4; ++i) {
-        const int64_t lBefore = LoadGeneration();
-        const pid_t pid = Child([] {
-            for (auto n = static_cast<uint32_t>(LoadGeneration()) + 1;; ++n)
-                SaveGeneration(n);
-        });
-        const auto t0 = std::chrono::steady_clock::now();
-        while (LoadGeneration() == lBefore && std::chrono::steady_clock::now() - t0 < std::chrono::seconds(20))
-            usleep(1000);
-        usleep(static_cast<useconds_t>(1500 * i));
-        kill(pid, SIGKILL);
-        waitpid(pid, nullptr, 0);
-        ASSERT_GT(LoadGeneration(), lBefore);
-    }
 }
 
 // Longer than a reader waits: what cannot be read is not taken for nothing, and a save neither waits nor gets lost.
