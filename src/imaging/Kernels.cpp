@@ -18,7 +18,6 @@ namespace hn = hwy::HWY_NAMESPACE;
 
 #if HWY_TARGET == HWY_SCALAR  // a machine without any of the vector sets
 
-void StreamCopy(const uint8_t* src, uint8_t* dst, size_t n) { std::memcpy(dst, src, n); }
 void MapBytes(const uint8_t* src, uint8_t* dst, size_t n, const uint8_t* lut)
 {
     std::transform(src, src + n, dst, [lut](uint8_t v) { return lut[v]; });
@@ -286,31 +285,6 @@ void FirstBytes(const uint8_t* rgb, uint8_t* dst, size_t n)
     }
     for (; i < n; ++i)
         dst[i] = rgb[3 * i];
-}
-
-// --- copies past the caches -----------------------------------------------------------------------------------------
-
-// Two lines of each of four pages in turn. Prefetchers of the machine end at a page, and each page of a fresh stream costs a
-// walk of the page tables: four streams wait for theirs together, where one would wait four times.
-void StreamCopy(const uint8_t* src, uint8_t* dst, size_t n)
-{
-    constexpr size_t PAGE = 4096, STREAMS = 4, TURN = 128, AHEAD = 512;
-    const Full<uint8_t> d;
-    const size_t lanes = hn::Lanes(d), head = std::min(n, (0 - reinterpret_cast<uintptr_t>(dst)) % TURN);
-    std::memcpy(dst, src, head);
-    size_t i = head;
-    for (; i + STREAMS * PAGE <= n; i += STREAMS * PAGE) {
-        for (size_t at = 0; at < PAGE; at += TURN) {
-            for (size_t k = i + at; k < i + STREAMS * PAGE; k += PAGE) {
-                hwy::Prefetch(src + k + AHEAD);
-                hwy::Prefetch(src + k + AHEAD + TURN / 2);
-                for (size_t x = k; x < k + TURN; x += lanes)
-                    hn::Stream(hn::LoadU(d, src + x), d, dst + x);
-            }
-        }
-    }
-    hwy::FlushStream();
-    std::memcpy(dst + i, src + i, n - i);
 }
 
 // --- demosaic -------------------------------------------------------------------------------------------------------
@@ -952,7 +926,6 @@ HWY_AFTER_NAMESPACE();
 #if HWY_ONCE
 namespace imaging {
 
-HWY_EXPORT(StreamCopy);
 HWY_EXPORT(MapBytes);
 HWY_EXPORT(Rotate12);
 HWY_EXPORT(Luminance);
@@ -966,11 +939,6 @@ HWY_EXPORT(Flip8);
 HWY_EXPORT(Flip16);
 HWY_EXPORT(SubtractDark);
 
-void StreamCopy(const uint8_t* src, uint8_t* dst, size_t n)
-{
-    if (n != 0)  // an empty view may have no address, which memcpy does not take
-        HWY_DYNAMIC_DISPATCH(StreamCopy)(src, dst, n);
-}
 void MapBytes(const uint8_t* src, uint8_t* dst, size_t n, const uint8_t* lut)
 {
     HWY_DYNAMIC_DISPATCH(MapBytes)(src, dst, n, lut);

@@ -13,8 +13,8 @@
 
 namespace imaging {
 
-// Output of this size and more is written past the caches: it would not be found there afterwards, and what it overwrites
-// need not be read. In bytes; C libraries copy past the caches from similar sizes on.
+// Frames of this size and more are not taken for something that caches hold: their output is written past them or in strips, so
+// that what it overwrites need not be read, and their rows are asked for in advance. In bytes.
 inline constexpr size_t STREAM_FROM = size_t{ 8 } << 20;
 
 // Rows [from, to) of the frame into `dst`, which is the whole output; `from` is even, and `to` too unless it is the height.
@@ -23,8 +23,7 @@ void Demosaic(const BayerFrame& f, int from, int to, uint8_t* dst);    // 3 byte
 void DemosaicY8(const BayerFrame& f, int from, int to, uint8_t* dst);  // what RGB2Y8 makes of Demosaic, without the frame between
 void Luminance(const uint8_t* rgb, uint8_t* dst, size_t n);
 void FirstBytes(const uint8_t* rgb, uint8_t* dst, size_t n);
-void StreamCopy(const uint8_t* src, uint8_t* dst, size_t n);  // past the caches
-void Triple(const uint8_t* grey, uint8_t* dst, size_t n);     // each byte three times
+void Triple(const uint8_t* grey, uint8_t* dst, size_t n);  // each byte three times
 
 // One output row of `bin` input rows of outWidth * bin samples. The output may be the beginning of the first row.
 void BinRow(const uint8_t* const* rows, uint8_t* out, int outWidth, int bin, bool colour);
