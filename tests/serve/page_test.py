@@ -118,6 +118,11 @@ class PageTest(unittest.TestCase):
         self.js("const r = document.querySelector('[data-type=\"1\"] input[type=range]'); r.value = Math.log(200000); r.dispatchEvent(new Event('input'))")
         self.js("$('auto').click()")
 
+        # What has few values is chosen by words.
+        for value in (3, 0):
+            self.js(f"const f = document.querySelector('[data-type=\"9\"] select'); f.value = {value}; f.dispatchEvent(new Event('change'))")
+            self.until(f"state.controls.find(c => c.type === 9).value === {value}", "the picture is flipped")
+
         # Zoom by the keyboard, marks, a star that is tapped.
         stage = self.browser.find_element(By.ID, "stage")
         stage.send_keys("1")
@@ -206,7 +211,7 @@ class PageTest(unittest.TestCase):
         self.until("[...$('darkUse').options].some(o => o.value === 'dark.bmp') && !state.collecting", "it is there", 120)
         self.until("$('captures').querySelector('img').naturalWidth > 100 && /pixels stand out/.test($('captures').firstChild.textContent)", "it is shown")
         self.js("$('darkUse').value = 'dark.bmp'; $('darkUse').dispatchEvent(new Event('change'))")
-        self.until("state.dark", "it is in use")
+        self.until("state.dark && $('darkUse').value === 'dark.bmp'", "it is in use")
         self.tap("[data-hot=save]")
         self.until("state.hotPixelsOn && state.hotPixels > 20 && /\\d+ hot pixels are repaired/.test($('hotText').textContent)", "its hot pixels are repaired")
         self.js("$('darkBox').scrollIntoView()")
@@ -248,6 +253,7 @@ class PageTest(unittest.TestCase):
         # The other camera, cooled.
         self.js(f"choose({1 - self.quartz})")
         self.until("state && frame.number > 1 && frame.width > 4000", "the second camera's picture")
+        self.js("put('control', { type: 1, value: 500000, auto: false })")
         self.js("$('coolerBox').open = true; $('target').value = 5; $('target').dispatchEvent(new Event('change')); $('coolerOn').click()")
         self.until("state.coolerPower > 0 && cooling.some(p => p[3] > 0)", "it cools, and the plot has it")
         self.assertGreater(self.js("return Math.min(...cooling.map(p => p[1]))"), 4, "a temperature that was never measured")

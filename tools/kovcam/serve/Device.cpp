@@ -108,6 +108,7 @@ Setup Device::ReadSetup()
     KOV_BOOL dark = KOV_FALSE;
     KOVEnableDarkSubtract(m_id, "", &dark);
     out.darkInUse = dark != KOV_FALSE;
+    out.darkName = out.darkInUse ? m_darkName : "";
     DarkState(m_id, &out.hotPixels, &out.hotPixelsOn);
     m_settings = kovtools::ReadCameraState(m_id);
     return out;
@@ -325,6 +326,7 @@ void Device::UseDark(const std::filesystem::path& path)
     KOV_BOOL on = KOV_TRUE;
     Check(path.empty() ? KOVDisableDarkSubtract(m_id)
                        : KOVEnableDarkSubtract(m_id, std::filesystem::absolute(path).string().c_str(), &on));
+    m_darkName = kovtools::TextOf(path.filename());
 }
 
 void Device::BeginDark()

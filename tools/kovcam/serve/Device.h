@@ -70,6 +70,7 @@ private:
     KOV_CAMERA_INFO m_info{};
     kovtools::CameraState m_settings;
     bool m_video = false;
+    std::string m_darkName;
     const std::shared_ptr<FramePool> m_pool;
 };
 

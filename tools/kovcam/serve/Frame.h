@@ -72,6 +72,7 @@ struct Setup {
     IMG_TYPE type = IMG_RAW8;
     std::vector<ControlState> controls;
     bool darkInUse = false;
+    std::string darkName;  // of its file, where it was chosen here
     bool hotPixelsOn = false;
     int hotPixels = 0;  // in the table that is in use
     bool operator==(const Setup&) const = default;

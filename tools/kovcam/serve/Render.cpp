@@ -46,17 +46,18 @@ struct Source {
     }
 };
 
-// The mean of up to four by four samples of each colour in a cell of the source.
+// The mean of a few samples of each colour in a cell of the source. They are stretched before: a star of a few pixels would
+// drown among those of the sky.
 template <class Sample>
-void Cell(const Source<Sample>& s, int x0, int y0, int x1, int y1, uint32_t out[3])
+void Cell(const Source<Sample>& s, const Curve& curve, int x0, int y0, int x1, int y1, uint8_t out[3])
 {
     if (s.colours == nullptr) {
         uint64_t sum = 0, n = 0;
         const int sx = std::max(1, (x1 - x0) / 4), sy = std::max(1, (y1 - y0) / 4);
         for (int y = y0; y < y1; y += sy)
             for (int x = x0; x < x1; x += sx, ++n)
-                sum += s.At(x, y);
-        out[0] = out[1] = out[2] = static_cast<uint32_t>(sum / std::max<uint64_t>(1, n));
+                sum += curve[s.At(x, y)];
+        out[0] = out[1] = out[2] = static_cast<uint8_t>(sum / std::max<uint64_t>(1, n));
         return;
     }
     // Whole colour cells, so that each colour is there.
@@ -72,11 +73,11 @@ void Cell(const Source<Sample>& s, int x0, int y0, int x1, int y1, uint32_t out[
             for (int d = 0; d < 4; ++d) {
                 const int px = x + (d & 1), py = y + (d >> 1);
                 const uint8_t c = s.colours[(py & 1) * 2 + (px & 1)];
-                sum[c] += s.At(px, py);
+                sum[c] += curve[s.At(px, py)];
                 ++n[c];
             }
     for (int c = 0; c < 3; ++c)
-        out[c] = n[c] != 0 ? static_cast<uint32_t>(sum[c] / n[c]) : 0;
+        out[c] = n[c] != 0 ? static_cast<uint8_t>(sum[c] / n[c]) : 0;
 }
 
 // Bilinear: the mean of the neighbours of each colour in a window of three by three.
@@ -105,11 +106,12 @@ void Fill(const Source<Sample>& s, const Curve& curve, double left, double top, 
         for (int x = 0; x < out.width; ++x, to += 3) {
             const int x0 = std::min(s.width - 1, static_cast<int>(left + x * scale));
             const int x1 = std::clamp(static_cast<int>(left + (x + 1) * scale), x0 + 1, s.width);
+            if (scale >= 2 || s.colours == nullptr) {
+                Cell(s, curve, x0, y0, x1, y1, to);
+                continue;
+            }
             uint32_t v[3];
-            if (scale < 2 && s.colours != nullptr)
-                Demosaiced(s, x0, y0, v);
-            else
-                Cell(s, x0, y0, x1, y1, v);
+            Demosaiced(s, x0, y0, v);
             for (size_t c = 0; c < 3; ++c)
                 to[c] = curve[v[c]];
         }
@@ -123,22 +125,22 @@ void FillColour(const Frame& f, const Curve& curve, double left, double top, dou
         uint8_t* to = out.rgb.data() + static_cast<size_t>(y) * static_cast<size_t>(out.width) * 3;
         const int y0 = std::min(f.height - 1, static_cast<int>(top + y * scale));
         const int y1 = std::clamp(static_cast<int>(top + (y + 1) * scale), y0 + 1, f.height);
-        const int sy = std::max(1, (y1 - y0) / 3);
+        const int sy = std::max(1, (y1 - y0) / 4);
         for (int x = 0; x < out.width; ++x, to += 3) {
             const int x0 = std::min(f.width - 1, static_cast<int>(left + x * scale));
             const int x1 = std::clamp(static_cast<int>(left + (x + 1) * scale), x0 + 1, f.width);
-            const int sx = std::max(1, (x1 - x0) / 3);
+            const int sx = std::max(1, (x1 - x0) / 4);
             uint32_t sum[3] = {}, n = 0;
             for (int py = y0; py < y1; py += sy)
                 for (int px = x0; px < x1; px += sx, ++n) {
                     const uint8_t* p =
                         f.pixels.data() + (static_cast<size_t>(py) * static_cast<size_t>(f.width) + static_cast<size_t>(px)) * 3;
-                    sum[0] += p[2];
-                    sum[1] += p[1];
-                    sum[2] += p[0];
+                    sum[0] += curve[p[2]];
+                    sum[1] += curve[p[1]];
+                    sum[2] += curve[p[0]];
                 }
             for (size_t c = 0; c < 3; ++c)
-                to[c] = curve[sum[c] / n];
+                to[c] = static_cast<uint8_t>(sum[c] / n);
         }
     }
 }

@@ -132,6 +132,7 @@ json Describe(const State& s)
             { "framesPerSecond", s.framesPerSecond },
             { "dropped", s.dropped },
             { "dark", s.darkInUse },
+            { "darkName", s.darkName },
             { "collecting", s.darkFrames > 0 ? json{ { "done", s.darkDone }, { "frames", s.darkFrames } } : json() },
             { "hotPixelsOn", s.hotPixelsOn },
             { "hotPixels", s.hotPixels },

@@ -1,7 +1,10 @@
 // The page of `kovcam serve`. Pictures are asked for one by one: a slow link skips frames and never lags behind.
 'use strict';
 const $ = id => document.getElementById(id);
-const EXPOSURE = 1, TEMPERATURE = 8, POWER = 15, TARGET = 16, COOLER = 17;
+const EXPOSURE = 1, TEMPERATURE = 8, FLIP = 9, POWER = 15, TARGET = 16, COOLER = 17;
+// What a person reads for a control; its own name and description stand in the tip.
+const TITLES = { 1: 'Exposure, ms', 3: 'White: red', 4: 'White: blue', 6: 'Bandwidth, %', 7: 'Overclock, %', 10: 'Auto: most gain', 11: 'Auto: longest, s', 12: 'Auto: brightness', 13: 'Hardware bin', 14: 'High speed', 15: 'Cooler power' };
+const FLIPS = ['none', 'left – right', 'up – down', 'both'];
 const NAMES = { raw8: 'RAW 8', rgb24: 'colour', raw16: 'RAW 16', y8: 'grey' };
 
 let cameras = [], current = 0, state = null, statistics = null, events = null;
@@ -10,7 +13,7 @@ const view = { zoom: 0, x: 0, y: 0 };                            // zoom 0: all 
 const marks = { cross: false, stars: false, region: false };
 let picked = null, drag = null, generation = 0;
 const focusHistory = [];
-let cooling = [];
+let bestHfr = Infinity, cooling = [];
 
 const api = path => `/api/cameras/${current}/${path}`;
 
@@ -24,8 +27,9 @@ async function put(action, body = {}) {
   return false;
 }
 
-let told = 0;
+let told = 0, troubled = false;  // troubled: what is told is the camera's state
 function tell(text) {
+  troubled = false;
   $('problem').textContent = text;
   $('problem').hidden = !text;
   told = text ? Date.now() : 0;
@@ -56,7 +60,7 @@ function choose(index) {
   ++generation;
   frame = { number: 0, width: 0, height: 0 };
   shown = state = statistics = picked = null;
-  focusHistory.length = 0;
+  forgetFocus();
   cooling = [];
   view.zoom = 0;
   $('controls').replaceChildren();
@@ -85,7 +89,7 @@ function stageSize() {
 // The part of the frame that is to be shown, whole pixels.
 function wanted() {
   const { width, height } = stageSize();
-  if (!view.zoom || !frame.width) return { x: 0, y: 0, w: 0, h: 0, out: Math.max(320, width) };
+  if (!view.zoom || !frame.width) return { x: 0, y: 0, w: 0, h: 0, out: Math.max(320, frame.width ? Math.min(width, Math.round(height * frame.width / frame.height)) : width) };
   const w = Math.min(frame.width, Math.ceil(width / view.zoom)), h = Math.min(frame.height, Math.ceil(height / view.zoom));
   // On whole colour cells, so that the picture does not jump in colour.
   const x = Math.max(0, Math.min(frame.width - w, Math.round(view.x - w / 2))) & ~1, y = Math.max(0, Math.min(frame.height - h, Math.round(view.y - h / 2))) & ~1;
@@ -133,6 +137,7 @@ function draw() {
   const { width, height } = stageSize();
   if (c.width !== width || c.height !== height) { c.width = width; c.height = height; }
   const g = c.getContext('2d');
+  stage.style.touchAction = view.zoom || marks.region ? 'none' : 'pan-y';  // a finger scrolls the page where it has nothing else to do
   g.fillStyle = '#000';
   g.fillRect(0, 0, width, height);
   if (p) {
@@ -190,9 +195,14 @@ function pickedStar() {
   return near || null;
 }
 
+function forgetFocus() {
+  focusHistory.length = 0;
+  bestHfr = Infinity;
+}
+
 // The focus plot follows this star; null: the best of the picture.
 function pick(star) {
-  if (star || picked) focusHistory.length = 0;
+  if (star || picked) forgetFocus();
   picked = star ? { x: star.x, y: star.y } : null;
 }
 
@@ -212,7 +222,7 @@ function setZoom(zoom, at) {
 function setMark(name, on) {
   marks[name] = on;
   $(name).classList.toggle('on', on);
-  drawOverlay();
+  draw();
 }
 
 const stage = $('stage');
@@ -261,6 +271,7 @@ stage.addEventListener('pointerup', e => {
     drawOverlay();
   }
 });
+stage.addEventListener('pointercancel', () => { drag = null; });
 stage.addEventListener('dblclick', e => { const at = toFrame(e); if (at) setZoom(view.zoom === 0 ? 1 : view.zoom === 1 ? 4 : 0, at); });
 stage.addEventListener('wheel', e => {
   e.preventDefault();
@@ -276,10 +287,10 @@ function exposureText(us) {
 
 function onState(s) {
   const first = !state;
-  if (state && state.region.bin !== s.region.bin) focusHistory.length = 0;  // radii are in pixels of the picture
+  if (state && state.region.bin !== s.region.bin) forgetFocus();  // radii are in pixels of the picture
   state = s;
-  if (told && Date.now() - told > 8000 && !s.problem) tell('');
-  if (s.problem) tell(s.problem);
+  if (!s.problem && (troubled || told && Date.now() - told > 8000)) tell('');
+  if (s.problem) { tell(s.problem); troubled = true; }
   $('phase').textContent = s.phase;
   $('phase').className = 'badge ' + s.phase;
   $('stage').classList.toggle('old', ['absent', 'failed'].includes(s.phase));
@@ -313,7 +324,7 @@ function onState(s) {
   }
   $('darkText').textContent = s.collecting ? `${s.collecting.done} of ${s.collecting.frames} frames` : '';
   $('takeDark').textContent = s.collecting ? 'Cancel' : 'Take';
-  if (!s.dark) $('darkUse').value = '';
+  $('darkUse').value = s.darkName;
   $('hotText').textContent = s.hotPixelsOn ? `${s.hotPixels} hot pixels are repaired` : 'no hot pixels are repaired';
   progress();
 }
@@ -331,7 +342,8 @@ function fillFormats() {
   if (state) { $('format').value = state.format; $('bin').value = state.region.bin; }
 }
 
-// A slider a control; the exposure's is logarithmic.
+// A slider a control, but for what has few values; the exposure's is logarithmic.
+const isSwitch = c => c.min === 0 && c.max === 1;
 const toSlider = (c, v) => c.type === EXPOSURE ? Math.log(Math.max(1, v)) : v;
 const fromSlider = (c, v) => c.type === EXPOSURE ? Math.round(Math.exp(v)) : Math.round(v);
 
@@ -344,17 +356,23 @@ function fillControls() {
       row = document.createElement('div');
       row.dataset.type = c.type;
       row.className = 'control' + (c.writable ? '' : ' read');
-      row.title = c.description;
-      row.innerHTML = c.writable ? '<span></span><input type="range"><input type="number"><label class="check"><input type="checkbox">auto</label>' : '<span></span><span></span><output></output>';
-      row.querySelector('span').textContent = c.name;
-      if (c.writable) {
+      row.title = `${c.name}: ${c.description}`;
+      const send = v => put('control', { type: c.type, value: Math.round(v), auto: false });
+      row.innerHTML = '<span></span>' + (!c.writable ? '<span></span><output></output>' : c.type === FLIP ? '<select></select>' : isSwitch(c) ? '<label class="check"><input type="checkbox">on</label>' :
+        '<input type="range"><input type="number"><label class="check"><input type="checkbox">auto</label>');
+      row.firstChild.textContent = TITLES[c.type] || c.name;
+      if (c.type === FLIP) {
+        row.lastChild.append(...FLIPS.map((t, i) => new Option(t, i)));
+        row.lastChild.onchange = e => send(+e.target.value);
+      } else if (c.writable && isSwitch(c)) {
+        row.querySelector('input').onchange = e => send(e.target.checked ? 1 : 0);
+      } else if (c.writable) {
         const [range, number, auto] = row.querySelectorAll('input');
-        range.setAttribute('aria-label', c.name);
-        number.setAttribute('aria-label', c.name);
+        range.setAttribute('aria-label', row.firstChild.textContent);
+        number.setAttribute('aria-label', row.firstChild.textContent);
         Object.assign(range, { min: toSlider(c, c.min), max: toSlider(c, c.max), step: c.type === EXPOSURE ? 'any' : 1 });
-        Object.assign(number, { min: c.min, max: c.max, step: 'any' });
+        Object.assign(number, { min: c.type === EXPOSURE ? c.min / 1000 : c.min, max: c.type === EXPOSURE ? c.max / 1000 : c.max, step: 'any' });
         auto.parentElement.style.visibility = c.canBeAuto ? '' : 'hidden';
-        const send = v => put('control', { type: c.type, value: Math.round(v), auto: false });
         let timer = 0;
         range.oninput = () => {
           const v = fromSlider(c, +range.value);
@@ -371,10 +389,11 @@ function fillControls() {
       row.querySelector('output').textContent = c.type === TEMPERATURE ? `${(c.value / 10).toFixed(1)} °C` : c.value;
       continue;
     }
+    if (c.type === FLIP) { row.lastChild.value = c.value; continue; }
+    if (isSwitch(c)) { row.querySelector('input').checked = c.value; continue; }
     const [range, number, auto] = row.querySelectorAll('input');
     if (document.activeElement !== range || c.auto) range.value = toSlider(c, c.value);
     if (document.activeElement !== number && document.activeElement !== range || c.auto) number.value = c.type === EXPOSURE ? c.value / 1000 : c.value;
-    if (c.type === EXPOSURE) row.querySelector('span').textContent = `${c.name} (ms)`;
     auto.checked = c.auto;
     range.disabled = number.disabled = c.auto;
   }
@@ -433,10 +452,10 @@ function plotHistogram() {
   $('levels').textContent = `median ${statistics.median.toFixed(0)}, max ${statistics.max}` + (statistics.saturated > 0.0001 ? `, ${(100 * statistics.saturated).toFixed(2)} % saturated` : '');
 }
 
-// `right`: texts of a second scale.
-function plotLines(canvas, lines, low, high, text, right) {
+// `span`: seconds from left to right. `right`: texts of a second scale.
+function plotLines(canvas, lines, low, high, span, text, right) {
   const { g, w, h, dim, line } = surface(canvas);
-  const left = 34, end = w - (right ? 40 : 0), y = v => 8 + (h - 16) * (high - v) / Math.max(1e-9, high - low);
+  const left = 34, end = w - (right ? 40 : 0), y = v => 8 + (h - 30) * (high - v) / Math.max(1e-9, high - low);
   g.strokeStyle = line;
   g.fillStyle = dim;
   g.textAlign = 'right';
@@ -448,6 +467,9 @@ function plotLines(canvas, lines, low, high, text, right) {
     g.fillText(text(v), left - 5, y(v) + 4);
     if (right) g.fillText(right(v), w, y(v) + 4);
   }
+  g.fillText('now', end, h - 2);
+  g.textAlign = 'left';
+  g.fillText(span < 100 ? `${Math.round(span)} s ago` : `${Math.round(span / 60)} min ago`, left, h - 2);
   for (const l of lines) {
     g.strokeStyle = l.colour;
     g.lineWidth = l.width || 1.6;
@@ -465,14 +487,15 @@ function plotLines(canvas, lines, low, high, text, right) {
 }
 
 function plotFocus() {
-  const values = focusHistory.map(p => p.hfr), n = values.length;
+  const n = focusHistory.length;
   if (n < 2) { surface($('focus')); $('focusText').textContent = n ? '' : 'no stars yet'; return; }
-  const best = Math.min(...values), low = Math.max(0, best * .8), high = Math.max(best * 1.4, ...values.slice(-120));
+  const low = Math.max(0, bestHfr * .8), high = Math.max(bestHfr * 1.4, ...focusHistory.slice(-120).map(p => p.hfr));
+  const t1 = focusHistory[n - 1].time, span = Math.max(1, t1 - focusHistory[0].time);
   plotLines($('focus'), [
-    { colour: '#7ddc8a', dash: [4, 4], width: 1, points: [[0, best], [1, best]] },
-    { colour: getComputedStyle(document.body).getPropertyValue('--accent'), points: values.map((v, i) => [i / Math.max(1, n - 1), Math.min(v, high)]) },
-  ], low, high, v => v.toFixed(1));
-  $('focusText').textContent = `HFR ${values[n - 1].toFixed(2)} px, best ${best.toFixed(2)}, ${statistics.starCount} stars`;
+    { colour: '#7ddc8a', dash: [4, 4], width: 1, points: [[0, bestHfr], [1, bestHfr]] },
+    { colour: getComputedStyle(document.body).getPropertyValue('--accent'), points: focusHistory.map(p => [1 - (t1 - p.time) / span, Math.min(p.hfr, high)]) },
+  ], low, high, span, v => v.toFixed(1));
+  $('focusText').textContent = `HFR ${focusHistory[n - 1].hfr.toFixed(2)} px, best ${bestHfr.toFixed(2)}, ${statistics.starCount} stars`;
 }
 
 function plotCooler() {
@@ -485,7 +508,7 @@ function plotCooler() {
     { colour: '#c9a25c', points: cooling.map(p => [x(p[0]), low + (high - low) * p[3] / 100]) },
     { colour: '#7ddc8a', dash: [4, 4], width: 1, points: cooling.map(p => [x(p[0]), p[2]]) },
     { colour: getComputedStyle(document.body).getPropertyValue('--accent'), points: cooling.map(p => [x(p[0]), p[1]]) },
-  ], low, high, v => v.toFixed(0) + '°', right);
+  ], low, high, t1 - t0, v => v.toFixed(0) + '°', right);
 }
 
 function onStatistics(s) {
@@ -493,7 +516,8 @@ function onStatistics(s) {
   const star = pickedStar();
   const hfr = star ? star.hfr : s.hfr;
   if (hfr) {
-    focusHistory.push({ hfr });
+    focusHistory.push({ hfr, time: Date.now() / 1000 });
+    bestHfr = Math.min(bestHfr, hfr);
     if (focusHistory.length > 400) focusHistory.shift();
   }
   plotHistogram();
@@ -546,7 +570,7 @@ function onCaptures(list) {
 function fillDarks(list) {
   const names = ['', ...list.flatMap(c => c.files).filter(f => f.endsWith('.bmp'))], use = $('darkUse'), before = use.value;
   use.replaceChildren(...names.map(n => Object.assign(document.createElement('option'), { value: n, textContent: n || 'none' })));
-  use.value = before;
+  use.value = state ? state.darkName : before;
 }
 
 async function loadDoctor() {
@@ -580,21 +604,21 @@ $('target').onchange = () => put('control', { type: TARGET, value: Math.round(+$
 $('takeDark').onclick = () => state.collecting ? put('abort') : put('takedark', { name: $('darkName').value });
 $('darkUse').onchange = () => put('dark', { name: $('darkUse').value });
 for (const b of document.querySelectorAll('[data-hot]')) b.onclick = () => put('hotpixels', { do: b.dataset.hot });
-$('focusReset').onclick = () => { focusHistory.length = 0; plotFocus(); };
+$('focusReset').onclick = () => { forgetFocus(); plotFocus(); };
 $('auto').onchange = () => { if (frame.number) frame.number -= 1; };
 for (const name of ['black', 'middle', 'white']) $(name).oninput = () => { $('auto').checked = false; if (frame.number) frame.number -= 1; };
 $('doctorBox').ontoggle = () => { if ($('doctorBox').open) loadDoctor(); };
 $('coolerBox').ontoggle = plotCooler;
 $('starBox').ontoggle = fillStars;
 document.addEventListener('keydown', e => {
-  if (['INPUT', 'SELECT'].includes(e.target.tagName) || e.ctrlKey || e.metaKey) return;
+  if (['INPUT', 'SELECT'].includes(e.target.tagName) || e.ctrlKey || e.metaKey || e.altKey) return;
   const step = frame.width / 20;
   const keys = {
     ' ': () => $('pause').click(), c: () => $('cross').click(), r: () => $('region').click(), s: () => $('expose').click(), n: () => $('night').click(),
     Escape: () => $('abort').click(), 0: () => setZoom(0), 1: () => setZoom(1), 4: () => setZoom(4),
     ArrowLeft: () => { view.x -= step; }, ArrowRight: () => { view.x += step; }, ArrowUp: () => { view.y -= step; }, ArrowDown: () => { view.y += step; },
   };
-  if (keys[e.key] && !(e.target.tagName === 'BUTTON' && e.key === ' ')) { e.preventDefault(); keys[e.key](); }
+  if (keys[e.key] && !(['BUTTON', 'SUMMARY'].includes(e.target.tagName) && e.key === ' ')) { e.preventDefault(); keys[e.key](); }
 });
 new ResizeObserver(draw).observe(stage);
 addEventListener('resize', () => { plotHistogram(); plotFocus(); plotCooler(); });
