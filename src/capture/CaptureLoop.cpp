@@ -11,9 +11,8 @@
 namespace {
 
 constexpr uint16_t HEAD_A = 0x5A7E, TAIL_A = 0x3CF0;
-constexpr uint32_t HEAD_B = 0xBB00AA11, TAIL_B = 0x11AA00BB;
 constexpr uint8_t IMAGE_ENDPOINT = 0x82;
-constexpr uint16_t GARNET_LINE_LENGTH = 0x300C, IOLITE_MODE = 30, DUNITE_RESTART = 12;
+constexpr uint16_t GARNET_LINE_LENGTH = 0x300C;
 
 template <class T>
 T Get(const uint8_t* p, int64_t at)

@@ -6,6 +6,9 @@
 #include "capture/Forms.h"
 #include "platform/Platform.h"
 
+// Sensor registers that the loop and the long exposures both write.
+constexpr uint16_t IOLITE_MODE = 30, DUNITE_RESTART = 12;
+
 // What the threads of one capture share.
 struct CaptureRun {
     CaptureRun(CCameraBase& c, IModel& m, bool snap);

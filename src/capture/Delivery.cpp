@@ -9,13 +9,13 @@
 #include "camera/MemoryFrame.h"
 #include "camera/ModelTraits.h"
 #include "capture/Capture.h"
+#include "capture/Forms.h"
 #include "imaging/Bayer.h"
 #include "imaging/Gamma.h"
 #include "imaging/Walk.h"
 
 namespace {
 
-constexpr uint32_t HEAD_B = 0xBB00AA11;
 constexpr uint64_t DARK_MIN_EXPOSURE = 500000;  // us; with automatic exposure no dark is subtracted below it
 
 // At which bins the camera bins by itself while m_bHardwareBin is set, and what that leaves to the host.
@@ -47,7 +47,7 @@ struct DeliveryForm {
 };
 
 // clang-format off
-constexpr DeliveryForm g_Forms[] = {
+constexpr DeliveryForm g_DeliveryForms[] = {
 //    family            hardware bin           repair                head   rotate flips             row
     { Family::Kyanite,  HardBin::TwoThreeFour, Repair::FourBytes,    false, false, Flips::AfterBin,  false },
     { Family::Marble,   HardBin::TwoFour,      Repair::FourBytes,    false, false, Flips::AfterBin,  true  },
@@ -72,10 +72,10 @@ constexpr DeliveryForm g_Forms[] = {
 
 const DeliveryForm& FormOf(const ModelTraits& t)
 {
-    for (const DeliveryForm& f : g_Forms)
+    for (const DeliveryForm& f : g_DeliveryForms)
         if (f.family == t.family)
             return f;
-    return g_Forms[0];
+    return g_DeliveryForms[0];
 }
 
 // Geometry of one frame, read once: the host's setters may change it meanwhile, and nothing here may then leave a buffer.

@@ -1,13 +1,16 @@
 // What the families do differently in the capture thread: one row a family, one column a difference. What a row cannot
 // say (the steps of the long exposures, the restarts) stands in SmallChunkLoop and LongExposure under the row's names.
 #pragma once
+#include <cstdint>
+
 #include "camera/ModelTraits.h"
 
 // How a frame names itself. The marks stand in place of image pixels.
+constexpr uint32_t HEAD_B = 0xBB00AA11, TAIL_B = 0x11AA00BB;
 enum class Marks : uint8_t {
     A,         // words 0x5A7E, tag ... tag, 0x3CF0; cleared before the frame is handed over
-    B,         // first 32-bit word 0xBB00AA11
-    BAndTail,  // and last 32-bit word 0x11AA00BB
+    B,         // first 32-bit word HEAD_B
+    BAndTail,  // and last 32-bit word TAIL_B
 };
 
 // What runs beside the loop for the automation.

@@ -5,8 +5,8 @@
 namespace {
 
 constexpr uint16_t FPGA_HOLD = 1, FPGA_GATE = 11, FPGA_LINE_LENGTH = 19;
-constexpr uint16_t GARNET_SHUTTER = 0x3012, IOLITE_SHUTTER = 9, IOLITE_RESTART = 11, IOLITE_MODE = 30;
-constexpr uint16_t DUNITE_SHUTTER = 11, DUNITE_RESTART = 12, EBONY_MODE = 0x0200, EBONY_STATE = 0x8200;
+constexpr uint16_t GARNET_SHUTTER = 0x3012, IOLITE_SHUTTER = 9, IOLITE_RESTART = 11;
+constexpr uint16_t DUNITE_SHUTTER = 11, EBONY_MODE = 0x0200, EBONY_STATE = 0x8200;
 constexpr uint16_t LONG_SHUTTER = 12287;        // lines that the sensor counts itself while the host keeps the clock
 constexpr uint64_t LONG_FROM = 4000000;         // us; Garnet and Jasper
 constexpr uint64_t LONG_FROM_SMALL = 10000000;  // us; Iolite, Agate, Dunite

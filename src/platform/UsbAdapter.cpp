@@ -27,7 +27,6 @@ using usbstack::Status;
 namespace platform {
 namespace {
 
-constexpr uint32_t RECORD_SIZE = sizeof(XferRecord);
 constexpr uint32_t DRIVER_VERSION = 0x01000000, STACK_VERSION = 0x00000300;
 constexpr uint32_t PROP_LOCATION_INFO = 13, PROP_LOCATION_PATHS = 35;
 

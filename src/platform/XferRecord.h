@@ -24,3 +24,4 @@ struct XferRecord {
 };
 #pragma pack(pop)
 static_assert(sizeof(SetupPacket) == 12 && sizeof(XferRecord) == 38);
+constexpr uint32_t RECORD_SIZE = sizeof(XferRecord);

@@ -11,7 +11,6 @@ using platform::UsbDriver;
 
 namespace {
 
-constexpr uint32_t RECORD_SIZE = sizeof(XferRecord);
 constexpr uint8_t GET_DESCRIPTOR = 6;
 constexpr uint32_t DESCRIPTOR_TIMEOUT = 5;  // seconds
 constexpr uint8_t DESC_DEVICE = 1, DESC_CONFIG = 2, DESC_STRING = 3, DESC_BOS = 15;
@@ -56,8 +55,6 @@ public:
 private:
     IUsbDriver::DevInfo m_h;
 };
-
-uint16_t U16(const uint8_t* p) { return uint16_t(p[0] | (p[1] << 8)); }
 
 // One GET_DESCRIPTOR through the driver. The block holds the record and, behind it, the wanted bytes.
 class CDescriptorRead {

@@ -10,8 +10,6 @@ constexpr unsigned MAX_ENDPOINT_SLOTS = 32, MAX_INTERFACES = 8;
 constexpr int MAX_FOREIGN = 11;  // foreign descriptors skipped between the endpoints of one interface
 constexpr uint8_t CAP_USB20 = 2, CAP_SUPERSPEED = 3, CAP_CONTAINER = 4;
 
-uint16_t U16(const uint8_t* p) { return uint16_t(p[0] | (p[1] << 8)); }
-
 // The bytes of a descriptor block; nothing behind the end can be had.
 struct Block {
     const uint8_t* p;

@@ -5,6 +5,9 @@
 
 #include "usb/EndPoints.h"
 
+// Descriptors are little-endian.
+inline uint16_t U16(const uint8_t* p) { return uint16_t(p[0] | (p[1] << 8)); }
+
 struct InterfaceObject {
     CCyUSBEndPoint* apEndPoints[32] = {};  // entry 0 belongs to the control endpoint, which CUsbLink owns
     uint8_t bLength = 0, bDescriptorType = 0, bInterfaceNumber = 0, bAlternateSetting = 0, bNumEndpoints = 0;

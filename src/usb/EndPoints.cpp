@@ -12,7 +12,6 @@ using platform::UsbDriver;
 
 namespace {
 
-constexpr uint32_t RECORD_SIZE = sizeof(XferRecord);
 constexpr uint32_t ABORT_WAIT_MS = 50;
 constexpr uint32_t WAIT_FAILED = 0xFFFFFFFFu;
 

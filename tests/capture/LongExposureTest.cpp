@@ -3,7 +3,7 @@
 
 namespace {
 
-constexpr int W = 64, H = 32, S = W * H;
+constexpr int WIDE = 64, HIGH = 32, SIZE = WIDE * HIGH;
 
 struct LongRow {
     const char* szName;
@@ -51,7 +51,7 @@ uint32_t Snap(Rig& r, const LongRow& row)
     r.usb.dev.OnIn = [](const RecordedRequest&, uint8_t* p, uint16_t n) { std::memset(p, 4, n); };
     r.usb.dev.Clear();
     // The frame lies ready, and the pass lasts as long as the pause.
-    r.usb.Send(FrameOf(row.family, S, 1));
+    r.usb.Send(FrameOf(row.family, SIZE, 1));
     const uint32_t dwStart = platform::Ticks();
     r.cam.StartExposure();
     EXPECT_TRUE(Until([&] { return r.cam.m_ExpStatus == EXP_SUCCESS; }));
@@ -64,7 +64,7 @@ TEST_P(LongExposure, OneFrameOnePass)
 {
     const LongRow& row = GetParam();
     const FastClock fast(row.exposure > 20000000 ? 40 : 10);
-    Rig r(row.family, false, W, H, row.szName);
+    Rig r(row.family, false, WIDE, HIGH, row.szName);
     uint32_t dwTook = UINT32_MAX;
     const uint32_t dwMost = row.msMost * 3 / 2;  // every sleep oversleeps, ten times as much as on the real clock
     for (int i = 0; i < 4 && dwTook > dwMost; ++i) {
@@ -93,7 +93,7 @@ TEST(LongExposureEnd, KyaniteGivesTheSensorItsSettingsAgain)
     r.cam.m_bLongExp = true;
     r.cam.m_lExposure = 1000000;
     r.cam.m_iStartX = 12;
-    r.usb.Send(FrameA(S, 1));
+    r.usb.Send(FrameA(SIZE, 1));
     r.cam.StartExposure();
     ASSERT_TRUE(Until([&] { return r.cam.m_ExpStatus == EXP_SUCCESS; }));
     EXPECT_EQ(r.cam.Notes(), (std::vector<std::string>{ "gain 50", "start 12 0", "brightness 7" }));
@@ -130,19 +130,19 @@ TEST(LongExposureEnd, ShorterExposureEndsThePauseAndTheMode)
         SCOPED_TRACE(int(row.family));
         SCOPED_TRACE(row.shorter);
         const FastClock fast(20);
-        Rig r(row.family, false, W, H, "Leaving");
+        Rig r(row.family, false, WIDE, HIGH, "Leaving");
         r.cam.m_lExposure = 200000000;
         r.cam.m_bLongExp = true;
         r.cam.m_iCMOSClk = 24;
         const bool bFormA = row.family == Family::Jasper;  // throws away what came before its clock changed
         if (!bFormA)
-            r.usb.Send(FrameB(S, 1, row.family == Family::GarnetS));
+            r.usb.Send(FrameB(SIZE, 1, row.family == Family::GarnetS));
         r.cam.StartExposure();
         const std::string sMark = bFormA ? "out 182 305d 000d\n" : "out 174 0000 0000\n";
         ASSERT_TRUE(Until([&] { return r.Log().find(sMark) != std::string::npos; }));
         if (bFormA) {
             platform::SleepMs(3000);
-            r.usb.Send(FrameA(S, 1));
+            r.usb.Send(FrameA(SIZE, 1));
             EXPECT_EQ(r.cam.m_iCMOSClk, 2320);
         }
         r.cam.m_lExposure = row.shorter;
@@ -165,7 +165,7 @@ TEST(LongExposureEnd, AChangeOrAStopOpensTheGate)
         for (const bool bStop : { false, true }) {
             SCOPED_TRACE(testing::Message() << int(f) << (bStop ? " stop" : " change"));
             const FastClock fast(20);
-            Rig r(f, false, W, H, "Gate");
+            Rig r(f, false, WIDE, HIGH, "Gate");
             r.cam.m_FirmwareVer = 18;
             r.cam.m_bLongExp = true;
             r.cam.m_lExposure = 60000000;
@@ -179,7 +179,7 @@ TEST(LongExposureEnd, AChangeOrAStopOpensTheGate)
                 r.cam.m_lExposure = 5000000;
             ASSERT_TRUE(Until([&] { return r.Log().find("out 189 000b 0000") != std::string::npos; }));
             EXPECT_LT(platform::Ticks() - dwStart, 5000u);
-            r.usb.Send(FrameA(S, 1));
+            r.usb.Send(FrameA(SIZE, 1));
             EXPECT_TRUE(r.cam.Ended(100000));
             EXPECT_EQ(r.cam.m_ExpStatus, bStop ? EXP_IDLE : EXP_SUCCESS);
         }
@@ -188,12 +188,12 @@ TEST(LongExposureEnd, AChangeOrAStopOpensTheGate)
 TEST(LongExposureEnd, CobaltLeavesThroughItsInnerSetters)
 {
     const FastClock fast(20);
-    Rig r(Family::Cobalt, true, W, H, "CobaltLeaving");
+    Rig r(Family::Cobalt, true, WIDE, HIGH, "CobaltLeaving");
     r.cam.m_lExposure = 61000000;
     r.cam.m_bLongExp = true;
     r.cam.m_iCMOSClk = 24;
     r.cam.m_iHMAX = 4095;
-    r.usb.Send(FrameB(S, 1));
+    r.usb.Send(FrameB(SIZE, 1));
     r.cam.StartExposure();
     ASSERT_TRUE(Until([&] { return r.Log().find("out 174") != std::string::npos; }));
     r.cam.m_lExposure = 1000000;
@@ -207,7 +207,7 @@ TEST(LongExposureEnd, CobaltLeavesThroughItsInnerSetters)
 TEST(Lapis, OldFirmwareIsKeptAliveAndRestartedWhenTheExposureChanges)
 {
     const FastClock fast(50);
-    Rig r(Family::Lapis, true, W, H, "LapisAlive");
+    Rig r(Family::Lapis, true, WIDE, HIGH, "LapisAlive");
     r.cam.m_FirmwareVer = 17;
     r.cam.m_bLongExp = true;
     r.cam.m_lExposure = 40000000;
@@ -220,17 +220,17 @@ TEST(Lapis, OldFirmwareIsKeptAliveAndRestartedWhenTheExposureChanges)
     ASSERT_TRUE(r.Waiting(1));
     r.usb.dev.Clear();
     r.cam.m_lExposure = 2000000;
-    r.usb.Send(FrameA(S, 4));  // lands in the buffer that the new requests fill
+    r.usb.Send(FrameA(SIZE, 4));  // lands in the buffer that the new requests fill
     ASSERT_TRUE(Until([&] { return r.cam.m_ExpStatus == EXP_SUCCESS; }));
     ASSERT_TRUE(r.cam.Ended());
     EXPECT_EQ(r.Log(), "out 182 0212 0001\nout 182 0200 0001\nout 166 aaaa 0001\nout 166 aaaa 0000\nout 170 0000 0000\n");
-    EXPECT_EQ(r.Read(0)[5], FrameA(S, 4)[5]);
+    EXPECT_EQ(r.Read(0)[5], FrameA(SIZE, 4)[5]);
 }
 
 TEST(Lapis, ReconnectsAfterALostExposure)
 {
     const FastClock fast(20);
-    Rig r(Family::Lapis, true, W, H, "LapisLost");
+    Rig r(Family::Lapis, true, WIDE, HIGH, "LapisLost");
     r.cam.m_FirmwareVer = 18;
     r.cam.m_bLongExp = true;
     r.cam.m_lExposure = 2000000;
@@ -244,7 +244,7 @@ TEST(Lapis, ReconnectsAfterALostExposure)
     ASSERT_TRUE(Until([&] { return r.cam.CountOf("open") == 2; }));
     ASSERT_TRUE(r.Waiting(1));
     EXPECT_EQ(r.Log().substr(0, 4 * 18), "out 166 aaaa 0000\nout 170 0000 0000\nout 169 0000 0000\nout 166 aaaa 0001\n");
-    r.usb.Send(FrameA(S, 6));
+    r.usb.Send(FrameA(SIZE, 6));
     EXPECT_FALSE(r.Read(60000).empty());
 
     // QUIRK: when it does not come back, the thread ends as it stands and the camera counts as capturing and closed.

@@ -19,6 +19,8 @@
 #include "platform/UsbAdapter.h"
 #include "virtual/VirtualBus.h"
 
+inline constexpr int W = 320, H = 240;  // the region of most tests
+
 // One model of each capture form. The region is large enough for more than one request a frame where the sensor is.
 struct FormRow {
     const char* szName;

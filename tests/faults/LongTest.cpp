@@ -6,7 +6,6 @@ namespace {
 using kovsim::Request;
 
 constexpr double RATE = 10;
-constexpr int W = 320, H = 240;
 constexpr int32_t MINUTE = 60000000, TENTH = 6000000;
 
 // Which request shuts the camera up, and which one lets the frame out.

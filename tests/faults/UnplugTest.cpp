@@ -6,7 +6,6 @@ namespace {
 
 using kovsim::FaultKind;
 
-constexpr int W = 320, H = 240;
 constexpr int32_t US = 20000;
 
 KOV_EXPOSURE_STATUS Status()

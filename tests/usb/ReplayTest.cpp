@@ -39,7 +39,7 @@ std::string Hex(const void* pData, size_t n)
     return n == 0 ? "-" : s;
 }
 
-std::vector<uint8_t> Bytes(const std::string& hex)
+std::vector<uint8_t> Unhex(const std::string& hex)
 {
     std::vector<uint8_t> out;
     for (size_t i = 0; hex != "-" && i + 1 < hex.size();) {
@@ -114,7 +114,7 @@ public:
         EXPECT_EQ(Asked(c, o != nullptr, pIn, dwIn, dwOut), sCode + ' ' + sWhen + ' ' + sIn + ' ' + sSize)
             << "request " << iRequests;
         ++iRequests;
-        const std::vector<uint8_t> out = Bytes(sOut);
+        const std::vector<uint8_t> out = Unhex(sOut);
         if (out.size() <= dwOut && !out.empty())
             std::memcpy(pOut, out.data(), out.size());
         const uint32_t dwError = uint32_t(std::atoi(sError.c_str()));

@@ -9,7 +9,7 @@ using Bytes = std::vector<uint8_t>;
 
 namespace {
 
-constexpr uint32_t SMALL = 64 * 48;
+constexpr uint32_t FAKE_BYTES = 64 * 48;
 
 Bytes Words(std::initializer_list<uint32_t> words)
 {
@@ -134,8 +134,8 @@ struct Client {
 // The pattern but for the marks of the frame.
 void ExpectPattern(const Bytes& frame)
 {
-    ASSERT_EQ(frame.size(), SMALL);
-    for (uint32_t i = 4; i < SMALL - 4; ++i)
+    ASSERT_EQ(frame.size(), FAKE_BYTES);
+    for (uint32_t i = 4; i < FAKE_BYTES - 4; ++i)
         ASSERT_EQ(frame[i], (7 * (i % 64) + 13 * (i / 64)) % 251) << i;
 }
 
@@ -232,7 +232,7 @@ TEST(VirtualUsbip, BulkReadsEndAsOnTheWire)
         EXPECT_EQ(c.Await(2, false, 4).status, -104);
 
         for (uint32_t i = 10; i < 14; ++i)
-            c.Read(i, i & 1 ? 4096 : SMALL);
+            c.Read(i, i & 1 ? 4096 : FAKE_BYTES);
         c.Stream();
         for (uint32_t i = 10; i < 14; ++i) {
             const Reply r = c.Await(i);
@@ -249,7 +249,7 @@ TEST(VirtualUsbip, BulkReadsEndAsOnTheWire)
         EXPECT_EQ(babble.status, -75);
         EXPECT_EQ(babble.moved, usb2 ? packet : 0);
         c.Read(22, 4096);
-        EXPECT_EQ(c.Await(22).moved, SMALL - 2 * packet);
+        EXPECT_EQ(c.Await(22).moved, FAKE_BYTES - 2 * packet);
 
         s.camera.Inject({ FaultKind::StallBulk });
         c.Read(30, 4096);

@@ -27,9 +27,9 @@ int64_t SteadyNs()
     return int64_t{ t.tv_sec } * NS_PER_S + t.tv_nsec;
 }
 
-class Mutex {
+class PosixMutex {
 public:
-    explicit Mutex(int iType = PTHREAD_MUTEX_NORMAL)
+    explicit PosixMutex(int iType = PTHREAD_MUTEX_NORMAL)
     {
         pthread_mutexattr_t attr;
         pthread_mutexattr_init(&attr);
@@ -37,21 +37,21 @@ public:
         pthread_mutex_init(&m_h, &attr);
         pthread_mutexattr_destroy(&attr);
     }
-    ~Mutex() { pthread_mutex_destroy(&m_h); }
-    Mutex(const Mutex&) = delete;
-    Mutex& operator=(const Mutex&) = delete;
+    ~PosixMutex() { pthread_mutex_destroy(&m_h); }
+    PosixMutex(const PosixMutex&) = delete;
+    PosixMutex& operator=(const PosixMutex&) = delete;
     pthread_mutex_t m_h;
 };
 
 class Guard {
 public:
-    explicit Guard(Mutex& m) : m_m(m) { pthread_mutex_lock(&m_m.m_h); }
+    explicit Guard(PosixMutex& m) : m_m(m) { pthread_mutex_lock(&m_m.m_h); }
     ~Guard() { pthread_mutex_unlock(&m_m.m_h); }
     Guard(const Guard&) = delete;
     Guard& operator=(const Guard&) = delete;
 
 private:
-    Mutex& m_m;
+    PosixMutex& m_m;
 };
 
 class Condition {
@@ -72,7 +72,7 @@ public:
 
 // Ticks go on without a jump when the rate changes: the clock is a piecewise linear image of the steady clock.
 struct Clock {
-    Mutex m;
+    PosixMutex m;
     double dRate = 1.0;
     int64_t llRealBase = SteadyNs();
     double dScaledBase = double(llRealBase);  // ns; 53 bits last 104 days at full precision, and longer at 1 us
@@ -95,7 +95,7 @@ timespec Deadline(uint32_t ms)
 
 // Waits on `c` until ready() or the limit; `m` is held. True when ready.
 template <class Ready>
-bool WaitUntil(Condition& c, Mutex& m, uint32_t ms, Ready ready)
+bool WaitUntil(Condition& c, PosixMutex& m, uint32_t ms, Ready ready)
 {
     if (ready())
         return true;
@@ -115,7 +115,7 @@ bool WaitUntil(Condition& c, Mutex& m, uint32_t ms, Ready ready)
 
 // An event or a semaphore of maximum 1: both are a flag that a wait takes back.
 struct Flag {
-    Mutex m;
+    PosixMutex m;
     Condition c;
     bool bSet = false;
 
@@ -204,8 +204,8 @@ uint32_t Semaphore::Wait(uint32_t ms) { return m_p->Take(ms); }
 // --- lock -----------------------------------------------------------------------------------------------------------
 
 // Recursive, as a Windows critical section is.
-struct CriticalSection::Impl : Mutex {
-    Impl() : Mutex(PTHREAD_MUTEX_RECURSIVE) {}
+struct CriticalSection::Impl : PosixMutex {
+    Impl() : PosixMutex(PTHREAD_MUTEX_RECURSIVE) {}
 };
 CriticalSection::CriticalSection() : m_p(std::make_unique<Impl>()) {}
 CriticalSection::~CriticalSection() = default;
@@ -215,7 +215,7 @@ void CriticalSection::Leave() { pthread_mutex_unlock(&m_p->m_h); }
 // --- threads --------------------------------------------------------------------------------------------------------
 
 struct Thread::Impl {
-    mutable Mutex m;
+    mutable PosixMutex m;
     Condition c;
     pthread_t thread = {};
     bool bStarted = false, bEnded = false, bJoined = false;
