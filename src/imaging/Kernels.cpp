@@ -229,36 +229,23 @@ HWY_INLINE V16 LuminanceOf(D16 d, V16 b0, V16 b1, V16 b2)
     return hn::ShiftRight<8>(hn::Add(upper, hn::ShiftRight<8>(lower)));
 }
 
-// A vector of pixels, two columns a word.
-template <class V16>
-struct Columns {
-    V16 even, odd;
-};
+// Words of even and of odd columns, as bytes.
 template <class V16>
 using BytesOf = hn::Vec<hn::Repartition<uint8_t, hn::DFromV<V16> > >;
-
 template <class V16>
-HWY_INLINE BytesOf<V16> Join(Columns<V16> v)
+HWY_INLINE BytesOf<V16> Join(V16 even, V16 odd)
 {
-    return hn::BitCast(hn::Repartition<uint8_t, hn::DFromV<V16> >(), hn::Or(v.even, hn::ShiftLeft<8>(v.odd)));
-}
-
-template <class V16>
-HWY_INLINE Columns<V16> LuminanceOfColumns(Columns<V16> b0, Columns<V16> b1, Columns<V16> b2)
-{
-    const hn::DFromV<V16> d;
-    return { LuminanceOf(d, b0.even, b1.even, b2.even), LuminanceOf(d, b0.odd, b1.odd, b2.odd) };
+    return hn::BitCast(hn::Repartition<uint8_t, hn::DFromV<V16> >(), hn::Or(even, hn::ShiftLeft<8>(odd)));
 }
 
 template <class V8>
 HWY_INLINE V8 LuminanceOfBytes(V8 b0, V8 b1, V8 b2)
 {
     const hn::RepartitionToWide<hn::DFromV<V8> > d16;
-    const auto split = [d16](V8 v) HWY_ATTR {
-        const auto w = hn::BitCast(d16, v);
-        return Columns<hn::Vec<decltype(d16)> >{ hn::And(w, hn::Set(d16, 0x00FF)), hn::ShiftRight<8>(w) };
-    };
-    return Join(LuminanceOfColumns(split(b0), split(b1), split(b2)));
+    const auto low = hn::Set(d16, 0x00FF);
+    const auto w0 = hn::BitCast(d16, b0), w1 = hn::BitCast(d16, b1), w2 = hn::BitCast(d16, b2);
+    return Join(LuminanceOf(d16, hn::And(w0, low), hn::And(w1, low), hn::And(w2, low)),
+                LuminanceOf(d16, hn::ShiftRight<8>(w0), hn::ShiftRight<8>(w1), hn::ShiftRight<8>(w2)));
 }
 
 void Luminance(const uint8_t* rgb, uint8_t* dst, size_t n)
@@ -387,19 +374,20 @@ HWY_INLINE void StorePixels(V8 blue, V8 green, V8 red, uint8_t* dst)
 #  endif
 
 template <class V16>
-HWY_INLINE BytesOf<V16> JoinForPixels(Columns<V16> v)
+HWY_INLINE BytesOf<V16> JoinForPixels(V16 even, V16 odd)
 {
 #  if HWY_TARGET == HWY_AVX2
-    return BytesOf<V16>{ _mm256_packus_epi16(v.even.raw, v.odd.raw) };
+    return BytesOf<V16>{ _mm256_packus_epi16(even.raw, odd.raw) };
 #  else
-    return Join(v);
+    return Join(even, odd);
 #  endif
 }
 
 // `kColourOdd` tells which of the columns has the colour sites of the row; `own` is the colour of the row's sites, `other` that
-// of the rows above and below.
+// of the rows above and below. 0: even columns, 1: odd ones.
 template <bool kColourOdd, class D8, class V16>
-HWY_INLINE void Interpolate(D8 d8, const uint8_t* p, ptrdiff_t pitch, Columns<V16>& own, Columns<V16>& green, Columns<V16>& other)
+HWY_INLINE void Interpolate(D8 d8, const uint8_t* p, ptrdiff_t pitch, V16& own0, V16& own1, V16& green0, V16& green1, V16& other0,
+                            V16& other1)
 {
     const hn::RepartitionToWide<D8> d16;
     const auto load = [&](const uint8_t* q) HWY_ATTR { return hn::BitCast(d16, hn::LoadU(d8, q)); };
@@ -414,16 +402,16 @@ HWY_INLINE void Interpolate(D8 d8, const uint8_t* p, ptrdiff_t pitch, Columns<V1
         const auto nextColumn = hn::Add(high(load(p - pitch + 1)), high(load(p + pitch + 1)));
         const auto cross = hn::ShiftRight<2>(hn::Add(columnOdd, hn::Add(even, high(right))));
         const auto diagonal = hn::ShiftRight<2>(hn::Add(columnEven, nextColumn));
-        own = { hn::ShiftRight<1>(hn::Add(low(left), odd)), odd };
-        green = { even, cross };
-        other = { hn::ShiftRight<1>(columnEven), diagonal };
+        own0 = hn::ShiftRight<1>(hn::Add(low(left), odd)), own1 = odd;
+        green0 = even, green1 = cross;
+        other0 = hn::ShiftRight<1>(columnEven), other1 = diagonal;
     } else {
         const auto previousColumn = hn::Add(low(load(p - pitch - 1)), low(load(p + pitch - 1)));
         const auto cross = hn::ShiftRight<2>(hn::Add(columnEven, hn::Add(low(left), odd)));
         const auto diagonal = hn::ShiftRight<2>(hn::Add(previousColumn, columnOdd));
-        own = { even, hn::ShiftRight<1>(hn::Add(even, high(right))) };
-        green = { cross, odd };
-        other = { diagonal, hn::ShiftRight<1>(columnOdd) };
+        own0 = even, own1 = hn::ShiftRight<1>(hn::Add(even, high(right)));
+        green0 = cross, green1 = odd;
+        other0 = diagonal, other1 = hn::ShiftRight<1>(columnOdd);
     }
 }
 
@@ -432,17 +420,13 @@ enum class GainWay { None, Factor, Lookup };
 
 // `kCut`: what the gain makes too large is cut here.
 template <GainWay kWay, bool kCut, class V16>
-HWY_INLINE Columns<V16> WithGain(Columns<V16> v, uint16_t factor)
+HWY_INLINE V16 WithGain(V16 v, uint16_t factor)
 {
     const hn::DFromV<V16> d;
-    const auto of = [=](V16 w) HWY_ATTR {
-        const V16 product = hn::MulHigh(hn::ShiftLeft<16 - GAIN_SHIFT>(w), hn::Set(d, factor));
-        return kCut ? hn::Min(product, hn::Set(d, uint16_t{ 255 })) : product;
-    };
-    if constexpr (kWay == GainWay::Factor)
-        return { of(v.even), of(v.odd) };
-    else
+    if constexpr (kWay != GainWay::Factor)
         return v;
+    const V16 product = hn::MulHigh(hn::ShiftLeft<16 - GAIN_SHIFT>(v), hn::Set(d, factor));
+    return kCut ? hn::Min(product, hn::Set(d, uint16_t{ 255 })) : product;
 }
 
 // Where pixels of a row go: that of column `first` to `at`, the others before and behind it.
@@ -469,20 +453,26 @@ public:
     HWY_INLINE void Put(D8 d8, ptrdiff_t x, PixelRow<kY8> out) const
     {
         constexpr bool kCut = kY8 || !KOV_JOIN_CUTS;
-        Columns<hn::Vec<hn::RepartitionToWide<D8> > > blue, green, red;
+        const hn::RepartitionToWide<D8> d16;
+        hn::Vec<decltype(d16)> blue0, blue1, green0, green1, red0, red1;
         hwy::Prefetch(m_row + x + m_ahead);
-        Interpolate<kColourOdd>(d8, m_row + x, m_width, kBlueRow ? blue : red, green, kBlueRow ? red : blue);
-        blue = WithGain<kWay, kCut>(blue, m_blueFactor);
-        red = WithGain<kWay, kCut>(red, m_redFactor);
-        if constexpr (kWay == GainWay::Lookup && kY8)
-            hn::StoreU(LuminanceOfBytes(m_blueTable.Map(Join(blue)), Join(green), m_redTable.Map(Join(red))), d8, out.Pixel(x));
-        else if constexpr (kY8)
-            hn::StoreU(Join(LuminanceOfColumns(blue, green, red)), d8, out.Pixel(x));
-        else if constexpr (kWay == GainWay::Lookup)
-            StorePixels<kStream>(m_blueTable.Map(JoinForPixels(blue)), JoinForPixels(green), m_redTable.Map(JoinForPixels(red)),
-                                 out.Pixel(x));
+        if constexpr (kBlueRow)
+            Interpolate<kColourOdd>(d8, m_row + x, m_width, blue0, blue1, green0, green1, red0, red1);
         else
-            StorePixels<kStream>(JoinForPixels(blue), JoinForPixels(green), JoinForPixels(red), out.Pixel(x));
+            Interpolate<kColourOdd>(d8, m_row + x, m_width, red0, red1, green0, green1, blue0, blue1);
+        blue0 = WithGain<kWay, kCut>(blue0, m_blueFactor), blue1 = WithGain<kWay, kCut>(blue1, m_blueFactor);
+        red0 = WithGain<kWay, kCut>(red0, m_redFactor), red1 = WithGain<kWay, kCut>(red1, m_redFactor);
+        if constexpr (kY8 && kWay != GainWay::Lookup) {
+            hn::StoreU(Join(LuminanceOf(d16, blue0, green0, red0), LuminanceOf(d16, blue1, green1, red1)), d8, out.Pixel(x));
+        } else if constexpr (kY8) {
+            const auto blue = m_blueTable.Map(Join(blue0, blue1)), red = m_redTable.Map(Join(red0, red1));
+            hn::StoreU(LuminanceOfBytes(blue, Join(green0, green1), red), d8, out.Pixel(x));
+        } else {
+            auto blue = JoinForPixels(blue0, blue1), red = JoinForPixels(red0, red1);
+            if constexpr (kWay == GainWay::Lookup)
+                blue = m_blueTable.Map(blue), red = m_redTable.Map(red);
+            StorePixels<kStream>(blue, JoinForPixels(green0, green1), red, out.Pixel(x));
+        }
     }
     // Columns x to `end`. The last vector may begin before x, where it holds the same as what stands there.
     template <class D8>
