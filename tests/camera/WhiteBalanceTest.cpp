@@ -110,6 +110,8 @@ TEST_F(WhiteBalance, TextureWeighs)
 
 TEST_F(WhiteBalance, Decision)
 {
+    EXPECT_EQ(StepFor(100, 200, 100, true, 2), Asked{ "wb 99 99" });  // 2 / (2 + 1) of it: 50 * 133 / 67
+    cam.m_iWB_R = cam.m_iWB_B = 50;
     EXPECT_EQ(StepFor(100, 200, 200), Asked{ "wb 99 49" });  // 50 * 200 / 101, / 201
     cam.m_iWB_R = cam.m_iWB_B = 50;
     EXPECT_EQ(StepFor(100, 104, 100), Asked{});
