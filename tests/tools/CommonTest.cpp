@@ -128,7 +128,9 @@ TEST(Measure, StarsAreFoundWhereTheyAreAndAsWideAsTheyAre)
                      std::exp(-(std::pow(x - s.x, 2) + std::pow(y - s.y, 2)) / (2 * SIGMA * SIGMA));
             put(x, y, v);
         }
-    put(300, 50, 30000);  // a hot pixel
+    put(300, 50, 30000);                // a hot pixel
+    for (const int i : { 0, 1, 2, 3 })  // light at the edge of the brightest star, not another one
+        put(59 + i % 2, 60 + i / 2, 1200 + (i == 0));
     CameraState state;
     state.width = W;
     state.height = H;

@@ -229,6 +229,11 @@ StarField MeasureStars(const FrameView& frame, const CameraState& state, double 
         Star s = MeasureStar(p, peak.x, peak.y, peak.sky);
         if (s.flux <= 0 || s.hfr <= 0)
             continue;
+        // A peak farther out in a star's light measures that star once more.
+        const auto cx = std::clamp<long>(std::lround(s.x), 0, p.width - 1),
+                   cy = std::clamp<long>(std::lround(s.y), 0, p.height - 1);
+        if (taken[static_cast<size_t>(cy) * static_cast<size_t>(p.width) + static_cast<size_t>(cx)])
+            continue;
         // Lesser peaks in the light of this star are its noise.
         const int reach = std::clamp(static_cast<int>(3 * s.hfr + 1), 2, APERTURE);
         for (int y = std::max(0, peak.y - reach); y <= std::min(p.height - 1, peak.y + reach); ++y)
