@@ -89,6 +89,9 @@ expect 0 "set clamps" cam QuartzCol set gain 99999
 says out "limits changed 99999 to"
 expect 0 "set as JSON" cam QuartzCol set gain 77 --json
 says out '"kept": true'
+: >file
+XDG_CONFIG_HOME=$dir/file expect 4 "a value that cannot be kept" cam QuartzCol set gain 78
+says err 'could not be kept'
 
 # --- for somebody who is to help
 expect 0 "report" cam QuartzCol doctor --report report.txt
