@@ -104,27 +104,27 @@ const FactoryRow* FindRow(int32_t iProductId)
 CCameraBase* CreateCameraObject(int id, bool forOpen)
 {
     g_bReopenProbe = false;
-    const FactoryRow* pRow = FindRow(g_aProductID[id]);
-    if (pRow == nullptr)
+    const FactoryRow* row = FindRow(g_aProductID[id]);
+    if (row == nullptr)
         return nullptr;
-    CCameraBase* pCam = nullptr;
+    CCameraBase* cam = nullptr;
     try {
-        pCam = pRow->Create();
-        pCam->m_bOwnedByFrame = true;
+        cam = row->Create();
+        cam->m_bOwnedByFrame = true;
     } catch (const std::bad_alloc&) {
     }
-    g_bReopenProbe = pRow->bGroup != 0 && !forOpen;
-    return pCam;
+    g_bReopenProbe = row->bGroup != 0 && !forOpen;
+    return cam;
 }
 
 int RunningIndex(int id)
 {
-    const FactoryRow* pRow = FindRow(g_aProductID[id]);
+    const FactoryRow* row = FindRow(g_aProductID[id]);
     int n = 0;
     for (int j = 0; j < id; ++j) {
-        const FactoryRow* pOther = FindRow(g_aProductID[j]);
-        if (pRow != nullptr && pRow->bGroup != 0)
-            n += pOther != nullptr && pOther->bGroup == pRow->bGroup;
+        const FactoryRow* other = FindRow(g_aProductID[j]);
+        if (row != nullptr && row->bGroup != 0)
+            n += other != nullptr && other->bGroup == row->bGroup;
         else
             n += g_aProductID[j] == g_aProductID[id];
     }
@@ -137,21 +137,21 @@ int32_t EnumerateCameras()
     int32_t n = 0;
     const platform::BusLook look;
     for (const platform::Guid& guid : platform::g_InterfaceGuids) {
-        auto pLink = std::make_unique<CUsbLink>(nullptr, guid, true);
-        const int iDevices = pLink->DeviceCount();
-        for (int i = 0; i < iDevices; ++i) {
+        auto link = std::make_unique<CUsbLink>(nullptr, guid, true);
+        const int devices = link->DeviceCount();
+        for (int i = 0; i < devices; ++i) {
             try {
                 // False also for a damaged configuration; the IDs are known then. The first one is open already.
-                if (i > 0 || !pLink->IsOpen())
-                    pLink->Open(static_cast<uint8_t>(i));
-            } catch (const char* szError) {
+                if (i > 0 || !link->IsOpen())
+                    link->Open(static_cast<uint8_t>(i));
+            } catch (const char* error) {
                 // The driver does not let go of the device before. A new link has none to close.
-                KOV_LOG(Warn, "%s", szError);
-                pLink = std::make_unique<CUsbLink>(nullptr, guid, false);
-                pLink->Open(static_cast<uint8_t>(i));
+                KOV_LOG(Warn, "%s", error);
+                link = std::make_unique<CUsbLink>(nullptr, guid, false);
+                link->Open(static_cast<uint8_t>(i));
             }
-            if (pLink->m_wVendorId == platform::CAMERA_VENDOR_ID)
-                aFound[n++] = pLink->m_wProductId;
+            if (link->m_wVendorId == platform::CAMERA_VENDOR_ID)
+                aFound[n++] = link->m_wProductId;
         }
     }
     std::copy_n(aFound, n, g_aProductID);

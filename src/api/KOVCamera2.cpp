@@ -48,15 +48,15 @@ void Destroy(int id)
 
 KOV_ERROR_CODE SetCooler(CCameraBase& cam, KOV_CONTROL_TYPE control, int32_t value)
 {
-    auto* pCool = cam.m_bIsCooler ? dynamic_cast<CCameraCool*>(&cam) : nullptr;
-    if (pCool == nullptr)
+    auto* cool = cam.m_bIsCooler ? dynamic_cast<CCameraCool*>(&cam) : nullptr;
+    if (cool == nullptr)
         return KOV_ERROR_GENERAL;
     if (control == CTRL_TARGET_TEMP) {
-        pCool->SetAutoTemp(cam.m_bAutoTemp, static_cast<float>(value));
+        cool->SetAutoTemp(cam.m_bAutoTemp, static_cast<float>(value));
     } else {
-        pCool->SetAutoTemp(value > 0, static_cast<float>(cam.m_iTargetTemp.Get()));
+        cool->SetAutoTemp(value > 0, static_cast<float>(cam.m_iTargetTemp.Get()));
         if (value <= 0)
-            pCool->SetPowerPerc(0.0f);
+            cool->SetPowerPerc(0.0f);
     }
     return KOV_SUCCESS;
 }
@@ -95,17 +95,17 @@ KOV_ERROR_CODE KOVGetCameraProperty(KOV_CAMERA_INFO* info, int32_t index)
         if (!IsKnown(index))
             return KOV_ERROR_BAD_INDEX;
         info->CameraID = index;
-        bool bTemporary = false;
+        bool temporary = false;
         if (g_apCamera[index] == nullptr) {
             g_apCamera[index] = CreateCameraObject(index, false);
-            bTemporary = true;
+            temporary = true;
             if (g_apCamera[index] == nullptr)
                 return KOV_ERROR_NOT_OPEN;
         }
         if (g_bReopenProbe)
             KOVOpenCamera(index);
         g_apCamera[index].Get()->GetCameraProperty(info);
-        if (bTemporary) {
+        if (temporary) {
             if (g_bReopenProbe)
                 KOVCloseCamera(index);
             else

@@ -18,9 +18,9 @@ struct Step {
     int B;  // measured
     int T = cam.TargetBrightness();
     // QUIRK: a range below 100 (Agate and Dunite: 1 to 100) gives a small step of 0: automatic gain never comes down.
-    int iRange = cam.GainMax() - cam.GainMin();
-    int iSmall = iRange / 100;
-    int iLarge = 2 * iRange / 100;
+    int range = cam.GainMax() - cam.GainMin();
+    int iSmall = range / 100;
+    int large = 2 * range / 100;
 
     int Percent(int p) const { return MulWrap(T, p) / 100; }
     bool TooDark() const { return B < SubWrap(T, Percent(15)); }
@@ -31,8 +31,8 @@ struct Step {
     bool LineHold() const
     {
         const auto within = [this](int p) { return B > SubWrap(T, Percent(p)) && B < AddWrap(T, Percent(p)); };
-        const auto dwLines = cam.ExposureLines();
-        return (dwLines < 3 && within(30)) || (dwLines < 2 && within(45));
+        const auto lines = cam.ExposureLines();
+        return (lines < 3 && within(30)) || (lines < 2 && within(45));
     }
     bool Short() const { return cam.Exposure() <= LONG_EXPOSURE; }
 
@@ -43,9 +43,9 @@ struct Step {
     void ExposureUp() const
     {
         // QUIRK: the product wraps in 32 bits. From 2148 to 4294 seconds it is negative, and no ceiling at all.
-        const auto lCeiling = static_cast<uint64_t>(int64_t{ MulWrap(cam.ExposureCeiling(), 1000000) });
+        const auto ceiling = static_cast<uint64_t>(int64_t{ MulWrap(cam.ExposureCeiling(), 1000000) });
         const uint64_t E = cam.Exposure();
-        cam.SetExposure(std::min(lCeiling, E + E * static_cast<uint64_t>(int64_t{ T } - B) / 200));
+        cam.SetExposure(std::min(ceiling, E + E * static_cast<uint64_t>(int64_t{ T } - B) / 200));
     }
     void ExposureDown() const
     {
@@ -58,7 +58,7 @@ struct Step {
     void Brighten() const
     {
         if (!cam.AutoExposure()) {
-            GainUp(iLarge);
+            GainUp(large);
         } else if (!cam.AutoGain()) {
             if (!LineHold())
                 ExposureUp();
@@ -69,7 +69,7 @@ struct Step {
                     ExposureUp();
                 GainUp(iSmall);
             } else if (cam.Gain() != cam.GainCeiling()) {
-                GainUp(iLarge);
+                GainUp(large);
             } else {
                 ExposureUp();
             }
@@ -99,7 +99,7 @@ struct Step {
 int Brightness(const RawFrame& frame, bool is16, bool lowByte, int scale)
 {
     const int W = frame.width, H = frame.height;
-    uint32_t dwSum = 0, dwCount = 0;
+    uint32_t sum = 0, count = 0;
     for (int j = 0; j < GRID_ROWS; ++j) {
         const int y = static_cast<int>(static_cast<float>(j) * (static_cast<float>(H) / 48.0f));
         if (y <= H / 5 || y >= 4 * H / 5)
@@ -111,15 +111,15 @@ int Brightness(const RawFrame& frame, bool is16, bool lowByte, int scale)
             size_t index = static_cast<size_t>(y) * static_cast<size_t>(W) + static_cast<size_t>(x);
             if (is16)
                 index = 2 * index + (lowByte ? 0 : 1);
-            ++dwCount;
+            ++count;
             if (index < frame.bytes)
-                dwSum += SampleFrame(frame.data, index);
+                sum += SampleFrame(frame.data, index);
         }
     }
-    if (dwCount == 0)
+    if (count == 0)
         return 0;
 
-    const int B = static_cast<int>(dwSum / dwCount) + 1;  // a black frame does not read as zero
+    const int B = static_cast<int>(sum / count) + 1;  // a black frame does not read as zero
     return std::min(B * scale, 255);
 }
 

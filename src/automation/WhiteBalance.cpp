@@ -18,10 +18,10 @@ constexpr int BAND = 5;
 constexpr int LOW_BALANCE = 5;  // below, truncation alone could never raise the value
 
 // New balance of one colour.
-int32_t NewBalance(int32_t iOld, int32_t cG, int32_t c)
+int32_t NewBalance(int32_t old, int32_t cG, int32_t c)
 {
-    const int32_t i = MulWrap(iOld, cG) / (c + 1);
-    return i <= iOld && cG > c && iOld < LOW_BALANCE ? i + 1 : i;
+    const int32_t i = MulWrap(old, cG) / (c + 1);
+    return i <= old && cG > c && old < LOW_BALANCE ? i + 1 : i;
 }
 
 }  // namespace
@@ -31,21 +31,21 @@ std::optional<Balance> NextBalance(const WBBlocks& blocks, bool block0IfFlat, bo
     int32_t c[WB_COLORS];
     for (int k = 0; k < WB_COLORS; ++k) {
         const int32_t *const pDev = blocks.aDev[k], *const pMean = blocks.aMean[k];
-        int32_t iDevs = 0;
+        int32_t devs = 0;
         for (int b = 0; b < WB_BLOCKS; ++b)
-            iDevs = AddWrap(iDevs, pDev[b]);
+            devs = AddWrap(devs, pDev[b]);
         float f = 0;  // single precision, in block order: the rounding is part of the result
         for (int b = 0; b < WB_BLOCKS; ++b)
-            f += static_cast<float>(pDev[b]) * static_cast<float>(pMean[b]) / static_cast<float>(iDevs + 1);
-        if (iDevs == 0 && block0IfFlat)
+            f += static_cast<float>(pDev[b]) * static_cast<float>(pMean[b]) / static_cast<float>(devs + 1);
+        if (devs == 0 && block0IfFlat)
             f = static_cast<float>(pMean[0]);
         c[k] = TruncToInt32(f);
     }
 
     const int32_t dR = std::abs(c[WB_GREEN] - c[WB_RED]), dB = std::abs(c[WB_GREEN] - c[WB_BLUE]);
     // While brightness is regulated too, colours move with it; a wider band keeps the two from chasing each other.
-    const int32_t iBand = brightnessMoves ? BAND_REGULATED : BAND;
-    if (dR < iBand && dB < iBand)
+    const int32_t band = brightnessMoves ? BAND_REGULATED : BAND;
+    if (dR < band && dB < band)
         return std::nullopt;
     return Balance{ NewBalance(now.red, c[WB_GREEN], c[WB_RED]), NewBalance(now.blue, c[WB_GREEN], c[WB_BLUE]) };
 }
@@ -53,14 +53,14 @@ std::optional<Balance> NextBalance(const WBBlocks& blocks, bool block0IfFlat, bo
 ColourStatistics BlockStatistics(const RawFrame& frame, const Block& block, const uint8_t cell[4], const int measure[WB_COLORS],
                                  uint32_t scale)
 {
-    const float fStepX = static_cast<float>(block.width) / 10.0f, fStepY = static_cast<float>(block.height) / 10.0f;
+    const float stepX = static_cast<float>(block.width) / 10.0f, stepY = static_cast<float>(block.height) / 10.0f;
     // A block smaller than the lattice reads a little beside itself; beyond the buffer there is nothing to read.
     const auto visit = [&](auto use) {
         for (int i = 0; i < LATTICE; ++i)
             for (int j = 0; j < LATTICE; ++j)
                 for (int k = 0; k < 4; ++k) {
-                    const int y = block.y + static_cast<int>(static_cast<float>(i) * fStepY) + (k >> 1);
-                    const int x = block.x + static_cast<int>(static_cast<float>(j) * fStepX) + (k & 1);
+                    const int y = block.y + static_cast<int>(static_cast<float>(i) * stepY) + (k >> 1);
+                    const int x = block.x + static_cast<int>(static_cast<float>(j) * stepX) + (k & 1);
                     const auto index = static_cast<size_t>(int64_t{ y } * frame.width + x);
                     use(cell[(y & 1) * 2 + (x & 1)], index < frame.bytes ? SampleFrame(frame.data, index) : uint8_t{ 0 });
                 }

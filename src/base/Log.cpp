@@ -45,7 +45,7 @@ int LevelOf(std::string_view name)
     return it == std::end(LEVEL_NAMES) ? -1 : static_cast<int>(it - std::begin(LEVEL_NAMES));
 }
 
-void ConfigureLocked(Log& log, const char* szLog, const char* szFile) KOV_TSA(requires_capability(log.m))
+void ConfigureLocked(Log& log, const char* szLog, const char* file) KOV_TSA(requires_capability(log.m))
 {
     if (log.pFile)
         std::fclose(log.pFile);
@@ -61,12 +61,12 @@ void ConfigureLocked(Log& log, const char* szLog, const char* szFile) KOV_TSA(re
         std::fprintf(stderr, "KOV_LOG=%s: the level is one of error, warn, info, debug, trace; nothing is logged\n", szLog);
         iLevel = 0;
     }
-    if (iLevel > 0 && szFile && *szFile) {
-        log.pFile = std::fopen(szFile, "a");
+    if (iLevel > 0 && file && *file) {
+        log.pFile = std::fopen(file, "a");
         if (log.pFile)
             std::setvbuf(log.pFile, nullptr, _IOLBF, 2 * LINE_LIMIT);  // whole lines, also from several processes
         else
-            std::fprintf(stderr, "KOV_LOG_FILE=%s: %s; the log goes to standard error\n", szFile, std::strerror(errno));
+            std::fprintf(stderr, "KOV_LOG_FILE=%s: %s; the log goes to standard error\n", file, std::strerror(errno));
     }
     g_iLevel.store(iLevel, std::memory_order_relaxed);
 }
@@ -74,16 +74,16 @@ void ConfigureLocked(Log& log, const char* szLog, const char* szFile) KOV_TSA(re
 // Appends printf style; what does not fit is cut.
 class Line {
 public:
-    void Add(const char* szFormat, ...)
+    void Add(const char* format, ...)
     {
         va_list args;
-        va_start(args, szFormat);
-        AddV(szFormat, args);
+        va_start(args, format);
+        AddV(format, args);
         va_end(args);
     }
-    void AddV(const char* szFormat, va_list args)
+    void AddV(const char* format, va_list args)
     {
-        const int n = std::vsnprintf(m_ac + m_uLength, sizeof m_ac - m_uLength, szFormat, args);
+        const int n = std::vsnprintf(m_ac + m_uLength, sizeof m_ac - m_uLength, format, args);
         m_uLength = std::min(m_uLength + static_cast<size_t>(std::max(n, 0)), sizeof m_ac - 1);
     }
     void AddTime()
@@ -129,7 +129,7 @@ void AddLabel(Line& line, Log& log) KOV_TSA(requires_capability(log.m))
 
 }  // namespace
 
-void Write(LogLevel level, std::string_view room, const char* szFormat, ...)
+void Write(LogLevel level, std::string_view room, const char* format, ...)
 {
     Log& log = TheLog();
     const MutexLock guard(log.m);
@@ -143,8 +143,8 @@ void Write(LogLevel level, std::string_view room, const char* szFormat, ...)
     AddLabel(line, log);
     line.Add(" %.*s: ", static_cast<int>(room.size()), room.data());
     va_list args;
-    va_start(args, szFormat);
-    line.AddV(szFormat, args);
+    va_start(args, format);
+    line.AddV(format, args);
     va_end(args);
     const std::string_view text = line.Finish();
     std::FILE* const pFile = log.pFile ? log.pFile : stderr;
@@ -156,11 +156,11 @@ Camera CurrentCamera() { return t_Label.camera; }
 void SetCurrentCamera(Camera camera) { t_Label.camera = camera; }
 void SetThreadName(const char* szName) { t_Label.szName = szName; }
 
-void Configure(const char* szLog, const char* szFile)
+void Configure(const char* szLog, const char* file)
 {
     Log& log = TheLog();
     const MutexLock guard(log.m);
-    ConfigureLocked(log, szLog, szFile);
+    ConfigureLocked(log, szLog, file);
 }
 
 }  // namespace logging

@@ -95,13 +95,13 @@ CCameraBase::~CCameraBase()
     ReplaceLink(nullptr);
 }
 
-bool CCameraBase::ChangeFPSPerc(int percent, bool autoMode, const char* szReason)
+bool CCameraBase::ChangeFPSPerc(int percent, bool autoMode, const char* reason)
 {
-    const int iBefore = m_iFPSPerc;
-    const bool bOk = SetFPSPerc(percent, autoMode);
-    if (m_iFPSPerc != iBefore)
-        KOV_LOG(Info, "bandwidth from %d to %d: %s", iBefore, m_iFPSPerc.Get(), szReason);
-    return bOk;
+    const int before = m_iFPSPerc;
+    const bool ok = SetFPSPerc(percent, autoMode);
+    if (m_iFPSPerc != before)
+        KOV_LOG(Info, "bandwidth from %d to %d: %s", before, m_iFPSPerc.Get(), reason);
+    return ok;
 }
 
 // --- what a model may leave as it is ---------------------------------------------------------------------------------
@@ -180,10 +180,9 @@ bool CCameraBase::StopSensorCLK()
 bool CCameraBase::SetTransferCount(long bytes)
 {
     const auto dwBytes = static_cast<uint32_t>(bytes);  // a long has 32 bits to the camera
-    const uint32_t dwCount = dwBytes / TRANSFER_UNIT + (dwBytes % TRANSFER_UNIT != 0);
-    int32_t iLength = 0;
-    return SendCMD(REQ_TRANSFER_COUNT, static_cast<uint16_t>(dwCount >> 16), static_cast<uint16_t>(dwCount), false, nullptr,
-                   &iLength);
+    const uint32_t count = dwBytes / TRANSFER_UNIT + (dwBytes % TRANSFER_UNIT != 0);
+    int32_t length = 0;
+    return SendCMD(REQ_TRANSFER_COUNT, static_cast<uint16_t>(count >> 16), static_cast<uint16_t>(count), false, nullptr, &length);
 }
 
 bool CCameraBase::ReConnectCamera()
@@ -254,9 +253,9 @@ bool CCameraBase::GetImageAfterExp(uint8_t* buffer, int size) { return GetImage(
 
 void CCameraBase::GetCameraProperty(KOV_CAMERA_INFO* info)
 {
-    const size_t nName = std::min(std::strlen(m_pszName), sizeof info->Name - 1);
-    std::memcpy(info->Name, m_pszName, nName);
-    info->Name[nName] = 0;
+    const size_t name = std::min(std::strlen(m_pszName), sizeof info->Name - 1);
+    std::memcpy(info->Name, m_pszName, name);
+    info->Name[name] = 0;
     info->MaxHeight = m_iMaxHeight;
     info->MaxWidth = m_iMaxWidth;
     info->BayerPattern = m_ColorBayer;

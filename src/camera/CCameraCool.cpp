@@ -20,9 +20,9 @@ constexpr uint32_t STOP_LIMIT_MS = 500;
 Shared<int32_t> s_iLastDA;
 
 // Sleeps in slices. False as soon as the thread is to end.
-bool SleepSlices(const CCameraCool& cam, int iSlices)
+bool SleepSlices(const CCameraCool& cam, int slices)
 {
-    for (int i = 0; i < iSlices; ++i) {
+    for (int i = 0; i < slices; ++i) {
         platform::SleepMs(SLICE_MS);
         if (!cam.m_bTempThrRun)
             return false;
@@ -47,9 +47,9 @@ void Regulate(CCameraCool& cam)
 
 // cooler thread. Start: StartAutoTempThr. Stop: m_bTempThrRun cleared, seen after 10 ms or one control transfer. A
 // regulator that failed must not leave its last power on.
-void AutoTempThread(void* pCamera)
+void AutoTempThread(void* camera)
 {
-    CCameraCool& cam = *static_cast<CCameraCool*>(pCamera);
+    CCameraCool& cam = *static_cast<CCameraCool*>(camera);
     logging::SetThreadName("cooler");
     if (Attempt("cooler", [&cam] { Regulate(cam); }))
         return;
@@ -87,8 +87,8 @@ void CCameraCool::SetDA(int code)
         return;
     m_iCurDA = code;
     s_iLastDA = code;
-    int32_t iLength = 0;
-    SendCMD(REQ_COOLER_DA, static_cast<uint16_t>(code), 0, false, nullptr, &iLength);
+    int32_t length = 0;
+    SendCMD(REQ_COOLER_DA, static_cast<uint16_t>(code), 0, false, nullptr, &length);
 }
 
 int CCameraCool::CalculDA(float current)
@@ -105,8 +105,8 @@ int CCameraCool::CalculIPerc(int code)
 
 void CCameraCool::SetPowerPerc(float percent)
 {
-    const float fFloor = m_fCurrentMin * 100 / m_fCurrentMax;
-    const float f = std::min(percent > fFloor ? percent : fFloor, 100.0f);
+    const float floor = m_fCurrentMin * 100 / m_fCurrentMax;
+    const float f = std::min(percent > floor ? percent : floor, 100.0f);
     SetDA(CalculDA(m_fCurrentMax * f / 100));
     m_fCoolPowerPerc = f;
 }
@@ -141,39 +141,39 @@ void CCameraCool::GetAutoTemp(bool* on, float* target) const
 
 void CCameraCool::AutoTemp(float temperature)
 {
-    const uint32_t dwNow = platform::Ticks();
+    const uint32_t now = platform::Ticks();
     if (m_dwLastTempTick != 0 && m_fLastTemp != 0.0f &&
-        !thermal::IsPlausible(m_fLastTemp, temperature, static_cast<float>(dwNow - m_dwLastTempTick)))
+        !thermal::IsPlausible(m_fLastTemp, temperature, static_cast<float>(now - m_dwLastTempTick)))
         return;  // the next sample is compared with the older one, over the longer time
     m_fLastTemp = temperature;
-    m_dwLastTempTick = dwNow;
+    m_dwLastTempTick = now;
     if (!m_bAutoTemp)
         return;
 
     // A positive error: colder than wanted, power falls.
-    const float fErr = static_cast<float>(m_iTargetTemp.Get()) - temperature;
-    m_PID.fErr = fErr;
-    m_PID.fIntegral += fErr;
-    const float fOut = thermal::RegulatorOutput({ m_PID.fKp, m_PID.fKi, m_PID.fKd }, fErr, m_PID.fLastErr, m_PID.fIntegral);
-    m_PID.fLastErr = fErr;
-    m_PID.fOut = fOut;
+    const float error = static_cast<float>(m_iTargetTemp.Get()) - temperature;
+    m_PID.fErr = error;
+    m_PID.fIntegral += error;
+    const float change = thermal::RegulatorOutput({ m_PID.fKp, m_PID.fKi, m_PID.fKd }, error, m_PID.fLastErr, m_PID.fIntegral);
+    m_PID.fLastErr = error;
+    m_PID.fOut = change;
 
-    float fPower = m_fCoolPowerPerc;
-    if (fOut == 0.0f || thermal::IsCalm(fErr)) {
-        SetPowerPerc(fPower - fOut);
+    float power = m_fCoolPowerPerc;
+    if (change == 0.0f || thermal::IsCalm(error)) {
+        SetPowerPerc(power - change);
         return;
     }
-    // A small step may round to the code in force: go on until the output really changes. fPower is not clamped, so a
-    // limit ends it at the latest; so does a step too small to change fPower.
+    // A small step may round to the code in force: go on until the output really changes. power is not clamped, so a
+    // limit ends it at the latest; so does a step too small to change power.
     const int iCode = m_iCurDA;
     do {
-        if ((fPower >= 100 && fOut <= 0) || (fPower <= 0 && fOut >= 0))
+        if ((power >= 100 && change <= 0) || (power <= 0 && change >= 0))
             return;
-        const float fNext = fPower - fOut;
-        if (!(fNext < fPower || fNext > fPower))
+        const float next = power - change;
+        if (!(next < power || next > power))
             return;
-        fPower = fNext;
-        SetPowerPerc(fPower);
+        power = next;
+        SetPowerPerc(power);
     } while (m_iCurDA == iCode);
 }
 

@@ -37,7 +37,7 @@ constexpr ControlText g_aText[] = {
 static_assert(std::size(g_aText) == CTRL_COOLER_ON + 1);
 
 KOV_BOOL AsKovBool(bool b) { return b ? KOV_TRUE : KOV_FALSE; }
-KOV_ERROR_CODE Tested(bool bOk) { return bOk ? KOV_SUCCESS : KOV_ERROR_GENERAL; }
+KOV_ERROR_CODE Tested(bool ok) { return ok ? KOV_SUCCESS : KOV_ERROR_GENERAL; }
 
 // An identifier as hosts pass it may be any number; compared unsigned, so that negative ones are too large.
 uint32_t Number(KOV_CONTROL_TYPE control) { return static_cast<uint32_t>(control); }
@@ -48,28 +48,28 @@ bool CCameraBase::GetControlCaps(int index, KOV_CONTROL_CAPS* caps)
 {
     // QUIRK: the identifier is written before the index is checked: a host with a wrong index sees what lies in that
     // place of the list, or the field beside it. Places further off, which are not this object's to read, give 0.
-    const int32_t iId = index >= 0 && index < static_cast<int>(std::size(m_ControlList)) ? m_ControlList[index]
-                        : index == -1                                                    ? m_iFPSPercUSB3
-                        : index == static_cast<int>(std::size(m_ControlList))            ? m_iNumOfControls
-                                                                                         : 0;
-    static_assert(sizeof caps->ControlType == sizeof iId);
-    std::memcpy(&caps->ControlType, &iId, sizeof iId);  // any number, also none of the enumeration
+    const int32_t id = index >= 0 && index < static_cast<int>(std::size(m_ControlList)) ? m_ControlList[index]
+                       : index == -1                                                    ? m_iFPSPercUSB3
+                       : index == static_cast<int>(std::size(m_ControlList))            ? m_iNumOfControls
+                                                                                        : 0;
+    static_assert(sizeof caps->ControlType == sizeof id);
+    std::memcpy(&caps->ControlType, &id, sizeof id);  // any number, also none of the enumeration
 
-    if (index >= m_iNumOfControls || index < 0 || static_cast<uint32_t>(iId) >= std::size(g_aText))
+    if (index >= m_iNumOfControls || index < 0 || static_cast<uint32_t>(id) >= std::size(g_aText))
         return false;
-    const ControlText& text = g_aText[iId];
+    const ControlText& text = g_aText[id];
     // What follows the text in the caller's arrays stays as the caller had it.
     std::strcpy(caps->Name, text.szName);
     std::strcpy(caps->Description, text.szDescription);
     caps->IsWritable = AsKovBool(text.bWritable);
 
-    const auto fill = [caps](int32_t iMax, int32_t iMin, int32_t iDefault, bool bAuto = false) {
-        caps->MaxValue = iMax;
+    const auto fill = [caps](int32_t max, int32_t iMin, int32_t iDefault, bool bAuto = false) {
+        caps->MaxValue = max;
         caps->MinValue = iMin;
         caps->DefaultValue = iDefault;
         caps->IsAutoSupported = AsKovBool(bAuto);
     };
-    switch (iId) {
+    switch (id) {
     case CTRL_GAIN: fill(m_iGainMax, m_iGainMin, m_iGainDef, true); break;
     case CTRL_EXPOSURE: fill(m_iExpMax, m_iExpMin, m_iExpDef, true); break;
     case CTRL_GAMMA: fill(m_iGammaMax, m_iGammaMin, m_iGammaDef); break;

@@ -17,14 +17,14 @@ bool IsDirection(GuideD d) { return static_cast<uint32_t>(d) <= 3; }
 
 void Guide(CCameraFX3& cam, VendorRequest request, GuideD direction)
 {
-    int32_t iLength = 0;
-    cam.SendCMD(request, static_cast<uint16_t>(direction), 0, false, nullptr, &iLength);
+    int32_t length = 0;
+    cam.SendCMD(request, static_cast<uint16_t>(direction), 0, false, nullptr, &length);
 }
 
-bool TransferPage(CCameraFX3& cam, bool bIn, uint8_t* pPage)
+bool TransferPage(CCameraFX3& cam, bool input, uint8_t* pPage)
 {
-    int32_t iLength = PAGE_BYTES;
-    return cam.SendCMD(bIn ? REQ_FLASH_READ : REQ_FLASH_WRITE, 0, ID_PAGE, bIn, pPage, &iLength);
+    int32_t length = PAGE_BYTES;
+    return cam.SendCMD(input ? REQ_FLASH_READ : REQ_FLASH_WRITE, 0, ID_PAGE, input, pPage, &length);
 }
 
 }  // namespace
@@ -55,29 +55,29 @@ bool CCameraBase::pulseGuide(GuideD direction, int milliseconds)
 bool CCameraBase::ReadIDFromSPI(KOV_ID* out)
 {
     EnableGPIF32DQ(false);
-    uint8_t abPage[PAGE_BYTES] = {};
-    const bool bOk = TransferPage(*this, true, abPage) && abPage[0] == 'I' && abPage[1] == 'D';
-    if (bOk)
-        std::memcpy(out->id, abPage + 2, sizeof out->id);
+    uint8_t page[PAGE_BYTES] = {};
+    const bool ok = TransferPage(*this, true, page) && page[0] == 'I' && page[1] == 'D';
+    if (ok)
+        std::memcpy(out->id, page + 2, sizeof out->id);
     EnableGPIF32DQ(true);
-    return bOk;
+    return ok;
 }
 
 bool CCameraBase::WriteIDToSPI(KOV_ID value)
 {
     EnableGPIF32DQ(false);
-    bool bOk = false;
+    bool ok = false;
     // Erased once; a retry writes over what the try before has left.
     if (EraseSectorOfSPIFlash(ID_SECTOR, REQ_FLASH_ERASE) == FX3_FW_SUCCESS) {
-        uint8_t abPage[PAGE_BYTES] = { 'I', 'D' }, abBack[PAGE_BYTES] = {};
-        std::memcpy(abPage + 2, value.id, sizeof value.id);
+        uint8_t page[PAGE_BYTES] = { 'I', 'D' }, back[PAGE_BYTES] = {};
+        std::memcpy(page + 2, value.id, sizeof value.id);
         // Only what is read back counts, not the results of the transfers.
-        for (int i = 0; i < ID_WRITE_TRIES && !bOk; ++i) {
-            TransferPage(*this, false, abPage);
-            TransferPage(*this, true, abBack);
-            bOk = std::memcmp(abPage, abBack, ID_END) == 0;
+        for (int i = 0; i < ID_WRITE_TRIES && !ok; ++i) {
+            TransferPage(*this, false, page);
+            TransferPage(*this, true, back);
+            ok = std::memcmp(page, back, ID_END) == 0;
         }
     }
     EnableGPIF32DQ(true);
-    return bOk;
+    return ok;
 }

@@ -12,20 +12,20 @@ constexpr int32_t STEP_FIRST = 10000, STEP_MAX = 300000;  // us
 
 // Takes snaps until a dark frame has been collected. A failed snap is just repeated. False when that has become hopeless:
 // capture does not start, or no frame comes and the search is to stop.
-bool CollectBySnaps(CCameraBase& cam, uint8_t* pBuf, int iLength)
+bool CollectBySnaps(CCameraBase& cam, uint8_t* pBuf, int length)
 {
     while (cam.m_bGettingDark) {
         cam.m_ExpStatus = EXP_WORKING;  // before the start: a quick snap has its outcome when StartCapture returns
         if (!cam.StartCapture(true))
             return false;
         while (cam.m_ExpStatus == EXP_WORKING) {
-            const bool bEnded = !cam.m_bHPCRun && !cam.m_bCapturing;  // the capture thread tells the outcome right after
+            const bool ended = !cam.m_bHPCRun && !cam.m_bCapturing;  // the capture thread tells the outcome right after
             platform::SleepMs(POLL_SNAP_MS);
-            if (bEnded && cam.m_ExpStatus == EXP_WORKING)
+            if (ended && cam.m_ExpStatus == EXP_WORKING)
                 return false;
         }
         if (cam.m_ExpStatus == EXP_SUCCESS) {
-            cam.GetImage(pBuf, iLength, platform::WAIT_FOREVER);
+            cam.GetImage(pBuf, length, platform::WAIT_FOREVER);
             platform::SleepMs(POLL_DARK_MS);
         } else if (!cam.m_bHPCRun) {
             return false;
@@ -35,13 +35,13 @@ bool CollectBySnaps(CCameraBase& cam, uint8_t* pBuf, int iLength)
 }
 
 // Half a secant step towards the middle of the wanted range, from the last two (exposure, count) points.
-int32_t ExposureStep(int iMin, int iMax, int N, int iPrevN, uint64_t lExp, uint64_t lPrevExp)
+int32_t ExposureStep(int iMin, int max, int N, int prevN, uint64_t lExp, uint64_t prevExp)
 {
-    if (iPrevN == 0 || N < 100 || N == iPrevN)
+    if (prevN == 0 || N < 100 || N == prevN)
         return STEP_FIRST;
-    const double dExp = std::fabs(static_cast<double>(static_cast<int64_t>(lExp - lPrevExp)));
-    const double dMiddle = (static_cast<double>(iMin) + iMax) / 2;
-    const double d = std::fabs(dMiddle - N) * (dExp * 0.5) / std::fabs(static_cast<double>(N - iPrevN));
+    const double exp = std::fabs(static_cast<double>(static_cast<int64_t>(lExp - prevExp)));
+    const double middle = (static_cast<double>(iMin) + max) / 2;
+    const double d = std::fabs(middle - N) * (exp * 0.5) / std::fabs(static_cast<double>(N - prevN));
     return static_cast<int32_t>(std::min(d, static_cast<double>(STEP_MAX)));
 }
 
@@ -68,43 +68,43 @@ bool CCameraBase::AutoGetHPC(int* found, int minNum, int maxNum, unsigned long* 
         return false;
     m_bUsingDark = false;
     SetHPCStates(false);
-    uint64_t lExp = m_lExposure, lPrevExp = 0;
-    int iPrevN = 0;
+    uint64_t lExp = m_lExposure, prevExp = 0;
+    int prevN = 0;
     ForgetStandOuts(*this);
     m_bHPCRun = true;
 
     TraceLine("GettingDark-->\n");
     GettingDark(true, lExp);
-    bool bUsable = CollectBySnaps(*this, buf, bufLen);
+    bool usable = CollectBySnaps(*this, buf, bufLen);
     TraceLine("m_bGettingDark: %d \n", static_cast<int>(m_bGettingDark));
     TraceLine("GettingDark <--\n");
 
     // No limit on the number of rounds: ChangeHPCStatus(HPC_STOP) ends it, after the round that runs.
-    while (bUsable && m_bHPCRun) {
+    while (usable && m_bHPCRun) {
         const int N = m_lDeadPixelNum;
-        TraceLine("iOldDeadpixNum :%d m_lDeadPixelNum:%d oldexp: %d exposure:%d\n", iPrevN, N, static_cast<int>(lPrevExp),
+        TraceLine("iOldDeadpixNum :%d m_lDeadPixelNum:%d oldexp: %d exposure:%d\n", prevN, N, static_cast<int>(prevExp),
                   static_cast<int>(m_lExposure));
         *running = static_cast<unsigned long>(N);
         if (minNum <= N && N <= maxNum)
             break;
-        const int32_t iStep = ExposureStep(minNum, maxNum, N, iPrevN, m_lExposure, lPrevExp);
-        TraceLine("iDeltaExp %d\n", iStep);
-        lPrevExp = m_lExposure;
+        const int32_t step = ExposureStep(minNum, maxNum, N, prevN, m_lExposure, prevExp);
+        TraceLine("iDeltaExp %d\n", step);
+        prevExp = m_lExposure;
         if (N < minNum)
-            lExp += static_cast<uint64_t>(iStep);
+            lExp += static_cast<uint64_t>(step);
         else
-            lExp -= static_cast<uint64_t>(iStep);  // may wrap; the model clamps
+            lExp -= static_cast<uint64_t>(step);  // may wrap; the model clamps
         SetExp(lExp, false);
-        iPrevN = N;
+        prevN = N;
         TraceLine("2 GettingDark-->\n");
         GettingDark(true, m_lExposure);
-        bUsable = CollectBySnaps(*this, buf, bufLen);
+        usable = CollectBySnaps(*this, buf, bufLen);
         TraceLine("2 GettingDark <--\n");
     }
-    if (!bUsable || !m_bHPCRun) {
+    if (!usable || !m_bHPCRun) {
         // A collection that could not end must not begin again by itself with the next capture, nor go on in the next one.
         m_bGettingDark = false;
-        if (!bUsable)
+        if (!usable)
             m_iDarkCount = 0;
         TraceLine("Auto get HPC exit\n");
         return false;

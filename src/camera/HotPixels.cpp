@@ -18,19 +18,19 @@ constexpr int8_t NO_ENTRY = 127;
 constexpr uint32_t HOT_8BIT = 30, HOT_16BIT = 7680;  // a hot pixel exceeds its neighbours by more
 
 // Pair k of a BinPhaseTable row: byte 0 shifts columns, byte 1 rows.
-int8_t Phase(const CCameraBase& cam, int iRow, int k, int iByte)
+int8_t Phase(const CCameraBase& cam, int iRow, int k, int byte)
 {
-    return iRow >= 0 && iRow < ROWS ? cam.m_pTable80[iRow * 2 * PAIRS + 2 * k + iByte] : NO_ENTRY;
+    return iRow >= 0 && iRow < ROWS ? cam.m_pTable80[iRow * 2 * PAIRS + 2 * k + byte] : NO_ENTRY;
 }
 int ShiftOf(int8_t c) { return c == NO_ENTRY ? 0 : c; }
 
-// All targets of one row (iByte 1) or column (iByte 0): pairs of its parity up to the first empty one. An empty first
+// All targets of one row (byte 1) or column (byte 0): pairs of its parity up to the first empty one. An empty first
 // pair means no shift.
-int TargetsOf(const CCameraBase& cam, const RegionMapping& m, int i, int iByte, int aTarget[PAIRS / 2])
+int TargetsOf(const CCameraBase& cam, const RegionMapping& m, int i, int byte, int aTarget[PAIRS / 2])
 {
     int n = 0;
     for (int k = i & 1; k < PAIRS; k += 2) {
-        const int8_t c = Phase(cam, m.bin, k, iByte);
+        const int8_t c = Phase(cam, m.bin, k, byte);
         if (c == NO_ENTRY && n != 0)
             break;
         aTarget[n++] = m.Target(i, ShiftOf(c));
@@ -153,7 +153,7 @@ bool DeNoise(CCameraBase& cam, const Frame<T>& f, int x, int y)
     if (centre >= f.n)
         return false;
     const uint32_t c = f.p[centre];
-    uint32_t dwSum = 0, dwCount = 0;
+    uint32_t sum = 0, count = 0;
     const int aNeighbours[4][2] = { { x, y - f.s }, { x - f.s, y }, { x + f.s, y }, { x, y + f.s } };
     for (const auto& [nx, ny] : aNeighbours) {
         if (nx < 0 || ny < 0 || nx >= f.W || ny >= f.H)
@@ -165,11 +165,11 @@ bool DeNoise(CCameraBase& cam, const Frame<T>& f, int x, int y)
         // One neighbour that comes close clears the pixel of suspicion.
         if (c <= v || c - v <= LIMIT || v > c * 7 / 10)
             return false;
-        dwSum += v;
-        ++dwCount;
+        sum += v;
+        ++count;
     }
     // QUIRK: a pixel whose neighbours are all in the table becomes black.
-    f.p[centre] = static_cast<T>(dwCount != 0 ? dwSum / dwCount : 0);
+    f.p[centre] = static_cast<T>(count != 0 ? sum / count : 0);
     return true;
 }
 
@@ -262,18 +262,18 @@ void CCameraBase::AdjustDarkBuff(uint16_t* src, uint16_t* dst)
         for (size_t k = 0; k < m.elements; ++k)
             m_pDarkSum[k] = static_cast<uint16_t>(m_pDarkSum[k] / m.divisor / m.divisor);
     // The sum wraps on very bright dark frames of large sensors.
-    const uint32_t dwSum = std::accumulate(m_pDarkSum, m_pDarkSum + m.elements, uint32_t{ 0 });
-    const uint32_t dwAve = m.elements != 0 ? dwSum / static_cast<uint32_t>(m.elements) : 0;
-    m_iDarkAve = dwAve;
+    const uint32_t sum = std::accumulate(m_pDarkSum, m_pDarkSum + m.elements, uint32_t{ 0 });
+    const uint32_t ave = m.elements != 0 ? sum / static_cast<uint32_t>(m.elements) : 0;
+    m_iDarkAve = ave;
 
     ForgetStandOuts(*this);
-    int32_t iFound = 0;
+    int32_t found = 0;
     for (size_t k = 0; k < m.elements; ++k)
-        if (StandsOut(m_pDarkSum[k], dwAve)) {
-            m_pDarkPixels[iFound++] = static_cast<int32_t>(k);
+        if (StandsOut(m_pDarkSum[k], ave)) {
+            m_pDarkPixels[found++] = static_cast<int32_t>(k);
             m_pDarkTmp[k] = 1;
         }
-    m_lDeadPixelNum = iFound;
+    m_lDeadPixelNum = found;
 
     const MutexLock lock(m_Hot.mutex);
     m_Hot.dark.reset();

@@ -56,7 +56,7 @@ constexpr int32_t TABLE_HEADER = 8;
 constexpr uint32_t PAD = 2 * BLOCK;  // a read or write of whole pages may reach beyond the table
 
 int32_t WholePages(int32_t i) { return (i + FLASH_PAGE - 1) / FLASH_PAGE * FLASH_PAGE; }
-uint32_t BlockAddress(int32_t iBlock) { return TABLE_ADDRESS + static_cast<uint32_t>(iBlock * BLOCK); }
+uint32_t BlockAddress(int32_t block) { return TABLE_ADDRESS + static_cast<uint32_t>(block * BLOCK); }
 
 // Position within a page of 256, with its halves exchanged as the table stores it. Its own inverse.
 uint8_t SwapNibbles(uint8_t b) { return static_cast<uint8_t>((b & 15) << 4 | b >> 4); }
@@ -77,33 +77,33 @@ private:
 };
 
 // Only what is read back counts, not the results of the transfers.
-bool WriteBlock(CCameraFX3& cam, uint8_t* pData, int32_t iLength, uint32_t dwAddress, uint8_t* pBack)
+bool WriteBlock(CCameraFX3& cam, uint8_t* pData, int32_t length, uint32_t address, uint8_t* pBack)
 {
-    const auto n = static_cast<uint32_t>(iLength);
+    const auto n = static_cast<uint32_t>(length);
     for (int i = 0; i < TRIES; ++i) {
-        cam.WriteToSPIFlash(pData, n, dwAddress, REQ_FLASH_WRITE);
-        cam.ReadFromSPIFlash(pBack, n, dwAddress, REQ_FLASH_READ);
+        cam.WriteToSPIFlash(pData, n, address, REQ_FLASH_WRITE);
+        cam.ReadFromSPIFlash(pBack, n, address, REQ_FLASH_READ);
         if (std::memcmp(pData, pBack, n) == 0)
             return true;
     }
     return false;
 }
 
-bool WriteTable(CCameraFX3& cam, uint8_t* pData, int32_t iLength)
+bool WriteTable(CCameraFX3& cam, uint8_t* pData, int32_t length)
 {
-    if (iLength > static_cast<int32_t>(TABLE_LIMIT))
+    if (length > static_cast<int32_t>(TABLE_LIMIT))
         return false;
-    const uint32_t dwFirst = TABLE_ADDRESS / SECTOR, dwSectors = (static_cast<uint32_t>(iLength) + SECTOR - 1) / SECTOR;
-    for (uint32_t s = dwFirst; s < dwFirst + dwSectors; ++s)
+    const uint32_t first = TABLE_ADDRESS / SECTOR, sectors = (static_cast<uint32_t>(length) + SECTOR - 1) / SECTOR;
+    for (uint32_t s = first; s < first + sectors; ++s)
         if (cam.EraseSectorOfSPIFlash(s, REQ_FLASH_ERASE) != FX3_FW_SUCCESS)
             return false;
-    uint8_t abBack[BLOCK] = {};
-    const int32_t iBlocks = iLength / BLOCK, iRest = iLength % BLOCK;
-    for (int32_t b = 0; b < iBlocks; ++b)
-        if (!WriteBlock(cam, pData + b * BLOCK, BLOCK, BlockAddress(b), abBack))
+    uint8_t back[BLOCK] = {};
+    const int32_t blocks = length / BLOCK, rest = length % BLOCK;
+    for (int32_t b = 0; b < blocks; ++b)
+        if (!WriteBlock(cam, pData + b * BLOCK, BLOCK, BlockAddress(b), back))
             return false;
     // QUIRK: a table that ends with a whole block is reported as failed, though it stands in the flash and loads.
-    return iRest != 0 && WriteBlock(cam, pData + iBlocks * BLOCK, WholePages(iRest), BlockAddress(iBlocks), abBack);
+    return rest != 0 && WriteBlock(cam, pData + blocks * BLOCK, WholePages(rest), BlockAddress(blocks), back);
 }
 
 }  // namespace
@@ -116,26 +116,26 @@ int CCameraBase::LoadBMPFromFile(const char* path)
         TraceLine("Open file %s failed!\n", path);
         return 6;
     }
-    uint8_t abHeader[FILE_HEADER], abInfo[INFO_HEADER];
-    if (std::fread(abHeader, 1, FILE_HEADER, file.get()) < FILE_HEADER) {
+    uint8_t header[FILE_HEADER], info[INFO_HEADER];
+    if (std::fread(header, 1, FILE_HEADER, file.get()) < FILE_HEADER) {
         TraceLine("Read bmp header failed!\n");
         return 0;
     }
-    if (abHeader[0] != 'B' || abHeader[1] != 'M')
+    if (header[0] != 'B' || header[1] != 'M')
         return 0;
-    if (std::fread(abInfo, 1, INFO_HEADER, file.get()) < INFO_HEADER) {
+    if (std::fread(info, 1, INFO_HEADER, file.get()) < INFO_HEADER) {
         TraceLine("Read bmp infomation failed!\n");
         return 0;
     }
-    if (Get32(abInfo + 4) != static_cast<uint32_t>(m_iMaxWidth) || Get32(abInfo + 8) != static_cast<uint32_t>(m_iMaxHeight))
+    if (Get32(info + 4) != static_cast<uint32_t>(m_iMaxWidth) || Get32(info + 8) != static_cast<uint32_t>(m_iMaxHeight))
         return 7;
-    if (Get16(abInfo + 14) != 8)
+    if (Get16(info + 14) != 8)
         return 0;
 
     std::vector<uint8_t> abPixels(SensorPixels(*this));
-    const uint32_t dwPixelsAt = Get32(abHeader + 10);
-    const bool bThere = dwPixelsAt <= INT32_MAX && std::fseek(file.get(), static_cast<long>(dwPixelsAt), SEEK_SET) == 0;
-    if (!bThere || std::fread(abPixels.data(), 1, abPixels.size(), file.get()) < abPixels.size()) {
+    const uint32_t pixelsAt = Get32(header + 10);
+    const bool there = pixelsAt <= INT32_MAX && std::fseek(file.get(), static_cast<long>(pixelsAt), SEEK_SET) == 0;
+    if (!there || std::fread(abPixels.data(), 1, abPixels.size(), file.get()) < abPixels.size()) {
         // QUIRK: a file that is cut off counts as good. What is missing is dark.
     }
     std::copy(abPixels.begin(), abPixels.end(), m_pDarkBuf);
@@ -165,9 +165,9 @@ int CCameraBase::SaveBMPToFile(const char* path)
 
 int CCameraBase::CreateBMP(int width, int height, uint8_t* pixels, const char* path)
 {
-    const uint32_t dwImage = ImageBytes(width, height);
+    const uint32_t image = ImageBytes(width, height);
     uint8_t ab[PIXELS_AT] = { 'B', 'M' };
-    Put32(ab + 2, dwImage + PIXELS_AT);
+    Put32(ab + 2, image + PIXELS_AT);
     Put32(ab + 10, PIXELS_AT);
     uint8_t* const pInfo = ab + FILE_HEADER;
     Put32(pInfo, INFO_HEADER);
@@ -175,7 +175,7 @@ int CCameraBase::CreateBMP(int width, int height, uint8_t* pixels, const char* p
     Put32(pInfo + 8, static_cast<uint32_t>(height));
     Put16(pInfo + 12, 1);  // planes
     Put16(pInfo + 14, 8);  // bits a pixel
-    Put32(pInfo + 20, dwImage);
+    Put32(pInfo + 20, image);
     Put32(pInfo + 32, 256);  // colours used
     for (uint32_t i = 0; i < 256; ++i)
         std::memset(ab + FILE_HEADER + INFO_HEADER + 4 * i, static_cast<int>(i), 3);
@@ -184,7 +184,7 @@ int CCameraBase::CreateBMP(int width, int height, uint8_t* pixels, const char* p
     if (!file)
         return 0;
     std::fwrite(ab, 1, sizeof ab, file.get());
-    std::fwrite(pixels, 1, dwImage, file.get());
+    std::fwrite(pixels, 1, image, file.get());
     return 1;
 }
 
@@ -192,11 +192,11 @@ int CCameraBase::CreateBMP(int width, int height, uint8_t* pixels, const char* p
 // bytes; (position, value) is a byte of the page that is not 0.
 uint8_t* CCameraBase::Compress(uint8_t* src, int n, int* outLen)
 {
-    const size_t nSource = static_cast<size_t>(std::max(n, 0));
-    auto* const pOut = static_cast<uint8_t*>(std::calloc(nSource + PAD, 1));
+    const size_t source = static_cast<size_t>(std::max(n, 0));
+    auto* const pOut = static_cast<uint8_t*>(std::calloc(source + PAD, 1));
     if (!pOut)
         throw std::bad_alloc();
-    const auto z = static_cast<int32_t>(std::count_if(src, src + nSource, [](uint8_t b) { return b != 0; }));
+    const auto z = static_cast<int32_t>(std::count_if(src, src + source, [](uint8_t b) { return b != 0; }));
     const auto L = static_cast<uint32_t>(std::min(2 * z + 2 * n / 256 + 6, n));
     std::memcpy(pOut, MAGIC, sizeof MAGIC);
     for (int i = 0; i < 4; ++i)
@@ -206,17 +206,17 @@ uint8_t* CCameraBase::Compress(uint8_t* src, int n, int* outLen)
     // no multiple of 256, L falls short of *outLen by 1 or 2, and at 2 (n % 256 below 128) the reader, which goes by L,
     // misses the last record.
     uint8_t* p = pOut + TABLE_HEADER;
-    int iBound = 12;
-    for (int i = 0; i < n && iBound < n; ++i) {
+    int bound = 12;
+    for (int i = 0; i < n && bound < n; ++i) {
         const auto low = static_cast<uint8_t>(i);
         if (src[i] != 0) {
             *p++ = SwapNibbles(low);
             *p++ = src[i];
-            iBound += 2;
+            bound += 2;
         }
         if (low == 255 && i != n - 1) {
             p += 2;
-            iBound += 2;
+            bound += 2;
         }
     }
     *outLen = static_cast<int>(p - pOut);
@@ -226,8 +226,8 @@ uint8_t* CCameraBase::Compress(uint8_t* src, int n, int* outLen)
 // src holds L bytes, one more where L is odd.
 uint8_t* CCameraBase::Uncompress(uint8_t* src, int L)
 {
-    const size_t nOut = SensorPixels(*this) / 8;
-    auto* const pOut = static_cast<uint8_t*>(std::calloc(nOut + 1, 1));
+    const size_t output = SensorPixels(*this) / 8;
+    auto* const pOut = static_cast<uint8_t*>(std::calloc(output + 1, 1));
     if (!pOut)
         throw std::bad_alloc();
     size_t page = 0;
@@ -238,7 +238,7 @@ uint8_t* CCameraBase::Uncompress(uint8_t* src, int L)
             continue;
         }
         const size_t at = page * 256 + SwapNibbles(a);
-        if (at >= nOut) {
+        if (at >= output) {
             std::free(pOut);
             return nullptr;
         }
@@ -251,21 +251,20 @@ uint8_t* CCameraBase::Uncompress(uint8_t* src, int L)
 // that was collected last.
 bool CCameraBase::SaveHPCTable()
 {
-    const size_t nBytes = SensorPixels(*this) / 8;
-    std::vector<uint8_t> abBits(nBytes);
+    const size_t bytes = SensorPixels(*this) / 8;
+    std::vector<uint8_t> abBits(bytes);
     const FlashAccess access(*this);
-    const uint32_t dwAve = m_iDarkAve;
+    const uint32_t ave = m_iDarkAve;
     std::vector<int32_t> hot;
-    for (size_t i = 0; i < 8 * nBytes; ++i)
-        if (StandsOut(m_pDarkBuf[i], dwAve)) {
+    for (size_t i = 0; i < 8 * bytes; ++i)
+        if (StandsOut(m_pDarkBuf[i], ave)) {
             hot.push_back(static_cast<int32_t>(i));
             abBits[i / 8] = static_cast<uint8_t>(abBits[i / 8] | 1 << (i % 8));
         }
     SetHotPixels(*this, std::move(hot));
-    int iLength = 0;
-    const std::unique_ptr<uint8_t, void (*)(void*)> pTable(Compress(abBits.data(), static_cast<int>(nBytes), &iLength),
-                                                           &std::free);
-    return WriteTable(*this, pTable.get(), iLength);
+    int length = 0;
+    const std::unique_ptr<uint8_t, void (*)(void*)> pTable(Compress(abBits.data(), static_cast<int>(bytes), &length), &std::free);
+    return WriteTable(*this, pTable.get(), length);
 }
 
 // Host, capture stopped. That there is no table is normal: few cameras have one.
@@ -274,8 +273,8 @@ bool CCameraBase::LoadHPCTable()
     const auto n = static_cast<int32_t>(SensorPixels(*this) / 8);
     std::vector<uint8_t> ab(BLOCK);  // until it tells that there is a table
     const FlashAccess access(*this);
-    const auto read = [&](int32_t iBlock, int32_t iLength) {
-        return ReadFromSPIFlash(ab.data() + iBlock * BLOCK, static_cast<uint32_t>(iLength), BlockAddress(iBlock), REQ_FLASH_READ);
+    const auto read = [&](int32_t block, int32_t length) {
+        return ReadFromSPIFlash(ab.data() + block * BLOCK, static_cast<uint32_t>(length), BlockAddress(block), REQ_FLASH_READ);
     };
     bool bRead = read(0, BLOCK);
     if (std::memcmp(ab.data(), MAGIC, sizeof MAGIC) != 0)
@@ -286,18 +285,18 @@ bool CCameraBase::LoadHPCTable()
     ab.resize(static_cast<size_t>(n) + PAD);
     TraceLine("LoadHPC: Compressed length: %d :\n", L);
 
-    const int32_t iBlocks = L / BLOCK, iRest = L % BLOCK;
-    bool bGoOn = true;
-    for (int32_t b = 1; b < iBlocks && bGoOn; ++b) {
-        bGoOn = false;
-        for (int i = 0; i < TRIES && !bGoOn; ++i) {
-            bRead = bGoOn = read(b, BLOCK);
-            TraceLine(bGoOn ? "success %d\n" : "fail %d\n", b);
+    const int32_t blocks = L / BLOCK, rest = L % BLOCK;
+    bool goOn = true;
+    for (int32_t b = 1; b < blocks && goOn; ++b) {
+        goOn = false;
+        for (int i = 0; i < TRIES && !goOn; ++i) {
+            bRead = goOn = read(b, BLOCK);
+            TraceLine(goOn ? "success %d\n" : "fail %d\n", b);
         }
     }
     // Below one block this reads behind a table that is here already: no harm.
-    if (bGoOn && iRest > 0)
-        bRead = read(iBlocks > 1 ? iBlocks : 1, WholePages(iRest));
+    if (goOn && rest > 0)
+        bRead = read(blocks > 1 ? blocks : 1, WholePages(rest));
 
     // QUIRK: the result is that of the last flash read; a table cut off by a failed one is used as far as it goes.
     const std::unique_ptr<uint8_t, void (*)(void*)> pBits(Uncompress(ab.data(), L), &std::free);

@@ -18,28 +18,28 @@ public:
     explicit Reader(platform::SettingsKey& key) : m_Key(key) {}
 
     // Sets the byte count by hand. All other reads use what the read before has left.
-    void SetCount(uint32_t dwCount) { m_dwCount = dwCount; }
+    void SetCount(uint32_t count) { m_dwCount = count; }
 
     // Reads into `size` bytes at pField. Bytes of a longer value are dropped; a shorter value changes the first bytes.
-    void Read(const wchar_t* szName, void* pField, size_t size)
+    void Read(const wchar_t* name, void* pField, size_t size)
     {
         uint8_t ab[LARGEST] = {};
         std::memcpy(ab, pField, size);
         m_dwCount = std::min(m_dwCount, LARGEST);  // a refused value may have left any size
-        if (m_Key.Query(szName, ab, &m_dwCount) == platform::STORE_OK)
+        if (m_Key.Query(name, ab, &m_dwCount) == platform::STORE_OK)
             std::memcpy(pField, ab, size);
     }
     template <class T>
-    void Read(const wchar_t* szName, Shared<T>& field)
+    void Read(const wchar_t* name, Shared<T>& field)
     {
         T v = field;
-        Read(szName, &v, sizeof v);
+        Read(name, &v, sizeof v);
         field = v;
     }
-    void Read(const wchar_t* szName, Shared<bool>& field)
+    void Read(const wchar_t* name, Shared<bool>& field)
     {
         uint8_t b = field;
-        Read(szName, &b, 1);
+        Read(name, &b, 1);
         field = b != 0;
     }
 
@@ -49,9 +49,9 @@ private:
 };
 
 template <class T>
-void Write(platform::SettingsKey& key, const wchar_t* szName, uint32_t dwType, T v)
+void Write(platform::SettingsKey& key, const wchar_t* name, uint32_t type, T v)
 {
-    key.Set(szName, dwType, &v, sizeof v);
+    key.Set(name, type, &v, sizeof v);
 }
 
 }  // namespace
@@ -61,20 +61,20 @@ void CCameraBase::LoadSetting(const wchar_t* key)
 {
     if (const auto pKey = platform::OpenSettings(key)) {
         Reader r(*pKey);
-        uint64_t lExposure = m_lExposure;
-        auto dwLow = static_cast<uint32_t>(lExposure);
-        r.Read(L"Exposure", &dwLow, 4);
-        lExposure = (lExposure & ~uint64_t{ 0xFFFFFFFF }) | dwLow;
-        m_lExposure = std::min(lExposure, MAX_LOADED_EXPOSURE);
+        uint64_t exposure = m_lExposure;
+        auto low = static_cast<uint32_t>(exposure);
+        r.Read(L"Exposure", &low, 4);
+        exposure = (exposure & ~uint64_t{ 0xFFFFFFFF }) | low;
+        m_lExposure = std::min(exposure, MAX_LOADED_EXPOSURE);
         r.Read(L"Gain", m_iGain);
         r.Read(L"Gamma", m_iGamma);
         r.Read(L"Brightness", m_iBrightness);
         r.Read(L"Fclk", m_iCMOSClk);
         r.Read(L"FPSPercentageUSB3", &m_iFPSPercUSB3, 4);
         r.Read(L"FPSPercentageUSB2", m_iFPSPerc);
-        int32_t iPower = 0;
-        r.Read(L"CoolPowerPctg", &iPower, 4);
-        m_fCoolPowerPerc = static_cast<float>(iPower);
+        int32_t power = 0;
+        r.Read(L"CoolPowerPctg", &power, 4);
+        m_fCoolPowerPerc = static_cast<float>(power);
         r.Read(L"TargetTemp", m_iTargetTemp);
         r.Read(L"OverCLKPerc", m_iOverCLKPerc);
         r.Read(L"AutoBL", m_bAutoBL);
@@ -126,10 +126,10 @@ void CCameraBase::SaveSetting(const wchar_t* key)
     const auto pKey = platform::CreateSettings(key);
     if (!pKey)
         return;
-    const auto dword = [&](const wchar_t* szName, int32_t v) { Write(*pKey, szName, SETTING_DWORD, v); };
+    const auto dword = [&](const wchar_t* name, int32_t v) { Write(*pKey, name, SETTING_DWORD, v); };
     // QUIRK: the black levels are 1 byte in a value of a type that has 4.
-    const auto level = [&](const wchar_t* szName, uint8_t v) { Write(*pKey, szName, SETTING_DWORD, v); };
-    const auto flag = [&](const wchar_t* szName, bool v) { Write<uint8_t>(*pKey, szName, SETTING_BINARY, v); };
+    const auto level = [&](const wchar_t* name, uint8_t v) { Write(*pKey, name, SETTING_DWORD, v); };
+    const auto flag = [&](const wchar_t* name, bool v) { Write<uint8_t>(*pKey, name, SETTING_BINARY, v); };
 
     dword(L"Exposure", static_cast<int32_t>(m_lExposure));
     dword(L"Gain", m_iGain);

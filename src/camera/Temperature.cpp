@@ -16,8 +16,8 @@ float CCameraBase::GetADTemp()
 {
     // A failed transfer leaves zeros, which no thermistor gives.
     uint8_t b[2] = {};
-    int32_t iLength = 2;
-    SendCMD(REQ_ANALOG_TEMP, 0, 0, true, b, &iLength);
+    int32_t length = 2;
+    SendCMD(REQ_ANALOG_TEMP, 0, 0, true, b, &length);
     return CalculTempuature(static_cast<uint8_t>((b[0] >> 4) | (b[1] << 4)), 10);
 }
 
@@ -32,8 +32,8 @@ float CCameraBase::CalculTempuature(uint8_t ad, int seriesKOhm)
 float CCameraBase::ReadDigitalTemp()
 {
     uint8_t b[2] = {};
-    int32_t iLength = 2;
-    if (SendCMD(REQ_DIGITAL_TEMP, 0, 0, true, b, &iLength))
+    int32_t length = 2;
+    if (SendCMD(REQ_DIGITAL_TEMP, 0, 0, true, b, &length))
         if (const auto degrees = thermal::DigitalDegrees(b[0], b[1]))
             m_fSensorTemp = *degrees;
     return m_fSensorTemp;

@@ -19,14 +19,14 @@ struct Free {
 #if defined(__GNUC__)
 __attribute__((no_sanitize("thread"), noinline))
 #endif
-void CopyUnsynchronised(uint8_t* pDest, const uint8_t* pSrc, size_t n)
+void CopyUnsynchronised(uint8_t* dest, const uint8_t* src, size_t n)
 {
-    const volatile uint64_t* const pFrom = reinterpret_cast<const volatile uint64_t*>(pSrc);
-    uint64_t* const pTo = reinterpret_cast<uint64_t*>(pDest);
+    const volatile uint64_t* const from = reinterpret_cast<const volatile uint64_t*>(src);
+    uint64_t* const to = reinterpret_cast<uint64_t*>(dest);
     for (size_t i = 0; i < n / 8; ++i)
-        pTo[i] = pFrom[i];
+        to[i] = from[i];
     for (size_t i = n / 8 * 8; i < n; ++i)
-        pDest[i] = static_cast<const volatile uint8_t*>(pSrc)[i];
+        dest[i] = static_cast<const volatile uint8_t*>(src)[i];
 }
 
 // A private copy of what lies in m_pAuxBuf1, as large as any frame: the geometry may change while a step measures.
@@ -36,11 +36,11 @@ public:
     uint8_t* Take()
     {
         const CCameraBase& cam = m_run.cam;
-        const size_t dwRoom = 2 * size_t(cam.m_iMaxWidth) * size_t(cam.m_iMaxHeight);
+        const size_t room = 2 * size_t(cam.m_iMaxWidth) * size_t(cam.m_iMaxHeight);
         if (!m_p)
-            m_p.reset(static_cast<uint8_t*>(std::calloc(dwRoom + 64, 1)));
+            m_p.reset(static_cast<uint8_t*>(std::calloc(room + 64, 1)));
         if (m_p)
-            CopyUnsynchronised(m_p.get(), cam.m_pAuxBuf1, std::min(size_t(std::max(m_run.model.GetRealImageSize(), 0)), dwRoom));
+            CopyUnsynchronised(m_p.get(), cam.m_pAuxBuf1, std::min(size_t(std::max(m_run.model.GetRealImageSize(), 0)), room));
         return m_p.get();
     }
 
@@ -60,35 +60,35 @@ void RunAutomation(CaptureRun& run)
     logging::SetThreadName("automation");
     CCameraBase& cam = run.cam;
     const Automation kind = run.form.automation;
-    const int64_t lFrameTime = FrameTime(cam, run.form);
-    const int nSlices = kind == Automation::Common ? 10 : 20;
+    const int64_t frameTime = FrameTime(cam, run.form);
+    const int slices = kind == Automation::Common ? 10 : 20;
     Sample sample(run);
-    uint32_t nBalancePass = 0;
+    uint32_t balancePass = 0;
 
     const auto step = [&] {
-        const int64_t lExp = int64_t(cam.m_lExposure.Get());
+        const int64_t exp = int64_t(cam.m_lExposure.Get());
         uint8_t* p = nullptr;
         const auto frame = [&] { return p ? p : p = sample.Take(); };
         if (kind == Automation::Cobalt) {
             if (!cam.m_bLongExp) {
-                if (WantsExpGain(cam) && lExp < 600000 && frame())
+                if (WantsExpGain(cam) && exp < 600000 && frame())
                     cam.AutoExpGain(p);
                 if (cam.m_bAutoWB && CanBalance(cam) && frame())
                     cam.AutoWB_RAW(p);
                 run.model.ApplyExp();
                 run.model.ApplyGain();
             }
-        } else if (lExp < SHORT_EXPOSURE && lFrameTime < SHORT_EXPOSURE && !(kind == Automation::Iolite && cam.m_bLongExp)) {
+        } else if (exp < SHORT_EXPOSURE && frameTime < SHORT_EXPOSURE && !(kind == Automation::Iolite && cam.m_bLongExp)) {
             if (WantsExpGain(cam) && frame())
                 cam.AutoExpGain(p);
-            if (kind == Automation::Common && cam.m_bAutoWB && ++nBalancePass % 4 == 0 && CanBalance(cam) && frame())
+            if (kind == Automation::Common && cam.m_bAutoWB && ++balancePass % 4 == 0 && CanBalance(cam) && frame())
                 cam.AutoWB_RAW(p);
         }
     };
     run.control.Sleep(200);
     while (run.control.IsRunning()) {
         Attempt("automation", step);
-        for (int i = 0; i < nSlices && run.control.IsRunning(); ++i)
+        for (int i = 0; i < slices && run.control.IsRunning(); ++i)
             run.control.Sleep(10);
     }
     TraceLine("Thread SetGainExpFunc Exit!\n");
@@ -101,12 +101,12 @@ void StartAutomationStep(CaptureRun& run)
     const auto step = [](void* pv) {
         CaptureRun& r = *static_cast<CaptureRun*>(pv);
         Attempt("automation", [&r] {
-            const bool bBalance = r.cam.m_bAutoWB && CanBalance(r.cam);
+            const bool balance = r.cam.m_bAutoWB && CanBalance(r.cam);
             Sample sample(r);
-            uint8_t* const p = WantsExpGain(r.cam) || bBalance ? sample.Take() : nullptr;
+            uint8_t* const p = WantsExpGain(r.cam) || balance ? sample.Take() : nullptr;
             if (p && WantsExpGain(r.cam))
                 r.cam.AutoExpGain(p);
-            if (p && bBalance)
+            if (p && balance)
                 r.model.ModelWhiteBalance(p);
         });
         r.bAuxBusy = false;

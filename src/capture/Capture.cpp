@@ -76,7 +76,7 @@ void CaptureSession::Stop()
     m_p->cam.m_bCapturing = false;
 }
 
-uint32_t CaptureSession::Wait(uint32_t dwMs)
+uint32_t CaptureSession::Wait(uint32_t ms)
 {
     std::shared_ptr<Session> pNow;
     {
@@ -85,8 +85,8 @@ uint32_t CaptureSession::Wait(uint32_t dwMs)
     }
     if (!pNow)
         return platform::WAIT_SIGNALLED;
-    if (dwMs != platform::WAIT_FOREVER)
-        return pNow->run.main.Wait(dwMs);
+    if (ms != platform::WAIT_FOREVER)
+        return pNow->run.main.Wait(ms);
     pNow->run.control.Abandon();
     pNow->run.main.Wait(platform::WAIT_FOREVER);
     return pNow->run.aux.Wait(platform::WAIT_FOREVER);

@@ -60,15 +60,15 @@ int64_t FrameTime(const CCameraBase& cam, const CaptureForm& form)
     }
 }
 
-int64_t ExposureLines(const CCameraBase& cam, Family family, int64_t lClock)
+int64_t ExposureLines(const CCameraBase& cam, Family family, int64_t clock)
 {
-    const int64_t lExp = int64_t(cam.m_lExposure.Get()), w = int64_t{ cam.m_iWidth } * cam.m_iBin;
+    const int64_t exp = int64_t(cam.m_lExposure.Get()), w = int64_t{ cam.m_iWidth } * cam.m_iBin;
     switch (family) {
-    case Family::Cobalt: return std::max<int64_t>(Per(lClock * lExp - 29, cam.m_iHMAX), 1);
-    case Family::Iolite: return std::max<int64_t>(Per(lClock * lExp + 180, w + 244), 1);
-    case Family::Agate: return std::max<int64_t>(Per(lClock * lExp - 4, w + std::max<int64_t>(660 - w, 94)), 1);
-    case Family::Dunite: return std::max<int64_t>(Per(lClock * lExp - 4, w + std::max<int64_t>(660 - w, 61)), 1);
-    default: return Per(lExp * lClock - 26, cam.m_iHMAX);
+    case Family::Cobalt: return std::max<int64_t>(Per(clock * exp - 29, cam.m_iHMAX), 1);
+    case Family::Iolite: return std::max<int64_t>(Per(clock * exp + 180, w + 244), 1);
+    case Family::Agate: return std::max<int64_t>(Per(clock * exp - 4, w + std::max<int64_t>(660 - w, 94)), 1);
+    case Family::Dunite: return std::max<int64_t>(Per(clock * exp - 4, w + std::max<int64_t>(660 - w, 61)), 1);
+    default: return Per(exp * clock - 26, cam.m_iHMAX);
     }
 }
 
@@ -123,8 +123,8 @@ void CaptureLoop::Frames()
 void CaptureLoop::PrepareFrame()
 {
     // Fixed for the whole capture; what the buffers hold is the full sensor with two bytes a pixel.
-    const int64_t lRoom = 2 * int64_t{ m_cam.m_iMaxWidth } * m_cam.m_iMaxHeight;
-    m_iFrameBytes = int32_t(std::clamp<int64_t>(m_model.GetRealImageSize(), 0, lRoom));
+    const int64_t room = 2 * int64_t{ m_cam.m_iMaxWidth } * m_cam.m_iMaxHeight;
+    m_iFrameBytes = int32_t(std::clamp<int64_t>(m_model.GetRealImageSize(), 0, room));
     m_cam.m_iDroppedFrames = 0;
     m_cam.m_pFrameExchange->Reset();
 }
@@ -175,9 +175,9 @@ CaptureLoop::Verdict CaptureLoop::Check() const
 // may be measured is copied, any other goes itself.
 bool CaptureLoop::Deliver()
 {
-    const bool bMeasured = m_cam.m_bAutoExp || m_cam.m_bAutoGain || m_cam.m_bAutoWB;
+    const bool measured = m_cam.m_bAutoExp || m_cam.m_bAutoGain || m_cam.m_bAutoWB;
     return m_run.control.Deliver([&] {
-        if (bMeasured)
+        if (measured)
             return m_cam.m_pFrameExchange->Insert(m_queue.Frame(), m_iFrameBytes);
         return m_bHandedOver = m_queue.HandOver();
     });
@@ -190,45 +190,44 @@ void CaptureLoop::CountUnread()
     KOV_LOG(Info, "frame dropped, the host has not fetched the two before it; %u dropped so far", m_cam.m_iDroppedFrames.Get());
 }
 
-void CaptureLoop::Automate(bool bExpGain)
+void CaptureLoop::Automate(bool expGain)
 {
     if (m_bHandedOver)  // the automation was switched on meanwhile
         return;
-    if (bExpGain && (m_cam.m_bAutoExp || m_cam.m_bAutoGain))
+    if (expGain && (m_cam.m_bAutoExp || m_cam.m_bAutoGain))
         m_cam.AutoExpGain(m_queue.Frame());
     if (m_cam.m_bAutoWB && m_cam.m_bIsColor && !m_cam.m_bOutput16Bits)
         m_cam.AutoWB_RAW(m_queue.Frame());
 }
 
-bool CaptureLoop::ReduceBandwidth(bool bRisingClearsCount, bool bMayReduce)
+bool CaptureLoop::ReduceBandwidth(bool risingClearsCount, bool mayReduce)
 {
     const bool bAuto = m_cam.m_bAutoFPS;
     if (bAuto && !m_bLastAuto) {
         m_dwAutoStart = platform::Ticks();
-        if (bRisingClearsCount)
+        if (risingClearsCount)
             m_nBad = 0;
     }
     m_bLastAuto = bAuto;
-    const uint32_t dwNow = platform::Ticks();
-    if (dwNow - m_dwAutoStart >= 20000 || !bAuto || m_nBad < 3 || !bMayReduce)
+    const uint32_t now = platform::Ticks();
+    if (now - m_dwAutoStart >= 20000 || !bAuto || m_nBad < 3 || !mayReduce)
         return false;
     m_nBad = 0;
-    const uint32_t dwSince = dwNow - m_dwLastReduction;
-    m_dwLastReduction = dwNow;
-    if (dwSince >= 5000)
+    const uint32_t since = now - m_dwLastReduction;
+    m_dwLastReduction = now;
+    if (since >= 5000)
         return false;
     m_cam.ChangeFPSPerc(m_cam.m_iFPSPerc - 4, m_cam.m_bAutoFPS, "three damaged frames within 5 s");
     if (m_form.bSmallChunk)
-        TraceLine("time from start:%d   time_delta:%d pkg:%x\n", int(dwNow - m_dwAutoStart), int(dwSince),
-                  unsigned(m_cam.m_iHMAX));
+        TraceLine("time from start:%d   time_delta:%d pkg:%x\n", int(now - m_dwAutoStart), int(since), unsigned(m_cam.m_iHMAX));
     return true;
 }
 
-void CaptureLoop::StretchLine(int32_t iClocks, const char* szReason)
+void CaptureLoop::StretchLine(int32_t clocks, const char* reason)
 {
-    const int32_t iLine = m_cam.m_iHMAX;
-    KOV_LOG(Info, "line length from %d to %d: %s", iLine, iLine + iClocks, szReason);
-    m_cam.WriteCameraRegister(GARNET_LINE_LENGTH, uint16_t(iLine + iClocks));
+    const int32_t line = m_cam.m_iHMAX;
+    KOV_LOG(Info, "line length from %d to %d: %s", line, line + clocks, reason);
+    m_cam.WriteCameraRegister(GARNET_LINE_LENGTH, uint16_t(line + clocks));
 }
 
 // --- USB 3 families and the Garnet _S pair --------------------------------------------------------------------------
@@ -264,8 +263,8 @@ private:
 
     ChunkQueue::Waits FrameWaits() const override
     {
-        const int64_t lExp = int64_t(m_cam.m_lExposure.Get());
-        const int64_t first = lExp >= m_lFrameTime ? lExp / 1000 + (lExp < 1000000 ? 1000 : 2000) : m_lFrameTime * 2 / 1000 + 50;
+        const int64_t exp = int64_t(m_cam.m_lExposure.Get());
+        const int64_t first = exp >= m_lFrameTime ? exp / 1000 + (exp < 1000000 ? 1000 : 2000) : m_lFrameTime * 2 / 1000 + 50;
         const int64_t share = Per(m_lFrameTime / 1000, m_queue.Count()) + 100;
         return { uint32_t(first), m_form.bCapChunkWait ? 100u : uint32_t(share), m_form.bCapChunkWait, 0, 0 };
     }
@@ -277,12 +276,12 @@ private:
             std::memset(m_queue.Frame(), 0, 4);
             std::memset(m_queue.Frame() + m_iFrameBytes - 4, 0, 4);
         }
-        const bool bTaken = Deliver();
+        const bool taken = Deliver();
         if (m_run.bSnap) {
             m_run.control.End(EXP_SUCCESS);
             return Next::Leave;
         }
-        if (!bTaken)
+        if (!taken)
             CountUnread();
         if (m_bSwap && !IsShort())
             Automate(true);
@@ -334,8 +333,8 @@ private:
     bool AnswersVersion()
     {
         uint8_t ab[2] = {};
-        int32_t iLength = sizeof ab;
-        return m_cam.SendCMD(REQ_FIRMWARE_VERSION, 0, 0, true, ab, &iLength);
+        int32_t length = sizeof ab;
+        return m_cam.SendCMD(REQ_FIRMWARE_VERSION, 0, 0, true, ab, &length);
     }
 
     // The device fell out during a long exposure. QUIRK: when it does not come back, the thread ends where it stands and
@@ -426,11 +425,11 @@ private:
     // back and fixed; automatic stays the declared state.
     void BeginPass() override
     {
-        const uint32_t dwNow = platform::Ticks(), dwPass = dwNow - m_dwPassStart;
-        m_dwPassStart = dwNow;
+        const uint32_t now = platform::Ticks(), pass = now - m_dwPassStart;
+        m_dwPassStart = now;
         if (!Is(Family::Iolite) || !m_cam.m_bAutoBLBusy)
             return;
-        m_cam.m_iAutoBLCount += int32_t(dwPass);
+        m_cam.m_iAutoBLCount += int32_t(pass);
         if (m_cam.m_iAutoBLCount <= 800)
             return;
         signed char a[4];
@@ -447,12 +446,12 @@ private:
 
     ChunkQueue::Waits FrameWaits() const override
     {
-        const int64_t lExp = int64_t(m_cam.m_lExposure.Get());
+        const int64_t exp = int64_t(m_cam.m_lExposure.Get());
         int64_t first;
         if (IsOneShot())
-            first = std::max(lExp / 1000, m_lFrameTime / 1000);
-        else if (lExp >= m_lFrameTime)
-            first = lExp / 1000 + (lExp < 1000000 ? 1000 : 2000);
+            first = std::max(exp / 1000, m_lFrameTime / 1000);
+        else if (exp >= m_lFrameTime)
+            first = exp / 1000 + (exp < 1000000 ? 1000 : 2000);
         else
             first = m_lFrameTime / 1000 + (m_queue.Count() == 1 ? 2 : 10);
         m_dwFirstWait = uint32_t(std::max<int64_t>(first, 0));
@@ -487,9 +486,9 @@ private:
 
     Next OnBadMarks(Verdict) override
     {
-        uint32_t dwHead;
-        std::memcpy(&dwHead, m_queue.Frame(), sizeof dwHead);
-        TraceLine("bad frame head:0x%x\n", dwHead);
+        uint32_t head;
+        std::memcpy(&head, m_queue.Frame(), sizeof head);
+        TraceLine("bad frame head:0x%x\n", head);
         // QUIRK: at short exposures the frame goes to the reader all the same, who looks at its head, and counts as
         // dropped as well.
         if (m_cam.m_lExposure < uint64_t(SHORT_EXPOSURE) && !m_run.bSnap)

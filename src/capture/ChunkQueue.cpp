@@ -61,26 +61,26 @@ bool ChunkQueue::Finish(size_t n, int32_t* piBytes)
     *piBytes = Size(n);
     s.dwError = platform::ERROR_BAD_PARAMETER;
     uint8_t* const pContext = std::exchange(s.pContext, nullptr);
-    bool bOk = false;
-    if (CCyUSBEndPoint* const pEp = EndPoint()) {
-        bOk = pEp->FinishDataXfer(m_pFill + Offset(n), piBytes, &s.ov, pContext);
+    bool ok = false;
+    if (CCyUSBEndPoint* const ep = EndPoint()) {
+        ok = ep->FinishDataXfer(m_pFill + Offset(n), piBytes, &s.ov, pContext);
     } else {
         delete[] pContext;  // the link has gone and has completed the request
         *piBytes = 0;
     }
     *piBytes = std::clamp(*piBytes, 0, Size(n));
-    return bOk;
+    return ok;
 }
 
-void ChunkQueue::Begin(size_t n, uint8_t* pBuf)
+void ChunkQueue::Begin(size_t n, uint8_t* buf)
 {
     Slot& s = m_slots[n];
     s.dwError = platform::ERROR_BAD_PARAMETER;
-    CCyUSBEndPoint* const pEp = EndPoint();
-    if (!pEp)
+    CCyUSBEndPoint* const ep = EndPoint();
+    if (!ep)
         return;
     platform::WaitEvent(s.ov.hEvent, 0);  // a signal of an earlier request must not end the wait for this one
-    s.pContext = pEp->BeginDataXfer(pBuf + Offset(n), Size(n), &s.ov);
+    s.pContext = ep->BeginDataXfer(buf + Offset(n), Size(n), &s.ov);
     if (s.pContext)
         s.dwError = platform::LastError();  // this thread's: a Reset of another one may have stored its own in the endpoint
 }
@@ -88,8 +88,8 @@ void ChunkQueue::Begin(size_t n, uint8_t* pBuf)
 void ChunkQueue::OpenSlots()
 {
     m_slots.resize((size_t(m_dwFrameBytes) + m_dwChunk - 1) / m_dwChunk);
-    if (CCyUSBEndPoint* const pEp = EndPoint())
-        pEp->SetXferSize(m_dwChunk);
+    if (CCyUSBEndPoint* const ep = EndPoint())
+        ep->SetXferSize(m_dwChunk);
     for (size_t n = 0; n < m_slots.size(); ++n) {
         m_slots[n].ov.hEvent = platform::MakeEvent();
         if (!m_slots[n].ov.hEvent)
@@ -98,14 +98,14 @@ void ChunkQueue::OpenSlots()
     }
 }
 
-void ChunkQueue::Open(uint32_t dwChunk, int32_t iFrameBytes, bool bTwoBuffers)
+void ChunkQueue::Open(uint32_t chunk, int32_t frameBytes, bool twoBuffers)
 {
     Close();
-    m_dwChunk = dwChunk;
-    m_dwFrameBytes = uint32_t(std::max(iFrameBytes, 0));
-    m_bTwoBuffers = bTwoBuffers;
+    m_dwChunk = chunk;
+    m_dwFrameBytes = uint32_t(std::max(frameBytes, 0));
+    m_bTwoBuffers = twoBuffers;
     m_pFill = m_cam.m_pAuxBuf1;
-    m_pFrame = bTwoBuffers ? m_cam.m_pAuxBuf1 : m_cam.m_pAuxBuf2;
+    m_pFrame = twoBuffers ? m_cam.m_pAuxBuf1 : m_cam.m_pAuxBuf2;
     m_pNext = Other();
     OpenSlots();
 }
@@ -122,42 +122,42 @@ void ChunkQueue::Reopen()
 ChunkQueue::Result ChunkQueue::ReadFrame(const Waits& w)
 {
     Result r{ 0, false, w.dwFirst };
-    uint8_t* const pData = m_pFill;
-    uint8_t* const pNext = Other();
-    size_t nKept = 0;
+    uint8_t* const data = m_pFill;
+    uint8_t* const next = Other();
+    size_t kept = 0;
     for (size_t n = 0; n < m_slots.size(); ++n) {
         Slot& s = m_slots[n];
-        const bool bCame = Wait(s, r.dwWait) || (w.dwGrace != 0 && IsOut(s) && Wait(s, w.dwGrace));
-        if (!bCame && w.bLong)
+        const bool came = Wait(s, r.dwWait) || (w.dwGrace != 0 && IsOut(s) && Wait(s, w.dwGrace));
+        if (!came && w.bLong)
             TraceLine("wait for xfer error:%d\n", int(n));
-        else if (!bCame)
+        else if (!came)
             TraceLine("wait for xfer error:%d %d\n", int(n), int(r.dwWait));
-        r.dwWait = !bCame ? w.dwFailed : w.bCap ? std::min(r.dwWait, w.dwNext) : w.dwNext;
+        r.dwWait = !came ? w.dwFailed : w.bCap ? std::min(r.dwWait, w.dwNext) : w.dwNext;
         if (IsOut(s)) {
-            ++nKept;
+            ++kept;
             r.bFinished = false;
             continue;
         }
-        int32_t iBytes = 0;
-        r.bFinished = Finish(n, &iBytes) && bCame;
-        if (!bCame)
-            iBytes = 0;  // it never began; the record may still hold an earlier result
+        int32_t bytes = 0;
+        r.bFinished = Finish(n, &bytes) && came;
+        if (!came)
+            bytes = 0;  // it never began; the record may still hold an earlier result
         if (!r.bFinished)
             TraceLine("FINISH xfer error:%d\n", int(n));
-        r.dwReceived += uint32_t(iBytes);
+        r.dwReceived += uint32_t(bytes);
         if (!m_bTwoBuffers)
-            std::memcpy(m_cam.m_pAuxBuf2 + Offset(n), pData + Offset(n), size_t(iBytes));
-        Begin(n, pNext);
+            std::memcpy(m_cam.m_pAuxBuf2 + Offset(n), data + Offset(n), size_t(bytes));
+        Begin(n, next);
     }
-    m_pFrame = m_bTwoBuffers ? pData : m_cam.m_pAuxBuf2.Get();
-    m_pNext = pNext;
-    if (nKept == 0) {
-        m_pFill = pNext;
-    } else if (nKept < m_slots.size() && r.dwReceived == 0) {
+    m_pFrame = m_bTwoBuffers ? data : m_cam.m_pAuxBuf2.Get();
+    m_pNext = next;
+    if (kept == 0) {
+        m_pFill = next;
+    } else if (kept < m_slots.size() && r.dwReceived == 0) {
         // Some ended empty and were queued behind later chunks: back into order.
-        if (CCyUSBEndPoint* const pEp = EndPoint())
-            pEp->Abort();
-        RequeueAll(2, pNext);
+        if (CCyUSBEndPoint* const ep = EndPoint())
+            ep->Abort();
+        RequeueAll(2, next);
     }
     return r;
 }
@@ -174,17 +174,17 @@ bool ChunkQueue::HandOver()
 }
 
 // All chunks again, in order. The caller has aborted: what is out ends at once.
-void ChunkQueue::RequeueAll(uint32_t ms, uint8_t* pNext)
+void ChunkQueue::RequeueAll(uint32_t ms, uint8_t* next)
 {
     for (size_t n = 0; n < m_slots.size(); ++n) {
         Wait(m_slots[n], ms);
         if (IsOut(m_slots[n]))
             continue;
-        int32_t iBytes = 0;
-        Finish(n, &iBytes);
-        Begin(n, pNext);
+        int32_t bytes = 0;
+        Finish(n, &bytes);
+        Begin(n, next);
     }
-    m_pFill = pNext;
+    m_pFill = next;
 }
 
 void ChunkQueue::Resync()
@@ -201,16 +201,16 @@ void ChunkQueue::KeepAlive()
 
 void ChunkQueue::Flush()
 {
-    size_t nOut = 0;
+    size_t output = 0;
     for (Slot& s : m_slots) {
         Wait(s, 2);
-        nOut += IsOut(s);
+        output += IsOut(s);
     }
-    if (nOut == m_slots.size())
+    if (output == m_slots.size())
         return;
     // Half a frame: what is queued again would stand behind the chunks that are still out.
-    if (CCyUSBEndPoint* const pEp = EndPoint(); pEp && nOut != 0)
-        pEp->Abort();
+    if (CCyUSBEndPoint* const ep = EndPoint(); ep && output != 0)
+        ep->Abort();
     RequeueAll(2, m_pFill);
 }
 
@@ -219,13 +219,13 @@ void ChunkQueue::CloseSlots(uint32_t ms)
     for (size_t n = 0; n < m_slots.size(); ++n) {
         Slot& s = m_slots[n];
         if (!Wait(s, ms) && IsOut(s)) {
-            if (CCyUSBEndPoint* const pEp = EndPoint())
-                pEp->Abort();
+            if (CCyUSBEndPoint* const ep = EndPoint())
+                ep->Abort();
             Wait(s, ms);
         }
-        int32_t iBytes = 0;
+        int32_t bytes = 0;
         if (s.pContext)
-            Finish(n, &iBytes);
+            Finish(n, &bytes);
         if (s.ov.hEvent)
             platform::FreeEvent(std::exchange(s.ov.hEvent, nullptr));
     }
@@ -236,7 +236,7 @@ void ChunkQueue::Close()
 {
     if (m_slots.empty())
         return;
-    if (CCyUSBEndPoint* const pEp = EndPoint())
-        pEp->Abort();
+    if (CCyUSBEndPoint* const ep = EndPoint())
+        ep->Abort();
     CloseSlots(1);
 }

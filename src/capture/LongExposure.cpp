@@ -93,9 +93,9 @@ void CaptureLoop::ExposeGate()
 
 void CaptureLoop::ExposeLapis()
 {
-    const bool bOld = m_cam.m_FirmwareVer < 18;
+    const bool old = m_cam.m_FirmwareVer < 18;
     const int64_t ms = int64_t(m_lKept / 1000);
-    if (!bOld)
+    if (!old)
         Fpga(FPGA_GATE, 1);
     if (ms <= 1000) {
         Sleep(ms - 200);
@@ -105,18 +105,18 @@ void CaptureLoop::ExposeLapis()
         for (int64_t i = 1; i <= ms / 200 - guard && IsExposing(); ++i) {
             Sleep(200);
             // Old firmware gives up requests that nothing has answered for too long.
-            if (bOld && ms >= 30000 && i == 100)
+            if (old && ms >= 30000 && i == 100)
                 m_queue.KeepAlive();
         }
-        if (bOld && m_cam.m_lExposure != m_lKept) {
+        if (old && m_cam.m_lExposure != m_lKept) {
             m_cam.WriteCameraRegisterByte(530, 1);
             m_cam.WriteCameraRegisterByte(512, 1);
             m_model.StartSensorStreaming();
         }
-        if (!bOld)
+        if (!old)
             Sleep(guard * 200);
     }
-    if (!bOld)
+    if (!old)
         Fpga(FPGA_GATE, 0);
 }
 
@@ -174,7 +174,7 @@ void CaptureLoop::SleepWhole()
 ChunkQueue::Result CaptureLoop::LongGarnet()
 {
     TraceLine("Begin long exp %d\n", int(m_lKept));
-    const int32_t iGain = m_cam.m_iGain;
+    const int32_t gain = m_cam.m_iGain;
     Sleep(200);
     m_cam.StopSensorCLK();
     const int64_t wait = ReadoutAllowance();
@@ -186,7 +186,7 @@ ChunkQueue::Result CaptureLoop::LongGarnet()
 
     // What could not be written while the clock stood still.
     m_cam.SetBrightness(m_cam.m_iBrightness);
-    if (m_cam.m_iGain != iGain)
+    if (m_cam.m_iGain != gain)
         m_cam.SetGain(m_cam.m_iGain, m_cam.m_bAutoGain);
     m_cam.GetSensorTemp();
 

@@ -27,7 +27,7 @@ private:
 }  // namespace
 
 struct FrameExchange::Impl {
-    explicit Impl(uint32_t dwSlotBytes) : dwCapacity(dwSlotBytes)
+    explicit Impl(uint32_t slotBytes) : capacity(slotBytes)
     {
         const MutexLock lock(ring);
         for (int i = 0; i < SLOTS; ++i)
@@ -38,7 +38,7 @@ struct FrameExchange::Impl {
     // Fresh pages cost nothing until a frame lands in them, and hold no foreign bytes.
     uint8_t* AddBlock() KOV_TSA(requires_capability(ring))
     {
-        const size_t bytes = dwCapacity + SLOT_PAD;
+        const size_t bytes = capacity + SLOT_PAD;
         platform::Pages<uint8_t> p(static_cast<uint8_t*>(platform::AllocPages(bytes)), platform::PagesDeleter{ bytes });
         if (!p)
             throw std::bad_alloc();
@@ -47,8 +47,8 @@ struct FrameExchange::Impl {
         return blocks.back().get();
     }
 
-    size_t Fit(int32_t iSize) const { return iSize > 0 ? std::min<size_t>(size_t(iSize), dwCapacity) : 0; }
-    int32_t Held() const { return iCount.load(std::memory_order_acquire); }
+    size_t Fit(int32_t iSize) const { return iSize > 0 ? std::min<size_t>(size_t(iSize), capacity) : 0; }
+    int32_t Held() const { return count.load(std::memory_order_acquire); }
 
     // The block that was given back last is the likeliest one to lie in a cache, and those that the flow of
     // frames does not need are never touched.
@@ -60,32 +60,32 @@ struct FrameExchange::Impl {
     }
 
     // Producer; a slot is free.
-    void Publish(uint8_t* pBlock, int32_t iSize) KOV_TSA(requires_capability(ring))
+    void Publish(uint8_t* block, int32_t iSize) KOV_TSA(requires_capability(ring))
     {
-        apSlots[iWrite] = pBlock;
+        apSlots[iWrite] = block;
         aFrameBytes[iWrite] = Fit(iSize);
-        uint32_t dwHead = 0;
-        std::memcpy(&dwHead, pBlock, sizeof dwHead);
-        aHead[iWrite].store(dwHead, std::memory_order_relaxed);
+        uint32_t head = 0;
+        std::memcpy(&head, block, sizeof head);
+        aHead[iWrite].store(head, std::memory_order_relaxed);
         iWrite ^= 1;
         // In one step for the reader: taken before its signal is given, a frame would leave a second stale one behind.
-        if (iCount.fetch_add(1, std::memory_order_acq_rel) + 1 == 1)
+        if (count.fetch_add(1, std::memory_order_acq_rel) + 1 == 1)
             signal.Release();
     }
     // Consumer. False when none has come in time; what has come may be gone again before `ring` is locked.
-    bool Await(uint32_t dwTimeoutMs);
+    bool Await(uint32_t timeoutMs);
     bool IsThere() const KOV_TSA(requires_capability(ring)) { return Held() != 0 && !bClosing; }
     // The slot of the oldest frame is empty then, and there has to be a spare for it.
     uint8_t* Remove() KOV_TSA(requires_capability(ring))
     {
         uint8_t* const p = apSlots[iRead.load(std::memory_order_relaxed)];
         iRead.store(iRead.load(std::memory_order_relaxed) ^ 1, std::memory_order_relaxed);
-        iCount.fetch_sub(1, std::memory_order_acq_rel);  // only Reset could have taken it to 0, and that waits
+        count.fetch_sub(1, std::memory_order_acq_rel);  // only Reset could have taken it to 0, and that waits
         return p;
     }
 
     static constexpr int SLOTS = 2;
-    const uint32_t dwCapacity;
+    const uint32_t capacity;
     std::vector<platform::Pages<uint8_t>> blocks KOV_TSA(guarded_by(ring));  // all memory
     // The frames, from iRead on; slots that are free hold nothing, and a spare waits for each of them.
     uint8_t* apSlots[SLOTS] KOV_TSA(guarded_by(ring)) = {};
@@ -93,7 +93,7 @@ struct FrameExchange::Impl {
     std::atomic<uint32_t> aHead[SLOTS] = {};  // first word of each slot, readable while the slot is being filled
     int32_t iWrite = 0;                       // producer's own
     std::atomic<int32_t> iRead{ 0 };
-    std::atomic<int32_t> iCount{ 0 };  // a frame is published by the step up and given back by the step down
+    std::atomic<int32_t> count{ 0 };  // a frame is published by the step up and given back by the step down
     // Held by Read for the span of its copy and by Reset, so that after a Reset no slot is being read any more. The
     // producer fills a spare without it and publishes under it.
     mutable Mutex ring;
@@ -104,7 +104,7 @@ struct FrameExchange::Impl {
     std::atomic<int32_t> iInside{ 0 };  // consumers and leases between their first and last touch of this object
 };
 
-FrameExchange::FrameExchange(uint32_t dwSlotBytes) : m_p(std::make_unique<Impl>(dwSlotBytes)) {}
+FrameExchange::FrameExchange(uint32_t slotBytes) : m_p(std::make_unique<Impl>(slotBytes)) {}
 
 FrameExchange::~FrameExchange() { Shut(); }
 
@@ -129,17 +129,17 @@ void FrameExchange::Reset()
     m_p->iRead.store(0, std::memory_order_relaxed);
 }
 
-bool FrameExchange::Insert(const uint8_t* pData, int32_t iSize)
+bool FrameExchange::Insert(const uint8_t* data, int32_t iSize)
 {
     Impl& m = *m_p;
-    if (!pData || m.Held() >= Impl::SLOTS)
+    if (!data || m.Held() >= Impl::SLOTS)
         return false;
     MutexLock lock(m.ring);
-    uint8_t* const pBlock = m.PopSpare();
+    uint8_t* const block = m.PopSpare();
     lock.unlock();
-    std::memcpy(pBlock, pData, m.Fit(iSize));
+    std::memcpy(block, data, m.Fit(iSize));
     lock.lock();
-    m.Publish(pBlock, iSize);
+    m.Publish(block, iSize);
     return true;
 }
 
@@ -149,66 +149,66 @@ uint8_t* FrameExchange::MakeBlock()
     return m_p->AddBlock();
 }
 
-uint8_t* FrameExchange::HandOver(uint8_t* pBlock, int32_t iSize)
+uint8_t* FrameExchange::HandOver(uint8_t* block, int32_t iSize)
 {
     Impl& m = *m_p;
-    if (!pBlock || m.Held() >= Impl::SLOTS)
+    if (!block || m.Held() >= Impl::SLOTS)
         return nullptr;
     const MutexLock l(m.ring);
-    m.Publish(pBlock, iSize);
+    m.Publish(block, iSize);
     return m.PopSpare();
 }
 
-bool FrameExchange::Impl::Await(uint32_t dwTimeoutMs)
+bool FrameExchange::Impl::Await(uint32_t timeoutMs)
 {
     if (Held() == 0) {
-        if (dwTimeoutMs == 0 || signal.Wait(dwTimeoutMs) == platform::WAIT_TIMED_OUT)
+        if (timeoutMs == 0 || signal.Wait(timeoutMs) == platform::WAIT_TIMED_OUT)
             return false;
         // A reader that found a frame without waiting left its signal behind; such a stale one wakes the next reader
         // early, hence the second wait.
         if (Held() == 0 && !bClosing)
-            signal.Wait(dwTimeoutMs);
+            signal.Wait(timeoutMs);
     }
     return true;
 }
 
-bool FrameExchange::Read(uint8_t* pDest, int32_t iSize, uint32_t dwTimeoutMs)
+bool FrameExchange::Read(uint8_t* dest, int32_t iSize, uint32_t timeoutMs)
 {
     Impl& m = *m_p;
     const Inside inside(m.iInside);
-    if (!m.Await(dwTimeoutMs))
+    if (!m.Await(timeoutMs))
         return false;
     const MutexLock lock(m.ring);
     if (!m.IsThere())
         return false;
-    const int32_t iSlot = m.iRead.load(std::memory_order_relaxed);
-    const size_t n = m.Fit(iSize), nFrame = std::min(n, m.aFrameBytes[iSlot]);
-    std::memcpy(pDest, m.apSlots[iSlot], nFrame);
-    std::memset(pDest + nFrame, 0, n - nFrame);
+    const int32_t slot = m.iRead.load(std::memory_order_relaxed);
+    const size_t n = m.Fit(iSize), frame = std::min(n, m.aFrameBytes[slot]);
+    std::memcpy(dest, m.apSlots[slot], frame);
+    std::memset(dest + frame, 0, n - frame);
     m.spares.push_back(m.Remove());
     return true;
 }
 
-FrameExchange::Lease FrameExchange::Take(int32_t iSize, uint32_t dwTimeoutMs)
+FrameExchange::Lease FrameExchange::Take(int32_t iSize, uint32_t timeoutMs)
 {
     Impl& m = *m_p;
     const Inside inside(m.iInside);
     Lease lease;
-    if (!m.Await(dwTimeoutMs))
+    if (!m.Await(timeoutMs))
         return lease;
     const MutexLock lock(m.ring);
     if (!m.IsThere())
         return lease;
     if (m.Held() + int32_t(m.spares.size()) <= Impl::SLOTS) {  // all other blocks are with readers
-        uint8_t* const pFresh = m.AddBlock();                  // first: it may move the list
-        m.spares.insert(m.spares.begin(), pFresh);
+        uint8_t* const fresh = m.AddBlock();                   // first: it may move the list
+        m.spares.insert(m.spares.begin(), fresh);
     }
-    const int32_t iSlot = m.iRead.load(std::memory_order_relaxed);
-    const size_t n = m.Fit(iSize), nFrame = std::min(n, m.aFrameBytes[iSlot]);
+    const int32_t slot = m.iRead.load(std::memory_order_relaxed);
+    const size_t n = m.Fit(iSize), frame = std::min(n, m.aFrameBytes[slot]);
     lease.m_pFrame = m.Remove();
     lease.m_pExchange = this;
     m.iInside.fetch_add(1, std::memory_order_acq_rel);
-    std::memset(lease.m_pFrame + nFrame, 0, n - nFrame);
+    std::memset(lease.m_pFrame + frame, 0, n - frame);
     return lease;
 }
 
@@ -231,23 +231,23 @@ FrameExchange::Lease& FrameExchange::Lease::operator=(Lease&& o) noexcept
     return *this;
 }
 
-bool FrameExchange::PeekHead(uint32_t dwExpected, uint32_t dwTimeoutMs)
+bool FrameExchange::PeekHead(uint32_t expected, uint32_t timeoutMs)
 {
     Impl& m = *m_p;
     const Inside inside(m.iInside);
-    if (m.Held() == 0 && m.signal.Wait(dwTimeoutMs) == platform::WAIT_TIMED_OUT)
+    if (m.Held() == 0 && m.signal.Wait(timeoutMs) == platform::WAIT_TIMED_OUT)
         return false;
     // QUIRK: woken by a stale signal it answers for the frame that lay in the slot before.
-    return m.aHead[m.iRead.load(std::memory_order_relaxed)].load(std::memory_order_relaxed) == dwExpected;
+    return m.aHead[m.iRead.load(std::memory_order_relaxed)].load(std::memory_order_relaxed) == expected;
 }
 
 int32_t FrameExchange::Count() const { return m_p->Held(); }
 
-FrameExchange::Turn::Turn(FrameExchange& fx, uint32_t dwTimeoutMs) : m_fx(fx)
+FrameExchange::Turn::Turn(FrameExchange& fx, uint32_t timeoutMs) : m_fx(fx)
 {
     Impl& m = *fx.m_p;
     m.iInside.fetch_add(1, std::memory_order_acq_rel);
-    m_bHeld = m.turn.Wait(dwTimeoutMs) == platform::WAIT_SIGNALLED;
+    m_bHeld = m.turn.Wait(timeoutMs) == platform::WAIT_SIGNALLED;
     if (m_bHeld && m.bClosing) {
         m.turn.Release();
         m_bHeld = false;

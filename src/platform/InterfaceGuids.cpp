@@ -15,9 +15,9 @@ const Guid g_InterfaceGuids[GUID_COUNT] = {
     { 0x4B4F560A, 0x7C1D, 0x4E0A, { 0x9B, 0x21, 0x5D, 0x0E, 0x33, 0x8A, 0x6F, 0x0A } },
 };
 
-int InterfaceSlotOf(uint16_t wProductId)
+int InterfaceSlotOf(uint16_t productId)
 {
-    switch (wProductId) {
+    switch (productId) {
     case 0xC07A: return 1;  // GarnetMono
     case 0xC07B: return 2;  // GarnetCol
     case 0xC09A: return 3;  // IoliteMono

@@ -6,12 +6,12 @@ namespace platform {
 
 static std::atomic<void (*)(const char*, const char*)> g_pSink = nullptr;
 
-void SetMessageSink(void (*pSink)(const char*, const char*)) { g_pSink = pSink; }
+void SetMessageSink(void (*sink)(const char*, const char*)) { g_pSink = sink; }
 
-void ShowMessage(const char* szText, const char* szTitle)
+void ShowMessage(const char* text, const char* title)
 {
-    const auto pSink = g_pSink.load();
-    (pSink ? pSink : &ShowNativeMessage)(szText, szTitle);
+    const auto sink = g_pSink.load();
+    (sink ? sink : &ShowNativeMessage)(text, title);
 }
 
 }  // namespace platform

@@ -95,9 +95,9 @@ struct Request {
 // while the stack is called and alone while the stack's device is destroyed.
 class CDevice {
 public:
-    // pKnown may be null: then every descriptor is asked for.
-    CDevice(std::unique_ptr<usbstack::IDevice> pStack, std::string sName, std::shared_ptr<KnownDevice> pKnown)
-        : m_pStack(std::move(pStack)), m_sName(std::move(sName)), m_pKnown(std::move(pKnown))
+    // known may be null: then every descriptor is asked for.
+    CDevice(std::unique_ptr<usbstack::IDevice> pStack, std::string name, std::shared_ptr<KnownDevice> known)
+        : m_pStack(std::move(pStack)), m_sName(std::move(name)), m_pKnown(std::move(known))
     {
     }
     ~CDevice() { Shutdown(); }
@@ -140,26 +140,25 @@ public:
         m_pStack.reset();
     }
 
-    bool IoControl(uint32_t dwCode, void* pIn, uint32_t dwIn, void* pOut, uint32_t dwOut, uint32_t* pdwBytes,
-                   Overlapped* pOverlapped);
-    bool GetResult(Overlapped* pOverlapped, uint32_t* pdwBytes, bool bWait);
+    bool IoControl(uint32_t code, void* pIn, uint32_t dwIn, void* pOut, uint32_t output, uint32_t* pdwBytes,
+                   Overlapped* overlapped);
+    bool GetResult(Overlapped* overlapped, uint32_t* pdwBytes, bool wait);
 
 private:
-    bool Begin(uint32_t dwCode, void* pIn, uint32_t dwIn, void* pOut, uint32_t dwOut, uint32_t* pdwBytes,
-               Overlapped* pOverlapped);
-    bool Simple(uint32_t dwCode, const uint8_t* pIn, uint32_t dwIn, uint8_t* pOut, uint32_t dwOut, uint32_t* pdwBytes);
+    bool Begin(uint32_t code, void* pIn, uint32_t dwIn, void* pOut, uint32_t output, uint32_t* pdwBytes, Overlapped* overlapped);
+    bool Simple(uint32_t code, const uint8_t* pIn, uint32_t dwIn, uint8_t* pOut, uint32_t output, uint32_t* pdwBytes);
 
     bool StartControl(const std::shared_ptr<Request>& r);
     void ControlLoop();
-    Status RunControl(Request& r, uint32_t* pdwMoved);
+    Status RunControl(Request& r, uint32_t* moved);
     void AbortControl();
     void Abort(uint8_t bEndpoint);
 
-    static void OnBulk(usbstack::BulkRequest* p, Status status, uint32_t dwBytes)
+    static void OnBulk(usbstack::BulkRequest* p, Status status, uint32_t bytes)
     {
         Request* const r = static_cast<Request*>(p->pContext);
         const std::shared_ptr<Request> keep = std::move(r->self);
-        r->pDevice->Complete(*r, status, dwBytes);
+        r->pDevice->Complete(*r, status, bytes);
     }
     void Complete(Request& r, Status status, uint32_t dwMoved)
     {
@@ -185,8 +184,8 @@ private:
         r.pRecord->dwNtStatus = e.dwNtStatus;
         r.pRecord->dwUsbdStatus = e.dwUsbdStatus;
         const uint32_t n = std::min(r.dwMoved, uint32_t(r.data.size()));
-        const bool bIn = !r.bControl || (r.setup.bmRequestType & 0x80) != 0;
-        if (n != 0 && bIn)
+        const bool input = !r.bControl || (r.setup.bmRequestType & 0x80) != 0;
+        if (n != 0 && input)
             std::memcpy(reinterpret_cast<uint8_t*>(r.pRecord) + r.dwHead, r.data.data(), n);
         return r.status == Status::Ok || r.dwMoved != 0 ? r.dwHead + r.dwMoved : 0;
     }
@@ -213,32 +212,32 @@ private:
     bool m_bStopControl KOV_TSA(guarded_by(m_mutex)) = false;
 };
 
-bool CDevice::IoControl(uint32_t dwCode, void* pIn, uint32_t dwIn, void* pOut, uint32_t dwOut, uint32_t* pdwBytes,
-                        Overlapped* pOverlapped)
+bool CDevice::IoControl(uint32_t code, void* pIn, uint32_t dwIn, void* pOut, uint32_t output, uint32_t* pdwBytes,
+                        Overlapped* overlapped)
 {
     const std::shared_lock use(m_useMutex);
     *pdwBytes = 0;
     if (m_bClosed)
         return Fail(ERROR_BAD_HANDLE);
-    switch (dwCode) {
+    switch (code) {
     case IO_CONTROL:
     case IO_BUFFERED:
-    case IO_DIRECT: return Begin(dwCode, pIn, dwIn, pOut, dwOut, pdwBytes, pOverlapped);
+    case IO_DIRECT: return Begin(code, pIn, dwIn, pOut, output, pdwBytes, overlapped);
     default: break;
     }
     // These are done at once, whether overlapped or not.
-    const bool bOk = Simple(dwCode, static_cast<uint8_t*>(pIn), dwIn, static_cast<uint8_t*>(pOut), dwOut, pdwBytes);
-    if (bOk)
+    const bool ok = Simple(code, static_cast<uint8_t*>(pIn), dwIn, static_cast<uint8_t*>(pOut), output, pdwBytes);
+    if (ok)
         SetLastError(ERROR_NONE);
-    if (pOverlapped && pOverlapped->hEvent)
-        SignalEvent(pOverlapped->hEvent);
-    return bOk;
+    if (overlapped && overlapped->hEvent)
+        SignalEvent(overlapped->hEvent);
+    return ok;
 }
 
-bool CDevice::Simple(uint32_t dwCode, const uint8_t* pIn, uint32_t dwIn, uint8_t* pOut, uint32_t dwOut, uint32_t* pdwBytes)
+bool CDevice::Simple(uint32_t code, const uint8_t* pIn, uint32_t dwIn, uint8_t* pOut, uint32_t output, uint32_t* pdwBytes)
 {
     const auto Out = [&](const void* p, uint32_t n) {
-        if (dwOut < n)
+        if (output < n)
             return Fail(ERROR_BAD_PARAMETER);
         std::memcpy(pOut, p, n);
         *pdwBytes = n;
@@ -256,19 +255,19 @@ bool CDevice::Simple(uint32_t dwCode, const uint8_t* pIn, uint32_t dwIn, uint8_t
         return Result(s);
     };
 
-    switch (dwCode) {
+    switch (code) {
     case IO_DRIVER_VERSION: return Out(&DRIVER_VERSION, 4);
     case IO_STACK_VERSION: return Out(&STACK_VERSION, 4);
     case IO_DRIVER_NAME: return Text("KOVCamera2 USB adapter");
     case IO_FRIENDLY_NAME: return Text(m_sName.c_str());
     case IO_ALT_SETTING: {
         const int iAlt = m_pStack->GetAltSetting();
-        const uint8_t bAlt = uint8_t(iAlt);
-        return iAlt >= 0 ? Out(&bAlt, 1) : Fail(ERROR_GENERAL_FAILURE);
+        const uint8_t alt = uint8_t(iAlt);
+        return iAlt >= 0 ? Out(&alt, 1) : Fail(ERROR_GENERAL_FAILURE);
     }
     case IO_USB_ADDRESS: {
-        const uint8_t bAddress = m_pStack->GetAddress();
-        return Out(&bAddress, 1);
+        const uint8_t address = m_pStack->GetAddress();
+        return Out(&address, 1);
     }
     case IO_DEVICE_SPEED: {
         const usbstack::Speed speed = m_pStack->GetSpeed();
@@ -302,14 +301,14 @@ bool CDevice::Simple(uint32_t dwCode, const uint8_t* pIn, uint32_t dwIn, uint8_t
     }
 }
 
-bool CDevice::Begin(uint32_t dwCode, void* pIn, uint32_t dwIn, void* pOut, uint32_t dwOut, uint32_t* pdwBytes,
-                    Overlapped* pOverlapped)
+bool CDevice::Begin(uint32_t code, void* pIn, uint32_t dwIn, void* pOut, uint32_t output, uint32_t* pdwBytes,
+                    Overlapped* overlapped)
 {
-    if (pOverlapped) {
+    if (overlapped) {
         // Whatever this slot was used for before is over for the caller, also when the new request fails. An older one
         // that is still out goes on in the stack and ends unheard.
         const MutexLock l(m_mutex);
-        const auto it = m_slots.find(pOverlapped);
+        const auto it = m_slots.find(overlapped);
         if (it != m_slots.end()) {
             it->second->bDetached = true;
             m_slots.erase(it);
@@ -320,22 +319,22 @@ bool CDevice::Begin(uint32_t dwCode, void* pIn, uint32_t dwIn, void* pOut, uint3
     XferRecord* const pRecord = static_cast<XferRecord*>(pIn);
     auto r = std::make_shared<Request>();
     r->pDevice = this;
-    r->hEvent = pOverlapped ? pOverlapped->hEvent : nullptr;
+    r->hEvent = overlapped ? overlapped->hEvent : nullptr;
     r->pRecord = pRecord;
-    r->bControl = dwCode == IO_CONTROL;
-    if (dwCode == IO_DIRECT) {
+    r->bControl = code == IO_CONTROL;
+    if (code == IO_DIRECT) {
         // Of an isochronous transfer, which no stack offers, too: the data are one read.
         r->bulk.pData = static_cast<uint8_t*>(pOut);
-        r->bulk.dwLength = dwOut;
+        r->bulk.dwLength = output;
     } else {
-        const uint32_t dwAt = pRecord->dwBufferOffset;
+        const uint32_t at = pRecord->dwBufferOffset;
         const uint32_t dwLength = pRecord->dwBufferLength;
-        const uint32_t dwRoom = std::min(dwIn, dwOut);
-        if (pOut != pIn || dwAt < RECORD_SIZE || dwAt > dwRoom || dwLength > dwRoom - dwAt)
+        const uint32_t room = std::min(dwIn, output);
+        if (pOut != pIn || at < RECORD_SIZE || at > room || dwLength > room - at)
             return Fail(ERROR_BAD_PARAMETER);
-        const uint8_t* const pData = static_cast<uint8_t*>(pIn) + dwAt;
+        const uint8_t* const pData = static_cast<uint8_t*>(pIn) + at;
         r->data.assign(pData, pData + dwLength);
-        r->dwHead = dwAt;
+        r->dwHead = at;
         r->bulk.pData = r->data.data();
         r->bulk.dwLength = dwLength;
     }
@@ -347,18 +346,18 @@ bool CDevice::Begin(uint32_t dwCode, void* pIn, uint32_t dwIn, void* pOut, uint3
         return Fail(ERROR_BAD_PARAMETER);  // the cameras have no endpoint to write to, and the stacks offer none
     }
 
-    if (!pOverlapped && r->bControl) {
+    if (!overlapped && r->bControl) {
         r->status = RunControl(*r, &r->dwMoved);
         *pdwBytes = FillRecord(*r);
         SetLastError(ErrorOf(r->status).dwError);
         return r->status == Status::Ok;
     }
-    if (!pOverlapped)
+    if (!overlapped)
         return Fail(ERROR_BAD_PARAMETER);  // bulk requests are always overlapped
 
     {
         const MutexLock l(m_mutex);
-        m_slots[pOverlapped] = r;
+        m_slots[overlapped] = r;
         if (!r->bControl)
             m_endpoints.set(pRecord->bEndpointAddress);
     }
@@ -384,7 +383,7 @@ bool CDevice::Begin(uint32_t dwCode, void* pIn, uint32_t dwIn, void* pOut, uint3
         pRecord->dwNtStatus = e.dwNtStatus;
         pRecord->dwUsbdStatus = e.dwUsbdStatus;
         const MutexLock l(m_mutex);
-        m_slots.erase(pOverlapped);
+        m_slots.erase(overlapped);
         return Fail(e.dwError);
     }
     return Fail(ERROR_PENDING);
@@ -453,18 +452,18 @@ void CDevice::ControlLoop()
 }
 
 // Called with the stack's device held: by the caller's shared lock, or because Shutdown joins the thread first.
-Status CDevice::RunControl(Request& r, uint32_t* pdwMoved)
+Status CDevice::RunControl(Request& r, uint32_t* moved)
 {
     const SetupPacket& s = r.setup;
     const bool bKeep = m_pKnown && KnownDevice::IsRead(s);
-    if (bKeep && m_pKnown->Answer(s, r.data.data(), pdwMoved))
+    if (bKeep && m_pKnown->Answer(s, r.data.data(), moved))
         return Status::Ok;
     const uint32_t dwTimeout = s.dwTimeout == 0 ? CONTROL_LIMIT_MS : std::min(s.dwTimeout, 3600u) * 1000;
     const MutexLock l(m_controlMutex);
     const Status status =
-        m_pStack->Control(s.bmRequestType, s.bRequest, s.wValue, s.wIndex, r.data.data(), s.wLength, dwTimeout, pdwMoved);
+        m_pStack->Control(s.bmRequestType, s.bRequest, s.wValue, s.wIndex, r.data.data(), s.wLength, dwTimeout, moved);
     if (bKeep && status == Status::Ok)
-        m_pKnown->Store(s, { r.data.begin(), r.data.begin() + std::min(*pdwMoved, uint32_t(s.wLength)) });
+        m_pKnown->Store(s, { r.data.begin(), r.data.begin() + std::min(*moved, uint32_t(s.wLength)) });
     return status;
 }
 
@@ -492,22 +491,22 @@ void CDevice::Abort(uint8_t bEndpoint)
         m_pStack->Abort(bEndpoint);
 }
 
-bool CDevice::GetResult(Overlapped* pOverlapped, uint32_t* pdwBytes, bool bWait)
+bool CDevice::GetResult(Overlapped* overlapped, uint32_t* pdwBytes, bool wait)
 {
     *pdwBytes = 0;
     MutexLock l(m_mutex);
-    const auto it = m_slots.find(pOverlapped);
+    const auto it = m_slots.find(overlapped);
     if (it == m_slots.end())
         return Fail(ERROR_BAD_PARAMETER);
     const std::shared_ptr<Request> r = it->second;
-    if (!r->bDone && bWait) {
+    if (!r->bDone && wait) {
         WaitUntil(m_mutex, m_done, [&] { return r->bDone || r->bDetached; });
         if (r->bDetached)
             return Fail(ERROR_BAD_PARAMETER);
     }
     // Fetched or given up: either way the slot is free, and record and event are the caller's again.
     r->bDetached = true;
-    m_slots.erase(pOverlapped);
+    m_slots.erase(overlapped);
     if (!r->bDone)
         return Fail(ERROR_INCOMPLETE);
     *pdwBytes = FillRecord(*r);
@@ -524,52 +523,52 @@ class CAdapter final : public IUsbDriver {
 public:
     DevInfo GetClassDevs(const Guid& guid) override
     {
-        int iSlot = 0;
+        int slot = 0;
         for (int i = 0; i < GUID_COUNT; ++i)
             if (std::memcmp(&g_InterfaceGuids[i], &guid, sizeof guid) == 0)
-                iSlot = i + 1;
+                slot = i + 1;
         auto p = std::make_unique<List>();
         for (const usbstack::DeviceInfo& d : Listing())
-            if (InterfaceSlotOf(d.wProductId) == iSlot)
+            if (InterfaceSlotOf(d.wProductId) == slot)
                 p->push_back(d);
         SetLastError(ERROR_NONE);
         return p.release();
     }
-    bool EnumInterface(DevInfo h, uint32_t dwIndex) override { return At(h, dwIndex) != nullptr; }
-    bool EnumInfo(DevInfo h, uint32_t dwIndex) override { return At(h, dwIndex) != nullptr; }
-    bool GetProperty(DevInfo h, uint32_t dwIndex, uint32_t dwProperty, char* pOut, uint32_t dwSize) override
+    bool EnumInterface(DevInfo h, uint32_t index) override { return At(h, index) != nullptr; }
+    bool EnumInfo(DevInfo h, uint32_t index) override { return At(h, index) != nullptr; }
+    bool GetProperty(DevInfo h, uint32_t index, uint32_t property, char* pOut, uint32_t dwSize) override
     {
-        const usbstack::DeviceInfo* const d = At(h, dwIndex);
+        const usbstack::DeviceInfo* const d = At(h, index);
         if (!d)
             return false;
         std::string s = "USB bus " + std::to_string(d->bBus) + ", port " + d->sPortPath;
-        if (dwProperty == PROP_LOCATION_PATHS)
+        if (property == PROP_LOCATION_PATHS)
             s = "USBROOT(" + std::to_string(d->bBus) + ")#USB(" + d->sPortPath + ")";
-        else if (dwProperty != PROP_LOCATION_INFO)
+        else if (property != PROP_LOCATION_INFO)
             return Fail(ERROR_BAD_PARAMETER);
         if (s.size() + 1 > dwSize)
             return Fail(122);  // the buffer is too small
         std::memcpy(pOut, s.c_str(), s.size() + 1);
         return true;
     }
-    bool GetInterfacePath(DevInfo h, uint32_t dwIndex, std::string* psPath) override
+    bool GetInterfacePath(DevInfo h, uint32_t index, std::string* psPath) override
     {
-        const usbstack::DeviceInfo* const d = At(h, dwIndex);
+        const usbstack::DeviceInfo* const d = At(h, index);
         if (d)
             *psPath = d->sPath;
         return d != nullptr;
     }
     void DestroyList(DevInfo h) override { delete static_cast<List*>(h); }
 
-    DeviceHandle Open(const char* szPath) override
+    DeviceHandle Open(const char* path) override
     {
         Status status = Status::Failed;
-        std::unique_ptr<usbstack::IDevice> pStack(UsbStack().Open(szPath, &status));
+        std::unique_ptr<usbstack::IDevice> pStack(UsbStack().Open(path, &status));
         if (!pStack) {
             SetLastError(status == Status::Gone ? ERROR_FILE_NOT_THERE : ErrorOf(status).dwError);
             return INVALID_DEVICE;
         }
-        auto p = std::make_shared<CDevice>(std::move(pStack), "KOVCamera2 camera", m_known.Find(szPath));
+        auto p = std::make_shared<CDevice>(std::move(pStack), "KOVCamera2 camera", m_known.Find(path));
         const MutexLock l(m_mutex);
         const DeviceHandle h = m_hNext++;  // never used again: an old handle finds nothing
         m_devices.emplace(h, std::move(p));
@@ -596,16 +595,16 @@ public:
         const std::shared_ptr<CDevice> p = Find(h);
         return p ? p->Claim() : Fail(ERROR_BAD_HANDLE);
     }
-    bool IoControl(DeviceHandle h, uint32_t dwCode, void* pIn, uint32_t dwIn, void* pOut, uint32_t dwOut, uint32_t* pdwBytes,
-                   Overlapped* pOverlapped) override
+    bool IoControl(DeviceHandle h, uint32_t code, void* pIn, uint32_t dwIn, void* pOut, uint32_t output, uint32_t* pdwBytes,
+                   Overlapped* overlapped) override
     {
         const std::shared_ptr<CDevice> p = Find(h);
-        return p ? p->IoControl(dwCode, pIn, dwIn, pOut, dwOut, pdwBytes, pOverlapped) : Fail(ERROR_BAD_HANDLE);
+        return p ? p->IoControl(code, pIn, dwIn, pOut, output, pdwBytes, overlapped) : Fail(ERROR_BAD_HANDLE);
     }
-    bool GetResult(DeviceHandle h, Overlapped* pOverlapped, uint32_t* pdwBytes, bool bWait) override
+    bool GetResult(DeviceHandle h, Overlapped* overlapped, uint32_t* pdwBytes, bool wait) override
     {
         const std::shared_ptr<CDevice> p = Find(h);
-        return p ? p->GetResult(pOverlapped, pdwBytes, bWait) : Fail(ERROR_BAD_HANDLE);
+        return p ? p->GetResult(overlapped, pdwBytes, wait) : Fail(ERROR_BAD_HANDLE);
     }
 
     void Forget() { m_known.Clear(); }
@@ -632,11 +631,11 @@ private:
         return list;
     }
 
-    static const usbstack::DeviceInfo* At(DevInfo h, uint32_t dwIndex)
+    static const usbstack::DeviceInfo* At(DevInfo h, uint32_t index)
     {
         const List& list = *static_cast<const List*>(h);
-        if (dwIndex < list.size())
-            return &list[dwIndex];
+        if (index < list.size())
+            return &list[index];
         SetLastError(ERROR_NO_MORE);
         return nullptr;
     }
@@ -674,11 +673,11 @@ usbstack::IStack* PluginStack()
     if (!entry)
         s_entry = entry = FindPluginEntry();
     const usbstack::Plugin* const p = entry ? entry() : nullptr;
-    const bool bUsable = p && p->dwVersion == 1 && p->pStack;
-    const double dRate = bUsable && p->dClockRate > 0 ? p->dClockRate : 1.0;
-    if (s_dRate.exchange(dRate) != dRate)
-        SetClockRate(dRate);
-    return bUsable ? p->pStack : nullptr;
+    const bool usable = p && p->dwVersion == 1 && p->pStack;
+    const double rate = usable && p->dClockRate > 0 ? p->dClockRate : 1.0;
+    if (s_dRate.exchange(rate) != rate)
+        SetClockRate(rate);
+    return usable ? p->pStack : nullptr;
 }
 
 usbstack::IStack* VirtualStack()
@@ -724,9 +723,9 @@ IUsbDriver& UsbDriver()
 {
     if (IUsbDriver* const p = g_pDriver.load(std::memory_order_acquire))
         return *p;
-    IUsbDriver* const pNative = NativeDriver();
-    if (pNative && !VirtualStack())
-        return *pNative;
+    IUsbDriver* const native = NativeDriver();
+    if (native && !VirtualStack())
+        return *native;
     return Adapter();
 }
 

@@ -12,8 +12,8 @@ bool CFpgaModel<Base>::InitCamera()
     uint8_t fpga[4] = {};
     this->GetFPGAVer(&this->m_FPGAVer[0], fpga);
     this->m_FPGAVer[1] = fpga[0];
-    if (CCameraCool* pCool = this->Cool())
-        model::StartCooler(*pCool);
+    if (CCameraCool* cool = this->Cool())
+        model::StartCooler(*cool);
 
     InitSensor();
     this->SetGamma(this->m_iGamma);
@@ -74,8 +74,8 @@ bool CFpgaModel<Base>::SetFPSPerc(int percent, bool autoMode)
         return false;
     this->TakePercentage(percent, autoMode, AutoPerc());
 
-    const int32_t iBudget = this->m_iFPSPerc * m_Vars.iBandwidthUnit;
-    const float fps = float(iBudget) * 10.0f / float(this->m_bOutput16Bits + 1) / float(SensorH()) / float(SensorW());
+    const int32_t budget = this->m_iFPSPerc * m_Vars.iBandwidthUnit;
+    const float fps = float(budget) * 10.0f / float(this->m_bOutput16Bits + 1) / float(SensorH()) / float(SensorW());
     const float lineTime = 1e6f / fps / float(SensorLines() + m_Fpga.iVBlank);
     this->m_iHMAX = std::min(std::max(LineFromTime(lineTime), m_Vars.iMinHMAX.load()), 65535);
     WriteHMAX();
@@ -127,12 +127,12 @@ bool CFpgaModel<Base>::SetHardwareBin(bool on)
     this->m_bHardwareBin = on;
     if (!BinMatters())
         return true;
-    const bool bCapturing = this->m_bCapturing;
+    const bool capturing = this->m_bCapturing;
     const int x = this->m_iStartX, y = this->m_iStartY;
     this->StopCapture();
     this->SetResolution(this->m_iWidth, this->m_iHeight, this->m_iBin, this->m_ImgType);
     this->SetStartPos(x, y);
-    if (bCapturing)
+    if (capturing)
         this->StartCapture(false);
     return true;
 }
@@ -143,12 +143,12 @@ void CFpgaModel<Base>::SetRGBBalance(int red, int blue, bool autoMode)
     if (!this->m_bIsColor)
         return;
     this->TakeBalance(red, blue, autoMode);
-    const bool bHold = BalanceHolds();
-    if (bHold)
+    const bool hold = BalanceHolds();
+    if (hold)
         Fpga(FPGA_HOLD, 1);
     Fpga(RedGain(), uint32_t(this->m_iWB_R * 256 / 100));
     Fpga(BlueGain(), uint32_t(this->m_iWB_B * 256 / 100));
-    if (bHold)
+    if (hold)
         Fpga(FPGA_HOLD, 0);
 }
 
@@ -171,8 +171,8 @@ void CFpgaModel<Base>::CalcMaxFPS()
         return;
     const float fps = MaxFPSNow();
     this->m_fMaxFPS = fps;
-    const int iBytes = m_Fpga.bRateCounts16Bits && this->m_bOutput16Bits ? 2 : 1;
-    this->m_fMaxDataRate = float(iBytes * SensorW() * SensorH()) * fps / 1e6f;
+    const int bytes = m_Fpga.bRateCounts16Bits && this->m_bOutput16Bits ? 2 : 1;
+    this->m_fMaxDataRate = float(bytes * SensorW() * SensorH()) * fps / 1e6f;
 }
 
 template <class Write>

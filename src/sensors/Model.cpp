@@ -124,51 +124,51 @@ bool OpenCamera(CCameraBase& cam, IModel& m, int deviceIndex)
     const ModelTraits& t = m.Traits();
     if (KeepsIndex(t.family))
         cam.m_iDevIndex = deviceIndex;
-    CUsbLink* pLink = cam.m_pUsbLink;
-    if (pLink == nullptr)
+    CUsbLink* link = cam.m_pUsbLink;
+    if (link == nullptr)
         return false;
 
-    const int n = pLink->DeviceCount();
-    int iMatches = 0;
-    const ProductName* pFound = nullptr;
-    for (int i = 0; i < n && pFound == nullptr; ++i) {
-        pLink->Open(static_cast<uint8_t>(i));  // false also for a damaged configuration; the IDs are known then
-        if (pLink->m_wVendorId != platform::CAMERA_VENDOR_ID)
+    const int n = link->DeviceCount();
+    int matches = 0;
+    const ProductName* found = nullptr;
+    for (int i = 0; i < n && found == nullptr; ++i) {
+        link->Open(static_cast<uint8_t>(i));  // false also for a damaged configuration; the IDs are known then
+        if (link->m_wVendorId != platform::CAMERA_VENDOR_ID)
             continue;
         for (const ProductName& p : t.aProducts) {
             if (p.wProductId == 0)
                 break;
-            if (p.wProductId == pLink->m_wProductId && ++iMatches == deviceIndex)
-                pFound = &p;
+            if (p.wProductId == link->m_wProductId && ++matches == deviceIndex)
+                found = &p;
         }
     }
-    if (pFound == nullptr) {
+    if (found == nullptr) {
         KOV_LOG(Warn, "%s number %d is not there: %d devices of its interface, %d of the model", cam.m_pszName, deviceIndex, n,
-                iMatches);
+                matches);
         cam.m_bOpen = false;
         return false;
     }
-    if (pFound->szName != nullptr)
-        cam.m_pszName = pFound->szName;
-    if (!pLink->Claim()) {  // another program has it: nothing is sent to a camera that is in use
+    if (found->szName != nullptr)
+        cam.m_pszName = found->szName;
+    if (!link->Claim()) {  // another program has it: nothing is sent to a camera that is in use
         KOV_LOG(Warn, "%s cannot be taken, error %u: close the program that uses it, or allow the user to access USB devices",
-                cam.m_pszName, pLink->m_uLastError);
-        pLink->Close();
+                cam.m_pszName, link->m_uLastError);
+        link->Close();
         return false;
     }
     cam.m_bOpen = true;
     return m.FirmwareStep();
 }
 
-bool CloseCamera(CCameraBase& cam, CCameraCool* pCool, const ModelTraits& t, CaptureSession& s)
+bool CloseCamera(CCameraBase& cam, CCameraCool* cool, const ModelTraits& t, CaptureSession& s)
 {
     if (!cam.HasLink() && !s.IsCapturing())  // a reconnection of the capture thread has none for a while
         return false;
     if (cam.m_bSnapMode)
         cam.SaveSetting(t.szKey);
     cam.StopCapture();
-    if (pCool != nullptr && pCool->m_bTempThrRun)
-        pCool->StopAutoTempThr();
+    if (cool != nullptr && cool->m_bTempThrRun)
+        cool->StopAutoTempThr();
     // A thread past StopCapture's time limit, or a snap's in its end sequence, still uses the link.
     s.Stop();
     s.Wait(platform::WAIT_FOREVER);
@@ -243,21 +243,21 @@ uint8_t ReadFirmwareVer(CCameraBase& cam)
     return cam.m_FirmwareVer = ver;
 }
 
-bool UpdateFirmware(CCameraBase& cam, const ModelTraits& t, const uint8_t* pImage, int32_t iSize, uint8_t needed)
+bool UpdateFirmware(CCameraBase& cam, const ModelTraits& t, const uint8_t* image, int32_t size, uint8_t needed)
 {
-    if (ReadFirmwareVer(cam) >= needed || pImage == nullptr)
+    if (ReadFirmwareVer(cam) >= needed || image == nullptr)
         return true;
 
-    cam.UpdateFW(pImage, iSize);
+    cam.UpdateFW(image, size);
     cam.m_pUsbLink->CyclePort();
     cam.ReplaceLink(nullptr);
     // QUIRK: the first device of the interface is opened again, whichever it was before: with two cameras of one model
     // the object may land on the other one.
     for (int iTry = 0; iTry < 2; ++iTry) {
         platform::SleepMs(1000);
-        auto pLink = std::make_unique<CUsbLink>(nullptr, platform::g_InterfaceGuids[t.iGuidSlot - 1], false);
-        if (pLink->Open(0) && pLink->Claim()) {  // another program may hold the one that comes first
-            cam.ReplaceLink(pLink.release());
+        auto link = std::make_unique<CUsbLink>(nullptr, platform::g_InterfaceGuids[t.iGuidSlot - 1], false);
+        if (link->Open(0) && link->Claim()) {  // another program may hold the one that comes first
+            cam.ReplaceLink(link.release());
             ReadFirmwareVer(cam);
             return true;
         }

@@ -4,14 +4,14 @@
 
 #include "sensors/FpgaModel.h"
 
-ExposureRegs CalcExposure(const ExposureLaw& law, uint64_t lExp, float lineTime, int iSensorH, float t0)
+ExposureRegs CalcExposure(const ExposureLaw& law, uint64_t exp, float lineTime, int sensorH, float t0)
 {
     ExposureRegs r;
-    r.iFrameTime = TruncToInt(float(iSensorH + law.iFrameLines) * lineTime + t0);
-    const float lines = (float(lExp) - t0) / lineTime;
-    if (lExp <= uint64_t(std::max(r.iFrameTime, 0))) {
-        const int vmax = iSensorH + law.iMinVMAX;
-        const int shs = std::clamp(vmax - TruncToInt(lines) - law.iShsBias, law.iShsMin, iSensorH + law.iShsMaxLines);
+    r.iFrameTime = TruncToInt(float(sensorH + law.iFrameLines) * lineTime + t0);
+    const float lines = (float(exp) - t0) / lineTime;
+    if (exp <= uint64_t(std::max(r.iFrameTime, 0))) {
+        const int vmax = sensorH + law.iMinVMAX;
+        const int shs = std::clamp(vmax - TruncToInt(lines) - law.iShsBias, law.iShsMin, sensorH + law.iShsMaxLines);
         r.lVMAX = uint32_t(vmax);
         r.lSHS = uint32_t(shs);
     } else {

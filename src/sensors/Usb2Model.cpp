@@ -54,11 +54,11 @@ void CUsb2Model::ApplyRegion(IMAGE_TYPE type, std::initializer_list<RegEntry> wa
 
 bool CUsb2Model::SendTransferModeStopped(bool on)
 {
-    const bool bRan = m_bCapturing;
-    if (bRan)
+    const bool ran = m_bCapturing;
+    if (ran)
         StopCapture();
     const bool ok = SendTransferMode(on);
-    if (bRan)
+    if (ran)
         StartCapture(false);
     return ok;
 }
@@ -73,8 +73,8 @@ bool CUsb2Model::SettleAndSendTransferMode(bool on)
 bool CUsb2Model::UpdateTo(uint8_t needed, FirmwareId id)
 {
     // Without the loader the EEPROM is out of reach: the camera is left as it is, as without an image.
-    const bool bLoader = FindFirmware(FirmwareId::LoaderPart1) && FindFirmware(FirmwareId::LoaderPart2);
-    const FirmwareImage image = bLoader ? FindFirmware(id) : FirmwareImage{};
+    const bool loader = FindFirmware(FirmwareId::LoaderPart1) && FindFirmware(FirmwareId::LoaderPart2);
+    const FirmwareImage image = loader ? FindFirmware(id) : FirmwareImage{};
     // QUIRK: a bridge that does not answer counts as version 1. Cobalt and Iolite that lost their firmware in an update
     // are therefore opened as they are and never updated again.
     return model::UpdateFirmware(*this, m_Traits, image.pData, image.iSize, needed);

@@ -56,10 +56,10 @@ std::optional<float> ThermistorDegrees(uint8_t reading, int seriesKOhm)
 
 std::optional<float> DigitalDegrees(uint8_t byte0, uint8_t byte1)
 {
-    const int iRaw = (byte1 << 4) + (byte0 >> 4);
-    if (iRaw == 0)
+    const int raw = (byte1 << 4) + (byte0 >> 4);
+    if (raw == 0)
         return std::nullopt;
-    return static_cast<float>(iRaw < 2048 ? iRaw : iRaw - 4096) * 0.0625f;
+    return static_cast<float>(raw < 2048 ? raw : raw - 4096) * 0.0625f;
 }
 
 }  // namespace thermal

@@ -23,8 +23,8 @@ uint16_t FieldMask(unsigned first, unsigned end, unsigned width)
 
 uint16_t Merge(uint16_t wOld, uint16_t wMask, uint16_t wValue, unsigned first)
 {
-    const uint16_t wShifted = first < 16 ? uint16_t(wValue << first) : uint16_t(0);
-    return uint16_t((wOld & ~wMask) | (wShifted & wMask));
+    const uint16_t shifted = first < 16 ? uint16_t(wValue << first) : uint16_t(0);
+    return uint16_t((wOld & ~wMask) | (shifted & wMask));
 }
 
 const char* NameOf(uint8_t request)
@@ -64,20 +64,20 @@ const char* NameOf(uint8_t request)
 }
 
 // Register or address, value, and of the data as many bytes as a register has, or the first of a block.
-void LogRequest(bool bIn, uint8_t request, uint16_t wValue, uint16_t wIndex, const uint8_t* pData, int32_t iLength, bool bOk,
-                uint32_t dwError)
+void LogRequest(bool input, uint8_t request, uint16_t wValue, uint16_t index, const uint8_t* pData, int32_t length, bool ok,
+                uint32_t error)
 {
     if (!logging::Enabled(LogLevel::Debug))
         return;
     constexpr int32_t SHOWN = 8;
-    char szData[3 * SHOWN + 1] = "";
-    for (int32_t i = 0; pData && i < std::min(iLength, SHOWN); ++i)
-        std::snprintf(szData + 3 * i, 4, " %02x", pData[i]);
-    char szResult[24] = "ok";
-    if (!bOk)
-        std::snprintf(szResult, sizeof szResult, "failed, error %u", dwError);
-    KOV_LOG(Debug, "%s %u %s: 0x%04x 0x%04x, %d bytes%s%s: %s", bIn ? "IN" : "OUT", unsigned{ request }, NameOf(request),
-            unsigned{ wValue }, unsigned{ wIndex }, int{ iLength }, szData, iLength > SHOWN ? " ..." : "", szResult);
+    char data[3 * SHOWN + 1] = "";
+    for (int32_t i = 0; pData && i < std::min(length, SHOWN); ++i)
+        std::snprintf(data + 3 * i, 4, " %02x", pData[i]);
+    char result[24] = "ok";
+    if (!ok)
+        std::snprintf(result, sizeof result, "failed, error %u", error);
+    KOV_LOG(Debug, "%s %u %s: 0x%04x 0x%04x, %d bytes%s%s: %s", input ? "IN" : "OUT", unsigned{ request }, NameOf(request),
+            unsigned{ wValue }, unsigned{ index }, int{ length }, data, length > SHOWN ? " ..." : "", result);
 }
 
 }  // namespace
@@ -87,15 +87,15 @@ CCameraFX3::CCameraFX3() : m_guid(platform::g_InterfaceGuids[platform::GUID_COUN
 
 CCameraFX3::~CCameraFX3() { ReplaceLink(nullptr); }
 
-void CCameraFX3::ReplaceLink(CUsbLink* pLink)
+void CCameraFX3::ReplaceLink(CUsbLink* link)
 {
     CUsbLink* pOld = nullptr;
     {
         const platform::Lock lock(m_csUsb);
-        if (m_pUsbLink == pLink)
+        if (m_pUsbLink == link)
             return;
         pOld = m_pUsbLink;
-        m_pUsbLink = pLink;
+        m_pUsbLink = link;
     }
     // Outside the lock: closing waits for requests that are out.
     delete pOld;
@@ -107,10 +107,10 @@ bool CCameraFX3::HasLink()
     return m_pUsbLink != nullptr;
 }
 
-bool CCameraFX3::Transfer(bool bIn, uint8_t request, uint16_t wValue, uint16_t wIndex, uint8_t* pData, int32_t* piLength)
+bool CCameraFX3::Transfer(bool input, uint8_t request, uint16_t wValue, uint16_t index, uint8_t* pData, int32_t* piLength)
 {
-    bool bOk = false;
-    uint32_t dwError = platform::ERROR_GONE;
+    bool ok = false;
+    uint32_t error = platform::ERROR_GONE;
     {
         const platform::Lock lock(m_csUsb);
         // m_bOpen once more, under the lock: the link that a reconnection has just put here is still being built.
@@ -119,50 +119,50 @@ bool CCameraFX3::Transfer(bool bIn, uint8_t request, uint16_t wValue, uint16_t w
             ep->m_iTimeOut = CONTROL_TIMEOUT;
             ep->m_iTarget = 0;
             ep->m_iReqType = 2;
-            ep->m_iDirection = bIn ? 1 : 0;
+            ep->m_iDirection = input ? 1 : 0;
             ep->m_iReqCode = request;
             ep->m_iValue = wValue;
-            ep->m_iIndex = wIndex;
-            bOk = ep->XferData(pData, piLength);
-            dwError = platform::LastError();
+            ep->m_iIndex = index;
+            ok = ep->XferData(pData, piLength);
+            error = platform::LastError();
         } else {
             *piLength = 0;
         }
     }
-    LogRequest(bIn, request, wValue, wIndex, pData, *piLength, bOk, dwError);
-    return bOk;
+    LogRequest(input, request, wValue, index, pData, *piLength, ok, error);
+    return ok;
 }
 
-bool CCameraFX3::Command(bool bIn, uint8_t request, uint16_t wValue, uint16_t wIndex, void* pData, int32_t iLength)
+bool CCameraFX3::Command(bool input, uint8_t request, uint16_t wValue, uint16_t index, void* pData, int32_t length)
 {
-    return m_bOpen && Transfer(bIn, request, wValue, wIndex, static_cast<uint8_t*>(pData), &iLength);
+    return m_bOpen && Transfer(input, request, wValue, index, static_cast<uint8_t*>(pData), &length);
 }
 
 bool CCameraFX3::SendCMD(uint8_t opcode) { return Command(false, opcode, 0, 0); }
 
-bool CCameraFX3::SendCMD(uint8_t opcode, uint16_t wValue, uint16_t wIndex, bool bIn, uint8_t* pData, int32_t* piLength)
+bool CCameraFX3::SendCMD(uint8_t opcode, uint16_t wValue, uint16_t index, bool input, uint8_t* pData, int32_t* piLength)
 {
-    return m_bOpen && Transfer(bIn, opcode, wValue, wIndex, pData, piLength);
+    return m_bOpen && Transfer(input, opcode, wValue, index, pData, piLength);
 }
 
 bool CCameraFX3::WriteCameraRegister(uint16_t reg, uint16_t value) { return Command(false, REQ_WRITE_REG16, reg, value); }
 
-bool CCameraFX3::ReadCameraRegister(uint16_t reg, uint16_t* pOut)
+bool CCameraFX3::ReadCameraRegister(uint16_t reg, uint16_t* output)
 {
     uint8_t ab[2] = {};
-    const bool bOk = Command(true, REQ_READ_REG16, reg, 0, ab, sizeof ab);
-    *pOut = bOk ? uint16_t((ab[0] << 8) + ab[1]) : uint16_t(0);
-    return bOk;
+    const bool ok = Command(true, REQ_READ_REG16, reg, 0, ab, sizeof ab);
+    *output = ok ? uint16_t((ab[0] << 8) + ab[1]) : uint16_t(0);
+    return ok;
 }
 
 bool CCameraFX3::WriteCameraRegisterByte(uint16_t reg, uint8_t value) { return Command(false, REQ_WRITE_REG8, reg, value); }
 
-bool CCameraFX3::ReadCameraRegisterByte(uint16_t reg, uint8_t* pOut)
+bool CCameraFX3::ReadCameraRegisterByte(uint16_t reg, uint8_t* output)
 {
     uint8_t b = 0;
-    const bool bOk = Command(true, REQ_READ_REG8, reg, 0, &b, 1);
-    *pOut = bOk ? b : uint8_t(0);
-    return bOk;
+    const bool ok = Command(true, REQ_READ_REG8, reg, 0, &b, 1);
+    *output = ok ? b : uint8_t(0);
+    return ok;
 }
 
 bool CCameraFX3::WriteCameraRegister_B(uint16_t reg, uint8_t firstBit, uint8_t lastBit, uint16_t value)
@@ -176,60 +176,60 @@ bool CCameraFX3::WriteCameraRegister_B(uint16_t reg, uint8_t firstBit, uint8_t l
 // old value back.
 bool CCameraFX3::WriteCameraRegisterByte_B(uint16_t reg, uint8_t firstBit, uint8_t endBit, uint8_t value)
 {
-    uint8_t bOld = 0;
-    ReadCameraRegisterByte(reg, &bOld);
-    return WriteCameraRegisterByte(reg, uint8_t(Merge(bOld, FieldMask(firstBit, endBit, 8), value, firstBit)));
+    uint8_t old = 0;
+    ReadCameraRegisterByte(reg, &old);
+    return WriteCameraRegisterByte(reg, uint8_t(Merge(old, FieldMask(firstBit, endBit, 8), value, firstBit)));
 }
 
 bool CCameraFX3::WriteSONYREG(uint16_t reg, uint8_t value) { return WriteCameraRegisterByte(reg, value); }
-bool CCameraFX3::ReadSONYREG(uint16_t reg, uint8_t* pOut) { return ReadCameraRegisterByte(reg, pOut); }
+bool CCameraFX3::ReadSONYREG(uint16_t reg, uint8_t* output) { return ReadCameraRegisterByte(reg, output); }
 bool CCameraFX3::WriteFPGAREG(uint16_t reg, uint16_t value) { return Command(false, REQ_WRITE_FPGA, reg, value); }
-bool CCameraFX3::ReadFPGAREG(uint16_t reg, uint8_t* pOut) { return Command(true, REQ_READ_FPGA, reg, 0, pOut, 1); }
-bool CCameraFX3::EnableGPIF32DQ(bool bEnable) { return Command(false, REQ_GPIF_32DQ, bEnable ? 1 : 0, 0); }
+bool CCameraFX3::ReadFPGAREG(uint16_t reg, uint8_t* output) { return Command(true, REQ_READ_FPGA, reg, 0, output, 1); }
+bool CCameraFX3::EnableGPIF32DQ(bool enable) { return Command(false, REQ_GPIF_32DQ, enable ? 1 : 0, 0); }
 
-bool CCameraFX3::GetFirmwareVer(uint8_t* pVer)
+bool CCameraFX3::GetFirmwareVer(uint8_t* ver)
 {
     if (!m_bOpen)
         return false;
     uint8_t ab[2] = {};
-    const bool bOk = Command(true, REQ_FIRMWARE_VERSION, 0, 0, ab, sizeof ab);
+    const bool ok = Command(true, REQ_FIRMWARE_VERSION, 0, 0, ab, sizeof ab);
     // QUIRK: a reply without the letter reads as version 1, and so does no reply at all.
-    *pVer = ab[0] == 'V' ? ab[1] : uint8_t(1);
-    m_iFWVer = *pVer;
-    return bOk;
+    *ver = ab[0] == 'V' ? ab[1] : uint8_t(1);
+    m_iFWVer = *ver;
+    return ok;
 }
 
-bool CCameraFX3::GetFPGAVer(uint8_t* pVer, uint8_t aSub[4])
+bool CCameraFX3::GetFPGAVer(uint8_t* ver, uint8_t aSub[4])
 {
     if (!m_bOpen)
         return false;
-    uint8_t bHigh = 0, bLow = 0;
-    ReadFPGAREG(FPGA_VERSION, pVer);
-    ReadFPGAREG(FPGA_SUBVERSION_HIGH, &bHigh);
-    const bool bOk = ReadFPGAREG(FPGA_SUBVERSION_LOW, &bLow);
-    aSub[0] = bHigh >> 4;
-    aSub[1] = bHigh & 15;
-    aSub[2] = bLow >> 4;
-    aSub[3] = bLow & 15;
-    m_iFPGAVer = *pVer;
+    uint8_t high = 0, low = 0;
+    ReadFPGAREG(FPGA_VERSION, ver);
+    ReadFPGAREG(FPGA_SUBVERSION_HIGH, &high);
+    const bool ok = ReadFPGAREG(FPGA_SUBVERSION_LOW, &low);
+    aSub[0] = high >> 4;
+    aSub[1] = high & 15;
+    aSub[2] = low >> 4;
+    aSub[3] = low & 15;
+    m_iFPGAVer = *ver;
     m_uFPGAVerVal = uint32_t(aSub[0]) << 24 | uint32_t(aSub[1]) << 16 | uint32_t(aSub[2]) << 8 | aSub[3];
-    return bOk;
+    return ok;
 }
 
-bool CCameraFX3::GetFPGAVerVal(uint8_t* pVer, uint32_t* pVal)
+bool CCameraFX3::GetFPGAVerVal(uint8_t* ver, uint32_t* val)
 {
     if (!m_bOpen)
         return false;
-    *pVer = m_iFPGAVer;
-    *pVal = m_uFPGAVerVal;
+    *ver = m_iFPGAVer;
+    *val = m_uFPGAVerVal;
     return true;
 }
 
 bool CCameraFX3::IsUSB3Host()
 {
     uint8_t b = 0;
-    const bool bOk = Command(true, REQ_IS_USB3_HOST, 0, 0, &b, 1);
-    return bOk && b == 1;
+    const bool ok = Command(true, REQ_IS_USB3_HOST, 0, 0, &b, 1);
+    return ok && b == 1;
 }
 
 // Under the lock, one step at a time, so that the link cannot go away meanwhile. The abort returns when no request of
@@ -238,11 +238,11 @@ bool CCameraFX3::ResetEndPoint(uint8_t)
 {
     if (!m_bOpen)
         return false;
-    for (const bool bReset : { false, true }) {
+    for (const bool reset : { false, true }) {
         const platform::Lock lock(m_csUsb);
         if (!m_bOpen || !m_pUsbLink || !m_pUsbLink->m_pBulkIn)
             continue;
-        if (bReset)
+        if (reset)
             m_pUsbLink->m_pBulkIn->Reset();
         else
             m_pUsbLink->m_pBulkIn->Abort();

@@ -25,14 +25,14 @@ constexpr uint32_t WALK_LIMIT = 0x10000;
 
 // Filters of the arrival and removal notices, in the layout of the Windows messages.
 struct InterfaceFilter {
-    uint32_t dwSize, dwType, dwReserved;
+    uint32_t dwSize, dwType, reserved;
     platform::Guid guid;
-    uint32_t dwName;
+    uint32_t name;
 };
 struct HandleFilter {
-    uint32_t dwSize, dwType, dwReserved, dwPad;
+    uint32_t dwSize, dwType, reserved, pad;
     int64_t hDevice;
-    uint8_t abRest[32];
+    uint8_t rest[32];
 };
 static_assert(sizeof(InterfaceFilter) == 32 && sizeof(HandleFilter) == 56);
 constexpr uint32_t NOTICE_INTERFACE = 5, NOTICE_HANDLE = 6;
@@ -59,18 +59,18 @@ private:
 // One GET_DESCRIPTOR through the driver. The block holds the record and, behind it, the wanted bytes.
 class CDescriptorRead {
 public:
-    CDescriptorRead(CUsbLink& link, uint8_t type, uint8_t index, uint16_t wLanguage, uint16_t wWanted)
-        : m_block(RECORD_SIZE + wWanted)
+    CDescriptorRead(CUsbLink& link, uint8_t type, uint8_t index, uint16_t language, uint16_t wanted)
+        : m_block(RECORD_SIZE + wanted)
     {
         XferRecord* const r = reinterpret_cast<XferRecord*>(m_block.data());
         r->setup.bmRequestType = 0x80;
         r->setup.bRequest = GET_DESCRIPTOR;
         r->setup.wValue = uint16_t((type << 8) | index);
-        r->setup.wIndex = wLanguage;
-        r->setup.wLength = wWanted;
+        r->setup.wIndex = language;
+        r->setup.wLength = wanted;
         r->setup.dwTimeout = DESCRIPTOR_TIMEOUT;
         r->dwBufferOffset = RECORD_SIZE;
-        r->dwBufferLength = wWanted;
+        r->dwBufferLength = wanted;
         m_bOk = link.IoControl(platform::IO_CONTROL, m_block.data(), uint32_t(m_block.size()));
         link.m_uUsbdStatus = r->dwUsbdStatus;
         link.m_uNtStatus = r->dwNtStatus;
@@ -98,26 +98,26 @@ std::unique_ptr<std::vector<uint8_t>> ReadWhole(CUsbLink& link, uint8_t type, ui
 }
 
 template <class T>
-T QueryNumber(CUsbLink& link, uint32_t dwCode)
+T QueryNumber(CUsbLink& link, uint32_t code)
 {
     T value = 0;
-    return link.IoControl(dwCode, &value, sizeof value) ? value : T{ 0 };
+    return link.IoControl(code, &value, sizeof value) ? value : T{ 0 };
 }
 
 }  // namespace
 
-CUsbLink::CUsbLink(void* hWnd, const platform::Guid& guid)
+CUsbLink::CUsbLink(void* wnd, const platform::Guid& guid)
     : m_szDriverName{}, m_szFriendlyName{}, m_szManufacturer{}, m_szProduct{}, m_szSerial{}, m_szDevicePath{},
-      m_szLocationPaths{}, m_szLocationInfo{}, m_abDeviceDescriptor{}, m_hWnd(hWnd), m_guid(guid)
+      m_szLocationPaths{}, m_szLocationInfo{}, m_abDeviceDescriptor{}, m_hWnd(wnd), m_guid(guid)
 {
 }
 
 // In two steps, so that the destructor closes what an open without memory has left open.
-CUsbLink::CUsbLink(void* hWnd, const platform::Guid& guid, bool bOpen) : CUsbLink(hWnd, guid)
+CUsbLink::CUsbLink(void* wnd, const platform::Guid& guid, bool open) : CUsbLink(wnd, guid)
 {
     if (m_hWnd)
         RegisterForDeviceEvents(m_hWnd);
-    if (bOpen)
+    if (open)
         Open(m_bDeviceNumber);
 }
 
@@ -156,29 +156,29 @@ bool CUsbLink::CreateHandle(uint8_t dev)
     if (bCount == 0 || dev > bCount - 1)
         return false;
     CDeviceList list(m_guid);
-    std::string sPath;
-    bool bFound = false;
+    std::string path;
+    bool found = false;
     if (list) {
         if (UsbDriver().EnumInfo(list, dev)) {
             UsbDriver().GetProperty(list, dev, PROP_LOCATION_PATHS, m_szLocationPaths, LOCATION_LIMIT);
             UsbDriver().GetProperty(list, dev, PROP_LOCATION_INFO, m_szLocationInfo, LOCATION_LIMIT);
         }
-        bFound = UsbDriver().EnumInterface(list, dev) && UsbDriver().GetInterfacePath(list, dev, &sPath);
+        found = UsbDriver().EnumInterface(list, dev) && UsbDriver().GetInterfacePath(list, dev, &path);
     }
-    if (!bFound) {
+    if (!found) {
         list.Destroy();
         m_hDevice = platform::INVALID_DEVICE;
         m_bDeviceNumber = 0;
         return false;
     }
-    const size_t n = std::min(sPath.size(), sizeof m_szDevicePath - 1);
-    std::memcpy(m_szDevicePath, sPath.data(), n);
+    const size_t n = std::min(path.size(), sizeof m_szDevicePath - 1);
+    std::memcpy(m_szDevicePath, path.data(), n);
     m_szDevicePath[n] = 0;
     m_hDevice = UsbDriver().Open(m_szDevicePath);
-    const bool bOk = IsDeviceOpen(m_hDevice);
-    if (!bOk)
+    const bool ok = IsDeviceOpen(m_hDevice);
+    if (!ok)
         m_uLastError = platform::LastError();
-    return bOk;
+    return ok;
 }
 
 void CUsbLink::DestroyHandle()
@@ -199,12 +199,12 @@ void CUsbLink::DestroyHandle()
     m_hDevice = platform::INVALID_DEVICE;
 }
 
-bool CUsbLink::IoControl(uint32_t dwCode, void* pBuffer, uint32_t dwSize)
+bool CUsbLink::IoControl(uint32_t code, void* buffer, uint32_t dwSize)
 {
     if (!IsOpen())
         return false;
     m_uBytesReturned = 0;
-    if (!UsbDriver().IoControl(m_hDevice, dwCode, pBuffer, dwSize, pBuffer, dwSize, &m_uBytesReturned, nullptr)) {
+    if (!UsbDriver().IoControl(m_hDevice, code, buffer, dwSize, buffer, dwSize, &m_uBytesReturned, nullptr)) {
         m_uLastError = platform::LastError();
         return false;
     }
@@ -241,23 +241,23 @@ void CUsbLink::GetLanguageId()
     m_wLanguage = U16(whole.Data() + 2);
     // QUIRK: the scan steps over every second language, so English in second place is not found and a host sees the
     // first language's strings. It counts as if it did not, which would take it past the end.
-    for (uint32_t i = 0, dwAt = 2; i < (dwLength - 2) / 2 && dwAt + 2 <= dwLength; ++i, dwAt += 4)
-        if (U16(whole.Data() + dwAt) == LANGUAGE_ENGLISH_US)
+    for (uint32_t i = 0, at = 2; i < (dwLength - 2) / 2 && at + 2 <= dwLength; ++i, at += 4)
+        if (U16(whole.Data() + at) == LANGUAGE_ENGLISH_US)
             m_wLanguage = LANGUAGE_ENGLISH_US;
 }
 
-void CUsbLink::GetStringDescriptor(uint8_t* pOut256, uint8_t index)
+void CUsbLink::GetStringDescriptor(uint8_t* out256, uint8_t index)
 {
     const CDescriptorRead head(*this, DESC_STRING, index, m_wLanguage, 2);
     if (!head)
         return;
-    const uint8_t bLength = head.Data()[0];
-    const CDescriptorRead whole(*this, DESC_STRING, index, m_wLanguage, bLength);
+    const uint8_t length = head.Data()[0];
+    const CDescriptorRead whole(*this, DESC_STRING, index, m_wLanguage, length);
     // The second answer may tell another length than the first; only what was asked for is there.
-    if (!whole || bLength < 3 || whole.Data()[0] < 3 || whole.Data()[1] != DESC_STRING)
+    if (!whole || length < 3 || whole.Data()[0] < 3 || whole.Data()[1] != DESC_STRING)
         return;
-    std::memset(pOut256, 0, 256);
-    std::memcpy(pOut256, whole.Data() + 2, size_t(std::min(bLength, whole.Data()[0]) - 2));
+    std::memset(out256, 0, 256);
+    std::memcpy(out256, whole.Data() + 2, size_t(std::min(length, whole.Data()[0]) - 2));
 }
 
 void CUsbLink::GetConfigDescriptor(uint8_t index)
@@ -281,9 +281,9 @@ void CUsbLink::QueryFriendlyName() { IoControl(platform::IO_FRIENDLY_NAME, m_szF
 
 void CUsbLink::QuerySpeed()
 {
-    const uint32_t dwSpeed = QueryNumber<uint32_t>(*this, platform::IO_DEVICE_SPEED);
-    m_bHighSpeed = dwSpeed == 2;
-    m_bSuperSpeed = dwSpeed == 4;
+    const uint32_t speed = QueryNumber<uint32_t>(*this, platform::IO_DEVICE_SPEED);
+    m_bHighSpeed = speed == 2;
+    m_bSuperSpeed = speed == 4;
 }
 
 int8_t CUsbLink::QueryAltSetting()
@@ -299,8 +299,8 @@ void CUsbLink::SelectConfig(uint8_t cfg)
     m_bConfigIndex = 0;
     // QUIRK: compared with iConfiguration, the number of a string, not with the configuration's value. A number that
     // names no configuration of ours leaves the first one.
-    const bool bNamed = m_apConfig[0]->iConfiguration == cfg || (m_apConfig[1] && m_apConfig[1]->iConfiguration == cfg);
-    if (bNamed && cfg < std::size(m_apConfig) && m_apConfig[cfg])
+    const bool named = m_apConfig[0]->iConfiguration == cfg || (m_apConfig[1] && m_apConfig[1]->iConfiguration == cfg);
+    if (named && cfg < std::size(m_apConfig) && m_apConfig[cfg])
         m_bConfigIndex = cfg;
     const ConfigObject& c = *m_apConfig[m_bConfigIndex];
     m_bConfigValue = c.bConfigurationValue;
@@ -401,9 +401,9 @@ bool CUsbLink::Open(uint8_t dev)
     GetStringDescriptor(m_szProduct, m_abDeviceDescriptor[15]);
     GetStringDescriptor(m_szSerial, m_abDeviceDescriptor[16]);
 
-    const uint8_t bUsbMajor = uint8_t(m_wBcdUsb >> 8);
+    const uint8_t usbMajor = uint8_t(m_wBcdUsb >> 8);
     try {
-        if (bUsbMajor == 3 && GetBosDescriptor())
+        if (usbMajor == 3 && GetBosDescriptor())
             m_pBos = ParseBos(m_pRawBos->data(), uint32_t(m_pRawBos->size()));
     } catch (const char*) {
         platform::ShowMessage("Please correct firmware BOS descriptor table", "Wrong BOS Descriptor");
@@ -423,7 +423,7 @@ bool CUsbLink::Open(uint8_t dev)
             GetConfigDescriptor(i);
             if (m_apRawConfig[i])
                 m_apConfig[i] =
-                    ParseConfig(m_hDevice, m_apRawConfig[i]->data(), uint32_t(m_apRawConfig[i]->size()), bUsbMajor != 2);
+                    ParseConfig(m_hDevice, m_apRawConfig[i]->data(), uint32_t(m_apRawConfig[i]->size()), usbMajor != 2);
         }
     } catch (const char*) {
         platform::ShowMessage("Please correct firmware descriptor table", "Wrong Device Configuration");
@@ -481,13 +481,13 @@ void CUsbLink::FreeDescriptors()
     m_bConfigIndex = m_bIntfIndex = 0;  // they index what is gone
 }
 
-bool CUsbLink::RegisterForDeviceEvents(void* hWnd)
+bool CUsbLink::RegisterForDeviceEvents(void* wnd)
 {
     InterfaceFilter filter{};
     filter.dwSize = sizeof filter;
     filter.dwType = NOTICE_INTERFACE;
     filter.guid = m_guid;
-    m_hDeviceNotice = UsbDriver().RegisterInterfaceNotice(hWnd, &filter);
+    m_hDeviceNotice = UsbDriver().RegisterInterfaceNotice(wnd, &filter);
     if (!m_hDeviceNotice)
         m_uLastError = platform::LastError();
     return m_hDeviceNotice != nullptr;

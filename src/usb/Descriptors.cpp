@@ -13,34 +13,34 @@ constexpr uint8_t CAP_USB20 = 2, CAP_SUPERSPEED = 3, CAP_CONTAINER = 4;
 // The bytes of a descriptor block; nothing behind the end can be had.
 struct Block {
     const uint8_t* p;
-    uint32_t dwSize;
-    bool Has(uint32_t dwAt, uint32_t dwCount) const { return dwAt <= dwSize && dwSize - dwAt >= dwCount; }
+    uint32_t size;
+    bool Has(uint32_t at, uint32_t count) const { return at <= size && size - at >= count; }
 };
 
-uint8_t StepOf(const Block& b, uint32_t dwAt)
+uint8_t StepOf(const Block& b, uint32_t at)
 {
-    if (b.p[dwAt] == 0)
+    if (b.p[at] == 0)
         throw "Descriptor of length 0.";
-    return b.p[dwAt];
+    return b.p[at];
 }
 
-CCyUSBEndPoint* MakeEndPoint(platform::DeviceHandle hDevice, const EndPointDescriptor& d, const CompanionDescriptor* pComp)
+CCyUSBEndPoint* MakeEndPoint(platform::DeviceHandle device, const EndPointDescriptor& d, const CompanionDescriptor* pComp)
 {
     switch (d.bmAttributes) {  // the whole byte: with any usage bit set the slot stays empty
-    case 0: return new CCyControlEndPoint(hDevice, &d);
-    case 1: return new CCyIsocEndPoint(hDevice, &d, pComp);
-    case 2: return new CCyBulkEndPoint(hDevice, &d, pComp);
-    case 3: return new CCyInterruptEndPoint(hDevice, &d, pComp);
+    case 0: return new CCyControlEndPoint(device, &d);
+    case 1: return new CCyIsocEndPoint(device, &d, pComp);
+    case 2: return new CCyBulkEndPoint(device, &d, pComp);
+    case 3: return new CCyInterruptEndPoint(device, &d, pComp);
     default: return nullptr;
     }
 }
 
-// dwAt: place of the interface head, which fits.
-std::unique_ptr<InterfaceObject> ParseInterface(platform::DeviceHandle hDevice, const Block& b, uint32_t dwAt, bool bSuperSpeed)
+// at: place of the interface head, which fits.
+std::unique_ptr<InterfaceObject> ParseInterface(platform::DeviceHandle device, const Block& b, uint32_t at, bool superSpeed)
 {
     auto o = std::make_unique<InterfaceObject>();
-    const uint8_t* const h = b.p + dwAt;
-    o->bLength = StepOf(b, dwAt);
+    const uint8_t* const h = b.p + at;
+    o->bLength = StepOf(b, at);
     o->bDescriptorType = h[1];
     o->bInterfaceNumber = h[2];
     o->bAlternateSetting = h[3];
@@ -51,35 +51,35 @@ std::unique_ptr<InterfaceObject> ParseInterface(platform::DeviceHandle hDevice, 
     o->iInterface = h[8];
     o->wTotalLength = o->bLength;
 
-    uint32_t dwCursor = dwAt + o->bLength;
-    int iForeign = 0;
-    for (unsigned slot = 1; slot <= o->bNumEndpoints && b.Has(dwCursor, 2);) {
-        const uint8_t bStep = StepOf(b, dwCursor);
-        o->wTotalLength = uint16_t(o->wTotalLength + bStep);
-        if (b.p[dwCursor + 1] != TYPE_ENDPOINT) {
-            if (++iForeign > MAX_FOREIGN)
+    uint32_t cursor = at + o->bLength;
+    int foreign = 0;
+    for (unsigned slot = 1; slot <= o->bNumEndpoints && b.Has(cursor, 2);) {
+        const uint8_t step = StepOf(b, cursor);
+        o->wTotalLength = uint16_t(o->wTotalLength + step);
+        if (b.p[cursor + 1] != TYPE_ENDPOINT) {
+            if (++foreign > MAX_FOREIGN)
                 ++slot;  // the cursor stays: the slots run out on this descriptor
             else
-                dwCursor += bStep;
+                cursor += step;
             continue;
         }
         EndPointDescriptor d;
-        if (!b.Has(dwCursor, sizeof d))
+        if (!b.Has(cursor, sizeof d))
             break;
-        std::memcpy(&d, b.p + dwCursor, sizeof d);
-        dwCursor += bStep;
+        std::memcpy(&d, b.p + cursor, sizeof d);
+        cursor += step;
 
         CompanionDescriptor comp;
         bool bComp = false;
-        if (bSuperSpeed && b.Has(dwCursor, sizeof comp) && b.p[dwCursor + 1] == TYPE_COMPANION) {
+        if (superSpeed && b.Has(cursor, sizeof comp) && b.p[cursor + 1] == TYPE_COMPANION) {
             bComp = true;
-            std::memcpy(&comp, b.p + dwCursor, sizeof comp);
-            const uint8_t bCompStep = StepOf(b, dwCursor);
-            o->wTotalLength = uint16_t(o->wTotalLength + bCompStep);
-            dwCursor += bCompStep;
+            std::memcpy(&comp, b.p + cursor, sizeof comp);
+            const uint8_t compStep = StepOf(b, cursor);
+            o->wTotalLength = uint16_t(o->wTotalLength + compStep);
+            cursor += compStep;
         }
         if (slot < MAX_ENDPOINT_SLOTS)
-            o->apEndPoints[slot] = MakeEndPoint(hDevice, d, bComp ? &comp : nullptr);
+            o->apEndPoints[slot] = MakeEndPoint(device, d, bComp ? &comp : nullptr);
         ++slot;
     }
     return o;
@@ -99,32 +99,32 @@ ConfigObject::~ConfigObject()
         delete p;
 }
 
-ConfigObject* ParseConfig(platform::DeviceHandle hDevice, const uint8_t* pRaw, uint32_t dwSize, bool bSuperSpeed)
+ConfigObject* ParseConfig(platform::DeviceHandle device, const uint8_t* raw, uint32_t size, bool superSpeed)
 {
-    const Block b{ pRaw, dwSize };
+    const Block b{ raw, size };
     if (!b.Has(0, CONFIG_HEAD))
         throw "Configuration descriptor too short.";
     auto o = std::make_unique<ConfigObject>();
     o->bLength = StepOf(b, 0);
-    o->bDescriptorType = pRaw[1];
-    o->wTotalLength = U16(pRaw + 2);
-    o->bNumInterfaces = pRaw[4];
-    o->bConfigurationValue = pRaw[5];
-    o->iConfiguration = pRaw[6];
-    o->bmAttributes = pRaw[7];
-    o->bMaxPower = pRaw[8];
+    o->bDescriptorType = raw[1];
+    o->wTotalLength = U16(raw + 2);
+    o->bNumInterfaces = raw[4];
+    o->bConfigurationValue = raw[5];
+    o->iConfiguration = raw[6];
+    o->bmAttributes = raw[7];
+    o->bMaxPower = raw[8];
 
-    uint32_t dwAt = o->bLength;
-    while (dwAt < o->wTotalLength && o->bAltInterfaces < MAX_INTERFACES && b.Has(dwAt, 2)) {
-        if (pRaw[dwAt + 1] != TYPE_INTERFACE) {
-            dwAt += StepOf(b, dwAt);
+    uint32_t at = o->bLength;
+    while (at < o->wTotalLength && o->bAltInterfaces < MAX_INTERFACES && b.Has(at, 2)) {
+        if (raw[at + 1] != TYPE_INTERFACE) {
+            at += StepOf(b, at);
             continue;
         }
-        if (!b.Has(dwAt, INTERFACE_HEAD))
+        if (!b.Has(at, INTERFACE_HEAD))
             break;
-        InterfaceObject* const pIntf = ParseInterface(hDevice, b, dwAt, bSuperSpeed).release();
-        o->apInterfaces[o->bAltInterfaces++] = pIntf;
-        dwAt += pIntf->wTotalLength;
+        InterfaceObject* const intf = ParseInterface(device, b, at, superSpeed).release();
+        o->apInterfaces[o->bAltInterfaces++] = intf;
+        at += intf->wTotalLength;
     }
     for (unsigned i = 0; i < o->bAltInterfaces; ++i)
         for (unsigned j = 0; j < o->bAltInterfaces; ++j)
@@ -133,31 +133,31 @@ ConfigObject* ParseConfig(platform::DeviceHandle hDevice, const uint8_t* pRaw, u
     return o.release();
 }
 
-BosObject* ParseBos(const uint8_t* pRaw, uint32_t dwSize)
+BosObject* ParseBos(const uint8_t* raw, uint32_t size)
 {
-    const Block b{ pRaw, dwSize };
+    const Block b{ raw, size };
     if (!b.Has(0, BOS_HEAD))
         throw "BOS descriptor too short.";
     auto o = std::make_unique<BosObject>();
     o->bLength = StepOf(b, 0);
-    o->bDescriptorType = pRaw[1];
-    o->wTotalLength = U16(pRaw + 2);
-    o->bNumDeviceCaps = pRaw[4];
+    o->bDescriptorType = raw[1];
+    o->wTotalLength = U16(raw + 2);
+    o->bNumDeviceCaps = raw[4];
 
-    uint32_t dwAt = o->bLength;
-    for (unsigned i = 0; i < o->bNumDeviceCaps && b.Has(dwAt, 3); ++i) {
-        const uint8_t* const d = pRaw + dwAt;
-        const uint8_t bStep = StepOf(b, dwAt);
-        if (d[2] == CAP_USB20 && b.Has(dwAt, 7)) {
-            const uint32_t dwAttributes = U16(d + 3) | (uint32_t(U16(d + 5)) << 16);
-            o->pUsb20.reset(new BosUsb20Extension{ d[0], d[1], d[2], dwAttributes });
-        } else if (d[2] == CAP_SUPERSPEED && b.Has(dwAt, 10)) {
+    uint32_t at = o->bLength;
+    for (unsigned i = 0; i < o->bNumDeviceCaps && b.Has(at, 3); ++i) {
+        const uint8_t* const d = raw + at;
+        const uint8_t step = StepOf(b, at);
+        if (d[2] == CAP_USB20 && b.Has(at, 7)) {
+            const uint32_t attributes = U16(d + 3) | (uint32_t(U16(d + 5)) << 16);
+            o->pUsb20.reset(new BosUsb20Extension{ d[0], d[1], d[2], attributes });
+        } else if (d[2] == CAP_SUPERSPEED && b.Has(at, 10)) {
             o->pSuperSpeed.reset(new BosSuperSpeed{ d[0], d[1], d[2], d[3], U16(d + 4), d[6], d[7], U16(d + 8) });
-        } else if (d[2] == CAP_CONTAINER && b.Has(dwAt, 20)) {
+        } else if (d[2] == CAP_CONTAINER && b.Has(at, 20)) {
             o->pContainerId.reset(new BosContainerId{ d[0], d[1], d[2], {} });
             std::memcpy(o->pContainerId->abContainerId, d + 4, 16);
         }
-        dwAt += bStep;
+        at += step;
     }
     return o.release();
 }

@@ -31,156 +31,156 @@ private:
     const platform::EventHandle m_h;
 };
 
-XferRecord* Record(uint8_t* pContext) { return reinterpret_cast<XferRecord*>(pContext); }
+XferRecord* Record(uint8_t* context) { return reinterpret_cast<XferRecord*>(context); }
 
 // The trace strings print addresses with %x.
 unsigned Low(const void* p) { return static_cast<unsigned>(reinterpret_cast<uintptr_t>(p)); }
 
 // What every begin ends with. The error is stored whatever the call returned; ERROR_PENDING is the normal case.
-uint8_t* Begin(CCyUSBEndPoint& ep, uint32_t dwCode, std::unique_ptr<uint8_t[]> pRecord, uint32_t dwIn, uint8_t* pOut,
-               uint32_t dwOut, Overlapped* pOverlapped)
+uint8_t* Begin(CCyUSBEndPoint& ep, uint32_t code, std::unique_ptr<uint8_t[]> record, uint32_t input, uint8_t* pOut,
+               uint32_t output, Overlapped* overlapped)
 {
-    uint32_t dwBytes = 0;
-    UsbDriver().IoControl(ep.m_hDevice, dwCode, pRecord.get(), dwIn, pOut, dwOut, &dwBytes, pOverlapped);
+    uint32_t bytes = 0;
+    UsbDriver().IoControl(ep.m_hDevice, code, record.get(), input, pOut, output, &bytes, overlapped);
     ep.m_uLastError = platform::LastError();
-    return pRecord.release();
+    return record.release();
 }
 
 }  // namespace
 
-CCyUSBEndPoint::CCyUSBEndPoint(platform::DeviceHandle hDevice, const EndPointDescriptor* pDesc, const CompanionDescriptor* pComp)
-    : m_hDevice(hDevice)
+CCyUSBEndPoint::CCyUSBEndPoint(platform::DeviceHandle device, const EndPointDescriptor* desc, const CompanionDescriptor* comp)
+    : m_hDevice(device)
 {
-    if (!pDesc)
+    if (!desc)
         return;
-    m_bLength = pDesc->bLength;
-    m_bDescriptorType = pDesc->bDescriptorType;
-    m_bEndpointAddress = pDesc->bEndpointAddress;
-    m_bmAttributes = pDesc->bmAttributes;
-    m_bInterval = pDesc->bInterval;
+    m_bLength = desc->bLength;
+    m_bDescriptorType = desc->bDescriptorType;
+    m_bEndpointAddress = desc->bEndpointAddress;
+    m_bmAttributes = desc->bmAttributes;
+    m_bInterval = desc->bInterval;
     m_bIn = (m_bEndpointAddress & 0x80) != 0;
-    m_iMult = uint16_t(((pDesc->wMaxPacketSize >> 11) & 3) + 1);
-    m_iMaxPktSize = uint16_t((pDesc->wMaxPacketSize & 0x7FF) * m_iMult);
-    if (!pComp)
+    m_iMult = uint16_t(((desc->wMaxPacketSize >> 11) & 3) + 1);
+    m_iMaxPktSize = uint16_t((desc->wMaxPacketSize & 0x7FF) * m_iMult);
+    if (!comp)
         return;
-    m_bCompLength = pComp->bLength;
-    m_bCompDescriptorType = pComp->bDescriptorType;
-    m_bMaxBurst = pComp->bMaxBurst;
-    m_bCompAttributes = pComp->bmAttributes;
-    m_wBytesPerInterval = pComp->wBytesPerInterval;
+    m_bCompLength = comp->bLength;
+    m_bCompDescriptorType = comp->bDescriptorType;
+    m_bMaxBurst = comp->bMaxBurst;
+    m_bCompAttributes = comp->bmAttributes;
+    m_wBytesPerInterval = comp->wBytesPerInterval;
     m_iMaxPktSize = uint16_t(m_iMaxPktSize * (m_bMaxBurst + 1));
     if ((m_bmAttributes & 3) == 1)
         m_iMaxPktSize = uint16_t(m_iMaxPktSize * ((m_bCompAttributes & 3) + 1));
 }
 
-uint8_t* CCyUSBEndPoint::BeginDirectXfer(uint8_t* pBuf, int32_t iLength, Overlapped* pOverlapped)
+uint8_t* CCyUSBEndPoint::BeginDirectXfer(uint8_t* buf, int32_t iLength, Overlapped* overlapped)
 {
     TraceLine("Begin direct\n");
     if (!platform::IsDeviceOpen(m_hDevice))
         return nullptr;
     auto p = std::make_unique<uint8_t[]>(RECORD_SIZE);
-    TraceLine("Begin direct:0x%x Newbuf:0x%x\n", Low(pOverlapped), Low(p.get()));
+    TraceLine("Begin direct:0x%x Newbuf:0x%x\n", Low(overlapped), Low(p.get()));
     XferRecord* const r = Record(p.get());
     r->bEndpointAddress = m_bEndpointAddress;
-    uint8_t* const pContext = Begin(*this, platform::IO_DIRECT, std::move(p), RECORD_SIZE, pBuf, uint32_t(iLength), pOverlapped);
+    uint8_t* const context = Begin(*this, platform::IO_DIRECT, std::move(p), RECORD_SIZE, buf, uint32_t(iLength), overlapped);
     m_uUsbdStatus = r->dwUsbdStatus;
     m_uNtStatus = r->dwNtStatus;
-    return pContext;
+    return context;
 }
 
-uint8_t* CCyUSBEndPoint::BeginBufXfer(uint8_t* pBuf, int32_t iLength, Overlapped* pOverlapped)
+uint8_t* CCyUSBEndPoint::BeginBufXfer(uint8_t* buf, int32_t iLength, Overlapped* overlapped)
 {
     if (!platform::IsDeviceOpen(m_hDevice) || iLength < 0)
         return nullptr;
     const uint32_t dwSize = RECORD_SIZE + uint32_t(iLength);
     auto p = std::make_unique<uint8_t[]>(dwSize);
-    TraceLine("Begin buf:0x%x Newbuf:0x%x\n", Low(pOverlapped), Low(p.get()));
+    TraceLine("Begin buf:0x%x Newbuf:0x%x\n", Low(overlapped), Low(p.get()));
     XferRecord* const r = Record(p.get());
     r->bEndpointAddress = m_bEndpointAddress;
     r->dwBufferOffset = RECORD_SIZE;
     r->dwBufferLength = uint32_t(iLength);
     if (iLength != 0)
-        std::memcpy(p.get() + RECORD_SIZE, pBuf, size_t(iLength));
-    uint8_t* const pContext =
-        Begin(*this, platform::IO_BUFFERED, std::move(p), dwSize, reinterpret_cast<uint8_t*>(r), dwSize, pOverlapped);
+        std::memcpy(p.get() + RECORD_SIZE, buf, size_t(iLength));
+    uint8_t* const context =
+        Begin(*this, platform::IO_BUFFERED, std::move(p), dwSize, reinterpret_cast<uint8_t*>(r), dwSize, overlapped);
     m_uUsbdStatus = r->dwUsbdStatus;
     m_uNtStatus = r->dwNtStatus;
-    return pContext;
+    return context;
 }
 
-bool CCyUSBEndPoint::FinishDataXfer(uint8_t* pBuf, int32_t* piLength, Overlapped* pOverlapped, uint8_t* pContext,
-                                    IsoPacketInfo* pInfos)
+bool CCyUSBEndPoint::FinishDataXfer(uint8_t* buf, int32_t* piLength, Overlapped* overlapped, uint8_t* context,
+                                    IsoPacketInfo* infos)
 {
     // A begin on a closed device gave no context; there is nothing to finish.
-    if (!pContext) {
+    if (!context) {
         *piLength = 0;
         m_uBytesXferred = 0;
         return false;
     }
-    const std::unique_ptr<uint8_t[]> owner(pContext);
-    XferRecord* const r = Record(pContext);
+    const std::unique_ptr<uint8_t[]> owner(context);
+    XferRecord* const r = Record(context);
 
-    uint32_t dwBytes = 0;
-    const bool bResult = UsbDriver().GetResult(m_hDevice, pOverlapped, &dwBytes, false);
+    uint32_t bytes = 0;
+    const bool result = UsbDriver().GetResult(m_hDevice, overlapped, &bytes, false);
     // A count within the header would come out negative; it means no data, as 0 does.
-    const uint32_t dwLength = dwBytes > r->dwBufferOffset ? dwBytes - r->dwBufferOffset : 0;
-    *piLength = int32_t(dwLength);
-    m_uBytesXferred = dwLength;
+    const uint32_t length = bytes > r->dwBufferOffset ? bytes - r->dwBufferOffset : 0;
+    *piLength = int32_t(length);
+    m_uBytesXferred = length;
     m_uUsbdStatus = r->dwUsbdStatus;
     m_uNtStatus = r->dwNtStatus;
 
-    if (m_bIn && m_bDirect == 0 && dwLength >= 1)
-        std::memcpy(pBuf, pContext + r->dwBufferOffset, dwLength);
-    if (pInfos && dwLength >= 1) {
-        std::memset(pInfos, 0, r->dwIsoPacketLength);
-        std::memcpy(pInfos, pContext + r->dwIsoPacketOffset, r->dwIsoPacketLength);
+    if (m_bIn && m_bDirect == 0 && length >= 1)
+        std::memcpy(buf, context + r->dwBufferOffset, length);
+    if (infos && length >= 1) {
+        std::memset(infos, 0, r->dwIsoPacketLength);
+        std::memcpy(infos, context + r->dwIsoPacketOffset, r->dwIsoPacketLength);
     }
-    TraceLine("Finish :0x%x Delete:0x%x rResult:%d USBstatus:%d Ntstatus:%d\n", Low(pOverlapped), Low(pContext), int(bResult),
+    TraceLine("Finish :0x%x Delete:0x%x rResult:%d USBstatus:%d Ntstatus:%d\n", Low(overlapped), Low(context), int(result),
               int(m_uUsbdStatus), int(m_uNtStatus));
-    return bResult && m_uUsbdStatus == 0 && m_uNtStatus == 0;
+    return result && m_uUsbdStatus == 0 && m_uNtStatus == 0;
 }
 
 // m_uLastError is that of the most recent begin on this endpoint, whatever slot is handed in.
-bool CCyUSBEndPoint::WaitForXfer(Overlapped* pOverlapped, uint32_t dwTimeoutMs)
+bool CCyUSBEndPoint::WaitForXfer(Overlapped* overlapped, uint32_t timeoutMs)
 {
     if (m_uLastError == platform::ERROR_NONE)
         return true;
     if (m_uLastError != platform::ERROR_PENDING)
         return false;
-    return platform::WaitEvent(pOverlapped->hEvent, dwTimeoutMs) == platform::WAIT_SIGNALLED;
+    return platform::WaitEvent(overlapped->hEvent, timeoutMs) == platform::WAIT_SIGNALLED;
 }
 
-bool CCyUSBEndPoint::WaitOrAbortXfer(Overlapped* pOverlapped)
+bool CCyUSBEndPoint::WaitOrAbortXfer(Overlapped* overlapped)
 {
     m_uLastError = platform::LastError();
     if (m_uLastError == platform::ERROR_NONE)
         return true;
     if (m_uLastError != platform::ERROR_PENDING)
         return false;
-    uint32_t dwWait = platform::WaitEvent(pOverlapped->hEvent, m_iTimeOut);
+    uint32_t dwWait = platform::WaitEvent(overlapped->hEvent, m_iTimeOut);
     if (dwWait != platform::WAIT_TIMED_OUT)
         return dwWait == platform::WAIT_SIGNALLED;
     Abort();
-    dwWait = platform::WaitEvent(pOverlapped->hEvent, ABORT_WAIT_MS);
+    dwWait = platform::WaitEvent(overlapped->hEvent, ABORT_WAIT_MS);
     if (dwWait == platform::WAIT_TIMED_OUT || dwWait == WAIT_FAILED) {
         Abort();
-        dwWait = platform::WaitEvent(pOverlapped->hEvent, platform::WAIT_FOREVER);
+        dwWait = platform::WaitEvent(overlapped->hEvent, platform::WAIT_FOREVER);
     }
     return dwWait == platform::WAIT_SIGNALLED;
 }
 
-bool CCyUSBEndPoint::XferData(uint8_t* pBuf, int32_t* piLength, IsoPacketInfo* pInfos)
+bool CCyUSBEndPoint::XferData(uint8_t* buf, int32_t* piLength, IsoPacketInfo* infos)
 {
     const Event event;
     if (!event)
         throw std::bad_alloc();
     Overlapped ov{};
     ov.hEvent = event;
-    uint8_t* const pContext = BeginDataXfer(pBuf, *piLength, &ov);
+    uint8_t* const context = BeginDataXfer(buf, *piLength, &ov);
     // Without a context no request is out, and LastError() would be that of some earlier call.
-    const bool bWait = pContext && WaitOrAbortXfer(&ov);
-    const bool bFinished = FinishDataXfer(pBuf, piLength, &ov, pContext, pInfos);
-    return bWait && bFinished;
+    const bool wait = context && WaitOrAbortXfer(&ov);
+    const bool finished = FinishDataXfer(buf, piLength, &ov, context, infos);
+    return wait && finished;
 }
 
 bool CCyUSBEndPoint::Abort()
@@ -188,8 +188,8 @@ bool CCyUSBEndPoint::Abort()
     const Event event;  // may be none: an abort must come through without memory
     Overlapped ov{};
     ov.hEvent = event;
-    uint32_t dwBytes = 0;
-    if (!UsbDriver().IoControl(m_hDevice, platform::IO_ABORT_PIPE, &m_bEndpointAddress, 1, nullptr, 0, &dwBytes, &ov) &&
+    uint32_t bytes = 0;
+    if (!UsbDriver().IoControl(m_hDevice, platform::IO_ABORT_PIPE, &m_bEndpointAddress, 1, nullptr, 0, &bytes, &ov) &&
         platform::LastError() == platform::ERROR_PENDING && event)
         platform::WaitEvent(event, platform::WAIT_FOREVER);
     return true;
@@ -197,12 +197,12 @@ bool CCyUSBEndPoint::Abort()
 
 bool CCyUSBEndPoint::Reset()
 {
-    uint32_t dwBytes = 0;
-    const bool bOk =
-        UsbDriver().IoControl(m_hDevice, platform::IO_RESET_PIPE, &m_bEndpointAddress, 1, nullptr, 0, &dwBytes, nullptr);
-    if (!bOk)
+    uint32_t bytes = 0;
+    const bool ok =
+        UsbDriver().IoControl(m_hDevice, platform::IO_RESET_PIPE, &m_bEndpointAddress, 1, nullptr, 0, &bytes, nullptr);
+    if (!ok)
         m_uLastError = platform::LastError();
-    return bOk;
+    return ok;
 }
 
 void CCyUSBEndPoint::SetXferSize(uint32_t dwSize)
@@ -217,30 +217,30 @@ void CCyUSBEndPoint::SetXferSize(uint32_t dwSize)
 #pragma pack(pop)
     static_assert(sizeof block == 5);
     block.bAddress = m_bEndpointAddress;
-    const uint32_t dwRest = dwSize % m_iMaxPktSize;
-    block.dwSize = dwRest == 0 ? dwSize : dwSize + (m_iMaxPktSize - dwRest);
-    uint32_t dwBytes = 0;
-    if (!UsbDriver().IoControl(m_hDevice, platform::IO_SET_TRANSFER_SIZE, &block, sizeof block, &block, sizeof block, &dwBytes,
+    const uint32_t rest = dwSize % m_iMaxPktSize;
+    block.dwSize = rest == 0 ? dwSize : dwSize + (m_iMaxPktSize - rest);
+    uint32_t bytes = 0;
+    if (!UsbDriver().IoControl(m_hDevice, platform::IO_SET_TRANSFER_SIZE, &block, sizeof block, &block, sizeof block, &bytes,
                                nullptr))
         m_uLastError = platform::LastError();
 }
 
 // --- control --------------------------------------------------------------------------------------------------------
 
-CCyControlEndPoint::CCyControlEndPoint(platform::DeviceHandle hDevice, const EndPointDescriptor* pDesc)
-    : CCyUSBEndPoint(hDevice, pDesc, nullptr)
+CCyControlEndPoint::CCyControlEndPoint(platform::DeviceHandle device, const EndPointDescriptor* desc)
+    : CCyUSBEndPoint(device, desc, nullptr)
 {
     m_bDirect = 0;
 }
 
-uint8_t* CCyControlEndPoint::BeginDataXfer(uint8_t* pBuf, int32_t iLength, Overlapped* pOverlapped)
+uint8_t* CCyControlEndPoint::BeginDataXfer(uint8_t* buf, int32_t iLength, Overlapped* overlapped)
 {
     if (!platform::IsDeviceOpen(m_hDevice) || iLength < 0)
         return nullptr;
     m_bIn = m_iDirection == 1;
     const uint32_t dwSize = RECORD_SIZE + uint32_t(iLength);
     auto p = std::make_unique<uint8_t[]>(dwSize);
-    TraceLine("Begin Control:0x%x Newbuf:0x%x\n", Low(pOverlapped), Low(p.get()));
+    TraceLine("Begin Control:0x%x Newbuf:0x%x\n", Low(overlapped), Low(p.get()));
     XferRecord* const r = Record(p.get());
     r->setup.bmRequestType = uint8_t((m_iDirection << 7) | ((m_iReqType & 3) << 5) | (m_iTarget & 31));
     r->setup.bRequest = m_iReqCode;
@@ -252,71 +252,71 @@ uint8_t* CCyControlEndPoint::BeginDataXfer(uint8_t* pBuf, int32_t iLength, Overl
     r->dwBufferOffset = RECORD_SIZE;
     r->dwBufferLength = uint32_t(iLength);
     if (iLength != 0)
-        std::memcpy(p.get() + RECORD_SIZE, pBuf, size_t(iLength));
-    return Begin(*this, platform::IO_CONTROL, std::move(p), dwSize, reinterpret_cast<uint8_t*>(r), dwSize, pOverlapped);
+        std::memcpy(p.get() + RECORD_SIZE, buf, size_t(iLength));
+    return Begin(*this, platform::IO_CONTROL, std::move(p), dwSize, reinterpret_cast<uint8_t*>(r), dwSize, overlapped);
 }
 
 // --- bulk, interrupt, isochronous -----------------------------------------------------------------------------------
 
-uint8_t* CCyUSBEndPoint::BeginByMode(uint8_t* pBuf, int32_t iLength, Overlapped* pOverlapped)
+uint8_t* CCyUSBEndPoint::BeginByMode(uint8_t* buf, int32_t iLength, Overlapped* overlapped)
 {
     if (!platform::IsDeviceOpen(m_hDevice))
         return nullptr;
-    return m_bDirect == 1 ? BeginDirectXfer(pBuf, iLength, pOverlapped) : BeginBufXfer(pBuf, iLength, pOverlapped);
+    return m_bDirect == 1 ? BeginDirectXfer(buf, iLength, overlapped) : BeginBufXfer(buf, iLength, overlapped);
 }
 
-uint8_t* CCyBulkEndPoint::BeginDataXfer(uint8_t* pBuf, int32_t iLength, Overlapped* pOverlapped)
+uint8_t* CCyBulkEndPoint::BeginDataXfer(uint8_t* buf, int32_t iLength, Overlapped* overlapped)
 {
-    return BeginByMode(pBuf, iLength, pOverlapped);
+    return BeginByMode(buf, iLength, overlapped);
 }
 
-uint8_t* CCyInterruptEndPoint::BeginDataXfer(uint8_t* pBuf, int32_t iLength, Overlapped* pOverlapped)
+uint8_t* CCyInterruptEndPoint::BeginDataXfer(uint8_t* buf, int32_t iLength, Overlapped* overlapped)
 {
-    return BeginByMode(pBuf, iLength, pOverlapped);
+    return BeginByMode(buf, iLength, overlapped);
 }
 
-uint8_t* CCyIsocEndPoint::BeginDataXfer(uint8_t* pBuf, int32_t iLength, Overlapped* pOverlapped)
+uint8_t* CCyIsocEndPoint::BeginDataXfer(uint8_t* buf, int32_t iLength, Overlapped* overlapped)
 {
-    return BeginByMode(pBuf, iLength, pOverlapped);
+    return BeginByMode(buf, iLength, overlapped);
 }
 
-// bBuffered: the data stand behind the packet table; else they go to the caller's buffer.
-uint8_t* CCyIsocEndPoint::BeginIsoc(uint8_t* pBuf, int32_t iLength, Overlapped* pOverlapped, bool bBuffered)
+// buffered: the data stand behind the packet table; else they go to the caller's buffer.
+uint8_t* CCyIsocEndPoint::BeginIsoc(uint8_t* buf, int32_t iLength, Overlapped* overlapped, bool buffered)
 {
     if (!platform::IsDeviceOpen(m_hDevice) || m_iMaxPktSize == 0 || iLength <= 0)
         return nullptr;
-    const uint32_t dwPackets = (uint32_t(iLength) + m_iMaxPktSize - 1) / m_iMaxPktSize;
-    const uint32_t dwTable = dwPackets * uint32_t(sizeof(IsoPacketInfo));
-    const uint32_t dwHead = RECORD_SIZE + dwTable;
-    const uint32_t dwSize = bBuffered ? dwHead + uint32_t(iLength) : dwHead;
+    const uint32_t packets = (uint32_t(iLength) + m_iMaxPktSize - 1) / m_iMaxPktSize;
+    const uint32_t table = packets * uint32_t(sizeof(IsoPacketInfo));
+    const uint32_t head = RECORD_SIZE + table;
+    const uint32_t dwSize = buffered ? head + uint32_t(iLength) : head;
     auto p = std::make_unique<uint8_t[]>(dwSize);
-    if (bBuffered)
-        TraceLine("Begin buf:0x%x Newbuf:0x%x\n", Low(pOverlapped), Low(p.get()));
+    if (buffered)
+        TraceLine("Begin buf:0x%x Newbuf:0x%x\n", Low(overlapped), Low(p.get()));
     else
-        TraceLine("Begin direct:0x%x Newbuf:0x%x\n", Low(pOverlapped), Low(p.get()));
+        TraceLine("Begin direct:0x%x Newbuf:0x%x\n", Low(overlapped), Low(p.get()));
     XferRecord* const r = Record(p.get());
     r->bEndpointAddress = m_bEndpointAddress;
     r->dwIsoPacketOffset = RECORD_SIZE;
-    r->dwIsoPacketLength = dwTable;
-    if (bBuffered) {
-        r->dwBufferOffset = dwHead;
+    r->dwIsoPacketLength = table;
+    if (buffered) {
+        r->dwBufferOffset = head;
         r->dwBufferLength = uint32_t(iLength);
-        std::memcpy(p.get() + dwHead, pBuf, size_t(iLength));
+        std::memcpy(p.get() + head, buf, size_t(iLength));
     }
-    uint8_t* const pContext =
-        bBuffered ? Begin(*this, platform::IO_BUFFERED, std::move(p), dwSize, reinterpret_cast<uint8_t*>(r), dwSize, pOverlapped)
-                  : Begin(*this, platform::IO_DIRECT, std::move(p), dwSize, pBuf, uint32_t(iLength), pOverlapped);
+    uint8_t* const context =
+        buffered ? Begin(*this, platform::IO_BUFFERED, std::move(p), dwSize, reinterpret_cast<uint8_t*>(r), dwSize, overlapped)
+                 : Begin(*this, platform::IO_DIRECT, std::move(p), dwSize, buf, uint32_t(iLength), overlapped);
     m_uUsbdStatus = r->dwUsbdStatus;
     m_uNtStatus = r->dwNtStatus;
-    return pContext;
+    return context;
 }
 
-uint8_t* CCyIsocEndPoint::BeginDirectXfer(uint8_t* pBuf, int32_t iLength, Overlapped* pOverlapped)
+uint8_t* CCyIsocEndPoint::BeginDirectXfer(uint8_t* buf, int32_t iLength, Overlapped* overlapped)
 {
-    return BeginIsoc(pBuf, iLength, pOverlapped, false);
+    return BeginIsoc(buf, iLength, overlapped, false);
 }
 
-uint8_t* CCyIsocEndPoint::BeginBufXfer(uint8_t* pBuf, int32_t iLength, Overlapped* pOverlapped)
+uint8_t* CCyIsocEndPoint::BeginBufXfer(uint8_t* buf, int32_t iLength, Overlapped* overlapped)
 {
-    return BeginIsoc(pBuf, iLength, pOverlapped, true);
+    return BeginIsoc(buf, iLength, overlapped, true);
 }

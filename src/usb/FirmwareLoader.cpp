@@ -31,12 +31,12 @@ constexpr uint32_t ERASE_LIMIT_MS = 60'000;
 uint32_t U32(const uint8_t* p) { return p[0] | uint32_t(p[1]) << 8 | uint32_t(p[2]) << 16 | uint32_t(p[3]) << 24; }
 
 // A copy of n bytes from dwAt on; zeros stand for what the image does not have.
-void CopyWithin(uint8_t* pOut, const uint8_t* pImage, uint32_t dwLength, uint32_t dwAt, uint32_t n)
+void CopyWithin(uint8_t* output, const uint8_t* pImage, uint32_t dwLength, uint32_t dwAt, uint32_t n)
 {
-    const uint32_t dwHave = dwAt < dwLength ? std::min(n, dwLength - dwAt) : 0;
-    if (dwHave != 0)
-        std::memcpy(pOut, pImage + dwAt, dwHave);
-    std::memset(pOut + dwHave, 0, n - dwHave);
+    const uint32_t have = dwAt < dwLength ? std::min(n, dwLength - dwAt) : 0;
+    if (have != 0)
+        std::memcpy(output, pImage + dwAt, have);
+    std::memset(output + have, 0, n - have);
 }
 
 struct FreeDeleter {
@@ -50,9 +50,9 @@ struct FileCloser {
 
 // --- FX2: RAM and I2C EEPROM ----------------------------------------------------------------------------------------
 
-bool CCameraFX3::HaltProcessor(bool bHalt)
+bool CCameraFX3::HaltProcessor(bool halt)
 {
-    uint8_t b = bHalt ? 1 : 0;
+    uint8_t b = halt ? 1 : 0;
     return Command(false, REQ_FX2_RAM, CPU_CONTROL, 0, &b, 1);
 }
 
@@ -75,30 +75,30 @@ bool CCameraFX3::UpdateFW(const uint8_t* pImage, int32_t iLength)
 {
     if (!m_bOpen || !pImage || iLength < 0 || !StartEepromLoader())
         return false;
-    const int32_t iBlocks = int32_t((int64_t{ iLength } + EEPROM_BLOCK - 1) / EEPROM_BLOCK);
+    const int32_t blocks = int32_t((int64_t{ iLength } + EEPROM_BLOCK - 1) / EEPROM_BLOCK);
     std::vector<uint8_t> image(pImage, pImage + iLength);
-    std::vector<uint8_t> back(std::max(size_t{ EEPROM_SIZE }, size_t(iBlocks) * EEPROM_BLOCK));
+    std::vector<uint8_t> back(std::max(size_t{ EEPROM_SIZE }, size_t(blocks) * EEPROM_BLOCK));
 
     // QUIRK: the last of several blocks takes the remainder, so an image of a whole number of blocks sends a last block
     // of no bytes and never compares equal.
-    const auto Blocks = [&](bool bIn, uint8_t* p) {
-        for (int32_t b = 0; b < iBlocks; ++b) {
-            const int32_t iSize = iBlocks == 1 ? iLength : b == iBlocks - 1 ? iLength % EEPROM_BLOCK : EEPROM_BLOCK;
-            Command(bIn, REQ_EEPROM, uint16_t(b << 12), 0, p + ptrdiff_t{ b } * EEPROM_BLOCK, iSize);
+    const auto Blocks = [&](bool input, uint8_t* p) {
+        for (int32_t b = 0; b < blocks; ++b) {
+            const int32_t iSize = blocks == 1 ? iLength : b == blocks - 1 ? iLength % EEPROM_BLOCK : EEPROM_BLOCK;
+            Command(input, REQ_EEPROM, uint16_t(b << 12), 0, p + ptrdiff_t{ b } * EEPROM_BLOCK, iSize);
         }
     };
-    int iAttempt = 1;
-    for (;; ++iAttempt) {
+    int attempt = 1;
+    for (;; ++attempt) {
         Blocks(false, image.data());
         std::fill(back.begin(), back.end(), uint8_t{ 0 });
         Blocks(true, back.data());
-        if (std::equal(image.begin(), image.end(), back.begin()) || iAttempt == ATTEMPTS)
+        if (std::equal(image.begin(), image.end(), back.begin()) || attempt == ATTEMPTS)
             break;
     }
     if (iLength > 0)  // without a length the records would tell their end, and there are none
         UpdateFW2RAM(pImage, iLength);
     // QUIRK: the third attempt counts as a failure even when it compared equal.
-    return iAttempt < ATTEMPTS;
+    return attempt < ATTEMPTS;
 }
 
 bool CCameraFX3::UpdateFW2RAM(const uint8_t* pImage, int32_t iLength)
@@ -129,15 +129,15 @@ bool CCameraFX3::EraseFlash()
         return false;
     std::vector<uint8_t> block(EEPROM_BLOCK), back(EEPROM_BLOCK);
     block[0] = 0xC2;
-    int iAttempt = 1;
-    for (;; ++iAttempt) {
+    int attempt = 1;
+    for (;; ++attempt) {
         Command(false, REQ_EEPROM, 0, 0, block.data(), EEPROM_BLOCK);
         std::fill(back.begin(), back.end(), uint8_t{ 0 });
         Command(true, REQ_EEPROM, 0, 0, back.data(), EEPROM_BLOCK);
-        if (block == back || iAttempt == ATTEMPTS)
+        if (block == back || attempt == ATTEMPTS)
             break;
     }
-    return iAttempt < ATTEMPTS;  // QUIRK: as in UpdateFW
+    return attempt < ATTEMPTS;  // QUIRK: as in UpdateFW
 }
 
 // --- FX3 RAM --------------------------------------------------------------------------------------------------------
@@ -172,7 +172,7 @@ FX3_FWDWNLOAD_ERROR_CODE CCameraFX3::DownloadFwToRam(uint8_t* pData, uint32_t le
     for (uint32_t dwAt = 4;;) {
         if (dwAt > length || length - dwAt < 8)
             return FX3_FW_SECTION_TOO_LONG;
-        uint32_t dwLeft = U32(pData + dwAt) * 4;  // the product wraps
+        uint32_t left = U32(pData + dwAt) * 4;  // the product wraps
         const bool bEnd = U32(pData + dwAt) == 0;
         uint32_t dwAddress = U32(pData + dwAt + 4);
         dwAt += 8;
@@ -180,22 +180,22 @@ FX3_FWDWNLOAD_ERROR_CODE CCameraFX3::DownloadFwToRam(uint8_t* pData, uint32_t le
             DownloadBufferToDevice(dwAddress, 0, nullptr, request);
             return FX3_FW_SUCCESS;
         }
-        while (dwLeft > 0) {
-            const uint16_t n = uint16_t(std::min(dwLeft, PAGE));
+        while (left > 0) {
+            const uint16_t n = uint16_t(std::min(left, PAGE));
             if (n > length)
                 return FX3_FW_BLOCK_TOO_LONG;
             CopyWithin(block, pData, length, dwAt, n);
             // QUIRK: all three tries are made, a good block is written three times; only the last one counts.
-            bool bGood = false;
+            bool good = false;
             for (int i = 0; i < ATTEMPTS; ++i) {
                 std::memset(back, 0, n);
-                bGood = DownloadBufferToDevice(dwAddress, n, block, request) &&
-                        UploadBufferFromDevice(dwAddress, n, back, request) && std::memcmp(block, back, n) == 0;
+                good = DownloadBufferToDevice(dwAddress, n, block, request) &&
+                       UploadBufferFromDevice(dwAddress, n, back, request) && std::memcmp(block, back, n) == 0;
             }
-            if (!bGood)
+            if (!good)
                 return FX3_FW_FAILED;
             dwAddress += n;
-            dwLeft -= n;
+            left -= n;
             dwAt += n;
             if (dwAt > length)
                 return FX3_FW_SECTION_TOO_LONG;
@@ -211,12 +211,12 @@ FX3_FWDWNLOAD_ERROR_CODE CCameraFX3::EraseSectorOfSPIFlash(uint32_t sector, uint
     if (!Command(false, request, 1, wSector))
         return FX3_FW_FAILED;
     // Polled without a pause. An erase takes seconds at most; a camera that stays busy for ever must not hold a host.
-    const uint32_t dwStart = platform::Ticks();
-    uint8_t bBusy = 1;
+    const uint32_t start = platform::Ticks();
+    uint8_t busy = 1;
     do {
-        if (!Command(true, request, 0, wSector, &bBusy, 1) || platform::Ticks() - dwStart > ERASE_LIMIT_MS)
+        if (!Command(true, request, 0, wSector, &busy, 1) || platform::Ticks() - start > ERASE_LIMIT_MS)
             return FX3_FW_FAILED;
-    } while (bBusy != 0);
+    } while (busy != 0);
     return FX3_FW_SUCCESS;
 }
 
@@ -232,8 +232,8 @@ bool CCameraFX3::ReadFromSPIFlash(uint8_t* pData, uint32_t length, uint32_t addr
 
 FX3_FWDWNLOAD_ERROR_CODE CCameraFX3::DownloadBuftoSPIFLASH(uint8_t* pData, uint32_t length, uint8_t request)
 {
-    const uint32_t dwSectors = (length >> 16) + ((length & 0xFFFF) != 0 ? 1 : 0);
-    for (uint32_t s = 0; s < dwSectors; ++s)
+    const uint32_t sectors = (length >> 16) + ((length & 0xFFFF) != 0 ? 1 : 0);
+    for (uint32_t s = 0; s < sectors; ++s)
         if (EraseSectorOfSPIFlash(s, request) != FX3_FW_SUCCESS)
             return FX3_FW_ERASE_FAILED;
 
@@ -242,8 +242,8 @@ FX3_FWDWNLOAD_ERROR_CODE CCameraFX3::DownloadBuftoSPIFLASH(uint8_t* pData, uint3
     for (uint64_t qwAt = 0; qwAt < qwTotal; qwAt += PAGE) {
         const uint32_t n = uint32_t(std::min<uint64_t>(qwTotal - qwAt, PAGE));
         // QUIRK: past the image the flash takes what the page before left in the buffer.
-        const uint32_t dwHave = qwAt < length ? std::min(n, uint32_t(length - qwAt)) : 0;
-        std::memcpy(staging, pData + qwAt, dwHave);
+        const uint32_t have = qwAt < length ? std::min(n, uint32_t(length - qwAt)) : 0;
+        std::memcpy(staging, pData + qwAt, have);
         // QUIRK: always request 194, whatever `request` is; that one only erases.
         if (!WriteToSPIFlash(staging, n, uint32_t(qwAt), REQ_FLASH_WRITE))
             return FX3_FW_FAILED;
@@ -257,57 +257,57 @@ FX3_FWDWNLOAD_ERROR_CODE CCameraFX3::DownloadBuftoI2CE2PROM(uint8_t* pData, int3
 {
     static constexpr uint32_t s_aSize[8] = { 0, 0, 4096, 8192, 16384, 32768, 65536, 65536 };
     const unsigned code = length > 2 ? (pData[2] >> 1) & 7u : 0u;
-    const uint32_t dwDeviceSize = s_aSize[code];
-    if (dwDeviceSize == 0)
+    const uint32_t deviceSize = s_aSize[code];
+    if (deviceSize == 0)
         return FX3_FW_BAD_I2C_SIZE;
-    const bool bLarge = code == 7;
+    const bool large = code == 7;
 
     uint8_t staging[PAGE];
-    uint16_t wDevice = 0, wAddress = 0;
-    uint32_t dwDone = 0;
-    for (; uint32_t(length) - dwDone >= PAGE;) {
-        std::memcpy(staging, pData + dwDone, PAGE);
-        if (!Command(false, request, wDevice, wAddress, staging, PAGE))
+    uint16_t device = 0, wAddress = 0;
+    uint32_t done = 0;
+    for (; uint32_t(length) - done >= PAGE;) {
+        std::memcpy(staging, pData + done, PAGE);
+        if (!Command(false, request, device, wAddress, staging, PAGE))
             return FX3_FW_FAILED;
-        dwDone += PAGE;
+        done += PAGE;
         wAddress = uint16_t(wAddress + PAGE);
-        if (dwDone % dwDeviceSize != 0)
+        if (done % deviceSize != 0)
             continue;
         wAddress = 0;
-        if (!bLarge)
-            wDevice = uint16_t((wDevice + 1) & 7);
-        else if (dwDone < 0x20000)
-            wDevice = 4;
+        if (!large)
+            device = uint16_t((device + 1) & 7);
+        else if (done < 0x20000)
+            device = 4;
         else
-            wDevice = wDevice == 4 ? 1 : 5;
+            device = device == 4 ? 1 : 5;
     }
-    const uint32_t dwRest = uint32_t(length) - dwDone;
-    if (dwRest == 0)
+    const uint32_t rest = uint32_t(length) - done;
+    if (rest == 0)
         return FX3_FW_SUCCESS;
-    const uint32_t n = (dwRest + I2C_GRAIN - 1) / I2C_GRAIN * I2C_GRAIN;
-    CopyWithin(staging, pData, uint32_t(length), dwDone, n);
+    const uint32_t n = (rest + I2C_GRAIN - 1) / I2C_GRAIN * I2C_GRAIN;
+    CopyWithin(staging, pData, uint32_t(length), done, n);
     // QUIRK: read back, but not compared.
-    if (!Command(false, request, wDevice, wAddress, staging, int32_t(n)) ||
-        !Command(true, REQ_I2C_READ, wDevice, wAddress, staging, int32_t(n)))
+    if (!Command(false, request, device, wAddress, staging, int32_t(n)) ||
+        !Command(true, REQ_I2C_READ, device, wAddress, staging, int32_t(n)))
         return FX3_FW_FAILED;
     return FX3_FW_SUCCESS;
 }
 
-FX3_FWDWNLOAD_ERROR_CODE CCameraFX3::DownloadFw(const char* szPath, FX3_FWDWNLOAD_MEDIA_TYPE media)
+FX3_FWDWNLOAD_ERROR_CODE CCameraFX3::DownloadFw(const char* path, FX3_FWDWNLOAD_MEDIA_TYPE media)
 {
-    const std::unique_ptr<std::FILE, FileCloser> file(platform::OpenFile(szPath, "rb"));
+    const std::unique_ptr<std::FILE, FileCloser> file(platform::OpenFile(path, "rb"));
     if (!file || std::fseek(file.get(), 0, SEEK_END) != 0)
         return FX3_FW_NO_FILE;
-    const long lSize = std::ftell(file.get());
-    if (lSize <= 0 || lSize > INT32_MAX || std::fseek(file.get(), 0, SEEK_SET) != 0)
+    const long size = std::ftell(file.get());
+    if (size <= 0 || size > INT32_MAX || std::fseek(file.get(), 0, SEEK_SET) != 0)
         return FX3_FW_NO_FILE;
-    const std::unique_ptr<uint8_t, FreeDeleter> p(static_cast<uint8_t*>(std::calloc(size_t(lSize), 1)));
-    if (!p || std::fread(p.get(), 1, size_t(lSize), file.get()) != size_t(lSize))
+    const std::unique_ptr<uint8_t, FreeDeleter> p(static_cast<uint8_t*>(std::calloc(size_t(size), 1)));
+    if (!p || std::fread(p.get(), 1, size_t(size), file.get()) != size_t(size))
         return FX3_FW_NO_FILE;
     switch (media) {
-    case FX3_MEDIA_RAM: return DownloadFwToRam(p.get(), uint32_t(lSize), REQ_FX2_RAM);
-    case FX3_MEDIA_I2C: return DownloadBuftoI2CE2PROM(p.get(), int32_t(lSize), REQ_I2C_WRITE);
-    case FX3_MEDIA_SPI: return DownloadBuftoSPIFLASH(p.get(), uint32_t(lSize), REQ_FLASH_ERASE);
+    case FX3_MEDIA_RAM: return DownloadFwToRam(p.get(), uint32_t(size), REQ_FX2_RAM);
+    case FX3_MEDIA_I2C: return DownloadBuftoI2CE2PROM(p.get(), int32_t(size), REQ_I2C_WRITE);
+    case FX3_MEDIA_SPI: return DownloadBuftoSPIFLASH(p.get(), uint32_t(size), REQ_FLASH_ERASE);
     }
     return FX3_FW_BAD_MEDIA_TYPE;
 }

@@ -122,11 +122,11 @@ struct Pipe {
         return nullptr;
     }
     // As a node, so that the event thread moves it without allocating.
-    std::list<std::unique_ptr<Xfer>> Take(const Xfer* pXfer)
+    std::list<std::unique_ptr<Xfer>> Take(const Xfer* xfer)
     {
         std::list<std::unique_ptr<Xfer>> taken;
         taken.splice(taken.end(), queue,
-                     std::find_if(queue.begin(), queue.end(), [&](const auto& p) { return p.get() == pXfer; }));
+                     std::find_if(queue.begin(), queue.end(), [&](const auto& p) { return p.get() == xfer; }));
         return taken;
     }
 };
@@ -184,14 +184,14 @@ public:
     void Close(SharedDevice* pDevice, const IDevice* pOwner);
     Status Claim(SharedDevice& d);
     Status Control(SharedDevice& d, const IDevice* pOwner, const uint8_t* pSetup, uint8_t* pData, uint16_t wLength,
-                   uint32_t dwTimeoutMs, uint32_t* pdwMoved);
+                   uint32_t timeoutMs, uint32_t* moved);
     Status Submit(SharedDevice& d, const IDevice* pOwner, BulkRequest* pRequest);
     void Abort(SharedDevice& d, uint8_t bEndpoint);
     void AbortControl(SharedDevice& d, const IDevice* pOwner);
     // Runs `work` on the device while the pipes (all with bEndpoint 0) are empty and new requests wait.
     template <class Work>
     int Quietly(SharedDevice& d, uint8_t bEndpoint, Work work);
-    Status Restart(SharedDevice& d, bool bStale);
+    Status Restart(SharedDevice& d, bool stale);
     Status Note(SharedDevice& d, Status status);
     bool EnsureThread();
     void Forget();
@@ -212,7 +212,7 @@ private:
     void End(Xfer& x, Status status) KOV_TSA(requires_capability(m_cs));
     bool CannotFit(Xfer& x) const KOV_TSA(requires_capability(m_cs));
     void Deliver() KOV_TSA(requires_capability(m_cs));
-    void Cancel(SharedDevice& d, const Pipe* pPipe, const IDevice* pOwner) KOV_TSA(requires_capability(m_cs));
+    void Cancel(SharedDevice& d, const Pipe* pipe, const IDevice* pOwner) KOV_TSA(requires_capability(m_cs));
     void MarkGone(SharedDevice& d) KOV_TSA(requires_capability(m_cs));
     void Wake() { libusb_interrupt_event_handler(m_pContext); }
     static void LIBUSB_CALL OnBulk(libusb_transfer* pTransfer);
@@ -242,13 +242,13 @@ std::atomic<CHost*> g_pHost = nullptr;
 // missing and its locks may be held, so the child takes a new one.
 CHost* CHost::Current()
 {
-    static const bool bMade = [] {
+    static const bool made = [] {
         g_pHost = new CHost;
         pthread_atfork([]() KOV_TSA(no_thread_safety_analysis) { g_pHost.load()->BeforeFork(); },
                        []() KOV_TSA(no_thread_safety_analysis) { g_pHost.load()->AfterFork(); }, [] { g_pHost = new CHost; });
         return true;
     }();
-    (void)bMade;
+    (void)made;
     return g_pHost;
 }
 
@@ -278,16 +278,16 @@ Plugs PluggedDevices()
     const std::string sFolder = "/sys/bus/usb/devices/";
     const std::unique_ptr<DIR, void (*)(DIR*)> folder(opendir(sFolder.c_str()), [](DIR* p) { closedir(p); });
     while (const dirent* const p = folder ? readdir(folder.get()) : nullptr) {
-        const std::string sName = p->d_name;
-        if (sName[0] == '.' || sName.find(':') != std::string::npos)  // the others are interfaces
+        const std::string name = p->d_name;
+        if (name[0] == '.' || name.find(':') != std::string::npos)  // the others are interfaces
             continue;
         Plug plug{ 0, uint64_t(p->d_ino) };
-        if (FILE* f = std::fopen((sFolder + sName + "/devnum").c_str(), "re")) {
+        if (FILE* f = std::fopen((sFolder + name + "/devnum").c_str(), "re")) {
             if (std::fscanf(f, "%d", &plug.iAddress) != 1)
                 plug.iAddress = 0;
             std::fclose(f);
         }
-        plugs.emplace(sName, plug);
+        plugs.emplace(name, plug);
     }
     return plugs;
 }
@@ -302,8 +302,8 @@ std::vector<uint8_t> PortsOf(libusb_device* p)
 std::string PortPath(const std::vector<uint8_t>& ports)
 {
     std::string s;
-    for (const uint8_t bPort : ports)
-        s += (s.empty() ? "" : ".") + std::to_string(bPort);
+    for (const uint8_t port : ports)
+        s += (s.empty() ? "" : ".") + std::to_string(port);
     return s;
 }
 
@@ -349,11 +349,11 @@ void CHost::List(Plugs plugs)
         f.info.sPortPath = PortPath(f.ports);
         f.info.bBus = libusb_get_bus_number(pDevice);
         f.info.bAddress = libusb_get_device_address(pDevice);
-        const std::string sBus = std::to_string(f.info.bBus);
-        const std::string sName = f.ports.empty() ? "usb" + sBus : sBus + "-" + f.info.sPortPath;
-        const auto plug = plugs.find(sName);
+        const std::string bus = std::to_string(f.info.bBus);
+        const std::string name = f.ports.empty() ? "usb" + bus : bus + "-" + f.info.sPortPath;
+        const auto plug = plugs.find(name);
         f.uFile = plug == plugs.end() ? 0 : plug->second.uFile;
-        listed[sName] = { f.info.bAddress, f.uFile };
+        listed[name] = { f.info.bAddress, f.uFile };
         if (libusb_get_device_descriptor(pDevice, &f.descriptor) != LIBUSB_SUCCESS || f.descriptor.idVendor != VENDOR_ID)
             continue;
         f.device.reset(libusb_ref_device(pDevice));
@@ -362,7 +362,7 @@ void CHost::List(Plugs plugs)
         f.info.speed = FromSpeed(libusb_get_device_speed(pDevice));
         const auto old = std::find_if(m_found.begin(), m_found.end(), [&](const Found& o) { return IsSame(o, f); });
         f.info.sPath = old != m_found.end() ? old->info.sPath
-                                            : sName + "@" + std::to_string(f.info.bAddress) + "#" + std::to_string(++m_uPlugs);
+                                            : name + "@" + std::to_string(f.info.bAddress) + "#" + std::to_string(++m_uPlugs);
         found.push_back(std::move(f));
     }
     // Compared as numbers: socket 10 comes after socket 9. The address only decides where a host tells no ports.
@@ -500,15 +500,15 @@ void CHost::Close(SharedDevice* p, const IDevice* pOwner)
 // Keeping below the system's limit avoids that as far as this process alone can.
 uint64_t MemoryLimit()
 {
-    unsigned long lMiB = 0;
+    unsigned long miB = 0;
 #ifdef __linux__
     if (FILE* f = std::fopen("/sys/module/usbcore/parameters/usbfs_memory_mb", "re")) {
-        if (std::fscanf(f, "%lu", &lMiB) != 1)
-            lMiB = 0;
+        if (std::fscanf(f, "%lu", &miB) != 1)
+            miB = 0;
         std::fclose(f);
     }
 #endif
-    return uint64_t{ lMiB } << 20;
+    return uint64_t{ miB } << 20;
 }
 
 // Started by the first request, not by opening: whoever only looks at what is known of a device needs none.
@@ -575,14 +575,14 @@ Status CHost::Start(Xfer& x)
 {
     if (x.pDevice->bGone)
         return Status::Gone;
-    const uint64_t lCost = x.Cost();
-    if (m_lLimit != 0 && m_lFlying != 0 && m_lFlying + lCost > m_lLimit)
+    const uint64_t cost = x.Cost();
+    if (m_lLimit != 0 && m_lFlying != 0 && m_lFlying + cost > m_lLimit)
         return Status::NoMemory;
     const Status status = FromError(libusb_submit_transfer(x.pTransfer));
     if (status == Status::Ok) {
         x.state = Xfer::State::Flying;
-        x.pDevice->At(x.pRequest->bEndpoint).lFlying += lCost;
-        m_lFlying += lCost;
+        x.pDevice->At(x.pRequest->bEndpoint).lFlying += cost;
+        m_lFlying += cost;
     } else if (status == Status::Gone) {
         x.pDevice->bGone = true;
     }
@@ -604,10 +604,10 @@ void CHost::End(Xfer& x, Status status)
 bool CHost::CannotFit(Xfer& x) const
 {
     const auto now = std::chrono::steady_clock::now();
-    const bool bNever = m_lLimit != 0 && x.pRequest->dwLength >= m_lLimit;
+    const bool never = m_lLimit != 0 && x.pRequest->dwLength >= m_lLimit;
     if (x.refused.time_since_epoch().count() == 0)
         x.refused = now;
-    if (!bNever && now - x.refused < GIVE_UP)
+    if (!never && now - x.refused < GIVE_UP)
         return false;
     KOV_LOG(Error,
             "a request of %u bytes finds no USB memory: the system's limit is %llu MiB. Raise it: "
@@ -655,7 +655,7 @@ void CHost::Deliver()
     // A device cannot leave the list while a request of it is queued, so the walk survives the unlocking.
     for (SharedDevice* d : m_devices) {
         for (Pipe& p : d->pipes) {
-            bool bAny = false;
+            bool any = false;
             while (Xfer* x = p.FirstDeliverable()) {
                 m_cs.unlock();
                 // What it throws must not pass through libusb.
@@ -665,9 +665,9 @@ void CHost::Deliver()
                 auto done = p.Take(x);
                 if (d->iCancelling != 0)
                     d->graveyard.splice(d->graveyard.end(), done);
-                bAny = true;
+                any = true;
             }
-            if (bAny)
+            if (any)
                 m_cvDone.notify_all();
         }
     }
@@ -679,9 +679,9 @@ void LIBUSB_CALL CHost::OnBulk(libusb_transfer* pTransfer)
     MutexLock lock(host.m_cs);
     Xfer& x = *static_cast<Xfer*>(pTransfer->user_data);
     SharedDevice& d = *x.pDevice;
-    const uint64_t lCost = x.Cost();
-    d.At(x.pRequest->bEndpoint).lFlying -= lCost;
-    host.m_lFlying -= lCost;
+    const uint64_t cost = x.Cost();
+    d.At(x.pRequest->bEndpoint).lFlying -= cost;
+    host.m_lFlying -= cost;
     x.state = Xfer::State::Ended;
     x.status = FromTransfer(pTransfer->status);
     x.dwBytes = uint32_t(pTransfer->actual_length);
@@ -703,12 +703,12 @@ void CHost::MarkGone(SharedDevice& d)
 
 // Ends the requests queued so far on a pipe (null: on all) and of one owner (null: of all). Returns when each has been
 // delivered.
-void CHost::Cancel(SharedDevice& d, const Pipe* pPipe, const IDevice* pOwner)
+void CHost::Cancel(SharedDevice& d, const Pipe* pipe, const IDevice* pOwner)
 {
     const uint64_t lEnd = m_lSequence;
     const auto chosen = [&](const Xfer& x) { return x.lSequence < lEnd && (!pOwner || x.pOwner == pOwner); };
     for (Pipe& p : d.pipes) {
-        if (pPipe && pPipe != &p)
+        if (pipe && pipe != &p)
             continue;
         for (const auto& x : p.queue) {
             if (!chosen(*x))
@@ -737,7 +737,7 @@ void CHost::Cancel(SharedDevice& d, const Pipe* pPipe, const IDevice* pOwner)
     }
     WaitUntil(m_cs, m_cvDone, [&] {
         for (const Pipe& p : d.pipes)
-            if ((!pPipe || pPipe == &p) && std::any_of(p.queue.begin(), p.queue.end(), [&](const auto& x) { return chosen(*x); }))
+            if ((!pipe || pipe == &p) && std::any_of(p.queue.begin(), p.queue.end(), [&](const auto& x) { return chosen(*x); }))
                 return false;
         return true;
     });
@@ -767,15 +767,15 @@ Status CHost::Submit(SharedDevice& d, const IDevice* pOwner, BulkRequest* pReque
     Pipe& p = d.At(pRequest->bEndpoint);
     pRequest->pStack = x;
     x->lSequence = m_lSequence++;
-    bool bPark = p.iHold != 0 || m_iParked != 0;
-    if (!bPark) {
+    bool park = p.iHold != 0 || m_iParked != 0;
+    if (!park) {
         const Status status = Start(*x);
         if (status != Status::Ok && status != Status::NoMemory)
             return status;
-        bPark = status == Status::NoMemory;
+        park = status == Status::NoMemory;
     }
     p.queue.splice(p.queue.end(), entry);
-    if (bPark) {
+    if (park) {
         if (m_iParked++ == 0)
             Wake();  // from here on the thread tries again by itself, too
         Pump();
@@ -803,15 +803,15 @@ Status CHost::Note(SharedDevice& d, Status status)
 template <class Work>
 int CHost::Quietly(SharedDevice& d, uint8_t bEndpoint, Work work)
 {
-    Pipe* const pPipe = bEndpoint != 0 ? &d.At(bEndpoint) : nullptr;
-    const auto hold = [&](int iStep) {
+    Pipe* const pipe = bEndpoint != 0 ? &d.At(bEndpoint) : nullptr;
+    const auto hold = [&](int step) {
         for (Pipe& p : d.pipes)
-            if (!pPipe || pPipe == &p)
-                p.iHold += iStep;
+            if (!pipe || pipe == &p)
+                p.iHold += step;
     };
     MutexLock lock(m_cs);
     hold(1);
-    Cancel(d, pPipe, nullptr);
+    Cancel(d, pipe, nullptr);
     lock.unlock();
     const int r = work();
     lock.lock();
@@ -820,20 +820,20 @@ int CHost::Quietly(SharedDevice& d, uint8_t bEndpoint, Work work)
     return r;
 }
 
-Status CHost::Restart(SharedDevice& d, bool bStale)
+Status CHost::Restart(SharedDevice& d, bool stale)
 {
     ++d.iResetting;
     int r = Quietly(d, 0, [&] { return libusb_reset_device(d.pHandle); });
     --d.iResetting;
-    const bool bChanged = r == LIBUSB_ERROR_NOT_FOUND;  // came back, but as another device
-    if (bStale && (bChanged || r == LIBUSB_SUCCESS)) {
+    const bool changed = r == LIBUSB_ERROR_NOT_FOUND;  // came back, but as another device
+    if (stale && (changed || r == LIBUSB_SUCCESS)) {
         // The next Open takes a fresh handle; it must find the interface free.
         libusb_release_interface(d.pHandle, INTERFACE);
         d.bClaimed = false;
         Note(d, Status::Gone);
         return Status::Ok;
     }
-    return Note(d, bChanged ? Status::Gone : FromError(r));
+    return Note(d, changed ? Status::Gone : FromError(r));
 }
 
 void LIBUSB_CALL CHost::OnControl(libusb_transfer* pTransfer)
@@ -846,16 +846,16 @@ void LIBUSB_CALL CHost::OnControl(libusb_transfer* pTransfer)
 }
 
 Status CHost::Control(SharedDevice& d, const IDevice* pOwner, const uint8_t* pSetup, uint8_t* pData, uint16_t wLength,
-                      uint32_t dwTimeoutMs, uint32_t* pdwMoved)
+                      uint32_t timeoutMs, uint32_t* moved)
 {
     if (d.bGone)
         return Status::Gone;
     if (wLength > MAX_CONTROL || !EnsureThread())
         return Status::Failed;
-    const bool bIn = (pSetup[0] & LIBUSB_ENDPOINT_IN) != 0;
+    const bool input = (pSetup[0] & LIBUSB_ENDPOINT_IN) != 0;
     std::array<uint8_t, LIBUSB_CONTROL_SETUP_SIZE + MAX_CONTROL> buffer;
     std::memcpy(buffer.data(), pSetup, LIBUSB_CONTROL_SETUP_SIZE);
-    if (!bIn && wLength != 0)
+    if (!input && wLength != 0)
         std::memcpy(buffer.data() + LIBUSB_CONTROL_SETUP_SIZE, pData, wLength);
 
     const std::unique_ptr<libusb_transfer, decltype(&libusb_free_transfer)> pTransfer(libusb_alloc_transfer(0),
@@ -863,7 +863,7 @@ Status CHost::Control(SharedDevice& d, const IDevice* pOwner, const uint8_t* pSe
     if (!pTransfer)
         return Status::NoMemory;
     ControlWait w{ this, pOwner, pTransfer.get() };
-    libusb_fill_control_transfer(pTransfer.get(), d.pHandle, buffer.data(), OnControl, &w, dwTimeoutMs);
+    libusb_fill_control_transfer(pTransfer.get(), d.pHandle, buffer.data(), OnControl, &w, timeoutMs);
 
     // Bulk requests can leave no memory for a control request either. Real time: this is the driver's own limit.
     const auto start = std::chrono::steady_clock::now();
@@ -878,7 +878,7 @@ Status CHost::Control(SharedDevice& d, const IDevice* pOwner, const uint8_t* pSe
             break;
         if (w.bAbort)
             status = Status::Cancelled;
-        else if (dwTimeoutMs != 0 && std::chrono::steady_clock::now() - start >= std::chrono::milliseconds(dwTimeoutMs))
+        else if (timeoutMs != 0 && std::chrono::steady_clock::now() - start >= std::chrono::milliseconds(timeoutMs))
             status = Status::TimedOut;
         if (status != Status::NoMemory)
             break;
@@ -895,9 +895,9 @@ Status CHost::Control(SharedDevice& d, const IDevice* pOwner, const uint8_t* pSe
     if (status != Status::Ok)
         return Note(d, status);
 
-    *pdwMoved = uint32_t(pTransfer->actual_length);
-    if (bIn && *pdwMoved != 0)
-        std::memcpy(pData, buffer.data() + LIBUSB_CONTROL_SETUP_SIZE, *pdwMoved);
+    *moved = uint32_t(pTransfer->actual_length);
+    if (input && *moved != 0)
+        std::memcpy(pData, buffer.data() + LIBUSB_CONTROL_SETUP_SIZE, *moved);
     return Note(d, FromTransfer(pTransfer->status));
 }
 
@@ -928,10 +928,10 @@ void Put16(std::vector<uint8_t>& v, uint16_t w)
     v.push_back(uint8_t(w >> 8));
 }
 
-void PutExtra(std::vector<uint8_t>& v, const unsigned char* p, int iLength)
+void PutExtra(std::vector<uint8_t>& v, const unsigned char* p, int length)
 {
     if (p)
-        v.insert(v.end(), p, p + iLength);
+        v.insert(v.end(), p, p + length);
 }
 
 std::vector<uint8_t> DeviceDescriptor(libusb_device* p)
@@ -950,11 +950,11 @@ std::vector<uint8_t> DeviceDescriptor(libusb_device* p)
     return v;
 }
 
-std::vector<uint8_t> ConfigDescriptor(libusb_device* p, uint8_t bIndex)
+std::vector<uint8_t> ConfigDescriptor(libusb_device* p, uint8_t index)
 {
     libusb_config_descriptor* c = nullptr;
     std::vector<uint8_t> v;
-    if (libusb_get_config_descriptor(p, bIndex, &c) != LIBUSB_SUCCESS)
+    if (libusb_get_config_descriptor(p, index, &c) != LIBUSB_SUCCESS)
         return v;
     v = { LIBUSB_DT_CONFIG_SIZE, LIBUSB_DT_CONFIG, 0,          0, c->bNumInterfaces, c->bConfigurationValue,
           c->iConfiguration,     c->bmAttributes,  c->MaxPower };
@@ -967,12 +967,12 @@ std::vector<uint8_t> ConfigDescriptor(libusb_device* p, uint8_t bIndex)
             PutExtra(v, f.extra, f.extra_length);
             for (unsigned e = 0; e < f.bNumEndpoints; ++e) {
                 const libusb_endpoint_descriptor& ep = f.endpoint[e];
-                const bool bAudio = ep.bLength == LIBUSB_DT_ENDPOINT_AUDIO_SIZE;
-                v.insert(v.end(), { uint8_t(bAudio ? LIBUSB_DT_ENDPOINT_AUDIO_SIZE : LIBUSB_DT_ENDPOINT_SIZE), LIBUSB_DT_ENDPOINT,
+                const bool audio = ep.bLength == LIBUSB_DT_ENDPOINT_AUDIO_SIZE;
+                v.insert(v.end(), { uint8_t(audio ? LIBUSB_DT_ENDPOINT_AUDIO_SIZE : LIBUSB_DT_ENDPOINT_SIZE), LIBUSB_DT_ENDPOINT,
                                     ep.bEndpointAddress, ep.bmAttributes });
                 Put16(v, ep.wMaxPacketSize);
                 v.push_back(ep.bInterval);
-                if (bAudio)
+                if (audio)
                     v.insert(v.end(), { ep.bRefresh, ep.bSynchAddress });
                 PutExtra(v, ep.extra, ep.extra_length);
             }
@@ -1000,21 +1000,21 @@ public:
             m_pHost->Close(m_p, this);
     }
 
-    Status Control(uint8_t bRequestType, uint8_t bRequest, uint16_t wValue, uint16_t wIndex, uint8_t* pData, uint16_t wLength,
-                   uint32_t dwTimeoutMs, uint32_t* pdwMoved) override
+    Status Control(uint8_t requestType, uint8_t request, uint16_t value, uint16_t wIndex, uint8_t* pData, uint16_t wLength,
+                   uint32_t timeoutMs, uint32_t* moved) override
     {
-        *pdwMoved = 0;
+        *moved = 0;
         if (Foreign() || m_p->bGone)
             return Status::Gone;
         const auto answer = [&](const std::vector<uint8_t>& v) {
-            *pdwMoved = uint32_t(std::min<size_t>(v.size(), wLength));
-            if (*pdwMoved != 0)
-                std::memcpy(pData, v.data(), *pdwMoved);
+            *moved = uint32_t(std::min<size_t>(v.size(), wLength));
+            if (*moved != 0)
+                std::memcpy(pData, v.data(), *moved);
             return Status::Ok;
         };
-        const auto is = [&](uint8_t bType, uint8_t bStandard) { return bRequestType == bType && bRequest == bStandard; };
+        const auto is = [&](uint8_t type, uint8_t standard) { return requestType == type && request == standard; };
         const bool bDescriptor = is(LIBUSB_ENDPOINT_IN, LIBUSB_REQUEST_GET_DESCRIPTOR);
-        if (bDescriptor && wValue >> 8 == LIBUSB_DT_DEVICE) {
+        if (bDescriptor && value >> 8 == LIBUSB_DT_DEVICE) {
             const std::vector<uint8_t> v = DeviceDescriptor(m_p->pDevice);
             if (!v.empty())
                 return answer(v);
@@ -1024,23 +1024,23 @@ public:
             if (const Status status = Claim(); status != Status::Ok)
                 return status;
             const int r =
-                m_pHost->Quietly(*m_p, 0, [&] { return libusb_set_interface_alt_setting(m_p->pHandle, wIndex, wValue); });
+                m_pHost->Quietly(*m_p, 0, [&] { return libusb_set_interface_alt_setting(m_p->pHandle, wIndex, value); });
             if (r == LIBUSB_SUCCESS && wIndex == INTERFACE)
-                m_p->iAltSetting = wValue;
+                m_p->iAltSetting = value;
             return m_pHost->Note(*m_p, r == LIBUSB_ERROR_NOT_FOUND ? Status::Stall : FromError(r));
         }
-        if (is(LIBUSB_RECIPIENT_ENDPOINT, LIBUSB_REQUEST_CLEAR_FEATURE) && wValue == 0 && (wIndex & 15) != 0)
+        if (is(LIBUSB_RECIPIENT_ENDPOINT, LIBUSB_REQUEST_CLEAR_FEATURE) && value == 0 && (wIndex & 15) != 0)
             return ResetPipe(uint8_t(wIndex));
 
-        uint8_t setup[LIBUSB_CONTROL_SETUP_SIZE] = { bRequestType, bRequest };
+        uint8_t setup[LIBUSB_CONTROL_SETUP_SIZE] = { requestType, request };
         for (unsigned i = 0; i < 3; ++i) {
-            const uint16_t w = i == 0 ? wValue : i == 1 ? wIndex : wLength;
+            const uint16_t w = i == 0 ? value : i == 1 ? wIndex : wLength;
             setup[2 + 2 * i] = uint8_t(w & 0xFF);
             setup[3 + 2 * i] = uint8_t(w >> 8);
         }
-        const Status status = m_pHost->Control(*m_p, this, setup, pData, wLength, dwTimeoutMs, pdwMoved);
-        if (bDescriptor && wValue >> 8 == LIBUSB_DT_CONFIG && status != Status::Ok && status != Status::Gone) {
-            const std::vector<uint8_t> v = ConfigDescriptor(m_p->pDevice, uint8_t(wValue & 0xFF));
+        const Status status = m_pHost->Control(*m_p, this, setup, pData, wLength, timeoutMs, moved);
+        if (bDescriptor && value >> 8 == LIBUSB_DT_CONFIG && status != Status::Ok && status != Status::Gone) {
+            const std::vector<uint8_t> v = ConfigDescriptor(m_p->pDevice, uint8_t(value & 0xFF));
             if (!v.empty())
                 return answer(v);
         }
@@ -1080,11 +1080,11 @@ public:
 
 private:
     bool Foreign() const { return m_pHost != CHost::Current(); }
-    Status Restart(bool bStale)
+    Status Restart(bool stale)
     {
         // Claimed first: nobody may restart a device that another process uses.
         const Status status = Claim();
-        return status == Status::Ok ? m_pHost->Restart(*m_p, bStale) : status;
+        return status == Status::Ok ? m_pHost->Restart(*m_p, stale) : status;
     }
 
     CHost* const m_pHost;

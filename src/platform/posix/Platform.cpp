@@ -29,11 +29,11 @@ int64_t SteadyNs()
 
 class PosixMutex {
 public:
-    explicit PosixMutex(int iType = PTHREAD_MUTEX_NORMAL)
+    explicit PosixMutex(int type = PTHREAD_MUTEX_NORMAL)
     {
         pthread_mutexattr_t attr;
         pthread_mutexattr_init(&attr);
-        pthread_mutexattr_settype(&attr, iType);
+        pthread_mutexattr_settype(&attr, type);
         pthread_mutex_init(&m_h, &attr);
         pthread_mutexattr_destroy(&attr);
     }
@@ -117,23 +117,23 @@ bool WaitUntil(Condition& c, PosixMutex& m, uint32_t ms, Ready ready)
 struct Flag {
     PosixMutex m;
     Condition c;
-    bool bSet = false;
+    bool set = false;
 
     bool Set()
     {
         Guard guard(m);
-        const bool bWas = bSet;
-        bSet = true;
+        const bool was = set;
+        set = true;
         // Under the lock: the waiter may free the flag as soon as it has seen it.
         pthread_cond_signal(&c.m_h);
-        return !bWas;
+        return !was;
     }
     uint32_t Take(uint32_t ms)
     {
         Guard guard(m);
-        if (!WaitUntil(c, m, ms, [this] { return bSet; }))
+        if (!WaitUntil(c, m, ms, [this] { return set; }))
             return WAIT_TIMED_OUT;
-        bSet = false;
+        set = false;
         return WAIT_SIGNALLED;
     }
 };
@@ -272,19 +272,19 @@ uint32_t Thread::Wait(uint32_t ms)
 
 // --- messages -------------------------------------------------------------------------------------------------------
 
-void ShowNativeMessage(const char* szText, const char* szTitle) { std::fprintf(stderr, "%s: %s\n", szTitle, szText); }
+void ShowNativeMessage(const char* text, const char* title) { std::fprintf(stderr, "%s: %s\n", title, text); }
 
 // --- files ----------------------------------------------------------------------------------------------------------
 
-std::FILE* OpenFile(const char* szPath, const char* szMode)
+std::FILE* OpenFile(const char* path, const char* mode)
 {
-    std::FILE* const pFile = std::fopen(szPath, szMode);
+    std::FILE* const file = std::fopen(path, mode);
     struct stat st;
-    if (pFile != nullptr && ::fstat(fileno(pFile), &st) == 0 && S_ISDIR(st.st_mode)) {  // opens for reading here
-        std::fclose(pFile);
+    if (file != nullptr && ::fstat(fileno(file), &st) == 0 && S_ISDIR(st.st_mode)) {  // opens for reading here
+        std::fclose(file);
         return nullptr;
     }
-    return pFile;
+    return file;
 }
 
 }  // namespace platform

@@ -81,10 +81,10 @@ std::string HomeFolder()
 fs::path DatabasePath()
 {
     fs::path dir;
-    if (const char* const szXdg = std::getenv("XDG_CONFIG_HOME"); szXdg && szXdg[0] == '/')
-        dir = szXdg;
-    else if (const std::string sHome = HomeFolder(); !sHome.empty())
-        dir = fs::path(sHome) / ".config";
+    if (const char* const xdg = std::getenv("XDG_CONFIG_HOME"); xdg && xdg[0] == '/')
+        dir = xdg;
+    else if (const std::string home = HomeFolder(); !home.empty())
+        dir = fs::path(home) / ".config";
     else
         return {};
     return dir / "kovcamera2" / "settings.db";
@@ -111,10 +111,10 @@ const char* WayOut(int rc)
     }
 }
 
-void TellNotKept(const fs::path& path, const char* szReason, int rc)
+void TellNotKept(const fs::path& path, const char* reason, int rc)
 {
     if (IsNews(Trouble::NotKept))
-        KOV_LOG(Error, "settings are not kept in %s: %s. %s", path.c_str(), szReason, WayOut(rc));
+        KOV_LOG(Error, "settings are not kept in %s: %s. %s", path.c_str(), reason, WayOut(rc));
 }
 
 // SQLITE_ERROR: statements that fit every file of ours do not fit its tables.
@@ -126,25 +126,25 @@ constexpr const char* REPLACE =
 
 // Read and write even for reading: a transaction that a killed process has left behind has to be rolled back. SQLite
 // falls back to reading only where the file is write-protected.
-Db OpenDatabase(const fs::path& path, bool bCreate, int iBusyMs)
+Db OpenDatabase(const fs::path& path, bool create, int busyMs)
 {
-    sqlite3* pRaw = nullptr;
-    const int rc = sqlite3_open_v2(path.c_str(), &pRaw, SQLITE_OPEN_READWRITE | (bCreate ? SQLITE_OPEN_CREATE : 0), nullptr);
-    Db db(pRaw);
+    sqlite3* raw = nullptr;
+    const int rc = sqlite3_open_v2(path.c_str(), &raw, SQLITE_OPEN_READWRITE | (create ? SQLITE_OPEN_CREATE : 0), nullptr);
+    Db db(raw);
     if (rc != SQLITE_OK)
         return nullptr;
-    sqlite3_busy_timeout(db.get(), iBusyMs);
+    sqlite3_busy_timeout(db.get(), busyMs);
     return db;
 }
 
-Statement Prepare(const Db& db, const char* szSql)
+Statement Prepare(const Db& db, const char* sql)
 {
     sqlite3_stmt* p = nullptr;
-    sqlite3_prepare_v2(db.get(), szSql, -1, &p, nullptr);
+    sqlite3_prepare_v2(db.get(), sql, -1, &p, nullptr);
     return Statement(p);
 }
 
-bool Execute(const Db& db, const char* szSql) { return sqlite3_exec(db.get(), szSql, nullptr, nullptr, nullptr) == SQLITE_OK; }
+bool Execute(const Db& db, const char* sql) { return sqlite3_exec(db.get(), sql, nullptr, nullptr, nullptr) == SQLITE_OK; }
 
 void BindText(const Statement& s, int i, const std::string& text)
 {
@@ -166,8 +166,8 @@ Value* Find(std::vector<Value>& a, const std::string& sName)
 
 void Put(std::vector<Value>& a, Value v)
 {
-    if (Value* const pOld = Find(a, v.sName))
-        *pOld = std::move(v);
+    if (Value* const old = Find(a, v.sName))
+        *old = std::move(v);
     else
         a.push_back(std::move(v));
 }
@@ -189,19 +189,19 @@ int Walk(const Db& db, Row row)
         const auto* const p = reinterpret_cast<const char*>(sqlite3_column_text(s.get(), column));
         return p ? p : "";
     };
-    std::string sLastKey, sLastName;
-    for (bool bFirst = true;; bFirst = false) {
+    std::string lastKey, lastName;
+    for (bool first = true;; first = false) {
         if (const int rc = sqlite3_step(s.get()); rc != SQLITE_ROW)
             return rc;
         if (sqlite3_column_type(s.get(), 0) != SQLITE_TEXT || sqlite3_column_type(s.get(), 1) != SQLITE_TEXT)
             return SQLITE_CORRUPT;
         std::string sKey = text(0), sName = text(1);
-        const int order = sqlite3_stricmp(sLastKey.c_str(), sKey.c_str());
-        if (!bFirst && (order > 0 || (order == 0 && sqlite3_stricmp(sLastName.c_str(), sName.c_str()) >= 0)))
+        const int order = sqlite3_stricmp(lastKey.c_str(), sKey.c_str());
+        if (!first && (order > 0 || (order == 0 && sqlite3_stricmp(lastName.c_str(), sName.c_str()) >= 0)))
             return SQLITE_CORRUPT;
         row(sKey, sName, s);
-        sLastKey = std::move(sKey);
-        sLastName = std::move(sName);
+        lastKey = std::move(sKey);
+        lastName = std::move(sName);
     }
 }
 
@@ -218,8 +218,8 @@ bool IsDamagedNow(const fs::path& path)
     const int rc = sqlite3_step(s.get());
     if (rc != SQLITE_ROW)
         return IsDamage(rc);
-    const auto* const szResult = reinterpret_cast<const char*>(sqlite3_column_text(s.get(), 0));
-    if (szResult && std::strcmp(szResult, "ok") != 0)
+    const auto* const result = reinterpret_cast<const char*>(sqlite3_column_text(s.get(), 0));
+    if (result && std::strcmp(result, "ok") != 0)
         return true;
     if (const int rows = Walk(db, NOTHING); rows != SQLITE_ERROR && IsDamage(rows))  // SQLITE_ERROR: there may be no table yet
         return true;
@@ -239,14 +239,14 @@ void PutAside(const fs::path& path)
         const std::time_t t = std::time(nullptr);
         std::tm local = {};
         localtime_r(&t, &local);
-        char szName[64];
-        std::strftime(szName, sizeof szName, "settings-%Y%m%d-%H%M%S.damaged", &local);
-        const fs::path aside = path.parent_path() / szName;
+        char name[64];
+        std::strftime(name, sizeof name, "settings-%Y%m%d-%H%M%S.damaged", &local);
+        const fs::path aside = path.parent_path() / name;
         std::error_code ec;
         fs::rename(path, aside, ec);
-        for (const char* szSuffix : { "-wal", "-shm", "-journal" }) {
+        for (const char* suffix : { "-wal", "-shm", "-journal" }) {
             std::error_code none;
-            fs::rename(path.string() + szSuffix, aside.string() + szSuffix, none);
+            fs::rename(path.string() + suffix, aside.string() + suffix, none);
         }
         if (!ec && IsNews(Trouble::Damaged))
             KOV_LOG(Error, "the settings in %s were damaged; they are now in %s, and the cameras begin with their defaults",
@@ -307,7 +307,7 @@ void Save(const fs::path& path, const Changes& changes, const std::set<std::stri
     }
     std::error_code ec;
     fs::create_directories(path.parent_path(), ec);
-    for (const bool bLast : { false, true }) {
+    for (const bool last : { false, true }) {
         const Db db = OpenDatabase(path, true, WRITE_BUSY_MS);
         if (!db)
             return TellNotKept(path, ec ? ec.message().c_str() : "the file cannot be opened",
@@ -320,7 +320,7 @@ void Save(const fs::path& path, const Changes& changes, const std::set<std::stri
         const int rc = WriteRows(db, changes, unread);
         if (rc == SQLITE_OK)
             return;
-        if (bLast || !IsDamage(rc))
+        if (last || !IsDamage(rc))
             return TellNotKept(path, sqlite3_errstr(rc), rc);
         PutAside(path);
     }
@@ -466,9 +466,9 @@ public:
         return !m_aValues.empty();
     }
 
-    uint32_t Query(const wchar_t* szName, void* pData, uint32_t* pdwCount) override
+    uint32_t Query(const wchar_t* name, void* pData, uint32_t* count) override
     {
-        const std::string sName = Utf8(szName);
+        const std::string sName = Utf8(name);
         const Value* p = Find(m_aChanges, sName);
         if (!p) {
             if (!m_bLoaded)
@@ -478,17 +478,17 @@ public:
         if (!p)
             return STORE_NOT_FOUND;
         const auto n = static_cast<uint32_t>(p->abData.size());
-        const bool bFits = n <= *pdwCount;
-        if (bFits && n != 0)
+        const bool fits = n <= *count;
+        if (fits && n != 0)
             std::memcpy(pData, p->abData.data(), n);
-        *pdwCount = n;
-        return bFits ? STORE_OK : STORE_MORE_DATA;
+        *count = n;
+        return fits ? STORE_OK : STORE_MORE_DATA;
     }
 
-    uint32_t Set(const wchar_t* szName, uint32_t dwType, const void* pData, uint32_t dwSize) override
+    uint32_t Set(const wchar_t* name, uint32_t dwType, const void* pData, uint32_t dwSize) override
     {
         const auto* const p = static_cast<const uint8_t*>(pData);
-        Put(m_aChanges, { Utf8(szName), dwType, std::vector<uint8_t>(p, p + dwSize) });
+        Put(m_aChanges, { Utf8(name), dwType, std::vector<uint8_t>(p, p + dwSize) });
         return STORE_OK;
     }
 
@@ -519,8 +519,8 @@ private:
 
 std::unique_ptr<SettingsKey> OpenSettings(const wchar_t* szKey)
 {
-    auto pKey = std::make_unique<DatabaseKey>(szKey);
-    return pKey->Load() ? std::move(pKey) : nullptr;
+    auto key = std::make_unique<DatabaseKey>(szKey);
+    return key->Load() ? std::move(key) : nullptr;
 }
 
 std::unique_ptr<SettingsKey> CreateSettings(const wchar_t* szKey) { return std::make_unique<DatabaseKey>(szKey); }

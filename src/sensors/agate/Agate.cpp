@@ -34,21 +34,21 @@ constexpr int DIGITAL_FROM = 48;  // index of the first digital gain
 constexpr int ANALOG_PARKED = 111, DIGITAL_PARKED = 1268;
 constexpr int WB_MIN = 1, WB_TOP = 99;
 
-constexpr ModelTraits Row(const char* szClass, const char* szName, const wchar_t* szKey, int iSlot, int iWidth, bool bColor,
-                          int iWBMax, int32_t iExpMax, int32_t iMaxExposure, int32_t iClk)
+constexpr ModelTraits Row(const char* szClass, const char* szName, const wchar_t* szKey, int slot, int iWidth, bool color,
+                          int iWBMax, int32_t expMax, int32_t iMaxExposure, int32_t iClk)
 {
     // clang-format off
     const ModelTraits t = {
         .family = iWidth == 640 ? Family::Agate : Family::Dunite, .szClass = szClass, .szName = szName, .szKey = szKey,
-        .iGuidSlot = iSlot, .iWidth = iWidth, .iHeight = 480, .dPixelSize = 6.00, .bayer = BAYER_BG, .bUSB3 = false,
-        .gain = { 1, 100, 50 }, .exposure = { 32, iExpMax, 33000 }, .iWB_R = bColor ? 45 : 0, .iWB_B = bColor ? 70 : 0,
-        .iWBMin = bColor ? 1 : 0, .iWBMax = iWBMax, .brightness = {}, .iBandwidthMin = 1, .iBandwidthMax = 2,
+        .iGuidSlot = slot, .iWidth = iWidth, .iHeight = 480, .dPixelSize = 6.00, .bayer = BAYER_BG, .bUSB3 = false,
+        .gain = { 1, 100, 50 }, .exposure = { 32, expMax, 33000 }, .iWB_R = color ? 45 : 0, .iWB_B = color ? 70 : 0,
+        .iWBMin = color ? 1 : 0, .iWBMax = iWBMax, .brightness = {}, .iBandwidthMin = 1, .iBandwidthMax = 2,
         .iFPSPerc = 0, .iFPSPercUSB3 = 0, .iClk = iClk, .iHMAX = 0, .iMaxExposure = iMaxExposure, .wCaps = CAP_WB,
         .bTypes = TYPE_RAW8 | TYPE_RGB24 | TYPE_Y8, .bStart = 0, .aBins = { 1 },
         .aControls = { 0, 1, 2, 3, 4, 9, 10, 11, 12, -1 },
     };
     // clang-format on
-    return bColor ? t : Mono(t);
+    return color ? t : Mono(t);
 }
 constexpr ModelTraits With(ModelTraits t, std::initializer_list<ProductName> products)
 {
@@ -83,8 +83,8 @@ static_assert(GainWord(48) == DIGITAL_PARKED && GainWord(59) == 0x4FF);
 
 }  // namespace
 
-CAgate::CAgate(const ModelTraits& t, const AgateForm& f, std::atomic<int>& iLastIndex, void* handle)
-    : CUsb2Model(t, handle), m_iWBTop(f.iWBTopStart), m_Form(f), m_iLastIndex(iLastIndex)
+CAgate::CAgate(const ModelTraits& t, const AgateForm& f, std::atomic<int>& lastIndex, void* handle)
+    : CUsb2Model(t, handle), m_iWBTop(f.iWBTopStart), m_Form(f), m_iLastIndex(lastIndex)
 {
 }
 
@@ -165,14 +165,14 @@ bool CAgate::SetExp(uint64_t microseconds, bool autoMode)
     TakeExp(microseconds, autoMode);
     const int iBlank = std::max(LINE_CLOCKS - SensorW(), m_Form.iBlank);
     // 32 bits, wrapping: exposures from 89 s (at 48 MHz) count wrong lines, but those the host times anyway.
-    const uint32_t dwClocks = static_cast<uint32_t>(m_iCMOSClk) * static_cast<uint32_t>(m_lExposure) - 4;
-    const uint32_t dwLines = std::max(dwClocks / static_cast<uint32_t>(iBlank + SensorW()), 1u);
-    m_iExpLines = static_cast<int32_t>(dwLines);
-    if (dwLines > LINES_MAX || m_lExposure > EXP_REGISTER) {
+    const uint32_t clocks = static_cast<uint32_t>(m_iCMOSClk) * static_cast<uint32_t>(m_lExposure) - 4;
+    const uint32_t lines = std::max(clocks / static_cast<uint32_t>(iBlank + SensorW()), 1u);
+    m_iExpLines = static_cast<int32_t>(lines);
+    if (lines > LINES_MAX || m_lExposure > EXP_REGISTER) {
         m_bLongExp = true;
         return true;
     }
-    return m_bLongExp ? true : Write(REG_SHUTTER, dwLines);
+    return m_bLongExp ? true : Write(REG_SHUTTER, lines);
 }
 
 bool CAgate::SetGain(int gain, bool autoMode)
@@ -180,13 +180,13 @@ bool CAgate::SetGain(int gain, bool autoMode)
     TakeGain(gain, autoMode);
     const int i = static_cast<int>(m_iGain * 60 / 100.0 + 0.5) - 1;
     // QUIRK: one camera of the class parks by what another one had.
-    const int iLast = m_iLastIndex.exchange(i);
+    const int last = m_iLastIndex.exchange(i);
     if (i >= DIGITAL_FROM) {
-        if (iLast < DIGITAL_FROM)
+        if (last < DIGITAL_FROM)
             Write(REG_ANALOG, ANALOG_PARKED);
         return Write(REG_DIGITAL, GainWord(i));
     }
-    if (iLast > DIGITAL_FROM)
+    if (last > DIGITAL_FROM)
         Write(REG_DIGITAL, DIGITAL_PARKED);
     return Write(REG_ANALOG, GainWord(i));
 }
@@ -206,9 +206,9 @@ void CAgate::AutoWhiBal(uint8_t* frame)
     if (!m_bIsColor || m_bOutput16Bits || !m_bAutoWB)
         return;
     const int w = SensorW(), h = SensorH();
-    const size_t nPixels = static_cast<size_t>(w) * static_cast<size_t>(h);
-    std::vector<uint8_t> raw(nPixels), rgb(3 * nPixels);
-    for (size_t i = 0; i < nPixels; ++i)
+    const size_t pixels = static_cast<size_t>(w) * static_cast<size_t>(h);
+    std::vector<uint8_t> raw(pixels), rgb(3 * pixels);
+    for (size_t i = 0; i < pixels; ++i)
         raw[i] = SampleFrame(frame, i);
     // By the sensor's cell alone: flips happen later, on delivery. The balance in force is part of the demosaic.
     switch (m_ColorBayer) {
@@ -250,12 +250,12 @@ void CAgate::Get_variance_ave(uint8_t* rgb, int x0, int y0, int blockW, int bloc
                 for (int x = x0; x < x0 + blockW; ++x)
                     use(int{ rgb[3 * (size_t(y) * size_t(m_iWidth) + size_t(x)) + size_t(c)] });
         };
-        int iSum = 0, iDiff = 0;
-        visit([&](int v) { iSum += v; });
-        const int iMean = iSum / n + 1;
-        const bool bMeasure = *apDev[c] != 0;
-        visit([&](int v) { iDiff += bMeasure ? std::abs(v - iMean) : 1; });
-        *apMean[c] = iMean;
-        *apDev[c] = iDiff / n;
+        int sum = 0, diff = 0;
+        visit([&](int v) { sum += v; });
+        const int mean = sum / n + 1;
+        const bool measure = *apDev[c] != 0;
+        visit([&](int v) { diff += measure ? std::abs(v - mean) : 1; });
+        *apMean[c] = mean;
+        *apDev[c] = diff / n;
     }
 }

@@ -119,12 +119,12 @@ bool CBeryl::WriteStart(int, int y)
 
 bool CBeryl::Cam_SetResolution()
 {
-    const bool bBin = InHardBin2();
+    const bool bin = InHardBin2();
     const int last = m_iStartY + m_iHeight * m_iBin;
     Fpga(FPGA_HOLD, 1);
-    Fpga(FPGA_START_X, bBin ? 2 : 0);
-    Fpga(FPGA_START_Y, bBin ? 5 : 0);
-    WriteCameraRegister(REG_LAST_ROW, static_cast<uint16_t>(bBin ? last << 8 : last));
+    Fpga(FPGA_START_X, bin ? 2 : 0);
+    Fpga(FPGA_START_Y, bin ? 5 : 0);
+    WriteCameraRegister(REG_LAST_ROW, static_cast<uint16_t>(bin ? last << 8 : last));
     WriteCameraRegister(REG_COLUMNS, ColumnWord());
     WriteCameraRegister(REG_FIRST_ROW, static_cast<uint16_t>(m_iStartY));
     WriteSensorSizeToFpga();

@@ -123,14 +123,14 @@ bool CCameraSCobaltCol::Cam_SetResolution()
 
 void CCameraSCobaltCol::WriteStart()
 {
-    const bool bStop = m_bCapturing;
-    if (bStop)
+    const bool stop = m_bCapturing;
+    if (stop)
         SendCMD(REQ_STOP_STREAM);
     Write(REG_TOP, m_iStartY);
     Write(REG_LEFT, m_iStartX);
     Write(REG_BOTTOM, m_iStartY + SensorH() - 1);
     Write(REG_RIGHT, m_iStartX + SensorW() - 1);
-    if (bStop)
+    if (stop)
         SendCMD(REQ_START_STREAM);
 }
 
@@ -150,9 +150,9 @@ bool CCameraSCobaltCol::FitLine(int percent, bool autoMode)
         return false;
     TakePercentage(percent, autoMode, 80);
     m_bAutoFPS = false;  // QUIRK: never on, whatever was asked
-    const double dClocks = static_cast<double>(int64_t{ BytesPerPixel() } * m_iCMOSClk * SensorW() * SensorH());
-    const int iLines = SensorH() + FRAME_EXTRA_LINES;
-    m_iHMAX = TruncClamp((dClocks * 100.0 / LINK_RATE / m_iFPSPerc + LINE_EXTRA_CLOCKS) / iLines, SensorW() + LINE_EXTRA_CLOCKS,
+    const double clocks = static_cast<double>(int64_t{ BytesPerPixel() } * m_iCMOSClk * SensorW() * SensorH());
+    const int lines = SensorH() + FRAME_EXTRA_LINES;
+    m_iHMAX = TruncClamp((clocks * 100.0 / LINK_RATE / m_iFPSPerc + LINE_EXTRA_CLOCKS) / lines, SensorW() + LINE_EXTRA_CLOCKS,
                          INT32_MAX);
     WriteLineClocks();
     m_iExpLines = static_cast<int32_t>(std::clamp<int64_t>(ShutterLines(), 1, 4095));

@@ -208,11 +208,11 @@ bool CEbony::WriteStart(int x, int y)
     // change places with green.
     WriteFpga(FPGA_START_X, uint32_t(b3 ? x / 3 + m_E.iColumnOffset / 2 : x + m_E.iColumnOffset), 2);
     Fpga(FPGA_HOLD, 0);
-    const bool bCapturing = m_bCapturing;
-    if (bCapturing)
+    const bool capturing = m_bCapturing;
+    if (capturing)
         Fpga(FPGA_RUN, RUN_STOP);
     bool ok = WriteBytes(REG_TOP, uint32_t(y + (b3 ? m_E.iTopBin3 : m_E.iTopFull)), 2);
-    if (bCapturing)
+    if (capturing)
         ok = Fpga(FPGA_RUN, RunValue());
     return ok;
 }

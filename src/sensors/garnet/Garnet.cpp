@@ -48,13 +48,13 @@ constexpr int FRAME_EXTRA_LINES = 26, FRAME_EXTRA_CLOCKS = 358;
 constexpr double LINK_USB2 = 42.0;  // megabytes per second
 constexpr int IMAGE_ENDPOINT = 0x82;
 
-constexpr ModelTraits Row(const char* szClass, const char* szName, const wchar_t* szKey, int iSlot, uint16_t wId,
-                          BayerPattern bayer, bool bColor, bool bUSB3, int32_t iClk)
+constexpr ModelTraits Row(const char* szClass, const char* szName, const wchar_t* szKey, int slot, uint16_t id,
+                          BayerPattern bayer, bool color, bool bUSB3, int32_t iClk)
 {
     // clang-format off
     ModelTraits t = {
         .family = bUSB3 ? Family::GarnetS : Family::Garnet, .szClass = szClass, .szName = szName, .szKey = szKey,
-        .iGuidSlot = iSlot, .aProducts = { { wId, nullptr } }, .iWidth = 1280, .iHeight = 960, .dPixelSize = 3.75,
+        .iGuidSlot = slot, .aProducts = { { id, nullptr } }, .iWidth = 1280, .iHeight = 960, .dPixelSize = 3.75,
         .bayer = bayer, .bUSB3 = bUSB3, .fElecPerADU = bUSB3 ? 3.520f : 3.712f, .iPropA = 2, .iPropB = 5, .iPropC = 48,
         .iPropD = 9, .gain = { 0, 100, 50 }, .exposure = { 64, 999000000, bUSB3 ? 14000 : 33000 }, .iWB_R = 52,
         .iWB_B = 95, .iWBMax = 100, .brightness = { 0, 20, 0 }, .iFPSPerc = bUSB3 ? 86 : 80,
@@ -67,7 +67,7 @@ constexpr ModelTraits Row(const char* szClass, const char* szName, const wchar_t
         t.wCaps |= CAP_OVERCLK;
     else
         DropControl(t, CTRL_OVERCLK);
-    return bColor ? t : Mono(t);
+    return color ? t : Mono(t);
 }
 
 // Behind the key: GUID slot, product ID, cell, colour, USB 3, clock in MHz.
@@ -195,14 +195,14 @@ bool CGarnet::SetResolution(int width, int height, int bin, IMAGE_TYPE type)
 
 void CGarnet::WriteStart()
 {
-    const bool bStop = m_bCapturing;
-    if (bStop)
+    const bool stop = m_bCapturing;
+    if (stop)
         Write(REG_RUN, RUN_STOP);
     Write(REG_TOP, m_iStartY + 2);
     Write(REG_LEFT, m_iStartX);
     Write(REG_BOTTOM, m_iStartY + SensorH() + 1);
     Write(REG_RIGHT, m_iStartX + SensorW() - 1);
-    if (bStop)
+    if (stop)
         Write(REG_RUN, RUN_GO);
 }
 
@@ -220,30 +220,30 @@ bool CGarnet::Cam_SetResolution()
 
 int64_t CGarnet::ShutterLines(int clock) const
 {
-    const uint64_t lClocks = m_lExposure * static_cast<uint64_t>(clock) - FRAME_EXTRA_LINES;
-    return static_cast<int64_t>(lClocks / static_cast<uint64_t>(m_iHMAX));
+    const uint64_t clocks = m_lExposure * static_cast<uint64_t>(clock) - FRAME_EXTRA_LINES;
+    return static_cast<int64_t>(clocks / static_cast<uint64_t>(m_iHMAX));
 }
 
 bool CGarnet::SetFPSPerc(int percent, bool autoMode)
 {
     TakePercentage(percent, autoMode, m_bUSB3Host ? m_Form.iAutoPercUSB3 : m_Form.iAutoPerc);
-    double dLink = LINK_USB2;
+    double link = LINK_USB2;
     if (m_Traits.bUSB3) {
         CalcMaxFPS();
-        dLink = m_Vars.iBandwidthDivisor;
+        link = m_Vars.iBandwidthDivisor;
     }
     // The product is a 32-bit number and wraps.
     const uint32_t dwSize = static_cast<uint32_t>(BytesPerPixel()) * static_cast<uint32_t>(m_iWidth) *
                             static_cast<uint32_t>(m_iHeight) * static_cast<uint32_t>(m_iBin) * static_cast<uint32_t>(m_iBin) *
                             static_cast<uint32_t>(m_iCMOSClk);
-    const int iLines = SensorH() + FRAME_EXTRA_LINES;
-    m_iHMAX = TruncClamp((dwSize * 100.0 / dLink / m_iFPSPerc + FRAME_EXTRA_CLOCKS) / iLines, HMAX_MIN, HMAX_MAX);
+    const int lines = SensorH() + FRAME_EXTRA_LINES;
+    m_iHMAX = TruncClamp((dwSize * 100.0 / link / m_iFPSPerc + FRAME_EXTRA_CLOCKS) / lines, HMAX_MIN, HMAX_MAX);
     // QUIRK: refused after the percentage and the line length were stored: the host reads back what it set.
     if (m_lExposure > EXP_SLOW)
         return false;
     Write(REG_LINE_CLOCKS, m_iHMAX);
     if (!m_Traits.bUSB3 && !m_bIsColor) {
-        const double fps = m_iCMOSClk * 1000.0 * 1000.0 / (double(iLines) * m_iHMAX - FRAME_EXTRA_CLOCKS);
+        const double fps = m_iCMOSClk * 1000.0 * 1000.0 / (double(lines) * m_iHMAX - FRAME_EXTRA_CLOCKS);
         const double size = double(SensorW()) * SensorH() * BytesPerPixel() * fps / 1000.0 / 1000.0;
         TraceLine("clk:%d fps:%2.2f size:%2.2f  value:%d pkg:%x \n", m_iCMOSClk.Get(), fps, size, m_iFPSPerc.Get(),
                   static_cast<unsigned>(m_iHMAX));
@@ -294,12 +294,12 @@ bool CGarnet::SetCMOSClk()
 bool CGarnet::SetCMOSClk(int rate)
 {
     const bool bS = m_Traits.bUSB3;  // its bridge has no clock of its own to switch
-    uint16_t wAnalog = 0;
+    uint16_t analog = 0;
     if (rate == CLK_SLOW) {
-        ReadCameraRegister(REG_ANALOG, &wAnalog);
+        ReadCameraRegister(REG_ANALOG, &analog);
         Write(REG_RUN, RUN_STOP);
         platform::SleepMs(200);
-        Write(REG_ANALOG, wAnalog | ANALOG_SLOW);
+        Write(REG_ANALOG, analog | ANALOG_SLOW);
         bool ok = Write(REG_RUN, RUN_GO);
         if (!bS)
             ok = SendCMD(REQ_CLOCK_24MHZ);
@@ -310,15 +310,15 @@ bool CGarnet::SetCMOSClk(int rate)
     if (m_iCMOSClk == CLK_SLOW) {
         if (!bS)
             SendCMD(REQ_CLOCK_48MHZ);
-        ReadCameraRegister(REG_ANALOG, &wAnalog);
-        Write(REG_ANALOG, (wAnalog & 0xFFF) | 0x1000);
+        ReadCameraRegister(REG_ANALOG, &analog);
+        Write(REG_ANALOG, (analog & 0xFFF) | 0x1000);
     }
     Write(REG_SHUTTER, ShutterLines(rate));
     Write(REG_RUN, RUN_STOP_AT_END);
     if (m_bLongExp) {
-        const int iMs = (m_iHMAX * m_Form.iLongLines + FRAME_EXTRA_LINES) / 24000;
-        TraceLine("set clk from long exp, sleep %dms!\n", iMs);
-        platform::SleepMs(static_cast<uint32_t>(iMs));
+        const int ms = (m_iHMAX * m_Form.iLongLines + FRAME_EXTRA_LINES) / 24000;
+        TraceLine("set clk from long exp, sleep %dms!\n", ms);
+        platform::SleepMs(static_cast<uint32_t>(ms));
     } else {
         platform::SleepMs(static_cast<uint32_t>(m_lExposure / 500));
     }
@@ -398,8 +398,8 @@ bool CGarnet::SetExp(uint64_t microseconds, bool autoMode)
 bool CGarnet::SetGain(int gain, bool autoMode)
 {
     TakeGain(gain, autoMode);
-    const int iBase = m_iCMOSClk == CLK_SLOW ? ANALOG_SLOW : ANALOG_NORMAL;
-    Write(REG_ANALOG, iBase | StageOf(m_iGain) << 4);
+    const int base = m_iCMOSClk == CLK_SLOW ? ANALOG_SLOW : ANALOG_NORMAL;
+    Write(REG_ANALOG, base | StageOf(m_iGain) << 4);
     if (!m_bIsColor)
         return Write(REG_GLOBAL_GAIN, MonoGainWord(m_iGain));
     Write(REG_GREEN_1, GainWord(m_iGain));
@@ -430,24 +430,24 @@ bool CGarnet::SetBrightness(int value)
 
 float CGarnet::GetSensorTemp()
 {
-    uint16_t wAt70 = m_Vars.wAt70, wAt55 = m_Vars.wAt55, wRaw = 0;
+    uint16_t wAt70 = m_Vars.wAt70, wAt55 = m_Vars.wAt55, raw = 0;
     if (wAt70 == 0 || wAt55 == 0) {
         ReadCameraRegister(REG_TEMP_70, &wAt70);
         ReadCameraRegister(REG_TEMP_55, &wAt55);
         m_Vars.wAt70 = wAt70;
         m_Vars.wAt55 = wAt55;
     }
-    ReadCameraRegister(REG_TEMP, &wRaw);
-    if (wRaw == 0) {
+    ReadCameraRegister(REG_TEMP, &raw);
+    if (raw == 0) {
         // QUIRK: shared by all cameras of the class: the last good reading of any of them.
         m_fSensorTemp = m_Vars.fLastTemp.load();
         return m_fSensorTemp;
     }
     const int iSpan = wAt70 - wAt55;  // 15 degrees
     const float slope = iSpan != 0 ? 15.0f / static_cast<float>(iSpan) : 0.0f;
-    float t = static_cast<float>(wRaw * 0.75 - 280.0);  // calibration not to be trusted
+    float t = static_cast<float>(raw * 0.75 - 280.0);  // calibration not to be trusted
     if (slope >= 0.5f && slope <= 1.0f)
-        t = static_cast<float>(wRaw) * slope + static_cast<float>(55.0 - wAt55 * 15.0 / iSpan);
+        t = static_cast<float>(raw) * slope + static_cast<float>(55.0 - wAt55 * 15.0 / iSpan);
     m_Vars.fLastTemp = t;
     m_fSensorTemp = t;
     return t;

@@ -151,13 +151,13 @@ bool CCameraSIoliteMono::SetExp(uint64_t microseconds, bool autoMode)
 {
     TakeExp(microseconds, autoMode);
     // 32 bits, wrapping: exposures from 89 s count a wrong number of lines, but those the host times anyway.
-    const uint32_t dwClocks = static_cast<uint32_t>(m_iCMOSClk) * static_cast<uint32_t>(m_lExposure) + 180;
-    const uint32_t dwLines = std::max(dwClocks / static_cast<uint32_t>(SensorW() + 244), 1u);
-    m_iExpLines = static_cast<int32_t>(dwLines);
+    const uint32_t clocks = static_cast<uint32_t>(m_iCMOSClk) * static_cast<uint32_t>(m_lExposure) + 180;
+    const uint32_t lines = std::max(clocks / static_cast<uint32_t>(SensorW() + 244), 1u);
+    m_iExpLines = static_cast<int32_t>(lines);
     if (m_bLongExp)
         return true;  // the capture thread leaves the mode
-    if (dwLines <= LINES_MAX && m_lExposure <= EXP_REGISTER)
-        return Write(REG_SHUTTER, dwLines);
+    if (lines <= LINES_MAX && m_lExposure <= EXP_REGISTER)
+        return Write(REG_SHUTTER, lines);
     // QUIRK: the slow clock is not stored; m_iCMOSClk keeps telling the other one.
     const bool ok = SendCMD(REQ_CLOCK_24MHZ);
     m_bLongExp = true;
@@ -207,9 +207,9 @@ bool CCameraSIoliteMono::GetBLOffset(bool* automatic, char* a, char* b, char* c,
     bool ok = true;
     for (size_t i = 0; i < 4; ++i) {
         uint16_t value = 0;
-        const bool bRead = ReadCameraRegister(g_BlackRegs[i], &value);
-        *apOut[i] = static_cast<char>(bRead ? value & 0xFF : saved[i]);
-        ok = ok && bRead;
+        const bool read = ReadCameraRegister(g_BlackRegs[i], &value);
+        *apOut[i] = static_cast<char>(read ? value & 0xFF : saved[i]);
+        ok = ok && read;
     }
     return ok;
 }

@@ -73,10 +73,10 @@ void CCameraSJasperCol::InitSensor()
 bool CCameraSJasperCol::SetOutput16Bits(bool on)
 {
     TakeOutput16Bits(on);
-    const bool bFast = m_bHighSpeed && !on && !InHardBin2();
-    Write8(REG_OUTPUT, bFast ? 0x60 : 0x61);
-    Write8(REG_ADC_BITS, bFast || InHardBin2() ? 0 : 1);
-    Fpga(FPGA_OUTPUT, bFast ? 0 : on ? 5 : 1);
+    const bool fast = m_bHighSpeed && !on && !InHardBin2();
+    Write8(REG_OUTPUT, fast ? 0x60 : 0x61);
+    Write8(REG_ADC_BITS, fast || InHardBin2() ? 0 : 1);
+    Fpga(FPGA_OUTPUT, fast ? 0 : on ? 5 : 1);
     return Fpga(FPGA_FORMAT, on ? 1 : 0);
 }
 
@@ -131,8 +131,8 @@ bool CCameraSJasperCol::SetExp(uint64_t microseconds, bool autoMode)
 {
     TakeExp(microseconds, autoMode);
     if (!m_bLongExp) {
-        const bool bSlow = m_iCMOSClk == CLK_SLOW || m_iCMOSClk == CLK_SLOWEST;
-        if (m_lExposure < EXP_SLOW_CLOCK && bSlow) {
+        const bool slow = m_iCMOSClk == CLK_SLOW || m_iCMOSClk == CLK_SLOWEST;
+        if (m_lExposure < EXP_SLOW_CLOCK && slow) {
             SetCMOSClk();
             SetFPSPerc(m_iFPSPerc, m_bAutoFPS);
         } else if (m_lExposure >= EXP_SLOW_CLOCK && m_iCMOSClk != CLK_SLOW) {
@@ -157,11 +157,11 @@ bool CCameraSJasperCol::SetGain(int gain, bool autoMode)
 
 bool CCameraSJasperCol::Cam_SetResolution()
 {
-    const bool bBin = InHardBin2();
-    Write8(REG_READ_MODE, bBin ? 0x22 : 0);
+    const bool bin = InHardBin2();
+    Write8(REG_READ_MODE, bin ? 0x22 : 0);
     Fpga(FPGA_START_X, 4);
-    Fpga(FPGA_START_Y, bBin ? 7 : 13);
-    WriteBytes(REG_WINDOW_WIDTH, uint32_t(m_iWidth * m_iBin + (bBin ? 4 : 0)), 2);
+    Fpga(FPGA_START_Y, bin ? 7 : 13);
+    WriteBytes(REG_WINDOW_WIDTH, uint32_t(m_iWidth * m_iBin + (bin ? 4 : 0)), 2);
     WriteBytes(REG_WINDOW_HEIGHT, uint32_t(m_iHeight * m_iBin), 2);
     WriteFpga(FPGA_WIDTH, uint32_t(SensorW()), 2);
     return WriteFpga(FPGA_HEIGHT, uint32_t(SensorH()), 2);

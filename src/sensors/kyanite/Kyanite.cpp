@@ -122,13 +122,13 @@ bool CKyanite<Base>::InitSensorBinning(int bin)
         this->m_Vars.iMinHMAX = HMAX_BIN;
         this->m_bSensorHighBits = false;
     } else {
-        const bool bFast = this->m_bHighSpeed && !b16;
-        model::RunTable16(*this, bFast ? std::span(g_KyaniteModeFast) : std::span(g_KyaniteModeFull));
-        this->Fpga(FPGA_FORMAT, bFast ? 0 : b16 ? 17 : 1);
+        const bool fast = this->m_bHighSpeed && !b16;
+        model::RunTable16(*this, fast ? std::span(g_KyaniteModeFast) : std::span(g_KyaniteModeFull));
+        this->Fpga(FPGA_FORMAT, fast ? 0 : b16 ? 17 : 1);
         this->Fpga(FPGA_START_X, 60);
         this->Fpga(FPGA_START_Y, 13);
-        this->m_Vars.iMinHMAX = bFast ? HMAX_FAST : HMAX_FULL;
-        this->m_bSensorHighBits = !bFast;
+        this->m_Vars.iMinHMAX = fast ? HMAX_FAST : HMAX_FULL;
+        this->m_bSensorHighBits = !fast;
     }
     return this->Fpga(FPGA_HOLD, 0);
 }
@@ -183,12 +183,12 @@ bool CKyanite<Base>::WriteStart(int x, int y)
     this->Fpga(FPGA_HOLD, 1);
     this->WriteFpga(FPGA_START_X, uint32_t(column + 60), 2);
     this->Fpga(FPGA_HOLD, 0);
-    const bool bCapturing = this->m_bCapturing;
-    if (bCapturing)
+    const bool capturing = this->m_bCapturing;
+    if (capturing)
         this->Halt();
     Reg(REG_FIRST_ROW, uint32_t(y + 32));
     bool ok = Reg(REG_LAST_ROW, uint32_t(y + bin * this->m_iHeight + 36));
-    if (bCapturing)
+    if (capturing)
         ok = this->Fpga(FPGA_RUN, RunValue());
     return ok;
 }
@@ -203,14 +203,14 @@ template <class Base>
 bool CKyanite<Base>::SetExp(uint64_t microseconds, bool autoMode)
 {
     this->TakeExp(microseconds, autoMode);
-    const bool bHard = this->InHardBin();
+    const bool hard = this->InHardBin();
     if (this->m_lExposure >= EXP_LONG) {
         if (!this->m_bLongExp) {
-            this->Fpga(FPGA_RUN, bHard ? 0xA3 : 0xA1);
+            this->Fpga(FPGA_RUN, hard ? 0xA3 : 0xA1);
             this->m_bLongExp = true;
         }
     } else if (this->m_bLongExp) {
-        this->Fpga(FPGA_RUN, bHard ? 0x23 : 0x21);
+        this->Fpga(FPGA_RUN, hard ? 0x23 : 0x21);
         if (this->m_bOpen)
             SetCMOSClk();
         this->m_bLongExp = false;
@@ -229,11 +229,11 @@ bool CKyanite<Base>::SetExp(uint64_t microseconds, bool autoMode)
 
     this->Fpga(FPGA_HOLD, 1);
     this->WriteFpga(FPGA_VMAX, vmax, 3);
-    if (bHard) {
+    if (hard) {
         // The picture's first line moves when the frame is stretched.
-        const bool bStretched = int64_t{ vmax } >= this->m_iHeight * this->m_iBin + 48;
+        const bool stretched = int64_t{ vmax } >= this->m_iHeight * this->m_iBin + 48;
         const bool b2 = this->m_iBin == 2;
-        this->Fpga(FPGA_START_Y, bStretched ? (b2 ? 7 : 5) : (b2 ? 8 : 6));
+        this->Fpga(FPGA_START_Y, stretched ? (b2 ? 7 : 5) : (b2 ? 8 : 6));
     }
     this->Fpga(FPGA_HOLD, 0);
     return Reg(REG_SHUTTER, uint32_t(shutter));
@@ -265,7 +265,7 @@ bool CKyanite<Base>::SetHighSpeedMode(bool on)
     this->m_bHighSpeed = on;
     if (this->InHardBin() || this->m_bOutput16Bits)
         return true;
-    const bool bCapturing = this->m_bCapturing;
+    const bool capturing = this->m_bCapturing;
     this->StopCapture();
     InitSensorBinning(this->m_iBin);
     Cam_SetResolution();
@@ -273,7 +273,7 @@ bool CKyanite<Base>::SetHighSpeedMode(bool on)
     SetExp(this->m_lExposure, this->m_bAutoExp);
     SetGain(this->m_iGain, this->m_bAutoGain);
     this->SetFPSPerc(this->m_iFPSPerc, this->m_bAutoFPS);
-    if (bCapturing)
+    if (capturing)
         this->StartCapture(false);
     return true;
 }
@@ -281,9 +281,9 @@ bool CKyanite<Base>::SetHighSpeedMode(bool on)
 template <class Base>
 bool CKyanite<Base>::SetHardwareBin(bool on)
 {
-    const bool bChanged = this->m_bHardwareBin != on;
+    const bool changed = this->m_bHardwareBin != on;
     this->m_bHardwareBin = on;
-    if (bChanged && BinMatters())
+    if (changed && BinMatters())
         InitSensorBinning(this->m_iBin);
     return CFpgaModel<Base>::SetHardwareBin(on);
 }

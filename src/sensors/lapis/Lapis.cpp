@@ -71,9 +71,9 @@ constexpr ModelTraits g_Mono = [] {
     return t;
 }();
 constexpr ModelTraits CooledLapis(const ModelTraits& base, const char* szClass, const char* szName, const wchar_t* szKey,
-                                  uint16_t wProductId)
+                                  uint16_t productId)
 {
-    ModelTraits t = Cooled(base, szClass, szName, szKey, wProductId);
+    ModelTraits t = Cooled(base, szClass, szName, szKey, productId);
     t.exposure.iMax = t.iMaxExposure = 1000000000;
     return t;
 }

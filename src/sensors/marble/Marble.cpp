@@ -150,12 +150,12 @@ bool CMarble<Base>::SetGain(int gain, bool autoMode)
 template <class Base>
 bool CMarble<Base>::Cam_SetResolution()
 {
-    const bool bBin = this->InHardBin();
+    const bool bin = this->InHardBin();
     this->Fpga(FPGA_HOLD, 1);
-    this->Write8(REG_READ_MODE, bBin ? 0x23 : 0);
-    this->Write8(REG_READ_MODE2, bBin ? 1 : 0);
+    this->Write8(REG_READ_MODE, bin ? 0x23 : 0);
+    this->Write8(REG_READ_MODE2, bin ? 1 : 0);
     this->Fpga(FPGA_START_X, 0);
-    this->Fpga(FPGA_START_Y, bBin ? 11 : 15);
+    this->Fpga(FPGA_START_Y, bin ? 11 : 15);
     this->WriteBytes(REG_WINDOW_HEIGHT, uint32_t(this->m_iHeight * this->m_iBin), 2);
     this->WriteBytes(REG_WINDOW_WIDTH, uint32_t(this->m_iWidth * this->m_iBin), 2);
     this->WriteSensorSizeToFpga();

@@ -190,14 +190,14 @@ template <class Base>
 bool CQuartz<Base>::SetOutput16Bits(bool on)
 {
     this->TakeOutput16Bits(on);
-    const bool bFast = this->m_bHighSpeed && !on && !this->InHardBin2();
-    this->Write8(m_Q.wRegOutput, bFast ? m_Q.bOutputFast : m_Q.bOutputNormal);
-    this->Write8(REG_ADC_BITS, bFast || this->InHardBin2() ? 0 : 1);
-    bool ok = this->Fpga(FPGA_FORMAT, bFast ? 0 : on ? 17 : 1);
+    const bool fast = this->m_bHighSpeed && !on && !this->InHardBin2();
+    this->Write8(m_Q.wRegOutput, fast ? m_Q.bOutputFast : m_Q.bOutputNormal);
+    this->Write8(REG_ADC_BITS, fast || this->InHardBin2() ? 0 : 1);
+    bool ok = this->Fpga(FPGA_FORMAT, fast ? 0 : on ? 17 : 1);
     if (m_Q.bReadoutTrim) {
-        this->Write8(REG_UNK_3129, bFast ? 0x1D : 0);
-        this->Write8(REG_UNK_317C, bFast ? 0x12 : 0);
-        ok = this->Write8(REG_UNK_31EC, bFast ? 0x37 : 0x0E);
+        this->Write8(REG_UNK_3129, fast ? 0x1D : 0);
+        this->Write8(REG_UNK_317C, fast ? 0x12 : 0);
+        ok = this->Write8(REG_UNK_31EC, fast ? 0x37 : 0x0E);
     }
     return ok;
 }
@@ -228,8 +228,8 @@ bool CQuartz<Base>::SetCMOSClk(int clock)
         this->m_Vars.iMinHMAX = m_Q.iMinBin;
         return this->Write8(REG_CLOCK, HighGainBit());
     }
-    const bool bKnown = clock == m_Q.iClkNormal || clock == m_Q.iClkFast;
-    if (!bKnown || this->m_Traits.family == Family::Nephrite)
+    const bool known = clock == m_Q.iClkNormal || clock == m_Q.iClkFast;
+    if (!known || this->m_Traits.family == Family::Nephrite)
         this->m_Vars.iMinHMAX = m_Q.iMinNormal;
     return this->Write8(REG_CLOCK, HighGainBit() + (clock == m_Q.iClkFast ? 0 : clock == m_Q.iClkNormal ? 1 : 2));
 }
@@ -253,7 +253,7 @@ template <class Base>
 bool CQuartz<Base>::SetGain(int gain, bool autoMode)
 {
     const int g = this->TakeGain(gain, autoMode);
-    const bool bHigh = m_Q.iHighGainAbove != 0 && g > m_Q.iHighGainAbove;
+    const bool high = m_Q.iHighGainAbove != 0 && g > m_Q.iHighGainAbove;
     if (m_Q.bGainHeld)
         this->Write8(REG_HOLD, 1);
     if (m_Q.iHighGainAbove != 0) {
@@ -261,9 +261,9 @@ bool CQuartz<Base>::SetGain(int gain, bool autoMode)
         // short for it, and the host gets useless frames until a change of region or speed writes the clock again.
         uint8_t clk = 0;
         this->ReadSONYREG(REG_CLOCK, &clk);
-        this->Write8(REG_CLOCK, bHigh ? clk | 0x10u : clk & 0x0Fu);
+        this->Write8(REG_CLOCK, high ? clk | 0x10u : clk & 0x0Fu);
     }
-    const int code = (g - (bHigh ? m_Q.iHighGainAbove : 0)) / m_Q.iGainStep;
+    const int code = (g - (high ? m_Q.iHighGainAbove : 0)) / m_Q.iGainStep;
     bool ok = this->WriteBytes(REG_GAIN, uint32_t(code), m_Q.iGainBytes);
     if (m_Q.bGainHeld)
         ok = this->Write8(REG_HOLD, 0);
@@ -273,11 +273,11 @@ bool CQuartz<Base>::SetGain(int gain, bool autoMode)
 template <class Base>
 bool CQuartz<Base>::Cam_SetResolution()
 {
-    const bool bBin = this->InHardBin2();
+    const bool bin = this->InHardBin2();
     this->Fpga(FPGA_HOLD, 1);
-    this->Write8(REG_READ_MODE, bBin ? 0x22 : 0);
-    this->Fpga(FPGA_START_X, bBin ? m_Q.bFpgaXBin : m_Q.bFpgaX);
-    this->Fpga(FPGA_START_Y, bBin ? m_Q.bFpgaYBin : m_Q.bFpgaY);
+    this->Write8(REG_READ_MODE, bin ? 0x22 : 0);
+    this->Fpga(FPGA_START_X, bin ? m_Q.bFpgaXBin : m_Q.bFpgaX);
+    this->Fpga(FPGA_START_Y, bin ? m_Q.bFpgaYBin : m_Q.bFpgaY);
     this->WriteBytes(m_Q.wRegWidth, uint32_t(this->m_iWidth * this->m_iBin), 2);
     this->WriteBytes(m_Q.wRegHeight, uint32_t(this->m_iHeight * this->m_iBin), 2);
     this->WriteSensorSizeToFpga();
