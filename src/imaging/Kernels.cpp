@@ -337,11 +337,11 @@ alignas(64) constexpr Interleave g_Interleave = MakeInterleave();
 template <bool kStream, class V8>
 HWY_INLINE void StorePixels(V8 blue, V8 green, V8 red, uint8_t* dst)
 {
-    const auto load = [](const uint8_t* p) HWY_ATTR { return _mm256_load_si256(reinterpret_cast<const __m256i*>(p)); };
-    const __m256i second = load(g_Interleave.second), third = load(g_Interleave.third);
-    const __m256i b = _mm256_shuffle_epi8(blue.raw, load(g_Interleave.source[0]));
-    const __m256i g = _mm256_shuffle_epi8(green.raw, load(g_Interleave.source[1]));
-    const __m256i r = _mm256_shuffle_epi8(red.raw, load(g_Interleave.source[2]));
+    const hn::DFromV<V8> d;
+    const __m256i second = hn::Load(d, g_Interleave.second).raw, third = hn::Load(d, g_Interleave.third).raw;
+    const __m256i b = _mm256_shuffle_epi8(blue.raw, hn::Load(d, g_Interleave.source[0]).raw);
+    const __m256i g = _mm256_shuffle_epi8(green.raw, hn::Load(d, g_Interleave.source[1]).raw);
+    const __m256i r = _mm256_shuffle_epi8(red.raw, hn::Load(d, g_Interleave.source[2]).raw);
     const __m256i block0 = _mm256_blendv_epi8(_mm256_blendv_epi8(b, g, second), r, third);
     const __m256i block1 = _mm256_blendv_epi8(_mm256_blendv_epi8(g, r, second), b, third);
     const __m256i block2 = _mm256_blendv_epi8(_mm256_blendv_epi8(r, b, second), g, third);
