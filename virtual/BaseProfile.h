@@ -1,8 +1,11 @@
 // What all profiles share: register spaces with hold, the commands of the bridge, the FPGA and the checks of a read-out.
 #pragma once
+#include <cstdint>
 #include <initializer_list>
 #include <map>
+#include <memory>
 #include <span>
+#include <utility>
 
 #include "virtual/Profile.h"
 

@@ -1,5 +1,7 @@
 // Beryl: a PYTHON sensor. The FPGA bins and times; lines have a fixed length, frames grow with the exposure.
 #include <algorithm>
+#include <cstdint>
+#include <memory>
 
 #include "virtual/BaseProfile.h"
 

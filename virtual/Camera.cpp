@@ -4,7 +4,9 @@
 #include <algorithm>
 #include <atomic>
 #include <cstring>
+#include <optional>
 #include <stdexcept>
+#include <utility>
 
 namespace kovsim {
 

@@ -1,11 +1,16 @@
 // A virtual camera: bridge, sensor and their threads. Internal to the virtual bus.
 #pragma once
-#include <atomic>
 #include <chrono>
 #include <condition_variable>
+#include <cstdint>
 #include <deque>
+#include <functional>
+#include <map>
+#include <memory>
 #include <mutex>
+#include <string>
 #include <thread>
+#include <vector>
 
 #include "virtual/Descriptors.h"
 #include "virtual/Imager.h"

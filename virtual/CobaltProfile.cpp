@@ -1,6 +1,9 @@
 // Cobalt: word registers and a small controller behind a mailbox. Frames come only once the controller has accepted the
 // configuration.
 #include <algorithm>
+#include <cstdint>
+#include <initializer_list>
+#include <memory>
 
 #include "virtual/BaseProfile.h"
 

@@ -1,6 +1,9 @@
 // Agate and Dunite (one sensor, Agate's window stops at 640 columns) and Iolite: word registers below 0x100 on the clock of
 // the USB 2 bridge.
 #include <algorithm>
+#include <cstdint>
+#include <memory>
+#include <string>
 
 #include "virtual/BaseProfile.h"
 

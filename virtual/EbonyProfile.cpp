@@ -1,6 +1,9 @@
 // Ebony, Flint, Halite: large cooled sensors with byte registers from 0x0200 and analog gain words that also carry the
 // white balance. The sensor counts rows, the FPGA columns; binned, the sensor sends 3x3 means.
 #include <algorithm>
+#include <cstdint>
+#include <memory>
+#include <string>
 
 #include "virtual/BaseProfile.h"
 

@@ -2,6 +2,9 @@
 // feed it from the bridge, the USB 3 boards (_S) from a crystal of 24 MHz.
 #include <algorithm>
 #include <cmath>
+#include <cstdint>
+#include <initializer_list>
+#include <memory>
 
 #include "virtual/BaseProfile.h"
 

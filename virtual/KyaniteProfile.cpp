@@ -1,5 +1,9 @@
 // Kyanite: word registers at small addresses, a frame buffer behind the FPGA, a sensor that sleeps between captures.
 // Columns are the FPGA's alone, rows are told to both; binned samples are sums.
+#include <cstdint>
+#include <initializer_list>
+#include <memory>
+
 #include "virtual/BaseProfile.h"
 
 namespace kovsim {

@@ -1,6 +1,9 @@
 // The models: fixed facts, and which profile plays each.
 #include <algorithm>
+#include <cstdint>
 #include <iterator>
+#include <memory>
+#include <string>
 #include <vector>
 
 #include "virtual/BaseProfile.h"

@@ -1,6 +1,9 @@
 // A PNG file as a scene, read with libpng.
 #include <png.h>
 
+#include <cstdint>
+#include <memory>
+#include <string>
 #include <utility>
 #include <vector>
 

@@ -4,6 +4,9 @@
 #include <cstdlib>
 #include <exception>
 #include <memory>
+#include <string>
+#include <utility>
+#include <vector>
 
 #include "virtual/InProcess.h"
 #include "virtual/SimOptions.h"

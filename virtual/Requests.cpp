@@ -1,6 +1,13 @@
 // What the firmware of a virtual camera answers: standard and vendor control requests.
 #include <algorithm>
+#include <condition_variable>
+#include <cstdint>
 #include <cstring>
+#include <map>
+#include <memory>
+#include <optional>
+#include <utility>
+#include <vector>
 
 #include "virtual/Camera.h"
 

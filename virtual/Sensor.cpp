@@ -1,7 +1,13 @@
 // The sensor's side of a virtual camera: when frames are exposed and read out, and how they enter the bridge's FIFO.
 #include <algorithm>
-#include <cstring>
+#include <condition_variable>
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <memory>
+#include <string>
 #include <utility>
+#include <vector>
 
 #include "virtual/Camera.h"
 

@@ -3,7 +3,9 @@
 #include <strings.h>
 #include <cstdio>
 #include <cstdlib>
-#include <limits>
+#include <functional>
+#include <memory>
+#include <utility>
 
 namespace kovsim {
 namespace {

@@ -4,6 +4,7 @@
 //
 // First the model tokens, then options for all of them.
 #pragma once
+#include <cstdint>
 #include <string>
 #include <vector>
 

@@ -2,10 +2,13 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
-#include <cstdlib>
+#include <memory>
 #include <mutex>
 #include <numbers>
 #include <set>
+#include <string>
+#include <utility>
+#include <vector>
 
 #include "virtual/Scene.h"
 #include "virtual/Stars.h"

@@ -1,5 +1,10 @@
 // Quartz, Onyx, Pyrite, Nephrite, Jasper, Marble, Lapis: byte registers; on all but Jasper and the Lapis boards with
 // firmware below 18 the sensor is the slave of an FPGA, which owns line and frame length.
+#include <cstdint>
+#include <memory>
+#include <span>
+#include <string>
+
 #include "virtual/BaseProfile.h"
 
 namespace kovsim {

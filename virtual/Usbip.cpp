@@ -1,7 +1,9 @@
 #include "virtual/Usbip.h"
 
 #include <algorithm>
+#include <array>
 #include <cstring>
+#include <utility>
 
 #include "virtual/Descriptors.h"
 

@@ -1,7 +1,9 @@
 // USB/IP 1.1.1 (Documentation/usb/usbip_protocol of Linux), the side that has the devices, without its sockets: bytes in, bytes
 // out. A system that speaks it takes virtual cameras for devices on a bus of its own.
 #pragma once
+#include <algorithm>
 #include <chrono>
+#include <cstdint>
 #include <deque>
 #include <functional>
 #include <memory>

@@ -1,6 +1,12 @@
 #include "virtual/VirtualBus.h"
 
 #include <algorithm>
+#include <array>
+#include <atomic>
+#include <condition_variable>
+#include <mutex>
+#include <thread>
+#include <utility>
 
 #include "virtual/Camera.h"
 

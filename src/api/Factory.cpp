@@ -1,5 +1,6 @@
 // The one list of all product IDs and classes. A new model gets a row here and one in its family.
 #include <algorithm>
+#include <cstdint>
 #include <iterator>
 #include <memory>
 #include <new>

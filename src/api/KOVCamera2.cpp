@@ -1,8 +1,6 @@
 // The exported functions: each checks the ID, finds the object and forwards.
 #include "KOVCamera2.h"
 
-#include <exception>
-
 #include "api/DeviceTable.h"
 #include "base/Log.h"
 #include "camera/CCameraCool.h"

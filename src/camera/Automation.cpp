@@ -1,8 +1,11 @@
 // The camera's side of auto exposure and white balance: what of its state the decisions are made from, and where they go.
 #include <algorithm>
+#include <cstdint>
 #include <cstring>
+#include <optional>
 
 #include "automation/AutoExposure.h"
+#include "automation/WhiteBalance.h"
 #include "camera/CCameraBase.h"
 #include "camera/MemoryFrame.h"
 #include "camera/WhiteBalance.h"

@@ -2,11 +2,17 @@
 #include "camera/CCameraBase.h"
 
 #include <algorithm>
+#include <array>
+#include <atomic>
 #include <cstring>
+#include <exception>
+#include <initializer_list>
 #include <new>
 
 #include "base/Attempt.h"
 #include "base/Log.h"
+#include "exchange/FrameExchange.h"
+#include "imaging/CAlgorithm.h"
 #include "platform/Pages.h"
 #include "platform/Platform.h"
 #include "thermal/Thermistor.h"

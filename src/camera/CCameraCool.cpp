@@ -2,6 +2,8 @@
 #include "camera/CCameraCool.h"
 
 #include <algorithm>
+#include <cstdint>
+#include <exception>
 
 #include "base/Attempt.h"
 #include "base/Log.h"

@@ -1,6 +1,9 @@
 // Adds the cooler to CCameraBase: power to DA code, a regulator, and the thread that reads the temperature and runs it.
 #pragma once
+#include <cstdint>
+
 #include "base/Arithmetic.h"
+#include "base/Export.h"
 #include "camera/CCameraBase.h"
 #include "platform/Platform.h"
 

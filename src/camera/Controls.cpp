@@ -1,6 +1,7 @@
 // The list of controls and the three operations on them. No device logic: a write goes to an operation of the model or
 // lands in a field.
 #include <algorithm>
+#include <cstdint>
 #include <cstring>
 
 #include "base/Arithmetic.h"

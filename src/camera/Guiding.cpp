@@ -1,5 +1,6 @@
 // Guide port and user ID: straight to the camera's firmware, the same on every model.
 #include <algorithm>
+#include <cstdint>
 #include <cstring>
 
 #include "camera/CCameraBase.h"

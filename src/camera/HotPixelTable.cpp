@@ -1,8 +1,11 @@
 // The hot-pixel table as hosts and tools use it: the search for one, by hand or by itself, loading, and on and off.
 #include <algorithm>
 #include <cmath>
+#include <cstdint>
 
+#include "base/Trace.h"
 #include "camera/CCameraBase.h"
+#include "camera/HotPixels.h"
 #include "platform/Platform.h"
 
 namespace {

@@ -1,9 +1,14 @@
 // What of the camera's state the pixel rooms are given: gamma tables, Bayer pattern, time mark.
+#include <cstdint>
+#include <optional>
+
 #include "camera/CCameraBase.h"
 #include "imaging/Bayer.h"
 #include "imaging/Gamma.h"
 #include "imaging/Kernels.h"
+#include "imaging/Tables.h"
 #include "imaging/TimeMark.h"
+#include "platform/Platform.h"
 
 bool CCameraBase::SetGamma(int value)
 {

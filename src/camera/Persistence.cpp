@@ -2,15 +2,18 @@
 // flash.
 #include <algorithm>
 #include <bit>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <exception>
 #include <memory>
 #include <new>
 #include <utility>
 #include <vector>
 
 #include "base/Attempt.h"
+#include "base/Trace.h"
 #include "camera/CCameraBase.h"
 #include "camera/HotPixels.h"
 #include "camera/MemoryFrame.h"

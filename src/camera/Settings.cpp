@@ -1,6 +1,8 @@
 // What a camera remembers between runs. One key a model class, never one a camera.
 #include <algorithm>
+#include <cstdint>
 #include <cstring>
+#include <memory>
 
 #include "base/Arithmetic.h"
 #include "camera/CCameraBase.h"

@@ -1,5 +1,8 @@
 // The two temperature forms that are not part of a sensor: a thermistor on an analogue input, and a digital sensor. Both
 // stand behind one vendor request each.
+#include <cstdint>
+#include <optional>
+
 #include "camera/CCameraBase.h"
 #include "thermal/Thermistor.h"
 

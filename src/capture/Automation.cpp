@@ -1,11 +1,17 @@
 // The automation threads beside the capture loop.
+#include <algorithm>
+#include <atomic>
+#include <cstdint>
 #include <cstdlib>
-#include <cstring>
+#include <exception>
 #include <memory>
 
 #include "base/Attempt.h"
 #include "base/Log.h"
+#include "base/Trace.h"
 #include "capture/CaptureLoop.h"
+#include "capture/RunControl.h"
+#include "platform/Platform.h"
 
 namespace {
 

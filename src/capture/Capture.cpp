@@ -1,9 +1,15 @@
 #include "capture/Capture.h"
 
+#include <exception>
+#include <utility>
+
 #include "base/Attempt.h"
 #include "base/Log.h"
 #include "base/Mutex.h"
 #include "capture/CaptureLoop.h"
+#include "capture/RunControl.h"
+#include "exchange/FrameExchange.h"
+#include "platform/Platform.h"
 
 namespace {
 

@@ -1,12 +1,17 @@
 #include "capture/CaptureLoop.h"
 
+#include <algorithm>
 #include <cstring>
+#include <exception>
 #include <map>
 #include <string>
+#include <utility>
 
 #include "base/Attempt.h"
 #include "base/Log.h"
 #include "base/Mutex.h"
+#include "base/Trace.h"
+#include "exchange/FrameExchange.h"
 
 namespace {
 

@@ -1,9 +1,14 @@
 // The capture thread's loop. It stands once; ModernLoop and SmallChunkLoop add the steps in which the USB 3 and the USB 2
 // families differ, and the form's row says the rest.
 #pragma once
+#include <atomic>
+#include <cstdint>
+#include <memory>
+
 #include "capture/Capture.h"
 #include "capture/ChunkQueue.h"
 #include "capture/Forms.h"
+#include "capture/RunControl.h"
 #include "platform/Platform.h"
 
 // Sensor registers that the loop and the long exposures both write.

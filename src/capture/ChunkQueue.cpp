@@ -1,10 +1,15 @@
 #include "capture/ChunkQueue.h"
 
+#include <algorithm>
 #include <cstring>
+#include <exception>
 #include <new>
 #include <utility>
 
 #include "base/Attempt.h"
+#include "base/Trace.h"
+#include "exchange/FrameExchange.h"
+#include "platform/Platform.h"
 #include "usb/CUsbLink.h"
 
 namespace {

@@ -1,10 +1,12 @@
 // The bulk requests of one frame, always one per chunk, and the buffers that they fill.
 #pragma once
+#include <cstdint>
 #include <memory>
 #include <vector>
 
 #include "camera/CCameraBase.h"
 #include "capture/RunControl.h"
+#include "platform/UsbDriver.h"
 #include "usb/EndPoints.h"
 
 class ChunkQueue {

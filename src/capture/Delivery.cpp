@@ -1,18 +1,28 @@
 // GetImage of all models: takes a raw frame from the exchange, plans what is to be made of it from the camera's state, and
 // has it made in one walk, on the host's thread.
 #include <algorithm>
+#include <cstdint>
 #include <cstring>
+#include <initializer_list>
+#include <memory>
+#include <optional>
 #include <span>
 #include <vector>
 
+#include "base/Trace.h"
 #include "camera/HotPixels.h"
 #include "camera/MemoryFrame.h"
 #include "camera/ModelTraits.h"
 #include "capture/Capture.h"
 #include "capture/Forms.h"
+#include "exchange/FrameExchange.h"
 #include "imaging/Bayer.h"
+#include "imaging/CAlgorithm.h"
 #include "imaging/Gamma.h"
+#include "imaging/Reference.h"
+#include "imaging/Tables.h"
 #include "imaging/Walk.h"
+#include "platform/Platform.h"
 
 namespace {
 

@@ -1,5 +1,9 @@
 // Long exposures: beyond what the sensor's shutter registers hold, the host stops the read-out or the clock, times the
 // exposure with sleeps and lets one frame come out. One frame a pass, in video as in snap.
+#include <algorithm>
+#include <cstdint>
+
+#include "base/Trace.h"
 #include "capture/CaptureLoop.h"
 
 namespace {

@@ -1,10 +1,12 @@
 #include "imaging/CAlgorithm.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cstring>
 
-#include "imaging/Bayer.h"
 #include "imaging/Kernels.h"
+#include "imaging/Reference.h"
+#include "imaging/Tables.h"
 
 namespace imaging {
 

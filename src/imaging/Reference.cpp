@@ -1,7 +1,6 @@
 #include "imaging/Reference.h"
 
 #include <algorithm>
-#include <utility>
 
 namespace imaging::reference {
 

@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <cstring>
 #include <memory>
-#include <type_traits>
 
 #include "imaging/Kernels.h"
 

@@ -7,6 +7,7 @@
 #include <span>
 
 #include "imaging/Reference.h"
+#include "imaging/Tables.h"
 
 namespace imaging {
 

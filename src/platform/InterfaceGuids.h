@@ -1,5 +1,7 @@
 // The ten device-interface GUIDs. Their order is the order of enumeration and so of camera IDs.
 #pragma once
+#include <cstdint>
+
 #include "platform/UsbDriver.h"
 
 namespace platform {

@@ -5,15 +5,21 @@
 #include <bitset>
 #include <chrono>
 #include <condition_variable>
+#include <cstdint>
 #include <cstring>
 #include <deque>
+#include <exception>
 #include <memory>
+#include <mutex>
 #include <new>
 #include <optional>
 #include <shared_mutex>
+#include <string>
 #include <system_error>
 #include <thread>
 #include <unordered_map>
+#include <utility>
+#include <vector>
 
 #include "base/Mutex.h"
 #include "platform/DescriptorCache.h"

@@ -1,5 +1,6 @@
 // The layer between CCameraBase and the cameras with a PYTHON sensor: register routines for that sensor, and no fields.
 #pragma once
+#include "base/Export.h"
 #include "camera/CCameraBase.h"
 
 class KOV_CLASS CCameraPython : public CCameraBase {

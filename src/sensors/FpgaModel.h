@@ -2,6 +2,8 @@
 // A family derives from CFpgaModel<Base>, fills in the pure steps and overrides where it leaves the common form.
 #pragma once
 #include <atomic>
+#include <cstdint>
+#include <initializer_list>
 
 #include "sensors/CCameraPython.h"
 #include "sensors/Model.h"

@@ -1,10 +1,14 @@
 #include "sensors/Model.h"
 
 #include <algorithm>
+#include <memory>
 
 #include "base/Log.h"
+#include "base/Trace.h"
+#include "camera/HotPixels.h"
 #include "platform/InterfaceGuids.h"
 #include "platform/SettingsStore.h"
+#include "platform/UsbDriver.h"
 
 namespace model {
 

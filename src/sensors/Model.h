@@ -7,13 +7,16 @@
 // of one model is a final class of its own.
 #pragma once
 #include <algorithm>
+#include <cstdint>
 #include <span>
 #include <utility>
 
+#include "base/Export.h"
 #include "camera/CCameraBase.h"
 #include "camera/CCameraCool.h"
 #include "camera/ModelTraits.h"
 #include "capture/Capture.h"
+#include "platform/Platform.h"
 #include "sensors/RegisterTable.h"
 #include "usb/CUsbLink.h"
 

@@ -2,6 +2,8 @@
 
 #include <algorithm>
 
+#include "platform/Platform.h"
+
 bool CUsb2Model::SetStartPos(int x, int y)
 {
     if (!MovesAtFullSize() && IsFullSize())

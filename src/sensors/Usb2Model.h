@@ -1,7 +1,12 @@
 // What the families without an FPGA do alike: test of a region, its start, transfer mode of the bridge. A family
 // derives from CUsb2Model and adds its registers. All of them have 16-bit sensor registers.
 #pragma once
+#include <cstdint>
+#include <initializer_list>
+
+#include "base/Export.h"
 #include "sensors/Model.h"
+#include "sensors/RegisterTable.h"
 #include "usb/FirmwareImages.h"
 
 class KOV_CLASS CUsb2Model : public CModel<CCameraBase> {

@@ -2,7 +2,6 @@
 
 #include <cmath>
 #include <iterator>
-#include <tuple>
 
 namespace {
 

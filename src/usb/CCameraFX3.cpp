@@ -2,10 +2,12 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <initializer_list>
 
 #include "base/Log.h"
 #include "platform/InterfaceGuids.h"
 #include "usb/CUsbLink.h"
+#include "usb/EndPoints.h"
 
 namespace {
 

@@ -2,8 +2,10 @@
 
 #include <algorithm>
 #include <cstring>
+#include <string>
 
 #include "platform/Platform.h"
+#include "platform/XferRecord.h"
 
 using platform::IsDeviceOpen;
 using platform::IUsbDriver;

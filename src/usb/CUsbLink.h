@@ -1,10 +1,11 @@
 // One USB device behind the kernel driver: finds it by interface GUID, opens it, keeps its descriptors and endpoints.
 #pragma once
-#include <array>
 #include <cstdint>
 #include <memory>
 #include <vector>
 
+#include "base/Export.h"
+#include "platform/UsbDriver.h"
 #include "usb/Descriptors.h"
 #include "usb/EndPoints.h"
 

@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <memory>
 
+#include "platform/UsbDriver.h"
 #include "usb/EndPoints.h"
 
 // Descriptors are little-endian.

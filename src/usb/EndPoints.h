@@ -1,7 +1,6 @@
 // One USB endpoint each, driven through the kernel driver's requests.
 #pragma once
 #include <cstdint>
-#include <memory>
 
 #include "base/Export.h"
 #include "base/Shared.h"

@@ -1,5 +1,6 @@
 // Loaders of CCameraFX3: the EEPROM of the USB 2 bridges, RAM and EEPROM of the USB 3 ones, and the SPI flash.
 #include <algorithm>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -8,7 +9,6 @@
 
 #include "platform/Platform.h"
 #include "usb/CCameraFX3.h"
-#include "usb/CUsbLink.h"
 #include "usb/FirmwareImages.h"
 
 namespace {

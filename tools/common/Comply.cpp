@@ -1,6 +1,9 @@
 #include "common/Comply.h"
 
 #include <algorithm>
+#include <cstdint>
+#include <stdexcept>
+#include <string_view>
 #include <thread>
 
 #include "common/ComplyRunner.h"

@@ -1,5 +1,6 @@
 // Whether a camera does what its interface promises: named checks with figures, for every owner and every model.
 #pragma once
+#include <cstdint>
 #include <functional>
 #include <string>
 #include <vector>

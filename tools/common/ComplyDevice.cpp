@@ -1,6 +1,13 @@
 // Checks of what the interface promises: controls, answers, time, streams, temperature, memory.
 #include <algorithm>
 #include <cmath>
+#include <cstdint>
+#include <initializer_list>
+#include <memory>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
 
 #include "common/ComplyRunner.h"
 

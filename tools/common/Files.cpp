@@ -3,6 +3,8 @@
 #include <mutex>
 #include <set>
 #include <stdexcept>
+#include <system_error>
+#include <utility>
 
 namespace fs = std::filesystem;
 

@@ -7,6 +7,7 @@
 #include <charconv>
 #include <cmath>
 #include <stdexcept>
+#include <system_error>
 
 #include "common/Text.h"
 

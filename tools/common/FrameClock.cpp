@@ -1,7 +1,7 @@
 #include "common/FrameClock.h"
 
 #include <algorithm>
-#include <cmath>
+#include <memory>
 
 namespace kovtools {
 

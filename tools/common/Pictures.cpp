@@ -1,6 +1,8 @@
 #include "common/Pictures.h"
 
 #include <fmt/format.h>
+#include <cstdint>
+#include <utility>
 
 #include "common/Files.h"
 #include "common/Fits.h"

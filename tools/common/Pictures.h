@@ -1,6 +1,7 @@
 // Picture files. Each appears whole or not at all, and replaces an older one of its name. All throw std::runtime_error.
 #pragma once
 #include <string>
+#include <vector>
 
 #include "common/FitsHeader.h"
 #include "common/Frame.h"

@@ -2,7 +2,10 @@
 
 #include <fmt/format.h>
 
+#include <cstdint>
 #include <ctime>
+#include <filesystem>
+#include <vector>
 
 namespace kovtools {
 

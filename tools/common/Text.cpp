@@ -6,9 +6,14 @@
 #include <algorithm>
 #include <cctype>
 #include <cmath>
+#include <cstdint>
 #include <cstdio>
+#include <ctime>
+#include <exception>
+#include <memory>
 #include <numeric>
 #include <stdexcept>
+#include <utility>
 
 namespace kovtools {
 

@@ -4,8 +4,14 @@
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cstdio>
+#include <exception>
 #include <filesystem>
+#include <initializer_list>
+#include <memory>
 #include <stdexcept>
+#include <string>
+#include <system_error>
+#include <utility>
 #include <vector>
 
 #include "common/CommandTable.h"

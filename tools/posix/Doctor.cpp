@@ -7,14 +7,19 @@
 
 #include <algorithm>
 #include <cctype>
+#include <cstdint>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <initializer_list>
 #include <iterator>
+#include <string>
+#include <system_error>
+#include <utility>
+#include <vector>
 
 #include "KOVCamera2.h"
 #include "common/Doctor.h"
-#include "common/Files.h"
 
 namespace kovtools {
 

@@ -5,6 +5,7 @@
 #include <filesystem>
 #include <iterator>
 #include <memory>
+#include <system_error>
 
 #include "common/Host.h"
 

@@ -2,7 +2,9 @@
 
 #include <fitsio.h>
 
+#include <cstdint>
 #include <cstdio>
+#include <variant>
 
 #include "common/Files.h"
 

@@ -2,8 +2,12 @@
 #include <fmt/format.h>
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <cstdio>
+#include <exception>
 #include <stdexcept>
+#include <string>
+#include <vector>
 
 #include "common/Plot.h"
 

@@ -14,15 +14,19 @@
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
+#include <cstdint>
 #include <cstdio>
 #include <cstring>
+#include <exception>
 #include <list>
 #include <map>
 #include <memory>
+#include <string>
 #include <system_error>
 #include <thread>
 #include <tuple>
 #include <utility>
+#include <vector>
 
 #include "base/Attempt.h"
 #include "base/Log.h"

@@ -2,6 +2,7 @@
 #include <dlfcn.h>
 
 #include "platform/UsbAdapter.h"
+#include "platform/UsbDriver.h"
 #include "platform/posix/LibusbStack.h"
 
 namespace platform {

@@ -1,11 +1,16 @@
 #include "sensors/agate/Agate.h"
 
 #include <algorithm>
+#include <cstdint>
 #include <cstdlib>
+#include <initializer_list>
 #include <vector>
 
+#include "automation/WhiteBalance.h"
 #include "base/FrameSample.h"
 #include "camera/WhiteBalance.h"
+#include "imaging/CAlgorithm.h"
+#include "sensors/RegisterTable.h"
 
 struct AgateForm {
     int iBlank;       // least blanking of a line, clocks

@@ -2,7 +2,9 @@
 // White balance is done in the demosaic; so the automatic form measures a demosaiced image.
 #pragma once
 #include <atomic>
+#include <cstdint>
 
+#include "base/Export.h"
 #include "sensors/Usb2Model.h"
 
 struct AgateForm;  // what differs between the two families beyond the model row

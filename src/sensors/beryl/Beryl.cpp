@@ -1,8 +1,10 @@
 #include "sensors/beryl/Beryl.h"
 
 #include <algorithm>
+#include <cstdint>
 
 #include "RegisterTables.h"
+#include "platform/Platform.h"
 
 namespace {
 

@@ -1,5 +1,7 @@
 // Beryl: 640 x 480 global shutter with a PYTHON sensor behind an FPGA.
 #pragma once
+#include <cstdint>
+
 #include "sensors/FpgaModel.h"
 
 class CBeryl : public CFpgaModel<CCameraPython> {

@@ -1,8 +1,10 @@
 #include "sensors/CCameraPython.h"
 
+#include <cstdint>
 #include <span>
 
 #include "RegisterTables.h"
+#include "sensors/RegisterTable.h"
 
 namespace {
 

@@ -4,6 +4,8 @@
 #include <atomic>
 
 #include "RegisterTables.h"
+#include "platform/Platform.h"
+#include "sensors/RegisterTable.h"
 
 namespace {
 

@@ -2,7 +2,11 @@
 // with a mailbox. While capture runs, exposure and gain are stored only; the automation thread applies them (ApplyExp,
 // ApplyGain) every 200 ms.
 #pragma once
+#include <cstdint>
+
+#include "base/Export.h"
 #include "sensors/Usb2Model.h"
+#include "usb/FirmwareImages.h"
 
 class KOV_CLASS CCameraSCobaltCol final : public CUsb2Model {
 public:

@@ -1,9 +1,12 @@
 #include "sensors/ebony/Ebony.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cmath>
+#include <cstdint>
 
 #include "RegisterTables.h"
+#include "platform/Platform.h"
 
 namespace {
 

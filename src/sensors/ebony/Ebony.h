@@ -1,6 +1,10 @@
 // Ebony, Flint and Halite: large cooled sensors that bin by three themselves.
 #pragma once
+#include <cstdint>
+#include <span>
+
 #include "sensors/FpgaModel.h"
+#include "sensors/RegisterTable.h"
 #include "sensors/SonyExposure.h"
 
 // In what the three differ; the rows stand in Ebony.cpp.

@@ -1,8 +1,13 @@
 #include "sensors/garnet/Garnet.h"
 
 #include <algorithm>
+#include <span>
 
 #include "RegisterTables.h"
+#include "base/Trace.h"
+#include "platform/Platform.h"
+#include "sensors/RegisterTable.h"
+#include "usb/FirmwareImages.h"
 
 namespace {
 

@@ -2,7 +2,9 @@
 // models, which time the link differently.
 #pragma once
 #include <atomic>
+#include <cstdint>
 
+#include "base/Export.h"
 #include "sensors/Usb2Model.h"
 
 // Shared by all cameras of one class.

@@ -2,6 +2,9 @@
 
 #include <algorithm>
 
+#include "platform/Platform.h"
+#include "sensors/RegisterTable.h"
+
 namespace {
 
 enum Reg : uint16_t {

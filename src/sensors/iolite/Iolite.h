@@ -1,6 +1,10 @@
 // Iolite: 1280 x 1024 monochrome sensor with registers below 0x100, USB 2, and a black level that calibrates itself.
 #pragma once
+#include <cstdint>
+
+#include "base/Export.h"
 #include "sensors/Usb2Model.h"
+#include "usb/FirmwareImages.h"
 
 class KOV_CLASS CCameraSIoliteMono final : public CUsb2Model {
 public:

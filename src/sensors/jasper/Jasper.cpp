@@ -1,6 +1,11 @@
 #include "sensors/jasper/Jasper.h"
 
 #include <algorithm>
+#include <atomic>
+#include <cstdint>
+
+#include "platform/Platform.h"
+#include "sensors/SonyExposure.h"
 
 namespace {
 

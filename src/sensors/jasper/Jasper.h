@@ -1,7 +1,9 @@
 // Jasper: rolling shutter sensor with its own frame counter; the FPGA only formats.
 #pragma once
+#include <cstdint>
+
+#include "base/Export.h"
 #include "sensors/FpgaModel.h"
-#include "sensors/SonyExposure.h"
 
 class KOV_CLASS CCameraSJasperCol final : public CFpgaModel<CCameraBase> {
 public:

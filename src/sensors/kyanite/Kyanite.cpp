@@ -1,8 +1,12 @@
 #include "sensors/kyanite/Kyanite.h"
 
 #include <algorithm>
+#include <atomic>
+#include <cstdint>
+#include <span>
 
 #include "RegisterTables.h"
+#include "platform/Platform.h"
 
 namespace {
 

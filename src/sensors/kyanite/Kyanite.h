@@ -1,5 +1,7 @@
 // Kyanite: 4656 x 3520 with a frame buffer on the camera. The sensor sleeps whenever it is not needed.
 #pragma once
+#include <cstdint>
+
 #include "sensors/FpgaModel.h"
 
 template <class Base>

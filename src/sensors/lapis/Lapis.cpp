@@ -1,8 +1,12 @@
 #include "sensors/lapis/Lapis.h"
 
 #include <algorithm>
+#include <atomic>
+#include <cstdint>
 
 #include "RegisterTables.h"
+#include "platform/Platform.h"
+#include "sensors/RegisterTable.h"
 
 namespace {
 

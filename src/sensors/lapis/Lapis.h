@@ -1,5 +1,7 @@
 // Lapis: global shutter, 1936 x 1216. From firmware 18 on the FPGA owns the frame; before, the sensor does.
 #pragma once
+#include <cstdint>
+
 #include "sensors/FpgaModel.h"
 
 template <class Base>

@@ -1,8 +1,11 @@
 #include "sensors/marble/Marble.h"
 
-#include <algorithm>
+#include <atomic>
+#include <cstdint>
 
 #include "RegisterTables.h"
+#include "platform/Platform.h"
+#include "sensors/RegisterTable.h"
 #include "sensors/SonyExposure.h"
 
 namespace {

@@ -1,5 +1,7 @@
 // Marble: 3096 x 2080; the sensor bins by two itself, a bin of four is finished on the host.
 #pragma once
+#include <cstdint>
+
 #include "sensors/FpgaModel.h"
 
 template <class Base>

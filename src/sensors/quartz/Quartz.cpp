@@ -1,8 +1,11 @@
 #include "sensors/quartz/Quartz.h"
 
 #include <algorithm>
+#include <atomic>
+#include <cstdint>
 
 #include "RegisterTables.h"
+#include "platform/Platform.h"
 
 namespace {
 

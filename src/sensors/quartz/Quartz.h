@@ -1,6 +1,10 @@
 // Quartz, Onyx, Pyrite and Nephrite: rolling shutter sensors of one kind behind an FPGA that owns the frame length.
 #pragma once
+#include <cstdint>
+#include <span>
+
 #include "sensors/FpgaModel.h"
+#include "sensors/RegisterTable.h"
 #include "sensors/SonyExposure.h"
 
 // In what the families differ; the rows stand in Quartz.cpp.
