@@ -70,6 +70,8 @@ struct GainState {
     std::atomic<uint8_t> m_Gamma8[256];
     // 65536 entries; made for SetGamma's last value when a 16-bit frame first needs it, which FillGamma16 sees to.
     std::atomic<uint16_t>* m_pGamma16 = nullptr;
+
+protected:
     Shared<int32_t> m_iGammaExponent{ INT32_MIN };    // hundredths, as SetGamma has chosen it; none yet
     Shared<int32_t> m_iGamma16Exponent{ INT32_MIN };  // of what m_pGamma16 holds
 };
