@@ -373,23 +373,26 @@ TEST_F(Indi, UnpluggedInEachStateTheOthersDoNotNotice)
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.state);
-        Client c;  // a new one: of several devices of which one goes, libindiclient 1.9.9 may drop another one
+        // New ones: of several devices of which one goes, libindiclient 1.9.9 may drop another one.
+        Client c, witness;
+        witness.watchDevice(other.c_str());
         o.Dial(c);
+        o.Dial(witness);
         ASSERT_TRUE(c.Wait([&] { return c.Has(d); }, 10s)) << c.Messages();
-        o.Connect(other, c);
+        o.Connect(other, witness);
         if (row.property != nullptr)
             o.Connect(d, c);
         if (!row.values.empty())
             c.Set(d, row.property, row.values);
         else if (row.property != nullptr && *row.property != 0)
             c.Switch(d, row.property, "STREAM_ON");
-        c.Set(other, "CCD_EXPOSURE", { { "CCD_EXPOSURE_VALUE", 1 } });
+        witness.Set(other, "CCD_EXPOSURE", { { "CCD_EXPOSURE_VALUE", 1 } });
         if (HasFatalFailure())
             return;
         std::this_thread::sleep_for(300ms);
         o.Tell("unplug 0");
         ASSERT_TRUE(c.Wait([&] { return !c.Has(d); }, 15s)) << c.Messages();
-        ASSERT_TRUE(c.Wait([&] { return c.Is(other + ".CCD_EXPOSURE", IPS_OK); }, 15s)) << c.Messages();
+        ASSERT_TRUE(witness.Wait([&] { return witness.Is(other + ".CCD_EXPOSURE", IPS_OK); }, 15s)) << witness.Messages();
         o.Tell("replug 0");
     }
     Client c;
