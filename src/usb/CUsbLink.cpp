@@ -96,7 +96,9 @@ std::unique_ptr<std::vector<uint8_t>> ReadWhole(CUsbLink& link, uint8_t type, ui
     if (!head)
         return nullptr;
     const CDescriptorRead whole(link, type, index, 0, U16(head.Data() + 2));
-    return whole ? whole.Take() : nullptr;
+    if (!whole)
+        return nullptr;
+    return whole.Take();
 }
 
 template <class T>
@@ -320,7 +322,7 @@ void CUsbLink::SelectAltSetting(int8_t alt)
 {
     const ConfigObject* const c = m_apConfig[m_bConfigIndex];
     for (uint8_t i = 0; c && i < c->bAltInterfaces; ++i) {
-        if (c->apInterfaces[i]->bAlternateSetting != alt)
+        if (c->apInterfaces[i]->bAlternateSetting != alt)  // NOLINT(bugprone-signed-char-misuse): -1 is none of them
             continue;
         m_bIntfIndex = i;
         CopyInterfaceClass();
