@@ -410,14 +410,11 @@ TEST_F(Cobalt, GainWords)
     for (const auto& [g, word] : rows)
         EXPECT_EQ(CCameraSCobaltCol::GainValue2Reg(g), word) << g;
     auto cam = Open<CCameraSCobaltCol>(0xC03A);  // gains 1.5, 3, 6, 12, 24, 48, 64
-    for (const auto& [gain, szWord] : { std::pair{ 8, "102f" },
-                                        { 24, "202f" },
-                                        { 40, "206f" },
-                                        { 56, "20af" },
-                                        { 72, "20ef" },
-                                        { 90, "40ef" },
-                                        { 100, "40ff" } })
-        EXPECT_EQ(SENDS(cam->SetGain(gain, false)).substr(0, 9), std::string("3056:") + szWord) << gain;
+    const std::pair<int, const char*> gains[] = {
+        { 8, "102f" }, { 24, "202f" }, { 40, "206f" }, { 56, "20af" }, { 72, "20ef" }, { 90, "40ef" }, { 100, "40ff" },
+    };
+    for (const auto& row : gains)  // a structured binding would be no capture for clang
+        EXPECT_EQ(SENDS(cam->SetGain(row.first, false)).substr(0, 9), std::string("3056:") + row.second) << row.first;
 }
 
 TEST_F(Cobalt, Mailbox)
