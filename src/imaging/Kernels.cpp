@@ -535,8 +535,8 @@ private:
     uint8_t m_bytes[2 * SLACK + MOST];
 };
 
-// Rows `from` to `to` of a frame.
-template <bool kY8, GainWay kWay>
+// Rows `from` to `to` of a frame. kColourOdd, kBlueRow: of the upper row of a cell.
+template <bool kY8, GainWay kWay, bool kColourOdd, bool kBlueRow>
 class RowsOfCells {
 public:
     HWY_INLINE RowsOfCells(const BayerFrame& f, uint8_t* dst)
@@ -555,12 +555,7 @@ public:
                 m_seam.Begin(Row(from).at, 0, 0);
         for (ptrdiff_t y = from; y < to; y += 2) {
             const bool inner = y >= 2 && y < m_endY && m_endX - 2 >= m_step;
-            if (!inner)
-                Outer(y);
-            else if (m_f.phase.blueY == 0)
-                m_f.phase.blueX == 1 ? Inner<true, true>(y) : Inner<false, true>(y);
-            else
-                m_f.phase.blueX == 0 ? Inner<true, false>(y) : Inner<false, false>(y);
+            inner ? Inner(y) : Outer(y);
         }
         if constexpr (!kY8) {
             if (m_stream) {
@@ -609,7 +604,6 @@ private:
 
     // Both rows advance together: past the caches, it is the walks to the next pages that take the time, and those of two
     // streams overlap.
-    template <bool kColourOdd, bool kBlueRow>
     HWY_INLINE void Inner(ptrdiff_t y)
     {
         const InnerRow<kY8, kWay, kColourOdd, kBlueRow> upper(m_f, y, m_blueTable, m_redTable);
@@ -676,15 +670,31 @@ private:
     Seam m_seam;  // of the row above
 };
 
+// A function for each way and pattern: together, compilers took many minutes over it where sanitizers watch the memory.
+template <bool kY8, GainWay kWay, bool kColourOdd, bool kBlueRow>
+HWY_NOINLINE void DemosaicRows(const BayerFrame& f, int from, int to, uint8_t* dst)
+{
+    RowsOfCells<kY8, kWay, kColourOdd, kBlueRow>(f, dst).Make(from, to);
+}
+
+template <bool kY8, GainWay kWay>
+void DemosaicPattern(const BayerFrame& f, int from, int to, uint8_t* dst)
+{
+    if (f.phase.blueY == 0)
+        (f.phase.blueX == 1 ? DemosaicRows<kY8, kWay, true, true> : DemosaicRows<kY8, kWay, false, true>)(f, from, to, dst);
+    else
+        (f.phase.blueX == 0 ? DemosaicRows<kY8, kWay, true, false> : DemosaicRows<kY8, kWay, false, false>)(f, from, to, dst);
+}
+
 template <bool kY8>
-HWY_INLINE void DemosaicAs(const BayerFrame& f, int from, int to, uint8_t* dst)
+void DemosaicAs(const BayerFrame& f, int from, int to, uint8_t* dst)
 {
     if (f.gains->identity)
-        RowsOfCells<kY8, GainWay::None>(f, dst).Make(from, to);
+        DemosaicPattern<kY8, GainWay::None>(f, from, to, dst);
     else if (f.gains->blueFactor != 0)
-        RowsOfCells<kY8, GainWay::Factor>(f, dst).Make(from, to);
+        DemosaicPattern<kY8, GainWay::Factor>(f, from, to, dst);
     else
-        RowsOfCells<kY8, GainWay::Lookup>(f, dst).Make(from, to);
+        DemosaicPattern<kY8, GainWay::Lookup>(f, from, to, dst);
 }
 
 void Demosaic(const BayerFrame& f, int from, int to, uint8_t* dst) { DemosaicAs<false>(f, from, to, dst); }
