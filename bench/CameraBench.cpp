@@ -41,6 +41,20 @@ namespace bench {
 
 namespace {
 
+// Seconds that the benchmark beside it has found out.
+void RegisterFigure(const std::string& name, std::shared_ptr<const double> seconds, int repetitions = 1)
+{
+    benchmark::RegisterBenchmark(name.c_str(),
+                                 [=](benchmark::State& state) {
+                                     for (auto _ : state)
+                                         state.SetIterationTime(*seconds);
+                                 })
+        ->Unit(benchmark::kMillisecond)
+        ->UseManualTime()
+        ->Iterations(1)
+        ->Repetitions(repetitions);
+}
+
 double Seconds(clockid_t clock)
 {
     timespec t{};
@@ -374,14 +388,7 @@ void RegisterCaptureLoop(Size s)
         ->Unit(benchmark::kMillisecond)
         ->UseManualTime()
         ->Iterations(1);
-    benchmark::RegisterBenchmark(("capture loop/its copies" + size).c_str(),
-                                 [=](benchmark::State& state) {
-                                     for (auto _ : state)
-                                         state.SetIterationTime(*copies);
-                                 })
-        ->Unit(benchmark::kMillisecond)
-        ->UseManualTime()
-        ->Iterations(1);
+    RegisterFigure("capture loop/its copies" + size, copies);
 }
 
 // --- memory ---------------------------------------------------------------------------------------------------------
@@ -519,15 +526,7 @@ void RegisterOpen(uint16_t wProductId, const std::string& token)
         ->UseManualTime()
         ->Iterations(1)
         ->Repetitions(3);
-    benchmark::RegisterBenchmark(("open camera/its sleeps and transfers/" + token).c_str(),
-                                 [=](benchmark::State& state) {
-                                     for (auto _ : state)
-                                         state.SetIterationTime(*told);
-                                 })
-        ->Unit(benchmark::kMillisecond)
-        ->UseManualTime()
-        ->Iterations(1)
-        ->Repetitions(3);
+    RegisterFigure("open camera/its sleeps and transfers/" + token, told, 3);
 }
 
 // --- virtual cameras ------------------------------------------------------------------------------------------------
@@ -573,14 +572,7 @@ void RegisterVirtualFrame(uint16_t wProductId, const std::string& token)
         ->Unit(benchmark::kMillisecond)
         ->UseManualTime()
         ->Iterations(5);
-    benchmark::RegisterBenchmark(("virtual frame/half its frame time/" + token).c_str(),
-                                 [=](benchmark::State& state) {
-                                     for (auto _ : state)
-                                         state.SetIterationTime(*half);
-                                 })
-        ->Unit(benchmark::kMillisecond)
-        ->UseManualTime()
-        ->Iterations(1);
+    RegisterFigure("virtual frame/half its frame time/" + token, half);
 }
 
 }  // namespace

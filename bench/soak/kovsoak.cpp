@@ -1,6 +1,5 @@
 // Streams from several virtual cameras at once, with random faults, restarts, snaps, reconnections and control changes
 // from further threads, and balances the accounts: what the cameras sent against what the host got.
-#include <dirent.h>
 #include <malloc.h>
 #include <unistd.h>
 
@@ -13,6 +12,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
+#include <iterator>
 #include <memory>
 #include <mutex>
 #include <random>
@@ -487,13 +488,7 @@ private:
 
 int CountOf(const char* szFolder)
 {
-    int n = 0;
-    if (DIR* p = opendir(szFolder)) {
-        while (readdir(p))
-            ++n;
-        closedir(p);
-    }
-    return n;
+    return static_cast<int>(std::distance(std::filesystem::directory_iterator(szFolder), std::filesystem::directory_iterator()));
 }
 
 struct Held {

@@ -1,7 +1,6 @@
 // The libusb stack over an unmodified libusb and fake devices.
 #include "platform/posix/LibusbStack.h"
 
-#include <dirent.h>
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -13,7 +12,9 @@
 #include <condition_variable>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <functional>
+#include <iterator>
 #include <memory>
 #include <mutex>
 #include <new>
@@ -204,13 +205,7 @@ bool Until(const std::function<bool()>& f, std::chrono::milliseconds limit = 10s
 
 int CountOf(const char* szFolder)
 {
-    int n = 0;
-    if (DIR* p = opendir(szFolder)) {
-        while (readdir(p))
-            ++n;
-        closedir(p);
-    }
-    return n;
+    return static_cast<int>(std::distance(std::filesystem::directory_iterator(szFolder), std::filesystem::directory_iterator()));
 }
 
 class Libusb : public testing::Test {

@@ -403,6 +403,13 @@ void RequireCooler(const Call& c)
         NotImplemented("cooling");
 }
 
+json RawCommand(const Call& c)
+{
+    c.parameters.Text("Command");
+    c.parameters.Bool("Raw");
+    NotImplemented("a raw command");
+}
+
 const Command COMMANDS[] = {
     // common to all devices
     { "connected", [](const Call& c) -> json { return c.camera.IsConnected(c.client); },
@@ -428,24 +435,9 @@ const Command COMMANDS[] = {
           c.parameters.Text("Parameters");
           NotImplemented("an action");
       } },
-    { "commandblind", nullptr,
-      [](const Call& c) -> json {
-          c.parameters.Text("Command");
-          c.parameters.Bool("Raw");
-          NotImplemented("a raw command");
-      } },
-    { "commandbool", nullptr,
-      [](const Call& c) -> json {
-          c.parameters.Text("Command");
-          c.parameters.Bool("Raw");
-          NotImplemented("a raw command");
-      } },
-    { "commandstring", nullptr,
-      [](const Call& c) -> json {
-          c.parameters.Text("Command");
-          c.parameters.Bool("Raw");
-          NotImplemented("a raw command");
-      } },
+    { "commandblind", nullptr, RawCommand },
+    { "commandbool", nullptr, RawCommand },
+    { "commandstring", nullptr, RawCommand },
 
     // sensor
     { "cameraxsize", [](const Call& c) -> json { return c.info.MaxWidth; }, nullptr },
