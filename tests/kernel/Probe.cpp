@@ -168,7 +168,10 @@ void RunCalls()
     CHECK(KOVSetStartPos(0, 64, 48));
     if (!Snap(0, image))
         Check(KOV_ERROR_GENERAL, "snap");
-    CHECK(KOVStopExposure(0));  // returns when the capture thread has stopped the sensor: its requests come before what follows
+    // A snap's own thread stops the sensor, after the host has its picture: it has ended when the camera is closed, and not
+    // before.
+    CHECK(KOVCloseCamera(0));
+    Open(0, r);
     CHECK(KOVSetROIFormat(0, 160, 120, 2, IMG_RAW16));
     image.resize(160 * 120 * 2);
     CHECK(KOVStartVideoCapture(0));
