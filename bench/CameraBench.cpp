@@ -471,6 +471,7 @@ private:
         usbstack::Speed GetSpeed() override { return m_p->GetSpeed(); }
         uint8_t GetAddress() override { return m_p->GetAddress(); }
         int GetAltSetting() override { return m_p->GetAltSetting(); }
+        bool KeepsTimeLimits() const override { return m_p->KeepsTimeLimits(); }
 
     private:
         TimedStack& m_Stack;

@@ -68,6 +68,7 @@ public:
     int GetAltSetting() override { return m_Camera.GetAltSetting(m_uPlug); }
     Status Claim() override { return m_Camera.Claim(m_uPlug); }
     void AbortControl() override { m_Camera.AbortControl(m_uPlug); }
+    bool KeepsTimeLimits() const override { return true; }
 
 private:
     Camera& m_Camera;

@@ -40,6 +40,8 @@ constexpr uint32_t PROP_LOCATION_INFO = 13, PROP_LOCATION_PATHS = 35;
 // the device could wait for ever.
 constexpr uint32_t CONTROL_LIMIT_MS = 10'000;
 
+thread_local uint32_t t_patienceMs = 0;  // of this thread's Patience; 0 without one
+
 // With the clock running fast the 500 ms of a control request shrink to less than a busy machine needs to switch
 // threads. Then a request gets this much real time before it counts as outstanding.
 constexpr auto FAST_CLOCK_GRACE = std::chrono::milliseconds(100);
@@ -155,8 +157,9 @@ private:
     bool Simple(uint32_t code, const uint8_t* pIn, uint32_t dwIn, uint8_t* pOut, uint32_t output, uint32_t* pdwBytes);
 
     bool StartControl(const std::shared_ptr<Request>& r);
+    bool DoControl(const std::shared_ptr<Request>& r, uint32_t patienceMs);
     void ControlLoop();
-    Status RunControl(Request& r, uint32_t* moved);
+    Status RunControl(Request& r, uint32_t* moved, uint32_t patienceMs = UINT32_MAX);
     void AbortControl();
     void Abort(uint8_t bEndpoint);
 
@@ -395,9 +398,34 @@ bool CDevice::Begin(uint32_t code, void* pIn, uint32_t dwIn, void* pOut, uint32_
     return Fail(ERROR_PENDING);
 }
 
+// On the thread that waits for it. False when others are before it.
+bool CDevice::DoControl(const std::shared_ptr<Request>& r, uint32_t patienceMs)
+{
+    {
+        const MutexLock l(m_mutex);
+        if (m_bStopControl || m_controlRunning || !m_controlQueue.empty())
+            return false;
+        m_controlRunning = r;
+    }
+    uint32_t moved = 0;
+    Status status = Status::NoMemory;
+    try {
+        status = RunControl(*r, &moved, patienceMs);
+    } catch (const std::exception&) {
+        // The request has failed; the next one may find memory again.
+    }
+    const MutexLock l(m_mutex);
+    m_controlRunning.reset();
+    CompleteLocked(*r, status == Status::TimedOut ? Status::Cancelled : status, moved);
+    m_controlWake.notify_one();
+    return true;
+}
+
 // True when the request is done already.
 bool CDevice::StartControl(const std::shared_ptr<Request>& r)
 {
+    if (t_patienceMs != 0 && m_pStack->KeepsTimeLimits() && DoControl(r, t_patienceMs))
+        return true;
     MutexLock l(m_mutex);
     if (!m_bStopControl && !m_control.joinable()) {
         try {
@@ -432,8 +460,9 @@ void CDevice::ControlLoop()
 {
     MutexLock l(m_mutex);
     for (;;) {
-        WaitUntil(m_mutex, m_controlWake,
-                  [&]() KOV_TSA(requires_capability(m_mutex)) { return m_bStopControl || !m_controlQueue.empty(); });
+        WaitUntil(m_mutex, m_controlWake, [&]() KOV_TSA(requires_capability(m_mutex)) {
+            return m_bStopControl || (!m_controlQueue.empty() && !m_controlRunning);
+        });
         if (m_controlQueue.empty())
             return;
         const std::shared_ptr<Request> r = std::move(m_controlQueue.front());
@@ -458,16 +487,16 @@ void CDevice::ControlLoop()
 }
 
 // Called with the stack's device held: by the caller's shared lock, or because Shutdown joins the thread first.
-Status CDevice::RunControl(Request& r, uint32_t* moved)
+Status CDevice::RunControl(Request& r, uint32_t* moved, uint32_t patienceMs)
 {
     const SetupPacket& s = r.setup;
     const bool bKeep = m_pKnown && KnownDevice::IsRead(s);
     if (bKeep && m_pKnown->Answer(s, r.data.data(), moved))
         return Status::Ok;
-    const uint32_t dwTimeout = s.dwTimeout == 0 ? CONTROL_LIMIT_MS : std::min(s.dwTimeout, 3600u) * 1000;
+    const uint32_t told = s.dwTimeout == 0 ? CONTROL_LIMIT_MS : std::min(s.dwTimeout, 3600u) * 1000;
     const MutexLock l(m_controlMutex);
-    const Status status =
-        m_pStack->Control(s.bmRequestType, s.bRequest, s.wValue, s.wIndex, r.data.data(), s.wLength, dwTimeout, moved);
+    const Status status = m_pStack->Control(s.bmRequestType, s.bRequest, s.wValue, s.wIndex, r.data.data(), s.wLength,
+                                            std::min(told, patienceMs), moved);
     if (bKeep && status == Status::Ok)
         m_pKnown->Store(s, { r.data.begin(), r.data.begin() + std::min(*moved, uint32_t(s.wLength)) });
     return status;
@@ -709,6 +738,9 @@ void SetUsbStack(usbstack::IStack* pStack)
 struct BusLook::Listing {
     std::optional<std::vector<usbstack::DeviceInfo>> devices;
 };
+
+Patience::Patience(uint32_t ms) { t_patienceMs = ms; }
+Patience::~Patience() { t_patienceMs = 0; }
 
 BusLook::BusLook() : m_pListing(t_pLook ? nullptr : std::make_unique<Listing>())
 {

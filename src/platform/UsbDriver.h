@@ -114,6 +114,17 @@ private:
     std::unique_ptr<Listing> m_pListing;  // nullptr inside another one, whose listing counts
 };
 
+// While one lives, a control request that its thread begins may be done before the call returns, since the thread waits for
+// it anyway: for at most `ms` of the library's clock, after which it counts as given up. Nothing else differs; a driver
+// that has the system do its requests does not care.
+class Patience {
+public:
+    explicit Patience(uint32_t ms);
+    ~Patience();
+    Patience(const Patience&) = delete;
+    Patience& operator=(const Patience&) = delete;
+};
+
 // The error of the calling thread's last driver call.
 uint32_t LastError();
 void SetLastError(uint32_t dwError);

@@ -79,6 +79,10 @@ public:
     // Cancels the control request that this handle has with the device: its Control returns soon with Cancelled. Does not
     // wait; may be called while Control blocks in another thread.
     virtual void AbortControl() {}
+
+    // True: Control returns when its time limit is over, whatever the device does. Then the thread that wants an answer asks
+    // itself, which saves two changes of thread a request; else another one asks, which can be left behind.
+    virtual bool KeepsTimeLimits() const { return false; }
 };
 
 class IStack {

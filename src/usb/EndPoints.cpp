@@ -177,7 +177,11 @@ bool CCyUSBEndPoint::XferData(uint8_t* buf, int32_t* piLength, IsoPacketInfo* in
         throw std::bad_alloc();
     Overlapped ov{};
     ov.hEvent = event;
-    uint8_t* const context = BeginDataXfer(buf, *piLength, &ov);
+    uint8_t* context;
+    {
+        const platform::Patience patience(m_iTimeOut);
+        context = BeginDataXfer(buf, *piLength, &ov);
+    }
     // Without a context no request is out, and LastError() would be that of some earlier call.
     const bool wait = context && WaitOrAbortXfer(&ov);
     const bool finished = FinishDataXfer(buf, piLength, &ov, context, infos);

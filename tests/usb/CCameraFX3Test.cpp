@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <thread>
+#include <utility>
 
 #include "tests/usb/FakeDriver.h"
 #include "usb/CUsbLink.h"
@@ -237,30 +238,56 @@ TEST(CCameraFX3, SlowReplyFailsAlone)
     }
 }
 
+// A device that keeps time limits is asked by the thread that waits for the answer, for half a second too.
+TEST(CCameraFX3, KeptTimeLimitsNeedNoOtherThread)
+{
+    Camera cam;
+    cam.dev.keepsTimeLimits = true;
+    cam.dev.failStatus = usbstack::Status::TimedOut;
+    const std::thread::id caller = std::this_thread::get_id();
+    bool slow = true;
+    cam.dev.OnFail = [&](const RecordedRequest& r) {
+        EXPECT_EQ(std::this_thread::get_id(), caller);
+        if (slow)
+            platform::SleepMs(r.dwTimeoutMs);
+        return std::exchange(slow, false);
+    };
+    uint8_t b = 0;
+    const uint32_t start = platform::Ticks();
+    EXPECT_FALSE(cam.ReadCameraRegisterByte(1, &b));
+    const uint32_t took = platform::Ticks() - start;
+    EXPECT_GE(took, 490u);
+    EXPECT_LT(took, 750u);
+    EXPECT_TRUE(cam.ReadCameraRegisterByte(2, &b));
+}
+
 // Registers written by several threads while another takes the link away and brings it back.
 TEST(CCameraFX3, LinkReplacedUnderTraffic)
 {
-    Camera cam;
-    std::atomic<bool> bStop = false;
-    std::atomic<int> iGood = 0;
-    const auto Traffic = [&](uint8_t value) {
-        while (!bStop) {
-            iGood += cam.WriteCameraRegisterByte(value, value) ? 1 : 0;
-            cam.ResetEndPoint(0x82);
+    for (const bool keeps : { false, true }) {
+        Camera cam;
+        cam.dev.keepsTimeLimits = keeps;
+        std::atomic<bool> bStop = false;
+        std::atomic<int> iGood = 0;
+        const auto Traffic = [&](uint8_t value) {
+            while (!bStop) {
+                iGood += cam.WriteCameraRegisterByte(value, value) ? 1 : 0;
+                cam.ResetEndPoint(0x82);
+            }
+        };
+        std::thread a(Traffic, uint8_t{ 1 }), b(Traffic, uint8_t{ 2 });
+        for (int i = 0; i < 30; ++i) {
+            cam.ReplaceLink(nullptr);
+            cam.ReplaceLink(new CUsbLink(nullptr, cam.m_guid, true));
+            std::this_thread::sleep_for(std::chrono::milliseconds(2));
         }
-    };
-    std::thread a(Traffic, uint8_t{ 1 }), b(Traffic, uint8_t{ 2 });
-    for (int i = 0; i < 30; ++i) {
-        cam.ReplaceLink(nullptr);
-        cam.ReplaceLink(new CUsbLink(nullptr, cam.m_guid, true));
-        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+        bStop = true;
+        a.join();
+        b.join();
+        EXPECT_GT(iGood, 0);
+        for (const RecordedRequest& r : cam.dev.Take())
+            EXPECT_EQ(r.wValue, r.wIndex);  // no request was put together from two
     }
-    bStop = true;
-    a.join();
-    b.join();
-    EXPECT_GT(iGood, 0);
-    for (const RecordedRequest& r : cam.dev.Take())
-        EXPECT_EQ(r.wValue, r.wIndex);  // no request was put together from two
 }
 
 }  // namespace

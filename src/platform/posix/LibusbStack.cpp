@@ -1061,6 +1061,7 @@ public:
         if (!Foreign())
             m_pHost->Abort(*m_p, bEndpoint);
     }
+    bool KeepsTimeLimits() const override { return true; }
     void AbortControl() override
     {
         if (!Foreign())
