@@ -170,7 +170,7 @@ struct VirtualBus::Impl final : BusHooks {
 
 VirtualBus::VirtualBus(double dClockRate) : m_p(std::make_unique<Impl>(dClockRate))
 {
-    m_p->offer = { 1, this, m_p->dRate };
+    m_p->offer = { usbstack::PLUGIN_VERSION, this, m_p->dRate };
     m_p->events = std::thread([this] { m_p->EventThread(); });
 }
 

@@ -689,6 +689,8 @@ void DemosaicPattern(const BayerFrame& f, int from, int to, uint8_t* dst)
 template <bool kY8>
 void DemosaicAs(const BayerFrame& f, int from, int to, uint8_t* dst)
 {
+    if (f.width < 1)
+        return;
     if (f.gains->identity)
         DemosaicPattern<kY8, GainWay::None>(f, from, to, dst);
     else if (f.gains->blueFactor != 0)

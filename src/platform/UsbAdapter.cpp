@@ -708,7 +708,7 @@ usbstack::IStack* PluginStack()
     if (!entry)
         s_entry = entry = FindPluginEntry();
     const usbstack::Plugin* const p = entry ? entry() : nullptr;
-    const bool usable = p && p->dwVersion == 1 && p->pStack;
+    const bool usable = p && p->dwVersion == usbstack::PLUGIN_VERSION && p->pStack;
     const double rate = usable && p->dClockRate > 0 ? p->dClockRate : 1.0;
     if (s_dRate.exchange(rate) != rate)
         SetClockRate(rate);

@@ -103,8 +103,9 @@ public:
 // A stack that the program or a preloaded library brings along. The library looks for the symbol KOVUsbStackPlugin (C
 // linkage) in the process and asks it at each enumeration and open; a non-null result takes the place of libusb. It may
 // change while no device is open. On Windows the library looks in the program itself and in kovsim.dll, if that is loaded.
+inline constexpr uint32_t PLUGIN_VERSION = 2;  // of these classes; a library takes no other than its own
 struct Plugin {
-    uint32_t dwVersion;  // 1
+    uint32_t dwVersion;  // PLUGIN_VERSION
     IStack* pStack;      // lives until every device of it has been closed and the entry tells another
     double dClockRate;   // how many times faster than real time the library's clock is to run
 };
