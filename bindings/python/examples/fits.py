@@ -32,6 +32,8 @@ def to_fits(frame: kov.Frame, cam: kov.Camera) -> fits.PrimaryHDU:
 
 
 def main() -> None:
+    if len(sys.argv) < 2:
+        sys.exit(__doc__)
     path, seconds = sys.argv[1], float(sys.argv[2]) if len(sys.argv) > 2 else 1.0
     with kov.Camera() as cam:
         to_fits(cam.snap(seconds), cam).writeto(path, overwrite=True)
