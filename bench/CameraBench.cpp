@@ -258,6 +258,15 @@ void RegisterGetImage(const std::shared_ptr<Rig>& r, const Delivery& d)
     // What has to be read and written, at the speed of a copy.
     Register(op, FLOOR, s, [=] { std::memcpy(r->out.data(), r->NextRaw(), (in + d.bytesOut * r->pixels / area) / 2); });
     Register(op, "one copy of the raw frame", s, [=] { std::memcpy(r->work.data(), r->NextRaw(), in); });
+    // A table of 65536 entries fits into no register and takes a load of its own a sample: how long these alone take.
+    if (d.bytesIn == 2 && d.work & GAMMA)
+        Register(op, "one lookup a sample", s, [=] {
+            const auto* const table = reinterpret_cast<const uint16_t*>(r->between.data());
+            const auto* const from = reinterpret_cast<const uint16_t*>(r->NextRaw());
+            auto* const to = reinterpret_cast<uint16_t*>(r->out.data());
+            for (size_t i = 0; i < r->pixels; ++i)
+                to[i] = table[from[i]];
+        });
 #ifdef KOV_BENCH_OPENCV
     if (d.bytesIn == 2 || d.bin != 1 || (d.bRaw && d.work == 0))  // OpenCV has no table of 65536 entries
         return;
