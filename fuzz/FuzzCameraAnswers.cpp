@@ -2,6 +2,7 @@
 // and chunks of frames. Nothing may hang, crash or write behind the host's buffer. The clock runs fast, so waits are short.
 #include <algorithm>
 #include <cstdlib>
+#include <iterator>
 #include <memory>
 #include <mutex>
 #include <vector>
@@ -52,6 +53,10 @@ struct Bench {
     {
         setenv("XDG_CONFIG_HOME", "/nonexistent", 1);  // no settings from run to run
         platform::SetClockRate(20000);
+        std::atexit([] {  // no thread of theirs is left behind
+            for (int32_t id = 0; id < static_cast<int32_t>(std::size(PRODUCTS)); ++id)
+                KOVCloseCamera(id);
+        });
         for (const uint16_t product : PRODUCTS) {
             FakeUsbDevice& device = stack.Add(product);
             device.OnIn = [this](const RecordedRequest&, uint8_t* p, uint16_t n) {
