@@ -2,7 +2,7 @@
 #pragma once
 #include "camera/CCameraBase.h"
 
-class FuzzCamera final : public CCameraBase {
+class FuzzCamera : public CCameraBase {
 public:
     FuzzCamera(int width, int height) : CCameraBase(width, height) { m_pszName = "VYR KOVFuzz"; }
     bool OpenCamera(int) override { return false; }

@@ -52,7 +52,8 @@ for name in "${names[@]}"; do
     clang++ -std=c++20 -g -O1 -w -fsanitize=fuzzer,$sanitizers -fno-sanitize-recover=undefined -Iinclude -Isrc -I. \
         "fuzz/$name.cpp" "${more[@]}" -o "$build/$name" $build/virtual/libkovvirtual.a $build/src/libkovcore.a "${libs[@]}" -lpthread -ldl
     mkdir -p "fuzz/corpus/$name"
-    options=("fuzz/corpus/$name")
+    # To weigh the inputs by the rarity of what they reach takes a quarter of the fastest ones' time.
+    options=("fuzz/corpus/$name" -entropic=0)
     [ -d "fuzz/seeds/$name" ] && options+=("fuzz/seeds/$name")
     [ -f "fuzz/$name.dict" ] && options+=("-dict=fuzz/$name.dict")
     # Open cameras keep threads and memory from run to run, which would be looked through after each.
