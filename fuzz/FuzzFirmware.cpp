@@ -1,13 +1,11 @@
 // Firmware images for every loader, in a block of exactly their size. The first byte chooses the loader, the second whether the
 // camera reads back what was written.
 #include <algorithm>
-#include <cstdlib>
 #include <memory>
+#include <vector>
 
-#include "platform/UsbAdapter.h"
-#include "tests/support/RecordingStack.h"
+#include "fuzz/FuzzLink.h"
 #include "usb/CCameraFX3.h"
-#include "usb/CUsbLink.h"
 #include "usb/FirmwareImages.h"
 
 namespace {
@@ -15,29 +13,21 @@ namespace {
 struct Loader final : CCameraFX3 {
     Loader()
     {
-        device.OnFail = [this](const RecordedRequest& r) {
-            if (!r.bIn)
-                last = r.data;
-            return false;
-        };
-        device.OnIn = [this](const RecordedRequest&, uint8_t* p, uint16_t n) {
+        link.OnVendor = [this](const SetupPacket& s, uint8_t* p, uint32_t n) {
+            if (!(s.bmRequestType & 0x80)) {
+                last.assign(p, p + n);
+                return static_cast<int32_t>(n);
+            }
+            std::fill_n(p, n, uint8_t{ 0 });
             if (faithful)
                 std::copy_n(last.begin(), std::min<size_t>(last.size(), n), p);
+            return static_cast<int32_t>(n);
         };
-        platform::SetUsbStack(&stack);
-        ReplaceLink(new CUsbLink(nullptr, m_guid, true));
-        m_bOpen = true;
+        link.Connect(*this);
         SetFirmware(FirmwareId::LoaderPart1, { part.data(), static_cast<int32_t>(part.size()) });
         SetFirmware(FirmwareId::LoaderPart2, { part.data(), static_cast<int32_t>(part.size()) });
     }
-    ~Loader()
-    {
-        ClearFirmware();
-        ReplaceLink(nullptr);
-        platform::SetUsbStack(nullptr);
-    }
-    RecordingStack stack;
-    FakeUsbDevice& device = stack.Add(0xC11A);
+    FuzzLink link{ 0xC11A };
     std::vector<uint8_t> part = std::vector<uint8_t>(64), last;
     bool faithful = false;
 };
@@ -63,7 +53,5 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     case 3: loader.DownloadBuftoI2CE2PROM(image.get(), static_cast<int32_t>(n), 186); break;
     default: loader.DownloadBuftoSPIFLASH(image.get(), static_cast<uint32_t>(n), 196); break;
     }
-    loader.device.Clear();
-    loader.device.ClearEvents();
     return 0;
 }

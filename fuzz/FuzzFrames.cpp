@@ -101,7 +101,7 @@ int64_t Bench::Chunk(uint8_t* p, uint32_t n)
         link.device.Complete(usbstack::Status::Stall, 0);
         return -1;
     }
-    const uint32_t size = kind < 0xC0 ? n : n * uint64_t{ kind & 63u } / 64;
+    const uint32_t size = kind < 0xC0 ? n : n * (kind & 63u) / 64;
     const uint8_t marks = in.Next();
     std::memset(p, in.Next(), size);
     if (marks & 16)

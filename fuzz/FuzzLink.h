@@ -9,10 +9,10 @@
 #include <string>
 #include <utility>
 
-#include "camera/CCameraBase.h"
 #include "platform/UsbAdapter.h"
 #include "platform/XferRecord.h"
 #include "tests/support/RecordingStack.h"
+#include "usb/CCameraFX3.h"
 #include "usb/CUsbLink.h"
 
 // The input, zeros behind its end.
@@ -43,7 +43,7 @@ public:
         platform::SetUsbStack(&stack);
         platform::SetUsbDriver(this);
     }
-    void Connect(CCameraBase& cam)
+    void Connect(CCameraFX3& cam)
     {
         cam.ReplaceLink(new CUsbLink(nullptr, cam.m_guid, true));
         cam.m_bOpen = true;
