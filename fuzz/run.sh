@@ -56,6 +56,7 @@ for name in "${names[@]}"; do
     options=("fuzz/corpus/$name" -entropic=0)
     [ -d "fuzz/seeds/$name" ] && options+=("fuzz/seeds/$name")
     [ -f "fuzz/$name.dict" ] && options+=("-dict=fuzz/$name.dict")
+    [ "$name" = FuzzAlpaca ] && options+=(-max_len=1024)  # a longer form has only more of the same, and takes longer
     # Open cameras keep threads and memory from run to run, which would be looked through after each.
     [ "$name" = FuzzCameraAnswers ] && options+=(-detect_leaks=0)
     [ -n "${RUNS:-}" ] && options+=("-runs=$RUNS")
