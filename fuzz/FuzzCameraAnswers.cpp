@@ -59,6 +59,7 @@ struct Bench {
         });
         for (const uint16_t product : PRODUCTS) {
             FakeUsbDevice& device = stack.Add(product);
+            device.keepsTimeLimits = true;
             device.OnIn = [this](const RecordedRequest&, uint8_t* p, uint16_t n) {
                 const std::lock_guard lock(mutex);
                 std::generate_n(p, n, [&] { return answers.Next(); });

@@ -1,5 +1,5 @@
-// A link whose device answers what the input says. Vendor requests are answered at the driver, on the calling thread: the
-// adapter's way to its thread costs a hundred times what is tried here. All else goes through the adapter to a fake device.
+// A link whose device answers what the input says. Vendor requests are answered at the driver, on the calling thread, and may be
+// cut short, which the fake device cannot do. All else goes through the adapter to that device.
 #pragma once
 #include <algorithm>
 #include <cstddef>
