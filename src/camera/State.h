@@ -3,6 +3,9 @@
 // Threads. "host": a thread of the application inside an exported function. "WorkingThread": the capture thread.
 // "automation": the auxiliary threads beside it. "cooler": AutoTempThread. Fields of type Shared<> are written by one of
 // them and read by others; the loops read them afresh each pass.
+//
+// Invariants hold between two operations of the host. Another thread may meet a setter half-way: what it indexes a buffer
+// with is bounded where it is read.
 #pragma once
 #include <atomic>
 #include <cstdint>
@@ -23,8 +26,9 @@ enum IMAGE_TYPE {
     IMAGE_16BIT = 4,
 };
 
-// What an image looks like. Host writes, all threads read. Width times bin lies within the sensor, from the start on; the
-// buffers below are made for the full sensor.
+// What an image looks like. Host writes, all threads read.
+// Always: start, and start plus size times bin, lie within the sensor. After SetResolution: m_bOutput16Bits tells whether
+// m_ImgType is one of the 16-bit formats.
 struct RegionState {
     int32_t m_iMaxWidth = 0, m_iMaxHeight = 0;  // sensor pixels; constructor
     Shared<int32_t> m_iWidth, m_iHeight;        // output pixels
@@ -40,6 +44,8 @@ struct RegionState {
 };
 
 // Exposure, clock and line length. Host and automation write, all threads read.
+// From InitCamera on: m_lExposure lies within m_iExpMin and m_iExpMax; before, it is what the settings hold, 0.1 s at most.
+// SetFPSPerc keeps m_iFPSPerc within m_iBandwidthMin and m_iBandwidthMax. QUIRK: Iolite keeps a percentage that it refuses.
 struct ExposureState {
     Shared<uint64_t> m_lExposure;  // us
     Shared<int32_t> m_iExpLines;
@@ -59,6 +65,8 @@ struct ExposureState {
 };
 
 // Gain, gamma and black level. Host and automation write, all threads read.
+// From InitCamera on: m_iGain lies within m_iGainMin and m_iGainMax. QUIRK: m_iGamma (see SetGamma) and m_iBrightness may be
+// any number. m_Gamma8 is the curve of m_iGammaExponent; m_pGamma16 is it too where both exponents are alike.
 struct GainState {
     Shared<int32_t> m_iGain;
     Shared<int32_t> m_iGamma;
@@ -77,6 +85,7 @@ protected:
 };
 
 // White balance and colour. Host and automation write.
+// Of a colour camera m_iWB_R and m_iWB_B lie within m_iWBMin and m_iWBMax, once it is constructed.
 struct BalanceState {
     Shared<int32_t> m_iWB_R, m_iWB_B;
     Shared<bool> m_bAutoWB;
@@ -85,6 +94,7 @@ struct BalanceState {
 };
 
 // What the automation aims at. Host writes, automation reads.
+// QUIRK: a host may write any number; the model's SetGain and SetExp limit what comes of it.
 struct AutomationState {
     Shared<bool> m_bAutoExp, m_bAutoGain;
     Shared<int32_t> m_iAutoGainMax;
@@ -92,7 +102,9 @@ struct AutomationState {
     Shared<int32_t> m_iDestBrightness;
 };
 
-// A running capture and its frames. m_bCapturing and m_ExpStatus change together, under RunControl's lock.
+// A running capture and its frames.
+// At the end of a run m_bCapturing and m_ExpStatus change together, under RunControl's lock. From construction on no buffer
+// is null; all are made for the full sensor.
 struct CaptureState {
     Shared<bool> m_bCapturing;  // host writes, WorkingThread and automation poll
     Shared<bool> m_bStopping;
@@ -109,6 +121,8 @@ struct CaptureState {
 };
 
 // Dark frame. Host writes; the reader of frames collects while m_bGettingDark.
+// m_iDarkNum is 1 to 5. The first m_lDeadPixelNum places of m_pDarkPixels ascend and are those set in m_pDarkTmp; all others
+// are 0. A setting that names a damaged file leaves m_bUsingDark with a dark frame of zeros.
 struct DarkState {
     Shared<bool> m_bUsingDark;
     char m_szBMPPath[256];
@@ -122,17 +136,29 @@ struct DarkState {
 };
 
 // Hot-pixel table. Host, under m_Hot.mutex; the reader of frames sees the list of the region.
+// The first m_iHPCNum places of m_pHotPixels ascend and are set in m_pHPCBuf2. The lists in m_Hot tell what the flags tell;
+// who writes flags himself calls AdjustHPCTable. QUIRK: on USB 2 m_bHPCEnable may be set without a table.
 struct HotPixelFields {
     Shared<bool> m_bHPCEnable;
     Shared<bool> m_bHPCRun;
     Shared<int32_t> m_iHPCNum;  // entries of m_pHotPixels
     int32_t* m_pHotPixels = nullptr;
     int32_t *m_pHPCBuf1 = nullptr, *m_pHPCBuf2 = nullptr;  // flags: full sensor; current region
+    int8_t* m_pTable80 = nullptr;                          // BinPhaseTable: 5 rows of 8 pairs (x, y); 127 is no entry
+
+private:
+    // The functions of camera/HotPixels.cpp.
+    friend class CCameraBase;
+    friend void FitDarkFrame(CCameraBase& cam);
+    friend void FitHotPixels(CCameraBase& cam);
+    friend void SetHotPixels(CCameraBase& cam, std::vector<int32_t> sensor);
+    friend void ForgetHotPixels(CCameraBase& cam);
     HotPixelState m_Hot;
-    int8_t* m_pTable80 = nullptr;  // BinPhaseTable: 5 rows of 8 pairs (x, y); 127 is no entry
 };
 
 // Temperature and cooler. Host and cooler write.
+// Of an initialised cooled camera m_fCoolPowerPerc is 0 to 100; before, and without a cooler, it is what the settings hold.
+// m_bAutoTemp regulates only while m_bTempThrRun.
 struct ThermalState {
     Shared<bool> m_bTempThrRun;  // while set, readers take m_fSensorTemp instead of asking the sensor
     Shared<float> m_fCoolPowerPerc;
@@ -143,6 +169,9 @@ struct ThermalState {
 };
 
 // What the model is and can do. Constructor writes (name and identity: OpenCamera), then all threads read.
+// A default lies within its limits. m_szBins begins with 1, ascends and ends with 0. The first m_iNumOfControls controls of the
+// list differ, all others are 0; white balance is among them of a colour camera, the cooler's just of a cooled one. QUIRK:
+// BerylMono lists white balance too, QuartzMono that of blue.
 struct Capabilities {
     const char* m_pszName = "";
     bool m_bUSB3Camera = true;
@@ -173,6 +202,7 @@ struct Capabilities {
 };
 
 // The open device. Host, and WorkingThread while it reconnects.
+// m_iDevIndex counts from 1. It stays 0 in families that do not keep it (sensors/Model.cpp): they do not reconnect.
 struct DeviceState {
     Shared<int32_t> m_iDevIndex;
     Shared<bool> m_bUSB3Host;

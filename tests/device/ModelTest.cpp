@@ -263,6 +263,56 @@ TEST_P(ModelTest, TellsWhatItIs)
     EXPECT_EQ(i.IsUSB3Host, m.bUSB3 ? KOV_TRUE : KOV_FALSE);
 }
 
+// camera/State.h tells them.
+void ExpectInvariants(const CCameraBase& c)
+{
+    const auto within = [](int64_t v, int64_t lo, int64_t hi, const char* what) {
+        EXPECT_TRUE(lo <= v && v <= hi) << what << ": " << v << " of " << lo << " to " << hi;
+    };
+    within(c.m_iStartX, 0, c.m_iMaxWidth - c.m_iWidth * c.m_iBin, "start column");
+    within(c.m_iStartY, 0, c.m_iMaxHeight - c.m_iHeight * c.m_iBin, "start row");
+    EXPECT_EQ(c.m_bOutput16Bits, c.m_ImgType == IMAGE_16BIT || c.m_ImgType == IMAGE_16BIT_ALT);
+    within(static_cast<int64_t>(c.m_lExposure.Get()), c.m_iExpMin, c.m_iExpMax, "exposure");
+    within(c.m_iGain, c.m_iGainMin, c.m_iGainMax, "gain");
+    within(c.m_iDarkNum, 1, 5, "dark frames");
+    if (c.m_bHasBandwidth && std::strstr(c.m_pszName, "Iolite") == nullptr)
+        within(c.m_iFPSPerc, c.m_iBandwidthMin, c.m_iBandwidthMax, "bandwidth");
+    if (c.m_bIsColor)
+        for (const int v : { c.m_iWB_R.Get(), c.m_iWB_B.Get() })
+            within(v, c.m_iWBMin, c.m_iWBMax, "white balance");
+    if (c.m_bIsCooler)
+        within(static_cast<int64_t>(c.m_fCoolPowerPerc), 0, 100, "cooler's power");
+    within(c.m_iGainDef, c.m_iGainMin, c.m_iGainMax, "default gain");
+    within(c.m_iExpDef, c.m_iExpMin, c.m_iExpMax, "default exposure");
+    within(c.m_iBrightDef, c.m_iBrightMin, c.m_iBrightMax, "default brightness");
+    for (const int v : { c.m_iWB_RDef, c.m_iWB_BDef })
+        within(v, c.m_iWBMin, c.m_iWBMax, "default white balance");
+    EXPECT_EQ(c.m_szBins[0], 1);
+    for (int i = 0; c.m_szBins[i] != 0; ++i)
+        EXPECT_TRUE(c.m_szBins[i + 1] == 0 || c.m_szBins[i + 1] > c.m_szBins[i]);
+    const auto listed = [&](int id) { return std::count(c.m_ControlList, c.m_ControlList + c.m_iNumOfControls, id); };
+    for (int id = 0; id <= CTRL_COOLER_ON; ++id)
+        EXPECT_LE(listed(id), 1) << id;
+    for (const int id : { CTRL_WB_R, CTRL_WB_B })
+        EXPECT_TRUE(listed(id) == 1 || !c.m_bIsColor) << id;
+    for (const int id : { CTRL_COOL_POWER_PERC, CTRL_TARGET_TEMP, CTRL_COOLER_ON })
+        EXPECT_EQ(listed(id), c.m_bIsCooler ? 1 : 0) << id;
+}
+
+TEST_P(ModelTest, Invariants)
+{
+    ASSERT_NO_FATAL_FAILURE(Open(Quiet(Row().wProductId)));
+    const CCameraBase& cam = *CCameraBase::FromID(0);
+    ExpectInvariants(cam);
+    for (const int32_t value : { INT32_MAX, INT32_MIN, 0, 1 })
+        for (int id = 0; id <= CTRL_COOLER_ON; ++id) {
+            SCOPED_TRACE(std::to_string(id) + " set to " + std::to_string(value));
+            KOVSetControlValue(0, static_cast<KOV_CONTROL_TYPE>(id), value, id % 2 != 0 ? KOV_TRUE : KOV_FALSE);
+            KOVSetStartPos(0, value, value);
+            ExpectInvariants(cam);
+        }
+}
+
 TEST_P(ModelTest, FullFrame)
 {
     if (Row().iWidth * Row().iHeight > 5000000)
