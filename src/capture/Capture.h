@@ -55,4 +55,4 @@ private:
 };
 
 // Body of GetImage for all models.
-bool DeliverImage(CCameraBase& cam, IModel& model, uint8_t* pBuffer, int iLength, uint32_t dwWaitMs);
+bool DeliverImage(CCameraBase& cam, IModel& model, uint8_t* buffer, int length, uint32_t waitMs);

@@ -50,10 +50,10 @@ struct DeliveryForm {
     Family family;
     HardBin hardBin;
     Repair repair;
-    bool bTestHead;  // frames with a wrong head may lie in the exchange
-    bool bRotate12;  // 16-bit samples are 12 bits, low byte first, and go to the top of the word
+    bool testHead;  // frames with a wrong head may lie in the exchange
+    bool rotate12;  // 16-bit samples are 12 bits, low byte first, and go to the top of the word
     Flips flips;
-    bool bCopyFirstRow;  // the first row is damaged and takes the third's place
+    bool copyFirstRow;  // the first row is damaged and takes the third's place
 };
 
 // clang-format off
@@ -93,7 +93,7 @@ struct Geometry {
     int w, h, bin;   // output pixels
     int rawW, rawH;  // pixels of the frame as it came
     int softBin;     // what the host bins; 1 is nothing
-    bool is16, bHardBin;
+    bool is16, hardBin;
     int64_t Pixels() const { return int64_t{ rawW } * rawH; }
     int64_t Bytes() const { return Pixels() * (is16 ? 2 : 1); }
 };
@@ -105,18 +105,18 @@ Geometry GeometryOf(const CCameraBase& cam, const DeliveryForm& f)
     g.h = std::clamp<int>(cam.m_iHeight, 0, cam.m_iMaxHeight);
     g.bin = std::clamp<int>(cam.m_iBin, 1, 16);
     g.is16 = cam.m_bOutput16Bits;
-    g.bHardBin = cam.m_bHardwareBin;
+    g.hardBin = cam.m_bHardwareBin;
 
     int factor = g.bin;
     g.softBin = g.bin;
-    if (g.bHardBin) {
-        const bool bHalf = g.bin == 4 && (f.hardBin == HardBin::TwoThreeFour || f.hardBin == HardBin::TwoFour);
-        const bool bWhole = f.hardBin == HardBin::All || f.hardBin == HardBin::TwoThreeFour
-                                ? !bHalf && (f.hardBin == HardBin::All || g.bin == 2 || g.bin == 3)
-                                : (f.hardBin == HardBin::TwoFour && g.bin == 2) || (f.hardBin == HardBin::Three && g.bin == 3);
-        if (bHalf)
+    if (g.hardBin) {
+        const bool half = g.bin == 4 && (f.hardBin == HardBin::TwoThreeFour || f.hardBin == HardBin::TwoFour);
+        const bool whole = f.hardBin == HardBin::All || f.hardBin == HardBin::TwoThreeFour
+                               ? !half && (f.hardBin == HardBin::All || g.bin == 2 || g.bin == 3)
+                               : (f.hardBin == HardBin::TwoFour && g.bin == 2) || (f.hardBin == HardBin::Three && g.bin == 3);
+        if (half)
             factor = g.softBin = 2;
-        else if (bWhole)
+        else if (whole)
             factor = g.softBin = 1;
         else if (f.hardBin == HardBin::TwoThreeFour)
             g.softBin = 1;  // QUIRK: bins beyond the sensor's show a corner of the unbinned frame
@@ -126,9 +126,9 @@ Geometry GeometryOf(const CCameraBase& cam, const DeliveryForm& f)
     g.rawW = g.w * factor;
     g.rawH = g.h * factor;
     // A region that the sensor does not have cannot come from it.
-    const int64_t lRoom = int64_t{ cam.m_iMaxWidth } * cam.m_iMaxHeight;
-    if (g.Pixels() > lRoom) {
-        g.rawH = g.rawW > 0 ? int(lRoom / g.rawW) : 0;
+    const int64_t room = int64_t{ cam.m_iMaxWidth } * cam.m_iMaxHeight;
+    if (g.Pixels() > room) {
+        g.rawH = g.rawW > 0 ? int(room / g.rawW) : 0;
         g.h = g.rawH / factor;
     }
     return g;
@@ -147,15 +147,15 @@ void CopyWord(uint8_t* p, int64_t to, int64_t from, int64_t words)
         std::memmove(p + 4 * to, p + 4 * from, 4);
 }
 
-void RepairMarks(uint8_t* p, const Geometry& g, const DeliveryForm& f, bool bOneRow)
+void RepairMarks(uint8_t* p, const Geometry& g, const DeliveryForm& f, bool oneRow)
 {
     const int64_t words = g.Bytes() / 4;
     const int64_t row = int64_t{ g.rawW } * (g.is16 ? 2 : 1);
-    if (f.bCopyFirstRow && g.Bytes() >= 3 * row)
+    if (f.copyFirstRow && g.Bytes() >= 3 * row)
         std::memcpy(p, p + 2 * row, size_t(row));
     // QUIRK: a host sees the first pixels, and the last, as copies of those two rows further in: two rows keep the Bayer
     // phase, and the monochrome cameras take them too. Only GarnetMono on USB 2 takes one.
-    const int64_t step = bOneRow ? row / 4 : row / 2;
+    const int64_t step = oneRow ? row / 4 : row / 2;
     if (f.repair == Repair::None)
         return;
     CopyWord(p, 0, step, words);
@@ -168,21 +168,21 @@ void RepairMarks(uint8_t* p, const Geometry& g, const DeliveryForm& f, bool bOne
 // Adds the frame to the dark that is being taken.
 void CollectDark(CCameraBase& cam, const Geometry& g, const uint8_t* p)
 {
-    uint16_t* const pSum = cam.m_pDarkSum;
+    uint16_t* const sum = cam.m_pDarkSum;
     const size_t full = size_t(cam.m_iMaxWidth) * size_t(cam.m_iMaxHeight);
     if (cam.m_iDarkCount == 0)
-        std::memset(pSum, 0, full * sizeof *pSum);
+        std::memset(sum, 0, full * sizeof *sum);
     ++cam.m_iDarkCount;
     for (int64_t i = 0, n = g.Pixels(); i < n; ++i)
-        pSum[i] = uint16_t(pSum[i] + p[i]);
-    const int32_t iWanted = std::max<int32_t>(cam.m_iDarkNum, 1);
-    if (cam.m_iDarkCount < iWanted)
+        sum[i] = uint16_t(sum[i] + p[i]);
+    const int32_t wanted = std::max<int32_t>(cam.m_iDarkNum, 1);
+    if (cam.m_iDarkCount < wanted)
         return;
     cam.m_iDarkCount = 0;
-    if (iWanted > 1)
+    if (wanted > 1)
         for (size_t i = 0; i < full; ++i)
-            pSum[i] = uint16_t(pSum[i] / iWanted);
-    cam.AdjustDarkBuff(pSum, cam.m_pDarkBuf);
+            sum[i] = uint16_t(sum[i] / wanted);
+    cam.AdjustDarkBuff(sum, cam.m_pDarkBuf);
     cam.m_bGettingDark = false;
 }
 
@@ -193,26 +193,26 @@ bool IgnoresDarkExposure(const ModelTraits& t)
 }
 
 // Next acceptable frame. The wait starts anew for each frame that is passed over.
-FrameExchange::Lease TakeFrame(CCameraBase& cam, const DeliveryForm& f, int32_t iBytes, uint32_t dwWaitMs)
+FrameExchange::Lease TakeFrame(CCameraBase& cam, const DeliveryForm& f, int32_t bytes, uint32_t waitMs)
 {
     FrameExchange& fx = *cam.m_pFrameExchange;
     // A stretch of damaged frames is read through, but a stream that stays damaged (the host has changed the region while
     // it runs) must not hold a caller who has set a limit.
-    const uint32_t dwStart = platform::Ticks();
-    const uint32_t dwLimit = std::max<uint32_t>(5000, dwWaitMs < 100000 ? 4 * dwWaitMs : dwWaitMs);
-    while (FrameExchange::Lease lease = fx.Take(iBytes, dwWaitMs)) {
-        if (!f.bTestHead)
+    const uint32_t start = platform::Ticks();
+    const uint32_t limit = std::max<uint32_t>(5000, waitMs < 100000 ? 4 * waitMs : waitMs);
+    while (FrameExchange::Lease lease = fx.Take(bytes, waitMs)) {
+        if (!f.testHead)
             return lease;
         if (Head(lease.Frame()) == HEAD_B) {
             // At short exposures a damaged successor tells that this frame is torn. QUIRK: an infinite wait becomes
             // 498 ms for the look ahead.
-            if (cam.m_bSnapMode || cam.m_lExposure >= 100000 || fx.PeekHead(HEAD_B, dwWaitMs * 2 + 500))
+            if (cam.m_bSnapMode || cam.m_lExposure >= 100000 || fx.PeekHead(HEAD_B, waitMs * 2 + 500))
                 return lease;
             TraceLine("*next buf head error*\n");
         } else {
             TraceLine("*buf head error*\n");
         }
-        if (platform::Ticks() - dwStart > dwLimit && dwWaitMs != platform::WAIT_FOREVER)
+        if (platform::Ticks() - start > limit && waitMs != platform::WAIT_FOREVER)
             break;
     }
     return {};
@@ -221,29 +221,29 @@ FrameExchange::Lease TakeFrame(CCameraBase& cam, const DeliveryForm& f, int32_t 
 // What the hot pixels of the frame become. HandleHotPixels repairs m_pImgBuf; of it only the listed pixels and their
 // neighbours are filled in, so the cost goes with the list and not with the frame.
 template <class T>
-std::vector<imaging::Patch> RepairedPixels(CCameraBase& cam, const imaging::FramePlan& plan, int64_t lPixels)
+std::vector<imaging::Patch> RepairedPixels(CCameraBase& cam, const imaging::FramePlan& plan, int64_t count)
 {
     std::vector<imaging::Patch> patches;
-    const int64_t lRoom = int64_t(SensorPixels(cam)) * (sizeof(T) == 1 ? 2 : 1);
+    const int64_t room = int64_t(SensorPixels(cam)) * (sizeof(T) == 1 ? 2 : 1);
     const auto list = [&](std::span<const int32_t> pixels) {
         for (const int32_t e : pixels)
-            if (e >= 0 && e < lPixels)
+            if (e >= 0 && e < count)
                 patches.push_back({ size_t(e), 0 });
     };
     if (cam.m_bHPCEnable)
         list(HotPixelsOfRegion(cam));
-    const size_t nTable = patches.size();
+    const size_t tableCount = patches.size();
     if (cam.m_bUsingDark)
         list(DarkPixelsOfRegion(cam));
     const auto before = [](const imaging::Patch& a, const imaging::Patch& b) { return a.at < b.at; };
-    std::inplace_merge(patches.begin(), patches.begin() + ptrdiff_t(nTable), patches.end(), before);
+    std::inplace_merge(patches.begin(), patches.begin() + ptrdiff_t(tableCount), patches.end(), before);
 
     T* const p = reinterpret_cast<T*>(cam.m_pImgBuf);
     const int64_t s = cam.m_bIsColor + 1, row = s * RepairFrameOf(cam).iWidth;
     // Each pixel and its rows lie elsewhere in memory: they are asked for in good time, not waited for one by one.
     const auto ask = [&](const imaging::Patch& patch) {
         for (const int64_t step : { -row, int64_t{ 0 }, row })
-            if (const int64_t at = int64_t(patch.at) + step; at >= 0 && at < lPixels) {
+            if (const int64_t at = int64_t(patch.at) + step; at >= 0 && at < count) {
                 __builtin_prefetch(reinterpret_cast<const T*>(plan.raw) + at);
                 __builtin_prefetch(p + at, 1);
                 if (plan.dark)
@@ -255,8 +255,8 @@ std::vector<imaging::Patch> RepairedPixels(CCameraBase& cam, const imaging::Fram
         if (k + AHEAD < patches.size())
             ask(patches[k + AHEAD]);
         for (const int64_t step : { int64_t{ 0 }, -row, -s, s, row })
-            if (const int64_t at = int64_t(patches[k].at) + step; at >= 0 && at < lRoom)
-                p[at] = at < lPixels ? imaging::WorkedSample<T>(plan, size_t(at)) : T{ 0 };
+            if (const int64_t at = int64_t(patches[k].at) + step; at >= 0 && at < room)
+                p[at] = at < count ? imaging::WorkedSample<T>(plan, size_t(at)) : T{ 0 };
     }
     cam.HandleHotPixels();
     for (imaging::Patch& patch : patches)
@@ -266,13 +266,13 @@ std::vector<imaging::Patch> RepairedPixels(CCameraBase& cam, const imaging::Fram
 
 // The stages up to the hot pixels. `lut` holds the gamma table meanwhile.
 imaging::FramePlan PlanSamples(CCameraBase& cam, const ModelTraits& t, const DeliveryForm& f, const Geometry& g,
-                               const uint8_t* pRaw, imaging::ByteTable& lut)
+                               const uint8_t* raw, imaging::ByteTable& lut)
 {
     imaging::FramePlan plan;
-    plan.raw = pRaw;
+    plan.raw = raw;
     plan.rawWidth = g.rawW;
     plan.is16 = g.is16;
-    plan.rotate12 = g.is16 && f.bRotate12;
+    plan.rotate12 = g.is16 && f.rotate12;
     if (!g.is16 && cam.m_bUsingDark && (!cam.m_bAutoExp || cam.m_lExposure >= DARK_MIN_EXPOSURE || IgnoresDarkExposure(t))) {
         plan.dark = cam.m_pDarkSum;
         plan.darkOffset = cam.m_iDarkAve;
@@ -323,29 +323,29 @@ imaging::FramePlan FinishInImgBuf(CCameraBase& cam, imaging::FramePlan plan, int
 }
 
 // The values of m_pImgBuf three times over, in fields of 10 bits.
-void PutTenBitFields(const CCameraBase& cam, uint8_t* pBuffer, size_t n)
+void PutTenBitFields(const CCameraBase& cam, uint8_t* buffer, size_t n)
 {
     for (size_t i = 0; i < n; ++i) {
         uint16_t w;
         std::memcpy(&w, cam.m_pImgBuf + 2 * i, sizeof w);
         const uint32_t v = w * 0x100401u;
-        std::memcpy(pBuffer + 4 * i, &v, sizeof v);
+        std::memcpy(buffer + 4 * i, &v, sizeof v);
     }
 }
 
-// Ends the plan with the output that the host has chosen, and has it walked. The output holds lLength bytes and no more,
+// Ends the plan with the output that the host has chosen, and has it walked. The output holds length bytes and no more,
 // whatever the region has become.
-void PutImage(CCameraBase& cam, const ModelTraits& t, imaging::FramePlan plan, uint8_t* pBuffer, int64_t lLength)
+void PutImage(CCameraBase& cam, const ModelTraits& t, imaging::FramePlan plan, uint8_t* buffer, int64_t length)
 {
     using imaging::Output;
     const IMAGE_TYPE type = cam.m_ImgType;
     if (type == IMAGE_16BIT_ALT) {
         FinishInImgBuf(cam, plan, plan.width, plan.height, plan.is16);
-        PutTenBitFields(cam, pBuffer, std::min(size_t(lLength) / 4, SensorPixels(cam)));
+        PutTenBitFields(cam, buffer, std::min(size_t(length) / 4, SensorPixels(cam)));
         return;
     }
-    const bool bColour = type == IMAGE_RGB24 || type == IMAGE_YUV;
-    const Output output = bColour                                               ? (t.bColor ? Output::Colour24 : Output::Grey24)
+    const bool colour = type == IMAGE_RGB24 || type == IMAGE_YUV;
+    const Output output = colour                                                ? (t.bColor ? Output::Colour24 : Output::Grey24)
                           : type == IMAGE_8BIT && t.bColor && !cam.m_bRawOutput ? Output::Luminance
                                                                                 : Output::Samples;
     const auto phase = imaging::PhaseAfterFlips(cam.m_ColorBayer, plan.mirrorRows, plan.reverseRows);
@@ -355,47 +355,47 @@ void PutImage(CCameraBase& cam, const ModelTraits& t, imaging::FramePlan plan, u
     plan.output = output;
     plan.gains = &gains;
     plan.phase = phase.value_or(imaging::PHASE_RG);
-    plan.bytes = size_t(lLength);
-    const bool bNoPattern = !phase && (output == Output::Colour24 || output == Output::Luminance);
-    const int h = plan.width > 0 ? int(std::min<int64_t>(plan.height, lLength / (int64_t{ plan.width } * (type == IMAGE_YUV ? 2
-                                                                                                          : bColour         ? 3
-                                                                                                                    : 1))))
+    plan.bytes = size_t(length);
+    const bool noPattern = !phase && (output == Output::Colour24 || output == Output::Luminance);
+    const int h = plan.width > 0 ? int(std::min<int64_t>(plan.height, length / (int64_t{ plan.width } * (type == IMAGE_YUV ? 2
+                                                                                                         : colour          ? 3
+                                                                                                                           : 1))))
                                  : 0;
     if (type == IMAGE_YUV) {
         plan.bytes = size_t(h) * size_t(std::max(plan.width, 0)) * 3;
-        if (!bNoPattern)
+        if (!noPattern)
             imaging::Walk(plan, cam.m_pRGBBuf);
-        cam.m_Algorithm.RGB2YUV2(cam.m_pRGBBuf, pBuffer, plan.width, h, true);
+        cam.m_Algorithm.RGB2YUV2(cam.m_pRGBBuf, buffer, plan.width, h, true);
         return;
     }
-    if (!bNoPattern)
-        imaging::Walk(plan, pBuffer);
+    if (!noPattern)
+        imaging::Walk(plan, buffer);
     if (type != IMAGE_16BIT && cam.m_bTimeMark && h >= cam.m_iHeight)  // the mark knows the image by m_iHeight
-        cam.AddTimeMark(pBuffer, plan.width, type);
+        cam.AddTimeMark(buffer, plan.width, type);
 }
 
 }  // namespace
 
-bool DeliverImage(CCameraBase& cam, IModel& model, uint8_t* pBuffer, int iLength, uint32_t dwWaitMs)
+bool DeliverImage(CCameraBase& cam, IModel& model, uint8_t* buffer, int length, uint32_t waitMs)
 {
     // Two threads in here would work on one m_pImgBuf.
-    const FrameExchange::Turn turn(*cam.m_pFrameExchange, dwWaitMs);
+    const FrameExchange::Turn turn(*cam.m_pFrameExchange, waitMs);
     if (!turn)
         return false;
     const ModelTraits& t = model.Traits();
     const DeliveryForm& f = FormOf(t);
     const Geometry g = GeometryOf(cam, f);
-    const FrameExchange::Lease lease = TakeFrame(cam, f, int32_t(g.Bytes()), dwWaitMs);
+    const FrameExchange::Lease lease = TakeFrame(cam, f, int32_t(g.Bytes()), waitMs);
     if (!lease)
         return false;
 
-    uint8_t* const pRaw = lease.Frame();
-    RepairMarks(pRaw, g, f, t.family == Family::Garnet && !t.bColor);
+    uint8_t* const raw = lease.Frame();
+    RepairMarks(raw, g, f, t.family == Family::Garnet && !t.bColor);
     if (!g.is16 && cam.m_bGettingDark)
-        CollectDark(cam, g, pRaw);
+        CollectDark(cam, g, raw);
 
     imaging::ByteTable gamma;
-    imaging::FramePlan plan = PlanSamples(cam, t, f, g, pRaw, gamma);
+    imaging::FramePlan plan = PlanSamples(cam, t, f, g, raw, gamma);
     const auto patches =
         g.is16 ? RepairedPixels<uint16_t>(cam, plan, g.Pixels()) : RepairedPixels<uint8_t>(cam, plan, g.Pixels());
     plan.patches = patches;
@@ -403,6 +403,6 @@ bool DeliverImage(CCameraBase& cam, IModel& model, uint8_t* pBuffer, int iLength
     // QUIRK: where flips and no bin is the rule, bin 2 shows the beginning of the unbinned frame.
     if (f.flips == Flips::NoBin && g.rawW != g.w)
         plan = FinishInImgBuf(cam, plan, g.w, g.h, g.is16);
-    PutImage(cam, t, plan, pBuffer, std::max(iLength, 0));
+    PutImage(cam, t, plan, buffer, std::max(length, 0));
     return true;
 }
