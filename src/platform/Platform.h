@@ -99,14 +99,14 @@ private:
 // --- messages -------------------------------------------------------------------------------------------------------
 
 // A message box without owner window where the platform has one, a line on standard error elsewhere.
-void ShowMessage(const char* szText, const char* szTitle);
+void ShowMessage(const char* text, const char* title);
 // Tests only: takes the messages instead, on the thread that shows them. nullptr brings the default back.
-void SetMessageSink(void (*pSink)(const char* szText, const char* szTitle));
-void ShowNativeMessage(const char* szText, const char* szTitle);
+void SetMessageSink(void (*pSink)(const char* text, const char* title));
+void ShowNativeMessage(const char* text, const char* title);
 
 // --- files ----------------------------------------------------------------------------------------------------------
 
 // As fopen. Paths are what hosts pass: the bytes of the file system; on Windows UTF-8, or else text of the ANSI code page.
-std::FILE* OpenFile(const char* szPath, const char* szMode);
+std::FILE* OpenFile(const char* path, const char* mode);
 
 }  // namespace platform

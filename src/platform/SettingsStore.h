@@ -20,18 +20,18 @@ constexpr uint32_t STORE_FAILED = 31;
 class SettingsKey {
 public:
     virtual ~SettingsKey() = default;
-    // *pdwCount holds the size of pData on entry. A value that fits is copied and *pdwCount becomes its size
-    // (STORE_OK); one that does not fit copies nothing and *pdwCount becomes the size needed (STORE_MORE_DATA); one
+    // *count holds the size of data on entry. A value that fits is copied and *count becomes its size
+    // (STORE_OK); one that does not fit copies nothing and *count becomes the size needed (STORE_MORE_DATA); one
     // that is absent changes nothing (STORE_NOT_FOUND).
-    virtual uint32_t Query(const wchar_t* szName, void* pData, uint32_t* pdwCount) = 0;
-    virtual uint32_t Set(const wchar_t* szName, uint32_t dwType, const void* pData, uint32_t dwSize) = 0;
+    virtual uint32_t Query(const wchar_t* name, void* data, uint32_t* count) = 0;
+    virtual uint32_t Set(const wchar_t* name, uint32_t type, const void* data, uint32_t size) = 0;
 };
 
-// nullptr when the key does not exist or cannot be read. szKey as in L"SOFTWARE\\KOVQuartzCol". A key that is there but
+// nullptr when the key does not exist or cannot be read. key as in L"SOFTWARE\\KOVQuartzCol". A key that is there but
 // could not be read stays as it is: until it has been read, values set in this process only join those it has.
-std::unique_ptr<SettingsKey> OpenSettings(const wchar_t* szKey);
+std::unique_ptr<SettingsKey> OpenSettings(const wchar_t* key);
 // Opens the key for setting; makes it where it does not exist. nullptr when the store cannot be used.
-std::unique_ptr<SettingsKey> CreateSettings(const wchar_t* szKey);
+std::unique_ptr<SettingsKey> CreateSettings(const wchar_t* key);
 // Returns when everything handed over is kept, or has been given up and told in the log. Waits some seconds at most.
 void FlushSettings();
 

@@ -71,32 +71,32 @@ public:
 
     // Device information: a snapshot of the present devices of one interface GUID, in a stable order.
     using DevInfo = void*;
-    virtual DevInfo GetClassDevs(const Guid& guid) = 0;         // nullptr on failure
-    virtual bool EnumInterface(DevInfo, uint32_t dwIndex) = 0;  // ERROR_NO_MORE past the end
-    virtual bool EnumInfo(DevInfo, uint32_t dwIndex) = 0;
-    virtual bool GetProperty(DevInfo, uint32_t dwIndex, uint32_t dwProperty, char* pOut, uint32_t dwSize) = 0;
-    virtual bool GetInterfacePath(DevInfo, uint32_t dwIndex, std::string* psPath) = 0;
+    virtual DevInfo GetClassDevs(const Guid& guid) = 0;       // nullptr on failure
+    virtual bool EnumInterface(DevInfo, uint32_t index) = 0;  // ERROR_NO_MORE past the end
+    virtual bool EnumInfo(DevInfo, uint32_t index) = 0;
+    virtual bool GetProperty(DevInfo, uint32_t index, uint32_t property, char* out, uint32_t size) = 0;
+    virtual bool GetInterfacePath(DevInfo, uint32_t index, std::string* path) = 0;
     virtual void DestroyList(DevInfo) = 0;
 
     // Opens for parallel overlapped requests. INVALID_DEVICE on failure.
-    virtual DeviceHandle Open(const char* szPath) = 0;
+    virtual DeviceHandle Open(const char* path) = 0;
     // After it returns nothing writes into a caller's memory any more.
     virtual bool Close(DeviceHandle) = 0;
     // Takes the device for this process; ERROR_SHARED while another has it. A driver that shares devices always agrees.
     virtual bool Claim(DeviceHandle) { return true; }
 
-    // Without pOverlapped it blocks until done. With it: true when done at once, else false with ERROR_PENDING, and the
-    // record's event is signalled later; pIn, pOut and the record must live until then.
-    virtual bool IoControl(DeviceHandle, uint32_t dwCode, void* pIn, uint32_t dwIn, void* pOut, uint32_t dwOut,
-                           uint32_t* pdwBytes, Overlapped* pOverlapped) = 0;
-    // ERROR_INCOMPLETE while the request is out (bWait false): the caller gives it up with that and may free pIn, record
+    // Without overlapped it blocks until done. With it: true when done at once, else false with ERROR_PENDING, and the
+    // record's event is signalled later; in, out and the record must live until then.
+    virtual bool IoControl(DeviceHandle, uint32_t code, void* in, uint32_t inBytes, void* out, uint32_t outBytes, uint32_t* moved,
+                           Overlapped* overlapped) = 0;
+    // ERROR_INCOMPLETE while the request is out (wait false): the caller gives it up with that and may free in, record
     // and event; a buffer of IO_DIRECT is still written to until the pipe is aborted or the device closed. A record that
     // was never begun gives ERROR_BAD_PARAMETER.
-    virtual bool GetResult(DeviceHandle, Overlapped*, uint32_t* pdwBytes, bool bWait) = 0;
+    virtual bool GetResult(DeviceHandle, Overlapped*, uint32_t* moved, bool wait) = 0;
 
     // Arrival and removal notices, for a window handle or for an open device. nullptr on failure.
-    virtual void* RegisterInterfaceNotice(void* hWnd, const void* pFilter) = 0;
-    virtual void* RegisterHandleNotice(void* hWnd, const void* pFilter) = 0;
+    virtual void* RegisterInterfaceNotice(void* hWnd, const void* filter) = 0;
+    virtual void* RegisterHandleNotice(void* hWnd, const void* filter) = 0;
     virtual bool UnregisterNotice(void* hNotice) = 0;
 };
 
@@ -127,7 +127,7 @@ public:
 
 // The error of the calling thread's last driver call.
 uint32_t LastError();
-void SetLastError(uint32_t dwError);
+void SetLastError(uint32_t error);
 
 IUsbDriver& UsbDriver();         // the driver of this process
 void SetUsbDriver(IUsbDriver*);  // tests only: nullptr brings the default back

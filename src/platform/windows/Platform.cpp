@@ -37,14 +37,14 @@ private:
 
 double CounterMs()
 {
-    static const double s_dPerMs = [] {
+    static const double s_perMs = [] {
         LARGE_INTEGER f;
         QueryPerformanceFrequency(&f);
         return double(f.QuadPart) / 1000.0;
     }();
     LARGE_INTEGER n;
     QueryPerformanceCounter(&n);
-    return double(n.QuadPart) / s_dPerMs;
+    return double(n.QuadPart) / s_perMs;
 }
 
 std::atomic<double> g_dRate = 1.0;
@@ -53,19 +53,19 @@ std::atomic<double> g_dRate = 1.0;
 // performance counter, which goes on where the tick count stood.
 struct Clock {
     SRWLOCK lock = SRWLOCK_INIT;
-    bool bScaled = false;
-    double dRealBase = 0, dScaledBase = 0;  // ms
+    bool scaled = false;
+    double realBase = 0, scaledBase = 0;  // ms
 };
 
 Clock& TheClock()
 {
-    static Clock* const s_pClock = new Clock;  // never destroyed: threads may outlive static destruction
-    return *s_pClock;
+    static Clock* const s_clock = new Clock;  // never destroyed: threads may outlive static destruction
+    return *s_clock;
 }
 
 double ScaledNow(const Clock& c)  // its lock is held
 {
-    return c.bScaled ? c.dScaledBase + (CounterMs() - c.dRealBase) * ClockRate() : double(GetTickCount64());
+    return c.scaled ? c.scaledBase + (CounterMs() - c.realBase) * ClockRate() : double(GetTickCount64());
 }
 
 // The real time of a wait, rounded up to what the system can wait; a limit other than 0 stays one.
@@ -94,18 +94,18 @@ uint32_t Ticks()
 
 void SleepMs(uint32_t ms)
 {
-    const double dRate = ClockRate();
-    if (ms == 0 || dRate == 1.0) {
+    const double rate = ClockRate();
+    if (ms == 0 || rate == 1.0) {
         Sleep(ms);
         return;
     }
     // With the clock running fast most sleeps are shorter than the millisecond that Sleep counts in. The system's own call
     // below it counts 100 ns; how fine it really is depends on the system's timer.
-    using Delay = LONG(__stdcall*)(BOOLEAN bAlertable, const LARGE_INTEGER* pTime);
+    using Delay = LONG(__stdcall*)(BOOLEAN alertable, const LARGE_INTEGER* due);
     static const auto s_delay =
         reinterpret_cast<Delay>(reinterpret_cast<void*>(GetProcAddress(GetModuleHandleW(L"ntdll.dll"), "NtDelayExecution")));
     LARGE_INTEGER time;
-    time.QuadPart = -LONGLONG(double(ms) / dRate * 10000.0 + 0.5);  // negative: from now
+    time.QuadPart = -LONGLONG(double(ms) / rate * 10000.0 + 0.5);  // negative: from now
     if (s_delay)
         s_delay(FALSE, &time);
     else
@@ -125,9 +125,9 @@ void SetClockRate(double rate)
         return;
     Clock& c = TheClock();
     AcquireSRWLockExclusive(&c.lock);
-    c.dScaledBase = ScaledNow(c);
-    c.dRealBase = CounterMs();
-    c.bScaled = true;
+    c.scaledBase = ScaledNow(c);
+    c.realBase = CounterMs();
+    c.scaled = true;
     g_dRate = rate;
     ReleaseSRWLockExclusive(&c.lock);
 }
@@ -196,23 +196,23 @@ uint32_t Thread::Wait(uint32_t ms) { return m_p->thread ? WaitOn(m_p->thread, ms
 
 // --- messages -------------------------------------------------------------------------------------------------------
 
-void ShowNativeMessage(const char* szText, const char* szTitle) { MessageBoxA(nullptr, szText, szTitle, MB_OK); }
+void ShowNativeMessage(const char* text, const char* title) { MessageBoxA(nullptr, text, title, MB_OK); }
 
 // --- files ----------------------------------------------------------------------------------------------------------
 
-std::FILE* OpenFile(const char* szPath, const char* szMode)
+std::FILE* OpenFile(const char* path, const char* mode)
 {
     // Text of an ANSI code page is hardly ever valid UTF-8; where it is, the file as the code page names it comes second.
-    const int n = MultiByteToWideChar(CP_UTF8, MB_ERR_INVALID_CHARS, szPath, -1, nullptr, 0);
+    const int n = MultiByteToWideChar(CP_UTF8, MB_ERR_INVALID_CHARS, path, -1, nullptr, 0);
     if (n > 0) {
-        std::wstring sPath(size_t(n), L'\0');
-        MultiByteToWideChar(CP_UTF8, MB_ERR_INVALID_CHARS, szPath, -1, sPath.data(), n);
-        const std::wstring sMode(szMode, szMode + std::strlen(szMode));
-        std::FILE* const f = _wfopen(sPath.c_str(), sMode.c_str());
-        if (f || szMode[0] != 'r')
+        std::wstring widePath(size_t(n), L'\0');
+        MultiByteToWideChar(CP_UTF8, MB_ERR_INVALID_CHARS, path, -1, widePath.data(), n);
+        const std::wstring wideMode(mode, mode + std::strlen(mode));
+        std::FILE* const f = _wfopen(widePath.c_str(), wideMode.c_str());
+        if (f || mode[0] != 'r')
             return f;
     }
-    return std::fopen(szPath, szMode);
+    return std::fopen(path, mode);
 }
 
 }  // namespace platform

@@ -14,17 +14,17 @@ public:
     explicit RegistryKey(HKEY h) : m_h(h) {}
     ~RegistryKey() override { RegCloseKey(m_h); }
 
-    uint32_t Query(const wchar_t* szName, void* pData, uint32_t* pdwCount) override
+    uint32_t Query(const wchar_t* name, void* data, uint32_t* count) override
     {
-        DWORD dwCount = *pdwCount;
-        const LSTATUS lResult = RegQueryValueExW(m_h, szName, nullptr, nullptr, static_cast<BYTE*>(pData), &dwCount);
-        if (lResult == ERROR_SUCCESS || lResult == ERROR_MORE_DATA)
-            *pdwCount = dwCount;
-        return static_cast<uint32_t>(lResult);
+        DWORD bytes = *count;
+        const LSTATUS result = RegQueryValueExW(m_h, name, nullptr, nullptr, static_cast<BYTE*>(data), &bytes);
+        if (result == ERROR_SUCCESS || result == ERROR_MORE_DATA)
+            *count = bytes;
+        return static_cast<uint32_t>(result);
     }
-    uint32_t Set(const wchar_t* szName, uint32_t dwType, const void* pData, uint32_t dwSize) override
+    uint32_t Set(const wchar_t* name, uint32_t type, const void* data, uint32_t size) override
     {
-        return static_cast<uint32_t>(RegSetValueExW(m_h, szName, 0, dwType, static_cast<const BYTE*>(pData), dwSize));
+        return static_cast<uint32_t>(RegSetValueExW(m_h, name, 0, type, static_cast<const BYTE*>(data), size));
     }
 
 private:
@@ -32,16 +32,16 @@ private:
 };
 
 template <class Operation>
-std::unique_ptr<SettingsKey> Key(Operation operation, const wchar_t* szKey)
+std::unique_ptr<SettingsKey> Key(Operation operation, const wchar_t* key)
 {
     HKEY h = nullptr;
-    return operation(HKEY_CURRENT_USER, szKey, &h) == ERROR_SUCCESS ? std::make_unique<RegistryKey>(h) : nullptr;
+    return operation(HKEY_CURRENT_USER, key, &h) == ERROR_SUCCESS ? std::make_unique<RegistryKey>(h) : nullptr;
 }
 
 }  // namespace
 
-std::unique_ptr<SettingsKey> OpenSettings(const wchar_t* szKey) { return Key(&RegOpenKeyW, szKey); }
-std::unique_ptr<SettingsKey> CreateSettings(const wchar_t* szKey) { return Key(&RegCreateKeyW, szKey); }
+std::unique_ptr<SettingsKey> OpenSettings(const wchar_t* key) { return Key(&RegOpenKeyW, key); }
+std::unique_ptr<SettingsKey> CreateSettings(const wchar_t* key) { return Key(&RegCreateKeyW, key); }
 void FlushSettings() {}  // every value is written when it is set
 
 }  // namespace platform

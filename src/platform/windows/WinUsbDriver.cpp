@@ -34,10 +34,10 @@ constexpr DWORD DETAIL_HEAD = 8, DETAIL_PATH_AT = 4;
 constexpr int CANCEL_LIMIT_MS = 2000;
 
 // The system's own error is not kept between calls: allocations and locks in between change it.
-bool Told(bool bOk)
+bool Told(bool ok)
 {
-    SetLastError(bOk ? ERROR_NONE : ::GetLastError());
-    return bOk;
+    SetLastError(ok ? ERROR_NONE : ::GetLastError());
+    return ok;
 }
 
 struct List {
@@ -47,15 +47,15 @@ struct List {
 List& ListOf(IUsbDriver::DevInfo h) { return *static_cast<List*>(h); }
 HANDLE File(DeviceHandle h) { return reinterpret_cast<HANDLE>(h); }
 
-bool FindInterface(const List& list, DWORD dwIndex, SP_DEVICE_INTERFACE_DATA* pData)
+bool FindInterface(const List& list, DWORD index, SP_DEVICE_INTERFACE_DATA* data)
 {
-    pData->cbSize = sizeof *pData;
-    return Told(SetupDiEnumDeviceInterfaces(list.h, nullptr, &list.guid, dwIndex, pData) != 0);
+    data->cbSize = sizeof *data;
+    return Told(SetupDiEnumDeviceInterfaces(list.h, nullptr, &list.guid, index, data) != 0);
 }
-bool FindInfo(const List& list, DWORD dwIndex, SP_DEVINFO_DATA* pData)
+bool FindInfo(const List& list, DWORD index, SP_DEVINFO_DATA* data)
 {
-    pData->cbSize = sizeof *pData;
-    return Told(SetupDiEnumDeviceInfo(list.h, dwIndex, pData) != 0);
+    data->cbSize = sizeof *data;
+    return Told(SetupDiEnumDeviceInfo(list.h, index, data) != 0);
 }
 
 // An overlapped request that the kernel has. Its record and its copy of the input are ours, so a caller that gives it up
@@ -64,13 +64,13 @@ struct Request {
     OVERLAPPED ov{};
     HANDLE hFile = nullptr;
     std::vector<uint8_t> block;
-    void* pCaller = nullptr;  // where the block goes back to, inside the caller's own calls only
+    void* caller = nullptr;  // where the block goes back to, inside the caller's own calls only
 
     bool IsDone() const { return HasOverlappedIoCompleted(&ov); }
     void GiveBack() const
     {
         if (!block.empty())
-            std::memcpy(pCaller, block.data(), block.size());
+            std::memcpy(caller, block.data(), block.size());
     }
 };
 
@@ -83,40 +83,40 @@ public:
         list.h = SetupDiGetClassDevsA(&list.guid, nullptr, nullptr, LIST_FLAGS);
         return Told(list.h != INVALID_HANDLE_VALUE) ? new List(list) : nullptr;
     }
-    bool EnumInterface(DevInfo h, uint32_t dwIndex) override
+    bool EnumInterface(DevInfo h, uint32_t index) override
     {
         SP_DEVICE_INTERFACE_DATA data{};
-        return FindInterface(ListOf(h), dwIndex, &data);
+        return FindInterface(ListOf(h), index, &data);
     }
-    bool EnumInfo(DevInfo h, uint32_t dwIndex) override
+    bool EnumInfo(DevInfo h, uint32_t index) override
     {
         SP_DEVINFO_DATA data{};
-        return FindInfo(ListOf(h), dwIndex, &data);
+        return FindInfo(ListOf(h), index, &data);
     }
-    bool GetProperty(DevInfo h, uint32_t dwIndex, uint32_t dwProperty, char* pOut, uint32_t dwSize) override
+    bool GetProperty(DevInfo h, uint32_t index, uint32_t property, char* out, uint32_t size) override
     {
         SP_DEVINFO_DATA data{};
-        return FindInfo(ListOf(h), dwIndex, &data) &&
-               Told(SetupDiGetDeviceRegistryPropertyA(ListOf(h).h, &data, dwProperty, nullptr, reinterpret_cast<BYTE*>(pOut),
-                                                      dwSize, nullptr) != 0);
+        return FindInfo(ListOf(h), index, &data) &&
+               Told(SetupDiGetDeviceRegistryPropertyA(ListOf(h).h, &data, property, nullptr, reinterpret_cast<BYTE*>(out), size,
+                                                      nullptr) != 0);
     }
-    bool GetInterfacePath(DevInfo h, uint32_t dwIndex, std::string* psPath) override
+    bool GetInterfacePath(DevInfo h, uint32_t index, std::string* path) override
     {
         SP_DEVICE_INTERFACE_DATA data{};
-        if (!FindInterface(ListOf(h), dwIndex, &data))
+        if (!FindInterface(ListOf(h), index, &data))
             return false;
-        DWORD dwNeeded = 0;
-        SetupDiGetDeviceInterfaceDetailA(ListOf(h).h, &data, nullptr, 0, &dwNeeded, nullptr);
-        if (dwNeeded <= DETAIL_PATH_AT)
+        DWORD needed = 0;
+        SetupDiGetDeviceInterfaceDetailA(ListOf(h).h, &data, nullptr, 0, &needed, nullptr);
+        if (needed <= DETAIL_PATH_AT)
             return Told(false);
         // In words, for the alignment of the record.
-        std::vector<uint64_t> block((dwNeeded + 7) / 8 + 1);
-        auto* const pDetail = reinterpret_cast<SP_DEVICE_INTERFACE_DETAIL_DATA_A*>(block.data());
-        pDetail->cbSize = DETAIL_HEAD;
-        if (!Told(SetupDiGetDeviceInterfaceDetailA(ListOf(h).h, &data, pDetail, dwNeeded, nullptr, nullptr) != 0))
+        std::vector<uint64_t> block((needed + 7) / 8 + 1);
+        auto* const detail = reinterpret_cast<SP_DEVICE_INTERFACE_DETAIL_DATA_A*>(block.data());
+        detail->cbSize = DETAIL_HEAD;
+        if (!Told(SetupDiGetDeviceInterfaceDetailA(ListOf(h).h, &data, detail, needed, nullptr, nullptr) != 0))
             return false;
         // The needed size counts the head of 4 bytes and the path's end.
-        psPath->assign(reinterpret_cast<const char*>(block.data()) + DETAIL_PATH_AT, dwNeeded - DETAIL_PATH_AT - 1);
+        path->assign(reinterpret_cast<const char*>(block.data()) + DETAIL_PATH_AT, needed - DETAIL_PATH_AT - 1);
         return true;
     }
     void DestroyList(DevInfo h) override
@@ -125,9 +125,9 @@ public:
         delete &ListOf(h);
     }
 
-    DeviceHandle Open(const char* szPath) override
+    DeviceHandle Open(const char* path) override
     {
-        const HANDLE h = CreateFileA(szPath, GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
+        const HANDLE h = CreateFileA(path, GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
                                      OPEN_EXISTING, FILE_FLAG_OVERLAPPED, nullptr);
         Told(h != INVALID_HANDLE_VALUE);
         return reinterpret_cast<DeviceHandle>(h);
@@ -141,57 +141,57 @@ public:
         for (const auto& r : out)
             for (int i = 0; i < CANCEL_LIMIT_MS && !r->IsDone(); ++i)
                 Sleep(1);
-        const bool bOk = Told(CloseHandle(File(h)) != 0);
+        const bool ok = Told(CloseHandle(File(h)) != 0);
         for (auto& r : out)
             if (!r->IsDone())
                 static_cast<void>(r.release());
-        return bOk;
+        return ok;
     }
 
-    bool IoControl(DeviceHandle h, uint32_t dwCode, void* pIn, uint32_t dwIn, void* pOut, uint32_t dwOut, uint32_t* pdwBytes,
-                   Overlapped* pOverlapped) override
+    bool IoControl(DeviceHandle h, uint32_t code, void* in, uint32_t inBytes, void* out, uint32_t outBytes, uint32_t* moved,
+                   Overlapped* overlapped) override
     {
-        DWORD dwBytes = 0;
+        DWORD bytes = 0;
         // An abort is waited for by its caller to the end, without fetching a result.
-        if (!pOverlapped || dwCode == IO_ABORT_PIPE) {
-            const BOOL bOk =
-                DeviceIoControl(File(h), dwCode, pIn, dwIn, pOut, dwOut, &dwBytes, reinterpret_cast<OVERLAPPED*>(pOverlapped));
-            Told(bOk != 0);
-            *pdwBytes = dwBytes;
-            return bOk != 0;
+        if (!overlapped || code == IO_ABORT_PIPE) {
+            const BOOL ok =
+                DeviceIoControl(File(h), code, in, inBytes, out, outBytes, &bytes, reinterpret_cast<OVERLAPPED*>(overlapped));
+            Told(ok != 0);
+            *moved = bytes;
+            return ok != 0;
         }
-        GiveUp(pOverlapped);
+        GiveUp(overlapped);
         auto owner = std::make_unique<Request>();
         Request& r = *owner;
         r.hFile = File(h);
-        r.ov.hEvent = pOverlapped->hEvent;
-        r.pCaller = pIn;
-        r.block.assign(static_cast<uint8_t*>(pIn), static_cast<uint8_t*>(pIn) + dwIn);
+        r.ov.hEvent = overlapped->hEvent;
+        r.caller = in;
+        r.block.assign(static_cast<uint8_t*>(in), static_cast<uint8_t*>(in) + inBytes);
         {
             // Before the kernel has it: another thread may close the file.
             const std::lock_guard l(m_mutex);
-            m_slots[pOverlapped] = std::move(owner);
+            m_slots[overlapped] = std::move(owner);
         }
-        const BOOL bOk =
-            DeviceIoControl(File(h), dwCode, r.block.data(), dwIn, pOut == pIn ? r.block.data() : pOut, dwOut, &dwBytes, &r.ov);
-        const DWORD dwError = bOk ? ERROR_NONE : ::GetLastError();
-        if (dwError != ERROR_PENDING)
+        const BOOL ok =
+            DeviceIoControl(File(h), code, r.block.data(), inBytes, out == in ? r.block.data() : out, outBytes, &bytes, &r.ov);
+        const DWORD error = ok ? ERROR_NONE : ::GetLastError();
+        if (error != ERROR_PENDING)
             r.GiveBack();
-        if (dwError != ERROR_NONE && dwError != ERROR_PENDING) {
+        if (error != ERROR_NONE && error != ERROR_PENDING) {
             const std::lock_guard l(m_mutex);
-            m_slots.erase(pOverlapped);
+            m_slots.erase(overlapped);
         }
-        *pdwBytes = dwBytes;
-        SetLastError(dwError);
-        return bOk != 0;
+        *moved = bytes;
+        SetLastError(error);
+        return ok != 0;
     }
-    bool GetResult(DeviceHandle h, Overlapped* pOverlapped, uint32_t* pdwBytes, bool bWait) override
+    bool GetResult(DeviceHandle h, Overlapped* overlapped, uint32_t* moved, bool wait) override
     {
-        *pdwBytes = 0;
+        *moved = 0;
         std::unique_ptr<Request> r;
         {
             const std::lock_guard l(m_mutex);
-            const auto it = m_slots.find(pOverlapped);
+            const auto it = m_slots.find(overlapped);
             if (it != m_slots.end()) {
                 r = std::move(it->second);
                 m_slots.erase(it);
@@ -201,31 +201,31 @@ public:
             SetLastError(ERROR_BAD_PARAMETER);
             return false;
         }
-        DWORD dwBytes = 0;
-        const BOOL bOk = GetOverlappedResult(File(h), &r->ov, &dwBytes, bWait);
-        const DWORD dwError = bOk ? ERROR_NONE : ::GetLastError();
-        if (dwError == ERROR_INCOMPLETE) {
+        DWORD bytes = 0;
+        const BOOL ok = GetOverlappedResult(File(h), &r->ov, &bytes, wait);
+        const DWORD error = ok ? ERROR_NONE : ::GetLastError();
+        if (error == ERROR_INCOMPLETE) {
             const std::lock_guard l(m_mutex);
             m_givenUp.push_back(std::move(r));
         } else {
             r->GiveBack();
-            *pdwBytes = dwBytes;
+            *moved = bytes;
         }
-        SetLastError(dwError);
-        return bOk != 0;
+        SetLastError(error);
+        return ok != 0;
     }
 
-    void* RegisterInterfaceNotice(void* hWnd, const void* pFilter) override { return Register(hWnd, pFilter); }
-    void* RegisterHandleNotice(void* hWnd, const void* pFilter) override { return Register(hWnd, pFilter); }
+    void* RegisterInterfaceNotice(void* hWnd, const void* filter) override { return Register(hWnd, filter); }
+    void* RegisterHandleNotice(void* hWnd, const void* filter) override { return Register(hWnd, filter); }
     bool UnregisterNotice(void* hNotice) override { return Told(UnregisterDeviceNotification(hNotice) != 0); }
 
 private:
     // Whatever the slot was used for before is over for the caller. What has ended among the abandoned is freed.
-    void GiveUp(Overlapped* pOverlapped)
+    void GiveUp(Overlapped* overlapped)
     {
         const std::lock_guard l(m_mutex);
         m_givenUp.remove_if([](const auto& r) { return r->IsDone(); });
-        const auto it = m_slots.find(pOverlapped);
+        const auto it = m_slots.find(overlapped);
         if (it == m_slots.end())
             return;
         if (!it->second->IsDone())
@@ -254,9 +254,9 @@ private:
         return out;
     }
 
-    static void* Register(void* hWnd, const void* pFilter)
+    static void* Register(void* hWnd, const void* filter)
     {
-        void* const h = RegisterDeviceNotificationA(hWnd, const_cast<void*>(pFilter), DEVICE_NOTIFY_WINDOW_HANDLE);
+        void* const h = RegisterDeviceNotificationA(hWnd, const_cast<void*>(filter), DEVICE_NOTIFY_WINDOW_HANDLE);
         Told(h != nullptr);
         return h;
     }
@@ -270,9 +270,9 @@ private:
 class NoStack final : public usbstack::IStack {
 public:
     std::vector<usbstack::DeviceInfo> Enumerate() override { return {}; }
-    usbstack::IDevice* Open(const std::string&, usbstack::Status* pStatus) override
+    usbstack::IDevice* Open(const std::string&, usbstack::Status* status) override
     {
-        *pStatus = usbstack::Status::Gone;
+        *status = usbstack::Status::Gone;
         return nullptr;
     }
 };
@@ -282,8 +282,8 @@ public:
 // Exported by the program itself or by a library that was loaded into it.
 usbstack::PluginEntry FindPluginEntry()
 {
-    for (const wchar_t* const szModule : { static_cast<const wchar_t*>(nullptr), L"kovsim.dll" })
-        if (const HMODULE h = GetModuleHandleW(szModule))
+    for (const wchar_t* const module : { static_cast<const wchar_t*>(nullptr), L"kovsim.dll" })
+        if (const HMODULE h = GetModuleHandleW(module))
             if (const FARPROC p = GetProcAddress(h, "KOVUsbStackPlugin"))
                 return reinterpret_cast<usbstack::PluginEntry>(reinterpret_cast<void*>(p));
     return nullptr;
@@ -298,8 +298,8 @@ usbstack::IStack& NativeStack()
 IUsbDriver* NativeDriver()
 {
     // Never destroyed: a camera that a program leaves open is closed after static objects may be gone.
-    static WinUsbDriver* const s_pDriver = new WinUsbDriver;
-    return s_pDriver;
+    static WinUsbDriver* const s_driver = new WinUsbDriver;
+    return s_driver;
 }
 
 }  // namespace platform
