@@ -123,6 +123,8 @@ void TellNotKept(const fs::path& path, const char* reason, int rc)
 
 // SQLITE_ERROR: statements that fit every file of ours do not fit its tables.
 bool IsDamage(int rc) { return (rc & 0xFF) == SQLITE_CORRUPT || (rc & 0xFF) == SQLITE_NOTADB || (rc & 0xFF) == SQLITE_ERROR; }
+// Some damage to a schema makes SQLite tell of no memory, however much there is.
+bool MayBeDamage(int rc) { return IsDamage(rc) || (rc & 0xFF) == SQLITE_NOMEM; }
 
 constexpr const char* REPLACE =
     "INSERT INTO setting VALUES (?1, ?2, ?3, ?4) ON CONFLICT DO UPDATE "
@@ -213,19 +215,30 @@ constexpr auto NOTHING = [](const std::string&, const std::string&, const Statem
 
 // --- a damaged file ---------------------------------------------------------------------------------------------------
 
+// At the second look, with memory there to be had, that is what it was.
+bool IsDamageStill(int rc)
+{
+    if ((rc & 0xFF) != SQLITE_NOMEM)
+        return IsDamage(rc);
+    void* const p = sqlite3_malloc(0x100000);
+    sqlite3_free(p);
+    return p != nullptr;
+}
+
 bool IsDamagedNow(const fs::path& path)
 {
     const Db db = OpenDatabase(path, false, READ_BUSY_MS);
     const Statement s = db ? Prepare(db, "PRAGMA quick_check(1)") : nullptr;
     if (!s)
-        return db && IsDamage(sqlite3_errcode(db.get()));
+        return db && IsDamageStill(sqlite3_errcode(db.get()));
     const int rc = sqlite3_step(s.get());
     if (rc != SQLITE_ROW)
-        return IsDamage(rc);
+        return IsDamageStill(rc);
     const auto* const result = reinterpret_cast<const char*>(sqlite3_column_text(s.get(), 0));
     if (result && std::strcmp(result, "ok") != 0)
         return true;
-    if (const int rows = Walk(db, NOTHING); rows != SQLITE_ERROR && IsDamage(rows))  // SQLITE_ERROR: there may be no table yet
+    const int rows = Walk(db, NOTHING);
+    if (rows != SQLITE_ERROR && IsDamageStill(rows))  // SQLITE_ERROR: there may be no table yet
         return true;
     const Statement table = Prepare(db, "SELECT 1 FROM sqlite_schema WHERE CAST(name AS TEXT) = 'setting'");
     return table && sqlite3_step(table.get()) == SQLITE_ROW && !Prepare(db, REPLACE);
@@ -324,7 +337,7 @@ void Save(const fs::path& path, const Changes& changes, const std::set<std::stri
         const int rc = WriteRows(db, changes, unread);
         if (rc == SQLITE_OK)
             return;
-        if (last || !IsDamage(rc))
+        if (last || !MayBeDamage(rc))
             return TellNotKept(path, sqlite3_errstr(rc), rc);
         PutAside(path);
     }
@@ -457,10 +470,11 @@ public:
         std::error_code ec;
         if (!path.empty() && fs::exists(path, ec)) {
             const int rc = Read(path);
-            Writer::Current().MarkUnread(m_sKey, rc != SQLITE_DONE && !IsDamage(rc));
-            if (IsDamage(rc))
+            if (MayBeDamage(rc))
                 PutAside(path);
-            else if (rc != SQLITE_DONE && IsNews(Trouble::NotRead))
+            const bool unread = rc != SQLITE_DONE && !IsDamage(rc) && fs::exists(path, ec);
+            Writer::Current().MarkUnread(m_sKey, unread);
+            if (unread && IsNews(Trouble::NotRead))
                 KOV_LOG(Warn, "settings in %s cannot be read now: %s. The camera begins with its defaults; what is stored stays",
                         path.c_str(), sqlite3_errstr(rc));
             if (rc != SQLITE_DONE)
