@@ -50,7 +50,7 @@ __attribute__((format(gnu_printf, 3, 4)))
 #elif defined(__GNUC__)
 __attribute__((format(printf, 3, 4)))
 #endif
-void Write(LogLevel level, std::string_view room, const char* szFormat, ...);
+void Write(LogLevel level, std::string_view room, const char* format, ...);
 
 // The camera that the calling thread works for. A thread of the library starts with that of the thread that started it.
 struct Camera {
@@ -61,7 +61,7 @@ Camera CurrentCamera();
 void SetCurrentCamera(Camera camera);
 
 // Names the calling thread in its lines; static text.
-void SetThreadName(const char* szName);
+void SetThreadName(const char* name);
 
 // Sets the calling thread's camera for a block. Does nothing while the log is off.
 class CameraScope {
@@ -87,6 +87,6 @@ private:
 };
 
 // As if the environment held these texts; nullptr: not set. For tests.
-void Configure(const char* szLog, const char* szFile);
+void Configure(const char* log, const char* file);
 
 }  // namespace logging

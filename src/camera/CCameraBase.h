@@ -71,7 +71,7 @@ public:
     virtual bool SetFPSPerc(int percent, bool autoMode);
     virtual bool GetFPSPerc(int* percent, bool* autoMode);
     // SetFPSPerc, and a line in the log when that changes the percentage. Text: why, for the log.
-    bool ChangeFPSPerc(int percent, bool autoMode, const char* szReason);
+    bool ChangeFPSPerc(int percent, bool autoMode, const char* reason);
     virtual bool SetOverCLKPerc(int percent);
     virtual void SetRGBBalance(int red, int blue, bool autoMode) = 0;
     virtual bool SetExp(uint64_t microseconds, bool autoMode) = 0;

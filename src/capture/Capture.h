@@ -47,7 +47,7 @@ public:
     void Stop();
     // platform::WAIT_SIGNALLED once the thread has ended. WAIT_FOREVER ends it: sleeps and waits are cut short, and the
     // automation thread is waited for too; for closing the camera.
-    uint32_t Wait(uint32_t dwMs);
+    uint32_t Wait(uint32_t ms);
 
 private:
     struct Impl;

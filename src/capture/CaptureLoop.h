@@ -30,7 +30,7 @@ struct CaptureRun {
 // us a frame takes at the current settings.
 int64_t FrameTime(const CCameraBase& cam, const CaptureForm& form);
 // Lines of the exposure at a clock of MHz, as the shutter register of the USB 2 families counts them.
-int64_t ExposureLines(const CCameraBase& cam, Family family, int64_t lClock);
+int64_t ExposureLines(const CCameraBase& cam, Family family, int64_t clock);
 // Division in which a clock or a line length that was never set counts as 1.
 inline int64_t Per(int64_t a, int64_t b) { return a / (b != 0 ? b : 1); }
 
@@ -71,11 +71,11 @@ protected:
     void CountUnread();
     bool Deliver();  // the last step on a frame that is not for the automation
     // The automation's steps on the frame at hand; white balance always, exposure and gain where told.
-    void Automate(bool bExpGain);
+    void Automate(bool expGain);
     // Lowers the bandwidth when frames go bad soon after it was put on auto. True when it did.
-    bool ReduceBandwidth(bool bRisingClearsCount, bool bMayReduce);
+    bool ReduceBandwidth(bool risingClearsCount, bool mayReduce);
     // Gives the sensor more clocks a line until the bandwidth is set anew, which relieves the link.
-    void StretchLine(int32_t iClocks, const char* szReason);
+    void StretchLine(int32_t clocks, const char* reason);
     bool IsShort() const { return m_cam.m_lExposure < SHORT_EXPOSURE && m_lFrameTime < SHORT_EXPOSURE; }
     void Fpga(uint16_t reg, uint16_t v) { m_cam.WriteFPGAREG(reg, v); }
     void Sleep(int64_t ms) { m_run.control.Sleep(ms); }

@@ -16,10 +16,10 @@ public:
     ChunkQueue(const ChunkQueue&) = delete;
     ChunkQueue& operator=(const ChunkQueue&) = delete;
 
-    // Sets the transfer size and queues all chunks of a frame. bTwoBuffers: frames land in m_pAuxBuf1 and m_pAuxBuf2 in
+    // Sets the transfer size and queues all chunks of a frame. twoBuffers: frames land in m_pAuxBuf1 and m_pAuxBuf2 in
     // turn. Otherwise all land in m_pAuxBuf1, and each chunk is copied to m_pAuxBuf2 before its request goes out again,
     // so that the frame at hand stands still.
-    void Open(uint32_t dwChunk, int32_t iFrameBytes, bool bTwoBuffers);
+    void Open(uint32_t chunk, int32_t frameBytes, bool twoBuffers);
     // After a reconnection: new events and requests, into the next buffer.
     void Reopen();
 
@@ -65,9 +65,9 @@ private:
     bool Wait(Slot& s, uint32_t ms);
     // The request is with the driver and its end has not been seen.
     static bool IsOut(const Slot& s) { return s.dwError == platform::ERROR_PENDING; }
-    bool Finish(size_t n, int32_t* piBytes);
-    void Begin(size_t n, uint8_t* pBuf);
-    void RequeueAll(uint32_t ms, uint8_t* pNext);
+    bool Finish(size_t n, int32_t* bytes);
+    void Begin(size_t n, uint8_t* buf);
+    void RequeueAll(uint32_t ms, uint8_t* next);
     uint8_t* Other() const;
     void OpenSlots();
     void CloseSlots(uint32_t ms);

@@ -14,6 +14,6 @@ extern const Guid g_InterfaceGuids[GUID_COUNT];
 
 // Where no driver installation ties devices to GUIDs: the slot (1 to 10) of a product ID of our vendor. The tenth also
 // stands for product IDs that this library does not know.
-int InterfaceSlotOf(uint16_t wProductId);
+int InterfaceSlotOf(uint16_t productId);
 
 }  // namespace platform

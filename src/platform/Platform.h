@@ -101,7 +101,7 @@ private:
 // A message box without owner window where the platform has one, a line on standard error elsewhere.
 void ShowMessage(const char* text, const char* title);
 // Tests only: takes the messages instead, on the thread that shows them. nullptr brings the default back.
-void SetMessageSink(void (*pSink)(const char* text, const char* title));
+void SetMessageSink(void (*sink)(const char* text, const char* title));
 void ShowNativeMessage(const char* text, const char* title);
 
 // --- files ----------------------------------------------------------------------------------------------------------

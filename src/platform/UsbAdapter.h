@@ -9,7 +9,7 @@ namespace platform {
 // The stack in use: one set by SetUsbStack, else the plugin's at this moment (see UsbStack.h), else the native one.
 usbstack::IStack& UsbStack();
 // In-process virtual bus. No device may be open. nullptr brings the default back.
-void SetUsbStack(usbstack::IStack* pStack);
+void SetUsbStack(usbstack::IStack* stack);
 
 // What each platform brings along.
 usbstack::PluginEntry FindPluginEntry();  // of a plugin that is loaded in this process; nullptr when there is none

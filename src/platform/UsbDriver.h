@@ -97,7 +97,7 @@ public:
     // Arrival and removal notices, for a window handle or for an open device. nullptr on failure.
     virtual void* RegisterInterfaceNotice(void* hWnd, const void* filter) = 0;
     virtual void* RegisterHandleNotice(void* hWnd, const void* filter) = 0;
-    virtual bool UnregisterNotice(void* hNotice) = 0;
+    virtual bool UnregisterNotice(void* notice) = 0;
 };
 
 // While one lives, all device lists that its thread asks for show one moment: the bus is listed once. A driver that keeps a

@@ -25,14 +25,14 @@ namespace model {
 void ApplyTraits(CCameraBase& cam, const ModelTraits& t, void* handle);  // constructor, up to LoadSetting
 void FinishConstruction(CCameraBase& cam, const ModelTraits& t);         // LoadSetting and what follows it
 bool OpenCamera(CCameraBase& cam, IModel& m, int deviceIndex);
-bool CloseCamera(CCameraBase& cam, CCameraCool* pCool, const ModelTraits& t, CaptureSession& s);
+bool CloseCamera(CCameraBase& cam, CCameraCool* cool, const ModelTraits& t, CaptureSession& s);
 bool StartCapture(CCameraBase& cam, const ModelTraits& t, CaptureSession& s, bool snap);
 bool StopCapture(CCameraBase& cam, const ModelTraits& t, CaptureSession& s);
 void StartCooler(CCameraCool& cam);  // InitCamera of the cooled models
 // InitCamera's first steps on a USB 3 bridge: speed of the host port and its percentage, hot-pixel table.
 void InitLink(CCameraBase& cam);
 // Body of FirmwareStep: brings the camera to firmware `needed` and restarts it. A null image skips the update.
-bool UpdateFirmware(CCameraBase& cam, const ModelTraits& t, const uint8_t* pImage, int32_t iSize, uint8_t needed);
+bool UpdateFirmware(CCameraBase& cam, const ModelTraits& t, const uint8_t* image, int32_t size, uint8_t needed);
 // Writes a register table, delays included; the rows as 8-bit or as 16-bit registers.
 void RunTable8(CCameraBase& cam, std::span<const RegEntry> table);
 void RunTable16(CCameraBase& cam, std::span<const RegEntry> table);

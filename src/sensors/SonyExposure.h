@@ -22,6 +22,6 @@ struct ExposureRegs {
     int32_t iExpLines;
 };
 
-// lExp in us, lineTime in us, iSensorH lines that leave the sensor. t0: part of the exposure, in us, that the shutter line
+// exp in us, lineTime in us, sensorH lines that leave the sensor. t0: part of the exposure, in us, that the shutter line
 // does not count. Every step is single precision.
-ExposureRegs CalcExposure(const ExposureLaw& law, uint64_t lExp, float lineTime, int iSensorH, float t0 = 0.0f);
+ExposureRegs CalcExposure(const ExposureLaw& law, uint64_t exp, float lineTime, int sensorH, float t0 = 0.0f);

@@ -64,23 +64,23 @@ public:
     CCameraFX3& operator=(const CCameraFX3&) = delete;
 
     bool SendCMD(uint8_t opcode);
-    bool SendCMD(uint8_t opcode, uint16_t wValue, uint16_t wIndex, bool bIn, uint8_t* pData, int32_t* piLength);
+    bool SendCMD(uint8_t opcode, uint16_t wValue, uint16_t wIndex, bool in, uint8_t* data, int32_t* length);
     bool WriteCameraRegister(uint16_t reg, uint16_t value);
-    bool ReadCameraRegister(uint16_t reg, uint16_t* pOut);  // *pOut 0 when closed or failed
+    bool ReadCameraRegister(uint16_t reg, uint16_t* out);  // *out 0 when closed or failed
     bool WriteCameraRegisterByte(uint16_t reg, uint8_t value);
-    bool ReadCameraRegisterByte(uint16_t reg, uint8_t* pOut);
+    bool ReadCameraRegisterByte(uint16_t reg, uint8_t* out);
     // Read, change, write; not one step. The 16-bit form covers bits first to last inclusive.
     bool WriteCameraRegister_B(uint16_t reg, uint8_t firstBit, uint8_t lastBit, uint16_t value);
     // QUIRK: the byte form leaves the end bit out; equal numbers write the old value back.
     bool WriteCameraRegisterByte_B(uint16_t reg, uint8_t firstBit, uint8_t endBit, uint8_t value);
     bool WriteSONYREG(uint16_t reg, uint8_t value);
-    bool ReadSONYREG(uint16_t reg, uint8_t* pOut);
+    bool ReadSONYREG(uint16_t reg, uint8_t* out);
     bool WriteFPGAREG(uint16_t reg, uint16_t value);
-    bool ReadFPGAREG(uint16_t reg, uint8_t* pOut);
-    bool EnableGPIF32DQ(bool bEnable);
-    bool GetFirmwareVer(uint8_t* pVer);
-    bool GetFPGAVer(uint8_t* pVer, uint8_t aSub[4]);
-    bool GetFPGAVerVal(uint8_t* pVer, uint32_t* pVal);
+    bool ReadFPGAREG(uint16_t reg, uint8_t* out);
+    bool EnableGPIF32DQ(bool on);
+    bool GetFirmwareVer(uint8_t* ver);
+    bool GetFPGAVer(uint8_t* ver, uint8_t sub[4]);
+    bool GetFPGAVerVal(uint8_t* ver, uint32_t* val);
     uint8_t GetFWVer() const { return m_iFWVer; }
     bool IsUSB3Host();
     bool ResetEndPoint(uint8_t endpoint);  // abort and reset of the image endpoint; the argument has no effect
@@ -88,25 +88,25 @@ public:
 
     // Firmware and flash loaders; called while no capture runs.
     // UpdateFW and EraseFlash send nothing and return false when the EEPROM loader was not built in.
-    bool UpdateFW(const uint8_t* pImage, int32_t iLength);
-    // The records tell their end; iLength, where positive, only keeps the walk from leaving a damaged image.
-    bool UpdateFW2RAM(const uint8_t* pImage, int32_t iLength);
+    bool UpdateFW(const uint8_t* image, int32_t length);
+    // The records tell their end; length, where positive, only keeps the walk from leaving a damaged image.
+    bool UpdateFW2RAM(const uint8_t* image, int32_t length);
     bool EraseFlash();
-    bool DownloadBufferToDevice(uint32_t address, uint16_t length, uint8_t* pData, uint8_t request);
-    bool UploadBufferFromDevice(uint32_t address, uint16_t length, uint8_t* pData, uint8_t request);
+    bool DownloadBufferToDevice(uint32_t address, uint16_t length, uint8_t* data, uint8_t request);
+    bool UploadBufferFromDevice(uint32_t address, uint16_t length, uint8_t* data, uint8_t request);
     bool SetProgramEntry(uint8_t request, uint32_t address);
     bool IsBootLoaderRunning();
     FX3_FWDWNLOAD_ERROR_CODE EraseSectorOfSPIFlash(uint32_t sector, uint8_t request);
-    bool WriteToSPIFlash(uint8_t* pData, uint32_t length, uint32_t address, uint8_t request);
-    bool ReadFromSPIFlash(uint8_t* pData, uint32_t length, uint32_t address, uint8_t request);
-    FX3_FWDWNLOAD_ERROR_CODE DownloadBuftoSPIFLASH(uint8_t* pData, uint32_t length, uint8_t request);
-    FX3_FWDWNLOAD_ERROR_CODE DownloadBuftoI2CE2PROM(uint8_t* pData, int32_t length, uint8_t request);
-    FX3_FWDWNLOAD_ERROR_CODE DownloadFwToRam(uint8_t* pData, uint32_t length, uint8_t request);
-    FX3_FWDWNLOAD_ERROR_CODE DownloadFw(const char* szPath, FX3_FWDWNLOAD_MEDIA_TYPE media);
+    bool WriteToSPIFlash(uint8_t* data, uint32_t length, uint32_t address, uint8_t request);
+    bool ReadFromSPIFlash(uint8_t* data, uint32_t length, uint32_t address, uint8_t request);
+    FX3_FWDWNLOAD_ERROR_CODE DownloadBuftoSPIFLASH(uint8_t* data, uint32_t length, uint8_t request);
+    FX3_FWDWNLOAD_ERROR_CODE DownloadBuftoI2CE2PROM(uint8_t* data, int32_t length, uint8_t request);
+    FX3_FWDWNLOAD_ERROR_CODE DownloadFwToRam(uint8_t* data, uint32_t length, uint8_t request);
+    FX3_FWDWNLOAD_ERROR_CODE DownloadFw(const char* path, FX3_FWDWNLOAD_MEDIA_TYPE media);
 
     // Swap the link under m_csUsb, so that a transfer of another thread never meets a link that goes away. The old
     // link is destroyed (which closes it); nullptr leaves none.
-    void ReplaceLink(CUsbLink* pLink);
+    void ReplaceLink(CUsbLink* link);
 
     // Under m_csUsb, for a thread beside one that may be reconnecting.
     bool HasLink();
@@ -121,11 +121,11 @@ public:
     Shared<uint32_t> m_uFPGAVerVal;  // the four parts, the first in the high byte
 
 private:
-    // One control transfer under m_csUsb, unless m_bOpen is clear. *piLength is updated to the bytes moved.
-    // False also when no link is there. pData holds *piLength readable bytes, for IN too.
-    bool Transfer(bool bIn, uint8_t request, uint16_t wValue, uint16_t wIndex, uint8_t* pData, int32_t* piLength);
+    // One control transfer under m_csUsb, unless m_bOpen is clear. *length is updated to the bytes moved.
+    // False also when no link is there. data holds *length readable bytes, for IN too.
+    bool Transfer(bool in, uint8_t request, uint16_t wValue, uint16_t wIndex, uint8_t* data, int32_t* length);
     // The same for a fixed length, with the test of m_bOpen; true when the transfer succeeded, whatever it moved.
-    bool Command(bool bIn, uint8_t request, uint16_t wValue, uint16_t wIndex, void* pData = nullptr, int32_t iLength = 0);
+    bool Command(bool in, uint8_t request, uint16_t wValue, uint16_t wIndex, void* data = nullptr, int32_t length = 0);
     bool StartEepromLoader();
-    bool HaltProcessor(bool bHalt);
+    bool HaltProcessor(bool halt);
 };

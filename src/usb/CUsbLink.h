@@ -11,8 +11,8 @@
 
 class KOV_CLASS CUsbLink {
 public:
-    // bOpen: opens the first device at once (device number 0); a failure shows in IsOpen().
-    CUsbLink(void* hWnd, const platform::Guid& guid, bool bOpen);
+    // open: opens the first device at once (device number 0); a failure shows in IsOpen().
+    CUsbLink(void* hWnd, const platform::Guid& guid, bool open);
     // Closes. Unlike Close it lets no exception out: a failure stays unreported.
     ~CUsbLink();
     CUsbLink(const CUsbLink&) = delete;
@@ -21,7 +21,7 @@ public:
     uint8_t DeviceCount();
     bool CreateHandle(uint8_t dev);
     void DestroyHandle();
-    bool IoControl(uint32_t dwCode, void* pBuffer, uint32_t dwSize);
+    bool IoControl(uint32_t code, void* buffer, uint32_t size);
     void GetDeviceDescriptor();
     void GetLanguageId();
     void GetStringDescriptor(uint8_t* pOut256, uint8_t index);

@@ -53,6 +53,6 @@ struct BosObject {
 
 // Parse a raw descriptor of `size` bytes. They read nothing beyond it; what is cut off counts as absent. A block that
 // cannot be walked (a length of 0, a head that does not fit) throws a const char*, which CUsbLink::Open catches.
-// hDevice goes to the endpoints. The caller owns the result.
-ConfigObject* ParseConfig(platform::DeviceHandle hDevice, const uint8_t* pRaw, uint32_t dwSize, bool bSuperSpeed);
-BosObject* ParseBos(const uint8_t* pRaw, uint32_t dwSize);
+// device goes to the endpoints. The caller owns the result.
+ConfigObject* ParseConfig(platform::DeviceHandle device, const uint8_t* raw, uint32_t size, bool superSpeed);
+BosObject* ParseBos(const uint8_t* raw, uint32_t size);

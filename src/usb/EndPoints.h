@@ -26,28 +26,28 @@ static_assert(sizeof(EndPointDescriptor) == 7);
 // Common part. Threads: one endpoint object serves one thread at a time, except that Abort and Reset may come from any.
 class KOV_CLASS CCyUSBEndPoint {
 public:
-    CCyUSBEndPoint(platform::DeviceHandle hDevice, const EndPointDescriptor* pDesc, const CompanionDescriptor* pComp);
+    CCyUSBEndPoint(platform::DeviceHandle device, const EndPointDescriptor* descriptor, const CompanionDescriptor* companion);
     virtual ~CCyUSBEndPoint() = default;
     CCyUSBEndPoint(const CCyUSBEndPoint&) = delete;
     CCyUSBEndPoint& operator=(const CCyUSBEndPoint&) = delete;
 
     // Start a transfer and return its context, or nullptr when the handle is invalid. Never wait. The context is freed
     // by FinishDataXfer. The buffer must live until then; when FinishDataXfer finds the request still out, until the
-    // next Abort or the closing of the device. An event must stand in pOverlapped->hEvent.
-    virtual uint8_t* BeginDirectXfer(uint8_t* pBuf, int32_t iLength, platform::Overlapped* pOverlapped);
-    virtual uint8_t* BeginBufXfer(uint8_t* pBuf, int32_t iLength, platform::Overlapped* pOverlapped);
-    virtual uint8_t* BeginDataXfer(uint8_t* pBuf, int32_t iLength, platform::Overlapped* pOverlapped) = 0;
-    // Fetches the result without waiting and frees the context. *piLength takes the bytes moved. False also when the
+    // next Abort or the closing of the device. An event must stand in overlapped->hEvent.
+    virtual uint8_t* BeginDirectXfer(uint8_t* buf, int32_t length, platform::Overlapped* overlapped);
+    virtual uint8_t* BeginBufXfer(uint8_t* buf, int32_t length, platform::Overlapped* overlapped);
+    virtual uint8_t* BeginDataXfer(uint8_t* buf, int32_t length, platform::Overlapped* overlapped) = 0;
+    // Fetches the result without waiting and frees the context. *length takes the bytes moved. False also when the
     // request is still out: it is given up, its event is not signalled any more.
-    virtual bool FinishDataXfer(uint8_t* pBuf, int32_t* piLength, platform::Overlapped* pOverlapped, uint8_t* pContext,
-                                IsoPacketInfo* pInfos = nullptr);
+    virtual bool FinishDataXfer(uint8_t* buf, int32_t* length, platform::Overlapped* overlapped, uint8_t* context,
+                                IsoPacketInfo* infos = nullptr);
 
-    bool WaitForXfer(platform::Overlapped* pOverlapped, uint32_t dwTimeoutMs);
-    bool WaitOrAbortXfer(platform::Overlapped* pOverlapped);
-    bool XferData(uint8_t* pBuf, int32_t* piLength, IsoPacketInfo* pInfos = nullptr);  // the synchronous whole
+    bool WaitForXfer(platform::Overlapped* overlapped, uint32_t timeoutMs);
+    bool WaitOrAbortXfer(platform::Overlapped* overlapped);
+    bool XferData(uint8_t* buf, int32_t* length, IsoPacketInfo* infos = nullptr);  // the synchronous whole
     bool Abort();  // true always; returns when no request of this endpoint is outstanding
     bool Reset();
-    void SetXferSize(uint32_t dwSize);
+    void SetXferSize(uint32_t size);
 
     platform::DeviceHandle m_hDevice;
     uint8_t m_bLength = 0, m_bDescriptorType = 0, m_bEndpointAddress = 0, m_bmAttributes = 0;
@@ -63,13 +63,13 @@ public:
     int32_t m_bDirect = 1;
 
 protected:
-    uint8_t* BeginByMode(uint8_t* pBuf, int32_t iLength, platform::Overlapped* pOverlapped);  // direct or buffered
+    uint8_t* BeginByMode(uint8_t* buf, int32_t length, platform::Overlapped* overlapped);  // direct or buffered
 };
 
 class KOV_CLASS CCyControlEndPoint : public CCyUSBEndPoint {
 public:
-    CCyControlEndPoint(platform::DeviceHandle hDevice, const EndPointDescriptor* pDesc);
-    uint8_t* BeginDataXfer(uint8_t* pBuf, int32_t iLength, platform::Overlapped* pOverlapped) override;
+    CCyControlEndPoint(platform::DeviceHandle device, const EndPointDescriptor* descriptor);
+    uint8_t* BeginDataXfer(uint8_t* buf, int32_t length, platform::Overlapped* overlapped) override;
 
     uint32_t m_iTarget = 0;     // recipient
     uint32_t m_iReqType = 2;    // vendor
@@ -81,22 +81,22 @@ public:
 class KOV_CLASS CCyBulkEndPoint : public CCyUSBEndPoint {
 public:
     using CCyUSBEndPoint::CCyUSBEndPoint;
-    uint8_t* BeginDataXfer(uint8_t* pBuf, int32_t iLength, platform::Overlapped* pOverlapped) override;
+    uint8_t* BeginDataXfer(uint8_t* buf, int32_t length, platform::Overlapped* overlapped) override;
 };
 
 class KOV_CLASS CCyInterruptEndPoint : public CCyUSBEndPoint {
 public:
     using CCyUSBEndPoint::CCyUSBEndPoint;
-    uint8_t* BeginDataXfer(uint8_t* pBuf, int32_t iLength, platform::Overlapped* pOverlapped) override;
+    uint8_t* BeginDataXfer(uint8_t* buf, int32_t length, platform::Overlapped* overlapped) override;
 };
 
 class KOV_CLASS CCyIsocEndPoint : public CCyUSBEndPoint {
 public:
     using CCyUSBEndPoint::CCyUSBEndPoint;
-    uint8_t* BeginDirectXfer(uint8_t* pBuf, int32_t iLength, platform::Overlapped* pOverlapped) override;
-    uint8_t* BeginBufXfer(uint8_t* pBuf, int32_t iLength, platform::Overlapped* pOverlapped) override;
-    uint8_t* BeginDataXfer(uint8_t* pBuf, int32_t iLength, platform::Overlapped* pOverlapped) override;
+    uint8_t* BeginDirectXfer(uint8_t* buf, int32_t length, platform::Overlapped* overlapped) override;
+    uint8_t* BeginBufXfer(uint8_t* buf, int32_t length, platform::Overlapped* overlapped) override;
+    uint8_t* BeginDataXfer(uint8_t* buf, int32_t length, platform::Overlapped* overlapped) override;
 
 private:
-    uint8_t* BeginIsoc(uint8_t* pBuf, int32_t iLength, platform::Overlapped* pOverlapped, bool bBuffered);
+    uint8_t* BeginIsoc(uint8_t* buf, int32_t length, platform::Overlapped* overlapped, bool buffered);
 };

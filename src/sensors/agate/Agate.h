@@ -11,8 +11,8 @@ struct AgateForm;  // what differs between the two families beyond the model row
 
 class KOV_CLASS CAgate : public CUsb2Model {
 public:
-    // iLastIndex: last entry of the gain table, shared by all cameras of the class.
-    CAgate(const ModelTraits& t, const AgateForm& f, std::atomic<int>& iLastIndex, void* handle);
+    // lastIndex: last entry of the gain table, shared by all cameras of the class.
+    CAgate(const ModelTraits& t, const AgateForm& f, std::atomic<int>& lastIndex, void* handle);
 
     bool InitCamera() override;
     bool SetResolution(int width, int height, int bin, IMAGE_TYPE type) override;
