@@ -31,10 +31,13 @@ public:
     void StartAutoTempThr(void* self);
     void StopAutoTempThr();  // host; power 0. Afterwards the thread does not run any more
 
-    float m_fDAMin = 0, m_fDAMax = 0, m_fCurrentMax = 0, m_fCurrentMin = 0;
+    float m_fDAMin = 0, m_fDAMax = 0, m_fCurrentMax = 0;
     Shared<int32_t> m_iCurDA;
     Shared<uint32_t> m_dwLastTempTick;
     Shared<float> m_fLastTemp;
     PID m_PID;
     platform::Thread m_TempThread;
+
+protected:
+    float m_fCurrentMin = 0;
 };

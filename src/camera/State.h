@@ -89,8 +89,10 @@ protected:
 struct BalanceState {
     Shared<int32_t> m_iWB_R, m_iWB_B;
     Shared<bool> m_bAutoWB;
-    uint8_t m_BayerIdx[4][4];  // 0 red, 1 green, 2 blue; constructor
     CAlgorithm m_Algorithm;
+
+protected:
+    uint8_t m_BayerIdx[4][4];  // 0 red, 1 green, 2 blue; constructor
 };
 
 // What the automation aims at. Host writes, automation reads.
@@ -117,6 +119,8 @@ struct CaptureState {
     // Of the reader that has the exchange's turn.
     uint8_t* m_pImgBuf = nullptr;  // 2 bytes a sensor pixel; delivery works in the frame itself and uses only single places of it
     uint8_t* m_pRGBBuf = nullptr;  // 3 bytes a sensor pixel
+
+protected:
     uint8_t* m_pQuarterBuf = nullptr;  // 3/4 of a byte; nothing of the library needs it
 };
 
