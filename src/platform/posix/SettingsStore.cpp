@@ -21,6 +21,7 @@
 #include <ctime>
 #include <exception>
 #include <filesystem>
+#include <fstream>
 #include <initializer_list>
 #include <map>
 #include <set>
@@ -123,8 +124,9 @@ void TellNotKept(const fs::path& path, const char* reason, int rc)
 
 // SQLITE_ERROR: statements that fit every file of ours do not fit its tables.
 bool IsDamage(int rc) { return (rc & 0xFF) == SQLITE_CORRUPT || (rc & 0xFF) == SQLITE_NOTADB || (rc & 0xFF) == SQLITE_ERROR; }
-// Some damage to a schema makes SQLite tell of no memory, however much there is.
-bool MayBeDamage(int rc) { return IsDamage(rc) || (rc & 0xFF) == SQLITE_NOMEM; }
+// Some damage to a schema makes SQLite tell of no memory, however much there is, and some to the head that nothing may be
+// written.
+bool MayBeDamage(int rc) { return IsDamage(rc) || (rc & 0xFF) == SQLITE_NOMEM || (rc & 0xFF) == SQLITE_READONLY; }
 
 constexpr const char* REPLACE =
     "INSERT INTO setting VALUES (?1, ?2, ?3, ?4) ON CONFLICT DO UPDATE "
@@ -225,8 +227,19 @@ bool IsDamageStill(int rc)
     return p != nullptr;
 }
 
+// The head tells of a later format than there is, which SQLite reads and does not write.
+bool IsOfNoFormat(const fs::path& path)
+{
+    constexpr int WRITE_FORMAT = 18, LAST_FORMAT = 2;
+    std::ifstream file(path, std::ios::binary);
+    file.seekg(WRITE_FORMAT);
+    return file.get() > LAST_FORMAT;
+}
+
 bool IsDamagedNow(const fs::path& path)
 {
+    if (IsOfNoFormat(path))
+        return true;
     const Db db = OpenDatabase(path, false, READ_BUSY_MS);
     const Statement s = db ? Prepare(db, "PRAGMA quick_check(1)") : nullptr;
     if (!s)
