@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "KOVCamera2.h"
+#include "fuzz/FuzzMarks.h"
 #include "platform/Platform.h"
 #include "platform/UsbAdapter.h"
 #include "tests/support/RecordingStack.h"
@@ -36,14 +37,8 @@ int64_t Chunk(Bytes& in, uint8_t* p, uint32_t n)
     const uint8_t length = in.Next(), marks = in.Next();
     const uint32_t size = length < 200 ? n : n * uint32_t{ length } / 255;
     std::fill_n(p, size, in.Next());
-    if (size < 16)
-        return size;
-    static constexpr uint8_t heads[2][4] = { { 0x7E, 0x5A, 1, 0 }, { 0x11, 0xAA, 0, 0xBB } },
-                             tails[2][4] = { { 1, 0, 0xF0, 0x3C }, { 0xBB, 0, 0xAA, 0x11 } };
-    if (marks & 1)
-        std::copy_n(heads[marks >> 1 & 1], 4, p);
-    if (marks & 4)
-        std::copy_n(tails[marks >> 1 & 1], 4, p + size - 4);
+    if (size >= 16)
+        PutMarks(p, size, marks);
     return size;
 }
 

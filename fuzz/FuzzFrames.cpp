@@ -21,6 +21,7 @@
 #include "exchange/FrameExchange.h"
 #include "fuzz/FuzzCamera.h"
 #include "fuzz/FuzzLink.h"
+#include "fuzz/FuzzMarks.h"
 #include "platform/Platform.h"
 
 namespace {
@@ -106,14 +107,8 @@ int64_t Bench::Chunk(uint8_t* p, uint32_t n)
     std::memset(p, in.Next(), size);
     if (marks & 16)
         in.Take(p, std::min(size, 32u));
-    if (size >= 8) {
-        static constexpr uint8_t heads[2][4] = { { 0x7E, 0x5A, 1, 0 }, { 0x11, 0xAA, 0, 0xBB } },
-                                 tails[2][4] = { { 1, 0, 0xF0, 0x3C }, { 0xBB, 0, 0xAA, 0x11 } };
-        if (marks & 1)
-            std::copy_n(heads[marks >> 1 & 1], 4, p);
-        if (marks & 4)
-            std::copy_n(tails[marks >> 1 & 1], 4, p + size - 4);
-    }
+    if (size >= 8)
+        PutMarks(p, size, marks);
     if (run && !run->bSnap && marks & 32)
         Host(static_cast<Model&>(run->cam));
     return size;
