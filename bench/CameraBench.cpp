@@ -28,8 +28,8 @@
 #  include <opencv2/imgproc.hpp>
 #endif
 
-// Every sleep of the library, told by the linker (--wrap): what the bring-up of a camera asked for.
-static std::atomic<uint64_t> g_uToldMs{ 0 };
+// Every sleep of this thread, told by the linker (--wrap): what the bring-up of a camera asked for.
+static thread_local uint64_t g_uToldMs = 0;
 extern "C" void __real__ZN8platform7SleepMsEj(uint32_t ms);
 extern "C" void __wrap__ZN8platform7SleepMsEj(uint32_t ms)
 {
@@ -40,20 +40,6 @@ extern "C" void __wrap__ZN8platform7SleepMsEj(uint32_t ms)
 namespace bench {
 
 namespace {
-
-// Seconds that the benchmark beside it has found out.
-void RegisterFigure(const std::string& name, std::shared_ptr<const double> seconds, int repetitions = 1)
-{
-    benchmark::RegisterBenchmark(name.c_str(),
-                                 [=](benchmark::State& state) {
-                                     for (auto _ : state)
-                                         state.SetIterationTime(*seconds);
-                                 })
-        ->Unit(benchmark::kMillisecond)
-        ->UseManualTime()
-        ->Iterations(1)
-        ->Repetitions(repetitions);
-}
 
 double Seconds(clockid_t clock)
 {
@@ -119,13 +105,20 @@ private:
 constexpr int HOT_PIXELS = 1000;
 
 struct Rig {
-    explicit Rig(Size s)
+    Rig(Size s, bool sky)
         : size(s), pixels(static_cast<size_t>(s.w) * static_cast<size_t>(s.h)), cam(s), raw(2 * pixels), slot(2 * pixels),
           work(2 * pixels), out(3 * pixels), between(3 * pixels), dark(pixels), lut(256), balance(768)
     {
         std::mt19937 random(1);
         for (uint8_t& v : raw)
             v = static_cast<uint8_t>(random());
+        if (sky) {  // noise around its background; each thousandth sample lies anywhere
+            std::normal_distribution<float> noise(1500, 80);
+            auto* const samples = reinterpret_cast<uint16_t*>(raw.data());
+            for (size_t i = 0; i < pixels; ++i)
+                if (i % 1000 != 0)
+                    samples[i] = static_cast<uint16_t>(std::max(noise(random), 0.f));
+        }
         for (size_t i = 0; i < 256; ++i) {
             lut[i] = static_cast<uint8_t>(255 - i);
             for (size_t k = 0; k < 3; ++k)
@@ -166,7 +159,7 @@ struct Rig {
     std::vector<uint8_t> raw, slot, work, out, between, dark, lut, balance;
 };
 
-enum : unsigned { BALANCE = 1, GAMMA = 2, FLIPS = 4, DARK = 8, MONO = 16 };
+enum : unsigned { BALANCE = 1, GAMMA = 2, FLIPS = 4, DARK = 8, MONO = 16, SKY = 32 };
 
 struct Delivery {
     const char* name;
@@ -186,6 +179,7 @@ constexpr Delivery g_Deliveries[] = {
     { "Y8, balance", IMAGE_8BIT, false, 1, 1, BALANCE },
     { "RAW8, gamma, both flips", IMAGE_8BIT, true, 1, 1, GAMMA | FLIPS },
     { "RAW16, gamma, both flips", IMAGE_16BIT, true, 2, 2, GAMMA | FLIPS },
+    { "RAW16 of a sky, gamma, both flips", IMAGE_16BIT, true, 2, 2, GAMMA | FLIPS | SKY },
     { "mono 8-bit, bin 2", IMAGE_8BIT, true, 1, 1, MONO, 2 },
     { "mono 16-bit, bin 2", IMAGE_16BIT, true, 2, 2, MONO, 2 },
     { "colour 8-bit, bin 2", IMAGE_8BIT, true, 1, 1, 0, 2 },
@@ -230,11 +224,11 @@ void OpenCvChain(Rig& r, const Delivery& d)
 }
 #endif
 
-void RegisterGetImage(const std::shared_ptr<Rig>& r, const Delivery& d)
+void RegisterGetImage(const Lazy<Rig>& r, Size s, const Delivery& d)
 {
-    const Size s = r->size;
     const std::string op = std::string("GetImage ") + d.name;
-    const size_t in = d.bytesIn * r->pixels, area = static_cast<size_t>(d.bin) * static_cast<size_t>(d.bin);
+    const size_t pixels = static_cast<size_t>(s.w) * static_cast<size_t>(s.h), in = d.bytesIn * pixels,
+                 area = static_cast<size_t>(d.bin) * static_cast<size_t>(d.bin);
     const size_t out = d.bytesOut * static_cast<size_t>(s.w / d.bin) * static_cast<size_t>(s.h / d.bin);
 
     Register(op, "kov", s, [=] {
@@ -256,7 +250,7 @@ void RegisterGetImage(const std::shared_ptr<Rig>& r, const Delivery& d)
             std::abort();
     });
     // What has to be read and written, at the speed of a copy.
-    Register(op, FLOOR, s, [=] { std::memcpy(r->out.data(), r->NextRaw(), (in + d.bytesOut * r->pixels / area) / 2); });
+    Register(op, FLOOR, s, [=] { std::memcpy(r->out.data(), r->NextRaw(), (in + d.bytesOut * pixels / area) / 2); });
     Register(op, "one copy of the raw frame", s, [=] { std::memcpy(r->work.data(), r->NextRaw(), in); });
     // A table of 65536 entries fits into no register and takes a load of its own a sample: how long these alone take.
     if (d.bytesIn == 2 && d.work & GAMMA)
@@ -264,7 +258,7 @@ void RegisterGetImage(const std::shared_ptr<Rig>& r, const Delivery& d)
             const auto* const table = reinterpret_cast<const uint16_t*>(r->between.data());
             const auto* const from = reinterpret_cast<const uint16_t*>(r->NextRaw());
             auto* const to = reinterpret_cast<uint16_t*>(r->out.data());
-            for (size_t i = 0; i < r->pixels; ++i)
+            for (size_t i = 0; i < pixels; ++i)
                 to[i] = table[from[i]];
         });
 #ifdef KOV_BENCH_OPENCV
@@ -345,7 +339,6 @@ private:
 // The time of one iteration is the CPU time of one frame that the source has sent, of all threads.
 void RegisterCaptureLoop(Size s)
 {
-    const auto copies = std::make_shared<double>(0);  // seconds of bare copies a frame, from the library's own run
     const std::string size = "/" + std::to_string(s.w) + "x" + std::to_string(s.h);
     benchmark::RegisterBenchmark(
         ("capture loop/kov" + size).c_str(),
@@ -382,7 +375,7 @@ void RegisterCaptureLoop(Size s)
                 // Into the request, which is the camera's work, and one to the host for each frame that it reads.
                 const double copied = (sent + static_cast<double>(read)) * size_;
                 state.SetIterationTime(used / sent);
-                *copies = copied * cost / sent;
+                state.counters[BESIDE + "its copies"] = copied * cost / sent * 1e3;
                 const double megabytes = sent * size_ / 1e6;
                 state.counters["MB/s"] = megabytes / seconds;
                 state.counters["CPU_ms/MB"] = used / megabytes * 1e3;
@@ -397,7 +390,6 @@ void RegisterCaptureLoop(Size s)
         ->Unit(benchmark::kMillisecond)
         ->UseManualTime()
         ->Iterations(1);
-    RegisterFigure("capture loop/its copies" + size, copies);
 }
 
 // --- memory ---------------------------------------------------------------------------------------------------------
@@ -456,6 +448,27 @@ public:
     }
     double dWall = 0, dCpu = 0;  // seconds in transfers
     unsigned uTransfers = 0;
+    template <class Call>
+    auto Timed(Call call)
+    {
+        const double wall = Seconds(CLOCK_MONOTONIC), cpu = Seconds(CLOCK_THREAD_CPUTIME_ID);
+        const auto status = call();
+        dWall += Seconds(CLOCK_MONOTONIC) - wall;
+        dCpu += Seconds(CLOCK_THREAD_CPUTIME_ID) - cpu;
+        ++uTransfers;
+        return status;
+    }
+    // CPU seconds that reading the clocks takes a transfer beside what they show; it is nobody's.
+    static double ClockCost()
+    {
+        kovsim::VirtualBus none;
+        TimedStack stack(none);
+        constexpr int TIMES = 2000;
+        const double start = Seconds(CLOCK_THREAD_CPUTIME_ID);
+        for (int i = 0; i < TIMES; ++i)
+            stack.Timed([] { return 0; });
+        return (Seconds(CLOCK_THREAD_CPUTIME_ID) - start - stack.dCpu) / TIMES;
+    }
 
 private:
     class Device final : public usbstack::IDevice {
@@ -464,12 +477,7 @@ private:
         usbstack::Status Control(uint8_t type, uint8_t request, uint16_t value, uint16_t index, uint8_t* p, uint16_t n,
                                  uint32_t ms, uint32_t* moved) override
         {
-            const double wall = Seconds(CLOCK_MONOTONIC), cpu = Seconds(CLOCK_THREAD_CPUTIME_ID);
-            const auto status = m_p->Control(type, request, value, index, p, n, ms, moved);
-            m_Stack.dWall += Seconds(CLOCK_MONOTONIC) - wall;
-            m_Stack.dCpu += Seconds(CLOCK_THREAD_CPUTIME_ID) - cpu;
-            ++m_Stack.uTransfers;
-            return status;
+            return m_Stack.Timed([&] { return m_p->Control(type, request, value, index, p, n, ms, moved); });
         }
         usbstack::Status SubmitBulk(usbstack::BulkRequest* r) override { return m_p->SubmitBulk(r); }
         void Abort(uint8_t ep) override { m_p->Abort(ep); }
@@ -493,7 +501,6 @@ private:
 // tells the same on a busy machine.
 void RegisterOpen(uint16_t wProductId, const std::string& token)
 {
-    const auto told = std::make_shared<double>(0);
     benchmark::RegisterBenchmark(("open camera/kov/" + token).c_str(),
                                  [=](benchmark::State& state) {
                                      // The settings of a user stay out of it.
@@ -508,6 +515,7 @@ void RegisterOpen(uint16_t wProductId, const std::string& token)
                                      settings.wProductId = wProductId;
                                      settings.scene = kovsim::Scene::Dark();
                                      bus.Plug(settings);
+                                     const double clocks = TimedStack::ClockCost();
                                      for (auto _ : state) {
                                          if (KOVGetNumOfConnectedCameras() != 1)
                                              std::abort();
@@ -518,15 +526,17 @@ void RegisterOpen(uint16_t wProductId, const std::string& token)
                                          if (KOVOpenCamera(0) != KOV_SUCCESS)
                                              std::abort();
                                          const double took = Seconds(CLOCK_MONOTONIC) - start;
-                                         const double own = Seconds(CLOCK_THREAD_CPUTIME_ID) - cpu - stack.dCpu;
+                                         const double own =
+                                             Seconds(CLOCK_THREAD_CPUTIME_ID) - cpu - stack.dCpu - stack.uTransfers * clocks;
                                          const double sleeps = static_cast<double>(g_uToldMs - uBefore) / 1e3;
-                                         *told = sleeps + stack.dWall;
+                                         const double told = sleeps + stack.dWall;
+                                         state.counters[BESIDE + "its sleeps and transfers"] = told * 1e3;
                                          state.SetIterationTime(took);
                                          state.counters["sleeps_ms"] = sleeps * 1e3;
                                          state.counters["transfers_ms"] = stack.dWall * 1e3;
                                          state.counters["transfers"] = stack.uTransfers;
                                          state.counters["own_CPU_ms"] = own * 1e3;
-                                         state.counters["own_%"] = own / *told * 100;
+                                         state.counters["own_%"] = own / told * 100;
                                      }
                                      KOVCloseCamera(0);
                                      platform::SetUsbStack(nullptr);
@@ -536,7 +546,6 @@ void RegisterOpen(uint16_t wProductId, const std::string& token)
         ->UseManualTime()
         ->Iterations(1)
         ->Repetitions(3);
-    RegisterFigure("open camera/its sleeps and transfers/" + token, told, 3);
 }
 
 // --- virtual cameras ------------------------------------------------------------------------------------------------
@@ -544,7 +553,6 @@ void RegisterOpen(uint16_t wProductId, const std::string& token)
 // One core must compute a frame of the sky in half the time that the sensor takes for it: the rest is the host's.
 void RegisterVirtualFrame(uint16_t wProductId, const std::string& token)
 {
-    const auto half = std::make_shared<double>(0);
     benchmark::RegisterBenchmark(
         ("virtual frame/kov/" + token).c_str(),
         [=](benchmark::State& state) {
@@ -567,7 +575,7 @@ void RegisterVirtualFrame(uint16_t wProductId, const std::string& token)
                 std::abort();
             KOVCloseCamera(0);
             platform::SetUsbStack(nullptr);
-            *half = readout.dFrameUs / 2e6;
+            state.counters[BESIDE + "half its frame time"] = readout.dFrameUs / 2e3;
             kovsim::Imager imager(facts, 1, 1, -1);
             const auto scene = kovsim::Scene::Sky();
             imager.Prepare(scene, 0, 0);
@@ -582,7 +590,6 @@ void RegisterVirtualFrame(uint16_t wProductId, const std::string& token)
         ->Unit(benchmark::kMillisecond)
         ->UseManualTime()
         ->Iterations(5);
-    RegisterFigure("virtual frame/half its frame time/" + token, half);
 }
 
 }  // namespace
@@ -590,9 +597,9 @@ void RegisterVirtualFrame(uint16_t wProductId, const std::string& token)
 void RegisterCameraBenchmarks()
 {
     for (const Size s : g_Sizes) {
-        const auto rig = std::make_shared<Rig>(s);
+        const Lazy<Rig> rig([=] { return std::make_unique<Rig>(s, false); }), sky([=] { return std::make_unique<Rig>(s, true); });
         for (const Delivery& d : g_Deliveries)
-            RegisterGetImage(rig, d);
+            RegisterGetImage(d.work & SKY ? sky : rig, s, d);
     }
     for (const Size s : g_Sizes)
         RegisterCaptureLoop(s);

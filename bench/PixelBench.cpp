@@ -23,7 +23,7 @@ namespace {
 // Buffers of one frame size. The pages are touched before the first measurement.
 struct Frames {
     explicit Frames(Size s)
-        : size(s), pixels(static_cast<size_t>(s.w) * static_cast<size_t>(s.h)), raw(pixels), raw16(pixels), out(3 * pixels),
+        : pixels(static_cast<size_t>(s.w) * static_cast<size_t>(s.h)), raw(pixels), raw16(pixels), out(3 * pixels),
           between(3 * pixels), dark(pixels), lut(256)
     {
         std::mt19937 random(1);
@@ -35,7 +35,6 @@ struct Frames {
         for (size_t i = 0; i < 256; ++i)
             lut[i] = static_cast<uint8_t>(255 - i);
     }
-    Size size;
     size_t pixels;
     std::vector<uint8_t> raw;
     std::vector<uint16_t> raw16;
@@ -44,9 +43,8 @@ struct Frames {
     std::vector<uint8_t> lut;
 };
 
-void RegisterDemosaic(const std::shared_ptr<Frames>& f, const std::shared_ptr<CAlgorithm>& a)
+void RegisterDemosaic(const Lazy<Frames>& f, Size s, const std::shared_ptr<CAlgorithm>& a)
 {
-    const Size s = f->size;
     Register("demosaic", "kov", s, [=] { a->Bayer2RGB24_RG(f->raw.data(), f->out.data(), s.w, s.h); });
     Register("demosaic", "copy of the result", s, [=] { std::memcpy(f->out.data(), f->between.data(), 3 * f->pixels); });
     for (const char* op : { "demosaic", "demosaic with gains" })
@@ -104,9 +102,8 @@ void RegisterDemosaic(const std::shared_ptr<Frames>& f, const std::shared_ptr<CA
 #endif
 }
 
-void RegisterInPlace(const std::shared_ptr<Frames>& f, const std::shared_ptr<CAlgorithm>& a)
+void RegisterInPlace(const Lazy<Frames>& f, Size s, const std::shared_ptr<CAlgorithm>& a)
 {
-    const Size s = f->size;
     const auto copy8 = [=] { std::memcpy(f->out.data(), f->raw.data(), f->pixels); };
     Register("gamma", "kov", s, [=] { a->Gamma(f->raw.data(), f->lut.data(), s.w, s.h); });
     Register("gamma", "plain loop", s, [=] {
@@ -170,9 +167,9 @@ void RegisterPixelBenchmarks()
     const auto a = std::make_shared<CAlgorithm>();
     a->RGBYUV_Init();
     for (const Size s : g_Sizes) {
-        const auto f = std::make_shared<Frames>(s);
-        RegisterDemosaic(f, a);
-        RegisterInPlace(f, a);
+        const Lazy<Frames> f([=] { return std::make_unique<Frames>(s); });
+        RegisterDemosaic(f, s, a);
+        RegisterInPlace(f, s, a);
     }
 }
 

@@ -6,7 +6,9 @@
 #include <benchmark/benchmark.h>
 
 #include <functional>
+#include <memory>
 #include <string>
+#include <utility>
 
 namespace bench {
 
@@ -17,12 +19,37 @@ inline constexpr Size g_Sizes[] = { { 1936, 1096 }, { 4656, 3520 } };
 
 // The yardstick that no program can beat.
 inline constexpr const char* FLOOR = "floor";
+// A counter of this name and more is a yardstick that the run has taken by itself, in milliseconds.
+inline const std::string BESIDE = "beside ";
 
-// Times `body` once per iteration.
+// Buffers that are made when a benchmark that needs them begins. Copies share them.
+template <class T>
+class Lazy {
+public:
+    explicit Lazy(std::function<std::unique_ptr<T>()> make) : m_state(std::make_shared<State>(std::move(make))) {}
+    T& operator*() const
+    {
+        if (!m_state->made)
+            m_state->made = m_state->make();
+        return *m_state->made;
+    }
+    T* operator->() const { return &**this; }
+
+private:
+    struct State {
+        explicit State(std::function<std::unique_ptr<T>()> how) : make(std::move(how)) {}
+        std::function<std::unique_ptr<T>()> make;
+        std::unique_ptr<T> made;
+    };
+    std::shared_ptr<State> m_state;
+};
+
+// Times `body` once per iteration, after one that makes what is lazy.
 inline void Register(const std::string& operation, const std::string& by, Size s, std::function<void()> body)
 {
     const std::string name = operation + "/" + by + "/" + std::to_string(s.w) + "x" + std::to_string(s.h);
     benchmark::RegisterBenchmark(name.c_str(), [body = std::move(body)](benchmark::State& state) {
+        body();
         for (auto _ : state) {
             body();
             benchmark::ClobberMemory();

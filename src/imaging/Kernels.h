@@ -38,4 +38,8 @@ void MapWords(const uint16_t* src, uint16_t* dst, size_t n, const std::atomic<ui
 void Rotate12(const uint16_t* src, uint16_t* dst, size_t n);
 void SubtractDark(const uint8_t* src, uint8_t* dst, size_t n, uint32_t offset, const uint16_t* dark);
 
+// memcpy that leaves nothing of `dst` in the caches: for output of STREAM_FROM and more, whole or piece by piece. What it writes
+// over is not read, and unlike the processor's own instruction for it, this does not depend on where in a page `dst` begins.
+void CopyPast(const uint8_t* src, uint8_t* dst, size_t n);
+
 }  // namespace imaging

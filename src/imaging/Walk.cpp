@@ -13,8 +13,10 @@ namespace imaging {
 namespace {
 
 // Rows of a strip take about this much, which with what is made of them fits into the inner cache of all machines.
-constexpr size_t STRIP_BYTES = size_t{ 96 } << 10;
+constexpr size_t STRIP_BYTES = size_t{ 32 } << 10;
 constexpr size_t PAD = 64;
+
+void PlainCopy(const uint8_t* from, uint8_t* to, size_t n) { std::memcpy(to, from, n); }
 
 int BytesOf(const FramePlan& m)
 {
@@ -85,7 +87,7 @@ public:
     {
         const size_t rowBytes = m_width * sizeof(T), bytes = std::min(m.bytes, rowBytes * static_cast<size_t>(m.height));
         if (m_plainFrame && !m.reverseRows) {
-            Copy(m.raw, dst, bytes);
+            (bytes < STREAM_FROM ? PlainCopy : CopyPast)(m.raw, dst, bytes);
             return;
         }
         const auto row = [this](int y, uint8_t* to) {
@@ -131,14 +133,6 @@ public:
     }
 
 private:
-    // What is smaller than the inner caches memcpy moves by the processor's own instruction for it, which writes whole lines
-    // without reading them first and takes less time than one call for all of a frame.
-    static void Copy(const uint8_t* from, uint8_t* to, size_t n)
-    {
-        for (size_t i = 0; i < n; i += STRIP_BYTES)
-            std::memcpy(to + i, from + i, std::min(STRIP_BYTES, n - i));
-    }
-
     // The first `bytes` of rows that `make` writes: in place if they are small enough and the place suits, else as strips.
     template <class Make>
     static void PutRows(uint8_t* dst, size_t rowBytes, size_t bytes, bool suits, Make make)
@@ -156,7 +150,7 @@ private:
             const size_t n = std::min(step * rowBytes, bytes - at);
             for (size_t k = 0; k < n; k += rowBytes)
                 make(y++, strip.get() + k);
-            Copy(strip.get(), dst + at, n);
+            (bytes < STREAM_FROM ? PlainCopy : CopyPast)(strip.get(), dst + at, n);
         }
     }
 

@@ -154,9 +154,13 @@ TEST_P(Kernels, WalksOfLargeFrames)
     plan.raw = raw.data();
     plan.rawWidth = plan.width = w;
     plan.height = h;
+    plan.bytes = 3 * n;
+    Block<uint8_t> plain(n);
+    Walk(plan, plain.data());
+    ASSERT_EQ(plain.Content(), raw);
+    ASSERT_TRUE(plain.Guarded());
     plan.gamma8 = lut.data();
     plan.reverseRows = true;
-    plan.bytes = 3 * n;
     std::vector<uint8_t> want;
     for (int y = h - 1; y >= 0; --y)
         for (int x = 0; x < w; ++x)
@@ -227,6 +231,11 @@ TEST_P(Kernels, RowsOfPixels)
             ASSERT_EQ(gotY.Content(), wantY) << name;
             ASSERT_EQ(gotR.Content(), wantR) << name;
             ASSERT_TRUE(gotY.Guarded() && gotR.Guarded()) << name;
+            for (size_t at = 0; at < 64; at += 7) {  // places in a line of memory
+                Block<uint8_t> copied(at + 3 * size);
+                CopyPast(rgb.data(), copied.data() + at, 3 * size);
+                ASSERT_TRUE(std::equal(rgb.begin(), rgb.end(), copied.data() + at) && copied.Guarded()) << name << " at " << at;
+            }
             CompareInPlace<uint8_t>(
                 size, fill, name, [&](uint8_t* p) { reference::Gamma8(p, size, lut.data()); },
                 [&](uint8_t* p) { CAlgorithm().Gamma(p, lut.data(), n, 1); });
