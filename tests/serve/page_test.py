@@ -18,12 +18,14 @@ from selenium.webdriver.common.by import By
 from selenium.webdriver.common.keys import Keys
 
 SCREENSHOTS = os.environ.get("KOV_SCREENSHOTS")
+# The cooled camera beside the first, and its width: 16 megapixels, but where the machine does not keep up with them.
+COOLED, COOLED_WIDTH = ("OnyxCol_C", 1304) if os.environ.get("KOV_SMALL") else ("KyaniteCol_C", 4656)
 
 
 class PageTest(unittest.TestCase):
     @classmethod
     def setUpClass(cls):
-        cls.s = Server("QuartzCol,KyaniteCol_C", "--seed", "3")
+        cls.s = Server(f"QuartzCol,{COOLED}", "--seed", "3")
         cls.quartz = next(c["index"] for c in cls.s.json("/api/cameras") if "Quartz" in c["name"])
         cls.browser = cls.open_browser(1500, 950)
 
@@ -78,8 +80,10 @@ class PageTest(unittest.TestCase):
         self.s.wait(lambda: self.js("return " + script, browser), what, seconds)
 
     def new_frames(self, count):
-        number = self.js("return frame.number")
-        self.until(f"frame.number >= {number + count}", "new frames are shown")
+        """The first may have been asked for before the test's last step; its number tells nothing of that."""
+        for _ in range(count):
+            self.js("shownBefore = shown")
+            self.until("shown !== shownBefore", "a new picture is shown")
 
     def tap(self, selector, browser=None):
         """A click as a person does it: where the element is on the screen."""
@@ -175,6 +179,7 @@ class PageTest(unittest.TestCase):
         self.until("frame.width === 1936", "the whole sensor")
 
         # An exposure that is aborted, and one that is kept.
+        self.until("focusHistory.length > 0", "the focus is measured")
         self.assertGreater(self.js("return Math.min(...focusHistory.map(p => p.hfr))"), .5, "hot pixels are taken for stars")
         self.js("$('seconds').value = 20; $('expose').click()")
         self.until("state.exposure && state.exposure.elapsed > 0", "it exposes")
@@ -196,12 +201,14 @@ class PageTest(unittest.TestCase):
         self.tap("#record")
         self.until("!state.recording && /frames of 1936x1096/.test($('captures').firstChild.textContent)", "the recording is listed")
 
-        # A pulse moves the sky: 7.5 arc seconds a second, 4.4 of them a pixel.
+        # A pulse moves the sky: 7.5 arc seconds a second, 4.4 of them a pixel. It may end late. Which star is the brightest may
+        # differ between an exposure and the video, where it stands does not.
         self.js("$('guideBox').open = true; $('pulse').value = 4000")
-        brightest = "[...statistics.stars].sort((a, b) => b.flux - a.flux)[0]"
-        before = self.js(f"return {brightest}")
+        star = self.js("return [...statistics.stars].sort((a, b) => b.flux - a.flux)[0]")
+        there = f"statistics.stars.some(s => Math.abs(s.x - {star['x']}) < 2 && Math.abs(s.y - {star['y'] - 8}) < 4)"
+        self.assertFalse(self.js(f"return {there}"), "another star stands where the brightest is to go")
         self.tap("[data-guide='0']")
-        self.until(f"Math.abs({brightest}.y - {before['y']}) > 4 && Math.abs({brightest}.x - {before['x']}) < 2", "the brightest star has moved")
+        self.until(there, "the brightest star has moved")
 
         # A dark frame: taken, shown, used; its hot pixels kept in the camera and repaired, or not.
         self.js("$('darkBox').open = true")
@@ -254,7 +261,7 @@ class PageTest(unittest.TestCase):
 
         # The other camera, cooled.
         self.js(f"choose({1 - self.quartz})")
-        self.until("state && frame.number > 1 && frame.width > 4000", "the second camera's picture")
+        self.until(f"state && frame.number > 1 && frame.width === {COOLED_WIDTH}", "the second camera's picture")
         self.js("put('control', { type: 1, value: 500000, auto: false })")
         self.js("$('coolerBox').open = true; $('target').value = 5; $('target').dispatchEvent(new Event('change')); $('coolerOn').click()")
         self.until("state.coolerPower > 0 && cooling.some(p => p[3] > 0)", "it cools, and the plot has it")
