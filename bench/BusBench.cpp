@@ -56,7 +56,7 @@ int CountBehindLibusb()
     std::vector<std::unique_ptr<usbstack::IDevice>> devices;
     std::vector<std::unique_ptr<MockUsb>> usb;
     for (const usbstack::DeviceInfo& d : bus.Enumerate()) {
-        devices.emplace_back(bus.Open(d.sPath, nullptr));
+        devices.emplace_back(bus.Open(d.path, nullptr));
         usb.push_back(std::make_unique<MockUsb>(system, uint8_t{ 2 }, "1." + std::to_string(usb.size() + 1), *devices.back()));
     }
     platform::SetUsbStack(&usbstack::LibusbStack());

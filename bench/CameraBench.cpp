@@ -51,10 +51,10 @@ double Seconds(clockid_t clock)
 // A colour camera without its sensor.
 class BenchCamera final : public CCameraBase, public IModel {
 public:
-    explicit BenchCamera(Size s) : CCameraBase(s.w, s.h), m_Traits(MakeTraits()), m_Session(*this, *this)
+    explicit BenchCamera(Size s) : CCameraBase(s.w, s.h), m_traits(MakeTraits()), m_session(*this, *this)
     {
         m_bIsColor = true;
-        m_ColorBayer = m_Traits.bayer;
+        m_ColorBayer = m_traits.bayer;
         m_iGamma = 50;
         m_lExposure = 1000;
         m_iFrameTime = 500;
@@ -76,14 +76,14 @@ public:
     void SetRGBBalance(int, int, bool) override {}
     bool SetExp(uint64_t, bool) override { return true; }
     bool GetImage(uint8_t* p, int n, uint32_t ms) override { return DeliverImage(*this, *this, p, n, ms); }
-    bool StartCapture(bool snap) override { return m_Session.Start(snap); }
+    bool StartCapture(bool snap) override { return m_session.Start(snap); }
     bool StopCapture() override
     {
-        m_Session.Stop();
-        return m_Session.Wait(platform::WAIT_FOREVER) == platform::WAIT_SIGNALLED;
+        m_session.Stop();
+        return m_session.Wait(platform::WAIT_FOREVER) == platform::WAIT_SIGNALLED;
     }
-    const ModelTraits& Traits() const override { return m_Traits; }
-    void SetColour(bool on) { m_bIsColor = m_Traits.bColor = on; }
+    const ModelTraits& Traits() const override { return m_traits; }
+    void SetColour(bool on) { m_bIsColor = m_traits.isColor = on; }
     int32_t GetRealImageSize() override { return m_iWidth * m_iHeight * (m_bOutput16Bits ? 2 : 1); }
     bool SetOutput16Bits(bool) override { return true; }
 
@@ -92,12 +92,12 @@ private:
     {
         ModelTraits t{};
         t.family = Family::Quartz;
-        t.bColor = true;
-        t.szClass = "Bench";
+        t.isColor = true;
+        t.className = "Bench";
         return t;
     }
-    ModelTraits m_Traits;
-    CaptureSession m_Session;
+    ModelTraits m_traits;
+    CaptureSession m_session;
 };
 
 // --- GetImage -------------------------------------------------------------------------------------------------------

@@ -34,16 +34,16 @@ class Model final : public FuzzCamera, public IModel {
 public:
     Model(Family family, bool bColor) : FuzzCamera(WIDTH, HEIGHT)
     {
-        m_Traits.family = family;
-        m_Traits.bColor = m_bIsColor = bColor;
-        m_Traits.szClass = "Fuzz";
+        m_traits.family = family;
+        m_traits.isColor = m_bIsColor = bColor;
+        m_traits.className = "Fuzz";
         m_bUSB3Camera = true;
         m_bHasGamma = true;
         SetGamma(40);
         std::fill_n(m_pDarkSum, WIDTH * HEIGHT, uint16_t{ 3 });
         SetHotPixels(*this, { 0, 1, 33, 200, 201, 234, 500, WIDTH * HEIGHT - 1 });
     }
-    const ModelTraits& Traits() const override { return m_Traits; }
+    const ModelTraits& Traits() const override { return m_traits; }
     int32_t GetRealImageSize() override
     {
         const int bin = m_bHardwareBin ? 1 : m_iBin.Get();
@@ -53,7 +53,7 @@ public:
     bool SetBLOffset(bool, char, char, char, char) override { return m_bAutoBLBusy = false; }
 
 private:
-    ModelTraits m_Traits{};
+    ModelTraits m_traits{};
 };
 
 struct Bench {
@@ -109,7 +109,7 @@ int64_t Bench::Chunk(uint8_t* p, uint32_t n)
         in.Take(p, std::min(size, 32u));
     if (size >= 8)
         PutMarks(p, size, marks);
-    if (run && !run->bSnap && marks & 32)
+    if (run && !run->snap && marks & 32)
         Host(static_cast<Model&>(run->cam));
     return size;
 }
@@ -186,9 +186,9 @@ void Queue(Bench& b, Model& model)
         default: {
             const uint8_t w = in.Next();
             const auto result = queue.ReadFrame({ 1, w & 1u, (w & 2) != 0, w >> 2 & 1u, w >> 3 & 1u, (w & 16) != 0 });
-            if (result.dwReceived > static_cast<uint32_t>(std::max(frame, 0)))
+            if (result.received > static_cast<uint32_t>(std::max(frame, 0)))
                 std::abort();
-            if (result.bFinished && w & 32)
+            if (result.finished && w & 32)
                 queue.HandOver();
         }
         }

@@ -61,10 +61,10 @@ private:
         auto* const r = static_cast<XferRecord*>(pIn);
         if (dwCode != platform::IO_CONTROL || (r->setup.bmRequestType & 0x60) != 0x40 || !OnVendor)
             return m_next.IoControl(h, dwCode, pIn, dwIn, pOut, dwOut, pdwBytes, o);
-        const int32_t n = OnVendor(r->setup, static_cast<uint8_t*>(pIn) + r->dwBufferOffset, r->dwBufferLength);
+        const int32_t n = OnVendor(r->setup, static_cast<uint8_t*>(pIn) + r->bufferOffset, r->bufferLength);
         m_bVendor = true;
-        m_dwMoved = n < 0 ? 0 : r->dwBufferOffset + uint32_t(n);
-        r->dwUsbdStatus = n < 0 ? 0xC0000004 : 0;
+        m_dwMoved = n < 0 ? 0 : r->bufferOffset + uint32_t(n);
+        r->usbdStatus = n < 0 ? 0xC0000004 : 0;
         platform::SetLastError(n < 0 ? platform::ERROR_GENERAL_FAILURE : platform::ERROR_NONE);
         return n >= 0;
     }

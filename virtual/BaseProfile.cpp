@@ -8,7 +8,7 @@ namespace kovsim {
 
 void Registers::Put(uint16_t reg, uint16_t value, When when)
 {
-    Cell& cell = m_Cells[reg];
+    Cell& cell = m_cells[reg];
     cell.written = value;
     cell.bHeld = when == When::OnRelease;
     if (when == When::Now)
@@ -17,7 +17,7 @@ void Registers::Put(uint16_t reg, uint16_t value, When when)
 
 void Registers::Release()
 {
-    for (auto& [reg, cell] : m_Cells) {
+    for (auto& [reg, cell] : m_cells) {
         if (cell.bHeld)
             cell.live = cell.written;
         cell.bHeld = false;
@@ -26,21 +26,21 @@ void Registers::Release()
 
 void Registers::Lose(uint16_t reg)
 {
-    Cell& cell = m_Cells[reg];
+    Cell& cell = m_cells[reg];
     cell.live = 0;
     cell.bHeld = false;
 }
 
 uint16_t Registers::Written(uint16_t reg) const
 {
-    const auto it = m_Cells.find(reg);
-    return it == m_Cells.end() ? uint16_t{ 0 } : it->second.written;
+    const auto it = m_cells.find(reg);
+    return it == m_cells.end() ? uint16_t{ 0 } : it->second.written;
 }
 
 uint16_t Registers::operator[](uint16_t reg) const
 {
-    const auto it = m_Cells.find(reg);
-    return it == m_Cells.end() ? uint16_t{ 0 } : it->second.live;
+    const auto it = m_cells.find(reg);
+    return it == m_cells.end() ? uint16_t{ 0 } : it->second.live;
 }
 
 uint32_t Registers::Bytes(uint16_t reg, int count) const
@@ -54,63 +54,63 @@ uint32_t Registers::Bytes(uint16_t reg, int count) const
 double FromDb(double dB) { return std::pow(10.0, dB / 20); }
 
 SensorProfile::SensorProfile(const ModelFacts& facts, uint8_t bFirmware, const Wiring& wiring)
-    : m_bFirmware(bFirmware), m_Wiring(wiring)
+    : m_bFirmware(bFirmware), m_wiring(wiring)
 {
-    m_Facts = facts;
+    m_facts = facts;
 }
 
 void SensorProfile::PowerOn()
 {
-    m_Sensor.Clear();
-    m_Fpga.Clear();
+    m_sensor.Clear();
+    m_fpga.Clear();
     m_bUsb = m_b16 = false;
-    m_bClock = m_Wiring.bClockRuns;
-    m_iMHz = m_Wiring.iMHz;
+    m_bClock = m_wiring.bClockRuns;
+    m_iMHz = m_wiring.iMHz;
     // One whole frame of 8 bits.
-    m_uTransferUnits = (static_cast<uint32_t>(m_Facts.iWidth * m_Facts.iHeight) + 49151) / 49152;
+    m_uTransferUnits = (static_cast<uint32_t>(m_facts.iWidth * m_facts.iHeight) + 49151) / 49152;
     Reset();
 }
 
 bool SensorProfile::Write(uint16_t reg, uint16_t value)
 {
     using When = Registers::When;
-    if (m_Wiring.bClockGates && !m_bClock) {
-        m_Sensor.Put(reg, value, When::Never);
+    if (m_wiring.bClockGates && !m_bClock) {
+        m_sensor.Put(reg, value, When::Never);
         return true;
     }
-    const bool bHold = m_Wiring.iHold >= 0 && m_Sensor[static_cast<uint16_t>(m_Wiring.iHold)] == 1;
+    const bool bHold = m_wiring.iHold >= 0 && m_sensor[static_cast<uint16_t>(m_wiring.iHold)] == 1;
     // The hold register itself and the standby register in front of it (0x3000, 0x0200) act at once.
-    const bool bAtOnce = reg == m_Wiring.iHold || reg == (m_Wiring.iHold & 0xFF00);
-    m_Sensor.Put(reg, value, bHold && !bAtOnce ? When::OnRelease : When::Now);
-    if (reg == m_Wiring.iHold && value == 0)
-        m_Sensor.Release();
+    const bool bAtOnce = reg == m_wiring.iHold || reg == (m_wiring.iHold & 0xFF00);
+    m_sensor.Put(reg, value, bHold && !bAtOnce ? When::OnRelease : When::Now);
+    if (reg == m_wiring.iHold && value == 0)
+        m_sensor.Release();
     Wrote(reg);
     return true;
 }
 
-bool SensorProfile::WriteReg16(uint16_t reg, uint16_t value) { return m_Wiring.bWords && Write(reg, value); }
-bool SensorProfile::WriteReg8(uint16_t reg, uint8_t value) { return m_Wiring.bBytes && Write(reg, value); }
+bool SensorProfile::WriteReg16(uint16_t reg, uint16_t value) { return m_wiring.bWords && Write(reg, value); }
+bool SensorProfile::WriteReg8(uint16_t reg, uint8_t value) { return m_wiring.bBytes && Write(reg, value); }
 
 void SensorProfile::WriteFpga(uint16_t reg, uint16_t value)
 {
-    if (!m_Wiring.bFpga)
+    if (!m_wiring.bFpga)
         return;
     // Run state, hold and long-exposure gate are never held.
-    const bool bHeld = m_Wiring.bFpgaHold && m_Fpga[1] == 1 && reg != 0 && reg != 1 && reg != 11;
-    m_Fpga.Put(reg, value & 0xFF, bHeld ? Registers::When::OnRelease : Registers::When::Now);
-    if (m_Wiring.bFpgaHold && reg == 1 && m_Fpga[1] == 0)
-        m_Fpga.Release();
+    const bool bHeld = m_wiring.bFpgaHold && m_fpga[1] == 1 && reg != 0 && reg != 1 && reg != 11;
+    m_fpga.Put(reg, value & 0xFF, bHeld ? Registers::When::OnRelease : Registers::When::Now);
+    if (m_wiring.bFpgaHold && reg == 1 && m_fpga[1] == 0)
+        m_fpga.Release();
 }
 
 uint8_t SensorProfile::ReadFpga(uint16_t reg)
 {
-    if (!m_Wiring.bFpga)
+    if (!m_wiring.bFpga)
         return 0;
     switch (reg) {
     case 29: return 2;  // version: major, then four digits
     case 30: return 0x17;
     case 31: return 0x04;
-    default: return static_cast<uint8_t>(m_Fpga.Written(reg));
+    default: return static_cast<uint8_t>(m_fpga.Written(reg));
     }
 }
 
@@ -133,11 +133,11 @@ Readout SensorProfile::Current() const
 {
     Readout r;
     Decode(r);
-    if (m_Wiring.bClockGates) {
+    if (m_wiring.bClockGates) {
         r.bHeld = !m_bClock;
         r.dAfterHoldUs = r.dExposureUs;  // the lines of the shutter count only while the clock runs
     }
-    const int W = m_Facts.iWidth, H = m_Facts.iHeight;
+    const int W = m_facts.iWidth, H = m_facts.iHeight;
     if (r.iX < 0 || r.iY < 0 || r.iW <= 0 || r.iH <= 0 || r.iX + r.iW > W || r.iY + r.iH > H)
         Fail(r, "the window reaches beyond the sensor");
     if (r.iOutW <= 0 || r.iOutH <= 0 || r.iOutW > W || r.iOutH > H)
@@ -165,26 +165,26 @@ void SensorProfile::Fail(Readout& r, const char* szWhy)
 void SensorProfile::Set(std::initializer_list<std::pair<uint16_t, uint16_t>> values)
 {
     for (const auto& [reg, value] : values)
-        m_Sensor.Put(reg, value);
+        m_sensor.Put(reg, value);
 }
 
 void SensorProfile::SetReset(std::span<const Need> needs)
 {
     for (const Need& need : needs)
-        m_Sensor.Put(need.reg, need.reset);
+        m_sensor.Put(need.reg, need.reset);
 }
 
 void SensorProfile::Check(Readout& r, std::span<const Need> needs) const
 {
     for (const Need& need : needs)
-        if (m_Sensor[need.reg] != need.value)
+        if (m_sensor[need.reg] != need.value)
             Fail(r, need.szWhy);
 }
 
 void SensorProfile::FpgaSize(Readout& r) const
 {
-    r.iOutW = static_cast<int>(m_Fpga.Bytes(4, 2));
-    r.iOutH = static_cast<int>(m_Fpga.Bytes(8, 2));
+    r.iOutW = static_cast<int>(m_fpga.Bytes(4, 2));
+    r.iOutH = static_cast<int>(m_fpga.Bytes(8, 2));
 }
 
 void SensorProfile::FpgaGains(Readout& r, uint16_t regR, uint16_t regB) const
@@ -192,11 +192,11 @@ void SensorProfile::FpgaGains(Readout& r, uint16_t regR, uint16_t regB) const
     double green = 0;
     for (uint16_t reg = 12; reg <= 15; ++reg)
         if (reg != regR && reg != regB)
-            green += m_Fpga[reg] / 256.0;
+            green += m_fpga[reg] / 256.0;
     r.dGain *= green;
     if (green > 0) {
-        r.dGainR = m_Fpga[regR] / 128.0 / green;
-        r.dGainB = m_Fpga[regB] / 128.0 / green;
+        r.dGainR = m_fpga[regR] / 128.0 / green;
+        r.dGainB = m_fpga[regB] / 128.0 / green;
     }
 }
 

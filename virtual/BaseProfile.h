@@ -17,7 +17,7 @@ class Registers {
 public:
     enum class When : uint8_t { Now, OnRelease, Never };
 
-    void Clear() { m_Cells.clear(); }
+    void Clear() { m_cells.clear(); }
     void Put(uint16_t reg, uint16_t value, When when = When::Now);
     void Release();           // held values come into force, all at once
     void Lose(uint16_t reg);  // the value in force falls back to 0; what was written still reads back
@@ -30,7 +30,7 @@ private:
         uint16_t written = 0, live = 0;
         bool bHeld = false;
     };
-    std::map<uint16_t, Cell> m_Cells;
+    std::map<uint16_t, Cell> m_cells;
 };
 
 // A register that bring-up has to set; with another value the sensor gives no usable picture. The reset value differs, so
@@ -57,8 +57,8 @@ public:
     void PowerOn() override;
     bool WriteReg16(uint16_t reg, uint16_t value) override;
     bool WriteReg8(uint16_t reg, uint8_t value) override;
-    uint16_t ReadReg16(uint16_t reg) override { return m_Sensor.Written(reg); }
-    uint8_t ReadReg8(uint16_t reg) override { return static_cast<uint8_t>(m_Sensor.Written(reg)); }
+    uint16_t ReadReg16(uint16_t reg) override { return m_sensor.Written(reg); }
+    uint8_t ReadReg8(uint16_t reg) override { return static_cast<uint8_t>(m_sensor.Written(reg)); }
     void WriteFpga(uint16_t reg, uint16_t value) override;
     uint8_t ReadFpga(uint16_t reg) override;
     void Command(uint8_t request) override;
@@ -77,15 +77,15 @@ protected:
 
     // FPGA. Register 0: bit 0 frames enabled, bit 4 stopped, bit 5 out of reset, bit 1 binning sensor, bits 6 and 7 long
     // exposure, which change nothing here: the gate in register 11 does the holding.
-    bool FpgaRuns() const { return (m_Fpga[0] & 0x31) == 0x21; }
+    bool FpgaRuns() const { return (m_fpga[0] & 0x31) == 0x21; }
     void FpgaSize(Readout& r) const;                                 // registers 4, 5 and 8, 9: what is sent
     void FpgaGains(Readout& r, uint16_t regR, uint16_t regB) const;  // registers 12 to 15, the other two are green
-    uint32_t FpgaLine() const { return m_Fpga.Bytes(19, 2); }
-    uint32_t FpgaFrame() const { return m_Fpga.Bytes(16, 3); }
+    uint32_t FpgaLine() const { return m_fpga.Bytes(19, 2); }
+    uint32_t FpgaFrame() const { return m_fpga.Bytes(16, 3); }
     // Exposure from whole lines: the shutter opens at line `shutter` and closes `lead` lines before the frame's end.
     void Timing(Readout& r, double dKHz, uint32_t line, uint32_t frame, uint32_t shutter, uint32_t lead, double t0) const;
 
-    Registers m_Sensor, m_Fpga;
+    Registers m_sensor, m_fpga;
     const uint8_t m_bFirmware;
     bool m_bUsb = false;   // requests 169, 170
     bool m_bClock = true;  // requests 174, 175
@@ -95,7 +95,7 @@ protected:
 
 private:
     bool Write(uint16_t reg, uint16_t value);
-    const Wiring m_Wiring;
+    const Wiring m_wiring;
 };
 
 double FromDb(double dB);

@@ -34,10 +34,10 @@ private:
 
     void Decode(Readout& r) const override
     {
-        const Registers& s = m_Sensor;
-        r.bStreaming = m_bUsb && (m_Fpga[0] & 0x11) == 0x01;
+        const Registers& s = m_sensor;
+        r.bStreaming = m_bUsb && (m_fpga[0] & 0x11) == 0x01;
         FpgaSize(r);
-        const int skipX = static_cast<int>(m_Fpga.Bytes(2, 2)), skipY = static_cast<int>(m_Fpga.Bytes(6, 2));
+        const int skipX = static_cast<int>(m_fpga.Bytes(2, 2)), skipY = static_cast<int>(m_fpga.Bytes(6, 2));
         if (skipY != 0 && skipY != 5)
             Fail(r, "the vertical constant belongs to another mode");
         r.iBin = skipY == 5 ? 2 : 1;
@@ -46,7 +46,7 @@ private:
         r.iY = s[REG_ROI_Y0];
         // Binned, the end comes in the high byte, too large for the sensor or cut to nothing: read to the last row. The
         // FPGA takes the rows that it was told.
-        const int end = r.iBin == 2 && (s[REG_ROI_Y1] & 0xFF) == 0 ? m_Facts.iHeight : s[REG_ROI_Y1];
+        const int end = r.iBin == 2 && (s[REG_ROI_Y1] & 0xFF) == 0 ? m_facts.iHeight : s[REG_ROI_Y1];
         r.iH = r.iOutH * r.iBin;
         if (r.iW != r.iOutW * r.iBin)
             Fail(r, "sensor and FPGA are told different widths");
@@ -54,9 +54,9 @@ private:
             Fail(r, "sensor and FPGA are told different heights");
         r.iX += (skipX - (r.iBin == 2 ? 2 : 0)) * r.iBin;
 
-        if (m_Fpga[10] != 0 && m_Fpga[10] != 1 && m_Fpga[10] != 17)
+        if (m_fpga[10] != 0 && m_fpga[10] != 1 && m_fpga[10] != 17)
             Fail(r, "unknown output format");
-        r.samples = m_Fpga[10] == 17 ? Samples::Bits16 : Samples::Bits8;
+        r.samples = m_fpga[10] == 17 ? Samples::Bits16 : Samples::Bits8;
 
         r.dExposureUs = s[REG_EXPOSURE] * 1000.0 / 72;
         r.dFrameUs = std::max((r.iH + BLANK) * LINE_US, r.dExposureUs + LINE_US);

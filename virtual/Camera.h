@@ -23,21 +23,21 @@ namespace kovsim {
 // Device time, microseconds since the bus was made.
 class Clock {
 public:
-    explicit Clock(double rate) : m_dRate(rate), m_Start(std::chrono::steady_clock::now()) {}
+    explicit Clock(double rate) : m_dRate(rate), m_start(std::chrono::steady_clock::now()) {}
     double Rate() const { return m_dRate; }
     double Now() const
     {
-        return std::chrono::duration<double, std::micro>(std::chrono::steady_clock::now() - m_Start).count() * m_dRate;
+        return std::chrono::duration<double, std::micro>(std::chrono::steady_clock::now() - m_start).count() * m_dRate;
     }
     std::chrono::steady_clock::time_point RealTime(double us) const
     {
-        return m_Start + std::chrono::duration_cast<std::chrono::steady_clock::duration>(
+        return m_start + std::chrono::duration_cast<std::chrono::steady_clock::duration>(
                              std::chrono::duration<double, std::micro>(us / m_dRate));
     }
 
 private:
     double m_dRate;
-    std::chrono::steady_clock::time_point m_Start;
+    std::chrono::steady_clock::time_point m_start;
 };
 
 // What a camera needs of its bus.
@@ -72,8 +72,8 @@ public:
     std::shared_ptr<std::vector<uint8_t>> Take();
 
 private:
-    std::mutex m_Mutex;
-    std::vector<std::unique_ptr<std::vector<uint8_t>>> m_Free;
+    std::mutex m_mutex;
+    std::vector<std::unique_ptr<std::vector<uint8_t>>> m_free;
 };
 
 class Camera final : public VirtualCamera {
@@ -86,8 +86,8 @@ public:
     ~Camera() override;
 
     // VirtualCamera
-    const ModelFacts& Facts() const override { return m_Facts; }
-    const CameraSettings& Settings() const override { return m_Settings; }
+    const ModelFacts& Facts() const override { return m_facts; }
+    const CameraSettings& Settings() const override { return m_settings; }
     std::vector<Request> Requests() const override;
     void ClearRequests() override;
     uint16_t SensorReg(uint16_t reg) const override;
@@ -103,7 +103,7 @@ public:
     void Replug() override;
     void PowerCycle() override;
     void SetScene(std::shared_ptr<const Scene> scene) override;
-    std::vector<HotPixel> HotPixels() const override { return m_Imager.HotPixels(); }
+    std::vector<HotPixel> HotPixels() const override { return m_imager.HotPixels(); }
     double Temperature() const override;
     double CoolerPower() const override;
     uint8_t CoolerDA() const override;
@@ -142,7 +142,7 @@ public:
     usbstack::Status ResetPort(uint64_t uPlug);
     usbstack::Status CyclePort(uint64_t uPlug);
     bool IsCurrent(uint64_t uPlug) const;
-    std::chrono::steady_clock::time_point RealTimeIn(double us) const { return m_Clock.RealTime(m_Clock.Now() + us); }
+    std::chrono::steady_clock::time_point RealTimeIn(double us) const { return m_clock.RealTime(m_clock.Now() + us); }
     usbstack::Speed GetSpeed() const;
     uint8_t GetAddress() const;
     int GetAltSetting(uint64_t uPlug) const;
@@ -163,7 +163,7 @@ private:
     };
     using Lock = std::unique_lock<std::mutex>;
 
-    // All of these under m_Mutex.
+    // All of these under m_mutex.
     bool Vendor(const Setup& s, std::vector<uint8_t>& data);
     bool VendorLoad(const Setup& s, std::vector<uint8_t>& data);
     bool VendorEeprom(std::vector<uint8_t>& memory, uint32_t address, const Setup& s, std::vector<uint8_t>& data);
@@ -183,7 +183,7 @@ private:
     void EndFrame(const FrameInFlight& frame);
     std::unique_ptr<Profile> NewProfile(uint8_t bFirmware) const;
     DescriptorFacts Descriptors() const;
-    bool Running() const { return m_bPresent && m_Memory.State() == Cpu::Firmware; }
+    bool Running() const { return m_bPresent && m_memory.State() == Cpu::Firmware; }
     double PeriodUs(const Readout& r) const;
 
     // The sensor's thread.
@@ -194,24 +194,24 @@ private:
     void CountLate(double lateUs, double periodUs);
     void TellSlow(Lock& lock);
 
-    const CameraSettings m_Settings;
+    const CameraSettings m_settings;
     const uint16_t m_wVendorId;
-    const Clock& m_Clock;
-    BusHooks& m_Bus;
+    const Clock& m_clock;
+    BusHooks& m_bus;
     const uint8_t m_bBus;
     const std::string m_sPort;
-    ModelFacts m_Facts;  // constant after construction
-    Imager m_Imager;     // sensor thread; its hot pixels are constant
+    ModelFacts m_facts;  // constant after construction
+    Imager m_imager;     // sensor thread; its hot pixels are constant
 
-    // Held over every completion, so that whoever has it knows that no buffer is being written. Taken before m_Mutex.
-    std::mutex m_Completing;
+    // Held over every completion, so that whoever has it knows that no buffer is being written. Taken before m_mutex.
+    std::mutex m_completing;
 
-    mutable std::mutex m_Mutex;  // guards all below
-    std::condition_variable m_Wake, m_ControlWake;
+    mutable std::mutex m_mutex;  // guards all below
+    std::condition_variable m_wake, m_controlWake;
     uint64_t m_uControlAborts = 0;
     uint64_t m_uLostReplies = 0;
-    std::unique_ptr<Profile> m_Profile;
-    std::shared_ptr<const Scene> m_Scene, m_Prepared;
+    std::unique_ptr<Profile> m_profile;
+    std::shared_ptr<const Scene> m_scene, m_prepared;
     bool m_bQuit = false, m_bPresent = false, m_bHalted = false;
     bool m_bUsed = false;     // some host has written a register: frames are likely to be wanted
     bool m_bLoaded = false;   // the boot loader was given a firmware
@@ -219,40 +219,40 @@ private:
     uint64_t m_uPlug = 0;
     uint8_t m_bAddress = 0, m_bConfiguration = 1;
     uint8_t m_bFirmware = 0;
-    usbstack::Status m_OpenStatus = usbstack::Status::Ok;
-    std::deque<Request> m_Requests;
-    std::vector<Fault> m_Faults;
-    FrameCounters m_Counters;
+    usbstack::Status m_openStatus = usbstack::Status::Ok;
+    std::deque<Request> m_requests;
+    std::vector<Fault> m_faults;
+    FrameCounters m_counters;
     std::string m_sContradiction;
     bool m_bNoise = false;  // the latest frame was
     // Of the frames since the sensor last stood still.
     uint64_t m_uRunFrames = 0;
     double m_dRunLostUs = 0;  // device time by which frames came too late to be made up for
     double m_dSlowRate = 0, m_dAskedRate = 0;
-    enum class Slow : uint8_t { No, Seen, Told } m_Slow = Slow::No;
+    enum class Slow : uint8_t { No, Seen, Told } m_slow = Slow::No;
 
-    Readout m_Now;  // the profile's, after the last change
+    Readout m_now;  // the profile's, after the last change
     double m_dHeldAt = 0, m_dReleasedAt = 0;
     double m_dStreamAt = -1;  // when streaming began, until its first exposure does
     uint64_t m_uStops = 0;    // how often streaming ended
     double m_dReplyUs = 0;    // how long the answer of the request in work takes
     uint32_t m_uTransferCount = 0;
-    std::deque<FrameInFlight> m_Frames;
-    std::deque<Pending> m_Pending;
+    std::deque<FrameInFlight> m_frames;
+    std::deque<Pending> m_pending;
     uint64_t m_uFrame = 0;
     uint16_t m_wTag = 0;
-    std::shared_ptr<FramePool> m_Pool = std::make_shared<FramePool>();
+    std::shared_ptr<FramePool> m_pool = std::make_shared<FramePool>();
 
-    mutable Thermal m_Thermal;
-    bool m_Pins[4] = {};
+    mutable Thermal m_thermal;
+    bool m_pins[4] = {};
     double m_dGuideX = 0, m_dGuideY = 0, m_dGuideAt = 0;
-    SpiFlash m_Flash;               // of the USB 3 bridge
-    std::vector<uint8_t> m_Eeprom;  // of the USB 2 bridge
+    SpiFlash m_flash;               // of the USB 3 bridge
+    std::vector<uint8_t> m_eeprom;  // of the USB 2 bridge
     bool m_bEepromWritten = false;
-    std::map<uint32_t, uint8_t> m_I2c;  // of the USB 3 bridge: device << 16 | address
-    BridgeMemory m_Memory;
+    std::map<uint32_t, uint8_t> m_i2c;  // of the USB 3 bridge: device << 16 | address
+    BridgeMemory m_memory;
 
-    std::thread m_Thread;
+    std::thread m_thread;
 };
 
 }  // namespace kovsim

@@ -71,7 +71,7 @@ private:
         SetReset(g_Needs);
         Set({ { REG_BOTTOM, 511 }, { REG_RIGHT, 727 }, { REG_FRAME, 541 }, { REG_LINE, 469 }, { REG_SHUTTER, 100 } });
         for (Reg reg : { REG_GAIN_GR, REG_GAIN_B, REG_GAIN_R, REG_GAIN_GB })
-            m_Sensor.Put(reg, 0x101F);
+            m_sensor.Put(reg, 0x101F);
         m_bState = STATE_IDLE;
         m_wCommand = 0x8000;
         m_wResult = RESULT_OK;
@@ -85,7 +85,7 @@ private:
         m_wResult = RESULT_OK;
         switch (command) {
         case CMD_SET_STATE:
-            if (m_Sensor[REG_PARAMETER] >> 8 != STATE_CHANGE) {
+            if (m_sensor[REG_PARAMETER] >> 8 != STATE_CHANGE) {
                 m_wResult = RESULT_REFUSED;
             } else {
                 m_bState = STATE_CHANGE;
@@ -98,7 +98,7 @@ private:
                     m_bState = STATE_STREAMING;
                 m_wResult = RESULT_BUSY;
             } else {
-                m_Sensor.Put(REG_PARAMETER, static_cast<uint16_t>(m_bState << 8));
+                m_sensor.Put(REG_PARAMETER, static_cast<uint16_t>(m_bState << 8));
             }
             break;
         case CMD_SEQUENCER: break;
@@ -111,7 +111,7 @@ private:
 
     void Decode(Readout& r) const override
     {
-        const Registers& s = m_Sensor;
+        const Registers& s = m_sensor;
         r.bStreaming = m_bUsb && m_bState == STATE_STREAMING;
         Check(r, g_Needs);
         r.iX = s[REG_LEFT];

@@ -10,20 +10,20 @@
 namespace kovsim {
 namespace {
 
-constexpr const char* szAuto = "the sensor's own exposure control is on";
-constexpr const char* szTiles = "the gain tiles do not cover the sensor";
-constexpr const char* szFlip = "the columns come in the wrong order";
-constexpr const char* szAnalog = "the analog stages are not set up";
+constexpr const char* WHY_AUTO = "the sensor's own exposure control is on";
+constexpr const char* WHY_TILES = "the gain tiles do not cover the sensor";
+constexpr const char* WHY_FLIP = "the columns come in the wrong order";
+constexpr const char* WHY_ANALOG = "the analog stages are not set up";
 
 // 0x000D bit 5 reads the columns backwards: these boards carry the sensor mirrored.
 constexpr Need g_DuniteNeeds[] = {
-    { 0x00AF, 0, 3, szAuto },   { 0x009A, 752, 0, szTiles },    { 0x00A0, 480, 0, szTiles },
-    { 0x002C, 0, 4, szAnalog }, { 0x000D, 800, 0x300, szFlip },
+    { 0x00AF, 0, 3, WHY_AUTO },   { 0x009A, 752, 0, WHY_TILES },    { 0x00A0, 480, 0, WHY_TILES },
+    { 0x002C, 0, 4, WHY_ANALOG }, { 0x000D, 800, 0x300, WHY_FLIP },
 };
-constexpr Need g_AgateNeeds[] = { { 0x0070, 0, 20, szAnalog } };
+constexpr Need g_AgateNeeds[] = { { 0x0070, 0, 20, WHY_ANALOG } };
 constexpr Need g_IoliteNeeds[] = {
-    { 0x0029, 0, 0x61, szAnalog }, { 0x003F, 3, 0, szAnalog },  { 0x0040, 6, 0, szAnalog },
-    { 0x004A, 96, 0, szAnalog },   { 0x004E, 12, 0, szAnalog },
+    { 0x0029, 0, 0x61, WHY_ANALOG }, { 0x003F, 3, 0, WHY_ANALOG },  { 0x0040, 6, 0, WHY_ANALOG },
+    { 0x004A, 96, 0, WHY_ANALOG },   { 0x004E, 12, 0, WHY_ANALOG },
 };
 
 class DuniteProfile final : public SensorProfile {
@@ -43,7 +43,7 @@ private:
         SetReset(g_DuniteNeeds);
         if (m_bAgate)
             SetReset(g_AgateNeeds);
-        const auto w = static_cast<uint16_t>(m_Facts.iWidth);
+        const auto w = static_cast<uint16_t>(m_facts.iWidth);
         Set({ { 0x0001, 1 },
               { 0x0002, 4 },
               { 0x0003, 480 },
@@ -57,14 +57,14 @@ private:
 
     void Decode(Readout& r) const override
     {
-        const Registers& s = m_Sensor;
+        const Registers& s = m_sensor;
         r.bStreaming = m_bUsb;
         Check(r, g_DuniteNeeds);
         if (m_bAgate)
             Check(r, g_AgateNeeds);
         r.iW = r.iOutW = s[0x0004];
         r.iH = r.iOutH = s[0x0003];
-        r.iX = m_Facts.iWidth + 1 - s[0x0001] - r.iW;  // counted from the right
+        r.iX = m_facts.iWidth + 1 - s[0x0001] - r.iW;  // counted from the right
         r.iY = s[0x0002] - 4;
         r.samples = m_b16 ? Samples::Bits12Wire : Samples::Bits8;
         const int blank = s[0x0005], lines = s[0x000B];
@@ -119,9 +119,9 @@ private:
     // The automatic calibration leaves its result in the offset registers.
     void Wrote(uint16_t reg) override
     {
-        if (reg == 0x0062 && m_Sensor[reg] == CALIBRATE)
+        if (reg == 0x0062 && m_sensor[reg] == CALIBRATE)
             for (uint16_t offset : g_Offsets)
-                m_Sensor.Put(offset, BLACK_TARGET - NATURAL_BLACK);
+                m_sensor.Put(offset, BLACK_TARGET - NATURAL_BLACK);
     }
 
     // To 0x20 eighths; bit 6 doubles; from 0x61 on 9, 10 and so on; bits 8 up are a digital factor less one.
@@ -134,7 +134,7 @@ private:
 
     void Decode(Readout& r) const override
     {
-        const Registers& s = m_Sensor;
+        const Registers& s = m_sensor;
         // Bit 8 of 0x001E waits for a restart (0x000B) before each frame. The host stops the clock inside that frame, so that
         // what comes after the clock's return is the frame it asked for either way.
         r.bStreaming = m_bUsb;

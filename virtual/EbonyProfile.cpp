@@ -10,7 +10,7 @@
 namespace kovsim {
 namespace {
 
-constexpr const char* szInit = "the sensor was never set up";
+constexpr const char* WHY_INIT = "the sensor was never set up";
 
 struct EbonyTraits {
     const char* szFamily;
@@ -55,7 +55,7 @@ constexpr EbonyTraits g_Groups[] = {
       0,
       { 2, 4 },
       { 0, 2 },
-      { 0x0201, 0x22, 0, szInit } },
+      { 0x0201, 0x22, 0, WHY_INIT } },
     { "Flint",
       0x54,
       4,
@@ -78,7 +78,7 @@ constexpr EbonyTraits g_Groups[] = {
       0,
       { 4, 4 },
       { 0, 0 },
-      { 0x0201, 0xA2, 0, szInit } },
+      { 0x0201, 0xA2, 0, WHY_INIT } },
     { "Halite",
       0x24,
       4,
@@ -101,7 +101,7 @@ constexpr EbonyTraits g_Groups[] = {
       2,
       { 0, 0 },
       { 0, 0 },
-      { 0x0201, 0xA2, 0, szInit } },
+      { 0x0201, 0xA2, 0, WHY_INIT } },
 };
 
 class EbonyProfile final : public SensorProfile {
@@ -120,17 +120,17 @@ private:
     {
         Set({ { t.init.reg, t.init.reset }, { 0x0200, 1 } });
         for (uint16_t reg = 13; reg <= 15; ++reg)
-            m_Fpga.Put(reg, 128);
+            m_fpga.Put(reg, 128);
     }
 
     void Decode(Readout& r) const override
     {
-        const Registers& s = m_Sensor;
+        const Registers& s = m_sensor;
         Check(r, { &t.init, 1 });
         // Mode: bit 0 standby, bit 1 read-out held (set for the middle of a long exposure), the rest selects.
         const uint16_t mode = s[0x0200] & 0xFC;
         r.bStreaming = m_bUsb && FpgaRuns() && (s[0x0200] & 1) == 0;
-        r.bHeld = (m_Fpga[11] & 1) != 0 || (s[0x0200] & 3) == 2;
+        r.bHeld = (m_fpga[11] & 1) != 0 || (s[0x0200] & 3) == 2;
         const bool bBin = mode == (t.modeBin & 0xFC);
         if (!bBin && mode != 4)
             Fail(r, "unknown read-out mode");
@@ -139,14 +139,14 @@ private:
             Fail(r, "mode and read-out table differ");
 
         const bool bNarrow = bBin && t.bBinFormat;
-        if ((m_Fpga[10] & ~0x10) != (bNarrow ? 0 : 1))
+        if ((m_fpga[10] & ~0x10) != (bNarrow ? 0 : 1))
             Fail(r, "output format does not fit the mode");
-        r.samples = (m_Fpga[10] & 0x10) != 0 ? Samples::Bits16 : Samples::Bits8;
+        r.samples = (m_fpga[10] & 0x10) != 0 ? Samples::Bits16 : Samples::Bits8;
 
         FpgaSize(r);
-        r.iX = (static_cast<int>(m_Fpga.Bytes(2, 2)) - (bBin ? t.lead / 2 : t.lead)) * r.iBin;
+        r.iX = (static_cast<int>(m_fpga.Bytes(2, 2)) - (bBin ? t.lead / 2 : t.lead)) * r.iBin;
         r.iY = static_cast<int>(s.Bytes(0x0208, 2)) - (bBin ? t.topBin : t.top);
-        r.iY += (static_cast<int>(m_Fpga.Bytes(6, 2)) - (bBin ? t.skipYBin : t.skipY)) * r.iBin;
+        r.iY += (static_cast<int>(m_fpga.Bytes(6, 2)) - (bBin ? t.skipYBin : t.skipY)) * r.iBin;
         r.iW = r.iOutW * r.iBin;
         r.iH = r.iOutH * r.iBin;
         // Rows are counted as sent.
@@ -167,7 +167,7 @@ private:
         const double green = Amplifier(s.Bytes(t.gainG[0], 2));
         if (s.Bytes(t.gainG[0], 2) != s.Bytes(t.gainG[1], 2))
             Fail(r, "the two green gains differ");
-        r.dGain = green * m_Fpga[12] / 4;  // here FPGA 12 is a common gain in quarters
+        r.dGain = green * m_fpga[12] / 4;  // here FPGA 12 is a common gain in quarters
         r.dGainR = Amplifier(s.Bytes(t.gainR, 2) >> t.shiftR) / green;
         r.dGainB = Amplifier(s.Bytes(t.gainB, 2)) / green;
         r.dBlack = s.Bytes(t.black, 2);

@@ -53,7 +53,7 @@ public:
     {
         m_dTemperature = celsius;
         const double counts = COUNTS55 + (celsius - 55) * (COUNTS70 - COUNTS55) / 15;
-        m_Sensor.Put(REG_TEMP, static_cast<uint16_t>(std::clamp(std::lround(counts), 1L, 1023L)));
+        m_sensor.Put(REG_TEMP, static_cast<uint16_t>(std::clamp(std::lround(counts), 1L, 1023L)));
     }
 
     // The thermometer stands still with the clock.
@@ -87,13 +87,13 @@ private:
         if (reg != REG_GAIN_ALL)
             return;
         for (Reg each : { REG_GAIN_GR, REG_GAIN_B, REG_GAIN_R, REG_GAIN_GB })
-            m_Sensor.Put(each, m_Sensor[REG_GAIN_ALL]);
+            m_sensor.Put(each, m_sensor[REG_GAIN_ALL]);
     }
 
     double MHz() const
     {
-        const Registers& s = m_Sensor;
-        const double input = m_Facts.bUSB3 ? 24 : m_iMHz;
+        const Registers& s = m_sensor;
+        const double input = m_facts.bUSB3 ? 24 : m_iMHz;
         if ((s[REG_COLUMN] & 0x4000) != 0)
             return input;
         const double divider = 1.0 * s[REG_PLL_PRE] * s[REG_PLL_SYS] * s[REG_PLL_PIX];
@@ -102,7 +102,7 @@ private:
 
     void Decode(Readout& r) const override
     {
-        const Registers& s = m_Sensor;
+        const Registers& s = m_sensor;
         r.bStreaming = m_bUsb && (s[REG_RUN] & 4) != 0;
         if (s[REG_SEQUENCER] == 0)
             Fail(r, "no sequencer program was loaded");
@@ -111,7 +111,7 @@ private:
         r.iW = r.iOutW = s[REG_RIGHT] - r.iX + 1;
         r.iH = r.iOutH = s[REG_BOTTOM] - s[REG_TOP] + 1;
         r.samples = m_b16 ? Samples::Bits12Wire : Samples::Bits8;
-        if (m_Facts.bUSB3) {
+        if (m_facts.bUSB3) {
             // The USB 3 bridge ends a frame at the count it was told, in units of 49152 bytes.
             const auto bytes =
                 static_cast<uint32_t>(std::max(r.iOutW, 0)) * static_cast<uint32_t>(std::max(r.iOutH, 0)) * (m_b16 ? 2 : 1);

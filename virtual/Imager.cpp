@@ -15,7 +15,7 @@ constexpr int GAUSS_SIZE = 1 << GAUSS_BITS;
 // multiplication and a load; the price is that nothing lies beyond 3.7 sigma.
 const std::array<float, GAUSS_SIZE>& Gauss()
 {
-    static const std::array<float, GAUSS_SIZE> s_Table = [] {
+    static const std::array<float, GAUSS_SIZE> s_table = [] {
         std::array<double, GAUSS_SIZE> q;
         double sum2 = 0;
         for (int i = 0; i < GAUSS_SIZE; ++i) {
@@ -33,20 +33,20 @@ const std::array<float, GAUSS_SIZE>& Gauss()
             table[i] = float(q[i] / std::sqrt(sum2 / GAUSS_SIZE));
         return table;
     }();
-    return s_Table;
+    return s_table;
 }
 
 // 0 red, 1 green, 2 blue; -1 no filter.
 int FilterAt(Cfa cfa, int x, int y)
 {
-    static constexpr int8_t s_Filters[5][4] = {
+    static constexpr int8_t s_filters[5][4] = {
         { -1, -1, -1, -1 },  // Mono
         { 0, 1, 1, 2 },      // RG
         { 2, 1, 1, 0 },      // BG
         { 1, 0, 2, 1 },      // GR
         { 1, 2, 0, 1 },      // GB
     };
-    return s_Filters[size_t(cfa)][(y & 1) * 2 + (x & 1)];
+    return s_filters[size_t(cfa)][(y & 1) * 2 + (x & 1)];
 }
 
 constexpr int MAX_SHIFT = 16;
@@ -120,7 +120,7 @@ uint32_t FrameBytes(const Readout& r)
 }
 
 Imager::Imager(const ModelFacts& facts, uint64_t seed, double noise, int hotPixels)
-    : m_Facts(facts), m_uSeed(seed), m_dNoise(noise)
+    : m_facts(facts), m_uSeed(seed), m_dNoise(noise)
 {
     const int64_t pixels = int64_t(facts.iWidth) * facts.iHeight;
     const int64_t count = hotPixels >= 0 ? hotPixels : pixels / 20000;
@@ -129,30 +129,30 @@ Imager::Imager(const ModelFacts& facts, uint64_t seed, double noise, int hotPixe
         const uint64_t at = (s = Mix(s)) % uint64_t(pixels);
         const double u = double((s = Mix(s)) >> 11) / 9007199254740992.0;
         // From barely seen to saturated within seconds, as many in each octave.
-        m_Hot.push_back({ int(at % uint64_t(facts.iWidth)), int(at / uint64_t(facts.iWidth)), 200 * std::pow(100.0, u) });
+        m_hot.push_back({ int(at % uint64_t(facts.iWidth)), int(at / uint64_t(facts.iWidth)), 200 * std::pow(100.0, u) });
     }
-    std::sort(m_Hot.begin(), m_Hot.end(),
+    std::sort(m_hot.begin(), m_hot.end(),
               [](const HotPixel& a, const HotPixel& b) { return a.y != b.y ? a.y < b.y : a.x < b.x; });
-    m_Hot.erase(
-        std::unique(m_Hot.begin(), m_Hot.end(), [](const HotPixel& a, const HotPixel& b) { return a.x == b.x && a.y == b.y; }),
-        m_Hot.end());
+    m_hot.erase(
+        std::unique(m_hot.begin(), m_hot.end(), [](const HotPixel& a, const HotPixel& b) { return a.x == b.x && a.y == b.y; }),
+        m_hot.end());
 }
 
 void Imager::RenderScene(const std::shared_ptr<const Scene>& scene, double shiftX, double shiftY)
 {
-    const int w = m_Facts.iWidth, h = m_Facts.iHeight;
-    if (m_Scene == scene && !m_Light.empty()) {
+    const int w = m_facts.iWidth, h = m_facts.iHeight;
+    if (m_scene == scene && !m_light.empty()) {
         // A tenth of a pixel is seen in a centroid, a hundredth hardly.
-        const double tolerance = 0.01 * scene->PixelScale(m_Facts.dPixelUm);
+        const double tolerance = 0.01 * scene->PixelScale(m_facts.dPixelUm);
         if (!scene->Moves() || std::max(std::fabs(shiftX - m_dShiftX), std::fabs(shiftY - m_dShiftY)) <= tolerance)
             return;
     }
-    m_Scene = scene;
+    m_scene = scene;
     m_dShiftX = shiftX;
     m_dShiftY = shiftY;
-    m_Light.resize(size_t(w) * size_t(h));
-    const ScreenGeometry geometry{ w, h, m_Facts.dPixelUm, shiftX, shiftY };
-    const float scale = scene->InFullWells() ? float(m_Facts.dFullWell) : 1.0f;
+    m_light.resize(size_t(w) * size_t(h));
+    const ScreenGeometry geometry{ w, h, m_facts.dPixelUm, shiftX, shiftY };
+    const float scale = scene->InFullWells() ? float(m_facts.dFullWell) : 1.0f;
     constexpr int BAND = 64;
     std::vector<Light> band(size_t(w) * BAND);
     for (int y0 = 0; y0 < h; y0 += BAND) {
@@ -160,8 +160,8 @@ void Imager::RenderScene(const std::shared_ptr<const Scene>& scene, double shift
         scene->Render(geometry, y0, rows, band.data());
         for (int y = y0; y < y0 + rows; ++y) {
             const Light* in = &band[size_t(y - y0) * size_t(w)];
-            float* out = &m_Light[size_t(y) * size_t(w)];
-            const int even = FilterAt(m_Facts.cfa, 0, y), odd = FilterAt(m_Facts.cfa, 1, y);
+            float* out = &m_light[size_t(y) * size_t(w)];
+            const int even = FilterAt(m_facts.cfa, 0, y), odd = FilterAt(m_facts.cfa, 1, y);
             for (int x = 0; x < w; ++x) {
                 const int filter = x & 1 ? odd : even;
                 const Light l = in[x];
@@ -175,24 +175,24 @@ void Imager::RenderScene(const std::shared_ptr<const Scene>& scene, double shift
 void Imager::FillRow(int y, int x0, int n, float t, float dark, float hot, float* e) const
 {
     std::fill_n(e, n, 0.0f);
-    if (y < 0 || y >= m_Facts.iHeight)
+    if (y < 0 || y >= m_facts.iHeight)
         return;
-    const int from = std::max(x0, 0), to = std::min(x0 + n, m_Facts.iWidth);
-    const float* light = &m_Light[size_t(y) * size_t(m_Facts.iWidth)];
+    const int from = std::max(x0, 0), to = std::min(x0 + n, m_facts.iWidth);
+    const float* light = &m_light[size_t(y) * size_t(m_facts.iWidth)];
     for (int x = from; x < to; ++x)
         e[x - x0] = light[x] * t + dark;
-    auto it = std::lower_bound(m_Hot.begin(), m_Hot.end(), y, [](const HotPixel& p, int row) { return p.y < row; });
-    for (; it != m_Hot.end() && it->y == y; ++it)
+    auto it = std::lower_bound(m_hot.begin(), m_hot.end(), y, [](const HotPixel& p, int row) { return p.y < row; });
+    for (; it != m_hot.end() && it->y == y; ++it)
         if (it->x >= from && it->x < to)
             e[it->x - x0] += float(it->dElectronsPerSecond) * hot;
-    const float well = float(m_Facts.dFullWell);
+    const float well = float(m_facts.dFullWell);
     for (int i = 0; i < n; ++i)
         e[i] = std::min(e[i], well);
 }
 
 float Imager::ChannelGain(int x, int y, const Readout& r) const
 {
-    const int filter = FilterAt(m_Facts.cfa, x, y);
+    const int filter = FilterAt(m_facts.cfa, x, y);
     return float(filter == 0 ? r.dGainR : filter == 2 ? r.dGainB : 1.0);
 }
 
@@ -209,15 +209,15 @@ void Imager::Expose(const Readout& r, const Shot& shot, const std::shared_ptr<co
     }
     RenderScene(scene, shot.dShiftX, shot.dShiftY);
 
-    const bool colour = m_Facts.cfa != Cfa::Mono;
-    const int bin = std::max(r.iBin, 1), bits = m_Facts.iAdcBits, top = (1 << bits) - 1;
+    const bool colour = m_facts.cfa != Cfa::Mono;
+    const int bin = std::max(r.iBin, 1), bits = m_facts.iAdcBits, top = (1 << bits) - 1;
     const float pixels = float(bin * bin);
     const float t = float(shot.dExposureUs / 1e6);
     const float warm = float(std::exp2((shot.dCelsius - 20) / DARK_DOUBLING)) * t;
     const float dark = m_dNoise > 0 ? float(DARK_AT_20) * warm : 0.0f;
     const float share = r.bBinSums ? 1.0f : 1 / pixels;  // of the cell's electrons that counts
     const float black = float(r.dBlack) * (r.bBinSums ? pixels : 1.0f);
-    const float noise2 = float(m_dNoise * m_dNoise), read2 = float(m_Facts.dReadNoise * m_Facts.dReadNoise) * noise2 * pixels;
+    const float noise2 = float(m_dNoise * m_dNoise), read2 = float(m_facts.dReadNoise * m_facts.dReadNoise) * noise2 * pixels;
     const int cellsW = std::clamp(r.iW / bin, 0, r.iOutW), cellsH = std::clamp(r.iH / bin, 0, r.iOutH);
     const int bytes = r.samples == Samples::Bits8 ? 1 : 2;
 
@@ -237,7 +237,7 @@ void Imager::Expose(const Readout& r, const Shot& shot, const std::shared_ptr<co
             const int y0 = r.iY + CellStart(cy, bin, colour, r.iShiftY);
             float k[2];
             for (int p = 0; p < 2; ++p)
-                k[p] = float(double(1 << bits) / m_Facts.dFullWell * r.dGain) * share *
+                k[p] = float(double(1 << bits) / m_facts.dFullWell * r.dGain) * share *
                        ChannelGain(r.iX + CellStart(p, bin, colour, r.iShiftX), y0, r);
             if (bin == 1) {
                 FillRow(y0, r.iX + CellStart(0, 1, colour, r.iShiftX), cellsW, t, dark, warm, cells.data());

@@ -39,7 +39,7 @@ class Imager {
 public:
     // hotPixels -1: one in 20,000.
     Imager(const ModelFacts& facts, uint64_t seed, double noise, int hotPixels);
-    const std::vector<HotPixel>& HotPixels() const { return m_Hot; }
+    const std::vector<HotPixel>& HotPixels() const { return m_hot; }
 
     // Computes the scene's light ahead of the first frame: a large sensor takes a third of a second.
     void Prepare(const std::shared_ptr<const Scene>& scene, double shiftX, double shiftY) { RenderScene(scene, shiftX, shiftY); }
@@ -57,12 +57,12 @@ private:
     void FillRow(int y, int x0, int n, float t, float dark, float hot, float* e) const;
     float ChannelGain(int x, int y, const Readout& r) const;
 
-    ModelFacts m_Facts;
+    ModelFacts m_facts;
     uint64_t m_uSeed;
     double m_dNoise;
-    std::vector<HotPixel> m_Hot;           // by row, then column
-    std::vector<float> m_Light;            // electrons a second behind the filters
-    std::shared_ptr<const Scene> m_Scene;  // what m_Light shows
+    std::vector<HotPixel> m_hot;           // by row, then column
+    std::vector<float> m_light;            // electrons a second behind the filters
+    std::shared_ptr<const Scene> m_scene;  // what m_light shows
     double m_dShiftX = 0, m_dShiftY = 0;
 };
 

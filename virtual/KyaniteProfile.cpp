@@ -36,20 +36,20 @@ public:
         // Asleep, only the two power registers listen, except under the long-exposure gate, where the FPGA keeps the
         // sensor's interface up.
         if (Asleep() && !Gated() && reg != REG_POWER && reg != REG_WAKE) {
-            m_Sensor.Put(reg, value, Registers::When::Never);
+            m_sensor.Put(reg, value, Registers::When::Never);
             return true;
         }
         return SensorProfile::WriteReg16(reg, value);
     }
 
 private:
-    bool Asleep() const { return m_Sensor[REG_WAKE] == 0x3C40 && m_Sensor[REG_POWER] == 0; }
-    bool Gated() const { return (m_Fpga[11] & 1) != 0; }
+    bool Asleep() const { return m_sensor[REG_WAKE] == 0x3C40 && m_sensor[REG_POWER] == 0; }
+    bool Gated() const { return (m_fpga[11] & 1) != 0; }
 
     void Reset() override
     {
         for (uint16_t reg = 12; reg <= 15; ++reg)
-            m_Fpga.Put(reg, 128);  // bring-up leaves them
+            m_fpga.Put(reg, 128);  // bring-up leaves them
     }
 
     // What a host sets frame by frame does not survive the sleep.
@@ -58,12 +58,12 @@ private:
         if (!Asleep() || Gated())
             return;
         for (Reg reg : { REG_GAIN_A, REG_GAIN_B, REG_SHUTTER, REG_BLACK, REG_TOP, REG_END })
-            m_Sensor.Lose(reg);
+            m_sensor.Lose(reg);
     }
 
     void Decode(Readout& r) const override
     {
-        const Registers& s = m_Sensor;
+        const Registers& s = m_sensor;
         const bool bAwake = s[REG_WAKE] == 0x3C43 && s[REG_POWER] == 0x173 && s[REG_WAKE_A] == 13 && s[REG_WAKE_B] == 0;
         r.bHeld = Gated();
         r.bStreaming = m_bUsb && FpgaRuns() && (bAwake || r.bHeld);
@@ -75,24 +75,24 @@ private:
         r.iH = s[REG_END] - 36 - r.iY;
         // The rows that the sensor reads over the rows that the FPGA sends give the binning; run state, vertical constant
         // and format have to agree with it.
-        const int skip = static_cast<int>(m_Fpga.Bytes(6, 2));
+        const int skip = static_cast<int>(m_fpga.Bytes(6, 2));
         for (int bin : { 2, 3 })
             if (r.iOutH > 0 && r.iH == bin * r.iOutH)
                 r.iBin = bin;
         const bool bBin = r.iBin != 1;
         if (r.iH != r.iBin * r.iOutH)
             Fail(r, "sensor and FPGA are told different heights");
-        if (FpgaRuns() && ((m_Fpga[0] & 2) != 0) != bBin)
+        if (FpgaRuns() && ((m_fpga[0] & 2) != 0) != bBin)
             Fail(r, "run state and binning differ");
         if (skip < (bBin ? 5 : 13) || skip > (r.iBin == 3 ? 6 : bBin ? 8 : 13))
             Fail(r, "the vertical constant belongs to another mode");
-        const uint16_t path = m_Fpga[10] & ~0x10;
+        const uint16_t path = m_fpga[10] & ~0x10;
         if (path > (bBin ? 0 : 1))
             Fail(r, "output format does not fit the mode");
-        r.samples = (m_Fpga[10] & 0x10) != 0 ? Samples::Bits16 : Samples::Bits8;
-        if (m_Fpga[10] == 16 && !bBin)
+        r.samples = (m_fpga[10] & 0x10) != 0 ? Samples::Bits16 : Samples::Bits8;
+        if (m_fpga[10] == 16 && !bBin)
             Fail(r, "the fast output carries 8 bits only");
-        r.iX = (static_cast<int>(m_Fpga.Bytes(2, 2)) - 60) * r.iBin;
+        r.iX = (static_cast<int>(m_fpga.Bytes(2, 2)) - 60) * r.iBin;
         r.iW = r.iOutW * r.iBin;
 
         const uint32_t line = FpgaLine(), frame = FpgaFrame();

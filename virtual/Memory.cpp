@@ -5,12 +5,12 @@
 
 namespace kovsim {
 
-SpiFlash::SpiFlash(std::string sFile) : m_sFile(std::move(sFile)), m_Bytes(SIZE, 0xFF)
+SpiFlash::SpiFlash(std::string sFile) : m_sFile(std::move(sFile)), m_bytes(SIZE, 0xFF)
 {
     if (m_sFile.empty())
         return;
     if (std::FILE* f = std::fopen(m_sFile.c_str(), "rb")) {
-        const size_t got = std::fread(m_Bytes.data(), 1, SIZE, f);
+        const size_t got = std::fread(m_bytes.data(), 1, SIZE, f);
         (void)got;  // a shorter file leaves the rest erased
         std::fclose(f);
     } else {
@@ -31,7 +31,7 @@ void SpiFlash::Save(uint32_t address, uint32_t length)
     if (!f)
         return;
     if (std::fseek(f, long(address), SEEK_SET) == 0)
-        std::fwrite(&m_Bytes[address], 1, length, f);
+        std::fwrite(&m_bytes[address], 1, length, f);
     std::fclose(f);
 }
 
@@ -39,7 +39,7 @@ bool SpiFlash::Read(uint32_t address, uint32_t length, double now, std::vector<u
 {
     if (Busy(now) || address > SIZE || length > SIZE - address)
         return false;
-    out->assign(m_Bytes.begin() + address, m_Bytes.begin() + address + length);
+    out->assign(m_bytes.begin() + address, m_bytes.begin() + address + length);
     return true;
 }
 
@@ -48,7 +48,7 @@ bool SpiFlash::Write(uint32_t address, const std::vector<uint8_t>& bytes, double
     if (Busy(now) || address > SIZE || bytes.size() > SIZE - address)
         return false;
     for (size_t i = 0; i < bytes.size(); ++i)
-        m_Bytes[address + i] &= bytes[i];
+        m_bytes[address + i] &= bytes[i];
     if (!bytes.empty())
         Save(address, uint32_t(bytes.size()));
     return true;
@@ -58,7 +58,7 @@ bool SpiFlash::Erase(uint32_t sector, double now)
 {
     if (Busy(now) || sector >= SIZE / SECTOR)
         return false;
-    std::fill_n(m_Bytes.begin() + sector * SECTOR, SECTOR, uint8_t(0xFF));
+    std::fill_n(m_bytes.begin() + sector * SECTOR, SECTOR, uint8_t(0xFF));
     Save(sector * SECTOR, SECTOR);
     m_dBusyUntil = now + ERASE_US;
     return true;
@@ -68,7 +68,7 @@ std::vector<uint8_t> SpiFlash::Peek(uint32_t address, uint32_t length) const
 {
     address = std::min(address, SIZE);
     length = std::min(length, SIZE - address);
-    return { m_Bytes.begin() + address, m_Bytes.begin() + address + length };
+    return { m_bytes.begin() + address, m_bytes.begin() + address + length };
 }
 
 void SpiFlash::Poke(uint32_t address, const std::vector<uint8_t>& bytes)
@@ -76,7 +76,7 @@ void SpiFlash::Poke(uint32_t address, const std::vector<uint8_t>& bytes)
     if (address >= SIZE || bytes.empty())
         return;
     const size_t n = std::min<size_t>(bytes.size(), SIZE - address);
-    std::copy_n(bytes.begin(), n, m_Bytes.begin() + address);
+    std::copy_n(bytes.begin(), n, m_bytes.begin() + address);
     Save(address, uint32_t(n));
 }
 
@@ -84,40 +84,40 @@ bool BridgeMemory::LoadFx2(uint16_t address, const std::vector<uint8_t>& bytes, 
 {
     if (address == RESET_REGISTER && bytes.size() == 1) {
         if (bytes[0] & 1) {
-            m_Cpu = Cpu::Reset;
-            m_Loads.clear();
+            m_cpu = Cpu::Reset;
+            m_loads.clear();
             return false;
         }
-        if (m_Cpu != Cpu::Reset)
+        if (m_cpu != Cpu::Reset)
             return false;
         // The loader is known by its two pieces; what it consists of is the host's affair.
         const std::vector<std::pair<uint16_t, size_t>> loader = { { uint16_t(0), 2048 }, { uint16_t(0x0800), 1427 } };
-        if (m_Loads == loader) {
-            m_Cpu = Cpu::Loader;
+        if (m_loads == loader) {
+            m_cpu = Cpu::Loader;
             return false;
         }
-        m_Cpu = Cpu::Firmware;
-        if (m_Loads.empty())
+        m_cpu = Cpu::Firmware;
+        if (m_loads.empty())
             return false;  // the old program starts again
         *pVersion = VersionIn(Read(0, 0x10000));
         return true;
     }
-    m_Loads.emplace_back(address, bytes.size());
+    m_loads.emplace_back(address, bytes.size());
     for (size_t i = 0; i < bytes.size(); ++i)
-        m_Ram[uint16_t(address + i)] = bytes[i];
+        m_ram[uint16_t(address + i)] = bytes[i];
     return false;
 }
 
 void BridgeMemory::LoadFx3(uint32_t address, const std::vector<uint8_t>& bytes)
 {
     for (size_t i = 0; i < bytes.size(); ++i)
-        m_Ram[address + uint32_t(i)] = bytes[i];
+        m_ram[address + uint32_t(i)] = bytes[i];
 }
 
 std::vector<uint8_t> BridgeMemory::Read(uint32_t address, uint32_t length) const
 {
     std::vector<uint8_t> out(length, 0);
-    for (auto it = m_Ram.lower_bound(address); it != m_Ram.end() && it->first - address < length; ++it)
+    for (auto it = m_ram.lower_bound(address); it != m_ram.end() && it->first - address < length; ++it)
         out[it->first - address] = it->second;
     return out;
 }

@@ -29,7 +29,7 @@ public:
 private:
     void Save(uint32_t address, uint32_t length);
     std::string m_sFile;
-    std::vector<uint8_t> m_Bytes;
+    std::vector<uint8_t> m_bytes;
     double m_dBusyUntil = 0;
 };
 
@@ -46,8 +46,8 @@ class BridgeMemory {
 public:
     static constexpr uint16_t RESET_REGISTER = 0xE600;
 
-    Cpu State() const { return m_Cpu; }
-    void SetState(Cpu cpu) { m_Cpu = cpu; }
+    Cpu State() const { return m_cpu; }
+    void SetState(Cpu cpu) { m_cpu = cpu; }
 
     // Request 160 of a USB 2 bridge. A write to the reset register stops the processor or starts what lies in memory;
     // returns true when that is a new firmware, whose version comes in *pVersion (empty: the image does not tell).
@@ -56,10 +56,10 @@ public:
     std::vector<uint8_t> Read(uint32_t address, uint32_t length) const;
 
 private:
-    Cpu m_Cpu = Cpu::Firmware;
-    std::map<uint32_t, uint8_t> m_Ram;
+    Cpu m_cpu = Cpu::Firmware;
+    std::map<uint32_t, uint8_t> m_ram;
     // Loads since the processor was stopped: tell the EEPROM loader from a firmware.
-    std::vector<std::pair<uint16_t, size_t>> m_Loads;
+    std::vector<std::pair<uint16_t, size_t>> m_loads;
 };
 
 // A firmware image carries its version as the bytes "KOVFW" and one more; empty where it does not.

@@ -14,11 +14,11 @@ namespace {
 
 class PictureScene final : public Scene {
 public:
-    PictureScene(int w, int h, std::vector<Light> pixels) : m_iW(w), m_iH(h), m_Pixels(std::move(pixels)) {}
+    PictureScene(int w, int h, std::vector<Light> pixels) : m_iW(w), m_iH(h), m_pixels(std::move(pixels)) {}
     void Render(const ScreenGeometry& g, int firstRow, int rows, Light* out) const override
     {
         for (int y = firstRow; y < firstRow + rows; ++y) {
-            const Light* row = &m_Pixels[size_t(int64_t(y) * m_iH / g.iHeight) * size_t(m_iW)];
+            const Light* row = &m_pixels[size_t(int64_t(y) * m_iH / g.iHeight) * size_t(m_iW)];
             for (int x = 0; x < g.iWidth; ++x)
                 *out++ = row[int64_t(x) * m_iW / g.iWidth];
         }
@@ -26,7 +26,7 @@ public:
 
 private:
     int m_iW, m_iH;
-    std::vector<Light> m_Pixels;
+    std::vector<Light> m_pixels;
 };
 
 }  // namespace

@@ -14,8 +14,8 @@
 namespace kovsim {
 namespace {
 
-std::atomic<const usbstack::Plugin*> g_pAttached = nullptr;
-std::unique_ptr<VirtualBus> g_pOwnBus;  // of KOVSimAttach
+std::atomic<const usbstack::Plugin*> g_Attached = nullptr;
+std::unique_ptr<VirtualBus> g_OwnBus;  // of KOVSimAttach
 
 const usbstack::Plugin* FromEnvironment()
 {
@@ -40,15 +40,15 @@ const usbstack::Plugin* FromEnvironment()
 
 VirtualCamera* OwnCamera(int index)
 {
-    if (!g_pOwnBus)
+    if (!g_OwnBus)
         return nullptr;
-    const auto cameras = g_pOwnBus->Cameras();
+    const auto cameras = g_OwnBus->Cameras();
     return index >= 0 && size_t(index) < cameras.size() ? cameras[size_t(index)] : nullptr;
 }
 
 }  // namespace
 
-void Attach(VirtualBus* bus) { g_pAttached.store(bus ? &bus->Offer() : nullptr, std::memory_order_release); }
+void Attach(VirtualBus* bus) { g_Attached.store(bus ? &bus->Offer() : nullptr, std::memory_order_release); }
 
 }  // namespace kovsim
 
@@ -56,11 +56,11 @@ extern "C" {
 
 KOV_PLUGIN_EXPORT const usbstack::Plugin* KOVUsbStackPlugin()
 {
-    if (const usbstack::Plugin* const p = kovsim::g_pAttached.load(std::memory_order_acquire))
+    if (const usbstack::Plugin* const p = kovsim::g_Attached.load(std::memory_order_acquire))
         return p;
     // Lives to the end of the process: its threads must not meet destructors that run at exit.
-    static const usbstack::Plugin* const s_pPlugin = kovsim::FromEnvironment();
-    return s_pPlugin;
+    static const usbstack::Plugin* const s_plugin = kovsim::FromEnvironment();
+    return s_plugin;
 }
 
 int KOVSimAttach(const char* text, char* error, int size)
@@ -72,7 +72,7 @@ int KOVSimAttach(const char* text, char* error, int size)
             auto bus = std::make_unique<kovsim::VirtualBus>(options.dRate);
             kovsim::PlugAll(*bus, options);
             kovsim::Attach(bus.get());
-            kovsim::g_pOwnBus = std::move(bus);
+            kovsim::g_OwnBus = std::move(bus);
         }
     } catch (const std::exception& e) {
         why = e.what();
@@ -85,7 +85,7 @@ int KOVSimAttach(const char* text, char* error, int size)
 void KOVSimDetach(void)
 {
     kovsim::Attach(nullptr);
-    kovsim::g_pOwnBus.reset();
+    kovsim::g_OwnBus.reset();
 }
 
 int KOVSimUnplug(int index)

@@ -70,7 +70,7 @@ struct Readout {
 class Profile {
 public:
     virtual ~Profile() = default;
-    const ModelFacts& Facts() const { return m_Facts; }
+    const ModelFacts& Facts() const { return m_facts; }
 
     virtual void PowerOn() = 0;                                 // registers to reset values
     virtual bool WriteReg16(uint16_t reg, uint16_t value) = 0;  // false: the device stalls the request
@@ -86,7 +86,7 @@ public:
     virtual void SetTemperature(double /*celsius*/) {}
 
 protected:
-    ModelFacts m_Facts;
+    ModelFacts m_facts;
 };
 
 // nullptr: unknown product ID. firmware and the host's speed matter to some families.

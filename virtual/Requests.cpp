@@ -60,7 +60,7 @@ Camera::Answer Camera::Ask(uint64_t uPlug, uint8_t bRequestType, uint8_t bReques
     const Setup s{ (bRequestType & 0x80) != 0, bRequest, wValue, wIndex, wLength };
     const bool vendor = (bRequestType & 0x60) == 0x40;
     bool ok;
-    Lock lock(m_Mutex);
+    Lock lock(m_mutex);
     if (!m_bPresent || uPlug != m_uPlug)
         return { Status::Gone, {}, 0, m_uControlAborts };
     m_dReplyUs = 0;
@@ -94,13 +94,13 @@ Status Camera::Control(uint64_t uPlug, uint8_t bRequestType, uint8_t bRequest, u
     const Answer answer = Ask(uPlug, bRequestType, bRequest, wValue, wIndex, wLength, std::move(sent));
     const double limit = dwTimeoutMs * 1000.0, delay = answer.dDelayUs;
     if (delay > 0) {
-        const auto until = m_Clock.RealTime(m_Clock.Now() + (limit > 0 ? std::min(delay, limit) : delay));
-        Lock lock(m_Mutex);
-        const bool given_up = m_ControlWake.wait_until(lock, until, [&] { return answer.uAborts != m_uControlAborts; });
+        const auto until = m_clock.RealTime(m_clock.Now() + (limit > 0 ? std::min(delay, limit) : delay));
+        Lock lock(m_mutex);
+        const bool givenUp = m_controlWake.wait_until(lock, until, [&] { return answer.uAborts != m_uControlAborts; });
         const bool late = limit > 0 && delay > limit;
-        if (given_up || late) {
+        if (givenUp || late) {
             ++m_uLostReplies;
-            return given_up ? Status::Cancelled : Status::TimedOut;
+            return givenUp ? Status::Cancelled : Status::TimedOut;
         }
     }
     if (answer.status != Status::Ok)
@@ -115,15 +115,15 @@ Status Camera::Control(uint64_t uPlug, uint8_t bRequestType, uint8_t bRequest, u
 
 void Camera::AbortControl(uint64_t uPlug)
 {
-    Lock lock(m_Mutex);
+    Lock lock(m_mutex);
     if (uPlug == m_uPlug)
         ++m_uControlAborts;
-    m_ControlWake.notify_all();
+    m_controlWake.notify_all();
 }
 
 void Camera::NoteLostReply()
 {
-    Lock lock(m_Mutex);
+    Lock lock(m_mutex);
     ++m_uLostReplies;
 }
 
@@ -155,7 +155,7 @@ bool Camera::Standard(uint8_t bRequestType, const Setup& s, std::vector<uint8_t>
         m_bHalted = s.bRequest == SET_FEATURE;
         Flush();
         if (m_bHalted)
-            m_Bus.Pump();
+            m_bus.Pump();
         return true;
     case GET_DESCRIPTOR:
         data = Descriptor(Descriptors(), uint8_t(s.wValue >> 8), uint8_t(s.wValue));
@@ -178,18 +178,18 @@ bool Camera::Vendor(const Setup& s, std::vector<uint8_t>& data)
 {
     if (s.bRequest == RAM)
         return VendorLoad(s, data);
-    if (m_Memory.State() == Cpu::Loader && s.bRequest == START_USB) {
-        if (uint32_t(s.wValue) + s.wLength > m_Eeprom.size() || s.wLength > 4096)
+    if (m_memory.State() == Cpu::Loader && s.bRequest == START_USB) {
+        if (uint32_t(s.wValue) + s.wLength > m_eeprom.size() || s.wLength > 4096)
             return false;
         if (s.bIn) {
-            data.assign(m_Eeprom.begin() + s.wValue, m_Eeprom.begin() + s.wValue + s.wLength);
+            data.assign(m_eeprom.begin() + s.wValue, m_eeprom.begin() + s.wValue + s.wLength);
         } else {
-            std::copy(data.begin(), data.end(), m_Eeprom.begin() + s.wValue);
+            std::copy(data.begin(), data.end(), m_eeprom.begin() + s.wValue);
             m_bEepromWritten = true;
         }
         return true;
     }
-    if (m_Memory.State() != Cpu::Firmware)
+    if (m_memory.State() != Cpu::Firmware)
         return false;
 
     // Requests that answer something, and all others: none does both.
@@ -211,11 +211,11 @@ bool Camera::Vendor(const Setup& s, std::vector<uint8_t>& data)
     case BITS_16:
     case STOP_CLOCK:
     case START_CLOCK:
-        m_Profile->Command(s.bRequest);
+        m_profile->Command(s.bRequest);
         Changed();
         return true;
     case STOP_USB:
-        m_Profile->Command(s.bRequest);
+        m_profile->Command(s.bRequest);
         Flush();
         Changed();
         return true;
@@ -224,67 +224,67 @@ bool Camera::Vendor(const Setup& s, std::vector<uint8_t>& data)
         if (broken(s.wValue))
             return false;
         Used();
-        const bool ok = s.bRequest == WRITE_REG16 ? m_Profile->WriteReg16(s.wValue, s.wIndex)
-                                                  : m_Profile->WriteReg8(s.wValue, uint8_t(s.wIndex));
+        const bool ok = s.bRequest == WRITE_REG16 ? m_profile->WriteReg16(s.wValue, s.wIndex)
+                                                  : m_profile->WriteReg8(s.wValue, uint8_t(s.wIndex));
         Changed();
         return ok;
     }
     case READ_REG16: {
-        m_Profile->SetTemperature(Celsius());
-        const uint16_t v = m_Profile->ReadReg16(s.wValue);
+        m_profile->SetTemperature(Celsius());
+        const uint16_t v = m_profile->ReadReg16(s.wValue);
         data = { uint8_t(v >> 8), uint8_t(v) };
         return true;
     }
-    case READ_REG8: data = { m_Profile->ReadReg8(s.wValue) }; return true;
+    case READ_REG8: data = { m_profile->ReadReg8(s.wValue) }; return true;
     case WRITE_FPGA:
         if (broken(FPGA_REGISTER | s.wValue))
             return false;
         Used();
-        m_Profile->WriteFpga(s.wValue, s.wIndex);
+        m_profile->WriteFpga(s.wValue, s.wIndex);
         Changed();
         return true;
-    case READ_FPGA: data = { m_Profile->ReadFpga(s.wValue) }; return true;
+    case READ_FPGA: data = { m_profile->ReadFpga(s.wValue) }; return true;
     case VERSION: data = { 'V', m_bFirmware }; return true;
     case GUIDE_ON:
     case GUIDE_OFF:
         if (s.wValue > 3)
             return false;
         MoveGuide();
-        m_Pins[s.wValue] = s.bRequest == GUIDE_ON;
+        m_pins[s.wValue] = s.bRequest == GUIDE_ON;
         return true;
-    case COOLER_DA: m_Thermal.SetDA(uint8_t(s.wValue), m_Clock.Now() / 1e6); return true;
+    case COOLER_DA: m_thermal.SetDA(uint8_t(s.wValue), m_clock.Now() / 1e6); return true;
     case DIGITAL_TEMP: {
-        if (m_Facts.temp != ModelFacts::Temp::Digital)
+        if (m_facts.temp != ModelFacts::Temp::Digital)
             return false;
         const uint16_t raw = DigitalReading(Celsius());
         data = { uint8_t((raw & 0xF) << 4), uint8_t(raw >> 4) };
         return true;
     }
     case THERMISTOR: {
-        if (m_Facts.temp != ModelFacts::Temp::Thermistor)
+        if (m_facts.temp != ModelFacts::Temp::Thermistor)
             return false;
         const uint8_t ad = ThermistorReading(Celsius());
         data = { uint8_t((ad & 0xF) << 4), uint8_t(ad >> 4) };
         return true;
     }
-    case HOST_IS_USB3: data = { uint8_t(m_Facts.bUSB3 && m_Settings.bUSB3Host) }; return true;
+    case HOST_IS_USB3: data = { uint8_t(m_facts.bUSB3 && m_settings.bUSB3Host) }; return true;
     case TRANSFER_COUNT:
         m_uTransferCount = uint32_t(s.wValue) << 16 | s.wIndex;
-        m_Profile->SetTransferCount(m_uTransferCount);
+        m_profile->SetTransferCount(m_uTransferCount);
         Changed();
         return true;
     case I2C_WRITE:
     case I2C_READ: {
         const uint32_t base = uint32_t(s.wValue) << 16 | s.wIndex;
-        if (!m_Facts.bUSB3 || s.wValue > 7 || uint32_t(s.wIndex) + s.wLength > 0x10000)
+        if (!m_facts.bUSB3 || s.wValue > 7 || uint32_t(s.wIndex) + s.wLength > 0x10000)
             return false;
         if (!s.bIn) {
             for (size_t i = 0; i < data.size(); ++i)
-                m_I2c[base + uint32_t(i)] = data[i];
+                m_i2c[base + uint32_t(i)] = data[i];
             return true;
         }
         data.assign(s.wLength, 0xFF);
-        for (auto it = m_I2c.lower_bound(base); it != m_I2c.end() && it->first - base < s.wLength; ++it)
+        for (auto it = m_i2c.lower_bound(base); it != m_i2c.end() && it->first - base < s.wLength; ++it)
             data[it->first - base] = it->second;
         return true;
     }
@@ -300,47 +300,47 @@ bool Camera::Vendor(const Setup& s, std::vector<uint8_t>& data)
 // USB 3 bridges only while their boot loader runs.
 bool Camera::VendorLoad(const Setup& s, std::vector<uint8_t>& data)
 {
-    if (!m_Facts.bUSB3) {
+    if (!m_facts.bUSB3) {
         if (s.bIn) {
-            data = m_Memory.Read(s.wValue, s.wLength);
+            data = m_memory.Read(s.wValue, s.wLength);
             return true;
         }
         std::optional<uint8_t> version;
-        if (m_Memory.LoadFx2(s.wValue, data, &version))
-            m_bFirmware = version.value_or(m_Facts.bFirmware);
+        if (m_memory.LoadFx2(s.wValue, data, &version))
+            m_bFirmware = version.value_or(m_facts.bFirmware);
         Changed();
         return true;
     }
-    if (m_Memory.State() != Cpu::BootLoader)
+    if (m_memory.State() != Cpu::BootLoader)
         return false;
     const uint32_t address = uint32_t(s.wIndex) << 16 | s.wValue;
     if (s.bIn) {
-        data = m_Memory.Read(address, s.wLength);
+        data = m_memory.Read(address, s.wLength);
         return true;
     }
     if (s.wLength) {
-        m_Memory.LoadFx3(address, data);
+        m_memory.LoadFx3(address, data);
         return true;
     }
     // Without data: the program's entry. The new firmware enumerates anew.
     m_bLoaded = true;
-    Drop(m_Clock.Now() + 300000);
+    Drop(m_clock.Now() + 300000);
     return true;
 }
 
 // USB 2 bridges have the EEPROM of their firmware and no other memory.
 bool Camera::VendorFlash(const Setup& s, std::vector<uint8_t>& data)
 {
-    if (!m_Facts.bUSB3)
+    if (!m_facts.bUSB3)
         return false;
-    const double now = m_Clock.Now();
+    const double now = m_clock.Now();
     const uint32_t address = uint32_t(s.wIndex) << 8;
     if (s.bRequest == FLASH_READ)
-        return m_Flash.Read(address, s.wLength, now, &data);
+        return m_flash.Read(address, s.wLength, now, &data);
     if (s.bRequest == FLASH_WRITE)
-        return TakeFault(FaultKind::FlashWriteFails, nullptr) || m_Flash.Write(address, data, now);
+        return TakeFault(FaultKind::FlashWriteFails, nullptr) || m_flash.Write(address, data, now);
     if (s.bIn) {
-        const bool busy = m_Flash.Busy(now);
+        const bool busy = m_flash.Busy(now);
         if (busy)
             m_dReplyUs += POLL_US;
         data = { uint8_t(busy) };
@@ -348,7 +348,7 @@ bool Camera::VendorFlash(const Setup& s, std::vector<uint8_t>& data)
     }
     if (s.wValue != 1 || TakeFault(FaultKind::FlashEraseFails, nullptr))
         return false;
-    return m_Flash.Erase(s.wIndex, now);
+    return m_flash.Erase(s.wIndex, now);
 }
 
 }  // namespace kovsim

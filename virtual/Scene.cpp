@@ -9,14 +9,14 @@ namespace {
 
 class EvenScene final : public Scene {
 public:
-    explicit EvenScene(Light light) : m_Light(light) {}
+    explicit EvenScene(Light light) : m_light(light) {}
     void Render(const ScreenGeometry& g, int, int rows, Light* out) const override
     {
-        std::fill_n(out, size_t(rows) * size_t(g.iWidth), m_Light);
+        std::fill_n(out, size_t(rows) * size_t(g.iWidth), m_light);
     }
 
 private:
-    Light m_Light;
+    Light m_light;
 };
 
 class PatternScene final : public Scene {

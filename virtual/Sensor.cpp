@@ -36,8 +36,8 @@ void Put32(uint8_t* p, uint32_t v)
 double Camera::PeriodUs(const Readout& r) const
 {
     double us = std::max({ r.dFrameUs, r.dExposureUs, MIN_PERIOD_US });
-    if (m_Settings.dLinkMBs > 0)
-        us = std::max(us, FrameBytes(r) / m_Settings.dLinkMBs);
+    if (m_settings.dLinkMBs > 0)
+        us = std::max(us, FrameBytes(r) / m_settings.dLinkMBs);
     return us;
 }
 
@@ -47,17 +47,17 @@ double Camera::PeriodUs(const Readout& r) const
 void Camera::SensorThread()
 {
     enum class Phase { Idle, Expose, Held, ReadOut } phase = Phase::Idle;
-    Lock lock(m_Mutex);
+    Lock lock(m_mutex);
     Readout r;
     std::shared_ptr<const std::vector<uint8_t>> pixels;
     double start = 0, end = 0;  // of the exposure in work
     double counted = 0;         // of it before the clock stopped
     uint64_t plug = 0, stops = 0;
 
-    const auto sleepUntil = [&](double us) { m_Wake.wait_until(lock, m_Clock.RealTime(us)); };
+    const auto sleepUntil = [&](double us) { m_wake.wait_until(lock, m_clock.RealTime(us)); };
     const auto begin = [&](double at) {
         phase = Phase::Expose;
-        r = m_Now;
+        r = m_now;
         plug = m_uPlug;
         stops = m_uStops;
         start = at;
@@ -66,13 +66,13 @@ void Camera::SensorThread()
     };
 
     while (!m_bQuit) {
-        if (m_Slow == Slow::Seen)
+        if (m_slow == Slow::Seen)
             TellSlow(lock);
         if (!m_bPresent) {
             phase = Phase::Idle;
             if (m_dReturnAt < 0) {
-                m_Wake.wait(lock);
-            } else if (m_Clock.Now() < m_dReturnAt) {
+                m_wake.wait(lock);
+            } else if (m_clock.Now() < m_dReturnAt) {
                 sleepUntil(m_dReturnAt);
             } else {
                 Boot();
@@ -80,7 +80,7 @@ void Camera::SensorThread()
             }
             continue;
         }
-        const bool on = m_Now.bStreaming, held = m_Now.bHeld;
+        const bool on = m_now.bStreaming, held = m_now.bHeld;
         // Streaming ended, if only for a moment: the exposure in work is lost. A hold survives it, since some
         // cameras put the sensor's output to sleep meanwhile.
         if (plug != m_uPlug || (phase != Phase::Held && stops != m_uStops))
@@ -97,34 +97,34 @@ void Camera::SensorThread()
             else if (on) {
                 // The scene may still have been in work when the host began.
                 if (m_dStreamAt >= 0)
-                    CountLate(m_Clock.Now() - std::exchange(m_dStreamAt, -1), PeriodUs(m_Now));
-                begin(m_Clock.Now());
-            } else if (m_bUsed && m_Prepared != m_Scene)
+                    CountLate(m_clock.Now() - std::exchange(m_dStreamAt, -1), PeriodUs(m_now));
+                begin(m_clock.Now());
+            } else if (m_bUsed && m_prepared != m_scene)
                 Prepare(lock);
             else
-                m_Wake.wait(lock);
+                m_wake.wait(lock);
             break;
         case Phase::Expose:
             if (held) {
                 counted = std::max(0.0, m_dHeldAt - start);
                 phase = Phase::Held;
-            } else if (m_Clock.Now() < end) {
+            } else if (m_clock.Now() < end) {
                 sleepUntil(end);
             } else {
                 Emit(std::move(pixels));
                 // What came late is made up for, as long as it is less than a frame.
-                const double now = m_Clock.Now(), period = PeriodUs(r);
+                const double now = m_clock.Now(), period = PeriodUs(r);
                 CountLate(now - end, period);
                 begin(now - end < period ? end : now);
             }
             break;
         case Phase::Held:
             if (held) {
-                m_Wake.wait(lock);
+                m_wake.wait(lock);
             } else if (!on) {
                 phase = Phase::Idle;
             } else {
-                r = m_Now;
+                r = m_now;
                 stops = m_uStops;
                 const double whole = std::max(0.0, m_dReleasedAt - m_dHeldAt) + r.dAfterHoldUs;
                 // Where the release ends the exposure the rows are read out; where a clock was stopped the rest of the
@@ -138,10 +138,10 @@ void Camera::SensorThread()
             }
             break;
         case Phase::ReadOut:
-            if (m_Clock.Now() < end) {
+            if (m_clock.Now() < end) {
                 sleepUntil(end);
             } else {
-                CountLate(m_Clock.Now() - end, PeriodUs(r));
+                CountLate(m_clock.Now() - end, PeriodUs(r));
                 m_dStreamAt = -1;  // a stream that began held has had its first exposure
                 Emit(std::move(pixels));
                 phase = Phase::Idle;
@@ -158,31 +158,31 @@ void Camera::CountLate(double lateUs, double periodUs)
         return;
     m_dRunLostUs += lateUs;
     const double due = double(m_uRunFrames) * periodUs;
-    if (m_Slow != Slow::No || m_dRunLostUs < SLOW_US * m_Clock.Rate() || m_dRunLostUs < SLOW_SHARE * due)
+    if (m_slow != Slow::No || m_dRunLostUs < SLOW_US * m_clock.Rate() || m_dRunLostUs < SLOW_SHARE * due)
         return;
-    m_Slow = Slow::Seen;
+    m_slow = Slow::Seen;
     m_dAskedRate = 1e6 / periodUs;
     m_dSlowRate = double(m_uRunFrames) * 1e6 / (due + m_dRunLostUs);
 }
 
 void Camera::TellSlow(Lock& lock)
 {
-    m_Slow = Slow::Told;
-    if (!m_Settings.onSlow)
+    m_slow = Slow::Told;
+    if (!m_settings.onSlow)
         return;
     const double rate = m_dSlowRate, asked = m_dAskedRate;
     lock.unlock();
-    m_Settings.onSlow(m_Facts, rate, asked);
+    m_settings.onSlow(m_facts, rate, asked);
     lock.lock();
 }
 
 void Camera::Prepare(Lock& lock)
 {
     MoveGuide();
-    const auto scene = m_Prepared = m_Scene;
+    const auto scene = m_prepared = m_scene;
     const double x = m_dGuideX, y = m_dGuideY;
     lock.unlock();
-    m_Imager.Prepare(scene, x, y);
+    m_imager.Prepare(scene, x, y);
     lock.lock();
 }
 
@@ -190,18 +190,18 @@ std::shared_ptr<const std::vector<uint8_t>> Camera::Develop(Lock& lock, const Re
 {
     MoveGuide();
     const Imager::Shot shot{ exposureUs, Celsius(), m_dGuideX, m_dGuideY, m_uFrame++ };
-    const auto scene = m_Prepared = m_Scene;
-    const bool tell = !r.bValid && (!m_bNoise || m_sContradiction != r.sWhy) && m_Settings.onNoise;
+    const auto scene = m_prepared = m_scene;
+    const bool tell = !r.bValid && (!m_bNoise || m_sContradiction != r.sWhy) && m_settings.onNoise;
     m_bNoise = !r.bValid;
     if (m_bNoise) {
-        ++m_Counters.uContradicted;
+        ++m_counters.uContradicted;
         m_sContradiction = r.sWhy;
     }
     lock.unlock();
     if (tell)
-        m_Settings.onNoise(m_Facts, r.sWhy);
-    auto pixels = m_Pool->Take();
-    m_Imager.Expose(r, shot, scene, *pixels);
+        m_settings.onNoise(m_facts, r.sWhy);
+    auto pixels = m_pool->Take();
+    m_imager.Expose(r, shot, scene, *pixels);
     lock.lock();
     return pixels;
 }
@@ -210,18 +210,18 @@ void Camera::Emit(std::shared_ptr<const std::vector<uint8_t>> pixels)
 {
     // What the host has not fetched of the older frames by now must fit into the FIFO; what does not is gone, newest first.
     uint64_t waiting = 0;
-    for (const FrameInFlight& f : m_Frames)
+    for (const FrameInFlight& f : m_frames)
         waiting += f.uSize - f.uSent;
-    while (waiting > FIFO_BYTES && !m_Frames.empty()) {
-        FrameInFlight& f = m_Frames.back();
+    while (waiting > FIFO_BYTES && !m_frames.empty()) {
+        FrameInFlight& f = m_frames.back();
         const uint32_t cut = uint32_t(std::min<uint64_t>(waiting - FIFO_BYTES, f.uSize - f.uSent));
         f.uSize -= cut;
         waiting -= cut;
         if (f.bGood && !f.bStall)
-            ++m_Counters.uSpoiled;
+            ++m_counters.uSpoiled;
         f.bGood = false;
         if (f.uSize == f.uSent)
-            m_Frames.pop_back();
+            m_frames.pop_back();
     }
 
     FrameInFlight f;
@@ -229,16 +229,16 @@ void Camera::Emit(std::shared_ptr<const std::vector<uint8_t>> pixels)
     f.pixels = std::move(pixels);
     if (f.uFull < 8)
         return;  // the marks would not fit on it
-    ++m_Counters.uStarted;
+    ++m_counters.uStarted;
 
     // Frame faults first: their count runs by frames.
     const auto fault = [this](FaultKind kind, uint32_t* puArg = nullptr) { return TakeFault(kind, nullptr, puArg); };
     if (fault(FaultKind::StallBulk)) {
         FrameInFlight stall;
         stall.bStall = true;
-        m_Frames.push_back(stall);
-        ++m_Counters.uSpoiled;
-        m_Bus.Pump();
+        m_frames.push_back(stall);
+        ++m_counters.uSpoiled;
+        m_bus.Pump();
         return;
     }
     bool send = true;
@@ -253,7 +253,7 @@ void Camera::Emit(std::shared_ptr<const std::vector<uint8_t>> pixels)
     f.bGood = f.bGood && !badHead && !badTail && !badTag;
 
     const uint16_t tag = ++m_wTag;
-    switch (m_Facts.marks) {
+    switch (m_facts.marks) {
     case Marks::A:
         Put16(f.head, badHead ? 0x7E5A : 0x5A7E);
         Put16(f.head + 2, tag);
@@ -273,24 +273,24 @@ void Camera::Emit(std::shared_ptr<const std::vector<uint8_t>> pixels)
 
     // These bridges end a frame after the count of units that the host has told; a wrong count cuts it at a unit.
     const uint32_t units = (f.uFull + TRANSFER_UNIT - 1) / TRANSFER_UNIT;
-    if (m_Facts.marks == Marks::BTail && m_uTransferCount != units) {
+    if (m_facts.marks == Marks::BTail && m_uTransferCount != units) {
         f.uSize = std::min(f.uSize, std::min(m_uTransferCount, f.uFull / TRANSFER_UNIT) * TRANSFER_UNIT);
         f.bGood = false;
     }
     if (!send || f.uSize == 0) {
-        ++m_Counters.uSpoiled;
-        m_Counters.uWithheld += !send;
+        ++m_counters.uSpoiled;
+        m_counters.uWithheld += !send;
         return;
     }
     if (f.bGood) {
-        for (Fault& x : m_Faults)
+        for (Fault& x : m_faults)
             if (x.kind < FaultKind::SlowControl && x.uAfterFrames)
                 --x.uAfterFrames;
     } else {
-        ++m_Counters.uSpoiled;
+        ++m_counters.uSpoiled;
     }
-    m_Frames.push_back(std::move(f));
-    m_Bus.Pump();
+    m_frames.push_back(std::move(f));
+    m_bus.Pump();
 }
 
 }  // namespace kovsim

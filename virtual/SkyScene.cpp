@@ -34,7 +34,7 @@ std::vector<Star> ParseStars(const char* pText)
 const std::vector<Star>& Stars()
 {
     // Never destroyed: sensors run until the process has ended.
-    static const auto* const s_pStars = [] {
+    static const auto* const s_stars = [] {
         auto* const all = new std::vector<Star>;
         std::set<int> seen;
         for (const char* const* pp = g_StarFiles; *pp; ++pp)
@@ -43,7 +43,7 @@ const std::vector<Star>& Stars()
                     all->push_back(s);
         return all;
     }();
-    return *s_pStars;
+    return *s_stars;
 }
 
 namespace {
@@ -73,12 +73,12 @@ void ColourOf(double bv, double* pRed, double* pBlue)
 class SkyScene final : public Scene {
 public:
     explicit SkyScene(const SkyView& v)
-        : m_View(v), m_dZero(ELECTRONS_OF_MAG0 * (std::numbers::pi / 4 * v.dApertureMm * v.dApertureMm * 1e-6))
+        : m_view(v), m_dZero(ELECTRONS_OF_MAG0 * (std::numbers::pi / 4 * v.dApertureMm * v.dApertureMm * 1e-6))
     {
     }
 
     bool Moves() const override { return true; }
-    double PixelScale(double pixelUm) const override { return pixelUm / 1000 / m_View.dFocalMm / ARCSEC; }
+    double PixelScale(double pixelUm) const override { return pixelUm / 1000 / m_view.dFocalMm / ARCSEC; }
 
     std::string Warning(const ScreenGeometry& g) const override
     {
@@ -86,12 +86,12 @@ public:
         double focal = 0;  // mm, at which the first star comes onto the sensor
         for (const Spot& s : Spots())
             focal = std::max(focal, std::min(halfW / std::fabs(s.dRight), halfH / std::fabs(s.dDown)));
-        if (focal > m_View.dFocalMm)
+        if (focal > m_view.dFocalMm)
             return {};
         const auto distance = [this](const Star& s) {
-            const double dec0 = m_View.dDec * RAD, dec = s.dDec * RAD;
+            const double dec0 = m_view.dDec * RAD, dec = s.dDec * RAD;
             return std::acos(std::clamp(
-                       std::sin(dec0) * std::sin(dec) + std::cos(dec0) * std::cos(dec) * std::cos((s.dRa - m_View.dRa) * RAD),
+                       std::sin(dec0) * std::sin(dec) + std::cos(dec0) * std::cos(dec) * std::cos((s.dRa - m_view.dRa) * RAD),
                        -1.0, 1.0)) /
                    RAD;
         };
@@ -101,19 +101,19 @@ public:
         std::snprintf(text, sizeof text,
                       "no star known here falls on the sensor, %.2f x %.2f degrees at %g mm of focal length. The nearest, of "
                       "magnitude %.1f, is %.2f degrees away: take sky:%.3f,%.3f,%g, or a focal length of %g mm or less",
-                      2 * std::atan(halfW / m_View.dFocalMm) / RAD, 2 * std::atan(halfH / m_View.dFocalMm) / RAD, m_View.dFocalMm,
-                      nearest.dMag, distance(nearest), nearest.dRa, nearest.dDec, m_View.dFocalMm, std::floor(focal));
+                      2 * std::atan(halfW / m_view.dFocalMm) / RAD, 2 * std::atan(halfH / m_view.dFocalMm) / RAD, m_view.dFocalMm,
+                      nearest.dMag, distance(nearest), nearest.dRa, nearest.dDec, m_view.dFocalMm, std::floor(focal));
         return text;
     }
 
     void Render(const ScreenGeometry& g, int firstRow, int rows, Light* out) const override
     {
         const double scale = PixelScale(g.dPixelUm);  // arc seconds a pixel
-        const double pxPerRad = m_View.dFocalMm * 1000 / g.dPixelUm;
-        const float sky = float(m_dZero * std::pow(10, -0.4 * m_View.dSkyMag) * scale * scale);
+        const double pxPerRad = m_view.dFocalMm * 1000 / g.dPixelUm;
+        const float sky = float(m_dZero * std::pow(10, -0.4 * m_view.dSkyMag) * scale * scale);
         std::fill_n(out, size_t(rows) * size_t(g.iWidth), Light{ sky, sky, sky * 1.1f });  // a moonless sky is bluish
 
-        const double fwhm = std::hypot(m_View.dSeeing / scale, m_View.dBlurUm / g.dPixelUm);
+        const double fwhm = std::hypot(m_view.dSeeing / scale, m_view.dBlurUm / g.dPixelUm);
         const double sigma = std::max(fwhm * SIGMA_OF_FWHM, 0.05);
         const int reach = int(std::ceil(4 * HALO_WIDTH * sigma)) + 1;
         std::vector<float> coreX(size_t(2 * reach + 1)), coreY(coreX), haloX(coreX), haloY(coreX);
@@ -151,8 +151,8 @@ private:
     // The stars in front of the lens, worked out when the first picture is made.
     const std::vector<Spot>& Spots() const
     {
-        std::call_once(m_Once, [this] {
-            const SkyView& v = m_View;
+        std::call_once(m_once, [this] {
+            const SkyView& v = m_view;
             const double ra0 = v.dRa * RAD, dec0 = v.dDec * RAD;
             const double sinRot = std::sin(v.dRotation * RAD), cosRot = std::cos(v.dRotation * RAD);
             for (const Star& s : Stars()) {
@@ -169,10 +169,10 @@ private:
                 ColourOf(s.dBV, &red, &blue);
                 const double flux = m_dZero * std::pow(10, -0.4 * s.dMag);
                 p.light = { float(flux * red), float(flux), float(flux * blue) };
-                m_Spots.push_back(p);
+                m_spots.push_back(p);
             }
         });
-        return m_Spots;
+        return m_spots;
     }
 
     // What falls of a Gaussian around pos on each of the pixels centre - reach to centre + reach.
@@ -187,10 +187,10 @@ private:
         }
     }
 
-    const SkyView m_View;
+    const SkyView m_view;
     const double m_dZero;  // electrons a second of magnitude 0
-    mutable std::once_flag m_Once;
-    mutable std::vector<Spot> m_Spots;
+    mutable std::once_flag m_once;
+    mutable std::vector<Spot> m_spots;
 };
 
 }  // namespace

@@ -61,40 +61,41 @@ struct SonyTraits {
     std::span<const ClockRow> clocks = {};
 };
 
-constexpr const char* szReset = "the sensor was never taken out of reset";
-constexpr const char* szInput = "the input clock is set for another crystal";
-constexpr const char* szCrop = "the sensor is not in window mode";
-constexpr const char* szSlave = "the sensor drives the sync lines against the FPGA";
-constexpr const char* szMargin = "the optical-black rows are set wrong";
+constexpr const char* WHY_RESET = "the sensor was never taken out of reset";
+constexpr const char* WHY_INPUT = "the input clock is set for another crystal";
+constexpr const char* WHY_CROP = "the sensor is not in window mode";
+constexpr const char* WHY_SLAVE = "the sensor drives the sync lines against the FPGA";
+constexpr const char* WHY_MARGIN = "the optical-black rows are set wrong";
 
 constexpr Need g_Bin3006[] = { { 0x3006, 0x22, 0, "" } };
 constexpr Need g_BinMarble[] = { { 0x300E, 0x23, 0, "" }, { 0x3010, 1, 0, "" } };
 
 constexpr Need g_QuartzNeeds[] = {
-    { 0x3003, 1, 0, szReset },       { 0x305C, 0x20, 0x0C, szInput }, { 0x305D, 0, 3, szInput },
-    { 0x305E, 0x20, 0x10, szInput }, { 0x305F, 0, 1, szInput },       { 0x303A, 8, 12, szMargin },
-    { 0x3007, 0x40, 0, szCrop },     { 0x3002, 1, 0, szSlave },       { 0x304B, 0, 10, szSlave },
+    { 0x3003, 1, 0, WHY_RESET },       { 0x305C, 0x20, 0x0C, WHY_INPUT }, { 0x305D, 0, 3, WHY_INPUT },
+    { 0x305E, 0x20, 0x10, WHY_INPUT }, { 0x305F, 0, 1, WHY_INPUT },       { 0x303A, 8, 12, WHY_MARGIN },
+    { 0x3007, 0x40, 0, WHY_CROP },     { 0x3002, 1, 0, WHY_SLAVE },       { 0x304B, 0, 10, WHY_SLAVE },
 };
 constexpr Need g_OnyxNeeds[] = {
-    { 0x3003, 1, 0, szReset }, { 0x3036, 8, 20, szMargin }, { 0x3007, 0x40, 0, szCrop },
-    { 0x3002, 1, 0, szSlave }, { 0x3049, 0, 10, szSlave },
+    { 0x3003, 1, 0, WHY_RESET }, { 0x3036, 8, 20, WHY_MARGIN }, { 0x3007, 0x40, 0, WHY_CROP },
+    { 0x3002, 1, 0, WHY_SLAVE }, { 0x3049, 0, 10, WHY_SLAVE },
 };
 constexpr Need g_NephriteNeeds[] = {
-    { 0x3003, 1, 0, szReset },   { 0x305E, 0x20, 0x10, szInput }, { 0x3063, 0x74, 0x54, szInput }, { 0x3036, 12, 20, szMargin },
-    { 0x3007, 0x40, 0, szCrop }, { 0x3002, 1, 0, szSlave },       { 0x3049, 0, 10, szSlave },
+    { 0x3003, 1, 0, WHY_RESET },    { 0x305E, 0x20, 0x10, WHY_INPUT }, { 0x3063, 0x74, 0x54, WHY_INPUT },
+    { 0x3036, 12, 20, WHY_MARGIN }, { 0x3007, 0x40, 0, WHY_CROP },     { 0x3002, 1, 0, WHY_SLAVE },
+    { 0x3049, 0, 10, WHY_SLAVE },
 };
-constexpr Need g_JasperNeeds[] = { { 0x3003, 1, 0, szReset }, { 0x3007, 0x40, 0, szCrop } };
+constexpr Need g_JasperNeeds[] = { { 0x3003, 1, 0, WHY_RESET }, { 0x3007, 0x40, 0, WHY_CROP } };
 constexpr Need g_MarbleNeeds[] = {
-    { 0x3009, 1, 0, szReset }, { 0x3004, 0, 1, szCrop },  { 0x31A4, 1, 0, szCrop },
-    { 0x31A5, 1, 0, szCrop },  { 0x3008, 1, 0, szSlave }, { 0x305E, 0, 10, szSlave },
+    { 0x3009, 1, 0, WHY_RESET }, { 0x3004, 0, 1, WHY_CROP },  { 0x31A4, 1, 0, WHY_CROP },
+    { 0x31A5, 1, 0, WHY_CROP },  { 0x3008, 1, 0, WHY_SLAVE }, { 0x305E, 0, 10, WHY_SLAVE },
 };
 constexpr Need g_LapisNeeds[] = {
-    { 0x0300, 3, 0, szCrop },
-    { 0x0213, 0, 1, szReset },
-    { 0x0212, 1, 0, szSlave },
-    { 0x022E, 0, 10, szSlave },
+    { 0x0300, 3, 0, WHY_CROP },
+    { 0x0213, 0, 1, WHY_RESET },
+    { 0x0212, 1, 0, WHY_SLAVE },
+    { 0x022E, 0, 10, WHY_SLAVE },
 };
-constexpr Need g_LapisOldNeeds[] = { { 0x0300, 3, 0, szCrop }, { 0x0213, 0, 1, szReset } };
+constexpr Need g_LapisOldNeeds[] = { { 0x0300, 3, 0, WHY_CROP }, { 0x0213, 0, 1, WHY_RESET } };
 
 constexpr ModeReg g_QuartzModes[] = {
     { 0x3046, 0xF1, 0xF1, 0xF0 }, { 0x3005, 1, 0, 0 },          { 0x3129, 0, 0, 0x1D },
@@ -235,17 +236,17 @@ private:
     void Reset() override
     {
         SetReset(t.needs);
-        m_Sensor.Put(t.hold & 0xFF00, 1);  // standby
+        m_sensor.Put(t.hold & 0xFF00, 1);  // standby
         if (t.syncStop != 0)
-            m_Sensor.Put(t.syncStop, 1);
+            m_sensor.Put(t.syncStop, 1);
     }
 
     void Decode(Readout& r) const override
     {
-        const Registers& s = m_Sensor;
+        const Registers& s = m_sensor;
         const bool bSync = t.syncStop != 0 ? s[t.syncStop] == 0 && s[t.syncOut] == 10 : FpgaRuns();
         r.bStreaming = m_bUsb && s[t.hold & 0xFF00] == 0 && bSync && (m_bClock || !t.bBridgeClock);
-        r.bHeld = (m_Fpga[11] & 1) != 0 && t.syncStop == 0;
+        r.bHeld = (m_fpga[11] & 1) != 0 && t.syncStop == 0;
         Check(r, t.needs);
         const bool bFast = DecodeFormat(r);
         DecodeWindow(r);
@@ -264,13 +265,13 @@ private:
     // The output stage: 16 bits or 8, and whether it takes the fast path.
     bool DecodeFormat(Readout& r) const
     {
-        uint16_t format = t.format == Format::Fpga10 ? m_Fpga[10] : m_Fpga[1];
+        uint16_t format = t.format == Format::Fpga10 ? m_fpga[10] : m_fpga[1];
         if (t.format == Format::Jasper && format == 5)
             format = 17;
         if (format != 0 && format != 1 && format != 17)
             Fail(r, "unknown output format");
         r.samples = format == 17 ? Samples::Bits16 : Samples::Bits8;
-        if (t.format != Format::Fpga10 && m_Fpga[10] != (format == 17 ? 1 : 0))
+        if (t.format != Format::Fpga10 && m_fpga[10] != (format == 17 ? 1 : 0))
             Fail(r, "output format and word width disagree");
         return format == 0;
     }
@@ -279,18 +280,18 @@ private:
     {
         size_t nSet = 0, nOff = 0;
         for (const Need& bin : t.bins) {
-            nSet += m_Sensor[bin.reg] == bin.value;
-            nOff += m_Sensor[bin.reg] == 0;
+            nSet += m_sensor[bin.reg] == bin.value;
+            nOff += m_sensor[bin.reg] == 0;
         }
         r.iBin = nSet == t.bins.size() && nSet != 0 ? 2 : 1;
         if (r.iBin == 1 && nOff != t.bins.size())
             Fail(r, "unknown binning mode");
         const bool bBin = r.iBin == 2;
-        r.iX = static_cast<int>(m_Sensor.Bytes(t.x, 2));
-        r.iY = static_cast<int>(m_Sensor.Bytes(t.y, 2));
+        r.iX = static_cast<int>(m_sensor.Bytes(t.x, 2));
+        r.iY = static_cast<int>(m_sensor.Bytes(t.y, 2));
         // Counted in pixels before binning.
-        r.iW = static_cast<int>(m_Sensor.Bytes(t.w, 2)) - (bBin ? t.binMargin : 0);
-        r.iH = static_cast<int>(m_Sensor.Bytes(t.h, 2));
+        r.iW = static_cast<int>(m_sensor.Bytes(t.w, 2)) - (bBin ? t.binMargin : 0);
+        r.iH = static_cast<int>(m_sensor.Bytes(t.h, 2));
         if (t.format == Format::LapisOld) {
             r.iOutW = r.iW;
             r.iOutH = r.iH;
@@ -303,8 +304,8 @@ private:
         if (!bCut && (r.iW != r.iOutW * r.iBin || r.iH != r.iOutH * r.iBin))
             Fail(r, "sensor and FPGA are told different sizes");
         if (t.skipX >= 0) {
-            r.iX += (static_cast<int>(m_Fpga.Bytes(2, 2)) - (bBin ? t.skipXBin : t.skipX)) * r.iBin;
-            r.iY += (static_cast<int>(m_Fpga.Bytes(6, 2)) - (bBin ? t.skipYBin : t.skipY)) * r.iBin;
+            r.iX += (static_cast<int>(m_fpga.Bytes(2, 2)) - (bBin ? t.skipXBin : t.skipX)) * r.iBin;
+            r.iY += (static_cast<int>(m_fpga.Bytes(6, 2)) - (bBin ? t.skipYBin : t.skipY)) * r.iBin;
         }
         if (bBin)
             r.iShiftX[0] = r.iShiftX[1] = t.binShiftX;
@@ -312,7 +313,7 @@ private:
 
     void DecodeTiming(Readout& r, bool bFast) const
     {
-        const Registers& s = m_Sensor;
+        const Registers& s = m_sensor;
         const uint32_t line = t.lineReg != 0 ? s.Bytes(t.lineReg, 2) : FpgaLine();
         const uint32_t frame = t.frameReg != 0 ? s.Bytes(t.frameReg, t.frameBytes) : FpgaFrame();
         const double t0 = bFast ? t.t0Fast : r.samples == Samples::Bits16 ? t.t016 : t.t0;
@@ -329,7 +330,7 @@ private:
         if (frame < static_cast<uint32_t>(r.iOutH) + t.blank)
             Fail(r, "the frame is too short for the window");
         Timing(r, pClock->dKHz, line, frame, s.Bytes(t.shutter, t.shutterBytes), t.lead, t0);
-        if (m_Facts.sToken.starts_with("Lapis") && s[0x022A] == 1)
+        if (m_facts.sToken.starts_with("Lapis") && s[0x022A] == 1)
             CheckPulses(r, frame);
     }
 
@@ -337,7 +338,7 @@ private:
     void CheckPulses(Readout& r, uint32_t frame) const
     {
         const uint32_t first = static_cast<uint32_t>(r.iH) + 38, last = frame - 18 > 0xFFFFF ? 0xFFFFF : frame - 18;
-        const Registers& s = m_Sensor;
+        const Registers& s = m_sensor;
         if (s[0x025C] != 0xFF || s.Bytes(0x0244, 3) != first || s.Bytes(0x024A, 3) != first || s.Bytes(0x0247, 3) != last ||
             s.Bytes(0x024D, 3) != last)
             Fail(r, "the shutter pulses do not fit the frame");

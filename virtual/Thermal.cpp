@@ -31,10 +31,10 @@ uint8_t ThermistorReading(double celsius)
             return 1 / (a + b * l + c * l * l * l) - 273.15;
         }
     };
-    static const Curve s_Curve;
+    static const Curve s_curve;
     int best = 1;
     for (int ad = 1; ad < 256; ++ad) {
-        const auto off = [&](int v) { return std::fabs(s_Curve.Celsius(10.0 * v / (256 - v)) - celsius); };
+        const auto off = [&](int v) { return std::fabs(s_curve.Celsius(10.0 * v / (256 - v)) - celsius); };
         if (off(ad) < off(best))
             best = ad;
     }
@@ -56,7 +56,7 @@ double Thermal::At(double seconds)
 void Thermal::SetDA(uint8_t code, double seconds)
 {
     At(seconds);
-    m_DA = code;
+    m_da = code;
 }
 
 }  // namespace kovsim

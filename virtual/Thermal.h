@@ -21,13 +21,13 @@ public:
     Thermal(double ambient, bool cooled) : m_dAmbient(ambient), m_dCelsius(ambient), m_bCooled(cooled) {}
     void SetDA(uint8_t code, double seconds);
     double At(double seconds);  // degrees Celsius at a time that does not run backwards
-    uint8_t DA() const { return m_DA; }
-    double Power() const { return m_bCooled ? PowerOfDA(m_DA) : 0; }
+    uint8_t DA() const { return m_da; }
+    double Power() const { return m_bCooled ? PowerOfDA(m_da) : 0; }
 
 private:
     double m_dAmbient, m_dCelsius;
     bool m_bCooled;
-    uint8_t m_DA = DA_OFF;
+    uint8_t m_da = DA_OFF;
     double m_dSeconds = 0;
 };
 

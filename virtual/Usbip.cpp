@@ -84,8 +84,8 @@ struct DeviceRecord {
         Writer w;
         w.Text("/sys/devices/kovsim/" + e.sBusId, PATH)
             .Text(e.sBusId, BUS_ID)
-            .U32(e.info.bBus)
-            .U32(e.info.bAddress)
+            .U32(e.info.bus)
+            .U32(e.info.address)
             .U32(e.info.speed == usbstack::Speed::Super ? SUPER : HIGH)
             .U16(word(8))
             .U16(word(10))
@@ -110,10 +110,10 @@ struct UsbipSession::Transfer {
         : pSession(session), uSequence(w.uSequence), bShortNotOk(w.bShortNotOk),
           reply(new uint8_t[HEADER + w.uLength])  // not touched before data come
     {
-        request.bEndpoint = BULK_IN;
-        request.pData = reply.get() + HEADER;
-        request.dwLength = w.uLength;
-        request.pContext = this;
+        request.endpoint = BULK_IN;
+        request.data = reply.get() + HEADER;
+        request.length = w.uLength;
+        request.context = this;
         request.OnComplete = OnComplete;
     }
     UsbipSession* const pSession;
@@ -123,31 +123,31 @@ struct UsbipSession::Transfer {
     usbstack::BulkRequest request;
     Status status = Status::Ok;
     uint32_t uMoved = 0;
-    size_t Cost() const { return HEADER + request.dwLength; }
+    size_t Cost() const { return HEADER + request.length; }
 };
 
 std::vector<UsbipExports::Export> UsbipExports::List()
 {
     std::vector<Export> out;
-    const auto present = m_Bus.Enumerate();
-    std::lock_guard lock(m_Mutex);
+    const auto present = m_bus.Enumerate();
+    std::lock_guard lock(m_mutex);
     for (const auto& info : present) {
-        const std::string id = std::to_string(info.bBus) + "-" + info.sPortPath;
-        out.push_back({ info, id, m_Taken.contains(id) });
+        const std::string id = std::to_string(info.bus) + "-" + info.portPath;
+        out.push_back({ info, id, m_taken.contains(id) });
     }
     return out;
 }
 
-UsbipSession::UsbipSession(UsbipExports& exports, std::function<void()> wake) : m_Exports(exports), m_Wake(std::move(wake)) {}
+UsbipSession::UsbipSession(UsbipExports& exports, std::function<void()> wake) : m_exports(exports), m_wake(std::move(wake)) {}
 
 UsbipSession::~UsbipSession()
 {
-    if (!m_Device)
+    if (!m_device)
         return;
-    m_Device->Replug();
-    m_Device.reset();  // from here on nothing completes any more
-    std::lock_guard lock(m_Exports.m_Mutex);
-    m_Exports.m_Taken.erase(m_sBusId);
+    m_device->Replug();
+    m_device.reset();  // from here on nothing completes any more
+    std::lock_guard lock(m_exports.m_mutex);
+    m_exports.m_taken.erase(m_sBusId);
 }
 
 bool UsbipSession::End(std::string sWhy)
@@ -159,16 +159,16 @@ bool UsbipSession::End(std::string sWhy)
 
 bool UsbipSession::Receive(std::span<const uint8_t> bytes)
 {
-    m_In.insert(m_In.end(), bytes.begin(), bytes.end());
+    m_in.insert(m_in.end(), bytes.begin(), bytes.end());
     size_t at = 0;
     while (m_sEnded.empty()) {
-        const std::span<const uint8_t> rest(m_In.data() + at, m_In.size() - at);
-        const size_t n = m_Device ? TakeCommand(rest) : TakeOperation(rest);
+        const std::span<const uint8_t> rest(m_in.data() + at, m_in.size() - at);
+        const size_t n = m_device ? TakeCommand(rest) : TakeOperation(rest);
         if (n == 0)
             break;
         at += n;
     }
-    m_In.erase(m_In.begin(), m_In.begin() + std::ptrdiff_t(at));
+    m_in.erase(m_in.begin(), m_in.begin() + std::ptrdiff_t(at));
     return m_sEnded.empty() && Step();
 }
 
@@ -198,8 +198,8 @@ void UsbipSession::AnswerList()
 {
     Writer w;
     uint32_t count = 0;
-    for (const auto& e : m_Exports.List()) {
-        const auto device = e.bTaken ? nullptr : m_Exports.m_Bus.OpenDevice(e.info.sPath);
+    for (const auto& e : m_exports.List()) {
+        const auto device = e.bTaken ? nullptr : m_exports.m_bus.OpenDevice(e.info.path);
         if (!device)
             continue;
         const DeviceRecord record(e, *device);
@@ -213,21 +213,21 @@ void UsbipSession::AnswerList()
 
 void UsbipSession::Import(const std::string& sBusId)
 {
-    const auto list = m_Exports.List();
+    const auto list = m_exports.List();
     const auto e = std::find_if(list.begin(), list.end(), [&](const auto& x) { return x.sBusId == sBusId; });
     uint32_t status = ST_NO_DEVICE;
     std::unique_ptr<UsbDevice> device;
-    if (e != list.end() && (device = m_Exports.m_Bus.OpenDevice(e->info.sPath))) {
-        std::lock_guard lock(m_Exports.m_Mutex);
-        status = m_Exports.m_Taken.insert(sBusId).second ? ST_OK : ST_BUSY;
+    if (e != list.end() && (device = m_exports.m_bus.OpenDevice(e->info.path))) {
+        std::lock_guard lock(m_exports.m_mutex);
+        status = m_exports.m_taken.insert(sBusId).second ? ST_OK : ST_BUSY;
     }
     Put(Writer().U16(VERSION).U16(REQ_IMPORT & REPLY).U32(status).bytes);
     if (status != ST_OK)
         return;
-    m_Device = std::move(device);
+    m_device = std::move(device);
     m_sBusId = sBusId;
-    m_uDeviceId = uint32_t(e->info.bBus) << 16 | e->info.bAddress;
-    Put(DeviceRecord(*e, *m_Device).device);
+    m_uDeviceId = uint32_t(e->info.bus) << 16 | e->info.address;
+    Put(DeviceRecord(*e, *m_device).device);
 }
 
 // --- afterwards ---
@@ -260,7 +260,7 @@ size_t UsbipSession::TakeCommand(std::span<const uint8_t> in)
         const size_t data = isIn ? 0 : length;
         if (in.size() < HEADER + data)
             return 0;
-        if (m_Late.size() >= MAX_WAITING)
+        if (m_late.size() >= MAX_WAITING)
             return refuse("is one too many");
         return SubmitControl(in.first(HEADER), in.subspan(HEADER, data)) ? HEADER + data : 0;
     }
@@ -268,9 +268,9 @@ size_t UsbipSession::TakeCommand(std::span<const uint8_t> in)
         return refuse("is for an endpoint that there is not");
     if (length > MAX_TRANSFER)
         return refuse("asks for more than 64 MiB");
-    if (m_Waiting.size() + m_Transfers.size() >= MAX_WAITING)
+    if (m_waiting.size() + m_transfers.size() >= MAX_WAITING)
         return refuse("is one too many");
-    m_Waiting.push_back({ sequence, length, (flags & SHORT_NOT_OK) != 0 });
+    m_waiting.push_back({ sequence, length, (flags & SHORT_NOT_OK) != 0 });
     return HEADER;
 }
 
@@ -279,39 +279,39 @@ bool UsbipSession::SubmitControl(std::span<const uint8_t> header, std::span<cons
     std::array<uint8_t, 8> setup;
     std::copy_n(header.begin() + SETUP, setup.size(), setup.begin());
     const uint32_t sequence = Get32(&header[4]), length = Get32(&header[24]);
-    UsbDevice::Answer answer = m_Device->Control(setup, { data.begin(), data.end() });
+    UsbDevice::Answer answer = m_device->Control(setup, { data.begin(), data.end() });
     if (answer.status == Status::Gone)
         return End("the camera was pulled out");
     const bool asks = (setup[0] & 0x80) != 0, ok = answer.status == Status::Ok;
-    const bool is_short = asks && answer.data.size() < length && (Get32(&header[20]) & SHORT_NOT_OK);
+    const bool isShort = asks && answer.data.size() < length && (Get32(&header[20]) & SHORT_NOT_OK);
     const uint32_t moved = !ok ? 0 : asks ? uint32_t(answer.data.size()) : length;
-    std::vector<uint8_t> reply = SubmitReply(sequence, ErrorOf(answer.status, is_short), moved);
+    std::vector<uint8_t> reply = SubmitReply(sequence, ErrorOf(answer.status, isShort), moved);
     reply.insert(reply.end(), answer.data.begin(), answer.data.end());
     // One pipe: no answer overtakes an earlier one.
-    const auto due = m_Late.empty() ? answer.due : std::max(answer.due, m_Late.back().due);
+    const auto due = m_late.empty() ? answer.due : std::max(answer.due, m_late.back().due);
     m_uMoving += reply.size();
-    m_Late.push_back({ sequence, due, std::move(reply) });
+    m_late.push_back({ sequence, due, std::move(reply) });
     return true;
 }
 
 // True: the request had not completed, and now never will.
 bool UsbipSession::TakeBack(uint32_t uVictim)
 {
-    if (std::erase_if(m_Waiting, [&](const Waiting& w) { return w.uSequence == uVictim; }))
+    if (std::erase_if(m_waiting, [&](const Waiting& w) { return w.uSequence == uVictim; }))
         return true;
-    for (auto it = m_Late.begin(); it != m_Late.end(); ++it) {
+    for (auto it = m_late.begin(); it != m_late.end(); ++it) {
         if (it->uSequence != uVictim)
             continue;
-        m_Device->NoteLostReply();
+        m_device->NoteLostReply();
         m_uMoving -= it->reply.size();
-        m_Late.erase(it);
+        m_late.erase(it);
         return true;
     }
-    const auto it = std::find_if(m_Transfers.begin(), m_Transfers.end(), [&](const auto& t) { return t->uSequence == uVictim; });
-    if (it == m_Transfers.end())
+    const auto it = std::find_if(m_transfers.begin(), m_transfers.end(), [&](const auto& t) { return t->uSequence == uVictim; });
+    if (it == m_transfers.end())
         return false;
     Transfer& t = **it;
-    m_Device->Unlink(&t.request);
+    m_device->Unlink(&t.request);
     return t.status == Status::Cancelled;
 }
 
@@ -327,13 +327,13 @@ void UsbipSession::Unlink(uint32_t uSequence, uint32_t uVictim)
 
 void UsbipSession::OnComplete(usbstack::BulkRequest* request, Status status, uint32_t bytes)
 {
-    Transfer& t = *static_cast<Transfer*>(request->pContext);
+    Transfer& t = *static_cast<Transfer*>(request->context);
     UsbipSession& session = *t.pSession;
-    std::lock_guard lock(session.m_Mutex);
+    std::lock_guard lock(session.m_mutex);
     t.status = status;
     t.uMoved = bytes;
-    session.m_Ready.push_back(&t);
-    session.m_Wake();
+    session.m_ready.push_back(&t);
+    session.m_wake();
 }
 
 // Completed requests become replies.
@@ -341,35 +341,35 @@ void UsbipSession::Reap()
 {
     std::deque<Transfer*> ready;
     {
-        std::lock_guard lock(m_Mutex);
-        ready.swap(m_Ready);
+        std::lock_guard lock(m_mutex);
+        ready.swap(m_ready);
     }
     for (Transfer* t : ready) {
-        const auto it = std::find_if(m_Transfers.begin(), m_Transfers.end(), [&](const auto& p) { return p.get() == t; });
+        const auto it = std::find_if(m_transfers.begin(), m_transfers.end(), [&](const auto& p) { return p.get() == t; });
         if (t->status == Status::Gone)
             End("the camera was pulled out");
         if (t->status == Status::Cancelled || t->status == Status::Gone) {
             m_uMoving -= t->Cost();
         } else {
-            const bool is_short = t->bShortNotOk && t->uMoved < t->request.dwLength;
-            const auto header = SubmitReply(t->uSequence, ErrorOf(t->status, is_short), t->uMoved);
+            const bool isShort = t->bShortNotOk && t->uMoved < t->request.length;
+            const auto header = SubmitReply(t->uSequence, ErrorOf(t->status, isShort), t->uMoved);
             std::copy(header.begin(), header.end(), t->reply.get());
-            m_Out.push_back({ std::move(t->reply), HEADER + t->uMoved, t->Cost() });
+            m_out.push_back({ std::move(t->reply), HEADER + t->uMoved, t->Cost() });
         }
-        m_Transfers.erase(it);
+        m_transfers.erase(it);
     }
 }
 
 void UsbipSession::Refill()
 {
-    while (!m_Waiting.empty() && (m_uMoving == 0 || m_uMoving + m_Waiting.front().uLength <= WINDOW)) {
-        auto& t = *m_Transfers.emplace_back(std::make_unique<Transfer>(this, m_Waiting.front()));
-        m_Waiting.pop_front();
+    while (!m_waiting.empty() && (m_uMoving == 0 || m_uMoving + m_waiting.front().uLength <= WINDOW)) {
+        auto& t = *m_transfers.emplace_back(std::make_unique<Transfer>(this, m_waiting.front()));
+        m_waiting.pop_front();
         m_uMoving += t.Cost();
-        if (m_Device->SubmitBulk(&t.request) == Status::Ok)
+        if (m_device->SubmitBulk(&t.request) == Status::Ok)
             continue;
         m_uMoving -= t.Cost();
-        m_Transfers.pop_back();
+        m_transfers.pop_back();
         End("the camera was pulled out");
         return;
     }
@@ -377,26 +377,26 @@ void UsbipSession::Refill()
 
 bool UsbipSession::Step()
 {
-    if (!m_Device || !m_sEnded.empty())
+    if (!m_device || !m_sEnded.empty())
         return m_sEnded.empty();
     Reap();
     const auto now = std::chrono::steady_clock::now();
-    while (!m_Late.empty() && m_Late.front().due <= now) {
-        m_uMoving -= m_Late.front().reply.size();
-        Put(m_Late.front().reply);
-        m_Late.pop_front();
+    while (!m_late.empty() && m_late.front().due <= now) {
+        m_uMoving -= m_late.front().reply.size();
+        Put(m_late.front().reply);
+        m_late.pop_front();
     }
     Refill();
-    if (!m_Device->Present())
+    if (!m_device->Present())
         End("the camera was pulled out");
     return m_sEnded.empty();
 }
 
 std::optional<std::chrono::steady_clock::time_point> UsbipSession::Due() const
 {
-    if (m_Late.empty())
+    if (m_late.empty())
         return {};
-    return m_Late.front().due;
+    return m_late.front().due;
 }
 
 // --- output ---
@@ -408,23 +408,23 @@ void UsbipSession::Put(const std::vector<uint8_t>& bytes)
     Block b{ std::unique_ptr<uint8_t[]>(new uint8_t[bytes.size()]), bytes.size(), bytes.size() };
     std::copy(bytes.begin(), bytes.end(), b.bytes.get());
     m_uMoving += b.uCost;
-    m_Out.push_back(std::move(b));
+    m_out.push_back(std::move(b));
 }
 
 std::span<const uint8_t> UsbipSession::Output() const
 {
-    if (m_Out.empty())
+    if (m_out.empty())
         return {};
-    return { m_Out.front().bytes.get() + m_uOutAt, m_Out.front().uSize - m_uOutAt };
+    return { m_out.front().bytes.get() + m_uOutAt, m_out.front().uSize - m_uOutAt };
 }
 
 void UsbipSession::Sent(size_t bytes)
 {
     m_uOutAt += bytes;
-    if (m_Out.empty() || m_uOutAt < m_Out.front().uSize)
+    if (m_out.empty() || m_uOutAt < m_out.front().uSize)
         return;
-    m_uMoving -= m_Out.front().uCost;
-    m_Out.pop_front();
+    m_uMoving -= m_out.front().uCost;
+    m_out.pop_front();
     m_uOutAt = 0;
 }
 

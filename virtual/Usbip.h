@@ -21,7 +21,7 @@ namespace kovsim {
 // The cameras of a bus by the names that clients ask for, and which of them a connection has.
 class UsbipExports {
 public:
-    explicit UsbipExports(VirtualBus& bus) : m_Bus(bus) {}
+    explicit UsbipExports(VirtualBus& bus) : m_bus(bus) {}
     struct Export {
         usbstack::DeviceInfo info;
         std::string sBusId;  // "2-1": bus and port; stays the same over plugs
@@ -31,9 +31,9 @@ public:
 
 private:
     friend class UsbipSession;
-    VirtualBus& m_Bus;
-    std::mutex m_Mutex;
-    std::set<std::string> m_Taken;
+    VirtualBus& m_bus;
+    std::mutex m_mutex;
+    std::set<std::string> m_taken;
 };
 
 // One connection. It asks for the list of cameras or imports one; from then on it is that camera's cable, and its end pulls it.
@@ -93,21 +93,21 @@ private:
     void Put(const std::vector<uint8_t>& bytes);
     static void OnComplete(usbstack::BulkRequest* request, usbstack::Status status, uint32_t bytes);
 
-    UsbipExports& m_Exports;
-    const std::function<void()> m_Wake;
-    std::unique_ptr<UsbDevice> m_Device;
+    UsbipExports& m_exports;
+    const std::function<void()> m_wake;
+    std::unique_ptr<UsbDevice> m_device;
     std::string m_sBusId, m_sEnded;
     uint32_t m_uDeviceId = 0;
-    std::vector<uint8_t> m_In;
-    std::deque<Block> m_Out;
+    std::vector<uint8_t> m_in;
+    std::deque<Block> m_out;
     size_t m_uOutAt = 0;   // bytes of the first block that have been sent
-    size_t m_uMoving = 0;  // bytes of m_Transfers and m_Out
-    std::deque<Waiting> m_Waiting;
-    std::deque<std::unique_ptr<Transfer>> m_Transfers;  // with the camera, oldest first
-    std::deque<Late> m_Late;                            // by due
+    size_t m_uMoving = 0;  // bytes of m_transfers and m_out
+    std::deque<Waiting> m_waiting;
+    std::deque<std::unique_ptr<Transfer>> m_transfers;  // with the camera, oldest first
+    std::deque<Late> m_late;                            // by due
 
-    std::mutex m_Mutex;
-    std::deque<Transfer*> m_Ready;  // guarded by it: completed, still in m_Transfers
+    std::mutex m_mutex;
+    std::deque<Transfer*> m_ready;  // guarded by it: completed, still in m_transfers
 };
 
 }  // namespace kovsim

@@ -21,9 +21,9 @@ class NoSensor final : public Profile {
 public:
     explicit NoSensor(uint16_t wProductId)
     {
-        m_Facts.wProductId = wProductId;
-        m_Facts.sToken = "Foreign";
-        m_Facts.bUSB3 = false;
+        m_facts.wProductId = wProductId;
+        m_facts.sToken = "Foreign";
+        m_facts.bUSB3 = false;
     }
     void PowerOn() override {}
     bool WriteReg16(uint16_t, uint16_t) override { return false; }
@@ -40,66 +40,66 @@ public:
 class Handle final : public usbstack::IDevice {
 public:
     Handle(Camera& camera, uint64_t uPlug)
-        : m_Camera(camera), m_uPlug(uPlug), m_Speed(camera.GetSpeed()), m_bAddress(camera.GetAddress())
+        : m_camera(camera), m_uPlug(uPlug), m_speed(camera.GetSpeed()), m_bAddress(camera.GetAddress())
     {
     }
-    ~Handle() override { m_Camera.Cancel(this); }
+    ~Handle() override { m_camera.Cancel(this); }
 
     Status Control(uint8_t bRequestType, uint8_t bRequest, uint16_t wValue, uint16_t wIndex, uint8_t* pData, uint16_t wLength,
                    uint32_t dwTimeoutMs, uint32_t* pdwMoved) override
     {
-        return m_Camera.Control(m_uPlug, bRequestType, bRequest, wValue, wIndex, pData, wLength, dwTimeoutMs, pdwMoved);
+        return m_camera.Control(m_uPlug, bRequestType, bRequest, wValue, wIndex, pData, wLength, dwTimeoutMs, pdwMoved);
     }
-    Status SubmitBulk(usbstack::BulkRequest* request) override { return m_Camera.Submit(m_uPlug, this, request); }
+    Status SubmitBulk(usbstack::BulkRequest* request) override { return m_camera.Submit(m_uPlug, this, request); }
     void Abort(uint8_t bEndpoint) override
     {
         if (bEndpoint == BULK_IN)
-            m_Camera.Cancel(this);
+            m_camera.Cancel(this);
     }
     Status ResetPipe(uint8_t bEndpoint) override
     {
-        return bEndpoint == BULK_IN ? m_Camera.ResetPipe(m_uPlug, this) : Status::Failed;
+        return bEndpoint == BULK_IN ? m_camera.ResetPipe(m_uPlug, this) : Status::Failed;
     }
     void SetTransferSize(uint8_t, uint32_t) override {}  // requests of any size are served
-    Status ResetPort() override { return m_Camera.ResetPort(m_uPlug); }
-    Status CyclePort() override { return m_Camera.CyclePort(m_uPlug); }
-    usbstack::Speed GetSpeed() override { return m_Speed; }
+    Status ResetPort() override { return m_camera.ResetPort(m_uPlug); }
+    Status CyclePort() override { return m_camera.CyclePort(m_uPlug); }
+    usbstack::Speed GetSpeed() override { return m_speed; }
     uint8_t GetAddress() override { return m_bAddress; }
-    int GetAltSetting() override { return m_Camera.GetAltSetting(m_uPlug); }
-    Status Claim() override { return m_Camera.Claim(m_uPlug); }
-    void AbortControl() override { m_Camera.AbortControl(m_uPlug); }
+    int GetAltSetting() override { return m_camera.GetAltSetting(m_uPlug); }
+    Status Claim() override { return m_camera.Claim(m_uPlug); }
+    void AbortControl() override { m_camera.AbortControl(m_uPlug); }
     bool KeepsTimeLimits() const override { return true; }
 
 private:
-    Camera& m_Camera;
+    Camera& m_camera;
     const uint64_t m_uPlug;
-    const usbstack::Speed m_Speed;
+    const usbstack::Speed m_speed;
     const uint8_t m_bAddress;
 };
 
 class Socket final : public UsbDevice {
 public:
     Socket(Camera& camera, uint64_t uPlug)
-        : m_Camera(camera), m_uPlug(uPlug), m_uPacket(camera.GetSpeed() == usbstack::Speed::Super ? 1024 : 512)
+        : m_camera(camera), m_uPlug(uPlug), m_uPacket(camera.GetSpeed() == usbstack::Speed::Super ? 1024 : 512)
     {
     }
-    ~Socket() override { m_Camera.Cancel(this); }
-    bool Present() const override { return m_Camera.IsCurrent(m_uPlug); }
+    ~Socket() override { m_camera.Cancel(this); }
+    bool Present() const override { return m_camera.IsCurrent(m_uPlug); }
     Answer Control(const std::array<uint8_t, 8>& setup, std::vector<uint8_t> data) override
     {
         const auto word = [&](size_t at) { return uint16_t(setup[at] | setup[at + 1] << 8); };
-        Camera::Answer a = m_Camera.Ask(m_uPlug, setup[0], setup[1], word(2), word(4), word(6), std::move(data));
+        Camera::Answer a = m_camera.Ask(m_uPlug, setup[0], setup[1], word(2), word(4), word(6), std::move(data));
         if (!(setup[0] & 0x80) || a.status != Status::Ok)
             a.data.clear();
-        return { a.status, std::move(a.data), m_Camera.RealTimeIn(a.dDelayUs) };
+        return { a.status, std::move(a.data), m_camera.RealTimeIn(a.dDelayUs) };
     }
-    void NoteLostReply() override { m_Camera.NoteLostReply(); }
-    Status SubmitBulk(usbstack::BulkRequest* request) override { return m_Camera.Submit(m_uPlug, this, request, m_uPacket); }
-    void Unlink(usbstack::BulkRequest* request) override { m_Camera.Cancel(this, request); }
-    void Replug() override { m_Camera.PowerCycle(m_uPlug); }
+    void NoteLostReply() override { m_camera.NoteLostReply(); }
+    Status SubmitBulk(usbstack::BulkRequest* request) override { return m_camera.Submit(m_uPlug, this, request, m_uPacket); }
+    void Unlink(usbstack::BulkRequest* request) override { m_camera.Cancel(this, request); }
+    void Replug() override { m_camera.PowerCycle(m_uPlug); }
 
 private:
-    Camera& m_Camera;
+    Camera& m_camera;
     const uint64_t m_uPlug;
     const uint32_t m_uPacket;
 };
@@ -216,11 +216,11 @@ std::vector<usbstack::DeviceInfo> VirtualBus::Enumerate()
         usbstack::DeviceInfo info;
         uint64_t plug;
         Status open;
-        if (c->Info(&info, &plug, &open) && info.wVendorId == VENDOR_ID)
+        if (c->Info(&info, &plug, &open) && info.vendorId == VENDOR_ID)
             out.push_back(info);
     }
     // Ports count up with the plugs, so only the bus number is out of order.
-    std::stable_sort(out.begin(), out.end(), [](const auto& a, const auto& b) { return a.bBus < b.bBus; });
+    std::stable_sort(out.begin(), out.end(), [](const auto& a, const auto& b) { return a.bus < b.bus; });
     return out;
 }
 
@@ -230,7 +230,7 @@ Camera* VirtualBus::Find(const std::string& sPath, uint64_t* puPlug, Status* pSt
     *pStatus = Status::Gone;
     for (Camera* c : m_p->All()) {
         usbstack::DeviceInfo info;
-        if (c->Info(&info, puPlug, pStatus) && info.sPath == sPath)
+        if (c->Info(&info, puPlug, pStatus) && info.path == sPath)
             return *pStatus == Status::Ok ? c : nullptr;
         *pStatus = Status::Gone;
     }

@@ -610,7 +610,7 @@ int main(int argc, char** argv)
         const CCameraBase* const pCam = CCameraBase::FromID(id);
         size_t k = 0;
         while (k < cams.size() && (taken[k] || pCam == nullptr || pCam->m_pUsbLink == nullptr ||
-                                   cams[k]->Facts().wProductId != pCam->m_pUsbLink->m_wProductId))
+                                   cams[k]->Facts().wProductId != pCam->m_pUsbLink->m_productId))
             ++k;
         if (k == cams.size()) {
             Fail("camera %d is none of those plugged", id);

@@ -38,9 +38,9 @@ CCameraBase* Make()
 }
 
 struct FactoryRow {
-    int32_t iProductId;
+    int32_t productId;
     CCameraBase* (*Create)();
-    uint8_t bGroup;  // product IDs that count as one model; 0: none. The same ones raise the flag.
+    uint8_t group;  // product IDs that count as one model; 0: none. The same ones raise the flag.
 };
 
 constexpr FactoryRow g_Factory[] = {
@@ -91,12 +91,12 @@ constexpr FactoryRow g_Factory[] = {
     { 0xC11B, Make<CCameraSQuartzMono>, 0 },
 };
 static_assert(std::is_sorted(std::begin(g_Factory), std::end(g_Factory),
-                             [](const FactoryRow& a, const FactoryRow& b) { return a.iProductId < b.iProductId; }));
+                             [](const FactoryRow& a, const FactoryRow& b) { return a.productId < b.productId; }));
 
-const FactoryRow* FindRow(int32_t iProductId)
+const FactoryRow* FindRow(int32_t productId)
 {
     const auto it =
-        std::find_if(std::begin(g_Factory), std::end(g_Factory), [=](const FactoryRow& r) { return r.iProductId == iProductId; });
+        std::find_if(std::begin(g_Factory), std::end(g_Factory), [=](const FactoryRow& r) { return r.productId == productId; });
     return it == std::end(g_Factory) ? nullptr : it;
 }
 
@@ -111,10 +111,10 @@ CCameraBase* CreateCameraObject(int id, bool forOpen)
     CCameraBase* cam = nullptr;
     try {
         cam = row->Create();
-        cam->m_bOwnedByFrame = true;
+        cam->m_ownedByFrame = true;
     } catch (const std::bad_alloc&) {
     }
-    g_bReopenProbe = row->bGroup != 0 && !forOpen;
+    g_bReopenProbe = row->group != 0 && !forOpen;
     return cam;
 }
 
@@ -124,8 +124,8 @@ int RunningIndex(int id)
     int n = 0;
     for (int j = 0; j < id; ++j) {
         const FactoryRow* other = FindRow(g_aProductID[j]);
-        if (row != nullptr && row->bGroup != 0)
-            n += other != nullptr && other->bGroup == row->bGroup;
+        if (row != nullptr && row->group != 0)
+            n += other != nullptr && other->group == row->group;
         else
             n += g_aProductID[j] == g_aProductID[id];
     }
@@ -134,7 +134,7 @@ int RunningIndex(int id)
 
 int32_t EnumerateCameras()
 {
-    int32_t aFound[DEVICE_MAX];
+    int32_t found[DEVICE_MAX];
     int32_t n = 0;
     const platform::BusLook look;
     for (const platform::Guid& guid : platform::g_InterfaceGuids) {
@@ -151,11 +151,11 @@ int32_t EnumerateCameras()
                 link = std::make_unique<CUsbLink>(nullptr, guid, false);
                 link->Open(static_cast<uint8_t>(i));
             }
-            if (link->m_wVendorId == platform::CAMERA_VENDOR_ID)
-                aFound[n++] = link->m_wProductId;
+            if (link->m_vendorId == platform::CAMERA_VENDOR_ID)
+                found[n++] = link->m_productId;
         }
     }
-    std::copy_n(aFound, n, g_aProductID);
+    std::copy_n(found, n, g_aProductID);
     g_iCameraCount = n;
     KOV_LOG(Info, "%d cameras found", n);
     return n;

@@ -27,11 +27,11 @@ KOV_ERROR_CODE WithCamera(int id, Body body) noexcept
     return Guarded([&] {
         if (!IsKnown(id))
             return KOV_ERROR_BAD_ID;
-        CCameraBase* pCam = g_apCamera[id];
-        if (pCam == nullptr)
+        CCameraBase* cam = g_apCamera[id];
+        if (cam == nullptr)
             return KOV_ERROR_NOT_OPEN;
-        const logging::CameraScope scope({ id, pCam->m_pszName });
-        return body(*pCam);
+        const logging::CameraScope scope({ id, cam->m_pszName });
+        return body(*cam);
     });
 }
 
@@ -39,9 +39,9 @@ KOV_ERROR_CODE OkOr(bool ok, KOV_ERROR_CODE error) { return ok ? KOV_SUCCESS : e
 
 void Destroy(int id)
 {
-    CCameraBase* pCam = g_apCamera[id];
+    CCameraBase* cam = g_apCamera[id];
     g_apCamera[id] = nullptr;
-    delete pCam;
+    delete cam;
 }
 
 KOV_ERROR_CODE SetCooler(CCameraBase& cam, KOV_CONTROL_TYPE control, int32_t value)
@@ -61,9 +61,9 @@ KOV_ERROR_CODE SetCooler(CCameraBase& cam, KOV_CONTROL_TYPE control, int32_t val
 
 // The format that the model layer works with, and the bytes of a delivered pixel.
 struct Format {
-    bool bRaw;
+    bool isRaw;
     IMAGE_TYPE type;
-    int iBytes;
+    int bytes;
 };
 constexpr Format g_Formats[] = {
     { true, IMAGE_8BIT, 1 },    // IMG_RAW8
@@ -126,26 +126,26 @@ KOV_ERROR_CODE KOVOpenCamera(int32_t id)
             return KOV_SUCCESS;
         if (g_apCamera[id] == nullptr)
             g_apCamera[id] = CreateCameraObject(id, true);
-        CCameraBase* pCam = g_apCamera[id];
+        CCameraBase* cam = g_apCamera[id];
         g_iLastOpened = id;
-        if (pCam == nullptr)
+        if (cam == nullptr)
             return KOV_ERROR_OPEN_FAILED;
-        const logging::CameraScope scope({ id, pCam->m_pszName });
+        const logging::CameraScope scope({ id, cam->m_pszName });
         bool ok = false;
         try {
-            ok = pCam->OpenCamera(RunningIndex(id) + 1);
-        } catch (const char* szError) {
-            KOV_LOG(Error, "%s The camera is not opened", szError);
+            ok = cam->OpenCamera(RunningIndex(id) + 1);
+        } catch (const char* error) {
+            KOV_LOG(Error, "%s The camera is not opened", error);
         }
-        pCam->m_bTimeMark = false;
+        cam->m_bTimeMark = false;
         if (!ok)
             return KOV_ERROR_OPEN_FAILED;
         if (g_bReopenProbe)
             return KOV_SUCCESS;
-        pCam->InitCamera();
-        pCam->m_bRawOutput = true;
-        if (pCam->SetResolution(pCam->m_iMaxWidth, pCam->m_iMaxHeight, 1, IMAGE_8BIT))
-            g_aImageBytes[id] = pCam->m_iMaxWidth * pCam->m_iMaxHeight;
+        cam->InitCamera();
+        cam->m_bRawOutput = true;
+        if (cam->SetResolution(cam->m_iMaxWidth, cam->m_iMaxHeight, 1, IMAGE_8BIT))
+            g_aImageBytes[id] = cam->m_iMaxWidth * cam->m_iMaxHeight;
         return KOV_SUCCESS;
     });
 }
@@ -159,9 +159,9 @@ KOV_ERROR_CODE KOVCloseCamera(int32_t id)
             const logging::CameraScope scope({ id, g_apCamera[id].Get()->m_pszName });
             try {
                 g_apCamera[id].Get()->CloseCamera();
-            } catch (const char* szError) {
+            } catch (const char* error) {
                 // The object goes all the same, and its link tries once more.
-                KOV_LOG(Warn, "%s", szError);
+                KOV_LOG(Warn, "%s", error);
             }
             Destroy(id);
         }
@@ -203,10 +203,10 @@ KOV_ERROR_CODE KOVSetROIFormat(int32_t id, int32_t width, int32_t height, int32_
         if (type < IMG_RAW8 || type > IMG_Y8)
             return KOV_ERROR_BAD_IMAGE_TYPE;
         const Format& f = g_Formats[type];
-        cam.m_bRawOutput = f.bRaw;  // stays written when the region is refused
+        cam.m_bRawOutput = f.isRaw;  // stays written when the region is refused
         if (!cam.SetResolution(width, height, bin, f.type))
             return KOV_ERROR_BAD_SIZE;
-        g_aImageBytes[id] = width * height * f.iBytes;
+        g_aImageBytes[id] = width * height * f.bytes;
         return KOV_SUCCESS;
     });
 }

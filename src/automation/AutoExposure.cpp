@@ -19,7 +19,7 @@ struct Step {
     int T = cam.TargetBrightness();
     // QUIRK: a range below 100 (Agate and Dunite: 1 to 100) gives a small step of 0: automatic gain never comes down.
     int range = cam.GainMax() - cam.GainMin();
-    int iSmall = range / 100;
+    int small = range / 100;
     int large = 2 * range / 100;
 
     int Percent(int p) const { return MulWrap(T, p) / 100; }
@@ -37,8 +37,8 @@ struct Step {
     bool Short() const { return cam.Exposure() <= LONG_EXPOSURE; }
 
     // G + step, up to the ceiling.
-    void GainUp(int iStep) const { cam.SetGain(std::min(cam.GainCeiling(), AddWrap(cam.Gain(), iStep))); }
-    void GainDown() const { cam.SetGain(std::max(1, SubWrap(cam.Gain(), iSmall))); }
+    void GainUp(int step) const { cam.SetGain(std::min(cam.GainCeiling(), AddWrap(cam.Gain(), step))); }
+    void GainDown() const { cam.SetGain(std::max(1, SubWrap(cam.Gain(), small))); }
 
     void ExposureUp() const
     {
@@ -63,11 +63,11 @@ struct Step {
             if (!LineHold())
                 ExposureUp();
         } else {
-            GainUp(iSmall);
+            GainUp(small);
             if (Short()) {
                 if (!LineHold())
                     ExposureUp();
-                GainUp(iSmall);
+                GainUp(small);
             } else if (cam.Gain() != cam.GainCeiling()) {
                 GainUp(large);
             } else {
@@ -78,7 +78,7 @@ struct Step {
     void Darken() const
     {
         if (!cam.AutoExposure()) {
-            cam.SetGain(SubWrap(cam.Gain(), iSmall));  // no lower limit here: the model has one
+            cam.SetGain(SubWrap(cam.Gain(), small));  // no lower limit here: the model has one
         } else if (!Short()) {
             ExposureDown();
         } else if (!cam.AutoGain()) {

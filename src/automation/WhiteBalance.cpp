@@ -18,10 +18,10 @@ constexpr int BAND = 5;
 constexpr int LOW_BALANCE = 5;  // below, truncation alone could never raise the value
 
 // New balance of one colour.
-int32_t NewBalance(int32_t old, int32_t cG, int32_t c)
+int32_t NewBalance(int32_t old, int32_t green, int32_t c)
 {
-    const int32_t i = MulWrap(old, cG) / (c + 1);
-    return i <= old && cG > c && old < LOW_BALANCE ? i + 1 : i;
+    const int32_t i = MulWrap(old, green) / (c + 1);
+    return i <= old && green > c && old < LOW_BALANCE ? i + 1 : i;
 }
 
 }  // namespace
@@ -30,22 +30,22 @@ std::optional<Balance> NextBalance(const WBBlocks& blocks, bool block0IfFlat, bo
 {
     int32_t c[WB_COLORS];
     for (int k = 0; k < WB_COLORS; ++k) {
-        const int32_t *const pDev = blocks.aDev[k], *const pMean = blocks.aMean[k];
+        const int32_t *const dev = blocks.dev[k], *const mean = blocks.mean[k];
         int32_t devs = 0;
         for (int b = 0; b < WB_BLOCKS; ++b)
-            devs = AddWrap(devs, pDev[b]);
+            devs = AddWrap(devs, dev[b]);
         float f = 0;  // single precision, in block order: the rounding is part of the result
         for (int b = 0; b < WB_BLOCKS; ++b)
-            f += static_cast<float>(pDev[b]) * static_cast<float>(pMean[b]) / static_cast<float>(devs + 1);
+            f += static_cast<float>(dev[b]) * static_cast<float>(mean[b]) / static_cast<float>(devs + 1);
         if (devs == 0 && block0IfFlat)
-            f = static_cast<float>(pMean[0]);
+            f = static_cast<float>(mean[0]);
         c[k] = TruncToInt32(f);
     }
 
-    const int32_t dR = std::abs(c[WB_GREEN] - c[WB_RED]), dB = std::abs(c[WB_GREEN] - c[WB_BLUE]);
+    const int32_t offRed = std::abs(c[WB_GREEN] - c[WB_RED]), offBlue = std::abs(c[WB_GREEN] - c[WB_BLUE]);
     // While brightness is regulated too, colours move with it; a wider band keeps the two from chasing each other.
     const int32_t band = brightnessMoves ? BAND_REGULATED : BAND;
-    if (dR < band && dB < band)
+    if (offRed < band && offBlue < band)
         return std::nullopt;
     return Balance{ NewBalance(now.red, c[WB_GREEN], c[WB_RED]), NewBalance(now.blue, c[WB_GREEN], c[WB_BLUE]) };
 }
@@ -66,24 +66,24 @@ ColourStatistics BlockStatistics(const RawFrame& frame, const Block& block, cons
                 }
     };
 
-    uint32_t aSum[WB_COLORS] = {}, aCount[WB_COLORS] = {}, aMean[WB_COLORS];
+    uint32_t sum[WB_COLORS] = {}, count[WB_COLORS] = {}, mean[WB_COLORS];
     visit([&](uint8_t c, uint8_t v) {
-        aSum[c] += v;
-        ++aCount[c];
+        sum[c] += v;
+        ++count[c];
     });
     ColourStatistics s;
     for (int c = 0; c < WB_COLORS; ++c) {
-        aMean[c] = aSum[c] / (aCount[c] + 1);  // the added one serves a colour that the block does not have
-        s.mean[c] = static_cast<int>(std::min(aMean[c] * scale, 255u));
+        mean[c] = sum[c] / (count[c] + 1);  // the added one serves a colour that the block does not have
+        s.mean[c] = static_cast<int>(std::min(mean[c] * scale, 255u));
     }
 
     // Deviation from the mean before scaling. Between the two passes USB may have put another frame there.
-    uint32_t aDiff[WB_COLORS] = {};
+    uint32_t diff[WB_COLORS] = {};
     visit([&](uint8_t c, uint8_t v) {
-        aDiff[c] += measure[c] != 0 ? static_cast<uint32_t>(std::abs(static_cast<int>(v) - static_cast<int>(aMean[c]))) : 1u;
+        diff[c] += measure[c] != 0 ? static_cast<uint32_t>(std::abs(static_cast<int>(v) - static_cast<int>(mean[c]))) : 1u;
     });
     for (int c = 0; c < WB_COLORS; ++c)
-        s.dev[c] = static_cast<int>(aDiff[c] * 10 / (aCount[c] + 1));
+        s.dev[c] = static_cast<int>(diff[c] * 10 / (count[c] + 1));
     return s;
 }
 

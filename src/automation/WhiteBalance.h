@@ -12,8 +12,8 @@ enum { WB_RED, WB_GREEN, WB_BLUE, WB_COLORS };
 
 // What was measured, by colour and block; block (row j, column k) is entry 16 j + k.
 struct WBBlocks {
-    int32_t aDev[WB_COLORS][WB_BLOCKS];
-    int32_t aMean[WB_COLORS][WB_BLOCKS];
+    int32_t dev[WB_COLORS][WB_BLOCKS];
+    int32_t mean[WB_COLORS][WB_BLOCKS];
 };
 
 namespace automation {

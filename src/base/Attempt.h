@@ -5,27 +5,27 @@
 #include "base/Log.h"
 
 // Logs it at level error.
-inline void TellFailed(const char* szStep, const char* szWhy, const char* szFile) noexcept
+inline void TellFailed(const char* title, const char* why, const char* file) noexcept
 try {
     if (logging::Enabled(LogLevel::Error))
-        logging::Write(LogLevel::Error, logging::RoomOf(szFile), "%s failed: %s", szStep, szWhy);
+        logging::Write(LogLevel::Error, logging::RoomOf(file), "%s failed: %s", title, why);
 } catch (...) {  // no memory for the line either
 }
 
-// Runs a step. False when it threw: the step has failed. szStep names it in the log. The file is the caller's; clang 14 knows no
+// Runs a step. False when it threw: the step has failed. `title` names it in the log. The file is the caller's; clang 14 knows no
 // std::source_location beside GCC's library.
 template <class Step>
-bool Attempt(const char* szStep, Step step, const char* szFile = __builtin_FILE()) noexcept
+bool Attempt(const char* title, Step step, const char* file = __builtin_FILE()) noexcept
 {
     try {
         step();
         return true;
     } catch (const std::exception& e) {
-        TellFailed(szStep, e.what(), szFile);
-    } catch (const char* szError) {  // a driver that refuses to close
-        TellFailed(szStep, szError, szFile);
+        TellFailed(title, e.what(), file);
+    } catch (const char* error) {  // a driver that refuses to close
+        TellFailed(title, error, file);
     } catch (...) {
-        TellFailed(szStep, "something unknown was thrown", szFile);
+        TellFailed(title, "something unknown was thrown", file);
     }
     return false;
 }

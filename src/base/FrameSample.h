@@ -8,7 +8,7 @@
 __attribute__((no_sanitize("thread")))
 #endif
 inline uint8_t
-SampleFrame(const uint8_t* pFrame, size_t index)
+SampleFrame(const uint8_t* frame, size_t index)
 {
-    return *static_cast<const volatile uint8_t*>(pFrame + index);
+    return *static_cast<const volatile uint8_t*>(frame + index);
 }

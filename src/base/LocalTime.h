@@ -4,7 +4,7 @@
 namespace platform {
 
 struct LocalTime {
-    int iYear, iMonth, iDay, iHour, iMinute, iSecond, iMillisecond;
+    int year, month, day, hour, minute, second, millisecond;
 };
 
 }  // namespace platform

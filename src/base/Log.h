@@ -29,9 +29,9 @@ enum class LogLevel { Off, Error, Warn, Info, Debug, Trace };
 namespace logging {
 
 // The level in force; above all levels until the environment has been read.
-inline constinit std::atomic<int> g_iLevel = 100;
+inline constinit std::atomic<int> g_Level = 100;
 
-inline bool Enabled(LogLevel level) { return static_cast<int>(level) <= g_iLevel.load(std::memory_order_relaxed); }
+inline bool Enabled(LogLevel level) { return static_cast<int>(level) <= g_Level.load(std::memory_order_relaxed); }
 
 // The folder below src/ that a file lies in.
 constexpr std::string_view RoomOf(std::string_view file)
@@ -55,7 +55,7 @@ void Write(LogLevel level, std::string_view room, const char* format, ...);
 // The camera that the calling thread works for. A thread of the library starts with that of the thread that started it.
 struct Camera {
     int id = -1;                   // of the C interface; -1: none
-    const char* szName = nullptr;  // static text
+    const char* name = nullptr;  // static text
 };
 Camera CurrentCamera();
 void SetCurrentCamera(Camera camera);
@@ -66,24 +66,24 @@ void SetThreadName(const char* name);
 // Sets the calling thread's camera for a block. Does nothing while the log is off.
 class CameraScope {
 public:
-    explicit CameraScope(Camera camera) : m_bOn(Enabled(LogLevel::Error))
+    explicit CameraScope(Camera camera) : m_on(Enabled(LogLevel::Error))
     {
-        if (m_bOn) {
-            m_Before = CurrentCamera();
+        if (m_on) {
+            m_before = CurrentCamera();
             SetCurrentCamera(camera);
         }
     }
     ~CameraScope()
     {
-        if (m_bOn)
-            SetCurrentCamera(m_Before);
+        if (m_on)
+            SetCurrentCamera(m_before);
     }
     CameraScope(const CameraScope&) = delete;
     CameraScope& operator=(const CameraScope&) = delete;
 
 private:
-    const bool m_bOn;
-    Camera m_Before;
+    const bool m_on;
+    Camera m_before;
 };
 
 // As if the environment held these texts; nullptr: not set. For tests.

@@ -22,7 +22,7 @@ constexpr const char* LOW_BYTE_NAMES[] = {
 automation::RawFrame RawFrameOf(CCameraBase& cam, const uint8_t* data)
 {
     const MemoryFrame size = MemoryFrameOf(cam);
-    return { data, FrameBufferBytes(cam), size.iWidth, size.iHeight };
+    return { data, FrameBufferBytes(cam), size.width, size.height };
 }
 
 // Binning sums samples: by software after the raw frame, and where the sensor makes a 2 of a bin of 4.
@@ -88,8 +88,8 @@ void CCameraBase::AutoWB_RAW(uint8_t* frame)
             Get_variance_ave_RAW(frame, k * W / WB_GRID, j * H / WB_GRID, W / WB_GRID, H / WB_GRID, W, H, &dev[WB_RED],
                                  &dev[WB_GREEN], &dev[WB_BLUE], &mean[WB_RED], &mean[WB_GREEN], &mean[WB_BLUE]);
             for (int c = 0; c < WB_COLORS; ++c) {
-                blocks.aDev[c][j * WB_GRID + k] = dev[c];
-                blocks.aMean[c][j * WB_GRID + k] = mean[c];
+                blocks.dev[c][j * WB_GRID + k] = dev[c];
+                blocks.mean[c][j * WB_GRID + k] = mean[c];
             }
         }
     StepWhiteBalance(*this, blocks, true);

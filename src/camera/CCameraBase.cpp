@@ -36,8 +36,8 @@ constexpr uint8_t BAYER_INDEX[4][4] = {
 // Fresh pages of the system are zero and cost nothing until they are touched. 38 bytes a sensor pixel are asked for here, of
 // which a camera without dark frame and hot-pixel table never touches the greater part.
 struct CCameraBase::Buffers {
-    std::vector<platform::Pages<void>> aOwned;
-    std::unique_ptr<std::atomic<uint16_t>[]> pGamma16 = std::make_unique<std::atomic<uint16_t>[]>(65536);
+    std::vector<platform::Pages<void>> owned;
+    std::unique_ptr<std::atomic<uint16_t>[]> gamma16 = std::make_unique<std::atomic<uint16_t>[]>(65536);
 
     template <class T>
     void Make(T** pp, size_t bytes)
@@ -45,12 +45,12 @@ struct CCameraBase::Buffers {
         void* const p = platform::AllocPages(bytes + BUFFER_PAD);
         if (!p)
             throw std::bad_alloc();
-        aOwned.emplace_back(p, platform::PagesDeleter{ bytes + BUFFER_PAD });
+        owned.emplace_back(p, platform::PagesDeleter{ bytes + BUFFER_PAD });
         *pp = static_cast<T*>(p);
     }
 };
 
-CCameraBase::CCameraBase(int width, int height) : m_pBuffers(std::make_unique<Buffers>())
+CCameraBase::CCameraBase(int width, int height) : m_buffers(std::make_unique<Buffers>())
 {
     m_iMaxWidth = width;
     m_iWidth = width;
@@ -67,8 +67,8 @@ CCameraBase::CCameraBase(int width, int height) : m_pBuffers(std::make_unique<Bu
     std::memset(m_ControlList, 0, sizeof m_ControlList);
 
     const size_t pixels = static_cast<size_t>(width) * static_cast<size_t>(height);
-    Buffers& b = *m_pBuffers;
-    m_pGamma16 = b.pGamma16.get();
+    Buffers& b = *m_buffers;
+    m_pGamma16 = b.gamma16.get();
     b.Make(&m_pDarkBuf, 2 * pixels);
     b.Make(&m_pDarkSum, 2 * pixels);
     b.Make(&m_pDarkPixels, 4 * pixels);
@@ -86,10 +86,10 @@ CCameraBase::CCameraBase(int width, int height) : m_pBuffers(std::make_unique<Bu
     m_Algorithm.RGBYUV_Init();  // the tables are one for the process: a new camera sets all others to unity gain
     std::memcpy(m_BayerIdx, BAYER_INDEX, sizeof m_BayerIdx);
 
-    m_iLUTMax = m_iLUTMin = g_ThermistorTable[0].iDegrees;
+    m_iLUTMax = m_iLUTMin = g_ThermistorTable[0].degrees;
     for (const ThermistorRow& row : g_ThermistorTable) {
-        m_iLUTMax = std::max(m_iLUTMax, row.iDegrees);
-        m_iLUTMin = std::min(m_iLUTMin, row.iDegrees);
+        m_iLUTMax = std::max(m_iLUTMax, row.degrees);
+        m_iLUTMin = std::min(m_iLUTMin, row.degrees);
     }
     b.Make(&m_pTable80, 80);
     std::memset(m_pTable80, 127, 80);
@@ -185,8 +185,8 @@ bool CCameraBase::StopSensorCLK()
 
 bool CCameraBase::SetTransferCount(long bytes)
 {
-    const auto dwBytes = static_cast<uint32_t>(bytes);  // a long has 32 bits to the camera
-    const uint32_t count = dwBytes / TRANSFER_UNIT + (dwBytes % TRANSFER_UNIT != 0);
+    const auto low32 = static_cast<uint32_t>(bytes);  // a long has 32 bits to the camera
+    const uint32_t count = low32 / TRANSFER_UNIT + (low32 % TRANSFER_UNIT != 0);
     int32_t length = 0;
     return SendCMD(REQ_TRANSFER_COUNT, static_cast<uint16_t>(count >> 16), static_cast<uint16_t>(count), false, nullptr, &length);
 }
@@ -198,18 +198,18 @@ bool CCameraBase::ReConnectCamera()
     m_bOpen = false;  // first, so that other threads send nothing more
     ReplaceLink(nullptr);
     platform::SleepMs(RECONNECT_FIRST);
-    bool bOpen = false;
+    bool isOpen = false;
     const auto open = [&] {
         if (!m_pUsbLink)
             ReplaceLink(new CUsbLink(nullptr, m_guid, true));
-        bOpen = OpenCamera(m_iDevIndex);
+        isOpen = OpenCamera(m_iDevIndex);
     };
     Attempt("reconnection", open);
-    if (bOpen)
+    if (isOpen)
         return true;
     platform::SleepMs(RECONNECT_AGAIN);
     Attempt("reconnection", open);
-    return bOpen;
+    return isOpen;
 }
 
 // --- properties -------------------------------------------------------------------------------------------------------
@@ -271,17 +271,17 @@ void CCameraBase::GetCameraProperty(KOV_CAMERA_INFO* info)
     // A list without end mark fills all places, and then has no 0 behind it.
     size_t n = 0;
     while (n < std::size(info->SupportedBins) && m_szBins[n] >= 1) {
-        info->SupportedBins[n] = m_szBins[n];
+        info->SupportedBins[n] = static_cast<uint8_t>(m_szBins[n]);
         ++n;
     }
     if (n < std::size(info->SupportedBins))
         info->SupportedBins[n] = 0;
 
-    IMG_TYPE* pType = info->SupportedImgTypes;
+    IMG_TYPE* next = info->SupportedImgTypes;
     for (const IMG_TYPE type : { IMG_RAW8, IMG_RGB24, IMG_Y8, IMG_RAW16 })
         if (isImgTypeSupported(type))
-            *pType++ = type;
-    *pType = IMG_END;
+            *next++ = type;
+    *next = IMG_END;
 
     info->HasShutter = KOV_FALSE;
     info->HasGuidePort = KOV_TRUE;

@@ -208,5 +208,5 @@ public:
 
 private:
     struct Buffers;
-    std::unique_ptr<Buffers> m_pBuffers;  // owns what the pointers above point at
+    std::unique_ptr<Buffers> m_buffers;  // owns what the pointers above point at
 };

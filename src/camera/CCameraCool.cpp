@@ -78,7 +78,7 @@ CCameraCool::CCameraCool(int width, int height) : CCameraBase(width, height)
 CCameraCool::~CCameraCool()
 {
     m_bTempThrRun = false;
-    m_TempThread.Wait(platform::WAIT_FOREVER);
+    m_tempThread.Wait(platform::WAIT_FOREVER);
 }
 
 // --- power ------------------------------------------------------------------------------------------------------------
@@ -95,14 +95,14 @@ void CCameraCool::SetDA(int code)
 
 int CCameraCool::CalculDA(float current)
 {
-    const int iCode = TruncToInt32(thermal::CodeOfCurrent(current));
-    return std::clamp(iCode, static_cast<int>(m_fDAMin), static_cast<int>(m_fDAMax));
+    const int code = TruncToInt32(thermal::CodeOfCurrent(current));
+    return std::clamp(code, static_cast<int>(m_fDAMin), static_cast<int>(m_fDAMax));
 }
 
 int CCameraCool::CalculIPerc(int code)
 {
-    const auto fCurrent = static_cast<float>(thermal::CurrentOfCode(code));
-    return TruncToInt32(std::min(std::max(fCurrent, 0.0f), m_fCurrentMax) * 100 / m_fCurrentMax);
+    const auto current = static_cast<float>(thermal::CurrentOfCode(code));
+    return TruncToInt32(std::min(std::max(current, 0.0f), m_fCurrentMax) * 100 / m_fCurrentMax);
 }
 
 void CCameraCool::SetPowerPerc(float percent)
@@ -167,7 +167,7 @@ void CCameraCool::AutoTemp(float temperature)
     }
     // A small step may round to the code in force: go on until the output really changes. power is not clamped, so a
     // limit ends it at the latest; so does a step too small to change power.
-    const int iCode = m_iCurDA;
+    const int code = m_iCurDA;
     do {
         if ((power >= 100 && change <= 0) || (power <= 0 && change >= 0))
             return;
@@ -176,7 +176,7 @@ void CCameraCool::AutoTemp(float temperature)
             return;
         power = next;
         SetPowerPerc(power);
-    } while (m_iCurDA == iCode);
+    } while (m_iCurDA == code);
 }
 
 // --- thread -----------------------------------------------------------------------------------------------------------
@@ -186,7 +186,7 @@ void CCameraCool::StartAutoTempThr(void* self)
     if (m_bTempThrRun)
         return;
     m_bTempThrRun = true;
-    if (!m_TempThread.Start(&AutoTempThread, self))
+    if (!m_tempThread.Start(&AutoTempThread, self))
         m_bTempThrRun = false;
 }
 
@@ -194,10 +194,10 @@ void CCameraCool::StopAutoTempThr()
 {
     if (m_bTempThrRun) {
         m_bTempThrRun = false;
-        m_TempThread.Wait(STOP_LIMIT_MS);
+        m_tempThread.Wait(STOP_LIMIT_MS);
         SetPowerPerc(0);
     }
     // Whoever stops it is about to take the link or the object away. At worst one control transfer is still out, which
     // has a time limit of its own.
-    m_TempThread.Wait(platform::WAIT_FOREVER);
+    m_tempThread.Wait(platform::WAIT_FOREVER);
 }

@@ -36,7 +36,7 @@ public:
     Shared<uint32_t> m_dwLastTempTick;
     Shared<float> m_fLastTemp;
     PID m_PID;
-    platform::Thread m_TempThread;
+    platform::Thread m_tempThread;
 
 protected:
     float m_fCurrentMin = 0;

@@ -10,11 +10,11 @@
 namespace {
 
 struct ControlText {
-    const char *szName, *szDescription;
-    bool bWritable;
+    const char *name, *description;
+    bool isWritable;
 };
 
-constexpr ControlText g_aText[] = {
+constexpr ControlText g_Text[] = {
     { "Gain", "Gain", true },
     { "Exposure", "Exposure Time(us)", true },
     { "Gamma", "Gamma", true },
@@ -35,7 +35,7 @@ constexpr ControlText g_aText[] = {
     { "TargetTemp", "Target temperature(cool camera only)", true },
     { "Cooler on", "turn on/off cooler(cool camera only)", true },
 };
-static_assert(std::size(g_aText) == CTRL_COOLER_ON + 1);
+static_assert(std::size(g_Text) == CTRL_COOLER_ON + 1);
 
 KOV_BOOL AsKovBool(bool b) { return b ? KOV_TRUE : KOV_FALSE; }
 KOV_ERROR_CODE Tested(bool ok) { return ok ? KOV_SUCCESS : KOV_ERROR_GENERAL; }
@@ -56,19 +56,19 @@ bool CCameraBase::GetControlCaps(int index, KOV_CONTROL_CAPS* caps)
     static_assert(sizeof caps->ControlType == sizeof id);
     std::memcpy(&caps->ControlType, &id, sizeof id);  // any number, also none of the enumeration
 
-    if (index >= m_iNumOfControls || index < 0 || static_cast<uint32_t>(id) >= std::size(g_aText))
+    if (index >= m_iNumOfControls || index < 0 || static_cast<uint32_t>(id) >= std::size(g_Text))
         return false;
-    const ControlText& text = g_aText[id];
+    const ControlText& text = g_Text[id];
     // What follows the text in the caller's arrays stays as the caller had it.
-    std::strcpy(caps->Name, text.szName);
-    std::strcpy(caps->Description, text.szDescription);
-    caps->IsWritable = AsKovBool(text.bWritable);
+    std::memcpy(caps->Name, text.name, std::strlen(text.name) + 1);
+    std::memcpy(caps->Description, text.description, std::strlen(text.description) + 1);
+    caps->IsWritable = AsKovBool(text.isWritable);
 
-    const auto fill = [caps](int32_t max, int32_t iMin, int32_t iDefault, bool bAuto = false) {
+    const auto fill = [caps](int32_t max, int32_t min, int32_t def, bool isAuto = false) {
         caps->MaxValue = max;
-        caps->MinValue = iMin;
-        caps->DefaultValue = iDefault;
-        caps->IsAutoSupported = AsKovBool(bAuto);
+        caps->MinValue = min;
+        caps->DefaultValue = def;
+        caps->IsAutoSupported = AsKovBool(isAuto);
     };
     switch (id) {
     case CTRL_GAIN: fill(m_iGainMax, m_iGainMin, m_iGainDef, true); break;
@@ -97,22 +97,22 @@ bool CCameraBase::GetControlCaps(int index, KOV_CONTROL_CAPS* caps)
 bool CCameraBase::GetControlValue(KOV_CONTROL_TYPE control, int32_t* value, KOV_BOOL* autoMode)
 {
     *autoMode = KOV_FALSE;  // also for an identifier that does not exist
-    bool bAuto = false;
+    bool isAuto = false;
     switch (Number(control)) {
-    case CTRL_GAIN: *value = GetGain(&bAuto); break;
-    case CTRL_EXPOSURE: *value = static_cast<int32_t>(GetExp(&bAuto)); break;
+    case CTRL_GAIN: *value = GetGain(&isAuto); break;
+    case CTRL_EXPOSURE: *value = static_cast<int32_t>(GetExp(&isAuto)); break;
     case CTRL_GAMMA: *value = GetGamma(); break;
     case CTRL_WB_R:
         *value = m_iWB_R;
-        bAuto = m_bAutoWB;
+        isAuto = m_bAutoWB;
         break;
     case CTRL_WB_B:
         *value = m_iWB_B;
-        bAuto = m_bAutoWB;
+        isAuto = m_bAutoWB;
         break;
     case CTRL_BRIGHTNESS: *value = m_iBrightness; break;
     // QUIRK: a camera without bandwidth control leaves the caller's value alone and reports success.
-    case CTRL_BANDWIDTH: GetFPSPerc(value, &bAuto); break;
+    case CTRL_BANDWIDTH: GetFPSPerc(value, &isAuto); break;
     case CTRL_OVERCLK: *value = m_iOverCLKPerc; break;
     case CTRL_TEMPERATURE: *value = TruncToInt32(GetTemp() * 10.0f); break;
     case CTRL_FLIP: *value = (m_bFlipColumn ? 2 : 0) + (m_bFlipRow ? 1 : 0); break;
@@ -132,7 +132,7 @@ bool CCameraBase::GetControlValue(KOV_CONTROL_TYPE control, int32_t* value, KOV_
         break;
     default: return false;
     }
-    *autoMode = AsKovBool(bAuto);
+    *autoMode = AsKovBool(isAuto);
     return true;
 }
 

@@ -22,10 +22,10 @@ void Guide(CCameraFX3& cam, VendorRequest request, GuideD direction)
     cam.SendCMD(request, static_cast<uint16_t>(direction), 0, false, nullptr, &length);
 }
 
-bool TransferPage(CCameraFX3& cam, bool input, uint8_t* pPage)
+bool TransferPage(CCameraFX3& cam, bool input, uint8_t* page)
 {
     int32_t length = PAGE_BYTES;
-    return cam.SendCMD(input ? REQ_FLASH_READ : REQ_FLASH_WRITE, 0, ID_PAGE, input, pPage, &length);
+    return cam.SendCMD(input ? REQ_FLASH_READ : REQ_FLASH_WRITE, 0, ID_PAGE, input, page, &length);
 }
 
 }  // namespace

@@ -15,7 +15,7 @@ constexpr int32_t STEP_FIRST = 10000, STEP_MAX = 300000;  // us
 
 // Takes snaps until a dark frame has been collected. A failed snap is just repeated. False when that has become hopeless:
 // capture does not start, or no frame comes and the search is to stop.
-bool CollectBySnaps(CCameraBase& cam, uint8_t* pBuf, int length)
+bool CollectBySnaps(CCameraBase& cam, uint8_t* buf, int length)
 {
     while (cam.m_bGettingDark) {
         cam.m_ExpStatus = EXP_WORKING;  // before the start: a quick snap has its outcome when StartCapture returns
@@ -28,7 +28,7 @@ bool CollectBySnaps(CCameraBase& cam, uint8_t* pBuf, int length)
                 return false;
         }
         if (cam.m_ExpStatus == EXP_SUCCESS) {
-            cam.GetImage(pBuf, length, platform::WAIT_FOREVER);
+            cam.GetImage(buf, length, platform::WAIT_FOREVER);
             platform::SleepMs(POLL_DARK_MS);
         } else if (!cam.m_bHPCRun) {
             return false;
@@ -38,12 +38,12 @@ bool CollectBySnaps(CCameraBase& cam, uint8_t* pBuf, int length)
 }
 
 // Half a secant step towards the middle of the wanted range, from the last two (exposure, count) points.
-int32_t ExposureStep(int iMin, int max, int N, int prevN, uint64_t lExp, uint64_t prevExp)
+int32_t ExposureStep(int min, int max, int N, int prevN, uint64_t exposure, uint64_t prevExp)
 {
     if (prevN == 0 || N < 100 || N == prevN)
         return STEP_FIRST;
-    const double exp = std::fabs(static_cast<double>(static_cast<int64_t>(lExp - prevExp)));
-    const double middle = (static_cast<double>(iMin) + max) / 2;
+    const double exp = std::fabs(static_cast<double>(static_cast<int64_t>(exposure - prevExp)));
+    const double middle = (static_cast<double>(min) + max) / 2;
     const double d = std::fabs(middle - N) * (exp * 0.5) / std::fabs(static_cast<double>(N - prevN));
     return static_cast<int32_t>(std::min(d, static_cast<double>(STEP_MAX)));
 }
@@ -71,13 +71,13 @@ bool CCameraBase::AutoGetHPC(int* found, int minNum, int maxNum, unsigned long* 
         return false;
     m_bUsingDark = false;
     SetHPCStates(false);
-    uint64_t lExp = m_lExposure, prevExp = 0;
+    uint64_t exposure = m_lExposure, prevExp = 0;
     int prevN = 0;
     ForgetStandOuts(*this);
     m_bHPCRun = true;
 
     TraceLine("GettingDark-->\n");
-    GettingDark(true, lExp);
+    GettingDark(true, exposure);
     bool usable = CollectBySnaps(*this, buf, bufLen);
     TraceLine("m_bGettingDark: %d \n", static_cast<int>(m_bGettingDark));
     TraceLine("GettingDark <--\n");
@@ -94,10 +94,10 @@ bool CCameraBase::AutoGetHPC(int* found, int minNum, int maxNum, unsigned long* 
         TraceLine("iDeltaExp %d\n", step);
         prevExp = m_lExposure;
         if (N < minNum)
-            lExp += static_cast<uint64_t>(step);
+            exposure += static_cast<uint64_t>(step);
         else
-            lExp -= static_cast<uint64_t>(step);  // may wrap; the model clamps
-        SetExp(lExp, false);
+            exposure -= static_cast<uint64_t>(step);  // may wrap; the model clamps
+        SetExp(exposure, false);
         prevN = N;
         TraceLine("2 GettingDark-->\n");
         GettingDark(true, m_lExposure);

@@ -18,22 +18,22 @@ constexpr int8_t NO_ENTRY = 127;
 constexpr uint32_t HOT_8BIT = 30, HOT_16BIT = 7680;  // a hot pixel exceeds its neighbours by more
 
 // Pair k of a BinPhaseTable row: byte 0 shifts columns, byte 1 rows.
-int8_t Phase(const CCameraBase& cam, int iRow, int k, int byte)
+int8_t Phase(const CCameraBase& cam, int row, int k, int byte)
 {
-    return iRow >= 0 && iRow < ROWS ? cam.m_pTable80[iRow * 2 * PAIRS + 2 * k + byte] : NO_ENTRY;
+    return row >= 0 && row < ROWS ? cam.m_pTable80[row * 2 * PAIRS + 2 * k + byte] : NO_ENTRY;
 }
 int ShiftOf(int8_t c) { return c == NO_ENTRY ? 0 : c; }
 
 // All targets of one row (byte 1) or column (byte 0): pairs of its parity up to the first empty one. An empty first
 // pair means no shift.
-int TargetsOf(const CCameraBase& cam, const RegionMapping& m, int i, int byte, int aTarget[PAIRS / 2])
+int TargetsOf(const CCameraBase& cam, const RegionMapping& m, int i, int byte, int target[PAIRS / 2])
 {
     int n = 0;
     for (int k = i & 1; k < PAIRS; k += 2) {
         const int8_t c = Phase(cam, m.bin, k, byte);
         if (c == NO_ENTRY && n != 0)
             break;
-        aTarget[n++] = m.Target(i, ShiftOf(c));
+        target[n++] = m.Target(i, ShiftOf(c));
         if (c == NO_ENTRY)
             break;
     }
@@ -73,11 +73,11 @@ std::vector<int32_t> Land(const CCameraBase& cam, const RegionMapping& m, std::s
             land(i, j);
             continue;
         }
-        int aRow[PAIRS / 2], aColumn[PAIRS / 2];
-        const int nRows = TargetsOf(cam, m, i, 1, aRow), nColumns = TargetsOf(cam, m, j, 0, aColumn);
-        for (int k = 0; k < nColumns; ++k)
-            for (int l = 0; l < nRows; ++l)
-                land(aRow[l], aColumn[k]);
+        int rowTargets[PAIRS / 2], columnTargets[PAIRS / 2];
+        const int rows = TargetsOf(cam, m, i, 1, rowTargets), columns = TargetsOf(cam, m, j, 0, columnTargets);
+        for (int k = 0; k < columns; ++k)
+            for (int l = 0; l < rows; ++l)
+                land(rowTargets[l], columnTargets[k]);
     }
     SortUnique(landed);
     return landed;
@@ -131,12 +131,12 @@ struct Frame {
         for (const int32_t entry : entries) {
             const auto e = static_cast<uint32_t>(entry);
             const int y = static_cast<int>(e / static_cast<uint32_t>(W)), x = static_cast<int>(e % static_cast<uint32_t>(W));
-            const bool bFirst = x < s || y < s;
-            if (!bFirst && x < W - s && y < H - s) {
+            const bool first = x < s || y < s;
+            if (!first && x < W - s && y < H - s) {
                 inner(e, x, y);
                 continue;
             }
-            const size_t from = bFirst ? size_t{ e } + static_cast<size_t>(s) : size_t{ e } - static_cast<size_t>(s);
+            const size_t from = first ? size_t{ e } + static_cast<size_t>(s) : size_t{ e } - static_cast<size_t>(s);
             if (e < n && from < n)
                 p[e] = p[from];
         }
@@ -147,19 +147,19 @@ template <class T>
 bool DeNoise(CCameraBase& cam, const Frame<T>& f, int x, int y)
 {
     constexpr uint32_t LIMIT = sizeof(T) == 1 ? HOT_8BIT : HOT_16BIT;
-    const size_t nFlags = SensorPixels(cam);
+    const size_t flags = SensorPixels(cam);
     const auto place = [&](int px, int py) { return static_cast<size_t>(int64_t{ py } * f.W + px); };
     const size_t centre = place(x, y);
     if (centre >= f.n)
         return false;
     const uint32_t c = f.p[centre];
     uint32_t sum = 0, count = 0;
-    const int aNeighbours[4][2] = { { x, y - f.s }, { x - f.s, y }, { x + f.s, y }, { x, y + f.s } };
-    for (const auto& [nx, ny] : aNeighbours) {
+    const int neighbours[4][2] = { { x, y - f.s }, { x - f.s, y }, { x + f.s, y }, { x, y + f.s } };
+    for (const auto& [nx, ny] : neighbours) {
         if (nx < 0 || ny < 0 || nx >= f.W || ny >= f.H)
             continue;
         const size_t at = place(nx, ny);
-        if (at >= f.n || (at < nFlags && cam.m_pHPCBuf2[at] != 0))
+        if (at >= f.n || (at < flags && cam.m_pHPCBuf2[at] != 0))
             continue;
         const uint32_t v = f.p[at];
         // One neighbour that comes close clears the pixel of suspicion.
@@ -177,7 +177,7 @@ template <class T>
 void Handle(CCameraBase& cam)
 {
     const MemoryFrame size = RepairFrameOf(cam);
-    const Frame<T> f(cam, size.iWidth, size.iHeight);
+    const Frame<T> f(cam, size.width, size.height);
     const bool b14Bit = std::any_of(std::begin(NAMES_14BIT), std::end(NAMES_14BIT),
                                     [&](const char* sz) { return std::strstr(cam.m_pszName, sz) != nullptr; });
     if (cam.m_bHPCEnable)
@@ -210,8 +210,8 @@ int CCameraBase::GettingDark(bool on, uint64_t /*ignored*/)
     const uint64_t ms = m_lExposure / 1000;
     m_iDarkNum = ms <= 100 ? 5 : ms <= 325 ? 4 : ms <= 550 ? 3 : ms <= 775 ? 2 : 1;
     {
-        const MutexLock lock(m_Hot.mutex);
-        m_Hot.dark.reset();
+        const MutexLock lock(m_hot.mutex);
+        m_hot.dark.reset();
     }
     m_bGettingDark = on;  // last: the thread in GetImage acts on it
     return m_iDarkNum;
@@ -230,30 +230,30 @@ void ForgetStandOuts(CCameraBase& cam)
 void CCameraBase::AdjustDarkBuff(uint16_t* src, uint16_t* dst)
 {
     const RegionMapping m(*this);
-    const auto nSensor = static_cast<int64_t>(SensorPixels(*this));
-    std::vector<int> aColumn;  // target of each column
+    const auto sensor = static_cast<int64_t>(SensorPixels(*this));
+    std::vector<int> columnTargets;  // target of each column
     if (m.hardBin) {
         std::memset(dst, 0, 2 * m.elements);
         for (int j = 0; j < m.columns; ++j)
-            aColumn.push_back(m.Target(j, ShiftOf(Phase(*this, m.divisor, j & 1, 0))));
+            columnTargets.push_back(m.Target(j, ShiftOf(Phase(*this, m.divisor, j & 1, 0))));
     }
     for (int i = 0; i < m.rows; ++i) {
-        const int64_t lRow = m.Source(i);
-        const int64_t first = std::clamp<int64_t>(-lRow, 0, m.columns),
-                      end = std::clamp(nSensor - lRow, first, int64_t{ m.columns });
+        const int64_t row = m.Source(i);
+        const int64_t first = std::clamp<int64_t>(-row, 0, m.columns),
+                      end = std::clamp(sensor - row, first, int64_t{ m.columns });
         if (!m.hardBin) {
             const auto to = static_cast<int64_t>(m.Place(i, 0));
             const int64_t room = std::clamp(static_cast<int64_t>(m.elements) - to, first, end);
-            std::copy(src + lRow + first, src + lRow + room, dst + to + first);
+            std::copy(src + row + first, src + row + room, dst + to + first);
             continue;
         }
         const int ti = m.Target(i, ShiftOf(Phase(*this, m.divisor, i & 1, 1)));
         for (int64_t j = first; j < end; ++j) {
-            const int tj = aColumn[static_cast<size_t>(j)];
+            const int tj = columnTargets[static_cast<size_t>(j)];
             if (!m.Inside(ti, tj))
                 continue;
             uint16_t& w = dst[m.Place(ti, tj)];
-            w = static_cast<uint16_t>(w + src[lRow + j]);
+            w = static_cast<uint16_t>(w + src[row + j]);
         }
     }
 
@@ -275,18 +275,18 @@ void CCameraBase::AdjustDarkBuff(uint16_t* src, uint16_t* dst)
         }
     m_lDeadPixelNum = found;
 
-    const MutexLock lock(m_Hot.mutex);
-    m_Hot.dark.reset();
+    const MutexLock lock(m_hot.mutex);
+    m_hot.dark.reset();
     // While a collection runs m_pDarkSum goes on changing.
     if (src == m_pDarkBuf && dst == m_pDarkSum && !m_bGettingDark)
-        m_Hot.dark = m;
+        m_hot.dark = m;
 }
 
 void FitDarkFrame(CCameraBase& cam)
 {
     {
-        const MutexLock lock(cam.m_Hot.mutex);
-        if (!cam.m_bGettingDark && cam.m_Hot.dark == RegionMapping(cam))
+        const MutexLock lock(cam.m_hot.mutex);
+        if (!cam.m_bGettingDark && cam.m_hot.dark == RegionMapping(cam))
             return;
     }
     cam.AdjustDarkBuff(cam.m_pDarkBuf, cam.m_pDarkSum);
@@ -295,19 +295,19 @@ void FitDarkFrame(CCameraBase& cam)
 // The caller may have written the flags itself: what counts is what stands there.
 void CCameraBase::AdjustHPCTable(int32_t* src, int32_t* dst)
 {
-    const MutexLock lock(m_Hot.mutex);
+    const MutexLock lock(m_hot.mutex);
     const size_t n = SensorPixels(*this);
     const std::vector<int32_t> sensor = SetFlags(src, n);
     std::vector<int32_t> set = SetFlags(dst, n);
     MapFlags(*this, sensor, dst, set);
-    m_Hot.sensor = SetFlags(m_pHPCBuf1, n);
-    m_Hot.region = SetFlags(m_pHPCBuf2, n);
-    ListHotPixels(*this, m_Hot.region);
+    m_hot.sensor = SetFlags(m_pHPCBuf1, n);
+    m_hot.region = SetFlags(m_pHPCBuf2, n);
+    ListHotPixels(*this, m_hot.region);
 }
 
 void FitHotPixels(CCameraBase& cam)
 {
-    HotPixelState& hot = cam.m_Hot;
+    HotPixelState& hot = cam.m_hot;
     const MutexLock lock(hot.mutex);
     MapFlags(cam, hot.sensor, cam.m_pHPCBuf2, hot.region);
     ListHotPixels(cam, hot.region);
@@ -315,21 +315,21 @@ void FitHotPixels(CCameraBase& cam)
 
 void SetHotPixels(CCameraBase& cam, std::vector<int32_t> sensor)
 {
-    const MutexLock lock(cam.m_Hot.mutex);
-    for (const int32_t e : cam.m_Hot.sensor)
+    const MutexLock lock(cam.m_hot.mutex);
+    for (const int32_t e : cam.m_hot.sensor)
         cam.m_pHPCBuf1[e] = 0;
     for (const int32_t e : sensor)
         cam.m_pHPCBuf1[e] = 1;
-    cam.m_Hot.sensor = std::move(sensor);
+    cam.m_hot.sensor = std::move(sensor);
 }
 
 void ForgetHotPixels(CCameraBase& cam)
 {
     SetHotPixels(cam, {});
-    const MutexLock lock(cam.m_Hot.mutex);
-    for (const int32_t e : cam.m_Hot.region)
+    const MutexLock lock(cam.m_hot.mutex);
+    for (const int32_t e : cam.m_hot.region)
         cam.m_pHPCBuf2[e] = 0;
-    cam.m_Hot.region.clear();
+    cam.m_hot.region.clear();
     ListHotPixels(cam, {});
 }
 

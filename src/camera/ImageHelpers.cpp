@@ -20,17 +20,17 @@ bool CCameraBase::SetGamma(int value)
     m_iGamma = gamma;
     const int hundredths = gamma <= 50 ? static_cast<int>(200u - 2u * static_cast<unsigned>(gamma)) : 150 - gamma;
     imaging::FillGamma8(m_Gamma8, hundredths);
-    m_iGammaExponent = hundredths;
+    m_gammaExponent = hundredths;
     return true;
 }
 
 void CCameraBase::FillGamma16()
 {
     // A setter may choose another exponent meanwhile.
-    while (m_iGamma16Exponent != m_iGammaExponent) {
-        const int32_t hundredths = m_iGammaExponent;
+    while (m_gamma16Exponent != m_gammaExponent) {
+        const int32_t hundredths = m_gammaExponent;
         imaging::FillGamma16(m_pGamma16, hundredths);
-        m_iGamma16Exponent = hundredths;
+        m_gamma16Exponent = hundredths;
     }
 }
 

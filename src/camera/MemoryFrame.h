@@ -3,7 +3,7 @@
 #include "camera/CCameraBase.h"
 
 struct MemoryFrame {
-    int iWidth, iHeight;
+    int width, height;
 };
 
 // Binning by 4 in hardware is 2 in the sensor; the host does the rest.
@@ -11,15 +11,15 @@ inline bool IsHalfHardBin(const CCameraBase& cam) { return cam.m_bHardwareBin &&
 
 inline MemoryFrame MemoryFrameOf(CCameraBase& cam)
 {
-    const int iFactor = (cam.IsHardBinRun() ? 1 : cam.m_iBin.Get()) * (IsHalfHardBin(cam) ? 2 : 1);
-    return { cam.m_iWidth * iFactor, cam.m_iHeight * iFactor };
+    const int factor = (cam.IsHardBinRun() ? 1 : cam.m_iBin.Get()) * (IsHalfHardBin(cam) ? 2 : 1);
+    return { cam.m_iWidth * factor, cam.m_iHeight * factor };
 }
 
 // The same as the repair of hot pixels takes it: a bin of 4 doubles the frame only where the sensor bins at it.
 inline MemoryFrame RepairFrameOf(CCameraBase& cam)
 {
-    const int iBin = cam.m_iBin, iFactor = cam.IsHardBinRun() ? (iBin == 4 ? 2 : 1) : iBin;
-    return { cam.m_iWidth * iFactor, cam.m_iHeight * iFactor };
+    const int bin = cam.m_iBin, factor = cam.IsHardBinRun() ? (bin == 4 ? 2 : 1) : bin;
+    return { cam.m_iWidth * factor, cam.m_iHeight * factor };
 }
 
 inline size_t SensorPixels(const CCameraBase& cam)

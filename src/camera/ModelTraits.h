@@ -14,8 +14,8 @@ enum class Family : uint8_t {
 // clang-format on
 
 struct ProductName {
-    uint16_t wProductId;  // 0 ends the list
-    const char* szName;   // name after open, or nullptr: the constructor's stays
+    uint16_t productId;  // 0 ends the list
+    const char* name;   // name after open, or nullptr: the constructor's stays
 };
 
 struct PhaseRow {
@@ -24,7 +24,7 @@ struct PhaseRow {
 };
 
 struct Range {
-    int32_t iMin, iMax, iDef;
+    int32_t min, max, def;
 };
 
 // Availability flags; gain, exposure and gamma are always there.
@@ -55,77 +55,77 @@ enum : uint8_t { CLOSE_LINK = 1, CLOSE_CLEARS_POINTER = 2 };
 
 struct ModelTraits {
     Family family;
-    const char* szClass;            // "CCameraSQuartzCol"
-    const char* szName;             // model string
-    const wchar_t* szKey;           // settings key
-    int iGuidSlot = 10;             // 1 to 10
-    ProductName aProducts[6] = {};  // accepted by OpenCamera
-    int iWidth, iHeight;            // sensor pixels
-    double dPixelSize;              // um
+    const char* className;            // "CCameraSQuartzCol"
+    const char* name;             // model string
+    const wchar_t* key;           // settings key
+    int guidSlot = 10;             // 1 to 10
+    ProductName products[6] = {};  // accepted by OpenCamera
+    int width, height;            // sensor pixels
+    double pixelSize;              // um
     BayerPattern bayer;
-    bool bColor = true, bUSB3 = true, bCooler = false;
-    float fElecPerADU = 0;
-    int32_t iPropA = 0, iPropB = 0, iPropC = -1, iPropD = -1;
+    bool isColor = true, isUsb3 = true, hasCooler = false;
+    float elecPerADU = 0;
+    int32_t propA = 0, propB = 0, propC = -1, propD = -1;
     Range gain, exposure;  // exposure in us
-    int32_t iWB_R, iWB_B, iWBMin = 1, iWBMax = 99;
+    int32_t wbR, wbB, wbMin = 1, wbMax = 99;
     Range brightness;
-    int32_t iBandwidthMin = 40, iBandwidthMax = 100;
-    int32_t iFPSPerc = 80, iFPSPercUSB3 = 80;
-    int32_t iClk, iHMAX;           // start values; clock in kHz or MHz by family
-    int32_t iMaxExposure;          // us
-    int32_t iAutoGainMax = 0;      // 0: the base's stays
-    int32_t iAutoExpMaxCap = -1;   // s; -1: none
-    uint16_t wCaps;                // CAP_
-    uint8_t bTypes = TYPES_COLOR;  // TYPE_
-    uint8_t bStart;                // START_
-    uint8_t bClose = CLOSE_LINK | CLOSE_CLEARS_POINTER;
-    int8_t aBins[5];          // supported bins, zero-ended
-    int8_t aControls[20];     // control list, ended by -1
-    PhaseRow aPhase[4] = {};  // hot-pixel shifts of hardware binning
-    bool bDDR = false;        // hardware binning sums
+    int32_t bandwidthMin = 40, bandwidthMax = 100;
+    int32_t fpsPerc = 80, fpsPercUsb3 = 80;
+    int32_t clock, hmax;           // start values; clock in kHz or MHz by family
+    int32_t maxExposure;          // us
+    int32_t autoGainMax = 0;      // 0: the base's stays
+    int32_t autoExpMaxCap = -1;   // s; -1: none
+    uint16_t caps;                // CAP_
+    uint8_t types = TYPES_COLOR;  // TYPE_
+    uint8_t start;                // START_
+    uint8_t close = CLOSE_LINK | CLOSE_CLEARS_POINTER;
+    int8_t bins[5];          // supported bins, zero-ended
+    int8_t controls[20];     // control list, ended by -1
+    PhaseRow phases[4] = {};  // hot-pixel shifts of hardware binning
+    bool isDdr = false;        // hardware binning sums
 };
 
 // Another model's row under names of its own. Variants of the product ID stay accepted.
-constexpr ModelTraits Named(ModelTraits t, const char* szClass, const char* szName, const wchar_t* szKey, uint16_t wProductId)
+constexpr ModelTraits Named(ModelTraits t, const char* className, const char* name, const wchar_t* key, uint16_t productId)
 {
-    t.szClass = szClass;
-    t.szName = szName;
-    t.szKey = szKey;
-    t.aProducts[0] = { wProductId, nullptr };
+    t.className = className;
+    t.name = name;
+    t.key = key;
+    t.products[0] = { productId, nullptr };
     return t;
 }
 
 constexpr void DropControl(ModelTraits& t, int control)
 {
     int n = 0;
-    for (int i = 0; t.aControls[i] >= 0; ++i)
-        if (t.aControls[i] != control)
-            t.aControls[n++] = t.aControls[i];
-    t.aControls[n] = -1;
+    for (int i = 0; t.controls[i] >= 0; ++i)
+        if (t.controls[i] != control)
+            t.controls[n++] = t.controls[i];
+    t.controls[n] = -1;
 }
 
 // The monochrome form of a model: no white balance, raw images only.
 constexpr ModelTraits Mono(ModelTraits t)
 {
-    t.bColor = false;
-    t.wCaps &= ~CAP_WB;
-    t.bTypes &= TYPE_RAW8 | TYPE_RAW16;
+    t.isColor = false;
+    t.caps &= ~CAP_WB;
+    t.types &= TYPE_RAW8 | TYPE_RAW16;
     DropControl(t, CTRL_WB_R);
     DropControl(t, CTRL_WB_B);
     return t;
 }
 
 // The cooled form of a model: on CCameraCool, with the three cooler controls behind the others.
-constexpr ModelTraits Cooled(const ModelTraits& base, const char* szClass, const char* szName, const wchar_t* szKey,
-                             uint16_t wProductId)
+constexpr ModelTraits Cooled(const ModelTraits& base, const char* className, const char* name, const wchar_t* key,
+                             uint16_t productId)
 {
-    ModelTraits t = Named(base, szClass, szName, szKey, wProductId);
-    t.bCooler = true;
+    ModelTraits t = Named(base, className, name, key, productId);
+    t.hasCooler = true;
     int n = 0;
-    while (t.aControls[n] >= 0)
+    while (t.controls[n] >= 0)
         ++n;
     for (const auto control : { CTRL_COOL_POWER_PERC, CTRL_TARGET_TEMP, CTRL_COOLER_ON })
-        t.aControls[n++] = static_cast<int8_t>(control);
-    t.aControls[n] = -1;
+        t.controls[n++] = static_cast<int8_t>(control);
+    t.controls[n] = -1;
     return t;
 }

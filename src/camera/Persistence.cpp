@@ -80,19 +80,19 @@ private:
 };
 
 // Only what is read back counts, not the results of the transfers.
-bool WriteBlock(CCameraFX3& cam, uint8_t* pData, int32_t length, uint32_t address, uint8_t* pBack)
+bool WriteBlock(CCameraFX3& cam, uint8_t* data, int32_t length, uint32_t address, uint8_t* back)
 {
     const auto n = static_cast<uint32_t>(length);
     for (int i = 0; i < TRIES; ++i) {
-        cam.WriteToSPIFlash(pData, n, address, REQ_FLASH_WRITE);
-        cam.ReadFromSPIFlash(pBack, n, address, REQ_FLASH_READ);
-        if (std::memcmp(pData, pBack, n) == 0)
+        cam.WriteToSPIFlash(data, n, address, REQ_FLASH_WRITE);
+        cam.ReadFromSPIFlash(back, n, address, REQ_FLASH_READ);
+        if (std::memcmp(data, back, n) == 0)
             return true;
     }
     return false;
 }
 
-bool WriteTable(CCameraFX3& cam, uint8_t* pData, int32_t length)
+bool WriteTable(CCameraFX3& cam, uint8_t* data, int32_t length)
 {
     if (length > static_cast<int32_t>(TABLE_LIMIT))
         return false;
@@ -103,10 +103,10 @@ bool WriteTable(CCameraFX3& cam, uint8_t* pData, int32_t length)
     uint8_t back[BLOCK] = {};
     const int32_t blocks = length / BLOCK, rest = length % BLOCK;
     for (int32_t b = 0; b < blocks; ++b)
-        if (!WriteBlock(cam, pData + b * BLOCK, BLOCK, BlockAddress(b), back))
+        if (!WriteBlock(cam, data + ptrdiff_t{ b } * BLOCK, BLOCK, BlockAddress(b), back))
             return false;
     // QUIRK: a table that ends with a whole block is reported as failed, though it stands in the flash and loads.
-    return rest != 0 && WriteBlock(cam, pData + blocks * BLOCK, WholePages(rest), BlockAddress(blocks), back);
+    return rest != 0 && WriteBlock(cam, data + ptrdiff_t{ blocks } * BLOCK, WholePages(rest), BlockAddress(blocks), back);
 }
 
 }  // namespace
@@ -135,13 +135,13 @@ int CCameraBase::LoadBMPFromFile(const char* path)
     if (Get16(info + 14) != 8)
         return 0;
 
-    std::vector<uint8_t> abPixels(SensorPixels(*this));
+    std::vector<uint8_t> pixels(SensorPixels(*this));
     const uint32_t pixelsAt = Get32(header + 10);
     const bool there = pixelsAt <= INT32_MAX && std::fseek(file.get(), static_cast<long>(pixelsAt), SEEK_SET) == 0;
-    if (!there || std::fread(abPixels.data(), 1, abPixels.size(), file.get()) < abPixels.size()) {
+    if (!there || std::fread(pixels.data(), 1, pixels.size(), file.get()) < pixels.size()) {
         // QUIRK: a file that is cut off counts as good. What is missing is dark.
     }
-    std::copy(abPixels.begin(), abPixels.end(), m_pDarkBuf);
+    std::copy(pixels.begin(), pixels.end(), m_pDarkBuf);
     AdjustDarkBuff(m_pDarkBuf, m_pDarkSum);
     m_bUsingDark = true;
     // The path may be m_szBMPPath itself.
@@ -155,10 +155,10 @@ int CCameraBase::LoadBMPFromFile(const char* path)
 int CCameraBase::SaveBMPToFile(const char* path)
 {
     // As many bytes as CreateBMP takes, which is more where a width is not a multiple of four.
-    std::vector<uint8_t> abPixels(std::max(SensorPixels(*this), size_t{ ImageBytes(m_iMaxWidth, m_iMaxHeight) }));
+    std::vector<uint8_t> pixels(std::max(SensorPixels(*this), size_t{ ImageBytes(m_iMaxWidth, m_iMaxHeight) }));
     for (size_t i = 0; i < SensorPixels(*this); ++i)
-        abPixels[i] = static_cast<uint8_t>(m_pDarkBuf[i]);
-    CreateBMP(m_iMaxWidth, m_iMaxHeight, abPixels.data(), path);
+        pixels[i] = static_cast<uint8_t>(m_pDarkBuf[i]);
+    CreateBMP(m_iMaxWidth, m_iMaxHeight, pixels.data(), path);
     const size_t n = std::min(std::strlen(path), sizeof m_szBMPPath - 1);
     std::memmove(m_szBMPPath, path, n);
     m_szBMPPath[n] = 0;
@@ -172,15 +172,15 @@ int CCameraBase::CreateBMP(int width, int height, uint8_t* pixels, const char* p
     uint8_t ab[PIXELS_AT] = { 'B', 'M' };
     Put32(ab + 2, image + PIXELS_AT);
     Put32(ab + 10, PIXELS_AT);
-    uint8_t* const pInfo = ab + FILE_HEADER;
-    Put32(pInfo, INFO_HEADER);
-    Put32(pInfo + 4, static_cast<uint32_t>(width));
-    Put32(pInfo + 8, static_cast<uint32_t>(height));
-    Put16(pInfo + 12, 1);  // planes
-    Put16(pInfo + 14, 8);  // bits a pixel
-    Put32(pInfo + 20, image);
-    Put32(pInfo + 32, 256);  // colours used
-    for (uint32_t i = 0; i < 256; ++i)
+    uint8_t* const info = ab + FILE_HEADER;
+    Put32(info, INFO_HEADER);
+    Put32(info + 4, static_cast<uint32_t>(width));
+    Put32(info + 8, static_cast<uint32_t>(height));
+    Put16(info + 12, 1);  // planes
+    Put16(info + 14, 8);  // bits a pixel
+    Put32(info + 20, image);
+    Put32(info + 32, 256);  // colours used
+    for (size_t i = 0; i < 256; ++i)
         std::memset(ab + FILE_HEADER + INFO_HEADER + 4 * i, static_cast<int>(i), 3);
 
     const File file(platform::OpenFile(path, "wb+"));
@@ -196,19 +196,19 @@ int CCameraBase::CreateBMP(int width, int height, uint8_t* pixels, const char* p
 uint8_t* CCameraBase::Compress(uint8_t* src, int n, int* outLen)
 {
     const size_t source = static_cast<size_t>(std::max(n, 0));
-    auto* const pOut = static_cast<uint8_t*>(std::calloc(source + PAD, 1));
-    if (!pOut)
+    auto* const out = static_cast<uint8_t*>(std::calloc(source + PAD, 1));
+    if (!out)
         throw std::bad_alloc();
     const auto z = static_cast<int32_t>(std::count_if(src, src + source, [](uint8_t b) { return b != 0; }));
     const auto L = static_cast<uint32_t>(std::min(2 * z + 2 * n / 256 + 6, n));
-    std::memcpy(pOut, MAGIC, sizeof MAGIC);
+    std::memcpy(out, MAGIC, sizeof MAGIC);
     for (int i = 0; i < 4; ++i)
-        pOut[4 + i] = static_cast<uint8_t>(L >> (24 - 8 * i));
+        out[4 + i] = static_cast<uint8_t>(L >> (24 - 8 * i));
 
     // QUIRK: a table that does not fit ends 4 bytes short of n and drops the rest without a word; L is then n. Where n is
     // no multiple of 256, L falls short of *outLen by 1 or 2, and at 2 (n % 256 below 128) the reader, which goes by L,
     // misses the last record.
-    uint8_t* p = pOut + TABLE_HEADER;
+    uint8_t* p = out + TABLE_HEADER;
     int bound = 12;
     for (int i = 0; i < n && bound < n; ++i) {
         const auto low = static_cast<uint8_t>(i);
@@ -222,16 +222,16 @@ uint8_t* CCameraBase::Compress(uint8_t* src, int n, int* outLen)
             bound += 2;
         }
     }
-    *outLen = static_cast<int>(p - pOut);
-    return pOut;
+    *outLen = static_cast<int>(p - out);
+    return out;
 }
 
 // src holds L bytes, one more where L is odd.
 uint8_t* CCameraBase::Uncompress(uint8_t* src, int L)
 {
     const size_t output = SensorPixels(*this) / 8;
-    auto* const pOut = static_cast<uint8_t*>(std::calloc(output + 1, 1));
-    if (!pOut)
+    auto* const out = static_cast<uint8_t*>(std::calloc(output + 1, 1));
+    if (!out)
         throw std::bad_alloc();
     size_t page = 0;
     for (int o = TABLE_HEADER; o < L; o += 2) {
@@ -242,12 +242,12 @@ uint8_t* CCameraBase::Uncompress(uint8_t* src, int L)
         }
         const size_t at = page * 256 + SwapNibbles(a);
         if (at >= output) {
-            std::free(pOut);
+            std::free(out);
             return nullptr;
         }
-        pOut[at] = v;
+        out[at] = v;
     }
-    return pOut;
+    return out;
 }
 
 // Host, capture stopped: the image path of the bridge is off meanwhile. The table is what stands out of the dark frame
@@ -255,19 +255,19 @@ uint8_t* CCameraBase::Uncompress(uint8_t* src, int L)
 bool CCameraBase::SaveHPCTable()
 {
     const size_t bytes = SensorPixels(*this) / 8;
-    std::vector<uint8_t> abBits(bytes);
+    std::vector<uint8_t> bits(bytes);
     const FlashAccess access(*this);
     const uint32_t ave = m_iDarkAve;
     std::vector<int32_t> hot;
     for (size_t i = 0; i < 8 * bytes; ++i)
         if (StandsOut(m_pDarkBuf[i], ave)) {
             hot.push_back(static_cast<int32_t>(i));
-            abBits[i / 8] = static_cast<uint8_t>(abBits[i / 8] | 1 << (i % 8));
+            bits[i / 8] = static_cast<uint8_t>(bits[i / 8] | 1 << (i % 8));
         }
     SetHotPixels(*this, std::move(hot));
     int length = 0;
-    const std::unique_ptr<uint8_t, void (*)(void*)> pTable(Compress(abBits.data(), static_cast<int>(bytes), &length), &std::free);
-    return WriteTable(*this, pTable.get(), length);
+    const std::unique_ptr<uint8_t, void (*)(void*)> table(Compress(bits.data(), static_cast<int>(bytes), &length), &std::free);
+    return WriteTable(*this, table.get(), length);
 }
 
 // Host, capture stopped. That there is no table is normal: few cameras have one.
@@ -277,9 +277,10 @@ bool CCameraBase::LoadHPCTable()
     std::vector<uint8_t> ab(BLOCK);  // until it tells that there is a table
     const FlashAccess access(*this);
     const auto read = [&](int32_t block, int32_t length) {
-        return ReadFromSPIFlash(ab.data() + block * BLOCK, static_cast<uint32_t>(length), BlockAddress(block), REQ_FLASH_READ);
+        return ReadFromSPIFlash(ab.data() + ptrdiff_t{ block } * BLOCK, static_cast<uint32_t>(length), BlockAddress(block),
+                                REQ_FLASH_READ);
     };
-    bool bRead = read(0, BLOCK);
+    bool ok = read(0, BLOCK);
     if (std::memcmp(ab.data(), MAGIC, sizeof MAGIC) != 0)
         return false;
     const auto L = static_cast<int32_t>(uint32_t{ ab[4] } << 24 | uint32_t{ ab[5] } << 16 | uint32_t{ ab[6] } << 8 | ab[7]);
@@ -293,23 +294,23 @@ bool CCameraBase::LoadHPCTable()
     for (int32_t b = 1; b < blocks && goOn; ++b) {
         goOn = false;
         for (int i = 0; i < TRIES && !goOn; ++i) {
-            bRead = goOn = read(b, BLOCK);
+            ok = goOn = read(b, BLOCK);
             TraceLine(goOn ? "success %d\n" : "fail %d\n", b);
         }
     }
     // Below one block this reads behind a table that is here already: no harm.
     if (goOn && rest > 0)
-        bRead = read(blocks > 1 ? blocks : 1, WholePages(rest));
+        ok = read(blocks > 1 ? blocks : 1, WholePages(rest));
 
     // QUIRK: the result is that of the last flash read; a table cut off by a failed one is used as far as it goes.
-    const std::unique_ptr<uint8_t, void (*)(void*)> pBits(Uncompress(ab.data(), L), &std::free);
-    if (!pBits)
+    const std::unique_ptr<uint8_t, void (*)(void*)> unpacked(Uncompress(ab.data(), L), &std::free);
+    if (!unpacked)
         return false;
     std::vector<int32_t> hot;
     for (int32_t k = 0; k < n; ++k)
-        for (unsigned bits = pBits.get()[k]; bits != 0; bits &= bits - 1)
+        for (unsigned bits = unpacked.get()[k]; bits != 0; bits &= bits - 1)
             hot.push_back(8 * k + std::countr_zero(bits));
     SetHotPixels(*this, std::move(hot));
     FitHotPixels(*this);
-    return bRead;
+    return ok;
 }

@@ -17,19 +17,19 @@ constexpr uint32_t LARGEST = 256;
 
 class Reader {
 public:
-    explicit Reader(platform::SettingsKey& key) : m_Key(key) {}
+    explicit Reader(platform::SettingsKey& key) : m_key(key) {}
 
     // Sets the byte count by hand. All other reads use what the read before has left.
-    void SetCount(uint32_t count) { m_dwCount = count; }
+    void SetCount(uint32_t count) { m_count = count; }
 
-    // Reads into `size` bytes at pField. Bytes of a longer value are dropped; a shorter value changes the first bytes.
-    void Read(const wchar_t* name, void* pField, size_t size)
+    // Reads into `size` bytes at `field`. Bytes of a longer value are dropped; a shorter value changes the first bytes.
+    void Read(const wchar_t* name, void* field, size_t size)
     {
         uint8_t ab[LARGEST] = {};
-        std::memcpy(ab, pField, size);
-        m_dwCount = std::min(m_dwCount, LARGEST);  // a refused value may have left any size
-        if (m_Key.Query(name, ab, &m_dwCount) == platform::STORE_OK)
-            std::memcpy(pField, ab, size);
+        std::memcpy(ab, field, size);
+        m_count = std::min(m_count, LARGEST);  // a refused value may have left any size
+        if (m_key.Query(name, ab, &m_count) == platform::STORE_OK)
+            std::memcpy(field, ab, size);
     }
     template <class T>
     void Read(const wchar_t* name, Shared<T>& field)
@@ -46,8 +46,8 @@ public:
     }
 
 private:
-    platform::SettingsKey& m_Key;
-    uint32_t m_dwCount = 4;
+    platform::SettingsKey& m_key;
+    uint32_t m_count = 4;
 };
 
 template <class T>
@@ -61,8 +61,8 @@ void Write(platform::SettingsKey& key, const wchar_t* name, uint32_t type, T v)
 // Host, from the model's constructor, after its defaults: what is absent leaves them. Results of the reads do not matter.
 void CCameraBase::LoadSetting(const wchar_t* key)
 {
-    if (const auto pKey = platform::OpenSettings(key)) {
-        Reader r(*pKey);
+    if (const auto store = platform::OpenSettings(key)) {
+        Reader r(*store);
         uint64_t exposure = m_lExposure;
         auto low = static_cast<uint32_t>(exposure);
         r.Read(L"Exposure", &low, 4);
@@ -125,13 +125,13 @@ void CCameraBase::SaveSetting(const wchar_t* key)
     using platform::SETTING_BINARY;
     using platform::SETTING_DWORD;
 
-    const auto pKey = platform::CreateSettings(key);
-    if (!pKey)
+    const auto store = platform::CreateSettings(key);
+    if (!store)
         return;
-    const auto dword = [&](const wchar_t* name, int32_t v) { Write(*pKey, name, SETTING_DWORD, v); };
+    const auto dword = [&](const wchar_t* name, int32_t v) { Write(*store, name, SETTING_DWORD, v); };
     // QUIRK: the black levels are 1 byte in a value of a type that has 4.
-    const auto level = [&](const wchar_t* name, uint8_t v) { Write(*pKey, name, SETTING_DWORD, v); };
-    const auto flag = [&](const wchar_t* name, bool v) { Write<uint8_t>(*pKey, name, SETTING_BINARY, v); };
+    const auto level = [&](const wchar_t* name, uint8_t v) { Write(*store, name, SETTING_DWORD, v); };
+    const auto flag = [&](const wchar_t* name, bool v) { Write<uint8_t>(*store, name, SETTING_BINARY, v); };
 
     dword(L"Exposure", static_cast<int32_t>(m_lExposure));
     dword(L"Gain", m_iGain);
@@ -164,5 +164,5 @@ void CCameraBase::SaveSetting(const wchar_t* key)
     flag(L"HPC", m_bHPCEnable);
     flag(L"HardwareBin", m_bHardwareBin);
     flag(L"CutDark", m_bUsingDark);
-    pKey->Set(L"BMPPATH", SETTING_BINARY, m_szBMPPath, sizeof m_szBMPPath);
+    store->Set(L"BMPPATH", SETTING_BINARY, m_szBMPPath, sizeof m_szBMPPath);
 }

@@ -66,7 +66,7 @@ struct ExposureState {
 
 // Gain, gamma and black level. Host and automation write, all threads read.
 // From InitCamera on: m_iGain lies within m_iGainMin and m_iGainMax. QUIRK: m_iGamma (see SetGamma) and m_iBrightness may be
-// any number. m_Gamma8 is the curve of m_iGammaExponent; m_pGamma16 is it too where both exponents are alike.
+// any number. m_Gamma8 is the curve of m_gammaExponent; m_pGamma16 is it too where both exponents are alike.
 struct GainState {
     Shared<int32_t> m_iGain;
     Shared<int32_t> m_iGamma;
@@ -80,8 +80,8 @@ struct GainState {
     std::atomic<uint16_t>* m_pGamma16 = nullptr;
 
 protected:
-    Shared<int32_t> m_iGammaExponent{ INT32_MIN };    // hundredths, as SetGamma has chosen it; none yet
-    Shared<int32_t> m_iGamma16Exponent{ INT32_MIN };  // of what m_pGamma16 holds
+    Shared<int32_t> m_gammaExponent{ INT32_MIN };    // hundredths, as SetGamma has chosen it; none yet
+    Shared<int32_t> m_gamma16Exponent{ INT32_MIN };  // of what m_pGamma16 holds
 };
 
 // White balance and colour. Host and automation write.
@@ -139,8 +139,8 @@ struct DarkState {
     int32_t *m_pDarkPixels = nullptr, *m_pDarkTmp = nullptr;
 };
 
-// Hot-pixel table. Host, under m_Hot.mutex; the reader of frames sees the list of the region.
-// The first m_iHPCNum places of m_pHotPixels ascend and are set in m_pHPCBuf2. The lists in m_Hot tell what the flags tell;
+// Hot-pixel table. Host, under m_hot.mutex; the reader of frames sees the list of the region.
+// The first m_iHPCNum places of m_pHotPixels ascend and are set in m_pHPCBuf2. The lists in m_hot tell what the flags tell;
 // who writes flags himself calls AdjustHPCTable. QUIRK: on USB 2 m_bHPCEnable may be set without a table.
 struct HotPixelFields {
     Shared<bool> m_bHPCEnable;
@@ -157,7 +157,7 @@ private:
     friend void FitHotPixels(CCameraBase& cam);
     friend void SetHotPixels(CCameraBase& cam, std::vector<int32_t> sensor);
     friend void ForgetHotPixels(CCameraBase& cam);
-    HotPixelState m_Hot;
+    HotPixelState m_hot;
 };
 
 // Temperature and cooler. Host and cooler write.
@@ -212,5 +212,5 @@ struct DeviceState {
     Shared<bool> m_bUSB3Host;
     Shared<uint8_t> m_FirmwareVer;
     uint8_t m_FPGAVer[2] = {};
-    bool m_bOwnedByFrame = false;  // destroyed by the C interface: the destructor neither saves nor closes
+    bool m_ownedByFrame = false;  // destroyed by the C interface: the destructor neither saves nor closes
 };

@@ -102,7 +102,7 @@ void RunAutomation(CaptureRun& run)
 
 void StartAutomationStep(CaptureRun& run)
 {
-    if (run.bAuxBusy.exchange(true))
+    if (run.auxBusy.exchange(true))
         return;
     const auto step = [](void* pv) {
         CaptureRun& r = *static_cast<CaptureRun*>(pv);
@@ -115,8 +115,8 @@ void StartAutomationStep(CaptureRun& run)
             if (p && balance)
                 r.model.ModelWhiteBalance(p);
         });
-        r.bAuxBusy = false;
+        r.auxBusy = false;
     };
     if (!run.aux.Start(step, &run))
-        run.bAuxBusy = false;
+        run.auxBusy = false;
 }

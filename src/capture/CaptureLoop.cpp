@@ -29,25 +29,25 @@ T Get(const uint8_t* p, int64_t at)
 
 // What outlives a capture: hosts meet it as one state for all cameras of a model class.
 struct ClassState {
-    std::atomic<bool> bLastAuto{ false };
-    std::atomic<uint32_t> nPasses{ 0 };  // Agate, Dunite: frames since the last automation step
+    std::atomic<bool> lastAuto{ false };
+    std::atomic<uint32_t> passes{ 0 };  // Agate, Dunite: frames since the last automation step
 };
 
 ClassState& StateOf(const CCameraBase& cam, const ModelTraits& t)
 {
     static Mutex s_mutex;
-    static auto* const s_pStates = new std::map<std::string, ClassState>;  // threads may outlive static destruction
+    static auto* const s_states = new std::map<std::string, ClassState>;  // threads may outlive static destruction
     const MutexLock l(s_mutex);
-    const auto [it, bNew] = s_pStates->try_emplace(t.szClass);
-    if (bNew)
-        it->second.bLastAuto = cam.m_bAutoFPS.Get();
+    const auto [it, isNew] = s_states->try_emplace(t.className);
+    if (isNew)
+        it->second.lastAuto = cam.m_bAutoFPS.Get();
     return it->second;
 }
 
 }  // namespace
 
 CaptureRun::CaptureRun(CCameraBase& c, IModel& m, bool snap)
-    : cam(c), model(m), form(FormOf(m.Traits().family)), bSnap(snap), control(c, snap)
+    : cam(c), model(m), form(FormOf(m.Traits().family)), snap(snap), control(c, snap)
 {
 }
 
@@ -81,8 +81,7 @@ int64_t ExposureLines(const CCameraBase& cam, Family family, int64_t clock)
 
 CaptureLoop::CaptureLoop(CaptureRun& run)
     : m_run(run), m_cam(run.cam), m_model(run.model), m_form(run.form), m_queue(run.cam, run.control),
-      m_dwAutoStart(platform::Ticks()), m_dwLastReduction(m_dwAutoStart),
-      m_bLastAuto(StateOf(run.cam, run.model.Traits()).bLastAuto)
+      m_autoStart(platform::Ticks()), m_lastReduction(m_autoStart), m_lastAuto(StateOf(run.cam, run.model.Traits()).lastAuto)
 {
 }
 
@@ -93,14 +92,14 @@ void CaptureLoop::Run()
             Frames();
         }))
         m_run.control.End(EXP_FAILED);
-    if (!m_bLost)
+    if (!m_lost)
         Attempt("end of capture", [this] { End(); });
 }
 
 void CaptureLoop::Frames()
 {
     for (;;) {
-        if (m_run.bSnap && m_cam.m_lExposure * m_nBad > SNAP_LIMIT) {
+        if (m_run.snap && m_cam.m_lExposure * m_bad > SNAP_LIMIT) {
             OnSnapFailed();
             m_run.control.End(EXP_FAILED);
             return;
@@ -108,12 +107,12 @@ void CaptureLoop::Frames()
         if (!m_run.control.IsRunning())
             return;
         BeginPass();
-        m_lFrameTime = FrameTime(m_cam, m_form);
-        m_bSwap = !m_bSwap;
-        m_bHandedOver = false;
+        m_frameTime = FrameTime(m_cam, m_form);
+        m_swap = !m_swap;
+        m_handedOver = false;
         m_result = m_cam.m_bLongExp ? LongFrame() : m_queue.ReadFrame(FrameWaits());
         if (!m_cam.m_bAutoFPS)
-            m_bLastAuto = false;
+            m_lastAuto = false;
         const Verdict v = Check();
         if (v != Verdict::Good)
             LogDamage(v);
@@ -129,23 +128,23 @@ void CaptureLoop::PrepareFrame()
 {
     // Fixed for the whole capture; what the buffers hold is the full sensor with two bytes a pixel.
     const int64_t room = 2 * int64_t{ m_cam.m_iMaxWidth } * m_cam.m_iMaxHeight;
-    m_iFrameBytes = int32_t(std::clamp<int64_t>(m_model.GetRealImageSize(), 0, room));
+    m_frameBytes = int32_t(std::clamp<int64_t>(m_model.GetRealImageSize(), 0, room));
     m_cam.m_iDroppedFrames = 0;
     m_cam.m_pFrameExchange->Reset();
 }
 
 void CaptureLoop::StartAutomation()
 {
-    if (!m_run.bSnap && m_form.automation != Automation::OneShot)
+    if (!m_run.snap && m_form.automation != Automation::OneShot)
         m_run.aux.Start([](void* p) { RunAutomation(*static_cast<CaptureRun*>(p)); }, &m_run);
 }
 
 void CaptureLoop::Finish()
 {
-    if (!m_run.bSnap)
+    if (!m_run.snap)
         m_cam.m_pFrameExchange->Reset();
     m_queue.Close();
-    if (!m_run.bSnap)
+    if (!m_run.snap)
         m_run.aux.Wait(500);
 }
 
@@ -153,18 +152,18 @@ void CaptureLoop::LogDamage(Verdict v) const
 {
     if (v != Verdict::Short)
         KOV_LOG(Info, "frame dropped, %s is wrong; resynchronising", v == Verdict::BadHead ? "its head mark" : "its tail mark");
-    else if (m_result.dwReceived != 0)
-        KOV_LOG(Info, "frame dropped, %u of %d bytes came; resynchronising", m_result.dwReceived, m_iFrameBytes);
+    else if (m_result.received != 0)
+        KOV_LOG(Info, "frame dropped, %u of %d bytes came; resynchronising", m_result.received, m_frameBytes);
     else
-        KOV_LOG(Info, "no data came for a frame, %u in a row were bad", m_nBad + 1);
+        KOV_LOG(Info, "no data came for a frame, %u in a row were bad", m_bad + 1);
 }
 
 CaptureLoop::Verdict CaptureLoop::Check() const
 {
-    if (!m_result.bFinished || m_result.dwReceived != uint32_t(m_iFrameBytes) || m_iFrameBytes < 8)
+    if (!m_result.finished || m_result.received != uint32_t(m_frameBytes) || m_frameBytes < 8)
         return Verdict::Short;
     const uint8_t* const p = m_queue.Frame();
-    const int64_t S = m_iFrameBytes;
+    const int64_t S = m_frameBytes;
     if (m_form.marks == Marks::A) {
         if (Get<uint16_t>(p, 0) != HEAD_A)
             return Verdict::BadHead;
@@ -183,8 +182,8 @@ bool CaptureLoop::Deliver()
     const bool measured = m_cam.m_bAutoExp || m_cam.m_bAutoGain || m_cam.m_bAutoWB;
     return m_run.control.Deliver([&] {
         if (measured)
-            return m_cam.m_pFrameExchange->Insert(m_queue.Frame(), m_iFrameBytes);
-        return m_bHandedOver = m_queue.HandOver();
+            return m_cam.m_pFrameExchange->Insert(m_queue.Frame(), m_frameBytes);
+        return m_handedOver = m_queue.HandOver();
     });
 }
 
@@ -197,7 +196,7 @@ void CaptureLoop::CountUnread()
 
 void CaptureLoop::Automate(bool expGain)
 {
-    if (m_bHandedOver)  // the automation was switched on meanwhile
+    if (m_handedOver)  // the automation was switched on meanwhile
         return;
     if (expGain && (m_cam.m_bAutoExp || m_cam.m_bAutoGain))
         m_cam.AutoExpGain(m_queue.Frame());
@@ -207,24 +206,24 @@ void CaptureLoop::Automate(bool expGain)
 
 bool CaptureLoop::ReduceBandwidth(bool risingClearsCount, bool mayReduce)
 {
-    const bool bAuto = m_cam.m_bAutoFPS;
-    if (bAuto && !m_bLastAuto) {
-        m_dwAutoStart = platform::Ticks();
+    const bool isAuto = m_cam.m_bAutoFPS;
+    if (isAuto && !m_lastAuto) {
+        m_autoStart = platform::Ticks();
         if (risingClearsCount)
-            m_nBad = 0;
+            m_bad = 0;
     }
-    m_bLastAuto = bAuto;
+    m_lastAuto = isAuto;
     const uint32_t now = platform::Ticks();
-    if (now - m_dwAutoStart >= 20000 || !bAuto || m_nBad < 3 || !mayReduce)
+    if (now - m_autoStart >= 20000 || !isAuto || m_bad < 3 || !mayReduce)
         return false;
-    m_nBad = 0;
-    const uint32_t since = now - m_dwLastReduction;
-    m_dwLastReduction = now;
+    m_bad = 0;
+    const uint32_t since = now - m_lastReduction;
+    m_lastReduction = now;
     if (since >= 5000)
         return false;
     m_cam.ChangeFPSPerc(m_cam.m_iFPSPerc - 4, m_cam.m_bAutoFPS, "three damaged frames within 5 s");
-    if (m_form.bSmallChunk)
-        TraceLine("time from start:%d   time_delta:%d pkg:%x\n", int(now - m_dwAutoStart), int(since), unsigned(m_cam.m_iHMAX));
+    if (m_form.smallChunk)
+        TraceLine("time from start:%d   time_delta:%d pkg:%x\n", int(now - m_autoStart), int(since), unsigned(m_cam.m_iHMAX));
     return true;
 }
 
@@ -269,59 +268,59 @@ private:
     ChunkQueue::Waits FrameWaits() const override
     {
         const int64_t exp = int64_t(m_cam.m_lExposure.Get());
-        const int64_t first = exp >= m_lFrameTime ? exp / 1000 + (exp < 1000000 ? 1000 : 2000) : m_lFrameTime * 2 / 1000 + 50;
-        const int64_t share = Per(m_lFrameTime / 1000, m_queue.Count()) + 100;
-        return { uint32_t(first), m_form.bCapChunkWait ? 100u : uint32_t(share), m_form.bCapChunkWait, 0, 0 };
+        const int64_t first = exp >= m_frameTime ? exp / 1000 + (exp < 1000000 ? 1000 : 2000) : m_frameTime * 2 / 1000 + 50;
+        const int64_t share = Per(m_frameTime / 1000, m_queue.Count()) + 100;
+        return { uint32_t(first), m_form.capChunkWait ? 100u : uint32_t(share), m_form.capChunkWait, 0, 0 };
     }
 
     Next OnGood() override
     {
-        m_nEmpty = 0;
+        m_empty = 0;
         if (m_form.marks == Marks::A) {
             std::memset(m_queue.Frame(), 0, 4);
-            std::memset(m_queue.Frame() + m_iFrameBytes - 4, 0, 4);
+            std::memset(m_queue.Frame() + m_frameBytes - 4, 0, 4);
         }
         const bool taken = Deliver();
-        if (m_run.bSnap) {
+        if (m_run.snap) {
             m_run.control.End(EXP_SUCCESS);
             return Next::Leave;
         }
         if (!taken)
             CountUnread();
-        if (m_bSwap && !IsShort())
+        if (m_swap && !IsShort())
             Automate(true);
         return Next::Pass;
     }
 
     Next OnShort() override
     {
-        ++m_nBad;
-        if (m_result.dwReceived != 0)
+        ++m_bad;
+        if (m_result.received != 0)
             return Next::BadFrame;
         if (m_form.longWay == LongWay::Lapis && m_cam.m_bLongExp && !AnswersVersion())
             return Reconnect() ? Next::Pass : Next::Leave;
-        if (++m_nEmpty != 4)
+        if (++m_empty != 4)
             return Next::Pass;
         KOV_LOG(Info, "device reset and stream restarted: four frames in a row without data");
         m_cam.ResetDevice();
         Sleep(100);
         RestartStream();
-        m_nEmpty = m_nBad = 0;
+        m_empty = m_bad = 0;
         return Next::Pass;
     }
 
     Next OnBadMarks(Verdict) override
     {
-        ++m_nBad;
+        ++m_bad;
         return Next::BadFrame;
     }
 
     void OnBadFrame() override
     {
         ++m_cam.m_iDroppedFrames;
-        m_nEmpty = 0;
+        m_empty = 0;
         ReduceBandwidth(false, true);
-        if (m_form.family == Family::GarnetS && m_nBad == 5)
+        if (m_form.family == Family::GarnetS && m_bad == 5)
             StretchLine(100, "five frames damaged");
         m_queue.Resync();
     }
@@ -350,7 +349,7 @@ private:
         m_queue.Close();
         if (!m_cam.ReConnectCamera()) {
             KOV_LOG(Error, "the camera did not come back; check cable, port and power, then close it and open it again");
-            m_bLost = true;
+            m_lost = true;
             return false;
         }
         m_cam.ResetDevice();
@@ -360,14 +359,14 @@ private:
         return true;
     }
 
-    uint32_t m_nEmpty = 0;  // frames in a row without any data
+    uint32_t m_empty = 0;  // frames in a row without any data
 };
 
 // --- USB 2 families -------------------------------------------------------------------------------------------------
 
 class SmallChunkLoop final : public CaptureLoop {
 public:
-    explicit SmallChunkLoop(CaptureRun& run) : CaptureLoop(run), m_Passes(StateOf(run.cam, run.model.Traits()).nPasses) {}
+    explicit SmallChunkLoop(CaptureRun& run) : CaptureLoop(run), m_passes(StateOf(run.cam, run.model.Traits()).passes) {}
 
 private:
     bool Is(Family f) const { return m_form.family == f; }
@@ -378,12 +377,12 @@ private:
     {
         TraceLine("working thread begin!\n");
         m_cam.StopUSBStreaming();
-        if (m_form.bQueueFirst)
+        if (m_form.queueFirst)
             m_cam.SendCMD(REQ_START_SENSOR_CLOCK);
         else
             m_model.StopSensorStreaming();
         PrepareFrame();
-        if (m_form.bQueueFirst) {
+        if (m_form.queueFirst) {
             m_cam.ResetEndPoint(IMAGE_ENDPOINT);
             OpenQueue();
             StartAutomation();
@@ -402,7 +401,7 @@ private:
             OpenQueue();
         }
         m_run.control.Tell(EXP_WORKING);
-        m_dwPassStart = platform::Ticks();
+        m_passStart = platform::Ticks();
     }
 
     void To16Bits()
@@ -430,18 +429,18 @@ private:
     // back and fixed; automatic stays the declared state.
     void BeginPass() override
     {
-        const uint32_t now = platform::Ticks(), pass = now - m_dwPassStart;
-        m_dwPassStart = now;
+        const uint32_t now = platform::Ticks(), pass = now - m_passStart;
+        m_passStart = now;
         if (!Is(Family::Iolite) || !m_cam.m_bAutoBLBusy)
             return;
         m_cam.m_iAutoBLCount += int32_t(pass);
         if (m_cam.m_iAutoBLCount <= 800)
             return;
         signed char a[4];
-        constexpr uint16_t aRegs[4] = { 96, 97, 99, 100 };
+        constexpr uint16_t regs[4] = { 96, 97, 99, 100 };
         for (int i = 0; i < 4; ++i) {
             uint16_t w = 0;
-            m_cam.ReadCameraRegister(aRegs[i], &w);
+            m_cam.ReadCameraRegister(regs[i], &w);
             a[i] = static_cast<signed char>(w & 0xFF);
         }
         const char p = static_cast<char>(std::max(a[0], a[1])), q = static_cast<char>(std::max(a[2], a[3]));
@@ -454,37 +453,37 @@ private:
         const int64_t exp = int64_t(m_cam.m_lExposure.Get());
         int64_t first;
         if (IsOneShot())
-            first = std::max(exp / 1000, m_lFrameTime / 1000);
-        else if (exp >= m_lFrameTime)
+            first = std::max(exp / 1000, m_frameTime / 1000);
+        else if (exp >= m_frameTime)
             first = exp / 1000 + (exp < 1000000 ? 1000 : 2000);
         else
-            first = m_lFrameTime / 1000 + (m_queue.Count() == 1 ? 2 : 10);
-        m_dwFirstWait = uint32_t(std::max<int64_t>(first, 0));
-        return { m_dwFirstWait, 200, true, 0, IsOneShot() ? 20u : 0u };
+            first = m_frameTime / 1000 + (m_queue.Count() == 1 ? 2 : 10);
+        m_firstWait = uint32_t(std::max<int64_t>(first, 0));
+        return { m_firstWait, 200, true, 0, IsOneShot() ? 20u : 0u };
     }
 
-    void OnSnapFailed() override { TraceLine("snap Exp: EXP_FAILED:%d\n", int(m_nBad)); }
+    void OnSnapFailed() override { TraceLine("snap Exp: EXP_FAILED:%d\n", int(m_bad)); }
 
     Next OnShort() override
     {
-        if (m_nBad++ > 50) {
+        if (m_bad++ > 50) {
             TraceLine("DropCount more than 50, reset!\n");
             KOV_LOG(Info, "device reset and stream restarted: over 50 frames incomplete");
             m_cam.ResetDevice();
             m_cam.SendCMD(REQ_START_SENSOR_CLOCK);
             m_cam.SendCMD(REQ_START_STREAM);
             Sleep(200);
-            m_nBad = 0;
+            m_bad = 0;
         }
-        if (m_nBad == 4 && HasLineLength()) {
+        if (m_bad == 4 && HasLineLength()) {
             TraceLine("try lowing pkg!!\n");
             StretchLine(30, "four frames incomplete");
             m_cam.ResetEndPoint(IMAGE_ENDPOINT);
         }
-        if (m_result.dwReceived == 0)
+        if (m_result.received == 0)
             return Next::Pass;
-        TraceLine("get len:0x%x drop:%d reset! frametime:%d waittime:%d\n", m_result.dwReceived, int(m_nBad), int(m_lFrameTime),
-                  int(m_result.dwWait));
+        TraceLine("get len:0x%x drop:%d reset! frametime:%d waittime:%d\n", m_result.received, int(m_bad), int(m_frameTime),
+                  int(m_result.wait));
         ++m_cam.m_iDroppedFrames;
         return Next::BadFrame;
     }
@@ -496,16 +495,16 @@ private:
         TraceLine("bad frame head:0x%x\n", head);
         // QUIRK: at short exposures the frame goes to the reader all the same, who looks at its head, and counts as
         // dropped as well.
-        if (m_cam.m_lExposure < uint64_t(SHORT_EXPOSURE) && !m_run.bSnap)
+        if (m_cam.m_lExposure < uint64_t(SHORT_EXPOSURE) && !m_run.snap)
             Deliver();
         ++m_cam.m_iDroppedFrames;
-        ++m_nBad;
+        ++m_bad;
         return Next::BadFrame;
     }
 
     Next OnGood() override
     {
-        if (m_run.bSnap) {
+        if (m_run.snap) {
             Deliver();
             TraceLine("snap: EXP_SUCCESS\n");
             m_run.control.End(EXP_SUCCESS);
@@ -516,11 +515,11 @@ private:
         // Where the host times the exposures, a pass thus ends without its frame: in video each frame comes one exposure
         // late from then on, and the first after three. Agate, Dunite and Iolite may lose another one to a short frame
         // that the sensor has ready when the stream starts.
-        if (m_nGood++ == 0)
+        if (m_good++ == 0)
             m_cam.ResetEndPoint(IMAGE_ENDPOINT);
         else if (!Deliver())
             CountUnread();
-        m_nBad = 0;
+        m_bad = 0;
         if (IsOneShot()) {
             AutomateOneShot();
         } else if (!IsShort()) {
@@ -534,14 +533,14 @@ private:
     void AutomateOneShot()
     {
         if (m_cam.m_lExposure > 500000) {
-            if (m_bHandedOver)
+            if (m_handedOver)
                 return;
             if (m_cam.m_bAutoExp || m_cam.m_bAutoGain)
                 m_cam.AutoExpGain(m_queue.Frame());
             if (m_cam.m_bAutoWB && m_cam.m_bIsColor && !m_cam.m_bOutput16Bits)
                 m_model.ModelWhiteBalance(m_queue.Frame());
-        } else if (uint64_t{ ++m_Passes } * m_dwFirstWait > 200) {
-            m_Passes = 0;
+        } else if (uint64_t{ ++m_passes } * m_firstWait > 200) {
+            m_passes = 0;
             StartAutomationStep(m_run);
         }
     }
@@ -549,13 +548,13 @@ private:
     void OnBadFrame() override
     {
         TraceLine("drop frames:%d\n", int(m_cam.m_iDroppedFrames));
-        if (HasLineLength() && ReduceBandwidth(true, m_result.dwWait < 500))
-            m_lFrameTime = FrameTime(m_cam, m_form);
+        if (HasLineLength() && ReduceBandwidth(true, m_result.wait < 500))
+            m_frameTime = FrameTime(m_cam, m_form);
         m_queue.Resync();
-        if (m_nBad <= (Is(Family::Iolite) ? 30u : 20u))
+        if (m_bad <= (Is(Family::Iolite) ? 30u : 20u))
             return;
         TraceLine("bad frame than 20, reset!\n");
-        KOV_LOG(Info, "stream restarted: %u bad frames", m_nBad);
+        KOV_LOG(Info, "stream restarted: %u bad frames", m_bad);
         if (Is(Family::Iolite)) {
             m_cam.SendCMD(REQ_START_SENSOR_CLOCK);
             m_cam.WriteCameraRegister(IOLITE_MODE, IoliteMode());
@@ -567,23 +566,23 @@ private:
             m_cam.ResetDevice();
             m_cam.SendCMD(REQ_START_STREAM);
         }
-        m_nBad = 0;
+        m_bad = 0;
     }
 
     // Sensors whose line length can be stretched to relieve the link.
     bool HasLineLength() const { return Is(Family::Garnet) || Is(Family::Cobalt); }
 
-    std::atomic<uint32_t>& m_Passes;
-    mutable uint32_t m_dwFirstWait = 0;  // ms
-    uint32_t m_nGood = 0;
-    uint32_t m_dwPassStart = 0;
+    std::atomic<uint32_t>& m_passes;
+    mutable uint32_t m_firstWait = 0;  // ms
+    uint32_t m_good = 0;
+    uint32_t m_passStart = 0;
 };
 
 }  // namespace
 
 std::unique_ptr<CaptureLoop> MakeCaptureLoop(CaptureRun& run)
 {
-    if (run.form.bSmallChunk)
+    if (run.form.smallChunk)
         return std::make_unique<SmallChunkLoop>(run);
     return std::make_unique<ModernLoop>(run);
 }

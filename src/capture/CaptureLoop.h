@@ -21,10 +21,10 @@ struct CaptureRun {
     CCameraBase& cam;
     IModel& model;
     const CaptureForm& form;
-    const bool bSnap;  // m_bSnapMode at the start: the next capture may set the field before this one has ended
+    const bool snap;  // m_bSnapMode at the start: the next capture may set the field before this one has ended
     RunControl control;
     platform::Thread main, aux;
-    std::atomic<bool> bAuxBusy{ false };
+    std::atomic<bool> auxBusy{ false };
 };
 
 // us a frame takes at the current settings.
@@ -63,7 +63,7 @@ protected:
     // --- shared steps ---
     void Frames();
     void PrepareFrame();  // frame size, counters, exchange
-    void OpenQueue() { m_queue.Open(m_form.dwChunk, m_iFrameBytes, !m_form.bSmallChunk); }
+    void OpenQueue() { m_queue.Open(m_form.chunk, m_frameBytes, !m_form.smallChunk); }
     void StartAutomation();
     void Finish();  // last steps of an ordinary end
     Verdict Check() const;
@@ -76,13 +76,13 @@ protected:
     bool ReduceBandwidth(bool risingClearsCount, bool mayReduce);
     // Gives the sensor more clocks a line until the bandwidth is set anew, which relieves the link.
     void StretchLine(int32_t clocks, const char* reason);
-    bool IsShort() const { return m_cam.m_lExposure < SHORT_EXPOSURE && m_lFrameTime < SHORT_EXPOSURE; }
+    bool IsShort() const { return m_cam.m_lExposure < SHORT_EXPOSURE && m_frameTime < SHORT_EXPOSURE; }
     void Fpga(uint16_t reg, uint16_t v) { m_cam.WriteFPGAREG(reg, v); }
     void Sleep(int64_t ms) { m_run.control.Sleep(ms); }
 
     // --- long exposures (LongExposure.cpp) ---
     ChunkQueue::Result LongFrame();
-    bool IsExposing() const { return m_run.control.IsRunning() && m_cam.m_lExposure == m_lKept; }
+    bool IsExposing() const { return m_run.control.IsRunning() && m_cam.m_lExposure == m_kept; }
     void SleepSteps(int64_t step, int64_t count);
     void SleepModern();
     void ExposeKyanite();
@@ -106,16 +106,16 @@ protected:
     IModel& m_model;
     const CaptureForm& m_form;
     ChunkQueue m_queue;
-    int32_t m_iFrameBytes = 0;
-    int64_t m_lFrameTime = 0;  // us
+    int32_t m_frameBytes = 0;
+    int64_t m_frameTime = 0;  // us
     ChunkQueue::Result m_result{};
-    uint32_t m_nBad = 0;
-    bool m_bSwap = false;
-    bool m_bHandedOver = false;                 // m_queue.Frame() is no frame any more
-    bool m_bLost = false;                       // device gone for good: no end sequence
-    uint32_t m_dwAutoStart, m_dwLastReduction;  // ticks
-    std::atomic<bool>& m_bLastAuto;             // bandwidth was on auto at the last look; one for all cameras of a class
-    uint64_t m_lKept = 0;                       // us, exposure that the long branch times
+    uint32_t m_bad = 0;
+    bool m_swap = false;
+    bool m_handedOver = false;              // m_queue.Frame() is no frame any more
+    bool m_lost = false;                    // device gone for good: no end sequence
+    uint32_t m_autoStart, m_lastReduction;  // ticks
+    std::atomic<bool>& m_lastAuto;          // bandwidth was on auto at the last look; one for all cameras of a class
+    uint64_t m_kept = 0;                    // us, exposure that the long branch times
 };
 
 std::unique_ptr<CaptureLoop> MakeCaptureLoop(CaptureRun& run);

@@ -20,7 +20,7 @@ constexpr uint32_t CLOSE_PAUSE = 10;  // ms
 }  // namespace
 
 ChunkQueue::ChunkQueue(CCameraBase& cam, const RunControl& run)
-    : m_cam(cam), m_run(run), m_pFill(cam.m_pAuxBuf1), m_pNext(cam.m_pAuxBuf2), m_pFrame(cam.m_pAuxBuf1)
+    : m_cam(cam), m_run(run), m_fill(cam.m_pAuxBuf1), m_next(cam.m_pAuxBuf2), m_frame(cam.m_pAuxBuf1)
 {
 }
 
@@ -31,32 +31,32 @@ ChunkQueue::~ChunkQueue()
             return;
         platform::SleepMs(CLOSE_PAUSE);
     }
-    m_pSlots.release();  // NOLINT(bugprone-unused-return-value): requests that cannot be ended write to them yet
+    m_slotMemory.release();  // NOLINT(bugprone-unused-return-value): requests that cannot be ended write to them yet
 }
 
 // Asked for afresh each time: the link can be missing after a failed reconnection. Nobody replaces it behind this
 // thread's back, since closing a camera waits for the thread first.
 CCyUSBEndPoint* ChunkQueue::EndPoint() const { return m_cam.m_pUsbLink ? m_cam.m_pUsbLink->m_pBulkIn : nullptr; }
 
-int32_t ChunkQueue::Size(size_t n) const { return int32_t(std::min(m_dwChunk, m_dwFrameBytes - Offset(n))); }
+int32_t ChunkQueue::Size(size_t n) const { return int32_t(std::min(m_chunk, m_frameBytes - Offset(n))); }
 
 uint8_t* ChunkQueue::Other() const
 {
-    if (!m_bTwoBuffers)
-        return m_pFill;
-    return m_pFill == m_cam.m_pAuxBuf1 ? m_cam.m_pAuxBuf2 : m_cam.m_pAuxBuf1;
+    if (!m_twoBuffers)
+        return m_fill;
+    return m_fill == m_cam.m_pAuxBuf1 ? m_cam.m_pAuxBuf2 : m_cam.m_pAuxBuf1;
 }
 
 // What WaitForXfer does, by the slot's own begin: the endpoint remembers only its latest, which may be another slot's.
 bool ChunkQueue::Wait(Slot& s, uint32_t ms)
 {
-    if (s.dwError == platform::ERROR_NONE)
+    if (s.error == platform::ERROR_NONE)
         return true;
     if (!IsOut(s))
         return false;
     if (!m_run.WaitEvent(s.ov.hEvent, ms))
         return false;
-    s.dwError = platform::ERROR_NONE;
+    s.error = platform::ERROR_NONE;
     return true;
 }
 
@@ -64,13 +64,13 @@ bool ChunkQueue::Finish(size_t n, int32_t* piBytes)
 {
     Slot& s = m_slots[n];
     *piBytes = Size(n);
-    s.dwError = platform::ERROR_BAD_PARAMETER;
-    uint8_t* const pContext = std::exchange(s.pContext, nullptr);
+    s.error = platform::ERROR_BAD_PARAMETER;
+    uint8_t* const context = std::exchange(s.context, nullptr);
     bool ok = false;
     if (CCyUSBEndPoint* const ep = EndPoint()) {
-        ok = ep->FinishDataXfer(m_pFill + Offset(n), piBytes, &s.ov, pContext);
+        ok = ep->FinishDataXfer(m_fill + Offset(n), piBytes, &s.ov, context);
     } else {
-        delete[] pContext;  // the link has gone and has completed the request
+        delete[] context;  // the link has gone and has completed the request
         *piBytes = 0;
     }
     *piBytes = std::clamp(*piBytes, 0, Size(n));
@@ -80,45 +80,45 @@ bool ChunkQueue::Finish(size_t n, int32_t* piBytes)
 void ChunkQueue::Begin(size_t n, uint8_t* buf)
 {
     Slot& s = m_slots[n];
-    s.dwError = platform::ERROR_BAD_PARAMETER;
+    s.error = platform::ERROR_BAD_PARAMETER;
     CCyUSBEndPoint* const ep = EndPoint();
     if (!ep)
         return;
     platform::WaitEvent(s.ov.hEvent, 0);  // a signal of an earlier request must not end the wait for this one
-    s.pContext = ep->BeginDataXfer(buf + Offset(n), Size(n), &s.ov);
-    if (s.pContext)
-        s.dwError = platform::LastError();  // this thread's: a Reset of another one may have stored its own in the endpoint
+    s.context = ep->BeginDataXfer(buf + Offset(n), Size(n), &s.ov);
+    if (s.context)
+        s.error = platform::LastError();  // this thread's: a Reset of another one may have stored its own in the endpoint
 }
 
 void ChunkQueue::OpenSlots()
 {
-    m_slots.resize((size_t(m_dwFrameBytes) + m_dwChunk - 1) / m_dwChunk);
+    m_slots.resize((size_t(m_frameBytes) + m_chunk - 1) / m_chunk);
     if (CCyUSBEndPoint* const ep = EndPoint())
-        ep->SetXferSize(m_dwChunk);
+        ep->SetXferSize(m_chunk);
     for (size_t n = 0; n < m_slots.size(); ++n) {
         m_slots[n].ov.hEvent = platform::MakeEvent();
         if (!m_slots[n].ov.hEvent)
             throw std::bad_alloc();
-        Begin(n, m_pFill);
+        Begin(n, m_fill);
     }
 }
 
 void ChunkQueue::Open(uint32_t chunk, int32_t frameBytes, bool twoBuffers)
 {
     Close();
-    m_dwChunk = chunk;
-    m_dwFrameBytes = uint32_t(std::max(frameBytes, 0));
-    m_bTwoBuffers = twoBuffers;
-    m_pFill = m_cam.m_pAuxBuf1;
-    m_pFrame = twoBuffers ? m_cam.m_pAuxBuf1 : m_cam.m_pAuxBuf2;
-    m_pNext = Other();
+    m_chunk = chunk;
+    m_frameBytes = uint32_t(std::max(frameBytes, 0));
+    m_twoBuffers = twoBuffers;
+    m_fill = m_cam.m_pAuxBuf1;
+    m_frame = twoBuffers ? m_cam.m_pAuxBuf1 : m_cam.m_pAuxBuf2;
+    m_next = Other();
     OpenSlots();
 }
 
 void ChunkQueue::Reopen()
 {
     CloseSlots(1);
-    m_pFill = Other();
+    m_fill = Other();
     OpenSlots();
 }
 
@@ -126,39 +126,39 @@ void ChunkQueue::Reopen()
 // and the frame that comes late would land in the wrong places. So exactly one request a chunk is out at any time.
 ChunkQueue::Result ChunkQueue::ReadFrame(const Waits& w)
 {
-    Result r{ 0, false, w.dwFirst };
-    uint8_t* const data = m_pFill;
+    Result r{ 0, false, w.first };
+    uint8_t* const data = m_fill;
     uint8_t* const next = Other();
     size_t kept = 0;
     for (size_t n = 0; n < m_slots.size(); ++n) {
         Slot& s = m_slots[n];
-        const bool came = Wait(s, r.dwWait) || (w.dwGrace != 0 && IsOut(s) && Wait(s, w.dwGrace));
-        if (!came && w.bLong)
+        const bool came = Wait(s, r.wait) || (w.grace != 0 && IsOut(s) && Wait(s, w.grace));
+        if (!came && w.isLong)
             TraceLine("wait for xfer error:%d\n", int(n));
         else if (!came)
-            TraceLine("wait for xfer error:%d %d\n", int(n), int(r.dwWait));
-        r.dwWait = !came ? w.dwFailed : w.bCap ? std::min(r.dwWait, w.dwNext) : w.dwNext;
+            TraceLine("wait for xfer error:%d %d\n", int(n), int(r.wait));
+        r.wait = !came ? w.failed : w.isCapped ? std::min(r.wait, w.next) : w.next;
         if (IsOut(s)) {
             ++kept;
-            r.bFinished = false;
+            r.finished = false;
             continue;
         }
         int32_t bytes = 0;
-        r.bFinished = Finish(n, &bytes) && came;
+        r.finished = Finish(n, &bytes) && came;
         if (!came)
             bytes = 0;  // it never began; the record may still hold an earlier result
-        if (!r.bFinished)
+        if (!r.finished)
             TraceLine("FINISH xfer error:%d\n", int(n));
-        r.dwReceived += uint32_t(bytes);
-        if (!m_bTwoBuffers)
+        r.received += uint32_t(bytes);
+        if (!m_twoBuffers)
             std::memcpy(m_cam.m_pAuxBuf2 + Offset(n), data + Offset(n), size_t(bytes));
         Begin(n, next);
     }
-    m_pFrame = m_bTwoBuffers ? data : m_cam.m_pAuxBuf2.Get();
-    m_pNext = next;
+    m_frame = m_twoBuffers ? data : m_cam.m_pAuxBuf2.Get();
+    m_next = next;
     if (kept == 0) {
-        m_pFill = next;
-    } else if (kept < m_slots.size() && r.dwReceived == 0) {
+        m_fill = next;
+    } else if (kept < m_slots.size() && r.received == 0) {
         // Some ended empty and were queued behind later chunks: back into order.
         if (CCyUSBEndPoint* const ep = EndPoint())
             ep->Abort();
@@ -170,11 +170,11 @@ ChunkQueue::Result ChunkQueue::ReadFrame(const Waits& w)
 // All requests that wrote into it have ended: their successors write into the other buffer, or it is the copy.
 bool ChunkQueue::HandOver()
 {
-    uint8_t* const pEmpty = m_cam.m_pFrameExchange->HandOver(m_pFrame, int32_t(m_dwFrameBytes));
-    if (!pEmpty)
+    uint8_t* const empty = m_cam.m_pFrameExchange->HandOver(m_frame, int32_t(m_frameBytes));
+    if (!empty)
         return false;
-    (m_pFrame == m_cam.m_pAuxBuf1 ? m_cam.m_pAuxBuf1 : m_cam.m_pAuxBuf2) = pEmpty;
-    m_pFrame = pEmpty;
+    (m_frame == m_cam.m_pAuxBuf1 ? m_cam.m_pAuxBuf1 : m_cam.m_pAuxBuf2) = empty;
+    m_frame = empty;
     return true;
 }
 
@@ -189,13 +189,13 @@ void ChunkQueue::RequeueAll(uint32_t ms, uint8_t* next)
         Finish(n, &bytes);
         Begin(n, next);
     }
-    m_pFill = next;
+    m_fill = next;
 }
 
 void ChunkQueue::Resync()
 {
     m_cam.ResetEndPoint(0x82);
-    RequeueAll(2, m_pNext);
+    RequeueAll(2, m_next);
 }
 
 void ChunkQueue::KeepAlive()
@@ -216,7 +216,7 @@ void ChunkQueue::Flush()
     // Half a frame: what is queued again would stand behind the chunks that are still out.
     if (CCyUSBEndPoint* const ep = EndPoint(); ep && output != 0)
         ep->Abort();
-    RequeueAll(2, m_pFill);
+    RequeueAll(2, m_fill);
 }
 
 void ChunkQueue::CloseSlots(uint32_t ms)
@@ -229,7 +229,7 @@ void ChunkQueue::CloseSlots(uint32_t ms)
             Wait(s, ms);
         }
         int32_t bytes = 0;
-        if (s.pContext)
+        if (s.context)
             Finish(n, &bytes);
         if (s.ov.hEvent)
             platform::FreeEvent(std::exchange(s.ov.hEvent, nullptr));

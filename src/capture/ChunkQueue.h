@@ -24,22 +24,22 @@ public:
     void Reopen();
 
     struct Waits {
-        uint32_t dwFirst;    // ms, first chunk
-        uint32_t dwNext;     // ms, after a chunk that came
-        bool bCap;           // dwNext is only an upper limit of the current wait
-        uint32_t dwFailed;   // ms, after one that did not come
-        uint32_t dwGrace;    // ms that a chunk still on its way gets on top
-        bool bLong = false;  // long exposure: its trace line names no wait
+        uint32_t first;       // ms, first chunk
+        uint32_t next;        // ms, after a chunk that came
+        bool isCapped;        // `next` is only an upper limit of the current wait
+        uint32_t failed;      // ms, after one that did not come
+        uint32_t grace;       // ms that a chunk still on its way gets on top
+        bool isLong = false;  // long exposure: its trace line names no wait
     };
     struct Result {
-        uint32_t dwReceived;  // bytes
-        bool bFinished;       // the last chunk's request ended well
-        uint32_t dwWait;      // ms, the wait as it stands after the last chunk
+        uint32_t received;  // bytes
+        bool finished;      // the last chunk's request ended well
+        uint32_t wait;      // ms, the wait as it stands after the last chunk
     };
     // Takes one frame and queues the requests of the next.
     Result ReadFrame(const Waits& w);
     // Frame of the last ReadFrame; stands still until the next.
-    uint8_t* Frame() const { return m_pFrame; }
+    uint8_t* Frame() const { return m_frame; }
 
     // Gives that frame, whole as it came, to the exchange without a copy. False where Insert gives false. Frame() is an empty
     // buffer afterwards.
@@ -55,16 +55,16 @@ public:
 private:
     struct Slot {
         platform::Overlapped ov{};
-        uint8_t* pContext = nullptr;
-        uint32_t dwError = platform::ERROR_BAD_PARAMETER;  // of its begin
+        uint8_t* context = nullptr;
+        uint32_t error = platform::ERROR_BAD_PARAMETER;  // of its begin
     };
 
     CCyUSBEndPoint* EndPoint() const;
-    uint32_t Offset(size_t n) const { return uint32_t(n) * m_dwChunk; }
+    uint32_t Offset(size_t n) const { return uint32_t(n) * m_chunk; }
     int32_t Size(size_t n) const;
     bool Wait(Slot& s, uint32_t ms);
     // The request is with the driver and its end has not been seen.
-    static bool IsOut(const Slot& s) { return s.dwError == platform::ERROR_PENDING; }
+    static bool IsOut(const Slot& s) { return s.error == platform::ERROR_PENDING; }
     bool Finish(size_t n, int32_t* bytes);
     void Begin(size_t n, uint8_t* buf);
     void RequeueAll(uint32_t ms, uint8_t* next);
@@ -74,12 +74,12 @@ private:
 
     CCameraBase& m_cam;
     const RunControl& m_run;
-    std::unique_ptr<std::vector<Slot>> m_pSlots = std::make_unique<std::vector<Slot>>();
-    std::vector<Slot>& m_slots = *m_pSlots;
-    uint32_t m_dwChunk = 0;
-    uint32_t m_dwFrameBytes = 0;
-    bool m_bTwoBuffers = true;
-    uint8_t* m_pFill = nullptr;  // where the queued requests write
-    uint8_t* m_pNext = nullptr;  // where a resync queues
-    uint8_t* m_pFrame = nullptr;
+    std::unique_ptr<std::vector<Slot>> m_slotMemory = std::make_unique<std::vector<Slot>>();
+    std::vector<Slot>& m_slots = *m_slotMemory;
+    uint32_t m_chunk = 0;
+    uint32_t m_frameBytes = 0;
+    bool m_twoBuffers = true;
+    uint8_t* m_fill = nullptr;  // where the queued requests write
+    uint8_t* m_next = nullptr;  // where a resync queues
+    uint8_t* m_frame = nullptr;
 };

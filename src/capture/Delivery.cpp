@@ -189,7 +189,7 @@ void CollectDark(CCameraBase& cam, const Geometry& g, const uint8_t* p)
 // QUIRK: these models subtract the dark at any exposure, also with automatic exposure.
 bool IgnoresDarkExposure(const ModelTraits& t)
 {
-    return !t.bColor && (t.family == Family::Quartz || t.family == Family::Lapis || t.family == Family::Beryl);
+    return !t.isColor && (t.family == Family::Quartz || t.family == Family::Lapis || t.family == Family::Beryl);
 }
 
 // Next acceptable frame. The wait starts anew for each frame that is passed over.
@@ -239,7 +239,7 @@ std::vector<imaging::Patch> RepairedPixels(CCameraBase& cam, const imaging::Fram
     std::inplace_merge(patches.begin(), patches.begin() + ptrdiff_t(tableCount), patches.end(), before);
 
     T* const p = reinterpret_cast<T*>(cam.m_pImgBuf);
-    const int64_t s = cam.m_bIsColor + 1, row = s * RepairFrameOf(cam).iWidth;
+    const int64_t s = cam.m_bIsColor + 1, row = s * RepairFrameOf(cam).width;
     // Each pixel and its rows lie elsewhere in memory: they are asked for in good time, not waited for one by one.
     const auto ask = [&](const imaging::Patch& patch) {
         for (const int64_t step : { -row, int64_t{ 0 }, row })
@@ -297,7 +297,7 @@ void PlanGeometry(imaging::FramePlan& plan, const CCameraBase& cam, const ModelT
     plan.mirrorRows = cam.m_bFlipRow;
     plan.flipFirst = f.flips == Flips::BeforeBin;
     plan.bin = g.softBin;
-    plan.colourBin = t.bColor;
+    plan.colourBin = t.isColor;
     plan.width = g.w;
     plan.height = g.h;
     // Where more has come than is binned: the flips take the whole frame, or it is taken as if its rows were shorter.
@@ -345,8 +345,8 @@ void PutImage(CCameraBase& cam, const ModelTraits& t, imaging::FramePlan plan, u
         return;
     }
     const bool colour = type == IMAGE_RGB24 || type == IMAGE_YUV;
-    const Output output = colour                                                ? (t.bColor ? Output::Colour24 : Output::Grey24)
-                          : type == IMAGE_8BIT && t.bColor && !cam.m_bRawOutput ? Output::Luminance
+    const Output output = colour                                                ? (t.isColor ? Output::Colour24 : Output::Grey24)
+                          : type == IMAGE_8BIT && t.isColor && !cam.m_bRawOutput ? Output::Luminance
                                                                                 : Output::Samples;
     const auto phase = imaging::PhaseAfterFlips(cam.m_ColorBayer, plan.mirrorRows, plan.reverseRows);
     if (output != Output::Samples && plan.is16)  // the depth is being changed: these take bytes for samples
@@ -390,7 +390,7 @@ bool DeliverImage(CCameraBase& cam, IModel& model, uint8_t* buffer, int length, 
         return false;
 
     uint8_t* const raw = lease.Frame();
-    RepairMarks(raw, g, f, t.family == Family::Garnet && !t.bColor);
+    RepairMarks(raw, g, f, t.family == Family::Garnet && !t.isColor);
     if (!g.is16 && cam.m_bGettingDark)
         CollectDark(cam, g, raw);
 

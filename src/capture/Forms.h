@@ -26,16 +26,16 @@ enum class LongWay : uint8_t { Kyanite, Gate, Lapis, Ebony, Jasper, Garnet, Coba
 
 struct CaptureForm {
     Family family;
-    bool bSmallChunk;  // loop of the USB 2 families: one buffer, other thresholds, frames with a bad head delivered
-    uint32_t dwChunk;  // bytes of one bulk request
+    bool smallChunk;  // loop of the USB 2 families: one buffer, other thresholds, frames with a bad head delivered
+    uint32_t chunk;   // bytes of one bulk request
     Marks marks;
-    bool bCapChunkWait;  // next chunk's wait: min(current, 100) ms; else frame time / N + 100
+    bool capChunkWait;  // next chunk's wait: min(current, 100) ms; else frame time / N + 100
     Automation automation;
-    bool bQueueFirst;  // requests are queued before the stream starts; sensor clock on first
+    bool queueFirst;  // requests are queued before the stream starts; sensor clock on first
     LongWay longWay;
-    uint32_t dwLongFirst;  // ms for the first chunk after a long exposure; 0: max(frame time, 2000)
-    uint32_t dwLongFixed;  // ms for the later ones; 0: frame time / N + dwLongShare
-    uint32_t dwLongShare;
+    uint32_t longFirst;  // ms for the first chunk after a long exposure; 0: max(frame time, 2000)
+    uint32_t longFixed;  // ms for the later ones; 0: frame time / N + longShare
+    uint32_t longShare;
 };
 
 const CaptureForm& FormOf(Family family);

@@ -20,7 +20,7 @@ constexpr int SLOW_CLOCK = 24;                  // MHz
 
 ChunkQueue::Result CaptureLoop::LongFrame()
 {
-    m_lKept = m_cam.m_lExposure;
+    m_kept = m_cam.m_lExposure;
     switch (m_form.longWay) {
     case LongWay::Garnet: return LongGarnet();
     case LongWay::Cobalt: return LongCobalt();
@@ -35,13 +35,13 @@ ChunkQueue::Result CaptureLoop::LongFrame()
 
     ChunkQueue::Waits w = FrameWaits();
     if (m_form.longWay != LongWay::Jasper)
-        w.dwFirst = m_form.dwLongFirst != 0 ? m_form.dwLongFirst : uint32_t(std::max<int64_t>(m_lFrameTime / 1000, 2000));
+        w.first = m_form.longFirst != 0 ? m_form.longFirst : uint32_t(std::max<int64_t>(m_frameTime / 1000, 2000));
     if (m_form.longWay != LongWay::Ebony) {
-        w.bCap = false;
-        w.dwNext = m_form.dwLongFixed != 0 ? m_form.dwLongFixed
-                                           : uint32_t(Per(m_lFrameTime / 1000, m_queue.Count())) + m_form.dwLongShare;
+        w.isCapped = false;
+        w.next = m_form.longFixed != 0 ? m_form.longFixed
+                                           : uint32_t(Per(m_frameTime / 1000, m_queue.Count())) + m_form.longShare;
     }
-    w.dwFailed = m_form.dwLongFixed != 0 ? m_form.dwLongFixed : 1;
+    w.failed = m_form.longFixed != 0 ? m_form.longFixed : 1;
     const ChunkQueue::Result r = m_queue.ReadFrame(w);
 
     if (m_form.longWay == LongWay::Kyanite) {
@@ -64,7 +64,7 @@ void CaptureLoop::SleepSteps(int64_t step, int64_t count)
 
 void CaptureLoop::SleepModern()
 {
-    const int64_t ms = int64_t(m_lKept / 1000);
+    const int64_t ms = int64_t(m_kept / 1000);
     if (ms > 1000)
         SleepSteps(200, ms / 200);
     else
@@ -98,7 +98,7 @@ void CaptureLoop::ExposeGate()
 void CaptureLoop::ExposeLapis()
 {
     const bool old = m_cam.m_FirmwareVer < 18;
-    const int64_t ms = int64_t(m_lKept / 1000);
+    const int64_t ms = int64_t(m_kept / 1000);
     if (!old)
         Fpga(FPGA_GATE, 1);
     if (ms <= 1000) {
@@ -112,7 +112,7 @@ void CaptureLoop::ExposeLapis()
             if (old && ms >= 30000 && i == 100)
                 m_queue.KeepAlive();
         }
-        if (old && m_cam.m_lExposure != m_lKept) {
+        if (old && m_cam.m_lExposure != m_kept) {
             m_cam.WriteCameraRegisterByte(530, 1);
             m_cam.WriteCameraRegisterByte(512, 1);
             m_model.StartSensorStreaming();
@@ -131,7 +131,7 @@ void CaptureLoop::ExposeEbony()
     uint8_t value = 0;
     m_cam.ReadCameraRegisterByte(EBONY_STATE, &value);
     m_cam.WriteCameraRegisterByte(EBONY_MODE, value | 2);
-    SleepSteps(200, (int64_t(m_lKept / 1000) - 1000) / 200);  // the first second has passed
+    SleepSteps(200, (int64_t(m_kept / 1000) - 1000) / 200);  // the first second has passed
     m_cam.WriteCameraRegisterByte(EBONY_MODE, value);
     Sleep(10);
     Fpga(FPGA_GATE, 0);
@@ -158,7 +158,7 @@ int64_t CaptureLoop::ReadoutAllowance() const
 
 void CaptureLoop::SleepReadoutAware(int64_t wait)
 {
-    const int64_t ms = int64_t(m_lKept / 1000);
+    const int64_t ms = int64_t(m_kept / 1000);
     if (ms <= 1000) {
         Sleep(ms);
         return;
@@ -169,7 +169,7 @@ void CaptureLoop::SleepReadoutAware(int64_t wait)
 
 void CaptureLoop::SleepWhole()
 {
-    const int64_t ms = int64_t(m_lKept / 1000);
+    const int64_t ms = int64_t(m_kept / 1000);
     SleepSteps(500, ms / 500);
     if (IsExposing())
         Sleep(ms % 500);
@@ -177,7 +177,7 @@ void CaptureLoop::SleepWhole()
 
 ChunkQueue::Result CaptureLoop::LongGarnet()
 {
-    TraceLine("Begin long exp %d\n", int(m_lKept));
+    TraceLine("Begin long exp %d\n", int(m_kept));
     const int32_t gain = m_cam.m_iGain;
     Sleep(200);
     m_cam.StopSensorCLK();
@@ -186,7 +186,7 @@ ChunkQueue::Result CaptureLoop::LongGarnet()
     SleepReadoutAware(wait);
     m_cam.StartSensorCLK();
     const ChunkQueue::Result r = m_queue.ReadFrame({ uint32_t(wait), 500, false, 500, 0, true });
-    TraceLine("Long exp:Get one Frame %d\n", int(r.dwReceived));
+    TraceLine("Long exp:Get one Frame %d\n", int(r.received));
 
     // What could not be written while the clock stood still.
     m_cam.SetBrightness(m_cam.m_iBrightness);
@@ -244,7 +244,7 @@ ChunkQueue::Result CaptureLoop::LongIolite()
     m_cam.SendCMD(REQ_STOP_SENSOR_CLOCK);
     SleepWhole();
     m_cam.SendCMD(REQ_START_SENSOR_CLOCK);
-    const ChunkQueue::Result r = m_queue.ReadFrame({ m_form.dwLongFirst, m_form.dwLongFixed, false, m_form.dwLongFixed, 0 });
+    const ChunkQueue::Result r = m_queue.ReadFrame({ m_form.longFirst, m_form.longFixed, false, m_form.longFixed, 0 });
 
     const int64_t lines = ExposureLines(m_cam, m_form.family, m_cam.m_iCMOSClk);
     if (lines < 16383 && m_cam.m_lExposure < LONG_FROM_SMALL) {
@@ -264,7 +264,7 @@ ChunkQueue::Result CaptureLoop::LongDunite()
     SleepWhole();
     m_cam.SendCMD(REQ_START_SENSOR_CLOCK);
     Sleep(100);
-    const ChunkQueue::Result r = m_queue.ReadFrame({ m_form.dwLongFirst, m_form.dwLongFixed, false, m_form.dwLongFixed, 20 });
+    const ChunkQueue::Result r = m_queue.ReadFrame({ m_form.longFirst, m_form.longFixed, false, m_form.longFixed, 20 });
 
     const int64_t lines = ExposureLines(m_cam, m_form.family, m_cam.m_iCMOSClk);
     if (lines < 32767 && m_cam.m_lExposure < LONG_FROM_SMALL) {

@@ -8,7 +8,7 @@
 
 class RunControl {
 public:
-    RunControl(CCameraBase& cam, bool snap) : m_cam(cam), m_bSnap(snap) {}
+    RunControl(CCameraBase& cam, bool snap) : m_cam(cam), m_snap(snap) {}
 
     // --- host ---
     // From here on the run changes neither m_bCapturing nor m_ExpStatus nor the exchange's frames. A snap becomes idle.
@@ -16,11 +16,11 @@ public:
     void Stop()
     {
         const MutexLock l(m_mutex);
-        if (!m_bLive)
+        if (!m_live)
             return;
-        m_bLive = false;
+        m_live = false;
         m_cam.m_bCapturing = false;
-        if (m_bSnap)
+        if (m_snap)
             m_cam.m_ExpStatus = EXP_IDLE;
     }
     // As Stop, but at once, and the camera's state is the caller's business: it is closed or a newer run takes over. Other
@@ -28,8 +28,8 @@ public:
     void Abandon()
     {
         const MutexLock l(m_mutex);
-        m_bLive = false;
-        m_bAbandoned = true;
+        m_live = false;
+        m_abandoned = true;
     }
     // m_bCapturing, never between the two fields that End writes.
     bool IsCapturing() const
@@ -39,11 +39,11 @@ public:
     }
 
     // --- the run's threads ---
-    bool IsRunning() const { return m_bLive && m_cam.m_bCapturing; }
+    bool IsRunning() const { return m_live && m_cam.m_bCapturing; }
     void Tell(KOV_EXPOSURE_STATUS status)
     {
         const MutexLock l(m_mutex);
-        if (m_bLive)
+        if (m_live)
             m_cam.m_ExpStatus = status;
     }
     // The run is over by itself, in a snap with this outcome. Capturing ends first: a host that sees the outcome may start
@@ -51,11 +51,11 @@ public:
     void End(KOV_EXPOSURE_STATUS outcome)
     {
         const MutexLock l(m_mutex);
-        if (!m_bLive)
+        if (!m_live)
             return;
-        m_bLive = false;
+        m_live = false;
         m_cam.m_bCapturing = false;
-        if (m_bSnap)
+        if (m_snap)
             m_cam.m_ExpStatus = outcome;
     }
     // Runs `insert` unless the run has been stopped.
@@ -63,12 +63,12 @@ public:
     bool Deliver(Insert insert)
     {
         const MutexLock l(m_mutex);
-        return m_bLive && insert();
+        return m_live && insert();
     }
 
     void Sleep(int64_t ms) const
     {
-        for (; ms > 0 && !m_bAbandoned; ms -= SLICE)
+        for (; ms > 0 && !m_abandoned; ms -= SLICE)
             platform::SleepMs(uint32_t(std::min(ms, SLICE)));
     }
     bool WaitEvent(platform::EventHandle h, uint32_t ms) const
@@ -76,7 +76,7 @@ public:
         for (int64_t left = ms;; left -= SLICE) {
             if (platform::WaitEvent(h, uint32_t(std::min(left, SLICE))) == platform::WAIT_SIGNALLED)
                 return true;
-            if (left <= SLICE || m_bAbandoned)
+            if (left <= SLICE || m_abandoned)
                 return false;
         }
     }
@@ -84,8 +84,8 @@ public:
 private:
     static constexpr int64_t SLICE = 200;  // ms; bounds how late an abandoned thread notices
     CCameraBase& m_cam;
-    const bool m_bSnap;
-    mutable Mutex m_mutex;              // a leaf lock: the run's end and the host's stop are one step each
-    std::atomic<bool> m_bLive{ true };  // written under it
-    std::atomic<bool> m_bAbandoned{ false };
+    const bool m_snap;
+    mutable Mutex m_mutex;             // a leaf lock: the run's end and the host's stop are one step each
+    std::atomic<bool> m_live{ true };  // written under it
+    std::atomic<bool> m_abandoned{ false };
 };

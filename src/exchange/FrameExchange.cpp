@@ -47,7 +47,7 @@ struct FrameExchange::Impl {
         return blocks.back().get();
     }
 
-    size_t Fit(int32_t iSize) const { return iSize > 0 ? std::min<size_t>(size_t(iSize), capacity) : 0; }
+    size_t Fit(int32_t size) const { return size > 0 ? std::min<size_t>(size_t(size), capacity) : 0; }
     int32_t Held() const { return count.load(std::memory_order_acquire); }
 
     // The block that was given back last is the likeliest one to lie in a cache, and those that the flow of
@@ -60,26 +60,26 @@ struct FrameExchange::Impl {
     }
 
     // Producer; a slot is free.
-    void Publish(uint8_t* block, int32_t iSize) KOV_TSA(requires_capability(ring))
+    void Publish(uint8_t* block, int32_t size) KOV_TSA(requires_capability(ring))
     {
-        apSlots[iWrite] = block;
-        aFrameBytes[iWrite] = Fit(iSize);
+        slots[write] = block;
+        frameBytes[write] = Fit(size);
         uint32_t head = 0;
         std::memcpy(&head, block, sizeof head);
-        aHead[iWrite].store(head, std::memory_order_relaxed);
-        iWrite ^= 1;
+        heads[write].store(head, std::memory_order_relaxed);
+        write ^= 1;
         // In one step for the reader: taken before its signal is given, a frame would leave a second stale one behind.
         if (count.fetch_add(1, std::memory_order_acq_rel) + 1 == 1)
             signal.Release();
     }
     // Consumer. False when none has come in time; what has come may be gone again before `ring` is locked.
     bool Await(uint32_t timeoutMs);
-    bool IsThere() const KOV_TSA(requires_capability(ring)) { return Held() != 0 && !bClosing; }
+    bool IsThere() const KOV_TSA(requires_capability(ring)) { return Held() != 0 && !closing; }
     // The slot of the oldest frame is empty then, and there has to be a spare for it.
     uint8_t* Remove() KOV_TSA(requires_capability(ring))
     {
-        uint8_t* const p = apSlots[iRead.load(std::memory_order_relaxed)];
-        iRead.store(iRead.load(std::memory_order_relaxed) ^ 1, std::memory_order_relaxed);
+        uint8_t* const p = slots[read.load(std::memory_order_relaxed)];
+        read.store(read.load(std::memory_order_relaxed) ^ 1, std::memory_order_relaxed);
         count.fetch_sub(1, std::memory_order_acq_rel);  // only Reset could have taken it to 0, and that waits
         return p;
     }
@@ -87,12 +87,12 @@ struct FrameExchange::Impl {
     static constexpr int SLOTS = 2;
     const uint32_t capacity;
     std::vector<platform::Pages<uint8_t>> blocks KOV_TSA(guarded_by(ring));  // all memory
-    // The frames, from iRead on; slots that are free hold nothing, and a spare waits for each of them.
-    uint8_t* apSlots[SLOTS] KOV_TSA(guarded_by(ring)) = {};
-    size_t aFrameBytes[SLOTS] KOV_TSA(guarded_by(ring)) = {};
-    std::atomic<uint32_t> aHead[SLOTS] = {};  // first word of each slot, readable while the slot is being filled
-    int32_t iWrite = 0;                       // producer's own
-    std::atomic<int32_t> iRead{ 0 };
+    // The frames, from `read` on; slots that are free hold nothing, and a spare waits for each of them.
+    uint8_t* slots[SLOTS] KOV_TSA(guarded_by(ring)) = {};
+    size_t frameBytes[SLOTS] KOV_TSA(guarded_by(ring)) = {};
+    std::atomic<uint32_t> heads[SLOTS] = {};  // first word of each slot, readable while the slot is being filled
+    int32_t write = 0;                        // producer's own
+    std::atomic<int32_t> read{ 0 };
     std::atomic<int32_t> count{ 0 };  // a frame is published by the step up and given back by the step down
     // Held by Read for the span of its copy and by Reset, so that after a Reset no slot is being read any more. The
     // producer fills a spare without it and publishes under it.
@@ -100,8 +100,8 @@ struct FrameExchange::Impl {
     std::vector<uint8_t*> spares KOV_TSA(guarded_by(ring));
     platform::Semaphore signal;  // given on the step from 0 to 1 only
     platform::Semaphore turn;
-    std::atomic<bool> bClosing{ false };
-    std::atomic<int32_t> iInside{ 0 };  // consumers and leases between their first and last touch of this object
+    std::atomic<bool> closing{ false };
+    std::atomic<int32_t> inside{ 0 };  // consumers and leases between their first and last touch of this object
 };
 
 FrameExchange::FrameExchange(uint32_t slotBytes) : m_p(std::make_unique<Impl>(slotBytes)) {}
@@ -110,11 +110,11 @@ FrameExchange::~FrameExchange() { Shut(); }
 
 void FrameExchange::Shut()
 {
-    m_p->bClosing = true;
+    m_p->closing = true;
     do {
         m_p->signal.Release();
         m_p->turn.Release();
-        if (m_p->iInside.load(std::memory_order_acquire) == 0)
+        if (m_p->inside.load(std::memory_order_acquire) == 0)
             break;
         platform::SleepMs(1);
     } while (true);
@@ -125,11 +125,11 @@ void FrameExchange::Reset()
     const MutexLock l(m_p->ring);
     while (m_p->Held() != 0)
         m_p->spares.push_back(m_p->Remove());
-    m_p->iWrite = 0;
-    m_p->iRead.store(0, std::memory_order_relaxed);
+    m_p->write = 0;
+    m_p->read.store(0, std::memory_order_relaxed);
 }
 
-bool FrameExchange::Insert(const uint8_t* data, int32_t iSize)
+bool FrameExchange::Insert(const uint8_t* data, int32_t size)
 {
     Impl& m = *m_p;
     if (!data || m.Held() >= Impl::SLOTS)
@@ -137,9 +137,9 @@ bool FrameExchange::Insert(const uint8_t* data, int32_t iSize)
     MutexLock lock(m.ring);
     uint8_t* const block = m.PopSpare();
     lock.unlock();
-    std::memcpy(block, data, m.Fit(iSize));
+    std::memcpy(block, data, m.Fit(size));
     lock.lock();
-    m.Publish(block, iSize);
+    m.Publish(block, size);
     return true;
 }
 
@@ -149,13 +149,13 @@ uint8_t* FrameExchange::MakeBlock()
     return m_p->AddBlock();
 }
 
-uint8_t* FrameExchange::HandOver(uint8_t* block, int32_t iSize)
+uint8_t* FrameExchange::HandOver(uint8_t* block, int32_t size)
 {
     Impl& m = *m_p;
     if (!block || m.Held() >= Impl::SLOTS)
         return nullptr;
     const MutexLock l(m.ring);
-    m.Publish(block, iSize);
+    m.Publish(block, size);
     return m.PopSpare();
 }
 
@@ -166,33 +166,33 @@ bool FrameExchange::Impl::Await(uint32_t timeoutMs)
             return false;
         // A reader that found a frame without waiting left its signal behind; such a stale one wakes the next reader
         // early, hence the second wait.
-        if (Held() == 0 && !bClosing)
+        if (Held() == 0 && !closing)
             signal.Wait(timeoutMs);
     }
     return true;
 }
 
-bool FrameExchange::Read(uint8_t* dest, int32_t iSize, uint32_t timeoutMs)
+bool FrameExchange::Read(uint8_t* dest, int32_t size, uint32_t timeoutMs)
 {
     Impl& m = *m_p;
-    const Inside inside(m.iInside);
+    const Inside inside(m.inside);
     if (!m.Await(timeoutMs))
         return false;
     const MutexLock lock(m.ring);
     if (!m.IsThere())
         return false;
-    const int32_t slot = m.iRead.load(std::memory_order_relaxed);
-    const size_t n = m.Fit(iSize), frame = std::min(n, m.aFrameBytes[slot]);
-    std::memcpy(dest, m.apSlots[slot], frame);
+    const int32_t slot = m.read.load(std::memory_order_relaxed);
+    const size_t n = m.Fit(size), frame = std::min(n, m.frameBytes[slot]);
+    std::memcpy(dest, m.slots[slot], frame);
     std::memset(dest + frame, 0, n - frame);
     m.spares.push_back(m.Remove());
     return true;
 }
 
-FrameExchange::Lease FrameExchange::Take(int32_t iSize, uint32_t timeoutMs)
+FrameExchange::Lease FrameExchange::Take(int32_t size, uint32_t timeoutMs)
 {
     Impl& m = *m_p;
-    const Inside inside(m.iInside);
+    const Inside inside(m.inside);
     Lease lease;
     if (!m.Await(timeoutMs))
         return lease;
@@ -203,42 +203,42 @@ FrameExchange::Lease FrameExchange::Take(int32_t iSize, uint32_t timeoutMs)
         uint8_t* const fresh = m.AddBlock();                   // first: it may move the list
         m.spares.insert(m.spares.begin(), fresh);
     }
-    const int32_t slot = m.iRead.load(std::memory_order_relaxed);
-    const size_t n = m.Fit(iSize), frame = std::min(n, m.aFrameBytes[slot]);
-    lease.m_pFrame = m.Remove();
-    lease.m_pExchange = this;
-    m.iInside.fetch_add(1, std::memory_order_acq_rel);
-    std::memset(lease.m_pFrame + frame, 0, n - frame);
+    const int32_t slot = m.read.load(std::memory_order_relaxed);
+    const size_t n = m.Fit(size), frame = std::min(n, m.frameBytes[slot]);
+    lease.m_frame = m.Remove();
+    lease.m_exchange = this;
+    m.inside.fetch_add(1, std::memory_order_acq_rel);
+    std::memset(lease.m_frame + frame, 0, n - frame);
     return lease;
 }
 
 FrameExchange::Lease::~Lease()
 {
-    if (!m_pExchange)
+    if (!m_exchange)
         return;
-    Impl& m = *m_pExchange->m_p;
+    Impl& m = *m_exchange->m_p;
     {
         const MutexLock l(m.ring);
-        m.spares.push_back(m_pFrame);
+        m.spares.push_back(m_frame);
     }
-    m.iInside.fetch_sub(1, std::memory_order_acq_rel);
+    m.inside.fetch_sub(1, std::memory_order_acq_rel);
 }
 
 FrameExchange::Lease& FrameExchange::Lease::operator=(Lease&& o) noexcept
 {
-    std::swap(m_pExchange, o.m_pExchange);
-    std::swap(m_pFrame, o.m_pFrame);
+    std::swap(m_exchange, o.m_exchange);
+    std::swap(m_frame, o.m_frame);
     return *this;
 }
 
 bool FrameExchange::PeekHead(uint32_t expected, uint32_t timeoutMs)
 {
     Impl& m = *m_p;
-    const Inside inside(m.iInside);
+    const Inside inside(m.inside);
     if (m.Held() == 0 && m.signal.Wait(timeoutMs) == platform::WAIT_TIMED_OUT)
         return false;
     // QUIRK: woken by a stale signal it answers for the frame that lay in the slot before.
-    return m.aHead[m.iRead.load(std::memory_order_relaxed)].load(std::memory_order_relaxed) == expected;
+    return m.heads[m.read.load(std::memory_order_relaxed)].load(std::memory_order_relaxed) == expected;
 }
 
 int32_t FrameExchange::Count() const { return m_p->Held(); }
@@ -246,18 +246,18 @@ int32_t FrameExchange::Count() const { return m_p->Held(); }
 FrameExchange::Turn::Turn(FrameExchange& fx, uint32_t timeoutMs) : m_fx(fx)
 {
     Impl& m = *fx.m_p;
-    m.iInside.fetch_add(1, std::memory_order_acq_rel);
-    m_bHeld = m.turn.Wait(timeoutMs) == platform::WAIT_SIGNALLED;
-    if (m_bHeld && m.bClosing) {
+    m.inside.fetch_add(1, std::memory_order_acq_rel);
+    m_held = m.turn.Wait(timeoutMs) == platform::WAIT_SIGNALLED;
+    if (m_held && m.closing) {
         m.turn.Release();
-        m_bHeld = false;
+        m_held = false;
     }
 }
 
 FrameExchange::Turn::~Turn()
 {
     Impl& m = *m_fx.m_p;
-    if (m_bHeld)
+    if (m_held)
         m.turn.Release();
-    m.iInside.fetch_sub(1, std::memory_order_acq_rel);
+    m.inside.fetch_sub(1, std::memory_order_acq_rel);
 }

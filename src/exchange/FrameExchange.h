@@ -37,16 +37,16 @@ public:
     public:
         Lease() = default;
         ~Lease();
-        Lease(Lease&& o) noexcept : m_pExchange(o.m_pExchange), m_pFrame(o.m_pFrame) { o.m_pExchange = nullptr; }
+        Lease(Lease&& o) noexcept : m_exchange(o.m_exchange), m_frame(o.m_frame) { o.m_exchange = nullptr; }
         Lease& operator=(Lease&& o) noexcept;
-        explicit operator bool() const { return m_pExchange != nullptr; }
+        explicit operator bool() const { return m_exchange != nullptr; }
         // A whole slot, and SLOT_PAD bytes that a vector kernel may touch.
-        uint8_t* Frame() const { return m_pFrame; }
+        uint8_t* Frame() const { return m_frame; }
 
     private:
         friend class FrameExchange;
-        FrameExchange* m_pExchange = nullptr;
-        uint8_t* m_pFrame = nullptr;
+        FrameExchange* m_exchange = nullptr;
+        uint8_t* m_frame = nullptr;
     };
     // Consumer. As Read, but nothing is copied: the slot goes on with spare memory. Within a slot, the bytes from the
     // frame's end up to size are zeros.
@@ -63,11 +63,11 @@ public:
         ~Turn();
         Turn(const Turn&) = delete;
         Turn& operator=(const Turn&) = delete;
-        explicit operator bool() const { return m_bHeld; }
+        explicit operator bool() const { return m_held; }
 
     private:
         FrameExchange& m_fx;
-        bool m_bHeld;
+        bool m_held;
     };
 
 private:

@@ -849,11 +849,11 @@ HWY_INLINE hn::Vec<D> Reversed(D d, hn::Vec<D> v)
 }
 
 template <class D>
-HWY_INLINE size_t SwapReversedLoop(D d, hn::TFromD<D>* a, hn::TFromD<D>* bEnd, size_t i, size_t n)
+HWY_INLINE size_t SwapReversedLoop(D d, hn::TFromD<D>* a, hn::TFromD<D>* end, size_t i, size_t n)
 {
     const size_t lanes = hn::Lanes(d);
     for (; i + lanes <= n; i += lanes) {
-        hn::TFromD<D>* b = bEnd - i - lanes;
+        hn::TFromD<D>* b = end - i - lanes;
         const auto va = hn::LoadU(d, a + i), vb = hn::LoadU(d, b);
         hn::StoreU(Reversed(d, vb), d, a + i);
         hn::StoreU(Reversed(d, va), d, b);
@@ -861,14 +861,14 @@ HWY_INLINE size_t SwapReversedLoop(D d, hn::TFromD<D>* a, hn::TFromD<D>* bEnd, s
     return i;
 }
 
-// Trades the n elements from `a` on for the n before `bEnd`, in reverse. The two do not overlap.
+// Trades the n elements from `a` on for the n before `end`, in reverse. The two do not overlap.
 template <class T>
-HWY_INLINE void SwapReversed(T* a, T* bEnd, size_t n)
+HWY_INLINE void SwapReversed(T* a, T* end, size_t n)
 {
-    size_t i = SwapReversedLoop(Full<T>(), a, bEnd, 0, n);
-    i = SwapReversedLoop(Short<T>(), a, bEnd, i, n);
+    size_t i = SwapReversedLoop(Full<T>(), a, end, 0, n);
+    i = SwapReversedLoop(Short<T>(), a, end, i, n);
     for (; i < n; ++i)
-        std::swap(a[i], *(bEnd - 1 - i));
+        std::swap(a[i], *(end - 1 - i));
 }
 
 template <class T>

@@ -89,8 +89,8 @@ void DrawTimeMark(uint8_t* image, int width, int height, int bytesPerPixel, cons
     const int background = canvas.Background();
     const uint8_t level = background < 130 ? 180 : background < 180 ? 220 : 120;
     char date[40], time[60];
-    std::snprintf(date, sizeof date, "%4d%02d%02d", t.iYear, t.iMonth, t.iDay);
-    std::snprintf(time, sizeof time, "%02d:%02d:%02d:%03d", t.iHour, t.iMinute, t.iSecond, t.iMillisecond);
+    std::snprintf(date, sizeof date, "%4d%02d%02d", t.year, t.month, t.day);
+    std::snprintf(time, sizeof time, "%02d:%02d:%02d:%03d", t.hour, t.minute, t.second, t.millisecond);
     canvas.Text(date, DATE_CHARS, width - DATE_FROM_RIGHT, level);
     canvas.Text(time, TIME_CHARS, width - TIME_FROM_RIGHT, level);
 }

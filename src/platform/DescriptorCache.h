@@ -22,21 +22,21 @@ public:
     bool Is(const usbstack::DeviceInfo& i) const
     {
         const auto key = [](const usbstack::DeviceInfo& d) {
-            return std::tie(d.wVendorId, d.wProductId, d.bBus, d.bAddress, d.sPortPath, d.sPath, d.speed);
+            return std::tie(d.vendorId, d.productId, d.bus, d.address, d.portPath, d.path, d.speed);
         };
         return key(m_info) == key(i);
     }
     static bool IsRead(const SetupPacket& s) { return s.bmRequestType == 0x80 && s.bRequest == 6; }
 
     // The answer to a read, as the device gave it before; at most s.wLength bytes.
-    bool Answer(const SetupPacket& s, uint8_t* pData, uint32_t* pdwMoved) const
+    bool Answer(const SetupPacket& s, uint8_t* data, uint32_t* moved) const
     {
         const MutexLock l(m_mutex);
         const auto it = m_answers.find(KeyOf(s));
         if (it == m_answers.end())
             return false;
-        std::copy(it->second.begin(), it->second.end(), pData);
-        *pdwMoved = uint32_t(it->second.size());
+        std::copy(it->second.begin(), it->second.end(), data);
+        *moved = uint32_t(it->second.size());
         return true;
     }
     void Store(const SetupPacket& s, std::vector<uint8_t> answer)
@@ -67,16 +67,16 @@ public:
         const MutexLock l(m_mutex);
         Devices present;
         for (const usbstack::DeviceInfo& d : listing) {
-            const auto it = m_devices.find(d.sPath);
-            present[d.sPath] = it != m_devices.end() && it->second->Is(d) ? it->second : std::make_shared<KnownDevice>(d);
+            const auto it = m_devices.find(d.path);
+            present[d.path] = it != m_devices.end() && it->second->Is(d) ? it->second : std::make_shared<KnownDevice>(d);
         }
         m_devices = std::move(present);
     }
     // nullptr for a device that the latest listing did not show.
-    std::shared_ptr<KnownDevice> Find(const std::string& sPath) const
+    std::shared_ptr<KnownDevice> Find(const std::string& path) const
     {
         const MutexLock l(m_mutex);
-        const auto it = m_devices.find(sPath);
+        const auto it = m_devices.find(path);
         return it == m_devices.end() ? nullptr : it->second;
     }
     void Clear()

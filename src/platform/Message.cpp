@@ -4,13 +4,13 @@
 
 namespace platform {
 
-static std::atomic<void (*)(const char*, const char*)> g_pSink = nullptr;
+static std::atomic<void (*)(const char*, const char*)> g_Sink = nullptr;
 
-void SetMessageSink(void (*sink)(const char*, const char*)) { g_pSink = sink; }
+void SetMessageSink(void (*sink)(const char*, const char*)) { g_Sink = sink; }
 
 void ShowMessage(const char* text, const char* title)
 {
-    const auto sink = g_pSink.load();
+    const auto sink = g_Sink.load();
     (sink ? sink : &ShowNativeMessage)(text, title);
 }
 

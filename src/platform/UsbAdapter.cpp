@@ -49,7 +49,7 @@ constexpr auto FAST_CLOCK_GRACE = std::chrono::milliseconds(100);
 // What a stack's result looks like to the callers of a Windows driver.
 struct ErrorRow {
     Status status;
-    uint32_t dwError, dwNtStatus, dwUsbdStatus;
+    uint32_t error, ntStatus, usbdStatus;
 };
 constexpr ErrorRow g_Errors[] = {
     { Status::Ok, ERROR_NONE, 0, 0 },
@@ -71,9 +71,9 @@ const ErrorRow& ErrorOf(Status status)
     return g_Errors[std::size(g_Errors) - 1];
 }
 
-bool Fail(uint32_t dwError)
+bool Fail(uint32_t error)
 {
-    SetLastError(dwError);
+    SetLastError(error);
     return false;
 }
 
@@ -84,19 +84,19 @@ class CDevice;
 // touches nothing of the caller's but the data buffer of a direct transfer and the event.
 struct Request {
     usbstack::BulkRequest bulk;
-    CDevice* pDevice = nullptr;
+    CDevice* device = nullptr;
     std::shared_ptr<Request> self;  // keeps it alive while the stack has it
     EventHandle hEvent = nullptr;
-    XferRecord* pRecord = nullptr;
+    XferRecord* record = nullptr;
     SetupPacket setup{};        // control only
     std::vector<uint8_t> data;  // control and buffered; a direct transfer lands in the caller's buffer
-    uint32_t dwHead = 0;        // bytes of the result that precede the data
-    bool bControl = false;
+    uint32_t head = 0;        // bytes of the result that precede the data
+    bool control = false;
     // Under the device's mutex:
-    bool bDone = false;
-    bool bDetached = false;  // its slot is given up or serves a newer request: no event any more
+    bool done = false;
+    bool detached = false;  // its slot is given up or serves a newer request: no event any more
     Status status = Status::Ok;
-    uint32_t dwMoved = 0;
+    uint32_t moved = 0;
 };
 
 // An open device. Two locks: m_mutex over the requests, never held while the stack is called; m_useMutex held shared
@@ -104,8 +104,8 @@ struct Request {
 class CDevice {
 public:
     // known may be null: then every descriptor is asked for.
-    CDevice(std::unique_ptr<usbstack::IDevice> pStack, std::string name, std::shared_ptr<KnownDevice> known)
-        : m_pStack(std::move(pStack)), m_sName(std::move(name)), m_pKnown(std::move(known))
+    CDevice(std::unique_ptr<usbstack::IDevice> stack, std::string name, std::shared_ptr<KnownDevice> known)
+        : m_stack(std::move(stack)), m_name(std::move(name)), m_known(std::move(known))
     {
     }
     ~CDevice() { Shutdown(); }
@@ -115,14 +115,14 @@ public:
     bool Claim()
     {
         const std::shared_lock use(m_useMutex);
-        const Status status = m_pStack ? m_pStack->Claim() : Status::Gone;
-        return status == Status::Ok || Fail(ErrorOf(status).dwError);
+        const Status status = m_stack ? m_stack->Claim() : Status::Gone;
+        return status == Status::Ok || Fail(ErrorOf(status).error);
     }
 
     // Afterwards no request is out and nothing writes into a caller's memory. Any number of times.
     void Shutdown()
     {
-        m_bClosed = true;
+        m_closed = true;
         std::bitset<256> endpoints;
         {
             const MutexLock l(m_mutex);
@@ -132,57 +132,57 @@ public:
             const std::shared_lock use(m_useMutex);
             AbortControl();
             for (size_t ep = 0; ep < endpoints.size(); ++ep)
-                if (m_pStack && endpoints[ep])
-                    m_pStack->Abort(uint8_t(ep));
+                if (m_stack && endpoints[ep])
+                    m_stack->Abort(uint8_t(ep));
         }
         std::thread control;
         {
             const MutexLock l(m_mutex);
-            m_bStopControl = true;
+            m_stopControl = true;
             control.swap(m_control);
         }
         m_controlWake.notify_all();
         if (control.joinable())
             control.join();
         const std::lock_guard use(m_useMutex);
-        m_pStack.reset();
+        m_stack.reset();
     }
 
-    bool IoControl(uint32_t code, void* pIn, uint32_t dwIn, void* pOut, uint32_t output, uint32_t* pdwBytes,
+    bool IoControl(uint32_t code, void* in, uint32_t inBytes, void* out, uint32_t outBytes, uint32_t* moved,
                    Overlapped* overlapped);
-    bool GetResult(Overlapped* overlapped, uint32_t* pdwBytes, bool wait);
+    bool GetResult(Overlapped* overlapped, uint32_t* moved, bool wait);
 
 private:
-    bool Begin(uint32_t code, void* pIn, uint32_t dwIn, void* pOut, uint32_t output, uint32_t* pdwBytes, Overlapped* overlapped);
-    bool Simple(uint32_t code, const uint8_t* pIn, uint32_t dwIn, uint8_t* pOut, uint32_t output, uint32_t* pdwBytes);
+    bool Begin(uint32_t code, void* in, uint32_t inBytes, void* out, uint32_t outBytes, uint32_t* moved, Overlapped* overlapped);
+    bool Simple(uint32_t code, const uint8_t* in, uint32_t inBytes, uint8_t* out, uint32_t outBytes, uint32_t* moved);
 
     bool StartControl(const std::shared_ptr<Request>& r);
     bool DoControl(const std::shared_ptr<Request>& r, uint32_t patienceMs);
     void ControlLoop();
     Status RunControl(Request& r, uint32_t* moved, uint32_t patienceMs = UINT32_MAX);
     void AbortControl();
-    void Abort(uint8_t bEndpoint);
+    void Abort(uint8_t endpoint);
 
     static void OnBulk(usbstack::BulkRequest* p, Status status, uint32_t bytes)
     {
-        Request* const r = static_cast<Request*>(p->pContext);
+        Request* const r = static_cast<Request*>(p->context);
         const std::shared_ptr<Request> keep = std::move(r->self);
-        r->pDevice->Complete(*r, status, bytes);
+        r->device->Complete(*r, status, bytes);
     }
-    void Complete(Request& r, Status status, uint32_t dwMoved)
+    void Complete(Request& r, Status status, uint32_t moved)
     {
         const MutexLock l(m_mutex);
-        CompleteLocked(r, status, dwMoved);
+        CompleteLocked(r, status, moved);
     }
-    void CompleteLocked(Request& r, Status status, uint32_t dwMoved) KOV_TSA(requires_capability(m_mutex))
+    void CompleteLocked(Request& r, Status status, uint32_t moved) KOV_TSA(requires_capability(m_mutex))
     {
-        if (r.bDone)
+        if (r.done)
             return;
-        r.bDone = true;
+        r.done = true;
         r.status = status;
-        r.dwMoved = dwMoved;
+        r.moved = moved;
         // Signalled under the lock: a slot that gives the request up (and may free its event) does so under it too.
-        if (!r.bDetached && r.hEvent)
+        if (!r.detached && r.hEvent)
             SignalEvent(r.hEvent);
         m_done.notify_all();
     }
@@ -190,20 +190,20 @@ private:
     static uint32_t FillRecord(Request& r)
     {
         const ErrorRow& e = ErrorOf(r.status);
-        r.pRecord->dwNtStatus = e.dwNtStatus;
-        r.pRecord->dwUsbdStatus = e.dwUsbdStatus;
-        const uint32_t n = std::min(r.dwMoved, uint32_t(r.data.size()));
-        const bool input = !r.bControl || (r.setup.bmRequestType & 0x80) != 0;
+        r.record->ntStatus = e.ntStatus;
+        r.record->usbdStatus = e.usbdStatus;
+        const uint32_t n = std::min(r.moved, uint32_t(r.data.size()));
+        const bool input = !r.control || (r.setup.bmRequestType & 0x80) != 0;
         if (n != 0 && input)
-            std::memcpy(reinterpret_cast<uint8_t*>(r.pRecord) + r.dwHead, r.data.data(), n);
-        return r.status == Status::Ok || r.dwMoved != 0 ? r.dwHead + r.dwMoved : 0;
+            std::memcpy(reinterpret_cast<uint8_t*>(r.record) + r.head, r.data.data(), n);
+        return r.status == Status::Ok || r.moved != 0 ? r.head + r.moved : 0;
     }
 
     std::shared_mutex m_useMutex;
-    std::unique_ptr<usbstack::IDevice> m_pStack;
-    const std::string m_sName;
-    const std::shared_ptr<KnownDevice> m_pKnown;
-    std::atomic<bool> m_bClosed = false;
+    std::unique_ptr<usbstack::IDevice> m_stack;
+    const std::string m_name;
+    const std::shared_ptr<KnownDevice> m_known;
+    std::atomic<bool> m_closed = false;
 
     Mutex m_mutex;
     std::condition_variable m_done;
@@ -218,24 +218,24 @@ private:
     std::condition_variable m_controlWake;
     std::deque<std::shared_ptr<Request>> m_controlQueue KOV_TSA(guarded_by(m_mutex));
     std::shared_ptr<Request> m_controlRunning KOV_TSA(guarded_by(m_mutex));
-    bool m_bStopControl KOV_TSA(guarded_by(m_mutex)) = false;
+    bool m_stopControl KOV_TSA(guarded_by(m_mutex)) = false;
 };
 
-bool CDevice::IoControl(uint32_t code, void* pIn, uint32_t dwIn, void* pOut, uint32_t output, uint32_t* pdwBytes,
+bool CDevice::IoControl(uint32_t code, void* in, uint32_t inBytes, void* out, uint32_t outBytes, uint32_t* moved,
                         Overlapped* overlapped)
 {
     const std::shared_lock use(m_useMutex);
-    *pdwBytes = 0;
-    if (m_bClosed)
+    *moved = 0;
+    if (m_closed)
         return Fail(ERROR_BAD_HANDLE);
     switch (code) {
     case IO_CONTROL:
     case IO_BUFFERED:
-    case IO_DIRECT: return Begin(code, pIn, dwIn, pOut, output, pdwBytes, overlapped);
+    case IO_DIRECT: return Begin(code, in, inBytes, out, outBytes, moved, overlapped);
     default: break;
     }
     // These are done at once, whether overlapped or not.
-    const bool ok = Simple(code, static_cast<uint8_t*>(pIn), dwIn, static_cast<uint8_t*>(pOut), output, pdwBytes);
+    const bool ok = Simple(code, static_cast<uint8_t*>(in), inBytes, static_cast<uint8_t*>(out), outBytes, moved);
     if (ok)
         SetLastError(ERROR_NONE);
     if (overlapped && overlapped->hEvent)
@@ -243,13 +243,13 @@ bool CDevice::IoControl(uint32_t code, void* pIn, uint32_t dwIn, void* pOut, uin
     return ok;
 }
 
-bool CDevice::Simple(uint32_t code, const uint8_t* pIn, uint32_t dwIn, uint8_t* pOut, uint32_t output, uint32_t* pdwBytes)
+bool CDevice::Simple(uint32_t code, const uint8_t* in, uint32_t inBytes, uint8_t* out, uint32_t outBytes, uint32_t* moved)
 {
     const auto Out = [&](const void* p, uint32_t n) {
-        if (output < n)
+        if (outBytes < n)
             return Fail(ERROR_BAD_PARAMETER);
-        std::memcpy(pOut, p, n);
-        *pdwBytes = n;
+        std::memcpy(out, p, n);
+        *moved = n;
         return true;
     };
     const auto Text = [&](const char* sz) {
@@ -257,10 +257,10 @@ bool CDevice::Simple(uint32_t code, const uint8_t* pIn, uint32_t dwIn, uint8_t* 
         std::strncpy(ab, sz, sizeof ab - 1);
         return Out(ab, sizeof ab);
     };
-    const auto Result = [](Status s) { return s == Status::Ok || Fail(ErrorOf(s).dwError); };
+    const auto Result = [](Status s) { return s == Status::Ok || Fail(ErrorOf(s).error); };
     const auto Restarted = [&](Status s) {
-        if (m_pKnown)
-            m_pKnown->Clear();
+        if (m_known)
+            m_known->Clear();
         return Result(s);
     };
 
@@ -268,49 +268,49 @@ bool CDevice::Simple(uint32_t code, const uint8_t* pIn, uint32_t dwIn, uint8_t* 
     case IO_DRIVER_VERSION: return Out(&DRIVER_VERSION, 4);
     case IO_STACK_VERSION: return Out(&STACK_VERSION, 4);
     case IO_DRIVER_NAME: return Text("KOVCamera2 USB adapter");
-    case IO_FRIENDLY_NAME: return Text(m_sName.c_str());
+    case IO_FRIENDLY_NAME: return Text(m_name.c_str());
     case IO_ALT_SETTING: {
-        const int iAlt = m_pStack->GetAltSetting();
-        const uint8_t alt = uint8_t(iAlt);
-        return iAlt >= 0 ? Out(&alt, 1) : Fail(ERROR_GENERAL_FAILURE);
+        const int setting = m_stack->GetAltSetting();
+        const uint8_t alt = uint8_t(setting);
+        return setting >= 0 ? Out(&alt, 1) : Fail(ERROR_GENERAL_FAILURE);
     }
     case IO_USB_ADDRESS: {
-        const uint8_t address = m_pStack->GetAddress();
+        const uint8_t address = m_stack->GetAddress();
         return Out(&address, 1);
     }
     case IO_DEVICE_SPEED: {
-        const usbstack::Speed speed = m_pStack->GetSpeed();
-        const uint32_t dwSpeed = speed == usbstack::Speed::Super  ? 4u
-                                 : speed == usbstack::Speed::High ? 2u
-                                 : speed == usbstack::Speed::Full ? 1u
-                                                                  : 0u;
-        return Out(&dwSpeed, 4);
+        const usbstack::Speed speed = m_stack->GetSpeed();
+        const uint32_t answer = speed == usbstack::Speed::Super  ? 4u
+                                : speed == usbstack::Speed::High ? 2u
+                                : speed == usbstack::Speed::Full ? 1u
+                                                                 : 0u;
+        return Out(&answer, 4);
     }
-    case IO_CYCLE_PORT: return Restarted(m_pStack->CyclePort());
-    case IO_RESET_PARENT_PORT: return Restarted(m_pStack->ResetPort());
+    case IO_CYCLE_PORT: return Restarted(m_stack->CyclePort());
+    case IO_RESET_PARENT_PORT: return Restarted(m_stack->ResetPort());
     case IO_RESET_PIPE:
-        if (dwIn < 1)
+        if (inBytes < 1)
             return Fail(ERROR_BAD_PARAMETER);
-        return (pIn[0] & 0x7F) == 0 || Result(m_pStack->ResetPipe(pIn[0]));
+        return (in[0] & 0x7F) == 0 || Result(m_stack->ResetPipe(in[0]));
     case IO_ABORT_PIPE:
-        if (dwIn < 1)
+        if (inBytes < 1)
             return Fail(ERROR_BAD_PARAMETER);
-        Abort(pIn[0]);
+        Abort(in[0]);
         return true;
     case IO_SET_TRANSFER_SIZE: {
-        if (dwIn < 5)
+        if (inBytes < 5)
             return Fail(ERROR_BAD_PARAMETER);
-        uint32_t dwSize;
-        std::memcpy(&dwSize, pIn + 1, 4);
-        m_pStack->SetTransferSize(pIn[0], dwSize);
-        *pdwBytes = 5;
+        uint32_t size;
+        std::memcpy(&size, in + 1, 4);
+        m_stack->SetTransferSize(in[0], size);
+        *moved = 5;
         return true;
     }
     default: return Fail(ERROR_BAD_PARAMETER);
     }
 }
 
-bool CDevice::Begin(uint32_t code, void* pIn, uint32_t dwIn, void* pOut, uint32_t output, uint32_t* pdwBytes,
+bool CDevice::Begin(uint32_t code, void* in, uint32_t inBytes, void* out, uint32_t outBytes, uint32_t* moved,
                     Overlapped* overlapped)
 {
     if (overlapped) {
@@ -319,46 +319,46 @@ bool CDevice::Begin(uint32_t code, void* pIn, uint32_t dwIn, void* pOut, uint32_
         const MutexLock l(m_mutex);
         const auto it = m_slots.find(overlapped);
         if (it != m_slots.end()) {
-            it->second->bDetached = true;
+            it->second->detached = true;
             m_slots.erase(it);
         }
     }
-    if (dwIn < RECORD_SIZE || !pIn)
+    if (inBytes < RECORD_SIZE || !in)
         return Fail(ERROR_BAD_PARAMETER);
-    XferRecord* const pRecord = static_cast<XferRecord*>(pIn);
+    XferRecord* const record = static_cast<XferRecord*>(in);
     auto r = std::make_shared<Request>();
-    r->pDevice = this;
+    r->device = this;
     r->hEvent = overlapped ? overlapped->hEvent : nullptr;
-    r->pRecord = pRecord;
-    r->bControl = code == IO_CONTROL;
+    r->record = record;
+    r->control = code == IO_CONTROL;
     if (code == IO_DIRECT) {
         // Of an isochronous transfer, which no stack offers, too: the data are one read.
-        r->bulk.pData = static_cast<uint8_t*>(pOut);
-        r->bulk.dwLength = output;
+        r->bulk.data = static_cast<uint8_t*>(out);
+        r->bulk.length = outBytes;
     } else {
-        const uint32_t at = pRecord->dwBufferOffset;
-        const uint32_t dwLength = pRecord->dwBufferLength;
-        const uint32_t room = std::min(dwIn, output);
-        if (pOut != pIn || at < RECORD_SIZE || at > room || dwLength > room - at)
+        const uint32_t at = record->bufferOffset;
+        const uint32_t length = record->bufferLength;
+        const uint32_t room = std::min(inBytes, outBytes);
+        if (out != in || at < RECORD_SIZE || at > room || length > room - at)
             return Fail(ERROR_BAD_PARAMETER);
-        const uint8_t* const pData = static_cast<uint8_t*>(pIn) + at;
-        r->data.assign(pData, pData + dwLength);
-        r->dwHead = at;
-        r->bulk.pData = r->data.data();
-        r->bulk.dwLength = dwLength;
+        const uint8_t* const data = static_cast<uint8_t*>(in) + at;
+        r->data.assign(data, data + length);
+        r->head = at;
+        r->bulk.data = r->data.data();
+        r->bulk.length = length;
     }
-    if (r->bControl) {
-        r->setup = pRecord->setup;
+    if (r->control) {
+        r->setup = record->setup;
         if (r->setup.wLength > r->data.size())
             return Fail(ERROR_BAD_PARAMETER);
-    } else if ((pRecord->bEndpointAddress & 0x80) == 0) {
+    } else if ((record->bEndpointAddress & 0x80) == 0) {
         return Fail(ERROR_BAD_PARAMETER);  // the cameras have no endpoint to write to, and the stacks offer none
     }
 
-    if (!overlapped && r->bControl) {
-        r->status = RunControl(*r, &r->dwMoved);
-        *pdwBytes = FillRecord(*r);
-        SetLastError(ErrorOf(r->status).dwError);
+    if (!overlapped && r->control) {
+        r->status = RunControl(*r, &r->moved);
+        *moved = FillRecord(*r);
+        SetLastError(ErrorOf(r->status).error);
         return r->status == Status::Ok;
     }
     if (!overlapped)
@@ -367,33 +367,33 @@ bool CDevice::Begin(uint32_t code, void* pIn, uint32_t dwIn, void* pOut, uint32_
     {
         const MutexLock l(m_mutex);
         m_slots[overlapped] = r;
-        if (!r->bControl)
-            m_endpoints.set(pRecord->bEndpointAddress);
+        if (!r->control)
+            m_endpoints.set(record->bEndpointAddress);
     }
-    if (r->bControl) {
+    if (r->control) {
         if (!StartControl(r))
             return Fail(ERROR_PENDING);
-        *pdwBytes = FillRecord(*r);
-        SetLastError(ErrorOf(r->status).dwError);
+        *moved = FillRecord(*r);
+        SetLastError(ErrorOf(r->status).error);
         return r->status == Status::Ok;
     }
-    r->bulk.bEndpoint = pRecord->bEndpointAddress;
+    r->bulk.endpoint = record->bEndpointAddress;
     r->bulk.OnComplete = &CDevice::OnBulk;
-    r->bulk.pContext = r.get();
+    r->bulk.context = r.get();
     r->self = r;
     Status status = Status::NoMemory;
     try {
-        status = m_pStack->SubmitBulk(&r->bulk);
+        status = m_stack->SubmitBulk(&r->bulk);
     } catch (const std::bad_alloc&) {
     }
     if (status != Status::Ok) {
         r->self.reset();
         const ErrorRow& e = ErrorOf(status);
-        pRecord->dwNtStatus = e.dwNtStatus;
-        pRecord->dwUsbdStatus = e.dwUsbdStatus;
+        record->ntStatus = e.ntStatus;
+        record->usbdStatus = e.usbdStatus;
         const MutexLock l(m_mutex);
         m_slots.erase(overlapped);
-        return Fail(e.dwError);
+        return Fail(e.error);
     }
     return Fail(ERROR_PENDING);
 }
@@ -403,7 +403,7 @@ bool CDevice::DoControl(const std::shared_ptr<Request>& r, uint32_t patienceMs)
 {
     {
         const MutexLock l(m_mutex);
-        if (m_bStopControl || m_controlRunning || !m_controlQueue.empty())
+        if (m_stopControl || m_controlRunning || !m_controlQueue.empty())
             return false;
         m_controlRunning = r;
     }
@@ -424,10 +424,10 @@ bool CDevice::DoControl(const std::shared_ptr<Request>& r, uint32_t patienceMs)
 // True when the request is done already.
 bool CDevice::StartControl(const std::shared_ptr<Request>& r)
 {
-    if (t_patienceMs != 0 && m_pStack->KeepsTimeLimits() && DoControl(r, t_patienceMs))
+    if (t_patienceMs != 0 && m_stack->KeepsTimeLimits() && DoControl(r, t_patienceMs))
         return true;
     MutexLock l(m_mutex);
-    if (!m_bStopControl && !m_control.joinable()) {
+    if (!m_stopControl && !m_control.joinable()) {
         try {
             m_control = std::thread(&CDevice::ControlLoop, this);
         } catch (const std::system_error&) {
@@ -436,9 +436,9 @@ bool CDevice::StartControl(const std::shared_ptr<Request>& r)
     }
     if (!m_control.joinable()) {
         l.unlock();
-        uint32_t dwMoved = 0;
-        const Status status = RunControl(*r, &dwMoved);
-        Complete(*r, status, dwMoved);
+        uint32_t moved = 0;
+        const Status status = RunControl(*r, &moved);
+        Complete(*r, status, moved);
         return true;
     }
     try {
@@ -453,7 +453,7 @@ bool CDevice::StartControl(const std::shared_ptr<Request>& r)
     if (ClockRate() <= 1.0)
         return false;
     l.lock();
-    return WaitUntil(m_mutex, m_done, std::chrono::system_clock::now() + FAST_CLOCK_GRACE, [&] { return r->bDone; });
+    return WaitUntil(m_mutex, m_done, std::chrono::system_clock::now() + FAST_CLOCK_GRACE, [&] { return r->done; });
 }
 
 void CDevice::ControlLoop()
@@ -461,28 +461,28 @@ void CDevice::ControlLoop()
     MutexLock l(m_mutex);
     for (;;) {
         WaitUntil(m_mutex, m_controlWake, [&]() KOV_TSA(requires_capability(m_mutex)) {
-            return m_bStopControl || (!m_controlQueue.empty() && !m_controlRunning);
+            return m_stopControl || (!m_controlQueue.empty() && !m_controlRunning);
         });
         if (m_controlQueue.empty())
             return;
         const std::shared_ptr<Request> r = std::move(m_controlQueue.front());
         m_controlQueue.pop_front();
-        if (m_bStopControl)
+        if (m_stopControl)
             CompleteLocked(*r, Status::Cancelled, 0);
-        if (r->bDone)
+        if (r->done)
             continue;  // given up before it began
         m_controlRunning = r;
         l.unlock();
-        uint32_t dwMoved = 0;
+        uint32_t moved = 0;
         Status status = Status::NoMemory;
         try {
-            status = RunControl(*r, &dwMoved);
+            status = RunControl(*r, &moved);
         } catch (const std::exception&) {
             // The request has failed; the next one may find memory again.
         }
         l.lock();
         m_controlRunning.reset();
-        CompleteLocked(*r, status, dwMoved);
+        CompleteLocked(*r, status, moved);
     }
 }
 
@@ -490,15 +490,15 @@ void CDevice::ControlLoop()
 Status CDevice::RunControl(Request& r, uint32_t* moved, uint32_t patienceMs)
 {
     const SetupPacket& s = r.setup;
-    const bool bKeep = m_pKnown && KnownDevice::IsRead(s);
-    if (bKeep && m_pKnown->Answer(s, r.data.data(), moved))
+    const bool keep = m_known && KnownDevice::IsRead(s);
+    if (keep && m_known->Answer(s, r.data.data(), moved))
         return Status::Ok;
-    const uint32_t told = s.dwTimeout == 0 ? CONTROL_LIMIT_MS : std::min(s.dwTimeout, 3600u) * 1000;
+    const uint32_t told = s.timeout == 0 ? CONTROL_LIMIT_MS : std::min(s.timeout, 3600u) * 1000;
     const MutexLock l(m_controlMutex);
-    const Status status = m_pStack->Control(s.bmRequestType, s.bRequest, s.wValue, s.wIndex, r.data.data(), s.wLength,
-                                            std::min(told, patienceMs), moved);
-    if (bKeep && status == Status::Ok)
-        m_pKnown->Store(s, { r.data.begin(), r.data.begin() + std::min(*moved, uint32_t(s.wLength)) });
+    const Status status = m_stack->Control(s.bmRequestType, s.bRequest, s.wValue, s.wIndex, r.data.data(), s.wLength,
+                                           std::min(told, patienceMs), moved);
+    if (keep && status == Status::Ok)
+        m_known->Store(s, { r.data.begin(), r.data.begin() + std::min(*moved, uint32_t(s.wLength)) });
     return status;
 }
 
@@ -514,45 +514,45 @@ void CDevice::AbortControl()
             return;
         CompleteLocked(*m_controlRunning, Status::Cancelled, 0);
     }
-    if (m_pStack)
-        m_pStack->AbortControl();
+    if (m_stack)
+        m_stack->AbortControl();
 }
 
-void CDevice::Abort(uint8_t bEndpoint)
+void CDevice::Abort(uint8_t endpoint)
 {
-    if ((bEndpoint & 0x7F) == 0)
+    if ((endpoint & 0x7F) == 0)
         AbortControl();
     else
-        m_pStack->Abort(bEndpoint);
+        m_stack->Abort(endpoint);
 }
 
-bool CDevice::GetResult(Overlapped* overlapped, uint32_t* pdwBytes, bool wait)
+bool CDevice::GetResult(Overlapped* overlapped, uint32_t* moved, bool wait)
 {
-    *pdwBytes = 0;
+    *moved = 0;
     MutexLock l(m_mutex);
     const auto it = m_slots.find(overlapped);
     if (it == m_slots.end())
         return Fail(ERROR_BAD_PARAMETER);
     const std::shared_ptr<Request> r = it->second;
-    if (!r->bDone && wait) {
-        WaitUntil(m_mutex, m_done, [&] { return r->bDone || r->bDetached; });
-        if (r->bDetached)
+    if (!r->done && wait) {
+        WaitUntil(m_mutex, m_done, [&] { return r->done || r->detached; });
+        if (r->detached)
             return Fail(ERROR_BAD_PARAMETER);
     }
     // Fetched or given up: either way the slot is free, and record and event are the caller's again.
-    r->bDetached = true;
+    r->detached = true;
     m_slots.erase(overlapped);
-    if (!r->bDone)
+    if (!r->done)
         return Fail(ERROR_INCOMPLETE);
-    *pdwBytes = FillRecord(*r);
-    SetLastError(ErrorOf(r->status).dwError);
+    *moved = FillRecord(*r);
+    SetLastError(ErrorOf(r->status).error);
     return r->status == Status::Ok;
 }
 
 // --- the driver -----------------------------------------------------------------------------------------------------
 
 // The listing of this thread's BusLook, once it was made; nullptr without one.
-thread_local std::optional<std::vector<usbstack::DeviceInfo>>* t_pLook = nullptr;
+thread_local std::optional<std::vector<usbstack::DeviceInfo>>* t_look = nullptr;
 
 class CAdapter final : public IUsbDriver {
 public:
@@ -564,33 +564,33 @@ public:
                 slot = i + 1;
         auto p = std::make_unique<List>();
         for (const usbstack::DeviceInfo& d : Listing())
-            if (InterfaceSlotOf(d.wProductId) == slot)
+            if (InterfaceSlotOf(d.productId) == slot)
                 p->push_back(d);
         SetLastError(ERROR_NONE);
         return p.release();
     }
     bool EnumInterface(DevInfo h, uint32_t index) override { return At(h, index) != nullptr; }
     bool EnumInfo(DevInfo h, uint32_t index) override { return At(h, index) != nullptr; }
-    bool GetProperty(DevInfo h, uint32_t index, uint32_t property, char* pOut, uint32_t dwSize) override
+    bool GetProperty(DevInfo h, uint32_t index, uint32_t property, char* out, uint32_t size) override
     {
         const usbstack::DeviceInfo* const d = At(h, index);
         if (!d)
             return false;
-        std::string s = "USB bus " + std::to_string(d->bBus) + ", port " + d->sPortPath;
+        std::string s = "USB bus " + std::to_string(d->bus) + ", port " + d->portPath;
         if (property == PROP_LOCATION_PATHS)
-            s = "USBROOT(" + std::to_string(d->bBus) + ")#USB(" + d->sPortPath + ")";
+            s = "USBROOT(" + std::to_string(d->bus) + ")#USB(" + d->portPath + ")";
         else if (property != PROP_LOCATION_INFO)
             return Fail(ERROR_BAD_PARAMETER);
-        if (s.size() + 1 > dwSize)
+        if (s.size() + 1 > size)
             return Fail(122);  // the buffer is too small
-        std::memcpy(pOut, s.c_str(), s.size() + 1);
+        std::memcpy(out, s.c_str(), s.size() + 1);
         return true;
     }
     bool GetInterfacePath(DevInfo h, uint32_t index, std::string* psPath) override
     {
         const usbstack::DeviceInfo* const d = At(h, index);
         if (d)
-            *psPath = d->sPath;
+            *psPath = d->path;
         return d != nullptr;
     }
     void DestroyList(DevInfo h) override { delete static_cast<List*>(h); }
@@ -598,14 +598,14 @@ public:
     DeviceHandle Open(const char* path) override
     {
         Status status = Status::Failed;
-        std::unique_ptr<usbstack::IDevice> pStack(UsbStack().Open(path, &status));
-        if (!pStack) {
-            SetLastError(status == Status::Gone ? ERROR_FILE_NOT_THERE : ErrorOf(status).dwError);
+        std::unique_ptr<usbstack::IDevice> stack(UsbStack().Open(path, &status));
+        if (!stack) {
+            SetLastError(status == Status::Gone ? ERROR_FILE_NOT_THERE : ErrorOf(status).error);
             return INVALID_DEVICE;
         }
-        auto p = std::make_shared<CDevice>(std::move(pStack), "KOVCamera2 camera", m_known.Find(path));
+        auto p = std::make_shared<CDevice>(std::move(stack), "KOVCamera2 camera", m_known.Find(path));
         const MutexLock l(m_mutex);
-        const DeviceHandle h = m_hNext++;  // never used again: an old handle finds nothing
+        const DeviceHandle h = m_next++;  // never used again: an old handle finds nothing
         m_devices.emplace(h, std::move(p));
         SetLastError(ERROR_NONE);
         return h;
@@ -630,16 +630,16 @@ public:
         const std::shared_ptr<CDevice> p = Find(h);
         return p ? p->Claim() : Fail(ERROR_BAD_HANDLE);
     }
-    bool IoControl(DeviceHandle h, uint32_t code, void* pIn, uint32_t dwIn, void* pOut, uint32_t output, uint32_t* pdwBytes,
+    bool IoControl(DeviceHandle h, uint32_t code, void* in, uint32_t inBytes, void* out, uint32_t outBytes, uint32_t* moved,
                    Overlapped* overlapped) override
     {
         const std::shared_ptr<CDevice> p = Find(h);
-        return p ? p->IoControl(code, pIn, dwIn, pOut, output, pdwBytes, overlapped) : Fail(ERROR_BAD_HANDLE);
+        return p ? p->IoControl(code, in, inBytes, out, outBytes, moved, overlapped) : Fail(ERROR_BAD_HANDLE);
     }
-    bool GetResult(DeviceHandle h, Overlapped* overlapped, uint32_t* pdwBytes, bool wait) override
+    bool GetResult(DeviceHandle h, Overlapped* overlapped, uint32_t* moved, bool wait) override
     {
         const std::shared_ptr<CDevice> p = Find(h);
-        return p ? p->GetResult(overlapped, pdwBytes, wait) : Fail(ERROR_BAD_HANDLE);
+        return p ? p->GetResult(overlapped, moved, wait) : Fail(ERROR_BAD_HANDLE);
     }
 
     void Forget() { m_known.Clear(); }
@@ -654,15 +654,15 @@ private:
 
     List Listing()
     {
-        if (t_pLook && *t_pLook)
-            return **t_pLook;
+        if (t_look && *t_look)
+            return **t_look;
         usbstack::IStack& stack = UsbStack();
-        if (m_pListed.exchange(&stack) != &stack)
+        if (m_listed.exchange(&stack) != &stack)
             m_known.Clear();
         List list = stack.Enumerate();
         m_known.Update(list);
-        if (t_pLook)
-            *t_pLook = list;
+        if (t_look)
+            *t_look = list;
         return list;
     }
 
@@ -683,9 +683,9 @@ private:
 
     Mutex m_mutex;
     std::unordered_map<DeviceHandle, std::shared_ptr<CDevice>> m_devices KOV_TSA(guarded_by(m_mutex));
-    DeviceHandle m_hNext KOV_TSA(guarded_by(m_mutex)) = 0x100;
+    DeviceHandle m_next KOV_TSA(guarded_by(m_mutex)) = 0x100;
     DescriptorCache m_known;
-    std::atomic<usbstack::IStack*> m_pListed = nullptr;  // the stack of which m_known tells
+    std::atomic<usbstack::IStack*> m_listed = nullptr;  // the stack of which m_known tells
 };
 
 CAdapter& Adapter()
@@ -695,29 +695,29 @@ CAdapter& Adapter()
     return s_adapter;
 }
 
-thread_local uint32_t t_dwLastError = ERROR_NONE;
-std::atomic<usbstack::IStack*> g_pStack = nullptr;
-std::atomic<IUsbDriver*> g_pDriver = nullptr;
+thread_local uint32_t t_lastError = ERROR_NONE;
+std::atomic<usbstack::IStack*> g_Stack = nullptr;
+std::atomic<IUsbDriver*> g_Driver = nullptr;
 
 // The stack of a plugin in this process, which may have been loaded only now.
 usbstack::IStack* PluginStack()
 {
     static std::atomic<usbstack::PluginEntry> s_entry = nullptr;
-    static std::atomic<double> s_dRate = 1.0;  // the clock's, as far as plugins set it
+    static std::atomic<double> s_rate = 1.0;  // the clock's, as far as plugins set it
     usbstack::PluginEntry entry = s_entry.load();
     if (!entry)
         s_entry = entry = FindPluginEntry();
     const usbstack::Plugin* const p = entry ? entry() : nullptr;
-    const bool usable = p && p->dwVersion == usbstack::PLUGIN_VERSION && p->pStack;
-    const double rate = usable && p->dClockRate > 0 ? p->dClockRate : 1.0;
-    if (s_dRate.exchange(rate) != rate)
+    const bool usable = p && p->version == usbstack::PLUGIN_VERSION && p->stack;
+    const double rate = usable && p->clockRate > 0 ? p->clockRate : 1.0;
+    if (s_rate.exchange(rate) != rate)
         SetClockRate(rate);
-    return usable ? p->pStack : nullptr;
+    return usable ? p->stack : nullptr;
 }
 
 usbstack::IStack* VirtualStack()
 {
-    usbstack::IStack* const p = g_pStack.load(std::memory_order_acquire);
+    usbstack::IStack* const p = g_Stack.load(std::memory_order_acquire);
     return p ? p : PluginStack();
 }
 
@@ -729,9 +729,9 @@ usbstack::IStack& UsbStack()
     return p ? *p : NativeStack();
 }
 
-void SetUsbStack(usbstack::IStack* pStack)
+void SetUsbStack(usbstack::IStack* stack)
 {
-    g_pStack.store(pStack, std::memory_order_release);
+    g_Stack.store(stack, std::memory_order_release);
     Adapter().Forget();
 }
 
@@ -742,24 +742,24 @@ struct BusLook::Listing {
 Patience::Patience(uint32_t ms) { t_patienceMs = ms; }
 Patience::~Patience() { t_patienceMs = 0; }
 
-BusLook::BusLook() : m_pListing(t_pLook ? nullptr : std::make_unique<Listing>())
+BusLook::BusLook() : m_listing(t_look ? nullptr : std::make_unique<Listing>())
 {
-    if (m_pListing)
-        t_pLook = &m_pListing->devices;
+    if (m_listing)
+        t_look = &m_listing->devices;
 }
 
 BusLook::~BusLook()
 {
-    if (m_pListing)
-        t_pLook = nullptr;
+    if (m_listing)
+        t_look = nullptr;
 }
 
-uint32_t LastError() { return t_dwLastError; }
-void SetLastError(uint32_t dwError) { t_dwLastError = dwError; }
+uint32_t LastError() { return t_lastError; }
+void SetLastError(uint32_t error) { t_lastError = error; }
 
 IUsbDriver& UsbDriver()
 {
-    if (IUsbDriver* const p = g_pDriver.load(std::memory_order_acquire))
+    if (IUsbDriver* const p = g_Driver.load(std::memory_order_acquire))
         return *p;
     IUsbDriver* const native = NativeDriver();
     if (native && !VirtualStack())
@@ -767,6 +767,6 @@ IUsbDriver& UsbDriver()
     return Adapter();
 }
 
-void SetUsbDriver(IUsbDriver* p) { g_pDriver.store(p, std::memory_order_release); }
+void SetUsbDriver(IUsbDriver* p) { g_Driver.store(p, std::memory_order_release); }
 
 }  // namespace platform

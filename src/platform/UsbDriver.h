@@ -8,9 +8,9 @@
 namespace platform {
 
 struct Guid {
-    uint32_t dwData1;
-    uint16_t wData2, wData3;
-    uint8_t abData4[8];
+    uint32_t data1;
+    uint16_t data2, data3;
+    uint8_t data4[8];
 };
 static_assert(sizeof(Guid) == 16);
 
@@ -95,8 +95,8 @@ public:
     virtual bool GetResult(DeviceHandle, Overlapped*, uint32_t* moved, bool wait) = 0;
 
     // Arrival and removal notices, for a window handle or for an open device. nullptr on failure.
-    virtual void* RegisterInterfaceNotice(void* hWnd, const void* filter) = 0;
-    virtual void* RegisterHandleNotice(void* hWnd, const void* filter) = 0;
+    virtual void* RegisterInterfaceNotice(void* window, const void* filter) = 0;
+    virtual void* RegisterHandleNotice(void* window, const void* filter) = 0;
     virtual bool UnregisterNotice(void* notice) = 0;
 };
 
@@ -111,7 +111,7 @@ public:
 
 private:
     struct Listing;
-    std::unique_ptr<Listing> m_pListing;  // nullptr inside another one, whose listing counts
+    std::unique_ptr<Listing> m_listing;  // nullptr inside another one, whose listing counts
 };
 
 // While one lives, a control request that its thread begins may be done before the call returns, since the thread waits for

@@ -23,24 +23,24 @@ enum class Speed { Unknown, Full, High, Super };
 
 // A present device. Order of a list: bus number, then port path; it is the same for the same plugs.
 struct DeviceInfo {
-    uint16_t wVendorId = 0, wProductId = 0;
-    uint8_t bBus = 0;
-    uint8_t bAddress = 0;
-    std::string sPortPath;  // "1.4.2"; with the bus it names the socket, not the device
-    std::string sPath;      // opaque name for Open; changes with every plug
+    uint16_t vendorId = 0, productId = 0;
+    uint8_t bus = 0;
+    uint8_t address = 0;
+    std::string portPath;  // "1.4.2"; with the bus it names the socket, not the device
+    std::string path;      // opaque name for Open; changes with every plug
     Speed speed = Speed::Unknown;
 };
 
 // One outstanding bulk request. Owned by the caller, who keeps it and the buffer alive until OnComplete was called.
 struct BulkRequest {
-    uint8_t bEndpoint = 0;
-    uint8_t* pData = nullptr;  // data land here directly
-    uint32_t dwLength = 0;
+    uint8_t endpoint = 0;
+    uint8_t* data = nullptr;  // data land here directly
+    uint32_t length = 0;
     // Called exactly once for every request that SubmitBulk accepted, on the stack's event thread (or inside Abort or
     // the handle's destructor), with the bytes moved. It must not call into the handle and must not block.
-    void (*OnComplete)(BulkRequest* request, Status status, uint32_t dwBytes) = nullptr;
-    void* pContext = nullptr;  // the caller's own
-    void* pStack = nullptr;    // the stack's own
+    void (*OnComplete)(BulkRequest* request, Status status, uint32_t bytes) = nullptr;
+    void* context = nullptr;  // the caller's own
+    void* stack = nullptr;    // the stack's own
 };
 
 // An open device. Calls may come from several threads; control requests are already serialised by the caller.
@@ -49,10 +49,10 @@ class IDevice {
 public:
     virtual ~IDevice() = default;
 
-    // Synchronous control transfer, standard and vendor. dwTimeoutMs 0 waits without limit. Moves at most wLength bytes
-    // from or to pData, by bit 7 of bRequestType; *pdwMoved takes the count, also on failure. Blocks.
-    virtual Status Control(uint8_t bRequestType, uint8_t bRequest, uint16_t wValue, uint16_t wIndex, uint8_t* pData,
-                           uint16_t wLength, uint32_t dwTimeoutMs, uint32_t* pdwMoved) = 0;
+    // Synchronous control transfer, standard and vendor. `timeoutMs` 0 waits without limit. Moves at most `length` bytes
+    // from or to `data`, by bit 7 of `requestType`; *moved takes the count, also on failure. Blocks.
+    virtual Status Control(uint8_t requestType, uint8_t request, uint16_t value, uint16_t index, uint8_t* data, uint16_t length,
+                           uint32_t timeoutMs, uint32_t* moved) = 0;
 
     // Queues a read behind those already queued on this endpoint; they complete in order. Never blocks. On anything but
     // Ok nothing is queued and OnComplete is not called. A stack with a memory limit keeps what exceeds it in order and
@@ -60,12 +60,12 @@ public:
     virtual Status SubmitBulk(BulkRequest* request) = 0;
 
     // Returns when every outstanding request of the endpoint has completed: afterwards nothing writes into a buffer.
-    virtual void Abort(uint8_t bEndpoint) = 0;
+    virtual void Abort(uint8_t endpoint) = 0;
 
     // Clears a halt. Requests still outstanding are cancelled first.
-    virtual Status ResetPipe(uint8_t bEndpoint) = 0;
+    virtual Status ResetPipe(uint8_t endpoint) = 0;
 
-    virtual void SetTransferSize(uint8_t bEndpoint, uint32_t dwSize) = 0;  // hint of the largest single request
+    virtual void SetTransferSize(uint8_t endpoint, uint32_t size) = 0;  // hint of the largest single request
     virtual Status ResetPort() = 0;  // resets the device in place; outstanding requests are cancelled
     virtual Status CyclePort() = 0;  // the device re-enumerates; the handle is stale afterwards
     virtual Speed GetSpeed() = 0;
@@ -89,9 +89,9 @@ class IStack {
 public:
     virtual ~IStack() = default;
     virtual std::vector<DeviceInfo> Enumerate() = 0;  // all present devices of the vendor 0x0E5A
-    // The caller owns the result. nullptr: *pStatus tells why. Opening takes nothing away from another process that uses
+    // The caller owns the result. nullptr: *status tells why. Opening takes nothing away from another process that uses
     // the device (Claim does); the handles of one process share it.
-    virtual IDevice* Open(const std::string& sPath, Status* pStatus) = 0;
+    virtual IDevice* Open(const std::string& path, Status* status) = 0;
 };
 
 #if defined(_WIN32)
@@ -105,9 +105,9 @@ public:
 // change while no device is open. On Windows the library looks in the program itself and in kovsim.dll, if that is loaded.
 inline constexpr uint32_t PLUGIN_VERSION = 2;  // of these classes; a library takes no other than its own
 struct Plugin {
-    uint32_t dwVersion;  // PLUGIN_VERSION
-    IStack* pStack;      // lives until every device of it has been closed and the entry tells another
-    double dClockRate;   // how many times faster than real time the library's clock is to run
+    uint32_t version;  // PLUGIN_VERSION
+    IStack* stack;     // lives until every device of it has been closed and the entry tells another
+    double clockRate;  // how many times faster than real time the library's clock is to run
 };
 using PluginEntry = const Plugin* (*)();
 

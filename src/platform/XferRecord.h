@@ -9,18 +9,18 @@ struct SetupPacket {
     uint16_t wValue;
     uint16_t wIndex;
     uint16_t wLength;
-    uint32_t dwTimeout;  // seconds
+    uint32_t timeout;  // seconds
 };
 struct XferRecord {
     SetupPacket setup;  // control only
-    uint8_t bReserved;
+    uint8_t reserved;
     uint8_t bEndpointAddress;  // 0 for control
-    uint32_t dwNtStatus;       // filled by the driver
-    uint32_t dwUsbdStatus;     // filled by the driver
-    uint32_t dwIsoPacketOffset;
-    uint32_t dwIsoPacketLength;  // bytes, 8 a packet
-    uint32_t dwBufferOffset;     // 38 when data follow, 0 for direct transfers
-    uint32_t dwBufferLength;
+    uint32_t ntStatus;       // filled by the driver
+    uint32_t usbdStatus;     // filled by the driver
+    uint32_t isoPacketOffset;
+    uint32_t isoPacketLength;  // bytes, 8 a packet
+    uint32_t bufferOffset;     // 38 when data follow, 0 for direct transfers
+    uint32_t bufferLength;
 };
 #pragma pack(pop)
 static_assert(sizeof(SetupPacket) == 12 && sizeof(XferRecord) == 38);

@@ -48,7 +48,7 @@ template <class Base>
 bool CFpgaModel<Base>::SetStartPos(int x, int y)
 {
     model::TakeStart(*this, RoundX(std::max(x, 0)), std::max(y, 0) & ~1);
-    model::FitTables(*this, this->m_Traits);
+    model::FitTables(*this, this->m_traits);
     WriteStart(this->m_iStartX, this->m_iStartY);
     return true;
 }
@@ -56,15 +56,15 @@ bool CFpgaModel<Base>::SetStartPos(int x, int y)
 template <class Base>
 bool CFpgaModel<Base>::WriteStart(int x, int y)
 {
-    return WriteHeld({ { m_Fpga.regs.wLeft, uint32_t(x), 2 }, { m_Fpga.regs.wTop, uint32_t(y), 2 } });
+    return WriteHeld({ { m_fpga.regs.left, uint32_t(x), 2 }, { m_fpga.regs.top, uint32_t(y), 2 } });
 }
 
 template <class Base>
 bool CFpgaModel<Base>::SetBrightness(int value)
 {
     this->m_iBrightness = value;
-    Write8(static_cast<uint16_t>(m_Fpga.regs.wBlack + 1), uint32_t(value) >> 8);  // the high byte goes first
-    return Write8(m_Fpga.regs.wBlack, uint32_t(value));
+    Write8(static_cast<uint16_t>(m_fpga.regs.black + 1), uint32_t(value) >> 8);  // the high byte goes first
+    return Write8(m_fpga.regs.black, uint32_t(value));
 }
 
 template <class Base>
@@ -74,10 +74,10 @@ bool CFpgaModel<Base>::SetFPSPerc(int percent, bool autoMode)
         return false;
     this->TakePercentage(percent, autoMode, AutoPerc());
 
-    const int32_t budget = this->m_iFPSPerc * m_Vars.iBandwidthUnit;
+    const int32_t budget = this->m_iFPSPerc * m_vars.bandwidthUnit;
     const float fps = float(budget) * 10.0f / float(this->m_bOutput16Bits + 1) / float(SensorH()) / float(SensorW());
-    const float lineTime = 1e6f / fps / float(SensorLines() + m_Fpga.iVBlank);
-    this->m_iHMAX = std::min(std::max(LineFromTime(lineTime), m_Vars.iMinHMAX.load()), 65535);
+    const float lineTime = 1e6f / fps / float(SensorLines() + m_fpga.vBlank);
+    this->m_iHMAX = std::min(std::max(LineFromTime(lineTime), m_vars.minHmax.load()), 65535);
     WriteHMAX();
     AfterSetFPS();
     this->CalcMaxFPS();
@@ -167,11 +167,11 @@ float CFpgaModel<Base>::MaxFPSNow()
 template <class Base>
 void CFpgaModel<Base>::CalcMaxFPS()
 {
-    if (m_Fpga.lFPSLimit != 0 && this->m_lExposure >= m_Fpga.lFPSLimit)
+    if (m_fpga.fpsLimit != 0 && this->m_lExposure >= m_fpga.fpsLimit)
         return;
     const float fps = MaxFPSNow();
     this->m_fMaxFPS = fps;
-    const int bytes = m_Fpga.bRateCounts16Bits && this->m_bOutput16Bits ? 2 : 1;
+    const int bytes = m_fpga.rateCounts16Bits && this->m_bOutput16Bits ? 2 : 1;
     this->m_fMaxDataRate = float(bytes * SensorW() * SensorH()) * fps / 1e6f;
 }
 
@@ -199,10 +199,10 @@ bool CFpgaModel<Base>::WriteFpga(uint16_t reg, uint32_t value, int n)
 template <class Base>
 bool CFpgaModel<Base>::WriteHeld(std::initializer_list<RegBytes> writes)
 {
-    Write8(m_Fpga.regs.wHold, 1);
+    Write8(m_fpga.regs.hold, 1);
     for (const RegBytes& w : writes)
-        WriteBytes(w.wReg, w.lValue, w.n);
-    return Write8(m_Fpga.regs.wHold, 0);
+        WriteBytes(w.reg, w.value, w.n);
+    return Write8(m_fpga.regs.hold, 0);
 }
 
 template class CFpgaModel<CCameraBase>;

@@ -36,33 +36,33 @@ enum FpgaRun : uint8_t {
 
 // Shared by all cameras of one class, as the field's hosts know it: the last camera that changed its mode decides.
 struct ClassVars {
-    std::atomic<int32_t> iBandwidthUnit;   // bytes a second at one percent, divided by 10
-    std::atomic<int32_t> iMinHMAX;         // smallest line length of the sensor mode, clocks
-    std::atomic<int32_t> iSavedHMAX{ 0 };  // Lapis: line length before a long exposure
+    std::atomic<int32_t> bandwidthUnit;   // bytes a second at one percent, divided by 10
+    std::atomic<int32_t> minHmax;         // smallest line length of the sensor mode, clocks
+    std::atomic<int32_t> savedHmax{ 0 };  // Lapis: line length before a long exposure
 };
 
 // Where a sensor with byte registers keeps what most families write alike. 0: the family writes it itself.
 struct SensorRegs {
-    uint16_t wHold = 0;            // 1 keeps writes back until 0
-    uint16_t wLeft = 0, wTop = 0;  // start of the window, 2 bytes each
-    uint16_t wBlack = 0;           // 2 bytes
+    uint16_t hold = 0;           // 1 keeps writes back until 0
+    uint16_t left = 0, top = 0;  // start of the window, 2 bytes each
+    uint16_t black = 0;          // 2 bytes
 };
 
 // Consecutive byte registers of the sensor, low byte first.
 struct RegBytes {
-    uint16_t wReg;
-    uint32_t lValue;
+    uint16_t reg;
+    uint32_t value;
     int n = 1;
 };
 
 // One row a family.
 struct FpgaTraits {
-    int iVBlank;                   // lines that a frame needs beyond the picture
-    int32_t iUnitUSB2, iUnitUSB3;  // iBandwidthUnit by host port
-    int32_t iClockFloor;           // below it a slow long-exposure clock runs and bandwidth is left alone
-    int iAutoPercUSB3;             // bandwidth on auto; 80 on a USB 2 host everywhere
-    uint64_t lFPSLimit;            // us; CalcMaxFPS only below it, 0: always
-    bool bRateCounts16Bits;        // the data rate counts two bytes a pixel in 16-bit mode
+    int vBlank;                  // lines that a frame needs beyond the picture
+    int32_t unitUsb2, unitUsb3;  // bandwidthUnit by host port
+    int32_t clockFloor;          // below it a slow long-exposure clock runs and bandwidth is left alone
+    int autoPercUsb3;            // bandwidth on auto; 80 on a USB 2 host everywhere
+    uint64_t fpsLimit;           // us; CalcMaxFPS only below it, 0: always
+    bool rateCounts16Bits;       // the data rate counts two bytes a pixel in 16-bit mode
     SensorRegs regs = {};
 };
 
@@ -70,7 +70,7 @@ template <class Base>
 class CFpgaModel : public CModel<Base> {
 public:
     CFpgaModel(const ModelTraits& t, const FpgaTraits& f, ClassVars& v, void* handle)
-        : CModel<Base>(t, handle), m_Fpga(f), m_Vars(v)
+        : CModel<Base>(t, handle), m_fpga(f), m_vars(v)
     {
     }
 
@@ -107,7 +107,7 @@ protected:
     virtual int HardSizeFactor() const { return 1; }       // the sensor sends that many times m_iWidth then
     virtual int SensorLines() const { return SensorH(); }  // lines in the frame-length sum
     virtual float MaxFPSNow();                             // frames a second for CalcMaxFPS
-    virtual int32_t ClockFloor() const { return m_Fpga.iClockFloor; }
+    virtual int32_t ClockFloor() const { return m_fpga.clockFloor; }
     virtual FpgaReg RedGain() const { return FPGA_GAIN_A; }
     virtual FpgaReg BlueGain() const { return FPGA_GAIN_D; }
     virtual bool BalanceHolds() const { return true; }  // white balance is written inside an FPGA hold
@@ -119,12 +119,12 @@ protected:
     bool InHardBin2() const { return this->m_bHardwareBin && this->m_iBin == 2; }
     // The same where hardware binning serves every bin at which it matters.
     bool InHardBin() const { return this->m_bHardwareBin && BinMatters(); }
-    int AutoPerc() const { return this->m_bUSB3Host ? m_Fpga.iAutoPercUSB3 : 80; }
+    int AutoPerc() const { return this->m_bUSB3Host ? m_fpga.autoPercUsb3 : 80; }
     // First step of SetOutput16Bits.
     void TakeOutput16Bits(bool on)
     {
         this->m_bOutput16Bits = on;
-        m_Vars.iBandwidthUnit = this->m_bUSB3Host ? m_Fpga.iUnitUSB3 : m_Fpga.iUnitUSB2;
+        m_vars.bandwidthUnit = this->m_bUSB3Host ? m_fpga.unitUsb3 : m_fpga.unitUsb2;
     }
     // Consecutive byte registers, low byte first.
     bool WriteBytes(uint16_t reg, uint32_t value, int n);
@@ -157,9 +157,9 @@ protected:
     }
     // Enters or leaves the long-exposure mode by m_lExposure.
     // QUIRK: the mode goes to sensor byte 0 here, to FPGA register 0 when streaming starts.
-    void SwitchLongExp(uint64_t lFrom, uint8_t longMode)
+    void SwitchLongExp(uint64_t from, uint8_t longMode)
     {
-        if (this->m_lExposure >= lFrom) {
+        if (this->m_lExposure >= from) {
             if (!this->m_bLongExp) {
                 Write8(0, longMode);
                 this->m_bLongExp = true;
@@ -179,13 +179,13 @@ protected:
     // Frames a second from clock and line length.
     float FPSFromLine(int lines) const
     {
-        return float(this->m_iCMOSClk) * 1000.0f / float(this->m_iHMAX * (lines + m_Fpga.iVBlank));
+        return float(this->m_iCMOSClk) * 1000.0f / float(this->m_iHMAX * (lines + m_fpga.vBlank));
     }
     // Line time in us, rounded to single precision at every step.
     float LineTime() const { return float(this->m_iHMAX) * 1000.0f / float(this->m_iCMOSClk); }
 
-    const FpgaTraits& m_Fpga;
-    ClassVars& m_Vars;
+    const FpgaTraits& m_fpga;
+    ClassVars& m_vars;
 };
 
 // Truncates like the processor's own conversion; out of range gives the most negative number instead of undefined.

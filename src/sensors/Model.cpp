@@ -14,84 +14,84 @@ namespace model {
 
 void ApplyTraits(CCameraBase& cam, const ModelTraits& t, void* handle)
 {
-    cam.ReplaceLink(new CUsbLink(handle, platform::g_InterfaceGuids[t.iGuidSlot - 1], true));
+    cam.ReplaceLink(new CUsbLink(handle, platform::g_InterfaceGuids[t.guidSlot - 1], true));
 
-    cam.m_iFPSMin = cam.m_iBandwidthMin = t.iBandwidthMin;
-    cam.m_iFPSMax = cam.m_iBandwidthMax = t.iBandwidthMax;
-    cam.m_iMaxExposure = t.iMaxExposure;
-    cam.m_bBandwidthAuto = t.wCaps & CAP_BANDWIDTH_AUTO;
-    cam.m_bIsColor = t.bColor;
-    cam.m_dPixelSize = t.dPixelSize;
+    cam.m_iFPSMin = cam.m_iBandwidthMin = t.bandwidthMin;
+    cam.m_iFPSMax = cam.m_iBandwidthMax = t.bandwidthMax;
+    cam.m_iMaxExposure = t.maxExposure;
+    cam.m_bBandwidthAuto = t.caps & CAP_BANDWIDTH_AUTO;
+    cam.m_bIsColor = t.isColor;
+    cam.m_dPixelSize = t.pixelSize;
     cam.m_ColorBayer = t.bayer;
-    cam.m_pszName = t.szName;
-    cam.m_bUSB3Camera = t.bUSB3;
-    cam.m_fElecPerADU = t.fElecPerADU;
-    cam.m_iPropA = t.iPropA;
-    cam.m_iPropB = t.iPropB;
-    cam.m_iPropC = t.iPropC;
-    cam.m_iPropD = t.iPropD;
-    cam.m_bDDR = t.bDDR;
-    std::copy(std::begin(t.aBins), std::end(t.aBins), cam.m_szBins);
+    cam.m_pszName = t.name;
+    cam.m_bUSB3Camera = t.isUsb3;
+    cam.m_fElecPerADU = t.elecPerADU;
+    cam.m_iPropA = t.propA;
+    cam.m_iPropB = t.propB;
+    cam.m_iPropC = t.propC;
+    cam.m_iPropD = t.propD;
+    cam.m_bDDR = t.isDdr;
+    std::copy(std::begin(t.bins), std::end(t.bins), cam.m_szBins);
 
     cam.m_bHasGain = cam.m_bHasExposure = cam.m_bHasGamma = true;
-    cam.m_bHasBrightness = t.wCaps & CAP_BRIGHTNESS;
-    cam.m_bHasBandwidth = t.wCaps & CAP_BANDWIDTH;
-    cam.m_bHasWB_R = t.wCaps & CAP_WB_R;
-    cam.m_bHasWB_B = t.wCaps & CAP_WB_B;
-    cam.m_bHasOverCLK = t.wCaps & CAP_OVERCLK;
-    cam.m_bHasTemperature = t.wCaps & CAP_TEMPERATURE;
-    cam.m_bHasFlip = t.wCaps & CAP_FLIP;
-    cam.m_bHasAuto = t.wCaps & CAP_AUTO;
-    cam.m_bImgRAW8 = t.bTypes & TYPE_RAW8;
-    cam.m_bImgRGB24 = t.bTypes & TYPE_RGB24;
-    cam.m_bImgY8 = t.bTypes & TYPE_Y8;
-    cam.m_bImgRAW16 = t.bTypes & TYPE_RAW16;
+    cam.m_bHasBrightness = t.caps & CAP_BRIGHTNESS;
+    cam.m_bHasBandwidth = t.caps & CAP_BANDWIDTH;
+    cam.m_bHasWB_R = t.caps & CAP_WB_R;
+    cam.m_bHasWB_B = t.caps & CAP_WB_B;
+    cam.m_bHasOverCLK = t.caps & CAP_OVERCLK;
+    cam.m_bHasTemperature = t.caps & CAP_TEMPERATURE;
+    cam.m_bHasFlip = t.caps & CAP_FLIP;
+    cam.m_bHasAuto = t.caps & CAP_AUTO;
+    cam.m_bImgRAW8 = t.types & TYPE_RAW8;
+    cam.m_bImgRGB24 = t.types & TYPE_RGB24;
+    cam.m_bImgY8 = t.types & TYPE_Y8;
+    cam.m_bImgRAW16 = t.types & TYPE_RAW16;
 
-    cam.m_iGainMin = t.gain.iMin;
-    cam.m_iGainMax = t.gain.iMax;
-    cam.m_iGain = cam.m_iGainDef = t.gain.iDef;
-    cam.m_iExpMin = t.exposure.iMin;
-    cam.m_iExpMax = t.exposure.iMax;
-    cam.m_iExpDef = t.exposure.iDef;
-    cam.m_lExposure = static_cast<uint64_t>(t.exposure.iDef);
+    cam.m_iGainMin = t.gain.min;
+    cam.m_iGainMax = t.gain.max;
+    cam.m_iGain = cam.m_iGainDef = t.gain.def;
+    cam.m_iExpMin = t.exposure.min;
+    cam.m_iExpMax = t.exposure.max;
+    cam.m_iExpDef = t.exposure.def;
+    cam.m_lExposure = static_cast<uint64_t>(t.exposure.def);
     cam.m_iGammaMin = 1;
     cam.m_iGammaMax = 100;
     cam.m_iGamma = cam.m_iGammaDef = 50;
-    cam.m_iWB_R = cam.m_iWB_RDef = t.iWB_R;
-    cam.m_iWB_B = cam.m_iWB_BDef = t.iWB_B;
-    cam.m_iWBMin = t.iWBMin;
-    cam.m_iWBMax = t.iWBMax;
-    cam.m_iBrightMin = t.brightness.iMin;
-    cam.m_iBrightMax = t.brightness.iMax;
-    cam.m_iBrightness = cam.m_iBrightDef = t.brightness.iDef;
-    cam.m_iFPSPerc = t.iFPSPerc;
-    cam.m_iFPSPercUSB3 = t.iFPSPercUSB3;
-    cam.m_iCMOSClk = t.iClk;
-    cam.m_iHMAX = t.iHMAX;
-    if (t.iAutoGainMax != 0)
-        cam.m_iAutoGainMax = t.iAutoGainMax;
-    if (t.iAutoExpMaxCap >= 0)
-        cam.m_iAutoExpMax = std::min<int32_t>(cam.m_iAutoExpMax, t.iAutoExpMaxCap);
-    cam.m_bHardwareBin = (t.bStart & START_HARDWARE_BIN) != 0;
-    cam.m_bHighSpeed = (t.bStart & START_HIGH_SPEED) != 0;
-    cam.m_bAutoFPS = (t.bStart & START_AUTO_FPS) != 0;
+    cam.m_iWB_R = cam.m_iWB_RDef = t.wbR;
+    cam.m_iWB_B = cam.m_iWB_BDef = t.wbB;
+    cam.m_iWBMin = t.wbMin;
+    cam.m_iWBMax = t.wbMax;
+    cam.m_iBrightMin = t.brightness.min;
+    cam.m_iBrightMax = t.brightness.max;
+    cam.m_iBrightness = cam.m_iBrightDef = t.brightness.def;
+    cam.m_iFPSPerc = t.fpsPerc;
+    cam.m_iFPSPercUSB3 = t.fpsPercUsb3;
+    cam.m_iCMOSClk = t.clock;
+    cam.m_iHMAX = t.hmax;
+    if (t.autoGainMax != 0)
+        cam.m_iAutoGainMax = t.autoGainMax;
+    if (t.autoExpMaxCap >= 0)
+        cam.m_iAutoExpMax = std::min<int32_t>(cam.m_iAutoExpMax, t.autoExpMaxCap);
+    cam.m_bHardwareBin = (t.start & START_HARDWARE_BIN) != 0;
+    cam.m_bHighSpeed = (t.start & START_HIGH_SPEED) != 0;
+    cam.m_bAutoFPS = (t.start & START_AUTO_FPS) != 0;
     cam.m_bOpen = false;
     cam.m_iDroppedFrames = 0;
 }
 
 void FinishConstruction(CCameraBase& cam, const ModelTraits& t)
 {
-    cam.LoadSetting(t.szKey);
+    cam.LoadSetting(t.key);
     cam.SetRGBBalance(cam.m_iWB_R, cam.m_iWB_B, cam.m_bAutoWB);
 
     cam.m_iNumOfControls = 0;
-    for (const int8_t control : t.aControls) {
+    for (const int8_t control : t.controls) {
         if (control < 0)
             break;
         cam.m_ControlList[cam.m_iNumOfControls++] = control;
     }
-    cam.m_bIsCooler = t.bCooler;
-    for (const PhaseRow& row : t.aPhase) {
+    cam.m_bIsCooler = t.hasCooler;
+    for (const PhaseRow& row : t.phases) {
         if (row.bin == 0)
             break;
         int8_t* p = cam.m_pTable80 + 16 * row.bin;
@@ -137,12 +137,12 @@ bool OpenCamera(CCameraBase& cam, IModel& m, int deviceIndex)
     const ProductName* found = nullptr;
     for (int i = 0; i < n && found == nullptr; ++i) {
         link->Open(static_cast<uint8_t>(i));  // false also for a damaged configuration; the IDs are known then
-        if (link->m_wVendorId != platform::CAMERA_VENDOR_ID)
+        if (link->m_vendorId != platform::CAMERA_VENDOR_ID)
             continue;
-        for (const ProductName& p : t.aProducts) {
-            if (p.wProductId == 0)
+        for (const ProductName& p : t.products) {
+            if (p.productId == 0)
                 break;
-            if (p.wProductId == link->m_wProductId && ++matches == deviceIndex)
+            if (p.productId == link->m_productId && ++matches == deviceIndex)
                 found = &p;
         }
     }
@@ -152,8 +152,8 @@ bool OpenCamera(CCameraBase& cam, IModel& m, int deviceIndex)
         cam.m_bOpen = false;
         return false;
     }
-    if (found->szName != nullptr)
-        cam.m_pszName = found->szName;
+    if (found->name != nullptr)
+        cam.m_pszName = found->name;
     if (!link->Claim()) {  // another program has it: nothing is sent to a camera that is in use
         KOV_LOG(Warn, "%s cannot be taken, error %u: close the program that uses it, or allow the user to access USB devices",
                 cam.m_pszName, link->m_uLastError);
@@ -169,7 +169,7 @@ bool CloseCamera(CCameraBase& cam, CCameraCool* cool, const ModelTraits& t, Capt
     if (!cam.HasLink() && !s.IsCapturing())  // a reconnection of the capture thread has none for a while
         return false;
     if (cam.m_bSnapMode)
-        cam.SaveSetting(t.szKey);
+        cam.SaveSetting(t.key);
     cam.StopCapture();
     if (cool != nullptr && cool->m_bTempThrRun)
         cool->StopAutoTempThr();
@@ -178,17 +178,17 @@ bool CloseCamera(CCameraBase& cam, CCameraCool* cool, const ModelTraits& t, Capt
     s.Wait(platform::WAIT_FOREVER);
     platform::FlushSettings();
 
-    if ((t.bClose & CLOSE_LINK) && cam.m_bOpen)
+    if ((t.close & CLOSE_LINK) && cam.m_bOpen)
         cam.m_pUsbLink->Close();
     cam.m_bOpen = false;
     // QUIRK: the classes that keep the pointer can be closed twice with success. Where only the pointer is given up,
     // the device is let go all the same: nothing could ever close it later.
-    if (t.bClose & CLOSE_CLEARS_POINTER)
+    if (t.close & CLOSE_CLEARS_POINTER)
         cam.ReplaceLink(nullptr);
     return true;
 }
 
-static bool TracesCapture(const ModelTraits& t) { return t.family == Family::Garnet && !t.bColor; }
+static bool TracesCapture(const ModelTraits& t) { return t.family == Family::Garnet && !t.isColor; }
 
 bool StartCapture(CCameraBase& cam, const ModelTraits& t, CaptureSession& s, bool snap)
 {
@@ -212,7 +212,7 @@ bool StopCapture(CCameraBase& cam, const ModelTraits& t, CaptureSession& s)
         TraceLine("stop capture\n");
     cam.m_bStopping = true;
     if (!cam.m_bSnapMode)
-        cam.SaveSetting(t.szKey);
+        cam.SaveSetting(t.key);
     s.Stop();
     if (TracesCapture(t))
         TraceLine(">> wait Working thread exit\n");
@@ -257,9 +257,9 @@ bool UpdateFirmware(CCameraBase& cam, const ModelTraits& t, const uint8_t* image
     cam.ReplaceLink(nullptr);
     // QUIRK: the first device of the interface is opened again, whichever it was before: with two cameras of one model
     // the object may land on the other one.
-    for (int iTry = 0; iTry < 2; ++iTry) {
+    for (int attempt = 0; attempt < 2; ++attempt) {
         platform::SleepMs(1000);
-        auto link = std::make_unique<CUsbLink>(nullptr, platform::g_InterfaceGuids[t.iGuidSlot - 1], false);
+        auto link = std::make_unique<CUsbLink>(nullptr, platform::g_InterfaceGuids[t.guidSlot - 1], false);
         if (link->Open(0) && link->Claim()) {  // another program may hold the one that comes first
             cam.ReplaceLink(link.release());
             ReadFirmwareVer(cam);
@@ -274,10 +274,10 @@ template <class Write>
 static void RunTable(std::span<const RegEntry> table, Write write)
 {
     for (const RegEntry& e : table) {
-        if (e.wAddress == REG_DELAY)
+        if (e.address == REG_DELAY)
             platform::SleepMs(e.wValue);
         else
-            write(e.wAddress, e.wValue);
+            write(e.address, e.wValue);
     }
 }
 
@@ -319,7 +319,7 @@ void FitTables(CCameraBase& cam, const ModelTraits& t)
 {
     if (cam.m_bUsingDark)
         FitDarkFrame(cam);
-    if (t.bUSB3 && cam.m_bHPCEnable)
+    if (t.isUsb3 && cam.m_bHPCEnable)
         FitHotPixels(cam);
 }
 

@@ -51,16 +51,16 @@ template <class Base>
 class CModel : public Base, public IModel {
 public:
     // handle: a window that is to hear of arrivals and removals, or nullptr.
-    CModel(const ModelTraits& t, void* handle) : Base(t.iWidth, t.iHeight), m_Traits(t), m_Session(*this, *this)
+    CModel(const ModelTraits& t, void* handle) : Base(t.width, t.height), m_traits(t), m_session(*this, *this)
     {
         model::ApplyTraits(*this, t, handle);
     }
 
-    const ModelTraits& Traits() const override { return m_Traits; }
+    const ModelTraits& Traits() const override { return m_traits; }
     bool OpenCamera(int deviceIndex) override { return model::OpenCamera(*this, *this, deviceIndex); }
-    bool CloseCamera() override { return model::CloseCamera(*this, Cool(), m_Traits, m_Session); }
-    bool StartCapture(bool snap) override { return model::StartCapture(*this, m_Traits, m_Session, snap); }
-    bool StopCapture() override { return model::StopCapture(*this, m_Traits, m_Session); }
+    bool CloseCamera() override { return model::CloseCamera(*this, Cool(), m_traits, m_session); }
+    bool StartCapture(bool snap) override { return model::StartCapture(*this, m_traits, m_session, snap); }
+    bool StopCapture() override { return model::StopCapture(*this, m_traits, m_session); }
     bool GetImage(uint8_t* buffer, int size, uint32_t waitMs) override
     {
         return DeliverImage(*this, *this, buffer, size, waitMs);
@@ -68,44 +68,44 @@ public:
 
 protected:
     // Last step of every constructor; needs the virtual operations of the whole family.
-    void FinishConstruction() { model::FinishConstruction(*this, m_Traits); }
+    void FinishConstruction() { model::FinishConstruction(*this, m_traits); }
     // First step of every destructor: threads must end, and a host that waits for a frame must leave, while the class is
     // still whole. Saves and closes, unless the C interface owns the object and has closed it already.
     void Shutdown()
     {
-        if (!this->m_bOwnedByFrame) {
+        if (!this->m_ownedByFrame) {
             if (Cool() == nullptr)
-                this->SaveSetting(m_Traits.szKey);
+                this->SaveSetting(m_traits.key);
             CloseCamera();
         }
-        if (CCameraCool* pCool = Cool())
-            pCool->StopAutoTempThr();
-        m_Session.Stop();
-        m_Session.Wait(platform::WAIT_FOREVER);
+        if (CCameraCool* cool = Cool())
+            cool->StopAutoTempThr();
+        m_session.Stop();
+        m_session.Wait(platform::WAIT_FOREVER);
         this->m_pFrameExchange->Shut();
     }
     // First steps of the setters: what the host asks for, within the limits of the row, is stored.
     int TakeGain(int gain, bool autoMode)
     {
         this->m_bAutoGain = autoMode;
-        return this->m_iGain = std::clamp(gain, m_Traits.gain.iMin, m_Traits.gain.iMax);
+        return this->m_iGain = std::clamp(gain, m_traits.gain.min, m_traits.gain.max);
     }
     void TakeExp(uint64_t microseconds, bool autoMode)
     {
         this->m_bAutoExp = autoMode;
-        const Range& r = m_Traits.exposure;
-        this->m_lExposure = std::clamp(microseconds, uint64_t(r.iMin), uint64_t(r.iMax));
+        const Range& r = m_traits.exposure;
+        this->m_lExposure = std::clamp(microseconds, uint64_t(r.min), uint64_t(r.max));
     }
     void TakeBalance(int red, int blue, bool autoMode)
     {
-        this->m_iWB_R = std::clamp(red, m_Traits.iWBMin, m_Traits.iWBMax);
-        this->m_iWB_B = std::clamp(blue, m_Traits.iWBMin, m_Traits.iWBMax);
+        this->m_iWB_R = std::clamp(red, m_traits.wbMin, m_traits.wbMax);
+        this->m_iWB_B = std::clamp(blue, m_traits.wbMin, m_traits.wbMax);
         this->m_bAutoWB = autoMode;
     }
     // QUIRK: on the switch to auto the argument is ignored; while auto is on, it is taken.
     void TakePercentage(int percent, bool autoMode, int autoPercent)
     {
-        const int taken = std::clamp(percent, m_Traits.iBandwidthMin, m_Traits.iBandwidthMax);
+        const int taken = std::clamp(percent, m_traits.bandwidthMin, m_traits.bandwidthMax);
         this->m_iFPSPerc = !autoMode || this->m_bAutoFPS ? taken : autoPercent;
         this->m_bAutoFPS = autoMode;
     }
@@ -117,10 +117,10 @@ protected:
         else
             return nullptr;
     }
-    const ModelTraits& m_Traits;
+    const ModelTraits& m_traits;
 
 private:
-    CaptureSession m_Session;
+    CaptureSession m_session;
 };
 
 // A family that is built to the end.

@@ -3,7 +3,7 @@
 #include <cstdint>
 
 struct RegEntry {
-    uint16_t wAddress, wValue;
+    uint16_t address, wValue;
 };
 static_assert(sizeof(RegEntry) == 4);
 constexpr uint16_t REG_DELAY = 0xFFFF;

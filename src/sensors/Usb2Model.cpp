@@ -16,8 +16,8 @@ bool CUsb2Model::SetStartPos(int x, int y)
 
 int32_t CUsb2Model::GetRealImageSize()
 {
-    const int iBin = m_bHardwareBin ? 1 : m_iBin.Get();  // only a stored setting sets the flag on these cameras
-    return m_iWidth * m_iHeight * iBin * iBin * BytesPerPixel();
+    const int bin = m_bHardwareBin ? 1 : m_iBin.Get();  // only a stored setting sets the flag on these cameras
+    return m_iWidth * m_iHeight * bin * bin * BytesPerPixel();
 }
 
 bool CUsb2Model::TakeRegion(int width, int height, int bin, IMAGE_TYPE type, int unit)
@@ -79,5 +79,5 @@ bool CUsb2Model::UpdateTo(uint8_t needed, FirmwareId id)
     const FirmwareImage image = loader ? FindFirmware(id) : FirmwareImage{};
     // QUIRK: a bridge that does not answer counts as version 1. Cobalt and Iolite that lost their firmware in an update
     // are therefore opened as they are and never updated again.
-    return model::UpdateFirmware(*this, m_Traits, image.pData, image.iSize, needed);
+    return model::UpdateFirmware(*this, m_traits, image.data, image.size, needed);
 }

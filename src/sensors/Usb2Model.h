@@ -27,7 +27,7 @@ protected:
     // Tests a region against the sensor and against `unit` (the area on the sensor is a multiple of it), stores it and
     // centres it. False: nothing is stored.
     bool TakeRegion(int width, int height, int bin, IMAGE_TYPE type, int unit);
-    void FitTables() { model::FitTables(*this, m_Traits); }
+    void FitTables() { model::FitTables(*this, m_traits); }
     // Puts the centred region on even coordinates, so that a colour window begins on a cell, and fits the dark frame to it.
     void PlaceRegion();
     // Last part of SetResolution: the region and its format to the camera, and once more when the host times the

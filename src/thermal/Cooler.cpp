@@ -9,7 +9,7 @@ namespace thermal {
 namespace {
 
 struct DACurrentRow {
-    double dDA, dCurrent;  // a lower code drives more current; 255 is off
+    double da, current;  // a lower code drives more current; 255 is off
 };
 
 // Currents in ampere. How the pairs were found is not known.
@@ -32,10 +32,10 @@ double LookUp(double x)
             std::fabs(static_cast<float>(x - (a.*From + b.*From) * 0.5)))
             return (x - a.*From) * (b.*To - a.*To) / (b.*From - a.*From) + a.*To;
     }
-    const auto* const pNearest =
+    const auto* const nearest =
         std::min_element(std::begin(g_DACurrentTable), std::end(g_DACurrentTable),
                          [x](const auto& a, const auto& b) { return std::fabs(x - a.*From) < std::fabs(x - b.*From); });
-    return pNearest->*To;
+    return nearest->*To;
 }
 
 template <double DACurrentRow::*Column>
@@ -48,15 +48,15 @@ Span SpanOf()
 
 }  // namespace
 
-Span CodeSpan() { return SpanOf<&DACurrentRow::dDA>(); }
-Span CurrentSpan() { return SpanOf<&DACurrentRow::dCurrent>(); }
-double CodeOfCurrent(double current) { return LookUp<&DACurrentRow::dCurrent, &DACurrentRow::dDA>(current); }
-double CurrentOfCode(double code) { return LookUp<&DACurrentRow::dDA, &DACurrentRow::dCurrent>(code); }
+Span CodeSpan() { return SpanOf<&DACurrentRow::da>(); }
+Span CurrentSpan() { return SpanOf<&DACurrentRow::current>(); }
+double CodeOfCurrent(double current) { return LookUp<&DACurrentRow::current, &DACurrentRow::da>(current); }
+double CurrentOfCode(double code) { return LookUp<&DACurrentRow::da, &DACurrentRow::current>(code); }
 
 float RegulatorOutput(const RegulatorGains& gains, float error, float lastError, float integral)
 {
-    const float fD = lastError == NO_ERROR_YET ? 0.0f : (error - lastError) * gains.fKd;
-    return integral * gains.fKi + error * gains.fKp + fD;
+    const float change = lastError == NO_ERROR_YET ? 0.0f : (error - lastError) * gains.fKd;
+    return integral * gains.fKi + error * gains.fKp + change;
 }
 
 bool IsPlausible(float before, float now, float milliseconds)

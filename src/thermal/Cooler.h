@@ -4,7 +4,7 @@
 namespace thermal {
 
 struct Span {
-    float fMin, fMax;
+    float min, max;
 };
 Span CodeSpan();     // 8-bit output codes; the higher the code, the lower the current
 Span CurrentSpan();  // ampere

@@ -8,7 +8,7 @@ namespace {
 constexpr int FIRST_DEGREE = -20;
 
 // kOhm from -20 to 113 degrees Celsius. Which thermistor it is, is not known.
-constexpr double g_aKOhm[] = {
+constexpr double g_KOhm[] = {
     97.6037, 92.0947, 86.9305, 82.0877, 77.5442, 73.2798, 69.2759, 65.5149, 61.9809, 58.6587,  // -20
     55.5345, 52.5954, 49.8294, 47.2253, 44.7727, 42.462,  40.2841, 38.2307, 36.294,  34.4668,  // -10
     32.7421, 31.1138, 29.5759, 28.1229, 26.7496, 25.4513, 24.2234, 23.0618, 21.9625, 20.9218,  // 0
@@ -24,14 +24,14 @@ constexpr double g_aKOhm[] = {
     0.6727,  0.6533,  0.6346,  0.6165,  0.599,   0.5821,  0.5658,  0.55,    0.5347,  0.5199,   // 100
     0.5056,  0.4918,  0.4784,  0.4654,                                                         // 110
 };
-static_assert(std::size(g_aKOhm) == std::tuple_size_v<decltype(g_ThermistorTable)>);
+static_assert(std::size(g_KOhm) == std::tuple_size_v<decltype(g_ThermistorTable)>);
 
 constexpr auto MakeTable()
 {
-    std::array<ThermistorRow, std::size(g_aKOhm)> aRows{};
-    for (size_t i = 0; i < aRows.size(); ++i)
-        aRows[i] = { FIRST_DEGREE + static_cast<int>(i), g_aKOhm[i] };
-    return aRows;
+    std::array<ThermistorRow, std::size(g_KOhm)> rows{};
+    for (size_t i = 0; i < rows.size(); ++i)
+        rows[i] = { FIRST_DEGREE + static_cast<int>(i), g_KOhm[i] };
+    return rows;
 }
 
 }  // namespace
@@ -42,13 +42,13 @@ namespace thermal {
 
 std::optional<float> ThermistorDegrees(uint8_t reading, int seriesKOhm)
 {
-    const auto fR = static_cast<float>(static_cast<double>(reading) * seriesKOhm / (256 - reading));
+    const auto ohm = static_cast<float>(static_cast<double>(reading) * seriesKOhm / (256 - reading));
     for (size_t i = 1; i < g_ThermistorTable.size(); ++i) {
         const auto& [Ta, Ra] = g_ThermistorTable[i - 1];
         const auto& [Tb, Rb] = g_ThermistorTable[i];
-        if (std::fabs(static_cast<float>(Rb - Ra) * 0.5f) < std::fabs(static_cast<float>(fR - (Ra + Rb) * 0.5)))
+        if (std::fabs(static_cast<float>(Rb - Ra) * 0.5f) < std::fabs(static_cast<float>(ohm - (Ra + Rb) * 0.5)))
             continue;
-        return static_cast<float>((Tb - Ta) * (fR - Ra) / (Rb - Ra) + Ta);
+        return static_cast<float>((Tb - Ta) * (ohm - Ra) / (Rb - Ra) + Ta);
     }
     return std::nullopt;
 }

@@ -5,8 +5,8 @@
 #include <optional>
 
 struct ThermistorRow {
-    int32_t iDegrees;  // Celsius, ascending by one
-    double dKOhm;      // descending
+    int32_t degrees;  // Celsius, ascending by one
+    double kOhm;      // descending
 };
 extern const std::array<ThermistorRow, 134> g_ThermistorTable;
 

@@ -23,10 +23,10 @@ uint16_t FieldMask(unsigned first, unsigned end, unsigned width)
     return uint16_t(mask);
 }
 
-uint16_t Merge(uint16_t wOld, uint16_t wMask, uint16_t wValue, unsigned first)
+uint16_t Merge(uint16_t old, uint16_t mask, uint16_t value, unsigned first)
 {
-    const uint16_t shifted = first < 16 ? uint16_t(wValue << first) : uint16_t(0);
-    return uint16_t((wOld & ~wMask) | (shifted & wMask));
+    const uint16_t shifted = first < 16 ? uint16_t(value << first) : uint16_t(0);
+    return uint16_t((old & ~mask) | (shifted & mask));
 }
 
 const char* NameOf(uint8_t request)
@@ -66,20 +66,20 @@ const char* NameOf(uint8_t request)
 }
 
 // Register or address, value, and of the data as many bytes as a register has, or the first of a block.
-void LogRequest(bool input, uint8_t request, uint16_t wValue, uint16_t index, const uint8_t* pData, int32_t length, bool ok,
+void LogRequest(bool input, uint8_t request, uint16_t value, uint16_t index, const uint8_t* data, int32_t length, bool ok,
                 uint32_t error)
 {
     if (!logging::Enabled(LogLevel::Debug))
         return;
     constexpr int32_t SHOWN = 8;
-    char data[3 * SHOWN + 1] = "";
-    for (int32_t i = 0; pData && i < std::min(length, SHOWN); ++i)
-        std::snprintf(data + 3 * i, 4, " %02x", pData[i]);
+    char hex[3 * SHOWN + 1] = "";
+    for (int32_t i = 0; data && i < std::min(length, SHOWN); ++i)
+        std::snprintf(hex + 3 * i, 4, " %02x", data[i]);
     char result[24] = "ok";
     if (!ok)
         std::snprintf(result, sizeof result, "failed, error %u", error);
     KOV_LOG(Debug, "%s %u %s: 0x%04x 0x%04x, %d bytes%s%s: %s", input ? "IN" : "OUT", unsigned{ request }, NameOf(request),
-            unsigned{ wValue }, unsigned{ index }, int{ length }, data, length > SHOWN ? " ..." : "", result);
+            unsigned{ value }, unsigned{ index }, int{ length }, hex, length > SHOWN ? " ..." : "", result);
 }
 
 }  // namespace
@@ -91,16 +91,16 @@ CCameraFX3::~CCameraFX3() { ReplaceLink(nullptr); }
 
 void CCameraFX3::ReplaceLink(CUsbLink* link)
 {
-    CUsbLink* pOld = nullptr;
+    CUsbLink* old = nullptr;
     {
         const platform::Lock lock(m_csUsb);
         if (m_pUsbLink == link)
             return;
-        pOld = m_pUsbLink;
+        old = m_pUsbLink;
         m_pUsbLink = link;
     }
     // Outside the lock: closing waits for requests that are out.
-    delete pOld;
+    delete old;
 }
 
 bool CCameraFX3::HasLink()
@@ -109,7 +109,7 @@ bool CCameraFX3::HasLink()
     return m_pUsbLink != nullptr;
 }
 
-bool CCameraFX3::Transfer(bool input, uint8_t request, uint16_t wValue, uint16_t index, uint8_t* pData, int32_t* piLength)
+bool CCameraFX3::Transfer(bool input, uint8_t request, uint16_t value, uint16_t index, uint8_t* data, int32_t* piLength)
 {
     bool ok = false;
     uint32_t error = platform::ERROR_GONE;
@@ -123,28 +123,28 @@ bool CCameraFX3::Transfer(bool input, uint8_t request, uint16_t wValue, uint16_t
             ep->m_iReqType = 2;
             ep->m_iDirection = input ? 1 : 0;
             ep->m_iReqCode = request;
-            ep->m_iValue = wValue;
+            ep->m_iValue = value;
             ep->m_iIndex = index;
-            ok = ep->XferData(pData, piLength);
+            ok = ep->XferData(data, piLength);
             error = platform::LastError();
         } else {
             *piLength = 0;
         }
     }
-    LogRequest(input, request, wValue, index, pData, *piLength, ok, error);
+    LogRequest(input, request, value, index, data, *piLength, ok, error);
     return ok;
 }
 
-bool CCameraFX3::Command(bool input, uint8_t request, uint16_t wValue, uint16_t index, void* pData, int32_t length)
+bool CCameraFX3::Command(bool input, uint8_t request, uint16_t value, uint16_t index, void* data, int32_t length)
 {
-    return m_bOpen && Transfer(input, request, wValue, index, static_cast<uint8_t*>(pData), &length);
+    return m_bOpen && Transfer(input, request, value, index, static_cast<uint8_t*>(data), &length);
 }
 
 bool CCameraFX3::SendCMD(uint8_t opcode) { return Command(false, opcode, 0, 0); }
 
-bool CCameraFX3::SendCMD(uint8_t opcode, uint16_t wValue, uint16_t index, bool input, uint8_t* pData, int32_t* piLength)
+bool CCameraFX3::SendCMD(uint8_t opcode, uint16_t value, uint16_t index, bool input, uint8_t* data, int32_t* piLength)
 {
-    return m_bOpen && Transfer(input, opcode, wValue, index, pData, piLength);
+    return m_bOpen && Transfer(input, opcode, value, index, data, piLength);
 }
 
 bool CCameraFX3::WriteCameraRegister(uint16_t reg, uint16_t value) { return Command(false, REQ_WRITE_REG16, reg, value); }
@@ -169,9 +169,9 @@ bool CCameraFX3::ReadCameraRegisterByte(uint16_t reg, uint8_t* output)
 
 bool CCameraFX3::WriteCameraRegister_B(uint16_t reg, uint8_t firstBit, uint8_t lastBit, uint16_t value)
 {
-    uint16_t wOld = 0;
-    ReadCameraRegister(reg, &wOld);
-    return WriteCameraRegister(reg, Merge(wOld, FieldMask(firstBit, lastBit + 1u, 16), value, firstBit));
+    uint16_t old = 0;
+    ReadCameraRegister(reg, &old);
+    return WriteCameraRegister(reg, Merge(old, FieldMask(firstBit, lastBit + 1u, 16), value, firstBit));
 }
 
 // QUIRK: the end bit stays out of the field, unlike in the 16-bit form. Equal numbers read the register and write the
@@ -201,7 +201,7 @@ bool CCameraFX3::GetFirmwareVer(uint8_t* ver)
     return ok;
 }
 
-bool CCameraFX3::GetFPGAVer(uint8_t* ver, uint8_t aSub[4])
+bool CCameraFX3::GetFPGAVer(uint8_t* ver, uint8_t sub[4])
 {
     if (!m_bOpen)
         return false;
@@ -209,12 +209,12 @@ bool CCameraFX3::GetFPGAVer(uint8_t* ver, uint8_t aSub[4])
     ReadFPGAREG(FPGA_VERSION, ver);
     ReadFPGAREG(FPGA_SUBVERSION_HIGH, &high);
     const bool ok = ReadFPGAREG(FPGA_SUBVERSION_LOW, &low);
-    aSub[0] = high >> 4;
-    aSub[1] = high & 15;
-    aSub[2] = low >> 4;
-    aSub[3] = low & 15;
-    m_iFPGAVer = *ver;
-    m_uFPGAVerVal = uint32_t(aSub[0]) << 24 | uint32_t(aSub[1]) << 16 | uint32_t(aSub[2]) << 8 | aSub[3];
+    sub[0] = high >> 4;
+    sub[1] = high & 15;
+    sub[2] = low >> 4;
+    sub[3] = low & 15;
+    m_fpgaVer = *ver;
+    m_fpgaVerVal = uint32_t(sub[0]) << 24 | uint32_t(sub[1]) << 16 | uint32_t(sub[2]) << 8 | sub[3];
     return ok;
 }
 
@@ -222,8 +222,8 @@ bool CCameraFX3::GetFPGAVerVal(uint8_t* ver, uint32_t* val)
 {
     if (!m_bOpen)
         return false;
-    *ver = m_iFPGAVer;
-    *val = m_uFPGAVerVal;
+    *ver = m_fpgaVer;
+    *val = m_fpgaVerVal;
     return true;
 }
 

@@ -64,7 +64,7 @@ public:
     CCameraFX3& operator=(const CCameraFX3&) = delete;
 
     bool SendCMD(uint8_t opcode);
-    bool SendCMD(uint8_t opcode, uint16_t wValue, uint16_t wIndex, bool in, uint8_t* data, int32_t* length);
+    bool SendCMD(uint8_t opcode, uint16_t value, uint16_t index, bool in, uint8_t* data, int32_t* length);
     bool WriteCameraRegister(uint16_t reg, uint16_t value);
     bool ReadCameraRegister(uint16_t reg, uint16_t* out);  // *out 0 when closed or failed
     bool WriteCameraRegisterByte(uint16_t reg, uint8_t value);
@@ -117,15 +117,15 @@ public:
     platform::CriticalSection m_csUsb;  // leaf lock, held across one control transfer and never across two
     // As last read by GetFirmwareVer and GetFPGAVer.
     Shared<uint8_t> m_iFWVer;
-    Shared<uint8_t> m_iFPGAVer;
-    Shared<uint32_t> m_uFPGAVerVal;  // the four parts, the first in the high byte
+    Shared<uint8_t> m_fpgaVer;
+    Shared<uint32_t> m_fpgaVerVal;  // the four parts, the first in the high byte
 
 private:
     // One control transfer under m_csUsb, unless m_bOpen is clear. *length is updated to the bytes moved.
     // False also when no link is there. data holds *length readable bytes, for IN too.
-    bool Transfer(bool in, uint8_t request, uint16_t wValue, uint16_t wIndex, uint8_t* data, int32_t* length);
+    bool Transfer(bool in, uint8_t request, uint16_t value, uint16_t index, uint8_t* data, int32_t* length);
     // The same for a fixed length, with the test of m_bOpen; true when the transfer succeeded, whatever it moved.
-    bool Command(bool in, uint8_t request, uint16_t wValue, uint16_t wIndex, void* data = nullptr, int32_t length = 0);
+    bool Command(bool in, uint8_t request, uint16_t value, uint16_t index, void* data = nullptr, int32_t length = 0);
     bool StartEepromLoader();
     bool HaltProcessor(bool halt);
 };

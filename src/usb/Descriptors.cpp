@@ -24,13 +24,13 @@ uint8_t StepOf(const Block& b, uint32_t at)
     return b.p[at];
 }
 
-CCyUSBEndPoint* MakeEndPoint(platform::DeviceHandle device, const EndPointDescriptor& d, const CompanionDescriptor* pComp)
+CCyUSBEndPoint* MakeEndPoint(platform::DeviceHandle device, const EndPointDescriptor& d, const CompanionDescriptor* comp)
 {
     switch (d.bmAttributes) {  // the whole byte: with any usage bit set the slot stays empty
     case 0: return new CCyControlEndPoint(device, &d);
-    case 1: return new CCyIsocEndPoint(device, &d, pComp);
-    case 2: return new CCyBulkEndPoint(device, &d, pComp);
-    case 3: return new CCyInterruptEndPoint(device, &d, pComp);
+    case 1: return new CCyIsocEndPoint(device, &d, comp);
+    case 2: return new CCyBulkEndPoint(device, &d, comp);
+    case 3: return new CCyInterruptEndPoint(device, &d, comp);
     default: return nullptr;
     }
 }
@@ -70,16 +70,16 @@ std::unique_ptr<InterfaceObject> ParseInterface(platform::DeviceHandle device, c
         cursor += step;
 
         CompanionDescriptor comp;
-        bool bComp = false;
+        bool hasCompanion = false;
         if (superSpeed && b.Has(cursor, sizeof comp) && b.p[cursor + 1] == TYPE_COMPANION) {
-            bComp = true;
+            hasCompanion = true;
             std::memcpy(&comp, b.p + cursor, sizeof comp);
             const uint8_t compStep = StepOf(b, cursor);
             o->wTotalLength = uint16_t(o->wTotalLength + compStep);
             cursor += compStep;
         }
         if (slot < MAX_ENDPOINT_SLOTS)
-            o->apEndPoints[slot] = MakeEndPoint(device, d, bComp ? &comp : nullptr);
+            o->endPoints[slot] = MakeEndPoint(device, d, hasCompanion ? &comp : nullptr);
         ++slot;
     }
     return o;
@@ -90,12 +90,12 @@ std::unique_ptr<InterfaceObject> ParseInterface(platform::DeviceHandle device, c
 InterfaceObject::~InterfaceObject()
 {
     for (unsigned i = 1; i < MAX_ENDPOINT_SLOTS; ++i)
-        delete apEndPoints[i];
+        delete endPoints[i];
 }
 
 ConfigObject::~ConfigObject()
 {
-    for (InterfaceObject* p : apInterfaces)
+    for (InterfaceObject* p : interfaces)
         delete p;
 }
 
@@ -115,7 +115,7 @@ ConfigObject* ParseConfig(platform::DeviceHandle device, const uint8_t* raw, uin
     o->bMaxPower = raw[8];
 
     uint32_t at = o->bLength;
-    while (at < o->wTotalLength && o->bAltInterfaces < MAX_INTERFACES && b.Has(at, 2)) {
+    while (at < o->wTotalLength && o->altInterfaces < MAX_INTERFACES && b.Has(at, 2)) {
         if (raw[at + 1] != TYPE_INTERFACE) {
             at += StepOf(b, at);
             continue;
@@ -123,13 +123,13 @@ ConfigObject* ParseConfig(platform::DeviceHandle device, const uint8_t* raw, uin
         if (!b.Has(at, INTERFACE_HEAD))
             break;
         InterfaceObject* const intf = ParseInterface(device, b, at, superSpeed).release();
-        o->apInterfaces[o->bAltInterfaces++] = intf;
+        o->interfaces[o->altInterfaces++] = intf;
         at += intf->wTotalLength;
     }
-    for (unsigned i = 0; i < o->bAltInterfaces; ++i)
-        for (unsigned j = 0; j < o->bAltInterfaces; ++j)
-            if (o->apInterfaces[j]->bInterfaceNumber == o->apInterfaces[i]->bInterfaceNumber)
-                ++o->apInterfaces[i]->bAltSettings;
+    for (unsigned i = 0; i < o->altInterfaces; ++i)
+        for (unsigned j = 0; j < o->altInterfaces; ++j)
+            if (o->interfaces[j]->bInterfaceNumber == o->interfaces[i]->bInterfaceNumber)
+                ++o->interfaces[i]->altSettings;
     return o.release();
 }
 
@@ -150,12 +150,12 @@ BosObject* ParseBos(const uint8_t* raw, uint32_t size)
         const uint8_t step = StepOf(b, at);
         if (d[2] == CAP_USB20 && b.Has(at, 7)) {
             const uint32_t attributes = U16(d + 3) | (uint32_t(U16(d + 5)) << 16);
-            o->pUsb20.reset(new BosUsb20Extension{ d[0], d[1], d[2], attributes });
+            o->usb20.reset(new BosUsb20Extension{ d[0], d[1], d[2], attributes });
         } else if (d[2] == CAP_SUPERSPEED && b.Has(at, 10)) {
-            o->pSuperSpeed.reset(new BosSuperSpeed{ d[0], d[1], d[2], d[3], U16(d + 4), d[6], d[7], U16(d + 8) });
+            o->superSpeed.reset(new BosSuperSpeed{ d[0], d[1], d[2], d[3], U16(d + 4), d[6], d[7], U16(d + 8) });
         } else if (d[2] == CAP_CONTAINER && b.Has(at, 20)) {
-            o->pContainerId.reset(new BosContainerId{ d[0], d[1], d[2], {} });
-            std::memcpy(o->pContainerId->abContainerId, d + 4, 16);
+            o->containerId.reset(new BosContainerId{ d[0], d[1], d[2], {} });
+            std::memcpy(o->containerId->containerId, d + 4, 16);
         }
         at += step;
     }

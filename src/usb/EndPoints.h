@@ -18,7 +18,7 @@ struct CompanionDescriptor {
     uint16_t wBytesPerInterval;
 };
 struct IsoPacketInfo {
-    uint32_t dwLength, dwStatus;
+    uint32_t length, status;
 };
 #pragma pack(pop)
 static_assert(sizeof(EndPointDescriptor) == 7);
@@ -50,12 +50,12 @@ public:
     void SetXferSize(uint32_t size);
 
     platform::DeviceHandle m_hDevice;
-    uint8_t m_bLength = 0, m_bDescriptorType = 0, m_bEndpointAddress = 0, m_bmAttributes = 0;
+    uint8_t m_length = 0, m_descriptorType = 0, m_endpointAddress = 0, m_attributes = 0;
     uint16_t m_iMaxPktSize = 0;
     uint16_t m_iMult = 0;
-    uint8_t m_bInterval = 0;
-    uint8_t m_bCompLength = 0, m_bCompDescriptorType = 0, m_bMaxBurst = 0, m_bCompAttributes = 0;
-    uint16_t m_wBytesPerInterval = 0;
+    uint8_t m_interval = 0;
+    uint8_t m_compLength = 0, m_compDescriptorType = 0, m_maxBurst = 0, m_compAttributes = 0;
+    uint16_t m_bytesPerInterval = 0;
     uint32_t m_iTimeOut = 10000;  // ms
     uint32_t m_uUsbdStatus = 0, m_uNtStatus = 0, m_uBytesXferred = 0;
     Shared<uint32_t> m_uLastError;  // of whichever call stored it last; a Reset of another thread stores it too

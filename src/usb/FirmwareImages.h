@@ -6,9 +6,9 @@ enum class FirmwareId { GarnetMono, GarnetCol, IoliteMono, CobaltCol, LoaderPart
 constexpr int FIRMWARE_COUNT = 6;
 
 struct FirmwareImage {
-    const uint8_t* pData = nullptr;
-    int32_t iSize = 0;  // bytes
-    explicit operator bool() const { return pData != nullptr; }
+    const uint8_t* data = nullptr;
+    int32_t size = 0;  // bytes
+    explicit operator bool() const { return data != nullptr; }
 };
 
 // An image that was absent at build time is null; the caller then leaves the camera as it is. Any thread.

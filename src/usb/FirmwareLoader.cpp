@@ -30,12 +30,12 @@ constexpr uint32_t ERASE_LIMIT_MS = 60'000;
 
 uint32_t U32(const uint8_t* p) { return p[0] | uint32_t(p[1]) << 8 | uint32_t(p[2]) << 16 | uint32_t(p[3]) << 24; }
 
-// A copy of n bytes from dwAt on; zeros stand for what the image does not have.
-void CopyWithin(uint8_t* output, const uint8_t* pImage, uint32_t dwLength, uint32_t dwAt, uint32_t n)
+// A copy of n bytes from at on; zeros stand for what the image does not have.
+void CopyWithin(uint8_t* output, const uint8_t* image, uint32_t length, uint32_t at, uint32_t n)
 {
-    const uint32_t have = dwAt < dwLength ? std::min(n, dwLength - dwAt) : 0;
+    const uint32_t have = at < length ? std::min(n, length - at) : 0;
     if (have != 0)
-        std::memcpy(output, pImage + dwAt, have);
+        std::memcpy(output, image + at, have);
     std::memset(output + have, 0, n - have);
 }
 
@@ -63,61 +63,61 @@ bool CCameraFX3::StartEepromLoader()
     if (!part1 || !part2)
         return false;
     // Copies: a transfer takes a writable buffer, for both directions alike.
-    std::vector<uint8_t> a(part1.pData, part1.pData + part1.iSize), b(part2.pData, part2.pData + part2.iSize);
+    std::vector<uint8_t> a(part1.data, part1.data + part1.size), b(part2.data, part2.data + part2.size);
     HaltProcessor(true);
-    Command(false, REQ_FX2_RAM, 0, 0, a.data(), part1.iSize);
-    Command(false, REQ_FX2_RAM, LOADER_PART2_AT, 0, b.data(), part2.iSize);
+    Command(false, REQ_FX2_RAM, 0, 0, a.data(), part1.size);
+    Command(false, REQ_FX2_RAM, LOADER_PART2_AT, 0, b.data(), part2.size);
     HaltProcessor(false);
     return true;
 }
 
-bool CCameraFX3::UpdateFW(const uint8_t* pImage, int32_t iLength)
+bool CCameraFX3::UpdateFW(const uint8_t* image, int32_t length)
 {
-    if (!m_bOpen || !pImage || iLength < 0 || !StartEepromLoader())
+    if (!m_bOpen || !image || length < 0 || !StartEepromLoader())
         return false;
-    const int32_t blocks = int32_t((int64_t{ iLength } + EEPROM_BLOCK - 1) / EEPROM_BLOCK);
-    std::vector<uint8_t> image(pImage, pImage + iLength);
+    const int32_t blocks = int32_t((int64_t{ length } + EEPROM_BLOCK - 1) / EEPROM_BLOCK);
+    std::vector<uint8_t> sent(image, image + length);
     std::vector<uint8_t> back(std::max(size_t{ EEPROM_SIZE }, size_t(blocks) * EEPROM_BLOCK));
 
-    // QUIRK: the last of several blocks takes the remainder, so an image of a whole number of blocks sends a last block
+    // QUIRK: the last of several blocks takes the remainder, so an sent of a whole number of blocks sends a last block
     // of no bytes and never compares equal.
     const auto Blocks = [&](bool input, uint8_t* p) {
         for (int32_t b = 0; b < blocks; ++b) {
-            const int32_t iSize = blocks == 1 ? iLength : b == blocks - 1 ? iLength % EEPROM_BLOCK : EEPROM_BLOCK;
-            Command(input, REQ_EEPROM, uint16_t(b << 12), 0, p + ptrdiff_t{ b } * EEPROM_BLOCK, iSize);
+            const int32_t size = blocks == 1 ? length : b == blocks - 1 ? length % EEPROM_BLOCK : EEPROM_BLOCK;
+            Command(input, REQ_EEPROM, uint16_t(b << 12), 0, p + ptrdiff_t{ b } * EEPROM_BLOCK, size);
         }
     };
     int attempt = 1;
     for (;; ++attempt) {
-        Blocks(false, image.data());
+        Blocks(false, sent.data());
         std::fill(back.begin(), back.end(), uint8_t{ 0 });
         Blocks(true, back.data());
-        if (std::equal(image.begin(), image.end(), back.begin()) || attempt == ATTEMPTS)
+        if (std::equal(sent.begin(), sent.end(), back.begin()) || attempt == ATTEMPTS)
             break;
     }
-    if (iLength > 0)  // without a length the records would tell their end, and there are none
-        UpdateFW2RAM(pImage, iLength);
+    if (length > 0)  // without a length the records would tell their end, and there are none
+        UpdateFW2RAM(image, length);
     // QUIRK: the third attempt counts as a failure even when it compared equal.
     return attempt < ATTEMPTS;
 }
 
-bool CCameraFX3::UpdateFW2RAM(const uint8_t* pImage, int32_t iLength)
+bool CCameraFX3::UpdateFW2RAM(const uint8_t* image, int32_t length)
 {
-    if (!m_bOpen || !pImage)
+    if (!m_bOpen || !image)
         return false;
-    const auto Fits = [&](int64_t llEnd) { return iLength <= 0 || llEnd <= iLength; };
+    const auto Fits = [&](int64_t end) { return length <= 0 || end <= length; };
     HaltProcessor(true);
     std::vector<uint8_t> data;
     for (int64_t at = C2_HEAD; Fits(at + C2_RECORD_HEAD);) {
-        const uint8_t* const r = pImage + at;
+        const uint8_t* const r = image + at;
         if (std::equal(C2_END, C2_END + sizeof C2_END, r))
             break;
-        const int32_t iSize = r[0] << 8 | r[1];
-        at += C2_RECORD_HEAD + iSize;
+        const int32_t size = r[0] << 8 | r[1];
+        at += C2_RECORD_HEAD + size;
         if (!Fits(at))
             break;
-        data.assign(r + C2_RECORD_HEAD, r + C2_RECORD_HEAD + iSize);
-        Command(false, REQ_FX2_RAM, uint16_t(r[2] << 8 | r[3]), 0, data.data(), iSize);
+        data.assign(r + C2_RECORD_HEAD, r + C2_RECORD_HEAD + size);
+        Command(false, REQ_FX2_RAM, uint16_t(r[2] << 8 | r[3]), 0, data.data(), size);
     }
     HaltProcessor(false);
     return true;  // QUIRK: whatever became of the transfers
@@ -142,14 +142,14 @@ bool CCameraFX3::EraseFlash()
 
 // --- FX3 RAM --------------------------------------------------------------------------------------------------------
 
-bool CCameraFX3::DownloadBufferToDevice(uint32_t address, uint16_t length, uint8_t* pData, uint8_t request)
+bool CCameraFX3::DownloadBufferToDevice(uint32_t address, uint16_t length, uint8_t* data, uint8_t request)
 {
-    return Command(false, request, uint16_t(address), uint16_t(address >> 16), pData, length);
+    return Command(false, request, uint16_t(address), uint16_t(address >> 16), data, length);
 }
 
-bool CCameraFX3::UploadBufferFromDevice(uint32_t address, uint16_t length, uint8_t* pData, uint8_t request)
+bool CCameraFX3::UploadBufferFromDevice(uint32_t address, uint16_t length, uint8_t* data, uint8_t request)
 {
-    return Command(true, request, uint16_t(address), uint16_t(address >> 16), pData, length);
+    return Command(true, request, uint16_t(address), uint16_t(address >> 16), data, length);
 }
 
 // QUIRK: halves the other way round than in DownloadBufferToDevice.
@@ -164,40 +164,40 @@ bool CCameraFX3::IsBootLoaderRunning()
     return Command(true, REQ_FX2_RAM, 0, 0, &b, 1);
 }
 
-FX3_FWDWNLOAD_ERROR_CODE CCameraFX3::DownloadFwToRam(uint8_t* pData, uint32_t length, uint8_t request)
+FX3_FWDWNLOAD_ERROR_CODE CCameraFX3::DownloadFwToRam(uint8_t* data, uint32_t length, uint8_t request)
 {
-    if (length < 2 || pData[0] != 'C' || pData[1] != 'Y')
+    if (length < 2 || data[0] != 'C' || data[1] != 'Y')
         return FX3_FW_BAD_SIGNATURE;
     uint8_t block[PAGE], back[PAGE];
-    for (uint32_t dwAt = 4;;) {
-        if (dwAt > length || length - dwAt < 8)
+    for (uint32_t at = 4;;) {
+        if (at > length || length - at < 8)
             return FX3_FW_SECTION_TOO_LONG;
-        uint32_t left = U32(pData + dwAt) * 4;  // the product wraps
-        const bool bEnd = U32(pData + dwAt) == 0;
-        uint32_t dwAddress = U32(pData + dwAt + 4);
-        dwAt += 8;
-        if (bEnd) {
-            DownloadBufferToDevice(dwAddress, 0, nullptr, request);
+        uint32_t left = U32(data + at) * 4;  // the product wraps
+        const bool end = U32(data + at) == 0;
+        uint32_t address = U32(data + at + 4);
+        at += 8;
+        if (end) {
+            DownloadBufferToDevice(address, 0, nullptr, request);
             return FX3_FW_SUCCESS;
         }
         while (left > 0) {
             const uint16_t n = uint16_t(std::min(left, PAGE));
             if (n > length)
                 return FX3_FW_BLOCK_TOO_LONG;
-            CopyWithin(block, pData, length, dwAt, n);
+            CopyWithin(block, data, length, at, n);
             // QUIRK: all three tries are made, a good block is written three times; only the last one counts.
             bool good = false;
             for (int i = 0; i < ATTEMPTS; ++i) {
                 std::memset(back, 0, n);
-                good = DownloadBufferToDevice(dwAddress, n, block, request) &&
-                       UploadBufferFromDevice(dwAddress, n, back, request) && std::memcmp(block, back, n) == 0;
+                good = DownloadBufferToDevice(address, n, block, request) && UploadBufferFromDevice(address, n, back, request) &&
+                       std::memcmp(block, back, n) == 0;
             }
             if (!good)
                 return FX3_FW_FAILED;
-            dwAddress += n;
+            address += n;
             left -= n;
-            dwAt += n;
-            if (dwAt > length)
+            at += n;
+            if (at > length)
                 return FX3_FW_SECTION_TOO_LONG;
         }
     }
@@ -207,30 +207,30 @@ FX3_FWDWNLOAD_ERROR_CODE CCameraFX3::DownloadFwToRam(uint8_t* pData, uint32_t le
 
 FX3_FWDWNLOAD_ERROR_CODE CCameraFX3::EraseSectorOfSPIFlash(uint32_t sector, uint8_t request)
 {
-    const uint16_t wSector = uint16_t(sector);
-    if (!Command(false, request, 1, wSector))
+    const uint16_t number = uint16_t(sector);
+    if (!Command(false, request, 1, number))
         return FX3_FW_FAILED;
     // Polled without a pause. An erase takes seconds at most; a camera that stays busy for ever must not hold a host.
     const uint32_t start = platform::Ticks();
     uint8_t busy = 1;
     do {
-        if (!Command(true, request, 0, wSector, &busy, 1) || platform::Ticks() - start > ERASE_LIMIT_MS)
+        if (!Command(true, request, 0, number, &busy, 1) || platform::Ticks() - start > ERASE_LIMIT_MS)
             return FX3_FW_FAILED;
     } while (busy != 0);
     return FX3_FW_SUCCESS;
 }
 
-bool CCameraFX3::WriteToSPIFlash(uint8_t* pData, uint32_t length, uint32_t address, uint8_t request)
+bool CCameraFX3::WriteToSPIFlash(uint8_t* data, uint32_t length, uint32_t address, uint8_t request)
 {
-    return Command(false, request, 0, uint16_t(address >> 8), pData, int32_t(length));
+    return Command(false, request, 0, uint16_t(address >> 8), data, int32_t(length));
 }
 
-bool CCameraFX3::ReadFromSPIFlash(uint8_t* pData, uint32_t length, uint32_t address, uint8_t request)
+bool CCameraFX3::ReadFromSPIFlash(uint8_t* data, uint32_t length, uint32_t address, uint8_t request)
 {
-    return Command(true, request, 0, uint16_t(address >> 8), pData, int32_t(length));
+    return Command(true, request, 0, uint16_t(address >> 8), data, int32_t(length));
 }
 
-FX3_FWDWNLOAD_ERROR_CODE CCameraFX3::DownloadBuftoSPIFLASH(uint8_t* pData, uint32_t length, uint8_t request)
+FX3_FWDWNLOAD_ERROR_CODE CCameraFX3::DownloadBuftoSPIFLASH(uint8_t* data, uint32_t length, uint8_t request)
 {
     const uint32_t sectors = (length >> 16) + ((length & 0xFFFF) != 0 ? 1 : 0);
     for (uint32_t s = 0; s < sectors; ++s)
@@ -243,7 +243,7 @@ FX3_FWDWNLOAD_ERROR_CODE CCameraFX3::DownloadBuftoSPIFLASH(uint8_t* pData, uint3
         const uint32_t n = uint32_t(std::min<uint64_t>(qwTotal - qwAt, PAGE));
         // QUIRK: past the image the flash takes what the page before left in the buffer.
         const uint32_t have = qwAt < length ? std::min(n, uint32_t(length - qwAt)) : 0;
-        std::memcpy(staging, pData + qwAt, have);
+        std::memcpy(staging, data + qwAt, have);
         // QUIRK: always request 194, whatever `request` is; that one only erases.
         if (!WriteToSPIFlash(staging, n, uint32_t(qwAt), REQ_FLASH_WRITE))
             return FX3_FW_FAILED;
@@ -253,27 +253,27 @@ FX3_FWDWNLOAD_ERROR_CODE CCameraFX3::DownloadBuftoSPIFLASH(uint8_t* pData, uint3
 
 // --- I2C EEPROM of the FX3 ------------------------------------------------------------------------------------------
 
-FX3_FWDWNLOAD_ERROR_CODE CCameraFX3::DownloadBuftoI2CE2PROM(uint8_t* pData, int32_t length, uint8_t request)
+FX3_FWDWNLOAD_ERROR_CODE CCameraFX3::DownloadBuftoI2CE2PROM(uint8_t* data, int32_t length, uint8_t request)
 {
-    static constexpr uint32_t s_aSize[8] = { 0, 0, 4096, 8192, 16384, 32768, 65536, 65536 };
-    const unsigned code = length > 2 ? (pData[2] >> 1) & 7u : 0u;
-    const uint32_t deviceSize = s_aSize[code];
+    static constexpr uint32_t s_sizes[8] = { 0, 0, 4096, 8192, 16384, 32768, 65536, 65536 };
+    const unsigned code = length > 2 ? (data[2] >> 1) & 7u : 0u;
+    const uint32_t deviceSize = s_sizes[code];
     if (deviceSize == 0)
         return FX3_FW_BAD_I2C_SIZE;
     const bool large = code == 7;
 
     uint8_t staging[PAGE];
-    uint16_t device = 0, wAddress = 0;
+    uint16_t device = 0, address = 0;
     uint32_t done = 0;
     for (; uint32_t(length) - done >= PAGE;) {
-        std::memcpy(staging, pData + done, PAGE);
-        if (!Command(false, request, device, wAddress, staging, PAGE))
+        std::memcpy(staging, data + done, PAGE);
+        if (!Command(false, request, device, address, staging, PAGE))
             return FX3_FW_FAILED;
         done += PAGE;
-        wAddress = uint16_t(wAddress + PAGE);
+        address = uint16_t(address + PAGE);
         if (done % deviceSize != 0)
             continue;
-        wAddress = 0;
+        address = 0;
         if (!large)
             device = uint16_t((device + 1) & 7);
         else if (done < 0x20000)
@@ -285,10 +285,10 @@ FX3_FWDWNLOAD_ERROR_CODE CCameraFX3::DownloadBuftoI2CE2PROM(uint8_t* pData, int3
     if (rest == 0)
         return FX3_FW_SUCCESS;
     const uint32_t n = (rest + I2C_GRAIN - 1) / I2C_GRAIN * I2C_GRAIN;
-    CopyWithin(staging, pData, uint32_t(length), done, n);
+    CopyWithin(staging, data, uint32_t(length), done, n);
     // QUIRK: read back, but not compared.
-    if (!Command(false, request, device, wAddress, staging, int32_t(n)) ||
-        !Command(true, REQ_I2C_READ, device, wAddress, staging, int32_t(n)))
+    if (!Command(false, request, device, address, staging, int32_t(n)) ||
+        !Command(true, REQ_I2C_READ, device, address, staging, int32_t(n)))
         return FX3_FW_FAILED;
     return FX3_FW_SUCCESS;
 }

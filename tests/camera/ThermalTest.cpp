@@ -43,9 +43,9 @@ TEST(Thermal, Thermistor)
 
     // The curve is smooth: an error of a thousandth in any row is a kink.
     for (size_t i = 1; i + 1 < g_ThermistorTable.size(); ++i) {
-        const double ln[] = { std::log(g_ThermistorTable[i - 1].dKOhm), std::log(g_ThermistorTable[i].dKOhm),
-                              std::log(g_ThermistorTable[i + 1].dKOhm) };
-        EXPECT_NEAR(ln[0] - 2 * ln[1] + ln[2], 2e-4, 2.5e-4) << g_ThermistorTable[i].iDegrees;
+        const double ln[] = { std::log(g_ThermistorTable[i - 1].kOhm), std::log(g_ThermistorTable[i].kOhm),
+                              std::log(g_ThermistorTable[i + 1].kOhm) };
+        EXPECT_NEAR(ln[0] - 2 * ln[1] + ln[2], 2e-4, 2.5e-4) << g_ThermistorTable[i].degrees;
     }
 
     usb.Connect(cam);
@@ -226,7 +226,7 @@ TEST(Cooler, ThreadReadsRegulatesAndStops)
     EXPECT_GT(cam.m_fCoolPowerPerc, 0.0f);
     cam.StopAutoTempThr();
     EXPECT_FALSE(cam.IsAutoTempWorking());
-    EXPECT_EQ(cam.m_TempThread.Wait(5000), platform::WAIT_SIGNALLED);
+    EXPECT_EQ(cam.m_tempThread.Wait(5000), platform::WAIT_SIGNALLED);
     EXPECT_EQ(cam.m_fCoolPowerPerc, 0.0f);
     EXPECT_EQ(usb.dev.Requests().back().wValue, 255);
     const int iReads = cam.iTempReads;
@@ -237,7 +237,7 @@ TEST(Cooler, ThreadReadsRegulatesAndStops)
     // A thread that has to give up switches the cooler off.
     cam.SetPowerPerc(80);
     cam.bThrows = true;
-    EXPECT_EQ(cam.m_TempThread.Wait(60000), platform::WAIT_SIGNALLED);
+    EXPECT_EQ(cam.m_tempThread.Wait(60000), platform::WAIT_SIGNALLED);
     EXPECT_FALSE(cam.IsAutoTempWorking());
     EXPECT_EQ(cam.m_fCoolPowerPerc, 0.0f);
 }

@@ -32,8 +32,8 @@ protected:
         auto p = std::make_unique<WBBlocks>();
         for (int c = 0; c < 3; ++c)
             for (int k = 0; k < WB_BLOCKS; ++k) {
-                p->aDev[c][k] = k != 0 ? 0 : iTexture0;
-                p->aMean[c][k] = k != 0 ? 1 : std::array{ r, g, b }[static_cast<size_t>(c)];
+                p->dev[c][k] = k != 0 ? 0 : iTexture0;
+                p->mean[c][k] = k != 0 ? 1 : std::array{ r, g, b }[static_cast<size_t>(c)];
             }
         StepWhiteBalance(cam, *p, bFallback);
         return cam.Asked();

@@ -21,15 +21,15 @@ inline ModelTraits TraitsOf(Family family, bool bColor, const char* szClass)
 {
     ModelTraits t{};
     t.family = family;
-    t.bColor = bColor;
-    t.szClass = szClass;
+    t.isColor = bColor;
+    t.className = szClass;
     return t;
 }
 
 class CaptureCamera : public CCameraBase, public IModel {
 public:
     CaptureCamera(Family family, bool bColor, int width, int height, const char* szClass = "Test")
-        : CCameraBase(width, height), m_Traits(TraitsOf(family, bColor, szClass)), m_Session(*this, *this)
+        : CCameraBase(width, height), m_traits(TraitsOf(family, bColor, szClass)), m_session(*this, *this)
     {
         m_bIsColor = bColor;
         m_iGamma = 50;
@@ -46,7 +46,7 @@ public:
     ~CaptureCamera() override
     {
         m_bCapturing = false;
-        m_Session.Wait(platform::WAIT_FOREVER);
+        m_session.Wait(platform::WAIT_FOREVER);
     }
 
     // --- as the model classes do it ---
@@ -54,20 +54,20 @@ public:
     {
         if (!m_bOpen)
             return false;
-        if (m_Session.IsCapturing())
+        if (m_session.IsCapturing())
             return true;
-        m_Session.Start(snap);
+        m_session.Start(snap);
         return true;
     }
     bool StopCapture() override
     {
-        if (!m_Session.IsCapturing())
+        if (!m_session.IsCapturing())
             return true;
-        m_Session.Stop();
-        return m_Session.Wait(5000) == platform::WAIT_SIGNALLED;
+        m_session.Stop();
+        return m_session.Wait(5000) == platform::WAIT_SIGNALLED;
     }
     bool GetImage(uint8_t* p, int n, uint32_t ms) override { return DeliverImage(*this, *this, p, n, ms); }
-    bool Ended(uint32_t ms = 5000) { return m_Session.Wait(ms) == platform::WAIT_SIGNALLED; }
+    bool Ended(uint32_t ms = 5000) { return m_session.Wait(ms) == platform::WAIT_SIGNALLED; }
 
     bool OpenCamera(int) override
     {
@@ -111,7 +111,7 @@ public:
         return 0;
     }
 
-    const ModelTraits& Traits() const override { return m_Traits; }
+    const ModelTraits& Traits() const override { return m_traits; }
     bool StartSensorStreaming() override
     {
         MayThrow("stream");
@@ -177,10 +177,10 @@ public:
     std::function<void()> OnStream;
 
 private:
-    const ModelTraits m_Traits;
+    const ModelTraits m_traits;
     mutable std::mutex m_mutex;
     std::vector<std::string> m_notes;
-    CaptureSession m_Session;
+    CaptureSession m_session;
 };
 
 // The camera's side of the bulk endpoint. A frame that is shorter than asked for ends in a short request.

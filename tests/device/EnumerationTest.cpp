@@ -116,14 +116,14 @@ TEST_F(EnumerationTest, OneLookAtTheBus)
         { "nothing new", [] {}, 0xC11A, false },
         { "another device under the same name",
           [&] {
-              dev.info.wProductId = 0xC0FA;
+              dev.info.productId = 0xC0FA;
               dev.deviceDescriptor[10] = 0xFA;
               dev.deviceDescriptor[11] = 0xC0;
           },
           0xC0FA, true },
         { "another address",
           [&] {
-              dev.info.bAddress = 77;
+              dev.info.address = 77;
               dev.deviceDescriptor[10] = 0xEA;
           },
           0xC0EA, true },

@@ -118,7 +118,7 @@ public:
     ~Reader() { Stop(); }
     void Stop()
     {
-        m_bStop = true;
+        m_stop = true;
         if (m_Thread.joinable())
             m_Thread.join();
     }
@@ -134,7 +134,7 @@ public:
 private:
     void Run()
     {
-        while (!m_bStop) {
+        while (!m_stop) {
             const KOV_ERROR_CODE r = KOVGetVideoData(m_iId, m_Data.data(), int32_t(m_Data.size()), 300);
             if (r == KOV_ERROR_TIMEOUT) {
                 ++m_nTimeOuts;
@@ -167,7 +167,7 @@ private:
     const int m_iId;
     const bool m_bCompare;
     std::vector<uint8_t> m_Data, m_First;
-    std::atomic<bool> m_bStop{ false };
+    std::atomic<bool> m_stop{ false };
     std::atomic<uint64_t> m_nFrames{ 0 }, m_nTimeOuts{ 0 }, m_nDiffering{ 0 };
     std::thread m_Thread;
 };

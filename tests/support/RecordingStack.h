@@ -68,12 +68,12 @@ public:
 
     FakeUsbDevice(uint16_t wProductId, usbstack::Speed speed, uint16_t wVendorId, uint8_t bAddress)
     {
-        info.wVendorId = wVendorId;
-        info.wProductId = wProductId;
-        info.bBus = speed == usbstack::Speed::Super ? 2 : 1;
-        info.bAddress = bAddress;
-        info.sPortPath = "1." + std::to_string(bAddress);
-        info.sPath = "fake:" + std::to_string(bAddress);
+        info.vendorId = wVendorId;
+        info.productId = wProductId;
+        info.bus = speed == usbstack::Speed::Super ? 2 : 1;
+        info.address = bAddress;
+        info.portPath = "1." + std::to_string(bAddress);
+        info.path = "fake:" + std::to_string(bAddress);
         info.speed = speed;
 
         const bool bSuper = speed == usbstack::Speed::Super;
@@ -154,7 +154,7 @@ public:
                     return n;
                 p = m_queue.front();
             }
-            const int64_t iBytes = OnBulk(p->pData, p->dwLength);
+            const int64_t iBytes = OnBulk(p->data, p->length);
             if (iBytes < 0)
                 return n;
             Complete(usbstack::Status::Ok, uint32_t(iBytes));
@@ -189,7 +189,7 @@ public:
     {
         const std::lock_guard l(m_mutex);
         m_bGone = false;
-        info.sPath = "fake:" + std::to_string(info.bAddress) + "@" + std::to_string(++m_iGeneration);
+        info.path = "fake:" + std::to_string(info.address) + "@" + std::to_string(++m_iGeneration);
     }
     usbstack::DeviceInfo Info() const
     {
@@ -363,7 +363,7 @@ public:
     }
     bool KeepsTimeLimits() const override { return m_dev.keepsTimeLimits; }
     usbstack::Speed GetSpeed() override { return m_dev.info.speed; }
-    uint8_t GetAddress() override { return m_dev.info.bAddress; }
+    uint8_t GetAddress() override { return m_dev.info.address; }
     int GetAltSetting() override { return m_dev.iAltSetting; }
 
 private:
@@ -418,7 +418,7 @@ public:
         if (openStatus != usbstack::Status::Ok)
             return nullptr;
         for (const auto& d : m_devices)
-            if (d->Info().sPath == sPath && !d->Gone())
+            if (d->Info().path == sPath && !d->Gone())
                 return new FakeUsbDevice::Handle(*d);
         *pStatus = usbstack::Status::Gone;
         return nullptr;

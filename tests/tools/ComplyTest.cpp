@@ -27,8 +27,8 @@ public:
     Twisted(std::unique_ptr<Profile> good, std::function<void(Readout&)> twist, std::optional<kovsim::Cfa> cell)
         : m_good(std::move(good)), m_twist(std::move(twist))
     {
-        m_Facts = m_good->Facts();
-        m_Facts.cfa = cell.value_or(m_Facts.cfa);
+        m_facts = m_good->Facts();
+        m_facts.cfa = cell.value_or(m_facts.cfa);
     }
     void PowerOn() override { m_good->PowerOn(); }
     bool WriteReg16(uint16_t r, uint16_t v) override { return m_good->WriteReg16(r, v); }
@@ -112,11 +112,11 @@ private:
         Status SubmitBulk(BulkRequest* theirs) override
         {
             auto* const s = new Shadow{ *theirs, theirs, &m_wires };
-            s->mine.pContext = s;
+            s->mine.context = s;
             s->mine.OnComplete = [](BulkRequest* mine, Status status, uint32_t n) {
-                const std::unique_ptr<Shadow> own(static_cast<Shadow*>(mine->pContext));
+                const std::unique_ptr<Shadow> own(static_cast<Shadow*>(mine->context));
                 if (status == Status::Ok && own->wires->m_data)
-                    own->wires->m_data(mine->pData, n);
+                    own->wires->m_data(mine->data, n);
                 own->theirs->OnComplete(own->theirs, status, n);
             };
             const Status status = m_good->SubmitBulk(&s->mine);

@@ -29,9 +29,9 @@ public:
         if (g_UsbCalls.Fails())
             return Status::Failed;
         Sent* const s = new Sent{ *p, p };
-        s->request.pContext = s;
+        s->request.context = s;
         s->request.OnComplete = [](BulkRequest* own, Status status, uint32_t dwBytes) {
-            const std::unique_ptr<Sent> done(static_cast<Sent*>(own->pContext));
+            const std::unique_ptr<Sent> done(static_cast<Sent*>(own->context));
             const bool bFails = status == Status::Ok && g_UsbCalls.Fails();
             const InLibrary library;
             done->pAsked->OnComplete(done->pAsked, bFails ? Status::Failed : status, bFails ? 0 : dwBytes);

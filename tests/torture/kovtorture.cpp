@@ -64,8 +64,8 @@ public:
         s.iHotPixels = 0;
         s.scene = kovsim::Scene::Pattern();
         m_bus.Plug(s);
-        m_pStack = MakeFaultyStack(m_bus);
-        platform::SetUsbStack(m_pStack.get());
+        m_stack = MakeFaultyStack(m_bus);
+        platform::SetUsbStack(m_stack.get());
     }
     ~Sweep()
     {
@@ -237,7 +237,7 @@ private:
         }
         Stop();
         Close();
-        platform::SetUsbStack(m_pStack.get());  // forgets the descriptors, which differ where the camera restarted
+        platform::SetUsbStack(m_stack.get());  // forgets the descriptors, which differ where the camera restarted
         if (CountsAllocations() && LibraryBlocks() != m_lBlocks) {
             Problem(std::to_string(LibraryBlocks() - m_lBlocks) + " blocks of memory more than before");
             m_lBlocks = LibraryBlocks();
@@ -263,7 +263,7 @@ private:
             m_pRow = nullptr;
             Close();
         }
-        platform::SetUsbStack(m_pStack.get());
+        platform::SetUsbStack(m_stack.get());
         m_lBlocks = LibraryBlocks();
         return true;
     }
@@ -279,7 +279,7 @@ private:
     const FamilyRow& m_family;
     const Options& m_o;
     kovsim::VirtualBus m_bus;
-    std::unique_ptr<usbstack::IStack> m_pStack;
+    std::unique_ptr<usbstack::IStack> m_stack;
     int m_w = 320, m_h = 240;
     std::vector<uint8_t> m_reference, m_frame;
     int64_t m_lBlocks = 0;

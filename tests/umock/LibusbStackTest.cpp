@@ -68,7 +68,7 @@ std::unique_ptr<IDevice> OpenFirst()
 {
     const auto v = usbstack::LibusbStack().Enumerate();
     EXPECT_FALSE(v.empty());
-    return v.empty() ? nullptr : Open(v[0].sPath);
+    return v.empty() ? nullptr : Open(v[0].path);
 }
 
 // Requests with their buffers and results, in the order in which they ended. What is still out when they go is aborted:
@@ -87,12 +87,12 @@ public:
     {
         for (Request& r : m_requests) {
             r.data.assign(dwLength, 0xEE);
-            r.bulk.bEndpoint = bEndpoint;
-            r.bulk.pData = r.data.data();
-            r.bulk.dwLength = dwLength;
-            r.bulk.pContext = this;
+            r.bulk.endpoint = bEndpoint;
+            r.bulk.data = r.data.data();
+            r.bulk.length = dwLength;
+            r.bulk.context = this;
             r.bulk.OnComplete = [](BulkRequest* p, Status status, uint32_t dwBytes) {
-                Requests& r = *static_cast<Requests*>(p->pContext);
+                Requests& r = *static_cast<Requests*>(p->context);
                 const bool bThrow = r.bThrows;  // once told, all may be gone
                 t_bEvents = false;
                 r.Done(p, status, dwBytes);
@@ -105,7 +105,7 @@ public:
     ~Requests()
     {
         if (Order().size() != m_nSubmitted)
-            m_pDevice->Abort(m_requests[0].bulk.bEndpoint);
+            m_pDevice->Abort(m_requests[0].bulk.endpoint);
         EXPECT_EQ(Order().size(), m_nSubmitted);
     }
     Requests(const Requests&) = delete;
@@ -254,21 +254,21 @@ TEST_F(Libusb, ListsOwnVendorByBusThenPortAsNumbers)
         ud(*m_pBus, 2, "4", d);
     const auto v = usbstack::LibusbStack().Enumerate();
     ASSERT_EQ(v.size(), 4u);
-    EXPECT_EQ(v[0].wProductId, 0xA003);
+    EXPECT_EQ(v[0].productId, 0xA003);
     EXPECT_EQ(v[0].speed, Speed::High);
-    EXPECT_EQ(v[0].bBus, 1);
-    EXPECT_EQ(v[0].sPortPath, "7");
-    EXPECT_EQ(v[1].wProductId, 0xA002);
-    EXPECT_EQ(v[1].sPortPath, "1.9");
-    EXPECT_EQ(v[1].wVendorId, 0x0E5A);
-    EXPECT_EQ(v[1].bAddress, ub.Address());
+    EXPECT_EQ(v[0].bus, 1);
+    EXPECT_EQ(v[0].portPath, "7");
+    EXPECT_EQ(v[1].productId, 0xA002);
+    EXPECT_EQ(v[1].portPath, "1.9");
+    EXPECT_EQ(v[1].vendorId, 0x0E5A);
+    EXPECT_EQ(v[1].address, ub.Address());
     EXPECT_EQ(v[1].speed, Speed::Super);
-    EXPECT_EQ(v[2].sPortPath, "1.10");
-    EXPECT_EQ(v[3].wProductId, 0xA004);
+    EXPECT_EQ(v[2].portPath, "1.10");
+    EXPECT_EQ(v[3].productId, 0xA004);
     for (size_t i = 1; i < 4; ++i) {
-        const auto p = Open(v[i].sPath);
+        const auto p = Open(v[i].path);
         ASSERT_TRUE(p);
-        EXPECT_EQ(p->GetAddress(), v[i].bAddress);
+        EXPECT_EQ(p->GetAddress(), v[i].address);
         EXPECT_EQ(p->GetSpeed(), Speed::Super);
         EXPECT_EQ(p->GetAltSetting(), 0);
     }
@@ -436,7 +436,7 @@ TEST_F(Opened, StallEndsEachRequestAndResetClearsIt)
 
 TEST_F(Opened, VanishEndsAllAndReplugOpensAgain)
 {
-    const std::string sOld = usbstack::LibusbStack().Enumerate().at(0).sPath;
+    const std::string sOld = usbstack::LibusbStack().Enumerate().at(0).path;
     Requests r(33, MIB);
     r.Submit(*p);
     usb->Vanish();
@@ -458,12 +458,12 @@ TEST_F(Opened, VanishEndsAllAndReplugOpensAgain)
     usb->Plug();
     std::vector<DeviceInfo> v;
     ASSERT_TRUE(Until([&] { return (v = usbstack::LibusbStack().Enumerate()).size() == 1; }));
-    EXPECT_EQ(v[0].sPortPath, "1");
-    EXPECT_NE(v[0].sPath, sOld);
+    EXPECT_EQ(v[0].portPath, "1");
+    EXPECT_NE(v[0].path, sOld);
     Status status = Status::Ok;
     EXPECT_FALSE(Open(sOld, &status));
     EXPECT_EQ(status, Status::Gone);
-    const auto q = Open(v[0].sPath);
+    const auto q = Open(v[0].path);
     ASSERT_TRUE(q);
     p.reset();
     Requests again(1, 4096);
@@ -598,7 +598,7 @@ TEST_F(Libusb, LargeRequestsDoNotStarveBesideSmallOnes)
     m_pBus->SetMemoryLimit(4ull * MIB);
     const auto v = usbstack::LibusbStack().Enumerate();
     ASSERT_EQ(v.size(), 2u);
-    const auto pl = Open(v[0].sPath), ps = Open(v[1].sPath);
+    const auto pl = Open(v[0].path), ps = Open(v[1].path);
     ASSERT_TRUE(pl && ps);
     Requests rs(40, 307200), rl(6, MIB);
     rs.Submit(*ps);  // fills the memory
@@ -621,13 +621,13 @@ TEST_F(Libusb, HandlesOfOneProcessShareTheDevice)
     MockUsb usb(*m_pBus, 2, "1", device);
     const auto v = usbstack::LibusbStack().Enumerate();
     ASSERT_EQ(v.size(), 1u);
-    auto p = Open(v[0].sPath);
+    auto p = Open(v[0].path);
     ASSERT_TRUE(p);
     Requests r(4, 4096);
     r.Submit(*p);
     {
         Requests own(1, 512);
-        const auto q = Open(v[0].sPath);
+        const auto q = Open(v[0].path);
         ASSERT_TRUE(q);
         uint8_t data[8];
         uint32_t dwMoved = 0;
@@ -640,7 +640,7 @@ TEST_F(Libusb, HandlesOfOneProcessShareTheDevice)
     EXPECT_EQ(usb.Seen().iClaims, 1);
     EXPECT_EQ(usb.Seen().iReleases, 0);
 
-    auto q = Open(v[0].sPath);
+    auto q = Open(v[0].path);
     p.reset();  // the first one goes, the device stays open
     EXPECT_EQ(r.Count(Status::Cancelled), 4u);
     EXPECT_EQ(usb.Seen().iReleases, 0);
@@ -667,7 +667,7 @@ TEST_F(Libusb, OpenCloseAndListFromManyThreads)
                     ++iBad;
                 Status status;
                 Requests r(2, 512);
-                const std::unique_ptr<IDevice> p(usbstack::LibusbStack().Open(v[size_t(i + t) % 2].sPath, &status));
+                const std::unique_ptr<IDevice> p(usbstack::LibusbStack().Open(v[size_t(i + t) % 2].path, &status));
                 uint8_t data[2];
                 uint32_t dwMoved = 0;
                 if (!p || p->Control(0xC0, 0xB5, 7, 0, data, 2, 5000, &dwMoved) != Status::Ok || data[1] != 8)
@@ -749,7 +749,7 @@ TEST_F(Libusb, RefusedOpenTellsWhyAndKeepsNothing)
 
     // Another program has it: it may be looked at, but neither read from nor restarted.
     usb.SetClaimError(EBUSY);
-    const auto p = Open(v[0].sPath);
+    const auto p = Open(v[0].path);
     ASSERT_TRUE(p);
     uint32_t dwMoved = 0;
     uint8_t ab[18];

@@ -120,7 +120,7 @@ MockBus::~MockBus()
 void MockBus::SetMemoryLimit(uint64_t lBytes, bool bTold)
 {
     const std::lock_guard lock(m_mutex);
-    m_lLimit = lBytes;
+    m_limit = lBytes;
     if (!bTold)
         return;
     gchar* szSys = umockdev_testbed_get_sys_dir(m_pBed);
@@ -153,7 +153,7 @@ void MockBus::Reserve(int64_t lBytes)
 bool MockBus::Take(uint64_t lBytes)
 {
     const std::lock_guard lock(m_mutex);
-    if (m_lLimit != 0 && m_lUsed + lBytes > m_lLimit) {
+    if (m_limit != 0 && m_lUsed + lBytes > m_limit) {
         ++m_iRefusals;
         return false;
     }
@@ -256,7 +256,7 @@ MockUsb::~MockUsb()
     Vanish();
     {
         const std::lock_guard lock(m_mutex);
-        m_bStop = true;
+        m_stop = true;
         m_cv.notify_all();
     }
     m_thread.join();
@@ -452,9 +452,9 @@ int MockUsb::SubmitUrb(Node& node, void* pArg)
             return 0;
         }
         ++m_counts.iBulk;
-        p->request.bEndpoint = pUrb->endpoint;
+        p->request.endpoint = pUrb->endpoint;
         p->request.OnComplete = OnComplete;
-        p->request.pContext = p.get();
+        p->request.context = p.get();
     }
     Submit(*p);
     return 0;
@@ -463,8 +463,8 @@ int MockUsb::SubmitUrb(Node& node, void* pArg)
 // No lock held: the device may answer at once.
 void MockUsb::Submit(Urb& urb)
 {
-    urb.request.pData = static_cast<uint8_t*>(urb.pUrb->buffer) + urb.dwMoved;
-    urb.request.dwLength = uint32_t(urb.pUrb->buffer_length) - urb.dwMoved;
+    urb.request.data = static_cast<uint8_t*>(urb.pUrb->buffer) + urb.dwMoved;
+    urb.request.length = uint32_t(urb.pUrb->buffer_length) - urb.dwMoved;
     const Status s = m_device.SubmitBulk(&urb.request);
     if (s != Status::Ok) {
         const std::lock_guard lock(m_mutex);
@@ -474,7 +474,7 @@ void MockUsb::Submit(Urb& urb)
 
 void MockUsb::OnComplete(usbstack::BulkRequest* pRequest, Status status, uint32_t dwBytes)
 {
-    Urb& urb = *static_cast<Urb*>(pRequest->pContext);
+    Urb& urb = *static_cast<Urb*>(pRequest->context);
     const std::lock_guard lock(urb.pUsb->m_mutex);
     urb.dwMoved += dwBytes;
     if (status == Status::Cancelled && !urb.bDiscarded && !urb.pNode->bGone)
@@ -530,7 +530,7 @@ int MockUsb::Discard(Node& node, void* pArg)
             return 0;
         }
     }
-    m_device.Abort(pUrb->request.bEndpoint);
+    m_device.Abort(pUrb->request.endpoint);
     std::vector<std::shared_ptr<Urb>> again;
     {
         const std::lock_guard lock(m_mutex);
@@ -573,8 +573,8 @@ void MockUsb::ControlLoop()
 {
     std::unique_lock lock(m_mutex);
     for (;;) {
-        m_cv.wait(lock, [&] { return m_bStop || !m_control.empty(); });
-        if (m_bStop)
+        m_cv.wait(lock, [&] { return m_stop || !m_control.empty(); });
+        if (m_stop)
             return;
         const std::shared_ptr<Urb> p = m_control.front();
         m_control.pop_front();

@@ -48,7 +48,7 @@ private:
     std::set<std::string> m_hubs;
     uint8_t m_bAddress = 0;
     mutable std::mutex m_mutex;
-    uint64_t m_lLimit = 0, m_lUsed = 0, m_lPeak = 0;
+    uint64_t m_limit = 0, m_lUsed = 0, m_lPeak = 0;
     int m_iRefusals = 0;
 };
 
@@ -106,6 +106,6 @@ private:
     std::list<std::shared_ptr<Node>> m_nodes;  // one a plug; the last is the present one
     std::list<std::shared_ptr<Urb>> m_control;
     Counts m_counts;
-    bool m_bStop = false;
+    bool m_stop = false;
     std::thread m_thread;  // control requests, which may take time
 };

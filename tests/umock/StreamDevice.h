@@ -105,7 +105,7 @@ public:
         const std::lock_guard l(m_mutex);
         std::deque<usbstack::BulkRequest*> rest;
         for (usbstack::BulkRequest* p : m_queue) {
-            if (p->bEndpoint == bEndpoint)
+            if (p->endpoint == bEndpoint)
                 p->OnComplete(p, Status::Cancelled, 0);
             else
                 rest.push_back(p);
@@ -138,10 +138,10 @@ private:
             }
             const int64_t lStep = m_steps.front();
             m_steps.pop_front();
-            const uint32_t dwBytes = lStep < 0 || lStep > p->dwLength ? p->dwLength : uint32_t(lStep);
-            uint32_t& lWord = m_words[p->bEndpoint];
+            const uint32_t dwBytes = lStep < 0 || lStep > p->length ? p->length : uint32_t(lStep);
+            uint32_t& lWord = m_words[p->endpoint];
             for (uint32_t i = 0; i + 4 <= dwBytes; i += 4, ++lWord)
-                std::memcpy(p->pData + i, &lWord, 4);
+                std::memcpy(p->data + i, &lWord, 4);
             p->OnComplete(p, Status::Ok, dwBytes);
         }
     }

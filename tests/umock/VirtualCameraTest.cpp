@@ -61,7 +61,7 @@ protected:
         s.iHotPixels = 0;
         s.scene = kovsim::Scene::Pattern();
         m_pCam = &m_Virtual.Plug(s);
-        m_pDevice.reset(m_Virtual.Open(m_Virtual.Enumerate().at(0).sPath, nullptr));
+        m_pDevice.reset(m_Virtual.Open(m_Virtual.Enumerate().at(0).path, nullptr));
         ASSERT_TRUE(m_pDevice);
         m_pBus = std::make_unique<MockBus>();
         m_pUsb = std::make_unique<MockUsb>(*m_pBus, uint8_t{ 2 }, "1.4", *m_pDevice);
@@ -168,7 +168,7 @@ TEST_F(LibusbCamera, OneLookAtTheBus)
         kovsim::CameraSettings s;
         s.wProductId = id;
         m_Virtual.Plug(s);
-        extra.emplace_back().device.reset(m_Virtual.Open(m_Virtual.Enumerate().back().sPath, nullptr));
+        extra.emplace_back().device.reset(m_Virtual.Open(m_Virtual.Enumerate().back().path, nullptr));
         extra.back().usb =
             std::make_unique<MockUsb>(*m_pBus, uint8_t{ 2 }, "2." + std::to_string(extra.size()), *extra.back().device);
     }

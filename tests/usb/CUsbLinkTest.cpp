@@ -32,33 +32,33 @@ TEST(CUsbLink, OpenReadsEverything)
     ASSERT_TRUE(link.IsOpen());
     EXPECT_EQ(driver.log, (Strings{ "list", "interface 0", "interface 1", "destroy", "list", "info", "property 35 259",
                                     "property 13 259", "interface 0", "path", "open", "destroy" }));
-    EXPECT_EQ(link.m_wVendorId, 0x0E5A);
-    EXPECT_EQ(link.m_wProductId, 0xC11A);
-    EXPECT_EQ(link.m_uMaxPacketSize0, 512u);  // USB 3: a power of two
-    EXPECT_EQ(link.m_wLanguage, 1033);
-    EXPECT_EQ(Utf16(link.m_szManufacturer), "maker");
-    EXPECT_EQ(Utf16(link.m_szProduct), "camera");
-    EXPECT_EQ(Utf16(link.m_szSerial), "0001");
-    EXPECT_STREQ(link.m_szDevicePath, "fake:1");
-    EXPECT_TRUE(link.m_bSuperSpeed);
+    EXPECT_EQ(link.m_vendorId, 0x0E5A);
+    EXPECT_EQ(link.m_productId, 0xC11A);
+    EXPECT_EQ(link.m_maxPacketSize0, 512u);  // USB 3: a power of two
+    EXPECT_EQ(link.m_language, 1033);
+    EXPECT_EQ(Utf16(link.m_manufacturer), "maker");
+    EXPECT_EQ(Utf16(link.m_product), "camera");
+    EXPECT_EQ(Utf16(link.m_serial), "0001");
+    EXPECT_STREQ(link.m_devicePath, "fake:1");
+    EXPECT_TRUE(link.m_superSpeed);
     EXPECT_FALSE(link.m_bHighSpeed);
-    EXPECT_EQ(link.m_bUsbAddress, 1);
-    EXPECT_STRNE(link.m_szDriverName, "");
-    ASSERT_TRUE(link.m_pBos && link.m_pBos->pSuperSpeed);
-    EXPECT_EQ(link.m_pBos->pSuperSpeed->bU1DevExitLat, 10);
+    EXPECT_EQ(link.m_usbAddress, 1);
+    EXPECT_STRNE(link.m_driverName, "");
+    ASSERT_TRUE(link.m_pBos && link.m_pBos->superSpeed);
+    EXPECT_EQ(link.m_pBos->superSpeed->bU1DevExitLat, 10);
     EXPECT_EQ(link.EndPointCount(), 2);
     ASSERT_TRUE(link.m_pBulkIn);
-    EXPECT_EQ(link.m_pBulkIn->m_bEndpointAddress, 0x82);
+    EXPECT_EQ(link.m_pBulkIn->m_endpointAddress, 0x82);
     EXPECT_EQ(link.m_pBulkIn->m_iMaxPktSize, 16384);
     EXPECT_EQ(link.m_pEndPoints[0], link.m_pControl);
     EXPECT_EQ(link.m_pControl->m_iMaxPktSize, 512);
     EXPECT_EQ(link.m_pBulkOut, nullptr);
-    EXPECT_EQ(link.m_bConfigValue, 1);
-    EXPECT_EQ(link.m_bMaxPower, 100);
+    EXPECT_EQ(link.m_configValue, 1);
+    EXPECT_EQ(link.m_maxPower, 100);
 
     link.Close();
-    EXPECT_EQ(link.m_wVendorId, 0);
-    EXPECT_EQ(std::count(std::begin(link.m_abDeviceDescriptor), std::end(link.m_abDeviceDescriptor), 0), 18);
+    EXPECT_EQ(link.m_vendorId, 0);
+    EXPECT_EQ(std::count(std::begin(link.m_deviceDescriptor), std::end(link.m_deviceDescriptor), 0), 18);
     EXPECT_EQ(link.EndPointCount(), 0);
     EXPECT_EQ(link.m_pBulkIn, nullptr);
     EXPECT_EQ(dev.OpenHandles(), 0);
@@ -71,7 +71,7 @@ TEST(CUsbLink, Usb2DeviceHasNoBos)
     s.stack.Add(0xC07A, Speed::High);
     ForwardDriver driver;
     CUsbLink link(nullptr, Slot(1), true);
-    EXPECT_EQ(link.m_uMaxPacketSize0, 64u);
+    EXPECT_EQ(link.m_maxPacketSize0, 64u);
     EXPECT_TRUE(link.m_bHighSpeed);
     EXPECT_EQ(link.m_pBos, nullptr);
     EXPECT_EQ(driver.controls, 11);  // device, languages, three strings, configuration; each but the first in two parts
@@ -90,7 +90,7 @@ TEST(CUsbLink, WalkOverDevices)
     std::vector<uint32_t> ids;
     for (uint8_t i = 0; i < 4; ++i) {
         EXPECT_TRUE(link.Open(i));
-        ids.push_back(uint32_t(link.m_wVendorId) << 16 | link.m_wProductId);
+        ids.push_back(uint32_t(link.m_vendorId) << 16 | link.m_productId);
     }
     EXPECT_EQ(ids, (std::vector<uint32_t>{ 0x0E5AC11A, 0x1234C11B, 0x0E5AC0EA, 0x0E5ACFFF }));
     EXPECT_EQ(third.OpenHandles(), 0);
@@ -98,7 +98,7 @@ TEST(CUsbLink, WalkOverDevices)
     EXPECT_FALSE(link.IsOpen());
     CUsbLink none(nullptr, Slot(4), true);
     EXPECT_EQ(none.DeviceCount(), 0);
-    EXPECT_EQ(none.m_bConfigValue | none.m_bConfigAttributes | none.m_bMaxPower, 0);
+    EXPECT_EQ(none.m_configValue | none.m_configAttributes | none.m_maxPower, 0);
     EXPECT_FALSE(none.IsOpen());
 }
 
@@ -164,10 +164,10 @@ TEST(CUsbLink, UnreadableDeviceDescriptorLeavesZeros)
     s.stack.Add(0xC11A);
     s.stack.Add(0xC11B).deviceDescriptor.clear();
     CUsbLink link(nullptr, Slot(10), true);
-    EXPECT_EQ(link.m_wProductId, 0xC11A);
+    EXPECT_EQ(link.m_productId, 0xC11A);
     EXPECT_FALSE(link.Open(1));
-    EXPECT_EQ(link.m_wVendorId, 0);
-    EXPECT_EQ(link.m_wProductId, 0);
+    EXPECT_EQ(link.m_vendorId, 0);
+    EXPECT_EQ(link.m_productId, 0);
 }
 
 TEST(CUsbLink, QuirkLanguageScanVisitsEverySecondEntry)
@@ -189,7 +189,7 @@ TEST(CUsbLink, QuirkLanguageScanVisitsEverySecondEntry)
         dev.languages = r.languages;
         dev.Return();
         link.Open(0);
-        EXPECT_EQ(link.m_wLanguage, r.chosen) << r.languages.size();
+        EXPECT_EQ(link.m_language, r.chosen) << r.languages.size();
     }
 }
 
@@ -202,8 +202,8 @@ TEST(CUsbLink, BadStringLeavesTheText)
     dev.strings[0].assign(126, 'x');
     dev.Return();
     link.Open(0);
-    EXPECT_EQ(Utf16(link.m_szProduct), "camera");
-    EXPECT_EQ(Utf16(link.m_szManufacturer), std::string(126, 'x'));
+    EXPECT_EQ(Utf16(link.m_product), "camera");
+    EXPECT_EQ(Utf16(link.m_manufacturer), std::string(126, 'x'));
 }
 
 TEST(CUsbLink, SpeedAndQueriesThatFail)
@@ -214,10 +214,10 @@ TEST(CUsbLink, SpeedAndQueriesThatFail)
     driver.dwSpeed = 3;
     CUsbLink link(nullptr, Slot(10), true);
     EXPECT_FALSE(link.m_bHighSpeed);
-    EXPECT_FALSE(link.m_bSuperSpeed);
+    EXPECT_FALSE(link.m_superSpeed);
     driver.dwFailCode = platform::IO_USB_ADDRESS;
     link.QueryAddress();
-    EXPECT_EQ(link.m_bUsbAddress, 0);
+    EXPECT_EQ(link.m_usbAddress, 0);
     dev.iAltSetting = -1;
     EXPECT_EQ(link.QueryAltSetting(), -1);
     link.Close();
@@ -237,7 +237,7 @@ TEST(CUsbLink, AlternateSettingChoosesTheTable)
     dev.configDescriptor[6] = 9;
     dev.iAltSetting = 1;
     CUsbLink link(nullptr, Slot(10), true);
-    EXPECT_EQ(link.m_bIntfClass, 0xFE);
+    EXPECT_EQ(link.m_intfClass, 0xFE);
     EXPECT_EQ(link.EndPointCount(), 3);
     ASSERT_TRUE(link.m_pBulkOut && link.m_pIsocIn);
     EXPECT_EQ(link.m_pBulkIn, nullptr);
@@ -248,7 +248,7 @@ TEST(CUsbLink, AlternateSettingChoosesTheTable)
     EXPECT_EQ(link.m_pIsocIn, nullptr);
     for (const int cfg : { 8, 9 }) {  // names no configuration; names one that is not there
         link.SelectConfig(uint8_t(cfg));
-        EXPECT_EQ(link.m_bConfigIndex, 0);
+        EXPECT_EQ(link.m_configIndex, 0);
     }
 }
 
@@ -261,7 +261,7 @@ TEST(CUsbLink, ClosePathsThrowStringsTheDestructorDoesNot)
     int window = 0;
     {
         CUsbLink link(&window, Slot(10), true);
-        EXPECT_EQ(link.m_hDeviceNotice, &driver);
+        EXPECT_EQ(link.m_deviceNotice, &driver);
         EXPECT_EQ(driver.interfaceFilter[0], 32);
         EXPECT_EQ(driver.interfaceFilter[4], 5);
         EXPECT_EQ(0, std::memcmp(driver.interfaceFilter.data() + 12, &Slot(10), 16));

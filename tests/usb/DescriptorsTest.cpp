@@ -43,23 +43,23 @@ TEST(Descriptors, EndpointClassesByTheWholeAttributeByte)
                                   g_Companion, EndPoint(0x84, 3), EndPoint(0x85, 6) }),
                          true);
     ASSERT_TRUE(c);
-    const InterfaceObject& i = *c->apInterfaces[0];
+    const InterfaceObject& i = *c->interfaces[0];
     EXPECT_EQ(i.wTotalLength, 9 + 5 * 7 + 2 * 6);
-    EXPECT_EQ(i.apEndPoints[0], nullptr);
-    EXPECT_TRUE(dynamic_cast<CCyControlEndPoint*>(i.apEndPoints[1]));
-    EXPECT_EQ(i.apEndPoints[1]->m_bMaxBurst, 0);  // a control endpoint never takes the companion
-    EXPECT_TRUE(dynamic_cast<CCyIsocEndPoint*>(i.apEndPoints[2]));
-    EXPECT_TRUE(dynamic_cast<CCyBulkEndPoint*>(i.apEndPoints[3]));
-    EXPECT_EQ(i.apEndPoints[3]->m_iMaxPktSize, 16384);
-    EXPECT_TRUE(dynamic_cast<CCyInterruptEndPoint*>(i.apEndPoints[4]));
-    EXPECT_EQ(i.apEndPoints[5], nullptr);
+    EXPECT_EQ(i.endPoints[0], nullptr);
+    EXPECT_TRUE(dynamic_cast<CCyControlEndPoint*>(i.endPoints[1]));
+    EXPECT_EQ(i.endPoints[1]->m_maxBurst, 0);  // a control endpoint never takes the companion
+    EXPECT_TRUE(dynamic_cast<CCyIsocEndPoint*>(i.endPoints[2]));
+    EXPECT_TRUE(dynamic_cast<CCyBulkEndPoint*>(i.endPoints[3]));
+    EXPECT_EQ(i.endPoints[3]->m_iMaxPktSize, 16384);
+    EXPECT_TRUE(dynamic_cast<CCyInterruptEndPoint*>(i.endPoints[4]));
+    EXPECT_EQ(i.endPoints[5], nullptr);
 }
 
 TEST(Descriptors, HeadsAreKept)
 {
     const auto c = Parse(Config({ Interface(7, 6, 5) }), true);
-    ASSERT_TRUE(c && c->apInterfaces[0]);
-    const InterfaceObject& i = *c->apInterfaces[0];
+    ASSERT_TRUE(c && c->interfaces[0]);
+    const InterfaceObject& i = *c->interfaces[0];
     EXPECT_EQ((Bytes{ c->bLength, c->bDescriptorType, uint8_t(c->wTotalLength), c->bNumInterfaces, c->bConfigurationValue,
                       c->iConfiguration, c->bmAttributes, c->bMaxPower }),
               (Bytes{ 9, 2, 18, 1, 3, 4, 0x80, 50 }));
@@ -72,9 +72,9 @@ TEST(Descriptors, PlainParserSkipsCompanionsAsForeign)
 {
     const auto c = Parse(Config({ Interface(0, 0, 2), EndPoint(0x81, 2), g_Companion, EndPoint(0x82, 2) }), false);
     ASSERT_TRUE(c);
-    const InterfaceObject& i = *c->apInterfaces[0];
-    EXPECT_EQ(i.apEndPoints[1]->m_iMaxPktSize, 1024);
-    ASSERT_TRUE(i.apEndPoints[2]);
+    const InterfaceObject& i = *c->interfaces[0];
+    EXPECT_EQ(i.endPoints[1]->m_iMaxPktSize, 1024);
+    ASSERT_TRUE(i.endPoints[2]);
     EXPECT_EQ(i.wTotalLength, 9 + 7 + 6 + 7);
 }
 
@@ -86,7 +86,7 @@ TEST(Descriptors, ElevenForeignDescriptorsAreSkippedTheTwelfthUsesUpTheSlot)
             foreign.insert(foreign.end(), g_Foreign.begin(), g_Foreign.end());
         const auto c = Parse(Config({ Interface(0, 0, 1), foreign, EndPoint(0x82, 2) }), true);
         ASSERT_TRUE(c);
-        EXPECT_EQ(c->apInterfaces[0]->apEndPoints[1] != nullptr, n == 11);
+        EXPECT_EQ(c->interfaces[0]->endPoints[1] != nullptr, n == 11);
     }
 }
 
@@ -94,10 +94,10 @@ TEST(Descriptors, AlternateSettingsCountOverAllObjectsOfTheNumber)
 {
     const auto c = Parse(Config({ Interface(0, 0, 0), Interface(1, 0, 0), g_Foreign, Interface(0, 1, 0) }), true);
     ASSERT_TRUE(c);
-    EXPECT_EQ(c->bAltInterfaces, 3);
-    EXPECT_EQ(c->apInterfaces[0]->bAltSettings, 2);
-    EXPECT_EQ(c->apInterfaces[1]->bAltSettings, 1);
-    EXPECT_EQ(c->apInterfaces[2]->bAltSettings, 2);
+    EXPECT_EQ(c->altInterfaces, 3);
+    EXPECT_EQ(c->interfaces[0]->altSettings, 2);
+    EXPECT_EQ(c->interfaces[1]->altSettings, 1);
+    EXPECT_EQ(c->interfaces[2]->altSettings, 2);
 }
 
 TEST(Descriptors, LimitsAreKept)
@@ -108,7 +108,7 @@ TEST(Descriptors, LimitsAreKept)
         const Bytes i = Interface(k, 0, 0);
         ten.insert(ten.end(), i.begin(), i.end());
     }
-    EXPECT_EQ(Parse(Config({ ten }), true)->bAltInterfaces, 8);
+    EXPECT_EQ(Parse(Config({ ten }), true)->altInterfaces, 8);
 
     // Forty endpoints: the table takes entries 1 to 31.
     Bytes forty = Interface(0, 0, 40);
@@ -117,8 +117,8 @@ TEST(Descriptors, LimitsAreKept)
         forty.insert(forty.end(), e.begin(), e.end());
     }
     const auto c = Parse(Config({ forty }), true);
-    ASSERT_TRUE(c && c->apInterfaces[0]->apEndPoints[31]);
-    EXPECT_EQ(c->apInterfaces[0]->wTotalLength, 9 + 40 * 7);
+    ASSERT_TRUE(c && c->interfaces[0]->endPoints[31]);
+    EXPECT_EQ(c->interfaces[0]->wTotalLength, 9 + 40 * 7);
 }
 
 TEST(Descriptors, WhatIsCutOffIsAbsentWhatCannotBeWalkedThrows)
@@ -128,9 +128,9 @@ TEST(Descriptors, WhatIsCutOffIsAbsentWhatCannotBeWalkedThrows)
         const auto c = Parse(Bytes(whole.begin(), whole.begin() + ptrdiff_t(n)), true);
         EXPECT_EQ(c != nullptr, n >= 9) << n;
         if (c) {
-            EXPECT_EQ(c->apInterfaces[0] != nullptr, n >= 18) << n;
+            EXPECT_EQ(c->interfaces[0] != nullptr, n >= 18) << n;
             if (n >= 18) {
-                EXPECT_EQ(c->apInterfaces[0]->apEndPoints[1] != nullptr, n >= 25) << n;
+                EXPECT_EQ(c->interfaces[0]->endPoints[1] != nullptr, n >= 25) << n;
             }
         }
     }
@@ -146,18 +146,18 @@ TEST(Descriptors, Bos)
     Bytes b = { 5,    15, 42, 0, 3, 7, 16, 2, 0x78, 0x56, 0x34, 0x12, 10, 16, 3,  1,  0x0E, 0x00, 2,  10, 0xFF,
                 0x07, 20, 16, 4, 0, 1, 2,  3, 4,    5,    6,    7,    8,  9,  10, 11, 12,   13,   14, 15, 16 };
     const std::unique_ptr<BosObject> o(ParseBos(b.data(), uint32_t(b.size())));
-    ASSERT_TRUE(o->pUsb20 && o->pSuperSpeed && o->pContainerId);
+    ASSERT_TRUE(o->usb20 && o->superSpeed && o->containerId);
     EXPECT_EQ((Bytes{ o->bLength, o->bDescriptorType, uint8_t(o->wTotalLength), o->bNumDeviceCaps }), (Bytes{ 5, 15, 42, 3 }));
-    EXPECT_EQ(o->pUsb20->dwAttributes, 0x12345678u);
-    EXPECT_EQ(o->pSuperSpeed->bmAttributes + 16 * o->pSuperSpeed->bFunctionalitySupport + 256 * o->pSuperSpeed->bU1DevExitLat,
+    EXPECT_EQ(o->usb20->attributes, 0x12345678u);
+    EXPECT_EQ(o->superSpeed->bmAttributes + 16 * o->superSpeed->bFunctionalitySupport + 256 * o->superSpeed->bU1DevExitLat,
               0xA21);
-    EXPECT_EQ(o->pSuperSpeed->wSpeedsSupported, 14);
-    EXPECT_EQ(o->pSuperSpeed->wU2DevExitLat, 0x7FF);
-    EXPECT_EQ(o->pContainerId->abContainerId[0], 1);
-    EXPECT_EQ(o->pContainerId->abContainerId[15], 16);
+    EXPECT_EQ(o->superSpeed->wSpeedsSupported, 14);
+    EXPECT_EQ(o->superSpeed->wU2DevExitLat, 0x7FF);
+    EXPECT_EQ(o->containerId->containerId[0], 1);
+    EXPECT_EQ(o->containerId->containerId[15], 16);
     const std::unique_ptr<BosObject> cut(ParseBos(b.data(), 30));
-    EXPECT_TRUE(cut->pSuperSpeed);
-    EXPECT_FALSE(cut->pContainerId);
+    EXPECT_TRUE(cut->superSpeed);
+    EXPECT_FALSE(cut->containerId);
     b[5] = 0;
     EXPECT_THROW(ParseBos(b.data(), uint32_t(b.size())), const char*);
     EXPECT_THROW(ParseBos(b.data(), 4), const char*);

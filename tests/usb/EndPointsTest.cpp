@@ -86,7 +86,7 @@ TEST(EndPoints, BufferedResults)
     // No bytes means length 0, not minus the header; a status of the driver makes a failure.
     for (const bool bNt : { false, true }) {
         ctx = ep.BeginDataXfer(buf, 4, &ov);
-        reinterpret_cast<XferRecord*>(ctx)->dwNtStatus = bNt ? 7 : 0;
+        reinterpret_cast<XferRecord*>(ctx)->ntStatus = bNt ? 7 : 0;
         driver.dwBytes = 0;
         n = 4;
         EXPECT_EQ(ep.FinishDataXfer(buf, &n, &ov, ctx), !bNt);
@@ -156,8 +156,8 @@ TEST(EndPoints, IsochronousRecords)
         int32_t n = 250;
         EXPECT_TRUE(ep.FinishDataXfer(buf.data(), &n, &ov, ctx, infos));
         EXPECT_EQ(n, 100);
-        EXPECT_EQ(infos[0].dwLength, 100u);
-        EXPECT_EQ(infos[2].dwStatus, 0u);
+        EXPECT_EQ(infos[0].length, 100u);
+        EXPECT_EQ(infos[2].status, 0u);
     }
     EXPECT_EQ(ep.BeginDirectXfer(buf.data(), 0, &ov), nullptr);
     ep.m_iMaxPktSize = 0;

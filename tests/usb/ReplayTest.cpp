@@ -136,10 +136,10 @@ void Session()
 {
     CUsbLink link(nullptr, platform::g_InterfaceGuids[9], true);
     ASSERT_TRUE(link.IsOpen());
-    EXPECT_EQ(link.m_wProductId, 0xC11A);
-    EXPECT_EQ(link.m_wLanguage, 1033);
-    EXPECT_EQ(std::memcmp(link.m_szProduct, "c\0a\0m\0e\0r\0a\0", 12), 0);
-    EXPECT_TRUE(link.m_bSuperSpeed);
+    EXPECT_EQ(link.m_productId, 0xC11A);
+    EXPECT_EQ(link.m_language, 1033);
+    EXPECT_EQ(std::memcmp(link.m_product, "c\0a\0m\0e\0r\0a\0", 12), 0);
+    EXPECT_TRUE(link.m_superSpeed);
     ASSERT_TRUE(link.m_pControl && link.m_pBulkIn);
 
     CCyControlEndPoint& control = *link.m_pControl;

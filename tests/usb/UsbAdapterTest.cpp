@@ -230,13 +230,13 @@ TEST_F(Adapter, MalformedRequestsAreRefused)
     };
     XferRecord* const r = reinterpret_cast<XferRecord*>(ab);
     EXPECT_TRUE(Refused(platform::IO_CONTROL, 37, 37));
-    r->dwBufferOffset = 38;
-    r->dwBufferLength = 0xFFFFFFF0;
+    r->bufferOffset = 38;
+    r->bufferLength = 0xFFFFFFF0;
     EXPECT_TRUE(Refused(platform::IO_CONTROL, 64, 64));
-    r->dwBufferLength = 8;
+    r->bufferLength = 8;
     r->setup.wLength = 9;  // more than the data area
     EXPECT_TRUE(Refused(platform::IO_CONTROL, 64, 64));
-    r->dwBufferOffset = 12;
+    r->bufferOffset = 12;
     EXPECT_TRUE(Refused(platform::IO_CONTROL, 64, 64));
     EXPECT_TRUE(Refused(platform::IO_RESET_PIPE, 0, 0));
     EXPECT_TRUE(Refused(platform::IO_SET_TRANSFER_SIZE, 4, 4));

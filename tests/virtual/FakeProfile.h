@@ -20,12 +20,12 @@ enum Reg : uint16_t { STREAM, HELD, X, Y, W, H, FRAME_100US, COUNT };
 
 class Sensor final : public kovsim::Profile {
 public:
-    explicit Sensor(const kovsim::ModelFacts& facts) { m_Facts = facts; }
+    explicit Sensor(const kovsim::ModelFacts& facts) { m_facts = facts; }
     void PowerOn() override
     {
         std::memset(m_Reg, 0, sizeof m_Reg);
-        m_Reg[W] = uint16_t(m_Facts.iWidth);
-        m_Reg[H] = uint16_t(m_Facts.iHeight);
+        m_Reg[W] = uint16_t(m_facts.iWidth);
+        m_Reg[H] = uint16_t(m_facts.iHeight);
         m_Reg[FRAME_100US] = 100;
         m_bUsb = false;
     }
@@ -33,8 +33,8 @@ public:
     bool WriteReg8(uint16_t reg, uint8_t v) override { return WriteReg16(reg, v); }
     uint16_t ReadReg16(uint16_t reg) override { return reg < COUNT ? m_Reg[reg] : uint16_t(0); }
     uint8_t ReadReg8(uint16_t reg) override { return uint8_t(ReadReg16(reg)); }
-    void WriteFpga(uint16_t reg, uint16_t v) override { m_Fpga[reg & 31] = uint8_t(v); }
-    uint8_t ReadFpga(uint16_t reg) override { return m_Fpga[reg & 31]; }
+    void WriteFpga(uint16_t reg, uint16_t v) override { m_fpga[reg & 31] = uint8_t(v); }
+    uint8_t ReadFpga(uint16_t reg) override { return m_fpga[reg & 31]; }
     void Command(uint8_t request) override
     {
         if (request == 169)
@@ -56,7 +56,7 @@ public:
         r.samples = kovsim::Samples::Bits8;
         r.dExposureUs = 10000;
         r.dFrameUs = m_Reg[FRAME_100US] * 100.0;
-        r.bValid = m_Reg[X] + m_Reg[W] <= m_Facts.iWidth;
+        r.bValid = m_Reg[X] + m_Reg[W] <= m_facts.iWidth;
         if (!r.bValid)
             r.sWhy = "X " + std::to_string(m_Reg[X]);
         return r;
@@ -64,7 +64,7 @@ public:
 
 private:
     uint16_t m_Reg[COUNT] = {};
-    uint8_t m_Fpga[32] = {};
+    uint8_t m_fpga[32] = {};
     bool m_bUsb = false;
 };
 
@@ -97,12 +97,12 @@ class Read {
 public:
     explicit Read(uint32_t length) : data(length, 0xEE)
     {
-        m_Request.bEndpoint = 0x82;
-        m_Request.pData = data.data();
-        m_Request.dwLength = length;
-        m_Request.pContext = this;
+        m_Request.endpoint = 0x82;
+        m_Request.data = data.data();
+        m_Request.length = length;
+        m_Request.context = this;
         m_Request.OnComplete = [](usbstack::BulkRequest* r, usbstack::Status status, uint32_t n) {
-            auto* self = static_cast<Read*>(r->pContext);
+            auto* self = static_cast<Read*>(r->context);
             std::lock_guard lock(self->m_Mutex);
             self->status = status;
             self->moved = n;
@@ -148,7 +148,7 @@ public:
         usbstack::Status status = usbstack::Status::Failed;
         if (list.empty())
             throw std::runtime_error("no camera");
-        auto* p = bus.Open(list.at(0).sPath, &status);
+        auto* p = bus.Open(list.at(0).path, &status);
         if (!p)
             throw std::runtime_error("not opened");
         return std::unique_ptr<usbstack::IDevice>(p);

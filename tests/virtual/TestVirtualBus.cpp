@@ -41,23 +41,23 @@ TEST(VirtualBusEnumeration, ListsOurVendorOnlyWithStableSocketsAndFreshAddresses
 
     const auto list = bus.Enumerate();
     ASSERT_EQ(list.size(), 3u);
-    EXPECT_EQ(list[0].bBus, 1);  // USB 2
+    EXPECT_EQ(list[0].bus, 1);  // USB 2
     EXPECT_EQ(list[0].speed, usbstack::Speed::High);
-    EXPECT_EQ(list[1].wProductId, 0xDEAD);
+    EXPECT_EQ(list[1].productId, 0xDEAD);
     EXPECT_EQ(list[2].speed, usbstack::Speed::Super);
 
     a.PowerCycle();
     const auto after = bus.Enumerate();
     ASSERT_EQ(after.size(), 3u);
-    EXPECT_EQ(after[2].sPortPath, list[2].sPortPath);
-    EXPECT_NE(after[2].bAddress, list[2].bAddress);
-    EXPECT_NE(after[2].sPath, list[2].sPath);
+    EXPECT_EQ(after[2].portPath, list[2].portPath);
+    EXPECT_NE(after[2].address, list[2].address);
+    EXPECT_NE(after[2].path, list[2].path);
     Status status = Status::Ok;
-    EXPECT_EQ(bus.Open(list[2].sPath, &status), nullptr);
+    EXPECT_EQ(bus.Open(list[2].path, &status), nullptr);
     EXPECT_EQ(status, Status::Gone);
 
     a.SetOpenStatus(Status::Access);
-    EXPECT_EQ(bus.Open(after[2].sPath, &status), nullptr);
+    EXPECT_EQ(bus.Open(after[2].path, &status), nullptr);
     EXPECT_EQ(status, Status::Access);
     a.Unplug();
     EXPECT_EQ(bus.Enumerate().size(), 2u);
@@ -218,7 +218,7 @@ TEST(VirtualBusPipe, AbortResetAndCloseReturnWithEverythingCompleted)
     EXPECT_EQ(h.device->ResetPort(), Status::Ok);
     EXPECT_EQ(never.status, Status::Cancelled);
     Read wrongPipe(100);
-    wrongPipe.Request()->bEndpoint = 0x86;
+    wrongPipe.Request()->endpoint = 0x86;
     EXPECT_EQ(h.device->SubmitBulk(wrongPipe.Request()), Status::Failed);
 }
 

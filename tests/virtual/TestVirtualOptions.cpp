@@ -71,7 +71,7 @@ TEST(VirtualOptions, EveryTokenPlugsACamera)
         bus.Plug(o.cameras.at(0));
         const auto list = bus.Enumerate();
         ASSERT_EQ(list.size(), 1u);
-        EXPECT_EQ(list[0].wProductId, m.wProductId);
+        EXPECT_EQ(list[0].productId, m.wProductId);
     }
     EXPECT_EQ(MakeProfile(0xC000, 20, true), nullptr);
 }

@@ -153,7 +153,7 @@ struct GainLaw {
     int adcBits;
     int tenthsOfDb;  // step of the sensor, tenths of a decibel; 0: the staged law of Garnet
 };
-constexpr GainLaw g_laws[] = {
+constexpr GainLaw g_Laws[] = {
     { "Garnet", 12, 0 }, { "Jasper", 12, 1 }, { "Nephrite", 12, 3 }, { "Onyx", 12, 1 },
     { "Quartz", 12, 3 }, { "Lapis", 12, 1 },  { "Marble", 14, 1 },   { "Kyanite", 12, 1 },
 };
@@ -174,7 +174,7 @@ std::optional<double> ElectronsPerSample(const CameraState& s)
     const bool pure = s.type == IMG_RAW8 || s.type == IMG_RAW16 || (s.type == IMG_Y8 && !colour);
     if (s.info.ElecPerADU <= 0 || !pure || s.gamma != 50 || (s.bin > 1 && s.hardwareBin))
         return std::nullopt;
-    for (const GainLaw& law : g_laws) {
+    for (const GainLaw& law : g_Laws) {
         if (std::string_view(s.info.Name).find(law.family) == std::string_view::npos)
             continue;
         const double gain =

@@ -104,8 +104,8 @@ void PictureOptions::AddTo(CLI::App& app, unsigned groups)
         app.add_option("-g,--gain", iGain, "Gain, in the camera's unit (see 'kovcam controls')");
         app.add_option("--brightness", iBrightness, "Black level");
         app.add_option("--bandwidth", iBandwidth, "Percent of the USB link");
-        app.add_option("--wb-r", iWB_R, "White balance, red");
-        app.add_option("--wb-b", iWB_B, "White balance, blue");
+        app.add_option("--wb-r", whiteRed, "White balance, red");
+        app.add_option("--wb-b", whiteBlue, "White balance, blue");
         AddSwitch(app, "high-speed", bHighSpeed, "10-bit readout, faster", "Readout of all bits");
         app.add_flag("--defaults", bDefaults, "Start from the defaults of all controls, not from what was set last");
     }
@@ -145,8 +145,8 @@ std::vector<std::string> PictureOptions::Given() const
     add(iGamma >= 0, CTRL_GAMMA);
     add(iBandwidth >= 0, CTRL_BANDWIDTH);
     add(iFlip >= 0, CTRL_FLIP);
-    add(iWB_R >= 0 || bAutoBalance, CTRL_WB_R);
-    add(iWB_B >= 0 || bAutoBalance, CTRL_WB_B);
+    add(whiteRed >= 0 || bAutoBalance, CTRL_WB_R);
+    add(whiteBlue >= 0 || bAutoBalance, CTRL_WB_B);
     add(bHardwareBin.has_value(), CTRL_HARDWARE_BIN);
     add(bHighSpeed.has_value(), CTRL_HIGH_SPEED_MODE);
     add(iCool.has_value(), CTRL_TARGET_TEMP);
@@ -214,9 +214,9 @@ Camera::Camera(const std::string& which)
         KOVCloseCamera(iId);
     Check(code, "opening the camera");
     m_iId = iId;
-    m_Opened = Stopwatch();
-    m_Info = InfoOf(m_iId);
-    Check(KOVGetROIFormat(m_iId, &m_iWidth, &m_iHeight, &m_iBin, &m_Type), "format");
+    m_opened = Stopwatch();
+    m_info = InfoOf(m_iId);
+    Check(KOVGetROIFormat(m_iId, &m_iWidth, &m_iHeight, &m_iBin, &m_type), "format");
 }
 
 Camera::~Camera()
@@ -243,7 +243,7 @@ KOV_CONTROL_CAPS Camera::Caps(KOV_CONTROL_TYPE type) const
             return caps;
         names.push_back(NameOf(caps.ControlType));
     }
-    throw UserError(fmt::format("{} has no control '{}'; it has: {}", m_Info.Name, NameOf(type), kovtools::Joined(names)), 2);
+    throw UserError(fmt::format("{} has no control '{}'; it has: {}", m_info.Name, NameOf(type), kovtools::Joined(names)), 2);
 }
 
 std::vector<Camera::Deviation> Camera::Deviations() const
@@ -273,8 +273,8 @@ void Camera::SetDefaults()
 int32_t Camera::Get(KOV_CONTROL_TYPE type, bool* pAuto) const
 {
     // A cooled camera's temperature is read by a thread, first 0.4 s after the opening; before that it reads 0.
-    if (type == CTRL_TEMPERATURE && m_Info.IsCooled)
-        Sleep(0.6 - m_Opened.Seconds());
+    if (type == CTRL_TEMPERATURE && m_info.IsCooled)
+        Sleep(0.6 - m_opened.Seconds());
     int32_t value = 0;
     KOV_BOOL automatic = KOV_FALSE;
     Check(KOVGetControlValue(m_iId, type, &value, &automatic), NameOf(type));
@@ -300,22 +300,22 @@ static IMG_TYPE ParseType(const std::string& text, IMG_TYPE standard)
 
 void Camera::Apply(const PictureOptions& o, IMG_TYPE defaultType)
 {
-    m_Type = ParseType(o.sFormat, defaultType);
-    const std::vector<IMG_TYPE> types = kovtools::TypesOf(m_Info);
-    if (std::find(types.begin(), types.end(), m_Type) == types.end()) {
+    m_type = ParseType(o.sFormat, defaultType);
+    const std::vector<IMG_TYPE> types = kovtools::TypesOf(m_info);
+    if (std::find(types.begin(), types.end(), m_type) == types.end()) {
         std::vector<std::string> names;
         for (const IMG_TYPE t : types)
             names.push_back(kovtools::TypeName(t));
         if (!o.sFormat.empty())
-            throw UserError(fmt::format("{} does not deliver {}, but {}", m_Info.Name, o.sFormat, kovtools::Joined(names)), 2);
-        m_Type = IMG_RAW8;
+            throw UserError(fmt::format("{} does not deliver {}, but {}", m_info.Name, o.sFormat, kovtools::Joined(names)), 2);
+        m_type = IMG_RAW8;
     }
-    const std::vector<int> bins = kovtools::BinsOf(m_Info);
+    const std::vector<int> bins = kovtools::BinsOf(m_info);
     if (std::find(bins.begin(), bins.end(), o.iBin) == bins.end()) {
         std::vector<std::string> names;
         for (const int b : bins)
             names.push_back(std::to_string(b));
-        throw UserError(fmt::format("{} does not bin by {}; it bins by {}", m_Info.Name, o.iBin, kovtools::Joined(names)), 2);
+        throw UserError(fmt::format("{} does not bin by {}; it bins by {}", m_info.Name, o.iBin, kovtools::Joined(names)), 2);
     }
     const int32_t exposure = o.sExposure.empty() ? -1 : ParseExposure(o.sExposure);
     if (o.bDefaults)
@@ -325,12 +325,12 @@ void Camera::Apply(const PictureOptions& o, IMG_TYPE defaultType)
     if (o.bHighSpeed)
         Set(CTRL_HIGH_SPEED_MODE, *o.bHighSpeed);
 
-    int w = m_Info.MaxWidth / o.iBin, h = m_Info.MaxHeight / o.iBin, x = -1, y = -1;
+    int w = m_info.MaxWidth / o.iBin, h = m_info.MaxHeight / o.iBin, x = -1, y = -1;
     w -= w % 8;
     h -= h % 2;
     if (o.iBin == 1) {
-        w = m_Info.MaxWidth;
-        h = m_Info.MaxHeight;
+        w = m_info.MaxWidth;
+        h = m_info.MaxHeight;
     }
     if (!o.sRegion.empty()) {
         int used = 0;
@@ -338,7 +338,7 @@ void Camera::Apply(const PictureOptions& o, IMG_TYPE defaultType)
         if ((fields != 2 && fields != 4) || static_cast<size_t>(used) != o.sRegion.size())
             throw UserError(fmt::format("'{}' is no region; write WxH or WxH+X+Y", o.sRegion), 2);
     }
-    Check(KOVSetROIFormat(m_iId, w, h, o.iBin, m_Type), fmt::format("region {}x{} at bin {}", w, h, o.iBin));
+    Check(KOVSetROIFormat(m_iId, w, h, o.iBin, m_type), fmt::format("region {}x{} at bin {}", w, h, o.iBin));
     if (x >= 0)
         Check(KOVSetStartPos(m_iId, x, y), "start position");
     m_iWidth = w;
@@ -353,9 +353,9 @@ void Camera::Apply(const PictureOptions& o, IMG_TYPE defaultType)
     set(CTRL_BRIGHTNESS, o.iBrightness);
     set(CTRL_GAMMA, o.iGamma);
     set(CTRL_FLIP, o.iFlip);
-    if (o.iWB_R >= 0 || o.iWB_B >= 0 || o.bAutoBalance) {
-        Set(CTRL_WB_R, o.iWB_R >= 0 ? o.iWB_R : Get(CTRL_WB_R), o.bAutoBalance);
-        Set(CTRL_WB_B, o.iWB_B >= 0 ? o.iWB_B : Get(CTRL_WB_B), o.bAutoBalance);
+    if (o.whiteRed >= 0 || o.whiteBlue >= 0 || o.bAutoBalance) {
+        Set(CTRL_WB_R, o.whiteRed >= 0 ? o.whiteRed : Get(CTRL_WB_R), o.bAutoBalance);
+        Set(CTRL_WB_B, o.whiteBlue >= 0 ? o.whiteBlue : Get(CTRL_WB_B), o.bAutoBalance);
     }
     if (o.iGain >= 0 || o.bAutoGain)
         Set(CTRL_GAIN, o.iGain >= 0 ? o.iGain : Get(CTRL_GAIN), o.bAutoGain);
@@ -365,7 +365,7 @@ void Camera::Apply(const PictureOptions& o, IMG_TYPE defaultType)
     if (o.sDark.empty()) {
         KOVDisableDarkSubtract(m_iId);
     } else {
-        if (m_Type == IMG_RAW16)
+        if (m_type == IMG_RAW16)
             throw UserError("dark frames are subtracted from 8-bit formats only; add --format raw8, rgb24 or y8", 2);
         const std::string path = kovtools::AbsolutePath(o.sDark);
         if (path.size() > 255)
@@ -383,15 +383,15 @@ void Camera::KeepSettings()
     Check(KOVStopVideoCapture(m_iId), "keeping the settings");
 }
 
-int Camera::ImageBytes() const { return m_iWidth * m_iHeight * (m_Type == IMG_RGB24 ? 3 : m_Type == IMG_RAW16 ? 2 : 1); }
+int Camera::ImageBytes() const { return m_iWidth * m_iHeight * (m_type == IMG_RGB24 ? 3 : m_type == IMG_RAW16 ? 2 : 1); }
 
 double ClockRate()
 {
-    static const double s_dRate = [] {
+    static const double s_rate = [] {
         const usbstack::Plugin* const p = kovtools::LoadedPlugin();
-        return p != nullptr && p->dClockRate > 0 ? p->dClockRate : 1.0;
+        return p != nullptr && p->clockRate > 0 ? p->clockRate : 1.0;
     }();
-    return s_dRate;
+    return s_rate;
 }
 
 void Sleep(double seconds)
@@ -401,14 +401,14 @@ void Sleep(double seconds)
         std::this_thread::sleep_for(std::chrono::duration<double>(std::min(left / ClockRate(), 0.05)));
 }
 
-static std::atomic<bool> g_bInterrupted{ false };
+static std::atomic<bool> g_Interrupted{ false };
 
-bool Interrupted() { return g_bInterrupted; }
+bool Interrupted() { return g_Interrupted; }
 
 void CatchInterrupts()
 {
     const auto handler = [](int) {
-        if (g_bInterrupted.exchange(true))
+        if (g_Interrupted.exchange(true))
             _exit(130);  // a second Ctrl-C does not wait
     };
     std::signal(SIGINT, handler);
@@ -425,11 +425,11 @@ void Progress::Show(double done, const std::string& text)
 {
     const auto now = std::chrono::steady_clock::now();
     const auto pause = m_bTerminal ? std::chrono::milliseconds(100) : std::chrono::milliseconds(10000);
-    if (m_Last.time_since_epoch().count() == 0 && !m_bTerminal)
-        m_Last = now;  // short work says nothing where nobody watches
-    if (now - m_Last < pause)
+    if (m_last.time_since_epoch().count() == 0 && !m_bTerminal)
+        m_last = now;  // short work says nothing where nobody watches
+    if (now - m_last < pause)
         return;
-    m_Last = now;
+    m_last = now;
     m_bShown = true;
     if (!m_bTerminal) {
         fmt::print(stderr, "{} {}\n", m_sLabel, text);

@@ -49,7 +49,7 @@ struct PictureOptions {
     std::string sDark;    // BMP file
     bool bAutoExposure = false, bAutoGain = false, bAutoBalance = false, bTimeMark = false, bDefaults = false;
     std::optional<bool> bHardwareBin, bHighSpeed;
-    int iWB_R = -1, iWB_B = -1;
+    int whiteRed = -1, whiteBlue = -1;
     std::optional<int> iCool;  // target of the cooler, degrees
 
     // What a command takes, so that its help lists nothing else.
@@ -68,11 +68,11 @@ class Stopwatch {
 public:
     double Seconds() const
     {
-        return ClockRate() * std::chrono::duration<double>(std::chrono::steady_clock::now() - m_Start).count();
+        return ClockRate() * std::chrono::duration<double>(std::chrono::steady_clock::now() - m_start).count();
     }
 
 private:
-    std::chrono::steady_clock::time_point m_Start = std::chrono::steady_clock::now();
+    std::chrono::steady_clock::time_point m_start = std::chrono::steady_clock::now();
 };
 // Sleeps on that clock; returns early when interrupted.
 void Sleep(double seconds);
@@ -86,7 +86,7 @@ public:
     Camera& operator=(const Camera&) = delete;
 
     int Id() const { return m_iId; }
-    const KOV_CAMERA_INFO& Info() const { return m_Info; }
+    const KOV_CAMERA_INFO& Info() const { return m_info; }
     CCameraBase& Object() const;  // for what the C interface does not reach
 
     bool Has(KOV_CONTROL_TYPE type) const;
@@ -110,15 +110,15 @@ public:
     int Width() const { return m_iWidth; }
     int Height() const { return m_iHeight; }
     int Bin() const { return m_iBin; }
-    IMG_TYPE Type() const { return m_Type; }
+    IMG_TYPE Type() const { return m_type; }
     int ImageBytes() const;
 
 private:
     int m_iId = -1;
-    KOV_CAMERA_INFO m_Info{};
+    KOV_CAMERA_INFO m_info{};
     int m_iWidth = 0, m_iHeight = 0, m_iBin = 1;
-    IMG_TYPE m_Type = IMG_RAW8;
-    Stopwatch m_Opened;
+    IMG_TYPE m_type = IMG_RAW8;
+    Stopwatch m_opened;
 };
 
 // Number of cameras; none is a UserError that says what was looked for, what to check and how to try a virtual one.
@@ -140,7 +140,7 @@ public:
 private:
     std::string m_sLabel;
     bool m_bTerminal, m_bShown = false;
-    std::chrono::steady_clock::time_point m_Last{};
+    std::chrono::steady_clock::time_point m_last{};
 };
 
 }  // namespace kovcam

@@ -251,7 +251,7 @@ void Firmware(const Globals& g, const FirmwareOptions& o)
             fmt::print(
                 "{}\n  update        this build carries {} ({} bytes). Opening the camera, with any program, writes it if the\n"
                 "                camera's version is below {}. Not opened now; to do it: kovcam firmware --write\n",
-                info.Name, u->szFile, g_FirmwareData[static_cast<size_t>(u->image)].iSize, u->iNeeded);
+                info.Name, u->szFile, g_FirmwareData[static_cast<size_t>(u->image)].size, u->iNeeded);
         return;
     }
     if (o.bWrite && !bOpeningWrites)

@@ -71,12 +71,12 @@ std::string NameOf(const sockaddr_storage& address, socklen_t size)
 class Connection {
 public:
     Connection(UsbipExports& exports, Descriptor socket, std::string client)
-        : m_Socket(std::move(socket)), m_sClient(std::move(client)), m_Wake(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)),
-          m_Session(exports, [this] { eventfd_write(m_Wake.Get(), 1); })
+        : m_socket(std::move(socket)), m_sClient(std::move(client)), m_wake(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)),
+          m_session(exports, [this] { eventfd_write(m_wake.Get(), 1); })
     {
         const int on = 1;
-        setsockopt(m_Socket.Get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
-        setsockopt(m_Socket.Get(), SOL_SOCKET, SO_KEEPALIVE, &on, sizeof on);
+        setsockopt(m_socket.Get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+        setsockopt(m_socket.Get(), SOL_SOCKET, SO_KEEPALIVE, &on, sizeof on);
     }
 
     void Run()
@@ -86,17 +86,17 @@ public:
         std::string why;
         while (why.empty()) {
             const short ready = Wait();
-            const bool bOpen = ready & (POLLIN | POLLHUP | POLLERR) ? Receive(&why) : m_Session.Step();
+            const bool bOpen = ready & (POLLIN | POLLHUP | POLLERR) ? Receive(&why) : m_session.Step();
             Send(&why);
             if (!bOpen && why.empty())
-                why = m_Session.Ended();
-            if (!std::exchange(bKnown, !m_Session.Imported().empty()) && bKnown)
-                fmt::print(stderr, "kovsim: {} takes {}\n", m_sClient, m_Session.Imported());
+                why = m_session.Ended();
+            if (!std::exchange(bKnown, !m_session.Imported().empty()) && bKnown)
+                fmt::print(stderr, "kovsim: {} takes {}\n", m_sClient, m_session.Imported());
             if (!bKnown && steady_clock::now() > decide)
                 why = "asks for no camera";
         }
         if (bKnown || why != CLOSED)
-            fmt::print(stderr, "kovsim: {} {}{}\n", m_sClient, why, bKnown ? ", " + m_Session.Imported() + " is free again" : "");
+            fmt::print(stderr, "kovsim: {} {}{}\n", m_sClient, why, bKnown ? ", " + m_session.Imported() + " is free again" : "");
     }
 
 private:
@@ -106,24 +106,24 @@ private:
     short Wait()
     {
         auto until = steady_clock::now() + LOOK;
-        if (const auto due = m_Session.Due())
+        if (const auto due = m_session.Due())
             until = std::min(until, *due);
         const auto ms = std::chrono::ceil<milliseconds>(until - steady_clock::now()).count();
-        const int events = (m_Session.WantsInput() ? POLLIN : 0) | (m_Session.Output().empty() ? 0 : POLLOUT);
-        std::array<pollfd, 2> fds{ { { m_Socket.Get(), static_cast<short>(events), 0 }, { m_Wake.Get(), POLLIN, 0 } } };
+        const int events = (m_session.WantsInput() ? POLLIN : 0) | (m_session.Output().empty() ? 0 : POLLOUT);
+        std::array<pollfd, 2> fds{ { { m_socket.Get(), static_cast<short>(events), 0 }, { m_wake.Get(), POLLIN, 0 } } };
         poll(fds.data(), fds.size(), static_cast<int>(std::max<decltype(ms)>(ms, 0)));
         eventfd_t count = 0;
         if (fds[1].revents)
-            eventfd_read(m_Wake.Get(), &count);
+            eventfd_read(m_wake.Get(), &count);
         return fds[0].revents;
     }
 
     bool Receive(std::string* pWhy)
     {
         std::array<uint8_t, 16384> buffer;
-        const ssize_t n = recv(m_Socket.Get(), buffer.data(), buffer.size(), MSG_DONTWAIT);
+        const ssize_t n = recv(m_socket.Get(), buffer.data(), buffer.size(), MSG_DONTWAIT);
         if (n > 0)
-            return m_Session.Receive({ buffer.data(), static_cast<size_t>(n) });
+            return m_session.Receive({ buffer.data(), static_cast<size_t>(n) });
         if (n == 0 || (errno != EAGAIN && errno != EINTR))
             *pWhy = CLOSED;
         return true;
@@ -131,11 +131,11 @@ private:
 
     void Send(std::string* pWhy)
     {
-        while (!m_Session.Output().empty()) {
-            const auto out = m_Session.Output();
-            const ssize_t n = send(m_Socket.Get(), out.data(), out.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
+        while (!m_session.Output().empty()) {
+            const auto out = m_session.Output();
+            const ssize_t n = send(m_socket.Get(), out.data(), out.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
             if (n >= 0)
-                m_Session.Sent(static_cast<size_t>(n));
+                m_session.Sent(static_cast<size_t>(n));
             else if (errno == EAGAIN)
                 return;
             else if (errno != EINTR) {
@@ -145,10 +145,10 @@ private:
         }
     }
 
-    Descriptor m_Socket;
+    Descriptor m_socket;
     const std::string m_sClient;
-    Descriptor m_Wake;
-    UsbipSession m_Session;
+    Descriptor m_wake;
+    UsbipSession m_session;
 };
 
 Descriptor Listen(const ServeOptions& o, std::string* pName)
@@ -184,8 +184,8 @@ void Serve(VirtualBus& bus, const ServeOptions& options)
     fmt::print("kovsim: {} at {}\n", cameras.size() == 1 ? "a camera" : fmt::format("{} cameras", cameras.size()), name);
     for (const auto& e : cameras) {
         const auto it =
-            std::find_if(models.begin(), models.end(), [&](const auto* m) { return m->Facts().wProductId == e.info.wProductId; });
-        fmt::print("  {}  {:04x}:{:04x}  {}\n", e.sBusId, e.info.wVendorId, e.info.wProductId, (*it)->Facts().sToken);
+            std::find_if(models.begin(), models.end(), [&](const auto* m) { return m->Facts().wProductId == e.info.productId; });
+        fmt::print("  {}  {:04x}:{:04x}  {}\n", e.sBusId, e.info.vendorId, e.info.productId, (*it)->Facts().sToken);
     }
     fmt::print("A Linux system takes one with: modprobe vhci-hcd; usbip attach --remote ADDRESS --busid {}\n",
                cameras.front().sBusId);

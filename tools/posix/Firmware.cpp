@@ -63,7 +63,7 @@ std::optional<int> AskVirtual(usbstack::IStack& stack)
     std::optional<int> common;
     for (const usbstack::DeviceInfo& info : stack.Enumerate()) {
         usbstack::Status status{};
-        const std::unique_ptr<usbstack::IDevice> device(stack.Open(info.sPath, &status));
+        const std::unique_ptr<usbstack::IDevice> device(stack.Open(info.path, &status));
         uint8_t bytes[2] = {};
         uint32_t moved = 0;
         if (device == nullptr ||
@@ -85,7 +85,7 @@ OpeningOfCamera::OpeningOfCamera() : m_before(OpenNodes()) {}
 std::optional<int> OpeningOfCamera::FirmwareVersion() const
 {
     if (const usbstack::Plugin* plugin = LoadedPlugin())
-        return AskVirtual(*plugin->pStack);
+        return AskVirtual(*plugin->stack);
     std::vector<std::string> since;
     const std::vector<std::string> now = OpenNodes();
     std::set_difference(now.begin(), now.end(), m_before.begin(), m_before.end(), std::back_inserter(since));

@@ -1,6 +1,6 @@
 // One object, CHost, holds what a process shares: the libusb context and what it last saw of the bus, the event thread, the
-// open devices with their queues. Two locks: m_csOpen around opening, closing and listing (it may be held for long); m_cs
-// around the queues (held for moments; taken inside m_csOpen, never the other way round). No callback of a caller runs
+// open devices with their queues. Two locks: m_opening around opening, closing and listing (it may be held for long); m_cs
+// around the queues (held for moments; taken inside m_opening, never the other way round). No callback of a caller runs
 // under either.
 #include "platform/posix/LibusbStack.h"
 
@@ -72,13 +72,13 @@ Status FromTransfer(libusb_transfer_status s)
     }
 }
 
-Speed FromSpeed(int iSpeed)
+Speed FromSpeed(int speed)
 {
-    switch (iSpeed) {
+    switch (speed) {
     case LIBUSB_SPEED_LOW:
     case LIBUSB_SPEED_FULL: return Speed::Full;
     case LIBUSB_SPEED_HIGH: return Speed::High;
-    default: return iSpeed >= LIBUSB_SPEED_SUPER ? Speed::Super : Speed::Unknown;
+    default: return speed >= LIBUSB_SPEED_SUPER ? Speed::Super : Speed::Unknown;
     }
 }
 
@@ -87,27 +87,27 @@ struct SharedDevice;
 struct Xfer {
     enum class State { Parked, Flying, Ended };  // waiting for memory or for a hold; with the kernel; to be delivered
     State state = State::Parked;
-    SharedDevice* pDevice = nullptr;
-    const IDevice* pOwner = nullptr;
-    BulkRequest* pRequest = nullptr;
-    libusb_transfer* pTransfer = nullptr;
-    uint64_t lSequence = 0;
-    bool bCancel = false;  // to be cancelled by whoever sees it
+    SharedDevice* device = nullptr;
+    const IDevice* owner = nullptr;
+    BulkRequest* request = nullptr;
+    libusb_transfer* transfer = nullptr;
+    uint64_t sequence = 0;
+    bool cancel = false;  // to be cancelled by whoever sees it
     Status status = Status::Ok;
-    uint32_t dwBytes = 0;
+    uint32_t bytes = 0;
     std::chrono::steady_clock::time_point refused{};  // first for lack of memory while nothing of ours was in flight
 
-    ~Xfer() { libusb_free_transfer(pTransfer); }
-    uint64_t Cost() const { return pRequest->dwLength + PIECE_COST * (1 + pRequest->dwLength / PIECE); }
+    ~Xfer() { libusb_free_transfer(transfer); }
+    uint64_t Cost() const { return request->length + PIECE_COST * (1 + request->length / PIECE); }
 };
 
 // Requests of one endpoint, oldest first. They start in this order, and those of one handle are delivered in it, in
 // whatever order cancelled ones come back.
 struct Pipe {
     std::list<std::unique_ptr<Xfer>> queue;
-    uint64_t lFlying = 0;  // cost of those with the kernel
-    int iHold = 0;         // > 0: new requests wait, somebody resets the pipe
-    bool bFull = false;    // Pump's own: passed over for the rest of the round
+    uint64_t flying = 0;  // cost of those with the kernel
+    int hold = 0;         // > 0: new requests wait, somebody resets the pipe
+    bool full = false;    // Pump's own: passed over for the rest of the round
 
     Xfer* FirstParked() const
     {
@@ -121,7 +121,7 @@ struct Pipe {
     {
         for (auto it = queue.begin(); it != queue.end(); ++it)
             if ((*it)->state == Xfer::State::Ended &&
-                std::none_of(queue.begin(), it, [&](const auto& p) { return p->pOwner == (*it)->pOwner; }))
+                std::none_of(queue.begin(), it, [&](const auto& p) { return p->owner == (*it)->owner; }))
                 return it->get();
         return nullptr;
     }
@@ -137,35 +137,35 @@ struct Pipe {
 
 // A control request in Control().
 struct ControlWait {
-    class CHost* pHost;
-    const IDevice* pOwner;
-    libusb_transfer* pTransfer;
-    bool bDone = false, bAbort = false;
-    int iNamed = 0;  // cancellers that still use pTransfer
+    class CHost* host;
+    const IDevice* owner;
+    libusb_transfer* transfer;
+    bool done = false, abort = false;
+    int named = 0;  // cancellers that still use `transfer`
 };
 
 // One open device of the process, shared by its handles.
 struct SharedDevice {
-    libusb_device* pDevice = nullptr;  // with a reference
-    libusb_device_handle* pHandle = nullptr;
-    int iHandles = 0;  // guarded by m_csOpen
-    std::atomic<bool> bGone = false;
-    std::atomic<int> iResetting = 0;  // "no such device" is no news then
-    std::atomic<int> iAltSetting = 0;
-    std::atomic<bool> bClaimed = false;  // set under m_csOpen
-    std::array<Pipe, PIPES> pipes;       // from here on guarded by m_cs
-    int iCancelling = 0;
+    libusb_device* device = nullptr;  // with a reference
+    libusb_device_handle* handle = nullptr;
+    int handles = 0;  // guarded by m_opening
+    std::atomic<bool> gone = false;
+    std::atomic<int> resetting = 0;  // "no such device" is no news then
+    std::atomic<int> altSetting = 0;
+    std::atomic<bool> claimed = false;  // set under m_opening
+    std::array<Pipe, PIPES> pipes;      // from here on guarded by m_cs
+    int cancelling = 0;
     std::list<ControlWait*> controls;
     std::list<std::unique_ptr<Xfer>> graveyard;  // delivered, but a canceller may still name them
 
-    Pipe& At(uint8_t bEndpoint) { return pipes[(bEndpoint & 15u) | (bEndpoint & 0x80u) >> 3]; }
+    Pipe& At(uint8_t endpoint) { return pipes[(endpoint & 15u) | (endpoint & 0x80u) >> 3]; }
 };
 
 // The devices of the system by name ("2-1.4"), as it shows them without any of them being asked. A device that is plugged
 // anew has another number in the file system; its address may be that of the one before.
 struct Plug {
-    int iAddress = 0;
-    uint64_t uFile = 0;
+    int address = 0;
+    uint64_t file = 0;
     bool operator==(const Plug&) const = default;
 };
 using Plugs = std::map<std::string, Plug>;
@@ -175,7 +175,7 @@ struct Found {
     std::unique_ptr<libusb_device, decltype(&libusb_unref_device)> device{ nullptr, libusb_unref_device };
     libusb_device_descriptor descriptor{};
     std::vector<uint8_t> ports;
-    uint64_t uFile = 0;  // of its Plug
+    uint64_t file = 0;  // of its Plug
     DeviceInfo info;
 };
 
@@ -184,76 +184,76 @@ public:
     static CHost* Current();
 
     std::vector<DeviceInfo> Enumerate();
-    SharedDevice* Open(const std::string& sPath, Status* pStatus);
-    void Close(SharedDevice* pDevice, const IDevice* pOwner);
+    SharedDevice* Open(const std::string& path, Status* status);
+    void Close(SharedDevice* device, const IDevice* owner);
     Status Claim(SharedDevice& d);
-    Status Control(SharedDevice& d, const IDevice* pOwner, const uint8_t* pSetup, uint8_t* pData, uint16_t wLength,
+    Status Control(SharedDevice& d, const IDevice* owner, const uint8_t* setup, uint8_t* data, uint16_t length,
                    uint32_t timeoutMs, uint32_t* moved);
-    Status Submit(SharedDevice& d, const IDevice* pOwner, BulkRequest* pRequest);
-    void Abort(SharedDevice& d, uint8_t bEndpoint);
-    void AbortControl(SharedDevice& d, const IDevice* pOwner);
-    // Runs `work` on the device while the pipes (all with bEndpoint 0) are empty and new requests wait.
+    Status Submit(SharedDevice& d, const IDevice* owner, BulkRequest* request);
+    void Abort(SharedDevice& d, uint8_t endpoint);
+    void AbortControl(SharedDevice& d, const IDevice* owner);
+    // Runs `work` on the device while the pipes (all with `endpoint` 0) are empty and new requests wait.
     template <class Work>
-    int Quietly(SharedDevice& d, uint8_t bEndpoint, Work work);
+    int Quietly(SharedDevice& d, uint8_t endpoint, Work work);
     Status Restart(SharedDevice& d, bool stale);
     Status Note(SharedDevice& d, Status status);
     bool EnsureThread();
     void Forget();
     // Around a fork. What no device uses does not go along into the child, whose libusb would take it for its own.
-    void BeforeFork() KOV_TSA(acquire_capability(m_csOpen));
-    void AfterFork() KOV_TSA(release_capability(m_csOpen)) { m_csOpen.unlock(); }
+    void BeforeFork() KOV_TSA(acquire_capability(m_opening));
+    void AfterFork() KOV_TSA(release_capability(m_opening)) { m_opening.unlock(); }
 
 private:
-    void Look() KOV_TSA(requires_capability(m_csOpen));
-    void List(Plugs plugs) KOV_TSA(requires_capability(m_csOpen));
-    const Found* Find(const std::string& sPath) const KOV_TSA(requires_capability(m_csOpen));
-    void DropContext() KOV_TSA(requires_capability(m_csOpen));
-    bool StartThread() KOV_TSA(requires_capability(m_csOpen));
-    void StopThread() KOV_TSA(requires_capability(m_csOpen));
+    void Look() KOV_TSA(requires_capability(m_opening));
+    void List(Plugs plugs) KOV_TSA(requires_capability(m_opening));
+    const Found* Find(const std::string& path) const KOV_TSA(requires_capability(m_opening));
+    void DropContext() KOV_TSA(requires_capability(m_opening));
+    bool StartThread() KOV_TSA(requires_capability(m_opening));
+    void StopThread() KOV_TSA(requires_capability(m_opening));
     void Run();
     void Pump() KOV_TSA(requires_capability(m_cs));
     Status Start(Xfer& x) KOV_TSA(requires_capability(m_cs));
     void End(Xfer& x, Status status) KOV_TSA(requires_capability(m_cs));
     bool CannotFit(Xfer& x) const KOV_TSA(requires_capability(m_cs));
     void Deliver() KOV_TSA(requires_capability(m_cs));
-    void Cancel(SharedDevice& d, const Pipe* pipe, const IDevice* pOwner) KOV_TSA(requires_capability(m_cs));
+    void Cancel(SharedDevice& d, const Pipe* pipe, const IDevice* owner) KOV_TSA(requires_capability(m_cs));
     void MarkGone(SharedDevice& d) KOV_TSA(requires_capability(m_cs));
-    void Wake() { libusb_interrupt_event_handler(m_pContext); }
-    static void LIBUSB_CALL OnBulk(libusb_transfer* pTransfer);
-    static void LIBUSB_CALL OnControl(libusb_transfer* pTransfer);
+    void Wake() { libusb_interrupt_event_handler(m_context); }
+    static void LIBUSB_CALL OnBulk(libusb_transfer* transfer);
+    static void LIBUSB_CALL OnControl(libusb_transfer* transfer);
 
-    Mutex m_csOpen;
-    libusb_context* m_pContext = nullptr;                      // changed under it, and read by its thread
-    Plugs m_plugs KOV_TSA(guarded_by(m_csOpen));               // at the last look; empty: look again
-    std::vector<Found> m_found KOV_TSA(guarded_by(m_csOpen));  // then, in order
-    uint64_t m_uPlugs KOV_TSA(guarded_by(m_csOpen)) = 0;       // seen so far
-    std::thread m_thread KOV_TSA(guarded_by(m_csOpen));
-    std::atomic<bool> m_bThread = false;  // set under m_csOpen
+    Mutex m_opening;
+    libusb_context* m_context = nullptr;                        // changed under it, and read by its thread
+    Plugs m_plugs KOV_TSA(guarded_by(m_opening));               // at the last look; empty: look again
+    std::vector<Found> m_found KOV_TSA(guarded_by(m_opening));  // then, in order
+    uint64_t m_plugCount KOV_TSA(guarded_by(m_opening)) = 0;    // seen so far
+    std::thread m_thread KOV_TSA(guarded_by(m_opening));
+    std::atomic<bool> m_threadRuns = false;  // set under m_opening
 
     Mutex m_cs;
     std::condition_variable m_cvDone;    // a request was delivered, a control request ended, or stop
     std::list<SharedDevice*> m_devices;  // changed under both locks
-    bool m_bStop KOV_TSA(guarded_by(m_cs)) = false;
-    uint64_t m_lSequence KOV_TSA(guarded_by(m_cs)) = 0;
-    uint64_t m_lFlying KOV_TSA(guarded_by(m_cs)) = 0;  // cost of all bulk requests with the kernel
-    uint64_t m_lLimit KOV_TSA(guarded_by(m_cs)) = 0;   // 0: none known
-    int m_iParked KOV_TSA(guarded_by(m_cs)) = 0, m_iEnded KOV_TSA(guarded_by(m_cs)) = 0;
+    bool m_stop KOV_TSA(guarded_by(m_cs)) = false;
+    uint64_t m_sequence KOV_TSA(guarded_by(m_cs)) = 0;
+    uint64_t m_flying KOV_TSA(guarded_by(m_cs)) = 0;  // cost of all bulk requests with the kernel
+    uint64_t m_limit KOV_TSA(guarded_by(m_cs)) = 0;   // 0: none known
+    int m_parked KOV_TSA(guarded_by(m_cs)) = 0, m_ended KOV_TSA(guarded_by(m_cs)) = 0;
 };
 
-std::atomic<CHost*> g_pHost = nullptr;
+std::atomic<CHost*> g_Host = nullptr;
 
 // Never destroyed: an event thread may outlive the destruction of static objects. After a fork the parent's thread is
 // missing and its locks may be held, so the child takes a new one.
 CHost* CHost::Current()
 {
     static const bool made = [] {
-        g_pHost = new CHost;
-        pthread_atfork([]() KOV_TSA(no_thread_safety_analysis) { g_pHost.load()->BeforeFork(); },
-                       []() KOV_TSA(no_thread_safety_analysis) { g_pHost.load()->AfterFork(); }, [] { g_pHost = new CHost; });
+        g_Host = new CHost;
+        pthread_atfork([]() KOV_TSA(no_thread_safety_analysis) { g_Host.load()->BeforeFork(); },
+                       []() KOV_TSA(no_thread_safety_analysis) { g_Host.load()->AfterFork(); }, [] { g_Host = new CHost; });
         return true;
     }();
     (void)made;
-    return g_pHost;
+    return g_Host;
 }
 
 // --- listing, opening, closing --------------------------------------------------------------------------------------
@@ -279,16 +279,16 @@ private:
 Plugs PluggedDevices()
 {
     Plugs plugs;
-    const std::string sFolder = "/sys/bus/usb/devices/";
-    const std::unique_ptr<DIR, void (*)(DIR*)> folder(opendir(sFolder.c_str()), [](DIR* p) { closedir(p); });
+    const std::string devices = "/sys/bus/usb/devices/";
+    const std::unique_ptr<DIR, void (*)(DIR*)> folder(opendir(devices.c_str()), [](DIR* p) { closedir(p); });
     while (const dirent* const p = folder ? readdir(folder.get()) : nullptr) {
         const std::string name = p->d_name;
         if (name[0] == '.' || name.find(':') != std::string::npos)  // the others are interfaces
             continue;
         Plug plug{ 0, uint64_t(p->d_ino) };
-        if (FILE* f = std::fopen((sFolder + name + "/devnum").c_str(), "re")) {
-            if (std::fscanf(f, "%d", &plug.iAddress) != 1)
-                plug.iAddress = 0;
+        if (FILE* f = std::fopen((devices + name + "/devnum").c_str(), "re")) {
+            if (std::fscanf(f, "%d", &plug.address) != 1)
+                plug.address = 0;
             std::fclose(f);
         }
         plugs.emplace(name, plug);
@@ -314,8 +314,8 @@ std::string PortPath(const std::vector<uint8_t>& ports)
 // The same plug of the same device, though perhaps seen through another context.
 bool IsSame(const Found& a, const Found& b)
 {
-    return a.info.bBus == b.info.bBus && a.ports == b.ports && a.info.bAddress == b.info.bAddress && a.uFile == b.uFile &&
-           (a.uFile != 0 || a.device == b.device) && std::memcmp(&a.descriptor, &b.descriptor, sizeof a.descriptor) == 0;
+    return a.info.bus == b.info.bus && a.ports == b.ports && a.info.address == b.info.address && a.file == b.file &&
+           (a.file != 0 || a.device == b.device) && std::memcmp(&a.descriptor, &b.descriptor, sizeof a.descriptor) == 0;
 }
 
 // Brings m_found up to date, without libusb where nothing was plugged or pulled since the last time. A context hears of
@@ -324,14 +324,14 @@ bool IsSame(const Found& a, const Found& b)
 void CHost::Look()
 {
     Plugs plugs = PluggedDevices();
-    if (m_pContext && !plugs.empty() && plugs == m_plugs)
+    if (m_context && !plugs.empty() && plugs == m_plugs)
         return;
     m_plugs.clear();
     if (!plugs.empty() && m_devices.empty())
         DropContext();
     const NoSignals noSignals;  // libusb starts a thread
-    if (!m_pContext && libusb_init(&m_pContext) != LIBUSB_SUCCESS) {
-        m_pContext = nullptr;
+    if (!m_context && libusb_init(&m_context) != LIBUSB_SUCCESS) {
+        m_context = nullptr;
         m_found.clear();
         return;
     }
@@ -342,36 +342,36 @@ void CHost::List(Plugs plugs)
 {
     std::vector<Found> found;
     Plugs listed;
-    libusb_device** pList = nullptr;
-    const ssize_t n = libusb_get_device_list(m_pContext, &pList);
+    libusb_device** present = nullptr;
+    const ssize_t n = libusb_get_device_list(m_context, &present);
     const std::unique_ptr<libusb_device*, void (*)(libusb_device**)> list(
-        pList, [](libusb_device** p) { libusb_free_device_list(p, 1); });
+        present, [](libusb_device** p) { libusb_free_device_list(p, 1); });
     for (ssize_t i = 0; i < n; ++i) {
-        libusb_device* const pDevice = pList[i];
+        libusb_device* const device = present[i];
         Found f;
-        f.ports = PortsOf(pDevice);
-        f.info.sPortPath = PortPath(f.ports);
-        f.info.bBus = libusb_get_bus_number(pDevice);
-        f.info.bAddress = libusb_get_device_address(pDevice);
-        const std::string bus = std::to_string(f.info.bBus);
-        const std::string name = f.ports.empty() ? "usb" + bus : bus + "-" + f.info.sPortPath;
+        f.ports = PortsOf(device);
+        f.info.portPath = PortPath(f.ports);
+        f.info.bus = libusb_get_bus_number(device);
+        f.info.address = libusb_get_device_address(device);
+        const std::string bus = std::to_string(f.info.bus);
+        const std::string name = f.ports.empty() ? "usb" + bus : bus + "-" + f.info.portPath;
         const auto plug = plugs.find(name);
-        f.uFile = plug == plugs.end() ? 0 : plug->second.uFile;
-        listed[name] = { f.info.bAddress, f.uFile };
-        if (libusb_get_device_descriptor(pDevice, &f.descriptor) != LIBUSB_SUCCESS || f.descriptor.idVendor != VENDOR_ID)
+        f.file = plug == plugs.end() ? 0 : plug->second.file;
+        listed[name] = { f.info.address, f.file };
+        if (libusb_get_device_descriptor(device, &f.descriptor) != LIBUSB_SUCCESS || f.descriptor.idVendor != VENDOR_ID)
             continue;
-        f.device.reset(libusb_ref_device(pDevice));
-        f.info.wVendorId = f.descriptor.idVendor;
-        f.info.wProductId = f.descriptor.idProduct;
-        f.info.speed = FromSpeed(libusb_get_device_speed(pDevice));
+        f.device.reset(libusb_ref_device(device));
+        f.info.vendorId = f.descriptor.idVendor;
+        f.info.productId = f.descriptor.idProduct;
+        f.info.speed = FromSpeed(libusb_get_device_speed(device));
         const auto old = std::find_if(m_found.begin(), m_found.end(), [&](const Found& o) { return IsSame(o, f); });
-        f.info.sPath = old != m_found.end() ? old->info.sPath
-                                            : name + "@" + std::to_string(f.info.bAddress) + "#" + std::to_string(++m_uPlugs);
+        f.info.path = old != m_found.end() ? old->info.path
+                                           : name + "@" + std::to_string(f.info.address) + "#" + std::to_string(++m_plugCount);
         found.push_back(std::move(f));
     }
     // Compared as numbers: socket 10 comes after socket 9. The address only decides where a host tells no ports.
     std::sort(found.begin(), found.end(), [](const Found& a, const Found& b) {
-        return std::tie(a.info.bBus, a.ports, a.info.bAddress) < std::tie(b.info.bBus, b.ports, b.info.bAddress);
+        return std::tie(a.info.bus, a.ports, a.info.address) < std::tie(b.info.bus, b.ports, b.info.address);
     });
     m_found = std::move(found);
     // Kept only if libusb saw all that is there: it passes over a device whose descriptors cannot be read at the moment.
@@ -379,10 +379,9 @@ void CHost::List(Plugs plugs)
         m_plugs = std::move(plugs);
 }
 
-const Found* CHost::Find(const std::string& sPath) const
+const Found* CHost::Find(const std::string& path) const
 {
-    const auto it =
-        std::find_if(m_found.begin(), m_found.end(), [&](const Found& f) { return f.device && f.info.sPath == sPath; });
+    const auto it = std::find_if(m_found.begin(), m_found.end(), [&](const Found& f) { return f.device && f.info.path == path; });
     return it == m_found.end() ? nullptr : &*it;
 }
 
@@ -392,31 +391,31 @@ void CHost::DropContext()
     for (Found& f : m_found)
         f.device.reset();
     m_plugs.clear();
-    if (m_pContext)
-        libusb_exit(m_pContext);
-    m_pContext = nullptr;
+    if (m_context)
+        libusb_exit(m_context);
+    m_context = nullptr;
 }
 
 void CHost::Forget()
 {
     // Somebody who has a device or the lock keeps it all; the process ends then, or the library goes under open cameras.
-    if (!m_csOpen.try_lock())
+    if (!m_opening.try_lock())
         return;
     if (m_devices.empty())
         DropContext();
-    m_csOpen.unlock();
+    m_opening.unlock();
 }
 
 void CHost::BeforeFork()
 {
-    m_csOpen.lock();
+    m_opening.lock();
     if (m_devices.empty())
         DropContext();
 }
 
 std::vector<DeviceInfo> CHost::Enumerate()
 {
-    const MutexLock lock(m_csOpen);
+    const MutexLock lock(m_opening);
     Look();
     std::vector<DeviceInfo> v;
     for (const Found& f : m_found)
@@ -424,34 +423,34 @@ std::vector<DeviceInfo> CHost::Enumerate()
     return v;
 }
 
-SharedDevice* CHost::Open(const std::string& sPath, Status* pStatus)
+SharedDevice* CHost::Open(const std::string& path, Status* status)
 {
-    const MutexLock lock(m_csOpen);
-    const Found* pFound = Find(sPath);
-    if (!pFound) {
+    const MutexLock lock(m_opening);
+    const Found* found = Find(path);
+    if (!found) {
         Look();
-        pFound = Find(sPath);
+        found = Find(path);
     }
-    if (!pFound) {
-        *pStatus = m_pContext ? Status::Gone : Status::Failed;
+    if (!found) {
+        *status = m_context ? Status::Gone : Status::Failed;
         return nullptr;
     }
-    libusb_device* const pDevice = pFound->device.get();
+    libusb_device* const device = found->device.get();
     for (SharedDevice* p : m_devices)
-        if (p->pDevice == pDevice && !p->bGone) {
-            ++p->iHandles;
-            *pStatus = Status::Ok;
+        if (p->device == device && !p->gone) {
+            ++p->handles;
+            *status = Status::Ok;
             return p;
         }
 
     // All memory first: nothing may fail once it is open.
     auto p = std::make_unique<SharedDevice>();
     std::list<SharedDevice*> entry(1, p.get());
-    *pStatus = FromError(libusb_open(pDevice, &p->pHandle));
-    if (*pStatus != Status::Ok)
+    *status = FromError(libusb_open(device, &p->handle));
+    if (*status != Status::Ok)
         return nullptr;
-    p->pDevice = libusb_ref_device(pDevice);
-    p->iHandles = 1;
+    p->device = libusb_ref_device(device);
+    p->handles = 1;
     const MutexLock lockQueues(m_cs);
     m_devices.splice(m_devices.end(), entry);
     return p.release();
@@ -461,40 +460,40 @@ SharedDevice* CHost::Open(const std::string& sPath, Status* pStatus)
 // opening its camera in that moment, and would not see a camera that is in use.
 Status CHost::Claim(SharedDevice& d)
 {
-    if (d.bClaimed)
+    if (d.claimed)
         return Status::Ok;
-    const MutexLock lock(m_csOpen);
-    if (!m_bThread && !StartThread())
+    const MutexLock lock(m_opening);
+    if (!m_threadRuns && !StartThread())
         return Status::Failed;
-    if (!d.bClaimed) {
-        libusb_set_auto_detach_kernel_driver(d.pHandle, 1);  // not every system has such a thing
-        const Status status = FromError(libusb_claim_interface(d.pHandle, INTERFACE));
+    if (!d.claimed) {
+        libusb_set_auto_detach_kernel_driver(d.handle, 1);  // not every system has such a thing
+        const Status status = FromError(libusb_claim_interface(d.handle, INTERFACE));
         if (status != Status::Ok)
             return Note(d, status);
-        d.bClaimed = true;
+        d.claimed = true;
     }
     return Status::Ok;
 }
 
-void CHost::Close(SharedDevice* p, const IDevice* pOwner)
+void CHost::Close(SharedDevice* p, const IDevice* owner)
 {
     {
         MutexLock lock(m_cs);
-        Cancel(*p, nullptr, pOwner);
+        Cancel(*p, nullptr, owner);
     }
-    const MutexLock lock(m_csOpen);
-    if (--p->iHandles != 0)
+    const MutexLock lock(m_opening);
+    if (--p->handles != 0)
         return;
     {
         const MutexLock lockQueues(m_cs);
         m_devices.remove(p);
     }
-    if (p->bClaimed)
-        libusb_release_interface(p->pHandle, INTERFACE);
-    libusb_close(p->pHandle);
-    libusb_unref_device(p->pDevice);
+    if (p->claimed)
+        libusb_release_interface(p->handle, INTERFACE);
+    libusb_close(p->handle);
+    libusb_unref_device(p->device);
     delete p;
-    if (m_devices.empty() && m_bThread)
+    if (m_devices.empty() && m_threadRuns)
         StopThread();
 }
 
@@ -518,38 +517,38 @@ uint64_t MemoryLimit()
 // Started by the first request, not by opening: whoever only looks at what is known of a device needs none.
 bool CHost::EnsureThread()
 {
-    if (m_bThread)
+    if (m_threadRuns)
         return true;
-    const MutexLock lock(m_csOpen);
-    return m_bThread || StartThread();
+    const MutexLock lock(m_opening);
+    return m_threadRuns || StartThread();
 }
 
 bool CHost::StartThread()
 {
     {
         const MutexLock lock(m_cs);
-        m_bStop = false;
-        m_lLimit = MemoryLimit();
+        m_stop = false;
+        m_limit = MemoryLimit();
     }
     const NoSignals noSignals;
     try {
         m_thread = std::thread([this] { Attempt("USB events", [this] { Run(); }); });
-        m_bThread = true;
+        m_threadRuns = true;
     } catch (const std::system_error&) {
     }
-    return m_bThread;
+    return m_threadRuns;
 }
 
 void CHost::StopThread()
 {
     {
         const MutexLock lock(m_cs);
-        m_bStop = true;
+        m_stop = true;
         m_cvDone.notify_all();
     }
     Wake();
     m_thread.join();
-    m_bThread = false;
+    m_threadRuns = false;
 }
 
 // The only place that handles events: libusb's synchronous transfers, which would do it too, are not used, so that
@@ -557,18 +556,18 @@ void CHost::StopThread()
 void CHost::Run()
 {
     MutexLock lock(m_cs);
-    while (!m_bStop) {
+    while (!m_stop) {
         timeval tv{};
-        if (m_iParked != 0)
+        if (m_parked != 0)
             tv.tv_usec = std::chrono::microseconds(RETRY).count();
         else
             tv.tv_sec = 60;
         lock.unlock();
-        const int r = libusb_handle_events_timeout_completed(m_pContext, &tv, nullptr);
+        const int r = libusb_handle_events_timeout_completed(m_context, &tv, nullptr);
         lock.lock();
         Pump();
         Deliver();
-        if (r != LIBUSB_SUCCESS && r != LIBUSB_ERROR_INTERRUPTED && !m_bStop)
+        if (r != LIBUSB_SUCCESS && r != LIBUSB_ERROR_INTERRUPTED && !m_stop)
             WaitFor(m_cs, m_cvDone, RETRY);  // do not spin on an error that stays
     }
 }
@@ -577,18 +576,18 @@ void CHost::Run()
 
 Status CHost::Start(Xfer& x)
 {
-    if (x.pDevice->bGone)
+    if (x.device->gone)
         return Status::Gone;
     const uint64_t cost = x.Cost();
-    if (m_lLimit != 0 && m_lFlying != 0 && m_lFlying + cost > m_lLimit)
+    if (m_limit != 0 && m_flying != 0 && m_flying + cost > m_limit)
         return Status::NoMemory;
-    const Status status = FromError(libusb_submit_transfer(x.pTransfer));
+    const Status status = FromError(libusb_submit_transfer(x.transfer));
     if (status == Status::Ok) {
         x.state = Xfer::State::Flying;
-        x.pDevice->At(x.pRequest->bEndpoint).lFlying += cost;
-        m_lFlying += cost;
+        x.device->At(x.request->endpoint).flying += cost;
+        m_flying += cost;
     } else if (status == Status::Gone) {
-        x.pDevice->bGone = true;
+        x.device->gone = true;
     }
     return status;
 }
@@ -598,8 +597,8 @@ void CHost::End(Xfer& x, Status status)
 {
     x.state = Xfer::State::Ended;
     x.status = status;
-    --m_iParked;
-    if (m_iEnded++ == 0)
+    --m_parked;
+    if (m_ended++ == 0)
         Wake();
 }
 
@@ -608,7 +607,7 @@ void CHost::End(Xfer& x, Status status)
 bool CHost::CannotFit(Xfer& x) const
 {
     const auto now = std::chrono::steady_clock::now();
-    const bool never = m_lLimit != 0 && x.pRequest->dwLength >= m_lLimit;
+    const bool never = m_limit != 0 && x.request->length >= m_limit;
     if (x.refused.time_since_epoch().count() == 0)
         x.refused = now;
     if (!never && now - x.refused < GIVE_UP)
@@ -616,7 +615,7 @@ bool CHost::CannotFit(Xfer& x) const
     KOV_LOG(Error,
             "a request of %u bytes finds no USB memory: the system's limit is %llu MiB. Raise it: "
             "echo 256 | sudo tee /sys/module/usbcore/parameters/usbfs_memory_mb",
-            x.pRequest->dwLength, static_cast<unsigned long long>(m_lLimit >> 20));
+            x.request->length, static_cast<unsigned long long>(m_limit >> 20));
     return true;
 }
 
@@ -626,35 +625,35 @@ void CHost::Pump()
 {
     for (SharedDevice* d : m_devices)
         for (Pipe& p : d->pipes)
-            p.bFull = false;
-    while (m_iParked != 0) {
-        Pipe* pNext = nullptr;
+            p.full = false;
+    while (m_parked != 0) {
+        Pipe* next = nullptr;
         for (SharedDevice* d : m_devices)
             for (Pipe& p : d->pipes)
-                if (p.iHold == 0 && !p.bFull && p.FirstParked() && (!pNext || p.lFlying < pNext->lFlying))
-                    pNext = &p;
-        if (!pNext)
+                if (p.hold == 0 && !p.full && p.FirstParked() && (!next || p.flying < next->flying))
+                    next = &p;
+        if (!next)
             return;
-        Xfer& x = *pNext->FirstParked();
+        Xfer& x = *next->FirstParked();
         const Status status = Start(x);
         if (status == Status::Ok) {
-            --m_iParked;
+            --m_parked;
         } else if (status != Status::NoMemory) {
             End(x, status);
         } else {
-            if (m_lFlying != 0)
+            if (m_flying != 0)
                 return;  // the next completion comes here again
             if (CannotFit(x))
                 End(x, Status::NoMemory);
             else
-                pNext->bFull = true;
+                next->full = true;
         }
     }
 }
 
 void CHost::Deliver()
 {
-    if (m_iEnded == 0)
+    if (m_ended == 0)
         return;
     // A device cannot leave the list while a request of it is queued, so the walk survives the unlocking.
     for (SharedDevice* d : m_devices) {
@@ -663,11 +662,11 @@ void CHost::Deliver()
             while (Xfer* x = p.FirstDeliverable()) {
                 m_cs.unlock();
                 // What it throws must not pass through libusb.
-                Attempt("completing a request", [x] { x->pRequest->OnComplete(x->pRequest, x->status, x->dwBytes); });
+                Attempt("completing a request", [x] { x->request->OnComplete(x->request, x->status, x->bytes); });
                 m_cs.lock();
-                --m_iEnded;
+                --m_ended;
                 auto done = p.Take(x);
-                if (d->iCancelling != 0)
+                if (d->cancelling != 0)
                     d->graveyard.splice(d->graveyard.end(), done);
                 any = true;
             }
@@ -677,20 +676,20 @@ void CHost::Deliver()
     }
 }
 
-void LIBUSB_CALL CHost::OnBulk(libusb_transfer* pTransfer)
+void LIBUSB_CALL CHost::OnBulk(libusb_transfer* transfer)
 {
     CHost& host = *Current();
     MutexLock lock(host.m_cs);
-    Xfer& x = *static_cast<Xfer*>(pTransfer->user_data);
-    SharedDevice& d = *x.pDevice;
+    Xfer& x = *static_cast<Xfer*>(transfer->user_data);
+    SharedDevice& d = *x.device;
     const uint64_t cost = x.Cost();
-    d.At(x.pRequest->bEndpoint).lFlying -= cost;
-    host.m_lFlying -= cost;
+    d.At(x.request->endpoint).flying -= cost;
+    host.m_flying -= cost;
     x.state = Xfer::State::Ended;
-    x.status = FromTransfer(pTransfer->status);
-    x.dwBytes = uint32_t(pTransfer->actual_length);
-    ++host.m_iEnded;
-    if (x.status == Status::Gone && d.iResetting == 0)
+    x.status = FromTransfer(transfer->status);
+    x.bytes = uint32_t(transfer->actual_length);
+    ++host.m_ended;
+    if (x.status == Status::Gone && d.resetting == 0)
         host.MarkGone(d);
     host.Pump();  // before the delivery: keep the device busy
     host.Deliver();
@@ -698,7 +697,7 @@ void LIBUSB_CALL CHost::OnBulk(libusb_transfer* pTransfer)
 
 void CHost::MarkGone(SharedDevice& d)
 {
-    d.bGone = true;
+    d.gone = true;
     for (Pipe& p : d.pipes)
         for (const auto& x : p.queue)
             if (x->state == Xfer::State::Parked)
@@ -707,10 +706,10 @@ void CHost::MarkGone(SharedDevice& d)
 
 // Ends the requests queued so far on a pipe (null: on all) and of one owner (null: of all). Returns when each has been
 // delivered.
-void CHost::Cancel(SharedDevice& d, const Pipe* pipe, const IDevice* pOwner)
+void CHost::Cancel(SharedDevice& d, const Pipe* pipe, const IDevice* owner)
 {
-    const uint64_t lEnd = m_lSequence;
-    const auto chosen = [&](const Xfer& x) { return x.lSequence < lEnd && (!pOwner || x.pOwner == pOwner); };
+    const uint64_t end = m_sequence;
+    const auto chosen = [&](const Xfer& x) { return x.sequence < end && (!owner || x.owner == owner); };
     for (Pipe& p : d.pipes) {
         if (pipe && pipe != &p)
             continue;
@@ -718,7 +717,7 @@ void CHost::Cancel(SharedDevice& d, const Pipe* pipe, const IDevice* pOwner)
             if (!chosen(*x))
                 continue;
             if (x->state == Xfer::State::Flying)
-                x->bCancel = true;
+                x->cancel = true;
             else if (x->state == Xfer::State::Parked)
                 End(*x, Status::Cancelled);
         }
@@ -729,14 +728,14 @@ void CHost::Cancel(SharedDevice& d, const Pipe* pipe, const IDevice* pOwner)
     const auto next = [&]() -> Xfer* {
         for (Pipe& p : d.pipes)
             for (auto it = p.queue.rbegin(); it != p.queue.rend(); ++it)
-                if (std::exchange((*it)->bCancel, false))
+                if (std::exchange((*it)->cancel, false))
                     return it->get();
         return nullptr;
     };
-    ++d.iCancelling;
+    ++d.cancelling;
     while (Xfer* const x = next()) {
         m_cs.unlock();
-        libusb_cancel_transfer(x->pTransfer);
+        libusb_cancel_transfer(x->transfer);
         m_cs.lock();
     }
     WaitUntil(m_cs, m_cvDone, [&] {
@@ -745,33 +744,32 @@ void CHost::Cancel(SharedDevice& d, const Pipe* pipe, const IDevice* pOwner)
                 return false;
         return true;
     });
-    if (--d.iCancelling == 0)
+    if (--d.cancelling == 0)
         d.graveyard.clear();
 }
 
-Status CHost::Submit(SharedDevice& d, const IDevice* pOwner, BulkRequest* pRequest)
+Status CHost::Submit(SharedDevice& d, const IDevice* owner, BulkRequest* request)
 {
-    if (d.bGone)
+    if (d.gone)
         return Status::Gone;
-    if (pRequest->dwLength > uint32_t{ INT32_MAX })
+    if (request->length > uint32_t{ INT32_MAX })
         return Status::Failed;
     std::list<std::unique_ptr<Xfer>> entry;  // all memory before it starts
     entry.push_back(std::make_unique<Xfer>());
     Xfer* const x = entry.front().get();
-    x->pDevice = &d;
-    x->pOwner = pOwner;
-    x->pRequest = pRequest;
-    x->pTransfer = libusb_alloc_transfer(0);
-    if (!x->pTransfer)
+    x->device = &d;
+    x->owner = owner;
+    x->request = request;
+    x->transfer = libusb_alloc_transfer(0);
+    if (!x->transfer)
         return Status::NoMemory;
-    libusb_fill_bulk_transfer(x->pTransfer, d.pHandle, pRequest->bEndpoint, pRequest->pData, int(pRequest->dwLength), OnBulk, x,
-                              0);
+    libusb_fill_bulk_transfer(x->transfer, d.handle, request->endpoint, request->data, int(request->length), OnBulk, x, 0);
 
     const MutexLock lock(m_cs);
-    Pipe& p = d.At(pRequest->bEndpoint);
-    pRequest->pStack = x;
-    x->lSequence = m_lSequence++;
-    bool park = p.iHold != 0 || m_iParked != 0;
+    Pipe& p = d.At(request->endpoint);
+    request->stack = x;
+    x->sequence = m_sequence++;
+    bool park = p.hold != 0 || m_parked != 0;
     if (!park) {
         const Status status = Start(*x);
         if (status != Status::Ok && status != Status::NoMemory)
@@ -780,24 +778,24 @@ Status CHost::Submit(SharedDevice& d, const IDevice* pOwner, BulkRequest* pReque
     }
     p.queue.splice(p.queue.end(), entry);
     if (park) {
-        if (m_iParked++ == 0)
+        if (m_parked++ == 0)
             Wake();  // from here on the thread tries again by itself, too
         Pump();
     }
     return Status::Ok;
 }
 
-void CHost::Abort(SharedDevice& d, uint8_t bEndpoint)
+void CHost::Abort(SharedDevice& d, uint8_t endpoint)
 {
     MutexLock lock(m_cs);
-    Cancel(d, &d.At(bEndpoint), nullptr);
+    Cancel(d, &d.At(endpoint), nullptr);
 }
 
 // --- the rest of a device -------------------------------------------------------------------------------------------
 
 Status CHost::Note(SharedDevice& d, Status status)
 {
-    if (status == Status::Gone && d.iResetting == 0) {
+    if (status == Status::Gone && d.resetting == 0) {
         const MutexLock lock(m_cs);
         MarkGone(d);
     }
@@ -805,13 +803,13 @@ Status CHost::Note(SharedDevice& d, Status status)
 }
 
 template <class Work>
-int CHost::Quietly(SharedDevice& d, uint8_t bEndpoint, Work work)
+int CHost::Quietly(SharedDevice& d, uint8_t endpoint, Work work)
 {
-    Pipe* const pipe = bEndpoint != 0 ? &d.At(bEndpoint) : nullptr;
+    Pipe* const pipe = endpoint != 0 ? &d.At(endpoint) : nullptr;
     const auto hold = [&](int step) {
         for (Pipe& p : d.pipes)
             if (!pipe || pipe == &p)
-                p.iHold += step;
+                p.hold += step;
     };
     MutexLock lock(m_cs);
     hold(1);
@@ -826,48 +824,48 @@ int CHost::Quietly(SharedDevice& d, uint8_t bEndpoint, Work work)
 
 Status CHost::Restart(SharedDevice& d, bool stale)
 {
-    ++d.iResetting;
-    int r = Quietly(d, 0, [&] { return libusb_reset_device(d.pHandle); });
-    --d.iResetting;
+    ++d.resetting;
+    int r = Quietly(d, 0, [&] { return libusb_reset_device(d.handle); });
+    --d.resetting;
     const bool changed = r == LIBUSB_ERROR_NOT_FOUND;  // came back, but as another device
     if (stale && (changed || r == LIBUSB_SUCCESS)) {
         // The next Open takes a fresh handle; it must find the interface free.
-        libusb_release_interface(d.pHandle, INTERFACE);
-        d.bClaimed = false;
+        libusb_release_interface(d.handle, INTERFACE);
+        d.claimed = false;
         Note(d, Status::Gone);
         return Status::Ok;
     }
     return Note(d, changed ? Status::Gone : FromError(r));
 }
 
-void LIBUSB_CALL CHost::OnControl(libusb_transfer* pTransfer)
+void LIBUSB_CALL CHost::OnControl(libusb_transfer* transfer)
 {
-    ControlWait& w = *static_cast<ControlWait*>(pTransfer->user_data);
-    CHost& host = *w.pHost;
+    ControlWait& w = *static_cast<ControlWait*>(transfer->user_data);
+    CHost& host = *w.host;
     const MutexLock lock(host.m_cs);
-    w.bDone = true;
+    w.done = true;
     host.m_cvDone.notify_all();
 }
 
-Status CHost::Control(SharedDevice& d, const IDevice* pOwner, const uint8_t* pSetup, uint8_t* pData, uint16_t wLength,
+Status CHost::Control(SharedDevice& d, const IDevice* owner, const uint8_t* setup, uint8_t* data, uint16_t length,
                       uint32_t timeoutMs, uint32_t* moved)
 {
-    if (d.bGone)
+    if (d.gone)
         return Status::Gone;
-    if (wLength > MAX_CONTROL || !EnsureThread())
+    if (length > MAX_CONTROL || !EnsureThread())
         return Status::Failed;
-    const bool input = (pSetup[0] & LIBUSB_ENDPOINT_IN) != 0;
+    const bool input = (setup[0] & LIBUSB_ENDPOINT_IN) != 0;
     std::array<uint8_t, LIBUSB_CONTROL_SETUP_SIZE + MAX_CONTROL> buffer;
-    std::memcpy(buffer.data(), pSetup, LIBUSB_CONTROL_SETUP_SIZE);
-    if (!input && wLength != 0)
-        std::memcpy(buffer.data() + LIBUSB_CONTROL_SETUP_SIZE, pData, wLength);
+    std::memcpy(buffer.data(), setup, LIBUSB_CONTROL_SETUP_SIZE);
+    if (!input && length != 0)
+        std::memcpy(buffer.data() + LIBUSB_CONTROL_SETUP_SIZE, data, length);
 
-    const std::unique_ptr<libusb_transfer, decltype(&libusb_free_transfer)> pTransfer(libusb_alloc_transfer(0),
-                                                                                      libusb_free_transfer);
-    if (!pTransfer)
+    const std::unique_ptr<libusb_transfer, decltype(&libusb_free_transfer)> transfer(libusb_alloc_transfer(0),
+                                                                                     libusb_free_transfer);
+    if (!transfer)
         return Status::NoMemory;
-    ControlWait w{ this, pOwner, pTransfer.get() };
-    libusb_fill_control_transfer(pTransfer.get(), d.pHandle, buffer.data(), OnControl, &w, timeoutMs);
+    ControlWait w{ this, owner, transfer.get() };
+    libusb_fill_control_transfer(transfer.get(), d.handle, buffer.data(), OnControl, &w, timeoutMs);
 
     // Bulk requests can leave no memory for a control request either. Real time: this is the driver's own limit.
     const auto start = std::chrono::steady_clock::now();
@@ -876,11 +874,11 @@ Status CHost::Control(SharedDevice& d, const IDevice* pOwner, const uint8_t* pSe
     Status status;
     for (;;) {
         lock.unlock();
-        status = FromError(libusb_submit_transfer(pTransfer.get()));
+        status = FromError(libusb_submit_transfer(transfer.get()));
         lock.lock();
         if (status != Status::NoMemory)
             break;
-        if (w.bAbort)
+        if (w.abort)
             status = Status::Cancelled;
         else if (timeoutMs != 0 && std::chrono::steady_clock::now() - start >= std::chrono::milliseconds(timeoutMs))
             status = Status::TimedOut;
@@ -888,38 +886,38 @@ Status CHost::Control(SharedDevice& d, const IDevice* pOwner, const uint8_t* pSe
             break;
         WaitFor(m_cs, m_cvDone, RETRY);
     }
-    if (status == Status::Ok && w.bAbort) {  // it came before there was something to cancel
+    if (status == Status::Ok && w.abort) {  // it came before there was something to cancel
         lock.unlock();
-        libusb_cancel_transfer(pTransfer.get());
+        libusb_cancel_transfer(transfer.get());
         lock.lock();
     }
-    WaitUntil(m_cs, m_cvDone, [&] { return (w.bDone || status != Status::Ok) && w.iNamed == 0; });
+    WaitUntil(m_cs, m_cvDone, [&] { return (w.done || status != Status::Ok) && w.named == 0; });
     d.controls.erase(it);
     lock.unlock();
     if (status != Status::Ok)
         return Note(d, status);
 
-    *moved = uint32_t(pTransfer->actual_length);
+    *moved = uint32_t(transfer->actual_length);
     if (input && *moved != 0)
-        std::memcpy(pData, buffer.data() + LIBUSB_CONTROL_SETUP_SIZE, *moved);
-    return Note(d, FromTransfer(pTransfer->status));
+        std::memcpy(data, buffer.data() + LIBUSB_CONTROL_SETUP_SIZE, *moved);
+    return Note(d, FromTransfer(transfer->status));
 }
 
-void CHost::AbortControl(SharedDevice& d, const IDevice* pOwner)
+void CHost::AbortControl(SharedDevice& d, const IDevice* owner)
 {
     MutexLock lock(m_cs);
     const auto next = [&]() -> ControlWait* {
         for (ControlWait* w : d.controls)
-            if (w->pOwner == pOwner && !std::exchange(w->bAbort, true))
+            if (w->owner == owner && !std::exchange(w->abort, true))
                 return w;
         return nullptr;
     };
     while (ControlWait* const w = next()) {
-        ++w->iNamed;
+        ++w->named;
         lock.unlock();
-        libusb_cancel_transfer(w->pTransfer);
+        libusb_cancel_transfer(w->transfer);
         lock.lock();
-        --w->iNamed;
+        --w->named;
     }
     m_cvDone.notify_all();
 }
@@ -992,8 +990,8 @@ std::vector<uint8_t> ConfigDescriptor(libusb_device* p, uint8_t index)
 
 class CDevice : public IDevice {
 public:
-    // On failure *pStatus tells why, and there is nothing to call but the destructor.
-    CDevice(CHost* pHost, const std::string& sPath, Status* pStatus) : m_pHost(pHost), m_p(pHost->Open(sPath, pStatus)) {}
+    // On failure *status tells why, and there is nothing to call but the destructor.
+    CDevice(CHost* host, const std::string& path, Status* status) : m_host(host), m_p(host->Open(path, status)) {}
     CDevice(const CDevice&) = delete;
     CDevice& operator=(const CDevice&) = delete;
 
@@ -1001,25 +999,25 @@ public:
     ~CDevice() override
     {
         if (m_p && !Foreign())
-            m_pHost->Close(m_p, this);
+            m_host->Close(m_p, this);
     }
 
-    Status Control(uint8_t requestType, uint8_t request, uint16_t value, uint16_t wIndex, uint8_t* pData, uint16_t wLength,
+    Status Control(uint8_t requestType, uint8_t request, uint16_t value, uint16_t index, uint8_t* data, uint16_t length,
                    uint32_t timeoutMs, uint32_t* moved) override
     {
         *moved = 0;
-        if (Foreign() || m_p->bGone)
+        if (Foreign() || m_p->gone)
             return Status::Gone;
         const auto answer = [&](const std::vector<uint8_t>& v) {
-            *moved = uint32_t(std::min<size_t>(v.size(), wLength));
+            *moved = uint32_t(std::min<size_t>(v.size(), length));
             if (*moved != 0)
-                std::memcpy(pData, v.data(), *moved);
+                std::memcpy(data, v.data(), *moved);
             return Status::Ok;
         };
         const auto is = [&](uint8_t type, uint8_t standard) { return requestType == type && request == standard; };
-        const bool bDescriptor = is(LIBUSB_ENDPOINT_IN, LIBUSB_REQUEST_GET_DESCRIPTOR);
-        if (bDescriptor && value >> 8 == LIBUSB_DT_DEVICE) {
-            const std::vector<uint8_t> v = DeviceDescriptor(m_p->pDevice);
+        const bool descriptor = is(LIBUSB_ENDPOINT_IN, LIBUSB_REQUEST_GET_DESCRIPTOR);
+        if (descriptor && value >> 8 == LIBUSB_DT_DEVICE) {
+            const std::vector<uint8_t> v = DeviceDescriptor(m_p->device);
             if (!v.empty())
                 return answer(v);
         }
@@ -1027,82 +1025,81 @@ public:
         if (is(LIBUSB_RECIPIENT_INTERFACE, LIBUSB_REQUEST_SET_INTERFACE)) {
             if (const Status status = Claim(); status != Status::Ok)
                 return status;
-            const int r =
-                m_pHost->Quietly(*m_p, 0, [&] { return libusb_set_interface_alt_setting(m_p->pHandle, wIndex, value); });
-            if (r == LIBUSB_SUCCESS && wIndex == INTERFACE)
-                m_p->iAltSetting = value;
-            return m_pHost->Note(*m_p, r == LIBUSB_ERROR_NOT_FOUND ? Status::Stall : FromError(r));
+            const int r = m_host->Quietly(*m_p, 0, [&] { return libusb_set_interface_alt_setting(m_p->handle, index, value); });
+            if (r == LIBUSB_SUCCESS && index == INTERFACE)
+                m_p->altSetting = value;
+            return m_host->Note(*m_p, r == LIBUSB_ERROR_NOT_FOUND ? Status::Stall : FromError(r));
         }
-        if (is(LIBUSB_RECIPIENT_ENDPOINT, LIBUSB_REQUEST_CLEAR_FEATURE) && value == 0 && (wIndex & 15) != 0)
-            return ResetPipe(uint8_t(wIndex));
+        if (is(LIBUSB_RECIPIENT_ENDPOINT, LIBUSB_REQUEST_CLEAR_FEATURE) && value == 0 && (index & 15) != 0)
+            return ResetPipe(uint8_t(index));
 
         uint8_t setup[LIBUSB_CONTROL_SETUP_SIZE] = { requestType, request };
         for (unsigned i = 0; i < 3; ++i) {
-            const uint16_t w = i == 0 ? value : i == 1 ? wIndex : wLength;
+            const uint16_t w = i == 0 ? value : i == 1 ? index : length;
             setup[2 + 2 * i] = uint8_t(w & 0xFF);
             setup[3 + 2 * i] = uint8_t(w >> 8);
         }
-        const Status status = m_pHost->Control(*m_p, this, setup, pData, wLength, timeoutMs, moved);
-        if (bDescriptor && value >> 8 == LIBUSB_DT_CONFIG && status != Status::Ok && status != Status::Gone) {
-            const std::vector<uint8_t> v = ConfigDescriptor(m_p->pDevice, uint8_t(value & 0xFF));
+        const Status status = m_host->Control(*m_p, this, setup, data, length, timeoutMs, moved);
+        if (descriptor && value >> 8 == LIBUSB_DT_CONFIG && status != Status::Ok && status != Status::Gone) {
+            const std::vector<uint8_t> v = ConfigDescriptor(m_p->device, uint8_t(value & 0xFF));
             if (!v.empty())
                 return answer(v);
         }
         return status;
     }
 
-    Status SubmitBulk(BulkRequest* pRequest) override
+    Status SubmitBulk(BulkRequest* request) override
     {
         const Status status = Claim();
-        return status == Status::Ok ? m_pHost->Submit(*m_p, this, pRequest) : status;
+        return status == Status::Ok ? m_host->Submit(*m_p, this, request) : status;
     }
-    void Abort(uint8_t bEndpoint) override
+    void Abort(uint8_t endpoint) override
     {
         if (!Foreign())
-            m_pHost->Abort(*m_p, bEndpoint);
+            m_host->Abort(*m_p, endpoint);
     }
     bool KeepsTimeLimits() const override { return true; }
     void AbortControl() override
     {
         if (!Foreign())
-            m_pHost->AbortControl(*m_p, this);
+            m_host->AbortControl(*m_p, this);
     }
-    Status ResetPipe(uint8_t bEndpoint) override
+    Status ResetPipe(uint8_t endpoint) override
     {
         if (const Status status = Claim(); status != Status::Ok)
             return status;
-        const int r = m_pHost->Quietly(*m_p, bEndpoint, [&] { return libusb_clear_halt(m_p->pHandle, bEndpoint); });
-        return m_pHost->Note(*m_p, FromError(r));
+        const int r = m_host->Quietly(*m_p, endpoint, [&] { return libusb_clear_halt(m_p->handle, endpoint); });
+        return m_host->Note(*m_p, FromError(r));
     }
     void SetTransferSize(uint8_t, uint32_t) override {}  // libusb needs no hint
     Status ResetPort() override { return Restart(false); }
     Status CyclePort() override { return Restart(true); }
-    Speed GetSpeed() override { return FromSpeed(libusb_get_device_speed(m_p->pDevice)); }
-    uint8_t GetAddress() override { return libusb_get_device_address(m_p->pDevice); }
+    Speed GetSpeed() override { return FromSpeed(libusb_get_device_speed(m_p->device)); }
+    uint8_t GetAddress() override { return libusb_get_device_address(m_p->device); }
     // A claimed interface starts at 0, and only this process can change it.
-    int GetAltSetting() override { return m_p->iAltSetting; }
-    Status Claim() override { return Foreign() || m_p->bGone ? Status::Gone : m_pHost->Claim(*m_p); }
+    int GetAltSetting() override { return m_p->altSetting; }
+    Status Claim() override { return Foreign() || m_p->gone ? Status::Gone : m_host->Claim(*m_p); }
 
 private:
-    bool Foreign() const { return m_pHost != CHost::Current(); }
+    bool Foreign() const { return m_host != CHost::Current(); }
     Status Restart(bool stale)
     {
         // Claimed first: nobody may restart a device that another process uses.
         const Status status = Claim();
-        return status == Status::Ok ? m_pHost->Restart(*m_p, stale) : status;
+        return status == Status::Ok ? m_host->Restart(*m_p, stale) : status;
     }
 
-    CHost* const m_pHost;
+    CHost* const m_host;
     SharedDevice* const m_p;
 };
 
 class CLibusbStack : public IStack {
 public:
     std::vector<DeviceInfo> Enumerate() override { return CHost::Current()->Enumerate(); }
-    IDevice* Open(const std::string& sPath, Status* pStatus) override
+    IDevice* Open(const std::string& path, Status* status) override
     {
-        auto p = std::make_unique<CDevice>(CHost::Current(), sPath, pStatus);
-        return *pStatus == Status::Ok ? p.release() : nullptr;
+        auto p = std::make_unique<CDevice>(CHost::Current(), path, status);
+        return *status == Status::Ok ? p.release() : nullptr;
     }
 };
 
@@ -1116,7 +1113,7 @@ IStack& LibusbStack()
 
 void ForgetLibusb()
 {
-    if (CHost* const p = g_pHost)
+    if (CHost* const p = g_Host)
         p->Forget();
 }
 

@@ -73,17 +73,17 @@ public:
 // Ticks go on without a jump when the rate changes: the clock is a piecewise linear image of the steady clock.
 struct Clock {
     PosixMutex m;
-    double dRate = 1.0;
-    int64_t llRealBase = SteadyNs();
-    double dScaledBase = double(llRealBase);  // ns; 53 bits last 104 days at full precision, and longer at 1 us
+    double rate = 1.0;
+    int64_t realBase = SteadyNs();
+    double scaledBase = double(realBase);  // ns; 53 bits last 104 days at full precision, and longer at 1 us
 
-    double ScaledNow() const { return dScaledBase + double(SteadyNs() - llRealBase) * dRate; }
+    double ScaledNow() const { return scaledBase + double(SteadyNs() - realBase) * rate; }
 };
 
 Clock& TheClock()
 {
-    static Clock* const s_pClock = new Clock;  // never destroyed: threads may outlive static destruction
-    return *s_pClock;
+    static Clock* const s_clock = new Clock;  // never destroyed: threads may outlive static destruction
+    return *s_clock;
 }
 
 // Moment of the steady clock that lies `ms` of the scaled clock ahead.
@@ -176,16 +176,16 @@ void SetClockRate(double rate)
         return;
     Clock& clock = TheClock();
     Guard guard(clock.m);
-    clock.dScaledBase = clock.ScaledNow();
-    clock.llRealBase = SteadyNs();
-    clock.dRate = rate;
+    clock.scaledBase = clock.ScaledNow();
+    clock.realBase = SteadyNs();
+    clock.rate = rate;
 }
 
 double ClockRate()
 {
     Clock& clock = TheClock();
     Guard guard(clock.m);
-    return clock.dRate;
+    return clock.rate;
 }
 
 // --- events and the semaphore ---------------------------------------------------------------------------------------
@@ -218,7 +218,7 @@ struct Thread::Impl {
     mutable PosixMutex m;
     Condition c;
     pthread_t thread = {};
-    bool bStarted = false, bEnded = false, bJoined = false;
+    bool started = false, ended = false, joined = false;
     void (*fn)(void*) = nullptr;
     void* arg = nullptr;
     logging::Camera camera;
@@ -229,7 +229,7 @@ struct Thread::Impl {
         logging::SetCurrentCamera(self->camera);
         self->fn(self->arg);
         Guard guard(self->m);
-        self->bEnded = true;
+        self->ended = true;
         pthread_cond_broadcast(&self->c.m_h);
         return nullptr;
     }
@@ -245,28 +245,28 @@ bool Thread::Start(void (*fn)(void*), void* arg)
     m_p->fn = fn;
     m_p->arg = arg;
     m_p->camera = logging::CurrentCamera();
-    m_p->bEnded = m_p->bJoined = false;
-    m_p->bStarted = pthread_create(&m_p->thread, nullptr, &Impl::Main, m_p.get()) == 0;
-    return m_p->bStarted;
+    m_p->ended = m_p->joined = false;
+    m_p->started = pthread_create(&m_p->thread, nullptr, &Impl::Main, m_p.get()) == 0;
+    return m_p->started;
 }
 
 bool Thread::Started() const
 {
     Guard guard(m_p->m);
-    return m_p->bStarted;
+    return m_p->started;
 }
 
 uint32_t Thread::Wait(uint32_t ms)
 {
     Guard guard(m_p->m);
-    if (!m_p->bStarted)
+    if (!m_p->started)
         return WAIT_SIGNALLED;
-    if (!WaitUntil(m_p->c, m_p->m, ms, [this] { return m_p->bEnded; }))
+    if (!WaitUntil(m_p->c, m_p->m, ms, [this] { return m_p->ended; }))
         return WAIT_TIMED_OUT;
     // The thread has nothing left to do but to return, so joining under the lock does not wait for anything.
-    if (!m_p->bJoined)
+    if (!m_p->joined)
         pthread_join(m_p->thread, nullptr);
-    m_p->bJoined = true;
+    m_p->joined = true;
     return WAIT_SIGNALLED;
 }
 

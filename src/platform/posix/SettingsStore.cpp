@@ -72,13 +72,13 @@ std::string Utf8(const wchar_t* sz)
 
 std::string HomeFolder()
 {
-    if (const char* const szHome = std::getenv("HOME"); szHome && szHome[0] == '/')
-        return szHome;
+    if (const char* const home = std::getenv("HOME"); home && home[0] == '/')
+        return home;
     // A service often runs without the variable.
-    passwd entry{}, *pEntry = nullptr;
+    passwd entry{}, *found = nullptr;
     char ac[4096];
-    if (getpwuid_r(getuid(), &entry, ac, sizeof ac, &pEntry) == 0 && pEntry && pEntry->pw_dir && pEntry->pw_dir[0] == '/')
-        return pEntry->pw_dir;
+    if (getpwuid_r(getuid(), &entry, ac, sizeof ac, &found) == 0 && found && found->pw_dir && found->pw_dir[0] == '/')
+        return found->pw_dir;
     return {};
 }
 
@@ -99,9 +99,9 @@ fs::path DatabasePath()
 enum class Trouble { NoFolder, NotKept, NotRead, Damaged };
 bool IsNews(Trouble t)
 {
-    static std::atomic<unsigned> s_uTold = 0;
-    const unsigned uBit = 1u << static_cast<unsigned>(t);
-    return (s_uTold.fetch_or(uBit) & uBit) == 0;
+    static std::atomic<unsigned> s_told = 0;
+    const unsigned bit = 1u << static_cast<unsigned>(t);
+    return (s_told.fetch_or(bit) & bit) == 0;
 }
 
 const char* WayOut(int rc)
@@ -160,21 +160,21 @@ void BindText(const Statement& s, int i, const std::string& text)
 }
 
 struct Value {
-    std::string sName;
-    uint32_t dwType;
-    std::vector<uint8_t> abData;
+    std::string name;
+    uint32_t type;
+    std::vector<uint8_t> data;
 };
 
-Value* Find(std::vector<Value>& a, const std::string& sName)
+Value* Find(std::vector<Value>& a, const std::string& name)
 {
     const auto it =
-        std::find_if(a.begin(), a.end(), [&](const Value& v) { return sqlite3_stricmp(v.sName.c_str(), sName.c_str()) == 0; });
+        std::find_if(a.begin(), a.end(), [&](const Value& v) { return sqlite3_stricmp(v.name.c_str(), name.c_str()) == 0; });
     return it == a.end() ? nullptr : &*it;
 }
 
 void Put(std::vector<Value>& a, Value v)
 {
-    if (Value* const old = Find(a, v.sName))
+    if (Value* const old = Find(a, v.name))
         *old = std::move(v);
     else
         a.push_back(std::move(v));
@@ -203,13 +203,13 @@ int Walk(const Db& db, Row row)
             return rc;
         if (sqlite3_column_type(s.get(), 0) != SQLITE_TEXT || sqlite3_column_type(s.get(), 1) != SQLITE_TEXT)
             return SQLITE_CORRUPT;
-        std::string sKey = text(0), sName = text(1);
-        const int order = sqlite3_stricmp(lastKey.c_str(), sKey.c_str());
-        if (!first && (order > 0 || (order == 0 && sqlite3_stricmp(lastName.c_str(), sName.c_str()) >= 0)))
+        std::string key = text(0), name = text(1);
+        const int order = sqlite3_stricmp(lastKey.c_str(), key.c_str());
+        if (!first && (order > 0 || (order == 0 && sqlite3_stricmp(lastName.c_str(), name.c_str()) >= 0)))
             return SQLITE_CORRUPT;
-        row(sKey, sName, s);
-        lastKey = std::move(sKey);
-        lastName = std::move(sName);
+        row(key, name, s);
+        lastKey = std::move(key);
+        lastName = std::move(name);
     }
 }
 
@@ -308,16 +308,16 @@ int WriteRows(const Db& db, const Changes& changes, const std::set<std::string, 
     const Statement add = Prepare(db, "INSERT INTO setting VALUES (?1, ?2, ?3, ?4) ON CONFLICT DO NOTHING");
     if (!add)
         return why();
-    for (const auto& [sKey, values] : changes) {
-        const Statement& s = unread.contains(sKey) ? add : replace;
+    for (const auto& [key, values] : changes) {
+        const Statement& s = unread.contains(key) ? add : replace;
         for (const Value& v : values) {
-            BindText(s, 1, sKey);
-            BindText(s, 2, v.sName);
-            sqlite3_bind_int64(s.get(), 3, v.dwType);
-            if (v.abData.empty())
+            BindText(s, 1, key);
+            BindText(s, 2, v.name);
+            sqlite3_bind_int64(s.get(), 3, v.type);
+            if (v.data.empty())
                 sqlite3_bind_zeroblob(s.get(), 4, 0);
             else
-                sqlite3_bind_blob(s.get(), 4, v.abData.data(), static_cast<int>(v.abData.size()), SQLITE_TRANSIENT);
+                sqlite3_bind_blob(s.get(), 4, v.data.data(), static_cast<int>(v.data.size()), SQLITE_TRANSIENT);
             const int rc = sqlite3_step(s.get());
             sqlite3_reset(s.get());
             if (rc != SQLITE_DONE)
@@ -366,44 +366,44 @@ public:
     }
 
     // The database is that of the moment: the environment may change before the thread comes to it.
-    void Hand(const fs::path& path, const std::string& sKey, std::vector<Value> values)
+    void Hand(const fs::path& path, const std::string& key, std::vector<Value> values)
     {
         const MutexLock lock(m_m);
         if (path != m_path) {
-            WaitUntil(m_m, m_idle, [this]() KOV_TSA(requires_capability(m_m)) { return !m_bRunning; });
+            WaitUntil(m_m, m_idle, [this]() KOV_TSA(requires_capability(m_m)) { return !m_running; });
             m_path = path;
             m_unread.clear();
         }
-        std::vector<Value>& a = m_waiting[sKey];
+        std::vector<Value>& a = m_waiting[key];
         for (Value& v : values)
             Put(a, std::move(v));
-        if (m_bRunning)
+        if (m_running)
             return;
-        m_bRunning = m_thread.Start([](void* p) { static_cast<Writer*>(p)->Run(); }, this);
-        if (!m_bRunning)  // no thread to be had
+        m_running = m_thread.Start([](void* p) { static_cast<Writer*>(p)->Run(); }, this);
+        if (!m_running)  // no thread to be had
             WriteAll();
     }
     void Flush()
     {
         const MutexLock lock(m_m);
-        WaitUntil(m_m, m_idle, [this]() KOV_TSA(requires_capability(m_m)) { return !m_bRunning; });
+        WaitUntil(m_m, m_idle, [this]() KOV_TSA(requires_capability(m_m)) { return !m_running; });
     }
     // What has not reached the database yet, newest last.
-    void Overlay(const std::string& sKey, std::vector<Value>& values)
+    void Overlay(const std::string& key, std::vector<Value>& values)
     {
         const MutexLock lock(m_m);
         for (const Changes* p : { &m_writing, &m_waiting })
-            if (const auto it = p->find(sKey); it != p->end())
+            if (const auto it = p->find(key); it != p->end())
                 for (const Value& v : it->second)
                     Put(values, v);
     }
-    void MarkUnread(const std::string& sKey, bool bUnread)
+    void MarkUnread(const std::string& key, bool unread)
     {
         const MutexLock lock(m_m);
-        if (bUnread)
-            m_unread.insert(sKey);
+        if (unread)
+            m_unread.insert(key);
         else
-            m_unread.erase(sKey);
+            m_unread.erase(key);
     }
 
 private:
@@ -412,7 +412,7 @@ private:
         logging::SetThreadName("settings");
         const MutexLock lock(m_m);
         WriteAll();
-        m_bRunning = false;
+        m_running = false;
         m_idle.notify_all();
     }
     // What is left for lack of memory waits for the next save.
@@ -439,11 +439,11 @@ private:
     fs::path m_path KOV_TSA(guarded_by(m_m));
     Changes m_waiting KOV_TSA(guarded_by(m_m)), m_writing KOV_TSA(guarded_by(m_m));
     std::set<std::string, NoCase> m_unread KOV_TSA(guarded_by(m_m));
-    bool m_bRunning KOV_TSA(guarded_by(m_m)) = false;
+    bool m_running KOV_TSA(guarded_by(m_m)) = false;
     Thread m_thread;
 };
 
-std::atomic<Writer*> g_pWriter = nullptr;
+std::atomic<Writer*> g_Writer = nullptr;
 
 // Never destroyed, but all is written before the process ends or the library is unloaded. After a fork the parent's thread
 // is missing and its lock may be held, so the child takes a new one; what waited is the parent's to write.
@@ -452,25 +452,25 @@ Writer& Writer::Current()
     struct AtExit {
         AtExit()
         {
-            g_pWriter = new Writer;
-            pthread_atfork(nullptr, nullptr, [] { g_pWriter = new Writer; });
+            g_Writer = new Writer;
+            pthread_atfork(nullptr, nullptr, [] { g_Writer = new Writer; });
         }
-        ~AtExit() { g_pWriter.load()->Stop(); }
+        ~AtExit() { g_Writer.load()->Stop(); }
     };
-    static const AtExit s_AtExit;
-    return *g_pWriter;
+    static const AtExit s_atExit;
+    return *g_Writer;
 }
 
 // --- keys -------------------------------------------------------------------------------------------------------------
 
 class DatabaseKey final : public SettingsKey {
 public:
-    explicit DatabaseKey(const wchar_t* szKey) : m_sKey(Utf8(szKey)) {}
+    explicit DatabaseKey(const wchar_t* key) : m_key(Utf8(key)) {}
     ~DatabaseKey() override
     {
         try {
-            if (!m_aChanges.empty())
-                Writer::Current().Hand(DatabasePath(), m_sKey, std::move(m_aChanges));
+            if (!m_changes.empty())
+                Writer::Current().Hand(DatabasePath(), m_key, std::move(m_changes));
         } catch (...) {  // out of memory: the store keeps what it had
         }
     }
@@ -478,7 +478,7 @@ public:
     // Whether the key exists.
     bool Load()
     {
-        m_bLoaded = true;
+        m_loaded = true;
         const fs::path path = DatabasePath();
         std::error_code ec;
         if (!path.empty() && fs::exists(path, ec)) {
@@ -486,40 +486,40 @@ public:
             if (MayBeDamage(rc))
                 PutAside(path);
             const bool unread = rc != SQLITE_DONE && !IsDamage(rc) && fs::exists(path, ec);
-            Writer::Current().MarkUnread(m_sKey, unread);
+            Writer::Current().MarkUnread(m_key, unread);
             if (unread && IsNews(Trouble::NotRead))
                 KOV_LOG(Warn, "settings in %s cannot be read now: %s. The camera begins with its defaults; what is stored stays",
                         path.c_str(), sqlite3_errstr(rc));
             if (rc != SQLITE_DONE)
-                m_aValues.clear();
+                m_values.clear();
         }
-        Writer::Current().Overlay(m_sKey, m_aValues);
-        return !m_aValues.empty();
+        Writer::Current().Overlay(m_key, m_values);
+        return !m_values.empty();
     }
 
-    uint32_t Query(const wchar_t* name, void* pData, uint32_t* count) override
+    uint32_t Query(const wchar_t* name, void* data, uint32_t* count) override
     {
-        const std::string sName = Utf8(name);
-        const Value* p = Find(m_aChanges, sName);
+        const std::string wanted = Utf8(name);
+        const Value* p = Find(m_changes, wanted);
         if (!p) {
-            if (!m_bLoaded)
+            if (!m_loaded)
                 Load();
-            p = Find(m_aValues, sName);
+            p = Find(m_values, wanted);
         }
         if (!p)
             return STORE_NOT_FOUND;
-        const auto n = static_cast<uint32_t>(p->abData.size());
+        const auto n = static_cast<uint32_t>(p->data.size());
         const bool fits = n <= *count;
         if (fits && n != 0)
-            std::memcpy(pData, p->abData.data(), n);
+            std::memcpy(data, p->data.data(), n);
         *count = n;
         return fits ? STORE_OK : STORE_MORE_DATA;
     }
 
-    uint32_t Set(const wchar_t* name, uint32_t dwType, const void* pData, uint32_t dwSize) override
+    uint32_t Set(const wchar_t* name, uint32_t type, const void* data, uint32_t size) override
     {
-        const auto* const p = static_cast<const uint8_t*>(pData);
-        Put(m_aChanges, { Utf8(name), dwType, std::vector<uint8_t>(p, p + dwSize) });
+        const auto* const p = static_cast<const uint8_t*>(data);
+        Put(m_changes, { Utf8(name), type, std::vector<uint8_t>(p, p + size) });
         return STORE_OK;
     }
 
@@ -530,31 +530,31 @@ private:
         const Db db = OpenDatabase(path, false, READ_BUSY_MS);
         if (!db)
             return SQLITE_CANTOPEN;
-        const int rc = Walk(db, [this](const std::string& sKey, const std::string& sName, const Statement& s) {
-            if (sqlite3_stricmp(sKey.c_str(), m_sKey.c_str()) != 0)
+        const int rc = Walk(db, [this](const std::string& key, const std::string& name, const Statement& s) {
+            if (sqlite3_stricmp(key.c_str(), m_key.c_str()) != 0)
                 return;
-            const auto* const pData = static_cast<const uint8_t*>(sqlite3_column_blob(s.get(), 3));
+            const auto* const data = static_cast<const uint8_t*>(sqlite3_column_blob(s.get(), 3));
             const auto n = static_cast<size_t>(sqlite3_column_bytes(s.get(), 3));
-            m_aValues.push_back({ sName, static_cast<uint32_t>(sqlite3_column_int64(s.get(), 2)),
-                                  pData ? std::vector<uint8_t>(pData, pData + n) : std::vector<uint8_t>() });
+            m_values.push_back({ name, static_cast<uint32_t>(sqlite3_column_int64(s.get(), 2)),
+                                 data ? std::vector<uint8_t>(data, data + n) : std::vector<uint8_t>() });
         });
         return rc == SQLITE_ERROR ? SQLITE_DONE : rc;  // no table yet: nothing is stored
     }
 
-    const std::string m_sKey;
-    std::vector<Value> m_aValues, m_aChanges;
-    bool m_bLoaded = false;
+    const std::string m_key;
+    std::vector<Value> m_values, m_changes;
+    bool m_loaded = false;
 };
 
 }  // namespace
 
-std::unique_ptr<SettingsKey> OpenSettings(const wchar_t* szKey)
+std::unique_ptr<SettingsKey> OpenSettings(const wchar_t* name)
 {
-    auto key = std::make_unique<DatabaseKey>(szKey);
+    auto key = std::make_unique<DatabaseKey>(name);
     return key->Load() ? std::move(key) : nullptr;
 }
 
-std::unique_ptr<SettingsKey> CreateSettings(const wchar_t* szKey) { return std::make_unique<DatabaseKey>(szKey); }
+std::unique_ptr<SettingsKey> CreateSettings(const wchar_t* name) { return std::make_unique<DatabaseKey>(name); }
 
 void FlushSettings() { Writer::Current().Flush(); }
 

@@ -47,7 +47,7 @@ double CounterMs()
     return double(n.QuadPart) / s_perMs;
 }
 
-std::atomic<double> g_dRate = 1.0;
+std::atomic<double> g_Rate = 1.0;
 
 // Until a rate is set the clock is the system's tick count. From then on it is a piecewise linear image of the
 // performance counter, which goes on where the tick count stood.
@@ -128,11 +128,11 @@ void SetClockRate(double rate)
     c.scaledBase = ScaledNow(c);
     c.realBase = CounterMs();
     c.scaled = true;
-    g_dRate = rate;
+    g_Rate = rate;
     ReleaseSRWLockExclusive(&c.lock);
 }
 
-double ClockRate() { return g_dRate; }
+double ClockRate() { return g_Rate; }
 
 // --- events and the semaphore ---------------------------------------------------------------------------------------
 

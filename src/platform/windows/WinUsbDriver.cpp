@@ -62,7 +62,7 @@ bool FindInfo(const List& list, DWORD index, SP_DEVINFO_DATA* data)
 // may free its own while the kernel still writes. The event is the caller's: the kernel holds a reference to the object.
 struct Request {
     OVERLAPPED ov{};
-    HANDLE hFile = nullptr;
+    HANDLE file = nullptr;
     std::vector<uint8_t> block;
     void* caller = nullptr;  // where the block goes back to, inside the caller's own calls only
 
@@ -78,8 +78,8 @@ class WinUsbDriver final : public IUsbDriver {
 public:
     DevInfo GetClassDevs(const Guid& guid) override
     {
-        List list{ nullptr, { guid.dwData1, guid.wData2, guid.wData3, {} } };
-        std::copy(std::begin(guid.abData4), std::end(guid.abData4), list.guid.Data4);
+        List list{ nullptr, { guid.data1, guid.data2, guid.data3, {} } };
+        std::copy(std::begin(guid.data4), std::end(guid.data4), list.guid.Data4);
         list.h = SetupDiGetClassDevsA(&list.guid, nullptr, nullptr, LIST_FLAGS);
         return Told(list.h != INVALID_HANDLE_VALUE) ? new List(list) : nullptr;
     }
@@ -163,7 +163,7 @@ public:
         GiveUp(overlapped);
         auto owner = std::make_unique<Request>();
         Request& r = *owner;
-        r.hFile = File(h);
+        r.file = File(h);
         r.ov.hEvent = overlapped->hEvent;
         r.caller = in;
         r.block.assign(static_cast<uint8_t*>(in), static_cast<uint8_t*>(in) + inBytes);
@@ -215,9 +215,9 @@ public:
         return ok != 0;
     }
 
-    void* RegisterInterfaceNotice(void* hWnd, const void* filter) override { return Register(hWnd, filter); }
-    void* RegisterHandleNotice(void* hWnd, const void* filter) override { return Register(hWnd, filter); }
-    bool UnregisterNotice(void* hNotice) override { return Told(UnregisterDeviceNotification(hNotice) != 0); }
+    void* RegisterInterfaceNotice(void* window, const void* filter) override { return Register(window, filter); }
+    void* RegisterHandleNotice(void* window, const void* filter) override { return Register(window, filter); }
+    bool UnregisterNotice(void* notice) override { return Told(UnregisterDeviceNotification(notice) != 0); }
 
 private:
     // Whatever the slot was used for before is over for the caller. What has ended among the abandoned is freed.
@@ -233,12 +233,12 @@ private:
         m_slots.erase(it);
     }
     // Takes the requests of a file out of the books.
-    std::list<std::unique_ptr<Request>> Withdraw(HANDLE hFile)
+    std::list<std::unique_ptr<Request>> Withdraw(HANDLE file)
     {
         std::list<std::unique_ptr<Request>> out;
         const std::lock_guard l(m_mutex);
         for (auto it = m_slots.begin(); it != m_slots.end();) {
-            if (it->second->hFile == hFile) {
+            if (it->second->file == file) {
                 out.push_back(std::move(it->second));
                 it = m_slots.erase(it);
             } else {
@@ -247,16 +247,16 @@ private:
         }
         for (auto it = m_givenUp.begin(); it != m_givenUp.end();) {
             const auto next = std::next(it);
-            if ((*it)->hFile == hFile)
+            if ((*it)->file == file)
                 out.splice(out.end(), m_givenUp, it);
             it = next;
         }
         return out;
     }
 
-    static void* Register(void* hWnd, const void* filter)
+    static void* Register(void* window, const void* filter)
     {
-        void* const h = RegisterDeviceNotificationA(hWnd, const_cast<void*>(filter), DEVICE_NOTIFY_WINDOW_HANDLE);
+        void* const h = RegisterDeviceNotificationA(window, const_cast<void*>(filter), DEVICE_NOTIFY_WINDOW_HANDLE);
         Told(h != nullptr);
         return h;
     }

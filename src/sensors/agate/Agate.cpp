@@ -13,9 +13,9 @@
 #include "sensors/RegisterTable.h"
 
 struct AgateForm {
-    int iBlank;       // least blanking of a line, clocks
-    bool bAgate;      // Agate's longer bring-up
-    int iWBTopStart;  // upper limit of the balance while the object is built; 99 afterwards
+    int blank;       // least blanking of a line, clocks
+    bool isAgate;      // Agate's longer bring-up
+    int wbTopStart;  // upper limit of the balance while the object is built; 99 afterwards
 };
 
 namespace {
@@ -39,25 +39,25 @@ constexpr int DIGITAL_FROM = 48;  // index of the first digital gain
 constexpr int ANALOG_PARKED = 111, DIGITAL_PARKED = 1268;
 constexpr int WB_MIN = 1, WB_TOP = 99;
 
-constexpr ModelTraits Row(const char* szClass, const char* szName, const wchar_t* szKey, int slot, int iWidth, bool color,
-                          int iWBMax, int32_t expMax, int32_t iMaxExposure, int32_t iClk)
+constexpr ModelTraits Row(const char* className, const char* name, const wchar_t* key, int slot, int width, bool color, int wbMax,
+                          int32_t expMax, int32_t maxExposure, int32_t clk)
 {
     // clang-format off
     const ModelTraits t = {
-        .family = iWidth == 640 ? Family::Agate : Family::Dunite, .szClass = szClass, .szName = szName, .szKey = szKey,
-        .iGuidSlot = slot, .iWidth = iWidth, .iHeight = 480, .dPixelSize = 6.00, .bayer = BAYER_BG, .bUSB3 = false,
-        .gain = { 1, 100, 50 }, .exposure = { 32, expMax, 33000 }, .iWB_R = color ? 45 : 0, .iWB_B = color ? 70 : 0,
-        .iWBMin = color ? 1 : 0, .iWBMax = iWBMax, .brightness = {}, .iBandwidthMin = 1, .iBandwidthMax = 2,
-        .iFPSPerc = 0, .iFPSPercUSB3 = 0, .iClk = iClk, .iHMAX = 0, .iMaxExposure = iMaxExposure, .wCaps = CAP_WB,
-        .bTypes = TYPE_RAW8 | TYPE_RGB24 | TYPE_Y8, .bStart = 0, .aBins = { 1 },
-        .aControls = { 0, 1, 2, 3, 4, 9, 10, 11, 12, -1 },
+        .family = width == 640 ? Family::Agate : Family::Dunite, .className = className, .name = name, .key = key,
+        .guidSlot = slot, .width = width, .height = 480, .pixelSize = 6.00, .bayer = BAYER_BG, .isUsb3 = false,
+        .gain = { 1, 100, 50 }, .exposure = { 32, expMax, 33000 }, .wbR = color ? 45 : 0, .wbB = color ? 70 : 0,
+        .wbMin = color ? 1 : 0, .wbMax = wbMax, .brightness = {}, .bandwidthMin = 1, .bandwidthMax = 2,
+        .fpsPerc = 0, .fpsPercUsb3 = 0, .clock = clk, .hmax = 0, .maxExposure = maxExposure, .caps = CAP_WB,
+        .types = TYPE_RAW8 | TYPE_RGB24 | TYPE_Y8, .start = 0, .bins = { 1 },
+        .controls = { 0, 1, 2, 3, 4, 9, 10, 11, 12, -1 },
     };
     // clang-format on
     return color ? t : Mono(t);
 }
 constexpr ModelTraits With(ModelTraits t, std::initializer_list<ProductName> products)
 {
-    std::copy(products.begin(), products.end(), t.aProducts);
+    std::copy(products.begin(), products.end(), t.products);
     return t;
 }
 
@@ -89,14 +89,14 @@ static_assert(GainWord(48) == DIGITAL_PARKED && GainWord(59) == 0x4FF);
 }  // namespace
 
 CAgate::CAgate(const ModelTraits& t, const AgateForm& f, std::atomic<int>& lastIndex, void* handle)
-    : CUsb2Model(t, handle), m_iWBTop(f.iWBTopStart), m_Form(f), m_iLastIndex(lastIndex)
+    : CUsb2Model(t, handle), m_wbTop(f.wbTopStart), m_form(f), m_lastIndex(lastIndex)
 {
 }
 
 void CAgate::FinishConstruction()
 {
     CUsb2Model::FinishConstruction();
-    m_iWBTop = WB_TOP;
+    m_wbTop = WB_TOP;
 }
 
 CCameraSAgateCol::CCameraSAgateCol(void* handle) : CWhole(g_AgateCol, g_Agate, g_AgateIndex, handle) {}
@@ -110,7 +110,7 @@ bool CAgate::InitCamera()
     static constexpr RegEntry init[] = {
         { 0xAF, 0 }, { 0x9A, 752 }, { 0xA0, 480 }, { 0x2C, 0 }, { 0x0D, 800 }, { 0x70, 0 },
     };
-    model::RunTable16(*this, { init, std::size(init) - (m_Form.bAgate ? 0 : 1) });
+    model::RunTable16(*this, { init, std::size(init) - (m_form.isAgate ? 0 : 1) });
     m_bCapturing = false;
     model::ReadFirmwareVer(*this);
     SetGain(m_iGain, m_bAutoGain);
@@ -118,7 +118,7 @@ bool CAgate::InitCamera()
     SetGamma(m_iGamma);
     // QUIRK: Dunite starts with a clock of 30, which the switch refuses: the camera keeps the one it woke up with.
     SetCMOSClk(m_iCMOSClk);
-    if (m_Form.bAgate)
+    if (m_form.isAgate)
         SetRGBBalance(m_iWB_R, m_iWB_B, m_bAutoWB);
     return true;
 }
@@ -154,7 +154,7 @@ bool CAgate::Cam_SetResolution()
     Write(REG_LEFT, m_iStartX + 1);
     Write(REG_HEIGHT, SensorH());
     Write(REG_WIDTH, SensorW());
-    Write(REG_BLANK, SensorW() >= 627 ? m_Form.iBlank : std::max(LINE_CLOCKS - m_iWidth, m_Form.iBlank));
+    Write(REG_BLANK, SensorW() >= 627 ? m_form.blank : std::max(LINE_CLOCKS - m_iWidth, m_form.blank));
     return Write(REG_RESTART, 1);
 }
 
@@ -168,10 +168,10 @@ void CAgate::WriteStart()
 bool CAgate::SetExp(uint64_t microseconds, bool autoMode)
 {
     TakeExp(microseconds, autoMode);
-    const int iBlank = std::max(LINE_CLOCKS - SensorW(), m_Form.iBlank);
+    const int blank = std::max(LINE_CLOCKS - SensorW(), m_form.blank);
     // 32 bits, wrapping: exposures from 89 s (at 48 MHz) count wrong lines, but those the host times anyway.
     const uint32_t clocks = static_cast<uint32_t>(m_iCMOSClk) * static_cast<uint32_t>(m_lExposure) - 4;
-    const uint32_t lines = std::max(clocks / static_cast<uint32_t>(iBlank + SensorW()), 1u);
+    const uint32_t lines = std::max(clocks / static_cast<uint32_t>(blank + SensorW()), 1u);
     m_iExpLines = static_cast<int32_t>(lines);
     if (lines > LINES_MAX || m_lExposure > EXP_REGISTER) {
         m_bLongExp = true;
@@ -185,7 +185,7 @@ bool CAgate::SetGain(int gain, bool autoMode)
     TakeGain(gain, autoMode);
     const int i = static_cast<int>(m_iGain * 60 / 100.0 + 0.5) - 1;
     // QUIRK: one camera of the class parks by what another one had.
-    const int last = m_iLastIndex.exchange(i);
+    const int last = m_lastIndex.exchange(i);
     if (i >= DIGITAL_FROM) {
         if (last < DIGITAL_FROM)
             Write(REG_ANALOG, ANALOG_PARKED);
@@ -201,8 +201,8 @@ void CAgate::SetRGBBalance(int red, int blue, bool autoMode)
     m_bAutoWB = autoMode;
     if (!m_bIsColor)
         return;
-    m_iWB_R = std::clamp(red, WB_MIN, m_iWBTop);
-    m_iWB_B = std::clamp(blue, WB_MIN, m_iWBTop);
+    m_iWB_R = std::clamp(red, WB_MIN, m_wbTop);
+    m_iWB_B = std::clamp(blue, WB_MIN, m_wbTop);
     m_Algorithm.SetRGBWB(m_iWB_R, m_iWB_B);
 }
 
@@ -234,11 +234,11 @@ void CAgate::AutoWB(uint8_t* rgb)
     for (int j = 0; j < WB_GRID; ++j)
         for (int k = 0; k < WB_GRID; ++k) {
             const int i = j * WB_GRID + k;
-            for (auto& dev : b.aDev)
+            for (auto& dev : b.dev)
                 dev[i] = 1;
-            Get_variance_ave(rgb, k * W / WB_GRID, j * H / WB_GRID, W / WB_GRID, H / WB_GRID, &b.aDev[WB_BLUE][i],
-                             &b.aDev[WB_GREEN][i], &b.aDev[WB_RED][i], &b.aMean[WB_BLUE][i], &b.aMean[WB_GREEN][i],
-                             &b.aMean[WB_RED][i]);
+            Get_variance_ave(rgb, k * W / WB_GRID, j * H / WB_GRID, W / WB_GRID, H / WB_GRID, &b.dev[WB_BLUE][i],
+                             &b.dev[WB_GREEN][i], &b.dev[WB_RED][i], &b.mean[WB_BLUE][i], &b.mean[WB_GREEN][i],
+                             &b.mean[WB_RED][i]);
         }
     StepWhiteBalance(*this, b, false);
 }
@@ -246,8 +246,8 @@ void CAgate::AutoWB(uint8_t* rgb)
 void CAgate::Get_variance_ave(uint8_t* rgb, int x0, int y0, int blockW, int blockH, int* dev0, int* dev1, int* dev2, int* mean0,
                               int* mean1, int* mean2)
 {
-    int* const apDev[] = { dev0, dev1, dev2 };
-    int* const apMean[] = { mean0, mean1, mean2 };
+    int* const devs[] = { dev0, dev1, dev2 };
+    int* const means[] = { mean0, mean1, mean2 };
     const int n = blockW * blockH;
     for (int c = 0; c < 3; ++c) {
         const auto visit = [&](auto use) {
@@ -258,9 +258,9 @@ void CAgate::Get_variance_ave(uint8_t* rgb, int x0, int y0, int blockW, int bloc
         int sum = 0, diff = 0;
         visit([&](int v) { sum += v; });
         const int mean = sum / n + 1;
-        const bool measure = *apDev[c] != 0;
+        const bool measure = *devs[c] != 0;
         visit([&](int v) { diff += measure ? std::abs(v - mean) : 1; });
-        *apMean[c] = mean;
-        *apDev[c] = diff / n;
+        *means[c] = mean;
+        *devs[c] = diff / n;
     }
 }

@@ -41,9 +41,9 @@ protected:
     void FinishConstruction();
 
 private:
-    int m_iWBTop;  // upper limit of the balance
-    const AgateForm& m_Form;
-    std::atomic<int>& m_iLastIndex;
+    int m_wbTop;  // upper limit of the balance
+    const AgateForm& m_form;
+    std::atomic<int>& m_lastIndex;
 };
 
 KOV_MODEL(CCameraSAgateCol, CAgate);

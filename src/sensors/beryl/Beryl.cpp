@@ -23,14 +23,14 @@ constexpr int32_t HMAX_MIN = 1100;
 
 // clang-format off
 constexpr ModelTraits g_Col = {
-    .family = Family::Beryl, .szClass = "CCameraSBerylCol", .szName = "VYR KOVBerylCol",
-    .szKey = L"SOFTWARE\\KOVBerylCol", .aProducts = { { 0xC02A, nullptr } },
-    .iWidth = 640, .iHeight = 480, .dPixelSize = 3.75, .bayer = BAYER_RG,
-    .gain = { 0, 600, 200 }, .exposure = { 32, 1000000000, 10000 }, .iWB_R = 52, .iWB_B = 95,
-    .brightness = { 0, 240, 1 }, .iFPSPercUSB3 = 100, .iClk = 72, .iHMAX = 4500, .iMaxExposure = 1000000000,
-    .iAutoGainMax = 300, .iAutoExpMaxCap = 1000, .wCaps = CAP_COMMON | CAP_AUTO | CAP_FLIP | CAP_WB,
-    .bStart = START_AUTO_FPS | START_HARDWARE_BIN,
-    .aBins = { 1, 2 }, .aControls = { 0, 1, 2, 3, 4, 5, 6, 8, 9, 10, 11, 12, 13, 14, -1 },
+    .family = Family::Beryl, .className = "CCameraSBerylCol", .name = "VYR KOVBerylCol",
+    .key = L"SOFTWARE\\KOVBerylCol", .products = { { 0xC02A, nullptr } },
+    .width = 640, .height = 480, .pixelSize = 3.75, .bayer = BAYER_RG,
+    .gain = { 0, 600, 200 }, .exposure = { 32, 1000000000, 10000 }, .wbR = 52, .wbB = 95,
+    .brightness = { 0, 240, 1 }, .fpsPercUsb3 = 100, .clock = 72, .hmax = 4500, .maxExposure = 1000000000,
+    .autoGainMax = 300, .autoExpMaxCap = 1000, .caps = CAP_COMMON | CAP_AUTO | CAP_FLIP | CAP_WB,
+    .start = START_AUTO_FPS | START_HARDWARE_BIN,
+    .bins = { 1, 2 }, .controls = { 0, 1, 2, 3, 4, 5, 6, 8, 9, 10, 11, 12, 13, 14, -1 },
 };
 // clang-format on
 
@@ -38,18 +38,18 @@ constexpr ModelTraits g_Col = {
 // CTRL_AUTOEXP_MAX_EXP at 0.
 constexpr ModelTraits g_Mono = [] {
     ModelTraits t = Named(g_Col, "CCameraSBerylMono", "VYR KOVBerylMono", L"SOFTWARE\\KOVBerylMono", 0xC02B);
-    t.dPixelSize = 4.80;
-    t.bColor = false;
+    t.pixelSize = 4.80;
+    t.isColor = false;
     t.gain = { 0, 100, 50 };
     t.exposure = { 32, 500000, 10000 };
-    t.iMaxExposure = 500000;
-    t.iAutoGainMax = 50;
-    t.iAutoExpMaxCap = 0;
+    t.maxExposure = 500000;
+    t.autoGainMax = 50;
+    t.autoExpMaxCap = 0;
     return t;
 }();
 
-ClassVars g_ColVars{ { g_Fpga.iUnitUSB3 }, { HMAX_MIN } };
-ClassVars g_MonoVars{ { g_Fpga.iUnitUSB3 }, { HMAX_MIN } };
+ClassVars g_ColVars{ { g_Fpga.unitUsb3 }, { HMAX_MIN } };
+ClassVars g_MonoVars{ { g_Fpga.unitUsb3 }, { HMAX_MIN } };
 
 }  // namespace
 
@@ -92,12 +92,12 @@ bool CBeryl::SetGain(int gain, bool autoMode)
     if (g > 100)
         return true;
     struct Step {
-        int iBelow, iStage, iOffset;
+        int below, stage, offset;
     };
     static constexpr Step steps[] = { { 16, 483, 8 }, { 32, 35, -8 }, { 48, 33, -24 }, { 64, 65, -40 }, { 101, 65, -56 } };
-    const Step& s = *std::find_if(std::begin(steps), std::end(steps), [=](const Step& x) { return g < x.iBelow; });
-    WriteCameraRegister(REG_ANALOG_GAIN, static_cast<uint16_t>(s.iStage));
-    return WriteCameraRegister(REG_DIGITAL_GAIN, static_cast<uint16_t>((g + s.iOffset) * 16));
+    const Step& s = *std::find_if(std::begin(steps), std::end(steps), [=](const Step& x) { return g < x.below; });
+    WriteCameraRegister(REG_ANALOG_GAIN, static_cast<uint16_t>(s.stage));
+    return WriteCameraRegister(REG_DIGITAL_GAIN, static_cast<uint16_t>((g + s.offset) * 16));
 }
 
 bool CBeryl::SetBrightness(int value)

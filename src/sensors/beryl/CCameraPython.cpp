@@ -10,27 +10,27 @@ namespace {
 
 // One field write: bits first to last of a register. Register numbers are decimal, as in the sensor's register map.
 struct Field {
-    uint16_t wReg;
-    uint8_t bFirst, bLast;
+    uint16_t reg;
+    uint8_t first, last;
     uint16_t wValue;
 };
 
 void Run(CCameraBase& cam, std::span<const Field> fields)
 {
     for (const Field& f : fields)
-        cam.WriteCameraRegister_B(f.wReg, f.bFirst, f.bLast, f.wValue);
+        cam.WriteCameraRegister_B(f.reg, f.first, f.last, f.wValue);
 }
 
 // One row a readout mode.
 struct Program {
     std::span<const RegEntry> words;  // registers 384 and up
-    uint8_t bMode;                    // 194[0] and [1]
+    uint8_t mode;                    // 194[0] and [1]
     uint8_t b215, b65;                // 215[10], 65[12-15]
-    bool bSecond;                     // MSC and MSL: a second integration program
-    uint8_t bIntegration;             // offsets of the parts, from register 384
-    uint8_t bSecondA, bSecondB;
-    uint8_t bReadout1, bReadout2, bReadout3;
-    bool bZeroRot;
+    bool second;                     // MSC and MSL: a second integration program
+    uint8_t integration;             // offsets of the parts, from register 384
+    uint8_t secondA, secondB;
+    uint8_t readout1, readout2, readout3;
+    bool zeroRot;
 };
 constexpr Program g_CdsNrot = { g_PythonCdsNrot, 0, 0, 3, false, 32, 0, 0, 40, 57, 74, false };
 constexpr Program g_CdsZrot = { g_PythonCdsZrot, 0, 0, 3, false, 32, 0, 0, 40, 58, 77, true };
@@ -55,37 +55,37 @@ void Load(CCameraBase& cam, const Program& p)
         cam.WriteCameraRegister_B(reg, first, last, value);
     };
     const Field setup[] = {
-        { 192, 0, 0, 0 }, { 192, 1, 1, 0 },  { 194, 0, 0, p.bMode },  { 194, 1, 1, p.bMode }, { 42, 12, 15, 4 },
+        { 192, 0, 0, 0 }, { 192, 1, 1, 0 },  { 194, 0, 0, p.mode },  { 194, 1, 1, p.mode }, { 42, 12, 15, 4 },
         { 43, 0, 0, 0 },  { 42, 8, 10, 1 },  { 42, 4, 6, 1 },         { 43, 4, 6, 0 },        { 72, 4, 6, 1 },
         { 72, 8, 10, 0 }, { 72, 12, 14, 0 }, { 215, 10, 10, p.b215 }, { 41, 0, 3, 15 },
     };
     Run(cam, setup);
-    if (p.bSecond)
+    if (p.second)
         field(41, 4, 7, 11);
     field(65, 12, 15, p.b65);
 
-    Words(cam, p, 0, p.bIntegration);
+    Words(cam, p, 0, p.integration);
     field(216, 0, 6, 0);
-    Words(cam, p, p.bIntegration, p.bSecond ? p.bSecondA : p.bReadout1);
-    field(219, 0, 6, p.bIntegration);
-    if (p.bSecond) {
-        Words(cam, p, p.bSecondA, p.bReadout1);
-        field(217, 0, 6, p.bSecondA);
-        field(217, 8, 14, p.bSecondB);
+    Words(cam, p, p.integration, p.second ? p.secondA : p.readout1);
+    field(219, 0, 6, p.integration);
+    if (p.second) {
+        Words(cam, p, p.secondA, p.readout1);
+        field(217, 0, 6, p.secondA);
+        field(217, 8, 14, p.secondB);
     }
 
-    field(192, 2, 2, p.bZeroRot ? 1 : 0);
-    field(192, 3, 3, p.bZeroRot ? 1 : 0);
-    field(204, 0, 4, p.bZeroRot ? 1 : 3);
-    field(65, 4, 7, p.bZeroRot ? 2 : 8);
+    field(192, 2, 2, p.zeroRot ? 1 : 0);
+    field(192, 3, 3, p.zeroRot ? 1 : 0);
+    field(204, 0, 4, p.zeroRot ? 1 : 3);
+    field(65, 4, 7, p.zeroRot ? 2 : 8);
 
-    Words(cam, p, p.bReadout1, p.bReadout2);
-    field(220, 0, 6, p.bReadout1);
-    Words(cam, p, p.bReadout2, p.bReadout3);
-    field(220, 8, 14, p.bReadout2);
-    Words(cam, p, p.bReadout3, p.words.size());
-    field(221, 0, 6, p.bReadout3);
-    field(222, 0, 6, p.bReadout3);
+    Words(cam, p, p.readout1, p.readout2);
+    field(220, 0, 6, p.readout1);
+    Words(cam, p, p.readout2, p.readout3);
+    field(220, 8, 14, p.readout2);
+    Words(cam, p, p.readout3, p.words.size());
+    field(221, 0, 6, p.readout3);
+    field(222, 0, 6, p.readout3);
     field(192, 0, 0, 1);
 }
 

@@ -45,18 +45,18 @@ constexpr uint16_t g_ByteRegs[] = { 0xC962, 0xC86C, 0x9427, 0xC850, 0xC83D, 0xC8
 
 // clang-format off
 constexpr ModelTraits g_Col = {
-    .family = Family::Cobalt, .szClass = "CCameraSCobaltCol", .szName = "VYR KOVCobaltCol",
-    .szKey = L"SOFTWARE\\KOVCobaltCol", .iGuidSlot = 7,
-    .aProducts = { { 0xC03A, "VYR KOVCobaltCol-A" }, { 0xC03B, nullptr }, { 0xC03C, "VYR KOVCobaltCol-B" } },
-    .iWidth = 728, .iHeight = 512, .dPixelSize = 5.60, .bayer = BAYER_GR, .bUSB3 = false,
-    .gain = { 0, 100, 50 }, .exposure = { 64, 64000000, 33000 }, .iWB_R = 41, .iWB_B = 94, .iWBMax = 100,
-    .brightness = { 0, 20, 0 }, .iBandwidthMin = 50, .iFPSPercUSB3 = 0, .iClk = CLK_NORMAL, .iHMAX = 938,
-    .iMaxExposure = 60000000, .wCaps = CAP_BRIGHTNESS | CAP_BANDWIDTH | CAP_WB, .bStart = 0,
-    .aBins = { 1, 2 }, .aControls = { 0, 1, 2, 3, 4, 5, 6, 9, 10, 11, 12, -1 },
+    .family = Family::Cobalt, .className = "CCameraSCobaltCol", .name = "VYR KOVCobaltCol",
+    .key = L"SOFTWARE\\KOVCobaltCol", .guidSlot = 7,
+    .products = { { 0xC03A, "VYR KOVCobaltCol-A" }, { 0xC03B, nullptr }, { 0xC03C, "VYR KOVCobaltCol-B" } },
+    .width = 728, .height = 512, .pixelSize = 5.60, .bayer = BAYER_GR, .isUsb3 = false,
+    .gain = { 0, 100, 50 }, .exposure = { 64, 64000000, 33000 }, .wbR = 41, .wbB = 94, .wbMax = 100,
+    .brightness = { 0, 20, 0 }, .bandwidthMin = 50, .fpsPercUsb3 = 0, .clock = CLK_NORMAL, .hmax = 938,
+    .maxExposure = 60000000, .caps = CAP_BRIGHTNESS | CAP_BANDWIDTH | CAP_WB, .start = 0,
+    .bins = { 1, 2 }, .controls = { 0, 1, 2, 3, 4, 5, 6, 9, 10, 11, 12, -1 },
 };
 // clang-format on
 
-std::atomic<int32_t> s_iLastGain{ -1 };  // gain in force; shared by all cameras of the class
+std::atomic<int32_t> s_lastGain{ -1 };  // gain in force; shared by all cameras of the class
 
 constexpr uint16_t VarAddress(uint16_t driver, uint16_t offset) { return static_cast<uint16_t>((driver | ~31u) << 10 | offset); }
 
@@ -85,14 +85,14 @@ bool CCameraSCobaltCol::InitCamera()
 void CCameraSCobaltCol::RunInitTable()
 {
     for (const RegEntry& e : g_CobaltInit) {
-        if (e.wAddress == REG_DELAY)
+        if (e.address == REG_DELAY)
             platform::SleepMs(e.wValue);
-        else if (e.wAddress == REG_MAILBOX)
+        else if (e.address == REG_MAILBOX)
             issueCommand(e.wValue);
-        else if (std::find(std::begin(g_ByteRegs), std::end(g_ByteRegs), e.wAddress) != std::end(g_ByteRegs))
-            WriteCameraRegisterByte(e.wAddress, static_cast<uint8_t>(e.wValue));
+        else if (std::find(std::begin(g_ByteRegs), std::end(g_ByteRegs), e.address) != std::end(g_ByteRegs))
+            WriteCameraRegisterByte(e.address, static_cast<uint8_t>(e.wValue));
         else
-            WriteCameraRegister(e.wAddress, e.wValue);
+            WriteCameraRegister(e.address, e.wValue);
     }
 }
 
@@ -142,7 +142,7 @@ bool CCameraSCobaltCol::SetFPSPerc(int percent, bool autoMode) { return FitLine(
 
 bool CCameraSCobaltCol::Reexpose()
 {
-    m_lLastExp = 0;  // while capture runs, the same exposure has to be applied again
+    m_lastExp = 0;  // while capture runs, the same exposure has to be applied again
     return SetExp(m_lExposure, m_bAutoExp);
 }
 
@@ -185,12 +185,12 @@ bool CCameraSCobaltCol::SetExp(uint64_t microseconds, bool autoMode)
 
 bool CCameraSCobaltCol::ApplyExp()
 {
-    if ((m_bCapturing && m_lExposure == m_lLastExp) || m_bLongExp)
+    if ((m_bCapturing && m_lExposure == m_lastExp) || m_bLongExp)
         return true;
-    m_lLastExp = m_lExposure.Get();
+    m_lastExp = m_lExposure.Get();
     if (m_lExposure >= EXP_SLOW) {
         if (m_iHMAX != HMAX_SLOW) {
-            m_iNormalHMAX = m_iHMAX.Get();
+            m_normalHMAX = m_iHMAX.Get();
             SetCMOSClk(CLK_SLOW);
             m_iHMAX = HMAX_SLOW;
             WriteLineClocks();
@@ -200,13 +200,13 @@ bool CCameraSCobaltCol::ApplyExp()
         FitLine(m_iFPSPerc, m_bAutoFPS);
         // QUIRK: the line length from before the slow clock stands, also when the region or the bandwidth has changed
         // meanwhile.
-        m_iHMAX = m_iNormalHMAX.Get();
+        m_iHMAX = m_normalHMAX.Get();
         WriteLineClocks();
     }
-    const int64_t lLines = std::max<int64_t>(ShutterLines(), 1);
-    m_iExpLines = static_cast<int32_t>(lLines);
-    if (lLines <= LINES_MAX && m_lExposure <= EXP_REGISTER)
-        return Write(REG_SHUTTER, lLines);
+    const int64_t lines = std::max<int64_t>(ShutterLines(), 1);
+    m_iExpLines = static_cast<int32_t>(lines);
+    if (lines <= LINES_MAX && m_lExposure <= EXP_REGISTER)
+        return Write(REG_SHUTTER, lines);
     // QUIRK: in regions narrower than about 228 the lines are so short that 450 to 600 ms no longer fit the register. A
     // host then gets a frame of about 86 ms, and an exposure of 1 s set after it changes nothing.
     const bool ok = Write(REG_SHUTTER, LINES_LONG);
@@ -217,8 +217,8 @@ bool CCameraSCobaltCol::ApplyExp()
 
 int64_t CCameraSCobaltCol::ShutterLines() const
 {
-    const uint64_t lClocks = static_cast<uint64_t>(m_iCMOSClk) * m_lExposure - FRAME_EXTRA_LINES;
-    return static_cast<int64_t>(lClocks / static_cast<uint64_t>(m_iHMAX));
+    const uint64_t clocks = static_cast<uint64_t>(m_iCMOSClk) * m_lExposure - FRAME_EXTRA_LINES;
+    return static_cast<int64_t>(clocks / static_cast<uint64_t>(m_iHMAX));
 }
 
 bool CCameraSCobaltCol::SetGain(int gain, bool autoMode)
@@ -243,7 +243,7 @@ bool CCameraSCobaltCol::ApplyGain()
 {
     const int32_t g = m_iGain;
     // QUIRK: with two cameras of the class capturing, a gain that the other one has just taken counts as unchanged.
-    if (s_iLastGain.exchange(g) == g && m_bCapturing)
+    if (s_lastGain.exchange(g) == g && m_bCapturing)
         return true;
     Write(REG_GREEN_1, GainValue2Reg(GainFactor()));
     Write(REG_GREEN_2, GainValue2Reg(GainFactor()));
@@ -321,9 +321,9 @@ int CCameraSCobaltCol::setState(uint8_t state)
 
 int CCameraSCobaltCol::getState(uint8_t* state)
 {
-    const int iResult = issueCommand(CMD_GET_STATE);
-    if (iResult != 0 || state == nullptr)
-        return iResult;
+    const int result = issueCommand(CMD_GET_STATE);
+    if (result != 0 || state == nullptr)
+        return result;
     uint16_t value = 0;
     ReadCameraRegister(REG_PARAMETER, &value);
     *state = static_cast<uint8_t>(value >> 8);
@@ -332,13 +332,13 @@ int CCameraSCobaltCol::getState(uint8_t* state)
 
 int CCameraSCobaltCol::changeConfig()
 {
-    if (const int iResult = setState(STATE_CHANGE_CONFIG); iResult != 0)
-        return iResult;
-    int iResult = RESULT_BUSY;
-    for (int i = 0; i < MAILBOX_POLLS && iResult == RESULT_BUSY; ++i)
-        iResult = issueCommand(CMD_GET_STATE);
-    if (iResult != 0)
-        return iResult == RESULT_BUSY ? MAILBOX_TIMEOUT : iResult;
+    if (const int result = setState(STATE_CHANGE_CONFIG); result != 0)
+        return result;
+    int result = RESULT_BUSY;
+    for (int i = 0; i < MAILBOX_POLLS && result == RESULT_BUSY; ++i)
+        result = issueCommand(CMD_GET_STATE);
+    if (result != 0)
+        return result == RESULT_BUSY ? MAILBOX_TIMEOUT : result;
     uint16_t value = 0;
     ReadCameraRegister(REG_PARAMETER, &value);
     return value >> 8 == STATE_STREAMING ? 0 : MAILBOX_WRONG_STATE;

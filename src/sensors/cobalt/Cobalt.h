@@ -56,6 +56,6 @@ private:
     int64_t ShutterLines() const;  // m_lExposure; not limited
     float GainFactor() const;      // of m_iGain
 
-    Shared<uint64_t> m_lLastExp;    // exposure in force, us
-    Shared<int32_t> m_iNormalHMAX;  // line length before the slow clock
+    Shared<uint64_t> m_lastExp;    // exposure in force, us
+    Shared<int32_t> m_normalHMAX;  // line length before the slow clock
 };

@@ -26,77 +26,77 @@ constexpr ExposureLaw Law(int lines) { return { lines, lines + 1, 0, 0, lines, 0
 
 // clang-format off
 constexpr EbonyTraits g_Ebony = {
-    .fpga = { 18, 43272, 325643, CLK, 80, 100000, true, { .wBlack = 0x021F } }, .law = Law(17),
-    .initTable = g_EbonyInit, .modeFull = g_EbonyModeFull, .modeBin3 = g_EbonyModeBin3, .bFormatFollowsBin = false,
-    .iMinFull = 585, .iMinBin3 = 310, .bFpgaYFull = 1, .bFpgaYBin3 = 1, .iLineMargin = 4,
-    .iColumnOffset = 8, .iTopFull = 58, .iTopBin3 = 52, .iRoundBin3 = 6, .bModeBin3 = 116, .iGainLimitBin3 = 180,
-    .aRegBlue = 0x0230, .aRegRed = 0x022C, .aRegGreen1 = 0x0232, .aRegGreen2 = 0x022E, .iRedShift = 4,
-    .iExpLinesBin3 = 3, .iFPSLinesBin3 = 1,
+    .fpga = { 18, 43272, 325643, CLK, 80, 100000, true, { .black = 0x021F } }, .law = Law(17),
+    .initTable = g_EbonyInit, .modeFull = g_EbonyModeFull, .modeBin3 = g_EbonyModeBin3, .formatFollowsBin = false,
+    .minFull = 585, .minBin3 = 310, .fpgaYFull = 1, .fpgaYBin3 = 1, .lineMargin = 4,
+    .columnOffset = 8, .topFull = 58, .topBin3 = 52, .roundBin3 = 6, .standbyBin3 = 116, .gainLimitBin3 = 180,
+    .regBlue = 0x0230, .regRed = 0x022C, .regGreen1 = 0x0232, .regGreen2 = 0x022E, .redShift = 4,
+    .expLinesBin3 = 3, .fpsLinesBin3 = 1,
 };
 constexpr EbonyTraits g_Flint = {
-    .fpga = { 14, 43272, 333333, CLK, 80, 100000, true, { .wBlack = 0x0216 } }, .law = Law(13),
-    .initTable = g_FlintInit, .modeFull = g_FlintModeFull, .modeBin3 = g_FlintModeBin3, .bFormatFollowsBin = true,
-    .iMinFull = 858, .iMinBin3 = 240, .bFpgaYFull = 3, .bFpgaYBin3 = 0, .iLineMargin = 2,
-    .iColumnOffset = 4, .iTopFull = 24, .iTopBin3 = 24, .iRoundBin3 = 0, .bModeBin3 = 84, .iGainLimitBin3 = 180,
-    .aRegBlue = 0x0226, .aRegRed = 0x0222, .aRegGreen1 = 0x0228, .aRegGreen2 = 0x0224, .iRedShift = 0,
-    .iExpLinesBin3 = 2, .iFPSLinesBin3 = 2,
+    .fpga = { 14, 43272, 333333, CLK, 80, 100000, true, { .black = 0x0216 } }, .law = Law(13),
+    .initTable = g_FlintInit, .modeFull = g_FlintModeFull, .modeBin3 = g_FlintModeBin3, .formatFollowsBin = true,
+    .minFull = 858, .minBin3 = 240, .fpgaYFull = 3, .fpgaYBin3 = 0, .lineMargin = 2,
+    .columnOffset = 4, .topFull = 24, .topBin3 = 24, .roundBin3 = 0, .standbyBin3 = 84, .gainLimitBin3 = 180,
+    .regBlue = 0x0226, .regRed = 0x0222, .regGreen1 = 0x0228, .regGreen2 = 0x0224, .redShift = 0,
+    .expLinesBin3 = 2, .fpsLinesBin3 = 2,
 };
 // clang-format on
 constexpr EbonyTraits g_Halite = [] {
     EbonyTraits e = g_Flint;
-    e.fpga.iVBlank = 24;
+    e.fpga.vBlank = 24;
     e.law = Law(23);
     e.initTable = g_HaliteInit;
     e.modeFull = g_HaliteModeFull;
     e.modeBin3 = g_HaliteModeBin3;
-    e.iMinFull = 706;
-    e.iMinBin3 = 368;
-    e.bFpgaYFull = 4;
-    e.iLineMargin = 4;
-    e.iTopBin3 = 26;
-    e.bModeBin3 = 36;
-    e.iGainLimitBin3 = 240;
-    e.iExpLinesBin3 = 1;
-    e.iFPSLinesBin3 = 1;
+    e.minFull = 706;
+    e.minBin3 = 368;
+    e.fpgaYFull = 4;
+    e.lineMargin = 4;
+    e.topBin3 = 26;
+    e.standbyBin3 = 36;
+    e.gainLimitBin3 = 240;
+    e.expLinesBin3 = 1;
+    e.fpsLinesBin3 = 1;
     return e;
 }();
 
 // clang-format off
 constexpr ModelTraits g_EbonyCol = {
-    .family = Family::Ebony, .szClass = "CCameraSEbonyCol", .szName = "VYR KOVEbonyCol-Cool",
-    .szKey = L"SOFTWARE\\KOVEbonyCol", .aProducts = { { 0xC05A, nullptr } },
-    .iWidth = 4944, .iHeight = 3284, .dPixelSize = 4.86, .bayer = BAYER_RG, .bCooler = true,
-    .gain = { 0, 600, 200 }, .exposure = { 32, 1000000000, 10000 }, .iWB_R = 60, .iWB_B = 99,
-    .brightness = { 0, 1024, 0 }, .iClk = CLK, .iHMAX = 585, .iMaxExposure = 1000000000,
-    .iAutoGainMax = 300, .iAutoExpMaxCap = 1000, .wCaps = CAP_COMMON | CAP_FLIP | CAP_WB,
-    .bStart = START_AUTO_FPS | START_HARDWARE_BIN, .bClose = 0,
-    .aBins = { 1, 2, 3 }, .aControls = { 0, 1, 2, 3, 4, 5, 6, 8, 9, 10, 11, 12, 13, 15, 16, 17, -1 },
-    .aPhase = { { 3, -2, 0, -4, -2 } },
+    .family = Family::Ebony, .className = "CCameraSEbonyCol", .name = "VYR KOVEbonyCol-Cool",
+    .key = L"SOFTWARE\\KOVEbonyCol", .products = { { 0xC05A, nullptr } },
+    .width = 4944, .height = 3284, .pixelSize = 4.86, .bayer = BAYER_RG, .hasCooler = true,
+    .gain = { 0, 600, 200 }, .exposure = { 32, 1000000000, 10000 }, .wbR = 60, .wbB = 99,
+    .brightness = { 0, 1024, 0 }, .clock = CLK, .hmax = 585, .maxExposure = 1000000000,
+    .autoGainMax = 300, .autoExpMaxCap = 1000, .caps = CAP_COMMON | CAP_FLIP | CAP_WB,
+    .start = START_AUTO_FPS | START_HARDWARE_BIN, .close = 0,
+    .bins = { 1, 2, 3 }, .controls = { 0, 1, 2, 3, 4, 5, 6, 8, 9, 10, 11, 12, 13, 15, 16, 17, -1 },
+    .phases = { { 3, -2, 0, -4, -2 } },
 };
 // clang-format on
 constexpr ModelTraits g_FlintCol = [] {
     ModelTraits t = Named(g_EbonyCol, "CCameraSFlintCol", "VYR KOVFlintCol-Cool", L"SOFTWARE\\KOVFlintCol", 0xC06A);
     t.family = Family::Flint;
-    t.iWidth = 7380;
-    t.iHeight = 4928;
-    t.dPixelSize = 5.97;
-    t.iHMAX = 858;
-    t.iAutoExpMaxCap = -1;
-    t.aPhase[0] = { 3, -4, 0, -4, 0 };
+    t.width = 7380;
+    t.height = 4928;
+    t.pixelSize = 5.97;
+    t.hmax = 858;
+    t.autoExpMaxCap = -1;
+    t.phases[0] = { 3, -4, 0, -4, 0 };
     return t;
 }();
 constexpr ModelTraits g_HaliteCol = [] {
     ModelTraits t = Named(g_FlintCol, "CCameraSHaliteCol", "VYR KOVHaliteCol-Cool", L"SOFTWARE\\KOVHaliteCol", 0xC08A);
     t.family = Family::Halite;
-    t.iWidth = 6036;
-    t.iHeight = 4032;
-    t.iHMAX = 706;
-    t.aPhase[0] = {};
+    t.width = 6036;
+    t.height = 4032;
+    t.hmax = 706;
+    t.phases[0] = {};
     return t;
 }();
 
 template <const EbonyTraits& e>
-ClassVars g_Vars{ { e.fpga.iUnitUSB2 }, { e.iMinFull } };
+ClassVars g_Vars{ { e.fpga.unitUsb2 }, { e.minFull } };
 
 // White balance as an offset of the analog gain, dB.
 double BalanceDb(int x) { return 20 * std::log10(x < 51 ? x / 100.0 + 0.5 : x / 50.0); }
@@ -109,7 +109,8 @@ uint32_t GainWord(double tenths)
 
 }  // namespace
 
-CEbony::CEbony(const ModelTraits& t, const EbonyTraits& e, ClassVars& v, void* handle) : CFpgaModel(t, e.fpga, v, handle), m_E(e)
+CEbony::CEbony(const ModelTraits& t, const EbonyTraits& e, ClassVars& v, void* handle)
+    : CFpgaModel(t, e.fpga, v, handle), m_ebony(e)
 {
 }
 
@@ -119,7 +120,7 @@ CCameraSHaliteCol::CCameraSHaliteCol(void* handle) : CWhole(g_HaliteCol, g_Halit
 
 void CEbony::InitSensor()
 {
-    model::RunTable8(*this, m_E.initTable);
+    model::RunTable8(*this, m_ebony.initTable);
     Fpga(FPGA_RUN, RUN_RESET);
     platform::SleepMs(20);
     Fpga(FPGA_RUN, RUN_STOP);
@@ -137,7 +138,7 @@ bool CEbony::SetResolution(int width, int height, int bin, IMAGE_TYPE type)
 bool CEbony::SetOutput16Bits(bool on)
 {
     TakeOutput16Bits(on);
-    if (m_E.bFormatFollowsBin && InHardBin3())
+    if (m_ebony.formatFollowsBin && InHardBin3())
         return Fpga(FPGA_FORMAT, on ? 16 : 0);
     return Fpga(FPGA_FORMAT, on ? 17 : 1);
 }
@@ -159,7 +160,7 @@ bool CEbony::SetCMOSClk(int clock)
 
 unsigned long CEbony::GetFrameTime() const
 {
-    return static_cast<unsigned long>(TruncToInt(float(Lines(m_E.iExpLinesBin3) + m_E.law.iFrameLines) * LineTime()));
+    return static_cast<unsigned long>(TruncToInt(float(Lines(m_ebony.expLinesBin3) + m_ebony.law.frameLines) * LineTime()));
 }
 
 bool CEbony::SetExp(uint64_t microseconds, bool autoMode)
@@ -167,26 +168,26 @@ bool CEbony::SetExp(uint64_t microseconds, bool autoMode)
     TakeExp(microseconds, autoMode);
     SwitchLongExp(EXP_LONG, 0xA1);
     // m_iFrameTime stays unset on this family: the capture loop's waits follow the exposure alone.
-    const ExposureRegs r = CalcExposure(m_E.law, m_lExposure, LineTime(), Lines(m_E.iExpLinesBin3));
-    m_iExpLines = r.iExpLines;
-    WriteVMAX(r.lVMAX);
-    return WriteBytes(REG_SHS, r.lSHS, 2);
+    const ExposureRegs r = CalcExposure(m_ebony.law, m_lExposure, LineTime(), Lines(m_ebony.expLinesBin3));
+    m_iExpLines = r.expLines;
+    WriteVMAX(r.vmax);
+    return WriteBytes(REG_SHS, r.shs, 2);
 }
 
 bool CEbony::SetGain(int gain, bool autoMode)
 {
     const int g = TakeGain(gain, autoMode);
-    const int limit = InHardBin3() ? m_E.iGainLimitBin3 : GAIN_LIMIT;
+    const int limit = InHardBin3() ? m_ebony.gainLimitBin3 : GAIN_LIMIT;
     const int a = std::min(g, limit);
     const uint32_t green = GainWord(a);
     const uint32_t red = GainWord(BalanceDb(m_iWB_R) * 10 + a);
     const uint32_t blue = GainWord(BalanceDb(m_iWB_B) * 10 + a);
     const int digital = g <= limit ? 4 : std::min(static_cast<int>(4 * std::pow(10.0, (g - limit) / 10.0 / 20)), 255);
     Fpga(FPGA_GAIN_A, uint32_t(digital));
-    WriteBytes(m_E.aRegBlue, blue, 2);
-    WriteBytes(m_E.aRegRed, red << m_E.iRedShift, 2);
-    WriteBytes(m_E.aRegGreen1, green, 2);
-    return WriteBytes(m_E.aRegGreen2, green, 2);
+    WriteBytes(m_ebony.regBlue, blue, 2);
+    WriteBytes(m_ebony.regRed, red << m_ebony.redShift, 2);
+    WriteBytes(m_ebony.regGreen1, green, 2);
+    return WriteBytes(m_ebony.regGreen2, green, 2);
 }
 
 void CEbony::SetRGBBalance(int red, int blue, bool autoMode)
@@ -201,7 +202,10 @@ float CEbony::GetSensorTemp()
     return m_fSensorTemp;
 }
 
-int CEbony::RoundX(int x) const { return m_E.iRoundBin3 != 0 && m_iBin == 3 ? x / m_E.iRoundBin3 * m_E.iRoundBin3 : x & ~3; }
+int CEbony::RoundX(int x) const
+{
+    return m_ebony.roundBin3 != 0 && m_iBin == 3 ? x / m_ebony.roundBin3 * m_ebony.roundBin3 : x & ~3;
+}
 
 bool CEbony::WriteStart(int x, int y)
 {
@@ -209,12 +213,12 @@ bool CEbony::WriteStart(int x, int y)
     Fpga(FPGA_HOLD, 1);
     // QUIRK: on Flint and Halite x is a multiple of 4 in bin 3 too, so x / 3 may be odd: a host then sees red and blue
     // change places with green.
-    WriteFpga(FPGA_START_X, uint32_t(b3 ? x / 3 + m_E.iColumnOffset / 2 : x + m_E.iColumnOffset), 2);
+    WriteFpga(FPGA_START_X, uint32_t(b3 ? x / 3 + m_ebony.columnOffset / 2 : x + m_ebony.columnOffset), 2);
     Fpga(FPGA_HOLD, 0);
     const bool capturing = m_bCapturing;
     if (capturing)
         Fpga(FPGA_RUN, RUN_STOP);
-    bool ok = WriteBytes(REG_TOP, uint32_t(y + (b3 ? m_E.iTopBin3 : m_E.iTopFull)), 2);
+    bool ok = WriteBytes(REG_TOP, uint32_t(y + (b3 ? m_ebony.topBin3 : m_ebony.topFull)), 2);
     if (capturing)
         ok = Fpga(FPGA_RUN, RunValue());
     return ok;
@@ -223,18 +227,18 @@ bool CEbony::WriteStart(int x, int y)
 bool CEbony::Cam_SetResolution()
 {
     const bool b3 = InHardBin3();
-    m_Vars.iMinHMAX = b3 ? m_E.iMinBin3 : m_E.iMinFull;
+    m_vars.minHmax = b3 ? m_ebony.minBin3 : m_ebony.minFull;
     Fpga(FPGA_HOLD, 1);
-    Fpga(FPGA_START_Y, b3 ? m_E.bFpgaYBin3 : m_E.bFpgaYFull);
-    model::RunTable8(*this, b3 ? m_E.modeBin3 : m_E.modeFull);
-    WriteBytes(REG_LINES, uint32_t(SensorH() + m_E.iLineMargin), 2);
+    Fpga(FPGA_START_Y, b3 ? m_ebony.fpgaYBin3 : m_ebony.fpgaYFull);
+    model::RunTable8(*this, b3 ? m_ebony.modeBin3 : m_ebony.modeFull);
+    WriteBytes(REG_LINES, uint32_t(SensorH() + m_ebony.lineMargin), 2);
     WriteSensorSizeToFpga();
     return Fpga(FPGA_HOLD, 0);
 }
 
 bool CEbony::StartSensorStreaming()
 {
-    Write8(REG_STANDBY, InHardBin3() ? m_E.bModeBin3 : 4);
+    Write8(REG_STANDBY, InHardBin3() ? m_ebony.standbyBin3 : 4);
     platform::SleepMs(10);
     return Fpga(FPGA_RUN, RunValue());
 }
@@ -245,4 +249,4 @@ bool CEbony::StopSensorStreaming()
     return Write8(REG_STANDBY, 1);
 }
 
-float CEbony::MaxFPSNow() { return FPSFromLine(Lines(m_E.iExpLinesBin3)); }
+float CEbony::MaxFPSNow() { return FPSFromLine(Lines(m_ebony.expLinesBin3)); }

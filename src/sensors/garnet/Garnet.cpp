@@ -53,23 +53,23 @@ constexpr int FRAME_EXTRA_LINES = 26, FRAME_EXTRA_CLOCKS = 358;
 constexpr double LINK_USB2 = 42.0;  // megabytes per second
 constexpr int IMAGE_ENDPOINT = 0x82;
 
-constexpr ModelTraits Row(const char* szClass, const char* szName, const wchar_t* szKey, int slot, uint16_t id,
-                          BayerPattern bayer, bool color, bool bUSB3, int32_t iClk)
+constexpr ModelTraits Row(const char* className, const char* name, const wchar_t* key, int slot, uint16_t id, BayerPattern bayer,
+                          bool color, bool usb3, int32_t clk)
 {
     // clang-format off
     ModelTraits t = {
-        .family = bUSB3 ? Family::GarnetS : Family::Garnet, .szClass = szClass, .szName = szName, .szKey = szKey,
-        .iGuidSlot = slot, .aProducts = { { id, nullptr } }, .iWidth = 1280, .iHeight = 960, .dPixelSize = 3.75,
-        .bayer = bayer, .bUSB3 = bUSB3, .fElecPerADU = bUSB3 ? 3.520f : 3.712f, .iPropA = 2, .iPropB = 5, .iPropC = 48,
-        .iPropD = 9, .gain = { 0, 100, 50 }, .exposure = { 64, 999000000, bUSB3 ? 14000 : 33000 }, .iWB_R = 52,
-        .iWB_B = 95, .iWBMax = 100, .brightness = { 0, 20, 0 }, .iFPSPerc = bUSB3 ? 86 : 80,
-        .iFPSPercUSB3 = bUSB3 ? 100 : 0, .iClk = iClk, .iHMAX = 1650, .iMaxExposure = 1000000000, .iAutoGainMax = 50,
-        .wCaps = CAP_COMMON | CAP_AUTO | CAP_WB, .bStart = START_HIGH_SPEED | START_AUTO_FPS, .aBins = { 1, 2 },
-        .aControls = { 0, 1, 2, 3, 4, 5, 6, 8, 9, 7, 10, 11, 12, 14, -1 },  // the over clock in the middle
+        .family = usb3 ? Family::GarnetS : Family::Garnet, .className = className, .name = name, .key = key,
+        .guidSlot = slot, .products = { { id, nullptr } }, .width = 1280, .height = 960, .pixelSize = 3.75,
+        .bayer = bayer, .isUsb3 = usb3, .elecPerADU = usb3 ? 3.520f : 3.712f, .propA = 2, .propB = 5, .propC = 48,
+        .propD = 9, .gain = { 0, 100, 50 }, .exposure = { 64, 999000000, usb3 ? 14000 : 33000 }, .wbR = 52,
+        .wbB = 95, .wbMax = 100, .brightness = { 0, 20, 0 }, .fpsPerc = usb3 ? 86 : 80,
+        .fpsPercUsb3 = usb3 ? 100 : 0, .clock = clk, .hmax = 1650, .maxExposure = 1000000000, .autoGainMax = 50,
+        .caps = CAP_COMMON | CAP_AUTO | CAP_WB, .start = START_HIGH_SPEED | START_AUTO_FPS, .bins = { 1, 2 },
+        .controls = { 0, 1, 2, 3, 4, 5, 6, 8, 9, 7, 10, 11, 12, 14, -1 },  // the over clock in the middle
     };
     // clang-format on
-    if (bUSB3)
-        t.wCaps |= CAP_OVERCLK;
+    if (usb3)
+        t.caps |= CAP_OVERCLK;
     else
         DropControl(t, CTRL_OVERCLK);
     return color ? t : Mono(t);
@@ -89,8 +89,8 @@ GarnetVars g_MonoVars, g_ColVars, g_MonoSVars, g_ColSVars;
 
 // PLL of the sensor by requested rate in MHz; two columns for the third register: high speed, and half the clock.
 struct PllRow {
-    int iRate;
-    uint16_t wSysDiv, wPixDiv, wPreDivFast, wPreDiv, wMult;
+    int rate;
+    uint16_t sysDiv, pixDiv, preDivFast, preDiv, mult;
 };
 constexpr PllRow g_Pll[] = {
     { 6, 16, 4, 2, 4, 16 },  { 25, 2, 8, 3, 6, 25 },  { 27, 2, 10, 2, 4, 23 }, { 31, 2, 8, 6, 12, 63 },
@@ -112,15 +112,15 @@ int64_t MonoGainWord(int gain) { return gain > 79 ? 6 * (gain - 80) + 128 : gain
 
 struct GarnetForm {
     std::span<const RegEntry> initTable;
-    int iLongLines;  // shutter of the host-timed mode
-    int iAutoPerc, iAutoPercUSB3;
-    uint8_t bFirmware;  // oldest firmware that needs no update; 0: the model carries none
+    int longLines;  // shutter of the host-timed mode
+    int autoPerc, autoPercUsb3;
+    uint8_t firmware;  // oldest firmware that needs no update; 0: the model carries none
 };
 static constexpr GarnetForm g_Usb2 = { g_GarnetUsb2Init, 12287, 80, 80, 3 };
 static constexpr GarnetForm g_S = { g_GarnetSInit, 8191, 86, 100, 0 };
 
 CGarnet::CGarnet(const ModelTraits& t, const GarnetForm& f, GarnetVars& v, void* handle)
-    : CUsb2Model(t, handle), m_Form(f), m_Vars(v)
+    : CUsb2Model(t, handle), m_form(f), m_vars(v)
 {
 }
 
@@ -131,15 +131,15 @@ CCameraSGarnetCol_S::CCameraSGarnetCol_S(void* handle) : CWhole(g_ColS, g_S, g_C
 
 bool CGarnet::FirmwareStep()
 {
-    return m_Form.bFirmware == 0 || UpdateTo(m_Form.bFirmware, m_bIsColor ? FirmwareId::GarnetCol : FirmwareId::GarnetMono);
+    return m_form.firmware == 0 || UpdateTo(m_form.firmware, m_bIsColor ? FirmwareId::GarnetCol : FirmwareId::GarnetMono);
 }
 
 bool CGarnet::InitCamera()
 {
     if (!m_bOpen)
         return false;
-    const bool bS = m_Traits.bUSB3;
-    if (bS) {
+    const bool isUsb3 = m_traits.isUsb3;
+    if (isUsb3) {
         model::InitLink(*this);
         model::ReadFirmwareVer(*this);
     } else {
@@ -148,18 +148,18 @@ bool CGarnet::InitCamera()
         SendCMD(REQ_MODE_8BIT);
     }
     SendCMD(REQ_STOP_STREAM);
-    model::RunTable16(*this, m_Form.initTable);
+    model::RunTable16(*this, m_form.initTable);
     GetSensorTemp();  // latches the calibration words
-    if (!bS && !m_bIsColor)
+    if (!isUsb3 && !m_bIsColor)
         SetMisc(m_bFlipRow, m_bFlipColumn);
     SetGamma(m_iGamma);
     SetRGBBalance(m_iWB_R, m_iWB_B, m_bAutoWB);
     SetBrightness(m_iBrightness);
-    if (bS)
+    if (isUsb3)
         SetCMOSClk();
     if (m_bAutoFPS)
-        m_iFPSPerc = m_bUSB3Host ? m_Form.iAutoPercUSB3 : m_Form.iAutoPerc;
-    if (!bS)
+        m_iFPSPerc = m_bUSB3Host ? m_form.autoPercUsb3 : m_form.autoPerc;
+    if (!isUsb3)
         SetCMOSClk();
     SetFPSPerc(m_iFPSPerc, m_bAutoFPS);
     SetGain(m_iGain, m_bAutoGain);
@@ -173,7 +173,7 @@ bool CGarnet::StopSensorStreaming() { return Write(REG_RUN, RUN_STOP); }
 bool CGarnet::SetOutput16Bits(bool on)
 {
     m_bOutput16Bits = on;
-    if (!m_Traits.bUSB3)
+    if (!m_traits.isUsb3)
         return SendTransferMode(on);
     const bool ok = SendTransferModeStopped(on);
     ResetEndPoint(IMAGE_ENDPOINT);
@@ -182,14 +182,14 @@ bool CGarnet::SetOutput16Bits(bool on)
 
 bool CGarnet::SetResolution(int width, int height, int bin, IMAGE_TYPE type)
 {
-    const bool bS = m_Traits.bUSB3;
-    if (bS && (height % 2 != 0 || width % 4 != 0))
+    const bool isUsb3 = m_traits.isUsb3;
+    if (isUsb3 && (height % 2 != 0 || width % 4 != 0))
         return false;
-    if (!TakeRegion(width, height, bin, type, bS ? 1 : 1024))
+    if (!TakeRegion(width, height, bin, type, isUsb3 ? 1 : 1024))
         return false;
     SetStartPos(m_iStartX, m_iStartY);
     SetOutput16Bits(IsType16(type));
-    if (bS)
+    if (isUsb3)
         SetTransferCount(long{ BytesPerPixel() } * SensorW() * SensorH());
     else
         SetCMOSClk();
@@ -218,7 +218,7 @@ bool CGarnet::Cam_SetResolution()
     Write(REG_BOTTOM, SensorH() + m_iStartY + 1);
     Write(REG_RIGHT, SensorW() + m_iStartX - 1);
     const bool ok = Write(REG_DATAPATH, m_bIsColor ? 0x9210 : 0x9200);
-    if (!m_Traits.bUSB3)
+    if (!m_traits.isUsb3)
         SetCMOSClk();
     return ok;
 }
@@ -231,23 +231,23 @@ int64_t CGarnet::ShutterLines(int clock) const
 
 bool CGarnet::SetFPSPerc(int percent, bool autoMode)
 {
-    TakePercentage(percent, autoMode, m_bUSB3Host ? m_Form.iAutoPercUSB3 : m_Form.iAutoPerc);
+    TakePercentage(percent, autoMode, m_bUSB3Host ? m_form.autoPercUsb3 : m_form.autoPerc);
     double link = LINK_USB2;
-    if (m_Traits.bUSB3) {
+    if (m_traits.isUsb3) {
         CalcMaxFPS();
-        link = m_Vars.iBandwidthDivisor;
+        link = m_vars.bandwidthDivisor;
     }
     // The product is a 32-bit number and wraps.
-    const uint32_t dwSize = static_cast<uint32_t>(BytesPerPixel()) * static_cast<uint32_t>(m_iWidth) *
-                            static_cast<uint32_t>(m_iHeight) * static_cast<uint32_t>(m_iBin) * static_cast<uint32_t>(m_iBin) *
-                            static_cast<uint32_t>(m_iCMOSClk);
+    const uint32_t product = static_cast<uint32_t>(BytesPerPixel()) * static_cast<uint32_t>(m_iWidth) *
+                             static_cast<uint32_t>(m_iHeight) * static_cast<uint32_t>(m_iBin) * static_cast<uint32_t>(m_iBin) *
+                             static_cast<uint32_t>(m_iCMOSClk);
     const int lines = SensorH() + FRAME_EXTRA_LINES;
-    m_iHMAX = TruncClamp((dwSize * 100.0 / link / m_iFPSPerc + FRAME_EXTRA_CLOCKS) / lines, HMAX_MIN, HMAX_MAX);
+    m_iHMAX = TruncClamp((product * 100.0 / link / m_iFPSPerc + FRAME_EXTRA_CLOCKS) / lines, HMAX_MIN, HMAX_MAX);
     // QUIRK: refused after the percentage and the line length were stored: the host reads back what it set.
     if (m_lExposure > EXP_SLOW)
         return false;
     Write(REG_LINE_CLOCKS, m_iHMAX);
-    if (!m_Traits.bUSB3 && !m_bIsColor) {
+    if (!m_traits.isUsb3 && !m_bIsColor) {
         const double fps = m_iCMOSClk * 1000.0 * 1000.0 / (double(lines) * m_iHMAX - FRAME_EXTRA_CLOCKS);
         const double size = double(SensorW()) * SensorH() * BytesPerPixel() * fps / 1000.0 / 1000.0;
         TraceLine("clk:%d fps:%2.2f size:%2.2f  value:%d pkg:%x \n", m_iCMOSClk.Get(), fps, size, m_iFPSPerc.Get(),
@@ -267,12 +267,12 @@ bool CGarnet::GetFPSPerc(int* percent, bool* autoMode)
 
 void CGarnet::CalcMaxFPS()
 {
-    if (!m_Traits.bUSB3 || m_lExposure >= EXP_SLOW)
+    if (!m_traits.isUsb3 || m_lExposure >= EXP_SLOW)
         return;
-    const int iClocks = SensorH() * HMAX_MIN + 35782;
-    const float fps = static_cast<float>(static_cast<int32_t>(static_cast<uint32_t>(m_iCMOSClk) * 1000000u) / iClocks);
+    const int clocks = SensorH() * HMAX_MIN + 35782;
+    const float fps = static_cast<float>(static_cast<int32_t>(static_cast<uint32_t>(m_iCMOSClk) * 1000000u) / clocks);
     m_fMaxFPS = fps;
-    m_Vars.iBandwidthDivisor = m_bUSB3Host ? static_cast<int32_t>(fps * 1.2288e6 * BytesPerPixel() / 1000.0 / 1000.0) : 43;
+    m_vars.bandwidthDivisor = m_bUSB3Host ? static_cast<int32_t>(fps * 1.2288e6 * BytesPerPixel() / 1000.0 / 1000.0) : 43;
     m_fMaxDataRate = static_cast<float>(static_cast<float>(SensorW() * SensorH()) * fps / 1000.0 / 1000.0);
 }
 
@@ -280,25 +280,25 @@ bool CGarnet::SetCMOSClk()
 {
     if (m_lExposure >= EXP_SLOW)
         return true;
-    if (m_Traits.bUSB3) {
+    if (m_traits.isUsb3) {
         SetOverCLKPerc(m_iOverCLKPerc);
         return SetFPSPerc(m_iFPSPerc, m_bAutoFPS);
     }
     const int w = SensorW(), d = BytesPerPixel();
-    const int iRate = w > 1024                     ? 50 / d
-                      : w > 960                    ? 62 / d
-                      : w > 800                    ? 66 / d
-                      : w > 480                    ? 80 / d
-                      : w > 320 && m_bOutput16Bits ? 50
-                                                   : 80;
-    SetCMOSClk(iRate);
+    const int rate = w > 1024                     ? 50 / d
+                     : w > 960                    ? 62 / d
+                     : w > 800                    ? 66 / d
+                     : w > 480                    ? 80 / d
+                     : w > 320 && m_bOutput16Bits ? 50
+                                                  : 80;
+    SetCMOSClk(rate);
     SetFPSPerc(m_iFPSPerc, m_bAutoFPS);
     return SetExp(m_lExposure, m_bAutoExp);
 }
 
 bool CGarnet::SetCMOSClk(int rate)
 {
-    const bool bS = m_Traits.bUSB3;  // its bridge has no clock of its own to switch
+    const bool isUsb3 = m_traits.isUsb3;  // its bridge has no clock of its own to switch
     uint16_t analog = 0;
     if (rate == CLK_SLOW) {
         ReadCameraRegister(REG_ANALOG, &analog);
@@ -306,14 +306,14 @@ bool CGarnet::SetCMOSClk(int rate)
         platform::SleepMs(200);
         Write(REG_ANALOG, analog | ANALOG_SLOW);
         bool ok = Write(REG_RUN, RUN_GO);
-        if (!bS)
+        if (!isUsb3)
             ok = SendCMD(REQ_CLOCK_24MHZ);
         m_iCMOSClk = CLK_SLOW;
         return ok;
     }
 
     if (m_iCMOSClk == CLK_SLOW) {
-        if (!bS)
+        if (!isUsb3)
             SendCMD(REQ_CLOCK_48MHZ);
         ReadCameraRegister(REG_ANALOG, &analog);
         Write(REG_ANALOG, (analog & 0xFFF) | 0x1000);
@@ -321,7 +321,7 @@ bool CGarnet::SetCMOSClk(int rate)
     Write(REG_SHUTTER, ShutterLines(rate));
     Write(REG_RUN, RUN_STOP_AT_END);
     if (m_bLongExp) {
-        const int ms = (m_iHMAX * m_Form.iLongLines + FRAME_EXTRA_LINES) / 24000;
+        const int ms = (m_iHMAX * m_form.longLines + FRAME_EXTRA_LINES) / 24000;
         TraceLine("set clk from long exp, sleep %dms!\n", ms);
         platform::SleepMs(static_cast<uint32_t>(ms));
     } else {
@@ -332,30 +332,30 @@ bool CGarnet::SetCMOSClk(int rate)
     const bool ok = Write(REG_RUN, RUN_GO);
     TraceLine("set clk %d M!\n", rate);
     // QUIRK: without high speed half the rate is kept, truncated: SetCMOSClk(33) leaves 16.
-    m_iCMOSClk = bS || m_bHighSpeed ? rate : rate / 2;
+    m_iCMOSClk = isUsb3 || m_bHighSpeed ? rate : rate / 2;
     return ok;
 }
 
 void CGarnet::WritePll(int rate)
 {
     PllRow row = { rate, 1, 4, 6, 6, static_cast<uint16_t>(rate) };  // _S above 32 MHz: any rate
-    if (!m_Traits.bUSB3 || rate <= 32) {
-        const auto* p = std::find_if(std::begin(g_Pll), std::end(g_Pll), [=](const PllRow& r) { return r.iRate == rate; });
+    if (!m_traits.isUsb3 || rate <= 32) {
+        const auto* p = std::find_if(std::begin(g_Pll), std::end(g_Pll), [=](const PllRow& r) { return r.rate == rate; });
         if (p == std::end(g_Pll)) {
             TraceLine("set clk %d error!\n", rate);
             return;
         }
         row = *p;
     }
-    Write(REG_VT_SYS_DIV, row.wSysDiv);
-    Write(REG_VT_PIX_DIV, row.wPixDiv);
-    Write(REG_PRE_DIV, m_bHighSpeed ? row.wPreDivFast : row.wPreDiv);
-    Write(REG_PLL_MULT, row.wMult);
+    Write(REG_VT_SYS_DIV, row.sysDiv);
+    Write(REG_VT_PIX_DIV, row.pixDiv);
+    Write(REG_PRE_DIV, m_bHighSpeed ? row.preDivFast : row.preDiv);
+    Write(REG_PLL_MULT, row.mult);
 }
 
 bool CGarnet::SetOverCLKPerc(int percent)
 {
-    if (!m_Traits.bUSB3 || m_lExposure >= EXP_SLOW)
+    if (!m_traits.isUsb3 || m_lExposure >= EXP_SLOW)
         return false;
     const int p = std::clamp(percent, 0, 30);
     SetCMOSClk(static_cast<int>(83 / (m_bHighSpeed ? 1 : 2) * (p / 100.0 + 1.0)));
@@ -390,11 +390,11 @@ bool CGarnet::SetExp(uint64_t microseconds, bool autoMode)
     TraceLine("set exp:0x%x mode:%d timeus:%d clk:%d\n", static_cast<unsigned>(m_iExpLines), int{ autoMode },
               static_cast<int>(m_lExposure), m_iCMOSClk.Get());
 
-    const int64_t lLines = std::max<int64_t>(ShutterLines(m_iCMOSClk), 1);
-    m_iExpLines = static_cast<int32_t>(lLines);
-    if (lLines <= LINES_MAX && m_lExposure <= EXP_REGISTER)
-        return Write(REG_SHUTTER, lLines);
-    const bool ok = Write(REG_SHUTTER, m_Form.iLongLines);
+    const int64_t lines = std::max<int64_t>(ShutterLines(m_iCMOSClk), 1);
+    m_iExpLines = static_cast<int32_t>(lines);
+    if (lines <= LINES_MAX && m_lExposure <= EXP_REGISTER)
+        return Write(REG_SHUTTER, lines);
+    const bool ok = Write(REG_SHUTTER, m_form.longLines);
     m_bLongExp = true;
     TraceLine("-----Enter long exp mode\n");
     return ok;
@@ -414,7 +414,7 @@ bool CGarnet::SetGain(int gain, bool autoMode)
 
 void CGarnet::SetRGBBalance(int red, int blue, bool autoMode)
 {
-    if (m_Traits.bUSB3 && !m_bIsColor)
+    if (m_traits.isUsb3 && !m_bIsColor)
         return;
     TakeBalance(red, blue, autoMode);
     // QUIRK: the monochrome USB 2 model writes the two colour gains too.
@@ -435,25 +435,25 @@ bool CGarnet::SetBrightness(int value)
 
 float CGarnet::GetSensorTemp()
 {
-    uint16_t wAt70 = m_Vars.wAt70, wAt55 = m_Vars.wAt55, raw = 0;
-    if (wAt70 == 0 || wAt55 == 0) {
-        ReadCameraRegister(REG_TEMP_70, &wAt70);
-        ReadCameraRegister(REG_TEMP_55, &wAt55);
-        m_Vars.wAt70 = wAt70;
-        m_Vars.wAt55 = wAt55;
+    uint16_t at70 = m_vars.at70, at55 = m_vars.at55, raw = 0;
+    if (at70 == 0 || at55 == 0) {
+        ReadCameraRegister(REG_TEMP_70, &at70);
+        ReadCameraRegister(REG_TEMP_55, &at55);
+        m_vars.at70 = at70;
+        m_vars.at55 = at55;
     }
     ReadCameraRegister(REG_TEMP, &raw);
     if (raw == 0) {
         // QUIRK: shared by all cameras of the class: the last good reading of any of them.
-        m_fSensorTemp = m_Vars.fLastTemp.load();
+        m_fSensorTemp = m_vars.lastTemp.load();
         return m_fSensorTemp;
     }
-    const int iSpan = wAt70 - wAt55;  // 15 degrees
-    const float slope = iSpan != 0 ? 15.0f / static_cast<float>(iSpan) : 0.0f;
+    const int span = at70 - at55;  // 15 degrees
+    const float slope = span != 0 ? 15.0f / static_cast<float>(span) : 0.0f;
     float t = static_cast<float>(raw * 0.75 - 280.0);  // calibration not to be trusted
     if (slope >= 0.5f && slope <= 1.0f)
-        t = static_cast<float>(raw) * slope + static_cast<float>(55.0 - wAt55 * 15.0 / iSpan);
-    m_Vars.fLastTemp = t;
+        t = static_cast<float>(raw) * slope + static_cast<float>(55.0 - at55 * 15.0 / span);
+    m_vars.lastTemp = t;
     m_fSensorTemp = t;
     return t;
 }

@@ -9,9 +9,9 @@
 
 // Shared by all cameras of one class.
 struct GarnetVars {
-    std::atomic<uint16_t> wAt70{ 0 }, wAt55{ 0 };  // thermometer words of 70 and 55 degrees, 0 until read
-    std::atomic<float> fLastTemp{ 0 };             // degrees Celsius
-    std::atomic<int32_t> iBandwidthDivisor{ 91 };  // _S: megabytes per second of the full frame rate
+    std::atomic<uint16_t> at70{ 0 }, at55{ 0 };  // thermometer words of 70 and 55 degrees, 0 until read
+    std::atomic<float> lastTemp{ 0 };             // degrees Celsius
+    std::atomic<int32_t> bandwidthDivisor{ 91 };  // _S: megabytes per second of the full frame rate
 };
 struct GarnetForm;  // what the bridge makes different
 
@@ -49,8 +49,8 @@ private:
     void WritePll(int rate);
     bool WriteBalance();  // red and blue, from m_iGain and the white balance
 
-    const GarnetForm& m_Form;
-    GarnetVars& m_Vars;
+    const GarnetForm& m_form;
+    GarnetVars& m_vars;
 };
 
 KOV_MODEL(CCameraSGarnetMono, CGarnet);

@@ -28,13 +28,13 @@ constexpr uint8_t FIRMWARE_16BIT = 2;              // first one that can send 16
 
 // clang-format off
 constexpr ModelTraits g_Mono = {
-    .family = Family::Iolite, .szClass = "CCameraSIoliteMono", .szName = "VYR KOVIoliteMono",
-    .szKey = L"SOFTWARE\\KOVIoliteMono", .iGuidSlot = 3, .aProducts = { { 0xC09A, nullptr } },
-    .iWidth = 1280, .iHeight = 1024, .dPixelSize = 5.20, .bayer = BAYER_RG, .bColor = false, .bUSB3 = false,
-    .gain = { 0, 100, 50 }, .exposure = { 32, 999000000, 33000 }, .iWB_R = 0, .iWB_B = 0, .iWBMin = 0, .iWBMax = 0,
-    .brightness = {}, .iBandwidthMin = 1, .iBandwidthMax = 2, .iFPSPerc = 0, .iFPSPercUSB3 = 0, .iClk = CLK_NORMAL,
-    .iHMAX = 0, .iMaxExposure = 1000000000, .wCaps = CAP_AUTO, .bTypes = TYPE_RAW8 | TYPE_RAW16, .bStart = 0,
-    .aBins = { 1, 2 }, .aControls = { 0, 1, 2, 9, 10, 11, 12, 14, -1 },
+    .family = Family::Iolite, .className = "CCameraSIoliteMono", .name = "VYR KOVIoliteMono",
+    .key = L"SOFTWARE\\KOVIoliteMono", .guidSlot = 3, .products = { { 0xC09A, nullptr } },
+    .width = 1280, .height = 1024, .pixelSize = 5.20, .bayer = BAYER_RG, .isColor = false, .isUsb3 = false,
+    .gain = { 0, 100, 50 }, .exposure = { 32, 999000000, 33000 }, .wbR = 0, .wbB = 0, .wbMin = 0, .wbMax = 0,
+    .brightness = {}, .bandwidthMin = 1, .bandwidthMax = 2, .fpsPerc = 0, .fpsPercUsb3 = 0, .clock = CLK_NORMAL,
+    .hmax = 0, .maxExposure = 1000000000, .caps = CAP_AUTO, .types = TYPE_RAW8 | TYPE_RAW16, .start = 0,
+    .bins = { 1, 2 }, .controls = { 0, 1, 2, 9, 10, 11, 12, 14, -1 },
 };
 // clang-format on
 
@@ -206,12 +206,12 @@ bool CCameraSIoliteMono::GetBLOffset(bool* automatic, char* a, char* b, char* c,
 {
     *automatic = m_bAutoBL;
     const uint8_t saved[] = { m_iBL_EE, m_iBL_OO, m_iBL_EO, m_iBL_OE };
-    char* const apOut[] = { a, b, c, d };
+    char* const out[] = { a, b, c, d };
     bool ok = true;
     for (size_t i = 0; i < 4; ++i) {
         uint16_t value = 0;
         const bool read = ReadCameraRegister(g_BlackRegs[i], &value);
-        *apOut[i] = static_cast<char>(read ? value & 0xFF : saved[i]);
+        *out[i] = static_cast<char>(read ? value & 0xFF : saved[i]);
         ok = ok && read;
     }
     return ok;

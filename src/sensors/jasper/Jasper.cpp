@@ -43,19 +43,19 @@ constexpr FpgaTraits g_Fpga = { 21, 42830,  256981, CLK_SLOW,
 
 // clang-format off
 constexpr ModelTraits g_Col = {
-    .family = Family::Jasper, .szClass = "CCameraSJasperCol", .szName = "VYR KOVJasperCol",
-    .szKey = L"SOFTWARE\\KOVJasperCol",
-    .aProducts = { { 0xC0AA, nullptr }, { 0xC0AC, "VYR KOVJasperCol-A" }, { 0xC0AD, "VYR KOVJasperCol-B" } },
-    .iWidth = 1944, .iHeight = 1224, .dPixelSize = 2.80, .bayer = BAYER_GB,
-    .fElecPerADU = 4.0f, .iPropA = 9, .iPropB = 25,
-    .gain = { 0, 480, 200 }, .exposure = { 32, 4000000, 10000 }, .iWB_R = 52, .iWB_B = 95,
-    .brightness = { 0, 240, 1 }, .iClk = 37125, .iHMAX = 4400, .iMaxExposure = 4000000,
-    .iAutoGainMax = 240, .iAutoExpMaxCap = 4, .wCaps = CAP_COMMON | CAP_AUTO | CAP_WB, .bStart = START_AUTO_FPS,
-    .aBins = { 1, 2 }, .aControls = { 0, 1, 2, 3, 4, 5, 6, 8, 9, 10, 11, 12, 14, -1 },
+    .family = Family::Jasper, .className = "CCameraSJasperCol", .name = "VYR KOVJasperCol",
+    .key = L"SOFTWARE\\KOVJasperCol",
+    .products = { { 0xC0AA, nullptr }, { 0xC0AC, "VYR KOVJasperCol-A" }, { 0xC0AD, "VYR KOVJasperCol-B" } },
+    .width = 1944, .height = 1224, .pixelSize = 2.80, .bayer = BAYER_GB,
+    .elecPerADU = 4.0f, .propA = 9, .propB = 25,
+    .gain = { 0, 480, 200 }, .exposure = { 32, 4000000, 10000 }, .wbR = 52, .wbB = 95,
+    .brightness = { 0, 240, 1 }, .clock = 37125, .hmax = 4400, .maxExposure = 4000000,
+    .autoGainMax = 240, .autoExpMaxCap = 4, .caps = CAP_COMMON | CAP_AUTO | CAP_WB, .start = START_AUTO_FPS,
+    .bins = { 1, 2 }, .controls = { 0, 1, 2, 3, 4, 5, 6, 8, 9, 10, 11, 12, 14, -1 },
 };
 // clang-format on
 
-ClassVars g_Vars{ { g_Fpga.iUnitUSB3 }, { 4400 } };
+ClassVars g_Vars{ { g_Fpga.unitUsb3 }, { 4400 } };
 
 }  // namespace
 
@@ -98,23 +98,23 @@ bool CCameraSJasperCol::SetCMOSClk(int clock)
     switch (clock) {
     case CLK_SLOWEST:
         ok = Write8(REG_INPUT_CLOCK, 13);
-        m_Vars.iMinHMAX = 4400;
+        m_vars.minHmax = 4400;
         break;
     case CLK_NORMAL:
         ok = Write8(REG_CLOCK, 1);
-        m_Vars.iMinHMAX = 2200;
+        m_vars.minHmax = 2200;
         break;
     case CLK_FAST:
         ok = Write8(REG_CLOCK, 0);
-        m_Vars.iMinHMAX = 1100;
+        m_vars.minHmax = 1100;
         break;
     default:
         ok = Write8(REG_CLOCK, clock == CLK_SLOW && InHardBin2() ? 0 : 2);
-        m_Vars.iMinHMAX = 4400;
+        m_vars.minHmax = 4400;
         break;
     }
     if (InHardBin2())
-        m_Vars.iMinHMAX = 2200;
+        m_vars.minHmax = 2200;
     m_iCMOSClk = clock;
     return ok;
 }
@@ -129,7 +129,7 @@ bool CCameraSJasperCol::WriteHMAX() { return WriteHeld({ { REG_HMAX, uint32_t(m_
 
 float CCameraSJasperCol::MaxFPSNow()
 {
-    return float(m_iCMOSClk) * 1000.0f * float(Ratio()) / float(m_iHMAX * (SensorH() + m_Fpga.iVBlank));
+    return float(m_iCMOSClk) * 1000.0f * float(Ratio()) / float(m_iHMAX * (SensorH() + m_fpga.vBlank));
 }
 
 bool CCameraSJasperCol::SetExp(uint64_t microseconds, bool autoMode)
@@ -149,9 +149,9 @@ bool CCameraSJasperCol::SetExp(uint64_t microseconds, bool autoMode)
     const float line = float(m_iHMAX / Ratio() * 2) * 1000.0f / float(m_iCMOSClk * 2);
     static constexpr ExposureLaw law = { 20, 21, 0, 0, 20, 1, 0xFFFFF, 1 };
     const ExposureRegs r = CalcExposure(law, m_lExposure, line, SensorH(), t0);
-    m_iFrameTime = r.iFrameTime;
-    m_iExpLines = r.iExpLines;
-    return WriteHeld({ { REG_VMAX, r.lVMAX, 3 }, { REG_SHS, r.lSHS, 3 } });
+    m_iFrameTime = r.frameTime;
+    m_iExpLines = r.expLines;
+    return WriteHeld({ { REG_VMAX, r.vmax, 3 }, { REG_SHS, r.shs, 3 } });
 }
 
 bool CCameraSJasperCol::SetGain(int gain, bool autoMode)

@@ -38,17 +38,17 @@ constexpr FpgaTraits g_Fpga = { 200, 43272, 390906, CLK, 100, 0, true };
 
 // clang-format off
 constexpr ModelTraits g_Col = {
-    .family = Family::Kyanite, .szClass = "CCameraSKyaniteCol", .szName = "VYR KOVKyaniteCol",
-    .szKey = L"SOFTWARE\\KOVKyaniteCol", .aProducts = { { 0xC0B0, nullptr } },
-    .iWidth = 4656, .iHeight = 3520, .dPixelSize = 3.75, .bayer = BAYER_GR,
-    .fElecPerADU = 4.960f, .iPropA = 10, .iPropB = 21, .iPropC = 250, .iPropD = 50,
-    .gain = { 0, 600, 200 }, .exposure = { 32, 1000000000, 10000 }, .iWB_R = 52, .iWB_B = 95,
-    .brightness = { 0, 240, 1 }, .iBandwidthMin = 45, .iFPSPercUSB3 = 100, .iClk = CLK, .iHMAX = HMAX_FULL,
-    .iMaxExposure = 1000000000, .iAutoGainMax = 300, .iAutoExpMaxCap = 1000,
-    .wCaps = CAP_COMMON | CAP_AUTO | CAP_FLIP | CAP_WB,
-    .bStart = START_AUTO_FPS | START_HARDWARE_BIN, .bClose = CLOSE_CLEARS_POINTER,
-    .aBins = { 1, 2, 3, 4 }, .aControls = { 0, 1, 2, 3, 4, 5, 6, 8, 9, 10, 11, 12, 13, 14, -1 },
-    .aPhase = { { 2, 0, -2, 0, -2 }, { 3, 0, -4, -2, -6 }, { 4, 0, 2, 0, 2 } }, .bDDR = true,
+    .family = Family::Kyanite, .className = "CCameraSKyaniteCol", .name = "VYR KOVKyaniteCol",
+    .key = L"SOFTWARE\\KOVKyaniteCol", .products = { { 0xC0B0, nullptr } },
+    .width = 4656, .height = 3520, .pixelSize = 3.75, .bayer = BAYER_GR,
+    .elecPerADU = 4.960f, .propA = 10, .propB = 21, .propC = 250, .propD = 50,
+    .gain = { 0, 600, 200 }, .exposure = { 32, 1000000000, 10000 }, .wbR = 52, .wbB = 95,
+    .brightness = { 0, 240, 1 }, .bandwidthMin = 45, .fpsPercUsb3 = 100, .clock = CLK, .hmax = HMAX_FULL,
+    .maxExposure = 1000000000, .autoGainMax = 300, .autoExpMaxCap = 1000,
+    .caps = CAP_COMMON | CAP_AUTO | CAP_FLIP | CAP_WB,
+    .start = START_AUTO_FPS | START_HARDWARE_BIN, .close = CLOSE_CLEARS_POINTER,
+    .bins = { 1, 2, 3, 4 }, .controls = { 0, 1, 2, 3, 4, 5, 6, 8, 9, 10, 11, 12, 13, 14, -1 },
+    .phases = { { 2, 0, -2, 0, -2 }, { 3, 0, -4, -2, -6 }, { 4, 0, 2, 0, 2 } }, .isDdr = true,
 };
 // clang-format on
 constexpr ModelTraits g_Mono =
@@ -59,7 +59,7 @@ constexpr ModelTraits g_Mono_C =
     Cooled(g_Mono, "CCameraSKyaniteMono_C", "VYR KOVKyaniteMono-Cool", L"SOFTWARE\\KOVKyaniteMono-C", 0xC0B3);
 
 template <const ModelTraits& t>
-ClassVars g_Vars{ { g_Fpga.iUnitUSB3 }, { HMAX_FULL } };
+ClassVars g_Vars{ { g_Fpga.unitUsb3 }, { HMAX_FULL } };
 
 }  // namespace
 
@@ -71,7 +71,7 @@ CCameraSKyaniteMono_C::CCameraSKyaniteMono_C(void* handle) : CWhole(g_Mono_C, g_
 template <class Base>
 CKyanite<Base>::CKyanite(const ModelTraits& t, ClassVars& v, void* handle) : CFpgaModel<Base>(t, g_Fpga, v, handle)
 {
-    this->m_iHMAX = v.iMinHMAX;  // of the class's last camera
+    this->m_iHMAX = v.minHmax;  // of the class's last camera
 }
 
 template <class Base>
@@ -123,7 +123,7 @@ bool CKyanite<Base>::InitSensorBinning(int bin)
         this->Fpga(FPGA_START_X, 60);
         this->Fpga(FPGA_START_Y, b3 ? 6 : 8);
         this->Fpga(FPGA_FORMAT, b16 ? 16 : 0);
-        this->m_Vars.iMinHMAX = HMAX_BIN;
+        this->m_vars.minHmax = HMAX_BIN;
         this->m_bSensorHighBits = false;
     } else {
         const bool fast = this->m_bHighSpeed && !b16;
@@ -131,7 +131,7 @@ bool CKyanite<Base>::InitSensorBinning(int bin)
         this->Fpga(FPGA_FORMAT, fast ? 0 : b16 ? 17 : 1);
         this->Fpga(FPGA_START_X, 60);
         this->Fpga(FPGA_START_Y, 13);
-        this->m_Vars.iMinHMAX = fast ? HMAX_FAST : HMAX_FULL;
+        this->m_vars.minHmax = fast ? HMAX_FAST : HMAX_FULL;
         this->m_bSensorHighBits = !fast;
     }
     return this->Fpga(FPGA_HOLD, 0);
@@ -226,9 +226,9 @@ bool CKyanite<Base>::SetExp(uint64_t microseconds, bool autoMode)
     this->CalcMaxFPS();
     const uint64_t us = this->m_lExposure;
     const int n = TruncToInt(float(us) / lineTime);
-    const bool bShort = us <= uint64_t(std::max<int32_t>(this->m_iFrameTime, 0));
-    const uint32_t vmax = std::min(uint32_t(bShort ? sensorH + 200 : n + 1), 0xFFFFFFu);
-    const int shutter = bShort ? std::max(sensorH + 200 - n, 1) : 1;
+    const bool isShort = us <= uint64_t(std::max<int32_t>(this->m_iFrameTime, 0));
+    const uint32_t vmax = std::min(uint32_t(isShort ? sensorH + 200 : n + 1), 0xFFFFFFu);
+    const int shutter = isShort ? std::max(sensorH + 200 - n, 1) : 1;
     this->m_iExpLines = int32_t(vmax) - shutter - 2;
 
     this->Fpga(FPGA_HOLD, 1);

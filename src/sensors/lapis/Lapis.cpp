@@ -44,8 +44,8 @@ constexpr FpgaTraits g_Fpga = { 38, 43272, 390000, 37125, 80, 0, true, { REG_HOL
 
 // The two output modes: 10-bit fast and 12-bit normal. Addresses without a name are in no document at hand.
 struct ModeRow {
-    uint16_t wReg;
-    uint8_t bFast, bNormal;
+    uint16_t reg;
+    uint8_t fast, normal;
 };
 constexpr ModeRow g_Modes[] = {
     { REG_OUTPUT, 0x10, 0x11 }, { REG_ADC, 0, 1 },   { 0x02BC, 0x30, 0x10 }, { 0x02BF, 0x40, 0x20 },
@@ -56,29 +56,29 @@ constexpr ModeRow g_Modes[] = {
 // QUIRK: all four classes accept the product IDs of the two LapisMono variants and take their names.
 // clang-format off
 constexpr ModelTraits g_Col = {
-    .family = Family::Lapis, .szClass = "CCameraSLapisCol", .szName = "VYR KOVLapisCol",
-    .szKey = L"SOFTWARE\\KOVLapisCol",
-    .aProducts = { { 0xC0CA, nullptr }, { 0xC0CE, "VYR KOVLapisMono-A" }, { 0xC0CF, "VYR KOVLapisMono-B" } },
-    .iWidth = 1936, .iHeight = 1216, .dPixelSize = 5.86, .bayer = BAYER_RG,
-    .fElecPerADU = 7.920f, .iPropA = 10, .iPropB = 27, .iPropC = 300, .iPropD = 90,
-    .gain = { 0, 400, 200 }, .exposure = { 32, 300000000, 10000 }, .iWB_R = 60, .iWB_B = 99,
-    .brightness = { 0, 240, 1 }, .iClk = 74250, .iHMAX = 1440, .iMaxExposure = 300000000, .iAutoGainMax = 200,
-    .wCaps = CAP_COMMON | CAP_AUTO | CAP_WB, .bStart = START_AUTO_FPS, .bClose = CLOSE_CLEARS_POINTER,
-    .aBins = { 1, 2 }, .aControls = { 0, 1, 2, 3, 4, 5, 6, 8, 9, 10, 11, 12, 14, -1 },
+    .family = Family::Lapis, .className = "CCameraSLapisCol", .name = "VYR KOVLapisCol",
+    .key = L"SOFTWARE\\KOVLapisCol",
+    .products = { { 0xC0CA, nullptr }, { 0xC0CE, "VYR KOVLapisMono-A" }, { 0xC0CF, "VYR KOVLapisMono-B" } },
+    .width = 1936, .height = 1216, .pixelSize = 5.86, .bayer = BAYER_RG,
+    .elecPerADU = 7.920f, .propA = 10, .propB = 27, .propC = 300, .propD = 90,
+    .gain = { 0, 400, 200 }, .exposure = { 32, 300000000, 10000 }, .wbR = 60, .wbB = 99,
+    .brightness = { 0, 240, 1 }, .clock = 74250, .hmax = 1440, .maxExposure = 300000000, .autoGainMax = 200,
+    .caps = CAP_COMMON | CAP_AUTO | CAP_WB, .start = START_AUTO_FPS, .close = CLOSE_CLEARS_POINTER,
+    .bins = { 1, 2 }, .controls = { 0, 1, 2, 3, 4, 5, 6, 8, 9, 10, 11, 12, 14, -1 },
 };
 // clang-format on
 constexpr ModelTraits g_Mono = [] {
     ModelTraits t = Named(Mono(g_Col), "CCameraSLapisMono", "VYR KOVLapisMono", L"SOFTWARE\\KOVLapisMono", 0xC0CB);
     t.bayer = BAYER_GR;
-    t.iWB_R = 52;
-    t.iWB_B = 95;
+    t.wbR = 52;
+    t.wbB = 95;
     return t;
 }();
-constexpr ModelTraits CooledLapis(const ModelTraits& base, const char* szClass, const char* szName, const wchar_t* szKey,
+constexpr ModelTraits CooledLapis(const ModelTraits& base, const char* className, const char* name, const wchar_t* key,
                                   uint16_t productId)
 {
-    ModelTraits t = Cooled(base, szClass, szName, szKey, productId);
-    t.exposure.iMax = t.iMaxExposure = 1000000000;
+    ModelTraits t = Cooled(base, className, name, key, productId);
+    t.exposure.max = t.maxExposure = 1000000000;
     return t;
 }
 constexpr ModelTraits g_Col_C =
@@ -87,7 +87,7 @@ constexpr ModelTraits g_Mono_C =
     CooledLapis(g_Mono, "CCameraSLapisMono_C", "VYR KOVLapisMono-Cool", L"SOFTWARE\\KOVLapisMono-C", 0xC0CD);
 
 template <const ModelTraits& t>
-ClassVars g_Vars{ { g_Fpga.iUnitUSB2 }, { 462 } };
+ClassVars g_Vars{ { g_Fpga.unitUsb2 }, { 462 } };
 
 }  // namespace
 
@@ -138,11 +138,11 @@ template <class Base>
 bool CLapis<Base>::SetOutput16Bits(bool on)
 {
     this->TakeOutput16Bits(on);
-    const bool bFast = this->m_bHighSpeed && !on;
-    this->m_Vars.iMinHMAX = bFast ? (IsOld() ? 360 : 181) : (IsOld() ? 462 : 230);
+    const bool fast = this->m_bHighSpeed && !on;
+    this->m_vars.minHmax = fast ? (IsOld() ? 360 : 181) : (IsOld() ? 462 : 230);
     for (const ModeRow& r : g_Modes)
-        this->Write8(r.wReg, bFast ? r.bFast : r.bNormal);
-    const uint32_t format = bFast ? 0 : on ? 17 : 1;
+        this->Write8(r.reg, fast ? r.fast : r.normal);
+    const uint32_t format = fast ? 0 : on ? 17 : 1;
     if (!IsOld())
         return this->Fpga(FPGA_FORMAT, format);
     this->Fpga(FPGA_HOLD, format);
@@ -187,7 +187,7 @@ void CLapis<Base>::SwitchLong()
     if (us < (IsOld() ? 400'000u : 4'000'000u)) {
         if (!this->m_bLongExp)
             return;
-        this->m_iHMAX = this->m_Vars.iSavedHMAX;
+        this->m_iHMAX = this->m_vars.savedHmax;
         this->m_bLongExp = false;
         WriteHMAX();
         if (IsOld())
@@ -197,7 +197,7 @@ void CLapis<Base>::SwitchLong()
         return;
     }
     if (!this->m_bLongExp) {
-        this->m_Vars.iSavedHMAX = this->m_iHMAX;
+        this->m_vars.savedHmax = this->m_iHMAX;
         this->m_bLongExp = true;
         if (IsOld()) {
             this->Write8(REG_CLOCK_A, 5);
@@ -209,14 +209,14 @@ void CLapis<Base>::SwitchLong()
     }
     if (IsOld()) {
         struct Step {
-            uint64_t lBelow;
-            int32_t iHMAX;
+            uint64_t below;
+            int32_t hmax;
         };
         static constexpr Step steps[] = {
             { 9'000'000, 2048 },   { 18'000'000, 4096 },   { 36'000'000, 8192 },
             { 72'000'000, 16384 }, { 144'000'000, 32768 }, { UINT64_MAX, 65535 },
         };
-        this->m_iHMAX = std::find_if(std::begin(steps), std::end(steps), [=](const Step& s) { return us < s.lBelow; })->iHMAX;
+        this->m_iHMAX = std::find_if(std::begin(steps), std::end(steps), [=](const Step& s) { return us < s.below; })->hmax;
     } else {
         this->m_iHMAX = us < 100'000'000 ? 5376 : 36864;
     }

@@ -42,15 +42,15 @@ constexpr ExposureLaw g_Law = { 28, 29, 0, 0, 28, 1, 0xFFFFF, 1 };
 
 // clang-format off
 constexpr ModelTraits g_Col = {
-    .family = Family::Marble, .szClass = "CCameraSMarbleCol", .szName = "VYR KOVMarbleCol",
-    .szKey = L"SOFTWARE\\KOVMarbleCol", .aProducts = { { 0xC0DA, nullptr } },
-    .iWidth = 3096, .iHeight = 2080, .dPixelSize = 2.40, .bayer = BAYER_RG,
-    .fElecPerADU = 0.916f, .iPropA = 25, .iPropB = 25, .iPropC = 300, .iPropD = 340,
-    .gain = { 0, 510, 210 }, .exposure = { 32, 1024000000, 10000 }, .iWB_R = 70, .iWB_B = 90,
-    .brightness = { 0, 600, 10 }, .iFPSPercUSB3 = 60, .iClk = 6750, .iHMAX = 420, .iMaxExposure = 1024000000,
-    .iAutoGainMax = 255, .iAutoExpMaxCap = 1024, .wCaps = CAP_COMMON | CAP_AUTO | CAP_FLIP | CAP_WB,
-    .bStart = START_AUTO_FPS | START_HARDWARE_BIN,
-    .aBins = { 1, 2, 3, 4 }, .aControls = { 0, 1, 2, 3, 4, 5, 6, 8, 9, 10, 11, 12, 13, 14, -1 },
+    .family = Family::Marble, .className = "CCameraSMarbleCol", .name = "VYR KOVMarbleCol",
+    .key = L"SOFTWARE\\KOVMarbleCol", .products = { { 0xC0DA, nullptr } },
+    .width = 3096, .height = 2080, .pixelSize = 2.40, .bayer = BAYER_RG,
+    .elecPerADU = 0.916f, .propA = 25, .propB = 25, .propC = 300, .propD = 340,
+    .gain = { 0, 510, 210 }, .exposure = { 32, 1024000000, 10000 }, .wbR = 70, .wbB = 90,
+    .brightness = { 0, 600, 10 }, .fpsPercUsb3 = 60, .clock = 6750, .hmax = 420, .maxExposure = 1024000000,
+    .autoGainMax = 255, .autoExpMaxCap = 1024, .caps = CAP_COMMON | CAP_AUTO | CAP_FLIP | CAP_WB,
+    .start = START_AUTO_FPS | START_HARDWARE_BIN,
+    .bins = { 1, 2, 3, 4 }, .controls = { 0, 1, 2, 3, 4, 5, 6, 8, 9, 10, 11, 12, 13, 14, -1 },
 };
 // clang-format on
 constexpr ModelTraits g_Mono = Named(Mono(g_Col), "CCameraSMarbleMono", "VYR KOVMarbleMono", L"SOFTWARE\\KOVMarbleMono", 0xC0DC);
@@ -60,7 +60,7 @@ constexpr ModelTraits g_Mono_C =
     Cooled(g_Mono, "CCameraSMarbleMono_C", "VYR KOVMarbleMono-Cool", L"SOFTWARE\\KOVMarbleMono-C", 0xC0DD);
 
 template <const ModelTraits& t>
-ClassVars g_Vars{ { g_Fpga.iUnitUSB3 }, { HMAX_NORMAL } };
+ClassVars g_Vars{ { g_Fpga.unitUsb3 }, { HMAX_NORMAL } };
 
 }  // namespace
 
@@ -95,12 +95,12 @@ bool CMarble<Base>::SetOutput16Bits(bool on)
 {
     this->TakeOutput16Bits(on);
     if (this->m_bHighSpeed && !on && !this->InHardBin()) {
-        this->m_Vars.iMinHMAX = HMAX_FAST;
+        this->m_vars.minHmax = HMAX_FAST;
         this->Write8(REG_OUTPUT_BITS, 0);
         this->Fpga(FPGA_FORMAT, 0);
         return this->Write8(REG_OUTPUT_PATH, 0);
     }
-    this->m_Vars.iMinHMAX = this->InHardBin() ? HMAX_BIN : HMAX_NORMAL;
+    this->m_vars.minHmax = this->InHardBin() ? HMAX_BIN : HMAX_NORMAL;
     this->Write8(REG_OUTPUT_BITS, this->InHardBin() ? 9 : 2);
     this->Write8(REG_OUTPUT_PATH, 2);
     return this->Fpga(FPGA_FORMAT, on ? 17 : 1);
@@ -131,11 +131,11 @@ bool CMarble<Base>::SetExp(uint64_t microseconds, bool autoMode)
     const int lines = this->m_iHeight * this->m_iBin + (this->m_bHardwareBin ? 16 : 0);
     const float t0 = this->m_bOutput16Bits ? 0.28f : 0.36f;  // us
     const ExposureRegs r = CalcExposure(g_Law, this->m_lExposure, this->LineTime(), lines, t0);
-    this->m_iFrameTime = r.iFrameTime;
-    this->m_iExpLines = r.iExpLines;
+    this->m_iFrameTime = r.frameTime;
+    this->m_iExpLines = r.expLines;
     this->Write8(REG_HOLD, 1);
-    this->WriteVMAX(r.lVMAX);
-    this->WriteBytes(REG_SHS, r.lSHS, 3);
+    this->WriteVMAX(r.vmax);
+    this->WriteBytes(REG_SHS, r.shs, 3);
     this->Write8(REG_UNK_3041, 0);
     this->Write8(REG_UNK_3042, 0);
     return this->Write8(REG_HOLD, 0);
@@ -145,8 +145,8 @@ template <class Base>
 bool CMarble<Base>::SetGain(int gain, bool autoMode)
 {
     const int g = this->TakeGain(gain, autoMode);
-    const bool bHigh = g > GAIN_HIGH_ABOVE;
-    const uint32_t high = bHigh ? GAIN_HIGH_ABOVE : 0;
+    const bool isHigh = g > GAIN_HIGH_ABOVE;
+    const uint32_t high = isHigh ? GAIN_HIGH_ABOVE : 0;
     return this->WriteHeld({ { REG_HIGH_GAIN, high }, { REG_GAIN, uint32_t(g) - high, 2 } });
 }
 

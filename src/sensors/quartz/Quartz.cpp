@@ -42,82 +42,82 @@ constexpr RegEntry g_NephriteAfter[] = {
 // clang-format off
 constexpr QuartzTraits g_Quartz = {
     .fpga = { 18, 43272, 360715, 9281, 100, 100000, false,
-              { .wHold = REG_HOLD, .wLeft = 0x3040, .wTop = 0x303C, .wBlack = REG_BLACK } },
+              { .hold = REG_HOLD, .left = 0x3040, .top = 0x303C, .black = REG_BLACK } },
     .law = { 17, 18, 1, 2, 16, 1, 0xFFFFFF, 2 },
-    .initTable = g_QuartzInit, .initAfter = g_QuartzAfter, .wRegTail = 0x304B,
-    .wRegOutput = 0x3046, .bOutputFast = 0xF0, .bOutputNormal = 0xF1, .bReadoutTrim = true,
-    .iClkBin = 9281, .iClkNormal = 18562, .iClkFast = 37124, .iMinBin = 145, .iMinNormal = 203, .iMinFast = 196,
-    .bClockKeepsGain = true, .wRegWidth = 0x3042, .wRegHeight = 0x303E,
-    .bFpgaXBin = 0, .bFpgaYBin = 9, .bFpgaX = 0, .bFpgaY = 9,
-    .iHighGainAbove = 60, .iGainStep = 3, .iGainBytes = 1, .bGainHeld = true, .bFPSFromLine = false,
+    .initTable = g_QuartzInit, .initAfter = g_QuartzAfter, .regTail = 0x304B,
+    .regOutput = 0x3046, .outputFast = 0xF0, .outputNormal = 0xF1, .readoutTrim = true,
+    .clkBin = 9281, .clkNormal = 18562, .clkFast = 37124, .minBin = 145, .minNormal = 203, .minFast = 196,
+    .clockKeepsGain = true, .regWidth = 0x3042, .regHeight = 0x303E,
+    .fpgaXBin = 0, .fpgaYBin = 9, .fpgaX = 0, .fpgaY = 9,
+    .highGainAbove = 60, .gainStep = 3, .gainBytes = 1, .gainHeld = true, .fpsFromLine = false,
 };
 constexpr QuartzTraits g_Onyx = {
     .fpga = { 18, 43272, 190906, 9281, 100, 100000, false,
-              { .wHold = REG_HOLD, .wLeft = 0x303C, .wTop = 0x3038, .wBlack = REG_BLACK } },
+              { .hold = REG_HOLD, .left = 0x303C, .top = 0x3038, .black = REG_BLACK } },
     .law = { 17, 18, 1, 2, 16, 1, 0xFFFFFF, 2 },
-    .initTable = g_OnyxInit, .initAfter = g_OnyxAfter, .wRegTail = 0x3049,
-    .wRegOutput = 0x3044, .bOutputFast = 0xE0, .bOutputNormal = 0xE1, .bReadoutTrim = false,
-    .iClkBin = 9281, .iClkNormal = 18562, .iClkFast = 37124, .iMinBin = 145, .iMinNormal = 292, .iMinFast = 249,
-    .bClockKeepsGain = true, .wRegWidth = 0x303E, .wRegHeight = 0x303A,
-    .bFpgaXBin = 2, .bFpgaYBin = 5, .bFpgaX = 4, .bFpgaY = 9,
-    .iHighGainAbove = 60, .iGainStep = 1, .iGainBytes = 2, .bGainHeld = true, .bFPSFromLine = false,
+    .initTable = g_OnyxInit, .initAfter = g_OnyxAfter, .regTail = 0x3049,
+    .regOutput = 0x3044, .outputFast = 0xE0, .outputNormal = 0xE1, .readoutTrim = false,
+    .clkBin = 9281, .clkNormal = 18562, .clkFast = 37124, .minBin = 145, .minNormal = 292, .minFast = 249,
+    .clockKeepsGain = true, .regWidth = 0x303E, .regHeight = 0x303A,
+    .fpgaXBin = 2, .fpgaYBin = 5, .fpgaX = 4, .fpgaY = 9,
+    .highGainAbove = 60, .gainStep = 1, .gainBytes = 2, .gainHeld = true, .fpsFromLine = false,
 };
 // clang-format on
 // QUIRK: SetGain leaves the high-gain bit alone on Pyrite, but a clock change sets it above gain 60.
 constexpr QuartzTraits g_Pyrite = [] {
     QuartzTraits q = g_Onyx;
-    q.iHighGainAbove = 0;
-    q.bFPSFromLine = true;
+    q.highGainAbove = 0;
+    q.fpsFromLine = true;
     return q;
 }();
 // clang-format off
 constexpr QuartzTraits g_Nephrite = {
     .fpga = { 21, 42830, 256981, 4640, 80, 500000, false,
-              { .wHold = REG_HOLD, .wLeft = 0x303C, .wTop = 0x3038, .wBlack = REG_BLACK } },
+              { .hold = REG_HOLD, .left = 0x303C, .top = 0x3038, .black = REG_BLACK } },
     .law = { 20, 21, 1, 0, 19, 1, 0xFFFFFF, 2 },
-    .initTable = g_NephriteInit, .initAfter = g_NephriteAfter, .wRegTail = 0x3049,
-    .wRegOutput = 0x3044, .bOutputFast = 0x60, .bOutputNormal = 0x61, .bReadoutTrim = false,
-    .iClkBin = 4640, .iClkNormal = 9280, .iClkFast = 18560, .iMinBin = 69, .iMinNormal = 138, .iMinFast = 138,
-    .bClockKeepsGain = false, .wRegWidth = 0x303E, .wRegHeight = 0x303A,
-    .bFpgaXBin = 2, .bFpgaYBin = 5, .bFpgaX = 4, .bFpgaY = 9,
-    .iHighGainAbove = 0, .iGainStep = 3, .iGainBytes = 1, .bGainHeld = false, .bFPSFromLine = false,
+    .initTable = g_NephriteInit, .initAfter = g_NephriteAfter, .regTail = 0x3049,
+    .regOutput = 0x3044, .outputFast = 0x60, .outputNormal = 0x61, .readoutTrim = false,
+    .clkBin = 4640, .clkNormal = 9280, .clkFast = 18560, .minBin = 69, .minNormal = 138, .minFast = 138,
+    .clockKeepsGain = false, .regWidth = 0x303E, .regHeight = 0x303A,
+    .fpgaXBin = 2, .fpgaYBin = 5, .fpgaX = 4, .fpgaY = 9,
+    .highGainAbove = 0, .gainStep = 3, .gainBytes = 1, .gainHeld = false, .fpsFromLine = false,
 };
 
 // --- one row a model ---
 
 constexpr ModelTraits g_QuartzCol = {
-    .family = Family::Quartz, .szClass = "CCameraSQuartzCol", .szName = "VYR KOVQuartzCol",
-    .szKey = L"SOFTWARE\\KOVQuartzCol", .aProducts = { { 0xC11A, nullptr } },
-    .iWidth = 1936, .iHeight = 1096, .dPixelSize = 3.75, .bayer = BAYER_RG,
-    .fElecPerADU = 3.584f, .iPropA = 10, .iPropB = 18, .iPropC = 300, .iPropD = 75,
-    .gain = { 0, 600, 200 }, .exposure = { 32, 1000000000, 10000 }, .iWB_R = 52, .iWB_B = 95,
-    .brightness = { 0, 240, 1 }, .iFPSPercUSB3 = 100, .iClk = 9281, .iHMAX = 203, .iMaxExposure = 1000000000,
-    .iAutoGainMax = 300, .iAutoExpMaxCap = 1000, .wCaps = CAP_COMMON | CAP_AUTO | CAP_WB,
-    .bStart = START_AUTO_FPS, .bClose = CLOSE_CLEARS_POINTER,
-    .aBins = { 1 }, .aControls = { 0, 1, 2, 3, 4, 5, 6, 8, 9, 10, 11, 12, 14, -1 },
+    .family = Family::Quartz, .className = "CCameraSQuartzCol", .name = "VYR KOVQuartzCol",
+    .key = L"SOFTWARE\\KOVQuartzCol", .products = { { 0xC11A, nullptr } },
+    .width = 1936, .height = 1096, .pixelSize = 3.75, .bayer = BAYER_RG,
+    .elecPerADU = 3.584f, .propA = 10, .propB = 18, .propC = 300, .propD = 75,
+    .gain = { 0, 600, 200 }, .exposure = { 32, 1000000000, 10000 }, .wbR = 52, .wbB = 95,
+    .brightness = { 0, 240, 1 }, .fpsPercUsb3 = 100, .clock = 9281, .hmax = 203, .maxExposure = 1000000000,
+    .autoGainMax = 300, .autoExpMaxCap = 1000, .caps = CAP_COMMON | CAP_AUTO | CAP_WB,
+    .start = START_AUTO_FPS, .close = CLOSE_CLEARS_POINTER,
+    .bins = { 1 }, .controls = { 0, 1, 2, 3, 4, 5, 6, 8, 9, 10, 11, 12, 14, -1 },
 };
 // clang-format on
 
 // QUIRK: the monochrome model lists CTRL_WB_B but not CTRL_WB_R.
 constexpr ModelTraits g_QuartzMono = [] {
     ModelTraits t = Named(Mono(g_QuartzCol), "CCameraSQuartzMono", "VYR KOVQuartzMono", L"SOFTWARE\\KOVQuartzMono", 0xC11B);
-    t.wCaps |= CAP_WB_B;
+    t.caps |= CAP_WB_B;
     constexpr int8_t controls[] = { 0, 1, 2, 4, 5, 6, 8, 9, 10, 11, 12, 14, -1 };
-    std::copy(std::begin(controls), std::end(controls), t.aControls);
+    std::copy(std::begin(controls), std::end(controls), t.controls);
     return t;
 }();
 
 // clang-format off
 constexpr ModelTraits g_OnyxCol = {
-    .family = Family::Onyx, .szClass = "CCameraSOnyxCol", .szName = "VYR KOVOnyxCol",
-    .szKey = L"SOFTWARE\\KOVOnyxCol", .aProducts = { { 0xC0FA, nullptr } },
-    .iWidth = 1304, .iHeight = 976, .dPixelSize = 3.75, .bayer = BAYER_RG,
-    .fElecPerADU = 4.688f, .iPropA = 10, .iPropB = 20, .iPropC = 350, .iPropD = 140,
-    .gain = { 0, 600, 200 }, .exposure = { 32, 1000000000, 10000 }, .iWB_R = 52, .iWB_B = 95,
-    .brightness = { 0, 240, 1 }, .iFPSPercUSB3 = 100, .iClk = 9281, .iHMAX = 292, .iMaxExposure = 1000000000,
-    .iAutoGainMax = 300, .iAutoExpMaxCap = 1000, .wCaps = CAP_COMMON | CAP_AUTO | CAP_WB | CAP_FLIP,
-    .bStart = START_AUTO_FPS | START_HARDWARE_BIN,
-    .aBins = { 1, 2, 3 }, .aControls = { 0, 1, 2, 3, 4, 5, 6, 8, 9, 10, 11, 12, 13, 14, -1 },
+    .family = Family::Onyx, .className = "CCameraSOnyxCol", .name = "VYR KOVOnyxCol",
+    .key = L"SOFTWARE\\KOVOnyxCol", .products = { { 0xC0FA, nullptr } },
+    .width = 1304, .height = 976, .pixelSize = 3.75, .bayer = BAYER_RG,
+    .elecPerADU = 4.688f, .propA = 10, .propB = 20, .propC = 350, .propD = 140,
+    .gain = { 0, 600, 200 }, .exposure = { 32, 1000000000, 10000 }, .wbR = 52, .wbB = 95,
+    .brightness = { 0, 240, 1 }, .fpsPercUsb3 = 100, .clock = 9281, .hmax = 292, .maxExposure = 1000000000,
+    .autoGainMax = 300, .autoExpMaxCap = 1000, .caps = CAP_COMMON | CAP_AUTO | CAP_WB | CAP_FLIP,
+    .start = START_AUTO_FPS | START_HARDWARE_BIN,
+    .bins = { 1, 2, 3 }, .controls = { 0, 1, 2, 3, 4, 5, 6, 8, 9, 10, 11, 12, 13, 14, -1 },
 };
 // clang-format on
 constexpr ModelTraits g_OnyxCol_C =
@@ -125,26 +125,26 @@ constexpr ModelTraits g_OnyxCol_C =
 constexpr ModelTraits g_PyriteCol = [] {
     ModelTraits t = Named(g_OnyxCol, "CCameraSPyriteCol", "VYR KOVPyriteCol", L"SOFTWARE\\KOVPyriteCol", 0xC10A);
     t.family = Family::Pyrite;
-    t.fElecPerADU = 0;
-    t.iPropA = t.iPropB = 0;
-    t.iPropC = t.iPropD = -1;
-    t.bClose = CLOSE_CLEARS_POINTER;
-    t.aBins[2] = 0;
+    t.elecPerADU = 0;
+    t.propA = t.propB = 0;
+    t.propC = t.propD = -1;
+    t.close = CLOSE_CLEARS_POINTER;
+    t.bins[2] = 0;
     return t;
 }();
 
 // clang-format off
 constexpr ModelTraits g_NephriteCol = {
-    .family = Family::Nephrite, .szClass = "CCameraSNephriteCol", .szName = "VYR KOVNephriteCol",
-    .szKey = L"SOFTWARE\\KOVNephriteCol", .aProducts = { { 0xC0EA, nullptr } },
-    .iWidth = 1944, .iHeight = 1224, .dPixelSize = 3.75, .bayer = BAYER_RG,
-    .fElecPerADU = 5.584f, .iPropA = 10, .iPropB = 26, .iPropC = 250, .iPropD = 75,
-    .gain = { 0, 480, 200 }, .exposure = { 32, 1000000000, 10000 }, .iWB_R = 50, .iWB_B = 90,
-    .brightness = { 0, 500, 1 }, .iClk = 4640, .iHMAX = 138, .iMaxExposure = 1000000000,
-    .iAutoGainMax = 240, .iAutoExpMaxCap = 1000, .wCaps = CAP_COMMON | CAP_AUTO | CAP_WB | CAP_FLIP,
-    .bStart = START_AUTO_FPS | START_HARDWARE_BIN,
-    .aBins = { 1, 2 }, .aControls = { 0, 1, 2, 3, 4, 5, 6, 8, 9, 10, 11, 12, 13, 14, -1 },
-    .aPhase = { { 2, -4, 0, -4, 0 } },
+    .family = Family::Nephrite, .className = "CCameraSNephriteCol", .name = "VYR KOVNephriteCol",
+    .key = L"SOFTWARE\\KOVNephriteCol", .products = { { 0xC0EA, nullptr } },
+    .width = 1944, .height = 1224, .pixelSize = 3.75, .bayer = BAYER_RG,
+    .elecPerADU = 5.584f, .propA = 10, .propB = 26, .propC = 250, .propD = 75,
+    .gain = { 0, 480, 200 }, .exposure = { 32, 1000000000, 10000 }, .wbR = 50, .wbB = 90,
+    .brightness = { 0, 500, 1 }, .clock = 4640, .hmax = 138, .maxExposure = 1000000000,
+    .autoGainMax = 240, .autoExpMaxCap = 1000, .caps = CAP_COMMON | CAP_AUTO | CAP_WB | CAP_FLIP,
+    .start = START_AUTO_FPS | START_HARDWARE_BIN,
+    .bins = { 1, 2 }, .controls = { 0, 1, 2, 3, 4, 5, 6, 8, 9, 10, 11, 12, 13, 14, -1 },
+    .phases = { { 2, -4, 0, -4, 0 } },
 };
 // clang-format on
 constexpr ModelTraits g_NephriteCol_C =
@@ -152,7 +152,7 @@ constexpr ModelTraits g_NephriteCol_C =
 
 // One pair a class.
 template <const ModelTraits& t, const QuartzTraits& q>
-ClassVars g_Vars{ { q.fpga.iUnitUSB3 }, { q.iMinNormal } };
+ClassVars g_Vars{ { q.fpga.unitUsb3 }, { q.minNormal } };
 
 }  // namespace
 
@@ -172,20 +172,20 @@ CCameraSNephriteCol_C::CCameraSNephriteCol_C(void* handle)
 
 template <class Base>
 CQuartz<Base>::CQuartz(const ModelTraits& t, const QuartzTraits& q, ClassVars& v, void* handle)
-    : CFpgaModel<Base>(t, q.fpga, v, handle), m_Q(q)
+    : CFpgaModel<Base>(t, q.fpga, v, handle), m_quartz(q)
 {
 }
 
 template <class Base>
 void CQuartz<Base>::InitSensor()
 {
-    model::RunTable8(*this, m_Q.initTable);
-    model::RunTable8(*this, m_Q.initAfter);
+    model::RunTable8(*this, m_quartz.initTable);
+    model::RunTable8(*this, m_quartz.initAfter);
     this->Fpga(FPGA_RUN, RUN_RESET);
     platform::SleepMs(20);
     this->SendCMD(REQ_START_SENSOR_CLOCK);
     this->Write8(REG_MASTER_STOP, 1);
-    this->Write8(m_Q.wRegTail, 0);
+    this->Write8(m_quartz.regTail, 0);
     this->FinishFpgaInit();
 }
 
@@ -194,10 +194,10 @@ bool CQuartz<Base>::SetOutput16Bits(bool on)
 {
     this->TakeOutput16Bits(on);
     const bool fast = this->m_bHighSpeed && !on && !this->InHardBin2();
-    this->Write8(m_Q.wRegOutput, fast ? m_Q.bOutputFast : m_Q.bOutputNormal);
+    this->Write8(m_quartz.regOutput, fast ? m_quartz.outputFast : m_quartz.outputNormal);
     this->Write8(REG_ADC_BITS, fast || this->InHardBin2() ? 0 : 1);
     bool ok = this->Fpga(FPGA_FORMAT, fast ? 0 : on ? 17 : 1);
-    if (m_Q.bReadoutTrim) {
+    if (m_quartz.readoutTrim) {
         this->Write8(REG_UNK_3129, fast ? 0x1D : 0);
         this->Write8(REG_UNK_317C, fast ? 0x12 : 0);
         ok = this->Write8(REG_UNK_31EC, fast ? 0x37 : 0x0E);
@@ -209,17 +209,17 @@ template <class Base>
 bool CQuartz<Base>::SetCMOSClk()
 {
     if (this->InHardBin2()) {
-        this->m_iCMOSClk = m_Q.iClkBin;
-        this->m_Vars.iMinHMAX = m_Q.iMinBin;
+        this->m_iCMOSClk = m_quartz.clkBin;
+        this->m_vars.minHmax = m_quartz.minBin;
         return this->Write8(REG_CLOCK, HighGainBit());
     }
     if (this->m_bHighSpeed && !this->m_bOutput16Bits) {
-        this->m_iCMOSClk = m_Q.iClkFast;
-        this->m_Vars.iMinHMAX = m_Q.iMinFast;
+        this->m_iCMOSClk = m_quartz.clkFast;
+        this->m_vars.minHmax = m_quartz.minFast;
         return this->Write8(REG_CLOCK, HighGainBit());
     }
-    this->m_iCMOSClk = m_Q.iClkNormal;
-    this->m_Vars.iMinHMAX = m_Q.iMinNormal;
+    this->m_iCMOSClk = m_quartz.clkNormal;
+    this->m_vars.minHmax = m_quartz.minNormal;
     return this->Write8(REG_CLOCK, HighGainBit() | 1);
 }
 
@@ -227,14 +227,14 @@ template <class Base>
 bool CQuartz<Base>::SetCMOSClk(int clock)
 {
     this->m_iCMOSClk = clock;
-    if (clock == m_Q.iClkBin && this->InHardBin2()) {
-        this->m_Vars.iMinHMAX = m_Q.iMinBin;
+    if (clock == m_quartz.clkBin && this->InHardBin2()) {
+        this->m_vars.minHmax = m_quartz.minBin;
         return this->Write8(REG_CLOCK, HighGainBit());
     }
-    const bool known = clock == m_Q.iClkNormal || clock == m_Q.iClkFast;
-    if (!known || this->m_Traits.family == Family::Nephrite)
-        this->m_Vars.iMinHMAX = m_Q.iMinNormal;
-    return this->Write8(REG_CLOCK, HighGainBit() + (clock == m_Q.iClkFast ? 0 : clock == m_Q.iClkNormal ? 1 : 2));
+    const bool known = clock == m_quartz.clkNormal || clock == m_quartz.clkFast;
+    if (!known || this->m_traits.family == Family::Nephrite)
+        this->m_vars.minHmax = m_quartz.minNormal;
+    return this->Write8(REG_CLOCK, HighGainBit() + (clock == m_quartz.clkFast ? 0 : clock == m_quartz.clkNormal ? 1 : 2));
 }
 
 template <class Base>
@@ -243,12 +243,12 @@ bool CQuartz<Base>::SetExp(uint64_t microseconds, bool autoMode)
     this->TakeExp(microseconds, autoMode);
     this->SwitchLongExp(EXP_LONG, RUN_GO_LONG);
 
-    const ExposureRegs r = CalcExposure(m_Q.law, this->m_lExposure, this->LineTime(), this->SensorH());
-    this->m_iFrameTime = r.iFrameTime;
-    this->m_iExpLines = r.iExpLines;
+    const ExposureRegs r = CalcExposure(m_quartz.law, this->m_lExposure, this->LineTime(), this->SensorH());
+    this->m_iFrameTime = r.frameTime;
+    this->m_iExpLines = r.expLines;
     this->Write8(REG_HOLD, 1);
-    this->WriteVMAX(r.lVMAX);
-    this->WriteBytes(REG_SHS, r.lSHS, 3);
+    this->WriteVMAX(r.vmax);
+    this->WriteBytes(REG_SHS, r.shs, 3);
     return this->Write8(REG_HOLD, 0);
 }
 
@@ -256,19 +256,19 @@ template <class Base>
 bool CQuartz<Base>::SetGain(int gain, bool autoMode)
 {
     const int g = this->TakeGain(gain, autoMode);
-    const bool high = m_Q.iHighGainAbove != 0 && g > m_Q.iHighGainAbove;
-    if (m_Q.bGainHeld)
+    const bool high = m_quartz.highGainAbove != 0 && g > m_quartz.highGainAbove;
+    if (m_quartz.gainHeld)
         this->Write8(REG_HOLD, 1);
-    if (m_Q.iHighGainAbove != 0) {
+    if (m_quartz.highGainAbove != 0) {
         // QUIRK: a lost answer counts as 0, and so the divider becomes the fast one. In other modes the lines are too
         // short for it, and the host gets useless frames until a change of region or speed writes the clock again.
         uint8_t clk = 0;
         this->ReadSONYREG(REG_CLOCK, &clk);
         this->Write8(REG_CLOCK, high ? clk | 0x10u : clk & 0x0Fu);
     }
-    const int code = (g - (high ? m_Q.iHighGainAbove : 0)) / m_Q.iGainStep;
-    bool ok = this->WriteBytes(REG_GAIN, uint32_t(code), m_Q.iGainBytes);
-    if (m_Q.bGainHeld)
+    const int code = (g - (high ? m_quartz.highGainAbove : 0)) / m_quartz.gainStep;
+    bool ok = this->WriteBytes(REG_GAIN, uint32_t(code), m_quartz.gainBytes);
+    if (m_quartz.gainHeld)
         ok = this->Write8(REG_HOLD, 0);
     return ok;
 }
@@ -279,10 +279,10 @@ bool CQuartz<Base>::Cam_SetResolution()
     const bool bin = this->InHardBin2();
     this->Fpga(FPGA_HOLD, 1);
     this->Write8(REG_READ_MODE, bin ? 0x22 : 0);
-    this->Fpga(FPGA_START_X, bin ? m_Q.bFpgaXBin : m_Q.bFpgaX);
-    this->Fpga(FPGA_START_Y, bin ? m_Q.bFpgaYBin : m_Q.bFpgaY);
-    this->WriteBytes(m_Q.wRegWidth, uint32_t(this->m_iWidth * this->m_iBin), 2);
-    this->WriteBytes(m_Q.wRegHeight, uint32_t(this->m_iHeight * this->m_iBin), 2);
+    this->Fpga(FPGA_START_X, bin ? m_quartz.fpgaXBin : m_quartz.fpgaX);
+    this->Fpga(FPGA_START_Y, bin ? m_quartz.fpgaYBin : m_quartz.fpgaY);
+    this->WriteBytes(m_quartz.regWidth, uint32_t(this->m_iWidth * this->m_iBin), 2);
+    this->WriteBytes(m_quartz.regHeight, uint32_t(this->m_iHeight * this->m_iBin), 2);
     this->WriteSensorSizeToFpga();
     return this->Fpga(FPGA_HOLD, 0);
 }
@@ -305,7 +305,7 @@ bool CQuartz<Base>::StopSensorStreaming()
 template <class Base>
 float CQuartz<Base>::MaxFPSNow()
 {
-    return m_Q.bFPSFromLine ? this->FPSFromLine(this->SensorH()) : CFpgaModel<Base>::MaxFPSNow();
+    return m_quartz.fpsFromLine ? this->FPSFromLine(this->SensorH()) : CFpgaModel<Base>::MaxFPSNow();
 }
 
 template class CQuartz<CCameraBase>;

@@ -12,19 +12,19 @@ struct QuartzTraits {
     FpgaTraits fpga;
     ExposureLaw law;
     std::span<const RegEntry> initTable, initAfter;  // register table, and the bytes after it
-    uint16_t wRegTail;                               // byte cleared after the clock has started
-    uint16_t wRegOutput;
-    uint8_t bOutputFast, bOutputNormal;     // 8-bit high speed, and all else
-    bool bReadoutTrim;                      // three more bytes follow the output mode
-    int32_t iClkBin, iClkNormal, iClkFast;  // kHz
-    int32_t iMinBin, iMinNormal, iMinFast;  // shortest line, clocks
-    bool bClockKeepsGain;                   // the clock register carries the high-gain bit
-    uint16_t wRegWidth, wRegHeight;
-    uint8_t bFpgaXBin, bFpgaYBin, bFpgaX, bFpgaY;  // FPGA 2 and 6 in hardware bin 2, and otherwise
-    int iHighGainAbove;                            // 0.1 dB; 0: no second amplifier range
-    int iGainStep, iGainBytes;                     // 0.1 dB a step of the gain register, and its width
-    bool bGainHeld;
-    bool bFPSFromLine;  // CalcMaxFPS counts lines instead of the frame time
+    uint16_t regTail;                               // byte cleared after the clock has started
+    uint16_t regOutput;
+    uint8_t outputFast, outputNormal;     // 8-bit high speed, and all else
+    bool readoutTrim;                      // three more bytes follow the output mode
+    int32_t clkBin, clkNormal, clkFast;  // kHz
+    int32_t minBin, minNormal, minFast;  // shortest line, clocks
+    bool clockKeepsGain;                   // the clock register carries the high-gain bit
+    uint16_t regWidth, regHeight;
+    uint8_t fpgaXBin, fpgaYBin, fpgaX, fpgaY;  // FPGA 2 and 6 in hardware bin 2, and otherwise
+    int highGainAbove;                            // 0.1 dB; 0: no second amplifier range
+    int gainStep, gainBytes;                     // 0.1 dB a step of the gain register, and its width
+    bool gainHeld;
+    bool fpsFromLine;  // CalcMaxFPS counts lines instead of the frame time
 };
 
 template <class Base>
@@ -45,8 +45,8 @@ protected:
     float MaxFPSNow() override;
 
 private:
-    uint32_t HighGainBit() const { return m_Q.bClockKeepsGain && this->m_iGain > 60 ? 0x10 : 0; }
-    const QuartzTraits& m_Q;
+    uint32_t HighGainBit() const { return m_quartz.clockKeepsGain && this->m_iGain > 60 ? 0x10 : 0; }
+    const QuartzTraits& m_quartz;
 };
 
 KOV_MODEL(CCameraSQuartzCol, CQuartz<CCameraBase>);
