@@ -88,13 +88,13 @@ void FinishConstruction(CCameraBase& cam, const ModelTraits& t)
     for (const int8_t control : t.controls) {
         if (control < 0)
             break;
-        cam.m_ControlList[cam.m_iNumOfControls++] = control;
+        cam.m_ControlList[cam.m_iNumOfControls++] = static_cast<uint8_t>(control);
     }
     cam.m_bIsCooler = t.hasCooler;
     for (const PhaseRow& row : t.phases) {
         if (row.bin == 0)
             break;
-        int8_t* p = cam.m_pTable80 + 16 * row.bin;
+        int8_t* p = cam.m_pTable80 + ptrdiff_t{ row.bin } * 16;
         p[0] = row.x1;
         p[1] = row.y1;
         p[2] = row.x2;

@@ -74,7 +74,7 @@ void LogRequest(bool input, uint8_t request, uint16_t value, uint16_t index, con
     constexpr int32_t SHOWN = 8;
     char hex[3 * SHOWN + 1] = "";
     for (int32_t i = 0; data && i < std::min(length, SHOWN); ++i)
-        std::snprintf(hex + 3 * i, 4, " %02x", data[i]);
+        std::snprintf(hex + ptrdiff_t{ i } * 3, 4, " %02x", data[i]);
     char result[24] = "ok";
     if (!ok)
         std::snprintf(result, sizeof result, "failed, error %u", error);

@@ -64,6 +64,7 @@ int CountTorn(const std::vector<std::vector<double>>& apart)
     std::vector<double> usual;
     for (size_t b = 0; b < apart[0].size(); ++b) {
         std::vector<double> v;
+        v.reserve(apart.size());
         for (const auto& frame : apart)
             v.push_back(frame[b]);
         std::nth_element(v.begin(), v.begin() + static_cast<long>(v.size() / 4), v.end());

@@ -177,8 +177,8 @@ std::optional<double> ElectronsPerSample(const CameraState& s)
     for (const GainLaw& law : g_Laws) {
         if (std::string_view(s.info.Name).find(law.family) == std::string_view::npos)
             continue;
-        const double gain =
-            law.tenthsOfDb == 0 ? GarnetGain(s.gain, colour) : std::pow(10.0, s.gain / law.tenthsOfDb * law.tenthsOfDb / 200.0);
+        const int tenths = law.tenthsOfDb == 0 ? 0 : s.gain / law.tenthsOfDb * law.tenthsOfDb;
+        const double gain = law.tenthsOfDb == 0 ? GarnetGain(s.gain, colour) : std::pow(10.0, tenths / 200.0);
         const double fullScale = static_cast<double>(s.info.ElecPerADU) * (1 << law.adcBits) / gain;
         // Binning in software sums samples of 8 bits and averages those of 16.
         return fullScale / (TopSample(s.type) + 1) * (s.type == IMG_RAW16 ? s.bin * s.bin : 1);

@@ -121,7 +121,8 @@ float SkyAround(const Plane& p, int px, int py)
     double sum = 0;
     for (size_t i = v.size() / 4; i < v.size() - v.size() / 4; ++i)
         sum += v[i];
-    return v.empty() ? 0 : static_cast<float>(sum / static_cast<double>(v.size() - v.size() / 4 * 2));
+    const size_t counted = v.size() - v.size() / 4 * 2;
+    return v.empty() ? 0 : static_cast<float>(sum / static_cast<double>(counted));
 }
 
 // Centre and light within the aperture, by moments around the peak.

@@ -1121,7 +1121,7 @@ namespace {
 // When the library is unloaded libusb goes with it, and its thread must have ended.
 const struct AtUnload {
     ~AtUnload() { ForgetLibusb(); }
-} g_atUnload;
+} g_AtUnload;
 }  // namespace
 
 }  // namespace usbstack

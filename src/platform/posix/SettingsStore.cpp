@@ -57,7 +57,7 @@ std::string Utf8(const wchar_t* sz)
 {
     std::string s;
     for (; *sz; ++sz) {
-        const auto c = static_cast<uint32_t>(*sz);
+        const auto c = static_cast<char32_t>(*sz);
         if (c < 0x80) {
             s += static_cast<char>(c);
             continue;

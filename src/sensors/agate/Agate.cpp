@@ -1,6 +1,7 @@
 #include "sensors/agate/Agate.h"
 
 #include <algorithm>
+#include <cmath>
 #include <cstdint>
 #include <cstdlib>
 #include <initializer_list>
@@ -14,7 +15,7 @@
 
 struct AgateForm {
     int blank;       // least blanking of a line, clocks
-    bool isAgate;      // Agate's longer bring-up
+    bool isAgate;    // Agate's longer bring-up
     int wbTopStart;  // upper limit of the balance while the object is built; 99 afterwards
 };
 
@@ -183,7 +184,7 @@ bool CAgate::SetExp(uint64_t microseconds, bool autoMode)
 bool CAgate::SetGain(int gain, bool autoMode)
 {
     TakeGain(gain, autoMode);
-    const int i = static_cast<int>(m_iGain * 60 / 100.0 + 0.5) - 1;
+    const int i = static_cast<int>(std::lround(m_iGain * 60 / 100.0)) - 1;
     // QUIRK: one camera of the class parks by what another one had.
     const int last = m_lastIndex.exchange(i);
     if (i >= DIGITAL_FROM) {

@@ -270,7 +270,8 @@ void CGarnet::CalcMaxFPS()
     if (!m_traits.isUsb3 || m_lExposure >= EXP_SLOW)
         return;
     const int clocks = SensorH() * HMAX_MIN + 35782;
-    const float fps = static_cast<float>(static_cast<int32_t>(static_cast<uint32_t>(m_iCMOSClk) * 1000000u) / clocks);
+    const int32_t whole = static_cast<int32_t>(static_cast<uint32_t>(m_iCMOSClk) * 1000000u) / clocks;
+    const auto fps = static_cast<float>(whole);
     m_fMaxFPS = fps;
     m_vars.bandwidthDivisor = m_bUSB3Host ? static_cast<int32_t>(fps * 1.2288e6 * BytesPerPixel() / 1000.0 / 1000.0) : 43;
     m_fMaxDataRate = static_cast<float>(static_cast<float>(SensorW() * SensorH()) * fps / 1000.0 / 1000.0);
@@ -358,7 +359,7 @@ bool CGarnet::SetOverCLKPerc(int percent)
     if (!m_traits.isUsb3 || m_lExposure >= EXP_SLOW)
         return false;
     const int p = std::clamp(percent, 0, 30);
-    SetCMOSClk(static_cast<int>(83 / (m_bHighSpeed ? 1 : 2) * (p / 100.0 + 1.0)));
+    SetCMOSClk(static_cast<int>((m_bHighSpeed ? 83 : 41) * (p / 100.0 + 1.0)));
     CalcMaxFPS();
     m_iOverCLKPerc = p;
     return true;

@@ -1,6 +1,7 @@
 #include "sensors/iolite/Iolite.h"
 
 #include <algorithm>
+#include <cmath>
 
 #include "platform/Platform.h"
 #include "sensors/RegisterTable.h"
@@ -171,7 +172,7 @@ bool CCameraSIoliteMono::SetGain(int gain, bool autoMode)
 {
     m_bAutoGain = autoMode;
     const int g = std::clamp(gain, 0, 100), n = m_bOutput16Bits ? 50 : 60;
-    bool ok = Write(REG_GAIN, GainWord(g == 100 ? n - 1 : static_cast<int>(n * g / 100.0 + 0.5)));
+    bool ok = Write(REG_GAIN, GainWord(g == 100 ? n - 1 : static_cast<int>(std::lround(n * g / 100.0))));
     // QUIRK: a failed write leaves the gain at 1.
     m_iGain = ok ? g : 1;
     if (m_bAutoBL) {
@@ -192,7 +193,7 @@ bool CCameraSIoliteMono::SetBLOffset(bool automatic, char a, char b, char c, cha
     const char offsets[] = { a, b, c, d };
     for (size_t i = 0; i < 4; ++i) {
         // QUIRK: the sign goes on above bit 8, which is already set then: -1 is written as 0xFFFF.
-        const int v = static_cast<signed char>(offsets[i]);
+        const int v = static_cast<signed char>(offsets[i]);  // NOLINT(bugprone-signed-char-misuse): the sign is meant
         Write(g_BlackRegs[i], v < 0 ? v | 0x100 : v);
     }
     m_iBL_EE = static_cast<uint8_t>(a);

@@ -146,7 +146,8 @@ bool CCameraSJasperCol::SetExp(uint64_t microseconds, bool autoMode)
         }
     }
     const float t0 = m_bHighSpeed ? 2.64f : 3.85f;  // us
-    const float line = float(m_iHMAX / Ratio() * 2) * 1000.0f / float(m_iCMOSClk * 2);
+    const auto clocks = m_iHMAX / Ratio() * 2;
+    const float line = float(clocks) * 1000.0f / float(m_iCMOSClk * 2);
     static constexpr ExposureLaw law = { 20, 21, 0, 0, 20, 1, 0xFFFFF, 1 };
     const ExposureRegs r = CalcExposure(law, m_lExposure, line, SensorH(), t0);
     m_iFrameTime = r.frameTime;
