@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cmath>
 #include <utility>
 
 #include "common/Measure.h"
@@ -39,7 +40,7 @@ std::vector<uint8_t> MakeCurve(const std::vector<uint32_t>& histogram, Stretch s
         std::min(0.5, std::max(MiddleFor(share(median), SKY), MiddleFor(share(Quantile(histogram, 0.99)), BRIGHT)));
     for (size_t i = 0; i < n; ++i) {
         const double x = std::clamp((static_cast<double>(i) - black) / (white - black), 0.0, 1.0);
-        curve[i] = static_cast<uint8_t>(Midtones(x, middle) * 255.0 + 0.5);
+        curve[i] = static_cast<uint8_t>(std::floor(Midtones(x, middle) * 255.0 + 0.5));
     }
     return curve;
 }
@@ -92,8 +93,8 @@ struct ChannelOf {
     {
         if (!mosaic)
             return colour ? 2 - i % 3 : 1;
-        const int x = static_cast<int>(i % static_cast<size_t>(width)), y = static_cast<int>(i / static_cast<size_t>(width));
-        return cell[static_cast<size_t>((y & 1) * 2 + (x & 1))];
+        const size_t x = i % static_cast<size_t>(width), y = i / static_cast<size_t>(width);
+        return cell[(y & 1) * 2 + (x & 1)];
     }
 };
 

@@ -50,6 +50,7 @@ KOV_CONTROL_TYPE ParseControl(const std::string& name)
         if (name == c.szName || name == std::to_string(c.type))
             return c.type;
     std::vector<std::string> names;
+    names.reserve(std::size(g_Controls));
     for (const ControlName& c : g_Controls)
         names.push_back(c.szName);
     const std::vector<std::string> near = kovtools::Nearest(name, names);
@@ -304,6 +305,7 @@ void Camera::Apply(const PictureOptions& o, IMG_TYPE defaultType)
     const std::vector<IMG_TYPE> types = kovtools::TypesOf(m_info);
     if (std::find(types.begin(), types.end(), m_type) == types.end()) {
         std::vector<std::string> names;
+        names.reserve(types.size());
         for (const IMG_TYPE t : types)
             names.push_back(kovtools::TypeName(t));
         if (!o.sFormat.empty())
@@ -313,6 +315,7 @@ void Camera::Apply(const PictureOptions& o, IMG_TYPE defaultType)
     const std::vector<int> bins = kovtools::BinsOf(m_info);
     if (std::find(bins.begin(), bins.end(), o.iBin) == bins.end()) {
         std::vector<std::string> names;
+        names.reserve(bins.size());
         for (const int b : bins)
             names.push_back(std::to_string(b));
         throw UserError(fmt::format("{} does not bin by {}; it bins by {}", m_info.Name, o.iBin, kovtools::Joined(names)), 2);
