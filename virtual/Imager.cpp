@@ -69,14 +69,14 @@ void Store(Samples samples, int bits, const int* numbers, int count, uint8_t* ou
     case Samples::Bits16:
         for (int i = 0; i < count; ++i) {
             const int w = numbers[i] << (16 - bits);
-            out[2 * i] = uint8_t(w);
+            out[ptrdiff_t{ 2 } * i] = uint8_t(w);
             out[2 * i + 1] = uint8_t(w >> 8);
         }
         break;
     case Samples::Bits12Wire:
         for (int i = 0; i < count; ++i) {
             const int n12 = bits >= 12 ? numbers[i] >> (bits - 12) : numbers[i] << (12 - bits);
-            out[2 * i] = uint8_t(n12 >> 4);
+            out[ptrdiff_t{ 2 } * i] = uint8_t(n12 >> 4);
             out[2 * i + 1] = uint8_t(n12 & 0xF);
         }
         break;
@@ -246,9 +246,10 @@ void Imager::Expose(const Readout& r, const Shot& shot, const std::shared_ptr<co
                 for (int j = 0; j < bin; ++j) {
                     FillRow(y0 + j * step, r.iX - margin, span, t, dark, warm, pixelsRow.data());
                     for (int cx = 0; cx < cellsW; ++cx) {
-                        const float* e = &pixelsRow[size_t(margin + CellStart(cx, bin, colour, r.iShiftX))];
+                        const int start = margin + CellStart(cx, bin, colour, r.iShiftX);
+                        const float* e = &pixelsRow[size_t(start)];
                         for (int i = 0; i < bin; ++i)
-                            cells[size_t(cx)] += e[i * step];
+                            cells[size_t(cx)] += e[ptrdiff_t{ i } * step];
                     }
                 }
             }
@@ -262,7 +263,7 @@ void Imager::Expose(const Readout& r, const Shot& shot, const std::shared_ptr<co
         }
         const int pad = int(std::clamp(float(r.dBlack), 0.0f, float(top)));
         for (int x = filled; x < r.iOutW; ++x)
-            Store(r.samples, bits, &pad, 1, row + x * bytes);
+            Store(r.samples, bits, &pad, 1, row + ptrdiff_t{ x } * bytes);
     }
 }
 

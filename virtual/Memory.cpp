@@ -58,7 +58,7 @@ bool SpiFlash::Erase(uint32_t sector, double now)
 {
     if (Busy(now) || sector >= SIZE / SECTOR)
         return false;
-    std::fill_n(m_bytes.begin() + sector * SECTOR, SECTOR, uint8_t(0xFF));
+    std::fill_n(m_bytes.begin() + ptrdiff_t{ sector } * SECTOR, SECTOR, uint8_t(0xFF));
     Save(sector * SECTOR, SECTOR);
     m_dBusyUntil = now + ERASE_US;
     return true;

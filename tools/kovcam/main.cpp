@@ -38,7 +38,7 @@ static void CheckVerb(const CLI::App& app, const std::vector<std::string>& argum
 
 }  // namespace kovcam
 
-int main(int argc, char** argv)
+int main(int argc, char** argv)  // NOLINT(bugprone-exception-escape): without memory there is nobody to tell
 {
     CLI::App app(
         "kovcam - astronomy cameras from the command line\n"

@@ -56,7 +56,7 @@ fs::path FindPlugin()
     const fs::path here = kovtools::ProgramFolder();
     std::string looked;
     for (const char* dir : { ".", "../virtual", "../" KOV_LIBDIR "/kovcamera2" }) {
-        const fs::path p = fs::weakly_canonical(here / dir / kovtools::PLUGIN_FILE, ec);
+        fs::path p = fs::weakly_canonical(here / dir / kovtools::PLUGIN_FILE, ec);
         if (fs::exists(p, ec))
             return p;
         looked += "\n  " + p.string();
@@ -152,7 +152,7 @@ constexpr const char* SCENES =
 
 }  // namespace
 
-int main(int argc, char** argv)
+int main(int argc, char** argv)  // NOLINT(bugprone-exception-escape): without memory there is nobody to tell
 {
     CLI::App app(
         "kovsim - virtual cameras for any program that uses libKOVCamera2\n"

@@ -44,6 +44,7 @@ int RunWithPlugin(const std::vector<std::string>& program, const fs::path& plugi
     setenv("KOVSIM", simText.c_str(), 1);
     setenv("LD_PRELOAD", preload.c_str(), 1);
     std::vector<char*> argv;
+    argv.reserve(program.size() + 1);
     for (const std::string& a : program)
         argv.push_back(const_cast<char*>(a.c_str()));
     argv.push_back(nullptr);

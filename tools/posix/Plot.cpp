@@ -327,8 +327,8 @@ Surface ShrunkByStars(cairo_surface_t* picture, int width, int height)
                         std::copy(sum, sum + 3, best);
                     }
                 }
-            unsigned char* const pixel =
-                cairo_image_surface_get_data(to.get()) + y * cairo_image_surface_get_stride(to.get()) + x * 4;
+            unsigned char* const pixel = cairo_image_surface_get_data(to.get()) +
+                                         ptrdiff_t{ y } * cairo_image_surface_get_stride(to.get()) + ptrdiff_t{ x } * 4;
             for (int c = 0; c < 3; ++c)
                 pixel[c] = static_cast<unsigned char>(best[c] / (BLOCK * BLOCK));
         }
@@ -370,7 +370,8 @@ void DrawSheet(const std::string& path, const Sheet& s)
         const double w = part ? s.cropWidth : cairo_image_surface_get_width(picture.get());
         const double h = part ? s.cropHeight : cairo_image_surface_get_height(picture.get());
         const double scale = std::min(s.tileWidth / w, s.tileHeight / h);
-        const double left = GAP + i % columns * (s.tileWidth + GAP), top = GAP + i / columns * (s.tileHeight + below + GAP);
+        const auto column = i % columns, row = i / columns;
+        const double left = GAP + column * (s.tileWidth + GAP), top = GAP + row * (s.tileHeight + below + GAP);
         cairo_save(page);
         cairo_translate(page, std::round(left + (s.tileWidth - w * scale) / 2), std::round(top + (s.tileHeight - h * scale) / 2));
         cairo_rectangle(page, 0, 0, std::round(w * scale), std::round(h * scale));

@@ -35,7 +35,7 @@ void Make(Options o)
 
 }  // namespace
 
-int main(int argc, char** argv)
+int main(int argc, char** argv)  // NOLINT(bugprone-exception-escape): without memory there is nobody to tell
 {
     CLI::App app("kovsheet - puts PNG pictures side by side", "kovsheet");
     Options o;

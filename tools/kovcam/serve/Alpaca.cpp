@@ -18,7 +18,6 @@
 
 namespace kovserve {
 
-using kovtools::Lower;
 using json = nlohmann::json;
 using Steady = std::chrono::steady_clock;
 
@@ -756,7 +755,7 @@ static std::string Columns(const Frame& f, bool wide)
     return out;
 }
 
-Alpaca::Alpaca(Observatory& observatory, std::filesystem::path folder, std::string version)
+Alpaca::Alpaca(Observatory& observatory, const std::filesystem::path& folder, std::string version)
     : m_observatory(observatory), m_file(folder / "alpaca.json"), m_version(std::move(version))
 {
     std::ifstream in(m_file);

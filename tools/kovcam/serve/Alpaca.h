@@ -25,7 +25,7 @@ class AlpacaCamera;
 class Alpaca {
 public:
     // `folder` keeps the cameras' unique IDs; a folder that cannot be written gives IDs that last as long as the server.
-    Alpaca(Observatory& observatory, std::filesystem::path folder, std::string version);
+    Alpaca(Observatory& observatory, const std::filesystem::path& folder, std::string version);
     ~Alpaca();
     void AddRoutes(httplib::Server& server);
 

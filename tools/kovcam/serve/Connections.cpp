@@ -28,9 +28,9 @@ constexpr auto IDLE = 20s;         // between two requests
 constexpr auto READING = 10s;      // of a head, and of a body
 constexpr auto WRITING = 10s;      // without the client taking anything
 constexpr int UNSENT = 64 * 1024;  // bytes that wait in the system
-constexpr size_t HEAD = 16 * 1024;
-constexpr size_t FRAMING = 4 * 1024;  // of a body in chunks, whose sum the library does not limit
-constexpr auto LINGER = 500ms;        // a refusal is to arrive before the connection's reset
+constexpr size_t HEAD = size_t{ 16 } * 1024;
+constexpr size_t FRAMING = size_t{ 4 } * 1024;  // of a body in chunks, whose sum the library does not limit
+constexpr auto LINGER = 500ms;                  // a refusal is to arrive before the connection's reset
 
 bool WaitFor(socket_t socket, short what, Steady::duration limit)
 {
@@ -143,7 +143,7 @@ public:
         const std::lock_guard lock(m_mutex);
         const auto reap = [this] { std::erase_if(m_threads, [](Entry& e) { return e.over && (e.thread.join(), true); }); };
         // Those that are turned away take a moment, too; until then nobody else is let in.
-        for (reap(); m_threads.size() >= 2 * LimitedServer::CONNECTIONS; reap())
+        for (reap(); m_threads.size() >= size_t{ 2 } * LimitedServer::CONNECTIONS; reap())
             std::this_thread::sleep_for(10ms);
         Entry& e = m_threads.emplace_back();
         e.thread = std::thread([work = std::move(work), &over = e.over] {

@@ -31,9 +31,9 @@ using json = nlohmann::json;
 
 namespace {
 
-constexpr int STREAMS = 48;         // endless answers at once: the rest is left for commands
-constexpr size_t BODY = 64 * 1024;  // bytes of a request
-constexpr int CONFLICT = 409;       // understood, and refused by the camera
+constexpr int STREAMS = 48;                   // endless answers at once: the rest is left for commands
+constexpr size_t BODY = size_t{ 64 } * 1024;  // bytes of a request
+constexpr int CONFLICT = 409;                 // understood, and refused by the camera
 constexpr auto PICTURE_PATIENCE = 5s;
 
 double ToNumber(const std::string& text, const char* name)
@@ -280,7 +280,7 @@ public:
         m_server.set_tcp_nodelay(true);
         m_server.set_pre_routing_handler([this](const httplib::Request& q, httplib::Response& r) { return Guard(q, r); });
         m_server.set_exception_handler(
-            [](const httplib::Request&, httplib::Response& r, std::exception_ptr error) { Explain(r, error); });
+            [](const httplib::Request&, httplib::Response& r, const std::exception_ptr& error) { Explain(r, error); });
         m_server.set_error_handler([](const httplib::Request& q, httplib::Response& r) {
             // A body that was not read must not be taken for the next request.
             if (r.status != CONFLICT)
@@ -357,7 +357,7 @@ private:
     httplib::Server::HandlerResponse Guard(const httplib::Request& q, httplib::Response& r) const
     {
         if (q.get_header_value_count("Host") > 1 || q.has_header("Content-Encoding") ||
-            (q.method == "GET" && q.get_header_value("Content-Length", 0).find_first_not_of("0") != std::string::npos)) {
+            (q.method == "GET" && q.get_header_value("Content-Length", 0).find_first_not_of('0') != std::string::npos)) {
             r.status = 400;
             r.set_content("a request has one Host, no compressed body, and a GET has no body\n", "text/plain");
             return httplib::Server::HandlerResponse::Handled;
