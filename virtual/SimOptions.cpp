@@ -116,7 +116,7 @@ bool ParseSimOptions(const std::string& text, SimOptions* options, std::string* 
             if (!known)
                 return fail("unknown option \"" + parts[i] + "\"");
             if (!Number(value, known->dMin, known->dMax, &number))
-                return fail(name + ": \"" + value + "\" is no number within its limits");
+                return fail(std::string(name).append(": \"").append(value).append("\" is no number within its limits"));
             known->Set(common, number);
         }
     }

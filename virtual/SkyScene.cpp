@@ -132,7 +132,8 @@ public:
             for (int py = y0; py <= y1; ++py) {
                 Light* row = out + size_t(py - firstRow) * size_t(g.iWidth);
                 for (int px = x0; px <= x1; ++px) {
-                    const size_t i = size_t(px - cx + reach), j = size_t(py - cy + reach);
+                    const int dx = px - cx + reach, dy = py - cy + reach;
+                    const auto i = size_t(dx), j = size_t(dy);
                     const float w = coreX[i] * coreY[j] + haloX[i] * haloY[j];
                     row[px].r += s.light.r * w;
                     row[px].g += s.light.g * w;
@@ -182,7 +183,8 @@ private:
         double before = std::erf((centre - reach - 0.5 - pos) * k);
         for (int i = -reach; i <= reach; ++i) {
             const double after = std::erf((centre + i + 0.5 - pos) * k);
-            w[size_t(i + reach)] = share * float((after - before) / 2);
+            const int at = i + reach;
+            w[size_t(at)] = share * float((after - before) / 2);
             before = after;
         }
     }
