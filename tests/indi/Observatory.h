@@ -46,6 +46,8 @@ class Client : public INDI::BaseClient {
     }
 
 public:
+    // The framework's thread calls what is below until then.
+    ~Client() override { disconnectServer(); }
     bool Wait(const std::function<bool()>& condition, Seconds limit)
     {
         std::unique_lock lock(m_mutex);
