@@ -9,16 +9,15 @@ import time
 import unittest
 
 import numpy as np
-from bench import Server
+from bench import BINS, COOLED, HEIGHT, PATIENCE, WIDTH, Server
 
 NOT_IMPLEMENTED, INVALID, NOT_CONNECTED, OPERATION = -0x400, -0x401, -0x407, -0x40B
-WIDTH, HEIGHT = 4656, 3520  # KyaniteCol_C
 BOOL, INT, NUMBER, TEXT, LIST = bool, int, (int, float), str, list
 
 # What a cooled colour camera answers: a type, a value, or an error.
 GET = {
     "connected": True, "description": TEXT, "driverinfo": TEXT, "driverversion": TEXT, "interfaceversion": 3, "name": TEXT, "supportedactions": [],
-    "cameraxsize": WIDTH, "cameraysize": HEIGHT, "pixelsizex": NUMBER, "pixelsizey": NUMBER, "maxadu": 65535, "maxbinx": 4, "maxbiny": 4, "sensorname": TEXT,
+    "cameraxsize": WIDTH, "cameraysize": HEIGHT, "pixelsizex": NUMBER, "pixelsizey": NUMBER, "maxadu": 65535, "maxbinx": BINS, "maxbiny": BINS, "sensorname": TEXT,
     "sensortype": 2, "bayeroffsetx": INT, "bayeroffsety": INT, "electronsperadu": NUMBER, "fullwellcapacity": NUMBER, "exposuremin": NUMBER,
     "exposuremax": NUMBER, "exposureresolution": NUMBER, "hasshutter": False, "canabortexposure": True, "canstopexposure": False,
     "canasymmetricbin": False, "canfastreadout": False, "cangetcoolerpower": True, "canpulseguide": True, "cansetccdtemperature": True,
@@ -35,7 +34,7 @@ class AlpacaTest(unittest.TestCase):
     @classmethod
     def setUpClass(cls):
         # Every pixel names itself, and no noise: a part is a part of the whole.
-        cls.s = Server("KyaniteCol_C,QuartzMono", "--scene", "pattern", "--noise", "0", "--hot", "0")
+        cls.s = Server(f"{COOLED},QuartzMono", "--scene", "pattern", "--noise", "0", "--hot", "0")
         cls.s.wait(lambda: "temperature" in cls.s.json("/api/cameras/0/state")["state"], "the cooled camera has measured")
 
     @classmethod
@@ -321,10 +320,11 @@ class AlpacaTest(unittest.TestCase):
             over.set()
             slow.join()
         shown = [int(n) for n in re.findall(rb"X-Frame: (\d+)", got)]
-        self.assertGreater(camera, 0.7 * alone)
-        self.assertGreater(other, 0.7 * alone)
+        if PATIENCE == 1:  # else pictures come so slowly that nobody is late
+            self.assertGreater(camera, 0.7 * alone)
+            self.assertGreater(other, 0.7 * alone)
+            self.assertLess(len(shown), 0.5 * 10 * camera, "that viewer was not slow")
         self.assertGreater(len(shown), 2)
-        self.assertLess(len(shown), 0.5 * 10 * camera, "that viewer was not slow")
         self.assertEqual(shown, sorted(set(shown)))
         self.assertGreater(shown[-1], newest - 3 * 10 * camera / len(shown) - alone, "it lags behind")
 

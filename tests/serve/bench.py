@@ -17,6 +17,8 @@ def free_udp_port():
         return s.getsockname()[1]
 
 
+# A cooled colour camera, its size and its largest bin: 16 megapixels, but where the machine does not keep up with them.
+COOLED, WIDTH, HEIGHT, BINS = ("OnyxCol_C", 1304, 976, 3) if os.environ.get("KOV_SMALL") else ("KyaniteCol_C", 4656, 3520, 4)
 PATIENCE = float(os.environ.get("KOV_PATIENCE", 1))  # a server under a sanitizer takes longer for everything
 
 

@@ -5,7 +5,7 @@ import time
 import unittest
 
 import numpy as np
-from bench import Server
+from bench import COOLED, WIDTH, Server
 from PIL import Image
 from selenium import webdriver
 from selenium.webdriver.chrome.options import Options
@@ -18,8 +18,6 @@ from selenium.webdriver.common.by import By
 from selenium.webdriver.common.keys import Keys
 
 SCREENSHOTS = os.environ.get("KOV_SCREENSHOTS")
-# The cooled camera beside the first, and its width: 16 megapixels, but where the machine does not keep up with them.
-COOLED, COOLED_WIDTH = ("OnyxCol_C", 1304) if os.environ.get("KOV_SMALL") else ("KyaniteCol_C", 4656)
 
 
 class PageTest(unittest.TestCase):
@@ -261,7 +259,7 @@ class PageTest(unittest.TestCase):
 
         # The other camera, cooled.
         self.js(f"choose({1 - self.quartz})")
-        self.until(f"state && frame.number > 1 && frame.width === {COOLED_WIDTH}", "the second camera's picture")
+        self.until(f"state && frame.number > 1 && frame.width === {WIDTH}", "the second camera's picture")
         self.js("put('control', { type: 1, value: 500000, auto: false })")
         self.js("$('coolerBox').open = true; $('target').value = 5; $('target').dispatchEvent(new Event('change')); $('coolerOn').click()")
         self.until("state.coolerPower > 0 && cooling.some(p => p[3] > 0)", "it cools, and the plot has it")
