@@ -94,7 +94,7 @@ bool CCameraSJasperCol::SetCMOSClk(int clock)
 {
     bool ok = true;
     if (m_iCMOSClk == CLK_SLOWEST && clock != CLK_SLOWEST)
-        ok = Write8(REG_INPUT_CLOCK, 6);
+        Write8(REG_INPUT_CLOCK, 6);
     switch (clock) {
     case CLK_SLOWEST:
         ok = Write8(REG_INPUT_CLOCK, 13);
