@@ -16,7 +16,14 @@ namespace {
 constexpr size_t STRIP_BYTES = size_t{ 32 } << 10;
 constexpr size_t PAD = 64;
 
-void PlainCopy(const uint8_t* from, uint8_t* to, size_t n) { std::memcpy(to, from, n); }
+// n bytes of an output of `whole`.
+void Put(const uint8_t* from, uint8_t* to, size_t n, size_t whole)
+{
+    if (whole < STREAM_FROM)
+        std::memcpy(to, from, n);
+    else
+        CopyPast(from, to, n);
+}
 
 int BytesOf(const FramePlan& m)
 {
@@ -87,7 +94,7 @@ public:
     {
         const size_t rowBytes = m_width * sizeof(T), bytes = std::min(m.bytes, rowBytes * static_cast<size_t>(m.height));
         if (m_plainFrame && !m.reverseRows) {
-            (bytes < STREAM_FROM ? PlainCopy : CopyPast)(m.raw, dst, bytes);
+            Put(m.raw, dst, bytes, bytes);
             return;
         }
         const auto row = [this](int y, uint8_t* to) {
@@ -150,7 +157,7 @@ private:
             const size_t n = std::min(step * rowBytes, bytes - at);
             for (size_t k = 0; k < n; k += rowBytes)
                 make(y++, strip.get() + k);
-            (bytes < STREAM_FROM ? PlainCopy : CopyPast)(strip.get(), dst + at, n);
+            Put(strip.get(), dst + at, n, bytes);
         }
     }
 
