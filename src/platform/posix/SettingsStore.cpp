@@ -122,8 +122,13 @@ void TellNotKept(const fs::path& path, const char* reason, int rc)
         KOV_LOG(Error, "settings are not kept in %s: %s. %s", path.c_str(), reason, WayOut(rc));
 }
 
-// SQLITE_ERROR: statements that fit every file of ours do not fit its tables.
-bool IsDamage(int rc) { return (rc & 0xFF) == SQLITE_CORRUPT || (rc & 0xFF) == SQLITE_NOTADB || (rc & 0xFF) == SQLITE_ERROR; }
+// SQLITE_ERROR: statements that fit every file of ours do not fit its tables. SQLITE_TOOBIG: a row tells of more bytes than any
+// has.
+bool IsDamage(int rc)
+{
+    const int code = rc & 0xFF;
+    return code == SQLITE_CORRUPT || code == SQLITE_NOTADB || code == SQLITE_ERROR || code == SQLITE_TOOBIG;
+}
 // Some damage to a schema makes SQLite tell of no memory, however much there is, and some to the head that nothing may be
 // written.
 bool MayBeDamage(int rc) { return IsDamage(rc) || (rc & 0xFF) == SQLITE_NOMEM || (rc & 0xFF) == SQLITE_READONLY; }
