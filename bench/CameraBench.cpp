@@ -104,20 +104,26 @@ private:
 
 constexpr int HOT_PIXELS = 1000;
 
+// What the samples are: bytes or words of any value, noise over the whole range of a 12-bit sensor's codes, or what such a sensor
+// sees of a night sky. Codes stand at the top of a word.
+enum class Samples { Any, Codes, Sky };
+
 struct Rig {
-    Rig(Size s, bool sky)
+    Rig(Size s, Samples samples)
         : size(s), pixels(static_cast<size_t>(s.w) * static_cast<size_t>(s.h)), cam(s), raw(2 * pixels), slot(2 * pixels),
           work(2 * pixels), out(3 * pixels), between(3 * pixels), dark(pixels), lut(256), balance(768)
     {
         std::mt19937 random(1);
         for (uint8_t& v : raw)
             v = static_cast<uint8_t>(random());
-        if (sky) {  // noise around its background; each thousandth sample lies anywhere
-            std::normal_distribution<float> noise(1500, 80);
-            auto* const samples = reinterpret_cast<uint16_t*>(raw.data());
-            for (size_t i = 0; i < pixels; ++i)
-                if (i % 1000 != 0)
-                    samples[i] = static_cast<uint16_t>(std::max(noise(random), 0.f));
+        if (samples != Samples::Any) {
+            std::normal_distribution<float> sky(1500, 80);  // its background; each thousandth sample lies anywhere
+            auto* const words = reinterpret_cast<uint16_t*>(raw.data());
+            for (size_t i = 0; i < pixels; ++i) {
+                if (samples == Samples::Sky && i % 1000 != 0)
+                    words[i] = static_cast<uint16_t>(std::max(sky(random), 0.f));
+                words[i] &= 0xFFF0;
+            }
         }
         for (size_t i = 0; i < 256; ++i) {
             lut[i] = static_cast<uint8_t>(255 - i);
@@ -159,7 +165,7 @@ struct Rig {
     std::vector<uint8_t> raw, slot, work, out, between, dark, lut, balance;
 };
 
-enum : unsigned { BALANCE = 1, GAMMA = 2, FLIPS = 4, DARK = 8, MONO = 16, SKY = 32 };
+enum : unsigned { BALANCE = 1, GAMMA = 2, FLIPS = 4, DARK = 8, MONO = 16 };
 
 struct Delivery {
     const char* name;
@@ -168,6 +174,7 @@ struct Delivery {
     size_t bytesIn, bytesOut;  // a raw pixel, an output pixel
     unsigned work;
     int bin = 1;
+    Samples samples = Samples::Any;
 };
 constexpr Delivery g_Deliveries[] = {
     { "RAW8", IMAGE_8BIT, true, 1, 1, 0 },
@@ -178,8 +185,9 @@ constexpr Delivery g_Deliveries[] = {
     { "RGB24, dark, hot, gamma, flips", IMAGE_RGB24, false, 1, 3, BALANCE | GAMMA | FLIPS | DARK },
     { "Y8, balance", IMAGE_8BIT, false, 1, 1, BALANCE },
     { "RAW8, gamma, both flips", IMAGE_8BIT, true, 1, 1, GAMMA | FLIPS },
-    { "RAW16, gamma, both flips", IMAGE_16BIT, true, 2, 2, GAMMA | FLIPS },
-    { "RAW16 of a sky, gamma, both flips", IMAGE_16BIT, true, 2, 2, GAMMA | FLIPS | SKY },
+    { "RAW16, gamma, both flips", IMAGE_16BIT, true, 2, 2, GAMMA | FLIPS, 1, Samples::Codes },
+    { "RAW16 of a sky, gamma, both flips", IMAGE_16BIT, true, 2, 2, GAMMA | FLIPS, 1, Samples::Sky },
+    { "RAW16 of any words, gamma, both flips", IMAGE_16BIT, true, 2, 2, GAMMA | FLIPS },
     { "mono 8-bit, bin 2", IMAGE_8BIT, true, 1, 1, MONO, 2 },
     { "mono 16-bit, bin 2", IMAGE_16BIT, true, 2, 2, MONO, 2 },
     { "colour 8-bit, bin 2", IMAGE_8BIT, true, 1, 1, 0, 2 },
@@ -597,9 +605,12 @@ void RegisterVirtualFrame(uint16_t wProductId, const std::string& token)
 void RegisterCameraBenchmarks()
 {
     for (const Size s : g_Sizes) {
-        const Lazy<Rig> rig([=] { return std::make_unique<Rig>(s, false); }), sky([=] { return std::make_unique<Rig>(s, true); });
+        const auto rig = [=](Samples samples) { return Lazy<Rig>([=] { return std::make_unique<Rig>(s, samples); }); };
+        const std::map<Samples, Lazy<Rig>> rigs = { { Samples::Any, rig(Samples::Any) },
+                                                    { Samples::Codes, rig(Samples::Codes) },
+                                                    { Samples::Sky, rig(Samples::Sky) } };
         for (const Delivery& d : g_Deliveries)
-            RegisterGetImage(d.work & SKY ? sky : rig, s, d);
+            RegisterGetImage(rigs.at(d.samples), s, d);
     }
     for (const Size s : g_Sizes)
         RegisterCaptureLoop(s);

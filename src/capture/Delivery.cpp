@@ -264,9 +264,15 @@ std::vector<imaging::Patch> RepairedPixels(CCameraBase& cam, const imaging::Fram
     return patches;
 }
 
-// The stages up to the hot pixels. `lut` holds the gamma table meanwhile.
+// What the tables of a plan are kept in meanwhile.
+struct GammaTables {
+    imaging::ByteTable bytes;
+    imaging::WordTables words;
+};
+
+// The stages up to the hot pixels.
 imaging::FramePlan PlanSamples(CCameraBase& cam, const ModelTraits& t, const DeliveryForm& f, const Geometry& g,
-                               const uint8_t* raw, imaging::ByteTable& lut)
+                               const uint8_t* raw, GammaTables& tables)
 {
     imaging::FramePlan plan;
     plan.raw = raw;
@@ -280,10 +286,11 @@ imaging::FramePlan PlanSamples(CCameraBase& cam, const ModelTraits& t, const Del
     if (cam.m_iGamma != 50) {
         if (g.is16) {
             cam.FillGamma16();
-            plan.gamma16 = cam.m_pGamma16;
+            tables.words = imaging::SnapshotGamma16(cam.m_pGamma16);
+            plan.gamma16 = &tables.words;
         } else {
-            lut = imaging::SnapshotGamma8(cam.m_Gamma8);
-            plan.gamma8 = lut.data();
+            tables.bytes = imaging::SnapshotGamma8(cam.m_Gamma8);
+            plan.gamma8 = tables.bytes.data();
         }
     }
     return plan;
@@ -345,9 +352,9 @@ void PutImage(CCameraBase& cam, const ModelTraits& t, imaging::FramePlan plan, u
         return;
     }
     const bool colour = type == IMAGE_RGB24 || type == IMAGE_YUV;
-    const Output output = colour                                                ? (t.isColor ? Output::Colour24 : Output::Grey24)
+    const Output output = colour                                                 ? (t.isColor ? Output::Colour24 : Output::Grey24)
                           : type == IMAGE_8BIT && t.isColor && !cam.m_bRawOutput ? Output::Luminance
-                                                                                : Output::Samples;
+                                                                                 : Output::Samples;
     const auto phase = imaging::PhaseAfterFlips(cam.m_ColorBayer, plan.mirrorRows, plan.reverseRows);
     if (output != Output::Samples && plan.is16)  // the depth is being changed: these take bytes for samples
         plan = FinishInImgBuf(cam, plan, plan.width, plan.height, false);
@@ -394,7 +401,7 @@ bool DeliverImage(CCameraBase& cam, IModel& model, uint8_t* buffer, int length, 
     if (!g.is16 && cam.m_bGettingDark)
         CollectDark(cam, g, raw);
 
-    imaging::ByteTable gamma;
+    GammaTables gamma;
     imaging::FramePlan plan = PlanSamples(cam, t, f, g, raw, gamma);
     const auto patches =
         g.is16 ? RepairedPixels<uint16_t>(cam, plan, g.Pixels()) : RepairedPixels<uint8_t>(cam, plan, g.Pixels());

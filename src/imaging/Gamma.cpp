@@ -30,4 +30,12 @@ ByteTable SnapshotGamma8(const std::atomic<uint8_t>* table)
     return lut;
 }
 
+WordTables SnapshotGamma16(const std::atomic<uint16_t>* table)
+{
+    WordTables t{ .all = table, .of12 = {} };
+    for (size_t i = 0; i < t.of12.size(); ++i)
+        t.of12[i] = table[16 * i].load(std::memory_order_relaxed);
+    return t;
+}
+
 }  // namespace imaging

@@ -13,7 +13,8 @@ namespace imaging {
 void FillGamma8(std::atomic<uint8_t>* table, int hundredths);
 void FillGamma16(std::atomic<uint16_t>* table, int hundredths);
 
-// The table as it is now.
+// The table as it is now. Of the larger one, only what samples of 12 bits need is copied.
 ByteTable SnapshotGamma8(const std::atomic<uint8_t>* table);
+WordTables SnapshotGamma16(const std::atomic<uint16_t>* table);
 
 }  // namespace imaging

@@ -16,8 +16,25 @@ namespace imaging {
 namespace HWY_NAMESPACE {
 namespace hn = hwy::HWY_NAMESPACE;
 
+// Four samples come with one load, and two results leave with one store: loads and stores are what limits this.
+void MapAnyWords(const uint16_t* src, uint16_t* dst, size_t n, const std::atomic<uint16_t>* lut)
+{
+    const auto map = [lut](uint64_t v) { return uint32_t{ lut[v & 0xFFFF].load(std::memory_order_relaxed) }; };
+    size_t i = 0;
+    for (; i + 4 <= n; i += 4) {
+        uint64_t v;
+        std::memcpy(&v, src + i, sizeof v);
+        const uint32_t low = map(v) | map(v >> 16) << 16, high = map(v >> 32) | map(v >> 48) << 16;
+        std::memcpy(dst + i, &low, sizeof low);
+        std::memcpy(dst + i + 2, &high, sizeof high);
+    }
+    for (; i < n; ++i)
+        dst[i] = lut[src[i]].load(std::memory_order_relaxed);
+}
+
 #if HWY_TARGET == HWY_SCALAR  // a machine without any of the vector sets
 
+void MapWords(const uint16_t* src, uint16_t* dst, size_t n, const WordTables& t) { MapAnyWords(src, dst, n, t.all); }
 void MapBytes(const uint8_t* src, uint8_t* dst, size_t n, const uint8_t* lut)
 {
     std::transform(src, src + n, dst, [lut](uint8_t v) { return lut[v]; });
@@ -54,7 +71,7 @@ void SubtractDark(const uint8_t* src, uint8_t* dst, size_t n, uint32_t offset, c
 {
     reference::SubtractDark(src, dst, n, offset, dark);
 }
-void CopyPast(const uint8_t* src, uint8_t* dst, size_t n) { std::memcpy(dst, src, n); }
+void CopyPast(const uint8_t* src, uint8_t* dst, size_t n) { std::copy_n(src, n, dst); }
 
 #else
 
@@ -901,6 +918,38 @@ HWY_INLINE void Flip(T* buf, size_t w, size_t h, bool reverseRows, bool mirrorRo
 void Flip8(uint8_t* buf, int w, int h, bool rows, bool mirror) { Flip(buf, Size(w), Size(h), rows, mirror); }
 void Flip16(uint16_t* buf, int w, int h, bool rows, bool mirror) { Flip(buf, Size(w), Size(h), rows, mirror); }
 
+// --- words through a table ------------------------------------------------------------------------------------------
+
+// The codes of a sensor of 12 bits end in four zeros, and the table of those fits into the first cache.
+void MapWords(const uint16_t* src, uint16_t* dst, size_t n, const WordTables& t)
+{
+    const Full<uint16_t> d;
+    const size_t lanes = hn::Lanes(d);
+    auto bits = hn::Zero(d);
+    size_t i = 0;
+    for (; i + lanes <= n; i += lanes)
+        bits = hn::Or(bits, hn::LoadU(d, src + i));
+    if (i == 0 || !hn::AllTrue(d, hn::Eq(hn::And(bits, hn::Set(d, 0xF)), hn::Zero(d)))) {
+        MapAnyWords(src, dst, n, t.all);
+        return;
+    }
+    const hn::CappedTag<uint16_t, 8> d8;
+    const hn::Repartition<uint64_t, decltype(d8)> d64;
+    const auto map = [&](uint64_t v) { return t.of12[(v & 0xFFFF) >> 4]; };
+    const auto four = [&](const uint16_t* p) {
+        uint64_t v;
+        std::memcpy(&v, p, sizeof v);
+        auto r = hn::InsertLane(hn::Zero(d8), 0, map(v));
+        r = hn::InsertLane(r, 1, map(v >> 16));
+        r = hn::InsertLane(r, 2, map(v >> 32));
+        return hn::BitCast(d64, hn::InsertLane(r, 3, map(v >> 48)));
+    };
+    const size_t end = i;
+    for (i = 0; i + 8 <= end; i += 8)
+        hn::StoreU(hn::BitCast(d8, hn::InterleaveLower(four(src + i), four(src + i + 4))), d8, dst + i);
+    MapAnyWords(src + i, dst + i, n - i, t.all);
+}
+
 // --- dark frame -----------------------------------------------------------------------------------------------------
 
 // A dark value of 255 or more leaves nothing of any pixel, so eight bits of it are enough.
@@ -927,14 +976,14 @@ void CopyPast(const uint8_t* src, uint8_t* dst, size_t n)
     constexpr size_t LINE = 64, AHEAD = 8 * LINE;
     const hn::CappedTag<uint8_t, LINE> d;
     const size_t lanes = hn::Lanes(d), head = std::min((LINE - reinterpret_cast<uintptr_t>(dst) % LINE) % LINE, n);
-    std::memcpy(dst, src, head);
+    std::copy_n(src, head, dst);  // there may be nothing at all, and no memory
     size_t i = head;
     for (; i + LINE <= n; i += LINE) {
         hwy::Prefetch(src + i + AHEAD);
         for (size_t k = 0; k < LINE; k += lanes)
             hn::Stream(hn::LoadU(d, src + i + k), d, dst + i + k);
     }
-    std::memcpy(dst + i, src + i, n - i);
+    std::copy_n(src + i, n - i, dst + i);
     hwy::FlushStream();
 }
 
@@ -948,6 +997,7 @@ HWY_AFTER_NAMESPACE();
 namespace imaging {
 
 HWY_EXPORT(MapBytes);
+HWY_EXPORT(MapWords);
 HWY_EXPORT(Rotate12);
 HWY_EXPORT(Luminance);
 HWY_EXPORT(FirstBytes);
@@ -987,20 +1037,9 @@ void SubtractDark(const uint8_t* src, uint8_t* dst, size_t n, uint32_t offset, c
 }
 void CopyPast(const uint8_t* src, uint8_t* dst, size_t n) { HWY_DYNAMIC_DISPATCH(CopyPast)(src, dst, n); }
 
-// Four samples come with one load, and two results leave with one store: loads and stores are what limits this.
-void MapWords(const uint16_t* src, uint16_t* dst, size_t n, const std::atomic<uint16_t>* lut)
+void MapWords(const uint16_t* src, uint16_t* dst, size_t n, const WordTables& t)
 {
-    const auto map = [lut](uint64_t v) { return uint32_t{ lut[v & 0xFFFF].load(std::memory_order_relaxed) }; };
-    size_t i = 0;
-    for (; i + 4 <= n; i += 4) {
-        uint64_t v;
-        std::memcpy(&v, src + i, sizeof v);
-        const uint32_t low = map(v) | map(v >> 16) << 16, high = map(v >> 32) | map(v >> 48) << 16;
-        std::memcpy(dst + i, &low, sizeof low);
-        std::memcpy(dst + i + 2, &high, sizeof high);
-    }
-    for (; i < n; ++i)
-        dst[i] = lut[src[i]].load(std::memory_order_relaxed);
+    HWY_DYNAMIC_DISPATCH(MapWords)(src, dst, n, t);
 }
 
 }  // namespace imaging

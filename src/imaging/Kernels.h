@@ -1,11 +1,11 @@
 // Vector forms of the pixel operations, compiled for every instruction set that this architecture may offer; the best
 // that the machine has is chosen once per call.
 #pragma once
-#include <atomic>
 #include <cstddef>
 #include <cstdint>
 
 #include "imaging/Reference.h"
+#include "imaging/Tables.h"
 
 // Highway leaves this set of targets out unless asked for: its byte shuffles over whole tables are what demosaic and
 // gamma are made of. Every file that includes Highway has to see the same choice.
@@ -34,7 +34,7 @@ void Flip16(uint16_t* buf, int width, int height, bool reverseRows, bool mirrorR
 
 // `src` may be `dst`.
 void MapBytes(const uint8_t* src, uint8_t* dst, size_t n, const uint8_t* lut);
-void MapWords(const uint16_t* src, uint16_t* dst, size_t n, const std::atomic<uint16_t>* lut);
+void MapWords(const uint16_t* src, uint16_t* dst, size_t n, const WordTables& t);
 void Rotate12(const uint16_t* src, uint16_t* dst, size_t n);
 void SubtractDark(const uint8_t* src, uint8_t* dst, size_t n, uint32_t offset, const uint16_t* dark);
 

@@ -20,7 +20,7 @@ constexpr size_t PAD = 64;
 void Put(const uint8_t* from, uint8_t* to, size_t n, size_t whole)
 {
     if (whole < STREAM_FROM)
-        std::memcpy(to, from, n);
+        std::copy_n(from, n, to);
     else
         CopyPast(from, to, n);
 }
@@ -46,7 +46,7 @@ bool WorkSamples(const FramePlan& m, size_t at, size_t n, T* out)
         if (m.rotate12)
             Rotate12(now, out, n), now = out;
         if (m.gamma16)
-            MapWords(now, out, n, m.gamma16), now = out;
+            MapWords(now, out, n, *m.gamma16), now = out;
     } else {
         if (m.dark)
             SubtractDark(now, out, n, m.darkOffset, m.dark + at), now = out;

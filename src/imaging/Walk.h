@@ -1,7 +1,6 @@
 // One pass over a frame: from the raw rows to the rows of the output, strip by strip, so that what lies between stays in a
 // core's cache. It knows no camera: memory in, memory out.
 #pragma once
-#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <span>
@@ -34,9 +33,9 @@ struct FramePlan {
     bool rotate12 = false;           // 16 bits
     const uint16_t* dark = nullptr;  // 8 bits; one entry a raw sample
     uint32_t darkOffset = 0;
-    const uint8_t* gamma8 = nullptr;                 // 256 entries
-    const std::atomic<uint16_t>* gamma16 = nullptr;  // 65536 entries
-    std::span<const Patch> patches;                  // ascending by place; after all of the above
+    const uint8_t* gamma8 = nullptr;  // 256 entries
+    const WordTables* gamma16 = nullptr;
+    std::span<const Patch> patches;  // ascending by place; after all of the above
 
     // Of the geometry.
     bool reverseRows = false, mirrorRows = false;
