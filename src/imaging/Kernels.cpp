@@ -952,20 +952,27 @@ void MapWords(const uint16_t* src, uint16_t* dst, size_t n, const WordTables& t)
 
 // --- dark frame -----------------------------------------------------------------------------------------------------
 
-// A dark value of 255 or more leaves nothing of any pixel, so eight bits of it are enough.
-void SubtractDark(const uint8_t* src, uint8_t* dst, size_t n, uint32_t offset, const uint16_t* dark)
+// A dark value of 255 or more leaves nothing of any pixel, so eight bits of it are enough. Gives how many it has done.
+template <class D>
+size_t SubtractDarkLoop(D d8, const uint8_t* src, uint8_t* dst, size_t from, size_t n, uint32_t offset, const uint16_t* dark)
 {
-    const Full<uint8_t> d8;
-    const hn::RepartitionToWide<decltype(d8)> d16;
+    const hn::RepartitionToWide<D> d16;
     const size_t lanes = hn::Lanes(d8);
     const auto full = hn::Set(d16, 255);
     const auto add = hn::Set(d8, static_cast<uint8_t>(std::min(offset, 255u)));
-    size_t i = 0;
+    size_t i = from;
     for (; i + lanes <= n; i += lanes) {
         const auto low = hn::Min(hn::LoadU(d16, dark + i), full), high = hn::Min(hn::LoadU(d16, dark + i + lanes / 2), full);
         const auto d = hn::ConcatEven(d8, hn::BitCast(d8, high), hn::BitCast(d8, low));
         hn::StoreU(hn::SaturatedAdd(hn::SaturatedSub(hn::LoadU(d8, src + i), d), add), d8, dst + i);
     }
+    return i;
+}
+
+void SubtractDark(const uint8_t* src, uint8_t* dst, size_t n, uint32_t offset, const uint16_t* dark)
+{
+    size_t i = SubtractDarkLoop(Full<uint8_t>(), src, dst, 0, n, offset, dark);
+    i = SubtractDarkLoop(Short<uint8_t>(), src, dst, i, n, offset, dark);
     reference::SubtractDark(src + i, dst + i, n - i, offset, dark + i);
 }
 
