@@ -936,6 +936,7 @@ void MapWords(const uint16_t* src, uint16_t* dst, size_t n, const WordTables& t)
     const hn::CappedTag<uint16_t, 8> d8;
     const hn::Repartition<uint64_t, decltype(d8)> d64;
     const auto map = [&](uint64_t v) { return t.of12[(v & 0xFFFF) >> 4]; };
+    // Each insertion waits for the one before it, so two halves are put together side by side.
     const auto four = [&](const uint16_t* p) {
         uint64_t v;
         std::memcpy(&v, p, sizeof v);

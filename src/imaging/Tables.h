@@ -7,13 +7,14 @@
 namespace imaging {
 
 using ByteTable = std::array<uint8_t, 256>;
+using YuvTable = std::array<uint32_t, 256>;
+
 // A word for each sample of 16 bits, and of those the ones for samples that end in four zeros, as the codes of a sensor of 12
 // bits do.
 struct WordTables {
     const std::atomic<uint16_t>* all;  // 65536
     std::array<uint16_t, 4096> of12;
 };
-using YuvTable = std::array<uint32_t, 256>;
 
 // 65536ths per step. The products are formed in double precision and cut. Every camera's constructor asks for the same
 // values, so the tables are constants.
