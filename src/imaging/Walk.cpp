@@ -61,7 +61,7 @@ bool WorkSamples(const FramePlan& m, size_t at, size_t n, T* out)
 template <class T>
 bool WorkRow(const FramePlan& m, size_t at, size_t n, T* out, size_t next)
 {
-    constexpr size_t PIECE = 1024 / sizeof(T), LINE = 64 / sizeof(T);
+    constexpr size_t PIECE = 512 / sizeof(T), LINE = 64 / sizeof(T);
     if (!m.gamma8 && !m.gamma16)
         return WorkSamples(m, at, n, out);
     for (size_t i = 0; i < n; i += PIECE) {
