@@ -1,6 +1,7 @@
 #include "imaging/Kernels.h"
 
 #include <algorithm>
+#include <bit>
 #include <cstring>
 #include <type_traits>
 #include <utility>
@@ -17,24 +18,30 @@ namespace HWY_NAMESPACE {
 namespace hn = hwy::HWY_NAMESPACE;
 
 // Four samples come with one load, and two results leave with one store: loads and stores are what limits this.
-void MapAnyWords(const uint16_t* src, uint16_t* dst, size_t n, const std::atomic<uint16_t>* lut)
+template <bool kMirror>
+HWY_INLINE void MapAnyWords(const uint16_t* src, uint16_t* dst, size_t n, const std::atomic<uint16_t>* lut)
 {
     const auto map = [lut](uint64_t v) { return uint32_t{ lut[v & 0xFFFF].load(std::memory_order_relaxed) }; };
     size_t i = 0;
     for (; i + 4 <= n; i += 4) {
         uint64_t v;
-        std::memcpy(&v, src + i, sizeof v);
-        const uint32_t low = map(v) | map(v >> 16) << 16, high = map(v >> 32) | map(v >> 48) << 16;
-        std::memcpy(dst + i, &low, sizeof low);
-        std::memcpy(dst + i + 2, &high, sizeof high);
+        std::memcpy(&v, src + (kMirror ? n - i - 4 : i), sizeof v);
+        uint32_t first = map(v) | map(v >> 16) << 16, second = map(v >> 32) | map(v >> 48) << 16;
+        if constexpr (kMirror)
+            first = std::rotl(std::exchange(second, std::rotl(first, 16)), 16);
+        std::memcpy(dst + i, &first, sizeof first);
+        std::memcpy(dst + i + 2, &second, sizeof second);
     }
     for (; i < n; ++i)
-        dst[i] = lut[src[i]].load(std::memory_order_relaxed);
+        dst[i] = lut[src[kMirror ? n - 1 - i : i]].load(std::memory_order_relaxed);
 }
 
 #if HWY_TARGET == HWY_SCALAR  // a machine without any of the vector sets
 
-void MapWords(const uint16_t* src, uint16_t* dst, size_t n, const WordTables& t) { MapAnyWords(src, dst, n, t.all); }
+void MapWords(const uint16_t* src, uint16_t* dst, size_t n, const WordTables& t, const WordsTo& to)
+{
+    to.mirror ? MapAnyWords<true>(src, dst, n, t.all) : MapAnyWords<false>(src, dst, n, t.all);
+}
 void MapBytes(const uint8_t* src, uint8_t* dst, size_t n, const uint8_t* lut)
 {
     std::transform(src, src + n, dst, [lut](uint8_t v) { return lut[v]; });
@@ -920,35 +927,75 @@ void Flip16(uint16_t* buf, int w, int h, bool rows, bool mirror) { Flip(buf, Siz
 
 // --- words through a table ------------------------------------------------------------------------------------------
 
-// The codes of a sensor of 12 bits end in four zeros, and the table of those fits into the first cache.
-void MapWords(const uint16_t* src, uint16_t* dst, size_t n, const WordTables& t)
+constexpr size_t WORDS_OF_LINE = 32;
+
+// Whether all are codes of a sensor of 12 bits, which end in four zeros. n is a multiple of 32.
+HWY_INLINE bool Are12(const uint16_t* src, size_t n)
 {
     const Full<uint16_t> d;
-    const size_t lanes = hn::Lanes(d);
     auto bits = hn::Zero(d);
-    size_t i = 0;
-    for (; i + lanes <= n; i += lanes)
+    for (size_t i = 0; i < n; i += hn::Lanes(d))
         bits = hn::Or(bits, hn::LoadU(d, src + i));
-    if (i == 0 || !hn::AllTrue(d, hn::Eq(hn::And(bits, hn::Set(d, 0xF)), hn::Zero(d)))) {
-        MapAnyWords(src, dst, n, t.all);
-        return;
-    }
+    return hn::AllTrue(d, hn::Eq(hn::And(bits, hn::Set(d, 0xF)), hn::Zero(d)));
+}
+
+// A line of memory, by the table that fits into the first cache.
+template <bool kMirror, bool kPast>
+HWY_INLINE void MapLine12(const uint16_t* src, uint16_t* dst, const uint16_t* lut)
+{
     const hn::CappedTag<uint16_t, 8> d8;
     const hn::Repartition<uint64_t, decltype(d8)> d64;
-    const auto map = [&](uint64_t v) { return t.of12[(v & 0xFFFF) >> 4]; };
+    const auto map = [lut](uint64_t v) { return lut[(v & 0xFFFF) >> 4]; };
     // Each insertion waits for the one before it, so two halves are put together side by side.
     const auto four = [&](const uint16_t* p) {
+        constexpr size_t FLIP = kMirror ? 3 : 0;
         uint64_t v;
         std::memcpy(&v, p, sizeof v);
-        auto r = hn::InsertLane(hn::Zero(d8), 0, map(v));
-        r = hn::InsertLane(r, 1, map(v >> 16));
-        r = hn::InsertLane(r, 2, map(v >> 32));
-        return hn::BitCast(d64, hn::InsertLane(r, 3, map(v >> 48)));
+        auto r = hn::InsertLane(hn::Zero(d8), 0 ^ FLIP, map(v));
+        r = hn::InsertLane(r, 1 ^ FLIP, map(v >> 16));
+        r = hn::InsertLane(r, 2 ^ FLIP, map(v >> 32));
+        return hn::BitCast(d64, hn::InsertLane(r, 3 ^ FLIP, map(v >> 48)));
     };
-    const size_t end = i;
-    for (i = 0; i + 8 <= end; i += 8)
-        hn::StoreU(hn::BitCast(d8, hn::InterleaveLower(four(src + i), four(src + i + 4))), d8, dst + i);
-    MapAnyWords(src + i, dst + i, n - i, t.all);
+    for (size_t i = 0; i < WORDS_OF_LINE; i += 8) {
+        const uint16_t* const p = src + (kMirror ? WORDS_OF_LINE - 8 - i : i);
+        const auto all = hn::BitCast(d8, hn::InterleaveLower(four(p + (kMirror ? 4 : 0)), four(p + (kMirror ? 0 : 4))));
+        if constexpr (kPast)
+            hn::Stream(all, d8, dst + i);
+        else
+            hn::StoreU(all, d8, dst + i);
+    }
+}
+
+template <bool kMirror, bool kPast>
+void MapWordsTo(const uint16_t* src, uint16_t* dst, size_t n, const WordTables& t, const uint16_t* ahead)
+{
+    constexpr size_t MOST = 8 * WORDS_OF_LINE;
+    const auto from = [=](size_t i, size_t k) { return kMirror ? n - i - k : i; };
+    const size_t unaligned = reinterpret_cast<uintptr_t>(dst) / sizeof *dst % WORDS_OF_LINE;
+    size_t i = kPast && unaligned != 0 ? std::min(WORDS_OF_LINE - unaligned, n) : 0;
+    MapAnyWords<kMirror>(src + from(0, i), dst, i, t.all);
+    while (n - i >= WORDS_OF_LINE) {
+        const size_t end = i + std::min(MOST, (n - i) / WORDS_OF_LINE * WORDS_OF_LINE), k = end - i;
+        if (ahead)
+            for (size_t line = 0; line < k; line += WORDS_OF_LINE)
+                hwy::Prefetch(ahead + from(i, k) + line);
+        if (Are12(src + from(i, k), k)) {
+            for (; i < end; i += WORDS_OF_LINE)
+                MapLine12<kMirror, kPast>(src + from(i, WORDS_OF_LINE), dst + i, t.of12.data());
+        } else {
+            MapAnyWords<kMirror>(src + from(i, k), dst + i, k, t.all);
+            i = end;
+        }
+    }
+    MapAnyWords<kMirror>(src + from(i, n - i), dst + i, n - i, t.all);
+}
+
+void MapWords(const uint16_t* src, uint16_t* dst, size_t n, const WordTables& t, const WordsTo& to)
+{
+    if (to.past)
+        to.mirror ? MapWordsTo<true, true>(src, dst, n, t, to.ahead) : MapWordsTo<false, true>(src, dst, n, t, to.ahead);
+    else
+        to.mirror ? MapWordsTo<true, false>(src, dst, n, t, to.ahead) : MapWordsTo<false, false>(src, dst, n, t, to.ahead);
 }
 
 // --- dark frame -----------------------------------------------------------------------------------------------------
@@ -1045,9 +1092,9 @@ void SubtractDark(const uint8_t* src, uint8_t* dst, size_t n, uint32_t offset, c
 }
 void CopyPast(const uint8_t* src, uint8_t* dst, size_t n) { HWY_DYNAMIC_DISPATCH(CopyPast)(src, dst, n); }
 
-void MapWords(const uint16_t* src, uint16_t* dst, size_t n, const WordTables& t)
+void MapWords(const uint16_t* src, uint16_t* dst, size_t n, const WordTables& t, const WordsTo& to)
 {
-    HWY_DYNAMIC_DISPATCH(MapWords)(src, dst, n, t);
+    HWY_DYNAMIC_DISPATCH(MapWords)(src, dst, n, t, to);
 }
 
 }  // namespace imaging

@@ -34,9 +34,17 @@ void Flip16(uint16_t* buf, int width, int height, bool reverseRows, bool mirrorR
 
 // `src` may be `dst`.
 void MapBytes(const uint8_t* src, uint8_t* dst, size_t n, const uint8_t* lut);
-void MapWords(const uint16_t* src, uint16_t* dst, size_t n, const WordTables& t);
 void Rotate12(const uint16_t* src, uint16_t* dst, size_t n);
 void SubtractDark(const uint8_t* src, uint8_t* dst, size_t n, uint32_t offset, const uint16_t* dark);
+
+// How words that went through a table are laid down.
+struct WordsTo {
+    bool mirror = false;              // the first comes last
+    bool past = false;                // past the caches, as CopyPast does; hwy::FlushStream at the end is the caller's
+    const uint16_t* ahead = nullptr;  // as many words that are asked for meanwhile
+};
+// `src` may be `dst`, but not where it mirrors.
+void MapWords(const uint16_t* src, uint16_t* dst, size_t n, const WordTables& t, const WordsTo& to = {});
 
 // memcpy that leaves nothing of `dst` in the caches: for output of STREAM_FROM and more, whole or piece by piece. What it writes
 // over is not read, and unlike the processor's own instruction for it, this does not depend on where in a page `dst` begins.

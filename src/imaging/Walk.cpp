@@ -56,6 +56,9 @@ bool WorkSamples(const FramePlan& m, size_t at, size_t n, T* out)
     return now != raw;
 }
 
+// Words that only go through a table, which lays them down as they are wanted.
+bool OnlyMapsWords(const FramePlan& m) { return m.is16 && m.gamma16 && !m.rotate12; }
+
 // The same. A table takes about as long as memory does, so what the samples from place `next` on need is asked for meanwhile;
 // what is done sooner is better left to the machine's own prefetchers.
 template <class T>
@@ -83,6 +86,7 @@ class Walker {
 public:
     explicit Walker(const FramePlan& plan)
         : m(plan), m_width(static_cast<size_t>(plan.width)), m_rawWidth(static_cast<size_t>(plan.rawWidth)),
+          m_mapsRows(OnlyMapsWords(plan)), m_mapMirrors(m_mapsRows && plan.mirrorRows && (plan.bin == 1 || plan.flipFirst)),
           m_plainRows(!plan.rotate12 && !plan.dark && !plan.gamma8 && !plan.gamma16 && plan.patches.empty()),
           m_plainFrame(m_plainRows && plan.bin == 1 && !plan.mirrorRows && plan.rawWidth == plan.width)
     {
@@ -102,7 +106,11 @@ public:
             if (const T* const from = RowAt(y, out); from != out)
                 std::memcpy(out, from, m_width * sizeof(T));
         };
-        PutRows(dst, rowBytes, bytes, reinterpret_cast<uintptr_t>(dst) % alignof(T) == 0, row);
+        const bool suits = reinterpret_cast<uintptr_t>(dst) % alignof(T) == 0;
+        m_mapsPast = suits && m_mapsRows && m.bin == 1 && bytes >= STREAM_FROM;
+        PutRows(dst, rowBytes, bytes, suits, row);
+        if (m_mapsPast)
+            hwy::FlushStream();
     }
 
     void Grey(uint8_t* dst) requires(sizeof(T) == 1)
@@ -140,15 +148,16 @@ public:
     }
 
 private:
-    // The first `bytes` of rows that `make` writes: in place if they are small enough and the place suits, else as strips.
+    // The first `bytes` of rows that `make` writes: in place if that is small enough, or they go past the caches by themselves,
+    // and the place suits; else as strips.
     template <class Make>
-    static void PutRows(uint8_t* dst, size_t rowBytes, size_t bytes, bool suits, Make make)
+    void PutRows(uint8_t* dst, size_t rowBytes, size_t bytes, bool suits, Make make) const
     {
         const size_t step = std::max<size_t>(STRIP_BYTES / rowBytes, 1);
         std::unique_ptr<uint8_t[]> strip;
         size_t at = 0;
         int y = 0;
-        if (suits && bytes < STREAM_FROM)
+        if (suits && (bytes < STREAM_FROM || m_mapsPast))
             for (; at + rowBytes <= bytes; at += rowBytes)
                 make(y++, dst + at);
         if (at < bytes)
@@ -172,7 +181,13 @@ private:
             return RawRow(r);
         const size_t at = static_cast<size_t>(r) * m_rawWidth;
         const int next = std::clamp(m.reverseRows ? r - 1 : r + 1, 0, m.height * m.bin - 1);
-        const T* row = WorkRow(m, at, m_rawWidth, out, static_cast<size_t>(next) * m_rawWidth) ? out : RawRow(r);
+        const T* row = out;
+        if constexpr (sizeof(T) == 2) {
+            if (m_mapsRows)
+                MapWords(RawRow(r), out, m_rawWidth, *m.gamma16, { m_mapMirrors, m_mapsPast && out != Scratch(1), RawRow(next) });
+        }
+        if (!m_mapsRows && !WorkRow(m, at, m_rawWidth, out, static_cast<size_t>(next) * m_rawWidth))
+            row = RawRow(r);
         auto patch =
             std::lower_bound(m.patches.begin(), m.patches.end(), at, [](const Patch& p, size_t place) { return p.at < place; });
         if (patch == m.patches.end() || patch->at >= at + m_rawWidth)
@@ -180,7 +195,7 @@ private:
         if (row != out)
             row = static_cast<T*>(std::memcpy(out, row, m_rawWidth * sizeof(T)));
         for (; patch != m.patches.end() && patch->at < at + m_rawWidth; ++patch)
-            out[patch->at - at] = static_cast<T>(patch->value);
+            out[m_mapMirrors ? at + m_rawWidth - 1 - patch->at : patch->at - at] = static_cast<T>(patch->value);
         return row;
     }
 
@@ -240,7 +255,7 @@ private:
             std::memcpy(out, row, width * sizeof(T));
         if constexpr (sizeof(T) == 1)
             Flip8(out, static_cast<int>(width), 1, false, true);
-        else
+        else if (!m_mapMirrors)
             Flip16(out, static_cast<int>(width), 1, false, true);
         // QUIRK: at an odd width the middle column keeps its order when both flips are on.
         if (m.reverseRows && width % 2 != 0)
@@ -250,7 +265,9 @@ private:
 
     const FramePlan& m;
     const size_t m_width, m_rawWidth;
+    const bool m_mapsRows, m_mapMirrors;   // all that is done to a row is a table, which flips it too
     const bool m_plainRows, m_plainFrame;  // the raw rows, or the raw frame, are what is wanted
+    bool m_mapsPast = false;               // the table writes rows of the output past the caches
     std::unique_ptr<T[]> m_scratch;        // one row for the output, one for the odd middle, those of a bin
 };
 

@@ -1,6 +1,8 @@
 // The vector forms against the scalar reference, on every instruction set that this machine has.
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <cstring>
 #include <memory>
 #include <random>
 #include <string>
@@ -192,6 +194,48 @@ TEST_P(Kernels, WalksOfLargeFrames)
             ASSERT_EQ(got.Content(), want) << bin << colour;
             ASSERT_TRUE(got.Guarded()) << bin << colour;
         }
+}
+
+// Rows of 12-bit codes and of any words take turns, in pieces too; large frames go past the caches, except at odd addresses.
+TEST_P(Kernels, WordsThroughATable)
+{
+    const auto values = Data<uint16_t>(65536, RANDOM, 14);
+    const std::vector<std::atomic<uint16_t>> all(values.begin(), values.end());
+    WordTables tables{ all.data(), {} };
+    for (size_t i = 0; i < tables.of12.size(); ++i)
+        tables.of12[i] = values[i << 4];
+    for (const auto& [w, h] : { std::pair{ 3000, 1420 }, { 3001, 1421 }, { 700, 7 }, { 33, 5 } }) {
+        const size_t width = static_cast<size_t>(w), n = width * static_cast<size_t>(h);
+        auto raw = Data<uint16_t>(n, RANDOM, 15);
+        for (size_t i = 0; i < n; ++i)
+            if (i / width % 3 != 0 && i % 1500 != 299)
+                raw[i] &= 0xFFF0;
+        const std::vector<Patch> patches = { { 0, 1 }, { width - 1, 2 }, { 2 * width + 5, 3 }, { n / 2, 4 }, { n - 2, 5 } };
+        for (int k = 0; k < 12; ++k) {
+            const bool reverse = k & 1, mirror = k & 2;
+            const size_t shift = static_cast<size_t>(k / 4);
+            FramePlan plan;
+            plan.raw = reinterpret_cast<const uint8_t*>(raw.data());
+            plan.is16 = true;
+            plan.rawWidth = plan.width = w;
+            plan.height = h;
+            plan.gamma16 = &tables;
+            plan.patches = patches;
+            plan.reverseRows = reverse;
+            plan.mirrorRows = mirror;
+            plan.bytes = 2 * n;
+            std::vector<uint16_t> want;
+            for (const uint16_t v : raw)
+                want.push_back(values[v]);
+            for (const Patch& patch : patches)
+                want[patch.at] = patch.value;
+            reference::Flip(want.data(), w, h, reverse, mirror);
+            Block<uint8_t> got(2 * n + 2);
+            Walk(plan, got.data() + shift);
+            ASSERT_EQ(std::memcmp(got.data() + shift, want.data(), 2 * n), 0) << w << " " << k;
+            ASSERT_TRUE(got.Guarded()) << w << " " << k;
+        }
+    }
 }
 
 // All sums of the luminance, over a lattice that holds every value of each byte with every value of another.
