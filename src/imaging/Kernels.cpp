@@ -112,7 +112,7 @@ public:
 private:
     __m512i m_part[4];
 };
-#  elif HWY_TARGET == HWY_AVX2 || HWY_TARGET == HWY_AVX3
+#  elif HWY_TARGET == HWY_AVX2
 #    define KOV_SHUFFLED_TABLE 1
 // 16 entries a shuffle, which gives 0 to lanes with bit 7 set. Index i, less 16 a step without wrapping, takes part in the
 // steps up to its own; each holds by what its part differs from the one before, so the last one taken is what remains. The
@@ -457,10 +457,10 @@ HWY_INLINE V16 WithGain(V16 v, uint16_t factor)
 // Where pixels of a row go: that of column `first` to `at`, the others before and behind it.
 template <bool kY8>
 struct PixelRow {
-    static constexpr ptrdiff_t kBytes = kY8 ? 1 : 3;
+    static constexpr ptrdiff_t BYTES = kY8 ? 1 : 3;
     uint8_t* at;
     ptrdiff_t first;
-    uint8_t* Pixel(ptrdiff_t x) const { return at + kBytes * (x - first); }
+    uint8_t* Pixel(ptrdiff_t x) const { return at + BYTES * (x - first); }
 };
 
 // What does not change along an inner row.
@@ -591,7 +591,7 @@ public:
     }
 
 private:
-    PixelRow<kY8> Row(ptrdiff_t y) const { return { m_dst + y * m_width * PixelRow<kY8>::kBytes, 0 }; }
+    PixelRow<kY8> Row(ptrdiff_t y) const { return { m_dst + y * m_width * PixelRow<kY8>::BYTES, 0 }; }
 
     // The cells of columns fromX to toX. The lower row need not be there.
     void Cells(ptrdiff_t y, ptrdiff_t fromX, ptrdiff_t toX, PixelRow<kY8> upper, PixelRow<kY8> lower) const

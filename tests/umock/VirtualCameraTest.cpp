@@ -22,7 +22,7 @@
 #include "virtual/VirtualBus.h"
 
 #ifdef KOV_TEST_KOVCAM
-int kovcam_main(int argc, char** argv);
+#  include "kovcam/Run.h"
 #endif
 
 static std::atomic<int> g_iInits = 0, g_iLists = 0;
@@ -246,7 +246,7 @@ static int Kovcam(std::vector<std::string> words)
     for (std::string& w : words)
         argv.push_back(w.data());
     argv.push_back(nullptr);
-    return kovcam_main(int(words.size()), argv.data());
+    return kovcam::Run(int(words.size()), argv.data(), nullptr);
 }
 
 TEST_F(LibusbCamera, KovcamListsTheCameraAndTakesASnap)

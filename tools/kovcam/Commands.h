@@ -20,8 +20,6 @@ void AddDarkCommands(CLI::App& app, Globals& g);
 void AddCoolCommands(CLI::App& app, Globals& g);
 // guide, id, firmware
 void AddDeviceCommands(CLI::App& app, Globals& g);
-// serve; not on Windows
-void AddServeCommand(CLI::App& app, Globals& g);
 // doctor
 void AddDoctorCommand(CLI::App& app, Globals& g);
 // comply

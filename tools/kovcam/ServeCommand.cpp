@@ -2,6 +2,7 @@
 
 #include "kovcam/Camera.h"
 #include "kovcam/Commands.h"
+#include "kovcam/Run.h"
 #include "kovcam/serve/Server.h"
 
 namespace kovcam {
