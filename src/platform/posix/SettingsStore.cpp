@@ -218,6 +218,18 @@ int Walk(const Db& db, Row row)
     }
 }
 
+// SQLITE_OK, or what is wrong with the file's pages. Rows are found and written in some files in which others are then lost.
+int QuickCheck(const Db& db)
+{
+    const Statement s = Prepare(db, "PRAGMA quick_check(1)");
+    if (!s)
+        return sqlite3_errcode(db.get());
+    if (const int rc = sqlite3_step(s.get()); rc != SQLITE_ROW)
+        return rc;
+    const auto* const result = reinterpret_cast<const char*>(sqlite3_column_text(s.get(), 0));
+    return result && std::strcmp(result, "ok") != 0 ? SQLITE_CORRUPT : SQLITE_OK;
+}
+
 constexpr auto NOTHING = [](const std::string&, const std::string&, const Statement&) {};
 
 // --- a damaged file ---------------------------------------------------------------------------------------------------
@@ -246,15 +258,10 @@ bool IsDamagedNow(const fs::path& path)
     if (IsOfNoFormat(path))
         return true;
     const Db db = OpenDatabase(path, false, READ_BUSY_MS);
-    const Statement s = db ? Prepare(db, "PRAGMA quick_check(1)") : nullptr;
-    if (!s)
-        return db && IsDamageStill(sqlite3_errcode(db.get()));
-    const int rc = sqlite3_step(s.get());
-    if (rc != SQLITE_ROW)
+    if (!db)
+        return false;
+    if (const int rc = QuickCheck(db); rc != SQLITE_OK)
         return IsDamageStill(rc);
-    const auto* const result = reinterpret_cast<const char*>(sqlite3_column_text(s.get(), 0));
-    if (result && std::strcmp(result, "ok") != 0)
-        return true;
     const int rows = Walk(db, NOTHING);
     if (rows != SQLITE_ERROR && IsDamageStill(rows))  // SQLITE_ERROR: there may be no table yet
         return true;
@@ -300,6 +307,8 @@ int WriteRows(const Db& db, const Changes& changes, const std::set<std::string, 
     const auto why = [&] { return sqlite3_errcode(db.get()); };
     if (!Execute(db, "BEGIN IMMEDIATE"))
         return why();
+    if (const int rc = QuickCheck(db); rc != SQLITE_OK)
+        return rc;
     if (!Execute(db,
                  "CREATE TABLE IF NOT EXISTS setting (key TEXT NOT NULL COLLATE NOCASE, "
                  "name TEXT NOT NULL COLLATE NOCASE, type INTEGER NOT NULL, bytes BLOB NOT NULL, "
