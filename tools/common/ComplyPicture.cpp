@@ -346,7 +346,7 @@ void ComplyRunner::Light()
     Set(CTRL_GAIN, Find(CTRL_GAIN)->caps.MinValue);
     const double top = TopSample(m_type);
     m_dark = LevelAt(Find(CTRL_EXPOSURE)->caps.MinValue);
-    for (double us = 500; us <= 2e6; us *= 2) {
+    for (int us = 500; us <= 2000000; us *= 2) {
         const double level = LevelAt(us);
         if (level > 0.9 * top)
             break;
