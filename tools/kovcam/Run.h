@@ -1,7 +1,7 @@
 // kovcam: the cameras from the command line.
 #pragma once
 
-namespace CLI {
+namespace CLI {  // NOLINT(readability-identifier-naming): the parser's own name
 class App;
 }
 

@@ -135,12 +135,16 @@ public:
     {
         std::vector<double> out;
         if (m_plainTicks) {
-            for (double v = std::ceil(std::pow(10, m_low) / m_step) * m_step; v <= std::pow(10, m_high); v += m_step)
-                out.push_back(v);
+            const double first = std::ceil(std::pow(10, m_low) / m_step) * m_step;
+            for (int i = 0; first + i * m_step <= std::pow(10, m_high); ++i)
+                out.push_back(first + i * m_step);
             return out;
         }
-        for (double v = m_log ? m_low : m_first; v <= m_high + m_step * 1e-6; v += m_step)
+        const double first = m_log ? m_low : m_first;
+        for (int i = 0; first + i * m_step <= m_high + m_step * 1e-6; ++i) {
+            const double v = first + i * m_step;
             out.push_back(m_log ? std::pow(10, v) : std::abs(v) < m_step * 1e-6 ? 0 : v);
+        }
         return out;
     }
     std::string Label(double v) const
