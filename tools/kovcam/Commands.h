@@ -3,6 +3,8 @@
 #include <CLI/CLI.hpp>
 #include <string>
 
+#include "kovcam/serve/Server.h"
+
 namespace kovcam {
 
 struct Globals {
@@ -20,6 +22,8 @@ void AddDarkCommands(CLI::App& app, Globals& g);
 void AddCoolCommands(CLI::App& app, Globals& g);
 // guide, id, firmware
 void AddDeviceCommands(CLI::App& app, Globals& g);
+// serve
+void AddServeCommand(CLI::App& app, decltype(&kovserve::Serve) serve);
 // doctor
 void AddDoctorCommand(CLI::App& app, Globals& g);
 // comply

@@ -37,7 +37,8 @@ static void CheckVerb(const CLI::App& app, const std::vector<std::string>& argum
     }
 }
 
-int Run(int argc, char** argv, AddCommands more)  // NOLINT(bugprone-exception-escape): without memory there is nobody to tell
+int Run(int argc, char** argv,
+        decltype(&kovserve::Serve) serve)  // NOLINT(bugprone-exception-escape): without memory there is nobody to tell
 {
     CLI::App app(
         "kovcam - astronomy cameras from the command line\n"
@@ -64,8 +65,8 @@ int Run(int argc, char** argv, AddCommands more)  // NOLINT(bugprone-exception-e
     AddDarkCommands(app, g);
     AddCoolCommands(app, g);
     AddDeviceCommands(app, g);
-    if (more)
-        more(app, g);
+    if (serve)
+        AddServeCommand(app, serve);
     AddDoctorCommand(app, g);
     AddComplyCommand(app, g);
     std::string controls;

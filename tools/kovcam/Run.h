@@ -1,19 +1,10 @@
 // kovcam: the cameras from the command line.
 #pragma once
-
-namespace CLI {  // NOLINT(readability-identifier-naming): the parser's own name
-class App;
-}
+#include "kovcam/serve/Server.h"
 
 namespace kovcam {
 
-struct Globals;
-using AddCommands = void (*)(CLI::App& app, Globals& g);
-
-// The program, with `more` of its commands where that is not null; the exit code.
-int Run(int argc, char** argv, AddCommands more);
-
-// serve, which links the shared library and is not built for Windows.
-void AddServeCommand(CLI::App& app, Globals& g);
+// The program; the exit code. `serve` is kovserve::Serve where that is linked, else null: there is no such command then.
+int Run(int argc, char** argv, decltype(&kovserve::Serve) serve);
 
 }  // namespace kovcam

@@ -2,12 +2,10 @@
 
 #include "kovcam/Camera.h"
 #include "kovcam/Commands.h"
-#include "kovcam/Run.h"
-#include "kovcam/serve/Server.h"
 
 namespace kovcam {
 
-void AddServeCommand(CLI::App& app, Globals&)
+void AddServeCommand(CLI::App& app, decltype(&kovserve::Serve) serve)
 {
     auto* p = app.add_subcommand("serve", "All cameras in a browser, and for clients that speak ASCOM Alpaca; Ctrl-C ends it");
     auto o = std::make_shared<kovserve::ServerOptions>();
@@ -22,9 +20,9 @@ void AddServeCommand(CLI::App& app, Globals&)
         ->capture_default_str();
     p->add_option("--host", o->hostName, "A name by which browsers call this machine, beside its addresses and its own name");
     p->add_option("--folder", *folder, "Where pictures and recordings go")->check(CLI::ExistingDirectory)->capture_default_str();
-    p->callback([o, folder] {
+    p->callback([o, folder, serve] {
         o->folder = *folder;
-        kovserve::Serve(*o, [] { return Interrupted(); });
+        serve(*o, [] { return Interrupted(); });
     });
 }
 

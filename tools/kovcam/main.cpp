@@ -3,7 +3,7 @@
 int main(int argc, char** argv)
 {
 #ifdef KOV_SERVES
-    return kovcam::Run(argc, argv, kovcam::AddServeCommand);
+    return kovcam::Run(argc, argv, kovserve::Serve);
 #else
     return kovcam::Run(argc, argv, nullptr);
 #endif
