@@ -183,7 +183,7 @@ private:
         const int next = std::clamp(m.reverseRows ? r - 1 : r + 1, 0, m.height * m.bin - 1);
         const T* row = out;
         if constexpr (sizeof(T) == 2) {
-            if (m_mapsRows)
+            if (m_mapsRows)  // the second scratch row is looked at again at once
                 MapWords(RawRow(r), out, m_rawWidth, *m.gamma16, { m_mapMirrors, m_mapsPast && out != Scratch(1), RawRow(next) });
         }
         if (!m_mapsRows && !WorkRow(m, at, m_rawWidth, out, static_cast<size_t>(next) * m_rawWidth))
