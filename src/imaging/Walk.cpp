@@ -56,9 +56,6 @@ bool WorkSamples(const FramePlan& m, size_t at, size_t n, T* out)
     return now != raw;
 }
 
-// Words that only go through a table, which lays them down as they are wanted.
-bool OnlyMapsWords(const FramePlan& m) { return m.is16 && m.gamma16 && !m.rotate12; }
-
 // The same. A table takes about as long as memory does, so what the samples from place `next` on need is asked for meanwhile;
 // what is done sooner is better left to the machine's own prefetchers.
 template <class T>
@@ -86,7 +83,8 @@ class Walker {
 public:
     explicit Walker(const FramePlan& plan)
         : m(plan), m_width(static_cast<size_t>(plan.width)), m_rawWidth(static_cast<size_t>(plan.rawWidth)),
-          m_mapsRows(OnlyMapsWords(plan)), m_mapMirrors(m_mapsRows && plan.mirrorRows && (plan.bin == 1 || plan.flipFirst)),
+          m_mapsRows(plan.is16 && plan.gamma16 && !plan.rotate12),
+          m_mapMirrors(m_mapsRows && plan.mirrorRows && (plan.bin == 1 || plan.flipFirst)),
           m_plainRows(!plan.rotate12 && !plan.dark && !plan.gamma8 && !plan.gamma16 && plan.patches.empty()),
           m_plainFrame(m_plainRows && plan.bin == 1 && !plan.mirrorRows && plan.rawWidth == plan.width)
     {
