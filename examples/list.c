@@ -13,8 +13,8 @@ static void PrintControls(int id)
         if (KOVGetControlCaps(id, i, &caps) != KOV_SUCCESS ||
             KOVGetControlValue(id, caps.ControlType, &value, &automatic) != KOV_SUCCESS)
             continue;
-        printf("    %-22s %8d  (%d to %d, usually %d)%s%s\n", caps.Name, value, caps.MinValue, caps.MaxValue,
-               caps.DefaultValue, automatic ? "  automatic" : "", caps.IsWritable ? "" : "  read only");
+        printf("    %-22s %8d  (%d to %d, usually %d)%s%s\n", caps.Name, value, caps.MinValue, caps.MaxValue, caps.DefaultValue,
+               automatic ? "  automatic" : "", caps.IsWritable ? "" : "  read only");
     }
 }
 
@@ -26,8 +26,8 @@ int main(void)
         KOV_CAMERA_INFO info;
         if (KOVGetCameraProperty(&info, id) != KOV_SUCCESS)
             continue; /* a model that this version of the library does not know */
-        printf("\n%d: %s, %d x %d pixels of %.2f um, %s%s\n", id, info.Name, info.MaxWidth, info.MaxHeight,
-               info.PixelSize, info.IsColorCam ? "colour" : "mono", info.IsCooled ? ", cooled" : "");
+        printf("\n%d: %s, %d x %d pixels of %.2f um, %s%s\n", id, info.Name, info.MaxWidth, info.MaxHeight, info.PixelSize,
+               info.IsColorCam ? "colour" : "mono", info.IsCooled ? ", cooled" : "");
         printf("    bins:");
         for (int i = 0; i < 16 && info.SupportedBins[i] != 0; ++i)
             printf(" %d", info.SupportedBins[i]);

@@ -54,7 +54,7 @@ void Write(LogLevel level, std::string_view room, const char* format, ...);
 
 // The camera that the calling thread works for. A thread of the library starts with that of the thread that started it.
 struct Camera {
-    int id = -1;                   // of the C interface; -1: none
+    int id = -1;                 // of the C interface; -1: none
     const char* name = nullptr;  // static text
 };
 Camera CurrentCamera();

@@ -15,7 +15,7 @@ enum class Family : uint8_t {
 
 struct ProductName {
     uint16_t productId;  // 0 ends the list
-    const char* name;   // name after open, or nullptr: the constructor's stays
+    const char* name;    // name after open, or nullptr: the constructor's stays
 };
 
 struct PhaseRow {
@@ -55,12 +55,12 @@ enum : uint8_t { CLOSE_LINK = 1, CLOSE_CLEARS_POINTER = 2 };
 
 struct ModelTraits {
     Family family;
-    const char* className;            // "CCameraSQuartzCol"
-    const char* name;             // model string
-    const wchar_t* key;           // settings key
+    const char* className;         // "CCameraSQuartzCol"
+    const char* name;              // model string
+    const wchar_t* key;            // settings key
     int guidSlot = 10;             // 1 to 10
     ProductName products[6] = {};  // accepted by OpenCamera
-    int width, height;            // sensor pixels
+    int width, height;             // sensor pixels
     double pixelSize;              // um
     BayerPattern bayer;
     bool isColor = true, isUsb3 = true, hasCooler = false;
@@ -71,7 +71,7 @@ struct ModelTraits {
     Range brightness;
     int32_t bandwidthMin = 40, bandwidthMax = 100;
     int32_t fpsPerc = 80, fpsPercUsb3 = 80;
-    int32_t clock, hmax;           // start values; clock in kHz or MHz by family
+    int32_t clock, hmax;          // start values; clock in kHz or MHz by family
     int32_t maxExposure;          // us
     int32_t autoGainMax = 0;      // 0: the base's stays
     int32_t autoExpMaxCap = -1;   // s; -1: none
@@ -79,10 +79,10 @@ struct ModelTraits {
     uint8_t types = TYPES_COLOR;  // TYPE_
     uint8_t start;                // START_
     uint8_t close = CLOSE_LINK | CLOSE_CLEARS_POINTER;
-    int8_t bins[5];          // supported bins, zero-ended
-    int8_t controls[20];     // control list, ended by -1
+    int8_t bins[5];           // supported bins, zero-ended
+    int8_t controls[20];      // control list, ended by -1
     PhaseRow phases[4] = {};  // hot-pixel shifts of hardware binning
-    bool isDdr = false;        // hardware binning sums
+    bool isDdr = false;       // hardware binning sums
 };
 
 // Another model's row under names of its own. Variants of the product ID stay accepted.

@@ -38,8 +38,7 @@ ChunkQueue::Result CaptureLoop::LongFrame()
         w.first = m_form.longFirst != 0 ? m_form.longFirst : uint32_t(std::max<int64_t>(m_frameTime / 1000, 2000));
     if (m_form.longWay != LongWay::Ebony) {
         w.isCapped = false;
-        w.next = m_form.longFixed != 0 ? m_form.longFixed
-                                           : uint32_t(Per(m_frameTime / 1000, m_queue.Count())) + m_form.longShare;
+        w.next = m_form.longFixed != 0 ? m_form.longFixed : uint32_t(Per(m_frameTime / 1000, m_queue.Count())) + m_form.longShare;
     }
     w.failed = m_form.longFixed != 0 ? m_form.longFixed : 1;
     const ChunkQueue::Result r = m_queue.ReadFrame(w);

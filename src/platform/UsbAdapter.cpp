@@ -90,7 +90,7 @@ struct Request {
     XferRecord* record = nullptr;
     SetupPacket setup{};        // control only
     std::vector<uint8_t> data;  // control and buffered; a direct transfer lands in the caller's buffer
-    uint32_t head = 0;        // bytes of the result that precede the data
+    uint32_t head = 0;          // bytes of the result that precede the data
     bool control = false;
     // Under the device's mutex:
     bool done = false;

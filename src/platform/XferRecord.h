@@ -15,8 +15,8 @@ struct XferRecord {
     SetupPacket setup;  // control only
     uint8_t reserved;
     uint8_t bEndpointAddress;  // 0 for control
-    uint32_t ntStatus;       // filled by the driver
-    uint32_t usbdStatus;     // filled by the driver
+    uint32_t ntStatus;         // filled by the driver
+    uint32_t usbdStatus;       // filled by the driver
     uint32_t isoPacketOffset;
     uint32_t isoPacketLength;  // bytes, 8 a packet
     uint32_t bufferOffset;     // 38 when data follow, 0 for direct transfers

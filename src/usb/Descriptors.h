@@ -13,7 +13,7 @@ struct InterfaceObject {
     CCyUSBEndPoint* endPoints[32] = {};  // entry 0 belongs to the control endpoint, which CUsbLink owns
     uint8_t bLength = 0, bDescriptorType = 0, bInterfaceNumber = 0, bAlternateSetting = 0, bNumEndpoints = 0;
     uint8_t bInterfaceClass = 0, bInterfaceSubClass = 0, bInterfaceProtocol = 0, iInterface = 0;
-    uint8_t altSettings = 0;   // interface objects with the same number
+    uint8_t altSettings = 0;    // interface objects with the same number
     uint16_t wTotalLength = 0;  // head and endpoint descriptors
     ~InterfaceObject();         // deletes entries 1 and up
 };

@@ -11,14 +11,18 @@ enum { W = 1936, H = 1096 };
 
 static int g_failures;
 
-static void Check(int ok, const char *what, int line, long got, long want)
+static void Check(int ok, const char* what, int line, long got, long want)
 {
     if (ok)
         return;
     fprintf(stderr, "capi.c:%d: %s: %ld instead of %ld\n", line, what, got, want);
     ++g_failures;
 }
-#define IS(expr, want) do { const long got_ = (long)(expr); Check(got_ == (long)(want), #expr, __LINE__, got_, (long)(want)); } while (0)
+#define IS(expr, want)                                                \
+  do {                                                                \
+    const long got_ = (long)(expr);                                   \
+    Check(got_ == (long)(want), #expr, __LINE__, got_, (long)(want)); \
+  } while (0)
 
 /* Every function that takes an ID and has no answer of its own for a camera that is not there. */
 static void AllAnswer(int32_t id, KOV_ERROR_CODE code)
@@ -178,16 +182,16 @@ static void Region(void)
     IS(KOVSetROIFormat(0, 640, 480, 1, IMG_RAW8), KOV_SUCCESS);
 }
 
-static void Put(FILE *f, uint32_t value, int bytes)
+static void Put(FILE* f, uint32_t value, int bytes)
 {
     for (; bytes > 0; --bytes, value >>= 8)
         fputc((int)(value & 0xFF), f);
 }
 
 /* An 8-bit BMP whose head tells the size, and nothing behind it but zeros. */
-static void WriteBmp(const char *path, uint32_t w, uint32_t h)
+static void WriteBmp(const char* path, uint32_t w, uint32_t h)
 {
-    FILE *f = fopen(path, "wb");
+    FILE* f = fopen(path, "wb");
     uint32_t i;
     if (f == NULL) {
         ++g_failures;
@@ -217,7 +221,7 @@ static void Dark(void)
     WriteBmp("capi-small.bmp", 64, 64);
     IS(KOVEnableDarkSubtract(0, "capi-small.bmp", &flag), KOV_ERROR_BAD_FILE);
     {
-        FILE *f = fopen("capi-text.bmp", "wb");
+        FILE* f = fopen("capi-text.bmp", "wb");
         if (f != NULL) {
             fputs("no picture", f);
             fclose(f);
@@ -235,7 +239,7 @@ static void Dark(void)
     IS(flag, KOV_FALSE);
 }
 
-static void Video(uint8_t *buffer)
+static void Video(uint8_t* buffer)
 {
     const int32_t size = 640 * 480;
     int32_t dropped = -1;
@@ -261,7 +265,7 @@ static void Video(uint8_t *buffer)
     IS(KOVStopVideoCapture(0), KOV_SUCCESS);
 }
 
-static void Exposure(uint8_t *buffer)
+static void Exposure(uint8_t* buffer)
 {
     const int32_t size = 640 * 480;
     KOV_EXPOSURE_STATUS status = EXP_FAILED;
@@ -296,7 +300,7 @@ static void GuideAndId(void)
         IS(KOVPulseGuideOff(0, (KOV_GUIDE_DIRECTION)i), KOV_SUCCESS);
     }
     IS(KOVPulseGuideOn(0, (KOV_GUIDE_DIRECTION)7), KOV_SUCCESS); /* whatever comes of it */
-    IS(KOVGetID(0, &read), KOV_ERROR_GENERAL); /* none stored */
+    IS(KOVGetID(0, &read), KOV_ERROR_GENERAL);                   /* none stored */
     IS(KOVSetID(0, mine), KOV_SUCCESS);
     IS(KOVGetID(0, &read), KOV_SUCCESS);
     IS(memcmp(&read, &mine, sizeof mine), 0);
@@ -304,7 +308,7 @@ static void GuideAndId(void)
 
 int main(void)
 {
-    uint8_t *buffer = malloc(W * H);
+    uint8_t* buffer = malloc(W * H);
     if (buffer == NULL)
         return 2;
     BeforeOpen();

@@ -96,7 +96,7 @@ public:
     std::function<void(const Request&, uint8_t* pData, uint16_t wLength)> OnIn;
     std::function<bool(const Request&)> OnFail;
     std::function<void()> OnAbortControl;
-    bool keepsTimeLimits = false;  // then OnIn and OnFail take no longer than the request's limit
+    bool keepsTimeLimits = false;                           // then OnIn and OnFail take no longer than the request's limit
     usbstack::Status failStatus = usbstack::Status::Stall;  // what a failed request gives
     std::function<int64_t(uint8_t* pData, uint32_t dwLength)> OnBulk;
 

@@ -6,7 +6,7 @@
 
 static HMODULE g_hLibrary;
 
-static void (*Find(const char *name))(void)
+static void (*Find(const char* name))(void)
 {
     FARPROC p = GetProcAddress(g_hLibrary, name);
     if (!p) {
@@ -18,7 +18,7 @@ static void (*Find(const char *name))(void)
 #define FN(name) ((__typeof__(&name))Find(#name))
 #include "Calls.h"
 
-int main(int argc, char **argv)
+int main(int argc, char** argv)
 {
     g_hLibrary = LoadLibraryA(argc > 1 ? argv[1] : "KOVCamera2.dll");
     if (!g_hLibrary) {

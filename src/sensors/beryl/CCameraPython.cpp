@@ -24,10 +24,10 @@ void Run(CCameraBase& cam, std::span<const Field> fields)
 // One row a readout mode.
 struct Program {
     std::span<const RegEntry> words;  // registers 384 and up
-    uint8_t mode;                    // 194[0] and [1]
+    uint8_t mode;                     // 194[0] and [1]
     uint8_t b215, b65;                // 215[10], 65[12-15]
-    bool second;                     // MSC and MSL: a second integration program
-    uint8_t integration;             // offsets of the parts, from register 384
+    bool second;                      // MSC and MSL: a second integration program
+    uint8_t integration;              // offsets of the parts, from register 384
     uint8_t secondA, secondB;
     uint8_t readout1, readout2, readout3;
     bool zeroRot;
@@ -55,8 +55,8 @@ void Load(CCameraBase& cam, const Program& p)
         cam.WriteCameraRegister_B(reg, first, last, value);
     };
     const Field setup[] = {
-        { 192, 0, 0, 0 }, { 192, 1, 1, 0 },  { 194, 0, 0, p.mode },  { 194, 1, 1, p.mode }, { 42, 12, 15, 4 },
-        { 43, 0, 0, 0 },  { 42, 8, 10, 1 },  { 42, 4, 6, 1 },         { 43, 4, 6, 0 },        { 72, 4, 6, 1 },
+        { 192, 0, 0, 0 }, { 192, 1, 1, 0 },  { 194, 0, 0, p.mode },   { 194, 1, 1, p.mode }, { 42, 12, 15, 4 },
+        { 43, 0, 0, 0 },  { 42, 8, 10, 1 },  { 42, 4, 6, 1 },         { 43, 4, 6, 0 },       { 72, 4, 6, 1 },
         { 72, 8, 10, 0 }, { 72, 12, 14, 0 }, { 215, 10, 10, p.b215 }, { 41, 0, 3, 15 },
     };
     Run(cam, setup);

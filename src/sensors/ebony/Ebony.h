@@ -12,15 +12,15 @@ struct EbonyTraits {
     FpgaTraits fpga;
     ExposureLaw law;
     std::span<const RegEntry> initTable, modeFull, modeBin3;
-    bool formatFollowsBin;                              // FPGA 10 is 16 or 0 in hardware bin 3
-    int32_t minFull, minBin3;                          // shortest line, clocks
-    uint8_t fpgaYFull, fpgaYBin3;                      // FPGA 6
-    int lineMargin;                                     // lines beyond the picture that the sensor sends
-    int columnOffset;                                   // first column in FPGA 2, 3
-    int topFull, topBin3;                              // first row of the sensor
-    int roundBin3;                                      // start column at bin 3 is a multiple of it; 0: of 4 as ever
-    uint8_t standbyBin3;                                   // standby register when streaming in hardware bin 3
-    int gainLimitBin3;                                  // 0.1 dB of analog gain in hardware bin 3
+    bool formatFollowsBin;                           // FPGA 10 is 16 or 0 in hardware bin 3
+    int32_t minFull, minBin3;                        // shortest line, clocks
+    uint8_t fpgaYFull, fpgaYBin3;                    // FPGA 6
+    int lineMargin;                                  // lines beyond the picture that the sensor sends
+    int columnOffset;                                // first column in FPGA 2, 3
+    int topFull, topBin3;                            // first row of the sensor
+    int roundBin3;                                   // start column at bin 3 is a multiple of it; 0: of 4 as ever
+    uint8_t standbyBin3;                             // standby register when streaming in hardware bin 3
+    int gainLimitBin3;                               // 0.1 dB of analog gain in hardware bin 3
     uint16_t regBlue, regRed, regGreen1, regGreen2;  // analog gain words, 2 bytes each
     int redShift;
     int expLinesBin3;  // lines counted for an output line in hardware bin 3, by exposure and frame rate

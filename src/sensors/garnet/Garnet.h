@@ -9,7 +9,7 @@
 
 // Shared by all cameras of one class.
 struct GarnetVars {
-    std::atomic<uint16_t> at70{ 0 }, at55{ 0 };  // thermometer words of 70 and 55 degrees, 0 until read
+    std::atomic<uint16_t> at70{ 0 }, at55{ 0 };   // thermometer words of 70 and 55 degrees, 0 until read
     std::atomic<float> lastTemp{ 0 };             // degrees Celsius
     std::atomic<int32_t> bandwidthDivisor{ 91 };  // _S: megabytes per second of the full frame rate
 };

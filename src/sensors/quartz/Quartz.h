@@ -12,17 +12,17 @@ struct QuartzTraits {
     FpgaTraits fpga;
     ExposureLaw law;
     std::span<const RegEntry> initTable, initAfter;  // register table, and the bytes after it
-    uint16_t regTail;                               // byte cleared after the clock has started
+    uint16_t regTail;                                // byte cleared after the clock has started
     uint16_t regOutput;
-    uint8_t outputFast, outputNormal;     // 8-bit high speed, and all else
-    bool readoutTrim;                      // three more bytes follow the output mode
+    uint8_t outputFast, outputNormal;    // 8-bit high speed, and all else
+    bool readoutTrim;                    // three more bytes follow the output mode
     int32_t clkBin, clkNormal, clkFast;  // kHz
     int32_t minBin, minNormal, minFast;  // shortest line, clocks
-    bool clockKeepsGain;                   // the clock register carries the high-gain bit
+    bool clockKeepsGain;                 // the clock register carries the high-gain bit
     uint16_t regWidth, regHeight;
     uint8_t fpgaXBin, fpgaYBin, fpgaX, fpgaY;  // FPGA 2 and 6 in hardware bin 2, and otherwise
-    int highGainAbove;                            // 0.1 dB; 0: no second amplifier range
-    int gainStep, gainBytes;                     // 0.1 dB a step of the gain register, and its width
+    int highGainAbove;                         // 0.1 dB; 0: no second amplifier range
+    int gainStep, gainBytes;                   // 0.1 dB a step of the gain register, and its width
     bool gainHeld;
     bool fpsFromLine;  // CalcMaxFPS counts lines instead of the frame time
 };
