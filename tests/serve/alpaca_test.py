@@ -233,8 +233,12 @@ class AlpacaTest(unittest.TestCase):
         with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as u:
             u.settimeout(5)
             u.sendto(b"nonsense", ("127.0.0.1", self.s.discovery))
+            u.sendto(b"alpacadiscovery1", ("127.0.0.2", self.s.discovery))  # where nobody listens
             u.sendto(b"alpacadiscovery1", ("127.0.0.1", self.s.discovery))
-            self.assertEqual(json.loads(u.recv(100)), {"AlpacaPort": self.s.port})
+            answer, address = u.recvfrom(100)
+            self.assertEqual((json.loads(answer), address), ({"AlpacaPort": self.s.port}, ("127.0.0.1", self.s.discovery)))
+            u.settimeout(0.5)
+            self.assertRaises(TimeoutError, u.recv, 100)
 
     def test_strangers(self):
         own = f"Host: 127.0.0.1:{self.s.port}\r\n"

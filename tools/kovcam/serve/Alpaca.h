@@ -1,6 +1,8 @@
 // ASCOM Alpaca over the engine room: a Camera device (ICameraV3) for each camera, the management interface, and
 // discovery. The routes stand in one table in Alpaca.cpp.
 #pragma once
+#include <netinet/in.h>
+
 #include <atomic>
 #include <filesystem>
 #include <map>
@@ -48,17 +50,18 @@ private:
     std::map<std::string, std::string> m_ids;
 };
 
-// Answers the search for Alpaca servers on UDP with the port of this one, on the interface that was asked. Without
-// `network` only programs of this machine are answered. A port that is taken is told on standard error.
+// Answers the search for Alpaca servers on UDP with the port of this one, from the address that was asked. `listen` is what the
+// server listens at, a name or an address: who asks by way of another address of this machine, where the server is not, gets no
+// answer. A port that is taken is told on standard error.
 class Discovery {
 public:
-    Discovery(int udpPort, int alpacaPort, bool network);
+    Discovery(int udpPort, int alpacaPort, const std::string& listen);
     ~Discovery();
     Discovery(const Discovery&) = delete;
     Discovery& operator=(const Discovery&) = delete;
 
 private:
-    void Run(const std::stop_token& stop, int alpacaPort);
+    void Run(const std::stop_token& stop, int alpacaPort, in_addr at);
     int m_socket = -1;
     std::jthread m_thread;
 };

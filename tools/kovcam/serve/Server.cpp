@@ -318,7 +318,7 @@ public:
         std::fflush(stdout);
         std::unique_ptr<Discovery> discovery;
         if (m_options.discoveryPort > 0)
-            discovery = std::make_unique<Discovery>(m_options.discoveryPort, port, network);
+            discovery = std::make_unique<Discovery>(m_options.discoveryPort, port, m_options.listen);
         std::thread watch([this] {
             while (!m_stop())
                 std::this_thread::sleep_for(50ms);
