@@ -61,7 +61,7 @@ TEST(CameraBase, Commands)
     usb.dev.OnFail = nullptr;
     EXPECT_TRUE(cam.StartSensorCLK());
     EXPECT_FALSE(cam.m_bSensorCLKStopped);
-    for (const long bytes : { 0L, 49152L, 49153L, 49152L * 65537 })
+    for (const long bytes : { 0L, 49152L, 49153L, static_cast<long>(49152LL * 65537) })
         EXPECT_TRUE(cam.SetTransferCount(bytes));
     EXPECT_EQ(usb.dev.Log(),
               "out 169 0000 0000\nout 170 0000 0000\nout 174 0000 0000\nout 175 0000 0000\n"
