@@ -54,7 +54,7 @@ def configure():
 
 class Test:
     def __init__(self, entry):
-        self.name, self.command = entry["name"].split("  #")[0], entry["command"]
+        self.name, self.command = entry["name"].split("  #")[0], entry.get("command", [])  # none: a program of its own, not built here
         properties = {p["name"]: p["value"] for p in entry["properties"]}
         self.folder = properties["WORKING_DIRECTORY"]
         self.environment = dict(v.split("=", 1) for v in properties.get("ENVIRONMENT", []))
