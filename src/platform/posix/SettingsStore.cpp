@@ -133,9 +133,9 @@ bool IsDamage(int rc)
 // written.
 bool MayBeDamage(int rc) { return IsDamage(rc) || (rc & 0xFF) == SQLITE_NOMEM || (rc & 0xFF) == SQLITE_READONLY; }
 
-constexpr const char* REPLACE =
-    "INSERT INTO setting VALUES (?1, ?2, ?3, ?4) ON CONFLICT DO UPDATE "
-    "SET type = ?3, bytes = ?4 WHERE type <> ?3 OR bytes <> ?4";
+constexpr const char* TABLE =
+    "setting (key TEXT NOT NULL COLLATE NOCASE, name TEXT NOT NULL COLLATE NOCASE, type INTEGER NOT NULL, "
+    "bytes BLOB NOT NULL, PRIMARY KEY (key, name)) WITHOUT ROWID";
 
 // Read and write even for reading: a transaction that a killed process has left behind has to be rolled back. SQLite
 // falls back to reading only where the file is write-protected.
@@ -190,14 +190,27 @@ struct NoCase {
 };
 using Changes = std::map<std::string, std::vector<Value>, NoCase>;  // key -> values
 
-// Goes through all rows in the order of the file; row(key, name, statement). SQLITE_DONE, or why it ended. SQLite searches a
-// row by that order and takes it on trust: rows that lie elsewhere would be kept and never be found again.
+// Whether the table is ours to the letter. Damage to a schema makes other tables, some of which can be read.
+bool IsOurs(const Db& db)
+{
+    const Statement s = Prepare(db, "SELECT 1 FROM sqlite_schema WHERE name = 'setting' AND sql = 'CREATE TABLE ' || ?1");
+    if (!s)
+        return false;
+    BindText(s, 1, TABLE);
+    return sqlite3_step(s.get()) == SQLITE_ROW;
+}
+
+// Goes through all rows in the order of the file; row(key, name, statement). SQLITE_DONE, or why it ended; SQLITE_ERROR: there
+// is no such table. SQLite searches a row by that order and takes it on trust: rows that lie elsewhere would be kept and never be
+// found again.
 template <class Row>
 int Walk(const Db& db, Row row)
 {
     const Statement s = Prepare(db, "SELECT key, name, type, bytes FROM setting NOT INDEXED");
     if (!s)
         return sqlite3_errcode(db.get());
+    if (!IsOurs(db))
+        return SQLITE_CORRUPT;
     const auto text = [&](int column) -> std::string {
         const auto* const p = reinterpret_cast<const char*>(sqlite3_column_text(s.get(), column));
         return p ? p : "";
@@ -232,6 +245,21 @@ int QuickCheck(const Db& db)
 
 constexpr auto NOTHING = [](const std::string&, const std::string&, const Statement&) {};
 
+// SQLITE_OK: a transaction has begun in which rows can be written. Else why not; later calls, even the end of a statement, make
+// the database forget that. It is rolled back when the database closes, unless it is committed.
+int Begin(const Db& db)
+{
+    // IMMEDIATE: a second process waits here, where waiting is possible, and not in the middle.
+    if (!Execute(db, "BEGIN IMMEDIATE"))
+        return sqlite3_errcode(db.get());
+    if (const int rc = QuickCheck(db); rc != SQLITE_OK)
+        return rc;
+    if (!Execute(db, (std::string("CREATE TABLE IF NOT EXISTS ") + TABLE).c_str()))
+        return sqlite3_errcode(db.get());
+    const int rc = Walk(db, NOTHING);
+    return rc == SQLITE_DONE ? SQLITE_OK : rc;
+}
+
 // --- a damaged file ---------------------------------------------------------------------------------------------------
 
 // At the second look, with memory there to be had, that is what it was.
@@ -260,13 +288,11 @@ bool IsDamagedNow(const fs::path& path)
     const Db db = OpenDatabase(path, false, READ_BUSY_MS);
     if (!db)
         return false;
+    // Without a lock first: a file that nobody may write can be damaged too.
     if (const int rc = QuickCheck(db); rc != SQLITE_OK)
         return IsDamageStill(rc);
     const int rows = Walk(db, NOTHING);
-    if (rows != SQLITE_ERROR && IsDamageStill(rows))  // SQLITE_ERROR: there may be no table yet
-        return true;
-    const Statement table = Prepare(db, "SELECT 1 FROM sqlite_schema WHERE CAST(name AS TEXT) = 'setting'");
-    return table && sqlite3_step(table.get()) == SQLITE_ROW && !Prepare(db, REPLACE);
+    return (rows != SQLITE_ERROR && IsDamageStill(rows)) || IsDamageStill(Begin(db));
 }
 
 // The file goes to settings-DATE-TIME.damaged, with its journal; the next save begins a new one. The lock on the folder
@@ -299,29 +325,20 @@ void PutAside(const fs::path& path)
 
 // --- the writer -------------------------------------------------------------------------------------------------------
 
-// SQLITE_OK, or why the rows are not in the database; later calls, even the end of a statement, make it forget that. Rows that
-// keep their contents are not written, so a save without a change costs no disk access.
+// SQLITE_OK, or why the rows are not in the database. Rows that keep their contents are not written, so a save without a change
+// costs no disk access.
 int WriteRows(const Db& db, const Changes& changes, const std::set<std::string, NoCase>& unread)
 {
-    // IMMEDIATE: a second process waits here, where waiting is possible, and not in the middle.
-    const auto why = [&] { return sqlite3_errcode(db.get()); };
-    if (!Execute(db, "BEGIN IMMEDIATE"))
-        return why();
-    if (const int rc = QuickCheck(db); rc != SQLITE_OK)
+    if (const int rc = Begin(db); rc != SQLITE_OK)
         return rc;
-    if (!Execute(db,
-                 "CREATE TABLE IF NOT EXISTS setting (key TEXT NOT NULL COLLATE NOCASE, "
-                 "name TEXT NOT NULL COLLATE NOCASE, type INTEGER NOT NULL, bytes BLOB NOT NULL, "
-                 "PRIMARY KEY (key, name)) WITHOUT ROWID"))
-        return why();
-    if (const int rc = Walk(db, NOTHING); rc != SQLITE_DONE)
-        return rc;
-    const Statement replace = Prepare(db, REPLACE);
+    const Statement replace = Prepare(db,
+                                      "INSERT INTO setting VALUES (?1, ?2, ?3, ?4) ON CONFLICT DO UPDATE "
+                                      "SET type = ?3, bytes = ?4 WHERE type <> ?3 OR bytes <> ?4");
     if (!replace)
-        return why();
+        return sqlite3_errcode(db.get());
     const Statement add = Prepare(db, "INSERT INTO setting VALUES (?1, ?2, ?3, ?4) ON CONFLICT DO NOTHING");
     if (!add)
-        return why();
+        return sqlite3_errcode(db.get());
     for (const auto& [key, values] : changes) {
         const Statement& s = unread.contains(key) ? add : replace;
         for (const Value& v : values) {
@@ -338,7 +355,7 @@ int WriteRows(const Db& db, const Changes& changes, const std::set<std::string, 
                 return rc;
         }
     }
-    return Execute(db, "COMMIT") ? SQLITE_OK : why();  // what was not committed is rolled back when the database closes
+    return Execute(db, "COMMIT") ? SQLITE_OK : sqlite3_errcode(db.get());
 }
 
 void Save(const fs::path& path, const Changes& changes, const std::set<std::string, NoCase>& unread)
@@ -352,7 +369,7 @@ void Save(const fs::path& path, const Changes& changes, const std::set<std::stri
     std::error_code ec;
     fs::create_directories(path.parent_path(), ec);
     for (const bool last : { false, true }) {
-        const Db db = OpenDatabase(path, true, WRITE_BUSY_MS);
+        Db db = OpenDatabase(path, true, WRITE_BUSY_MS);
         if (!db)
             return TellNotKept(path, ec ? ec.message().c_str() : "the file cannot be opened",
                                ec == std::errc::no_space_on_device ? SQLITE_FULL : SQLITE_CANTOPEN);
@@ -366,6 +383,7 @@ void Save(const fs::path& path, const Changes& changes, const std::set<std::stri
             return;
         if (last || !MayBeDamage(rc))
             return TellNotKept(path, sqlite3_errstr(rc), rc);
+        db = nullptr;  // with its lock
         PutAside(path);
     }
 }
