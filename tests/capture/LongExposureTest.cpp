@@ -1,5 +1,6 @@
 // Exposures that the host times: what goes to the camera, in which order, and how long the pause lasts.
 #include "CaptureCamera.h"
+#include "capture/RunControl.h"
 
 namespace {
 
@@ -257,3 +258,19 @@ TEST(Lapis, ReconnectsAfterALostExposure)
 }
 
 }  // namespace
+
+// A newer run has the camera then.
+TEST(RunControl, AnAbandonedRunChangesNothing)
+{
+    Rig r(Family::Quartz, false);
+    r.cam.m_bCapturing = true;
+    r.cam.m_ExpStatus = EXP_WORKING;
+    RunControl old(r.cam, true);
+    old.Abandon();
+    old.Tell(EXP_FAILED);
+    old.End(EXP_FAILED);
+    old.Stop();
+    EXPECT_FALSE(old.IsRunning() || old.Deliver([] { return true; }));
+    EXPECT_TRUE(r.cam.m_bCapturing);
+    EXPECT_EQ(r.cam.m_ExpStatus, EXP_WORKING);
+}
