@@ -167,6 +167,17 @@ TEST(Delivery, OrderOfFlipAndBin)
     EXPECT_EQ(s.Get(raw, raw.size() / 4), fixed);
 }
 
+// Another thread of the host may be half-way through setting a region.
+TEST(Delivery, RegionLargerThanTheSensorShowsTheRowsThatThereAre)
+{
+    Shot s(Family::Quartz, false);
+    s.Size(W, H, 2);
+    const Bytes out = s.Get(Bytes(W * H, 7), W * H);
+    ASSERT_EQ(out.size(), size_t(W * H));
+    EXPECT_EQ(std::count(out.begin(), out.end(), 28), W * H / 4);
+    EXPECT_EQ(std::count(out.begin(), out.end(), 0xEE), W * H - W * H / 4);
+}
+
 TEST(Delivery, DarkIsCollectedAveragedAndSubtracted)
 {
     Shot s(Family::Quartz, true);
