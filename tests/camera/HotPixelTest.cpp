@@ -197,8 +197,8 @@ TEST_F(HotPixels, TableReachesSeveralBinnedPixels)
     pRow[4] = -4;
     pRow[12] = 8;  // behind the end
     const int iOld = (W / 2) * (H / 2) - 1;
-    cam.m_pHPCBuf2[iOld] = 1;  // of an older geometry
-    cam.m_pHPCBuf2[2] = 1;
+    cam.m_pHPCBuf2[iOld] = 1;            // of an older geometry
+    cam.m_pHPCBuf2[W * H / 16 - 1] = 1;  // the last one of the quarter that is cleared
     cam.m_pHPCBuf1[0 * W + 8] = 1;
     cam.m_pHPCBuf1[5 * W + 9] = 1;  // odd and odd: no entries, shift 0
     cam.m_pHPCBuf1[9 * W] = 1;      // shifted it falls off the row's beginning

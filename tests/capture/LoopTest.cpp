@@ -511,9 +511,10 @@ TEST(GarnetSLoop, FifthBadFrameStretchesTheLine)
     const std::string file = testing::TempDir() + "kov-line.log";
     std::remove(file.c_str());
     logging::Configure("info:capture", file.c_str());
-    for (int i = 1; i <= 6; ++i)
+    for (int i = 1; i <= 6; ++i) {
         ASSERT_TRUE(r.SendBad(FrameB(S, 2, false)));
-    EXPECT_EQ(r.Log(), "out 166 300c 06d6\n");  // 1650 + 100
+        EXPECT_EQ(r.Log(), i < 5 ? "" : "out 166 300c 06d6\n") << i;  // 1650 + 100
+    }
     logging::Configure(nullptr, nullptr);
     std::ifstream in(file);
     const std::string log(std::istreambuf_iterator<char>(in), {});

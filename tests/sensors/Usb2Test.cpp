@@ -687,6 +687,7 @@ TEST_F(Iolite, BandwidthIsAClock)
     int percent;
     bool bAuto = true;
     EXPECT_EQ(SENDS(cam->SetFPSPerc(1, true)), "cmd163 0009:0207");  // (24 * 33000 + 180) / 1524
+    EXPECT_EQ(SENDS(cam->SetFPSPerc(2, true)), "cmd164 0009:040f");  // (48 * 33000 + 180) / 1524
     EXPECT_FALSE(cam->SetFPSPerc(50, false));
     EXPECT_EQ(Sent(), "");
     EXPECT_TRUE(cam->GetFPSPerc(&percent, &bAuto));
@@ -698,9 +699,9 @@ TEST_F(Iolite, GainAndLongExposure)
 {
     auto cam = Open<CCameraSIoliteMono>(0xC09A);
     cam->m_bAutoBL = false;
-    const std::pair<int, const char*> rows[] = {
-        { 0, "0035:000a" }, { 37, "0035:0020" }, { 38, "0035:0051" }, { 99, "0035:0267" }, { 101, "0035:0267" }
-    };
+    const std::pair<int, const char*> rows[] = { { 0, "0035:000a" },  { 37, "0035:0020" }, { 38, "0035:0051" },
+                                                 { 75, "0035:0067" }, { 76, "0035:025a" }, { 99, "0035:0267" },
+                                                 { 101, "0035:0267" } };
     for (const auto& row : rows)
         EXPECT_EQ(SENDS(cam->SetGain(row.first, false)), row.second) << row.first;
     m_dev->OnFail = [](const RecordedRequest& r) { return r.wValue == 0x35; };

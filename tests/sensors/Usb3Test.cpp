@@ -296,6 +296,16 @@ TEST_F(Quartz, ClockByNumber)
         cam->SetCMOSClk(clock);
     EXPECT_EQ(Sent(), "3009=02 3009=01 3009=00 3009=02");
     EXPECT_EQ(cam->m_iCMOSClk, 1000) << "an unknown clock is stored all the same";
+
+    Region(*cam, 64, 64, 1);
+    cam->SetHighSpeedMode(true);
+    for (const int hmax :
+         { 196, 203 }) {  // an unknown clock brings back the shortest line of the normal one, a known one does not
+        cam->SetCMOSClk(18562);
+        cam->SetFPSPerc(100, false);
+        EXPECT_EQ(cam->m_iHMAX, hmax);
+        cam->SetCMOSClk(1000);
+    }
 }
 
 TEST_F(Quartz, BalanceBrightnessStreamingTemperature)

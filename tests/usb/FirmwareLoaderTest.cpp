@@ -254,6 +254,10 @@ TEST_F(Loader, SpiImage)
     EXPECT_EQ(last[0], image[65536]);
     EXPECT_EQ(last[1], image[63489]);
 
+    dev.Clear();
+    EXPECT_EQ(DownloadBuftoSPIFLASH(image.data(), 4096, 196), FX3_FW_SUCCESS);
+    EXPECT_EQ(Shapes().size(), 4u) << "erase, its poll, two blocks";
+
     for (int iRefused = 0; iRefused < 5; ++iRefused) {  // erase, its poll, three blocks
         dev.OnFail = [n = 0, iRefused](const RecordedRequest&) mutable { return n++ == iRefused; };
         dev.Clear();
