@@ -79,7 +79,7 @@ bool CCameraFX3::UpdateFW(const uint8_t* image, int32_t length)
     std::vector<uint8_t> sent(image, image + length);
     std::vector<uint8_t> back(std::max(size_t{ EEPROM_SIZE }, size_t(blocks) * EEPROM_BLOCK));
 
-    // QUIRK: the last of several blocks takes the remainder, so an sent of a whole number of blocks sends a last block
+    // QUIRK: the last of several blocks takes the remainder, so an image of a whole number of blocks sends a last block
     // of no bytes and never compares equal.
     const auto Blocks = [&](bool input, uint8_t* p) {
         for (int32_t b = 0; b < blocks; ++b) {

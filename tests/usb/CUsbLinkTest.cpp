@@ -231,7 +231,7 @@ TEST(CUsbLink, AlternateSettingChoosesTheTable)
 {
     StackScope s;
     FakeUsbDevice& dev = s.stack.Add(0xC11A);
-    const uint8_t more[] = { 9, 4, 0, 1, 2, 0xFE, 3, 4, 0, 7, 5, 0x02, 2, 0, 4, 0, 7, 5, 0x83, 1, 0, 4, 1 };
+    const uint8_t more[] = { 9, 4, 0, 1, 2, 0xFE, 3, 4, 0, 7, 5, 0x01, 2, 0, 4, 0, 7, 5, 0x83, 1, 0, 4, 1 };
     dev.configDescriptor.insert(dev.configDescriptor.end(), std::begin(more), std::end(more));
     dev.configDescriptor[2] = uint8_t(dev.configDescriptor.size());
     dev.configDescriptor[6] = 9;
@@ -240,6 +240,7 @@ TEST(CUsbLink, AlternateSettingChoosesTheTable)
     EXPECT_EQ(link.m_intfClass, 0xFE);
     EXPECT_EQ(link.EndPointCount(), 3);
     ASSERT_TRUE(link.m_pBulkOut && link.m_pIsocIn);
+    EXPECT_FALSE(link.m_pBulkOut->m_bIn);
     EXPECT_EQ(link.m_pBulkIn, nullptr);
     link.SelectAltSetting(5);  // no such setting: nothing changes
     EXPECT_EQ(link.EndPointCount(), 3);

@@ -106,6 +106,9 @@ TEST_F(Loader, UpdateWritesComparesAndStartsTheImage)
                                                   "out 160 04ff 0000 1023", "out 160 08fe 0000 1023", "out 160 0cfd 0000 1023",
                                                   "out 160 10fc 0000 174",  "out 160 e600 0000 1" };
     EXPECT_EQ(got, expected);
+    dev.Clear();
+    EXPECT_TRUE(UpdateFW(image.data(), 0));
+    EXPECT_EQ(Shapes(), g_LoaderStart) << "no length, no records";
 }
 
 TEST_F(Loader, BlockSizes)
