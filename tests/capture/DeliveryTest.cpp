@@ -438,6 +438,16 @@ TEST(Delivery, RepairsFollowTheRegion)
     }
 }
 
+TEST(Delivery, HotPixelsAtBothEndsAreRepairedFromThisFrame)
+{
+    Shot s(Family::Quartz, false);
+    s.cam.m_bHPCEnable = true;
+    s.cam.m_pHPCBuf1[1] = s.cam.m_pHPCBuf1[W * H - 2] = 1;
+    s.cam.AdjustHPCTable(s.cam.m_pHPCBuf1, s.cam.m_pHPCBuf2);
+    for (const uint8_t level : { uint8_t{ 60 }, uint8_t{ 100 } })
+        EXPECT_EQ(s.Get(Bytes(W * H, level), W * H), Bytes(W * H, level));
+}
+
 TEST(Delivery, NothingComesAndNothingChanges)
 {
     Shot s(Family::Quartz, true);

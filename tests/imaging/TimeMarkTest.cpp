@@ -52,7 +52,7 @@ TEST(TimeMark, ColourBackgroundIsCutPerPixel)
 {
     Bytes image(640 * 40 * 3);
     for (size_t i = 0; i < image.size(); ++i)
-        image[i] = i % 3 == 0 ? 129 : 130;  // 389 / 3 = 129
+        image[i] = i % 3 == 2 ? 129 : 130;  // 389 / 3 = 129
     imaging::DrawTimeMark(image.data(), 640, 40, 3, g_Time);
     EXPECT_EQ(image[3 * (9 * 640 + 441)], 180);
 }
