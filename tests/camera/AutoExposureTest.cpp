@@ -96,25 +96,30 @@ TEST(AutoExposure, LinesAndTargetAreTakenAsTheyStand)
 
 TEST(AutoExposure, MeasuresTheGridOfTheMiddle)
 {
-    TestCamera cam(160, 120);
-    cam.m_bAutoExp = true;
-    const auto measure = [&](std::vector<uint8_t>& frame) {
-        cam.m_lExposure = 10000;
-        cam.AutoExpGain(frame.data());
-        return cam.Asked();
-    };
-    // 64 by 48 points of which those strictly within 32..128 and 24..96 count.
-    std::vector<uint8_t> points(160 * 120, 0), others(160 * 120, 255);
-    for (size_t j = 0; j < 48; ++j)
-        for (size_t i = 0; i < 64; ++i) {
-            const size_t x = i * 5 / 2, y = j * 5 / 2;
-            if (x > 32 && x < 128 && y > 24 && y < 96) {
-                points[y * 160 + x] = 255;
-                others[y * 160 + x] = 0;
+    // 64 by 48 points, of which those strictly within these bounds count; the second frame has points on each of them.
+    struct {
+        size_t w, h, left, right, top, bottom;
+    } rows[] = { { 160, 120, 32, 128, 24, 96 }, { 64, 60, 12, 51, 12, 48 } };
+    for (const auto& r : rows) {
+        TestCamera cam(int(r.w), int(r.h));
+        cam.m_bAutoExp = true;
+        const auto measure = [&](std::vector<uint8_t>& frame) {
+            cam.m_lExposure = 10000;
+            cam.AutoExpGain(frame.data());
+            return cam.Asked();
+        };
+        std::vector<uint8_t> points(r.w * r.h, 0), others(r.w * r.h, 255);
+        for (size_t j = 0; j < 48; ++j)
+            for (size_t i = 0; i < 64; ++i) {
+                const size_t x = i * r.w / 64, y = j * r.h / 48;
+                if (x > r.left && x < r.right && y > r.top && y < r.bottom) {
+                    points[y * r.w + x] = 255;
+                    others[y * r.w + x] = 0;
+                }
             }
-        }
-    EXPECT_EQ(measure(points), Asked{ "exp 6125 1" });   // 255
-    EXPECT_EQ(measure(others), Asked{ "exp 14950 1" });  // 1
+        EXPECT_EQ(measure(points), Asked{ "exp 6125 1" }) << r.w;   // 255
+        EXPECT_EQ(measure(others), Asked{ "exp 14950 1" }) << r.w;  // 1
+    }
 }
 
 TEST(AutoExposure, BinningAndDepth)

@@ -183,6 +183,7 @@ TEST_F(Garnet, GainStages)
     mono->SetExp(200000, false);  // slow clock
     Sent();
     EXPECT_EQ(SENDS(mono->SetGain(0, true)), "30b0:5300 305e:0020");
+    EXPECT_EQ(SENDS(mono->SetBrightness(3)), "301e:0030");
     EXPECT_TRUE(mono->m_bAutoGain);
 }
 
