@@ -186,6 +186,19 @@ TEST(HotPixelsAtBin4, FrameOfACameraThatBinsByThreeOnly)
     EXPECT_EQ(cam.m_pImgBuf[5 * 16 + 10], 105);
 }
 
+TEST_F(HotPixels, ShiftsPullNothingIntoTheRegion)
+{
+    cam.m_bHardwareBin = true;
+    cam.m_iBin = 2;
+    cam.m_iWidth = W / 4;
+    cam.m_iHeight = H / 2;
+    cam.m_pTable80[2 * 16 + 4] = -4;  // even columns
+    cam.m_pTable80[2 * 16] = 0;
+    cam.m_pHPCBuf1[W / 2] = 1;
+    cam.AdjustHPCTable(cam.m_pHPCBuf1, cam.m_pHPCBuf2);
+    EXPECT_EQ(cam.m_iHPCNum, 0);
+}
+
 TEST_F(HotPixels, TableReachesSeveralBinnedPixels)
 {
     cam.m_bHardwareBin = true;

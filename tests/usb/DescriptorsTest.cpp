@@ -151,6 +151,7 @@ TEST(Descriptors, Bos)
     EXPECT_EQ(o->usb20->attributes, 0x12345678u);
     EXPECT_EQ(o->superSpeed->bmAttributes + 16 * o->superSpeed->bFunctionalitySupport + 256 * o->superSpeed->bU1DevExitLat,
               0xA21);
+    EXPECT_EQ(o->superSpeed->bDescriptorType, 16);
     EXPECT_EQ(o->superSpeed->wSpeedsSupported, 14);
     EXPECT_EQ(o->superSpeed->wU2DevExitLat, 0x7FF);
     EXPECT_EQ(o->containerId->containerId[0], 1);

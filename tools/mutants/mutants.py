@@ -132,11 +132,12 @@ def main():
     parser.add_argument("--budget", type=float, default=60, help="seconds of tests for one fault (default 60)")
     parser.add_argument("--slowest", type=float, default=20, help="leave out tests longer than this many seconds (default 20)")
     parser.add_argument("--every", action="store_true", help="do not stop at the first test that notices; tell which tests noticed nothing")
-    parser.add_argument("--again", action="store_true", help="only what survived the last run, or is new")
+    parser.add_argument("--again", action="store_true", help="only what survived the last run without a reason, or is new")
     parser.add_argument("--jobs", type=int, default=os.cpu_count())
     args = parser.parse_args()
     began = time.monotonic()
 
+    known = known_survivors()
     say("copying the sources and choosing faults")
     copy_sources()
     configure()
@@ -146,7 +147,8 @@ def main():
         key = lambda m: (m["file"], m["old"], m["new"])
         before = {key(m): m for m in json.loads((PLACE / "results.json").read_text())["mutants"] if m["killers"]}
         mutants = [m | {k: before[key(m)][k] for k in ("killers", "covered")} if key(m) in before else m for m in mutants]
-        hunted = [n for n, m in enumerate(mutants) if "killers" not in m]
+        hunted = [n for n, m in enumerate(mutants) if "killers" not in m and (key(m) not in known or known[key(m)].startswith("Open: "))]
+        mutants = [{"killers": [], "covered": 0, "unfinished": False} | m for m in mutants]
     say(f"{len(mutants)} of {sites} possible faults, seed {args.seed}; building")
     programs = re.findall(r"^build (test_\w+): phony", (BUILD / "build.ninja").read_text(), re.MULTILINE)
     run("cmake", "--build", BUILD, "--target", *programs)
@@ -161,7 +163,9 @@ def main():
                 print(f"left out, it fails without a fault: {test.name}")
         tests = sorted((t for t, passed in zip(tests, good) if passed and t.seconds <= args.slowest), key=lambda t: t.seconds * len(t.hits))
         say(f"{len(hunted)} faults, one at a time")
-        work = {pool.submit(hunt, n, [t for t in tests if n in t.hits], args.budget, args.every): n for n in hunted}
+        # The tests of the fault's own room first.
+        near = lambda n: [t for t in sorted(tests, key=lambda t: "test_" + mutants[n]["file"].split("/")[1] not in t.command[0]) if n in t.hits]
+        work = {pool.submit(hunt, n, near(n), args.budget, args.every): n for n in hunted}
         for done, job in enumerate(concurrent.futures.as_completed(work), 1):
             m = mutants[work[job]]
             m["covered"] = sum(work[job] in t.hits for t in tests)
@@ -173,7 +177,7 @@ def main():
 
     # What nobody runs but the compiler has no switch.
     mutants = [m for m in mutants if m["covered"] or not m["made"]]
-    known, report, killed, excused = known_survivors(), [], 0, 0
+    report, killed, excused = [], 0, 0
     for m in mutants:
         key = (m["file"], m["old"], m["new"])
         if m["killers"]:
