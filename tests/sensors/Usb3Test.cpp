@@ -299,8 +299,8 @@ TEST_F(Quartz, ClockByNumber)
 
     Region(*cam, 64, 64, 1);
     cam->SetHighSpeedMode(true);
-    for (const int hmax :
-         { 196, 203 }) {  // an unknown clock brings back the shortest line of the normal one, a known one does not
+    // An unknown clock brings back the shortest line of the normal one, a known one does not.
+    for (const int hmax : { 196, 203 }) {
         cam->SetCMOSClk(18562);
         cam->SetFPSPerc(100, false);
         EXPECT_EQ(cam->m_iHMAX, hmax);
