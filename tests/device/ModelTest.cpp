@@ -315,7 +315,7 @@ TEST_P(ModelTest, Invariants)
 
 TEST_P(ModelTest, FullFrame)
 {
-    if (Row().iWidth * Row().iHeight > 5000000)
+    if (Row().iWidth * Row().iHeight > 2000000)
         NewBus(RATE_LARGE);
     ASSERT_NO_FATAL_FAILURE(Open(Quiet(Row().wProductId)));
     Try({ "full frame", Row().iWidth, Row().iHeight, 1, false, false, -1, -1 });
