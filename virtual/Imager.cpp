@@ -13,26 +13,30 @@ constexpr int GAUSS_SIZE = 1 << GAUSS_BITS;
 
 // Evenly spaced quantiles of the normal distribution, scaled to a variance of exactly 1. Drawing one at random costs a
 // multiplication and a load; the price is that nothing lies beyond 3.7 sigma.
+// A function of its own: as a lambda it is taken for constexpr, and the compiler spends seconds on working it out.
+std::array<float, GAUSS_SIZE> NormalQuantiles()
+{
+    std::array<double, GAUSS_SIZE> q;
+    double sum2 = 0;
+    for (int i = 0; i < GAUSS_SIZE; ++i) {
+        const double p = (i + 0.5) / GAUSS_SIZE;
+        double lo = -6, hi = 6;
+        for (int n = 0; n < 50; ++n) {
+            const double mid = (lo + hi) / 2;
+            (0.5 * std::erfc(-mid / std::sqrt(2.0)) < p ? lo : hi) = mid;
+        }
+        q[size_t(i)] = lo;
+        sum2 += lo * lo;
+    }
+    std::array<float, GAUSS_SIZE> table;
+    for (size_t i = 0; i < table.size(); ++i)
+        table[i] = float(q[i] / std::sqrt(sum2 / GAUSS_SIZE));
+    return table;
+}
+
 const std::array<float, GAUSS_SIZE>& Gauss()
 {
-    static const std::array<float, GAUSS_SIZE> s_table = [] {
-        std::array<double, GAUSS_SIZE> q;
-        double sum2 = 0;
-        for (int i = 0; i < GAUSS_SIZE; ++i) {
-            const double p = (i + 0.5) / GAUSS_SIZE;
-            double lo = -6, hi = 6;
-            for (int n = 0; n < 50; ++n) {
-                const double mid = (lo + hi) / 2;
-                (0.5 * std::erfc(-mid / std::sqrt(2.0)) < p ? lo : hi) = mid;
-            }
-            q[size_t(i)] = lo;
-            sum2 += lo * lo;
-        }
-        std::array<float, GAUSS_SIZE> table;
-        for (size_t i = 0; i < table.size(); ++i)
-            table[i] = float(q[i] / std::sqrt(sum2 / GAUSS_SIZE));
-        return table;
-    }();
+    static const std::array<float, GAUSS_SIZE> s_table = NormalQuantiles();
     return s_table;
 }
 
