@@ -13,6 +13,7 @@
 #include <set>
 
 #include "common/Text.h"
+#include "kovcam/serve/Columns.h"
 #include "kovcam/serve/Http.h"
 #include "kovcam/serve/Parameters.h"
 
@@ -40,9 +41,6 @@ constexpr int NOT_IMPLEMENTED = 0x400, INVALID_VALUE = 0x401, NOT_CONNECTED = 0x
 enum class Transmission { Byte = 6, UInt16 = 8, Int32 = 2 };
 
 }  // namespace
-
-// The samples of an image as ImageBytes wants them, columns one after the other; `wide` as 32-bit numbers.
-static std::string Columns(const Frame& f, bool wide);
 
 // What the interface keeps for one camera beside the engine: the values for the next exposure, and the last image.
 class AlpacaCamera : public std::enable_shared_from_this<AlpacaCamera> {
@@ -607,36 +605,6 @@ std::string ImageBytesError(uint32_t client, uint32_t server, int number, const 
     return out + text;
 }
 
-// Columns become rows, in tiles that stay in the cache.
-template <class From, class To>
-void Transpose(const From* from, int width, int height, To* to)
-{
-    constexpr int TILE = 32;
-    for (int y0 = 0; y0 < height; y0 += TILE)
-        for (int x0 = 0; x0 < width; x0 += TILE)
-            for (int x = x0; x < std::min(x0 + TILE, width); ++x)
-                for (int y = y0; y < std::min(y0 + TILE, height); ++y)
-                    to[static_cast<size_t>(x) * static_cast<size_t>(height) + static_cast<size_t>(y)] =
-                        from[static_cast<size_t>(y) * static_cast<size_t>(width) + static_cast<size_t>(x)];
-}
-
-template <class To>
-void TransposeColour(const uint8_t* from, int width, int height, To* to)
-{
-    constexpr int TILE = 32;
-    for (int y0 = 0; y0 < height; y0 += TILE)
-        for (int x0 = 0; x0 < width; x0 += TILE)
-            for (int x = x0; x < std::min(x0 + TILE, width); ++x)
-                for (int y = y0; y < std::min(y0 + TILE, height); ++y) {
-                    const uint8_t* const bgr =
-                        from + (static_cast<size_t>(y) * static_cast<size_t>(width) + static_cast<size_t>(x)) * 3;
-                    To* const rgb = to + (static_cast<size_t>(x) * static_cast<size_t>(height) + static_cast<size_t>(y)) * 3;
-                    rgb[0] = bgr[2];
-                    rgb[1] = bgr[1];
-                    rgb[2] = bgr[0];
-                }
-}
-
 // Header and samples, without another copy of the samples.
 void SendImageBytes(httplib::Response& response, const AlpacaCamera::Image& image, uint32_t client, uint32_t server, bool wide)
 {
@@ -660,35 +628,6 @@ void SendImageBytes(httplib::Response& response, const AlpacaCamera::Image& imag
                                       const size_t at = offset - head.size();
                                       return sink.write(columns->data() + at, std::min<size_t>(columns->size() - at, 1 << 20));
                                   });
-}
-
-void AppendColumn(const Frame& f, int x, std::string& out)
-{
-    out += '[';
-    char number[8];
-    const auto put = [&](uint32_t v) {
-        const auto r = std::to_chars(number, number + sizeof(number), v);
-        out.append(number, r.ptr);
-    };
-    for (int y = 0; y < f.height; ++y) {
-        if (y != 0)
-            out += ',';
-        const size_t i = static_cast<size_t>(y) * static_cast<size_t>(f.width) + static_cast<size_t>(x);
-        if (f.type == IMG_RGB24) {
-            out += '[';
-            put(f.pixels[i * 3 + 2]);
-            out += ',';
-            put(f.pixels[i * 3 + 1]);
-            out += ',';
-            put(f.pixels[i * 3]);
-            out += ']';
-        } else if (f.type == IMG_RAW16) {
-            put(reinterpret_cast<const uint16_t*>(f.pixels.data())[i]);
-        } else {
-            put(f.pixels[i]);
-        }
-    }
-    out += ']';
 }
 
 // As text it is some 80 MB for 16 megapixels: sent column by column.
@@ -731,29 +670,6 @@ void SendJson(httplib::Response& response, json value, bool hasValue, uint32_t c
 }
 
 }  // namespace
-
-static std::string Columns(const Frame& f, bool wide)
-{
-    const size_t sample = wide ? 4 : f.type == IMG_RAW16 ? 2 : 1;
-    std::string out(
-        static_cast<size_t>(f.width) * static_cast<size_t>(f.height) * static_cast<size_t>(f.View().Channels()) * sample, '\0');
-    char* const to = out.data();
-    const uint8_t* const bytes = f.pixels.data();
-    const auto* const words = reinterpret_cast<const uint16_t*>(bytes);
-    if (f.type == IMG_RGB24 && wide)
-        TransposeColour(bytes, f.width, f.height, reinterpret_cast<int32_t*>(to));
-    else if (f.type == IMG_RGB24)
-        TransposeColour(bytes, f.width, f.height, reinterpret_cast<uint8_t*>(to));
-    else if (f.type == IMG_RAW16 && wide)
-        Transpose(words, f.width, f.height, reinterpret_cast<int32_t*>(to));
-    else if (f.type == IMG_RAW16)
-        Transpose(words, f.width, f.height, reinterpret_cast<uint16_t*>(to));
-    else if (wide)
-        Transpose(bytes, f.width, f.height, reinterpret_cast<int32_t*>(to));
-    else
-        Transpose(bytes, f.width, f.height, reinterpret_cast<uint8_t*>(to));
-    return out;
-}
 
 Alpaca::Alpaca(Observatory& observatory, const std::filesystem::path& folder, std::string version)
     : m_observatory(observatory), m_file(folder / "alpaca.json"), m_version(std::move(version))
