@@ -6,7 +6,6 @@
 #include <algorithm>
 #include <charconv>
 #include <cmath>
-#include <cstring>
 #include <fstream>
 #include <nlohmann/json.hpp>
 #include <random>
